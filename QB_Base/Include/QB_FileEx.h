@@ -1,0 +1,76 @@
+// QB_FileEx: a file with the mode word of the original platform, and the
+// folder helper MakeDirs. Every file the system touches goes through here
+// and then through the current QB_Env.
+#pragma once
+
+#include "QB_Env.h"
+#include "QB_String.h"
+
+#include <cstdint>
+
+// Mode word of QB_FileEx::Open: one value of each group added together.
+enum : uint32_t
+{
+    QB_FILE_READ = 0x1,
+    QB_FILE_WRITE = 0x2,
+    QB_FILE_READWRITE = 0x3,
+    QB_FILE_ACCESS_MASK = 0x3,
+
+    QB_FILE_SHARE_DENY_READ = 0x10,
+    QB_FILE_SHARE_DENY_WRITE = 0x20,
+
+    QB_FILE_OPEN_EXISTING = 0x100,  // also when the creation bits are 0
+    QB_FILE_OPEN_ALWAYS = 0x200,    // open, or create if missing
+    QB_FILE_CREATE_ALWAYS = 0x300,  // create anew, replacing
+    QB_FILE_CREATE_NEW = 0x400,     // create; must not exist
+    QB_FILE_CREATION_MASK = 0xF00,
+
+    QB_FILE_ATTR_READONLY = 0x1000,
+    QB_FILE_ATTR_HIDDEN = 0x2000,
+    QB_FILE_ATTR_ARCHIVE = 0x4000,
+};
+
+class QB_FileEx
+{
+public:
+    QB_FileEx() = default;
+    // Owners call Close: the destructor leaves the handle alone, as the
+    // original did.
+    virtual ~QB_FileEx() = default;
+
+    // True when open; an empty path or a mode without access bits gives false.
+    bool Open(const QB_StringW& sPath, uint32_t ulMode);
+    // True if a file was open.
+    bool Close();
+    bool IsOpen() const { return m_hFile != QB_INVALID_FILE; }
+
+    // Bytes read, or -1 on a failure, a null buffer or a count below 1.
+    int32_t Read(void* pBuf, int32_t nCount);
+    // Bytes written, 0 for a count of 0, -1 on a failure or a negative count.
+    int32_t Write(const void* pBuf, int32_t nCount);
+    // The new position (32 bits), or -1 on a failure.
+    int32_t Seek(int32_t nOffset, int nOrigin);
+    // File size in 32 bits; -1 on a failure.
+    int32_t GetLength();
+    // Sets the end of the file at the current position.
+    bool SetEnd();
+    bool GetTimes(QB_SystemTime* pCreation, QB_SystemTime* pLastWrite, QB_SystemTime* pLastAccess);
+
+    // The part of the full path behind its last backslash.
+    QB_StringW GetFileName() const;
+    // Absolute path of m_sFileName, at most 260 characters.
+    QB_StringW GetFullPath() const;
+    const QB_StringW& GetPath() const { return m_sFileName; }
+
+    static bool Delete(const QB_StringW& sPath);
+
+protected:
+    QB_StringW m_sFileName;
+    QB_FileHandle m_hFile = QB_INVALID_FILE;
+};
+
+// Makes sure every folder of `sPath` (wide, at most 260 characters, a
+// trailing backslash added if missing) exists, replacing a plain file that
+// stands in a folder's place. False when a folder can't be made.
+bool MakeDirs(const char16_t* pszPath);
+inline bool MakeDirs(const QB_StringW& sPath) { return MakeDirs(sPath.GetString()); }
