@@ -107,6 +107,10 @@ QB_Env* QB_SetEnv(QB_Env* lpEnv);
 // The system's own environment, whatever is installed.
 QB_Env* QB_GetDefaultEnv();
 
+// Sets or, with a null value, clears a variable of the process environment
+// (the simulator points ROOMCRATE_HOME at each node's folder this way).
+bool QB_SetEnvironmentVariable(const char* pszName, const char* pszValue);
+
 // Turns a Windows-form path into the host system's form and back.
 std::string QB_PathToSystem(const std::u16string& sPath);
 std::u16string QB_PathFromSystem(const std::string& sPath);
