@@ -1,0 +1,44 @@
+// Helpers shared by the test suites: a throw-away folder per test, whole-file
+// reading and writing, and byte vectors as text for failure messages.
+#pragma once
+
+#include "QB_String.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+// A fresh, empty folder below the system's temporary folder. Its name holds
+// the running test's name and a random part, so parallel runs of the same
+// suite don't meet. The folder and all it holds go at destruction.
+class QB_TempFolder
+{
+public:
+    QB_TempFolder();
+    ~QB_TempFolder();
+    QB_TempFolder(const QB_TempFolder&) = delete;
+    QB_TempFolder& operator=(const QB_TempFolder&) = delete;
+
+    // Host form, without a trailing slash.
+    const std::string& Path() const { return m_sPath; }
+    // Windows form (backslashes), with a trailing backslash.
+    QB_StringW PathW() const;
+    // A name below the folder, in either form; `sRelative` may use "/".
+    std::string Sub(const std::string& sRelative) const;
+    QB_StringW SubW(const std::string& sRelative) const;
+
+private:
+    std::string m_sPath;
+};
+
+// Host path in Windows form, without adding or removing a trailing backslash.
+QB_StringW QB_ToWindowsPath(const std::string& sPath);
+
+// The whole file; empty when it can't be read.
+std::vector<uint8_t> QB_ReadWholeFile(const std::string& sPath);
+// Replaces the file's content; false when it can't be written.
+bool QB_WriteWholeFile(const std::string& sPath, const std::vector<uint8_t>& vbData);
+bool QB_WriteWholeFile(const std::string& sPath, const std::string& sText);
+
+// "01 ab ff" for messages of byte comparisons.
+std::string QB_ToHex(const std::vector<uint8_t>& vbData);
