@@ -18,6 +18,9 @@ public:
 
     void Lock() { m_mutex.lock(); }
     void Unlock() { m_mutex.unlock(); }
+    // Takes the lock only if no other thread holds it; tests use it to see
+    // whether a lock is free without blocking.
+    bool TryLock() { return m_mutex.try_lock(); }
 
 private:
     std::recursive_mutex m_mutex;
