@@ -1,0 +1,262 @@
+// The manager's life, its link states, FileID allocation, the busy list and
+// the timer.
+#include "ZV_FileShareMgr.h"
+#include "ZV_FileShareSession.h"
+
+#include "QB_Env.h"
+#include "QB_Log.h"
+
+#include <cassert>
+
+ZV_FileShareMgr::ZV_FileShareMgr()
+{
+    // Nothing is asked of the host here: its pointers are written in later.
+}
+
+ZV_FileShareMgr::~ZV_FileShareMgr()
+{
+    // Sessions go; stored files and catalogue rows stay where they are.
+    for (QB_POSITION pos = m_mapSession.GetStartPosition(); pos != nullptr;)
+    {
+        uint16_t usFileID = 0;
+        ZV_FileShareSession* lpFsSession = nullptr;
+        try
+        {
+            m_mapSession.GetNextAssoc(pos, usFileID, lpFsSession);
+            delete lpFsSession;
+        }
+        catch (...)
+        {
+            QB_WriteLog(2, "error", "ZV_FileShareMgr::~ZV_FileShareMgr exception.\r\n");
+        }
+    }
+    m_mapSession.RemoveAll();
+}
+
+uint16_t ZV_FileShareMgr::GetModuleType()
+{
+    return m_usModuleType;
+}
+
+uint32_t ZV_FileShareMgr::ModuleReserved0()
+{
+    return 0;
+}
+
+void ZV_FileShareMgr::ModuleReserved1(uint32_t, uint32_t)
+{
+}
+
+bool ZV_FileShareMgr::ModuleReserved2(uint32_t)
+{
+    return false;
+}
+
+bool ZV_FileShareMgr::GetInterface(uint16_t usType, void** lppOut)
+{
+    if (lppOut == nullptr)
+        return false;
+    *lppOut = nullptr;
+    if (usType != zvInterfaceFileShareMgr)
+        return false;
+    *lppOut = static_cast<IZV_FileShareMgr*>(this);
+    return true;
+}
+
+uint32_t ZV_FileShareMgr::GetLinkConn(uint16_t usConnType)
+{
+    if (m_lpConf == nullptr)
+        return zvConnNone;
+    IZV_ConfLink* lpLink = m_lpConf->GetServerLink();
+    return lpLink ? lpLink->GetConn(usConnType) : zvConnNone;
+}
+
+uint32_t ZV_FileShareMgr::LookupSession(uint16_t usFileID, ZV_FileShareSession*& lpFsSession)
+{
+    lpFsSession = nullptr;
+    if (!m_mapSession.Lookup(usFileID, lpFsSession))
+        return ZV_ERR_UNKNOWN_FILE;
+    return lpFsSession ? ZV_OK : ZV_ERR_RESERVED_FILE;
+}
+
+uint16_t ZV_FileShareMgr::AllocFileID()
+{
+    const uint16_t usMin = m_lpConf->GetFileIDMin();
+    const uint16_t usMax = m_lpConf->GetFileIDMax();
+    QB_Lock lock(&m_mapSession);
+    if (usMax < usMin)
+        return ZV_NO_FILEID;
+    // Walk on from the last FileID given, wrapping inside the range. The walk
+    // is bounded by the range rather than trusting the map's count, since the
+    // map also holds FileIDs that linked servers gave out of their ranges.
+    const uint32_t ulRange = (uint32_t)(usMax - usMin) + 1;
+    if (m_usNextFileID > usMax || m_usNextFileID < usMin)
+        m_usNextFileID = usMin;
+    ZV_FileShareSession* lpExisting = nullptr;
+    for (uint32_t i = 0; i < ulRange; ++i)
+    {
+        const uint16_t usFileID = m_usNextFileID;
+        m_usNextFileID = usFileID >= usMax ? usMin : (uint16_t)(usFileID + 1);
+        if (m_mapSession.Lookup(usFileID, lpExisting))
+            continue;
+        m_mapSession.SetAt(usFileID, nullptr);
+        return usFileID;
+    }
+    return ZV_NO_FILEID;
+}
+
+void ZV_FileShareMgr::SetSessionBusy(uint8_t bBusy, uint16_t usFileID)
+{
+    const int nIndex = m_arrBusyFileID.Find(usFileID);
+    if (bBusy && nIndex < 0)
+        m_arrBusyFileID.Add(usFileID);
+    else if (!bBusy && nIndex >= 0)
+        m_arrBusyFileID.RemoveAt(nIndex);
+}
+
+// ---------------------------------------------------------------------------
+// Links
+
+uint32_t ZV_FileShareMgr::OnConnect(const QB_UserID* lpPeer, uint32_t, uint16_t usConnType, uint32_t)
+{
+    try
+    {
+        if (m_lpConf->IsClientMode())
+            OnClientConnect(usConnType);
+        else if (m_lpConf->IsServerMode())
+            OnServerConnect(lpPeer, usConnType);
+    }
+    catch (...)
+    {
+        QB_WriteLog(2, "error", "ZV_FileShareMgr::OnConnect exception.\r\n");
+    }
+    return 0;
+}
+
+// '4' on the data link means it is down because nothing needed it, '0' that
+// it was lost: only a link that comes back after a loss, with the command
+// link up all along, makes the client report where its downloads stand.
+void ZV_FileShareMgr::OnClientConnect(uint16_t usConnType)
+{
+    if (usConnType == zvConfClientTypeCommand)
+    {
+        m_cCmdLink = '1';
+        return;
+    }
+    if (usConnType != zvConfClientTypeData)
+        return;
+    if (m_cCmdLink == '1' && m_cDataLink != '4')
+        SendFileDownloadPos(true, 0);
+    else if (GetLinkConn(zvConfClientTypeData) != zvConnNone)
+        ZV_SendKick(m_lpConf, GetLinkConn(zvConfClientTypeData));
+    m_cDataLink = '2';
+}
+
+// The first complete pair of server links sends nothing; each further data
+// link while the pair stands restarts this server's fetches from that peer.
+void ZV_FileShareMgr::OnServerConnect(const QB_UserID* lpPeer, uint16_t usConnType)
+{
+    if (usConnType == zvConfServerTypeCommand)
+        m_cCmdLink = '1';
+    else if (usConnType == zvConfServerTypeData)
+        m_cDataLink = '2';
+    else
+        return;
+    if (m_cCmdLink == '1' && m_cDataLink == '2')
+        m_cCmdLink = '3';
+    else if (m_cCmdLink == '3' && m_cDataLink == '2')
+        SendFileDownloadPos(false, lpPeer ? lpPeer->m_ulMain : 0);
+}
+
+uint32_t ZV_FileShareMgr::OnDisconnect(const QB_UserID* lpPeer, uint32_t ulConn, uint16_t usConnType, uint32_t)
+{
+    assert(m_lpConf && "m_lpConf");
+    const bool bServer = m_lpConf->IsServerMode();
+    if (bServer && usConnType != zvConfClientTypeCommand)
+    {
+        for (QB_POSITION pos = m_mapSession.GetStartPosition(); pos != nullptr;)
+        {
+            uint16_t usFileID = 0;
+            ZV_FileShareSession* lpFsSession = nullptr;
+            m_mapSession.GetNextAssoc(pos, usFileID, lpFsSession);
+            assert(lpFsSession != NULL && "lpFsSession != NULL");
+            try
+            {
+                if (lpFsSession)
+                    lpFsSession->OnDisconnect(lpPeer, ulConn, usConnType);
+            }
+            catch (...)
+            {
+                QB_WriteLog(2, "error", "ZV_FileShareMgr::OnDisconnect exception.\r\n");
+            }
+        }
+    }
+    if (bServer)
+    {
+        if (usConnType == zvConfServerTypeCommand)
+            m_cCmdLink = m_cDataLink = '0';
+        else if (usConnType == zvConfServerTypeData)
+            m_cDataLink = '0';
+    }
+    else if (usConnType == zvConfClientTypeCommand)
+        m_cCmdLink = m_cDataLink = '0';
+    else if (usConnType == zvConfClientTypeData && m_cDataLink == '2')
+        m_cDataLink = '0';
+    return 0;
+}
+
+uint32_t ZV_FileShareMgr::OnSend(ConfPduData* lpCpd)
+{
+    for (QB_POSITION pos = m_mapSession.GetStartPosition(); pos != nullptr;)
+    {
+        uint16_t usFileID = 0;
+        ZV_FileShareSession* lpFsSession = nullptr;
+        m_mapSession.GetNextAssoc(pos, usFileID, lpFsSession);
+        assert(lpFsSession != NULL && "lpFsSession != NULL");
+        try
+        {
+            if (lpFsSession)
+                lpFsSession->OnSend(lpCpd);
+        }
+        catch (...)
+        {
+            QB_WriteLog(2, "error", "ZV_FileShareMgr::OnSend.OnSend exception.\r\n");
+        }
+    }
+    return 0;
+}
+
+// ---------------------------------------------------------------------------
+// Timer
+
+void ZV_FileShareMgr::OnTimer(uint32_t ulTick)
+{
+    // Each conference works on every fifth tick; conferences whose ids differ
+    // in their remainder take turns.
+    if ((m_lpConf->GetConfID() & 0xFFFF) % 5 != ulTick % 5)
+        return;
+    for (QB_POSITION pos = m_mapSession.GetStartPosition(); pos != nullptr;)
+    {
+        uint16_t usFileID = 0;
+        ZV_FileShareSession* lpFsSession = nullptr;
+        m_mapSession.GetNextAssoc(pos, usFileID, lpFsSession);
+        if (lpFsSession)
+            lpFsSession->OnTimer(ulTick);
+    }
+    if (!m_lpConf->IsClientMode())
+        return;
+    if (!m_arrBusyFileID.IsEmpty())
+    {
+        NotifyBusy(1);
+        return;
+    }
+    const uint32_t ulNow = QB_GetEnv()->GetTickCount();
+    if (m_ulIdleSince == 0)
+        m_ulIdleSince = ulNow;
+    if (ulNow - m_ulIdleSince < 15000)
+        return;
+    // Idle long enough: the data link may fall, and that is no loss.
+    m_cDataLink = '4';
+    NotifyBusy(0);
+    m_ulIdleSince = 0;
+}

@@ -1,0 +1,164 @@
+// ZV_FileShareMgr: the module's one object per conference.
+//
+// The same class runs on a conference server and on a participant's client;
+// the role is asked of the host at each decision, never stored. It routes
+// PDUs (catalogue numbers to its own handlers, everything else to the
+// session of the FileID in the payload's first u16), allocates FileIDs,
+// follows the link states, and serves the user side's Fs operations.
+//
+// The definition is split by concern: ZV_FileShareMgr.cpp (life, links,
+// FileIDs), ZV_FileShareMgr_Route.cpp (PDU routing), ZV_FileShareMgr_Events.cpp
+// (events to the user side), ZV_FileShareMgr_Fs.cpp (user-side operations).
+#pragma once
+
+#include "IZV_FileShare.h"
+#include "ZV_FileBriefInfo.h"
+#include "ZV_FileUploadInfo.h"
+
+#include "QB_Array.h"
+#include "QB_List.h"
+#include "QB_Locker.h"
+#include "QB_Map.h"
+#include "QB_String.h"
+
+#include <cstdint>
+
+class ZV_FileShareSession;
+
+// Sessions by FileID, 97 buckets, with the lock that FileID allocation and
+// the client's merging handlers take. A null value reserves a FileID whose
+// session is not made yet.
+class ZV_SessionMap : public QB_Locker, public QB_Map<uint16_t, ZV_FileShareSession*>
+{
+public:
+    ZV_SessionMap() : QB_Map<uint16_t, ZV_FileShareSession*>(97) {}
+};
+
+// Local paths of finished downloads whose session went with the file.
+using ZV_FinishedDownloadMap = QB_Map<uint16_t, QB_StringW, QB_HashShift4>;
+
+// Result codes that travel in Fs results, ulResult fields and events.
+enum : uint32_t
+{
+    ZV_OK = 0,
+    ZV_ERR_EXCEPTION = 1,
+    ZV_ERR_NO_HANDLER = 5,
+    ZV_ERR_CONFIG = 6,
+    ZV_ERR_NO_CONN = 16,
+    ZV_ERR_NO_HOST = 32,
+    ZV_ERR_NOT_IN_CONF = 33,
+    ZV_ERR_NOT_ENTITLED = 40,
+    ZV_ERR_NO_CREATOR_LINK = 56,
+    ZV_ERR_OPEN = 60,
+    ZV_ERR_IO = 61,
+    ZV_ERR_DELETE = 62,
+    ZV_ERR_UNKNOWN_FILE = 82,
+    ZV_ERR_RESERVED_FILE = 83,
+    ZV_ERR_NO_FILEID = 88,
+};
+
+constexpr uint16_t ZV_NO_FILEID = 0xFFFF;
+
+class ZV_FileShareMgr : public IZV_FileShareMgr, public IZV_ConfModule
+{
+public:
+    ZV_FileShareMgr();
+    ~ZV_FileShareMgr() override;
+
+    // ---- IZV_ConfModule
+    uint16_t GetModuleType() override;
+    uint32_t Initialize() override;
+    uint32_t ModuleReserved0() override;
+    uint32_t CleanData() override;
+    void ModuleReserved1(uint32_t ulArg1, uint32_t ulArg2) override;
+    bool ModuleReserved2(uint32_t ulArg) override;
+    uint32_t HandlePdu(ConfPduData* lpCpd) override;
+    uint32_t OnSend(ConfPduData* lpCpd) override;
+    uint32_t OnConnect(const QB_UserID* lpPeer, uint32_t ulConn, uint16_t usConnType, uint32_t ulReserved) override;
+    uint32_t OnDisconnect(const QB_UserID* lpPeer, uint32_t ulConn, uint16_t usConnType,
+                          uint32_t ulReserved) override;
+    void OnTimer(uint32_t ulTick) override;
+    uint32_t OnEvent(uint16_t usEvent, uintptr_t a1, uintptr_t a2, uintptr_t a3, uintptr_t a4) override;
+    bool GetInterface(uint16_t usType, void** lppOut) override;
+
+    // ---- IZV_FileShareMgr
+    uint32_t FsAdd(const char16_t* szPath, const QB_UserID* pRight, uint32_t nRight, uint8_t bPublic,
+                   uint8_t bStartUpload) override;
+    uint32_t FsSetRight(uint16_t usFileID, uint8_t bPublic, const QB_UserID* pAdd, uint32_t nAdd,
+                        const QB_UserID* pRemove, uint32_t nRemove) override;
+    uint32_t FsUpload(uint16_t usFileID) override;
+    uint32_t FsDelUpload(uint16_t usFileID) override;
+    uint32_t FsDelDownload(uint16_t usFileID, uint8_t bDeleteFile) override;
+    uint32_t FsDownload(uint16_t usFileID, const char16_t* szLocalPath) override;
+    uint32_t FsStopDownload(uint16_t usFileID) override;
+    uint32_t FsResumeDownload(uint16_t usFileID) override;
+    uint32_t FsStopUpload(uint16_t usFileID) override;
+    uint32_t FsResumeUpload(uint16_t usFileID) override;
+    uint32_t FsGetFileInfoByFileID(uint16_t usFileID, ZV_FsFileInfo* lpInfo) override;
+    uint32_t FsFilesAdd(const char16_t* szFolder, const char16_t* const* ppNames, uint32_t nNames,
+                        const QB_UserID* pRight, uint32_t nRight, uint8_t bPublic, uint8_t bStartUpload) override;
+    uint32_t FsSetFilesRight(const uint16_t* pFileID, uint32_t nFileID, uint8_t bPublic, const QB_UserID* pAdd,
+                             uint32_t nAdd, const QB_UserID* pRemove, uint32_t nRemove) override;
+    void SetSessionBusy(uint8_t bBusy, uint16_t usFileID) override;
+
+    // ---- helpers the sessions and handlers share
+    // The client's connection of the given type towards its server, or zvConnNone.
+    uint32_t GetLinkConn(uint16_t usConnType);
+    // A fresh FileID from the host's range, reserved in the map; ZV_NO_FILEID
+    // when the range is used up. Server only.
+    uint16_t AllocFileID();
+    // Restarts this node's running downloads and republishes upload state
+    // after a data link came back.
+    void SendFileDownloadPos(bool bClient, uint32_t ulServerID);
+    // The session of a FileID; 0 with the session, or 82 / 83.
+    uint32_t LookupSession(uint16_t usFileID, ZV_FileShareSession*& lpFsSession);
+
+    // ---- events to the user side that the manager raises
+    void NotifyFileAdded(uint32_t ulResult, uint16_t usFileID, const ZV_FileBriefInfo& brief, double dPercent);
+    void NotifyRightChanged(uint32_t ulResult, uint16_t usFileID, const ZV_FileBriefInfo& brief, double dPercent);
+    void NotifyFileHidden(uint32_t ulResult, uint16_t usFileID);
+    void NotifyFileGone(uint32_t ulResult, uint16_t usFileID);
+    void NotifyBusy(uint8_t bBusy);
+    void NotifyFilesAdded(const QB_Array<uint16_t>& arrFileID, const QB_Array<ZV_FileBriefInfo>& arrInfo,
+                          const QB_Array<double>& arrValue);
+
+    // ---- catalogue PDUs the manager serves itself
+    uint32_t HandleAddRequest(ConfPduData* lpCpd);
+    uint32_t HandleAddResponse(ConfPduData* lpCpd);
+    uint32_t HandleSetRightResponse(ConfPduData* lpCpd);
+    uint32_t HandleDelUploadRequest(ConfPduData* lpCpd);
+    uint32_t HandleDelUploadResponse(ConfPduData* lpCpd);
+    uint32_t HandleGetUploadSessionListRequest(ConfPduData* lpCpd);
+    uint32_t HandleGetUploadSessionListResponse(ConfPduData* lpCpd);
+    uint32_t HandleGetDownloadSessionListRequest(ConfPduData* lpCpd);
+    uint32_t HandleGetDownloadSessionListResponse(ConfPduData* lpCpd);
+    uint32_t HandleGetFileListRequest(ConfPduData* lpCpd);
+    uint32_t HandleGetFileListResponse(ConfPduData* lpCpd);
+    uint32_t HandleSetFilesRightRequest(ConfPduData* lpCpd);
+    uint32_t HandleFileStateNotice(ConfPduData* lpCpd);
+    uint32_t HandleAddFilesRequest(ConfPduData* lpCpd);
+    uint32_t HandleAddFilesResponse(ConfPduData* lpCpd);
+
+    // ---- state, public to the sessions and to tests as the original was
+    char m_cCmdLink = '0';
+    char m_cDataLink = '4';
+    uint16_t m_usNextFileID = 1;
+    ZV_SessionMap m_mapSession;
+    ZV_FinishedDownloadMap m_mapFinishedDownload{97};
+    QB_StringA m_strPath;
+    QB_Array<uint16_t> m_arrBusyFileID;
+    uint32_t m_ulIdleSince = 0;
+    QB_List<ZV_FileUploadInfo> m_listUpload;
+    QB_Array<uint32_t> m_arrMaxPos;
+    QB_Array<uint16_t> m_arrPendingFileID;
+    QB_Array<double> m_arrPendingRate;
+    QB_Array<ZV_FileBriefInfo> m_arrPendingInfo;
+    QB_Array<uint16_t> m_arrDelFileID;
+
+private:
+    uint32_t RouteToSession(ConfPduData* lpCpd);
+    uint32_t RouteToManager(ConfPduData* lpCpd, bool& bHandled);
+    void OnClientConnect(uint16_t usConnType);
+    void OnServerConnect(const QB_UserID* lpPeer, uint16_t usConnType);
+    void DeleteAllSessions();
+};

@@ -1,0 +1,81 @@
+// SendFileDownloadPos: after a data link came back, restart this node's
+// running downloads where they stand and republish the upload state of the
+// files whose creators are homed here.
+#include "ZV_FileShareMgr.h"
+#include "ZV_FileShareSession.h"
+#include "ZV_RecordStream.h"
+
+#include "QB_Log.h"
+
+namespace {
+
+void RestartDownload(ZV_FileShareMgr* lpMgr, ZV_FileShareSession* lpFsSession, const ZV_FileDownloadInfo& download,
+                     const QB_UserID& creator, bool bClient, uint32_t ulServerID)
+{
+    IZV_ConfHost* lpConf = lpMgr->m_lpConf;
+    if (!bClient)
+    {
+        if (!lpConf->HasServerLinks())
+            return;
+        ZV_PduBuffer pdu;
+        pdu.Stream().WriteU16(lpFsSession->m_usFileID);
+        QB_UserID(lpConf->GetLocalServerID(), 0).Save(pdu.Stream());
+        SaveDelimited(pdu.Stream(), download);
+        ZV_SendToServerData(lpConf, ulServerID, PDU_CONF_FS_DOWNLOAD_DATA_REQUEST, pdu);
+        return;
+    }
+    const QB_UserID* lpLocal = lpConf->GetLocalUserID();
+    const uint32_t ulConn = lpMgr->GetLinkConn(zvConfClientTypeCommand);
+    if (lpLocal == nullptr || *lpLocal == creator || ulConn == zvConnNone)
+        return;
+    lpFsSession->m_bResyncPending = true;
+    lpFsSession->SendDownloadDataRequest(ulConn, lpFsSession->m_usFileID, *lpLocal, download);
+}
+
+// The creator's home server tells its peers whether the upload runs and
+// how far it has come, as a stop or resume would.
+void RepublishUpload(ZV_FileShareMgr* lpMgr, ZV_FileShareSession* lpFsSession, const QB_UserID& creator)
+{
+    IZV_ConfHost* lpConf = lpMgr->m_lpConf;
+    const ZV_ConfUserInfo* lpUser = lpConf->GetUser(&creator);
+    const ZV_FileUploadInfo& info = lpFsSession->m_FileInfo;
+    if (lpUser == nullptr || lpUser->ulHomeServer != lpConf->GetLocalServerID() ||
+        info.m_BriefInfo.m_usFileState == ZV_FILESTATE_ADDED)
+        return;
+    const uint32_t ulFloodSeq = lpConf->NewFloodSeq(&creator, 0);
+    if (lpConf->IsFloodSeen(&creator, ulFloodSeq))
+        return;
+    ZV_PduBuffer pdu;
+    pdu.Stream().WriteU16(lpFsSession->m_usFileID);
+    creator.Save(pdu.Stream());
+    pdu.Stream().WriteU32(ulFloodSeq);
+    pdu.Stream().WriteU8(lpFsSession->m_bStopUpload ? 1 : 0);
+    pdu.Stream().WriteU32(info.m_ulFileWritePos);
+    ZV_SendToServers(lpConf, zvConnNone, PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST, pdu);
+}
+
+} // namespace
+
+void ZV_FileShareMgr::SendFileDownloadPos(bool bClient, uint32_t ulServerID)
+{
+    try
+    {
+        for (QB_POSITION pos = m_mapSession.GetStartPosition(); pos != nullptr;)
+        {
+            uint16_t usFileID = 0;
+            ZV_FileShareSession* lpFsSession = nullptr;
+            m_mapSession.GetNextAssoc(pos, usFileID, lpFsSession);
+            if (lpFsSession == nullptr)
+                continue;
+            const QB_UserID creator = lpFsSession->m_FileInfo.m_BriefInfo.m_CreatorID;
+            const ZV_FileDownloadInfo download = lpFsSession->m_LocalDownload;
+            if (download.m_usState == ZV_DLSTATE_RUNNING)
+                RestartDownload(this, lpFsSession, download, creator, bClient, ulServerID);
+            RepublishUpload(this, lpFsSession, creator);
+        }
+    }
+    catch (...)
+    {
+        QB_WriteLog(2, "error", "ZV_FileShareMgr::SendFileDownloadPos exception.\r\n");
+    }
+}

@@ -1,0 +1,109 @@
+// The manager's catalogue handlers that this build does not serve yet. Each
+// takes its PDU, prints its trace line where it has one, and drops it.
+#include "ZV_FileShareMgr.h"
+#include "ZV_PduFrame.h"
+
+uint32_t ZV_FileShareMgr::HandleAddRequest(ConfPduData*)
+{
+    ZV_TraceRecv("PDU_CONF_FS_ADD_REQUEST");
+    return 0;
+}
+
+uint32_t ZV_FileShareMgr::HandleAddResponse(ConfPduData*)
+{
+    ZV_TraceRecv("PDU_CONF_FS_ADD_RESPONSE");
+    return 0;
+}
+
+uint32_t ZV_FileShareMgr::HandleSetRightResponse(ConfPduData*)
+{
+    ZV_TraceRecv("PDU_CONF_FS_SET_RIGHT_RESPONSE");
+    return 0;
+}
+
+uint32_t ZV_FileShareMgr::HandleDelUploadRequest(ConfPduData*)
+{
+    ZV_TraceRecv("PDU_CONF_FS_DEL_UPLOAD_REQUEST");
+    return 0;
+}
+
+uint32_t ZV_FileShareMgr::HandleDelUploadResponse(ConfPduData*)
+{
+    ZV_TraceRecv("PDU_CONF_FS_DEL_UPLOAD_RESPONSE");
+    return 0;
+}
+
+uint32_t ZV_FileShareMgr::HandleGetUploadSessionListRequest(ConfPduData*)
+{
+    ZV_TraceRecv("PDU_CONF_GET_UPLOAD_SESSION_LIST_REQUEST");
+    return 0;
+}
+
+uint32_t ZV_FileShareMgr::HandleGetUploadSessionListResponse(ConfPduData*)
+{
+    ZV_TraceRecv("PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE");
+    return 0;
+}
+
+uint32_t ZV_FileShareMgr::HandleGetDownloadSessionListRequest(ConfPduData*)
+{
+    ZV_TraceRecv("PDU_CONF_GET_DOWNLOAD_SESSION_LIST_REQUEST");
+    return 0;
+}
+
+uint32_t ZV_FileShareMgr::HandleGetDownloadSessionListResponse(ConfPduData*)
+{
+    ZV_TraceRecv("PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE");
+    return 0;
+}
+
+uint32_t ZV_FileShareMgr::HandleGetFileListRequest(ConfPduData*)
+{
+    ZV_TraceRecv("PDU_CONF_GET_FILE_LIST_REQUEST");
+    return 0;
+}
+
+uint32_t ZV_FileShareMgr::HandleGetFileListResponse(ConfPduData*)
+{
+    ZV_TraceRecv("PDU_CONF_GET_FILE_LIST_RESPONSE");
+    return 0;
+}
+
+uint32_t ZV_FileShareMgr::HandleSetFilesRightRequest(ConfPduData*)
+{
+    ZV_TraceRecv("PDU_CONF_FS_SET_FILES_RIGHT_REQUEST");
+    return 0;
+}
+
+uint32_t ZV_FileShareMgr::HandleFileStateNotice(ConfPduData*)
+{
+    return 0;
+}
+
+uint32_t ZV_FileShareMgr::HandleAddFilesRequest(ConfPduData*)
+{
+    ZV_TraceRecv("PDU_CONF_FS_ADD_FILES_REQUEST");
+    return 0;
+}
+
+uint32_t ZV_FileShareMgr::HandleAddFilesResponse(ConfPduData*)
+{
+    ZV_TraceRecv("PDU_CONF_FS_ADD_FILES_RESPONSE");
+    return 0;
+}
+
+// Storage, host events: not served yet.
+uint32_t ZV_FileShareMgr::Initialize()
+{
+    return 0;
+}
+
+uint32_t ZV_FileShareMgr::CleanData()
+{
+    return 0;
+}
+
+uint32_t ZV_FileShareMgr::OnEvent(uint16_t, uintptr_t, uintptr_t, uintptr_t, uintptr_t)
+{
+    return 0;
+}

@@ -1,0 +1,133 @@
+// ZV_FileShareSession: one shared file in one conference on one node.
+//
+// A session is not a connection: all users that transfer a file share its
+// session. On a client it holds the client's view of the file, the local
+// file and the local user's download; on a server the stored file's record,
+// the open store file and one download record per downloader. A server
+// whose file's creator is homed elsewhere is a relay: it downloads the file
+// from its neighbour through the same members a client uses.
+//
+// The definition is split by concern: ZV_FileShareSession.cpp (life,
+// dispatch, framing, events) and one source per road of the bytes as those
+// are filled in.
+#pragma once
+
+#include "IZV_FileShare.h"
+#include "ZV_FileBriefInfo.h"
+#include "ZV_FileDownloadInfo.h"
+#include "ZV_FileUploadInfo.h"
+#include "ZV_PduFrame.h"
+
+#include "QB_ByteStream.h"
+#include "QB_FileEx.h"
+#include "QB_Map.h"
+#include "QB_String.h"
+#include "QB_UserID.h"
+
+#include <cstdint>
+
+class ZV_FileShareMgr;
+
+using ZV_DownloadMap = QB_Map<QB_UserID, ZV_FileDownloadInfo, QB_HashUserID>;
+
+// Transfer states of a file (m_usFileState) and of a download (m_usState).
+enum : uint16_t
+{
+    ZV_FILESTATE_ADDED = 0,
+    ZV_FILESTATE_UPLOADING = 1,
+    ZV_FILESTATE_STOPPED = 2,
+    ZV_FILESTATE_COMPLETE = 3,
+    ZV_FILESTATE_FAILED = 4,
+
+    ZV_DLSTATE_NEW = 0,
+    ZV_DLSTATE_RUNNING = 1,
+    ZV_DLSTATE_STOPPED = 2,
+    ZV_DLSTATE_FINISHED = 3,
+};
+
+// Bytes of one data block.
+constexpr uint32_t ZV_BLOCK_SIZE = 32768;
+
+class ZV_FileShareSession
+{
+public:
+    ZV_FileShareSession(ZV_FileShareMgr* lpMgr, const char* szStorePath);
+    virtual ~ZV_FileShareSession();
+    ZV_FileShareSession(const ZV_FileShareSession&) = delete;
+    ZV_FileShareSession& operator=(const ZV_FileShareSession&) = delete;
+
+    // The slots, in their fixed order.
+    virtual uint32_t HandlePdu(ConfPduData* lpCpd);
+    virtual uint32_t OnSend(ConfPduData* lpCpd);
+    virtual void OnTimer(uint32_t ulTick);
+    virtual uint32_t OnConnect(uint32_t ulArg1, uint32_t ulArg2, uint32_t ulArg3);
+    virtual uint32_t OnDisconnect(const QB_UserID* lpPeer, uint32_t ulConn, uint16_t usConnType);
+    virtual uint32_t HandleUploadRequest(ConfPduData* lpCpd);
+    virtual uint32_t HandleUploadResponse(ConfPduData* lpCpd);
+    virtual uint32_t HandleUploadFinishResponse(ConfPduData* lpCpd);
+    virtual uint32_t HandleDownloadRequest(ConfPduData* lpCpd);
+    virtual uint32_t HandleDownloadResponse(ConfPduData* lpCpd);
+    virtual uint32_t HandleDownloadDataRequest(ConfPduData* lpCpd);
+    virtual uint32_t HandleDownloadDataResponse(ConfPduData* lpCpd);
+    virtual uint32_t HandleSetRightRequest(ConfPduData* lpCpd);
+    virtual uint32_t HandleDelDownloadRequest(ConfPduData* lpCpd);
+    virtual uint32_t HandleDelDownloadResponse(ConfPduData* lpCpd);
+    virtual uint32_t HandleProgressingRequest(ConfPduData* lpCpd);
+    virtual uint32_t HandleProgressingResponse(ConfPduData* lpCpd);
+    virtual uint32_t HandleIsStopDownloadRequest(ConfPduData* lpCpd);
+    virtual uint32_t HandleIsStopUploadRequest(ConfPduData* lpCpd);
+    virtual uint32_t HandleIsStopUploadResponse(ConfPduData* lpCpd);
+    virtual uint32_t HandleUploadErrorRequest(ConfPduData* lpCpd);
+    virtual uint32_t HandleUploadErrorResponse(ConfPduData* lpCpd);
+    virtual uint32_t HandleNoticeDelDownloadInfoRequest(ConfPduData* lpCpd);
+    virtual uint32_t SessionReserved0(ConfPduData* lpCpd);
+    virtual uint32_t SessionReserved1(ConfPduData* lpCpd);
+
+    // The conference's folder: m_sStorePath, the conference id, a backslash.
+    QB_StringW GetConfDir() const;
+    // Whether the local user may see a file described by `brief`.
+    bool IsFileVisible(const ZV_FileBriefInfo& brief) const;
+    static bool IsLocalUser(IZV_ConfHost* lpConf, const QB_UserID& id);
+
+    // 8012, the downloader's statement of where it stands.
+    uint32_t SendDownloadDataRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID& user,
+                                     const ZV_FileDownloadInfo& download);
+
+    // ---- events to the user side that a session raises
+    void NotifyTransferError(uint32_t ulResult, uint16_t usFileID);
+    void NotifyDownloadState(uint32_t ulResult, uint16_t usFileID, const ZV_FileDownloadInfo& download,
+                             double dPercent);
+    void NotifyDownloadFinished(uint32_t ulResult, uint16_t usFileID);
+    void NotifyUploadProgress(uint16_t usFileID, double dPercent);
+    void NotifyDownloadProgress(uint32_t ulResult, uint16_t usFileID, double dPercent, uint32_t ulUsedTime);
+    void NotifyStopResult(uint32_t ulResult, uint16_t usFileID, uint8_t bStop);
+    void NotifyTransferState(uint8_t bUpload, uint16_t usFileID, uint16_t usState);
+
+    // ---- members, in the order of the original object
+    uint16_t m_usFileID = 0xFFFF;
+    ZV_FileUploadInfo m_FileInfo;
+    QB_FileEx* m_lpServerFile = nullptr;
+    QB_StringA m_sStorePath;
+    bool m_bSynced = true;
+    bool m_bPulling = false;
+    bool m_bUploadDone = false;
+    bool m_bResyncPending = false;
+    uint32_t m_ulLastIoTick = 0;
+    uint32_t m_ulMaxPos = 0;
+    uint32_t m_ulProgress = 0;
+    ZV_DownloadMap m_mapDownload{17};
+    ZV_FileBriefInfo m_BriefInfo;
+    ZV_FileDownloadInfo m_LocalDownload;
+    QB_FileEx m_File;
+    bool m_bStopUpload = false;
+    bool m_bDownloadFailed = false;
+    uint32_t m_ulReadPos = 0;
+    ZV_FileShareMgr* m_lpMgr;
+
+protected:
+    IZV_ConfHost* Conf() const;
+    // The two pumps that OnSend drives: a server's blocks to one downloader,
+    // and the creator's client's blocks to its server.
+    void PumpDownload(ConfPduData* lpCpd, const QB_UserID& peer);
+    void PumpUpload(ConfPduData* lpCpd);
+};

@@ -1,0 +1,147 @@
+// A host for tests of one manager on its own: it answers from fields a test
+// sets and records every send and every event, so a test can assert on the
+// exact bytes. Whole conferences run in the simulator instead.
+#pragma once
+
+#include "IZV_FileShare.h"
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+struct ZV_SentPdu
+{
+    std::string sRoute;  // "link", "group", "onlink", "serverdata", "servers"
+    uint32_t ulConn;     // connection, skip connection, or server id by route
+    uint16_t usPdu;
+    std::vector<uint8_t> data;
+    uint8_t bFlag1;
+    uint8_t bFlag2;
+};
+
+struct ZV_RaisedEvent
+{
+    uint16_t usEvent;
+    std::vector<uint8_t> data;
+};
+
+class ZV_RecordingHost : public IZV_ConfHost, public IZV_ConfLink, public IZV_ConfSink
+{
+public:
+    // What the host answers.
+    uint32_t m_ulConfID = 7;
+    bool m_bServer = false;
+    uint32_t m_ulServerID = 1;
+    QB_UserID m_LocalUser{10001, 0};
+    uint16_t m_usFileIDMin = 1;
+    uint16_t m_usFileIDMax = 1000;
+    uint32_t m_ulCmdConn = 11;   // client: command connection to the server, zvConnNone when down
+    uint32_t m_ulDataConn = 12;  // client: data connection
+    bool m_bHasServerLinks = false;
+    std::map<std::pair<uint32_t, uint32_t>, ZV_ConfUserInfo> m_mapUsers;
+    uint32_t m_ulNextFloodSeq = 100;
+    std::set<std::pair<uint64_t, uint32_t>> m_setFloodSeen;
+
+    // What the module did.
+    std::vector<ZV_SentPdu> m_vecSent;
+    std::vector<ZV_RaisedEvent> m_vecEvents;
+
+    void AddUser(const QB_UserID& id, uint32_t ulHome, const char* szName, uint16_t usRole = 0, uint32_t ulFlags = 0)
+    {
+        m_mapUsers[{id.m_ulMain, id.m_ulSub}] = ZV_ConfUserInfo{ulHome, szName, usRole, ulFlags};
+    }
+    // Writes the host's pointers into a module, as a host does before Initialize.
+    void Attach(IZV_ConfModule* lpModule, bool bWithSink = true)
+    {
+        lpModule->m_lpConf = this;
+        lpModule->m_lpConfSink = bWithSink ? this : nullptr;
+    }
+    std::vector<ZV_SentPdu> SentOf(uint16_t usPdu) const
+    {
+        std::vector<ZV_SentPdu> vec;
+        for (const auto& sent : m_vecSent)
+            if (sent.usPdu == usPdu)
+                vec.push_back(sent);
+        return vec;
+    }
+
+    // ---- IZV_ConfHost
+    uint32_t GetConfID() override { return m_ulConfID; }
+    uint32_t GetClientCount() override { return 0; }
+    const QB_UserID* GetLocalUserID() override { return &m_LocalUser; }
+    uint32_t GetLocalServerID() override { return m_ulServerID; }
+    bool IsServerMode() override { return m_bServer; }
+    bool IsClientMode() override { return !m_bServer; }
+    bool CanShareFiles(const QB_UserID*) override { return true; }
+    uint16_t GetFileIDMin() override { return m_usFileIDMin; }
+    uint16_t GetFileIDMax() override { return m_usFileIDMax; }
+    uint32_t GetUserConn(const QB_UserID*, uint16_t) override { return zvConnNone; }
+    uint32_t GetServerConn(uint32_t, uint16_t, uint32_t) override { return zvConnNone; }
+    IZV_ConfLink* GetUserLink(const QB_UserID*) override { return nullptr; }
+    IZV_ConfLink* GetServerLink() override { return m_bServer ? nullptr : this; }
+    const ZV_ConfUserInfo* GetUser(const QB_UserID* lpUser) override
+    {
+        auto it = m_mapUsers.find({lpUser->m_ulMain, lpUser->m_ulSub});
+        return it == m_mapUsers.end() ? nullptr : &it->second;
+    }
+    uint32_t SendPdu(uint32_t ulConn, uint16_t usPdu, const uint8_t* pData, uint32_t ulLen, uint8_t b1,
+                     uint8_t b2) override
+    {
+        return Record("link", ulConn, usPdu, pData, ulLen, b1, b2);
+    }
+    uint32_t SendPduToGroup(uint32_t ulSkip, uint32_t, uint16_t usPdu, const uint8_t* pData, uint32_t ulLen,
+                            uint8_t b1, uint8_t b2) override
+    {
+        return Record("group", ulSkip, usPdu, pData, ulLen, b1, b2);
+    }
+    uint32_t SendPduOnLink(uint32_t ulConn, uint16_t usPdu, const uint8_t* pData, uint32_t ulLen, uint8_t b1,
+                           uint8_t b2) override
+    {
+        return Record("onlink", ulConn, usPdu, pData, ulLen, b1, b2);
+    }
+    uint32_t SendPduToServerData(uint32_t ulServer, uint16_t, uint16_t usPdu, const uint8_t* pData, uint32_t ulLen,
+                                 uint8_t b1, uint8_t b2) override
+    {
+        return Record("serverdata", ulServer, usPdu, pData, ulLen, b1, b2);
+    }
+    uint32_t SendPduToServers(uint32_t ulSkip, uint16_t, uint16_t usPdu, const uint8_t* pData, uint32_t ulLen,
+                              uint8_t b1, uint8_t b2) override
+    {
+        return Record("servers", ulSkip, usPdu, pData, ulLen, b1, b2);
+    }
+    bool HasServerLinks() override { return m_bHasServerLinks; }
+    uint32_t NewFloodSeq(const QB_UserID*, uint32_t) override { return m_ulNextFloodSeq++; }
+    bool IsFloodSeen(const QB_UserID* lpOrigin, uint32_t ulSeq) override
+    {
+        const uint64_t ullKey = ((uint64_t)lpOrigin->m_ulMain << 32) | lpOrigin->m_ulSub;
+        return !m_setFloodSeen.insert({ullKey, ulSeq}).second;
+    }
+    bool IsResponseFloodSeen(const QB_UserID* lpOrigin, uint32_t ulSeq) override { return IsFloodSeen(lpOrigin, ulSeq); }
+
+    // ---- IZV_ConfLink: the client's link to its server
+    uint32_t LinkReserved0() override { return 0; }
+    uint32_t GetConn(uint16_t usConnType) override
+    {
+        return usConnType == zvConfClientTypeCommand ? m_ulCmdConn
+               : usConnType == zvConfClientTypeData  ? m_ulDataConn
+                                                     : zvConnNone;
+    }
+
+    // ---- IZV_ConfSink
+    void OnConfEvent(IZV_ConfHost*, uint16_t usEvent, uint32_t ulLen, const uint8_t* pData) override
+    {
+        m_vecEvents.push_back({usEvent, std::vector<uint8_t>(pData, pData + ulLen)});
+    }
+
+private:
+    uint32_t Record(const char* szRoute, uint32_t ulConn, uint16_t usPdu, const uint8_t* pData, uint32_t ulLen,
+                    uint8_t b1, uint8_t b2)
+    {
+        m_vecSent.push_back({szRoute, ulConn, usPdu,
+                             pData ? std::vector<uint8_t>(pData, pData + ulLen) : std::vector<uint8_t>(), b1, b2});
+        return 0;
+    }
+};
