@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 
 // The block header. The nodes follow it directly, so it is as aligned as
 // anything an allocation can hold, and the first node is too.
@@ -36,3 +37,7 @@ inline QB_POSITION const QB_BEFORE_START_POSITION = reinterpret_cast<QB_POSITION
 // The line a map prints for each step of a lookup beyond the reasonable
 // length of a chain. The map goes on searching afterwards.
 void QB_WarnUnreasonableHashKey(const void* lpMap, uint32_t nHashTableSize, int nCount);
+// Sends those lines to lpStream instead of standard output (null restores
+// it) and gives the previous stream back. Meant for benchmarks, which would
+// drown their report in a table deliberately overfilled.
+std::FILE* QB_SetHashWarningStream(std::FILE* lpStream);

@@ -30,11 +30,25 @@ void QB_Plex::FreeDataChain()
     }
 }
 
+namespace {
+
+std::FILE* s_lpWarningStream = nullptr;
+
+}  // namespace
+
 void QB_WarnUnreasonableHashKey(const void* lpMap, uint32_t nHashTableSize, int nCount)
 {
     // The line was born on a platform whose %p gave bare hex digits, padded
     // to the pointer's width, behind the "0x" of the text. Printing them the
     // same way keeps the line as operators know it, without a doubled prefix.
-    std::printf("warning: unreasonable hash key! addr = 0x%0*" PRIXPTR " hash table = %d count = %d\r\n",
-                (int)(2 * sizeof(void*)), (uintptr_t)lpMap, (int)nHashTableSize, nCount);
+    std::fprintf(s_lpWarningStream ? s_lpWarningStream : stdout,
+                 "warning: unreasonable hash key! addr = 0x%0*" PRIXPTR " hash table = %d count = %d\r\n",
+                 (int)(2 * sizeof(void*)), (uintptr_t)lpMap, (int)nHashTableSize, nCount);
+}
+
+std::FILE* QB_SetHashWarningStream(std::FILE* lpStream)
+{
+    std::FILE* lpPrevious = s_lpWarningStream;
+    s_lpWarningStream = lpStream;
+    return lpPrevious;
 }

@@ -152,6 +152,27 @@ TEST(Map, PrintsOneWarningLineForEachLookupStepBeyondThirty)
     }
 }
 
+TEST(Map, SendsItsWarningsToAnotherStreamWhenAskedTo)
+{
+    QB_Map<uint32_t, int> map(1);
+    for (uint32_t k = 0; k < 31; ++k)
+        map[k] = 0;
+    std::FILE* lpFile = std::tmpfile();
+    ASSERT_NE(lpFile, nullptr);
+    std::FILE* lpPrevious = QB_SetHashWarningStream(lpFile);
+    testing::internal::CaptureStdout();
+    map.Find(0);
+    std::string sOut = testing::internal::GetCapturedStdout();
+    QB_SetHashWarningStream(lpPrevious);
+
+    char szLine[160] = {};
+    std::rewind(lpFile);
+    ASSERT_NE(std::fgets(szLine, sizeof szLine, lpFile), nullptr);
+    std::fclose(lpFile);
+    EXPECT_EQ(sOut, "");
+    EXPECT_NE(std::string(szLine).find("hash table = 1 count = 31\r\n"), std::string::npos) << szLine;
+}
+
 TEST(Map, LooksUpWithoutATableAndAllocatesNothing)
 {
     QB_Map<uint16_t, int> map(97);
