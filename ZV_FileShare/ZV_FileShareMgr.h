@@ -113,6 +113,10 @@ public:
     // The session of a FileID; 0 with the session, or 82 / 83.
     uint32_t LookupSession(uint16_t usFileID, ZV_FileShareSession*& lpFsSession);
 
+    // ---- adding files and the storage folder (declarations go here)
+
+    // ---- the roads of the bytes (declarations go here)
+
     // ---- events to the user side that the manager raises
     void NotifyFileAdded(uint32_t ulResult, uint16_t usFileID, const ZV_FileBriefInfo& brief, double dPercent);
     void NotifyRightChanged(uint32_t ulResult, uint16_t usFileID, const ZV_FileBriefInfo& brief, double dPercent);

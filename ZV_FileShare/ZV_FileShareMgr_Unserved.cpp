@@ -3,18 +3,6 @@
 #include "ZV_FileShareMgr.h"
 #include "ZV_PduFrame.h"
 
-uint32_t ZV_FileShareMgr::HandleAddRequest(ConfPduData*)
-{
-    ZV_TraceRecv("PDU_CONF_FS_ADD_REQUEST");
-    return 0;
-}
-
-uint32_t ZV_FileShareMgr::HandleAddResponse(ConfPduData*)
-{
-    ZV_TraceRecv("PDU_CONF_FS_ADD_RESPONSE");
-    return 0;
-}
-
 uint32_t ZV_FileShareMgr::HandleSetRightResponse(ConfPduData*)
 {
     ZV_TraceRecv("PDU_CONF_FS_SET_RIGHT_RESPONSE");
@@ -75,34 +63,7 @@ uint32_t ZV_FileShareMgr::HandleSetFilesRightRequest(ConfPduData*)
     return 0;
 }
 
-uint32_t ZV_FileShareMgr::HandleFileStateNotice(ConfPduData*)
-{
-    return 0;
-}
-
-uint32_t ZV_FileShareMgr::HandleAddFilesRequest(ConfPduData*)
-{
-    ZV_TraceRecv("PDU_CONF_FS_ADD_FILES_REQUEST");
-    return 0;
-}
-
-uint32_t ZV_FileShareMgr::HandleAddFilesResponse(ConfPduData*)
-{
-    ZV_TraceRecv("PDU_CONF_FS_ADD_FILES_RESPONSE");
-    return 0;
-}
-
-// Storage, host events: not served yet.
-uint32_t ZV_FileShareMgr::Initialize()
-{
-    return 0;
-}
-
-uint32_t ZV_FileShareMgr::CleanData()
-{
-    return 0;
-}
-
+// Host events: not served yet.
 uint32_t ZV_FileShareMgr::OnEvent(uint16_t, uintptr_t, uintptr_t, uintptr_t, uintptr_t)
 {
     return 0;

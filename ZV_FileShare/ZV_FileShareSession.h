@@ -93,6 +93,11 @@ public:
     uint32_t SendDownloadDataRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID& user,
                                      const ZV_FileDownloadInfo& download);
 
+    // ---- adding a file (declarations of the add road go here)
+
+    // ---- the roads of the bytes (declarations of upload, download, stop,
+    // resume and progress go here)
+
     // ---- events to the user side that a session raises
     void NotifyTransferError(uint32_t ulResult, uint16_t usFileID);
     void NotifyDownloadState(uint32_t ulResult, uint16_t usFileID, const ZV_FileDownloadInfo& download,
