@@ -95,8 +95,41 @@ public:
 
     // ---- adding a file (declarations of the add road go here)
 
-    // ---- the roads of the bytes (declarations of upload, download, stop,
-    // resume and progress go here)
+    // ---- the upload road (ZV_FileShareSession_Upload.cpp)
+    uint32_t SendUploadRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser, uint32_t ulFloodSeq,
+                               uint8_t bStart, uint32_t ulLen, const uint8_t* pData, uint32_t ulPos);
+    uint32_t SendUploadResponse(uint32_t ulConn, uint16_t usFileID, uint32_t ulResult, uint16_t usFileID2,
+                                const QB_UserID* pUser, uint32_t ulFloodSeq, uint32_t ulPos);
+    // 8052 for all clients: a transfer of usFileID changed state.
+    uint32_t SendFileStateNotice(uint16_t usFileID, uint16_t usState, uint8_t bUpload);
+    // (the upload road's further declarations go here)
+
+    // ---- the download road (ZV_FileShareSession_Download.cpp)
+    uint32_t SendDownloadRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser, uint32_t ulFloodSeq,
+                                 const QB_StringU8& sPath, uint32_t ulPos, uint8_t bFromServer, uint8_t bFlooded);
+    uint32_t SendDownloadResponse(uint32_t ulConn, uint16_t usFileID, uint32_t ulResult, uint16_t usFileID2,
+                                  const QB_UserID* pUser, const ZV_FileDownloadInfo* pInfo);
+    uint32_t SendDownloadDataResponse(uint32_t ulConn, uint16_t usFileID, uint32_t ulResult, uint16_t usFileID2,
+                                      const QB_UserID* pUser, uint32_t ulPos, uint32_t ulLen, const uint8_t* pData);
+    // The server's pump for one downloader, and the kick of those that wait
+    // at a position the upload has just passed.
+    void SendNextBlocks(ConfPduData* lpCpd, const QB_UserID* pUser, ZV_FileDownloadInfo* pEntry);
+    void WakeDownloaders(uint32_t ulPos);
+    // (the download road's further declarations go here)
+
+    // ---- stop, resume, progress, errors (ZV_FileShareSession_Control.cpp)
+    uint32_t SendIsStopDownloadRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser,
+                                       uint32_t ulFloodSeq, uint8_t bStop);
+    uint32_t SendIsStopUploadRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser, uint32_t ulFloodSeq,
+                                     uint8_t bStop, uint32_t ulPos);
+    uint32_t SendIsStopUploadResponse(uint32_t ulConn, uint16_t usFileID, uint32_t ulResult, uint16_t usFileID2,
+                                      const QB_UserID* pUser, uint8_t bStop, uint32_t ulPos);
+    uint32_t SendUploadErrorRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser, uint32_t ulFloodSeq,
+                                    uint32_t ulPos);
+    uint32_t SendUploadErrorResponse(uint32_t ulConn, uint16_t usFileID, uint32_t ulResult, uint16_t usFileID2);
+    uint32_t SendProgressing(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser, uint32_t ulPos,
+                             bool bThrottle);
+    // (the control road's further declarations go here)
 
     // ---- events to the user side that a session raises
     void NotifyTransferError(uint32_t ulResult, uint16_t usFileID);

@@ -49,3 +49,34 @@ void ZV_FileShareSession::OnTimer(uint32_t)
 {
 }
 
+uint32_t ZV_FileShareSession::SendIsStopDownloadRequest(uint32_t, uint16_t, const QB_UserID*, uint32_t, uint8_t)
+{
+    return 0;
+}
+
+uint32_t ZV_FileShareSession::SendIsStopUploadRequest(uint32_t, uint16_t, const QB_UserID*, uint32_t, uint8_t,
+                                                     uint32_t)
+{
+    return 0;
+}
+
+uint32_t ZV_FileShareSession::SendIsStopUploadResponse(uint32_t, uint16_t, uint32_t, uint16_t, const QB_UserID*,
+                                                      uint8_t, uint32_t)
+{
+    return 0;
+}
+
+uint32_t ZV_FileShareSession::SendUploadErrorRequest(uint32_t, uint16_t, const QB_UserID*, uint32_t, uint32_t)
+{
+    return 0;
+}
+
+uint32_t ZV_FileShareSession::SendUploadErrorResponse(uint32_t, uint16_t, uint32_t, uint16_t)
+{
+    return 0;
+}
+
+uint32_t ZV_FileShareSession::SendProgressing(uint32_t, uint16_t, const QB_UserID*, uint32_t, bool)
+{
+    return 0;
+}

@@ -31,3 +31,28 @@ void ZV_FileShareSession::PumpDownload(ConfPduData*, const QB_UserID&)
 {
 }
 
+uint32_t ZV_FileShareSession::SendDownloadRequest(uint32_t, uint16_t, const QB_UserID*, uint32_t, const QB_StringU8&,
+                                                 uint32_t, uint8_t, uint8_t)
+{
+    return 0;
+}
+
+uint32_t ZV_FileShareSession::SendDownloadResponse(uint32_t, uint16_t, uint32_t, uint16_t, const QB_UserID*,
+                                                  const ZV_FileDownloadInfo*)
+{
+    return 0;
+}
+
+uint32_t ZV_FileShareSession::SendDownloadDataResponse(uint32_t, uint16_t, uint32_t, uint16_t, const QB_UserID*,
+                                                      uint32_t, uint32_t, const uint8_t*)
+{
+    return 0;
+}
+
+void ZV_FileShareSession::SendNextBlocks(ConfPduData*, const QB_UserID*, ZV_FileDownloadInfo*)
+{
+}
+
+void ZV_FileShareSession::WakeDownloaders(uint32_t)
+{
+}

@@ -24,3 +24,20 @@ uint32_t ZV_FileShareSession::HandleUploadFinishResponse(ConfPduData*)
 void ZV_FileShareSession::PumpUpload(ConfPduData*)
 {
 }
+
+uint32_t ZV_FileShareSession::SendUploadRequest(uint32_t, uint16_t, const QB_UserID*, uint32_t, uint8_t, uint32_t,
+                                               const uint8_t*, uint32_t)
+{
+    return 0;
+}
+
+uint32_t ZV_FileShareSession::SendUploadResponse(uint32_t, uint16_t, uint32_t, uint16_t, const QB_UserID*, uint32_t,
+                                                uint32_t)
+{
+    return 0;
+}
+
+uint32_t ZV_FileShareSession::SendFileStateNotice(uint16_t, uint16_t, uint8_t)
+{
+    return 0;
+}
