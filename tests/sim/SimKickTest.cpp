@@ -1,0 +1,180 @@
+// The kick: PDU 257 on a data connection is the module asking for OnSend
+// calls, which go on while it sends and pause while the link is full.
+#include "QB_TestSupport.h"
+#include "ZV_SimBuilder.h"
+#include "ZV_SimFakeModule.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+const uint8_t kBlock[] = {0x0B, 0x0C};
+
+constexpr int kKickOnly = -1;
+
+// Each OnSend call sends the next count of blocks on the connection it is
+// for, or only kicks it again; past the end of the plan it sends nothing.
+void SendByPlan(ZV_SimFakeModule& fake, std::vector<int> vecPlan)
+{
+    fake.fnOnSend = [vecPlan, nCall = size_t(0)](ZV_SimFakeModule& self, const ConfPduData& cpd) mutable {
+        int nBlocks = nCall < vecPlan.size() ? vecPlan[nCall] : 0;
+        ++nCall;
+        if (nBlocks == kKickOnly)
+            self.m_lpConf->SendPdu(cpd.ulConn, PDU_CONF_FS_KICK, nullptr, 0, 0, 0);
+        for (int i = 0; i < nBlocks; ++i)
+            self.m_lpConf->SendPdu(cpd.ulConn, 8005, kBlock, sizeof kBlock, 1, 1);
+    };
+}
+
+uint32_t Kick(ZV_SimHost* lpNode, uint32_t ulConn)
+{
+    return lpNode->SendPdu(ulConn, PDU_CONF_FS_KICK, nullptr, 0, 0, 0);
+}
+
+}  // namespace
+
+TEST(SimKick, CallsOnSendOfTheKickingNodeForThatConnectionInsteadOfDeliveringTheKick)
+{
+    QB_TempFolder tmp;
+    ZV_SimConference sim(ZV_SimFakeApi(), ZV_SimFakeOptions(tmp.Path()));
+    ZV_SimShape shape = ZV_SimBuilder::TwoLinkedServers(sim, 100, 1);
+    ASSERT_TRUE(shape.IsComplete()) << sim.GetError();
+    ASSERT_TRUE(sim.Run());
+    ZV_SimHost* lpServer = shape.Server(0);
+    ZV_SimHost* lpAlice = shape.Client(0);
+
+    struct Row
+    {
+        const char* szName;
+        ZV_SimHost* lpKicker;
+        ZV_SimHost* lpOther;
+        uint32_t ulConn;
+        uint16_t usConnType;
+        QB_UserID idPeer;
+    };
+    const Row aRows[] = {
+        {"client data link, client end", lpAlice, lpServer, lpAlice->GetServerLink()->GetConn(4), 4, QB_UserID(1, 0)},
+        {"client data link, server end", lpServer, lpAlice, lpServer->GetUserConn(&lpAlice->GetUserID(), 4), 4,
+         lpAlice->GetUserID()},
+        {"server data link", lpServer, shape.Server(1), lpServer->GetServerConn(2, zvConfServerTypeData, 0),
+         zvConfServerTypeData, QB_UserID(2, 0)},
+    };
+    for (const Row& row : aRows)
+    {
+        SCOPED_TRACE(row.szName);
+        size_t nOnSend = FakeOf(row.lpKicker).CallsOf("OnSend").size();
+        size_t nArrived = FakeOf(row.lpOther).CallsOf("HandlePdu").size();
+        size_t nMark = sim.Journal().Size();
+        EXPECT_EQ(Kick(row.lpKicker, row.ulConn), 0u);
+        ASSERT_TRUE(sim.Run());
+
+        std::vector<ZV_SimFakeCall> vecOnSend = FakeOf(row.lpKicker).CallsOf("OnSend");
+        ASSERT_EQ(vecOnSend.size(), nOnSend + 1);
+        EXPECT_EQ(vecOnSend.back().peer, row.idPeer);
+        EXPECT_EQ(vecOnSend.back().ulConn, row.ulConn);
+        EXPECT_EQ(vecOnSend.back().usConnType, row.usConnType);
+        EXPECT_EQ(FakeOf(row.lpOther).CallsOf("HandlePdu").size(), nArrived);
+        EXPECT_EQ(sim.Journal().At(nMark).eFate, ZV_SimFate::Kick);
+    }
+}
+
+TEST(SimKick, KeepsCallingOnSendWhileTheModuleSendsOnThatConnectionAndRestsWhenItStops)
+{
+    struct Row
+    {
+        const char* szName;
+        std::vector<int> vecPlan;
+        size_t nCalls;
+    };
+    const Row aRows[] = {
+        {"sends nothing", {}, 1},
+        {"sends three blocks a call, three times", {3, 3, 3}, 4},
+        {"sends one block, pauses a call, and would send again", {1, 0, 5}, 2},
+        {"fills the link in one call", {20}, 2},
+        {"only kicks its link again, twice", {kKickOnly, kKickOnly}, 3},
+    };
+    for (const Row& row : aRows)
+    {
+        SCOPED_TRACE(row.szName);
+        QB_TempFolder tmp;
+        ZV_SimConference sim(ZV_SimFakeApi(), ZV_SimFakeOptions(tmp.Path()));
+        ZV_SimShape shape = ZV_SimBuilder::OneServerTwoClients(sim);
+        ASSERT_TRUE(shape.IsComplete()) << sim.GetError();
+        ZV_SimHost* lpAlice = shape.Client(0);
+        SendByPlan(FakeOf(lpAlice), row.vecPlan);
+
+        Kick(lpAlice, lpAlice->GetServerLink()->GetConn(4));
+        ASSERT_TRUE(sim.Run()) << sim.GetError();
+        EXPECT_EQ(FakeOf(lpAlice).CallsOf("OnSend").size(), row.nCalls);
+    }
+}
+
+TEST(SimKick, WakesARestingLinkAtTheNextKick)
+{
+    QB_TempFolder tmp;
+    ZV_SimConference sim(ZV_SimFakeApi(), ZV_SimFakeOptions(tmp.Path()));
+    ZV_SimShape shape = ZV_SimBuilder::OneServerTwoClients(sim);
+    ASSERT_TRUE(shape.IsComplete()) << sim.GetError();
+    ZV_SimHost* lpAlice = shape.Client(0);
+    uint32_t ulData = lpAlice->GetServerLink()->GetConn(4);
+    // A call that only sends on the command connection leaves the data link
+    // resting too.
+    FakeOf(lpAlice).fnOnSend = [](ZV_SimFakeModule& self, const ConfPduData&) {
+        self.m_lpConf->SendPdu(self.m_lpConf->GetServerLink()->GetConn(0), 8012, kBlock, sizeof kBlock, 1, 1);
+    };
+
+    Kick(lpAlice, ulData);
+    ASSERT_TRUE(sim.Run());
+    ASSERT_EQ(FakeOf(lpAlice).CallsOf("OnSend").size(), 1u);
+    Kick(lpAlice, ulData);
+    Kick(lpAlice, ulData);
+    ASSERT_TRUE(sim.Run());
+    EXPECT_EQ(FakeOf(lpAlice).CallsOf("OnSend").size(), 2u) << "two kicks on a resting link make one call";
+}
+
+// With a bound of 8, a call that sends 10 leaves the link full; OnSend comes
+// back only once three deliveries have taken it below the bound.
+TEST(SimKick, HoldsOnSendBackUntilDeliveriesTakeTheLinkBelowTheBound)
+{
+    QB_TempFolder tmp;
+    ZV_SimConference sim(ZV_SimFakeApi(), ZV_SimFakeOptions(tmp.Path(), 8));
+    ZV_SimShape shape = ZV_SimBuilder::OneServerTwoClients(sim);
+    ASSERT_TRUE(shape.IsComplete()) << sim.GetError();
+    ASSERT_TRUE(sim.Run());
+    ZV_SimHost* lpAlice = shape.Client(0);
+    SendByPlan(FakeOf(lpAlice), {10, 1});
+
+    Kick(lpAlice, lpAlice->GetServerLink()->GetConn(4));
+    ASSERT_EQ(sim.GetPending(), 1u);
+    sim.Step();
+    EXPECT_EQ(sim.GetPending(), 10u) << "ten blocks and no OnSend";
+    sim.Step();
+    sim.Step();
+    EXPECT_EQ(sim.GetPending(), 8u) << "nine in flight is still too many";
+    sim.Step();
+    EXPECT_EQ(sim.GetPending(), 8u) << "seven blocks and the OnSend call";
+    ASSERT_TRUE(sim.Run());
+    EXPECT_EQ(FakeOf(lpAlice).CallsOf("OnSend").size(), 3u);
+    EXPECT_EQ(FakeOf(shape.Server()).CallsOf("HandlePdu").size(), 11u);
+}
+
+TEST(SimKick, ForgetsWhatALinkHadInFlightWhenItDrops)
+{
+    QB_TempFolder tmp;
+    ZV_SimConference sim(ZV_SimFakeApi(), ZV_SimFakeOptions(tmp.Path(), 8));
+    ZV_SimShape shape = ZV_SimBuilder::OneServerTwoClients(sim);
+    ASSERT_TRUE(shape.IsComplete()) << sim.GetError();
+    ZV_SimHost* lpAlice = shape.Client(0);
+    ZV_SimLink* lpLink = sim.GetClientLink(lpAlice);
+    SendByPlan(FakeOf(lpAlice), {10, 10});
+
+    Kick(lpAlice, lpAlice->GetServerLink()->GetConn(4));
+    sim.Step();
+    sim.Cut(lpLink, zvConfClientTypeData);
+    sim.Restore(lpLink, zvConfClientTypeData);
+    Kick(lpAlice, lpAlice->GetServerLink()->GetConn(4));
+    ASSERT_TRUE(sim.Run());
+
+    EXPECT_EQ(FakeOf(lpAlice).CallsOf("OnSend").size(), 3u) << "the lost ten don't hold the new link back";
+    EXPECT_EQ(FakeOf(shape.Server()).CallsOf("HandlePdu").size(), 10u);
+}

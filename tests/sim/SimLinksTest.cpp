@@ -1,0 +1,176 @@
+// Connections as each end numbers them, the peers that each end is told of,
+// and links that drop and come back.
+#include "QB_TestSupport.h"
+#include "ZV_SimBuilder.h"
+#include "ZV_SimFakeModule.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+const std::vector<uint8_t> kFields = {1, 2, 3};
+
+ZV_SimFakeCall LastPdu(const ZV_SimHost* lpNode)
+{
+    return FakeOf(lpNode).CallsOf("HandlePdu").back();
+}
+
+// Sends from one end of a link and checks what the other end is handed;
+// gives the connection the receiver saw, for the answer.
+uint32_t ExpectArrival(ZV_SimConference& sim, ZV_SimHost* lpFrom, uint32_t ulFromConn, ZV_SimHost* lpTo,
+                       uint16_t usConnType, uint32_t ulToConn)
+{
+    EXPECT_EQ(lpFrom->SendPdu(ulFromConn, 8001, kFields.data(), 3, 1, 1), 0u);
+    EXPECT_TRUE(sim.Run());
+    ZV_SimFakeCall call = LastPdu(lpTo);
+    EXPECT_EQ(call.peer, lpFrom->IsServer() ? QB_UserID(lpFrom->GetLocalServerID(), 0) : lpFrom->GetUserID());
+    EXPECT_EQ(call.ulConn, ulToConn);
+    EXPECT_EQ(call.usConnType, usConnType);
+    EXPECT_NE(ulToConn, ulFromConn) << "each end numbers a connection itself";
+    return call.ulConn;
+}
+
+}  // namespace
+
+TEST(SimConference, NamesThePeerAndTheReceiversOwnConnectionOnBothEndsOfEveryConnection)
+{
+    QB_TempFolder tmp;
+    ZV_SimConference sim(ZV_SimFakeApi(), ZV_SimFakeOptions(tmp.Path()));
+    ZV_SimShape shape = ZV_SimBuilder::TwoLinkedServers(sim, 100, 1);
+    ASSERT_TRUE(shape.IsComplete()) << sim.GetError();
+    ZV_SimHost* lpServer1 = shape.Server(0);
+    ZV_SimHost* lpServer2 = shape.Server(1);
+    ZV_SimHost* lpAlice = shape.Client(0);
+    const QB_UserID& idAlice = lpAlice->GetUserID();
+
+    for (uint16_t usType : {zvConfClientTypeCommand, zvConfClientTypeData})
+    {
+        SCOPED_TRACE(usType);
+        uint32_t ulClientConn = lpAlice->GetServerLink()->GetConn(usType);
+        uint32_t ulServerConn = lpServer1->GetUserConn(&idAlice, usType);
+        ASSERT_EQ(lpServer1->GetUserLink(&idAlice)->GetConn(usType), ulServerConn);
+        uint32_t ulSeen = ExpectArrival(sim, lpAlice, ulClientConn, lpServer1, usType, ulServerConn);
+        ExpectArrival(sim, lpServer1, ulSeen, lpAlice, usType, ulClientConn);
+    }
+    for (uint16_t usType : {zvConfServerTypeCommand, zvConfServerTypeData})
+    {
+        SCOPED_TRACE(usType);
+        uint32_t ulConn1 = lpServer1->GetServerConn(2, usType, 0);
+        uint32_t ulConn2 = lpServer2->GetServerConn(1, usType, 0);
+        uint32_t ulSeen = ExpectArrival(sim, lpServer1, ulConn1, lpServer2, usType, ulConn2);
+        ExpectArrival(sim, lpServer2, ulSeen, lpServer1, usType, ulConn1);
+    }
+}
+
+TEST(SimConference, AnswersTheHostQueriesFromEachNodesOwnView)
+{
+    QB_TempFolder tmp;
+    ZV_SimConference sim(ZV_SimFakeApi(), ZV_SimFakeOptions(tmp.Path()));
+    ZV_SimShape shape = ZV_SimBuilder::OneServerTwoClients(sim);
+    ASSERT_TRUE(shape.IsComplete()) << sim.GetError();
+    ZV_SimHost* lpServer = shape.Server();
+    ZV_SimHost* lpAlice = shape.Client(0);
+    QB_UserID idStranger(30001, 0);
+
+    EXPECT_TRUE(lpServer->IsServerMode());
+    EXPECT_FALSE(lpServer->IsClientMode());
+    EXPECT_TRUE(lpAlice->IsClientMode());
+    EXPECT_EQ(*lpServer->GetLocalUserID(), QB_UserID(1, 0));
+    EXPECT_EQ(*lpAlice->GetLocalUserID(), QB_UserID(10001, 0));
+    EXPECT_EQ(lpAlice->GetLocalServerID(), 1u);
+    EXPECT_EQ(lpServer->GetFileIDMin(), 1);
+    EXPECT_EQ(lpServer->GetFileIDMax(), 1000);
+    EXPECT_EQ(lpServer->GetClientCount(), 2u);
+    EXPECT_FALSE(lpServer->HasServerLinks());
+    EXPECT_EQ(lpServer->GetServerLink(), nullptr);
+    EXPECT_EQ(lpServer->GetUserConn(&idStranger, 0), zvConnNone);
+    EXPECT_EQ(lpServer->GetUserConn(&lpAlice->GetUserID(), zvConfServerTypeCommand), zvConnNone);
+    EXPECT_EQ(lpServer->GetUserLink(nullptr), nullptr);
+    EXPECT_EQ(lpAlice->GetServerConn(1, zvConfServerTypeCommand, 0), zvConnNone);
+    EXPECT_EQ(lpServer->GetUser(&idStranger), nullptr);
+
+    const ZV_ConfUserInfo* lpInfo = lpServer->GetUser(&lpAlice->GetUserID());
+    ASSERT_NE(lpInfo, nullptr);
+    EXPECT_EQ(lpInfo->ulHomeServer, 1u);
+    EXPECT_STREQ(lpInfo->szName, "Alice");
+    EXPECT_TRUE(lpServer->CanShareFiles(&lpAlice->GetUserID()));
+    EXPECT_FALSE(lpServer->CanShareFiles(&idStranger));
+
+    sim.Cut(sim.GetClientLink(lpAlice), zvConfClientTypeCommand);
+    EXPECT_EQ(lpServer->GetClientCount(), 1u);
+    EXPECT_EQ(lpAlice->GetServerLink()->GetConn(zvConfClientTypeCommand), zvConnNone);
+    EXPECT_NE(lpAlice->GetServerLink()->GetConn(zvConfClientTypeData), zvConnNone);
+}
+
+TEST(SimConference, CallsOnDisconnectAndOnConnectOnBothEndsWhenAConnectionDropsAndComesBack)
+{
+    QB_TempFolder tmp;
+    ZV_SimConference sim(ZV_SimFakeApi(), ZV_SimFakeOptions(tmp.Path()));
+    ZV_SimShape shape = ZV_SimBuilder::TwoLinkedServers(sim, 100, 1);
+    ASSERT_TRUE(shape.IsComplete()) << sim.GetError();
+    ZV_SimHost* lpAlice = shape.Client(0);
+
+    struct Row
+    {
+        const char* szName;
+        ZV_SimLink* lpLink;
+        uint16_t usConnType;
+        ZV_SimHost* alpEnds[2];
+    };
+    const Row aRows[] = {
+        {"client data", sim.GetClientLink(lpAlice), zvConfClientTypeData, {lpAlice, shape.Server(0)}},
+        {"client command", sim.GetClientLink(lpAlice), zvConfClientTypeCommand, {lpAlice, shape.Server(0)}},
+        {"server data", sim.GetServerLink(1, 2), zvConfServerTypeData, {shape.Server(0), shape.Server(1)}},
+        {"server command", sim.GetServerLink(1, 2), zvConfServerTypeCommand, {shape.Server(0), shape.Server(1)}},
+    };
+    for (const Row& row : aRows)
+    {
+        SCOPED_TRACE(row.szName);
+        uint32_t aulOld[2];
+        for (int nSide = 0; nSide < 2; ++nSide)
+            aulOld[nSide] = row.lpLink->GetConn(nSide, row.lpLink->ChannelOf(row.usConnType));
+        ASSERT_TRUE(sim.Cut(row.lpLink, row.usConnType));
+        EXPECT_FALSE(sim.Cut(row.lpLink, row.usConnType)) << "a connection that is down can't drop";
+        ASSERT_TRUE(sim.Restore(row.lpLink, row.usConnType));
+
+        for (int nSide = 0; nSide < 2; ++nSide)
+        {
+            ZV_SimHost* lpEnd = row.alpEnds[nSide];
+            ZV_SimHost* lpOther = row.alpEnds[1 - nSide];
+            QB_UserID idPeer = lpOther->IsServer() ? QB_UserID(lpOther->GetLocalServerID(), 0) : lpOther->GetUserID();
+            ZV_SimFakeCall down = FakeOf(lpEnd).CallsOf("OnDisconnect").back();
+            ZV_SimFakeCall up = FakeOf(lpEnd).CallsOf("OnConnect").back();
+            EXPECT_EQ(down.peer, idPeer);
+            EXPECT_EQ(down.usConnType, row.usConnType);
+            EXPECT_EQ(down.ulConn, aulOld[nSide]);
+            EXPECT_EQ(up.peer, idPeer);
+            EXPECT_EQ(up.usConnType, row.usConnType);
+            EXPECT_NE(up.ulConn, aulOld[nSide]) << "a connection that comes back has a new number";
+        }
+    }
+}
+
+TEST(SimConference, LosesWhatACutConnectionCarriedAndNothingElse)
+{
+    QB_TempFolder tmp;
+    ZV_SimConference sim(ZV_SimFakeApi(), ZV_SimFakeOptions(tmp.Path()));
+    ZV_SimShape shape = ZV_SimBuilder::OneServerTwoClients(sim);
+    ASSERT_TRUE(shape.IsComplete()) << sim.GetError();
+    ASSERT_TRUE(sim.Run());
+    ZV_SimHost* lpAlice = shape.Client(0);
+    IZV_ConfLink* lpLink = lpAlice->GetServerLink();
+    size_t nMark = sim.Journal().Size();
+
+    lpAlice->SendPdu(lpLink->GetConn(zvConfClientTypeCommand), 8001, kFields.data(), 3, 1, 1);
+    lpAlice->SendPdu(lpLink->GetConn(zvConfClientTypeData), 8005, kFields.data(), 3, 1, 1);
+    lpAlice->SendPdu(lpLink->GetConn(zvConfClientTypeCommand), 8014, kFields.data(), 3, 1, 1);
+    sim.Cut(sim.GetClientLink(lpAlice), zvConfClientTypeCommand);
+    ASSERT_TRUE(sim.Run());
+
+    EXPECT_EQ(sim.Journal().At(nMark).eFate, ZV_SimFate::Lost);
+    EXPECT_EQ(sim.Journal().At(nMark + 1).eFate, ZV_SimFate::Delivered);
+    EXPECT_EQ(sim.Journal().At(nMark + 2).eFate, ZV_SimFate::Lost);
+    std::vector<ZV_SimFakeCall> vecArrived = FakeOf(shape.Server()).CallsOf("HandlePdu");
+    ASSERT_EQ(vecArrived.size(), 1u);
+    EXPECT_EQ(vecArrived[0].usNumber, 8005);
+}

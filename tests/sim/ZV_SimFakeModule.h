@@ -1,0 +1,64 @@
+// A stand-in for the file-sharing module: it records every call the host
+// makes into it, with the home folder it ran in, and sends whatever the
+// test's hooks tell it to.
+#pragma once
+
+#include "ZV_SimConference.h"
+
+#include <functional>
+#include <string>
+#include <vector>
+
+struct ZV_SimFakeCall
+{
+    std::string sWhat;  // "Initialize", "HandlePdu", "OnSend", "OnConnect", ...
+    QB_UserID peer;     // the peer of a PDU or a link change; the user of a host event
+    uint32_t ulConn = 0;
+    uint16_t usConnType = 0;
+    uint16_t usNumber = 0;  // PDU or host event
+    uintptr_t a1 = 0;
+    std::vector<uint8_t> vbData;
+    std::string sHome;  // ROOMCRATE_HOME during the call
+    uint32_t ulTick = 0;
+};
+
+class ZV_SimFakeModule final : public IZV_ConfModule
+{
+public:
+    using PduHook = std::function<void(ZV_SimFakeModule& self, const ConfPduData& cpd)>;
+    using EventHook = std::function<void(ZV_SimFakeModule& self, uint16_t usEvent, uintptr_t a1, uintptr_t a2)>;
+
+    PduHook fnOnPdu;
+    PduHook fnOnSend;
+    EventHook fnOnEvent;
+    std::vector<ZV_SimFakeCall> m_vecCalls;
+
+    std::vector<ZV_SimFakeCall> CallsOf(const std::string& sWhat) const;
+
+    uint16_t GetModuleType() override { return zvModuleTypeFileShare; }
+    uint32_t Initialize() override;
+    uint32_t ModuleReserved0() override { return 0; }
+    uint32_t CleanData() override { return 0; }
+    void ModuleReserved1(uint32_t, uint32_t) override {}
+    bool ModuleReserved2(uint32_t) override { return false; }
+    uint32_t HandlePdu(ConfPduData* lpCpd) override;
+    uint32_t OnSend(ConfPduData* lpCpd) override;
+    uint32_t OnConnect(const QB_UserID* lpPeer, uint32_t ulConn, uint16_t usConnType, uint32_t) override;
+    uint32_t OnDisconnect(const QB_UserID* lpPeer, uint32_t ulConn, uint16_t usConnType, uint32_t) override;
+    void OnTimer(uint32_t ulTick) override;
+    uint32_t OnEvent(uint16_t usEvent, uintptr_t a1, uintptr_t a2, uintptr_t, uintptr_t) override;
+    bool GetInterface(uint16_t, void** lppOut) override;
+
+private:
+    ZV_SimFakeCall& Record(const std::string& sWhat);
+};
+
+// A module API whose managers are fakes.
+ZV_SimModuleApi ZV_SimFakeApi();
+// The fake behind a node.
+ZV_SimFakeModule& FakeOf(const ZV_SimHost* lpNode);
+// A conference on the fakes, with a folder per node below sRoot.
+ZV_SimOptions ZV_SimFakeOptions(const std::string& sRoot, uint32_t nInFlightBound = 8);
+
+// The bytes of a payload that starts with the conference word.
+std::vector<uint8_t> WithConfWord(uint32_t ulConfID, std::vector<uint8_t> vbFields);
