@@ -1,0 +1,413 @@
+#include "QB_FaultEnv.h"
+#include "QB_TestSupport.h"
+#include "ZV_FileCatalog.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace fs = std::filesystem;
+using Lines = std::vector<std::string>;
+
+namespace {
+
+// Hands out known GUIDs (the last byte counting up), can make the next
+// look-up of the module folder throw, and lets a test look in at each open.
+class CatalogEnv : public QB_FaultEnv
+{
+public:
+    void NewGuid(uint8_t abGuid[16]) override
+    {
+        static const uint8_t s_abGuid[16] = {0xEF, 0xBE, 0xAD, 0xDE, 0xCD, 0xAB, 0x0D, 0xF0,
+                                             0x88, 0x99, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0x00};
+        std::memcpy(abGuid, s_abGuid, 16);
+        abGuid[15] = (uint8_t)m_nGuids++;
+    }
+    std::u16string GetModuleFolder() override
+    {
+        if (std::exchange(m_bThrowOnce, false))
+            throw std::runtime_error("no folder");
+        return QB_FaultEnv::GetModuleFolder();
+    }
+    QB_FileHandle OpenFile(const std::u16string& sPath, uint32_t ulMode) override
+    {
+        if (m_fnOnOpen)
+            m_fnOnOpen();
+        return QB_FaultEnv::OpenFile(sPath, ulMode);
+    }
+    std::function<void()> m_fnOnOpen;
+    int m_nGuids = 0;
+    bool m_bThrowOnce = false;
+};
+
+QB_DateTimeEx Time(int nHour, int nMinute, int nSecond, int nFraction)
+{
+    QB_DateTimeEx dt;
+    dt.SetDateTime(2011, 3, 16, nHour, nMinute, nSecond, nFraction);
+    return dt;
+}
+
+ZV_FileUploadInfo Record(uint16_t usFileID, const char* pszNewName = "notes(1).txt")
+{
+    ZV_FileBriefInfo briefInfo;
+    briefInfo.SetCreatorID(QB_UserID(90001, 15));
+    briefInfo.SetFilePath(QB_StringU8("C:\\Users\\ann\\"));
+    briefInfo.SetFileOldName(QB_StringU8("notes.txt"));
+    briefInfo.SetFileType(QB_StringU8("txt"));
+    briefInfo.SetFileLenth(1000);
+    briefInfo.SetShareTime(Time(8, 0, 0, 5000));
+    briefInfo.SetModifyTime(Time(7, 21, 48, 0));
+    briefInfo.SetFileState(zvFileStateUploading);
+    ZV_FileUploadInfo fileInfo;
+    fileInfo.SetFileID(usFileID);
+    fileInfo.SetFileNewName(QB_StringU8(pszNewName));
+    fileInfo.SetFileWritePos(300);
+    fileInfo.SetBriefInfo(briefInfo);
+    return fileInfo;
+}
+
+std::string Utf8(const QB_StringW& s)
+{
+    return QB_StringU8(s).GetString();
+}
+
+// The lines of a UTF-16 file with its mark, as UTF-8; nothing without the mark.
+Lines Utf16Lines(const std::string& sPath)
+{
+    std::vector<uint8_t> vb = QB_ReadWholeFile(sPath);
+    if (vb.size() < 2 || vb[0] != 0xFF || vb[1] != 0xFE)
+        return {};
+    std::u16string sText;
+    for (size_t i = 2; i + 1 < vb.size(); i += 2)
+        sText += (char16_t)(vb[i] | vb[i + 1] << 8);
+    Lines lines;
+    size_t nStart = 0;
+    for (size_t nEnd; (nEnd = sText.find(u"\r\n", nStart)) != std::u16string::npos; nStart = nEnd + 2)
+        lines.push_back(Utf8(QB_StringW(sText.substr(nStart, nEnd - nStart))));
+    EXPECT_EQ(nStart, sText.size()) << "the last line ends in CR LF";
+    return lines;
+}
+
+} // namespace
+
+class Catalog : public ::testing::Test
+{
+protected:
+    Catalog() { QB_SetEnvironmentVariable("ROOMCRATE_HOME", m_home.Path().c_str()); }
+    ~Catalog() override { QB_SetEnvironmentVariable("ROOMCRATE_HOME", nullptr); }
+
+    ZV_FileCatalog& Opened(ZV_FileCatalog& catalog)
+    {
+        EXPECT_EQ(zvCatalogOpened, catalog.Open());
+        catalog.SetRootPath(QB_StringA(m_home.PathW() + u"store"));
+        return catalog;
+    }
+    bool Finds(ZV_FileCatalog& catalog, uint16_t usConfID, uint16_t usFileID)
+    {
+        ZV_FileUploadInfo fileInfo;
+        return catalog.LoadFile(usConfID, usFileID, fileInfo, m_sSection);
+    }
+    ZV_FileUploadInfo Loaded(ZV_FileCatalog& catalog, uint16_t usConfID, uint16_t usFileID)
+    {
+        ZV_FileUploadInfo fileInfo;
+        EXPECT_TRUE(catalog.LoadFile(usConfID, usFileID, fileInfo, m_sSection)) << usConfID << "/" << usFileID;
+        return fileInfo;
+    }
+    std::string Ini() const { return m_home.Sub("fsinfo.ini"); }
+    std::string Stored(const std::string& sName)
+    {
+        std::string sPath = m_home.Sub("store/" + sName);
+        fs::create_directories(fs::path(sPath).parent_path());
+        QB_WriteWholeFile(sPath, std::string("data"));
+        return sPath;
+    }
+
+    QB_TempFolder m_home;
+    CatalogEnv m_env;
+    QB_ScopedEnv m_scope{&m_env};
+    ZV_FileCatalog m_catalog;
+    QB_StringW m_sSection;
+};
+
+TEST_F(Catalog, WritesANewRowAsAGuidSectionWithItsKeysInReverseOfTheSetOrder)
+{
+    Opened(m_catalog);
+    EXPECT_EQ(std::vector<uint8_t>({0xFF, 0xFE}), QB_ReadWholeFile(Ini())) << "created as UTF-16 with its mark";
+    m_catalog.SaveFile(12, Record(7));
+    const Lines expected = {"", "[DEADBEEFABCDf00d8899AABBCCDDEE00]", "FileValidity=1", "FileState=1",
+                            "FilePath=C:\\Users\\ann\\", "FileLenth=1000", "FileType=txt",
+                            "ModifyTime=2011-03-16 07:21:48", "ShareTime=2011-03-16 08:00:00.5000",
+                            "CreatorID=9000115", "FileOldName=notes.txt", "FileWritePos=300",
+                            "FileNewName=notes(1).txt", "FileID=7", "ConfID=12"};
+    EXPECT_EQ(expected, Utf16Lines(Ini()));
+}
+
+TEST_F(Catalog, UpdatesTheRowOfAKnownPairInPlaceLeavingItsNumbersAtTheBottom)
+{
+    Opened(m_catalog).SaveFile(12, Record(7));
+    ZV_FileUploadInfo fileInfo = Record(7);
+    fileInfo.m_BriefInfo.SetFileState(zvFileStateComplete);
+    m_catalog.SaveFile(12, fileInfo);
+    Lines lines = Utf16Lines(Ini());
+    ASSERT_EQ(15u, lines.size()) << "no second section";
+    EXPECT_EQ(Lines({"[DEADBEEFABCDf00d8899AABBCCDDEE00]", "FileValidity=1", "FileState=3"}),
+              Lines(lines.begin() + 1, lines.begin() + 4));
+    EXPECT_EQ(Lines({"FileID=7", "ConfID=12"}), Lines(lines.end() - 2, lines.end()));
+}
+
+TEST_F(Catalog, SaveFilesAddsUnnamedRowsRewritesNamedOnesAndWritesTheFileOnce)
+{
+    Opened(m_catalog).SaveFile(3, Record(1));
+    ASSERT_TRUE(Finds(m_catalog, 3, 1));
+    QB_Array<ZV_FileUploadInfo> arrFileInfo;
+    QB_Array<QB_StringW> arrSection;
+    arrFileInfo.Add(Record(99, "renamed.txt"));  // a named row keeps its own numbers
+    arrSection.Add(m_sSection);
+    arrFileInfo.Add(Record(2, "second.txt"));
+    arrSection.Add(QB_StringW());
+    m_env.ResetCounts();
+    m_catalog.SaveFiles(3, arrFileInfo, arrSection);
+    EXPECT_EQ(1, m_env.GetCount(QB_EnvOp::Open));
+
+    EXPECT_EQ(std::string("renamed.txt"), Loaded(m_catalog, 3, 1).m_sFileNewName.GetString());
+    EXPECT_EQ(QB_StringW(u"[DEADBEEFABCDf00d8899AABBCCDDEE00]"), m_sSection);
+    EXPECT_FALSE(Finds(m_catalog, 3, 99));
+    EXPECT_EQ(std::string("second.txt"), Loaded(m_catalog, 3, 2).m_sFileNewName.GetString());
+}
+
+TEST_F(Catalog, LoadFileFillsTheStoredFieldsAndKeepsTheCallersNameRightsAndPublic)
+{
+    Opened(m_catalog).SaveFile(4, Record(9));
+    ZV_FileUploadInfo fileInfo;
+    fileInfo.m_BriefInfo.SetCreatorName(QB_StringU8("Ann"));
+    fileInfo.m_BriefInfo.SetPublic(true);
+    QB_Array<QB_UserID> arrRight;
+    arrRight.Add(QB_UserID(12345, 0));
+    fileInfo.m_BriefInfo.SetRight(arrRight);
+    QB_StringW sSection(u"kept");
+    EXPECT_FALSE(m_catalog.LoadFile(4, 8, fileInfo, sSection));
+    EXPECT_EQ(0u, fileInfo.m_ullMask);
+    EXPECT_EQ(QB_StringW(u"kept"), sSection);
+
+    ASSERT_TRUE(m_catalog.LoadFile(4, 9, fileInfo, sSection));
+    const ZV_FileBriefInfo& b = fileInfo.m_BriefInfo;
+    EXPECT_EQ(0xFu, fileInfo.m_ullMask);
+    EXPECT_EQ(0x7FFu, b.m_ullMask);
+    EXPECT_EQ(300u, fileInfo.m_ulFileWritePos);
+    EXPECT_EQ(QB_UserID(90001, 15), b.m_CreatorID);
+    EXPECT_EQ("C:\\Users\\ann\\|notes.txt|txt|Ann",
+              std::string(b.m_sFilePath.GetString()) + "|" + b.m_sFileOldName.GetString() + "|" +
+                  b.m_sFileType.GetString() + "|" + b.m_sCreatorName.GetString());
+    EXPECT_EQ(Time(8, 0, 0, 5000), b.m_dtShareTime);
+    EXPECT_EQ(Time(7, 21, 48, 0), b.m_dtModifyTime);
+    EXPECT_EQ(1000u, b.m_ulFileLenth);
+    EXPECT_EQ(zvFileStateUploading, b.m_usFileState);
+    EXPECT_TRUE(b.m_bPublic && b.m_arrRight.GetSize() == 1);
+}
+
+TEST_F(Catalog, DeleteFileDropsOnlyItsRowAndRewritesEvenForAnUnknownPair)
+{
+    std::string sStored = Stored("5/notes(1).txt");
+    Opened(m_catalog).SaveFile(5, Record(1));
+    m_catalog.SaveFile(5, Record(2));
+    m_env.ResetCounts();
+    m_catalog.DeleteFile(5, 3);
+    EXPECT_EQ(1, m_env.GetCount(QB_EnvOp::Open));
+    EXPECT_EQ(29u, Utf16Lines(Ini()).size());
+
+    m_catalog.DeleteFile(5, 1);
+    EXPECT_FALSE(Finds(m_catalog, 5, 1));
+    EXPECT_TRUE(Finds(m_catalog, 5, 2));
+    EXPECT_EQ(15u, Utf16Lines(Ini()).size());
+    EXPECT_TRUE(fs::exists(sStored)) << "the caller deletes the stored file";
+}
+
+TEST_F(Catalog, DeleteConfDropsThatConferencesRowsAndStoredFilesOnly)
+{
+    std::string sMine = Stored("5/a.txt"), sOther = Stored("6/a.txt");
+    Opened(m_catalog).SaveFile(5, Record(1, "a.txt"));
+    m_catalog.SaveFile(5, Record(2, ""));
+    m_catalog.SaveFile(5, Record(3, "gone.txt"));
+    m_catalog.SaveFile(6, Record(1, "a.txt"));
+    m_catalog.DeleteConf(0x10005);
+
+    EXPECT_FALSE(fs::exists(sMine));
+    EXPECT_TRUE(fs::exists(sOther));
+    EXPECT_EQ(15u, Utf16Lines(Ini()).size());
+    EXPECT_TRUE(Finds(m_catalog, 6, 1));
+}
+
+TEST_F(Catalog, DeleteConfNeverDeletesOutsideTheConferenceFolder)
+{
+    const char* apszHostile[] = {"..\\victim.txt", "../victim.txt",   "..",          ".", " . ",
+                                 "C:victim.txt",   "sub\\victim.txt", "sub/victim.txt"};
+    std::string sIni = "[s0]\r\nConfID=5\r\nFileNewName=\r\n";
+    for (size_t i = 0; i < std::size(apszHostile); ++i)
+        sIni += "[h" + std::to_string(i) + "]\r\nConfID=5\r\nFileNewName=" + apszHostile[i] + "\r\n";
+    QB_WriteWholeFile(Ini(), sIni);
+    std::vector<std::string> vecVictims = {Stored("victim.txt"), Stored("5/sub/victim.txt"), Stored("5/C:victim.txt")};
+    Opened(m_catalog).DeleteConf(5);
+    for (const std::string& sVictim : vecVictims)
+        EXPECT_TRUE(fs::exists(sVictim)) << sVictim;
+    EXPECT_TRUE(QB_ReadWholeFile(Ini()).empty()) << "every row of the conference is gone all the same";
+
+    const std::pair<const char*, bool> aNames[] = {{"notes(1).txt", true}, {".hidden", true}, {"a..b", false},
+                                                    {"...", false}, {"", false}, {"x\\y", false}, {"C:x", false}};
+    for (const auto& [pszName, bPlain] : aNames)
+        EXPECT_EQ(bPlain, ZV_FileCatalog::IsPlainFileName(QB_StringA(pszName))) << pszName;
+}
+
+TEST_F(Catalog, KeepsThirtyTwoBitValuesAndMatchesConferencesByTheirLowSixteenBits)
+{
+    ZV_FileUploadInfo fileInfo = Record(7);
+    fileInfo.m_ulFileWritePos = 0x80000000u;
+    fileInfo.m_BriefInfo.m_ulFileLenth = 0xFFFFFFFFu;
+    Opened(m_catalog).SaveFile(0x10007, fileInfo);
+    m_catalog.SaveFile(0x20007, fileInfo);
+    Lines lines = Utf16Lines(Ini());
+    ASSERT_EQ(15u, lines.size()) << "0x20007 found the row of 0x10007";
+    EXPECT_EQ("FileLenth=-1", lines[5]);
+    EXPECT_EQ("FileWritePos=-2147483648", lines[11]);
+    EXPECT_EQ("ConfID=7", lines[14]);
+    ZV_FileUploadInfo loaded = Loaded(m_catalog, 7, 7);
+    EXPECT_EQ(0xFFFFFFFFu, loaded.m_BriefInfo.m_ulFileLenth);
+    EXPECT_EQ(0x80000000u, loaded.m_ulFileWritePos);
+}
+
+TEST_F(Catalog, TextPassesThroughTheAnsiCodePageAndNeverSpansLines)
+{
+    ZV_FileUploadInfo fileInfo = Record(1);
+    fileInfo.m_BriefInfo.SetFileOldName(QB_StringU8("日本 café €.txt"));
+    fileInfo.m_BriefInfo.SetFilePath(QB_StringU8("a\r\nConfID=9"));
+    Opened(m_catalog).SaveFile(2, fileInfo);
+    EXPECT_EQ("FileOldName=?? café €.txt", Utf16Lines(Ini())[10]);
+
+    ZV_FileCatalog reopened;
+    ZV_FileUploadInfo loaded = Loaded(Opened(reopened), 2, 1);
+    EXPECT_EQ(std::string("?? café €.txt"), loaded.m_BriefInfo.m_sFileOldName.GetString());
+    EXPECT_EQ(std::string("a  ConfID=9"), loaded.m_BriefInfo.m_sFilePath.GetString());
+}
+
+TEST_F(Catalog, ReadsHandEditedRowsWithoutTrustingThem)
+{
+    QB_WriteWholeFile(Ini(), "[r]\r\nConfID=99999999999\r\nFileID=x\r\nFileLenth=123456789012\r\n"
+                             "CreatorID=junk\r\nShareTime=garbage\r\nModifyTime=2011-03-16 25:00\r\n"
+                             "FileNewName=" + std::string(2000, 'n') + "\r\n\x01\xff\xfe[\r\n");
+    ZV_FileUploadInfo fileInfo;
+    fileInfo.SetFileNewName(QB_StringU8("mine"));
+    ASSERT_TRUE(Opened(m_catalog).LoadFile(0xFFFF, 0, fileInfo, m_sSection));
+    EXPECT_EQ(std::string("mine"), fileInfo.m_sFileNewName.GetString()) << "an over-long name is dropped";
+    const ZV_FileBriefInfo& b = fileInfo.m_BriefInfo;
+    EXPECT_EQ(0x7FFFFFFFu, b.m_ulFileLenth);
+    EXPECT_EQ(QB_UserID(), b.m_CreatorID);
+    EXPECT_TRUE(b.m_ullMask & ZV_BRIEF_CREATOR_ID);
+    EXPECT_EQ(QB_DateTimeEx(), b.m_dtShareTime);
+    EXPECT_EQ(QB_DateTimeEx(), b.m_dtModifyTime) << "a half-parsed time is not kept";
+
+    for (uint8_t bFirst : {0x07, 0xFF})  // as ANSI and as UTF-16
+    {
+        std::vector<uint8_t> vbGarbage(4096);
+        for (size_t i = 0; i < vbGarbage.size(); ++i)
+            vbGarbage[i] = (uint8_t)(i * 131 + bFirst);
+        vbGarbage[1] = 0xFE;
+        QB_WriteWholeFile(Ini(), vbGarbage);
+        ZV_FileCatalog garbled;
+        EXPECT_FALSE(Finds(Opened(garbled), 1, 1));
+        garbled.DeleteConf(0);
+        garbled.SaveFile(1, Record(1));
+        EXPECT_TRUE(Finds(garbled, 1, 1));
+    }
+}
+
+TEST_F(Catalog, KeepsEveryRowWhenReopenedOnTheSameFolder)
+{
+    for (uint16_t usConfID = 1; usConfID <= 3; ++usConfID)
+        for (uint16_t usFileID = 1; usFileID <= 3; ++usFileID)
+            Opened(m_catalog).SaveFile(usConfID, Record(usFileID));
+    ZV_FileCatalog reopened;
+    Opened(reopened);
+    for (uint16_t usConfID = 1; usConfID <= 3; ++usConfID)
+        for (uint16_t usFileID = 1; usFileID <= 3; ++usFileID)
+            EXPECT_TRUE(Finds(reopened, usConfID, usFileID)) << usConfID << "/" << usFileID;
+}
+
+TEST_F(Catalog, HoldsItsLockUntilTheFileIsWritten)
+{
+    struct LockProbe : ZV_FileCatalog
+    {
+        bool IsFreeToOthers()
+        {
+            bool bFree = false;
+            std::thread([&] {
+                if ((bFree = m_Lock.TryLock()))
+                    m_Lock.Unlock();
+            }).join();
+            return bFree;
+        }
+    } catalog;
+    int nOpens = 0;
+    m_env.m_fnOnOpen = [&] {
+        ++nOpens;
+        EXPECT_FALSE(catalog.IsFreeToOthers()) << "file open " << nOpens;
+    };
+    Opened(catalog).SaveFile(1, Record(1));
+    catalog.SaveFiles(1, QB_Array<ZV_FileUploadInfo>(), QB_Array<QB_StringW>());
+    catalog.DeleteFile(1, 2);
+    catalog.DeleteConf(1);
+    EXPECT_EQ(5, nOpens);
+    EXPECT_TRUE(catalog.IsFreeToOthers());
+}
+
+TEST_F(Catalog, AReadOnlyFileStaysAsItWasWhileChangesLiveInMemory)
+{
+    Opened(m_catalog).SaveFile(1, Record(1));
+    std::vector<uint8_t> vbBefore = QB_ReadWholeFile(Ini());
+    fs::permissions(Ini(), fs::perms::owner_write | fs::perms::group_write | fs::perms::others_write,
+                    fs::perm_options::remove);
+    m_catalog.SaveFile(1, Record(2));
+    m_catalog.DeleteFile(1, 1);
+    fs::permissions(Ini(), fs::perms::owner_write, fs::perm_options::add);
+    EXPECT_EQ(vbBefore, QB_ReadWholeFile(Ini()));
+    EXPECT_TRUE(Finds(m_catalog, 1, 2));
+    EXPECT_FALSE(Finds(m_catalog, 1, 1));
+}
+
+TEST_F(Catalog, KeepsAnAnsiFileAnsi)
+{
+    QB_WriteWholeFile(Ini(), std::string("[old]\r\nConfID=1\r\nFileID=2\r\nFilePath=D:\\caf\xE9\\\r\n"));
+    ZV_FileUploadInfo fileInfo = Loaded(Opened(m_catalog), 1, 2);
+    EXPECT_EQ(std::string("D:\\café\\"), fileInfo.m_BriefInfo.m_sFilePath.GetString());
+    m_catalog.SaveFile(1, fileInfo);
+    std::vector<uint8_t> vb = QB_ReadWholeFile(Ini());
+    std::string sText(vb.begin(), vb.end());
+    EXPECT_EQ(0u, sText.find("[old]\r\nFileValidity=1\r\n"));
+    EXPECT_NE(std::string::npos, sText.find("FilePath=D:\\caf\xE9\\\r\n")) << sText;
+}
+
+TEST_F(Catalog, OpenGivesOneForAFileItCannotOpenAndNinetySevenOnAnException)
+{
+    fs::create_directories(Ini());
+    EXPECT_EQ(zvCatalogNotOpened, m_catalog.Open());
+    fs::remove(Ini());
+
+    fs::create_directories(m_home.Sub("log"));
+    m_env.m_bThrowOnce = true;
+    EXPECT_EQ(zvCatalogException, m_catalog.Open());
+    std::string sLog;
+    for (const auto& entry : fs::directory_iterator(m_home.Sub("log")))
+    {
+        std::ifstream in(entry.path(), std::ios::binary);
+        sLog += std::string(std::istreambuf_iterator<char>(in), {});
+    }
+    EXPECT_EQ(sLog.size() - 30, sLog.find(" : xxxxxxxxxxxxxxxxxxxxxxxxx\r\n")) << sLog;
+    EXPECT_FALSE(fs::exists(Ini()));
+}
