@@ -72,21 +72,14 @@ TEST(SimConference, AnswersTheHostQueriesFromEachNodesOwnView)
     ZV_SimHost* lpAlice = shape.Client(0);
     QB_UserID idStranger(30001, 0);
 
-    EXPECT_TRUE(lpServer->IsServerMode());
-    EXPECT_FALSE(lpServer->IsClientMode());
-    EXPECT_TRUE(lpAlice->IsClientMode());
     EXPECT_EQ(*lpServer->GetLocalUserID(), QB_UserID(1, 0));
-    EXPECT_EQ(*lpAlice->GetLocalUserID(), QB_UserID(10001, 0));
     EXPECT_EQ(lpAlice->GetLocalServerID(), 1u);
-    EXPECT_EQ(lpServer->GetFileIDMin(), 1);
-    EXPECT_EQ(lpServer->GetFileIDMax(), 1000);
     EXPECT_EQ(lpServer->GetClientCount(), 2u);
     EXPECT_FALSE(lpServer->HasServerLinks());
     EXPECT_EQ(lpServer->GetServerLink(), nullptr);
     EXPECT_EQ(lpServer->GetUserConn(&idStranger, 0), zvConnNone);
     EXPECT_EQ(lpServer->GetUserConn(&lpAlice->GetUserID(), zvConfServerTypeCommand), zvConnNone);
-    EXPECT_EQ(lpServer->GetUserLink(nullptr), nullptr);
-    EXPECT_EQ(lpAlice->GetServerConn(1, zvConfServerTypeCommand, 0), zvConnNone);
+    EXPECT_EQ(lpAlice->GetServerConn(1, zvConfServerTypeCommand, 0), zvConnNone) << "a client has no server links";
     EXPECT_EQ(lpServer->GetUser(&idStranger), nullptr);
 
     const ZV_ConfUserInfo* lpInfo = lpServer->GetUser(&lpAlice->GetUserID());

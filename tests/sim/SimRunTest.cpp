@@ -174,6 +174,30 @@ TEST(SimJournal, TracesEachPduEventAndCallOnOneLine)
     EXPECT_EQ(sim.Journal().PdusTo(8002, "usr10001@100").size(), 0u);
 }
 
+TEST(SimConference, HandsAUserSideEventToTheCallbackOfTheNodeThatRaisedIt)
+{
+    QB_TempFolder tmp;
+    ZV_SimConference sim(ZV_SimFakeApi(), ZV_SimFakeOptions(tmp.Path()));
+    ZV_SimShape shape = ZV_SimBuilder::OneServerTwoClients(sim);
+    ASSERT_TRUE(shape.IsComplete()) << sim.GetError();
+    std::vector<std::string> vecSeen;
+    for (ZV_SimHost* lpClient : shape.vecClients)
+    {
+        FakeOf(lpClient).fnOnPdu = [](ZV_SimFakeModule& self, const ConfPduData& cpd) {
+            self.m_lpConfSink->OnConfEvent(self.m_lpConf, 3009, cpd.ulLen, cpd.pData);
+        };
+        lpClient->SetEventCallback([&vecSeen](ZV_SimHost& host, uint16_t usEvent, const std::vector<uint8_t>& vbData) {
+            vecSeen.push_back(host.GetName() + " " + std::to_string(usEvent) + " " + QB_ToHex(vbData));
+        });
+    }
+    const uint8_t kProgress[] = {0x2a, 0x00};
+    shape.Server()->SendPduToGroup(zvConnNone, 0, 8022, kProgress, 2, 0, 0);
+    ASSERT_TRUE(sim.Run());
+
+    EXPECT_EQ(vecSeen, std::vector<std::string>({"usr10001@100 3009 2a 00", "usr10002@100 3009 2a 00"}));
+    EXPECT_EQ(sim.Journal().Events(3009).size(), 2u);
+}
+
 TEST(SimConference, ReportsAConferenceThatNeverSettlesInsteadOfRunningForever)
 {
     QB_TempFolder tmp;

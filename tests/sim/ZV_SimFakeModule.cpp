@@ -71,12 +71,20 @@ uint32_t ZV_SimFakeModule::Initialize()
     return 0;
 }
 
+ZV_SimFakeCall& ZV_SimFakeModule::RecordLink(const std::string& sWhat, const QB_UserID& peer, uint32_t ulConn,
+                                             uint16_t usConnType)
+{
+    ZV_SimFakeCall& call = Record(sWhat);
+    call.peer = peer;
+    call.ulConn = ulConn;
+    call.usConnType = usConnType;
+    return call;
+}
+
 uint32_t ZV_SimFakeModule::HandlePdu(ConfPduData* lpCpd)
 {
-    ZV_SimFakeCall& call = Record("HandlePdu");
-    call.peer = QB_UserID(lpCpd->ulUserMain, lpCpd->ulUserSub);
-    call.ulConn = lpCpd->ulConn;
-    call.usConnType = lpCpd->conn_type;
+    ZV_SimFakeCall& call =
+        RecordLink("HandlePdu", QB_UserID(lpCpd->ulUserMain, lpCpd->ulUserSub), lpCpd->ulConn, lpCpd->conn_type);
     call.usNumber = lpCpd->usPdu;
     call.vbData.assign(lpCpd->pData, lpCpd->pData + lpCpd->ulLen);
     if (fnOnPdu)
@@ -86,10 +94,7 @@ uint32_t ZV_SimFakeModule::HandlePdu(ConfPduData* lpCpd)
 
 uint32_t ZV_SimFakeModule::OnSend(ConfPduData* lpCpd)
 {
-    ZV_SimFakeCall& call = Record("OnSend");
-    call.peer = QB_UserID(lpCpd->ulUserMain, lpCpd->ulUserSub);
-    call.ulConn = lpCpd->ulConn;
-    call.usConnType = lpCpd->conn_type;
+    RecordLink("OnSend", QB_UserID(lpCpd->ulUserMain, lpCpd->ulUserSub), lpCpd->ulConn, lpCpd->conn_type);
     if (fnOnSend)
         fnOnSend(*this, *lpCpd);
     return 0;
@@ -97,19 +102,13 @@ uint32_t ZV_SimFakeModule::OnSend(ConfPduData* lpCpd)
 
 uint32_t ZV_SimFakeModule::OnConnect(const QB_UserID* lpPeer, uint32_t ulConn, uint16_t usConnType, uint32_t)
 {
-    ZV_SimFakeCall& call = Record("OnConnect");
-    call.peer = *lpPeer;
-    call.ulConn = ulConn;
-    call.usConnType = usConnType;
+    RecordLink("OnConnect", *lpPeer, ulConn, usConnType);
     return 0;
 }
 
 uint32_t ZV_SimFakeModule::OnDisconnect(const QB_UserID* lpPeer, uint32_t ulConn, uint16_t usConnType, uint32_t)
 {
-    ZV_SimFakeCall& call = Record("OnDisconnect");
-    call.peer = *lpPeer;
-    call.ulConn = ulConn;
-    call.usConnType = usConnType;
+    RecordLink("OnDisconnect", *lpPeer, ulConn, usConnType);
     return 0;
 }
 

@@ -51,6 +51,7 @@ public:
 
 private:
     ZV_SimFakeCall& Record(const std::string& sWhat);
+    ZV_SimFakeCall& RecordLink(const std::string& sWhat, const QB_UserID& peer, uint32_t ulConn, uint16_t usConnType);
 };
 
 // A module API whose managers are fakes.
