@@ -1,0 +1,588 @@
+// The environment on a POSIX system (Linux): the only source of the project
+// that includes system headers.
+//
+// Sharing. The original platform refused an open that clashed with the deny
+// bits of a handle already open on the same file, or whose own deny bits
+// clashed with an open handle's access. POSIX has no such locks, so this
+// environment keeps its own table of open handles, keyed by device and inode,
+// and applies the same rule to every file opened through it in this process.
+// Other processes are not held off, and this process can still reach the
+// files through anything that bypasses the environment (fopen, std::fstream).
+// Deleting a file that is open is allowed here, where the original refused
+// it; the system closes its files before it deletes them.
+//
+// Read-only. A file without any write permission bit counts as carrying the
+// read-only attribute: opening it for writing, replacing it and deleting it
+// fail, as they did on the original platform, also when the process runs as
+// root and the kernel would allow all three.
+#include "QB_Env.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <ctime>
+#include <map>
+#include <mutex>
+#include <random>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr uint32_t kAccessRead = 0x1;
+constexpr uint32_t kAccessWrite = 0x2;
+constexpr uint32_t kAccessMask = 0x3;
+constexpr uint32_t kCreationMask = 0xF00;
+constexpr uint32_t kOpenExisting = 0x100;
+constexpr uint32_t kOpenAlways = 0x200;
+constexpr uint32_t kCreateAlways = 0x300;
+constexpr uint32_t kCreateNew = 0x400;
+constexpr uint32_t kAttrReadOnly = 0x1000;
+
+constexpr mode_t kAnyWriteBit = S_IWUSR | S_IWGRP | S_IWOTH;
+
+// ---- text of paths ----
+
+void AppendUtf8(std::string& s, char32_t c)
+{
+    if (c < 0x80)
+        s += (char)c;
+    else if (c < 0x800)
+    {
+        s += (char)(0xC0 | (c >> 6));
+        s += (char)(0x80 | (c & 0x3F));
+    }
+    else if (c < 0x10000)
+    {
+        s += (char)(0xE0 | (c >> 12));
+        s += (char)(0x80 | ((c >> 6) & 0x3F));
+        s += (char)(0x80 | (c & 0x3F));
+    }
+    else
+    {
+        s += (char)(0xF0 | (c >> 18));
+        s += (char)(0x80 | ((c >> 12) & 0x3F));
+        s += (char)(0x80 | ((c >> 6) & 0x3F));
+        s += (char)(0x80 | (c & 0x3F));
+    }
+}
+
+void AppendUtf16(std::u16string& s, char32_t c)
+{
+    if (c < 0x10000)
+    {
+        s += (char16_t)c;
+        return;
+    }
+    c -= 0x10000;
+    s += (char16_t)(0xD800 + (c >> 10));
+    s += (char16_t)(0xDC00 + (c & 0x3FF));
+}
+
+bool IsHighSurrogate(char32_t c) { return c >= 0xD800 && c <= 0xDBFF; }
+bool IsLowSurrogate(char32_t c) { return c >= 0xDC00 && c <= 0xDFFF; }
+
+// Decodes one UTF-8 sequence at `i`, moving `i` behind it. Anything that is
+// not the shortest form of a scalar value costs one byte and gives U+FFFD.
+char32_t DecodeUtf8(const std::string& s, size_t& i)
+{
+    unsigned char b = (unsigned char)s[i++];
+    if (b < 0x80)
+        return b;
+    int nMore = b >= 0xF0 ? 3 : (b >= 0xE0 ? 2 : (b >= 0xC0 ? 1 : -1));
+    if (nMore < 0 || b > 0xF4 || i + nMore > s.size())
+        return 0xFFFD;
+    char32_t c = b & (0x3F >> nMore);
+    for (int k = 0; k < nMore; ++k)
+    {
+        unsigned char t = (unsigned char)s[i + k];
+        if ((t & 0xC0) != 0x80)
+            return 0xFFFD;
+        c = (c << 6) | (t & 0x3F);
+    }
+    static const char32_t kMinimum[4] = {0, 0x80, 0x800, 0x10000};
+    if (c < kMinimum[nMore] || c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF))
+        return 0xFFFD;
+    i += nMore;
+    return c;
+}
+
+// Windows form with its separators unified to "\", cut at the first zero
+// unit as the platform's null-terminated strings were.
+std::u16string WithBackslashes(const std::u16string& sPath)
+{
+    std::u16string s = sPath.substr(0, sPath.find(u'\0'));
+    for (char16_t& ch : s)
+        if (ch == u'/')
+            ch = u'\\';
+    return s;
+}
+
+// Resolves "." and ".." by text alone; ".." at the root stays at the root.
+// The result keeps a trailing backslash when the path ended in one.
+std::u16string ResolveDots(const std::u16string& sAbsolute)
+{
+    std::vector<std::u16string> vSegments;
+    size_t nStart = 0;
+    while (nStart <= sAbsolute.size())
+    {
+        size_t nEnd = sAbsolute.find(u'\\', nStart);
+        if (nEnd == std::u16string::npos)
+            nEnd = sAbsolute.size();
+        std::u16string sSeg = sAbsolute.substr(nStart, nEnd - nStart);
+        if (sSeg == u"..")
+        {
+            if (!vSegments.empty())
+                vSegments.pop_back();
+        }
+        else if (!sSeg.empty() && sSeg != u".")
+            vSegments.push_back(sSeg);
+        nStart = nEnd + 1;
+    }
+    std::u16string sOut;
+    for (const auto& sSeg : vSegments)
+        sOut += u'\\' + sSeg;
+    if (sOut.empty() || sAbsolute.back() == u'\\')
+        sOut += u'\\';
+    return sOut;
+}
+
+std::string CurrentFolder()
+{
+    std::vector<char> vch(256);
+    while (getcwd(vch.data(), vch.size()) == nullptr)
+    {
+        if (errno != ERANGE)
+            return "/";
+        vch.resize(vch.size() * 2);
+    }
+    return vch.data();
+}
+
+std::string ExecutablePath()
+{
+    std::vector<char> vch(256);
+    for (;;)
+    {
+        ssize_t n = readlink("/proc/self/exe", vch.data(), vch.size());
+        if (n < 0)
+            return {};
+        if ((size_t)n < vch.size())
+            return std::string(vch.data(), (size_t)n);
+        vch.resize(vch.size() * 2);
+    }
+}
+
+// ---- time ----
+
+QB_SystemTime FromTm(const struct tm& t, long lNanoseconds)
+{
+    QB_SystemTime st;
+    st.wYear = (uint16_t)(t.tm_year + 1900);
+    st.wMonth = (uint16_t)(t.tm_mon + 1);
+    st.wDayOfWeek = (uint16_t)t.tm_wday;
+    st.wDay = (uint16_t)t.tm_mday;
+    st.wHour = (uint16_t)t.tm_hour;
+    st.wMinute = (uint16_t)t.tm_min;
+    st.wSecond = (uint16_t)t.tm_sec;
+    st.wMilliseconds = (uint16_t)(lNanoseconds / 1000000);
+    return st;
+}
+
+QB_SystemTime LocalFromSeconds(int64_t llSeconds, long lNanoseconds)
+{
+    // localtime_r reads the zone only once; a change of TZ should show.
+    tzset();
+    time_t t = (time_t)llSeconds;
+    struct tm tmLocal = {};
+    localtime_r(&t, &tmLocal);
+    return FromTm(tmLocal, lNanoseconds);
+}
+
+void StoreTime(QB_SystemTime* pOut, const struct statx_timestamp& ts)
+{
+    if (pOut)
+        *pOut = LocalFromSeconds(ts.tv_sec, ts.tv_nsec);
+}
+
+// ---- the open-file table ----
+
+struct OpenRecord
+{
+    dev_t dev;
+    ino_t ino;
+    uint32_t ulAccess;  // kAccessRead / kAccessWrite
+    uint32_t ulDeny;    // the same bits: what others may not do
+};
+
+bool Clashes(const OpenRecord& rec, dev_t dev, ino_t ino, uint32_t ulAccess, uint32_t ulDeny)
+{
+    if (rec.dev != dev || rec.ino != ino)
+        return false;
+    return (ulAccess & rec.ulDeny) != 0 || (rec.ulAccess & ulDeny) != 0;
+}
+
+struct OpenRequest
+{
+    int nFlags = 0;
+    uint32_t ulAccess = 0;
+    uint32_t ulDeny = 0;
+    uint32_t ulCreation = 0;
+    mode_t mode = 0666;
+};
+
+// False for a mode word the original platform would have refused.
+bool ParseMode(uint32_t ulMode, OpenRequest& req)
+{
+    req.ulAccess = ulMode & kAccessMask;
+    req.ulDeny = (ulMode >> 4) & kAccessMask;
+    req.ulCreation = ulMode & kCreationMask;
+    if (req.ulCreation == 0)
+        req.ulCreation = kOpenExisting;
+    static const int kAccessFlags[4] = {0, O_RDONLY, O_WRONLY, O_RDWR};
+    if (req.ulAccess == 0)
+        return false;
+    req.nFlags = kAccessFlags[req.ulAccess] | O_CLOEXEC | O_NONBLOCK;
+    switch (req.ulCreation)
+    {
+    case kOpenExisting: break;
+    case kOpenAlways: req.nFlags |= O_CREAT; break;
+    case kCreateAlways: req.nFlags |= O_CREAT | O_TRUNC; break;
+    case kCreateNew: req.nFlags |= O_CREAT | O_EXCL; break;
+    default: return false;
+    }
+    if (ulMode & kAttrReadOnly)
+        req.mode = 0444;
+    return true;
+}
+
+class QB_EnvPosix : public QB_Env
+{
+public:
+    QB_FileHandle OpenFile(const std::u16string& sPath, uint32_t ulMode) override;
+    bool CloseFile(QB_FileHandle hFile) override;
+    int32_t ReadFile(QB_FileHandle hFile, void* pBuf, int32_t nCount) override;
+    int32_t WriteFile(QB_FileHandle hFile, const void* pBuf, int32_t nCount) override;
+    int64_t SeekFile(QB_FileHandle hFile, int64_t llOffset, int nOrigin) override;
+    bool SetEndOfFile(QB_FileHandle hFile) override;
+    int64_t GetFileSize(QB_FileHandle hFile) override;
+    bool GetFileTimes(QB_FileHandle hFile, QB_SystemTime* pCreation, QB_SystemTime* pLastWrite,
+                      QB_SystemTime* pLastAccess) override;
+
+    bool DeleteFile(const std::u16string& sPath) override;
+    uint32_t GetFileAttributes(const std::u16string& sPath) override;
+    bool CreateDirectory(const std::u16string& sPath) override;
+    std::u16string GetFullPathName(const std::u16string& sPath) override;
+    std::u16string GetModuleFolder() override;
+
+    uint32_t GetTickCount() override;
+    int64_t GetTimeT() override;
+    void GetLocalTime(QB_SystemTime* pTime) override;
+    int32_t GetTimeZoneBias() override;
+
+    void NewGuid(uint8_t abGuid[16]) override;
+
+private:
+    std::mutex m_mutex;  // guards m_mapOpen
+    std::map<int, OpenRecord> m_mapOpen;
+
+    bool IsKnown(QB_FileHandle hFile);
+    bool MayOpen(const std::string& sPath, const OpenRequest& req);
+};
+
+// Handles that this environment did not give out are refused, so a stale or
+// made-up value can't reach another descriptor of the process.
+bool QB_EnvPosix::IsKnown(QB_FileHandle hFile)
+{
+    if (hFile < 0 || hFile > INT32_MAX)
+        return false;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_mapOpen.count((int)hFile) != 0;
+}
+
+// Checks an existing file against the sharing table and its read-only state.
+// The caller holds m_mutex.
+bool QB_EnvPosix::MayOpen(const std::string& sPath, const OpenRequest& req)
+{
+    struct stat st;
+    if (stat(sPath.c_str(), &st) != 0)
+        return true;  // a missing file: open() itself decides
+    if (!S_ISREG(st.st_mode))
+        return false;
+    bool bWrites = (req.ulAccess & kAccessWrite) || req.ulCreation == kCreateAlways;
+    if (bWrites && (st.st_mode & kAnyWriteBit) == 0)
+        return false;
+    for (const auto& [nFd, rec] : m_mapOpen)
+        if (Clashes(rec, st.st_dev, st.st_ino, req.ulAccess, req.ulDeny))
+            return false;
+    return true;
+}
+
+QB_FileHandle QB_EnvPosix::OpenFile(const std::u16string& sPath, uint32_t ulMode)
+{
+    OpenRequest req;
+    std::string sSystem = QB_PathToSystem(sPath);
+    if (sSystem.empty() || !ParseMode(ulMode, req))
+        return QB_INVALID_FILE;
+    // Held across the check and the open, so two threads can't both pass the
+    // sharing check before either is in the table.
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (!MayOpen(sSystem, req))
+        return QB_INVALID_FILE;
+    int nFd = open(sSystem.c_str(), req.nFlags, req.mode);
+    if (nFd < 0)
+        return QB_INVALID_FILE;
+    struct stat st;
+    if (fstat(nFd, &st) != 0 || !S_ISREG(st.st_mode))
+    {
+        close(nFd);
+        return QB_INVALID_FILE;
+    }
+    m_mapOpen[nFd] = OpenRecord{st.st_dev, st.st_ino, req.ulAccess, req.ulDeny};
+    return nFd;
+}
+
+bool QB_EnvPosix::CloseFile(QB_FileHandle hFile)
+{
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (hFile < 0 || hFile > INT32_MAX || m_mapOpen.erase((int)hFile) == 0)
+            return false;
+    }
+    return close((int)hFile) == 0;
+}
+
+// A file gives the whole count unless its end comes first, so short reads
+// and writes of the kernel are continued here.
+int32_t QB_EnvPosix::ReadFile(QB_FileHandle hFile, void* pBuf, int32_t nCount)
+{
+    if (!pBuf || nCount < 0 || !IsKnown(hFile))
+        return -1;
+    int32_t nDone = 0;
+    while (nDone < nCount)
+    {
+        ssize_t n = read((int)hFile, (char*)pBuf + nDone, (size_t)(nCount - nDone));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0)
+            return -1;
+        if (n == 0)
+            break;
+        nDone += (int32_t)n;
+    }
+    return nDone;
+}
+
+int32_t QB_EnvPosix::WriteFile(QB_FileHandle hFile, const void* pBuf, int32_t nCount)
+{
+    if (!pBuf || nCount < 0 || !IsKnown(hFile))
+        return -1;
+    int32_t nDone = 0;
+    while (nDone < nCount)
+    {
+        ssize_t n = write((int)hFile, (const char*)pBuf + nDone, (size_t)(nCount - nDone));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return -1;
+        nDone += (int32_t)n;
+    }
+    return nDone;
+}
+
+int64_t QB_EnvPosix::SeekFile(QB_FileHandle hFile, int64_t llOffset, int nOrigin)
+{
+    static const int kWhence[3] = {SEEK_SET, SEEK_CUR, SEEK_END};
+    if (nOrigin < QB_SEEK_BEGIN || nOrigin > QB_SEEK_END || !IsKnown(hFile))
+        return -1;
+    off_t pos = lseek((int)hFile, (off_t)llOffset, kWhence[nOrigin]);
+    return pos < 0 ? -1 : (int64_t)pos;
+}
+
+bool QB_EnvPosix::SetEndOfFile(QB_FileHandle hFile)
+{
+    if (!IsKnown(hFile))
+        return false;
+    off_t pos = lseek((int)hFile, 0, SEEK_CUR);
+    return pos >= 0 && ftruncate((int)hFile, pos) == 0;
+}
+
+int64_t QB_EnvPosix::GetFileSize(QB_FileHandle hFile)
+{
+    struct stat st;
+    if (!IsKnown(hFile) || fstat((int)hFile, &st) != 0)
+        return -1;
+    return (int64_t)st.st_size;
+}
+
+bool QB_EnvPosix::GetFileTimes(QB_FileHandle hFile, QB_SystemTime* pCreation, QB_SystemTime* pLastWrite,
+                               QB_SystemTime* pLastAccess)
+{
+    struct statx stx;
+    if (!IsKnown(hFile) || statx((int)hFile, "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_BTIME, &stx) != 0)
+        return false;
+    // Not every file system keeps a birth time; the status change time is
+    // the nearest thing it has.
+    StoreTime(pCreation, (stx.stx_mask & STATX_BTIME) ? stx.stx_btime : stx.stx_ctime);
+    StoreTime(pLastWrite, stx.stx_mtime);
+    StoreTime(pLastAccess, stx.stx_atime);
+    return true;
+}
+
+bool QB_EnvPosix::DeleteFile(const std::u16string& sPath)
+{
+    std::string sSystem = QB_PathToSystem(sPath);
+    struct stat st;
+    if (sSystem.empty() || lstat(sSystem.c_str(), &st) != 0 || S_ISDIR(st.st_mode))
+        return false;
+    if (S_ISREG(st.st_mode) && (st.st_mode & kAnyWriteBit) == 0)
+        return false;
+    return unlink(sSystem.c_str()) == 0;
+}
+
+uint32_t QB_EnvPosix::GetFileAttributes(const std::u16string& sPath)
+{
+    std::string sSystem = QB_PathToSystem(sPath);
+    struct stat st;
+    if (sSystem.empty() || stat(sSystem.c_str(), &st) != 0)
+        return QB_ATTR_INVALID;
+    if (S_ISDIR(st.st_mode))
+        return QB_ATTR_DIRECTORY;
+    return (st.st_mode & kAnyWriteBit) == 0 ? QB_ATTR_READONLY : QB_ATTR_NORMAL;
+}
+
+bool QB_EnvPosix::CreateDirectory(const std::u16string& sPath)
+{
+    std::string sSystem = QB_PathToSystem(sPath);
+    return !sSystem.empty() && mkdir(sSystem.c_str(), 0777) == 0;
+}
+
+std::u16string QB_EnvPosix::GetFullPathName(const std::u16string& sPath)
+{
+    std::u16string s = WithBackslashes(sPath);
+    if (s.empty())
+        return s;
+    if (s[0] != u'\\')
+        s = QB_PathFromSystem(CurrentFolder()) + u'\\' + s;
+    return ResolveDots(s);
+}
+
+std::u16string QB_EnvPosix::GetModuleFolder()
+{
+    const char* pszHome = getenv("ROOMCRATE_HOME");
+    std::u16string s;
+    if (pszHome && *pszHome)
+        s = QB_PathFromSystem(pszHome);
+    else
+    {
+        std::string sExe = ExecutablePath();
+        s = QB_PathFromSystem(sExe.substr(0, sExe.rfind('/') + 1));
+    }
+    if (s.empty() || s.back() != u'\\')
+        s += u'\\';
+    return s;
+}
+
+uint32_t QB_EnvPosix::GetTickCount()
+{
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    uint64_t ullMs = (uint64_t)ts.tv_sec * 1000u + (uint64_t)ts.tv_nsec / 1000000u;
+    return (uint32_t)ullMs;
+}
+
+int64_t QB_EnvPosix::GetTimeT()
+{
+    return (int64_t)time(nullptr);
+}
+
+void QB_EnvPosix::GetLocalTime(QB_SystemTime* pTime)
+{
+    if (!pTime)
+        return;
+    struct timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    *pTime = LocalFromSeconds(ts.tv_sec, ts.tv_nsec);
+}
+
+int32_t QB_EnvPosix::GetTimeZoneBias()
+{
+    tzset();
+    return (int32_t)timezone;
+}
+
+void QB_EnvPosix::NewGuid(uint8_t abGuid[16])
+{
+    std::random_device rd;
+    for (int i = 0; i < 16; i += 4)
+    {
+        uint32_t ul = rd();
+        for (int k = 0; k < 4; ++k)
+            abGuid[i + k] = (uint8_t)(ul >> (8 * k));
+    }
+}
+
+std::atomic<QB_Env*> g_lpEnv{nullptr};
+
+}  // namespace
+
+QB_Env* QB_GetDefaultEnv()
+{
+    // Never destroyed: logging may still ask for it while statics go away.
+    static QB_Env* s_lpDefault = new QB_EnvPosix;
+    return s_lpDefault;
+}
+
+QB_Env* QB_GetEnv()
+{
+    QB_Env* lpEnv = g_lpEnv.load();
+    return lpEnv ? lpEnv : QB_GetDefaultEnv();
+}
+
+QB_Env* QB_SetEnv(QB_Env* lpEnv)
+{
+    QB_Env* lpPrevious = g_lpEnv.exchange(lpEnv);
+    return lpPrevious ? lpPrevious : QB_GetDefaultEnv();
+}
+
+bool QB_SetEnvironmentVariable(const char* pszName, const char* pszValue)
+{
+    if (!pszName || !*pszName || std::string(pszName).find('=') != std::string::npos)
+        return false;
+    return (pszValue ? setenv(pszName, pszValue, 1) : unsetenv(pszName)) == 0;
+}
+
+std::string QB_PathToSystem(const std::u16string& sPath)
+{
+    std::u16string s = WithBackslashes(sPath);
+    std::string sOut;
+    sOut.reserve(s.size());
+    for (size_t i = 0; i < s.size(); ++i)
+    {
+        char32_t c = s[i];
+        if (IsHighSurrogate(c) && i + 1 < s.size() && IsLowSurrogate(s[i + 1]))
+            c = 0x10000 + ((c - 0xD800) << 10) + (s[++i] - 0xDC00);
+        else if (IsHighSurrogate(c) || IsLowSurrogate(c))
+            c = 0xFFFD;
+        else if (c == u'\\')
+            c = u'/';
+        AppendUtf8(sOut, c);
+    }
+    return sOut;
+}
+
+std::u16string QB_PathFromSystem(const std::string& sPath)
+{
+    std::u16string sOut;
+    sOut.reserve(sPath.size());
+    size_t i = 0;
+    while (i < sPath.size())
+    {
+        char32_t c = DecodeUtf8(sPath, i);
+        AppendUtf16(sOut, c == U'/' ? U'\\' : c);
+    }
+    return sOut;
+}

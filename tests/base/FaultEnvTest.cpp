@@ -1,0 +1,202 @@
+#include "QB_FaultEnv.h"
+#include "QB_FileEx.h"
+#include "QB_TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// One operation of the given kind through the file helpers; the nth call of
+// a kind works on its own names, so an earlier result doesn't hide a later.
+bool DoOne(QB_EnvOp op, const QB_TempFolder& tmp, QB_FileEx& file, int n)
+{
+    const std::string sName = "n" + std::to_string(n);
+    char ch = 'x';
+    switch (op)
+    {
+    case QB_EnvOp::Open: {
+        QB_FileEx other;
+        bool bOpened = other.Open(tmp.SubW(sName), 0x203);
+        other.Close();
+        return bOpened;
+    }
+    case QB_EnvOp::Read: file.Seek(0, QB_SEEK_BEGIN); return file.Read(&ch, 1) == 1;
+    case QB_EnvOp::Write: return file.Write(&ch, 1) == 1;
+    case QB_EnvOp::Seek: return file.Seek(n, QB_SEEK_BEGIN) == n;
+    case QB_EnvOp::SetEnd: return file.SetEnd();
+    case QB_EnvOp::Delete:
+        QB_WriteWholeFile(tmp.Sub(sName), "x");
+        return QB_FileEx::Delete(tmp.SubW(sName));
+    case QB_EnvOp::MakeFolder: return MakeDirs(tmp.PathW() + QB_StringW(QB_StringU8(sName.c_str())));
+    default: return false;
+    }
+}
+
+}  // namespace
+
+TEST(FaultEnv, FailsTheNthOperationOfEachKindOnceOrFromThenOn)
+{
+    const QB_EnvOp aOps[] = {QB_EnvOp::Open,   QB_EnvOp::Read,   QB_EnvOp::Write,     QB_EnvOp::Seek,
+                             QB_EnvOp::SetEnd, QB_EnvOp::Delete, QB_EnvOp::MakeFolder};
+    for (QB_EnvOp op : aOps)
+        for (bool bSticky : {false, true})
+        {
+            QB_TempFolder tmp;
+            // The inner env counts what reaches the target.
+            QB_FaultEnv inner;
+            QB_FaultEnv outer(&inner);
+            QB_ScopedEnv install(&outer);
+            QB_FileEx file;
+            ASSERT_TRUE(file.Open(tmp.SubW("f"), 0x203));
+            ASSERT_EQ(file.Write("abc", 3), 3);
+            outer.ResetCounts();
+            inner.ResetCounts();
+
+            outer.FailAt(op, 3, bSticky);
+            std::string sResults;
+            for (int n = 1; n <= 5; ++n)
+                sResults += DoOne(op, tmp, file, n) ? 'T' : 'F';
+            file.Close();
+            const char* pszWhat = bSticky ? "sticky" : "once";
+            EXPECT_EQ(sResults, bSticky ? "TTFFF" : "TTFTT") << (int)op << " " << pszWhat;
+            EXPECT_EQ(outer.GetCount(op), 5) << (int)op << " " << pszWhat;
+            EXPECT_EQ(inner.GetCount(op), bSticky ? 2 : 4) << (int)op << " " << pszWhat;
+        }
+}
+
+TEST(FaultEnv, LeavesTheDiskAsItWasWhenAnOperationFails)
+{
+    QB_TempFolder tmp;
+    QB_FaultEnv env;
+    QB_ScopedEnv install(&env);
+    QB_WriteWholeFile(tmp.Sub("old"), "keep");
+
+    env.FailAt(QB_EnvOp::Open, 1);
+    QB_FileEx file;
+    EXPECT_FALSE(file.Open(tmp.SubW("new"), 0x203));
+    EXPECT_FALSE(fs::exists(tmp.Sub("new")));
+
+    env.FailAt(QB_EnvOp::Write, 1);
+    ASSERT_TRUE(file.Open(tmp.SubW("old"), 0x103));
+    EXPECT_EQ(file.Write("lost", 4), -1);
+    file.Close();
+    EXPECT_EQ(QB_ReadWholeFile(tmp.Sub("old")), (std::vector<uint8_t>{'k', 'e', 'e', 'p'}));
+
+    env.FailAt(QB_EnvOp::Delete, 1);
+    EXPECT_FALSE(QB_FileEx::Delete(tmp.SubW("old")));
+    EXPECT_TRUE(fs::exists(tmp.Sub("old")));
+}
+
+TEST(FaultEnv, StopsMakeDirsAtTheFolderThatCannotBeMade)
+{
+    QB_TempFolder tmp;
+    QB_FaultEnv env;
+    QB_ScopedEnv install(&env);
+    env.FailAt(QB_EnvOp::MakeFolder, 2);
+    EXPECT_FALSE(MakeDirs(tmp.PathW() + u"a\\b\\c"));
+    EXPECT_TRUE(fs::is_directory(tmp.Sub("a")));
+    EXPECT_FALSE(fs::exists(tmp.Sub("a/b")));
+
+    // A plain file that can't be deleted keeps the folder from being made.
+    QB_WriteWholeFile(tmp.Sub("plain"), "x");
+    env.FailAt(QB_EnvOp::Delete, 1);
+    EXPECT_FALSE(MakeDirs(tmp.PathW() + u"plain\\sub"));
+    EXPECT_TRUE(fs::is_regular_file(tmp.Sub("plain")));
+}
+
+TEST(FaultEnv, ForgetsFaultsAndCountsWhenCleared)
+{
+    QB_TempFolder tmp;
+    QB_FaultEnv env;
+    QB_ScopedEnv install(&env);
+    env.FailAt(QB_EnvOp::MakeFolder, 1, true);
+    EXPECT_FALSE(MakeDirs(tmp.PathW() + u"a"));
+    env.ResetCounts();
+    EXPECT_EQ(env.GetCount(QB_EnvOp::MakeFolder), 0);
+    EXPECT_FALSE(MakeDirs(tmp.PathW() + u"a"));  // the fault outlives the count
+    env.ClearFaults();
+    EXPECT_TRUE(MakeDirs(tmp.PathW() + u"a"));
+    EXPECT_EQ(env.GetCount(QB_EnvOp::MakeFolder), 2);
+    EXPECT_EQ(env.GetCount(QB_EnvOp::Count_), 0);
+}
+
+TEST(FaultEnv, DrivesTheTickByHandAndWrapsPastTheTop)
+{
+    QB_FaultEnv env;
+    QB_ScopedEnv install(&env);
+    env.SetTick(0xFFFFFFF0u);
+    EXPECT_EQ(QB_GetEnv()->GetTickCount(), 0xFFFFFFF0u);
+    EXPECT_EQ(QB_GetEnv()->GetTickCount(), 0xFFFFFFF0u);
+    env.AdvanceTick(0x20);
+    EXPECT_EQ(QB_GetEnv()->GetTickCount(), 0x10u);
+    EXPECT_EQ(QB_GetEnv()->GetTickCount() - 0xFFFFFFF0u, 0x20u);
+    env.AdvanceTick(0xFFFFFFFFu);
+    EXPECT_EQ(QB_GetEnv()->GetTickCount(), 0x0Fu);
+}
+
+TEST(FaultEnv, GivesLocalTimeFromTheManualClockMinusTheBias)
+{
+    struct Row
+    {
+        int64_t llTime;
+        int32_t lBias;
+        QB_SystemTime st;  // year, month, weekday, day, hour, minute, second
+    };
+    const Row aRows[] = {
+        {1300260065, 0, {2011, 3, 3, 16, 7, 21, 5, 0}},
+        {1300260065, -3600, {2011, 3, 3, 16, 8, 21, 5, 0}},
+        {1300233600, 3600, {2011, 3, 2, 15, 23, 0, 0, 0}},
+        {0, 0, {1970, 1, 4, 1, 0, 0, 0, 0}},
+        {951782400, 0, {2000, 2, 2, 29, 0, 0, 0, 0}},
+        {-1, 0, {1969, 12, 3, 31, 23, 59, 59, 0}},
+    };
+    for (const Row& row : aRows)
+    {
+        QB_FaultEnv env;
+        env.SetTimeT(row.llTime);
+        env.SetTimeZoneBias(row.lBias);
+        QB_SystemTime st;
+        env.GetLocalTime(&st);
+        const auto Fields = [](const QB_SystemTime& t) {
+            return std::vector<int>{t.wYear, t.wMonth, t.wDayOfWeek, t.wDay, t.wHour, t.wMinute, t.wSecond, t.wMilliseconds};
+        };
+        EXPECT_EQ(Fields(st), Fields(row.st)) << row.llTime << " bias " << row.lBias;
+        EXPECT_EQ(env.GetTimeT(), row.llTime);
+        EXPECT_EQ(env.GetTimeZoneBias(), row.lBias);
+    }
+}
+
+TEST(FaultEnv, TakesAManualTimeWithoutABiasAsUtc)
+{
+    QB_FaultEnv env;
+    env.SetTimeT(1300260065);
+    QB_SystemTime st;
+    env.GetLocalTime(&st);
+    EXPECT_EQ(env.GetTimeZoneBias(), 0);
+    EXPECT_EQ(st.wHour, 7);
+}
+
+TEST(FaultEnv, InstallsAndRestoresTheEnvironment)
+{
+    QB_Env* lpDefault = QB_GetDefaultEnv();
+    ASSERT_EQ(QB_GetEnv(), lpDefault);
+    QB_FaultEnv outer, inner;
+    {
+        QB_ScopedEnv first(&outer);
+        EXPECT_EQ(QB_GetEnv(), &outer);
+        {
+            QB_ScopedEnv second(&inner);
+            EXPECT_EQ(QB_GetEnv(), &inner);
+        }
+        EXPECT_EQ(QB_GetEnv(), &outer);
+    }
+    EXPECT_EQ(QB_GetEnv(), lpDefault);
+    EXPECT_EQ(QB_SetEnv(&outer), lpDefault);
+    EXPECT_EQ(QB_SetEnv(nullptr), &outer);
+    EXPECT_EQ(QB_GetEnv(), lpDefault);
+}
