@@ -189,24 +189,32 @@ class IZV_ConfHost
 public:
     virtual uint32_t GetConfID() = 0;  // low 16 bits used
     virtual uint32_t GetClientCount() = 0;
+    // A client's user; a server answers QB_UserID(GetLocalServerID(), 0).
     virtual const QB_UserID* GetLocalUserID() = 0;
     virtual uint32_t GetLocalServerID() = 0;
     virtual bool IsServerMode() = 0;
     virtual bool IsClientMode() = 0;
     virtual bool CanShareFiles(const QB_UserID* lpUser) = 0;
+    // The FileIDs this server gives out; a client answers its server's range.
     virtual uint16_t GetFileIDMin() = 0;
     virtual uint16_t GetFileIDMax() = 0;
     virtual uint32_t GetUserConn(const QB_UserID* lpUser, uint16_t usConnType) = 0;
     virtual uint32_t GetServerConn(uint32_t ulServerID, uint16_t usConnType, uint32_t ulReserved) = 0;
     virtual IZV_ConfLink* GetUserLink(const QB_UserID* lpUser) = 0;
     virtual IZV_ConfLink* GetServerLink() = 0;  // client: the link to its server
+    // The record and its name stay valid at least until the call into the
+    // module that asked for them returns.
     virtual const ZV_ConfUserInfo* GetUser(const QB_UserID* lpUser) = 0;
 
     // Sends copy the data before they return. The two flags belong to the
-    // host; the module only chooses their values.
+    // host; the module only chooses their values. A send that cannot be made
+    // answers non-zero; the module hands that up as the result of the user's
+    // operation that caused it. SendPdu on a server connection carries no
+    // conference word: it belongs to the conference of the manager that sent it.
     virtual uint32_t SendPdu(uint32_t ulConn, uint16_t usPdu, const uint8_t* pData, uint32_t ulLen, uint8_t bFlag1,
                              uint8_t bFlag2) = 0;
-    // To every client of this server but the one on ulSkipConn (zvConnNone: all).
+    // To every client of this server in this conference but the one on
+    // ulSkipConn (zvConnNone: all). Other servers tell their own clients.
     virtual uint32_t SendPduToGroup(uint32_t ulSkipConn, uint32_t ulReserved, uint16_t usPdu, const uint8_t* pData,
                                     uint32_t ulLen, uint8_t bFlag1, uint8_t bFlag2) = 0;
     // On that server link. The payload starts with the conference word.
