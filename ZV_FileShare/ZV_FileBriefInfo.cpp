@@ -89,8 +89,10 @@ bool ZV_FileBriefInfo::IsSameLocalFile() const
         return false;
     QB_SystemTime stCreation, stLastWrite, stLastAccess;
     QB_DateTimeEx dtLastWrite;
+    // Sizes are 32-bit words: files from 2 GB on come back negative and are
+    // compared as the unsigned length they stand for.
     bool bSame = file.GetTimes(&stCreation, &stLastWrite, &stLastAccess) && dtLastWrite.SetFromSystemTime(stLastWrite) &&
-                 file.GetLength() >= 0 && (uint32_t)file.GetLength() == m_ulFileLenth &&
+                 (uint32_t)file.GetLength() == m_ulFileLenth &&
                  dtLastWrite.ToText(0, "-") == m_dtModifyTime.ToText(0, "-");
     file.Close();
     return bSame;
