@@ -1,0 +1,265 @@
+#include "QB_ByteStream.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+#include <vector>
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+// The code of the stream failure that fn raises; 0 when it raises none.
+uint32_t FailureOf(const std::function<void()>& fn)
+{
+    try
+    {
+        fn();
+    }
+    catch (const QB_StreamException& e)
+    {
+        return e.m_ulCode;
+    }
+    return 0;
+}
+
+struct CountCase
+{
+    uint32_t ulValue;
+    Bytes vbForm;
+};
+
+const CountCase kCounts[] = {
+    {0, {0x00}},
+    {0x7F, {0x7F}},
+    {0x80, {0x80, 0x80}},
+    {300, {0x81, 0x2C}},
+    {0x3FFF, {0xBF, 0xFF}},
+    {0x4000, {0xC0, 0x40, 0x00}},
+    {0x1FFFFF, {0xDF, 0xFF, 0xFF}},
+    {0x200000, {0xE0, 0x20, 0x00, 0x00}},
+    {0xFFFFFFF, {0xEF, 0xFF, 0xFF, 0xFF}},
+    {0x10000000, {0xF0, 0x10, 0x00, 0x00, 0x00}},
+    {0xFFFFFFFF, {0xF0, 0xFF, 0xFF, 0xFF, 0xFF}},
+};
+
+}  // namespace
+
+TEST(ByteStream, WritesEachCountInItsShortestFormAndReadsItBack)
+{
+    for (const CountCase& c : kCounts)
+    {
+        SCOPED_TRACE(c.ulValue);
+        int32_t nSize = (int32_t)c.vbForm.size();
+        EXPECT_EQ(QB_ByteStream::GetCountSize(c.ulValue), nSize);
+
+        Bytes vbBuf(nSize + 1, 0xEE);
+        QB_ByteStream save(vbBuf.data(), nSize, false);
+        save.WriteCount(c.ulValue);
+        EXPECT_EQ(Bytes(vbBuf.begin(), vbBuf.end() - 1), c.vbForm);
+        EXPECT_EQ(vbBuf.back(), 0xEE) << "the byte behind the view was written";
+        EXPECT_EQ(save.GetPos(), nSize);
+
+        QB_ByteStream load(c.vbForm.data(), nSize);
+        EXPECT_EQ(load.ReadCount(), c.ulValue);
+        EXPECT_EQ(load.GetPos(), nSize);
+
+        // Every cut of the form fails from the count's start, here behind a
+        // byte already read.
+        for (int32_t nCut = 0; nCut < nSize; ++nCut)
+        {
+            Bytes vbCut(c.vbForm.begin(), c.vbForm.begin() + nCut);
+            vbCut.insert(vbCut.begin(), 0x55);
+            QB_ByteStream cut(vbCut.data(), (int32_t)vbCut.size());
+            cut.ReadU8();
+            EXPECT_EQ(FailureOf([&] { cut.ReadCount(); }), QB_STREAM_LOAD_FAILURE) << "cut at " << nCut;
+            EXPECT_EQ(cut.GetPos(), 1);
+        }
+    }
+}
+
+TEST(ByteStream, AcceptsLongerCountFormsAndRefusesLeadsAboveF0)
+{
+    const CountCase kLong[] = {
+        {5, {0x80, 0x05}},
+        {5, {0xC0, 0x00, 0x05}},
+        {300, {0xE0, 0x00, 0x01, 0x2C}},
+        {0x7F, {0xF0, 0x00, 0x00, 0x00, 0x7F}},
+    };
+    for (const CountCase& c : kLong)
+        EXPECT_EQ(QB_ByteStream(c.vbForm.data(), (int32_t)c.vbForm.size()).ReadCount(), c.ulValue);
+
+    for (int nLead = 0xF1; nLead <= 0xFF; ++nLead)
+    {
+        const uint8_t abForm[] = {(uint8_t)nLead, 0, 0, 0, 1, 0, 0, 0, 0};
+        QB_ByteStream load(abForm, sizeof abForm);
+        EXPECT_EQ(FailureOf([&] { load.ReadCount(); }), QB_STREAM_LOAD_FAILURE) << nLead;
+        EXPECT_EQ(load.GetPos(), 0);
+    }
+}
+
+TEST(ByteStream, WritesNumbersLittleEndianAndReadsThemBack)
+{
+    const Bytes vbExpected = {
+        0xAB,                                            // u8
+        0x34, 0x12,                                      // u16 0x1234
+        0xEF, 0xCD, 0xAB, 0x89,                          // u32 0x89ABCDEF
+        0x08, 0x07, 0x06, 0x05, 0x04, 0x03, 0x02, 0x01,  // u64
+        0xFE, 0xFF, 0xFF, 0xFF,                          // i32 -2
+        0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0xF8, 0xBF,  // f64 -1.5
+        0x01, 0x00,                                      // true, false
+    };
+    Bytes vbBuf(vbExpected.size());
+    QB_ByteStream save(vbBuf.data(), (int32_t)vbBuf.size(), false);
+    save.WriteU8(0xAB);
+    save.WriteU16(0x1234);
+    save.WriteU32(0x89ABCDEF);
+    save.WriteU64(0x0102030405060708ull);
+    save.WriteI32(-2);
+    save.WriteDouble(-1.5);
+    save.WriteBool(true);
+    save.WriteBool(false);
+    EXPECT_EQ(vbBuf, vbExpected);
+
+    QB_ByteStream load(vbExpected.data(), (int32_t)vbExpected.size());
+    EXPECT_EQ(load.ReadU8(), 0xAB);
+    EXPECT_EQ(load.ReadU16(), 0x1234);
+    EXPECT_EQ(load.ReadU32(), 0x89ABCDEFu);
+    EXPECT_EQ(load.ReadU64(), 0x0102030405060708ull);
+    EXPECT_EQ(load.ReadI32(), -2);
+    EXPECT_EQ(load.ReadDouble(), -1.5);
+    EXPECT_TRUE(load.ReadBool());
+    EXPECT_FALSE(load.ReadBool());
+    EXPECT_EQ(load.GetPos(), load.GetLength());
+
+    const uint8_t abTwo[] = {0x02};
+    QB_ByteStream two(abTwo, 1);
+    EXPECT_TRUE(two.ReadBool()) << "any non-zero byte is true";
+}
+
+TEST(ByteStream, WritesStringsAsCountAndBytesAndReadsThemBack)
+{
+    struct
+    {
+        QB_StringU8 s;
+        Bytes vbForm;
+    } const kStrings[] = {
+        {"", {0x00}},
+        {"abc", {0x03, 'a', 'b', 'c'}},
+        {QB_StringU8("a\0b", 3), {0x03, 'a', 0x00, 'b'}},
+        {"\xC3\xA9", {0x02, 0xC3, 0xA9}},
+    };
+    for (const auto& c : kStrings)
+    {
+        Bytes vbBuf(c.vbForm.size());
+        QB_ByteStream save(vbBuf.data(), (int32_t)vbBuf.size(), false);
+        save.WriteString(c.s);
+        EXPECT_EQ(vbBuf, c.vbForm);
+        EXPECT_EQ(QB_ByteStream::GetStringSize(c.s), (int32_t)c.vbForm.size());
+
+        QB_StringU8 sOther("old");
+        QB_StringU8 sRead(sOther);
+        QB_ByteStream load(c.vbForm.data(), (int32_t)c.vbForm.size());
+        load.ReadString(sRead);
+        EXPECT_EQ(sRead, c.s);
+        EXPECT_EQ(sRead.GetLength(), c.s.GetLength());
+        EXPECT_EQ(sOther, "old") << "reading wrote into a shared buffer";
+    }
+    QB_StringU8 sLong(std::string(200, 'x').c_str());
+    EXPECT_EQ(QB_ByteStream::GetStringSize(sLong), 202);
+}
+
+TEST(ByteStream, RefusesAStringLengthBeyondTheViewBeforeTakingMemory)
+{
+    const Bytes kForms[] = {
+        {0x05, 'a', 'b', 'c', 'd'},
+        {0xF0, 0x7F, 0xFF, 0xFF, 0xFF, 'a'},
+        {0xF0, 0xFF, 0xFF, 0xFF, 0xFF, 'a'},
+    };
+    for (const Bytes& vbForm : kForms)
+    {
+        QB_StringU8 s("keep");
+        const char* pchBefore = s.GetString();
+        QB_ByteStream load(vbForm.data(), (int32_t)vbForm.size());
+        EXPECT_EQ(FailureOf([&] { load.ReadString(s); }), QB_STREAM_LOAD_FAILURE);
+        EXPECT_EQ(load.GetPos(), 0);
+        EXPECT_EQ(s.GetString(), pchBefore);
+        EXPECT_EQ(s, "keep");
+    }
+}
+
+TEST(ByteStream, RaisesTheLoadFailureOneBytePastTheView)
+{
+    const uint8_t abData[4] = {1, 2, 3, 4};
+    QB_ByteStream load(abData, 4);
+    uint8_t abOut[4];
+    load.ReadBytes(abOut, 4);
+    EXPECT_EQ(0, std::memcmp(abOut, abData, 4));
+    EXPECT_EQ(FailureOf([&] { load.ReadU8(); }), QB_STREAM_LOAD_FAILURE);
+    EXPECT_EQ(load.GetPos(), 4);
+
+    QB_ByteStream empty(abData, 0);
+    empty.ReadBytes(abOut, 0);
+    EXPECT_EQ(FailureOf([&] { empty.ReadU8(); }), QB_STREAM_LOAD_FAILURE);
+    EXPECT_EQ(FailureOf([&] { empty.ReadBytes(abOut, -1); }), QB_STREAM_LOAD_FAILURE);
+}
+
+// Each write needs one byte more than the view has.
+TEST(ByteStream, LeavesBlockAndPositionAloneWhenAWriteDoesNotFit)
+{
+    const std::pair<int32_t, std::function<void(QB_ByteStream&)>> kWrites[] = {
+        {2, [](QB_ByteStream& s) { s.WriteU16(1); }},
+        {8, [](QB_ByteStream& s) { s.WriteU64(1); }},
+        {8, [](QB_ByteStream& s) { s.WriteDouble(1); }},
+        {3, [](QB_ByteStream& s) { s.WriteCount(0x4000); }},
+        {5, [](QB_ByteStream& s) { s.WriteString("abcd"); }},
+    };
+    for (const auto& [nNeeds, fnWrite] : kWrites)
+    {
+        Bytes vbBuf(nNeeds + 1, 0xEE);
+        QB_ByteStream save(vbBuf.data(), nNeeds, false);
+        save.WriteU8(0);
+        EXPECT_EQ(FailureOf([&] { fnWrite(save); }), QB_STREAM_SAVE_FAILURE) << nNeeds;
+        EXPECT_EQ(Bytes(vbBuf.begin() + 1, vbBuf.end()), Bytes(nNeeds, 0xEE));
+        EXPECT_EQ(save.GetPos(), 1);
+    }
+}
+
+TEST(ByteStream, SkipsAndSeeksWithinTheViewAndRaisesTheDirectionsFailureOutside)
+{
+    uint8_t abBuf[8] = {};
+    for (bool bLoad : {true, false})
+    {
+        QB_ByteStream s(abBuf, 8, bLoad);
+        uint32_t ulFailure = bLoad ? QB_STREAM_LOAD_FAILURE : QB_STREAM_SAVE_FAILURE;
+        s.Skip(3);
+        s.Skip(-3);
+        EXPECT_EQ(s.GetPos(), 0);
+        EXPECT_EQ(FailureOf([&] { s.Skip(-1); }), ulFailure);
+        EXPECT_EQ(s.SeekTo(8), 0);
+        EXPECT_EQ(s.SeekTo(5), 8);
+        EXPECT_EQ(FailureOf([&] { s.SeekTo(9); }), ulFailure);
+        EXPECT_EQ(FailureOf([&] { s.SeekTo(INT32_MIN); }), ulFailure);
+        EXPECT_EQ(FailureOf([&] { s.Skip(INT32_MAX); }), ulFailure);
+        EXPECT_EQ(s.GetPos(), 5);
+    }
+}
+
+TEST(ByteStream, CountsBytesWithoutABlockAndHonoursALoweredLimit)
+{
+    QB_ByteStream save(nullptr, 12, false);
+    save.WriteU32(7);
+    save.WriteString("abc");
+    EXPECT_EQ(save.GetPos(), 8);
+    EXPECT_EQ(FailureOf([&] { save.WriteU64(1); }), QB_STREAM_SAVE_FAILURE);
+
+    const uint8_t abData[6] = {1, 0, 0, 0, 9, 9};
+    QB_ByteStream load(abData, 6);
+    int32_t nOuter = load.GetLength();
+    load.SetLength(4);
+    EXPECT_EQ(load.ReadU32(), 1u);
+    EXPECT_EQ(FailureOf([&] { load.ReadU8(); }), QB_STREAM_LOAD_FAILURE);
+    load.SetLength(nOuter);
+    EXPECT_EQ(load.ReadU16(), 0x0909);
+}
