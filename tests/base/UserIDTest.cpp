@@ -1,0 +1,156 @@
+#include "QB_UserID.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+namespace {
+
+struct WordsCase
+{
+    uint32_t ulMain;
+    uint32_t ulSub;
+    int nKind;
+    const char* pszText;
+};
+
+// A row of kind 1 to 3 also reads back from its text; only a compound's text
+// carries the sub-number.
+const WordsCase kWords[] = {
+    {12345, 0, 1, "12345"},
+    {12345, 7, 1, "12345"},
+    {90001, 15, 2, "9000115"},
+    {90001, 5, 0, "Invalid ID"},
+    {90001, 20000, 0, "Invalid ID"},
+    {92000, 10, 2, "9200010"},
+    {92000, 9, 0, "Invalid ID"},
+    {92002, 20000, 2, "9200220000"},
+    {90755, 20000, 2, "9075520000"},
+    {800001, 900000, 2, "800001900000"},
+    {500000000, 10, 2, "50000000010"},
+    {99999, 9999, 2, "999999999"},
+    {100000, 0, 1, "100000"},
+    {7000000, 10, 2, "700000010"},
+    {60000000, 8000000, 2, "600000008000000"},
+    {9999, 0, 0, "Invalid ID"},
+    {950000, 0, 0, "Invalid ID"},
+    {8000000, 0, 0, "Invalid ID"},
+    {75000000, 0, 0, "Invalid ID"},
+    {600000000, 0, 0, "Invalid ID"},
+    {3999999999u, 0, 1, "3999999999"},
+    {4000000000u, 0, 3, "4000000000"},
+};
+
+struct TextCase
+{
+    const char* pszText;
+    int nKind;
+    uint32_t ulMain;
+    uint32_t ulSub;
+};
+
+const TextCase kTexts[] = {
+    {" \t 00012345  \r\n", 1, 12345, 0},
+    {"  000009000115", 2, 90001, 15},
+    {"0000090001", 0, 0, 0},
+    {"1234", 0, 0, 0},
+    {"9123", 0, 0, 0},
+    {"00001234", 0, 0, 0},
+    {"12345678901234567", 0, 0, 0},   // 17 digits, beyond 32 bits
+    {"123456789012345678", 0, 0, 0},  // 18 digits
+    {"50000000070000000", 2, 500000000, 70000000},
+    {"500000000600000000", 0, 0, 0},  // a valid compound's own text, 18 digits
+    {"907551000000000", 0, 0, 0},     // a sub-number of ten digits
+    {"4294967295", 3, 4294967295u, 0},
+    {"4294967296", 0, 0, 0},
+    {"9000105", 0, 0, 0},             // sub-number of one significant digit
+    {"900010015", 2, 90001, 15},      // zeros in front of a sub-number count as digits
+    {"90001", 0, 0, 0},               // exactly the main number's length
+    {"900011", 0, 0, 0},              // a sub-number of one digit
+    {"90000600000000", 2, 90000, 600000000},
+    {"81234", 1, 81234, 0},           // shorter than its group number
+    {"5123456", 1, 5123456, 0},
+    {"12a45", 0, 0, 0},
+    {"12345x", 0, 0, 0},
+    {"1 2345", 0, 0, 0},
+    {"-12345", 0, 0, 0},
+    {"", 0, 0, 0},
+    {"  000  ", 0, 0, 0},
+    {nullptr, 0, 0, 0},
+};
+
+}  // namespace
+
+TEST(UserID, WritesEachKindAsTextAndReadsTheTextBack)
+{
+    for (const WordsCase& c : kWords)
+    {
+        QB_UserID id(c.ulMain, c.ulSub);
+        SCOPED_TRACE(c.pszText);
+        EXPECT_EQ(id.GetKind(), c.nKind) << c.ulMain << "/" << c.ulSub;
+        EXPECT_EQ(id.ToText(), c.pszText);
+        if (c.nKind == 0)
+            continue;
+        QB_UserID back(1, 1);
+        EXPECT_EQ(back.FromText(c.pszText), c.nKind);
+        EXPECT_EQ(back, QB_UserID(c.ulMain, c.nKind == 2 ? c.ulSub : 0));
+    }
+}
+
+TEST(UserID, ReadsTextFormsAndLeavesZeroWordsOnAnyRefusal)
+{
+    for (const TextCase& c : kTexts)
+    {
+        SCOPED_TRACE(c.pszText ? c.pszText : "(null)");
+        QB_UserID id(1, 1);
+        EXPECT_EQ(id.FromText(c.pszText), c.nKind);
+        EXPECT_EQ(id.m_ulMain, c.ulMain);
+        EXPECT_EQ(id.m_ulSub, c.ulSub);
+    }
+}
+
+TEST(UserID, TravelsAsMainThenSubLittleEndian)
+{
+    const std::vector<uint8_t> vbForm = {0x04, 0x03, 0x02, 0x01, 0x0D, 0x0C, 0x0B, 0x0A};
+    std::vector<uint8_t> vbBuf(8);
+    QB_ByteStream save(vbBuf.data(), 8, false);
+    QB_UserID(0x01020304, 0x0A0B0C0D).Save(save);
+    EXPECT_EQ(vbBuf, vbForm);
+
+    QB_UserID id;
+    QB_ByteStream load(vbForm.data(), 8);
+    id.Load(load);
+    EXPECT_EQ(id, QB_UserID(0x01020304, 0x0A0B0C0D));
+
+    QB_UserID cut(7, 7);
+    QB_ByteStream short7(vbForm.data(), 7);
+    short7.Skip(3);
+    EXPECT_THROW(cut.Load(short7), QB_StreamException);
+    EXPECT_EQ(cut, QB_UserID(7, 7)) << "a failed load changed the words";
+    EXPECT_EQ(short7.GetPos(), 3);
+}
+
+TEST(UserID, OrdersByMainThenSubAsUnsignedWords)
+{
+    struct
+    {
+        QB_UserID a;
+        QB_UserID b;
+        int nOrder;
+    } const kPairs[] = {
+        {{1, 5}, {2, 0}, -1},
+        {{2, 0}, {2, 0}, 0},
+        {{2, 1}, {2, 0}, 1},
+        {{0xFFFFFFFF, 0}, {1, 0xFFFFFFFF}, 1},
+        {{3, 0x80000000}, {3, 1}, 1},
+    };
+    for (const auto& p : kPairs)
+    {
+        EXPECT_EQ(QB_UserID::Compare(p.a, p.b), p.nOrder);
+        EXPECT_EQ(QB_UserID::Compare(p.b, p.a), -p.nOrder);
+        EXPECT_EQ(p.a < p.b, p.nOrder < 0);
+        EXPECT_EQ(p.b < p.a, p.nOrder > 0);
+        EXPECT_EQ(p.a == p.b, p.nOrder == 0);
+        EXPECT_EQ(p.a != p.b, p.nOrder != 0);
+    }
+}
