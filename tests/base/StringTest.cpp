@@ -1,0 +1,210 @@
+#include "QB_String.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+Bytes BytesOf(const QB_StringU8& s)
+{
+    return Bytes(s.GetString(), s.GetString() + s.GetLength());
+}
+
+QB_StringU8 Utf8Of(const Bytes& vb)
+{
+    return QB_StringU8(reinterpret_cast<const char*>(vb.data()), (int)vb.size());
+}
+
+std::u16string UnitsOf(const QB_StringW& s)
+{
+    return std::u16string(s.GetString(), (size_t)s.GetLength());
+}
+
+}  // namespace
+
+// Every changing operation, applied to a copy, must leave the original's text
+// and buffer alone and give the copy a private buffer of its own.
+TEST(String, CopiesOnWriteWhicheverOperationChangesTheCopy)
+{
+    const std::pair<const char*, std::function<void(QB_StringA&)>> kChanges[] = {
+        {"SetAt", [](QB_StringA& s) { s.SetAt(0, 'n'); }},
+        {"Append", [](QB_StringA& s) { s.Append("!"); }},
+        {"AppendSelf", [](QB_StringA& s) { s += s; }},
+        {"Truncate", [](QB_StringA& s) { s.Truncate(1); }},
+        {"TrimRight", [](QB_StringA& s) { s.TrimRight(); }},
+        {"TrimLeft", [](QB_StringA& s) { s.TrimLeft(); }},
+        {"GetBuffer", [](QB_StringA& s) { s.GetBuffer(2)[0] = 'n'; s.ReleaseBuffer(2); }},
+        {"Format", [](QB_StringA& s) { s.Format("%d", 7); }},
+    };
+    for (const auto& [pszName, fnChange] : kChanges)
+    {
+        SCOPED_TRACE(pszName);
+        QB_StringA sFirst(" text ");
+        QB_StringA sCopy(sFirst);
+        EXPECT_EQ(sCopy.GetString(), sFirst.GetString());
+        EXPECT_EQ(sFirst.GetRefCount(), 2);
+        fnChange(sCopy);
+        EXPECT_EQ(sFirst, " text ");
+        EXPECT_NE(sCopy, " text ");
+        EXPECT_EQ(sFirst.GetRefCount(), 1);
+        EXPECT_EQ(sCopy.GetRefCount(), 1);
+    }
+}
+
+TEST(String, NeverCountsOrChangesTheSharedEmptyBuffer)
+{
+    QB_StringA sEmpty;
+    QB_StringA sOther;
+    sEmpty = sEmpty;
+    sEmpty = sOther;
+    QB_StringA sCopy(sEmpty);
+    QB_StringA sText("a");
+    sText = sCopy;
+    sEmpty.SetAt(0, 'x');
+    sEmpty.TrimLeft().TrimRight();
+    sEmpty.Truncate(0);
+    sEmpty.Append("", 0);
+    sEmpty.ReleaseBuffer(3);
+    EXPECT_EQ(sEmpty.GetRefCount(), QB_STRING_SENTINEL);
+    EXPECT_EQ(sText.GetString(), sEmpty.GetString());
+    sOther.Append("z");
+    EXPECT_EQ(sOther, "z");
+    QB_StringA sFresh;
+    EXPECT_EQ(sFresh.GetRefCount(), QB_STRING_SENTINEL);
+    EXPECT_EQ(sFresh.GetLength(), 0);
+    EXPECT_EQ(sFresh.GetString()[0], '\0');
+    EXPECT_EQ(QB_StringU8().GetRefCount(), QB_STRING_SENTINEL);
+    EXPECT_EQ(QB_StringW().GetRefCount(), QB_STRING_SENTINEL);
+}
+
+TEST(String, ConvertsUtf16UnitsToOneToThreeBytesAndBack)
+{
+    const std::pair<std::u16string, Bytes> kCases[] = {
+        {u"A", {0x41}},
+        {u"\u007F", {0x7F}},
+        {u"\u0080", {0xC2, 0x80}},
+        {u"\u00E9", {0xC3, 0xA9}},
+        {u"\u07FF", {0xDF, 0xBF}},
+        {u"\u0800", {0xE0, 0xA0, 0x80}},
+        {u"\u4E2D", {0xE4, 0xB8, 0xAD}},
+        {u"\uFFFF", {0xEF, 0xBF, 0xBF}},
+        {{0xD83D, 0xDE00}, {0xED, 0xA0, 0xBD, 0xED, 0xB8, 0x80}},  // each half by itself
+    };
+    for (const auto& [sUnits, vbUtf8] : kCases)
+    {
+        QB_StringU8 s8(QB_StringW(sUnits.data(), (int)sUnits.size()));
+        EXPECT_EQ(BytesOf(s8), vbUtf8);
+        EXPECT_EQ(UnitsOf(QB_StringW(Utf8Of(vbUtf8))), sUnits);
+    }
+}
+
+TEST(String, DecodesUtf8ByTheLeadBitsOnlyAndCutsAtAZeroUnit)
+{
+    const std::pair<Bytes, std::u16string> kCases[] = {
+        {{0xF0, 0x9F, 0x98, 0x80}, u"\u07D8"},  // lead dropped, no U+1F600
+        {{0xFF, 'a'}, u"a"},
+        {{0xC3, 0x41}, u"\u00C1"},              // the next byte is not tested
+        {{'x', 0xC0, 0x80, 'y'}, u"x"},         // a decoded zero unit
+        {{'a', 0x00, 'b'}, u"a"},
+        {{'a', 0xE4, 0xB8}, u"a"},              // a sequence cut by the end
+    };
+    for (const auto& [vbUtf8, sUnits] : kCases)
+        EXPECT_EQ(UnitsOf(QB_StringW(Utf8Of(vbUtf8))), sUnits);
+
+    const char16_t achZero[] = {u'a', 0, u'b'};
+    EXPECT_EQ(BytesOf(QB_StringU8(QB_StringW(achZero, 3))), Bytes{'a'});
+    EXPECT_EQ(QB_StringA(QB_StringW(achZero, 3)), "a");
+    EXPECT_EQ(UnitsOf(QB_StringW(QB_StringA("a\0b", 3))), u"a");
+}
+
+TEST(String, MapsWindows1252BothWaysAndReplacesWhatItLacks)
+{
+    const std::pair<uint8_t, char16_t> kCases[] = {
+        {0x80, 0x20AC}, {0x81, 0x0081}, {0x8A, 0x0160}, {0x99, 0x2122},
+        {0x9F, 0x0178}, {0xA0, 0x00A0}, {0xE9, 0x00E9}, {0x41, 0x0041},
+    };
+    for (const auto& [bAnsi, chUnit] : kCases)
+    {
+        const char achAnsi[] = {(char)bAnsi, 0};
+        EXPECT_EQ(UnitsOf(QB_StringW(QB_StringA(achAnsi))), std::u16string(1, chUnit));
+        EXPECT_EQ(QB_StringA(QB_StringW(&chUnit, 1)), achAnsi);
+    }
+    std::string sAll;
+    for (int b = 1; b < 256; ++b)
+        sAll += (char)b;
+    EXPECT_EQ(QB_StringA(QB_StringW(QB_StringA(sAll.c_str()))), sAll.c_str());
+
+    const char16_t achLacking[] = {0x4E2D, 0x0100, 0x0080, 0xD83D, 0x2603};
+    EXPECT_EQ(QB_StringA(QB_StringW(achLacking, 5)), "?????");
+    EXPECT_EQ(QB_StringA(QB_StringU8("caf\xC3\xA9")), "caf\xE9");
+}
+
+TEST(String, CutsAndSearchesWithinBoundsForAnyIndex)
+{
+    const QB_StringA s("hello");
+    const std::pair<QB_StringA, const char*> kCuts[] = {
+        {s.Left(-1), ""},    {s.Left(0), ""},      {s.Left(2), "he"},   {s.Left(9), "hello"},
+        {s.Mid(-2), "hello"}, {s.Mid(-2, 3), "hel"}, {s.Mid(4), "o"},   {s.Mid(5), ""},
+        {s.Mid(1, 0), ""},   {s.Mid(3, 10), "lo"}, {s.Right(-1), ""},   {s.Right(2), "lo"},
+        {s.Right(9), "hello"},
+    };
+    for (const auto& [sCut, pszExpected] : kCuts)
+        EXPECT_EQ(sCut, pszExpected);
+
+    const std::pair<int, int> kFinds[] = {
+        {s.Find("l"), 2},     {s.Find("l", 3), 3},  {s.Find("l", 4), -1}, {s.Find("lo", -3), 3},
+        {s.Find(""), 0},      {s.Find("", 5), 5},   {s.Find("", 6), -1},  {s.Find("x"), -1},
+        {s.Find('h', 1), -1}, {s.Find('o', 9), -1}, {s.ReverseFind('l'), 3},
+    };
+    for (const auto& [nFound, nExpected] : kFinds)
+        EXPECT_EQ(nFound, nExpected);
+}
+
+TEST(String, TrimsAppendsFormatsAndComparesAsUnsigned)
+{
+    QB_StringA sTrim(" \t a b \r\n");
+    EXPECT_EQ(QB_StringA(sTrim).TrimLeft(), "a b \r\n");
+    EXPECT_EQ(QB_StringA(sTrim).TrimRight(), " \t a b");
+    EXPECT_EQ(QB_StringA(" \n ").TrimLeft(), "");
+
+    QB_StringA s("abcdef");
+    s.Truncate(2);
+    const char* pchBefore = s.GetString();
+    s.Append("xy");
+    EXPECT_EQ(s, "abxy");
+    EXPECT_EQ(s.GetString(), pchBefore) << "a shortened string keeps its capacity";
+    s.Append(nullptr, 3);
+    s.Append("zzz", 0);
+    s.Append(s.GetString() + 2, 2);
+    s.AppendChar('!');
+    EXPECT_EQ(s, "abxyxy!");
+    EXPECT_EQ(s.GetCapacity(), 7);
+
+    QB_StringA sFormat;
+    sFormat.Format("%d-%s", -7, "x");
+    EXPECT_EQ(sFormat, "-7-x");
+    std::string sWide(5000, 'w');
+    sFormat.Format("%s", sWide.c_str());
+    EXPECT_EQ(sFormat.GetLength(), 5000);
+    sFormat.Format("<%s>", sFormat.Left(2).GetString());
+    EXPECT_EQ(sFormat, "<ww>");
+    QB_StringW sUnits;
+    sUnits.Format("%d\xC3\xA9", 42);
+    EXPECT_EQ(UnitsOf(sUnits), u"42\u00E9");
+
+    EXPECT_GT(QB_StringA("\xE9").Compare("z"), 0);
+    EXPECT_LT(QB_StringA("ab").Compare("abc"), 0);
+    EXPECT_LT(QB_StringW(u"\u00E9").Compare(QB_StringW(u"\uFFFF")), 0);
+
+    QB_StringA sBuf("keep");
+    QB_StringA sShared(sBuf);
+    std::strcpy(sBuf.GetBuffer(10), "ab");
+    sBuf.ReleaseBuffer();
+    EXPECT_EQ(sBuf.GetLength(), 2);
+    EXPECT_EQ(sShared, "keep");
+}
