@@ -79,7 +79,16 @@ uint32_t ZV_SendKick(IZV_ConfHost* lpConf, uint32_t ulConn)
     return lpConf->SendPdu(ulConn, PDU_CONF_FS_KICK, nullptr, 0, 0, 0);
 }
 
+namespace {
+std::FILE* g_lpTraceStream = nullptr;
+}
+
+void ZV_SetTraceStream(std::FILE* lpStream)
+{
+    g_lpTraceStream = lpStream;
+}
+
 void ZV_TraceRecv(const char* pszPduName)
 {
-    std::printf("recv a %s\r\n", pszPduName);
+    std::fprintf(g_lpTraceStream ? g_lpTraceStream : stdout, "recv a %s\r\n", pszPduName);
 }

@@ -12,6 +12,7 @@
 #include "QB_ByteStream.h"
 
 #include <cstdint>
+#include <cstdio>
 
 class ZV_PduBuffer
 {
@@ -60,5 +61,8 @@ uint32_t ZV_SendOnServerLink(IZV_ConfHost* lpConf, uint32_t ulConn, uint16_t usP
 // OnSend for that link.
 uint32_t ZV_SendKick(IZV_ConfHost* lpConf, uint32_t ulConn);
 
-// The trace line a handler prints as it starts: "recv a NAME\r\n".
+// The trace line a handler prints as it starts: "recv a NAME\r\n", on
+// standard output unless a program that embeds the module names another
+// stream (the demo keeps its own report readable that way).
 void ZV_TraceRecv(const char* pszPduName);
+void ZV_SetTraceStream(std::FILE* lpStream);
