@@ -29,11 +29,6 @@ uint32_t ZV_FileShareMgr::FsDelDownload(uint16_t, uint8_t)
     return ZV_ERR_NO_HANDLER;
 }
 
-uint32_t ZV_FileShareMgr::FsDownload(uint16_t, const char16_t*)
-{
-    return ZV_ERR_NO_HANDLER;
-}
-
 uint32_t ZV_FileShareMgr::FsStopDownload(uint16_t)
 {
     return ZV_ERR_NO_HANDLER;

@@ -116,6 +116,33 @@ public:
     void SendNextBlocks(ConfPduData* lpCpd, const QB_UserID* pUser, ZV_FileDownloadInfo* pEntry);
     void WakeDownloaders(uint32_t ulPos);
     // (the download road's further declarations go here)
+    // 8010: the server drops pUser's entry. A download that cannot start
+    // sends it, as do the operations that give a download up.
+    uint32_t SendDelDownloadRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser, uint32_t ulFloodSeq);
+    // Server side of the download road.
+    void FloodDownloadRequest(const QB_UserID& user, uint32_t ulFloodSeq, const QB_StringU8& sPath, uint32_t ulPos);
+    uint32_t StartUploadOnDemand(const QB_UserID& downloader);
+    void FloodDownloadStop(const QB_UserID& user, bool bStopped);
+    void KickDownloadConn(uint32_t ulConn);
+    uint32_t SendDownloadBlock(const ConfPduData* lpCpd, uint32_t ulResult, const QB_UserID& user, uint32_t ulPos,
+                               uint32_t ulLen, const uint8_t* pData);
+    void FloodFinishedDownload(const QB_UserID& user, const ZV_FileDownloadInfo& entry);
+    // Downloader side: a client, or a relay server fetching into its store.
+    uint32_t OpenDownloadTarget(const ZV_FileDownloadInfo& record);
+    uint32_t OpenRelayTarget(ZV_FileDownloadInfo& record);
+    uint32_t OpenDownloadFile(const QB_StringW& sPath, uint32_t ulPos, uint32_t ulLength);
+    void ReportDownloadAnswer(const ConfPduData* lpCpd, uint32_t ulResult, uint16_t usFileID, const QB_UserID& user,
+                              const ZV_FileDownloadInfo& record);
+    uint32_t TakeDownloadBlock(const ConfPduData* lpCpd, QB_ByteStream& stream, uint16_t usFileID,
+                               const QB_UserID& user);
+    // True when the position has reached the file's length.
+    bool AdvanceLocalDownload(uint32_t ulCount);
+    void OnClientBlock(uint16_t usFileID, bool bFinished);
+    void OnRelayBlock(uint16_t usFileID, const QB_UserID& user, uint32_t ulBlockPos, uint32_t ulMaxPos,
+                      bool bFinished);
+    void OpenRelayServedFile();
+    void FailDownload(const ConfPduData* lpCpd, uint32_t ulResult, uint16_t usFileID, const QB_UserID& user);
+    void FailRelayDownload(const ConfPduData* lpCpd, uint32_t ulResult, uint16_t usFileID, const QB_UserID& user);
 
     // ---- stop, resume, progress, errors (ZV_FileShareSession_Control.cpp)
     uint32_t SendIsStopDownloadRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser,
