@@ -1,0 +1,324 @@
+#include "QB_FaultEnv.h"
+#include "QB_IniFileEx.h"
+#include "QB_TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+using namespace std::literals;
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+Bytes Ansi(std::string_view s)
+{
+    return Bytes(s.begin(), s.end());
+}
+
+// UTF-16 little-endian behind the byte-order mark.
+Bytes Utf16(std::u16string_view s)
+{
+    Bytes vb = {0xFF, 0xFE};
+    for (char16_t ch : s)
+    {
+        vb.push_back((uint8_t)(ch & 0xFF));
+        vb.push_back((uint8_t)(ch >> 8));
+    }
+    return vb;
+}
+
+// Opens the bytes as an ini file in a fresh folder, applies the change,
+// flushes, and gives back what is on disk.
+Bytes Rewrite(const Bytes& vbFile, const std::function<void(QB_IniFileEx&)>& fnChange = {},
+              uint32_t nSectionTable = 17)
+{
+    QB_TempFolder folder;
+    std::string sPath = folder.Sub("t.ini");
+    QB_WriteWholeFile(sPath, vbFile);
+    QB_IniFileEx ini(nSectionTable, 17);
+    EXPECT_TRUE(ini.Open(QB_StringA(sPath.c_str()), false));
+    if (fnChange)
+        fnChange(ini);
+    EXPECT_TRUE(ini.Flush());
+    return QB_ReadWholeFile(sPath);
+}
+
+std::vector<std::string> SectionNames(const QB_IniFileEx& ini)
+{
+    QB_Array<QB_StringA> arrNames;
+    ini.GetSectionNames(arrNames);
+    std::vector<std::string> v;
+    for (int i = 0; i < arrNames.GetSize(); ++i)
+        v.emplace_back(arrNames.GetAt(i).GetString());
+    return v;
+}
+
+}  // namespace
+
+TEST(IniFile, WritesEveryLineBackAsItWasRead)
+{
+    struct Row
+    {
+        const char* pszName;
+        Bytes vbIn, vbOut;
+    } rows[] = {
+        {"comments, blanks, unknown lines and spaces", Ansi(";top\r\n[s]\r\n a = b \r\n\r\n;c\r\njunk\r\n=\r\n[x\r\n"),
+         Ansi(";top\r\n[s]\r\n a = b \r\n\r\n;c\r\njunk\r\n=\r\n[x\r\n")},
+        {"last line without its end", Ansi("[s]\r\na=1"), Ansi("[s]\r\na=1\r\n")},
+        {"line ends and zeros at the end", Ansi("[s]\r\na=1\r\n\r\n\n\0\0"sv), Ansi("[s]\r\na=1\r\n")},
+        {"text before the first section", Ansi("hello\r\n;c\r\n=;d\r\n[a=b]\r\n[s]\r\n"), Ansi("\r\n;c\r\n=;d\r\n\r\n[s]\r\n")},
+        {"an ANSI line ends at a zero byte", Ansi("[s]\r\nk=1\0junk\r\n[t]\n\0x"sv), Ansi("[s]\r\nk=1\r\n[t]\n\r\n")},
+        {"a lone LF splits nothing", Ansi("[s]\na=1\r\n"), Ansi("\r\n")},
+        {"a CR before CR LF stays", Ansi("[s]\r\na=1\r\r\nb\r\n"), Ansi("[s]\r\na=1\r\r\nb\r\n")},
+        {"Windows-1252 bytes", Ansi("[s\xE9]\r\nk=\x80\x81\x9F\xFF\r\n"), Ansi("[s\xE9]\r\nk=\x80\x81\x9F\xFF\r\n")},
+        {"an empty file", Ansi(""), Ansi("")},
+        {"one byte, too short to load", Ansi("x"), Ansi("")},
+        {"UTF-16 with every kind of line", Utf16(u";top\r\n[s]\r\nk=\u4E2D\r\n\r\n;c\r\n\u00FF\r\n"),
+         Utf16(u";top\r\n[s]\r\nk=\u4E2D\r\n\r\n;c\r\n\u00FF\r\n")},
+        {"UTF-16 without a last line end", Utf16(u"[s]\r\na=1"), Utf16(u"[s]\r\na=1\r\n")},
+        {"UTF-16 text before the first section", Utf16(u"x\r\n[s]\r\n"), Utf16(u"\r\n[s]\r\n")},
+        {"a lone byte-order mark", Utf16(u""), Utf16(u"\r\n")},
+    };
+    for (const Row& row : rows)
+        EXPECT_EQ(QB_ToHex(Rewrite(row.vbIn)), QB_ToHex(row.vbOut)) << row.pszName;
+}
+
+TEST(IniLine, TellsKeysFromSectionsCommentsBlanksAndOtherLines)
+{
+    struct Row
+    {
+        const char16_t* pszLine;
+        QB_IniLine::Type type;
+    } rows[] = {
+        {u"a=b=c", QB_IniLine::Key}, {u"[a=b]", QB_IniLine::Key}, {u" = ", QB_IniLine::Key},
+        {u"[s]", QB_IniLine::Section}, {u"[]", QB_IniLine::Section}, {u";a=b", QB_IniLine::Comment},
+        {u"=;a", QB_IniLine::Comment}, {u"", QB_IniLine::Blank}, {u"=", QB_IniLine::Blank},
+        {u"=b", QB_IniLine::Other}, {u"[x", QB_IniLine::Other}, {u"[", QB_IniLine::Other},
+        {u"==", QB_IniLine::Other}, {u"text", QB_IniLine::Other},
+    };
+    for (const Row& row : rows)
+        EXPECT_EQ(QB_IniLine::Classify(row.pszLine), row.type) << QB_StringA(QB_StringW(row.pszLine)).GetString();
+}
+
+TEST(IniFile, ReadsTheFirstKeyOfTheFirstSectionByNameWithoutRegardToCase)
+{
+    struct Row
+    {
+        const char* pszFile;
+        const char* pszSection;
+        const char* pszKey;
+        const char* pszValue;
+    } rows[] = {
+        {"[s]\r\na=b=c\r\n", "s", "a", "b=c"},
+        {"[s]\r\n[a=b]\r\n", "[s]", "[a", "b]"},
+        {"[s]\r\n a = b \r\n", "s", " a ", " b "},
+        {"[S]\r\nKey=v\r\n", "[s", "kEY", "v"},
+        {"[s]\r\na=1\r\na=2\r\n", "s", "a", "1"},
+        {"[s]\r\na=1\r\n[s]\r\na=2\r\n", "s]", "a", "1"},
+        {"[s]\r\n[x\r\na=1\r\n", "s", "a", "1"},
+        {"[s]\r\n;a=b\r\n", "s", ";a", "-"},
+        {"[s]\r\n=b\r\n", "s", "", "-"},
+        {"a=1\r\n[s]\r\n", "s", "a", "-"},
+        {"[s]\r\na=1\r\n", "s=", "a", "-"},
+        {"[s]\r\nk=\x80\xE9\r\n", "s", "k", "\x80\xE9"},
+    };
+    for (const Row& row : rows)
+    {
+        QB_TempFolder folder;
+        QB_WriteWholeFile(folder.Sub("t.ini"), std::string(row.pszFile));
+        QB_IniFileEx ini;
+        ASSERT_TRUE(ini.Open(QB_StringA(folder.Sub("t.ini").c_str()), false));
+        EXPECT_STREQ(ini.GetString(row.pszSection, row.pszKey, "-").GetString(), row.pszValue) << row.pszFile;
+    }
+}
+
+TEST(IniFile, ReadsNumbersAndGivesTheDefaultForAValueOfError)
+{
+    struct Row
+    {
+        const char* pszValue;
+        int32_t nExpected;
+    } rows[] = {
+        {"error", 77}, {"42", 42}, {" \t-7 apples", -7}, {"+5", 5}, {"x1", 0}, {"", 0},
+        {"-2147483648", INT32_MIN}, {"99999999999", INT32_MAX}, {"-99999999999999999999999", INT32_MIN},
+        {"ERROR", 0},
+    };
+    QB_IniFileEx ini;
+    for (const Row& row : rows)
+    {
+        ASSERT_TRUE(ini.SetString("s", "n", row.pszValue));
+        EXPECT_EQ(ini.GetLong("s", "n", 77), row.nExpected) << row.pszValue;
+    }
+    EXPECT_EQ(ini.GetLong(u"s", u"missing", 77), 77);
+}
+
+TEST(IniFile, PutsEverySetKeyDirectlyBehindItsSectionLine)
+{
+    Bytes vbFile = Rewrite(Ansi("[s]\r\nx=0\r\nd=1\r\nd=2\r\n[t]\r\n"), [](QB_IniFileEx& ini) {
+        EXPECT_TRUE(ini.SetString("s", "a", "1"));
+        EXPECT_TRUE(ini.SetLong("[s]", "b", -5));
+        EXPECT_TRUE(ini.SetString("S", "A", "2"));
+        EXPECT_TRUE(ini.SetBool(u"s", u"c", true));
+        EXPECT_TRUE(ini.SetString("s", "d", "9"));
+        EXPECT_TRUE(ini.SetString("s", "a", "3"));
+        EXPECT_TRUE(ini.SetString("t", "", "note"));
+        EXPECT_TRUE(ini.SetBool("new", "k", false));
+    });
+    EXPECT_EQ(QB_ToHex(vbFile), QB_ToHex(Ansi("[s]\r\na=3\r\nd=9\r\nc=1\r\nb=-5\r\nx=0\r\nd=2\r\n"
+                                               "[t]\r\n;note\r\n[new]\r\nk=0\r\n")));
+}
+
+TEST(IniFile, RefusesSectionAndKeyNamesWithAnEqualsSignAndChangesNothing)
+{
+    Bytes vbFile = Rewrite(Ansi("[s]\r\na=1\r\n"), [](QB_IniFileEx& ini) {
+        EXPECT_FALSE(ini.SetString("a=b", "k", "v"));
+        EXPECT_FALSE(ini.SetString("s", "k=", "v"));
+        EXPECT_FALSE(ini.SetString("", "k", "v"));
+        EXPECT_FALSE(ini.SetLong(u"s", u"=", 1));
+        EXPECT_FALSE(ini.DeleteSection("s=t"));
+        EXPECT_FALSE(ini.DeleteSection(""));
+        EXPECT_EQ(ini.GetLong("s", "a=", 4), 4);
+    });
+    EXPECT_EQ(QB_ToHex(vbFile), QB_ToHex(Ansi("[s]\r\na=1\r\n")));
+}
+
+TEST(IniFile, DeletesEveryOccurrenceOfARepeatedSectionWithItsLines)
+{
+    QB_TempFolder folder;
+    std::string sPath = folder.Sub("t.ini");
+    QB_WriteWholeFile(sPath, std::string("[a]\r\nk=1\r\n;c\r\n[b]\r\nk=2\r\n[A]\r\nk=3\r\njunk\r\n\r\n[c]\r\n"));
+    QB_IniFileEx ini;
+    ASSERT_TRUE(ini.Open(QB_StringA(sPath.c_str()), false));
+    EXPECT_EQ(SectionNames(ini), (std::vector<std::string>{"[c]", "[b]", "[a]", "[A]"}));
+    EXPECT_TRUE(ini.DeleteSection("a"));
+    EXPECT_FALSE(ini.DeleteSection("a"));
+    EXPECT_EQ(SectionNames(ini), (std::vector<std::string>{"[c]", "[b]"}));
+    EXPECT_EQ(ini.GetLong("b", "k", 0), 2);
+    EXPECT_TRUE(ini.Flush());
+    EXPECT_EQ(QB_ToHex(QB_ReadWholeFile(sPath)), QB_ToHex(Ansi("[b]\r\nk=2\r\n[c]\r\n")));
+    EXPECT_TRUE(ini.DeleteSection(u"b"));
+    EXPECT_TRUE(ini.DeleteSection(u"[c]"));
+    QB_Array<QB_StringW> arrNames;
+    EXPECT_FALSE(ini.GetSectionNames(arrNames));
+}
+
+TEST(IniFile, ListsSectionsBucketByBucketNewestFirst)
+{
+    struct Row
+    {
+        uint32_t nTable;
+        std::vector<std::string> vNames;
+    } rows[] = {
+        {17, {"[c]", "[b]", "[zz]", "[a]", "[A]"}},
+        {1, {"[c]", "[A]", "[zz]", "[b]", "[a]"}},
+    };
+    for (const Row& row : rows)
+    {
+        QB_TempFolder folder;
+        QB_WriteWholeFile(folder.Sub("t.ini"), std::string("[a]\r\n[b]\r\n[zz]\r\n[A]\r\n[c]\r\n"));
+        QB_IniFileEx ini(row.nTable, 17);
+        ASSERT_TRUE(ini.Open(QB_StringA(folder.Sub("t.ini").c_str()), false));
+        EXPECT_EQ(SectionNames(ini), row.vNames) << row.nTable;
+    }
+}
+
+TEST(IniFile, StartsANewFileInTheFormAskedFor)
+{
+    struct Row
+    {
+        bool bUnicode;
+        Bytes vbAfterOpen, vbAfterFlush;
+    } rows[] = {
+        {true, Utf16(u""), Utf16(u"\r\n[s]\r\nk=\u20AC\r\n")},
+        {false, Ansi(""), Ansi("[s]\r\nk=\x80\r\n")},
+    };
+    for (const Row& row : rows)
+    {
+        QB_TempFolder folder;
+        QB_IniFileEx ini;
+        ASSERT_TRUE(ini.Open(folder.SubW("new.ini"), row.bUnicode));
+        EXPECT_EQ(QB_ToHex(QB_ReadWholeFile(folder.Sub("new.ini"))), QB_ToHex(row.vbAfterOpen));
+        EXPECT_TRUE(ini.SetString("s", "k", "\x80"));
+        EXPECT_TRUE(ini.Flush());
+        EXPECT_EQ(QB_ToHex(QB_ReadWholeFile(folder.Sub("new.ini"))), QB_ToHex(row.vbAfterFlush));
+    }
+}
+
+TEST(IniFile, KeepsChangesInMemoryWhenTheFileIsReadOnly)
+{
+    namespace fs = std::filesystem;
+    QB_TempFolder folder;
+    std::string sPath = folder.Sub("t.ini");
+    QB_WriteWholeFile(sPath, std::string("[s]\r\n"));
+    QB_IniFileEx ini;
+    ASSERT_TRUE(ini.Open(QB_StringA(sPath.c_str()), false));
+    fs::permissions(sPath, fs::perms::owner_write | fs::perms::group_write | fs::perms::others_write,
+                    fs::perm_options::remove);
+    EXPECT_TRUE(ini.SetString("s", "k", "v"));
+    {
+        // The attribute alone decides: the file is not even opened.
+        QB_FaultEnv env;
+        QB_ScopedEnv scope(&env);
+        EXPECT_FALSE(ini.Flush());
+        EXPECT_EQ(env.GetCount(QB_EnvOp::Open), 0);
+    }
+    EXPECT_EQ(QB_ToHex(QB_ReadWholeFile(sPath)), QB_ToHex(Ansi("[s]\r\n")));
+    EXPECT_STREQ(ini.GetString("s", "k", "-").GetString(), "v");
+    fs::permissions(sPath, fs::perms::owner_write, fs::perm_options::add);
+    EXPECT_TRUE(ini.Flush());
+    EXPECT_EQ(QB_ToHex(QB_ReadWholeFile(sPath)), QB_ToHex(Ansi("[s]\r\nk=v\r\n")));
+}
+
+TEST(IniFile, GivesFalseWhenThePlatformFailsToOpenReadOrWrite)
+{
+    QB_TempFolder folder;
+    std::string sPath = folder.Sub("t.ini");
+    QB_WriteWholeFile(sPath, std::string("[s]\r\nk=1\r\n"));
+    QB_FaultEnv env;
+    QB_ScopedEnv scope(&env);
+    QB_IniFileEx ini;
+    for (QB_EnvOp op : {QB_EnvOp::Open, QB_EnvOp::Read})
+    {
+        env.FailAt(op, 1);
+        EXPECT_FALSE(ini.Open(QB_StringA(sPath.c_str()), false));
+        EXPECT_EQ(ini.GetLong("s", "k", -1), -1);
+    }
+    ASSERT_TRUE(ini.Open(QB_StringA(sPath.c_str()), false));
+    ini.SetString("s", "k", "2");
+    env.FailAt(QB_EnvOp::Open, 1);
+    EXPECT_FALSE(ini.Flush());
+    EXPECT_EQ(QB_ToHex(QB_ReadWholeFile(sPath)), QB_ToHex(Ansi("[s]\r\nk=1\r\n")));
+    env.FailAt(QB_EnvOp::Write, 1);
+    EXPECT_FALSE(ini.Flush());
+    EXPECT_TRUE(ini.Flush());
+    EXPECT_EQ(QB_ToHex(QB_ReadWholeFile(sPath)), QB_ToHex(Ansi("[s]\r\nk=2\r\n")));
+}
+
+TEST(IniFile, CarriesNarrowTextThroughTheAnsiCodePage)
+{
+    Bytes vbFile = Rewrite(Utf16(u"[s]\r\nw=\u4E2D\r\n"), [](QB_IniFileEx& ini) {
+        EXPECT_STREQ(ini.GetString("s", "w", "").GetString(), "?");
+        EXPECT_TRUE(ini.SetString("s", "k", "\x80\xE9"));
+        QB_StringA sValue;
+        EXPECT_TRUE(ini.GetString("s", "k", sValue, "x"));
+        EXPECT_STREQ(sValue.GetString(), "\x80\xE9");
+        EXPECT_FALSE(ini.GetString("s", "none", sValue, "x"));
+    });
+    EXPECT_EQ(QB_ToHex(vbFile), QB_ToHex(Utf16(u"[s]\r\nk=\u20AC\u00E9\r\nw=\u4E2D\r\n")));
+}
+
+TEST(IniKey, MatchesNamesWithoutRegardToCaseAndHashesPathTwoAsPathPlusTwo)
+{
+    QB_IniKeyHash hash;
+    EXPECT_EQ(hash(QB_IniKey(u"Path", 2)), 207514474u);
+    EXPECT_EQ(hash(QB_IniKey(u"path+2", 1)), 207514474u);
+    EXPECT_EQ(hash(QB_IniKey(u"PATH", 1)), 4134509u);
+    EXPECT_TRUE(QB_IniKey(u"Path", 2) == QB_IniKey(u"pATH", 2));
+    EXPECT_FALSE(QB_IniKey(u"Path", 2) == QB_IniKey(u"Path", 1));
+    EXPECT_FALSE(QB_IniKey(u"Path", 1) == QB_IniKey(u"Paths", 1));
+}
