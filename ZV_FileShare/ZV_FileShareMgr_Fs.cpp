@@ -29,26 +29,6 @@ uint32_t ZV_FileShareMgr::FsDelDownload(uint16_t, uint8_t)
     return ZV_ERR_NO_HANDLER;
 }
 
-uint32_t ZV_FileShareMgr::FsStopDownload(uint16_t)
-{
-    return ZV_ERR_NO_HANDLER;
-}
-
-uint32_t ZV_FileShareMgr::FsResumeDownload(uint16_t)
-{
-    return ZV_ERR_NO_HANDLER;
-}
-
-uint32_t ZV_FileShareMgr::FsStopUpload(uint16_t)
-{
-    return ZV_ERR_NO_HANDLER;
-}
-
-uint32_t ZV_FileShareMgr::FsResumeUpload(uint16_t)
-{
-    return ZV_ERR_NO_HANDLER;
-}
-
 uint32_t ZV_FileShareMgr::FsGetFileInfoByFileID(uint16_t, ZV_FsFileInfo*)
 {
     return ZV_ERR_NO_HANDLER;

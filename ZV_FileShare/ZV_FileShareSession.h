@@ -156,7 +156,20 @@ public:
     uint32_t SendUploadErrorResponse(uint32_t ulConn, uint16_t usFileID, uint32_t ulResult, uint16_t usFileID2);
     uint32_t SendProgressing(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser, uint32_t ulPos,
                              bool bThrottle);
-    // (the control road's further declarations go here)
+    // Server side: the flood of 8016 and 8017, and the two halves of 8017.
+    void FloodStopAsk(uint16_t usPdu, const QB_UserID& user, uint32_t ulFloodSeq, uint8_t bStop, uint32_t ulPos);
+    void StopUpload(const QB_UserID& user, uint32_t ulPos);
+    void ResumeUpload(const ConfPduData* lpCpd, const QB_UserID& user, uint32_t ulFloodSeq);
+    // 8022 on a server link makes a relay fetch; on a client it is progress.
+    void PullFromUpstream(const ConfPduData* lpCpd, const QB_UserID& user);
+    void TakeProgress(uint16_t usFileID, uint32_t ulPos);
+    bool IsLocalCreator() const;
+    // The timer by role; a stalled server file nudges its uploader or asks
+    // the other servers whether they have more.
+    void OnServerTimer();
+    void NudgeUploader();
+    void AskServersForMore();
+    void OnClientTimer();
 
     // ---- events to the user side that a session raises
     void NotifyTransferError(uint32_t ulResult, uint16_t usFileID);

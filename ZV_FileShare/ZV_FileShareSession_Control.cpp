@@ -1,82 +1,570 @@
 // Stop, resume, progress, upload errors and the session's timer.
-// Not served yet: each slot takes its PDU, prints its trace line where it
-// has one, and drops it.
+//
+// A stop or resume goes from the client to its server, which floods it to
+// the other servers and, for an upload, confirms it to every client (8018).
+// Nothing here moves a position or touches a file: a stopped transfer keeps
+// where it stood, and a resume goes on from the position the server holds.
+// Progress (8022) is published by the servers, at most one group PDU per
+// ten-thousandth of the file.
 #include "ZV_FileShareSession.h"
-#include "ZV_PduFrame.h"
+#include "ZV_FileCatalog.h"
+#include "ZV_FileShareMgr.h"
 
-uint32_t ZV_FileShareSession::HandleProgressingRequest(ConfPduData*)
+#include "QB_Env.h"
+
+#include <cmath>
+
+namespace {
+
+// A client's own request comes over a link type below this; a server's
+// flood over 0x1000 and up.
+constexpr uint16_t kFirstServerConnType = 23;
+
+// Progress is published in ten-thousandths of the file.
+constexpr uint32_t kProgressScale = 10000;
+
+// A server looks at a stalled file after this long without a block; a client
+// lets a resting download stop counting as busy after its own wait.
+constexpr uint32_t kServerStallMs = 20000;
+constexpr uint32_t kClientStallMs = 15000;
+
+uint32_t Now()
 {
-    ZV_TraceRecv("PDU_CONF_FS_PROGRESSING_REQUEST");
-    return 0;
+    return QB_GetEnv()->GetTickCount();
 }
 
-uint32_t ZV_FileShareSession::HandleProgressingResponse(ConfPduData*)
+bool IsClientRequest(const ConfPduData* lpCpd)
 {
-    return 0;
+    return lpCpd->conn_type < kFirstServerConnType;
 }
 
-uint32_t ZV_FileShareSession::HandleIsStopDownloadRequest(ConfPduData*)
+// The share of the file that has arrived; an empty file is whole at once.
+double ShareOf(uint32_t ulPos, uint32_t ulLength)
+{
+    return ulLength == 0 ? 1.0 : (double)ulPos / ulLength;
+}
+
+// The fields of 8016 and 8017; ulPos travels in 8017 only.
+struct ZV_StopAsk
+{
+    uint16_t usFileID = 0;
+    QB_UserID user;
+    uint32_t ulFloodSeq = 0;
+    uint8_t bStop = 0;
+    uint32_t ulPos = 0;
+};
+
+void WriteStopAsk(QB_ByteStream& stream, const ZV_StopAsk& ask, bool bUpload)
+{
+    stream.WriteU16(ask.usFileID);
+    ask.user.Save(stream);
+    stream.WriteU32(ask.ulFloodSeq);
+    stream.WriteU8(ask.bStop);
+    if (bUpload)
+        stream.WriteU32(ask.ulPos);
+}
+
+void ReadStopAsk(QB_ByteStream& stream, ZV_StopAsk& ask, bool bUpload)
+{
+    ask.usFileID = stream.ReadU16();
+    ask.user.Load(stream);
+    ask.ulFloodSeq = stream.ReadU32();
+    ask.bStop = stream.ReadU8();
+    if (bUpload)
+        ask.ulPos = stream.ReadU32();
+}
+
+// The fields of 8021 and 8022; bRestart travels in 8021 only.
+struct ZV_Progress
+{
+    uint16_t usFileID = 0;
+    QB_UserID user;
+    uint32_t ulPos = 0;
+    uint8_t bRestart = 0;
+};
+
+void WriteProgress(QB_ByteStream& stream, const ZV_Progress& progress, bool bRequest)
+{
+    stream.WriteU16(progress.usFileID);
+    progress.user.Save(stream);
+    stream.WriteU32(progress.ulPos);
+    if (bRequest)
+        stream.WriteU8(progress.bRestart);
+}
+
+void ReadProgress(QB_ByteStream& stream, ZV_Progress& progress, bool bRequest)
+{
+    progress.usFileID = stream.ReadU16();
+    progress.user.Load(stream);
+    progress.ulPos = stream.ReadU32();
+    if (bRequest)
+        progress.bRestart = stream.ReadU8();
+}
+
+// PENDING_CATALOG: the manager's catalogue member is on its way (the add
+// road brings it); until then a stop or resume is not written to fsinfo.ini.
+void SaveFileInfo(ZV_FileShareSession& session)
+{
+    (void)session;
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------
+// Server: stop and resume of a download
+
+uint32_t ZV_FileShareSession::HandleIsStopDownloadRequest(ConfPduData* lpCpd)
 {
     ZV_TraceRecv("PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST");
+    IZV_ConfHost* lpConf = Conf();
+    ZV_PayloadReader stream(lpCpd);
+    ZV_StopAsk ask;
+    ReadStopAsk(stream, ask, false);
+    if (!lpConf->IsServerMode())
+        return 0;
+    if (ask.ulFloodSeq == 0)
+        ask.ulFloodSeq = lpConf->NewFloodSeq(&ask.user, 0);
+    if (lpConf->IsFloodSeen(&ask.user, ask.ulFloodSeq))
+        return 0;
+    FloodStopAsk(PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST, ask.user, ask.ulFloodSeq, ask.bStop, 0);
+    ZV_FileDownloadInfo* pEntry = m_mapDownload.Find(ask.user);
+    if (pEntry == nullptr || pEntry->m_usState == ZV_DLSTATE_FINISHED)
+        return 0;
+    pEntry->SetStopped(ask.bStop != 0);
+    pEntry->SetState(ZV_DLSTATE_STOPPED);
+    if (!ask.bStop)
+    {
+        // The pause does not count as time spent downloading.
+        pEntry->SetLastTick(Now());
+        pEntry->SetState(ZV_DLSTATE_RUNNING);
+        if (pEntry->m_bActive)
+            KickDownloadConn(lpConf->GetUserConn(&ask.user, zvConfClientTypeData));
+    }
+    SendFileStateNotice(m_usFileID, pEntry->m_usState, 0);
     return 0;
 }
 
-uint32_t ZV_FileShareSession::HandleIsStopUploadRequest(ConfPduData*)
+// 8016 and 8017 go on to the other servers as they came, with the sequence
+// the first server gave them.
+void ZV_FileShareSession::FloodStopAsk(uint16_t usPdu, const QB_UserID& user, uint32_t ulFloodSeq, uint8_t bStop,
+                                       uint32_t ulPos)
+{
+    ZV_StopAsk ask;
+    ask.usFileID = m_usFileID;
+    ask.user = user;
+    ask.ulFloodSeq = ulFloodSeq;
+    ask.bStop = bStop;
+    ask.ulPos = ulPos;
+    ZV_PduBuffer pdu;
+    WriteStopAsk(pdu.Stream(), ask, usPdu == PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST);
+    ZV_SendToServers(Conf(), zvConnNone, usPdu, pdu);
+}
+
+// ---------------------------------------------------------------------------
+// Server: stop and resume of an upload
+
+uint32_t ZV_FileShareSession::HandleIsStopUploadRequest(ConfPduData* lpCpd)
 {
     ZV_TraceRecv("PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST");
+    IZV_ConfHost* lpConf = Conf();
+    ZV_PayloadReader stream(lpCpd);
+    ZV_StopAsk ask;
+    ReadStopAsk(stream, ask, true);
+    if (!lpConf->IsServerMode())
+        return 0;
+    const ZV_FileBriefInfo& brief = m_FileInfo.m_BriefInfo;
+    if (IsClientRequest(lpCpd))
+    {
+        if (ask.user != brief.m_CreatorID)
+        {
+            SendIsStopUploadResponse(lpCpd->ulConn, m_usFileID, ZV_ERR_NOT_ENTITLED, m_usFileID, &ask.user,
+                                     ask.bStop, 0);
+            return 0;
+        }
+        if (brief.m_usFileState == ZV_FILESTATE_ADDED || brief.m_usFileState == ZV_FILESTATE_COMPLETE)
+            return 0;
+    }
+    // The first server speaks for what it holds, not for what the client read.
+    if (ask.ulFloodSeq == 0)
+    {
+        ask.ulFloodSeq = lpConf->NewFloodSeq(&ask.user, 0);
+        ask.ulPos = m_FileInfo.m_ulFileWritePos;
+    }
+    if (lpConf->IsFloodSeen(&ask.user, ask.ulFloodSeq))
+        return 0;
+    FloodStopAsk(PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST, ask.user, ask.ulFloodSeq, ask.bStop, ask.ulPos);
+    m_bStopUpload = ask.bStop != 0;
+    if (ask.bStop)
+        StopUpload(ask.user, ask.ulPos);
+    else
+        ResumeUpload(lpCpd, ask.user, ask.ulFloodSeq);
+    SaveFileInfo(*this);
     return 0;
 }
 
-uint32_t ZV_FileShareSession::HandleIsStopUploadResponse(ConfPduData*)
+void ZV_FileShareSession::StopUpload(const QB_UserID& user, uint32_t ulPos)
+{
+    if (m_ulMaxPos < ulPos)
+        m_ulMaxPos = ulPos;
+    SendIsStopUploadResponse(zvConnNone, m_usFileID, ZV_OK, m_usFileID, &user, 1, m_ulMaxPos);
+    m_FileInfo.m_BriefInfo.SetFileState(ZV_FILESTATE_STOPPED);
+}
+
+// The 8006 to the uploader is what restarts it, from the write position:
+// blocks dropped while the upload stood still are sent again.
+void ZV_FileShareSession::ResumeUpload(const ConfPduData* lpCpd, const QB_UserID& user, uint32_t ulFloodSeq)
+{
+    SendIsStopUploadResponse(zvConnNone, m_usFileID, ZV_OK, m_usFileID, &user, 0, 0);
+    m_FileInfo.m_BriefInfo.SetFileState(ZV_FILESTATE_UPLOADING);
+    if (IsClientRequest(lpCpd))
+    {
+        m_bResyncPending = true;
+        SendUploadResponse(lpCpd->ulConn, m_usFileID, ZV_OK, m_usFileID, &user, ulFloodSeq,
+                           m_FileInfo.m_ulFileWritePos);
+    }
+    // Downloaders do not count the pause as time spent.
+    const uint32_t ulNow = Now();
+    for (QB_POSITION pos = m_mapDownload.GetStartPosition(); pos != nullptr;)
+    {
+        QB_UserID user;
+        ZV_FileDownloadInfo* pEntry = m_mapDownload.GetNextAssoc(pos, user);
+        if (pEntry)
+            pEntry->SetLastTick(ulNow);
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Client: the server's confirmation of an upload's stop or resume
+
+uint32_t ZV_FileShareSession::HandleIsStopUploadResponse(ConfPduData* lpCpd)
 {
     ZV_TraceRecv("PDU_CONF_FS_IS_STOP_UPLOAD_RESPONSE");
+    IZV_ConfHost* lpConf = Conf();
+    ZV_PayloadReader stream(lpCpd);
+    stream.ReadU16();
+    const uint32_t ulResult = stream.ReadU32();
+    const uint16_t usFileID = stream.ReadU16();
+    QB_UserID user;
+    user.Load(stream);
+    const uint8_t bStop = stream.ReadU8();
+    const uint32_t ulPos = stream.ReadU32();
+    if (lpConf->IsServerMode())
+        return 0;
+    if (ulResult == ZV_OK)
+    {
+        m_BriefInfo.SetFileState(bStop ? ZV_FILESTATE_STOPPED : ZV_FILESTATE_UPLOADING);
+        if (IsLocalCreator())
+            m_lpMgr->SetSessionBusy(bStop ? 0 : 1, usFileID);
+    }
+    if (!IsFileVisible(m_BriefInfo))
+        return 0;
+    if (ulResult == ZV_OK)
+    {
+        if (bStop)
+            NotifyUploadProgress(usFileID, ShareOf(ulPos, m_BriefInfo.m_ulFileLenth) * 100.0);
+        NotifyTransferState(1, usFileID, m_BriefInfo.m_usFileState);
+        m_LocalDownload.SetLastTick(Now());
+    }
+    NotifyStopResult(ulResult, usFileID, bStop);
     return 0;
 }
 
-uint32_t ZV_FileShareSession::HandleUploadErrorRequest(ConfPduData*)
+bool ZV_FileShareSession::IsLocalCreator() const
+{
+    const QB_UserID* lpLocal = Conf()->GetLocalUserID();
+    return lpLocal != nullptr && *lpLocal == m_BriefInfo.m_CreatorID;
+}
+
+// ---------------------------------------------------------------------------
+// Progress between servers (8021) and to the clients (8022)
+
+uint32_t ZV_FileShareSession::HandleProgressingRequest(ConfPduData* lpCpd)
+{
+    ZV_TraceRecv("PDU_CONF_FS_PROGRESSING_REQUEST");
+    ZV_PayloadReader stream(lpCpd);
+    ZV_Progress progress;
+    ReadProgress(stream, progress, true);
+    if (!Conf()->IsServerMode())
+        return 0;
+    if (progress.bRestart)
+        m_mapDownload.RemoveKey(QB_UserID(lpCpd->ulUserMain, lpCpd->ulUserSub));
+    else if (progress.ulPos < m_FileInfo.m_ulFileWritePos)
+        SendProgressing(lpCpd->ulConn, m_usFileID, &progress.user, 0, false);
+    return 0;
+}
+
+uint32_t ZV_FileShareSession::HandleProgressingResponse(ConfPduData* lpCpd)
+{
+    ZV_PayloadReader stream(lpCpd);
+    ZV_Progress progress;
+    ReadProgress(stream, progress, false);
+    if (lpCpd->conn_type == zvConfServerTypeCommand)
+        PullFromUpstream(lpCpd, progress.user);
+    else if (Conf()->IsClientMode())
+        TakeProgress(progress.usFileID, progress.ulPos);
+    return 0;
+}
+
+// A relay's upstream has more than the relay: the relay fetches from there,
+// once, and tells the other servers to forget it as a downloader.
+void ZV_FileShareSession::PullFromUpstream(const ConfPduData* lpCpd, const QB_UserID& user)
+{
+    IZV_ConfHost* lpConf = Conf();
+    if (m_bPulling)
+        return;
+    m_bPulling = true;
+    if (lpConf->HasServerLinks())
+    {
+        ZV_Progress progress;
+        progress.usFileID = m_usFileID;
+        progress.user = QB_UserID(lpConf->GetLocalServerID(), 0);
+        progress.ulPos = m_FileInfo.m_ulFileWritePos;
+        progress.bRestart = 1;
+        ZV_PduBuffer pdu;
+        WriteProgress(pdu.Stream(), progress, true);
+        ZV_SendToServers(lpConf, lpCpd->ulConn, PDU_CONF_FS_PROGRESSING_REQUEST, pdu, 1, 0);
+    }
+    const QB_StringU8 sPath(GetConfDir() + QB_StringW(m_FileInfo.m_sFileNewName));
+    SendDownloadRequest(lpCpd->ulConn, m_usFileID, &user, 0, sPath, m_FileInfo.m_ulFileWritePos, 1, 0);
+}
+
+// A client hears how far the file has arrived at the server. The creator's
+// client keeps its file open until everything has arrived, so that it can
+// send again from any position the server names.
+void ZV_FileShareSession::TakeProgress(uint16_t usFileID, uint32_t ulPos)
+{
+    const uint32_t ulLength = m_BriefInfo.m_ulFileLenth;
+    const bool bCreator = IsLocalCreator();
+    m_ulMaxPos = ulPos;
+    if (!bCreator)
+        m_BriefInfo.SetFileState(ulPos < ulLength ? ZV_FILESTATE_UPLOADING : ZV_FILESTATE_COMPLETE);
+    if (bCreator && ulPos >= ulLength && m_File.IsOpen())
+        m_File.Close();
+    if (!IsFileVisible(m_BriefInfo))
+        return;
+    const double dShare = ShareOf(ulPos, ulLength);
+    NotifyUploadProgress(usFileID, dShare * 100.0);
+    if (dShare >= 1.0 && bCreator)
+        m_lpMgr->SetSessionBusy(0, usFileID);
+}
+
+// ---------------------------------------------------------------------------
+// Upload errors: the uploader's client could not read its file
+
+uint32_t ZV_FileShareSession::HandleUploadErrorRequest(ConfPduData* lpCpd)
 {
     ZV_TraceRecv("PDU_CONF_FS_UPLOAD_ERROR_REQUEST");
+    IZV_ConfHost* lpConf = Conf();
+    ZV_PayloadReader stream(lpCpd);
+    stream.ReadU16();
+    QB_UserID user;
+    user.Load(stream);
+    uint32_t ulFloodSeq = stream.ReadU32();
+    const uint32_t ulPos = stream.ReadU32();
+    if (!lpConf->IsServerMode())
+        return 0;
+    if (IsClientRequest(lpCpd) && m_FileInfo.m_BriefInfo.m_usFileState == ZV_FILESTATE_COMPLETE)
+        return 0;
+    if (ulFloodSeq == 0)
+        ulFloodSeq = lpConf->NewFloodSeq(&user, 0);
+    if (lpConf->IsFloodSeen(&user, ulFloodSeq))
+        return 0;
+    m_ulMaxPos = ulPos;
+    if (lpConf->HasServerLinks())
+    {
+        ZV_PduBuffer pdu;
+        pdu.Stream().WriteU16(m_usFileID);
+        user.Save(pdu.Stream());
+        pdu.Stream().WriteU32(ulFloodSeq);
+        pdu.Stream().WriteU32(ulPos);
+        ZV_SendToServers(lpConf, zvConnNone, PDU_CONF_FS_UPLOAD_ERROR_REQUEST, pdu);
+    }
+    m_FileInfo.m_BriefInfo.SetFileState(ZV_FILESTATE_FAILED);
+    SendUploadErrorResponse(zvConnNone, m_usFileID, ZV_OK, m_usFileID);
     return 0;
 }
 
-uint32_t ZV_FileShareSession::HandleUploadErrorResponse(ConfPduData*)
+// The PDU's result is not what the user is told: a failed upload is always
+// a failed read.
+uint32_t ZV_FileShareSession::HandleUploadErrorResponse(ConfPduData* lpCpd)
 {
     ZV_TraceRecv("PDU_CONF_FS_UPLOAD_ERROR_RESPONSE");
+    ZV_PayloadReader stream(lpCpd);
+    stream.ReadU16();
+    stream.ReadU32();
+    const uint16_t usFileID = stream.ReadU16();
+    if (Conf()->IsClientMode() && IsFileVisible(m_BriefInfo))
+        NotifyTransferError(ZV_ERR_IO, usFileID);
     return 0;
 }
+
+// ---------------------------------------------------------------------------
+// The timer. No time-out fails a transfer: a stalled one is only nudged.
 
 void ZV_FileShareSession::OnTimer(uint32_t)
 {
+    if (Conf()->IsServerMode())
+        OnServerTimer();
+    else
+        OnClientTimer();
 }
 
-uint32_t ZV_FileShareSession::SendIsStopDownloadRequest(uint32_t, uint16_t, const QB_UserID*, uint32_t, uint8_t)
+void ZV_FileShareSession::OnServerTimer()
 {
-    return 0;
+    ZV_FileBriefInfo& brief = m_FileInfo.m_BriefInfo;
+    if (brief.m_usFileState == ZV_FILESTATE_COMPLETE)
+        return;
+    if (m_FileInfo.m_ulFileWritePos >= brief.m_ulFileLenth)
+    {
+        brief.SetFileState(ZV_FILESTATE_COMPLETE);
+        return;
+    }
+    const uint32_t ulNow = Now();
+    if (ulNow - m_ulLastIoTick <= kServerStallMs)
+        return;
+    // Looked at once per wait, not on each tick.
+    m_bPulling = false;
+    m_ulLastIoTick = ulNow;
+    if (IsLocalUser(Conf(), brief.m_CreatorID))
+        NudgeUploader();
+    else
+        AskServersForMore();
 }
 
-uint32_t ZV_FileShareSession::SendIsStopUploadRequest(uint32_t, uint16_t, const QB_UserID*, uint32_t, uint8_t,
-                                                     uint32_t)
+// A creator whose blocks were lost goes on from what arrived.
+void ZV_FileShareSession::NudgeUploader()
 {
-    return 0;
+    const QB_UserID& creator = m_FileInfo.m_BriefInfo.m_CreatorID;
+    if (m_FileInfo.m_BriefInfo.m_usFileState != ZV_FILESTATE_UPLOADING && !m_bUploadDone)
+        return;
+    const uint32_t ulConn = Conf()->GetUserConn(&creator, zvConfClientTypeCommand);
+    if (ulConn == zvConnNone)
+        return;
+    m_bResyncPending = true;
+    SendUploadResponse(ulConn, m_usFileID, ZV_OK, m_usFileID, &creator, 0, m_FileInfo.m_ulFileWritePos);
 }
 
-uint32_t ZV_FileShareSession::SendIsStopUploadResponse(uint32_t, uint16_t, uint32_t, uint16_t, const QB_UserID*,
-                                                      uint8_t, uint32_t)
+void ZV_FileShareSession::AskServersForMore()
 {
-    return 0;
+    IZV_ConfHost* lpConf = Conf();
+    if (!lpConf->HasServerLinks())
+        return;
+    ZV_Progress progress;
+    progress.usFileID = m_usFileID;
+    progress.user = QB_UserID(lpConf->GetLocalServerID(), 0);
+    progress.ulPos = m_FileInfo.m_ulFileWritePos;
+    ZV_PduBuffer pdu;
+    WriteProgress(pdu.Stream(), progress, true);
+    ZV_SendToServers(lpConf, zvConnNone, PDU_CONF_FS_PROGRESSING_REQUEST, pdu, 1, 0);
 }
 
-uint32_t ZV_FileShareSession::SendUploadErrorRequest(uint32_t, uint16_t, const QB_UserID*, uint32_t, uint32_t)
+// A download that stands still (stopped, or failed) stops counting as busy
+// once nothing has arrived for a while, so the idle wait can begin.
+void ZV_FileShareSession::OnClientTimer()
 {
-    return 0;
+    if (IsLocalCreator() || m_LocalDownload.m_sFileName.IsEmpty() ||
+        m_LocalDownload.m_usState == ZV_DLSTATE_RUNNING)
+        return;
+    if (Now() - m_ulLastIoTick >= kClientStallMs)
+        m_lpMgr->SetSessionBusy(0, m_usFileID);
 }
 
-uint32_t ZV_FileShareSession::SendUploadErrorResponse(uint32_t, uint16_t, uint32_t, uint16_t)
+// ---------------------------------------------------------------------------
+// Senders
+
+uint32_t ZV_FileShareSession::SendIsStopDownloadRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser,
+                                                       uint32_t ulFloodSeq, uint8_t bStop)
 {
-    return 0;
+    ZV_StopAsk ask;
+    ask.usFileID = usFileID;
+    ask.user = *pUser;
+    ask.ulFloodSeq = ulFloodSeq;
+    ask.bStop = bStop;
+    ZV_PduBuffer pdu;
+    WriteStopAsk(pdu.Stream(), ask, false);
+    return ZV_SendToLink(Conf(), ulConn, PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST, pdu);
 }
 
-uint32_t ZV_FileShareSession::SendProgressing(uint32_t, uint16_t, const QB_UserID*, uint32_t, bool)
+uint32_t ZV_FileShareSession::SendIsStopUploadRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser,
+                                                     uint32_t ulFloodSeq, uint8_t bStop, uint32_t ulPos)
 {
-    return 0;
+    ZV_StopAsk ask;
+    ask.usFileID = usFileID;
+    ask.user = *pUser;
+    ask.ulFloodSeq = ulFloodSeq;
+    ask.bStop = bStop;
+    ask.ulPos = ulPos;
+    ZV_PduBuffer pdu;
+    WriteStopAsk(pdu.Stream(), ask, true);
+    return ZV_SendToLink(Conf(), ulConn, PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST, pdu);
+}
+
+// A refusal goes to the asker alone; a confirmation to every client.
+uint32_t ZV_FileShareSession::SendIsStopUploadResponse(uint32_t ulConn, uint16_t usFileID, uint32_t ulResult,
+                                                      uint16_t usFileID2, const QB_UserID* pUser, uint8_t bStop,
+                                                      uint32_t ulPos)
+{
+    ZV_PduBuffer pdu;
+    QB_ByteStream& stream = pdu.Stream();
+    stream.WriteU16(usFileID);
+    stream.WriteU32(ulResult);
+    stream.WriteU16(usFileID2);
+    pUser->Save(stream);
+    stream.WriteU8(bStop);
+    stream.WriteU32(ulPos);
+    if (ulResult != ZV_OK)
+        return ZV_SendToLink(Conf(), ulConn, PDU_CONF_FS_IS_STOP_UPLOAD_RESPONSE, pdu);
+    return ZV_SendToGroup(Conf(), zvConnNone, PDU_CONF_FS_IS_STOP_UPLOAD_RESPONSE, pdu);
+}
+
+uint32_t ZV_FileShareSession::SendUploadErrorRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser,
+                                                    uint32_t ulFloodSeq, uint32_t ulPos)
+{
+    ZV_PduBuffer pdu;
+    QB_ByteStream& stream = pdu.Stream();
+    stream.WriteU16(usFileID);
+    pUser->Save(stream);
+    stream.WriteU32(ulFloodSeq);
+    stream.WriteU32(ulPos);
+    return ZV_SendToLink(Conf(), ulConn, PDU_CONF_FS_UPLOAD_ERROR_REQUEST, pdu);
+}
+
+uint32_t ZV_FileShareSession::SendUploadErrorResponse(uint32_t ulConn, uint16_t usFileID, uint32_t ulResult,
+                                                     uint16_t usFileID2)
+{
+    ZV_PduBuffer pdu;
+    pdu.Stream().WriteU16(usFileID);
+    pdu.Stream().WriteU32(ulResult);
+    pdu.Stream().WriteU16(usFileID2);
+    if (ulResult != ZV_OK)
+        return ZV_SendToLink(Conf(), ulConn, PDU_CONF_FS_UPLOAD_ERROR_RESPONSE, pdu);
+    return ZV_SendToGroup(Conf(), zvConnNone, PDU_CONF_FS_UPLOAD_ERROR_RESPONSE, pdu);
+}
+
+// Throttled, a PDU goes to the group only when the published value changes,
+// so a file yields at most 10000 of them whatever its size. An unchanged
+// value would go to the connection the throttled callers pass, -1, which
+// carries nothing; that call is left out.
+uint32_t ZV_FileShareSession::SendProgressing(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser,
+                                             uint32_t ulPos, bool bThrottle)
+{
+    ZV_Progress progress;
+    progress.usFileID = usFileID;
+    progress.user = *pUser;
+    progress.ulPos = ulPos;
+    ZV_PduBuffer pdu;
+    WriteProgress(pdu.Stream(), progress, false);
+    if (!bThrottle)
+        return ZV_SendToLink(Conf(), ulConn, PDU_CONF_FS_PROGRESSING_RESPONSE, pdu);
+    const uint32_t ulLength = m_FileInfo.m_BriefInfo.m_ulFileLenth;
+    if (ulPos >= ulLength)
+    {
+        m_ulProgress = kProgressScale;
+        return ZV_SendToGroup(Conf(), ulConn, PDU_CONF_FS_PROGRESSING_RESPONSE, pdu);
+    }
+    const uint32_t ulValue = (uint32_t)std::floor((double)ulPos / ulLength * (double)kProgressScale);
+    if (ulValue == m_ulProgress)
+        return 0;
+    m_ulProgress = ulValue;
+    return ZV_SendToGroup(Conf(), ulConn, PDU_CONF_FS_PROGRESSING_RESPONSE, pdu, 0, 0);
 }

@@ -1,0 +1,124 @@
+// The user side's stop and resume of a transfer. Each sets the client's own
+// state at once and tells the server; the server's answer comes later
+// (8018 for an upload) and is shown through events.
+#include "ZV_FileShareMgr.h"
+#include "ZV_FileShareSession.h"
+
+#include "QB_Env.h"
+#include "QB_Log.h"
+
+#include <cassert>
+
+namespace {
+
+// Runs one operation. A caught exception leaves the result at 1 and writes
+// the operation's line; state changed before it stays changed.
+template <typename F>
+uint32_t GuardFs(const char* pszLine, F&& fnBody)
+{
+    uint32_t ulResult = ZV_ERR_EXCEPTION;
+    try
+    {
+        ulResult = fnBody();
+    }
+    catch (...)
+    {
+        QB_WriteLog(2, "error", "%s", pszLine);
+    }
+    return ulResult;
+}
+
+// Begun and not complete; a failed upload counts, so that a resume can
+// restart it.
+bool IsUnderway(uint16_t usFileState)
+{
+    return usFileState != ZV_FILESTATE_ADDED && usFileState != ZV_FILESTATE_COMPLETE;
+}
+
+// A host that knows no local user still gets a well-formed request.
+const QB_UserID* LocalUser(IZV_ConfHost* lpConf)
+{
+    static const QB_UserID s_Nobody;
+    const QB_UserID* lpLocal = lpConf->GetLocalUserID();
+    return lpLocal ? lpLocal : &s_Nobody;
+}
+
+} // namespace
+
+// A stopped download still counts as busy.
+uint32_t ZV_FileShareMgr::FsStopDownload(uint16_t usFileID)
+{
+    assert(m_lpConf && "m_lpConf");
+    return GuardFs("ZV_FileShareMgr::FsStopDownload exception.\r\n", [&]() -> uint32_t {
+        ZV_FileShareSession* lpFsSession = nullptr;
+        if (const uint32_t ulFound = LookupSession(usFileID, lpFsSession); ulFound != ZV_OK)
+            return ulFound;
+        ZV_FileDownloadInfo& download = lpFsSession->m_LocalDownload;
+        if (download.m_usState != ZV_DLSTATE_FINISHED)
+            download.SetState(ZV_DLSTATE_STOPPED);
+        const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
+        if (ulConn == zvConnNone)
+            return ZV_ERR_NO_CONN;
+        return lpFsSession->SendIsStopDownloadRequest(ulConn, usFileID, LocalUser(m_lpConf), 0, 1);
+    });
+}
+
+// The last tick moves so that the pause is not counted as time spent.
+uint32_t ZV_FileShareMgr::FsResumeDownload(uint16_t usFileID)
+{
+    assert(m_lpConf && "m_lpConf");
+    return GuardFs("ZV_FileShareMgr::FsResumeDownload exception.\r\n", [&]() -> uint32_t {
+        ZV_FileShareSession* lpFsSession = nullptr;
+        if (const uint32_t ulFound = LookupSession(usFileID, lpFsSession); ulFound != ZV_OK)
+            return ulFound;
+        ZV_FileDownloadInfo& download = lpFsSession->m_LocalDownload;
+        if (download.m_usState != ZV_DLSTATE_FINISHED)
+        {
+            download.SetState(ZV_DLSTATE_RUNNING);
+            download.SetLastTick(QB_GetEnv()->GetTickCount());
+        }
+        const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
+        if (ulConn == zvConnNone)
+            return ZV_ERR_NO_CONN;
+        SetSessionBusy(1, usFileID);
+        return lpFsSession->SendIsStopDownloadRequest(ulConn, usFileID, LocalUser(m_lpConf), 0, 0);
+    });
+}
+
+// The client's read position goes along; the first server puts its own
+// write position in its place.
+uint32_t ZV_FileShareMgr::FsStopUpload(uint16_t usFileID)
+{
+    assert(m_lpConf && "m_lpConf");
+    return GuardFs("ZV_FileShareMgr::FsStopUpload exception.\r\n", [&]() -> uint32_t {
+        ZV_FileShareSession* lpFsSession = nullptr;
+        if (const uint32_t ulFound = LookupSession(usFileID, lpFsSession); ulFound != ZV_OK)
+            return ulFound;
+        lpFsSession->m_bStopUpload = true;
+        const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
+        if (ulConn == zvConnNone)
+            return ZV_ERR_NO_CONN;
+        ZV_FileBriefInfo& brief = lpFsSession->m_BriefInfo;
+        if (IsUnderway(brief.m_usFileState))
+            brief.SetFileState(ZV_FILESTATE_STOPPED);
+        return lpFsSession->SendIsStopUploadRequest(ulConn, usFileID, LocalUser(m_lpConf), 0, 1, lpFsSession->m_ulReadPos);
+    });
+}
+
+uint32_t ZV_FileShareMgr::FsResumeUpload(uint16_t usFileID)
+{
+    assert(m_lpConf && "m_lpConf");
+    return GuardFs("ZV_FileShareMgr::FsResumeUpload exception.\r\n", [&]() -> uint32_t {
+        ZV_FileShareSession* lpFsSession = nullptr;
+        if (const uint32_t ulFound = LookupSession(usFileID, lpFsSession); ulFound != ZV_OK)
+            return ulFound;
+        lpFsSession->m_bStopUpload = false;
+        const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
+        if (ulConn == zvConnNone)
+            return ZV_ERR_NO_CONN;
+        ZV_FileBriefInfo& brief = lpFsSession->m_BriefInfo;
+        if (IsUnderway(brief.m_usFileState))
+            brief.SetFileState(ZV_FILESTATE_UPLOADING);
+        return lpFsSession->SendIsStopUploadRequest(ulConn, usFileID, LocalUser(m_lpConf), 0, 0, 0);
+    });
+}

@@ -1,0 +1,367 @@
+// Stop, resume, progress, upload errors and the timers on one manager,
+// against a recording host and a clock the test moves.
+#include "ZV_FileShareMgr.h"
+#include "ZV_FileShareSession.h"
+#include "ZV_RecordingHost.h"
+
+#include "QB_FaultEnv.h"
+#include "QB_TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+const QB_UserID kAlice(10001, 0);  // the creator
+const QB_UserID kBob(10002, 0);    // a downloader: commands on 100020, data on 100024
+const QB_UserID kSelf(1, 0);       // this server
+
+struct Pdu
+{
+    Bytes b;
+    Pdu& U8(uint8_t v) { b.push_back(v); return *this; }
+    Pdu& U16(uint16_t v) { return U8(v & 0xFF).U8(v >> 8); }
+    Pdu& U32(uint32_t v) { return U16(v & 0xFFFF).U16(v >> 16); }
+    Pdu& User(const QB_UserID& id) { return U32(id.m_ulMain).U32(id.m_ulSub); }
+    Pdu& F64(double d) { uint8_t a[8]; std::memcpy(a, &d, 8); b.insert(b.end(), a, a + 8); return *this; }
+};
+
+struct LinkedHost : public ZV_RecordingHost
+{
+    uint32_t GetUserConn(const QB_UserID* lpUser, uint16_t usType) override { return lpUser->m_ulMain * 10 + usType; }
+};
+
+struct ControlFixture : public ::testing::Test
+{
+    QB_FaultEnv env;
+    QB_ScopedEnv scoped{&env};
+    LinkedHost host;
+    ZV_FileShareMgr mgr;
+    ZV_FileShareSession* lpSession = nullptr;
+
+    // Alice's "song.ogg" of 1,000,000 bytes as FileID 5, stored as the role says.
+    void Make(bool bServer)
+    {
+        host.Attach(&mgr);
+        host.m_bServer = bServer;
+        host.m_bHasServerLinks = bServer;
+        env.SetTick(50000);
+        lpSession = new ZV_FileShareSession(&mgr, "C:\\Store\\");
+        lpSession->m_usFileID = 5;
+        ZV_FileBriefInfo brief;
+        brief.SetCreatorID(kAlice);
+        brief.SetFileLenth(1000000);
+        brief.SetPublic(true);
+        brief.SetFileState(ZV_FILESTATE_UPLOADING);
+        lpSession->m_BriefInfo = brief;
+        lpSession->m_FileInfo.SetBriefInfo(brief);
+        lpSession->m_FileInfo.SetFileNewName(QB_StringU8("song.ogg"));
+        mgr.m_mapSession.SetAt(5, lpSession);
+    }
+    void Deliver(uint16_t usPdu, const Pdu& pdu, uint16_t usType = zvConfClientTypeCommand, uint32_t ulConn = 100020,
+                 const QB_UserID& peer = kBob)
+    {
+        ConfPduData cpd{peer.m_ulMain, peer.m_ulSub, ulConn, 0, usType, usPdu, 0, 0, 0, (uint32_t)pdu.b.size(),
+                        pdu.b.data()};
+        EXPECT_EQ(0u, mgr.HandlePdu(&cpd));
+    }
+    Bytes Events() const
+    {
+        Bytes all;
+        for (const auto& event : host.m_vecEvents)
+            all.insert(all.end(), event.data.begin(), event.data.end());
+        return all;
+    }
+    void Clear() { host.m_vecSent.clear(); host.m_vecEvents.clear(); }
+};
+
+using Control = ControlFixture;
+
+Pdu Event(uint16_t usEvent, uint32_t ulResult) { return Pdu().U16(usEvent).U32(ulResult); }
+
+Bytes operator+(Bytes a, const Bytes& b)
+{
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+} // namespace
+
+TEST_F(Control, ServerStopsAndResumesADownloadEntryOnceAndLeavesAFinishedOneAlone)
+{
+    Make(true);
+    struct { const char* szName; QB_UserID user; uint8_t bStop; uint16_t usFrom, usTo; size_t nKicks; } aCases[] = {
+        {"stop", kBob, 1, ZV_DLSTATE_RUNNING, ZV_DLSTATE_STOPPED, 0},
+        {"resume", kBob, 0, ZV_DLSTATE_STOPPED, ZV_DLSTATE_RUNNING, 1},
+        {"finished", kBob, 0, ZV_DLSTATE_FINISHED, ZV_DLSTATE_FINISHED, 0},
+        {"no entry", QB_UserID(10003, 0), 1, 0, 0, 0}};
+    for (const auto& c : aCases)
+    {
+        Clear();
+        ZV_FileDownloadInfo entry;
+        entry.SetState(c.usFrom);
+        entry.SetActive(true);
+        lpSession->m_mapDownload.SetAt(kBob, entry);
+        env.AdvanceTick(1000);
+        const uint32_t ulSeq = host.m_ulNextFloodSeq;
+        Deliver(PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST, Pdu().U16(5).User(c.user).U32(0).U8(c.bStop));
+        Deliver(PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST, Pdu().U16(5).User(c.user).U32(ulSeq).U8(c.bStop),
+                zvConfServerTypeCommand, 20, QB_UserID(2, 0));
+        const auto vecFlood = host.SentOf(PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST);
+        ASSERT_EQ(1u, vecFlood.size()) << c.szName << ": the echo of the flood is dropped";
+        EXPECT_EQ(Pdu().U16(7).U16(5).User(c.user).U32(ulSeq).U8(c.bStop).b, vecFlood[0].data) << c.szName;
+        const ZV_FileDownloadInfo& after = *lpSession->m_mapDownload.Find(kBob);
+        EXPECT_EQ(c.usTo, after.m_usState) << c.szName;
+        EXPECT_EQ(c.nKicks, host.SentOf(PDU_CONF_FS_KICK).size()) << c.szName;
+        if (c.usFrom == ZV_DLSTATE_STOPPED)
+            EXPECT_EQ(env.GetTickCount(), after.m_ulLastTick) << "the pause is not counted";
+    }
+}
+
+TEST_F(Control, ServerTakesAnUploadsStopOrResumeFromItsCreatorOnlyAndConfirmsItToEveryClient)
+{
+    Make(true);
+    lpSession->m_FileInfo.SetFileWritePos(40000);
+    lpSession->m_ulMaxPos = 30000;
+    struct { const char* szName; QB_UserID user; uint16_t usFrom; uint8_t bStop; Bytes answer; const char* szRoute;
+             uint16_t usTo; } aCases[] = {
+        {"not the creator", kBob, 1, 1, Pdu().U16(5).U32(40).U16(5).User(kBob).U8(1).U32(0).b, "link", 1},
+        {"not begun", kAlice, 0, 1, {}, "", 0},
+        {"complete", kAlice, 3, 0, {}, "", 3},
+        // The server's own write position stands for the client's read position.
+        {"stop", kAlice, 1, 1, Pdu().U16(5).U32(0).U16(5).User(kAlice).U8(1).U32(40000).b, "group", 2},
+        {"resume", kAlice, 2, 0, Pdu().U16(5).U32(0).U16(5).User(kAlice).U8(0).U32(0).b, "group", 1}};
+    for (const auto& c : aCases)
+    {
+        Clear();
+        lpSession->m_FileInfo.m_BriefInfo.SetFileState(c.usFrom);
+        Deliver(PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST, Pdu().U16(5).User(c.user).U32(0).U8(c.bStop).U32(70000));
+        const auto vecAnswer = host.SentOf(PDU_CONF_FS_IS_STOP_UPLOAD_RESPONSE);
+        ASSERT_EQ(c.answer.empty() ? 0u : 1u, vecAnswer.size()) << c.szName;
+        if (!c.answer.empty())
+        {
+            EXPECT_EQ(c.answer, vecAnswer[0].data) << c.szName;
+            EXPECT_EQ(c.szRoute, vecAnswer[0].sRoute) << c.szName;
+        }
+        EXPECT_EQ(c.usTo, lpSession->m_FileInfo.m_BriefInfo.m_usFileState) << c.szName;
+    }
+    EXPECT_FALSE(lpSession->m_bStopUpload);
+    EXPECT_TRUE(lpSession->m_bResyncPending) << "the resume sets the uploader back to the write position";
+    EXPECT_EQ(40000u, lpSession->m_ulMaxPos);
+}
+
+TEST_F(Control, ClientShowsTheAnswerToAStopOrResumeOfItsUpload)
+{
+    Make(false);
+    host.m_LocalUser = kAlice;
+    mgr.SetSessionBusy(1, 5);
+    struct { const char* szName; uint32_t ulResult; uint8_t bStop; uint16_t usState; bool bBusy; Bytes events; }
+    aCases[] = {
+        {"stopped", 0, 1, 2, false, Event(3008, 0).U16(5).F64(25.0).b + Event(3011, 0).U8(1).U16(5).U16(2).b +
+                                        Event(3010, 0).U16(5).U8(1).b},
+        {"resumed", 0, 0, 1, true, Event(3011, 0).U8(1).U16(5).U16(1).b + Event(3010, 0).U16(5).U8(0).b},
+        {"refused", 40, 1, 1, true, Event(3010, 40).U16(5).U8(1).b}};
+    for (const auto& c : aCases)
+    {
+        Clear();
+        Deliver(PDU_CONF_FS_IS_STOP_UPLOAD_RESPONSE,
+                Pdu().U16(5).U32(c.ulResult).U16(5).User(kAlice).U8(c.bStop).U32(250000), 0, 11);
+        EXPECT_EQ(c.events, Events()) << c.szName;
+        EXPECT_EQ(c.usState, lpSession->m_BriefInfo.m_usFileState) << c.szName;
+        EXPECT_EQ(c.bBusy, mgr.m_arrBusyFileID.Find(5) >= 0) << c.szName;
+    }
+}
+
+TEST_F(Control, ThrottledProgressReachesTheGroupOncePerTenThousandthAndAlwaysAtTheEnd)
+{
+    Make(true);
+    for (uint32_t ulPos = 0; ulPos <= 1000000; ulPos += 37)
+        lpSession->SendProgressing(zvConnNone, 5, &kAlice, ulPos, true);
+    lpSession->SendProgressing(zvConnNone, 5, &kAlice, 1000000, true);
+    const auto vecSent = host.SentOf(PDU_CONF_FS_PROGRESSING_RESPONSE);
+    ASSERT_EQ(10000u, vecSent.size()) << "one for each of 1..9999, and the end twice";
+    EXPECT_EQ(Pdu().U16(5).User(kAlice).U32(111).b, vecSent[0].data) << "floor(111 / 100) is the first change";
+    EXPECT_EQ("group", vecSent[0].sRoute);
+    EXPECT_EQ(0u, vecSent[0].bFlag1 + vecSent[0].bFlag2);
+    EXPECT_EQ(2u, vecSent.back().bFlag1 + vecSent.back().bFlag2);
+    EXPECT_EQ(10000u, lpSession->m_ulProgress);
+}
+
+TEST_F(Control, ClientFollowsTheFilesArrivalAndTheCreatorLetsGoOfItsFileAtTheEnd)
+{
+    Make(false);
+    host.m_LocalUser = kBob;
+    Deliver(PDU_CONF_FS_PROGRESSING_RESPONSE, Pdu().U16(5).User(kAlice).U32(500000), 0, 11);
+    EXPECT_EQ(500000u, lpSession->m_ulMaxPos);
+    Deliver(PDU_CONF_FS_PROGRESSING_RESPONSE, Pdu().U16(5).User(kAlice).U32(1000000), 0, 11);
+    EXPECT_EQ(ZV_FILESTATE_COMPLETE, lpSession->m_BriefInfo.m_usFileState);
+    EXPECT_EQ(Event(3008, 0).U16(5).F64(50.0).b + Event(3008, 0).U16(5).F64(100.0).b, Events());
+
+    host.m_LocalUser = kAlice;
+    lpSession->m_BriefInfo.SetFileState(ZV_FILESTATE_UPLOADING);
+    QB_TempFolder tmp;
+    ASSERT_TRUE(lpSession->m_File.Open(tmp.SubW("song.ogg"), QB_FILE_READWRITE | QB_FILE_OPEN_ALWAYS));
+    mgr.SetSessionBusy(1, 5);
+    Deliver(PDU_CONF_FS_PROGRESSING_RESPONSE, Pdu().U16(5).User(kAlice).U32(1000000), 0, 11);
+    EXPECT_FALSE(lpSession->m_File.IsOpen());
+    EXPECT_LT(mgr.m_arrBusyFileID.Find(5), 0);
+    EXPECT_EQ(ZV_FILESTATE_UPLOADING, lpSession->m_BriefInfo.m_usFileState) << "the creator's own state is its own";
+}
+
+TEST_F(Control, RelayFetchesOnceFromAnUpstreamWithMoreAndAnswersAPeerThatIsShort)
+{
+    Make(true);
+    lpSession->m_FileInfo.SetFileWritePos(40000);
+    for (int i = 0; i < 2; ++i)
+        Deliver(PDU_CONF_FS_PROGRESSING_RESPONSE, Pdu().U16(5).User(kSelf).U32(0), zvConfServerTypeCommand, 20,
+                QB_UserID(2, 0));
+    ASSERT_EQ(1u, host.SentOf(PDU_CONF_FS_PROGRESSING_REQUEST).size());
+    const ZV_SentPdu forget = host.SentOf(PDU_CONF_FS_PROGRESSING_REQUEST)[0];
+    EXPECT_EQ(Pdu().U16(7).U16(5).User(kSelf).U32(40000).U8(1).b, forget.data);
+    EXPECT_EQ(20u, forget.ulConn);
+    EXPECT_EQ(0u, forget.bFlag2);
+    ASSERT_EQ(1u, host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size());
+    Pdu ask = Pdu().U16(5).User(kSelf).U32(0).U8(19);
+    for (char ch : std::string("C:\\Store\\7\\song.ogg"))
+        ask.U8((uint8_t)ch);
+    EXPECT_EQ(ask.U32(40000).U8(1).U8(0).b, host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST)[0].data);
+
+    Clear();
+    lpSession->m_mapDownload.SetAt(QB_UserID(2, 0), ZV_FileDownloadInfo());
+    for (uint32_t ulPos : {40000u, 39999u})
+        Deliver(PDU_CONF_FS_PROGRESSING_REQUEST, Pdu().U16(5).User(QB_UserID(2, 0)).U32(ulPos).U8(0),
+                zvConfServerTypeCommand, 20, QB_UserID(2, 0));
+    ASSERT_EQ(1u, host.m_vecSent.size()) << "a peer as far as this server gets no answer";
+    EXPECT_EQ(Pdu().U16(5).User(QB_UserID(2, 0)).U32(0).b, host.m_vecSent[0].data);
+    EXPECT_EQ(20u, host.m_vecSent[0].ulConn);
+    Deliver(PDU_CONF_FS_PROGRESSING_REQUEST, Pdu().U16(5).User(QB_UserID(2, 0)).U32(0).U8(1),
+            zvConfServerTypeCommand, 20, QB_UserID(2, 0));
+    EXPECT_EQ(0, lpSession->m_mapDownload.GetCount());
+}
+
+TEST_F(Control, AFailedUploadIsMarkedOnEveryServerAndToldToEveryClientAsAReadFailure)
+{
+    Make(true);
+    Deliver(PDU_CONF_FS_UPLOAD_ERROR_REQUEST, Pdu().U16(5).User(kAlice).U32(0).U32(12345), 0, 100010, kAlice);
+    Deliver(PDU_CONF_FS_UPLOAD_ERROR_REQUEST, Pdu().U16(5).User(kAlice).U32(100).U32(12345),
+            zvConfServerTypeCommand, 20, QB_UserID(2, 0));
+    EXPECT_EQ(ZV_FILESTATE_FAILED, lpSession->m_FileInfo.m_BriefInfo.m_usFileState);
+    EXPECT_EQ(12345u, lpSession->m_ulMaxPos);
+    ASSERT_EQ(2u, host.m_vecSent.size()) << "one flood, one answer, and the echo is dropped";
+    EXPECT_EQ(Pdu().U16(7).U16(5).User(kAlice).U32(100).U32(12345).b, host.m_vecSent[0].data);
+    EXPECT_EQ("group", host.m_vecSent[1].sRoute);
+    EXPECT_EQ(Pdu().U16(5).U32(0).U16(5).b, host.m_vecSent[1].data);
+
+    Clear();
+    lpSession->m_FileInfo.m_BriefInfo.SetFileState(ZV_FILESTATE_COMPLETE);
+    Deliver(PDU_CONF_FS_UPLOAD_ERROR_REQUEST, Pdu().U16(5).User(kAlice).U32(0).U32(1), 0, 100010, kAlice);
+    EXPECT_TRUE(host.m_vecSent.empty()) << "a complete file stays complete";
+
+    host.m_bServer = false;
+    Deliver(PDU_CONF_FS_UPLOAD_ERROR_RESPONSE, Pdu().U16(5).U32(0).U16(5), 0, 11);
+    EXPECT_EQ(Event(3001, 61).U16(5).b, Events());
+}
+
+TEST_F(Control, ManagerTimerWorksOnItsConferencesSlotAndReportsIdleAfterFifteenSeconds)
+{
+    for (bool bSink : {true, false})
+    {
+        ZV_FileShareMgr other;
+        host.Attach(&other, bSink);
+        other.SetSessionBusy(1, 5);
+        other.m_cDataLink = '2';
+        host.m_vecEvents.clear();
+        env.SetTick(1000);
+        for (uint32_t ulTick = 0; ulTick < 10; ++ulTick)
+            other.OnTimer(ulTick);
+        EXPECT_EQ(bSink ? (Event(3012, 0).U8(1).b + Event(3012, 0).U8(1).b) : Bytes(), Events()) << "ticks 2 and 7";
+        other.SetSessionBusy(0, 5);
+        other.OnTimer(12);
+        env.AdvanceTick(14999);
+        other.OnTimer(17);
+        EXPECT_EQ(1000u, other.m_ulIdleSince);
+        EXPECT_NE('4', other.m_cDataLink);
+        env.AdvanceTick(1);
+        other.OnTimer(22);
+        EXPECT_EQ('4', other.m_cDataLink);
+        EXPECT_EQ(0u, other.m_ulIdleSince);
+        EXPECT_EQ(bSink ? 3u : 0u, host.m_vecEvents.size());
+    }
+}
+
+TEST_F(Control, StalledServerFileIsLookedAtOnceAfterTwentySecondsAndACompleteOneIsMarked)
+{
+    Make(true);
+    lpSession->m_FileInfo.SetFileWritePos(40000);
+    lpSession->m_ulLastIoTick = 50000;
+    lpSession->m_bPulling = true;
+    env.SetTick(70000);
+    mgr.OnTimer(2);
+    EXPECT_TRUE(host.m_vecSent.empty()) << "exactly 20000 ms is not yet a stall";
+    env.SetTick(70001);
+    mgr.OnTimer(7);
+    mgr.OnTimer(12);
+    ASSERT_EQ(1u, host.m_vecSent.size());
+    EXPECT_EQ(Pdu().U16(7).U16(5).User(kSelf).U32(40000).U8(0).b, host.m_vecSent[0].data);
+    EXPECT_FALSE(lpSession->m_bPulling);
+    lpSession->m_FileInfo.SetFileWritePos(1000000);
+    mgr.OnTimer(17);
+    EXPECT_EQ(ZV_FILESTATE_COMPLETE, lpSession->m_FileInfo.m_BriefInfo.m_usFileState);
+}
+
+TEST_F(Control, ClientStopsCountingAStandingDownloadAsBusyAfterFifteenSeconds)
+{
+    Make(false);
+    host.m_LocalUser = kBob;
+    lpSession->m_LocalDownload.SetFileName(QB_StringU8("a.bin"));
+    lpSession->m_ulLastIoTick = 35000;
+    for (uint16_t usState : {ZV_DLSTATE_RUNNING, ZV_DLSTATE_STOPPED})
+    {
+        lpSession->m_LocalDownload.SetState(usState);
+        mgr.SetSessionBusy(1, 5);
+        mgr.OnTimer(2);
+        EXPECT_EQ(usState == ZV_DLSTATE_RUNNING, mgr.m_arrBusyFileID.Find(5) >= 0) << usState;
+    }
+}
+
+TEST_F(Control, UserSideSetsTheLocalStateAtOnceAndTellsTheServer)
+{
+    Make(false);
+    using Op = uint32_t (IZV_FileShareMgr::*)(uint16_t);
+    struct { const char* szName; Op pfn; bool bUpload; uint8_t bStop; uint16_t usFrom, usTo; } aCases[] = {
+        {"stop download", &IZV_FileShareMgr::FsStopDownload, false, 1, 1, 2},
+        {"stop finished", &IZV_FileShareMgr::FsStopDownload, false, 1, 3, 3},
+        {"resume download", &IZV_FileShareMgr::FsResumeDownload, false, 0, 2, 1},
+        {"stop upload", &IZV_FileShareMgr::FsStopUpload, true, 1, 1, 2},
+        {"stop new upload", &IZV_FileShareMgr::FsStopUpload, true, 1, 0, 0},
+        {"resume upload", &IZV_FileShareMgr::FsResumeUpload, true, 0, 2, 1}};
+    lpSession->m_ulReadPos = 777;
+    IZV_FileShareMgr& fs = mgr;
+    for (uint32_t ulCmdConn : {11u, zvConnNone})
+        for (const auto& c : aCases)
+        {
+            Clear();
+            mgr.SetSessionBusy(0, 5);
+            host.m_ulCmdConn = ulCmdConn;
+            const bool bLinked = ulCmdConn != zvConnNone;
+            uint16_t& usState = c.bUpload ? lpSession->m_BriefInfo.m_usFileState : lpSession->m_LocalDownload.m_usState;
+            usState = c.usFrom;
+            EXPECT_EQ(bLinked ? 0u : 16u, (fs.*c.pfn)(5)) << c.szName;
+            // Without a link an upload's state is left alone, a download's is not.
+            EXPECT_EQ(bLinked || !c.bUpload ? c.usTo : c.usFrom, usState) << c.szName;
+            EXPECT_EQ(c.bUpload && c.bStop, lpSession->m_bStopUpload) << c.szName;
+            EXPECT_EQ(bLinked && !c.bUpload && !c.bStop, mgr.m_arrBusyFileID.Find(5) >= 0) << c.szName;
+            Pdu sent = Pdu().U16(5).User(kAlice).U32(0).U8(c.bStop);
+            if (c.bUpload)
+                sent.U32(c.bStop ? 777 : 0);
+            ASSERT_EQ(bLinked ? 1u : 0u, host.m_vecSent.size()) << c.szName;
+            if (bLinked)
+                EXPECT_EQ(sent.b, host.m_vecSent[0].data) << c.szName;
+        }
+    EXPECT_EQ(82u, fs.FsStopUpload(6));
+    mgr.m_mapSession.SetAt(6, nullptr);
+    EXPECT_EQ(83u, fs.FsResumeDownload(6));
+}
