@@ -13,6 +13,7 @@
 
 #include "IZV_FileShare.h"
 #include "ZV_FileBriefInfo.h"
+#include "ZV_FileCatalog.h"
 #include "ZV_FileUploadInfo.h"
 
 #include "QB_Array.h"
@@ -114,6 +115,33 @@ public:
     uint32_t LookupSession(uint16_t usFileID, ZV_FileShareSession*& lpFsSession);
 
     // ---- adding files and the storage folder (declarations go here)
+    // ZV_FileShareMgr_Storage.cpp. A server's removal of one stored file
+    // while the conference goes on: session, file and catalogue row.
+    void RemoveStoredFile(uint16_t usFileID, ZV_FileShareSession* lpFsSession, const QB_UserID* lpUser,
+                          uint32_t ulFloodSeq);
+    uint32_t SendDelUploadResponse(uint32_t ulConn, uint16_t usFileID, uint32_t ulResult, uint16_t usFileID2,
+                                   const QB_UserID* lpUser, uint32_t ulFloodSeq, bool bToAll);
+    // ZV_FileShareMgr_Add.cpp: one file.
+    uint32_t SendAddRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID& creator, uint32_t ulFloodSeq,
+                            const ZV_FileBriefInfo& brief, uint8_t bStartUpload);
+    uint32_t SendAddResponse(uint32_t ulConn, uint16_t usFileID, uint32_t ulResult, uint16_t usFileID2,
+                             const QB_UserID& creator, uint32_t ulWritePos, const ZV_FileBriefInfo& brief,
+                             uint8_t bStartUpload, bool bToAll);
+    // Stores lpFsSession under usFileID; a session that stood there goes.
+    void ReplaceSession(uint16_t usFileID, ZV_FileShareSession* lpFsSession);
+    // ZV_FileShareMgr_AddFiles.cpp: several files.
+    uint32_t SendAddFilesRequest(uint32_t ulConn, const QB_UserID& user, uint32_t ulFloodSeq, uint8_t bStartUpload,
+                                 const QB_Array<uint16_t>& arrFileID, const QB_Array<ZV_FileBriefInfo>& arrInfo);
+    uint32_t SendAddFilesResponse(uint32_t ulConn, uint32_t ulResult, const QB_UserID& user, uint8_t bStartUpload,
+                                  const QB_Array<uint16_t>& arrFileID, const QB_Array<uint32_t>& arrPos,
+                                  const QB_Array<ZV_FileBriefInfo>& arrInfo, uint8_t bLast, bool bToAll);
+    // A series of 8056 for any number of files; ulConn zvConnNone means all
+    // clients of this server.
+    uint32_t SendAddFilesList(uint32_t ulConn, uint32_t ulResult, const QB_UserID& user, uint8_t bStartUpload,
+                              const QB_Array<uint16_t>& arrFileID, const QB_Array<uint32_t>& arrPos,
+                              const QB_Array<ZV_FileBriefInfo>& arrInfo);
+    // The server's durable list of what its storage folder holds.
+    ZV_FileCatalog m_Catalog;
 
     // ---- the roads of the bytes (declarations go here)
 

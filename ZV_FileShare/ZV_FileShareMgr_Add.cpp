@@ -1,40 +1,244 @@
-// The manager's side of adding files and of its storage folder.
-// Not served yet: each handler takes its PDU, prints its trace line, and
-// drops it.
+// Adding one file: the client's FsAdd and 8001, the server's checks, FileID
+// and session, and 8002 to every client, whose sessions come from it. The
+// session does the per-file work (ZV_FileShareSession_Add.cpp).
 #include "ZV_FileShareMgr.h"
-#include "ZV_PduFrame.h"
+#include "ZV_AddPdu.h"
+#include "ZV_FileShareSession.h"
 
-uint32_t ZV_FileShareMgr::HandleAddRequest(ConfPduData*)
+#include "QB_FileEx.h"
+#include "QB_Log.h"
+
+#include <vector>
+
+namespace {
+
+// The user side passes its platform's own paths; the logic keeps the
+// Windows form, and the platform layer turns it back.
+QB_StringW ToWindowsPath(const char16_t* szPath)
+{
+    QB_StringW s(szPath ? szPath : u"");
+    for (int i = 0; i < s.GetLength(); ++i)
+        if (s[i] == u'/')
+            s.SetAt(i, u'\\');
+    return s;
+}
+
+// Text that FsAdd passes through the configured code page, as the catalogue
+// and the platform's older clients see it.
+QB_StringU8 ThroughAnsi(const QB_StringW& s)
+{
+    return QB_StringU8(QB_StringW(QB_StringA(s)));
+}
+
+QB_DateTimeEx LastWriteTime(QB_FileEx& file)
+{
+    QB_SystemTime stWrite;
+    QB_DateTimeEx dtWrite;
+    if (file.GetTimes(nullptr, &stWrite, nullptr))
+        dtWrite.SetFromSystemTime(stWrite);
+    return dtWrite;
+}
+
+// The record of a file to share, all but its folder, which the two callers
+// take differently.
+void FillBrief(ZV_FileBriefInfo& brief, IZV_ConfHost* lpConf, const ZV_ConfUserInfo& user, QB_FileEx& file,
+               const QB_StringW& sPath, const QB_Array<QB_UserID>& arrRight, uint8_t bPublic)
+{
+    brief.SetCreatorID(*lpConf->GetLocalUserID());
+    brief.SetCreatorName(ThroughAnsi(QB_StringW(QB_StringU8(user.szName ? user.szName : ""))));
+    brief.SetFileOldName(file.GetFileName());
+    const int nDot = sPath.ReverseFind(u'.');
+    brief.SetFileType(ThroughAnsi(nDot < 0 ? sPath : sPath.Mid(nDot + 1)));
+    brief.SetFileLenth((uint32_t)file.GetLength());
+    QB_DateTimeEx dtNow;
+    dtNow.SetToNow();
+    brief.SetShareTime(dtNow);
+    brief.SetModifyTime(LastWriteTime(file));
+    brief.SetFileState(ZV_FILESTATE_ADDED);
+    brief.SetPublic(bPublic != 0);
+    if (!bPublic)
+        brief.SetRight(arrRight);
+}
+
+QB_Array<QB_UserID> RightsOf(const QB_UserID* pRight, uint32_t nRight)
+{
+    QB_Array<QB_UserID> arrRight;
+    for (uint32_t i = 0; pRight != nullptr && i < nRight; ++i)
+        arrRight.Add(pRight[i]);
+    return arrRight;
+}
+
+uint32_t FsAddFailed(QB_FileEx& file, uint32_t ulResult)
+{
+    file.Close();
+    QB_WriteClientLog("ZV_File.FsAdd ret = %d\r\n", (int)ulResult);
+    return ulResult;
+}
+
+// A client's request: 0 when it may go on, with the FileID it gets.
+uint32_t CheckClientAdd(ZV_FileShareMgr& mgr, ZV_AddRequest& ask)
+{
+    if (mgr.m_lpConf->GetUser(&ask.creator) == nullptr)
+        return ZV_ERR_NOT_IN_CONF;
+    if (!mgr.m_lpConf->CanShareFiles(&ask.creator))
+        return ZV_ERR_NOT_ENTITLED;
+    if (ask.usFileID == ZV_NO_FILEID)
+        ask.usFileID = mgr.AllocFileID();
+    return ask.usFileID == ZV_NO_FILEID ? ZV_ERR_NO_FILEID : ZV_OK;
+}
+
+void PutU16(std::vector<uint8_t>& vb, size_t nAt, uint16_t usValue)
+{
+    vb[nAt] = (uint8_t)usValue;
+    vb[nAt + 1] = (uint8_t)(usValue >> 8);
+}
+
+void PutU32(std::vector<uint8_t>& vb, size_t nAt, uint32_t ulValue)
+{
+    for (int i = 0; i < 4; ++i)
+        vb[nAt + i] = (uint8_t)(ulValue >> (8 * i));
+}
+
+} // namespace
+
+uint32_t ZV_FileShareMgr::FsAdd(const char16_t* szPath, const QB_UserID* pRight, uint32_t nRight, uint8_t bPublic,
+                                uint8_t bStartUpload)
+{
+    QB_FileEx file;
+    try
+    {
+        const QB_StringW sPath = ToWindowsPath(szPath);
+        if (!file.Open(sPath, QB_FILE_READ | QB_FILE_SHARE_DENY_WRITE | QB_FILE_OPEN_EXISTING))
+            return FsAddFailed(file, ZV_ERR_OPEN);
+        const ZV_ConfUserInfo* lpUser = m_lpConf->GetUser(m_lpConf->GetLocalUserID());
+        if (lpUser == nullptr)
+            return FsAddFailed(file, ZV_ERR_NOT_IN_CONF);
+        ZV_FileBriefInfo brief;
+        FillBrief(brief, m_lpConf, *lpUser, file, sPath, RightsOf(pRight, nRight), bPublic);
+        brief.SetFilePath(ThroughAnsi(sPath.Left(sPath.ReverseFind(u'\\') + 1)));
+        const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
+        if (ulConn == zvConnNone)
+            return FsAddFailed(file, ZV_ERR_NO_CONN);
+        const uint32_t ulResult =
+            SendAddRequest(ulConn, ZV_NO_FILEID, *m_lpConf->GetLocalUserID(), 0, brief, bStartUpload);
+        file.Close();
+        return ulResult;
+    }
+    catch (...)
+    {
+        // A rights list too long for one PDU ends here, not in the caller.
+        file.Close();
+        QB_WriteLog(2, "error", "ZV_FileShareMgr::FsAdd exception.\r\n");
+        return ZV_ERR_EXCEPTION;
+    }
+}
+
+uint32_t ZV_FileShareMgr::HandleAddRequest(ConfPduData* lpCpd)
 {
     ZV_TraceRecv("PDU_CONF_FS_ADD_REQUEST");
-    return 0;
+    ZV_PayloadReader stream(lpCpd);
+    ZV_AddRequest ask;
+    ask.LoadHead(stream);
+    if (ask.ulFloodSeq == 0)
+        ask.ulFloodSeq = m_lpConf->NewFloodSeq(&ask.creator, 0);
+    if (m_lpConf->IsFloodSeen(&ask.creator, ask.ulFloodSeq))
+        return ZV_OK;
+    ask.LoadBody(stream);
+    const bool bFromClient = lpCpd->conn_type == zvConfClientTypeCommand;
+    const uint32_t ulRefusal = bFromClient ? CheckClientAdd(*this, ask) : ZV_OK;
+    if (ulRefusal != ZV_OK)
+    {
+        SendAddResponse(lpCpd->ulConn, ask.usFileID, ulRefusal, ask.usFileID, ask.creator, 0, ask.brief,
+                        ask.bStartUpload, false);
+        return ZV_OK;
+    }
+    ZV_FileShareSession* lpFsSession = new ZV_FileShareSession(this, m_strPath.GetString());
+    ReplaceSession(ask.usFileID, lpFsSession);
+    // The session reads and forwards the final FileID and flood number; the
+    // host's bytes stay untouched, a patched copy goes instead.
+    std::vector<uint8_t> vbPayload(lpCpd->pData, lpCpd->pData + lpCpd->ulLen);
+    PutU16(vbPayload, ZV_AddRequest::kFileIDOffset, ask.usFileID);
+    PutU32(vbPayload, ZV_AddRequest::kFloodSeqOffset, ask.ulFloodSeq);
+    ConfPduData final = *lpCpd;
+    final.pData = vbPayload.data();
+    const uint32_t ulResult = lpFsSession->HandleAddRequest(&final);
+    uint32_t ulTarget = zvConnNone;
+    if (ulResult != ZV_OK && bFromClient)
+    {
+        ulTarget = lpCpd->ulConn;
+        delete lpFsSession;
+        m_mapSession.RemoveKey(ask.usFileID);
+    }
+    const int nDeleted = m_arrDelFileID.Find(ask.usFileID);
+    if (nDeleted >= 0)
+        m_arrDelFileID.RemoveAt(nDeleted);
+    SendAddResponse(ulTarget, ask.usFileID, ulResult, ask.usFileID, ask.creator, 0, ask.brief, ask.bStartUpload,
+                    ulTarget == zvConnNone);
+    return ZV_OK;
 }
 
-uint32_t ZV_FileShareMgr::HandleAddResponse(ConfPduData*)
+uint32_t ZV_FileShareMgr::HandleAddResponse(ConfPduData* lpCpd)
 {
     ZV_TraceRecv("PDU_CONF_FS_ADD_RESPONSE");
-    return 0;
+    ZV_PayloadReader stream(lpCpd);
+    ZV_AddResponse answer;
+    answer.Load(stream);
+    if (!m_lpConf->IsClientMode())
+        return answer.ulResult;
+    const double dPercent = (double)answer.ulWritePos / answer.brief.m_ulFileLenth * 100.0;
+    ZV_FileShareSession* lpFsSession = new ZV_FileShareSession(this, m_strPath.GetString());
+    if (lpFsSession->IsFileVisible(answer.brief))
+        NotifyFileAdded(answer.ulResult, answer.usFileID, answer.brief, dPercent);
+    if (answer.ulResult != ZV_OK)
+    {
+        delete lpFsSession;
+        QB_WriteClientLog("ZV_FileShareMgr.HandleAddResponse ret = %d\r\n", (int)answer.ulResult);
+        return answer.ulResult;
+    }
+    QB_Lock lock(&m_mapSession);
+    ReplaceSession(answer.usFileID, lpFsSession);
+    return lpFsSession->HandleAddResponse(lpCpd);
 }
 
-uint32_t ZV_FileShareMgr::HandleAddFilesRequest(ConfPduData*)
+// What stood under the key goes with its open files; nobody else holds a
+// session, so the old one would only leak.
+void ZV_FileShareMgr::ReplaceSession(uint16_t usFileID, ZV_FileShareSession* lpFsSession)
 {
-    ZV_TraceRecv("PDU_CONF_FS_ADD_FILES_REQUEST");
-    return 0;
+    ZV_FileShareSession* lpOld = nullptr;
+    if (m_mapSession.Lookup(usFileID, lpOld) && lpOld != lpFsSession)
+        delete lpOld;
+    m_mapSession.SetAt(usFileID, lpFsSession);
 }
 
-uint32_t ZV_FileShareMgr::HandleAddFilesResponse(ConfPduData*)
+uint32_t ZV_FileShareMgr::SendAddRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID& creator,
+                                         uint32_t ulFloodSeq, const ZV_FileBriefInfo& brief, uint8_t bStartUpload)
 {
-    ZV_TraceRecv("PDU_CONF_FS_ADD_FILES_RESPONSE");
-    return 0;
+    ZV_AddRequest ask;
+    ask.usFileID = usFileID;
+    ask.creator = creator;
+    ask.ulFloodSeq = ulFloodSeq;
+    ask.brief = brief;
+    ask.bStartUpload = bStartUpload;
+    ZV_PduBuffer pdu;
+    ask.Save(pdu.Stream());
+    return ZV_SendToLink(m_lpConf, ulConn, PDU_CONF_FS_ADD_REQUEST, pdu);
 }
 
-uint32_t ZV_FileShareMgr::Initialize()
+uint32_t ZV_FileShareMgr::SendAddResponse(uint32_t ulConn, uint16_t usFileID, uint32_t ulResult, uint16_t usFileID2,
+                                          const QB_UserID& creator, uint32_t ulWritePos,
+                                          const ZV_FileBriefInfo& brief, uint8_t bStartUpload, bool bToAll)
 {
-    return 0;
+    ZV_AddResponse answer;
+    answer.usRouteID = usFileID;
+    answer.ulResult = ulResult;
+    answer.usFileID = usFileID2;
+    answer.creator = creator;
+    answer.ulWritePos = ulWritePos;
+    answer.brief = brief;
+    answer.bStartUpload = bStartUpload;
+    ZV_PduBuffer pdu;
+    answer.Save(pdu.Stream());
+    if (bToAll)
+        return ZV_SendToGroup(m_lpConf, ulConn, PDU_CONF_FS_ADD_RESPONSE, pdu);
+    return ZV_SendToLink(m_lpConf, ulConn, PDU_CONF_FS_ADD_RESPONSE, pdu);
 }
-
-uint32_t ZV_FileShareMgr::CleanData()
-{
-    return 0;
-}
-

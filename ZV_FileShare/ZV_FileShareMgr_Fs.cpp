@@ -4,11 +4,6 @@
 #include "ZV_FileShareMgr.h"
 #include "ZV_FileShareSession.h"
 
-uint32_t ZV_FileShareMgr::FsAdd(const char16_t*, const QB_UserID*, uint32_t, uint8_t, uint8_t)
-{
-    return ZV_ERR_NO_HANDLER;
-}
-
 uint32_t ZV_FileShareMgr::FsSetRight(uint16_t, uint8_t, const QB_UserID*, uint32_t, const QB_UserID*, uint32_t)
 {
     return ZV_ERR_NO_HANDLER;

@@ -94,6 +94,24 @@ public:
                                      const ZV_FileDownloadInfo& download);
 
     // ---- adding a file (declarations of the add road go here)
+    // ZV_FileShareSession_Add.cpp. The manager makes the session and hands
+    // it the PDU that announced the file.
+    uint32_t HandleAddRequest(ConfPduData* lpCpd);
+    uint32_t HandleAddResponse(ConfPduData* lpCpd);
+    // Server: the stored name, the empty stored file and the catalogue row;
+    // sPath gets the stored file's full path.
+    void InitSrvAddFileInfo(QB_StringW& sPath, IZV_ConfHost* lpConf, uint16_t usFileID, const QB_StringW& sFolder,
+                            const ZV_FileBriefInfo& brief);
+    // Client: the file as the server announced it; the creator's client
+    // opens its own file and, if asked, starts the upload. 0 or 60.
+    uint32_t InitCltAddFileInfo(IZV_ConfHost* lpConf, uint16_t usFileID, uint32_t ulPos, const ZV_FileBriefInfo& brief,
+                                uint8_t bStartUpload);
+    // sName, or sName with "(n)" before its last dot, whichever the folder
+    // does not hold yet.
+    static void MakeUniqueFileName(const QB_StringW& sFolder, const QB_StringW& sName, QB_StringW& sDst);
+    // A name that can only ever mean a file directly inside sFolder, made
+    // from whatever a peer sent as the shared name.
+    static QB_StringW MakeStoredFileName(const QB_StringW& sFolder, const QB_StringW& sName);
 
     // ---- the upload road (ZV_FileShareSession_Upload.cpp)
     uint32_t SendUploadRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser, uint32_t ulFloodSeq,

@@ -179,10 +179,10 @@ void AdvanceEntry(ZV_FileDownloadInfo& entry, uint32_t ulCount)
         entry.SetState(ZV_DLSTATE_FINISHED);
 }
 
-// PENDING_CATALOG: the manager's catalogue member is on its way.
+// The relay's row follows its state, as the creator's server's does.
 void SaveCatalogRow(ZV_FileShareSession& session)
 {
-    (void)session;
+    session.m_lpMgr->m_Catalog.SaveFile(session.m_lpMgr->m_lpConf->GetConfID(), session.m_FileInfo);
 }
 
 bool MaySend(const ZV_FileDownloadInfo& entry, uint32_t ulWritePos)

@@ -1,0 +1,134 @@
+// The server's storage folder: where it lies, the removal of one stored file
+// while the conference goes on, and the removal of all of them at its end.
+// A client keeps no store, so it does nothing here.
+#include "ZV_FileShareMgr.h"
+#include "ZV_FileShareSession.h"
+
+#include "QB_Env.h"
+#include "QB_FileEx.h"
+#include "QB_IniFileEx.h"
+#include "QB_Log.h"
+
+#include <string>
+
+namespace {
+
+// Where the conference files go when "confsrv.ini" names no folder: beside
+// the configuration, so that a server works out of the box wherever it is
+// installed.
+QB_StringA DefaultStorePath(const QB_StringW& sHome)
+{
+    return QB_StringA(sHome + u"FileShare\\");
+}
+
+QB_StringW HomeFolder()
+{
+    const std::u16string sFolder = QB_GetEnv()->GetModuleFolder();
+    return QB_StringW(sFolder.data(), (int)sFolder.size());
+}
+
+// The rest of the code keeps Windows form; a "Path" written with slashes by
+// a Linux administrator is as good.
+QB_StringA WithBackslashes(const QB_StringA& sPath)
+{
+    QB_StringA s(sPath);
+    for (int i = 0; i < s.GetLength(); ++i)
+        if (s[i] == '/')
+            s.SetAt(i, '\\');
+    return s;
+}
+
+} // namespace
+
+uint32_t ZV_FileShareMgr::Initialize()
+{
+    if (!m_lpConf->IsServerMode())
+        return ZV_OK;
+    m_usNextFileID = m_lpConf->GetFileIDMin();
+    try
+    {
+        const QB_StringW sHome = HomeFolder();
+        QB_IniFileEx iniFile(17, 17);
+        if (!iniFile.Open(sHome + u"confsrv.ini", false))
+            return ZV_ERR_CONFIG;
+        const QB_StringA sDefault = DefaultStorePath(sHome);
+        m_strPath = iniFile.GetString(QB_StringA("FileShare"), QB_StringA("Path"), sDefault);
+        m_strPath.TrimLeft();
+        m_strPath.TrimRight();
+        if (m_strPath.IsEmpty())
+            m_strPath = sDefault;
+        m_strPath = WithBackslashes(m_strPath);
+        if (m_strPath[m_strPath.GetLength() - 1] != '\\')
+            m_strPath += '\\';
+        m_Catalog.Open();
+        m_Catalog.SetRootPath(m_strPath);
+    }
+    catch (...)
+    {
+        QB_WriteLog(2, "error", "ZV_FileShareMgr::Initialize() exception.\r\n");
+    }
+    return ZV_OK;
+}
+
+void ZV_FileShareMgr::RemoveStoredFile(uint16_t usFileID, ZV_FileShareSession* lpFsSession, const QB_UserID* lpUser,
+                                       uint32_t ulFloodSeq)
+{
+    lpFsSession->m_bStopUpload = true;
+    if (m_lpConf->GetClientCount() > 0)
+        SendDelUploadResponse(zvConnNone, usFileID, ZV_OK, usFileID, lpUser, ulFloodSeq, true);
+    const QB_StringW sPath = lpFsSession->GetConfDir() + QB_StringW(lpFsSession->m_FileInfo.m_sFileNewName);
+    const bool bPlain = ZV_FileCatalog::IsPlainFileName(QB_StringA(lpFsSession->m_FileInfo.m_sFileNewName));
+    delete lpFsSession;
+    m_mapSession.RemoveKey(usFileID);
+    // A session without a stored name would name the folder itself.
+    if (bPlain)
+        QB_FileEx::Delete(sPath);
+    m_Catalog.DeleteFile((uint16_t)m_lpConf->GetConfID(), usFileID);
+}
+
+uint32_t ZV_FileShareMgr::CleanData()
+{
+    try
+    {
+        if (!m_lpConf->IsServerMode())
+            return ZV_OK;
+        // Keys go together at the end: the walk must not lose its place.
+        for (QB_POSITION pos = m_mapSession.GetStartPosition(); pos != nullptr;)
+        {
+            uint16_t usFileID = 0;
+            ZV_FileShareSession* lpFsSession = nullptr;
+            m_mapSession.GetNextAssoc(pos, usFileID, lpFsSession);
+            if (lpFsSession == nullptr)
+                continue;
+            const QB_StringU8 sName = lpFsSession->m_FileInfo.m_sFileNewName;
+            const QB_StringW sPath = lpFsSession->GetConfDir() + QB_StringW(sName);
+            delete lpFsSession;
+            m_mapSession.SetAt(usFileID, nullptr);
+            if (ZV_FileCatalog::IsPlainFileName(QB_StringA(sName)))
+                QB_FileEx::Delete(sPath);
+        }
+        m_mapSession.RemoveAll();
+        m_Catalog.DeleteConf(m_lpConf->GetConfID());
+    }
+    catch (...)
+    {
+        QB_WriteLog(2, "error", "ZV_FileShareMgr::CleanData exception.\r\n");
+    }
+    return ZV_OK;
+}
+
+uint32_t ZV_FileShareMgr::SendDelUploadResponse(uint32_t ulConn, uint16_t usFileID, uint32_t ulResult,
+                                                uint16_t usFileID2, const QB_UserID* lpUser, uint32_t ulFloodSeq,
+                                                bool bToAll)
+{
+    ZV_PduBuffer pdu;
+    QB_ByteStream& stream = pdu.Stream();
+    stream.WriteU16(usFileID);
+    stream.WriteU32(ulResult);
+    stream.WriteU16(usFileID2);
+    lpUser->Save(stream);
+    stream.WriteU32(ulFloodSeq);
+    if (bToAll)
+        return ZV_SendToGroup(m_lpConf, ulConn, PDU_CONF_FS_DEL_UPLOAD_RESPONSE, pdu);
+    return ZV_SendToLink(m_lpConf, ulConn, PDU_CONF_FS_DEL_UPLOAD_RESPONSE, pdu);
+}
