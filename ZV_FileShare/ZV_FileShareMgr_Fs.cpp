@@ -29,12 +29,6 @@ uint32_t ZV_FileShareMgr::FsGetFileInfoByFileID(uint16_t, ZV_FsFileInfo*)
     return ZV_ERR_NO_HANDLER;
 }
 
-uint32_t ZV_FileShareMgr::FsFilesAdd(const char16_t*, const char16_t* const*, uint32_t, const QB_UserID*, uint32_t,
-                                     uint8_t, uint8_t)
-{
-    return ZV_ERR_NO_HANDLER;
-}
-
 uint32_t ZV_FileShareMgr::FsSetFilesRight(const uint16_t*, uint32_t, uint8_t, const QB_UserID*, uint32_t,
                                           const QB_UserID*, uint32_t)
 {
