@@ -101,11 +101,10 @@ void ReadProgress(QB_ByteStream& stream, ZV_Progress& progress, bool bRequest)
         progress.bRestart = stream.ReadU8();
 }
 
-// PENDING_CATALOG: the manager's catalogue member is on its way (the add
-// road brings it); until then a stop or resume is not written to fsinfo.ini.
+// A stop or resume outlives a restart of the server.
 void SaveFileInfo(ZV_FileShareSession& session)
 {
-    (void)session;
+    session.m_lpMgr->m_Catalog.SaveFile(session.m_lpMgr->m_lpConf->GetConfID(), session.m_FileInfo);
 }
 
 } // namespace
