@@ -1,0 +1,488 @@
+// The download road on one manager: the server's answer and pump, the
+// client's local file and blocks, the relay's store, against a recording host
+// and a file system that fails on demand.
+#include "ZV_FileShareMgr.h"
+#include "ZV_FileShareSession.h"
+#include "ZV_RecordStream.h"
+#include "ZV_RecordingHost.h"
+
+#include "QB_FaultEnv.h"
+#include "QB_TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <map>
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+const QB_UserID kAlice(10001, 0);  // the creator
+const QB_UserID kBob(10002, 0);    // the downloader: commands on 100020, data on 100024
+
+// A user's link, with connections numbered after the user.
+struct UserLink : public IZV_ConfLink
+{
+    uint32_t ulMain = 0;
+    bool bCommand = true;
+    uint32_t LinkReserved0() override { return 0; }
+    uint32_t GetConn(uint16_t usType) override
+    {
+        return usType == zvConfClientTypeData ? ulMain * 10 + 4 : bCommand && usType == 0 ? ulMain * 10 : zvConnNone;
+    }
+};
+
+// The recording host, with the links a server has to its users and peers.
+class ServerHost : public ZV_RecordingHost
+{
+public:
+    std::map<uint32_t, UserLink> m_mapLinks;
+    std::set<uint32_t> m_setPeers;  // linked servers: commands on id * 10, data on id * 10 + 4
+
+    UserLink& Link(const QB_UserID& id)
+    {
+        AddUser(id, m_ulServerID, "user");
+        m_mapLinks[id.m_ulMain].ulMain = id.m_ulMain;
+        return m_mapLinks[id.m_ulMain];
+    }
+    uint32_t GetUserConn(const QB_UserID* lpUser, uint16_t usType) override
+    {
+        IZV_ConfLink* lpLink = GetUserLink(lpUser);
+        return lpLink ? lpLink->GetConn(usType) : zvConnNone;
+    }
+    IZV_ConfLink* GetUserLink(const QB_UserID* lpUser) override
+    {
+        auto it = m_mapLinks.find(lpUser->m_ulMain);
+        return it == m_mapLinks.end() ? nullptr : &it->second;
+    }
+    uint32_t GetServerConn(uint32_t ulServer, uint16_t usType, uint32_t) override
+    {
+        return m_setPeers.count(ulServer) ? ulServer * 10 + (usType == zvConfServerTypeData ? 4 : 0) : zvConnNone;
+    }
+};
+
+// Payloads field by field, as the wire has them.
+struct Pdu
+{
+    Bytes b;
+    Pdu& U8(uint8_t v) { b.push_back(v); return *this; }
+    Pdu& U16(uint16_t v) { return U8(v & 0xFF).U8(v >> 8); }
+    Pdu& U32(uint32_t v) { return U16(v & 0xFFFF).U16(v >> 16); }
+    Pdu& User(const QB_UserID& id) { return U32(id.m_ulMain).U32(id.m_ulSub); }
+    Pdu& Data(const Bytes& data) { b.insert(b.end(), data.begin(), data.end()); return *this; }
+    Pdu& Record(const ZV_FileDownloadInfo& record)
+    {
+        uint8_t abBuf[4096];
+        QB_ByteStream stream(abBuf, sizeof abBuf, false);
+        SaveDelimited(stream, record);
+        return Data(Bytes(abBuf, abBuf + stream.GetPos()));
+    }
+};
+
+Pdu Block(uint32_t ulPos, const Bytes& data, uint32_t ulMaxPos = 98305, uint32_t ulResult = 0)
+{
+    return Pdu().U16(5).U32(ulResult).U16(5).User(kBob).U32(ulPos).U32((uint32_t)data.size()).Data(data).U32(ulMaxPos);
+}
+
+Bytes Random(size_t nSize, unsigned nSeed)
+{
+    Bytes data(nSize);
+    for (size_t i = 0; i < nSize; ++i)
+        data[i] = (uint8_t)((i * 2654435761u + nSeed) >> 13);
+    return data;
+}
+
+struct DownloadFixture : public ::testing::Test
+{
+    QB_FaultEnv env;
+    QB_ScopedEnv scoped{&env};
+    QB_TempFolder tmp;
+    ServerHost host;
+    ZV_FileShareMgr mgr;
+
+    void SetUp() override
+    {
+        host.Attach(&mgr);
+        host.m_bServer = true;
+        env.SetTick(5000);
+    }
+    ZV_FileShareSession& AddSession()
+    {
+        auto* lpFsSession = new ZV_FileShareSession(&mgr, QB_StringA(tmp.PathW()).GetString());
+        lpFsSession->m_usFileID = 5;
+        mgr.m_mapSession.SetAt(5, lpFsSession);
+        return *lpFsSession;
+    }
+    // A stored "song.ogg" of 98305 bytes by Alice, of which ulWritePos have come.
+    ZV_FileShareSession& AddStoredFile(uint32_t ulWritePos, bool bPublic = true)
+    {
+        ZV_FileShareSession& session = AddSession();
+        ZV_FileBriefInfo brief;
+        brief.SetCreatorID(kAlice);
+        brief.SetFileOldName(QB_StringU8("song.ogg"));
+        brief.SetFileType(QB_StringU8("ogg"));
+        brief.SetFileLenth(98305);
+        brief.SetPublic(bPublic);
+        session.m_FileInfo.SetFileNewName(QB_StringU8("song.ogg"));
+        session.m_FileInfo.SetBriefInfo(brief);
+        session.m_FileInfo.SetFileWritePos(ulWritePos);
+        session.m_ulMaxPos = ulWritePos;
+        std::filesystem::create_directories(tmp.Sub("7"));
+        QB_WriteWholeFile(tmp.Sub("7/song.ogg"), Random(ulWritePos, 1));
+        session.m_lpServerFile = new QB_FileEx;
+        session.m_lpServerFile->Open(tmp.SubW("7/song.ogg"), 0x203);
+        return session;
+    }
+    uint32_t Deliver(uint16_t usPdu, const Bytes& data, uint16_t usType = zvConfClientTypeCommand,
+                     uint32_t ulConn = 100020, const QB_UserID& peer = kBob)
+    {
+        ConfPduData cpd{peer.m_ulMain, peer.m_ulSub, ulConn, 0, usType, usPdu, 0, 0, 0, (uint32_t)data.size(),
+                        data.data()};
+        return mgr.HandlePdu(&cpd);
+    }
+    void OnSend()
+    {
+        ConfPduData cpd{kBob.m_ulMain, kBob.m_ulSub, 100024, 0, zvConfClientTypeData};
+        mgr.OnSend(&cpd);
+    }
+    // Bob's request for song.ogg into C:\d\a.bin.
+    Bytes Request(uint8_t bFlooded = 0)
+    {
+        return Pdu().U16(5).User(kBob).U32(0).U8(10).Data({'C', ':', '\\', 'd', '\\', 'a', '.', 'b', 'i', 'n'})
+            .U32(0).U8(0).U8(bFlooded).b;
+    }
+    std::vector<uint32_t> ResultsOf(uint16_t usEvent) const
+    {
+        std::vector<uint32_t> vec;
+        for (const auto& event : host.m_vecEvents)
+            if (event.usEvent == usEvent)
+                vec.push_back(event.data[2] | event.data[3] << 8 | event.data[4] << 16 | (uint32_t)event.data[5] << 24);
+        return vec;
+    }
+};
+
+using Download = DownloadFixture;
+
+const Bytes kEmptyRecord = {0x06, 0, 0, 0, 0x01, 0x00};
+
+} // namespace
+
+TEST_F(Download, AnswersARequestWithTheNewEntryAndFloodsItToTheOtherServers)
+{
+    AddStoredFile(40000);
+    host.m_bHasServerLinks = true;
+    ASSERT_EQ(0u, Deliver(PDU_CONF_FS_DOWNLOAD_REQUEST, Request()));
+
+    const Bytes expected = {
+        0x05, 0x00, 0, 0, 0, 0, 0x05, 0x00, 0x12, 0x27, 0, 0, 0, 0, 0, 0,  // FileID, 0, FileID, Bob
+        0x45, 0, 0, 0, 0xFD, 0xFF, 0x05, 0x00,                             // length, mask 0x3FFF, FileID
+        0x05, 'C', ':', '\\', 'd', '\\', 0x08, 's', 'o', 'n', 'g', '.', 'o', 'g', 'g',
+        0x05, 'a', '.', 'b', 'i', 'n', 0x03, 'o', 'g', 'g',
+        0x01, 0x80, 0x01, 0x00, 0, 0, 0, 0, 0x88, 0x13, 0, 0,              // length, used time, tick 5000
+        0xC9, 0x96, 0x0A, 0x00, 0, 0, 0, 0, 0, 0, 0, 0, 0x00, 0x00,        // share time, position, state
+        0x00, 0x00, 0x12, 0x27, 0, 0, 0, 0, 0, 0};                         // stopped, active, Bob
+    ASSERT_EQ(1u, host.SentOf(PDU_CONF_FS_DOWNLOAD_RESPONSE).size());
+    EXPECT_EQ(expected, host.SentOf(PDU_CONF_FS_DOWNLOAD_RESPONSE)[0].data);
+
+    // The copy for the other servers keeps the sequence the first server gave
+    // and says it was flooded.
+    Bytes flooded = {0x07, 0x00};
+    Bytes request = Request(1);
+    request[10] = 100;
+    flooded.insert(flooded.end(), request.begin(), request.end());
+    ASSERT_EQ(1u, host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size());
+    EXPECT_EQ(flooded, host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST)[0].data);
+    EXPECT_FALSE(mgr.m_mapSession[5]->m_mapDownload.Find(kBob)->m_bActive);
+}
+
+TEST_F(Download, RefusesTheCreatorAndUsersWithoutTheRightButAnswersNoFloodedCopy)
+{
+    ZV_FileShareSession& session = AddStoredFile(40000, false);
+    session.m_FileInfo.m_BriefInfo.m_arrRight.Add(QB_UserID(10003, 0));
+    struct { const char* szName; QB_UserID user; uint8_t bFlooded; size_t nAnswers; } aCases[] = {
+        {"the creator", kAlice, 0, 1}, {"no right", kBob, 0, 1}, {"flooded", kBob, 1, 0}};
+    for (const auto& c : aCases)
+    {
+        host.m_vecSent.clear();
+        Bytes request = Request(c.bFlooded);
+        request[2] = (uint8_t)(c.user.m_ulMain & 0xFF);
+        Deliver(PDU_CONF_FS_DOWNLOAD_REQUEST, request);
+        const auto vecSent = host.SentOf(PDU_CONF_FS_DOWNLOAD_RESPONSE);
+        ASSERT_EQ(c.nAnswers, vecSent.size()) << c.szName;
+        if (c.nAnswers)
+            EXPECT_EQ(Pdu().U16(5).U32(40).U16(5).User(c.user).Data(kEmptyRecord).b, vecSent[0].data) << c.szName;
+    }
+    EXPECT_EQ(0, session.m_mapDownload.GetCount());
+}
+
+TEST_F(Download, OrdersTheCreatorToUploadBeforeAnsweringOrSaysWhyItCannot)
+{
+    host.AddUser(kAlice, 1, "alice");
+    for (uint32_t ulResult : {56u, 16u, 0u})
+    {
+        if (ulResult != 56)
+            host.Link(kAlice).bCommand = ulResult == 0;
+        host.m_vecSent.clear();
+        delete mgr.m_mapSession[5];
+        AddStoredFile(0);
+        Deliver(PDU_CONF_FS_DOWNLOAD_REQUEST, Request());
+        ASSERT_EQ(ulResult ? 1u : 2u, host.m_vecSent.size()) << ulResult;
+        EXPECT_EQ(Pdu().U16(5).U32(ulResult).b, Bytes(host.m_vecSent.back().data.begin(),
+                                                     host.m_vecSent.back().data.begin() + 6));
+    }
+    EXPECT_EQ(PDU_CONF_FS_UPLOAD_RESPONSE, host.m_vecSent[0].usPdu);
+    EXPECT_EQ(100010u, host.m_vecSent[0].ulConn);
+    EXPECT_EQ(Pdu().U16(5).U32(0).U16(5).User(kAlice).U32(0).U32(0).b, host.m_vecSent[0].data);
+}
+
+TEST_F(Download, PushesThreeBlocksPerCallRestsAtTheWritePositionAndGoesOnWhenWoken)
+{
+    ZV_FileShareSession& session = AddStoredFile(40000);
+    host.Link(kBob);
+    host.m_bHasServerLinks = true;
+    Deliver(PDU_CONF_FS_DOWNLOAD_REQUEST, Request());
+    OnSend();
+    EXPECT_TRUE(host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE).empty()) << "inactive until the data request";
+
+    Deliver(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST, Pdu().U16(5).User(kBob).Record(ZV_FileDownloadInfo()).b);
+    ASSERT_EQ(1u, host.SentOf(PDU_CONF_FS_KICK).size());
+    EXPECT_EQ(100024u, host.SentOf(PDU_CONF_FS_KICK)[0].ulConn);
+
+    OnSend();
+    const Bytes stored = Random(98305, 1);
+    auto vecBlocks = host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE);
+    ASSERT_EQ(2u, vecBlocks.size());
+    EXPECT_EQ(Block(0, Bytes(stored.begin(), stored.begin() + 32768), 40000).b, vecBlocks[0].data);
+    EXPECT_EQ(Block(32768, Bytes(stored.begin() + 32768, stored.begin() + 40000), 40000).b, vecBlocks[1].data);
+    EXPECT_EQ(40000u, session.m_mapDownload.Find(kBob)->m_ulDownloadPos);
+
+    // The upload stores the rest; the block that began at 40000 wakes Bob.
+    QB_WriteWholeFile(tmp.Sub("7/song.ogg"), stored);
+    session.m_FileInfo.SetFileWritePos(98305);
+    session.m_ulMaxPos = 98305;
+    session.WakeDownloaders(40000);
+    EXPECT_EQ(2u, host.SentOf(PDU_CONF_FS_KICK).size());
+    OnSend();
+    vecBlocks = host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE);
+    ASSERT_EQ(4u, vecBlocks.size());
+    EXPECT_EQ(Block(72768, Bytes(stored.begin() + 72768, stored.end())).b, vecBlocks[3].data);
+    EXPECT_EQ(ZV_DLSTATE_FINISHED, session.m_mapDownload.Find(kBob)->m_usState);
+    EXPECT_EQ(1u, host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST).size()) << "the servers learn Bob has finished";
+
+    // Nothing more is sent, and a user who lost the right gets nothing.
+    session.m_mapDownload.Find(kBob)->SetDownloadPos(0);
+    session.m_FileInfo.m_BriefInfo.m_bPublic = false;
+    OnSend();
+    EXPECT_EQ(4u, host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE).size());
+}
+
+namespace {
+
+// A client's download of song.ogg (ulLength bytes) into `sFolder`\a.bin.
+ZV_FileDownloadInfo Target(const QB_StringW& sFolder, uint32_t ulLength, uint32_t ulPos = 0)
+{
+    ZV_FileDownloadInfo record;
+    record.SetFileID(5);
+    record.SetFilePath(QB_StringU8(sFolder + u"\\"));
+    record.SetFileName(QB_StringU8("a.bin"));
+    record.SetFileLenth(ulLength);
+    record.SetDownloadPos(ulPos);
+    record.SetUserID(kBob);
+    return record;
+}
+
+Bytes Answer(const ZV_FileDownloadInfo& record, uint32_t ulResult = 0, const QB_UserID& user = kBob)
+{
+    return Pdu().U16(5).U32(ulResult).U16(5).User(user).Record(record).b;
+}
+
+ZV_FileDownloadInfo RecordOf(const Bytes& data)
+{
+    QB_ByteStream stream(data.data(), (int32_t)data.size());
+    stream.Skip(10);
+    ZV_FileDownloadInfo record;
+    LoadDelimited(stream, record);
+    return record;
+}
+
+struct ClientDownload : public DownloadFixture
+{
+    void SetUp() override
+    {
+        DownloadFixture::SetUp();
+        host.m_bServer = false;
+        AddSession();
+    }
+    ZV_FileShareSession& Session() { return *mgr.m_mapSession[5]; }
+    uint32_t Take(const Pdu& block) { return Deliver(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, block.b, 4, 12); }
+};
+
+} // namespace
+
+TEST_F(ClientDownload, MakesTheFoldersAndCutsTheLocalFileAtTheEntrysPosition)
+{
+    struct { const char* szName; uint32_t ulPos; uintmax_t nKept; } aCases[] = {
+        {"a new file in new folders", 0, 0}, {"restart at 5 of 10 bytes", 5, 5}};
+    for (const auto& c : aCases)
+    {
+        host.m_vecSent.clear();
+        Session().m_File.Close();
+        const ZV_FileDownloadInfo record = Target(tmp.SubW("new/deeper"), 98305, c.ulPos);
+        ASSERT_EQ(0u, Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, Answer(record), 0, 11));
+        EXPECT_EQ(c.nKept, std::filesystem::file_size(tmp.Sub("new/deeper/a.bin"))) << c.szName;
+        ASSERT_EQ(1u, host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST).size()) << c.szName;
+        EXPECT_EQ(Pdu().U16(5).User(kBob).Record(record).b, host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST)[0].data);
+        EXPECT_EQ(ZV_DLSTATE_RUNNING, Session().m_LocalDownload.m_usState);
+        QB_WriteWholeFile(tmp.Sub("new/deeper/a.bin"), Random(10, 3));
+    }
+    EXPECT_EQ(std::vector<uint32_t>(2, 0), ResultsOf(zvFsEventDownloadState));
+    EXPECT_EQ(0, mgr.m_arrBusyFileID.Find(5));
+}
+
+TEST_F(ClientDownload, GivesUpWithTheReasonWhenRefusedOrWhenTheTargetCannotBeMade)
+{
+    struct { const char* szName; uint32_t ulServerResult; QB_EnvOp eFault; uint32_t ulResult; } aCases[] = {
+        {"refused", 40, QB_EnvOp::Count_, 40}, {"no folder", 0, QB_EnvOp::MakeFolder, 60},
+        {"no file", 0, QB_EnvOp::Open, 60}, {"no cut", 0, QB_EnvOp::SetEnd, 60}};
+    for (const auto& c : aCases)
+    {
+        host.m_vecSent.clear();
+        host.m_vecEvents.clear();
+        env.ClearFaults();
+        if (c.eFault != QB_EnvOp::Count_)
+            env.FailAt(c.eFault, 1);
+        const ZV_FileDownloadInfo record = Target(tmp.SubW(c.szName), 98305);
+        Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, c.ulServerResult ? Pdu().U16(5).U32(40).U16(5).User(kBob).b
+                                                                 : Answer(record), 0, 11);
+        EXPECT_EQ(std::vector<uint32_t>{c.ulResult}, ResultsOf(zvFsEventDownloadState)) << c.szName;
+        EXPECT_TRUE(host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST).empty()) << c.szName;
+        ASSERT_EQ(1u, host.SentOf(PDU_CONF_FS_DEL_DOWNLOAD_REQUEST).size()) << c.szName;
+        EXPECT_EQ(Pdu().U16(5).User(kBob).U32(0).b, host.SentOf(PDU_CONF_FS_DEL_DOWNLOAD_REQUEST)[0].data);
+        EXPECT_FALSE(Session().m_File.IsOpen()) << c.szName;
+    }
+    EXPECT_LT(mgr.m_arrBusyFileID.Find(5), 0);
+}
+
+TEST_F(ClientDownload, TakesBlocksInOrderIgnoresDuplicatesAndAsksOnceAcrossAGap)
+{
+    Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, Answer(Target(tmp.SubW("dl"), 98305)), 0, 11);
+    host.m_vecSent.clear();
+    const Bytes data = Random(98305, 2);
+    auto Part = [&](uint32_t ulPos, uint32_t ulLen) {
+        return Block(ulPos, Bytes(data.begin() + ulPos, data.begin() + ulPos + ulLen));
+    };
+    for (const Pdu& block : {Part(0, 32768), Part(0, 32768), Part(65536, 32768), Part(98304, 1), Part(32768, 32768),
+                             Part(65536, 32768), Part(98304, 1)})
+        EXPECT_EQ(0u, Take(block));
+
+    const auto vecAsked = host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST);
+    ASSERT_EQ(1u, vecAsked.size());
+    EXPECT_EQ(12u, vecAsked[0].ulConn);
+    EXPECT_EQ(32768u, RecordOf(vecAsked[0].data).m_ulDownloadPos);
+    EXPECT_EQ(data, QB_ReadWholeFile(tmp.Sub("dl/a.bin")));
+    EXPECT_EQ(4u, ResultsOf(zvFsEventDownloadProgress).size());
+    EXPECT_EQ(1u, ResultsOf(zvFsEventDownloadFinished).size());
+    EXPECT_EQ(2u, ResultsOf(zvFsEventTransferState).size()) << "at the first block's end and at the finish";
+    EXPECT_FALSE(Session().m_File.IsOpen());
+    EXPECT_LT(mgr.m_arrBusyFileID.Find(5), 0);
+}
+
+TEST_F(ClientDownload, RefusesABadBlockUnwrittenStopsTheDownloadAndIgnoresTheRest)
+{
+    Bytes truncated = Block(0, Random(50, 4)).b;
+    truncated.resize(30);
+    struct { const char* szName; Bytes block; bool bFailWrite; } aCases[] = {
+        {"the server could not read", Block(0, {}, 98305, 61).b, false},
+        {"longer than a block", Block(0, Random(32769, 4)).b, false},
+        {"the write fails", Block(0, Random(50, 4)).b, true}};
+    for (const auto& c : aCases)
+    {
+        Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, Answer(Target(tmp.SubW("dl"), 100)), 0, 11);
+        EXPECT_EQ(5u, Take(Pdu{truncated})) << "a payload that ends early is dropped";
+        host.m_vecSent.clear();
+        host.m_vecEvents.clear();
+        if (c.bFailWrite)
+            env.FailAt(QB_EnvOp::Write, 1);
+        Take(Pdu{c.block});
+        Take(Block(0, Random(50, 4)));
+        EXPECT_EQ(0u, std::filesystem::file_size(tmp.Sub("dl/a.bin"))) << c.szName;
+        EXPECT_EQ(std::vector<uint32_t>{61}, ResultsOf(zvFsEventDownloadState)) << c.szName;
+        EXPECT_TRUE(ResultsOf(zvFsEventDownloadProgress).empty()) << c.szName;
+        const auto vecStop = host.SentOf(PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST);
+        ASSERT_EQ(1u, vecStop.size()) << c.szName;
+        EXPECT_EQ(11u, vecStop[0].ulConn);
+        EXPECT_EQ(Pdu().U16(5).User(kBob).U32(0).U8(1).b, vecStop[0].data);
+    }
+}
+
+TEST_F(Download, RelayWritesIntoItsOwnStoreWhateverPathTheRecordNamesAndServesItsClientsFromIt)
+{
+    ZV_FileShareSession& session = AddStoredFile(0);
+    session.m_lpServerFile->Close();
+    delete session.m_lpServerFile;
+    session.m_lpServerFile = nullptr;
+    const QB_UserID carol(10003, 0), self(1, 0), upstream(2, 0);
+    host.Link(carol);
+    ZV_FileDownloadInfo resting;
+    resting.SetActive(true);
+    resting.SetUserID(carol);
+    session.m_mapDownload.SetAt(carol, resting);
+
+    ZV_FileDownloadInfo record = Target(QB_StringW(u"C:\\elsewhere"), 98305);
+    record.SetUserID(self);
+    Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, Answer(record, 0, self), zvConfServerTypeCommand, 20, upstream);
+    ASSERT_EQ(1u, host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST).size());
+
+    const Bytes data = Random(98305, 5);
+    Deliver(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, Block(0, Bytes(data.begin(), data.begin() + 32768)).b,
+            zvConfServerTypeData, 24, upstream);
+    EXPECT_EQ(ZV_FILESTATE_UPLOADING, session.m_FileInfo.m_BriefInfo.m_usFileState);
+    ASSERT_EQ(1u, host.SentOf(PDU_CONF_FS_KICK).size()) << "Carol rested at 0, where the block began";
+    EXPECT_EQ(100034u, host.SentOf(PDU_CONF_FS_KICK)[0].ulConn);
+
+    for (uint32_t ulPos : {32768u, 65536u, 98304u})
+        Deliver(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE,
+                Block(ulPos, Bytes(data.begin() + ulPos, data.begin() + std::min(ulPos + 32768u, 98305u))).b,
+                zvConfServerTypeData, 24, upstream);
+    EXPECT_EQ(data, QB_ReadWholeFile(tmp.Sub("7/song.ogg")));
+    EXPECT_EQ(ZV_FILESTATE_COMPLETE, session.m_FileInfo.m_BriefInfo.m_usFileState);
+    EXPECT_TRUE(host.m_vecEvents.empty()) << "a server has no user side";
+}
+
+TEST_F(Download, RelayRestatesItsRunningFetchOnTheDataLinkOfAPeerThatComesBack)
+{
+    ZV_FileShareSession& session = AddStoredFile(0);
+    session.m_LocalDownload = Target(QB_StringW(u"C:\\x"), 98305, 4096);
+    session.m_LocalDownload.SetState(ZV_DLSTATE_RUNNING);
+    host.m_bHasServerLinks = true;
+    const QB_UserID peer(2, 0);
+    for (uint16_t usType : {zvConfServerTypeCommand, zvConfServerTypeData, zvConfServerTypeData})
+        mgr.OnConnect(&peer, 0, usType, 0);
+    const auto vecSent = host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST);
+    ASSERT_EQ(1u, vecSent.size()) << "the first pair of links sends nothing";
+    EXPECT_EQ("serverdata", vecSent[0].sRoute);
+    EXPECT_EQ(2u, vecSent[0].ulConn);
+    EXPECT_EQ(Pdu().U16(7).U16(5).User(QB_UserID(1, 0)).Record(session.m_LocalDownload).b, vecSent[0].data);
+}
+
+TEST_F(Download, FsDownloadAsksTheServerOnTheCommandLinkOrSaysWhyNot)
+{
+    host.m_bServer = false;
+    IZV_FileShareMgr& fs = mgr;
+    EXPECT_EQ(82u, fs.FsDownload(5, u"C:\\x"));
+    mgr.m_mapSession.SetAt(5, nullptr);
+    EXPECT_EQ(83u, fs.FsDownload(5, u"C:\\x"));
+    AddSession();
+    host.m_ulCmdConn = zvConnNone;
+    EXPECT_EQ(16u, fs.FsDownload(5, u"C:\\x"));
+    host.m_ulCmdConn = 11;
+    EXPECT_EQ(0u, fs.FsDownload(5, u"C:\\Téléchargements\\a"));
+    ASSERT_EQ(1u, host.m_vecSent.size());
+    EXPECT_EQ(11u, host.m_vecSent[0].ulConn);
+    EXPECT_EQ(Pdu().U16(5).User(QB_UserID(10001, 0)).U32(0).U8(22)
+                  .Data({'C', ':', '\\', 'T', 0xC3, 0xA9, 'l', 0xC3, 0xA9, 'c', 'h', 'a', 'r', 'g', 'e', 'm', 'e', 'n',
+                         't', 's', '\\', 'a'})
+                  .U32(0).U8(0).U8(0).b,
+              host.m_vecSent[0].data);
+}
