@@ -533,8 +533,9 @@ uint32_t ZV_FileShareSession::HandleDownloadDataResponse(ConfPduData* lpCpd)
     return 0;
 }
 
-// A block that cannot be taken as it stands (longer than a block, or
-// reaching past the file's end) is refused unwritten, as a failed write.
+// A block longer than a block is refused unwritten, as a failed write. One
+// that runs past the file's end is written whole; the position stops at the
+// length, so the download still ends where the file does.
 uint32_t ZV_FileShareSession::TakeDownloadBlock(const ConfPduData* lpCpd, QB_ByteStream& stream, uint16_t usFileID,
                                                 const QB_UserID& user)
 {
@@ -559,8 +560,7 @@ uint32_t ZV_FileShareSession::TakeDownloadBlock(const ConfPduData* lpCpd, QB_Byt
         return ZV_OK;
     }
     m_bResyncPending = false;
-    if ((uint64_t)block.ulPos + block.ulLen > download.m_ulFileLenth || !SeekFile(m_File, block.ulPos) ||
-        m_File.Write(block.pData, (int32_t)block.ulLen) != (int32_t)block.ulLen)
+    if (!SeekFile(m_File, block.ulPos) || m_File.Write(block.pData, (int32_t)block.ulLen) != (int32_t)block.ulLen)
         return ZV_ERR_IO;
     const bool bFinished = AdvanceLocalDownload(block.ulLen);
     if (Conf()->IsServerMode())

@@ -388,6 +388,16 @@ TEST_F(ClientDownload, TakesBlocksInOrderIgnoresDuplicatesAndAsksOnceAcrossAGap)
     EXPECT_LT(mgr.m_arrBusyFileID.Find(5), 0);
 }
 
+TEST_F(ClientDownload, WritesABlockThatRunsPastTheEndWholeAndFinishesAtTheLength)
+{
+    Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, Answer(Target(tmp.SubW("dl"), 100)), 0, 11);
+    const Bytes data = Random(150, 3);
+    EXPECT_EQ(0u, Take(Block(0, data)));
+    EXPECT_EQ(data, QB_ReadWholeFile(tmp.Sub("dl/a.bin")));
+    EXPECT_EQ(100u, Session().m_LocalDownload.m_ulDownloadPos);
+    EXPECT_EQ(1u, ResultsOf(zvFsEventDownloadFinished).size());
+}
+
 TEST_F(ClientDownload, RefusesABadBlockUnwrittenStopsTheDownloadAndIgnoresTheRest)
 {
     Bytes truncated = Block(0, Random(50, 4)).b;
