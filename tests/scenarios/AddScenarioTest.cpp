@@ -198,20 +198,6 @@ TEST_F(AddScene, RefusesWithTheRightCodeAndCreatesNothing)
     EXPECT_EQ(ZV_ERR_NOT_IN_CONF, Alice()->GetFileShareMgr()->FsAdd(sWide.c_str(), nullptr, 0, 1, 0));
 }
 
-TEST_F(AddScene, AnInjectedOpenFailureOfTheCreatorsFileGives60)
-{
-    Build();
-    const std::string sPath = MakeLocal("a.txt");
-    // Alice's own file vanishes between FsAdd and the server's answer.
-    const std::u16string sWide(sPath.begin(), sPath.end());
-    ASSERT_EQ(0u, Alice()->GetFileShareMgr()->FsAdd(sWide.c_str(), nullptr, 0, 1, 0));
-    fs::remove(sPath);
-    ASSERT_TRUE(sim.Run());
-    const auto vecAnswers = sim.Journal().PdusTo(PDU_CONF_FS_ADD_RESPONSE, Alice()->GetName());
-    ASSERT_EQ(1u, vecAnswers.size());
-    EXPECT_EQ(ZV_ERR_OPEN, vecAnswers[0].ulResult);
-}
-
 TEST_F(AddScene, ABatchTooLargeForOnePduGoesOutInSeveralAndIsReportedWhole)
 {
     Build();
