@@ -71,6 +71,7 @@ int ZV_FileCatalog::Open()
         std::u16string sFolder = QB_GetEnv()->GetModuleFolder();
         sFolder.erase(sFolder.rfind(u'\\') + 1);
         QB_StringW sPath = Wide(sFolder) + u"fsinfo.ini";
+        m_bRowIndexValid = false;
         return m_IniFile.Open(sPath, true) ? zvCatalogOpened : zvCatalogNotOpened;
     }
     catch (...)
@@ -138,6 +139,7 @@ void ZV_FileCatalog::DeleteFile(uint16_t usConfID, uint16_t usFileID)
     QB_StringW sSection = FindSection(usConfID, usFileID);
     if (!sSection.IsEmpty())
         m_IniFile.DeleteSection(sSection);
+    m_bRowIndexValid = false;
     m_IniFile.Flush();
 }
 
@@ -156,6 +158,7 @@ void ZV_FileCatalog::DeleteConf(uint32_t ulConfID)
         DeleteStoredFile(sFolder, QB_StringA(m_IniFile.GetString(arrNames[i], kFileNewName, QB_StringW())));
         m_IniFile.DeleteSection(arrNames[i]);
     }
+    m_bRowIndexValid = false;
     m_IniFile.Flush();
 }
 
@@ -189,14 +192,22 @@ void ZV_FileCatalog::DeleteStoredFile(const QB_StringA& sFolder, const QB_String
     QB_FileEx::Delete(QB_StringW(sFolder + sName));
 }
 
-QB_StringW ZV_FileCatalog::FindSection(uint16_t usConfID, uint16_t usFileID) const
+void ZV_FileCatalog::BuildRowIndex() const
 {
+    m_mapRowByPair.clear();
     QB_Array<QB_StringW> arrNames;
     m_IniFile.GetSectionNames(arrNames);
     for (int i = 0; i < arrNames.GetSize(); ++i)
-        if (GetLow16(arrNames[i], kConfID) == usConfID && GetLow16(arrNames[i], kFileID) == usFileID)
-            return arrNames[i];
-    return QB_StringW();
+        m_mapRowByPair.emplace(PairKey(GetLow16(arrNames[i], kConfID), GetLow16(arrNames[i], kFileID)), arrNames[i]);
+    m_bRowIndexValid = true;
+}
+
+QB_StringW ZV_FileCatalog::FindSection(uint16_t usConfID, uint16_t usFileID) const
+{
+    if (!m_bRowIndexValid)
+        BuildRowIndex();
+    auto it = m_mapRowByPair.find(PairKey(usConfID, usFileID));
+    return it == m_mapRowByPair.end() ? QB_StringW() : it->second;
 }
 
 QB_StringW ZV_FileCatalog::NewSection(uint32_t ulConfID, uint16_t usFileID)
@@ -204,6 +215,9 @@ QB_StringW ZV_FileCatalog::NewSection(uint32_t ulConfID, uint16_t usFileID)
     QB_StringW sSection = NewGuidText();
     m_IniFile.SetLong(sSection, kConfID, (int32_t)(ulConfID & 0xFFFF));
     m_IniFile.SetLong(sSection, kFileID, usFileID);
+    // Kept as a walk of the sections would give it, with its brackets.
+    if (m_bRowIndexValid)
+        m_mapRowByPair.emplace(PairKey((uint16_t)ulConfID, usFileID), u"[" + sSection + u"]");
     return sSection;
 }
 

@@ -17,6 +17,7 @@
 #include "ZV_FileUploadInfo.h"
 
 #include <cstdint>
+#include <unordered_map>
 
 // Results of ZV_FileCatalog::Open.
 enum : int
@@ -66,6 +67,16 @@ protected:
     QB_Locker m_Lock;
 
 private:
+    // Rows by their pair, so that a save does not read every row first.
+    // A row's pair never changes once written, so only a delete or a new
+    // file can make the index stale; then it is built again on demand, in
+    // the order a walk of the sections takes, the first row of a pair
+    // winning as it would in the walk.
+    mutable std::unordered_map<uint32_t, QB_StringW> m_mapRowByPair;
+    mutable bool m_bRowIndexValid = false;
+
+    static uint32_t PairKey(uint16_t usConfID, uint16_t usFileID) { return (uint32_t)usConfID << 16 | usFileID; }
+    void BuildRowIndex() const;
     QB_StringW FindSection(uint16_t usConfID, uint16_t usFileID) const;
     QB_StringW NewSection(uint32_t ulConfID, uint16_t usFileID);
     void WriteRow(const QB_StringW& sSection, const ZV_FileUploadInfo& fileInfo);
