@@ -79,6 +79,14 @@ uint32_t ZV_FileShareMgr::LookupSession(uint16_t usFileID, ZV_FileShareSession*&
     return lpFsSession ? ZV_OK : ZV_ERR_RESERVED_FILE;
 }
 
+// A host that knows no local user still gets a well-formed request.
+const QB_UserID* ZV_FileShareMgr::LocalUser() const
+{
+    static const QB_UserID s_Nobody;
+    const QB_UserID* lpLocal = m_lpConf->GetLocalUserID();
+    return lpLocal ? lpLocal : &s_Nobody;
+}
+
 uint16_t ZV_FileShareMgr::AllocFileID()
 {
     const uint16_t usMin = m_lpConf->GetFileIDMin();

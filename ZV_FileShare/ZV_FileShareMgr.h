@@ -113,6 +113,8 @@ public:
     void SendFileDownloadPos(bool bClient, uint32_t ulServerID);
     // The session of a FileID; 0 with the session, or 82 / 83.
     uint32_t LookupSession(uint16_t usFileID, ZV_FileShareSession*& lpFsSession);
+    // The local user, or an empty identifier when the host knows none.
+    const QB_UserID* LocalUser() const;
 
     // ---- adding files and the storage folder (declarations go here)
     // ZV_FileShareMgr_Storage.cpp. A server's removal of one stored file
@@ -151,6 +153,7 @@ public:
     void NotifyFileHidden(uint32_t ulResult, uint16_t usFileID);
     void NotifyFileGone(uint32_t ulResult, uint16_t usFileID);
     void NotifyBusy(uint8_t bBusy);
+    void NotifyTransferState(uint8_t bUpload, uint16_t usFileID, uint16_t usState);
     void NotifyFilesAdded(const QB_Array<uint16_t>& arrFileID, const QB_Array<ZV_FileBriefInfo>& arrInfo,
                           const QB_Array<double>& arrValue);
 

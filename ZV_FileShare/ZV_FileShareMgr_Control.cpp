@@ -35,14 +35,6 @@ bool IsUnderway(uint16_t usFileState)
     return usFileState != ZV_FILESTATE_ADDED && usFileState != ZV_FILESTATE_COMPLETE;
 }
 
-// A host that knows no local user still gets a well-formed request.
-const QB_UserID* LocalUser(IZV_ConfHost* lpConf)
-{
-    static const QB_UserID s_Nobody;
-    const QB_UserID* lpLocal = lpConf->GetLocalUserID();
-    return lpLocal ? lpLocal : &s_Nobody;
-}
-
 } // namespace
 
 // A stopped download still counts as busy.
@@ -59,7 +51,7 @@ uint32_t ZV_FileShareMgr::FsStopDownload(uint16_t usFileID)
         const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
         if (ulConn == zvConnNone)
             return ZV_ERR_NO_CONN;
-        return lpFsSession->SendIsStopDownloadRequest(ulConn, usFileID, LocalUser(m_lpConf), 0, 1);
+        return lpFsSession->SendIsStopDownloadRequest(ulConn, usFileID, LocalUser(), 0, 1);
     });
 }
 
@@ -81,7 +73,7 @@ uint32_t ZV_FileShareMgr::FsResumeDownload(uint16_t usFileID)
         if (ulConn == zvConnNone)
             return ZV_ERR_NO_CONN;
         SetSessionBusy(1, usFileID);
-        return lpFsSession->SendIsStopDownloadRequest(ulConn, usFileID, LocalUser(m_lpConf), 0, 0);
+        return lpFsSession->SendIsStopDownloadRequest(ulConn, usFileID, LocalUser(), 0, 0);
     });
 }
 
@@ -101,7 +93,7 @@ uint32_t ZV_FileShareMgr::FsStopUpload(uint16_t usFileID)
         ZV_FileBriefInfo& brief = lpFsSession->m_BriefInfo;
         if (IsUnderway(brief.m_usFileState))
             brief.SetFileState(ZV_FILESTATE_STOPPED);
-        return lpFsSession->SendIsStopUploadRequest(ulConn, usFileID, LocalUser(m_lpConf), 0, 1, lpFsSession->m_ulReadPos);
+        return lpFsSession->SendIsStopUploadRequest(ulConn, usFileID, LocalUser(), 0, 1, lpFsSession->m_ulReadPos);
     });
 }
 
@@ -119,6 +111,6 @@ uint32_t ZV_FileShareMgr::FsResumeUpload(uint16_t usFileID)
         ZV_FileBriefInfo& brief = lpFsSession->m_BriefInfo;
         if (IsUnderway(brief.m_usFileState))
             brief.SetFileState(ZV_FILESTATE_UPLOADING);
-        return lpFsSession->SendIsStopUploadRequest(ulConn, usFileID, LocalUser(m_lpConf), 0, 0, 0);
+        return lpFsSession->SendIsStopUploadRequest(ulConn, usFileID, LocalUser(), 0, 0, 0);
     });
 }

@@ -9,11 +9,6 @@ uint32_t ZV_FileShareMgr::FsSetRight(uint16_t, uint8_t, const QB_UserID*, uint32
     return ZV_ERR_NO_HANDLER;
 }
 
-uint32_t ZV_FileShareMgr::FsUpload(uint16_t)
-{
-    return ZV_ERR_NO_HANDLER;
-}
-
 uint32_t ZV_FileShareMgr::FsDelUpload(uint16_t)
 {
     return ZV_ERR_NO_HANDLER;

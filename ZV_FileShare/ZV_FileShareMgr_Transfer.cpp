@@ -1,10 +1,52 @@
-// The manager's part in the roads of the bytes: the file state notice.
-// Not served yet.
+// The manager's part in the upload road: the user side's start of an
+// upload, and the file state notice that the manager dispatches itself.
 #include "ZV_FileShareMgr.h"
-#include "ZV_PduFrame.h"
+#include "ZV_FileShareSession.h"
+#include "ZV_RecordStream.h"
 
-uint32_t ZV_FileShareMgr::HandleFileStateNotice(ConfPduData*)
+#include "QB_Log.h"
+
+#include <cassert>
+
+// Without a data link the start marker still goes: the server then knows
+// the upload is coming before the link is up.
+uint32_t ZV_FileShareMgr::FsUpload(uint16_t usFileID)
 {
-    return 0;
+    assert(m_lpConf && "m_lpConf");
+    try
+    {
+        ZV_FileShareSession* lpFsSession = nullptr;
+        const uint32_t ulFound = LookupSession(usFileID, lpFsSession);
+        if (ulFound == ZV_ERR_UNKNOWN_FILE)
+            QB_WriteClientLog("ZV_FileShareMgr.FsUpload ret = %d\r\n", (int)ulFound);
+        if (ulFound != ZV_OK)
+            return ulFound;
+        SetSessionBusy(1, usFileID);
+        lpFsSession->m_ulReadPos = 0;
+        lpFsSession->m_BriefInfo.SetFileState(ZV_FILESTATE_UPLOADING);
+        const uint32_t ulDataConn = GetLinkConn(zvConfClientTypeData);
+        if (ulDataConn != zvConnNone)
+            ZV_SendKick(m_lpConf, ulDataConn);
+        lpFsSession->NotifyUploadProgress(usFileID, 0.0);
+        lpFsSession->SendUploadRequest(GetLinkConn(zvConfClientTypeCommand), usFileID, LocalUser(), 0, 1, 0, nullptr,
+                                       0);
+        return ZV_OK;
+    }
+    catch (...)
+    {
+        QB_WriteLog(2, "error", "ZV_FileShareMgr::FsUpload exception.\r\n");
+        return ZV_OK;
+    }
 }
 
+uint32_t ZV_FileShareMgr::HandleFileStateNotice(ConfPduData* lpCpd)
+{
+    ZV_PayloadReader stream(lpCpd);
+    QB_Array<uint16_t> arrFileID;
+    LoadU16Array(stream, arrFileID);
+    const uint16_t usState = stream.ReadU16();
+    const uint8_t bUpload = stream.ReadU8();
+    for (int i = 0; i < arrFileID.GetSize(); ++i)
+        NotifyTransferState(bUpload, arrFileID[i], usState);
+    return 0;
+}

@@ -1,10 +1,14 @@
 // A session's life, its dispatch of PDUs to the slots, and the helpers that
 // every road of the bytes shares.
 #include "ZV_FileShareSession.h"
+#include "ZV_FileCatalog.h"
 #include "ZV_FileShareMgr.h"
 #include "ZV_RecordStream.h"
 
 #include "QB_Env.h"
+
+#include <algorithm>
+#include <cstdint>
 
 ZV_FileShareSession::ZV_FileShareSession(ZV_FileShareMgr* lpMgr, const char* szStorePath)
     : m_sStorePath(szStorePath), m_ulLastIoTick(QB_GetEnv()->GetTickCount()), m_lpMgr(lpMgr)
@@ -132,4 +136,18 @@ uint32_t ZV_FileShareSession::SendDownloadDataRequest(uint32_t ulConn, uint16_t 
     user.Save(pdu.Stream());
     SaveDelimited(pdu.Stream(), download);
     return ZV_SendToLink(Conf(), ulConn, PDU_CONF_FS_DOWNLOAD_DATA_REQUEST, pdu);
+}
+
+void ZV_FileShareSession::SaveToCatalog()
+{
+    m_lpMgr->m_Catalog.SaveFile(Conf()->GetConfID(), m_FileInfo);
+}
+
+// A far position is reached in two steps.
+bool ZV_FileShareSession::SeekTo(QB_FileEx& file, uint32_t ulPos)
+{
+    const uint32_t ulFirst = std::min<uint32_t>(ulPos, INT32_MAX);
+    if ((uint32_t)file.Seek((int32_t)ulFirst, QB_SEEK_BEGIN) != ulFirst)
+        return false;
+    return ulPos == ulFirst || (uint32_t)file.Seek((int32_t)(ulPos - ulFirst), QB_SEEK_CURRENT) == ulPos;
 }

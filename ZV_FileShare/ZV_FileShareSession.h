@@ -120,7 +120,22 @@ public:
                                 const QB_UserID* pUser, uint32_t ulFloodSeq, uint32_t ulPos);
     // 8052 for all clients: a transfer of usFileID changed state.
     uint32_t SendFileStateNotice(uint16_t usFileID, uint16_t usState, uint8_t bUpload);
-    // (the upload road's further declarations go here)
+    // Creator's client: a local file that cannot be read ends the upload.
+    void FailLocalRead();
+    void TakeUploadAnswer(uint32_t ulResult, uint16_t usFileID, uint32_t ulPos);
+    // Server side of the upload road.
+    void PassOnUploadStart(const QB_UserID& user, uint32_t ulFloodSeq);
+    void TakeStartMarker(const QB_UserID& user, uint32_t ulFloodSeq);
+    void TakeUploadBlock(uint32_t ulConn, uint32_t ulResult, const QB_UserID& user, uint32_t ulPos, uint32_t ulLen,
+                         const uint8_t* pData);
+    uint32_t OpenStoreFile();
+    void StoreUploadedBlock(const QB_UserID& user, uint32_t ulPos, uint32_t ulLen);
+    void FinishUpload();
+    void FloodUploadFinish(const QB_UserID& server, uint32_t ulFloodSeq);
+    // The server's row of this file in the catalogue takes m_FileInfo.
+    void SaveToCatalog();
+    // Positions run to 4 GB while a seek takes 31 bits.
+    static bool SeekTo(QB_FileEx& file, uint32_t ulPos);
 
     // ---- the download road (ZV_FileShareSession_Download.cpp)
     uint32_t SendDownloadRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser, uint32_t ulFloodSeq,

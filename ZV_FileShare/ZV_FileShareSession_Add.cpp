@@ -178,7 +178,7 @@ void ZV_FileShareSession::InitSrvAddFileInfo(QB_StringW& sPath, IZV_ConfHost* lp
     if (file.Open(sFolder + sDst, QB_FILE_READWRITE | QB_FILE_OPEN_ALWAYS))
         file.Close();
     m_bStopUpload = brief.m_usFileState == ZV_FILESTATE_STOPPED;
-    m_lpMgr->m_Catalog.SaveFile(lpConf->GetConfID(), m_FileInfo);
+    SaveToCatalog();
     sPath = sFolder + sDst;
 }
 
@@ -214,6 +214,10 @@ uint32_t ZV_FileShareSession::InitCltAddFileInfo(IZV_ConfHost* lpConf, uint16_t 
             m_lpMgr->SetSessionBusy(1, usFileID);
             m_BriefInfo.SetFileState(ZV_FILESTATE_UPLOADING);
             m_ulReadPos = 0;
+            // A data link that rests is only called again once kicked.
+            const uint32_t ulDataConn = m_lpMgr->GetLinkConn(zvConfClientTypeData);
+            if (ulDataConn != zvConnNone)
+                ZV_SendKick(lpConf, ulDataConn);
         }
         return ZV_OK;
     }

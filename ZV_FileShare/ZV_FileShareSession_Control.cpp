@@ -7,7 +7,6 @@
 // Progress (8022) is published by the servers, at most one group PDU per
 // ten-thousandth of the file.
 #include "ZV_FileShareSession.h"
-#include "ZV_FileCatalog.h"
 #include "ZV_FileShareMgr.h"
 
 #include "QB_Env.h"
@@ -101,12 +100,6 @@ void ReadProgress(QB_ByteStream& stream, ZV_Progress& progress, bool bRequest)
         progress.bRestart = stream.ReadU8();
 }
 
-// A stop or resume outlives a restart of the server.
-void SaveFileInfo(ZV_FileShareSession& session)
-{
-    session.m_lpMgr->m_Catalog.SaveFile(session.m_lpMgr->m_lpConf->GetConfID(), session.m_FileInfo);
-}
-
 } // namespace
 
 // ---------------------------------------------------------------------------
@@ -197,7 +190,8 @@ uint32_t ZV_FileShareSession::HandleIsStopUploadRequest(ConfPduData* lpCpd)
         StopUpload(ask.user, ask.ulPos);
     else
         ResumeUpload(lpCpd, ask.user, ask.ulFloodSeq);
-    SaveFileInfo(*this);
+    // A stop or resume outlives a restart of the server.
+    SaveToCatalog();
     return 0;
 }
 

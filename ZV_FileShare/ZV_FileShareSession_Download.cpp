@@ -11,7 +11,6 @@
 // Server side first (request, data request, pump, wake), then the
 // downloader's side (response, blocks, failure), then the senders.
 #include "ZV_FileShareSession.h"
-#include "ZV_FileCatalog.h"
 #include "ZV_FileShareMgr.h"
 #include "ZV_RecordStream.h"
 
@@ -64,16 +63,6 @@ bool IsServerLink(uint16_t usConnType)
 double Percent(uint32_t ulPos, uint32_t ulLength)
 {
     return ulLength == 0 ? 100.0 : 100.0 * ulPos / ulLength;
-}
-
-// Positions run to 4 GB while a seek takes 31 bits, so a far position is
-// reached in two steps.
-bool SeekFile(QB_FileEx& file, uint32_t ulPos)
-{
-    const uint32_t ulFirst = std::min<uint32_t>(ulPos, INT32_MAX);
-    if ((uint32_t)file.Seek((int32_t)ulFirst, QB_SEEK_BEGIN) != ulFirst)
-        return false;
-    return ulPos == ulFirst || (uint32_t)file.Seek((int32_t)(ulPos - ulFirst), QB_SEEK_CURRENT) == ulPos;
 }
 
 void WriteDownloadRequest(QB_ByteStream& stream, const ZV_DownloadAsk& ask)
@@ -177,12 +166,6 @@ void AdvanceEntry(ZV_FileDownloadInfo& entry, uint32_t ulCount)
     entry.SetDownloadPos(entry.m_ulDownloadPos + ulCount);
     if (entry.m_ulDownloadPos == entry.m_ulFileLenth)
         entry.SetState(ZV_DLSTATE_FINISHED);
-}
-
-// The relay's row follows its state, as the creator's server's does.
-void SaveCatalogRow(ZV_FileShareSession& session)
-{
-    session.m_lpMgr->m_Catalog.SaveFile(session.m_lpMgr->m_lpConf->GetConfID(), session.m_FileInfo);
 }
 
 bool MaySend(const ZV_FileDownloadInfo& entry, uint32_t ulWritePos)
@@ -362,7 +345,7 @@ void ZV_FileShareSession::PumpDownload(ConfPduData* lpCpd, const QB_UserID& peer
 void ZV_FileShareSession::SendNextBlocks(ConfPduData* lpCpd, const QB_UserID* pUser, ZV_FileDownloadInfo* pEntry)
 {
     uint8_t abBlock[ZV_BLOCK_SIZE];
-    bool bReadable = m_lpServerFile != nullptr && SeekFile(*m_lpServerFile, pEntry->m_ulDownloadPos);
+    bool bReadable = m_lpServerFile != nullptr && SeekTo(*m_lpServerFile, pEntry->m_ulDownloadPos);
     for (int i = 0; bReadable && i < kBlocksPerSend && pEntry->m_ulDownloadPos < m_FileInfo.m_ulFileWritePos; ++i)
     {
         const uint32_t ulPos = pEntry->m_ulDownloadPos;
@@ -494,7 +477,7 @@ uint32_t ZV_FileShareSession::OpenDownloadFile(const QB_StringW& sPath, uint32_t
 {
     if (ulPos > ulLength || !m_File.Open(sPath, kOpenForDownload))
         return ZV_ERR_OPEN;
-    if (SeekFile(m_File, ulPos) && m_File.SetEnd())
+    if (SeekTo(m_File, ulPos) && m_File.SetEnd())
         return ZV_OK;
     m_File.Close();
     return ZV_ERR_OPEN;
@@ -560,7 +543,7 @@ uint32_t ZV_FileShareSession::TakeDownloadBlock(const ConfPduData* lpCpd, QB_Byt
         return ZV_OK;
     }
     m_bResyncPending = false;
-    if (!SeekFile(m_File, block.ulPos) || m_File.Write(block.pData, (int32_t)block.ulLen) != (int32_t)block.ulLen)
+    if (!SeekTo(m_File, block.ulPos) || m_File.Write(block.pData, (int32_t)block.ulLen) != (int32_t)block.ulLen)
         return ZV_ERR_IO;
     const bool bFinished = AdvanceLocalDownload(block.ulLen);
     if (Conf()->IsServerMode())
@@ -619,13 +602,13 @@ void ZV_FileShareSession::OnRelayBlock(uint16_t usFileID, const QB_UserID& user,
         m_LocalDownload.SetState(ZV_DLSTATE_FINISHED);
         m_File.Close();
         brief.SetFileState(ZV_FILESTATE_COMPLETE);
-        SaveCatalogRow(*this);
+        SaveToCatalog();
         m_bUploadDone = true;
     }
     else if (brief.m_usFileState == ZV_FILESTATE_ADDED)
     {
         brief.SetFileState(ZV_FILESTATE_UPLOADING);
-        SaveCatalogRow(*this);
+        SaveToCatalog();
     }
     if (m_lpServerFile == nullptr)
         OpenRelayServedFile();

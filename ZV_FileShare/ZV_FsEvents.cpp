@@ -133,6 +133,19 @@ void ZV_FileShareMgr::NotifyFilesAdded(const QB_Array<uint16_t>& arrFileID, cons
     event.Raise(this);
 }
 
+// Unlike the others, the direction comes before the FileID.
+void ZV_FileShareMgr::NotifyTransferState(uint8_t bUpload, uint16_t usFileID, uint16_t usState)
+{
+    if (!HasSink(this))
+        return;
+    ZV_EventBuffer event(zvFsEventTransferState);
+    event.Stream().WriteU32(0);
+    event.Stream().WriteU8(bUpload);
+    event.Stream().WriteU16(usFileID);
+    event.Stream().WriteU16(usState);
+    event.Raise(this);
+}
+
 // ---------------------------------------------------------------------------
 // The sessions' events, through their manager's sink
 
@@ -190,15 +203,7 @@ void ZV_FileShareSession::NotifyStopResult(uint32_t ulResult, uint16_t usFileID,
     event.Raise(m_lpMgr);
 }
 
-// Unlike the others, the direction comes before the FileID.
 void ZV_FileShareSession::NotifyTransferState(uint8_t bUpload, uint16_t usFileID, uint16_t usState)
 {
-    if (!HasSink(m_lpMgr))
-        return;
-    ZV_EventBuffer event(zvFsEventTransferState);
-    event.Stream().WriteU32(0);
-    event.Stream().WriteU8(bUpload);
-    event.Stream().WriteU16(usFileID);
-    event.Stream().WriteU16(usState);
-    event.Raise(m_lpMgr);
+    m_lpMgr->NotifyTransferState(bUpload, usFileID, usState);
 }

@@ -100,14 +100,22 @@ IZV_FileShareMgr* ZV_SimHost::GetFileShareMgr()
     return static_cast<IZV_FileShareMgr*>(lpFace);
 }
 
+// A client link is named by its client at both ends; a client has no other
+// kind of link, so on a client the fields name the client itself.
+void ZV_SimHost::SetUserFields(ConfPduData& cpd, const ZV_SimMachine& peer) const
+{
+    const QB_UserID& user = IsServer() ? peer.GetID() : m_lpMachine->GetID();
+    cpd.ulUserMain = user.m_ulMain;
+    cpd.ulUserSub = user.m_ulSub;
+}
+
 uint32_t ZV_SimHost::DeliverPdu(const ZV_SimMachine& peer, uint32_t ulConn, uint16_t usConnType, uint16_t usPdu,
                                 const std::vector<uint8_t>& vbData)
 {
     if (!m_lpModule)
         return zvSimSendRefused;
     ConfPduData cpd{};
-    cpd.ulUserMain = peer.GetID().m_ulMain;
-    cpd.ulUserSub = peer.GetID().m_ulSub;
+    SetUserFields(cpd, peer);
     cpd.ulConn = ulConn;
     cpd.conn_type = usConnType;
     cpd.usPdu = usPdu;
@@ -123,8 +131,7 @@ void ZV_SimHost::DeliverOnSend(const ZV_SimMachine& peer, uint32_t ulConn, uint1
     if (!m_lpModule)
         return;
     ConfPduData cpd{};
-    cpd.ulUserMain = peer.GetID().m_ulMain;
-    cpd.ulUserSub = peer.GetID().m_ulSub;
+    SetUserFields(cpd, peer);
     cpd.ulConn = ulConn;
     cpd.conn_type = usConnType;
     HomeScope scope(m_sHome);

@@ -107,6 +107,7 @@ public:
     void OnConfEvent(IZV_ConfHost* lpConf, uint16_t usEvent, uint32_t ulLen, const uint8_t* pData) override;
 
 private:
+    void SetUserFields(ConfPduData& cpd, const ZV_SimMachine& peer) const;
     using FloodKey = std::tuple<uint32_t, uint32_t, uint32_t>;
 
     ZV_SimNetwork& Net() const;

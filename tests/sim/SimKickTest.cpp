@@ -53,7 +53,8 @@ TEST(SimKick, CallsOnSendOfTheKickingNodeForThatConnectionInsteadOfDeliveringThe
         QB_UserID idPeer;
     };
     const Row aRows[] = {
-        {"client data link, client end", lpAlice, lpServer, lpAlice->GetServerLink()->GetConn(4), 4, QB_UserID(1, 0)},
+        {"client data link, client end", lpAlice, lpServer, lpAlice->GetServerLink()->GetConn(4), 4,
+         lpAlice->GetUserID()},
         {"client data link, server end", lpServer, lpAlice, lpServer->GetUserConn(&lpAlice->GetUserID(), 4), 4,
          lpAlice->GetUserID()},
         {"server data link", lpServer, shape.Server(1), lpServer->GetServerConn(2, zvConfServerTypeData, 0),

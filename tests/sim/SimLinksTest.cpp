@@ -23,7 +23,9 @@ uint32_t ExpectArrival(ZV_SimConference& sim, ZV_SimHost* lpFrom, uint32_t ulFro
     EXPECT_EQ(lpFrom->SendPdu(ulFromConn, 8001, kFields.data(), 3, 1, 1), 0u);
     EXPECT_TRUE(sim.Run());
     ZV_SimFakeCall call = LastPdu(lpTo);
-    EXPECT_EQ(call.peer, lpFrom->IsServer() ? QB_UserID(lpFrom->GetLocalServerID(), 0) : lpFrom->GetUserID());
+    // A client link is named by its client at both ends.
+    const ZV_SimHost* lpClient = !lpFrom->IsServer() ? lpFrom : !lpTo->IsServer() ? lpTo : nullptr;
+    EXPECT_EQ(call.peer, lpClient ? lpClient->GetUserID() : QB_UserID(lpFrom->GetLocalServerID(), 0));
     EXPECT_EQ(call.ulConn, ulToConn);
     EXPECT_EQ(call.usConnType, usConnType);
     EXPECT_NE(ulToConn, ulFromConn) << "each end numbers a connection itself";
