@@ -12,17 +12,6 @@
 
 namespace {
 
-// The user side passes its platform's own paths; the logic keeps the
-// Windows form, and the platform layer turns it back.
-QB_StringW ToWindowsPath(const char16_t* szPath)
-{
-    QB_StringW s(szPath ? szPath : u"");
-    for (int i = 0; i < s.GetLength(); ++i)
-        if (s[i] == u'/')
-            s.SetAt(i, u'\\');
-    return s;
-}
-
 // Text that FsAdd passes through the configured code page, as the catalogue
 // and the platform's older clients see it.
 QB_StringU8 ThroughAnsi(const QB_StringW& s)
@@ -107,7 +96,7 @@ uint32_t ZV_FileShareMgr::FsAdd(const char16_t* szPath, const QB_UserID* pRight,
     QB_FileEx file;
     try
     {
-        const QB_StringW sPath = ToWindowsPath(szPath);
+        const QB_StringW sPath = QB_WithBackslashes(szPath);
         if (!file.Open(sPath, QB_FILE_READ | QB_FILE_SHARE_DENY_WRITE | QB_FILE_OPEN_EXISTING))
             return FsAddFailed(file, ZV_ERR_OPEN);
         const ZV_ConfUserInfo* lpUser = m_lpConf->GetUser(m_lpConf->GetLocalUserID());

@@ -12,15 +12,6 @@
 
 namespace {
 
-QB_StringW ToWindowsPath(const char16_t* szPath)
-{
-    QB_StringW s(szPath ? szPath : u"");
-    for (int i = 0; i < s.GetLength(); ++i)
-        if (s[i] == u'/')
-            s.SetAt(i, u'\\');
-    return s;
-}
-
 QB_DateTimeEx LastWriteTime(QB_FileEx& file)
 {
     QB_SystemTime stWrite;
@@ -218,7 +209,7 @@ uint32_t ZV_FileShareMgr::FsFilesAdd(const char16_t* szFolder, const char16_t* c
     try
     {
         uint32_t ulResult = ZV_OK;
-        QB_StringW sFolder = ToWindowsPath(szFolder);
+        QB_StringW sFolder = QB_WithBackslashes(szFolder);
         if (sFolder.IsEmpty() || sFolder[sFolder.GetLength() - 1] != u'\\')
             sFolder += u'\\';
         QB_Array<QB_UserID> arrRight;
@@ -228,7 +219,7 @@ uint32_t ZV_FileShareMgr::FsFilesAdd(const char16_t* szFolder, const char16_t* c
         QB_Array<ZV_FileBriefInfo> arrInfo;
         for (uint32_t i = 0; ppNames != nullptr && i < nNames; ++i)
         {
-            const QB_StringW sPath = sFolder + ToWindowsPath(ppNames[i]);
+            const QB_StringW sPath = sFolder + QB_WithBackslashes(ppNames[i]);
             QB_FileEx file;
             if (ppNames[i] == nullptr ||
                 !file.Open(sPath, QB_FILE_READ | QB_FILE_SHARE_DENY_WRITE | QB_FILE_OPEN_EXISTING))

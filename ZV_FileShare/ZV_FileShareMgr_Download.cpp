@@ -4,6 +4,7 @@
 #include "ZV_FileShareMgr.h"
 #include "ZV_FileShareSession.h"
 
+#include "QB_FileEx.h"
 #include "QB_Log.h"
 
 #include <cassert>
@@ -21,7 +22,7 @@ uint32_t ZV_FileShareMgr::FsDownload(uint16_t usFileID, const char16_t* szLocalP
         const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
         if (ulConn == zvConnNone)
             return ZV_ERR_NO_CONN;
-        const QB_StringU8 sPath(QB_StringW(szLocalPath ? szLocalPath : u""));
+        const QB_StringU8 sPath(QB_WithBackslashes(szLocalPath));
         ulResult = lpFsSession->SendDownloadRequest(ulConn, usFileID, m_lpConf->GetLocalUserID(), 0, sPath, 0, 0, 0);
     }
     catch (...)

@@ -27,17 +27,6 @@ QB_StringW HomeFolder()
     return QB_StringW(sFolder.data(), (int)sFolder.size());
 }
 
-// The rest of the code keeps Windows form; a "Path" written with slashes by
-// a Linux administrator is as good.
-QB_StringA WithBackslashes(const QB_StringA& sPath)
-{
-    QB_StringA s(sPath);
-    for (int i = 0; i < s.GetLength(); ++i)
-        if (s[i] == '/')
-            s.SetAt(i, '\\');
-    return s;
-}
-
 } // namespace
 
 uint32_t ZV_FileShareMgr::Initialize()
@@ -57,7 +46,8 @@ uint32_t ZV_FileShareMgr::Initialize()
         m_strPath.TrimRight();
         if (m_strPath.IsEmpty())
             m_strPath = sDefault;
-        m_strPath = WithBackslashes(m_strPath);
+        // A "Path" written with slashes by a Linux administrator is as good.
+        m_strPath = QB_WithBackslashes(m_strPath);
         if (m_strPath[m_strPath.GetLength() - 1] != '\\')
             m_strPath += '\\';
         m_Catalog.Open();

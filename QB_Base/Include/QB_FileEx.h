@@ -74,3 +74,8 @@ protected:
 // stands in a folder's place. False when a folder can't be made.
 bool MakeDirs(const char16_t* pszPath);
 inline bool MakeDirs(const QB_StringW& sPath) { return MakeDirs(sPath.GetString()); }
+
+// A path as a user side of this platform writes it ("/home/ann/a.doc"), in
+// the Windows form the rest of the system keeps; a null path gives "".
+QB_StringW QB_WithBackslashes(const char16_t* pszPath);
+QB_StringA QB_WithBackslashes(const QB_StringA& sPath);

@@ -153,3 +153,26 @@ bool MakeDirs(const char16_t* pszPath)
     }
     return true;
 }
+
+namespace {
+
+template <typename TString, typename TChar>
+TString ReplaceSlashes(TString s, TChar chSlash, TChar chBackslash)
+{
+    for (int i = 0; i < s.GetLength(); ++i)
+        if (s[i] == chSlash)
+            s.SetAt(i, chBackslash);
+    return s;
+}
+
+} // namespace
+
+QB_StringW QB_WithBackslashes(const char16_t* pszPath)
+{
+    return ReplaceSlashes(QB_StringW(pszPath ? pszPath : u""), u'/', u'\\');
+}
+
+QB_StringA QB_WithBackslashes(const QB_StringA& sPath)
+{
+    return ReplaceSlashes(sPath, '/', '\\');
+}
