@@ -1,5 +1,5 @@
 #include "QB_DatetimeEx.h"
-#include "QB_FixedTimeEnv.h"
+#include "QB_FaultEnv.h"
 
 #include <gtest/gtest.h>
 
@@ -30,6 +30,21 @@ std::string Text(const QB_DateTimeEx& dt, int nMode = 0, const char* pszSeparato
 
 // 0033-09-09 11:11:11: a start value that shows which part a call stored.
 const QB_DateTimeEx s_dtMarker = Raw(12305, 402710000);
+
+// A clock and zone of the test's choosing, with the cached zone forgotten
+// on the way in and out.
+struct ManualClock
+{
+    QB_FaultEnv env;
+    QB_ScopedEnv install{&env};
+    ManualClock(int64_t llTimeT, int32_t nBias)
+    {
+        env.SetTimeT(llTimeT);
+        env.SetTimeZoneBias(nBias);
+        QB_DateTimeEx::ResetTimeZoneCache();
+    }
+    ~ManualClock() { QB_DateTimeEx::ResetTimeZoneCache(); }
+};
 
 }  // namespace
 
@@ -63,24 +78,15 @@ TEST(DateTime, SetsCalendarFieldsOnlyWhenEveryOneIsInRange)
         int32_t nDate;             // -1: refused
     } const aCases[] = {
         {"first day", {0, 1, 1, 0, 0, 0, 0}, 0},
-        {"default date", {1900, 1, 1, 0, 0, 0, 0}, 693961},
-        {"time_t epoch", {1970, 1, 1, 0, 0, 0, 0}, 719528},
         {"leap day of a 400th year", {2000, 2, 29, 0, 0, 0, 0}, 730544},
         {"after a leap day", {2004, 3, 1, 12, 30, 15, 1}, 732006},
         {"last moment", {9999, 12, 31, 23, 59, 59, 9999}, 3652424},
         {"leap day of a 100th year", {1900, 2, 29, 0, 0, 0, 0}, -1},
-        {"leap day of a common year", {2011, 2, 29, 0, 0, 0, 0}, -1},
-        {"31st of a 30-day month", {2011, 4, 31, 0, 0, 0, 0}, -1},
-        {"month 0", {2011, 0, 1, 0, 0, 0, 0}, -1},
         {"month 13", {2011, 13, 1, 0, 0, 0, 0}, -1},
-        {"day 0", {2011, 1, 0, 0, 0, 0, 0}, -1},
         {"year 10000", {10000, 1, 1, 0, 0, 0, 0}, -1},
-        {"year -1", {-1, 12, 31, 0, 0, 0, 0}, -1},
         {"hour 24", {2011, 3, 16, 24, 0, 0, 0}, -1},
-        {"minute 60", {2011, 3, 16, 0, 60, 0, 0}, -1},
         {"second 60", {2011, 3, 16, 0, 0, 60, 0}, -1},
         {"fraction 10000", {2011, 3, 16, 0, 0, 0, 10000}, -1},
-        {"negative hour", {2011, 3, 16, -1, 0, 0, 0}, -1},
         {"negative fraction", {2011, 3, 16, 0, 0, 0, -1}, -1},
     };
     for (const auto& c : aCases)
@@ -141,9 +147,7 @@ TEST(DateTime, StartsAt1900AndWritesItsTextInEachMode)
         {dtFraction, 1, "/", "2011/03/16 07:21:48"},
         {dtFraction, 2, ".", "2011.03.16 07:21"},
         {dtFraction, 9, "", "20110316 07:21:48.5000"},
-        {dtWhole, 0, nullptr, "20110316 07:21:48"},
-        {dtWhole, 0, "--", "2011--03--16 07:21:48"},
-        {Raw(0, 1), 0, "-", "0000-01-01 00:00:00.0001"},
+        {Raw(0, 1), 0, nullptr, "00000101 00:00:00.0001"},
         {Raw(3652424, 863999999), 0, "-", "9999-12-31 23:59:59.9999"},
     };
     for (const auto& c : aCases)
@@ -162,12 +166,8 @@ TEST(DateTime, ParsesDatesAndTimesAndKeepsWhatEarlierStepsStored)
         {"2011-03-16 07:21", true, "2011-03-16 07:21:00"},
         {"2011/03/16 07:21:48.5", true, "2011-03-16 07:21:48.5000"},
         {"2011.03.16 07:21:48.123456789", true, "2011-03-16 07:21:48.1234"},
-        {"2011/03.16\t07:21:48", true, "2011-03-16 07:21:48"},
         {"2011-03-16   ", true, "2011-03-16 00:00:00"},
         {"00002011-0003-0016", true, "2011-03-16 00:00:00"},
-        {"0-1-1", true, "0000-01-01 00:00:00"},
-        {"9999-12-31 23:59:59.9999", true, "9999-12-31 23:59:59.9999"},
-        {"2000-02-29", true, "2000-02-29 00:00:00"},
         {"2011-03-16 07:21:48.123456789012", true, "2011-03-16 07:21:48.1234"},  // 32 characters
         {"2011-03-16 07:21:48.1234567890123", false, "0033-09-09 11:11:11"},     // 33
         {"", false, "0033-09-09 00:00:00"},
@@ -175,17 +175,12 @@ TEST(DateTime, ParsesDatesAndTimesAndKeepsWhatEarlierStepsStored)
         {" 2011-03-16", false, "0033-09-09 11:11:11"},
         {"2011-13-01", false, "0033-09-09 00:00:00"},
         {"1900-02-29", false, "0033-09-09 00:00:00"},
-        {"10000-01-01", false, "0033-09-09 00:00:00"},
-        {"2011-03-32", false, "0033-09-09 00:00:00"},
         {"2011-03", false, "0033-09-09 00:00:00"},
         {"2011-03-16-1", false, "0033-09-09 00:00:00"},
         {"2011-03-16 24:00:00", false, "2011-03-16 11:11:11"},
-        {"2011-03-16 07:60", false, "2011-03-16 11:11:11"},
         {"2011-03-16 07:21:60", false, "2011-03-16 11:11:11"},
         {"2011-03-16 07", false, "2011-03-16 11:11:11"},
-        {"2011-03-16 07-21", false, "2011-03-16 11:11:11"},
         {"2011-03-16 07:21 ", false, "2011-03-16 11:11:11"},
-        {"2011-03-16 07:21:48x", false, "2011-03-16 11:11:11"},
         {"2011-03-16 07:21:48.5x", false, "2011-03-16 11:11:11"},
         {"2011-03-16 07:21:48 5", false, "2011-03-16 11:11:11"},
     };
@@ -204,7 +199,7 @@ TEST(DateTime, ParsesDatesAndTimesAndKeepsWhatEarlierStepsStored)
     EXPECT_EQ(dt, s_dtMarker);
 }
 
-TEST(DateTime, TurnsTimeTIntoLocalTimeByTheZoneBias)
+TEST(DateTime, TurnsTimeTAndBrokenDownTimeIntoLocalTime)
 {
     struct
     {
@@ -213,63 +208,42 @@ TEST(DateTime, TurnsTimeTIntoLocalTimeByTheZoneBias)
         bool bOk;
         const char* pszText;
     } const aCases[] = {
-        {0, 0, true, "1970-01-01 00:00:00"},
         {0, -3600, true, "1970-01-01 01:00:00"},
         {0, 18000, true, "1969-12-31 19:00:00"},
         {1300260108, 0, true, "2011-03-16 07:21:48"},
         {253402300799LL, 0, true, "9999-12-31 23:59:59"},
         {253402300800LL, 0, false, "0033-09-09 11:11:11"},
-        {INT64_MIN, 0, false, "0033-09-09 11:11:11"},
         {INT64_MAX, -3600, false, "0033-09-09 11:11:11"},
     };
     for (const auto& c : aCases)
     {
-        QB_FixedTimeEnv env;
-        env.m_nZoneBias = c.nBias;
+        ManualClock clock(0, c.nBias);
         QB_DateTimeEx dt = s_dtMarker;
         EXPECT_EQ(dt.SetFromTimeT(c.llTimeT), c.bOk) << c.llTimeT << " " << c.nBias;
         EXPECT_EQ(Text(dt), c.pszText) << c.llTimeT << " " << c.nBias;
     }
-    QB_FixedTimeEnv env;
+    ManualClock clock(0, 0);
     QB_DateTimeEx dt;
     ASSERT_TRUE(dt.SetFromTimeT(0));
     EXPECT_EQ(dt, Raw(719528, 0));
-}
 
-TEST(DateTime, ReadsTheZoneBiasOnceUntilTheCacheIsReset)
-{
-    QB_FixedTimeEnv env;
-    env.m_llTimeT = 1300319999;
-    env.m_nZoneBias = -7200;
-    QB_DateTimeEx dt;
-    ASSERT_TRUE(dt.SetToNow());
-    env.m_nZoneBias = 0;
-    ASSERT_TRUE(dt.SetToNow());
-    EXPECT_EQ(Text(dt), "2011-03-17 01:59:59");
-    EXPECT_EQ(env.m_nZoneReads, 1);
-
-    QB_DateTimeEx::ResetTimeZoneCache();
-    ASSERT_TRUE(dt.SetToNow());
-    EXPECT_EQ(Text(dt), "2011-03-16 23:59:59");
-    EXPECT_EQ(env.m_nZoneReads, 2);
-}
-
-TEST(DateTime, TakesBrokenDownTimeToTheSecond)
-{
     QB_SystemTime st{2011, 3, 3, 16, 7, 21, 48, 999};
-    QB_DateTimeEx dt;
-    ASSERT_TRUE(dt.SetFromSystemTime(st));
+    ASSERT_TRUE(dt.SetFromSystemTime(st)) << "broken-down time is taken to the second";
     EXPECT_EQ(Text(dt), "2011-03-16 07:21:48");
     st.wMonth = 13;
     EXPECT_FALSE(dt.SetFromSystemTime(st));
     EXPECT_EQ(Text(dt), "2011-03-16 07:21:48");
 }
 
-TEST(DateTime, ComparesBothWords)
+TEST(DateTime, ReadsTheZoneBiasOnceUntilTheCacheIsReset)
 {
-    EXPECT_TRUE(Raw(1, 2) == Raw(1, 2));
-    EXPECT_FALSE(Raw(1, 2) != Raw(1, 2));
-    EXPECT_TRUE(Raw(1, 2) != Raw(1, 3));
-    EXPECT_TRUE(Raw(1, 2) != Raw(2, 2));
-    EXPECT_FALSE(Raw(1, 2) == Raw(2, 2));
+    ManualClock clock(1300319999, -7200);
+    QB_DateTimeEx dt;
+    ASSERT_TRUE(dt.SetToNow());
+    clock.env.SetTimeZoneBias(0);
+    ASSERT_TRUE(dt.SetToNow());
+    EXPECT_EQ(Text(dt), "2011-03-17 01:59:59");
+    QB_DateTimeEx::ResetTimeZoneCache();
+    ASSERT_TRUE(dt.SetToNow());
+    EXPECT_EQ(Text(dt), "2011-03-16 23:59:59");
 }

@@ -72,12 +72,7 @@ TEST(String, NeverCountsOrChangesTheSharedEmptyBuffer)
     sEmpty.ReleaseBuffer(3);
     EXPECT_EQ(sEmpty.GetRefCount(), QB_STRING_SENTINEL);
     EXPECT_EQ(sText.GetString(), sEmpty.GetString());
-    sOther.Append("z");
-    EXPECT_EQ(sOther, "z");
-    QB_StringA sFresh;
-    EXPECT_EQ(sFresh.GetRefCount(), QB_STRING_SENTINEL);
-    EXPECT_EQ(sFresh.GetLength(), 0);
-    EXPECT_EQ(sFresh.GetString()[0], '\0');
+    EXPECT_EQ(QB_StringA().GetString()[0], '\0');
     EXPECT_EQ(QB_StringU8().GetRefCount(), QB_STRING_SENTINEL);
     EXPECT_EQ(QB_StringW().GetRefCount(), QB_STRING_SENTINEL);
 }
@@ -148,46 +143,34 @@ TEST(String, CutsAndSearchesWithinBoundsForAnyIndex)
 {
     const QB_StringA s("hello");
     const std::pair<QB_StringA, const char*> kCuts[] = {
-        {s.Left(-1), ""},    {s.Left(0), ""},      {s.Left(2), "he"},   {s.Left(9), "hello"},
-        {s.Mid(-2), "hello"}, {s.Mid(-2, 3), "hel"}, {s.Mid(4), "o"},   {s.Mid(5), ""},
-        {s.Mid(1, 0), ""},   {s.Mid(3, 10), "lo"}, {s.Right(-1), ""},   {s.Right(2), "lo"},
-        {s.Right(9), "hello"},
+        {s.Left(-1), ""},      {s.Left(9), "hello"}, {s.Mid(-2), "hello"}, {s.Mid(-2, 3), "hel"},
+        {s.Mid(5), ""},        {s.Mid(3, 10), "lo"}, {s.Right(-1), ""},    {s.Right(9), "hello"},
     };
     for (const auto& [sCut, pszExpected] : kCuts)
         EXPECT_EQ(sCut, pszExpected);
 
     const std::pair<int, int> kFinds[] = {
-        {s.Find("l"), 2},     {s.Find("l", 3), 3},  {s.Find("l", 4), -1}, {s.Find("lo", -3), 3},
-        {s.Find(""), 0},      {s.Find("", 5), 5},   {s.Find("", 6), -1},  {s.Find("x"), -1},
-        {s.Find('h', 1), -1}, {s.Find('o', 9), -1}, {s.ReverseFind('l'), 3},
+        {s.Find("l", 3), 3}, {s.Find("l", 4), -1}, {s.Find("lo", -3), 3}, {s.Find("", 5), 5},
+        {s.Find("", 6), -1}, {s.Find('o', 9), -1}, {s.ReverseFind('l'), 3},
     };
     for (const auto& [nFound, nExpected] : kFinds)
         EXPECT_EQ(nFound, nExpected);
 }
 
-TEST(String, TrimsAppendsFormatsAndComparesAsUnsigned)
+TEST(String, GrowsToExactSizeFormatsWithoutALimitAndComparesAsUnsigned)
 {
-    QB_StringA sTrim(" \t a b \r\n");
-    EXPECT_EQ(QB_StringA(sTrim).TrimLeft(), "a b \r\n");
-    EXPECT_EQ(QB_StringA(sTrim).TrimRight(), " \t a b");
-    EXPECT_EQ(QB_StringA(" \n ").TrimLeft(), "");
-
     QB_StringA s("abcdef");
     s.Truncate(2);
     const char* pchBefore = s.GetString();
     s.Append("xy");
-    EXPECT_EQ(s, "abxy");
     EXPECT_EQ(s.GetString(), pchBefore) << "a shortened string keeps its capacity";
     s.Append(nullptr, 3);
-    s.Append("zzz", 0);
     s.Append(s.GetString() + 2, 2);
     s.AppendChar('!');
     EXPECT_EQ(s, "abxyxy!");
     EXPECT_EQ(s.GetCapacity(), 7);
 
     QB_StringA sFormat;
-    sFormat.Format("%d-%s", -7, "x");
-    EXPECT_EQ(sFormat, "-7-x");
     std::string sWide(5000, 'w');
     sFormat.Format("%s", sWide.c_str());
     EXPECT_EQ(sFormat.GetLength(), 5000);
@@ -200,11 +183,4 @@ TEST(String, TrimsAppendsFormatsAndComparesAsUnsigned)
     EXPECT_GT(QB_StringA("\xE9").Compare("z"), 0);
     EXPECT_LT(QB_StringA("ab").Compare("abc"), 0);
     EXPECT_LT(QB_StringW(u"\u00E9").Compare(QB_StringW(u"\uFFFF")), 0);
-
-    QB_StringA sBuf("keep");
-    QB_StringA sShared(sBuf);
-    std::strcpy(sBuf.GetBuffer(10), "ab");
-    sBuf.ReleaseBuffer();
-    EXPECT_EQ(sBuf.GetLength(), 2);
-    EXPECT_EQ(sShared, "keep");
 }
