@@ -93,16 +93,3 @@ TEST(Events, AreWrittenByteForByteAsTheUserSideReadsThem)
         EXPECT_EQ(c.expected, host.m_vecEvents[0].data) << c.szName;
     }
 }
-
-TEST(Events, AreNotRaisedWithoutASink)
-{
-    ZV_RecordingHost host;
-    ZV_FileShareMgr mgr;
-    host.Attach(&mgr, false);
-    ZV_FileShareSession session(&mgr, "");
-    mgr.NotifyFileAdded(0, 1, ZV_FileBriefInfo(), 1.0);
-    mgr.NotifyBusy(0);
-    session.NotifyDownloadFinished(0, 1);
-    session.NotifyTransferState(0, 1, 3);
-    EXPECT_TRUE(host.m_vecEvents.empty());
-}

@@ -1,18 +1,15 @@
-// The manager on its own: routing, FileIDs, link states, the busy list and
-// the timer, against a host that records what the manager sends.
+// The manager on its own: routing, FileIDs, link states and the busy list,
+// against a host that records what the manager sends.
 #include "ZV_FileShareMgr.h"
 #include "ZV_FileShareSession.h"
 #include "ZV_RecordingHost.h"
 
-#include "QB_ByteStream.h"
-#include "QB_FaultEnv.h"
 #include "QB_TestSupport.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 namespace {
 
@@ -29,12 +26,12 @@ struct ManagerFixture : public ::testing::Test
         mgr.m_mapSession.SetAt(usFileID, lpFsSession);
         return lpFsSession;
     }
-    uint32_t Deliver(uint16_t usPdu, std::vector<uint8_t> data, uint16_t usConnType = zvConfClientTypeCommand)
+    uint32_t Deliver(uint16_t usPdu, std::vector<uint8_t> data)
     {
         ConfPduData cpd{};
         cpd.ulUserMain = 10002;
         cpd.ulConn = 5;
-        cpd.conn_type = usConnType;
+        cpd.conn_type = zvConfClientTypeCommand;
         cpd.usPdu = usPdu;
         cpd.ulLen = (uint32_t)data.size();
         cpd.pData = data.empty() ? nullptr : data.data();
@@ -59,36 +56,34 @@ public:
 
 using ManagerRouting = ManagerFixture;
 
-TEST_F(ManagerRouting, RefusesTheAnswerToARightsChangeOfSeveralFilesWhateverItHolds)
-{
-    EXPECT_EQ(5u, Deliver(PDU_CONF_FS_SET_FILES_RIGHT_RESPONSE, {}));
-    EXPECT_EQ(5u, Deliver(PDU_CONF_FS_SET_FILES_RIGHT_RESPONSE, {7, 0, 1, 2, 3}));
-    EXPECT_TRUE(host.m_vecSent.empty());
-}
-
-TEST_F(ManagerRouting, DropsASessionPduForAnUnknownFileIDQuietly)
-{
-    AddSession(7);
-    EXPECT_EQ(0u, Deliver(PDU_CONF_FS_DOWNLOAD_REQUEST, {8, 0, 1, 2}));
-    EXPECT_EQ(0u, Deliver(100, {9, 0}));
-    EXPECT_TRUE(host.m_vecSent.empty());
-    EXPECT_TRUE(host.m_vecEvents.empty());
-}
-
-TEST_F(ManagerRouting, HandsAnyOtherNumberToTheSessionTheFirstWordNames)
+TEST_F(ManagerRouting, HandsAPduToTheSessionItsFirstWordNamesAndAnswersFiveForNumbersWithoutASlot)
 {
     auto* lpProbe = new ZV_ProbeSession(&mgr, "");
     mgr.m_mapSession.SetAt(0x0102, lpProbe);
-    EXPECT_EQ(0u, Deliver(PDU_CONF_FS_DOWNLOAD_REQUEST, {0x02, 0x01, 0xAA}));
-    ASSERT_EQ(1u, lpProbe->m_vecSeen.size());
-    // Reserved slots answer 0, numbers without a slot 5, inside the range or not.
     const struct
     {
+        const char* szName;
         uint16_t usPdu;
+        std::vector<uint8_t> data;
         uint32_t ulResult;
-    } aCases[] = {{8053, 0}, {8054, 0}, {8019, 5}, {8042, 5}, {100, 5}, {9000, 5}};
+    } aCases[] = {
+        {"to the session", PDU_CONF_FS_DOWNLOAD_REQUEST, {0x02, 0x01, 0xAA}, 0},
+        {"unknown FileID", PDU_CONF_FS_DOWNLOAD_REQUEST, {8, 0, 1, 2}, 0},
+        {"unknown FileID, no slot", 100, {9, 0}, 0},
+        {"rights of several files, empty", PDU_CONF_FS_SET_FILES_RIGHT_RESPONSE, {}, 5},
+        {"rights of several files", PDU_CONF_FS_SET_FILES_RIGHT_RESPONSE, {0x02, 0x01, 1, 2, 3}, 5},
+        {"reserved", 8053, {0x02, 0x01}, 0},
+        {"reserved", 8054, {0x02, 0x01}, 0},
+        {"no slot in the range", 8019, {0x02, 0x01}, 5},
+        {"no slot in the range", 8042, {0x02, 0x01}, 5},
+        {"below the range", 100, {0x02, 0x01}, 5},
+        {"above the range", 9000, {0x02, 0x01}, 5},
+    };
     for (const auto& c : aCases)
-        EXPECT_EQ(c.ulResult, Deliver(c.usPdu, {0x02, 0x01})) << c.usPdu;
+        EXPECT_EQ(c.ulResult, Deliver(c.usPdu, c.data)) << c.szName << " " << c.usPdu;
+    EXPECT_EQ(std::vector<uint16_t>{PDU_CONF_FS_DOWNLOAD_REQUEST}, lpProbe->m_vecSeen);
+    EXPECT_TRUE(host.m_vecSent.empty());
+    EXPECT_TRUE(host.m_vecEvents.empty());
 }
 
 TEST_F(ManagerRouting, AnswersFiveAndLogsWhenThePayloadCannotHoldAFileID)
@@ -113,48 +108,43 @@ TEST_F(ManagerRouting, AnswersFiveAndLogsWhenThePayloadCannotHoldAFileID)
     EXPECT_EQ(2u, nCount) << sLog;
 }
 
-using FileIDAllocation = ManagerFixture;
-
-TEST_F(FileIDAllocation, GivesTheOneFreeIDOfASingleRangeThenNone)
+TEST(FileIDAllocation, GivesFreeIDsOfTheRangeFromTheNextOneOnWrappingOnceThenNone)
 {
-    host.m_usFileIDMin = host.m_usFileIDMax = 42;
-    mgr.m_usNextFileID = 42;
-    EXPECT_EQ(42, mgr.AllocFileID());
-    EXPECT_EQ(0xFFFF, mgr.AllocFileID());
-    ZV_FileShareSession* lpReserved = reinterpret_cast<ZV_FileShareSession*>(1);
-    ASSERT_TRUE(mgr.m_mapSession.Lookup(42, lpReserved));
-    EXPECT_EQ(nullptr, lpReserved) << "a fresh FileID is reserved without a session";
-}
-
-TEST_F(FileIDAllocation, WrapsToTheBottomAndSkipsTakenIDs)
-{
-    host.m_usFileIDMin = 10;
-    host.m_usFileIDMax = 14;
-    mgr.m_usNextFileID = 15;
-    AddSession(10);
-    AddSession(12);
-    EXPECT_EQ(11, mgr.AllocFileID());
-    EXPECT_EQ(13, mgr.AllocFileID());
-    EXPECT_EQ(14, mgr.AllocFileID());
-    EXPECT_EQ(0xFFFF, mgr.AllocFileID());
-}
-
-TEST_F(FileIDAllocation, StaysInsideTheRangeWhateverTheMapHoldsBesides)
-{
-    host.m_usFileIDMin = 1001;
-    host.m_usFileIDMax = 1003;
-    mgr.m_usNextFileID = 1;  // as constructed, before the range is known
-    AddSession(5);           // learnt from a server with another range
-    AddSession(6);
-    AddSession(7);
-    for (uint16_t usExpected : {1001, 1002, 1003})
-        EXPECT_EQ(usExpected, mgr.AllocFileID());
-    EXPECT_EQ(0xFFFF, mgr.AllocFileID());
+    const struct
+    {
+        const char* szName;
+        uint16_t usMin, usMax, usNext;
+        std::vector<uint16_t> vecTaken, vecExpected;
+    } aCases[] = {
+        {"a single ID", 42, 42, 42, {}, {42, 0xFFFF}},
+        {"wraps and skips taken IDs", 10, 14, 15, {10, 12}, {11, 13, 14, 0xFFFF}},
+        // The next ID as constructed, before the range is known, and IDs
+        // learnt from a server with another range.
+        {"outside the range", 1001, 1003, 1, {5, 6, 7}, {1001, 1002, 1003, 0xFFFF}},
+    };
+    for (const auto& c : aCases)
+    {
+        ZV_RecordingHost host;
+        ZV_FileShareMgr mgr;
+        host.Attach(&mgr);
+        host.m_usFileIDMin = c.usMin;
+        host.m_usFileIDMax = c.usMax;
+        mgr.m_usNextFileID = c.usNext;
+        for (uint16_t usFileID : c.vecTaken)
+            mgr.m_mapSession.SetAt(usFileID, new ZV_FileShareSession(&mgr, ""));
+        std::vector<uint16_t> vecGiven;
+        for (size_t i = 0; i < c.vecExpected.size(); ++i)
+            vecGiven.push_back(mgr.AllocFileID());
+        EXPECT_EQ(c.vecExpected, vecGiven) << c.szName;
+        ZV_FileShareSession* lpReserved = reinterpret_cast<ZV_FileShareSession*>(1);
+        ASSERT_TRUE(mgr.m_mapSession.Lookup(c.vecExpected[0], lpReserved));
+        EXPECT_EQ(nullptr, lpReserved) << "a fresh FileID is reserved without a session";
+    }
 }
 
 using LinkStates = ManagerFixture;
 
-TEST_F(LinkStates, ClientReportsDownloadsOnlyWhenTheDataLinkReturnsAfterALoss)
+TEST_F(LinkStates, ClientReportsDownloadsOnlyWhenTheDataLinkReturnsAfterALossAndOnlyKicksAnIdleOne)
 {
     ZV_FileShareSession* lpFsSession = AddSession(3);
     lpFsSession->m_LocalDownload.m_usState = ZV_DLSTATE_RUNNING;
@@ -181,16 +171,11 @@ TEST_F(LinkStates, ClientReportsDownloadsOnlyWhenTheDataLinkReturnsAfterALoss)
               std::vector<uint8_t>(sent.data.begin(), sent.data.begin() + 10));
     EXPECT_TRUE(lpFsSession->m_bResyncPending);
     EXPECT_EQ('2', mgr.m_cDataLink);
-}
 
-TEST_F(LinkStates, ClientOnlyKicksADataLinkThatWasIdleRatherThanLost)
-{
-    AddSession(3)->m_LocalDownload.m_usState = ZV_DLSTATE_RUNNING;
-    const QB_UserID server(1, 0);
-    mgr.OnConnect(&server, 11, zvConfClientTypeCommand, 0);
+    host.m_vecSent.clear();
     mgr.m_cDataLink = '4';
     mgr.OnConnect(&server, 12, zvConfClientTypeData, 0);
-    EXPECT_TRUE(host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST).empty());
+    EXPECT_TRUE(host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST).empty()) << "a resting link lost nothing";
     EXPECT_EQ(1u, host.SentOf(PDU_CONF_FS_KICK).size());
     // Losing the command link takes both states down.
     mgr.OnDisconnect(&server, 11, zvConfClientTypeCommand, 0);
@@ -198,37 +183,16 @@ TEST_F(LinkStates, ClientOnlyKicksADataLinkThatWasIdleRatherThanLost)
     EXPECT_EQ('0', mgr.m_cDataLink);
 }
 
-TEST_F(LinkStates, ServerSendsNothingForTheFirstPairAndRestartsOnEachFurtherDataLink)
-{
-    host.m_bServer = true;
-    host.m_bHasServerLinks = true;
-    ZV_FileShareSession* lpFsSession = AddSession(3);
-    lpFsSession->m_LocalDownload.m_usState = ZV_DLSTATE_RUNNING;
-    const QB_UserID peer(2, 0);
-
-    mgr.OnConnect(&peer, 21, zvConfServerTypeCommand, 0);
-    mgr.OnConnect(&peer, 22, zvConfServerTypeData, 0);
-    EXPECT_EQ('3', mgr.m_cCmdLink);
-    EXPECT_TRUE(host.m_vecSent.empty());
-
-    mgr.OnConnect(&peer, 23, zvConfServerTypeData, 0);
-    ASSERT_EQ(1u, host.m_vecSent.size());
-    const ZV_SentPdu& sent = host.m_vecSent[0];
-    EXPECT_EQ("serverdata", sent.sRoute);
-    EXPECT_EQ(2u, sent.ulConn) << "to the data link of the peer's server id";
-    EXPECT_EQ(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST, sent.usPdu);
-    // Conference word, FileID, this server as the downloader.
-    EXPECT_EQ((std::vector<uint8_t>{7, 0, 3, 0, 1, 0, 0, 0, 0, 0, 0, 0}),
-              std::vector<uint8_t>(sent.data.begin(), sent.data.begin() + 12));
-}
-
-TEST_F(LinkStates, ServerMarksItsFilesOutOfStepWhenACommandLinkToAServerDrops)
+TEST_F(LinkStates, ServerMarksItsFilesOutOfStepOnlyWhenACommandLinkToAServerDrops)
 {
     host.m_bServer = true;
     ZV_FileShareSession* lpFsSession = AddSession(3);
     const QB_UserID peer(2, 0);
-    mgr.OnDisconnect(&peer, 22, zvConfServerTypeData, 0);
-    EXPECT_TRUE(lpFsSession->m_bSynced);
+    for (uint16_t usConnType : {zvConfClientTypeCommand, zvConfClientTypeData, zvConfServerTypeData})
+    {
+        mgr.OnDisconnect(&peer, 22, usConnType, 0);
+        EXPECT_TRUE(lpFsSession->m_bSynced) << usConnType;
+    }
     EXPECT_EQ('0', mgr.m_cDataLink);
     mgr.m_cCmdLink = '3';
     mgr.OnDisconnect(&peer, 21, zvConfServerTypeCommand, 0);
@@ -236,9 +200,7 @@ TEST_F(LinkStates, ServerMarksItsFilesOutOfStepWhenACommandLinkToAServerDrops)
     EXPECT_EQ('0', mgr.m_cCmdLink);
 }
 
-using BusyAndTimer = ManagerFixture;
-
-TEST_F(BusyAndTimer, KeepsEachBusyFileIDOnceInTheOrderTheyCame)
+TEST_F(ManagerRouting, KeepsEachBusyFileIDOnceInTheOrderTheyCame)
 {
     for (uint16_t usFileID : {5, 3, 5, 9})
         mgr.SetSessionBusy(1, usFileID);
@@ -247,55 +209,4 @@ TEST_F(BusyAndTimer, KeepsEachBusyFileIDOnceInTheOrderTheyCame)
     ASSERT_EQ(2, mgr.m_arrBusyFileID.GetSize());
     EXPECT_EQ(5, mgr.m_arrBusyFileID[0]);
     EXPECT_EQ(9, mgr.m_arrBusyFileID[1]);
-}
-
-TEST_F(BusyAndTimer, WorksOnlyOnTheTicksOfItsConferencesRemainder)
-{
-    mgr.SetSessionBusy(1, 4);
-    std::vector<uint32_t> vecWorked;
-    for (uint32_t ulTick = 0; ulTick < 10; ++ulTick)
-    {
-        const size_t nBefore = host.m_vecEvents.size();
-        mgr.OnTimer(ulTick);
-        if (host.m_vecEvents.size() > nBefore)
-            vecWorked.push_back(ulTick);
-    }
-    EXPECT_EQ((std::vector<uint32_t>{2, 7}), vecWorked);
-    // Event 3012: number, u32 0, bBusy 1.
-    EXPECT_EQ((std::vector<uint8_t>{0xC4, 0x0B, 0, 0, 0, 0, 1}), host.m_vecEvents.back().data);
-}
-
-TEST_F(BusyAndTimer, ReportsIdleAndLetsTheDataLinkRestAfterFifteenSeconds)
-{
-    QB_FaultEnv env;
-    QB_ScopedEnv scoped(&env);
-    env.SetTick(1000);
-    mgr.m_cDataLink = '2';
-    mgr.OnTimer(2);
-    EXPECT_EQ(1000u, mgr.m_ulIdleSince);
-    env.AdvanceTick(14999);
-    mgr.OnTimer(7);
-    EXPECT_TRUE(host.m_vecEvents.empty());
-    EXPECT_EQ('2', mgr.m_cDataLink);
-    env.AdvanceTick(1);
-    mgr.OnTimer(12);
-    ASSERT_EQ(1u, host.m_vecEvents.size());
-    EXPECT_EQ((std::vector<uint8_t>{0xC4, 0x0B, 0, 0, 0, 0, 0}), host.m_vecEvents[0].data);
-    EXPECT_EQ('4', mgr.m_cDataLink);
-    EXPECT_EQ(0u, mgr.m_ulIdleSince);
-}
-
-TEST_F(BusyAndTimer, LetsTheDataLinkRestWithoutASinkToo)
-{
-    QB_FaultEnv env;
-    QB_ScopedEnv scoped(&env);
-    host.Attach(&mgr, false);
-    env.SetTick(500);
-    mgr.m_cDataLink = '2';
-    mgr.OnTimer(2);
-    env.AdvanceTick(15000);
-    mgr.OnTimer(2);
-    EXPECT_EQ('4', mgr.m_cDataLink);
-    EXPECT_EQ(0u, mgr.m_ulIdleSince);
-    EXPECT_TRUE(host.m_vecEvents.empty());
 }

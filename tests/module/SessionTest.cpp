@@ -1,4 +1,4 @@
-// The session object: dispatch, links, its folder, and who may see a file.
+// The session object: its folder, and who may see a file.
 #include "ZV_FileShareMgr.h"
 #include "ZV_FileShareSession.h"
 #include "ZV_RecordingHost.h"
@@ -14,56 +14,9 @@ struct SessionFixture : public ::testing::Test
     void SetUp() override { host.Attach(&mgr); }
 };
 
-uint32_t Dispatch(ZV_FileShareSession& session, uint16_t usPdu)
-{
-    uint8_t abPayload[2] = {1, 0};
-    ConfPduData cpd{};
-    cpd.usPdu = usPdu;
-    cpd.ulLen = sizeof(abPayload);
-    cpd.pData = abPayload;
-    return session.HandlePdu(&cpd);
-}
-
 } // namespace
 
 using Session = SessionFixture;
-
-TEST_F(Session, AnswersFiveForANumberWithoutASlotAndZeroForTheReservedOnes)
-{
-    ZV_FileShareSession session(&mgr, "");
-    for (uint16_t usPdu : {8001, 8004, 8019, 8041, 8052, 8056, 257})
-        EXPECT_EQ(5u, Dispatch(session, usPdu)) << usPdu;
-    EXPECT_EQ(0u, Dispatch(session, 8053));
-    EXPECT_EQ(0u, Dispatch(session, 8054));
-    EXPECT_TRUE(host.m_vecSent.empty());
-}
-
-TEST_F(Session, StartsWithTheDefaultsOfAFileNotYetNumbered)
-{
-    ZV_FileShareSession session(&mgr, "C:\\Store\\");
-    EXPECT_EQ(0xFFFF, session.m_usFileID);
-    EXPECT_EQ(0xFFFF, session.m_LocalDownload.m_usFileID);
-    EXPECT_TRUE(session.m_bSynced);
-    EXPECT_FALSE(session.m_bStopUpload);
-    EXPECT_FALSE(session.m_File.IsOpen());
-    EXPECT_EQ(nullptr, session.m_lpServerFile);
-    EXPECT_STREQ("C:\\Store\\", session.m_sStorePath.GetString());
-}
-
-TEST_F(Session, KeepsItsStateWhenALinkDropsUnlessItIsAServerCommandLink)
-{
-    ZV_FileShareSession session(&mgr, "");
-    session.m_ulMaxPos = 65536;
-    const QB_UserID peer(10002, 0);
-    for (uint16_t usConnType : {zvConfClientTypeCommand, zvConfClientTypeData, zvConfServerTypeData})
-    {
-        session.OnDisconnect(&peer, 5, usConnType);
-        EXPECT_TRUE(session.m_bSynced) << usConnType;
-    }
-    session.OnDisconnect(&peer, 5, zvConfServerTypeCommand);
-    EXPECT_FALSE(session.m_bSynced);
-    EXPECT_EQ(65536u, session.m_ulMaxPos);
-}
 
 TEST_F(Session, NamesTheConferenceFolderBelowTheStore)
 {
@@ -115,16 +68,4 @@ TEST_F(Session, CountsAUserAsLocalOnlyWhenHomedOnThisServer)
     EXPECT_TRUE(ZV_FileShareSession::IsLocalUser(&host, QB_UserID(10002, 0)));
     EXPECT_FALSE(ZV_FileShareSession::IsLocalUser(&host, QB_UserID(10003, 0)));
     EXPECT_FALSE(ZV_FileShareSession::IsLocalUser(&host, QB_UserID(10004, 0)));
-}
-
-TEST_F(Session, PushesNothingOnACommandLink)
-{
-    ZV_FileShareSession session(&mgr, "");
-    ConfPduData cpd{};
-    cpd.ulUserMain = 10001;
-    cpd.conn_type = zvConfClientTypeCommand;
-    EXPECT_EQ(0u, session.OnSend(&cpd));
-    cpd.conn_type = zvConfServerTypeCommand;
-    EXPECT_EQ(0u, session.OnSend(&cpd));
-    EXPECT_TRUE(host.m_vecSent.empty());
 }
