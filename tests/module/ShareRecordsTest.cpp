@@ -10,7 +10,6 @@
 #include <ctime>
 #include <filesystem>
 #include <functional>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -243,34 +242,18 @@ TEST(ShareRecords, LoadingWithABitClearResetsOnlyTheFieldsThatHaveADefault)
                                "f4 01 00 00 01 00 00 00 39 30 00 00 00 00 00 00");
 }
 
-TEST(ShareRecords, CopiesCarryEveryFieldWhetherItsBitIsSetOrNot)
-{
-    ZV_FileBriefInfo brief = FullBrief();
-    ZV_FileUploadInfo upload = FullUpload();
-    ZV_FileDownloadInfo download = FullDownload();
-    brief.m_ullMask = upload.m_ullMask = download.m_ullMask = 0;
-
-    ZV_FileBriefInfo briefCopy(brief);
-    ZV_FileUploadInfo uploadCopy;
-    uploadCopy = upload;
-    ZV_FileDownloadInfo downloadCopy(download);
-    brief.m_arrRight[0] = QB_UserID(1, 1);
-    EXPECT_EQ(briefCopy.GetMask() | uploadCopy.GetMask() | downloadCopy.GetMask(), 0u);
-
-    briefCopy.m_ullMask = 0x7FF;
-    uploadCopy.m_ullMask = 0xF;
-    downloadCopy.m_ullMask = 0x3FFF;
-    EXPECT_EQ(Saved(briefCopy), kFullBrief);
-    EXPECT_EQ(Saved(uploadCopy), kFullUpload);
-    EXPECT_EQ(Saved(downloadCopy), kFullDownload);
-}
-
-TEST(DelimitedRecord, ReaderLandsAtItsEndPastBytesItDoesNotKnow)
+TEST(DelimitedRecord, ReaderLandsAtItsEndPastBytesItDoesNotKnowAndANestedOneMustEndInsideItsParent)
 {
     ZV_FileDownloadInfo download;
     EXPECT_EQ(Read(FromHex("0a 00 00 00 05 00 02 01 aa bb 99"), [&](QB_ByteStream& s) { LoadDelimited(s, download); }),
               10);
     EXPECT_EQ(download.GetFileID(), 0x0102);
+    ZV_FileUploadInfo upload;
+    EXPECT_EQ(Read(FromHex("0b 00 00 00 10 06 00 00 00 01 00"), [&](QB_ByteStream& s) { LoadDelimited(s, upload); }), 11);
+    EXPECT_EQ(upload.GetMask(), ZV_UPLOAD_BRIEF_INFO);
+    Bytes overhangs = FromHex("0b 00 00 00 10 08 00 00 00 01 00 00 00");
+    EXPECT_EQ(FailureOf([&] { Read(overhangs, [&](QB_ByteStream& s) { LoadDelimited(s, upload); }); }),
+              QB_STREAM_LOAD_FAILURE);
 }
 
 TEST(DelimitedRecord, RefusesALengthOutsideItsViewBeforeReadingAnyField)
@@ -284,16 +267,6 @@ TEST(DelimitedRecord, RefusesALengthOutsideItsViewBeforeReadingAnyField)
         EXPECT_EQ(stream.GetPos(), 0) << "back at the element's start";
         EXPECT_EQ(Saved(brief), kFullBrief) << "nothing was loaded";
     }
-}
-
-TEST(DelimitedRecord, NestedRecordMustEndInsideItsParent)
-{
-    ZV_FileUploadInfo upload;
-    EXPECT_EQ(Read(FromHex("0b 00 00 00 10 06 00 00 00 01 00"), [&](QB_ByteStream& s) { LoadDelimited(s, upload); }), 11);
-    EXPECT_EQ(upload.GetMask(), ZV_UPLOAD_BRIEF_INFO);
-    Bytes overhangs = FromHex("0b 00 00 00 10 08 00 00 00 01 00 00 00");
-    EXPECT_EQ(FailureOf([&] { Read(overhangs, [&](QB_ByteStream& s) { LoadDelimited(s, upload); }); }),
-              QB_STREAM_LOAD_FAILURE);
 }
 
 TEST(RecordSequence, WritesTheCountThenEachElementDelimitedInOrder)
@@ -343,46 +316,6 @@ TEST(PlainArrays, CarryTheCountThenEachElementFromIndexZero)
 
     Read(FromHex("02 07 00"), [&](QB_ByteStream& s) { LoadBoolArray(s, arrBool); });
     EXPECT_EQ(Written([&](QB_ByteStream& s) { SaveBoolArray(s, arrBool); }), "02 01 00") << "any non-zero byte is true";
-    arrU16.RemoveAll();
-    for (int i = 0; i < 300; ++i)
-        arrU16.Add(0);
-    EXPECT_EQ(Written([&](QB_ByteStream& s) { SaveU16Array(s, arrU16); }).substr(0, 6), "81 2c ");
-}
-
-// Hostile bytes, and valid encodings with a few bytes changed, through every
-// reader: each load succeeds or raises the load failure, inside its view.
-TEST(ShareRecords, LoadOfRandomBytesEitherSucceedsOrRaisesTheLoadFailure)
-{
-    const std::vector<StreamFn> readers = {
-        [](QB_ByteStream& s) { ZV_FileBriefInfo r; r.Load(s); },
-        [](QB_ByteStream& s) { ZV_FileUploadInfo r; r.Load(s); },
-        [](QB_ByteStream& s) { ZV_FileDownloadInfo r; r.Load(s); },
-        [](QB_ByteStream& s) { QB_List<ZV_FileUploadInfo> l; LoadSequence(s, l); },
-        [](QB_ByteStream& s) { QB_Array<ZV_FileBriefInfo> a; LoadSequence(s, a); },
-        [](QB_ByteStream& s) { QB_List<ZV_FileDownloadInfo> l; LoadSequence(s, l); },
-        [](QB_ByteStream& s) { QB_Array<bool> a; LoadBoolArray(s, a); },
-    };
-    const Bytes seeds[] = {FromHex(kFullBrief), FromHex(kFullUpload), FromHex(kFullDownload),
-                           FromHex("01 1e 00 00 00 " + kFullUpload)};
-    std::mt19937 rng(20110316);
-    int nSucceeded = 0, nFailed = 0;
-    for (int nCase = 0; nCase < 4000; ++nCase)
-    {
-        Bytes bytes = seeds[nCase % 4];
-        if (nCase % 2)
-            bytes.resize(rng() % 48);
-        for (uint8_t& b : bytes)
-            if (nCase % 2 || rng() % 16 == 0)
-                b = (uint8_t)rng();
-        for (const StreamFn& fnRead : readers)
-        {
-            uint32_t ulCode = FailureOf([&] { EXPECT_LE(Read(bytes, fnRead), (int32_t)bytes.size()); });
-            ASSERT_TRUE(ulCode == 0 || ulCode == QB_STREAM_LOAD_FAILURE) << "case " << nCase;
-            (ulCode ? nFailed : nSucceeded)++;
-        }
-    }
-    EXPECT_GT(nSucceeded, 1000);
-    EXPECT_GT(nFailed, 1000);
 }
 
 TEST(ShareRecords, TextSettersTakeUpTo1024BytesOfUtf8AndChangeNothingWhenRefusing)
