@@ -200,7 +200,9 @@ TEST_F(LinkStates, ServerMarksItsFilesOutOfStepOnlyWhenACommandLinkToAServerDrop
     EXPECT_EQ('0', mgr.m_cCmdLink);
 }
 
-TEST_F(ManagerRouting, KeepsEachBusyFileIDOnceInTheOrderTheyCame)
+using BusyList = ManagerFixture;
+
+TEST_F(BusyList, KeepsEachFileIDOnceInTheOrderTheyCame)
 {
     for (uint16_t usFileID : {5, 3, 5, 9})
         mgr.SetSessionBusy(1, usFileID);
