@@ -1,7 +1,5 @@
 // Flood bookkeeping, the user table, and the host events that come with
 // users and links.
-#include "QB_TestSupport.h"
-#include "ZV_SimBuilder.h"
 #include "ZV_SimFakeModule.h"
 
 #include <gtest/gtest.h>
@@ -10,13 +8,10 @@
 
 TEST(SimFlood, AnswersFalseOnlyTheFirstTimeAServerIsAskedAboutAnOriginAndSequence)
 {
-    QB_TempFolder tmp;
-    ZV_SimConference sim(ZV_SimFakeApi(), ZV_SimFakeOptions(tmp.Path()));
-    ZV_SimShape shape = ZV_SimBuilder::TwoLinkedServers(sim, 100, 0);
-    ASSERT_TRUE(shape.IsComplete()) << sim.GetError();
+    ZV_SimFakeConference sim;
+    ZV_SimShape shape = sim.TwoLinkedServers(0);
     const QB_UserID idAlice(10001, 0), idBob(10002, 0);
-
-    struct Row
+    const struct
     {
         const char* szName;
         int nServer;
@@ -24,8 +19,7 @@ TEST(SimFlood, AnswersFalseOnlyTheFirstTimeAServerIsAskedAboutAnOriginAndSequenc
         const QB_UserID* lpOrigin;
         uint32_t ulSeq;
         bool bSeen;
-    };
-    const Row aRows[] = {
+    } aRows[] = {
         {"first request", 0, false, &idAlice, 5, false},
         {"the same request again", 0, false, &idAlice, 5, true},
         {"the answer to it keeps its own memory", 0, true, &idAlice, 5, false},
@@ -36,22 +30,16 @@ TEST(SimFlood, AnswersFalseOnlyTheFirstTimeAServerIsAskedAboutAnOriginAndSequenc
         {"no origin, first time", 0, false, nullptr, 5, false},
         {"no origin again", 0, false, nullptr, 5, true},
     };
-    for (const Row& row : aRows)
+    for (const auto& row : aRows)
     {
-        SCOPED_TRACE(row.szName);
         ZV_SimHost* lpServer = shape.Server(row.nServer);
         bool bSeen = row.bResponse ? lpServer->IsResponseFloodSeen(row.lpOrigin, row.ulSeq)
                                    : lpServer->IsFloodSeen(row.lpOrigin, row.ulSeq);
-        EXPECT_EQ(bSeen, row.bSeen);
+        EXPECT_EQ(bSeen, row.bSeen) << row.szName;
     }
-}
 
-TEST(SimFlood, HandsOutSequencesThatAreNeverZeroAndNeverRepeatAcrossServersAndConferences)
-{
-    QB_TempFolder tmp;
-    ZV_SimConference sim(ZV_SimFakeApi(), ZV_SimFakeOptions(tmp.Path()));
-    std::vector<ZV_SimHost*> vecServers = {sim.AddServer(100, 1), sim.AddServer(100, 2), sim.AddServer(200, 1)};
-    QB_UserID idAlice(10001, 0);
+    // Sequences are never 0 and never repeat, across servers and conferences.
+    std::vector<ZV_SimHost*> vecServers = {shape.Server(0), shape.Server(1), sim.AddServer(200, 1)};
     std::set<uint32_t> setSeq;
     for (int i = 0; i < 30; ++i)
         for (ZV_SimHost* lpServer : vecServers)
@@ -64,29 +52,24 @@ TEST(SimFlood, HandsOutSequencesThatAreNeverZeroAndNeverRepeatAcrossServersAndCo
 
 TEST(SimHostEvents, TellsTheHomeServerFirstAndThenTheOthersWhenAUserJoinsAndLeaves)
 {
-    QB_TempFolder tmp;
-    ZV_SimConference sim(ZV_SimFakeApi(), ZV_SimFakeOptions(tmp.Path()));
-    ZV_SimShape shape = ZV_SimBuilder::TwoLinkedServers(sim, 100, 0);
-    ASSERT_TRUE(shape.IsComplete()) << sim.GetError();
-    ZV_SimHost* lpHome = shape.Server(0);
+    ZV_SimFakeConference sim;
+    ZV_SimHost* lpHome = sim.TwoLinkedServers(0).Server(0);
     bool bKnownAtLeave = false;
     FakeOf(lpHome).fnOnEvent = [&](ZV_SimFakeModule& self, uint16_t usEvent, uintptr_t, uintptr_t a2) {
         if (usEvent == zvConfEventUserLeave)
             bKnownAtLeave = self.m_lpConf->GetUser(reinterpret_cast<const QB_UserID*>(a2)) != nullptr;
     };
-
     ZV_SimHost* lpAlice = sim.AddClient(100, ZV_SimBuilder::MakeUser(1, 0));
     ASSERT_TRUE(lpAlice) << sim.GetError();
     ASSERT_TRUE(sim.Leave(lpAlice));
     EXPECT_FALSE(sim.Leave(lpAlice)) << "a user who left can't leave again";
     ASSERT_TRUE(sim.Rejoin(lpAlice, true));
 
-    std::vector<ZV_SimEntry> vecEvents = sim.Journal().Calls(ZV_SimCall::OnEvent);
     std::vector<std::pair<uint16_t, std::string>> vecSeen;
-    for (const ZV_SimEntry& entry : vecEvents)
+    for (const ZV_SimEntry& entry : sim.Journal().Calls(ZV_SimCall::OnEvent))
         if (entry.sPeer == "usr10001")
             vecSeen.push_back({entry.usNumber, entry.sNode});
-    std::vector<std::pair<uint16_t, std::string>> vecExpected = {
+    const std::vector<std::pair<uint16_t, std::string>> vecExpected = {
         {21, "srv1@100"}, {21, "srv2@100"}, {4, "srv1@100"}, {4, "srv2@100"}, {21, "srv1@100"}, {21, "srv2@100"}};
     EXPECT_EQ(vecSeen, vecExpected);
     EXPECT_EQ(FakeOf(lpHome).CallsOf("OnEvent").back().peer, lpAlice->GetUserID());
@@ -98,35 +81,29 @@ TEST(SimHostEvents, TellsTheHomeServerFirstAndThenTheOthersWhenAUserJoinsAndLeav
 
 TEST(SimHostEvents, TakesALeavingUsersLinkDownBeforeTheServersHearOfIt)
 {
-    QB_TempFolder tmp;
-    ZV_SimConference sim(ZV_SimFakeApi(), ZV_SimFakeOptions(tmp.Path()));
-    ZV_SimShape shape = ZV_SimBuilder::OneServerTwoClients(sim);
-    ASSERT_TRUE(shape.IsComplete()) << sim.GetError();
+    ZV_SimFakeConference sim;
+    ZV_SimShape shape = sim.OneServerTwoClients();
     size_t nMark = sim.Journal().Size();
-
     ASSERT_TRUE(sim.Leave(shape.Client(0)));
 
-    std::string sTrace = sim.Journal().Dump(nMark);
-    EXPECT_EQ(sTrace,
-              std::to_string(nMark) + " t=1000000 call OnDisconnect usr10001@100 peer srv1 conn 2002/4\n" +
-                  std::to_string(nMark + 1) + " t=1000000 call OnDisconnect srv1@100 peer usr10001 conn 1002/4\n" +
-                  std::to_string(nMark + 2) + " t=1000000 call OnDisconnect usr10001@100 peer srv1 conn 2001/0\n" +
-                  std::to_string(nMark + 3) + " t=1000000 call OnDisconnect srv1@100 peer usr10001 conn 1001/0\n" +
-                  std::to_string(nMark + 4) + " t=1000000 call OnEvent 4 srv1@100 a1 0 a2 usr10001\n");
+    auto Line = [nMark](size_t n, const std::string& sText) {
+        return std::to_string(nMark + n) + " t=1000000 call " + sText + "\n";
+    };
+    EXPECT_EQ(sim.Journal().Dump(nMark), Line(0, "OnDisconnect usr10001@100 peer srv1 conn 2002/4") +
+                                             Line(1, "OnDisconnect srv1@100 peer usr10001 conn 1002/4") +
+                                             Line(2, "OnDisconnect usr10001@100 peer srv1 conn 2001/0") +
+                                             Line(3, "OnDisconnect srv1@100 peer usr10001 conn 1001/0") +
+                                             Line(4, "OnEvent 4 srv1@100 a1 0 a2 usr10001"));
     EXPECT_EQ(shape.Server()->GetUser(&shape.Client(0)->GetUserID()), nullptr);
     EXPECT_EQ(shape.Server()->GetClientCount(), 1u);
 }
 
 TEST(SimHostEvents, TellsBothEndsOfAServerLinkThatComesUpWithTheirOwnCommandConnection)
 {
-    QB_TempFolder tmp;
-    ZV_SimConference sim(ZV_SimFakeApi(), ZV_SimFakeOptions(tmp.Path()));
-    ZV_SimShape shape = ZV_SimBuilder::TwoLinkedServers(sim, 100, 0);
-    ASSERT_TRUE(shape.IsComplete()) << sim.GetError();
-    ZV_SimLink* lpLink = sim.GetServerLink(1, 2);
-    ASSERT_TRUE(sim.CutLink(lpLink));
-    ASSERT_TRUE(sim.RestoreLink(lpLink));
-
+    ZV_SimFakeConference sim;
+    ZV_SimShape shape = sim.TwoLinkedServers(0);
+    ASSERT_TRUE(sim.CutLink(sim.GetServerLink(1, 2)));
+    ASSERT_TRUE(sim.RestoreLink(sim.GetServerLink(1, 2)));
     for (int nServer = 0; nServer < 2; ++nServer)
     {
         SCOPED_TRACE(nServer);
@@ -143,26 +120,18 @@ TEST(SimHostEvents, TellsBothEndsOfAServerLinkThatComesUpWithTheirOwnCommandConn
 
 TEST(SimHostEvents, TellsAClientWhenWhatItsUserMaySeeChanges)
 {
-    QB_TempFolder tmp;
-    ZV_SimConference sim(ZV_SimFakeApi(), ZV_SimFakeOptions(tmp.Path()));
-    ZV_SimShape shape = ZV_SimBuilder::OneServerTwoClients(sim);
-    ASSERT_TRUE(shape.IsComplete()) << sim.GetError();
+    ZV_SimFakeConference sim;
+    ZV_SimShape shape = sim.OneServerTwoClients();
     ZV_SimHost* lpAlice = shape.Client(0);
-
-    struct Row
+    for (uint16_t usRole : {zvUserRolePrivileged, (uint16_t)0})
     {
-        uint16_t usRole;
-        uintptr_t a1;
-    };
-    for (const Row& row : {Row{zvUserRolePrivileged, 1}, Row{0, 0}})
-    {
-        SCOPED_TRACE(row.usRole);
-        ASSERT_TRUE(sim.SetUserRole(lpAlice, row.usRole));
+        SCOPED_TRACE(usRole);
+        ASSERT_TRUE(sim.SetUserRole(lpAlice, usRole));
         const ZV_SimFakeCall& call = FakeOf(lpAlice).m_vecCalls.back();
         EXPECT_EQ(call.usNumber, zvConfEventRightChange);
-        EXPECT_EQ(call.a1, row.a1);
+        EXPECT_EQ(call.a1, usRole ? 1u : 0u);
         EXPECT_EQ(call.peer, lpAlice->GetUserID());
-        EXPECT_EQ(lpAlice->GetUser(&lpAlice->GetUserID())->usRole, row.usRole);
+        EXPECT_EQ(lpAlice->GetUser(&lpAlice->GetUserID())->usRole, usRole);
     }
     EXPECT_TRUE(FakeOf(shape.Client(1)).CallsOf("OnEvent").empty());
     EXPECT_FALSE(sim.SetUserRole(shape.Server(), 1)) << "a server has no role";

@@ -1,7 +1,5 @@
-// The five send routes of the host: who receives, what they see, and what
-// the host refuses or drops.
-#include "QB_TestSupport.h"
-#include "ZV_SimBuilder.h"
+// The send routes of the host: who receives, what they see, and what the
+// host refuses or drops.
 #include "ZV_SimFakeModule.h"
 
 #include <gtest/gtest.h>
@@ -15,45 +13,29 @@ size_t Received(const ZV_SimHost* lpNode)
     return FakeOf(lpNode).CallsOf("HandlePdu").size();
 }
 
-// Servers 1, 2 and 3, with 1 linked to both others, all in conference ulConfID.
-std::vector<ZV_SimHost*> ThreeServers(ZV_SimConference& sim, uint32_t ulConfID)
-{
-    std::vector<ZV_SimHost*> vecServers;
-    for (uint32_t ulServer : {1u, 2u, 3u})
-        vecServers.push_back(sim.AddServer(ulConfID, ulServer));
-    sim.LinkServers(1, 2);
-    sim.LinkServers(1, 3);
-    return vecServers;
-}
-
 }  // namespace
 
+// The sender's buffer is overwritten right after each send: the host must
+// have taken its copy by then.
 TEST(SimConference, DeliversAGroupSendToEveryClientButTheSkippedOne)
 {
-    QB_TempFolder tmp;
-    ZV_SimConference sim(ZV_SimFakeApi(), ZV_SimFakeOptions(tmp.Path()));
-    ZV_SimShape shape = ZV_SimBuilder::OneServerTwoClients(sim);
-    ASSERT_TRUE(shape.IsComplete()) << sim.GetError();
+    ZV_SimFakeConference sim;
+    ZV_SimShape shape = sim.OneServerTwoClients();
     ZV_SimHost* lpServer = shape.Server();
-
-    struct Row
+    const struct
     {
         const char* szName;
         int nSkip;  // the client whose command connection is skipped, -1 none
         size_t anReached[2];
-    };
-    const Row aRows[] = {
-        {"skips nobody", -1, {1, 1}},
-        {"skips Alice", 0, {0, 1}},
-        {"skips Bob", 1, {1, 0}},
-    };
-    for (const Row& row : aRows)
+    } aRows[] = {{"skips nobody", -1, {1, 1}}, {"skips Alice", 0, {0, 1}}, {"skips Bob", 1, {1, 0}}};
+    for (const auto& row : aRows)
     {
         SCOPED_TRACE(row.szName);
         size_t anBefore[2] = {Received(shape.Client(0)), Received(shape.Client(1))};
-        uint32_t ulSkip =
-            row.nSkip < 0 ? zvConnNone : lpServer->GetUserConn(&shape.Client(row.nSkip)->GetUserID(), 0);
-        EXPECT_EQ(lpServer->SendPduToGroup(ulSkip, 0, 8002, kFields.data(), 3, 1, 1), 0u);
+        uint32_t ulSkip = row.nSkip < 0 ? zvConnNone : lpServer->GetUserConn(&shape.Client(row.nSkip)->GetUserID(), 0);
+        std::vector<uint8_t> vbBuffer = kFields;
+        EXPECT_EQ(lpServer->SendPduToGroup(ulSkip, 0, 8002, vbBuffer.data(), 3, 1, 1), 0u);
+        vbBuffer.assign(3, 0);
         ASSERT_TRUE(sim.Run()) << sim.GetError();
         for (int i = 0; i < 2; ++i)
         {
@@ -68,35 +50,24 @@ TEST(SimConference, DeliversAGroupSendToEveryClientButTheSkippedOne)
 
 TEST(SimConference, SendsToEveryLinkedServerButTheSkippedOne)
 {
-    QB_TempFolder tmp;
-    ZV_SimConference sim(ZV_SimFakeApi(), ZV_SimFakeOptions(tmp.Path()));
-    std::vector<ZV_SimHost*> vecServers = ThreeServers(sim, 100);
-    ZV_SimHost* lpOrigin = vecServers[0];
+    ZV_SimFakeConference sim;
+    for (uint32_t ulServer : {1u, 2u, 3u})
+        sim.AddServer(100, ulServer);
+    sim.LinkServers(1, 2);
+    sim.LinkServers(1, 3);
+    ZV_SimHost* lpOrigin = sim.FindServer(100, 1);
     std::vector<uint8_t> vbPayload = WithConfWord(100, kFields);
-
-    struct Row
+    for (uint32_t ulSkipServer : {0u, 2u, 3u})
     {
-        const char* szName;
-        uint32_t ulSkipServer;  // 0: none
-        size_t anReached[2];    // servers 2 and 3
-    };
-    const Row aRows[] = {
-        {"skips nobody", 0, {1, 1}},
-        {"skips server 2", 2, {0, 1}},
-        {"skips server 3", 3, {1, 0}},
-    };
-    for (const Row& row : aRows)
-    {
-        SCOPED_TRACE(row.szName);
-        size_t anBefore[2] = {Received(vecServers[1]), Received(vecServers[2])};
-        uint32_t ulSkip = row.ulSkipServer ? lpOrigin->GetServerConn(row.ulSkipServer, zvConfServerTypeCommand, 0)
-                                           : zvConnNone;
+        SCOPED_TRACE(ulSkipServer);
+        size_t anBefore[2] = {Received(sim.FindServer(100, 2)), Received(sim.FindServer(100, 3))};
+        uint32_t ulSkip = ulSkipServer ? lpOrigin->GetServerConn(ulSkipServer, zvConfServerTypeCommand, 0) : zvConnNone;
         EXPECT_EQ(lpOrigin->SendPduToServers(ulSkip, zvConfServerTypeCommand, 8001, vbPayload.data(),
                                              (uint32_t)vbPayload.size(), 1, 1),
                   0u);
         ASSERT_TRUE(sim.Run()) << sim.GetError();
-        for (int i = 0; i < 2; ++i)
-            EXPECT_EQ(Received(vecServers[i + 1]) - anBefore[i], row.anReached[i]) << "server " << i + 2;
+        for (uint32_t ulServer : {2u, 3u})
+            EXPECT_EQ(Received(sim.FindServer(100, ulServer)) - anBefore[ulServer - 2], ulServer == ulSkipServer ? 0u : 1u);
     }
 }
 
@@ -105,10 +76,8 @@ TEST(SimConference, SendsToEveryLinkedServerButTheSkippedOne)
 TEST(SimConference, TakesTheConferenceWordOffEveryServerRouteBeforeTheReceiverSeesThePayload)
 {
     const uint32_t ulConfID = 0x30064;
-    QB_TempFolder tmp;
-    ZV_SimConference sim(ZV_SimFakeApi(), ZV_SimFakeOptions(tmp.Path()));
-    ZV_SimShape shape = ZV_SimBuilder::TwoLinkedServers(sim, ulConfID, 0);
-    ASSERT_TRUE(shape.IsComplete()) << sim.GetError();
+    ZV_SimFakeConference sim;
+    ZV_SimShape shape = sim.TwoLinkedServers(0, ulConfID);
     ZV_SimHost* lpFrom = shape.Server(0);
     ZV_SimHost* lpTo = shape.Server(1);
     std::vector<uint8_t> vbPayload = WithConfWord(ulConfID, kFields);
@@ -116,15 +85,13 @@ TEST(SimConference, TakesTheConferenceWordOffEveryServerRouteBeforeTheReceiverSe
     uint32_t ulLen = (uint32_t)vbPayload.size();
     uint32_t ulCommand = lpFrom->GetServerConn(2, zvConfServerTypeCommand, 0);
     uint32_t ulData = lpFrom->GetServerConn(2, zvConfServerTypeData, 0);
-
-    struct Row
+    const struct
     {
         const char* szName;
         std::function<uint32_t()> fnSend;
         ZV_SimRoute eRoute;
         uint16_t usConnType;
-    };
-    const Row aRows[] = {
+    } aRows[] = {
         {"to servers", [&] { return lpFrom->SendPduToServers(zvConnNone, zvConfServerTypeCommand, 8001, pData, ulLen, 1, 1); },
          ZV_SimRoute::Servers, zvConfServerTypeCommand},
         {"to the server's data link", [&] { return lpFrom->SendPduToServerData(2, zvConfServerTypeData, 8012, pData, ulLen, 1, 1); },
@@ -134,13 +101,12 @@ TEST(SimConference, TakesTheConferenceWordOffEveryServerRouteBeforeTheReceiverSe
         {"on the data link", [&] { return lpFrom->SendPduOnLink(ulData, 8013, pData, ulLen, 1, 1); },
          ZV_SimRoute::OnLink, zvConfServerTypeData},
     };
-    for (const Row& row : aRows)
+    for (const auto& row : aRows)
     {
         SCOPED_TRACE(row.szName);
         size_t nMark = sim.Journal().Size();
         EXPECT_EQ(row.fnSend(), 0u);
         ASSERT_TRUE(sim.Run()) << sim.GetError();
-
         const ZV_SimFakeCall& call = FakeOf(lpTo).m_vecCalls.back();
         EXPECT_EQ(call.sWhat, "HandlePdu");
         EXPECT_EQ(call.vbData, kFields);
@@ -153,55 +119,41 @@ TEST(SimConference, TakesTheConferenceWordOffEveryServerRouteBeforeTheReceiverSe
     }
 }
 
-TEST(SimConference, DropsAServerPduWithoutAConferenceWordOrForAnUnknownConference)
+// Conferences 100 and 200 share the link between machines 1 and 2; the word
+// alone says which node of machine 2 gets the PDU.
+TEST(SimConference, RoutesAServerPduByItsConferenceWordAndDropsOneWithoutAKnownWord)
 {
-    QB_TempFolder tmp;
-    ZV_SimConference sim(ZV_SimFakeApi(), ZV_SimFakeOptions(tmp.Path()));
-    ZV_SimShape shape = ZV_SimBuilder::TwoLinkedServers(sim, 100, 0);
-    ASSERT_TRUE(shape.IsComplete()) << sim.GetError();
-
-    struct Row
-    {
-        const char* szName;
-        std::vector<uint8_t> vbPayload;
-        ZV_SimFate eFate;
-    };
-    const Row aRows[] = {
-        {"an empty payload", {}, ZV_SimFate::NoConfWord},
-        {"one byte", {0x64}, ZV_SimFate::NoConfWord},
-        {"the word of a conference the peer does not host", WithConfWord(101, kFields), ZV_SimFate::UnknownConf},
-        {"the right word", WithConfWord(100, kFields), ZV_SimFate::Delivered},
-    };
-    for (const Row& row : aRows)
-    {
-        SCOPED_TRACE(row.szName);
-        size_t nBefore = Received(shape.Server(1));
-        size_t nMark = sim.Journal().Size();
-        shape.Server(0)->SendPduToServers(zvConnNone, zvConfServerTypeCommand, 8001, row.vbPayload.data(),
-                                          (uint32_t)row.vbPayload.size(), 1, 1);
-        ASSERT_TRUE(sim.Run()) << sim.GetError();
-        EXPECT_EQ(sim.Journal().At(nMark).eFate, row.eFate);
-        EXPECT_EQ(Received(shape.Server(1)) - nBefore, row.eFate == ZV_SimFate::Delivered ? 1u : 0u);
-    }
-}
-
-TEST(SimConference, FindsTheConferenceByItsWordWhenTwoConferencesShareAServerLink)
-{
-    QB_TempFolder tmp;
-    ZV_SimConference sim(ZV_SimFakeApi(), ZV_SimFakeOptions(tmp.Path()));
+    ZV_SimFakeConference sim;
     for (uint32_t ulConf : {100u, 200u})
         for (uint32_t ulServer : {1u, 2u})
             ASSERT_TRUE(sim.AddServer(ulConf, ulServer)) << sim.GetError();
     ASSERT_TRUE(sim.LinkServers(1, 2));
     ASSERT_TRUE(sim.Run());
-
-    std::vector<uint8_t> vbTo200 = WithConfWord(200, kFields);
-    sim.FindServer(100, 1)->SendPduToServers(zvConnNone, zvConfServerTypeCommand, 8001, vbTo200.data(),
-                                             (uint32_t)vbTo200.size(), 1, 1);
-    ASSERT_TRUE(sim.Run());
-
-    EXPECT_EQ(Received(sim.FindServer(200, 2)), 1u);
-    EXPECT_EQ(Received(sim.FindServer(100, 2)), 0u);
+    const struct
+    {
+        const char* szName;
+        std::vector<uint8_t> vbPayload;
+        ZV_SimFate eFate;
+        uint32_t ulReceivingConf;  // 0: nobody
+    } aRows[] = {
+        {"an empty payload", {}, ZV_SimFate::NoConfWord, 0},
+        {"one byte", {0x64}, ZV_SimFate::NoConfWord, 0},
+        {"a conference the peer does not host", WithConfWord(101, kFields), ZV_SimFate::UnknownConf, 0},
+        {"its own conference", WithConfWord(100, kFields), ZV_SimFate::Delivered, 100},
+        {"the other conference", WithConfWord(200, kFields), ZV_SimFate::Delivered, 200},
+    };
+    for (const auto& row : aRows)
+    {
+        SCOPED_TRACE(row.szName);
+        size_t anBefore[2] = {Received(sim.FindServer(100, 2)), Received(sim.FindServer(200, 2))};
+        size_t nMark = sim.Journal().Size();
+        sim.FindServer(100, 1)->SendPduToServers(zvConnNone, zvConfServerTypeCommand, 8001, row.vbPayload.data(),
+                                                 (uint32_t)row.vbPayload.size(), 1, 1);
+        ASSERT_TRUE(sim.Run()) << sim.GetError();
+        EXPECT_EQ(sim.Journal().At(nMark).eFate, row.eFate);
+        EXPECT_EQ(Received(sim.FindServer(100, 2)) - anBefore[0], row.ulReceivingConf == 100 ? 1u : 0u);
+        EXPECT_EQ(Received(sim.FindServer(200, 2)) - anBefore[1], row.ulReceivingConf == 200 ? 1u : 0u);
+    }
     // The link came up once for each conference, on both machines.
     for (uint32_t ulConf : {100u, 200u})
         for (uint32_t ulServer : {1u, 2u})
@@ -210,53 +162,30 @@ TEST(SimConference, FindsTheConferenceByItsWordWhenTwoConferencesShareAServerLin
 
 TEST(SimConference, RefusesASendItCannotCarryAndSaysSo)
 {
-    QB_TempFolder tmp;
-    ZV_SimConference sim(ZV_SimFakeApi(), ZV_SimFakeOptions(tmp.Path()));
-    ZV_SimShape shape = ZV_SimBuilder::TwoLinkedServers(sim, 100, 1);
-    ASSERT_TRUE(shape.IsComplete()) << sim.GetError();
+    ZV_SimFakeConference sim;
+    ZV_SimShape shape = sim.TwoLinkedServers(1);
     ZV_SimHost* lpServer = shape.Server(0);
     ZV_SimHost* lpAlice = shape.Client(0);
-    uint32_t ulAliceCommand = lpServer->GetUserConn(&lpAlice->GetUserID(), 0);
+    uint32_t ulAlice = lpServer->GetUserConn(&lpAlice->GetUserID(), 0);
+    const uint8_t* pData = kFields.data();
     std::vector<uint8_t> vbHuge(zvSimMaxPayload + 1);
-
-    struct Row
-    {
-        const char* szName;
-        std::function<uint32_t()> fnSend;
+    const std::pair<const char*, std::function<uint32_t()>> aRows[] = {
+        {"a connection nobody has", [&] { return lpServer->SendPdu(999999, 8002, pData, 3, 1, 1); }},
+        {"a connection of another node", [&] { return lpServer->SendPdu(lpAlice->GetServerLink()->GetConn(0), 8002, pData, 3, 1, 1); }},
+        {"a server route on a client link", [&] { return lpServer->SendPduOnLink(ulAlice, 8032, pData, 3, 1, 1); }},
+        {"a group send from a client", [&] { return lpAlice->SendPduToGroup(zvConnNone, 0, 8002, pData, 3, 1, 1); }},
+        {"a server that is not linked", [&] { return lpServer->SendPduToServerData(7, zvConfServerTypeData, 8012, pData, 3, 1, 1); }},
+        {"a kick on a command connection", [&] { return lpServer->SendPdu(ulAlice, PDU_CONF_FS_KICK, nullptr, 0, 0, 0); }},
+        {"a payload longer than a sender's buffer", [&] { return lpServer->SendPdu(ulAlice, 8002, vbHuge.data(), (uint32_t)vbHuge.size(), 1, 1); }},
+        {"a length without data", [&] { return lpServer->SendPdu(ulAlice, 8002, nullptr, 4, 1, 1); }},
     };
-    const Row aRows[] = {
-        {"a connection nobody has", [&] { return lpServer->SendPdu(999999, 8002, kFields.data(), 3, 1, 1); }},
-        {"a connection of another node", [&] { return lpServer->SendPdu(lpAlice->GetServerLink()->GetConn(0), 8002, kFields.data(), 3, 1, 1); }},
-        {"a server route on a client link", [&] { return lpServer->SendPduOnLink(ulAliceCommand, 8032, kFields.data(), 3, 1, 1); }},
-        {"a group send from a client", [&] { return lpAlice->SendPduToGroup(zvConnNone, 0, 8002, kFields.data(), 3, 1, 1); }},
-        {"a server that is not linked", [&] { return lpServer->SendPduToServerData(7, zvConfServerTypeData, 8012, kFields.data(), 3, 1, 1); }},
-        {"a kick on a command connection", [&] { return lpServer->SendPdu(ulAliceCommand, PDU_CONF_FS_KICK, nullptr, 0, 0, 0); }},
-        {"a payload longer than a sender's buffer", [&] { return lpServer->SendPdu(ulAliceCommand, 8002, vbHuge.data(), (uint32_t)vbHuge.size(), 1, 1); }},
-        {"a length without data", [&] { return lpServer->SendPdu(ulAliceCommand, 8002, nullptr, 4, 1, 1); }},
-    };
-    for (const Row& row : aRows)
+    for (const auto& [szName, fnSend] : aRows)
     {
-        SCOPED_TRACE(row.szName);
+        SCOPED_TRACE(szName);
         size_t nMark = sim.Journal().Size();
-        EXPECT_EQ(row.fnSend(), zvSimSendRefused);
+        EXPECT_EQ(fnSend(), zvSimSendRefused);
         ASSERT_EQ(sim.Journal().Size(), nMark + 1);
         EXPECT_EQ(sim.Journal().At(nMark).eFate, ZV_SimFate::Refused);
         EXPECT_EQ(sim.GetPending(), 0u);
     }
-}
-
-TEST(SimConference, CopiesThePayloadBeforeTheSendReturns)
-{
-    QB_TempFolder tmp;
-    ZV_SimConference sim(ZV_SimFakeApi(), ZV_SimFakeOptions(tmp.Path()));
-    ZV_SimShape shape = ZV_SimBuilder::OneServerTwoClients(sim);
-    ASSERT_TRUE(shape.IsComplete()) << sim.GetError();
-    IZV_ConfLink* lpLink = shape.Client(0)->GetServerLink();
-
-    std::vector<uint8_t> vbBuffer = kFields;
-    shape.Client(0)->SendPdu(lpLink->GetConn(0), 8001, vbBuffer.data(), 3, 1, 1);
-    vbBuffer.assign(3, 0);
-    ASSERT_TRUE(sim.Run());
-
-    EXPECT_EQ(FakeOf(shape.Server()).CallsOf("HandlePdu").at(0).vbData, kFields);
 }

@@ -1,5 +1,7 @@
 #include "ZV_SimFakeModule.h"
 
+#include <gtest/gtest.h>
+
 #include <cstdlib>
 
 namespace {
@@ -14,9 +16,19 @@ void DestroyFake(IZV_ConfModule* lpModule)
     delete static_cast<ZV_SimFakeModule*>(lpModule);
 }
 
-bool TakesUser(uint16_t usEvent)
+ZV_SimOptions OptionsBelow(const std::string& sRoot, const std::function<void(ZV_SimOptions&)>& fnTune)
 {
-    return usEvent == zvConfEventUserLeave || usEvent == zvConfEventUserEnter || usEvent == zvConfEventRightChange;
+    ZV_SimOptions options;
+    options.sRoot = sRoot;
+    if (fnTune)
+        fnTune(options);
+    return options;
+}
+
+ZV_SimShape Checked(const ZV_SimShape& shape, const ZV_SimConference& sim)
+{
+    EXPECT_TRUE(shape.IsComplete()) << sim.GetError();
+    return shape;
 }
 
 }  // namespace
@@ -31,18 +43,25 @@ ZV_SimFakeModule& FakeOf(const ZV_SimHost* lpNode)
     return *static_cast<ZV_SimFakeModule*>(lpNode->GetModule());
 }
 
-ZV_SimOptions ZV_SimFakeOptions(const std::string& sRoot, uint32_t nInFlightBound)
-{
-    ZV_SimOptions options;
-    options.sRoot = sRoot;
-    options.nInFlightBound = nInFlightBound;
-    return options;
-}
-
 std::vector<uint8_t> WithConfWord(uint32_t ulConfID, std::vector<uint8_t> vbFields)
 {
     vbFields.insert(vbFields.begin(), {(uint8_t)ulConfID, (uint8_t)(ulConfID >> 8)});
     return vbFields;
+}
+
+ZV_SimFakeConference::ZV_SimFakeConference(const std::function<void(ZV_SimOptions&)>& fnTune, ZV_SimModuleApi api)
+    : ZV_SimConference(std::move(api), OptionsBelow(tmp.Path(), fnTune))
+{
+}
+
+ZV_SimShape ZV_SimFakeConference::OneServerTwoClients()
+{
+    return Checked(ZV_SimBuilder::OneServerTwoClients(*this), *this);
+}
+
+ZV_SimShape ZV_SimFakeConference::TwoLinkedServers(int nClientsEach, uint32_t ulConfID)
+{
+    return Checked(ZV_SimBuilder::TwoLinkedServers(*this, ulConfID, nClientsEach), *this);
 }
 
 std::vector<ZV_SimFakeCall> ZV_SimFakeModule::CallsOf(const std::string& sWhat) const
@@ -54,14 +73,11 @@ std::vector<ZV_SimFakeCall> ZV_SimFakeModule::CallsOf(const std::string& sWhat) 
     return vecFound;
 }
 
-ZV_SimFakeCall& ZV_SimFakeModule::Record(const std::string& sWhat)
+ZV_SimFakeCall& ZV_SimFakeModule::Record(const std::string& sWhat, const QB_UserID& peer, uint32_t ulConn,
+                                         uint16_t usConnType)
 {
-    ZV_SimFakeCall call;
-    call.sWhat = sWhat;
     const char* pszHome = std::getenv("ROOMCRATE_HOME");
-    call.sHome = pszHome ? pszHome : "";
-    call.ulTick = QB_GetEnv()->GetTickCount();
-    m_vecCalls.push_back(call);
+    m_vecCalls.push_back({sWhat, peer, ulConn, usConnType, 0, 0, {}, pszHome ? pszHome : ""});
     return m_vecCalls.back();
 }
 
@@ -71,20 +87,10 @@ uint32_t ZV_SimFakeModule::Initialize()
     return 0;
 }
 
-ZV_SimFakeCall& ZV_SimFakeModule::RecordLink(const std::string& sWhat, const QB_UserID& peer, uint32_t ulConn,
-                                             uint16_t usConnType)
-{
-    ZV_SimFakeCall& call = Record(sWhat);
-    call.peer = peer;
-    call.ulConn = ulConn;
-    call.usConnType = usConnType;
-    return call;
-}
-
 uint32_t ZV_SimFakeModule::HandlePdu(ConfPduData* lpCpd)
 {
     ZV_SimFakeCall& call =
-        RecordLink("HandlePdu", QB_UserID(lpCpd->ulUserMain, lpCpd->ulUserSub), lpCpd->ulConn, lpCpd->conn_type);
+        Record("HandlePdu", QB_UserID(lpCpd->ulUserMain, lpCpd->ulUserSub), lpCpd->ulConn, lpCpd->conn_type);
     call.usNumber = lpCpd->usPdu;
     call.vbData.assign(lpCpd->pData, lpCpd->pData + lpCpd->ulLen);
     if (fnOnPdu)
@@ -94,7 +100,7 @@ uint32_t ZV_SimFakeModule::HandlePdu(ConfPduData* lpCpd)
 
 uint32_t ZV_SimFakeModule::OnSend(ConfPduData* lpCpd)
 {
-    RecordLink("OnSend", QB_UserID(lpCpd->ulUserMain, lpCpd->ulUserSub), lpCpd->ulConn, lpCpd->conn_type);
+    Record("OnSend", QB_UserID(lpCpd->ulUserMain, lpCpd->ulUserSub), lpCpd->ulConn, lpCpd->conn_type);
     if (fnOnSend)
         fnOnSend(*this, *lpCpd);
     return 0;
@@ -102,30 +108,30 @@ uint32_t ZV_SimFakeModule::OnSend(ConfPduData* lpCpd)
 
 uint32_t ZV_SimFakeModule::OnConnect(const QB_UserID* lpPeer, uint32_t ulConn, uint16_t usConnType, uint32_t)
 {
-    RecordLink("OnConnect", *lpPeer, ulConn, usConnType);
+    Record("OnConnect", *lpPeer, ulConn, usConnType);
     return 0;
 }
 
 uint32_t ZV_SimFakeModule::OnDisconnect(const QB_UserID* lpPeer, uint32_t ulConn, uint16_t usConnType, uint32_t)
 {
-    RecordLink("OnDisconnect", *lpPeer, ulConn, usConnType);
+    Record("OnDisconnect", *lpPeer, ulConn, usConnType);
     return 0;
 }
 
 void ZV_SimFakeModule::OnTimer(uint32_t ulTick)
 {
-    Record("OnTimer").ulConn = ulTick;
+    Record("OnTimer", {}, ulTick);
 }
 
 uint32_t ZV_SimFakeModule::OnEvent(uint16_t usEvent, uintptr_t a1, uintptr_t a2, uintptr_t, uintptr_t)
 {
-    ZV_SimFakeCall& call = Record("OnEvent");
+    // These three events name a user by a2; the others carry a number there.
+    bool bTakesUser =
+        usEvent == zvConfEventUserLeave || usEvent == zvConfEventUserEnter || usEvent == zvConfEventRightChange;
+    ZV_SimFakeCall& call = bTakesUser ? Record("OnEvent", *reinterpret_cast<const QB_UserID*>(a2))
+                                      : Record("OnEvent", {}, (uint32_t)a2);
     call.usNumber = usEvent;
     call.a1 = a1;
-    if (TakesUser(usEvent))
-        call.peer = *reinterpret_cast<const QB_UserID*>(a2);
-    else
-        call.ulConn = (uint32_t)a2;
     if (fnOnEvent)
         fnOnEvent(*this, usEvent, a1, a2);
     return 0;

@@ -3,6 +3,8 @@
 // test's hooks tell it to.
 #pragma once
 
+#include "QB_TestSupport.h"
+#include "ZV_SimBuilder.h"
 #include "ZV_SimConference.h"
 
 #include <functional>
@@ -13,13 +15,12 @@ struct ZV_SimFakeCall
 {
     std::string sWhat;  // "Initialize", "HandlePdu", "OnSend", "OnConnect", ...
     QB_UserID peer;     // the peer of a PDU or a link change; the user of a host event
-    uint32_t ulConn = 0;
+    uint32_t ulConn = 0;  // also the tick of OnTimer and the a2 of a host event without a user
     uint16_t usConnType = 0;
     uint16_t usNumber = 0;  // PDU or host event
     uintptr_t a1 = 0;
     std::vector<uint8_t> vbData;
     std::string sHome;  // ROOMCRATE_HOME during the call
-    uint32_t ulTick = 0;
 };
 
 class ZV_SimFakeModule final : public IZV_ConfModule
@@ -50,16 +51,32 @@ public:
     bool GetInterface(uint16_t, void** lppOut) override;
 
 private:
-    ZV_SimFakeCall& Record(const std::string& sWhat);
-    ZV_SimFakeCall& RecordLink(const std::string& sWhat, const QB_UserID& peer, uint32_t ulConn, uint16_t usConnType);
+    ZV_SimFakeCall& Record(const std::string& sWhat, const QB_UserID& peer = {}, uint32_t ulConn = 0,
+                           uint16_t usConnType = 0);
 };
 
 // A module API whose managers are fakes.
 ZV_SimModuleApi ZV_SimFakeApi();
 // The fake behind a node.
 ZV_SimFakeModule& FakeOf(const ZV_SimHost* lpNode);
-// A conference on the fakes, with a folder per node below sRoot.
-ZV_SimOptions ZV_SimFakeOptions(const std::string& sRoot, uint32_t nInFlightBound = 8);
-
 // The bytes of a payload that starts with the conference word.
 std::vector<uint8_t> WithConfWord(uint32_t ulConfID, std::vector<uint8_t> vbFields);
+
+// Made before the conference, so that the nodes' folders have a root.
+struct ZV_SimFakeRoot
+{
+    QB_TempFolder tmp;
+};
+
+// A conference, of fakes unless another module is given, with a folder per
+// node below a fresh root.
+class ZV_SimFakeConference : public ZV_SimFakeRoot, public ZV_SimConference
+{
+public:
+    explicit ZV_SimFakeConference(const std::function<void(ZV_SimOptions&)>& fnTune = {},
+                                  ZV_SimModuleApi api = ZV_SimFakeApi());
+
+    // The builder's shapes; a node that could not be made fails the test.
+    ZV_SimShape OneServerTwoClients();
+    ZV_SimShape TwoLinkedServers(int nClientsEach = 2, uint32_t ulConfID = ZV_SimBuilder::kConfID);
+};
