@@ -58,28 +58,6 @@ TEST(SimConference, NamesThePeerAndTheReceiversOwnConnectionOnBothEndsOfEveryCon
     }
 }
 
-TEST(SimConference, AnswersTheHostQueriesFromEachNodesOwnView)
-{
-    ZV_SimFakeConference sim;
-    ZV_SimShape shape = sim.OneServerTwoClients();
-    ZV_SimHost* lpServer = shape.Server();
-    ZV_SimHost* lpAlice = shape.Client(0);
-    QB_UserID idStranger(30001, 0);
-    EXPECT_EQ(lpAlice->GetLocalServerID(), 1u);
-    EXPECT_EQ(lpServer->GetUserConn(&lpAlice->GetUserID(), zvConfServerTypeCommand), zvConnNone);
-    EXPECT_EQ(lpAlice->GetServerConn(1, zvConfServerTypeCommand, 0), zvConnNone) << "a client has no server links";
-    ASSERT_NE(lpServer->GetUser(&lpAlice->GetUserID()), nullptr);
-    EXPECT_STREQ(lpServer->GetUser(&lpAlice->GetUserID())->szName, "Alice");
-    EXPECT_EQ(lpServer->GetUser(&idStranger), nullptr);
-    EXPECT_TRUE(lpServer->CanShareFiles(&lpAlice->GetUserID()));
-    EXPECT_FALSE(lpServer->CanShareFiles(&idStranger));
-
-    sim.Cut(sim.GetClientLink(lpAlice), zvConfClientTypeCommand);
-    EXPECT_EQ(lpServer->GetClientCount(), 1u);
-    EXPECT_EQ(lpAlice->GetServerLink()->GetConn(zvConfClientTypeCommand), zvConnNone);
-    EXPECT_NE(lpAlice->GetServerLink()->GetConn(zvConfClientTypeData), zvConnNone);
-}
-
 TEST(SimConference, CallsOnDisconnectAndOnConnectOnBothEndsWhenAConnectionDropsAndComesBack)
 {
     ZV_SimFakeConference sim;

@@ -81,12 +81,6 @@ ZV_SimFakeCall& ZV_SimFakeModule::Record(const std::string& sWhat, const QB_User
     return m_vecCalls.back();
 }
 
-uint32_t ZV_SimFakeModule::Initialize()
-{
-    Record("Initialize");
-    return 0;
-}
-
 uint32_t ZV_SimFakeModule::HandlePdu(ConfPduData* lpCpd)
 {
     ZV_SimFakeCall& call =
@@ -106,23 +100,6 @@ uint32_t ZV_SimFakeModule::OnSend(ConfPduData* lpCpd)
     return 0;
 }
 
-uint32_t ZV_SimFakeModule::OnConnect(const QB_UserID* lpPeer, uint32_t ulConn, uint16_t usConnType, uint32_t)
-{
-    Record("OnConnect", *lpPeer, ulConn, usConnType);
-    return 0;
-}
-
-uint32_t ZV_SimFakeModule::OnDisconnect(const QB_UserID* lpPeer, uint32_t ulConn, uint16_t usConnType, uint32_t)
-{
-    Record("OnDisconnect", *lpPeer, ulConn, usConnType);
-    return 0;
-}
-
-void ZV_SimFakeModule::OnTimer(uint32_t ulTick)
-{
-    Record("OnTimer", {}, ulTick);
-}
-
 uint32_t ZV_SimFakeModule::OnEvent(uint16_t usEvent, uintptr_t a1, uintptr_t a2, uintptr_t, uintptr_t)
 {
     // These three events name a user by a2; the others carry a number there.
@@ -135,10 +112,4 @@ uint32_t ZV_SimFakeModule::OnEvent(uint16_t usEvent, uintptr_t a1, uintptr_t a2,
     if (fnOnEvent)
         fnOnEvent(*this, usEvent, a1, a2);
     return 0;
-}
-
-bool ZV_SimFakeModule::GetInterface(uint16_t, void** lppOut)
-{
-    *lppOut = nullptr;
-    return false;
 }

@@ -37,18 +37,34 @@ public:
     std::vector<ZV_SimFakeCall> CallsOf(const std::string& sWhat) const;
 
     uint16_t GetModuleType() override { return zvModuleTypeFileShare; }
-    uint32_t Initialize() override;
+    uint32_t Initialize() override
+    {
+        Record("Initialize");
+        return 0;
+    }
     uint32_t ModuleReserved0() override { return 0; }
     uint32_t CleanData() override { return 0; }
     void ModuleReserved1(uint32_t, uint32_t) override {}
     bool ModuleReserved2(uint32_t) override { return false; }
     uint32_t HandlePdu(ConfPduData* lpCpd) override;
     uint32_t OnSend(ConfPduData* lpCpd) override;
-    uint32_t OnConnect(const QB_UserID* lpPeer, uint32_t ulConn, uint16_t usConnType, uint32_t) override;
-    uint32_t OnDisconnect(const QB_UserID* lpPeer, uint32_t ulConn, uint16_t usConnType, uint32_t) override;
-    void OnTimer(uint32_t ulTick) override;
+    uint32_t OnConnect(const QB_UserID* lpPeer, uint32_t ulConn, uint16_t usConnType, uint32_t) override
+    {
+        Record("OnConnect", *lpPeer, ulConn, usConnType);
+        return 0;
+    }
+    uint32_t OnDisconnect(const QB_UserID* lpPeer, uint32_t ulConn, uint16_t usConnType, uint32_t) override
+    {
+        Record("OnDisconnect", *lpPeer, ulConn, usConnType);
+        return 0;
+    }
+    void OnTimer(uint32_t ulTick) override { Record("OnTimer", {}, ulTick); }
     uint32_t OnEvent(uint16_t usEvent, uintptr_t a1, uintptr_t a2, uintptr_t, uintptr_t) override;
-    bool GetInterface(uint16_t, void** lppOut) override;
+    bool GetInterface(uint16_t, void** lppOut) override
+    {
+        *lppOut = nullptr;
+        return false;
+    }
 
 private:
     ZV_SimFakeCall& Record(const std::string& sWhat, const QB_UserID& peer = {}, uint32_t ulConn = 0,
