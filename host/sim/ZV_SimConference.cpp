@@ -28,6 +28,8 @@ ZV_SimConference::ZV_SimConference(ZV_SimModuleApi api, ZV_SimOptions options)
       m_api(std::move(api)),
       m_network(&m_journal, m_options.nInFlightBound)
 {
+    m_journal.SetPayloadLimit(m_options.nJournalPayloadBytes);
+    m_journal.SetEntryLimit(m_options.nJournalEntries);
     m_ullNextTimer = m_options.ulTimerPeriod;
     SetElapsed(0);
     if (!m_api.Start())

@@ -24,6 +24,7 @@
 #include "ZV_SimNetwork.h"
 #include "ZV_SimUserTable.h"
 
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
@@ -44,6 +45,11 @@ struct ZV_SimOptions
     uint32_t nInFlightBound = 8;
     // Steps one Run may take before it calls the conference stuck.
     size_t nStepLimit = 1000000;
+    // Bytes of each PDU's or event's payload the journal keeps. Tests look
+    // at whole payloads; a long transfer would otherwise hold every block.
+    size_t nJournalPayloadBytes = SIZE_MAX;
+    // Entries the journal keeps; beyond it the oldest are forgotten.
+    size_t nJournalEntries = SIZE_MAX;
 };
 
 class ZV_SimConference

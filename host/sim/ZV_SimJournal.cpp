@@ -1,22 +1,27 @@
 #include "ZV_SimJournal.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <stdexcept>
 
 namespace {
 
 // Enough of a payload to recognise it in a trace; block PDUs carry 32 KB.
 constexpr size_t kTraceBytes = 24;
 
-std::string Hex(const std::vector<uint8_t>& vbData)
+// ":" and the first bytes of the payload; nothing for an empty one.
+std::string Hex(const ZV_SimEntry& e)
 {
-    std::string sOut;
+    if (e.vbData.empty())
+        return {};
+    std::string sOut = ":";
     char szByte[4];
-    for (size_t i = 0; i < vbData.size() && i < kTraceBytes; ++i)
+    for (size_t i = 0; i < e.vbData.size() && i < kTraceBytes; ++i)
     {
-        std::snprintf(szByte, sizeof szByte, " %02x", vbData[i]);
+        std::snprintf(szByte, sizeof szByte, " %02x", e.vbData[i]);
         sOut += szByte;
     }
-    if (vbData.size() > kTraceBytes)
+    if (e.nDataLen > kTraceBytes)
         sOut += " ...";
     return sOut;
 }
@@ -26,18 +31,18 @@ std::string FormatPdu(const ZV_SimEntry& e)
     char szLine[256];
     std::snprintf(szLine, sizeof szLine, "pdu %u %s -> %s %s conn %u/%u flags %u,%u len %zu %s", e.usNumber,
                   e.sNode.c_str(), e.sPeer.empty() ? "?" : e.sPeer.c_str(), ZV_SimRouteName(e.eRoute), e.ulConn,
-                  e.usConnType, e.bFlag1, e.bFlag2, e.vbData.size(), ZV_SimFateName(e.eFate));
+                  e.usConnType, e.bFlag1, e.bFlag2, e.nDataLen, ZV_SimFateName(e.eFate));
     std::string sLine = szLine;
     if (e.eFate == ZV_SimFate::Delivered)
         sLine += " result " + std::to_string(e.ulResult);
-    return sLine + (e.vbData.empty() ? "" : ":" + Hex(e.vbData));
+    return sLine + Hex(e);
 }
 
 std::string FormatEvent(const ZV_SimEntry& e)
 {
     char szLine[128];
-    std::snprintf(szLine, sizeof szLine, "event %u %s len %zu", e.usNumber, e.sNode.c_str(), e.vbData.size());
-    return szLine + (e.vbData.empty() ? "" : ":" + Hex(e.vbData));
+    std::snprintf(szLine, sizeof szLine, "event %u %s len %zu", e.usNumber, e.sNode.c_str(), e.nDataLen);
+    return szLine + Hex(e);
 }
 
 std::string FormatCall(const ZV_SimEntry& e)
@@ -106,33 +111,65 @@ bool ZV_SimFilter::Matches(const ZV_SimEntry& e) const
 size_t ZV_SimJournal::Add(ZV_SimEntry entry)
 {
     entry.ulTick = m_ulTick;
-    m_vecEntries.push_back(std::move(entry));
-    return m_vecEntries.size() - 1;
+    entry.nDataLen = std::max(entry.nDataLen, entry.vbData.size());
+    if (entry.vbData.size() > m_nPayloadLimit)
+    {
+        entry.vbData.resize(m_nPayloadLimit);
+        entry.vbData.shrink_to_fit();
+    }
+    m_entries.push_back(std::move(entry));
+    SetEntryLimit(m_nEntryLimit);
+    return Size() - 1;
 }
 
+void ZV_SimJournal::SetEntryLimit(size_t nEntries)
+{
+    m_nEntryLimit = nEntries;
+    for (; m_entries.size() > m_nEntryLimit; ++m_nForgotten)
+        m_entries.pop_front();
+}
+
+ZV_SimEntry* ZV_SimJournal::Kept(size_t nEntry)
+{
+    return nEntry >= m_nForgotten && nEntry < Size() ? &m_entries[nEntry - m_nForgotten] : nullptr;
+}
+
+const ZV_SimEntry& ZV_SimJournal::At(size_t nEntry) const
+{
+    if (nEntry < m_nForgotten)
+        throw std::out_of_range("journal entry " + std::to_string(nEntry) + " is no longer kept");
+    return m_entries.at(nEntry - m_nForgotten);
+}
+
+// The fate of a PDU may come after its entry was forgotten; it is dropped
+// with it.
 void ZV_SimJournal::SetFate(size_t nEntry, ZV_SimFate eFate)
 {
-    m_vecEntries.at(nEntry).eFate = eFate;
+    if (ZV_SimEntry* lpEntry = Kept(nEntry))
+        lpEntry->eFate = eFate;
 }
 
 void ZV_SimJournal::SetDelivered(size_t nEntry, const std::string& sReceiver)
 {
-    ZV_SimEntry& entry = m_vecEntries.at(nEntry);
-    entry.eFate = ZV_SimFate::Delivered;
-    entry.sPeer = sReceiver;
+    if (ZV_SimEntry* lpEntry = Kept(nEntry))
+    {
+        lpEntry->eFate = ZV_SimFate::Delivered;
+        lpEntry->sPeer = sReceiver;
+    }
 }
 
 void ZV_SimJournal::SetResult(size_t nEntry, uint32_t ulResult)
 {
-    m_vecEntries.at(nEntry).ulResult = ulResult;
+    if (ZV_SimEntry* lpEntry = Kept(nEntry))
+        lpEntry->ulResult = ulResult;
 }
 
 std::vector<ZV_SimEntry> ZV_SimJournal::Find(const ZV_SimFilter& filter) const
 {
     std::vector<ZV_SimEntry> vecFound;
-    for (size_t i = filter.nFrom; i < m_vecEntries.size(); ++i)
-        if (filter.Matches(m_vecEntries[i]))
-            vecFound.push_back(m_vecEntries[i]);
+    for (size_t i = std::max(filter.nFrom, m_nForgotten); i < Size(); ++i)
+        if (filter.Matches(m_entries[i - m_nForgotten]))
+            vecFound.push_back(m_entries[i - m_nForgotten]);
     return vecFound;
 }
 
@@ -175,8 +212,8 @@ std::vector<ZV_SimEntry> ZV_SimJournal::Calls(ZV_SimCall eCall, std::string_view
 std::string ZV_SimJournal::Dump(size_t nFrom) const
 {
     std::string sOut;
-    for (size_t i = nFrom; i < m_vecEntries.size(); ++i)
-        sOut += Format(i, m_vecEntries[i]) + "\n";
+    for (size_t i = std::max(nFrom, m_nForgotten); i < Size(); ++i)
+        sOut += Format(i, m_entries[i - m_nForgotten]) + "\n";
     return sOut;
 }
 

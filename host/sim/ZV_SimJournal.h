@@ -5,10 +5,13 @@
 // too often to be worth a line.
 //
 // Entries are only ever added; a test that wants "what happened since"
-// notes Size() and passes it as the filter's nFrom.
+// notes Size() and passes it as the filter's nFrom. A journal told to keep
+// only its newest entries forgets the oldest, but every entry keeps the
+// index it was given.
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -68,6 +71,9 @@ struct ZV_SimEntry
     uint32_t ulArg = 0;     // a1 of a host event
     uint32_t ulResult = 0;  // what the receiver's HandlePdu gave
     std::vector<uint8_t> vbData;  // a PDU as sent, conference word and all
+    // The payload's whole length; vbData may hold only its first bytes
+    // (ZV_SimJournal::SetPayloadLimit).
+    size_t nDataLen = 0;
 };
 
 // Unset fields match anything.
@@ -90,6 +96,11 @@ class ZV_SimJournal
 public:
     // The tick that new entries are stamped with.
     void SetTick(uint32_t ulTick) { m_ulTick = ulTick; }
+    // New entries keep at most this many bytes of their payload.
+    void SetPayloadLimit(size_t nBytes) { m_nPayloadLimit = nBytes; }
+    size_t GetPayloadLimit() const { return m_nPayloadLimit; }
+    // At most this many entries are kept; the oldest go first.
+    void SetEntryLimit(size_t nEntries);
 
     // Each gives the index of the new entry.
     size_t Add(ZV_SimEntry entry);
@@ -97,8 +108,10 @@ public:
     void SetDelivered(size_t nEntry, const std::string& sReceiver);
     void SetResult(size_t nEntry, uint32_t ulResult);
 
-    size_t Size() const { return m_vecEntries.size(); }
-    const ZV_SimEntry& At(size_t nEntry) const { return m_vecEntries.at(nEntry); }
+    // Entries ever added, the forgotten ones included.
+    size_t Size() const { return m_nForgotten + m_entries.size(); }
+    // Throws std::out_of_range for an entry not kept.
+    const ZV_SimEntry& At(size_t nEntry) const;
 
     std::vector<ZV_SimEntry> Find(const ZV_SimFilter& filter) const;
     // PDUs of that number, from that node if one is named.
@@ -114,7 +127,13 @@ public:
 
 private:
     uint32_t m_ulTick = 0;
-    std::vector<ZV_SimEntry> m_vecEntries;
+    size_t m_nPayloadLimit = SIZE_MAX;
+    size_t m_nEntryLimit = SIZE_MAX;
+    size_t m_nForgotten = 0;  // index of the oldest entry kept
+    std::deque<ZV_SimEntry> m_entries;
+
+    // Null for an entry forgotten or not yet made.
+    ZV_SimEntry* Kept(size_t nEntry);
 };
 
 const char* ZV_SimRouteName(ZV_SimRoute eRoute);

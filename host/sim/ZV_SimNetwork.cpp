@@ -151,8 +151,10 @@ ZV_SimEntry ZV_SimNetwork::MakeEntry(const ZV_SimSend& send) const
     entry.usConnType = send.end ? send.end.lpLink->GetConnType(send.nChannel) : send.usConnType;
     entry.bFlag1 = send.bFlag1;
     entry.bFlag2 = send.bFlag2;
+    // Only what the journal keeps is copied; the delivery takes its own copy.
+    entry.nDataLen = send.pData ? send.ulLen : 0;
     if (send.pData)
-        entry.vbData.assign(send.pData, send.pData + send.ulLen);
+        entry.vbData.assign(send.pData, send.pData + std::min<size_t>(send.ulLen, m_lpJournal->GetPayloadLimit()));
     return entry;
 }
 
@@ -182,7 +184,7 @@ uint32_t ZV_SimNetwork::Send(const ZV_SimSend& send)
     task.nFromSide = send.end.nSide;
     task.usPdu = send.usPdu;
     task.bConfWord = lpLink->IsServerLink() && CarriesConfWord(send.eRoute);
-    task.vbData = entry.vbData;
+    task.vbData.assign(send.pData, send.pData + send.ulLen);
     task.nEntry = m_lpJournal->Add(std::move(entry));
     m_queue.push_back(std::move(task));
 
