@@ -1,0 +1,278 @@
+// The upload road on one manager: the creator's pump and start, the server's
+// writes at its write position, against a recording host and a file system
+// that fails on demand.
+#include "ZV_FileShareMgr.h"
+#include "ZV_FileShareSession.h"
+#include "ZV_RecordingHost.h"
+
+#include "QB_FaultEnv.h"
+#include "QB_TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+const QB_UserID kAlice(10001, 0);  // the creator: commands on 11, data on 12
+const QB_UserID kBob(10002, 0);
+
+struct Pdu
+{
+    Bytes b;
+    Pdu& U8(uint8_t v) { b.push_back(v); return *this; }
+    Pdu& U16(uint16_t v) { return U8(v & 0xFF).U8(v >> 8); }
+    Pdu& U32(uint32_t v) { return U16(v & 0xFFFF).U16(v >> 16); }
+    Pdu& User(const QB_UserID& id) { return U32(id.m_ulMain).U32(id.m_ulSub); }
+    Pdu& Data(const Bytes& data) { b.insert(b.end(), data.begin(), data.end()); return *this; }
+};
+
+Bytes Random(size_t nSize, unsigned nSeed)
+{
+    Bytes data(nSize);
+    for (size_t i = 0; i < nSize; ++i)
+        data[i] = (uint8_t)((i * 2654435761u + nSeed) >> 13);
+    return data;
+}
+Bytes Slice(const Bytes& data, size_t nPos, size_t nLen)
+{
+    return Bytes(data.begin() + nPos, data.begin() + std::min(data.size(), nPos + nLen));
+}
+// The payloads of all PDUs sent, or of all events raised, end to end.
+template <class T> Bytes Joined(const std::vector<T>& vec)
+{
+    Bytes all;
+    for (const auto& item : vec)
+        all.insert(all.end(), item.data.begin(), item.data.end());
+    return all;
+}
+
+// 8005 with a data block, and 8006, as the wire has them.
+Bytes Block(uint32_t ulPos, const Bytes& data, const QB_UserID& user = kAlice)
+{
+    return Pdu().U16(5).User(user).U32(0).U8(0).U32((uint32_t)data.size()).U32(ulPos).Data(data).b;
+}
+Bytes Answer(uint32_t ulResult, uint32_t ulPos, const QB_UserID& user = kAlice)
+{
+    return Pdu().U16(5).U32(ulResult).U16(5).User(user).U32(0).U32(ulPos).b;
+}
+
+struct UploadFixture : public ::testing::Test
+{
+    QB_FaultEnv env;
+    QB_ScopedEnv scoped{&env};
+    QB_TempFolder tmp;
+    ZV_RecordingHost host;
+    ZV_FileShareMgr mgr;
+    ZV_FileShareSession* lpSession = nullptr;
+    Bytes data;
+
+    UploadFixture() { QB_SetEnvironmentVariable("ROOMCRATE_HOME", tmp.Path().c_str()); }
+    ~UploadFixture() override { QB_SetEnvironmentVariable("ROOMCRATE_HOME", nullptr); }
+
+    // Alice's "song.ogg" of nSize bytes as FileID 5: on a client her local
+    // file, opened as the add leaves it; on a server the store, not yet made.
+    void Make(bool bServer, size_t nSize)
+    {
+        if (mgr.m_mapSession.Lookup(5, lpSession))
+            delete lpSession;
+        host.m_vecSent.clear();
+        host.m_vecEvents.clear();
+        host.Attach(&mgr);
+        host.m_bServer = bServer;
+        env.ClearFaults();
+        env.SetTimeT(1300260108);
+        std::filesystem::create_directories(tmp.Sub("log"));
+        std::filesystem::create_directories(tmp.Sub("7"));
+        data = Random(nSize, (unsigned)nSize);
+        lpSession = new ZV_FileShareSession(&mgr, QB_StringA(tmp.PathW()).GetString());
+        lpSession->m_usFileID = 5;
+        lpSession->m_BriefInfo.SetCreatorID(kAlice);
+        lpSession->m_BriefInfo.SetFileLenth((uint32_t)nSize);
+        lpSession->m_FileInfo.SetBriefInfo(lpSession->m_BriefInfo);
+        lpSession->m_FileInfo.SetFileNewName(QB_StringU8("song.ogg"));
+        mgr.m_mapSession.SetAt(5, lpSession);
+        if (bServer)
+            return;
+        QB_WriteWholeFile(tmp.Sub("song.ogg"), data);
+        lpSession->m_File.Open(tmp.SubW("song.ogg"), QB_FILE_READ | QB_FILE_OPEN_EXISTING);
+    }
+    uint32_t Deliver(uint16_t usPdu, const Bytes& payload, const QB_UserID& peer = kAlice, uint32_t ulConn = 100024)
+    {
+        ConfPduData cpd{peer.m_ulMain, peer.m_ulSub, ulConn, 0, zvConfClientTypeData, usPdu, 0, 0, 0,
+                        (uint32_t)payload.size(), payload.data()};
+        return mgr.HandlePdu(&cpd);
+    }
+    // One call of the host for Alice's data link; the blocks it sent.
+    std::vector<ZV_SentPdu> OnSend()
+    {
+        host.m_vecSent.clear();
+        ConfPduData cpd{kAlice.m_ulMain, kAlice.m_ulSub, 12, 0, zvConfClientTypeData, 0, 0, 0, 0, 0, nullptr};
+        mgr.OnSend(&cpd);
+        return host.SentOf(PDU_CONF_FS_UPLOAD_REQUEST);
+    }
+    std::string ClientLog() const
+    {
+        const Bytes log = QB_ReadWholeFile(tmp.Sub("log/log_error_client.txt"));
+        return std::string(log.begin(), log.end());
+    }
+    uint32_t FsUpload(uint16_t usFileID) { return static_cast<IZV_FileShareMgr&>(mgr).FsUpload(usFileID); }
+    const ZV_FileBriefInfo& Row() const { return lpSession->m_FileInfo.m_BriefInfo; }
+    Bytes Stored() const { return QB_ReadWholeFile(tmp.Sub("7/song.ogg")); }
+};
+
+using Upload = UploadFixture;
+
+} // namespace
+
+TEST_F(Upload, FsUploadStartsThePumpWhichSendsThreeBlocksPerCallUntilTheSharedLength)
+{
+    struct { size_t nSize; std::vector<size_t> vecCalls; } aCases[] = {
+        {98305, {3, 1}}, {32768, {1}}, {0, {1}}};
+    for (const auto& c : aCases)
+    {
+        Make(false, c.nSize);
+        ASSERT_EQ(0u, FsUpload(5));
+        ASSERT_EQ(2u, host.m_vecSent.size());
+        EXPECT_TRUE(host.m_vecSent[0].usPdu == PDU_CONF_FS_KICK && host.m_vecSent[0].ulConn == 12);
+        EXPECT_EQ(11u, host.m_vecSent[1].ulConn);
+        EXPECT_EQ(Pdu().U16(5).User(kAlice).U32(0).U8(1).b, host.m_vecSent[1].data) << "the start marker";
+        // 3008 with 0.0 percent, whose eight bytes are all zero.
+        EXPECT_EQ(Pdu().U16(zvFsEventUploadProgress).U32(0).U16(5).U32(0).U32(0).b, Joined(host.m_vecEvents));
+
+        uint32_t ulPos = 0;
+        for (size_t nBlocks : c.vecCalls)
+        {
+            EXPECT_EQ(ZV_FILESTATE_UPLOADING, lpSession->m_BriefInfo.m_usFileState) << c.nSize;
+            const auto vecBlocks = OnSend();
+            ASSERT_EQ(nBlocks, vecBlocks.size()) << c.nSize;
+            for (const auto& sent : vecBlocks)
+            {
+                EXPECT_EQ(12u, sent.ulConn);
+                EXPECT_EQ(Block(ulPos, Slice(data, ulPos, ZV_BLOCK_SIZE)), sent.data) << c.nSize << " at " << ulPos;
+                ulPos += (uint32_t)std::min<size_t>(ZV_BLOCK_SIZE, c.nSize - ulPos);
+            }
+        }
+        EXPECT_EQ(ZV_FILESTATE_COMPLETE, lpSession->m_BriefInfo.m_usFileState) << c.nSize;
+        EXPECT_TRUE(OnSend().empty()) << c.nSize << ": nothing after the last block";
+        EXPECT_TRUE(host.m_vecEvents.size() == 1 && ClientLog().empty()) << c.nSize;
+    }
+}
+
+TEST_F(Upload, FsUploadRefusesUnknownAndReservedFilesAndSendsTheStartMarkerEvenWithoutADataLink)
+{
+    Make(false, 10);
+    EXPECT_EQ(82u, FsUpload(6));
+    mgr.m_mapSession.SetAt(6, nullptr);
+    EXPECT_EQ(83u, FsUpload(6));
+    EXPECT_EQ("2011-03-16 07:21:48 : ZV_FileShareMgr.FsUpload ret = 82\r\n", ClientLog()) << "no line for 83";
+    EXPECT_TRUE(host.m_vecSent.empty());
+
+    host.m_ulDataConn = zvConnNone;
+    EXPECT_EQ(0u, FsUpload(5));
+    ASSERT_EQ(1u, host.m_vecSent.size());
+    EXPECT_TRUE(host.m_vecSent[0].usPdu == PDU_CONF_FS_UPLOAD_REQUEST && host.m_vecSent[0].ulConn == 11);
+}
+
+TEST_F(Upload, ClientThatCannotReadItsFileFailsAndSaysSoUnlessTheServerHoldsItAll)
+{
+    struct { const char* szName; QB_EnvOp eFault; int nNth; size_t nShrunkTo; uint32_t ulMaxPos; uint32_t ulReadPos;
+             size_t nSent; } aCases[] = {
+        {"seek fails", QB_EnvOp::Seek, 1, 98305, 0, 0, 0},
+        {"second read fails", QB_EnvOp::Read, 2, 98305, 0, 32768, 1},
+        {"file shrank since it was shared", QB_EnvOp::Count_, 0, 40000, 0, 40000, 2},
+        {"server has it all", QB_EnvOp::Read, 1, 98305, 98305, 0, 0}};
+    std::string sLog;
+    for (const auto& c : aCases)
+    {
+        Make(false, 98305);
+        data.resize(c.nShrunkTo);
+        QB_WriteWholeFile(tmp.Sub("song.ogg"), data);
+        lpSession->m_ulMaxPos = c.ulMaxPos;
+        FsUpload(5);
+        host.m_vecEvents.clear();
+        if (c.eFault != QB_EnvOp::Count_)
+            env.FailAt(c.eFault, c.nNth);
+        const bool bReported = c.ulMaxPos == 0;
+        EXPECT_EQ(c.nSent, OnSend().size()) << c.szName;
+        EXPECT_EQ(bReported ? ZV_FILESTATE_FAILED : ZV_FILESTATE_UPLOADING, lpSession->m_BriefInfo.m_usFileState)
+            << c.szName;
+        EXPECT_EQ(bReported ? Pdu().U16(5).User(kAlice).U32(0).U32(c.ulReadPos).b : Bytes(),
+                  Joined(host.SentOf(PDU_CONF_FS_UPLOAD_ERROR_REQUEST))) << c.szName << ": 8035";
+        EXPECT_EQ(bReported ? Pdu().U16(zvFsEventTransferError).U32(61).U16(5).b : Bytes(), Joined(host.m_vecEvents))
+            << c.szName;
+        sLog += bReported ? "2011-03-16 07:21:48 : ZV_FileShareMgr.OnSend ret = 61 \r\n" : "";
+        EXPECT_EQ(sLog, ClientLog()) << c.szName;
+    }
+}
+
+TEST_F(Upload, ServerTakesTheStartMarkerThenWritesOnlyAtItsWritePositionAsksOnceAcrossAGapAndFinishes)
+{
+    Make(true, 98305);
+    host.m_bHasServerLinks = true;
+    EXPECT_EQ(0u, Deliver(PDU_CONF_FS_UPLOAD_REQUEST, Pdu().U16(5).User(kAlice).U32(0).U8(1).b));
+    EXPECT_EQ(0u, Deliver(PDU_CONF_FS_UPLOAD_REQUEST, Pdu().U16(5).User(kAlice).U32(100).U8(1).b, QB_UserID(2, 0)));
+    EXPECT_EQ(ZV_FILESTATE_UPLOADING, Row().m_usFileState);
+    ASSERT_EQ(1u, host.m_vecSent.size()) << "the start marker goes on to the servers once";
+    EXPECT_EQ(Pdu().U16(7).U16(5).User(kAlice).U32(100).U8(1).b, host.m_vecSent[0].data);
+    EXPECT_EQ("servers", host.m_vecSent[0].sRoute);
+
+    struct { const char* szName; uint32_t ulPos; uint32_t ulWritePos; size_t nAnswers; } aSteps[] = {
+        {"first", 0, 32768, 0}, {"duplicate", 0, 32768, 0}, {"gap", 65536, 32768, 1},
+        {"behind the gap", 98304, 32768, 1}, {"at the position", 32768, 65536, 1},
+        {"next", 65536, 98304, 1}, {"last", 98304, 98305, 1}};
+    for (const auto& s : aSteps)
+    {
+        EXPECT_EQ(0u, Deliver(PDU_CONF_FS_UPLOAD_REQUEST, Block(s.ulPos, Slice(data, s.ulPos, ZV_BLOCK_SIZE))));
+        EXPECT_EQ(s.ulWritePos, lpSession->m_FileInfo.m_ulFileWritePos) << s.szName;
+        EXPECT_EQ(s.nAnswers, host.SentOf(PDU_CONF_FS_UPLOAD_RESPONSE).size()) << s.szName;
+        EXPECT_EQ(Slice(data, 0, s.ulWritePos), Stored()) << s.szName;
+    }
+    EXPECT_EQ(Answer(0, 32768), host.SentOf(PDU_CONF_FS_UPLOAD_RESPONSE)[0].data);
+    EXPECT_EQ(100024u, host.SentOf(PDU_CONF_FS_UPLOAD_RESPONSE)[0].ulConn);
+    EXPECT_EQ(ZV_FILESTATE_COMPLETE, Row().m_usFileState);
+    // To the clients: uploading at the first block, complete at the last.
+    EXPECT_EQ((Bytes{1, 5, 0, 1, 0, 1, 1, 5, 0, 3, 0, 1}), Joined(host.SentOf(PDU_CONF_FS_FILE_STATE_NOTICE)));
+    EXPECT_EQ("group", host.SentOf(PDU_CONF_FS_FILE_STATE_NOTICE)[0].sRoute);
+    EXPECT_EQ(Pdu().U16(7).U16(5).User(QB_UserID(1, 0)).U32(101).b,
+              Joined(host.SentOf(PDU_CONF_FS_UPLOAD_FINISH_Response)));
+    EXPECT_EQ(4u, host.SentOf(PDU_CONF_FS_PROGRESSING_RESPONSE).size()) << "one per block that moved the position";
+}
+
+TEST_F(Upload, ServerRefusesABlockItCannotTakeAndTheNextBlockShowsWhatItRemembers)
+{
+    struct { const char* szName; QB_UserID sender; size_t nLen; QB_EnvOp eFault; uint32_t ulResult; uint32_t ulNextPos;
+             size_t nNextAnswers; uint32_t ulWritePos; } aCases[] = {
+        {"not the creator", kBob, 100, QB_EnvOp::Count_, 40, 0, 1, 0},
+        {"longer than a block", kAlice, 32769, QB_EnvOp::Count_, 61, 32768, 0, 0},
+        {"store not opened", kAlice, 100, QB_EnvOp::Open, 60, 0, 0, 100},
+        {"write fails", kAlice, 100, QB_EnvOp::Write, 61, 32768, 0, 0}};
+    for (const auto& c : aCases)
+    {
+        std::filesystem::remove_all(tmp.Sub("7"));
+        Make(true, 98305);
+        if (c.eFault != QB_EnvOp::Count_)
+            env.FailAt(c.eFault, 1);
+        Deliver(PDU_CONF_FS_UPLOAD_REQUEST, Block(0, Random(c.nLen, 9), c.sender));
+        EXPECT_EQ(Answer(c.ulResult, 0, c.sender), Joined(host.SentOf(PDU_CONF_FS_UPLOAD_RESPONSE))) << c.szName;
+        EXPECT_EQ(ZV_FILESTATE_FAILED, Row().m_usFileState) << c.szName;
+        EXPECT_EQ(0u, Stored().size()) << c.szName;
+
+        Deliver(PDU_CONF_FS_UPLOAD_REQUEST, Block(c.ulNextPos, Slice(data, c.ulNextPos, 100), c.sender));
+        EXPECT_EQ(1 + c.nNextAnswers, host.SentOf(PDU_CONF_FS_UPLOAD_RESPONSE).size()) << c.szName;
+        EXPECT_EQ(c.ulWritePos, lpSession->m_FileInfo.m_ulFileWritePos) << c.szName;
+        EXPECT_EQ(Slice(data, 0, c.ulWritePos), Stored()) << c.szName;
+    }
+}
+
+TEST_F(Upload, StateNoticeRaisesOneTransferStateEventPerFileAndIgnoresATruncatedOne)
+{
+    Make(false, 10);
+    EXPECT_EQ(0u, Deliver(PDU_CONF_FS_FILE_STATE_NOTICE, Pdu().U8(2).U16(5).U16(300).U16(4).U8(1).b));
+    EXPECT_EQ(5u, Deliver(PDU_CONF_FS_FILE_STATE_NOTICE, Pdu().U8(2).U16(5).U16(300).U16(4).b));
+    ASSERT_EQ(2u, host.m_vecEvents.size());
+    EXPECT_EQ(Pdu().U16(zvFsEventTransferState).U32(0).U8(1).U16(5).U16(4).b, host.m_vecEvents[0].data);
+    EXPECT_EQ(Pdu().U16(zvFsEventTransferState).U32(0).U8(1).U16(300).U16(4).b, host.m_vecEvents[1].data);
+}
