@@ -5,16 +5,16 @@
 // makes a file of random bytes and copies it three ways: with cp, with a
 // plain loop of 32 KiB reads and writes, and through the simulator, where
 // Alice shares it, the server stores it and Bob downloads it, so that the
-// module writes every byte twice and reads it twice. Each copy runs in a
-// child process of its own, so that one's peak memory does not hide
-// another's, and is checked byte for byte afterwards, outside the timing.
-// CPU time is the children's user plus system time; peak RSS is the child's
-// own maximum resident set.
+// module writes every byte twice and reads it twice. Each copy runs three
+// times, each time in a child process of its own so that one's peak memory
+// does not hide another's, and is checked byte for byte afterwards, outside
+// the timing. CPU time is the children's user plus system time; peak RSS is
+// the child's own maximum resident set.
 //
 //     transfer_bench --module-only MiB folder
 //
-// runs the conference copy alone in this process, on a source file made
-// before, for a profiler such as `perf record` to watch.
+// runs the conference copy alone in this process, on folder/alice/source.bin
+// made before, for a profiler such as `perf record` to watch.
 //
 // Nothing here waits for the disk: like cp, every copy ends when its bytes
 // are in the page cache, and a sync before each run starts it clean.
