@@ -14,9 +14,10 @@ namespace {
 class ZV_EventBuffer
 {
 public:
+    // Only the bytes written are handed on, so the buffer is not cleared:
+    // progress events come once per block.
     explicit ZV_EventBuffer(uint16_t usEvent) : m_usEvent(usEvent), m_stream(m_abData, sizeof(m_abData), false)
     {
-        std::memset(m_abData, 0, sizeof(m_abData));
         m_stream.WriteU16(usEvent);
     }
     QB_ByteStream& Stream() { return m_stream; }
