@@ -16,20 +16,16 @@ ZV_FileShareMgr::ZV_FileShareMgr()
 ZV_FileShareMgr::~ZV_FileShareMgr()
 {
     // Sessions go; stored files and catalogue rows stay where they are.
-    for (QB_POSITION pos = m_mapSession.GetStartPosition(); pos != nullptr;)
-    {
-        uint16_t usFileID = 0;
-        ZV_FileShareSession* lpFsSession = nullptr;
+    ForEachSession([](uint16_t, ZV_FileShareSession* lpFsSession) {
         try
         {
-            m_mapSession.GetNextAssoc(pos, usFileID, lpFsSession);
             delete lpFsSession;
         }
         catch (...)
         {
             QB_WriteLog(2, "error", "ZV_FileShareMgr::~ZV_FileShareMgr exception.\r\n");
         }
-    }
+    });
     m_mapSession.RemoveAll();
 }
 
@@ -182,12 +178,7 @@ uint32_t ZV_FileShareMgr::OnDisconnect(const QB_UserID* lpPeer, uint32_t ulConn,
     const bool bServer = m_lpConf->IsServerMode();
     if (bServer && usConnType != zvConfClientTypeCommand)
     {
-        for (QB_POSITION pos = m_mapSession.GetStartPosition(); pos != nullptr;)
-        {
-            uint16_t usFileID = 0;
-            ZV_FileShareSession* lpFsSession = nullptr;
-            m_mapSession.GetNextAssoc(pos, usFileID, lpFsSession);
-            assert(lpFsSession != NULL && "lpFsSession != NULL");
+        ForEachSession([&](uint16_t, ZV_FileShareSession* lpFsSession) {
             try
             {
                 if (lpFsSession)
@@ -197,7 +188,7 @@ uint32_t ZV_FileShareMgr::OnDisconnect(const QB_UserID* lpPeer, uint32_t ulConn,
             {
                 QB_WriteLog(2, "error", "ZV_FileShareMgr::OnDisconnect exception.\r\n");
             }
-        }
+        });
     }
     if (bServer)
     {
@@ -215,12 +206,8 @@ uint32_t ZV_FileShareMgr::OnDisconnect(const QB_UserID* lpPeer, uint32_t ulConn,
 
 uint32_t ZV_FileShareMgr::OnSend(ConfPduData* lpCpd)
 {
-    for (QB_POSITION pos = m_mapSession.GetStartPosition(); pos != nullptr;)
-    {
-        uint16_t usFileID = 0;
-        ZV_FileShareSession* lpFsSession = nullptr;
-        m_mapSession.GetNextAssoc(pos, usFileID, lpFsSession);
-        assert(lpFsSession != NULL && "lpFsSession != NULL");
+    // A key reserved by an add that never finished holds no session.
+    ForEachSession([&](uint16_t, ZV_FileShareSession* lpFsSession) {
         try
         {
             if (lpFsSession)
@@ -230,7 +217,7 @@ uint32_t ZV_FileShareMgr::OnSend(ConfPduData* lpCpd)
         {
             QB_WriteLog(2, "error", "ZV_FileShareMgr::OnSend.OnSend exception.\r\n");
         }
-    }
+    });
     return 0;
 }
 
@@ -243,14 +230,10 @@ void ZV_FileShareMgr::OnTimer(uint32_t ulTick)
     // in their remainder take turns.
     if ((m_lpConf->GetConfID() & 0xFFFF) % 5 != ulTick % 5)
         return;
-    for (QB_POSITION pos = m_mapSession.GetStartPosition(); pos != nullptr;)
-    {
-        uint16_t usFileID = 0;
-        ZV_FileShareSession* lpFsSession = nullptr;
-        m_mapSession.GetNextAssoc(pos, usFileID, lpFsSession);
+    ForEachSession([&](uint16_t, ZV_FileShareSession* lpFsSession) {
         if (lpFsSession)
             lpFsSession->OnTimer(ulTick);
-    }
+    });
     if (!m_lpConf->IsClientMode())
         return;
     if (!m_arrBusyFileID.IsEmpty())

@@ -179,6 +179,20 @@ public:
     char m_cDataLink = '4';
     uint16_t m_usNextFileID = 1;
     ZV_SessionMap m_mapSession;
+
+    // fn(usFileID, lpFsSession) for every key of the map in its walk order,
+    // a reserved key (null session) included.
+    template <typename F>
+    void ForEachSession(F&& fn)
+    {
+        for (QB_POSITION pos = m_mapSession.GetStartPosition(); pos != nullptr;)
+        {
+            uint16_t usFileID = 0;
+            ZV_FileShareSession* lpFsSession = nullptr;
+            m_mapSession.GetNextAssoc(pos, usFileID, lpFsSession);
+            fn(usFileID, lpFsSession);
+        }
+    }
     ZV_FinishedDownloadMap m_mapFinishedDownload{97};
     QB_StringA m_strPath;
     QB_Array<uint16_t> m_arrBusyFileID;

@@ -128,9 +128,7 @@ uint32_t ZV_FileShareMgr::HandleAddRequest(ConfPduData* lpCpd)
     ZV_PayloadReader stream(lpCpd);
     ZV_AddRequest ask;
     ask.LoadHead(stream);
-    if (ask.ulFloodSeq == 0)
-        ask.ulFloodSeq = m_lpConf->NewFloodSeq(&ask.creator, 0);
-    if (m_lpConf->IsFloodSeen(&ask.creator, ask.ulFloodSeq))
+    if (!ZV_IsNewFlood(m_lpConf, ask.creator, ask.ulFloodSeq))
         return ZV_OK;
     ask.LoadBody(stream);
     const bool bFromClient = lpCpd->conn_type == zvConfClientTypeCommand;

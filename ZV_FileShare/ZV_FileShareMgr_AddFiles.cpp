@@ -316,9 +316,7 @@ uint32_t ZV_FileShareMgr::HandleAddFilesRequest(ConfPduData* lpCpd)
     ZV_PayloadReader stream(lpCpd);
     ZV_AddFilesRequest ask;
     ask.LoadHead(stream);
-    if (ask.ulFloodSeq == 0)
-        ask.ulFloodSeq = m_lpConf->NewFloodSeq(&ask.user, 0);
-    if (m_lpConf->IsFloodSeen(&ask.user, ask.ulFloodSeq))
+    if (!ZV_IsNewFlood(m_lpConf, ask.user, ask.ulFloodSeq))
         return ZV_OK;
     ask.LoadBody(stream);
     const bool bFromClient = lpCpd->conn_type == zvConfClientTypeCommand;

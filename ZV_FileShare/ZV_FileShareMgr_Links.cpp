@@ -60,19 +60,15 @@ void ZV_FileShareMgr::SendFileDownloadPos(bool bClient, uint32_t ulServerID)
 {
     try
     {
-        for (QB_POSITION pos = m_mapSession.GetStartPosition(); pos != nullptr;)
-        {
-            uint16_t usFileID = 0;
-            ZV_FileShareSession* lpFsSession = nullptr;
-            m_mapSession.GetNextAssoc(pos, usFileID, lpFsSession);
+        ForEachSession([&](uint16_t, ZV_FileShareSession* lpFsSession) {
             if (lpFsSession == nullptr)
-                continue;
+                return;
             const QB_UserID creator = lpFsSession->m_FileInfo.m_BriefInfo.m_CreatorID;
             const ZV_FileDownloadInfo download = lpFsSession->m_LocalDownload;
             if (download.m_usState == ZV_DLSTATE_RUNNING)
                 RestartDownload(this, lpFsSession, download, creator, bClient, ulServerID);
             RepublishUpload(this, lpFsSession, creator);
-        }
+        });
     }
     catch (...)
     {

@@ -83,20 +83,16 @@ uint32_t ZV_FileShareMgr::CleanData()
         if (!m_lpConf->IsServerMode())
             return ZV_OK;
         // Keys go together at the end: the walk must not lose its place.
-        for (QB_POSITION pos = m_mapSession.GetStartPosition(); pos != nullptr;)
-        {
-            uint16_t usFileID = 0;
-            ZV_FileShareSession* lpFsSession = nullptr;
-            m_mapSession.GetNextAssoc(pos, usFileID, lpFsSession);
+        ForEachSession([&](uint16_t usFileID, ZV_FileShareSession* lpFsSession) {
             if (lpFsSession == nullptr)
-                continue;
+                return;
             const QB_StringU8 sName = lpFsSession->m_FileInfo.m_sFileNewName;
             const QB_StringW sPath = lpFsSession->GetConfDir() + QB_StringW(sName);
             delete lpFsSession;
             m_mapSession.SetAt(usFileID, nullptr);
             if (ZV_FileCatalog::IsPlainFileName(QB_StringA(sName)))
                 QB_FileEx::Delete(sPath);
-        }
+        });
         m_mapSession.RemoveAll();
         m_Catalog.DeleteConf(m_lpConf->GetConfID());
     }

@@ -114,9 +114,7 @@ uint32_t ZV_FileShareSession::HandleIsStopDownloadRequest(ConfPduData* lpCpd)
     ReadStopAsk(stream, ask, false);
     if (!lpConf->IsServerMode())
         return 0;
-    if (ask.ulFloodSeq == 0)
-        ask.ulFloodSeq = lpConf->NewFloodSeq(&ask.user, 0);
-    if (lpConf->IsFloodSeen(&ask.user, ask.ulFloodSeq))
+    if (!ZV_IsNewFlood(lpConf, ask.user, ask.ulFloodSeq))
         return 0;
     FloodStopAsk(PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST, ask.user, ask.ulFloodSeq, ask.bStop, 0);
     ZV_FileDownloadInfo* pEntry = m_mapDownload.Find(ask.user);
@@ -358,9 +356,7 @@ uint32_t ZV_FileShareSession::HandleUploadErrorRequest(ConfPduData* lpCpd)
         return 0;
     if (IsClientRequest(lpCpd) && m_FileInfo.m_BriefInfo.m_usFileState == ZV_FILESTATE_COMPLETE)
         return 0;
-    if (ulFloodSeq == 0)
-        ulFloodSeq = lpConf->NewFloodSeq(&user, 0);
-    if (lpConf->IsFloodSeen(&user, ulFloodSeq))
+    if (!ZV_IsNewFlood(lpConf, user, ulFloodSeq))
         return 0;
     m_ulMaxPos = ulPos;
     if (lpConf->HasServerLinks())

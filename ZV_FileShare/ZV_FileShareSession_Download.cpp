@@ -189,9 +189,7 @@ uint32_t ZV_FileShareSession::HandleDownloadRequest(ConfPduData* lpCpd)
         return 0;
     if (!ask.bFromServer)
     {
-        if (ask.ulFloodSeq == 0)
-            ask.ulFloodSeq = lpConf->NewFloodSeq(&ask.user, 0);
-        if (lpConf->IsFloodSeen(&ask.user, ask.ulFloodSeq))
+        if (!ZV_IsNewFlood(lpConf, ask.user, ask.ulFloodSeq))
             return 0;
         if (!MayDownload(m_FileInfo.m_BriefInfo, ask.user))
         {

@@ -251,9 +251,7 @@ uint32_t ZV_FileShareSession::HandleUploadRequest(ConfPduData* lpCpd)
 void ZV_FileShareSession::TakeStartMarker(const QB_UserID& user, uint32_t ulFloodSeq)
 {
     IZV_ConfHost* lpConf = Conf();
-    if (ulFloodSeq == 0)
-        ulFloodSeq = lpConf->NewFloodSeq(&user, 0);
-    if (lpConf->IsFloodSeen(&user, ulFloodSeq))
+    if (!ZV_IsNewFlood(lpConf, user, ulFloodSeq))
         return;
     if (m_FileInfo.m_BriefInfo.m_usFileState == ZV_FILESTATE_ADDED)
         m_FileInfo.m_BriefInfo.SetFileState(ZV_FILESTATE_UPLOADING);

@@ -92,3 +92,10 @@ void ZV_TraceRecv(const char* pszPduName)
 {
     std::fprintf(g_lpTraceStream ? g_lpTraceStream : stdout, "recv a %s\r\n", pszPduName);
 }
+
+bool ZV_IsNewFlood(IZV_ConfHost* lpConf, const QB_UserID& origin, uint32_t& ulFloodSeq)
+{
+    if (ulFloodSeq == 0)
+        ulFloodSeq = lpConf->NewFloodSeq(&origin, 0);
+    return !lpConf->IsFloodSeen(&origin, ulFloodSeq);
+}

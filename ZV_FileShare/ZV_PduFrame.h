@@ -57,6 +57,10 @@ uint32_t ZV_SendToServerData(IZV_ConfHost* lpConf, uint32_t ulServerMain, uint16
                              uint8_t bFlag1 = 1, uint8_t bFlag2 = 1);
 uint32_t ZV_SendOnServerLink(IZV_ConfHost* lpConf, uint32_t ulConn, uint16_t usPdu, ZV_PduBuffer& pdu,
                              uint8_t bFlag1 = 1, uint8_t bFlag2 = 1);
+// A request from a client (sequence 0) gets its flood's number here; true
+// when this server meets the flood for the first time and should act on it.
+bool ZV_IsNewFlood(IZV_ConfHost* lpConf, const QB_UserID& origin, uint32_t& ulFloodSeq);
+
 // The kick: the empty PDU 257 on a data link, which makes the host call
 // OnSend for that link.
 uint32_t ZV_SendKick(IZV_ConfHost* lpConf, uint32_t ulConn);
