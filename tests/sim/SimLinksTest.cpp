@@ -1,104 +1,149 @@
-// Connections as each end numbers them, the peers that each end is told of,
-// and links that drop and come back.
+// Links: the kick (PDU 257 on a data connection is the module asking for
+// OnSend calls, which go on while it sends and pause while the link is full)
+// and connections that drop and come back.
 #include "ZV_SimFakeModule.h"
 
 #include <gtest/gtest.h>
 
 namespace {
 
+const uint8_t kBlock[] = {0x0B, 0x0C};
 const std::vector<uint8_t> kFields = {1, 2, 3};
 
-// A PDU on a client link is named by its client at both ends, one on a
-// server link by the other server.
-QB_UserID PeerAsSeenBy(ZV_SimHost* lpEnd, ZV_SimHost* lpOther)
+constexpr int kKickOnly = -1;
+
+// Each OnSend call sends the next count of blocks on the connection it is
+// for, or only kicks it again; past the end of the plan it sends nothing.
+void SendByPlan(ZV_SimFakeModule& fake, std::vector<int> vecPlan)
 {
-    ZV_SimHost* lpClient = !lpEnd->IsServer() ? lpEnd : lpOther;
-    return lpClient->IsServer() ? QB_UserID(lpOther->GetLocalServerID(), 0) : lpClient->GetUserID();
+    fake.fnOnSend = [vecPlan, nCall = size_t(0)](ZV_SimFakeModule& self, const ConfPduData& cpd) mutable {
+        int nBlocks = nCall < vecPlan.size() ? vecPlan[nCall] : 0;
+        ++nCall;
+        if (nBlocks == kKickOnly)
+            self.m_lpConf->SendPdu(cpd.ulConn, PDU_CONF_FS_KICK, nullptr, 0, 0, 0);
+        for (int i = 0; i < nBlocks; ++i)
+            self.m_lpConf->SendPdu(cpd.ulConn, 8005, kBlock, sizeof kBlock, 1, 1);
+    };
 }
 
-// Sends from one end of a link and checks what the other end is handed;
-// gives the connection the receiver saw, for the answer.
-uint32_t ExpectArrival(ZV_SimConference& sim, ZV_SimHost* lpFrom, uint32_t ulFromConn, ZV_SimHost* lpTo,
-                       uint16_t usConnType, uint32_t ulToConn)
+uint32_t Kick(ZV_SimHost* lpNode, uint32_t ulConn)
 {
-    EXPECT_EQ(lpFrom->SendPdu(ulFromConn, 8001, kFields.data(), 3, 1, 1), 0u);
-    EXPECT_TRUE(sim.Run());
-    ZV_SimFakeCall call = FakeOf(lpTo).CallsOf("HandlePdu").back();
-    EXPECT_EQ(call.peer, PeerAsSeenBy(lpTo, lpFrom));
-    EXPECT_EQ(call.ulConn, ulToConn);
-    EXPECT_EQ(call.usConnType, usConnType);
-    EXPECT_NE(ulToConn, ulFromConn) << "each end numbers a connection itself";
-    return call.ulConn;
+    return lpNode->SendPdu(ulConn, PDU_CONF_FS_KICK, nullptr, 0, 0, 0);
+}
+
+uint32_t DataConn(ZV_SimHost* lpClient)
+{
+    return lpClient->GetServerLink()->GetConn(zvConfClientTypeData);
 }
 
 }  // namespace
 
-TEST(SimConference, NamesThePeerAndTheReceiversOwnConnectionOnBothEndsOfEveryConnection)
+TEST(SimKick, KeepsCallingOnSendWhileTheModuleSendsOnThatConnectionAndRestsWhenItStops)
 {
-    ZV_SimFakeConference sim;
-    ZV_SimShape shape = sim.TwoLinkedServers(1);
-    ZV_SimHost* lpServer1 = shape.Server(0);
-    ZV_SimHost* lpServer2 = shape.Server(1);
-    ZV_SimHost* lpAlice = shape.Client(0);
-    for (uint16_t usType : {zvConfClientTypeCommand, zvConfClientTypeData})
+    const struct
     {
-        SCOPED_TRACE(usType);
-        uint32_t ulClientConn = lpAlice->GetServerLink()->GetConn(usType);
-        uint32_t ulServerConn = lpServer1->GetUserConn(&lpAlice->GetUserID(), usType);
-        uint32_t ulSeen = ExpectArrival(sim, lpAlice, ulClientConn, lpServer1, usType, ulServerConn);
-        ExpectArrival(sim, lpServer1, ulSeen, lpAlice, usType, ulClientConn);
-    }
-    for (uint16_t usType : {zvConfServerTypeCommand, zvConfServerTypeData})
+        const char* szName;
+        std::vector<int> vecPlan;
+        size_t nCalls;
+    } aRows[] = {
+        {"sends three blocks a call, three times", {3, 3, 3}, 4},
+        {"sends one block, pauses a call, and would send again", {1, 0, 5}, 2},
+        {"only kicks its link again, twice", {kKickOnly, kKickOnly}, 3},
+    };
+    for (const auto& row : aRows)
     {
-        SCOPED_TRACE(usType);
-        uint32_t ulConn1 = lpServer1->GetServerConn(2, usType, 0);
-        uint32_t ulConn2 = lpServer2->GetServerConn(1, usType, 0);
-        uint32_t ulSeen = ExpectArrival(sim, lpServer1, ulConn1, lpServer2, usType, ulConn2);
-        ExpectArrival(sim, lpServer2, ulSeen, lpServer1, usType, ulConn1);
+        SCOPED_TRACE(row.szName);
+        ZV_SimFakeConference sim;
+        ZV_SimHost* lpAlice = sim.OneServerTwoClients().Client(0);
+        SendByPlan(FakeOf(lpAlice), row.vecPlan);
+        Kick(lpAlice, DataConn(lpAlice));
+        ASSERT_TRUE(sim.Run()) << sim.GetError();
+        EXPECT_EQ(FakeOf(lpAlice).CallsOf("OnSend").size(), row.nCalls);
     }
 }
 
+// A call that only sends on the command connection leaves the data link
+// resting; the next kicks, however many, wake it for one call.
+TEST(SimKick, WakesARestingLinkOnceAtTheNextKicks)
+{
+    ZV_SimFakeConference sim;
+    ZV_SimHost* lpAlice = sim.OneServerTwoClients().Client(0);
+    FakeOf(lpAlice).fnOnSend = [](ZV_SimFakeModule& self, const ConfPduData&) {
+        self.m_lpConf->SendPdu(self.m_lpConf->GetServerLink()->GetConn(0), 8012, kBlock, sizeof kBlock, 1, 1);
+    };
+    Kick(lpAlice, DataConn(lpAlice));
+    ASSERT_TRUE(sim.Run());
+    ASSERT_EQ(FakeOf(lpAlice).CallsOf("OnSend").size(), 1u);
+    Kick(lpAlice, DataConn(lpAlice));
+    Kick(lpAlice, DataConn(lpAlice));
+    ASSERT_TRUE(sim.Run());
+    EXPECT_EQ(FakeOf(lpAlice).CallsOf("OnSend").size(), 2u);
+}
+
+// With a bound of 8, a call that sends 10 leaves the link full; OnSend comes
+// back only once three deliveries have taken it below the bound. A cut
+// forgets what the link had in flight, so the next ten go out at once.
+TEST(SimKick, HoldsOnSendBackUntilDeliveriesTakeTheLinkBelowTheBoundAndForgetsTheLostAtACut)
+{
+    ZV_SimFakeConference sim([](ZV_SimOptions& options) { options.nInFlightBound = 8; });
+    ZV_SimShape shape = sim.OneServerTwoClients();
+    ASSERT_TRUE(sim.Run());
+    ZV_SimHost* lpAlice = shape.Client(0);
+    SendByPlan(FakeOf(lpAlice), {10, 1, 0, 10, 10});
+
+    Kick(lpAlice, DataConn(lpAlice));
+    ASSERT_EQ(sim.GetPending(), 1u);
+    sim.Step();
+    EXPECT_EQ(sim.GetPending(), 10u) << "ten blocks and no OnSend";
+    sim.Step();
+    sim.Step();
+    EXPECT_EQ(sim.GetPending(), 8u) << "nine in flight is still too many";
+    sim.Step();
+    EXPECT_EQ(sim.GetPending(), 8u) << "seven blocks and the OnSend call";
+    ASSERT_TRUE(sim.Run());
+    EXPECT_EQ(FakeOf(lpAlice).CallsOf("OnSend").size(), 3u);
+    EXPECT_EQ(FakeOf(shape.Server()).CallsOf("HandlePdu").size(), 11u);
+
+    Kick(lpAlice, DataConn(lpAlice));
+    sim.Step();
+    sim.Cut(sim.GetClientLink(lpAlice), zvConfClientTypeData);
+    sim.Restore(sim.GetClientLink(lpAlice), zvConfClientTypeData);
+    Kick(lpAlice, DataConn(lpAlice));
+    ASSERT_TRUE(sim.Run());
+    EXPECT_EQ(FakeOf(lpAlice).CallsOf("OnSend").size(), 6u) << "the lost ten don't hold the new link back";
+    EXPECT_EQ(FakeOf(shape.Server()).CallsOf("HandlePdu").size(), 21u);
+}
+
+// Both ends hear of it and number the connection anew; a server link that
+// comes back is also a host event on both servers, once both its ends stand.
 TEST(SimConference, CallsOnDisconnectAndOnConnectOnBothEndsWhenAConnectionDropsAndComesBack)
 {
     ZV_SimFakeConference sim;
     ZV_SimShape shape = sim.TwoLinkedServers(1);
-    ZV_SimHost* lpAlice = shape.Client(0);
-    const struct
-    {
-        ZV_SimLink* lpLink;
-        uint16_t usConnType;
-        ZV_SimHost* alpEnds[2];
-    } aRows[] = {
-        {sim.GetClientLink(lpAlice), zvConfClientTypeData, {lpAlice, shape.Server(0)}},
-        {sim.GetClientLink(lpAlice), zvConfClientTypeCommand, {lpAlice, shape.Server(0)}},
-        {sim.GetServerLink(1, 2), zvConfServerTypeData, {shape.Server(0), shape.Server(1)}},
-        {sim.GetServerLink(1, 2), zvConfServerTypeCommand, {shape.Server(0), shape.Server(1)}},
+    ZV_SimLink* lpAliceLink = sim.GetClientLink(shape.Client(0));
+    size_t nMark = sim.Journal().Size();
+    ASSERT_TRUE(sim.Cut(lpAliceLink, zvConfClientTypeData));
+    EXPECT_FALSE(sim.Cut(lpAliceLink, zvConfClientTypeData)) << "a connection that is down can't drop";
+    ASSERT_TRUE(sim.Restore(lpAliceLink, zvConfClientTypeData));
+    ASSERT_TRUE(sim.Cut(sim.GetServerLink(1, 2), zvConfServerTypeCommand));
+    ASSERT_TRUE(sim.Restore(sim.GetServerLink(1, 2), zvConfServerTypeCommand));
+
+    auto Line = [nMark](size_t n, const std::string& sText) {
+        return std::to_string(nMark + n) + " t=1000000 call " + sText + "\n";
     };
-    for (const auto& row : aRows)
-    {
-        SCOPED_TRACE(row.usConnType);
-        uint32_t aulOld[2];
-        for (int nSide = 0; nSide < 2; ++nSide)
-            aulOld[nSide] = row.lpLink->GetConn(nSide, row.lpLink->ChannelOf(row.usConnType));
-        ASSERT_TRUE(sim.Cut(row.lpLink, row.usConnType));
-        EXPECT_FALSE(sim.Cut(row.lpLink, row.usConnType)) << "a connection that is down can't drop";
-        ASSERT_TRUE(sim.Restore(row.lpLink, row.usConnType));
-        for (int nSide = 0; nSide < 2; ++nSide)
-        {
-            ZV_SimHost* lpEnd = row.alpEnds[nSide];
-            // A link change names the other end, a server by its number.
-            ZV_SimHost* lpOther = row.alpEnds[1 - nSide];
-            QB_UserID idPeer = lpOther->IsServer() ? QB_UserID(lpOther->GetLocalServerID(), 0) : lpOther->GetUserID();
-            ZV_SimFakeCall down = FakeOf(lpEnd).CallsOf("OnDisconnect").back();
-            ZV_SimFakeCall up = FakeOf(lpEnd).CallsOf("OnConnect").back();
-            EXPECT_EQ(down.peer, idPeer);
-            EXPECT_EQ(down.usConnType, row.usConnType);
-            EXPECT_EQ(down.ulConn, aulOld[nSide]);
-            EXPECT_EQ(up.peer, idPeer);
-            EXPECT_EQ(up.usConnType, row.usConnType);
-            EXPECT_NE(up.ulConn, aulOld[nSide]) << "a connection that comes back has a new number";
-        }
-    }
+    EXPECT_EQ(sim.Journal().Dump(nMark), Line(0, "OnDisconnect usr10001@100 peer srv1 conn 3002/4") +
+                                             Line(1, "OnDisconnect srv1@100 peer usr10001 conn 1004/4") +
+                                             Line(2, "OnConnect usr10001@100 peer srv1 conn 3003/4") +
+                                             Line(3, "OnConnect srv1@100 peer usr10001 conn 1005/4") +
+                                             Line(4, "OnDisconnect srv1@100 peer srv2 conn 1001/4096") +
+                                             Line(5, "OnDisconnect srv2@100 peer srv1 conn 2001/4096") +
+                                             Line(6, "OnConnect srv1@100 peer srv2 conn 1006/4096") +
+                                             Line(7, "OnConnect srv2@100 peer srv1 conn 2005/4096") +
+                                             Line(8, "OnEvent 11 srv1@100 a1 0 a2 1006") +
+                                             Line(9, "OnEvent 11 srv2@100 a1 0 a2 2005"));
+    // The module hears of a server by its number.
+    EXPECT_EQ(FakeOf(shape.Client(0)).CallsOf("OnConnect").back().peer, QB_UserID(1, 0));
+    EXPECT_EQ(FakeOf(shape.Server(1)).CallsOf("OnConnect").back().peer, QB_UserID(1, 0));
 }
 
 TEST(SimConference, LosesWhatACutConnectionCarriedAndNothingElse)

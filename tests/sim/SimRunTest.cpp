@@ -1,11 +1,10 @@
-// Running a conference: the clock and the timer, each node's own folder,
-// the journal, a conference that never settles, and modules that come from
-// a library.
+// Running a conference: the clock and the timer, the journal, and a module
+// that comes from a library.
 #include "ZV_SimFakeModule.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
+#include <stdexcept>
 
 TEST(SimClock, CallsOnTimerOnEveryNodeAtEachPeriodWithTheSimulatedTick)
 {
@@ -17,7 +16,6 @@ TEST(SimClock, CallsOnTimerOnEveryNodeAtEachPeriodWithTheSimulatedTick)
         std::vector<uint32_t> vecTicks;
         uint32_t ulEndTick;
     } aRows[] = {
-        {"less than a period", 1000, {99}, {}, 1099},
         {"two and a half periods", 1000, {250}, {1100, 1200}, 1250},
         {"small steps add up", 1000, {60, 60, 60}, {1100}, 1180},
         {"past the wrap of the counter", 0xFFFFFF9Cu, {250}, {0, 100}, 150},
@@ -39,32 +37,6 @@ TEST(SimClock, CallsOnTimerOnEveryNodeAtEachPeriodWithTheSimulatedTick)
         EXPECT_EQ(sim.GetTick(), row.ulEndTick);
         EXPECT_EQ(QB_GetEnv()->GetTickCount(), row.ulEndTick) << "the managers read the simulated clock";
     }
-}
-
-TEST(SimConference, PointsTheHomeFolderAtTheNodeBeforeEveryCallIntoItsManager)
-{
-    ZV_SimFakeConference sim;
-    ZV_SimShape shape = sim.TwoLinkedServers();
-    for (ZV_SimHost* lpServer : shape.vecServers)
-        FakeOf(lpServer).fnOnPdu = [](ZV_SimFakeModule& self, const ConfPduData& cpd) {
-            self.m_lpConf->SendPduToGroup(cpd.ulConn, 0, cpd.usPdu + 1, cpd.pData, cpd.ulLen, 1, 1);
-        };
-    shape.Client(0)->SendPdu(shape.Client(0)->GetServerLink()->GetConn(0), 8001, nullptr, 0, 1, 1);
-    ASSERT_TRUE(sim.AdvanceTime(100));
-    for (ZV_SimHost* lpNode : sim.GetNodes())
-    {
-        EXPECT_EQ(lpNode->GetHome(), sim.tmp.Path() + "/" + lpNode->GetName() + "/");
-        for (const ZV_SimFakeCall& call : FakeOf(lpNode).m_vecCalls)
-            EXPECT_EQ(call.sHome, lpNode->GetHome()) << lpNode->GetName() << " " << call.sWhat;
-    }
-    std::vector<uint8_t> vbIni = QB_ReadWholeFile(shape.Server(1)->GetHome() + "confsrv.ini");
-    std::string sIni(vbIni.begin(), vbIni.end());
-    EXPECT_NE(sIni.find("[FileShare]\r\nPath="), std::string::npos);
-    EXPECT_NE(sIni.find("srv2@100\\store\\\r\n"), std::string::npos);
-
-    shape.Client(1)->GetFileShareMgr();
-    EXPECT_STREQ(std::getenv("ROOMCRATE_HOME"), shape.Client(1)->GetHome().c_str())
-        << "the user side calls the manager next, so the folder stays";
 }
 
 // Run twice, so that nothing of one run (addresses, counters) leaks into the
@@ -104,34 +76,35 @@ TEST(SimJournal, TracesEachPduEventAndCallOnOneLineTheSameInEveryRun)
                       Line(3, "call OnSend usr10001@100 peer srv1 conn 2002/4") +
                       Line(4, "event 3000 usr10002@100 len 2: b8 0b"));
         EXPECT_EQ(vecSeen, std::vector<std::string>{"usr10002@100 3000 b8 0b"});
-        EXPECT_EQ(sim.Journal().Events(3000, "usr10002@100").size(), 1u);
-        EXPECT_EQ(sim.Journal().PdusTo(8002, "usr10001@100").size(), 0u);
     }
 }
 
-TEST(SimConference, ReportsAConferenceThatNeverSettlesInsteadOfRunningForever)
+// The receiver still gets every byte; the journal keeps two of them, the
+// whole length, and the three newest entries under their first numbers.
+TEST(SimJournal, KeepsOnlyTheFirstPayloadBytesAndTheNewestEntriesWhenToldTo)
 {
-    ZV_SimFakeConference sim([](ZV_SimOptions& options) { options.nStepLimit = 50; });
+    ZV_SimFakeConference sim([](ZV_SimOptions& options) {
+        options.nJournalPayloadBytes = 2;
+        options.nJournalEntries = 3;
+    });
     ZV_SimShape shape = sim.OneServerTwoClients();
-    for (ZV_SimHost* lpNode : sim.GetNodes())
-        FakeOf(lpNode).fnOnPdu = [](ZV_SimFakeModule& self, const ConfPduData& cpd) {
-            self.m_lpConf->SendPdu(cpd.ulConn, cpd.usPdu, cpd.pData, cpd.ulLen, 1, 1);
-        };
-    shape.Client(0)->SendPdu(shape.Client(0)->GetServerLink()->GetConn(0), 8001, nullptr, 0, 1, 1);
-    EXPECT_FALSE(sim.Run());
-    EXPECT_NE(sim.GetError().find("stuck"), std::string::npos) << sim.GetError();
-    EXPECT_NE(sim.GetError().find("pdu 8001"), std::string::npos) << sim.GetError();
-    EXPECT_EQ(sim.GetPending(), 1u);
-}
+    ZV_SimHost* lpAlice = shape.Client(0);
+    const std::vector<uint8_t> vbPayload = {1, 2, 3, 4, 5};
+    size_t nMark = sim.Journal().Size();
+    for (uint16_t usPdu : {8001, 8002, 8003, 8004})
+        lpAlice->SendPdu(lpAlice->GetServerLink()->GetConn(0), usPdu, vbPayload.data(), 5, 1, 1);
+    ASSERT_TRUE(sim.Run());
 
-TEST(SimModuleApi, ExplainsWhyAModuleCannotBeUsed)
-{
-    ZV_SimModuleApi api = ZV_SimModuleApi::Load("/nonexistent/libroomcrate.so");
-    EXPECT_FALSE(api.IsUsable());
-    EXPECT_NE(api.GetError().find("/nonexistent/libroomcrate.so"), std::string::npos) << api.GetError();
-    ZV_SimFakeConference sim({}, std::move(api));
-    EXPECT_EQ(sim.AddServer(100, 1), nullptr);
-    EXPECT_NE(sim.GetError().find("no manager"), std::string::npos) << sim.GetError();
+    EXPECT_EQ(FakeOf(shape.Server()).m_vecCalls.back().vbData, vbPayload);
+    EXPECT_EQ(sim.Journal().Size(), nMark + 4);
+    EXPECT_THROW(sim.Journal().At(nMark), std::out_of_range);
+    const ZV_SimEntry& entry = sim.Journal().At(nMark + 1);
+    EXPECT_EQ(entry.usNumber, 8002);
+    EXPECT_EQ(entry.vbData, std::vector<uint8_t>({1, 2}));
+    EXPECT_EQ(entry.nDataLen, 5u);
+    std::string sDump = sim.Journal().Dump();
+    EXPECT_EQ(sDump.substr(0, sDump.find('\n')), std::to_string(nMark + 1) +
+              " t=1000000 pdu 8002 usr10001@100 -> srv1@100 pdu conn 2001/0 flags 1,1 len 5 delivered result 0: 01 02");
 }
 
 // The library answers a client's hello on the command link and raises

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-
 namespace {
 
 IZV_ConfModule* CreateFake(const char* pszName)
@@ -43,12 +41,6 @@ ZV_SimFakeModule& FakeOf(const ZV_SimHost* lpNode)
     return *static_cast<ZV_SimFakeModule*>(lpNode->GetModule());
 }
 
-std::vector<uint8_t> WithConfWord(uint32_t ulConfID, std::vector<uint8_t> vbFields)
-{
-    vbFields.insert(vbFields.begin(), {(uint8_t)ulConfID, (uint8_t)(ulConfID >> 8)});
-    return vbFields;
-}
-
 ZV_SimFakeConference::ZV_SimFakeConference(const std::function<void(ZV_SimOptions&)>& fnTune, ZV_SimModuleApi api)
     : ZV_SimConference(std::move(api), OptionsBelow(tmp.Path(), fnTune))
 {
@@ -76,8 +68,7 @@ std::vector<ZV_SimFakeCall> ZV_SimFakeModule::CallsOf(const std::string& sWhat) 
 ZV_SimFakeCall& ZV_SimFakeModule::Record(const std::string& sWhat, const QB_UserID& peer, uint32_t ulConn,
                                          uint16_t usConnType)
 {
-    const char* pszHome = std::getenv("ROOMCRATE_HOME");
-    m_vecCalls.push_back({sWhat, peer, ulConn, usConnType, 0, 0, {}, pszHome ? pszHome : ""});
+    m_vecCalls.push_back({sWhat, peer, ulConn, usConnType, 0, 0, {}});
     return m_vecCalls.back();
 }
 

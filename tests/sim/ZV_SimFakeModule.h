@@ -1,6 +1,5 @@
 // A stand-in for the file-sharing module: it records every call the host
-// makes into it, with the home folder it ran in, and sends whatever the
-// test's hooks tell it to.
+// makes into it, and sends whatever the test's hooks tell it to.
 #pragma once
 
 #include "QB_TestSupport.h"
@@ -20,7 +19,6 @@ struct ZV_SimFakeCall
     uint16_t usNumber = 0;  // PDU or host event
     uintptr_t a1 = 0;
     std::vector<uint8_t> vbData;
-    std::string sHome;  // ROOMCRATE_HOME during the call
 };
 
 class ZV_SimFakeModule final : public IZV_ConfModule
@@ -75,8 +73,6 @@ private:
 ZV_SimModuleApi ZV_SimFakeApi();
 // The fake behind a node.
 ZV_SimFakeModule& FakeOf(const ZV_SimHost* lpNode);
-// The bytes of a payload that starts with the conference word.
-std::vector<uint8_t> WithConfWord(uint32_t ulConfID, std::vector<uint8_t> vbFields);
 
 // Made before the conference, so that the nodes' folders have a root.
 struct ZV_SimFakeRoot
