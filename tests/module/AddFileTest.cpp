@@ -7,7 +7,6 @@
 #include "ZV_FileShareSession.h"
 
 #include "QB_Env.h"
-#include "QB_FaultEnv.h"
 #include "QB_TestSupport.h"
 
 #include <gtest/gtest.h>
@@ -128,20 +127,6 @@ TEST(AddFile, ServerAnswersAllClientsAndFloodsTheFinalFileIDAndFloodNumber)
     EXPECT_EQ((Bytes{0x01, 0, 0, 0, 0, 0, 0x01, 0, 0x11, 0x27, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}),
               Head(vecAnswer[0].data, 20));
     EXPECT_TRUE(fs::exists(node.tmp.Sub("store/7/a.txt")));
-
-    // The same flood again is dropped; a server link's add of a used
-    // FileID replaces the session and fetches the bytes.
-    node.host.m_vecSent.clear();
-    EXPECT_EQ(0u, node.Deliver(PDU_CONF_FS_ADD_REQUEST, zvConfServerTypeCommand, AddRequest(1, "a.txt", 100)));
-    EXPECT_TRUE(node.host.m_vecSent.empty());
-    ASSERT_EQ(0u, node.Deliver(PDU_CONF_FS_ADD_REQUEST, zvConfServerTypeCommand, AddRequest(1, "b.txt", 200)));
-    const auto vecFetch = node.host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST);
-    ASSERT_EQ(1u, vecFetch.size());
-    EXPECT_EQ(5u, vecFetch[0].ulConn);
-    EXPECT_EQ(1, node.mgr.m_mapSession.GetCount());
-    ZV_FileShareSession* lpFsSession = nullptr;
-    ASSERT_EQ(0u, node.mgr.LookupSession(1, lpFsSession));
-    EXPECT_EQ(QB_StringU8("b.txt"), lpFsSession->m_FileInfo.m_sFileNewName);
 }
 
 TEST(AddFile, KeepsEveryHostileNameInsideTheConferenceFolder)
@@ -191,56 +176,4 @@ TEST(AddFile, StoredNamesTakeACounterBeforeTheLastDotOrInFront)
         ZV_FileShareSession::MakeUniqueFileName(tmp.PathW(), row.szName, sDst);
         EXPECT_EQ(QB_StringW(row.szStored), sDst);
     }
-}
-
-TEST(Storage, InitializeSettlesTheFolderFromTheConfiguration)
-{
-    const struct
-    {
-        const char* szIni;
-        std::string sExpected;  // relative to the home folder unless absolute
-    } aRows[] = {
-        {"[FileShare]\r\nPath=  /srv/files  \r\n", "\\srv\\files\\"},
-        {"[FileShare]\r\nPath=   \r\n", "FileShare\\"},
-        {"", "FileShare\\"},
-    };
-    for (const auto& row : aRows)
-    {
-        Node node(true, row.szIni);
-        EXPECT_EQ(0u, node.mgr.Initialize());
-        const std::string sHome(QB_StringA(node.tmp.PathW()).GetString());
-        const std::string sExpected = row.sExpected[0] == '\\' ? row.sExpected : sHome + row.sExpected;
-        EXPECT_EQ(sExpected, std::string(node.mgr.m_strPath.GetString())) << row.szIni;
-        EXPECT_TRUE(fs::exists(node.tmp.Sub("confsrv.ini")));
-    }
-    Node client(false, "");
-    EXPECT_EQ(0u, client.mgr.Initialize());
-    EXPECT_FALSE(fs::exists(client.tmp.Sub("confsrv.ini")));
-}
-
-TEST(AddFile, TheCreatorsClientGives60WhenItsOwnFileWillNotOpen)
-{
-    Node node(false, "");
-    const std::string sPath = node.tmp.Sub("a.txt");
-    QB_WriteWholeFile(sPath, "abc");
-    ZV_AddResponse answer;
-    answer.usRouteID = answer.usFileID = 4;
-    answer.creator = node.host.m_LocalUser;
-    answer.brief.SetCreatorID(answer.creator);
-    answer.brief.SetFilePath(node.tmp.PathW());
-    answer.brief.SetFileOldName(QB_StringU8("a.txt"));
-    answer.brief.SetPublic(true);
-    Bytes data(4096);
-    QB_ByteStream stream(data.data(), (int32_t)data.size(), false);
-    answer.Save(stream);
-    data.resize((size_t)stream.GetPos());
-
-    QB_FaultEnv env;
-    QB_ScopedEnv scope(&env);
-    env.FailAt(QB_EnvOp::Open, 1);
-    EXPECT_EQ(ZV_ERR_OPEN, node.Deliver(PDU_CONF_FS_ADD_RESPONSE, zvConfClientTypeCommand, data));
-    ASSERT_EQ(1u, node.host.m_vecEvents.size());
-    EXPECT_EQ(zvFsEventFileAdded, node.host.m_vecEvents[0].usEvent);
-    EXPECT_EQ(1, node.mgr.m_mapSession.GetCount()) << "the session stays";
-    EXPECT_EQ(ZV_OK, node.Deliver(PDU_CONF_FS_ADD_RESPONSE, zvConfClientTypeCommand, data));
 }

@@ -6,12 +6,8 @@
 
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <functional>
 #include <iterator>
-#include <stdexcept>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -20,8 +16,7 @@ using Lines = std::vector<std::string>;
 
 namespace {
 
-// Hands out known GUIDs (the last byte counting up), can make the next
-// look-up of the module folder throw, and lets a test look in at each open.
+// Hands out known GUIDs, the last byte counting up.
 class CatalogEnv : public QB_FaultEnv
 {
 public:
@@ -32,21 +27,7 @@ public:
         std::memcpy(abGuid, s_abGuid, 16);
         abGuid[15] = (uint8_t)m_nGuids++;
     }
-    std::u16string GetModuleFolder() override
-    {
-        if (std::exchange(m_bThrowOnce, false))
-            throw std::runtime_error("no folder");
-        return QB_FaultEnv::GetModuleFolder();
-    }
-    QB_FileHandle OpenFile(const std::u16string& sPath, uint32_t ulMode) override
-    {
-        if (m_fnOnOpen)
-            m_fnOnOpen();
-        return QB_FaultEnv::OpenFile(sPath, ulMode);
-    }
-    std::function<void()> m_fnOnOpen;
     int m_nGuids = 0;
-    bool m_bThrowOnce = false;
 };
 
 QB_DateTimeEx Time(int nHour, int nMinute, int nSecond, int nFraction)
@@ -73,14 +54,6 @@ ZV_FileUploadInfo Record(uint16_t usFileID, const char* pszNewName = "notes(1).t
     fileInfo.SetFileWritePos(300);
     fileInfo.SetBriefInfo(briefInfo);
     return fileInfo;
-}
-
-std::vector<uint8_t> StreamForm(const ZV_FileUploadInfo& fileInfo)
-{
-    uint8_t abBuf[4096];
-    QB_ByteStream stream(abBuf, sizeof abBuf, false);
-    fileInfo.Save(stream);
-    return std::vector<uint8_t>(abBuf, abBuf + stream.GetPos());
 }
 
 std::string Utf8(const QB_StringW& s)
@@ -167,49 +140,6 @@ TEST_F(Catalog, WritesANewRowAsAGuidSectionWithItsKeysInReverseOfTheSetOrderAndU
     EXPECT_EQ(updated, Utf16Lines(Ini()));
 }
 
-TEST_F(Catalog, SaveFilesAddsUnnamedRowsRewritesNamedOnesAndWritesTheFileOnce)
-{
-    Opened(m_catalog).SaveFile(3, Record(1));
-    ASSERT_TRUE(Finds(m_catalog, 3, 1));
-    QB_Array<ZV_FileUploadInfo> arrFileInfo;
-    QB_Array<QB_StringW> arrSection;
-    arrFileInfo.Add(Record(99, "renamed.txt"));  // a named row keeps its own numbers
-    arrSection.Add(m_sSection);
-    arrFileInfo.Add(Record(2, "second.txt"));
-    arrSection.Add(QB_StringW());
-    m_env.ResetCounts();
-    m_catalog.SaveFiles(3, arrFileInfo, arrSection);
-    EXPECT_EQ(1, m_env.GetCount(QB_EnvOp::Open));
-
-    EXPECT_EQ(std::string("renamed.txt"), Loaded(m_catalog, 3, 1).m_sFileNewName.GetString());
-    EXPECT_EQ(QB_StringW(u"[DEADBEEFABCDf00d8899AABBCCDDEE00]"), m_sSection);
-    EXPECT_FALSE(Finds(m_catalog, 3, 99));
-    EXPECT_EQ(std::string("second.txt"), Loaded(m_catalog, 3, 2).m_sFileNewName.GetString());
-}
-
-TEST_F(Catalog, LoadFileFillsTheStoredFieldsAndKeepsTheCallersNameRightsAndPublic)
-{
-    Opened(m_catalog).SaveFile(4, Record(9));
-    ZV_FileUploadInfo fileInfo;
-    fileInfo.m_BriefInfo.SetCreatorName(QB_StringU8("Ann"));
-    fileInfo.m_BriefInfo.SetPublic(true);
-    QB_Array<QB_UserID> arrRight;
-    arrRight.Add(QB_UserID(12345, 0));
-    fileInfo.m_BriefInfo.SetRight(arrRight);
-    QB_StringW sSection(u"kept");
-    EXPECT_FALSE(m_catalog.LoadFile(4, 8, fileInfo, sSection));
-    EXPECT_EQ(0u, fileInfo.m_ullMask);
-    EXPECT_EQ(QB_StringW(u"kept"), sSection);
-
-    ASSERT_TRUE(m_catalog.LoadFile(4, 9, fileInfo, sSection));
-    ZV_FileUploadInfo expected = Record(9);
-    expected.m_BriefInfo.SetCreatorName(QB_StringU8("Ann"));
-    expected.m_BriefInfo.SetPublic(true);
-    expected.m_BriefInfo.SetRight(arrRight);
-    // The stream form holds every field with its mask bit.
-    EXPECT_EQ(StreamForm(expected), StreamForm(fileInfo));
-}
-
 TEST_F(Catalog, DeleteFileDropsOnlyItsRowAndDeleteConfTheConferencesRowsAndStoredFiles)
 {
     std::string sKept = Stored("5/notes(1).txt"), sMine = Stored("5/a.txt"), sOther = Stored("6/a.txt");
@@ -258,23 +188,6 @@ TEST_F(Catalog, DeleteConfNeverDeletesOutsideTheConferenceFolder)
         EXPECT_EQ(bPlain, ZV_FileCatalog::IsPlainFileName(QB_StringA(pszName))) << pszName;
 }
 
-TEST_F(Catalog, KeepsThirtyTwoBitValuesAndMatchesConferencesByTheirLowSixteenBits)
-{
-    ZV_FileUploadInfo fileInfo = Record(7);
-    fileInfo.m_ulFileWritePos = 0x80000000u;
-    fileInfo.m_BriefInfo.m_ulFileLenth = 0xFFFFFFFFu;
-    Opened(m_catalog).SaveFile(0x10007, fileInfo);
-    m_catalog.SaveFile(0x20007, fileInfo);
-    Lines lines = Utf16Lines(Ini());
-    ASSERT_EQ(15u, lines.size()) << "0x20007 found the row of 0x10007";
-    EXPECT_EQ("FileLenth=-1", lines[5]);
-    EXPECT_EQ("FileWritePos=-2147483648", lines[11]);
-    EXPECT_EQ("ConfID=7", lines[14]);
-    ZV_FileUploadInfo loaded = Loaded(m_catalog, 7, 7);
-    EXPECT_EQ(0xFFFFFFFFu, loaded.m_BriefInfo.m_ulFileLenth);
-    EXPECT_EQ(0x80000000u, loaded.m_ulFileWritePos);
-}
-
 TEST_F(Catalog, TextPassesThroughTheAnsiCodePageAndNeverSpansLines)
 {
     ZV_FileUploadInfo fileInfo = Record(1);
@@ -318,50 +231,4 @@ TEST_F(Catalog, ReadsHandEditedRowsWithoutTrustingThem)
         garbled.SaveFile(1, Record(1));
         EXPECT_TRUE(Finds(garbled, 1, 1));
     }
-}
-
-TEST_F(Catalog, HoldsItsLockUntilTheFileIsWritten)
-{
-    struct LockProbe : ZV_FileCatalog
-    {
-        bool IsFreeToOthers()
-        {
-            bool bFree = false;
-            std::thread([&] {
-                if ((bFree = m_Lock.TryLock()))
-                    m_Lock.Unlock();
-            }).join();
-            return bFree;
-        }
-    } catalog;
-    int nOpens = 0;
-    m_env.m_fnOnOpen = [&] {
-        ++nOpens;
-        EXPECT_FALSE(catalog.IsFreeToOthers()) << "file open " << nOpens;
-    };
-    Opened(catalog).SaveFile(1, Record(1));
-    catalog.SaveFiles(1, QB_Array<ZV_FileUploadInfo>(), QB_Array<QB_StringW>());
-    catalog.DeleteFile(1, 2);
-    catalog.DeleteConf(1);
-    EXPECT_EQ(5, nOpens);
-    EXPECT_TRUE(catalog.IsFreeToOthers());
-}
-
-TEST_F(Catalog, OpenGivesOneForAFileItCannotOpenAndNinetySevenOnAnException)
-{
-    fs::create_directories(Ini());
-    EXPECT_EQ(zvCatalogNotOpened, m_catalog.Open());
-    fs::remove(Ini());
-
-    fs::create_directories(m_home.Sub("log"));
-    m_env.m_bThrowOnce = true;
-    EXPECT_EQ(zvCatalogException, m_catalog.Open());
-    std::string sLog;
-    for (const auto& entry : fs::directory_iterator(m_home.Sub("log")))
-    {
-        std::ifstream in(entry.path(), std::ios::binary);
-        sLog += std::string(std::istreambuf_iterator<char>(in), {});
-    }
-    EXPECT_EQ(sLog.size() - 30, sLog.find(" : xxxxxxxxxxxxxxxxxxxxxxxxx\r\n")) << sLog;
-    EXPECT_FALSE(fs::exists(Ini()));
 }

@@ -9,7 +9,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 
 namespace {
 
@@ -19,15 +18,7 @@ const QB_UserID kAlice(10001, 0);  // the creator
 const QB_UserID kBob(10002, 0);    // a downloader: commands on 100020, data on 100024
 const QB_UserID kSelf(1, 0);       // this server
 
-struct Pdu
-{
-    Bytes b;
-    Pdu& U8(uint8_t v) { b.push_back(v); return *this; }
-    Pdu& U16(uint16_t v) { return U8(v & 0xFF).U8(v >> 8); }
-    Pdu& U32(uint32_t v) { return U16(v & 0xFFFF).U16(v >> 16); }
-    Pdu& User(const QB_UserID& id) { return U32(id.m_ulMain).U32(id.m_ulSub); }
-    Pdu& F64(double d) { uint8_t a[8]; std::memcpy(a, &d, 8); b.insert(b.end(), a, a + 8); return *this; }
-};
+using Pdu = ZV_Pdu;
 
 struct LinkedHost : public ZV_RecordingHost
 {
@@ -82,11 +73,6 @@ using Control = ControlFixture;
 
 Pdu Event(uint16_t usEvent, uint32_t ulResult) { return Pdu().U16(usEvent).U32(ulResult); }
 
-Bytes operator+(Bytes a, const Bytes& b)
-{
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
 
 } // namespace
 
@@ -155,64 +141,6 @@ TEST_F(Control, ServerTakesAnUploadsStopOrResumeFromItsCreatorOnlyAndConfirmsItT
     EXPECT_EQ(40000u, lpSession->m_ulMaxPos);
 }
 
-TEST_F(Control, ClientShowsTheAnswerToAStopOrResumeOfItsUpload)
-{
-    Make(false);
-    host.m_LocalUser = kAlice;
-    mgr.SetSessionBusy(1, 5);
-    struct { const char* szName; uint32_t ulResult; uint8_t bStop; uint16_t usState; bool bBusy; Bytes events; }
-    aCases[] = {
-        {"stopped", 0, 1, 2, false, Event(3008, 0).U16(5).F64(25.0).b + Event(3011, 0).U8(1).U16(5).U16(2).b +
-                                        Event(3010, 0).U16(5).U8(1).b},
-        {"resumed", 0, 0, 1, true, Event(3011, 0).U8(1).U16(5).U16(1).b + Event(3010, 0).U16(5).U8(0).b},
-        {"refused", 40, 1, 1, true, Event(3010, 40).U16(5).U8(1).b}};
-    for (const auto& c : aCases)
-    {
-        Clear();
-        Deliver(PDU_CONF_FS_IS_STOP_UPLOAD_RESPONSE,
-                Pdu().U16(5).U32(c.ulResult).U16(5).User(kAlice).U8(c.bStop).U32(250000), 0, 11);
-        EXPECT_EQ(c.events, Events()) << c.szName;
-        EXPECT_EQ(c.usState, lpSession->m_BriefInfo.m_usFileState) << c.szName;
-        EXPECT_EQ(c.bBusy, mgr.m_arrBusyFileID.Find(5) >= 0) << c.szName;
-    }
-}
-
-TEST_F(Control, ThrottledProgressReachesTheGroupOncePerTenThousandthAndAlwaysAtTheEnd)
-{
-    Make(true);
-    for (uint32_t ulPos = 0; ulPos <= 1000000; ulPos += 37)
-        lpSession->SendProgressing(zvConnNone, 5, &kAlice, ulPos, true);
-    lpSession->SendProgressing(zvConnNone, 5, &kAlice, 1000000, true);
-    const auto vecSent = host.SentOf(PDU_CONF_FS_PROGRESSING_RESPONSE);
-    ASSERT_EQ(10000u, vecSent.size()) << "one for each of 1..9999, and the end twice";
-    EXPECT_EQ(Pdu().U16(5).User(kAlice).U32(111).b, vecSent[0].data) << "floor(111 / 100) is the first change";
-    EXPECT_EQ("group", vecSent[0].sRoute);
-    EXPECT_EQ(0u, vecSent[0].bFlag1 + vecSent[0].bFlag2);
-    EXPECT_EQ(2u, vecSent.back().bFlag1 + vecSent.back().bFlag2);
-    EXPECT_EQ(10000u, lpSession->m_ulProgress);
-}
-
-TEST_F(Control, ClientFollowsTheFilesArrivalAndTheCreatorLetsGoOfItsFileAtTheEnd)
-{
-    Make(false);
-    host.m_LocalUser = kBob;
-    Deliver(PDU_CONF_FS_PROGRESSING_RESPONSE, Pdu().U16(5).User(kAlice).U32(500000), 0, 11);
-    EXPECT_EQ(500000u, lpSession->m_ulMaxPos);
-    Deliver(PDU_CONF_FS_PROGRESSING_RESPONSE, Pdu().U16(5).User(kAlice).U32(1000000), 0, 11);
-    EXPECT_EQ(ZV_FILESTATE_COMPLETE, lpSession->m_BriefInfo.m_usFileState);
-    EXPECT_EQ(Event(3008, 0).U16(5).F64(50.0).b + Event(3008, 0).U16(5).F64(100.0).b, Events());
-
-    host.m_LocalUser = kAlice;
-    lpSession->m_BriefInfo.SetFileState(ZV_FILESTATE_UPLOADING);
-    QB_TempFolder tmp;
-    ASSERT_TRUE(lpSession->m_File.Open(tmp.SubW("song.ogg"), QB_FILE_READWRITE | QB_FILE_OPEN_ALWAYS));
-    mgr.SetSessionBusy(1, 5);
-    Deliver(PDU_CONF_FS_PROGRESSING_RESPONSE, Pdu().U16(5).User(kAlice).U32(1000000), 0, 11);
-    EXPECT_FALSE(lpSession->m_File.IsOpen());
-    EXPECT_LT(mgr.m_arrBusyFileID.Find(5), 0);
-    EXPECT_EQ(ZV_FILESTATE_UPLOADING, lpSession->m_BriefInfo.m_usFileState) << "the creator's own state is its own";
-}
-
 TEST_F(Control, RelayFetchesOnceFromAnUpstreamWithMoreAndAnswersAPeerThatIsShort)
 {
     Make(true);
@@ -265,114 +193,4 @@ TEST_F(Control, AFailedUploadIsMarkedOnEveryServerAndToldToEveryClientAsAReadFai
     host.m_bServer = false;
     Deliver(PDU_CONF_FS_UPLOAD_ERROR_RESPONSE, Pdu().U16(5).U32(0).U16(5), 0, 11);
     EXPECT_EQ(Event(3001, 61).U16(5).b, Events());
-}
-
-TEST_F(Control, ManagerTimerWorksOnItsConferencesSlotAndReportsIdleAfterFifteenSeconds)
-{
-    for (bool bSink : {true, false})
-    {
-        ZV_FileShareMgr other;
-        host.Attach(&other, bSink);
-        other.SetSessionBusy(1, 5);
-        other.m_cDataLink = '2';
-        host.m_vecEvents.clear();
-        env.SetTick(1000);
-        std::vector<uint32_t> vecWorked;
-        for (uint32_t ulTick = 0; ulTick < 10; ++ulTick)
-        {
-            const size_t nBefore = host.m_vecEvents.size();
-            other.OnTimer(ulTick);
-            if (host.m_vecEvents.size() > nBefore)
-                vecWorked.push_back(ulTick);
-        }
-        EXPECT_EQ(bSink ? std::vector<uint32_t>({2, 7}) : std::vector<uint32_t>(), vecWorked);
-        other.SetSessionBusy(0, 5);
-        other.OnTimer(12);
-        env.AdvanceTick(14999);
-        other.OnTimer(17);
-        EXPECT_EQ(1000u, other.m_ulIdleSince);
-        EXPECT_NE('4', other.m_cDataLink);
-        env.AdvanceTick(1);
-        other.OnTimer(22);
-        EXPECT_EQ('4', other.m_cDataLink);
-        EXPECT_EQ(0u, other.m_ulIdleSince);
-        const Bytes busy = Event(3012, 0).U8(1).b, idle = Event(3012, 0).U8(0).b;
-        EXPECT_EQ(bSink ? busy + busy + idle : Bytes(), Events());
-    }
-}
-
-TEST_F(Control, StalledServerFileIsLookedAtOnceAfterTwentySecondsAndACompleteOneIsMarked)
-{
-    Make(true);
-    lpSession->m_FileInfo.SetFileWritePos(40000);
-    lpSession->m_ulLastIoTick = 50000;
-    lpSession->m_bPulling = true;
-    env.SetTick(70000);
-    mgr.OnTimer(2);
-    EXPECT_TRUE(host.m_vecSent.empty()) << "exactly 20000 ms is not yet a stall";
-    env.SetTick(70001);
-    mgr.OnTimer(7);
-    mgr.OnTimer(12);
-    ASSERT_EQ(1u, host.m_vecSent.size());
-    EXPECT_EQ(Pdu().U16(7).U16(5).User(kSelf).U32(40000).U8(0).b, host.m_vecSent[0].data);
-    EXPECT_FALSE(lpSession->m_bPulling);
-    lpSession->m_FileInfo.SetFileWritePos(1000000);
-    mgr.OnTimer(17);
-    EXPECT_EQ(ZV_FILESTATE_COMPLETE, lpSession->m_FileInfo.m_BriefInfo.m_usFileState);
-}
-
-TEST_F(Control, ClientStopsCountingAStandingDownloadAsBusyAfterFifteenSeconds)
-{
-    Make(false);
-    host.m_LocalUser = kBob;
-    lpSession->m_LocalDownload.SetFileName(QB_StringU8("a.bin"));
-    lpSession->m_ulLastIoTick = 35000;
-    for (uint16_t usState : {ZV_DLSTATE_RUNNING, ZV_DLSTATE_STOPPED})
-    {
-        lpSession->m_LocalDownload.SetState(usState);
-        mgr.SetSessionBusy(1, 5);
-        mgr.OnTimer(2);
-        EXPECT_EQ(usState == ZV_DLSTATE_RUNNING, mgr.m_arrBusyFileID.Find(5) >= 0) << usState;
-    }
-}
-
-TEST_F(Control, UserSideSetsTheLocalStateAtOnceAndTellsTheServer)
-{
-    Make(false);
-    using Op = uint32_t (IZV_FileShareMgr::*)(uint16_t);
-    struct { const char* szName; Op pfn; bool bUpload; uint8_t bStop; uint16_t usFrom, usTo; } aCases[] = {
-        {"stop download", &IZV_FileShareMgr::FsStopDownload, false, 1, 1, 2},
-        {"stop finished", &IZV_FileShareMgr::FsStopDownload, false, 1, 3, 3},
-        {"resume download", &IZV_FileShareMgr::FsResumeDownload, false, 0, 2, 1},
-        {"stop upload", &IZV_FileShareMgr::FsStopUpload, true, 1, 1, 2},
-        {"stop new upload", &IZV_FileShareMgr::FsStopUpload, true, 1, 0, 0},
-        {"resume upload", &IZV_FileShareMgr::FsResumeUpload, true, 0, 2, 1}};
-    lpSession->m_ulReadPos = 777;
-    IZV_FileShareMgr& fs = mgr;
-    for (uint32_t ulCmdConn : {11u, zvConnNone})
-        for (const auto& c : aCases)
-        {
-            Clear();
-            mgr.SetSessionBusy(0, 5);
-            host.m_ulCmdConn = ulCmdConn;
-            const bool bLinked = ulCmdConn != zvConnNone;
-            uint16_t& usState = c.bUpload ? lpSession->m_BriefInfo.m_usFileState : lpSession->m_LocalDownload.m_usState;
-            usState = c.usFrom;
-            EXPECT_EQ(bLinked ? 0u : 16u, (fs.*c.pfn)(5)) << c.szName;
-            // Without a link an upload's state is left alone, a download's is not.
-            EXPECT_EQ(bLinked || !c.bUpload ? c.usTo : c.usFrom, usState) << c.szName;
-            EXPECT_EQ(c.bUpload && c.bStop, lpSession->m_bStopUpload) << c.szName;
-            EXPECT_EQ(bLinked && !c.bUpload && !c.bStop, mgr.m_arrBusyFileID.Find(5) >= 0) << c.szName;
-            Pdu sent = Pdu().U16(5).User(kAlice).U32(0).U8(c.bStop);
-            if (c.bUpload)
-                sent.U32(c.bStop ? 777 : 0);
-            ASSERT_EQ(bLinked ? 1u : 0u, host.m_vecSent.size()) << c.szName;
-            if (bLinked)
-            {
-                EXPECT_EQ(sent.b, host.m_vecSent[0].data) << c.szName;
-            }
-        }
-    EXPECT_EQ(82u, fs.FsStopUpload(6));
-    mgr.m_mapSession.SetAt(6, nullptr);
-    EXPECT_EQ(83u, fs.FsResumeDownload(6));
 }

@@ -49,22 +49,3 @@ TEST(Exports, MakeAManagerOnlyForTheExactInterfaceNameAndHandItsUserSideForTypeF
     zvDestroyInstance(lpModule);
     EXPECT_EQ(nBefore, g_listFileShareMgr.GetCount());
 }
-
-TEST(Exports, EmptyTheRegistryInEitherOrderAndIgnoreADestroyOfAPointerTheyDoNotHold)
-{
-    for (bool bReverse : {false, true})
-    {
-        const int nBefore = g_listFileShareMgr.GetCount();
-        IZV_ConfModule* lpFirst = zvCreateInstance(ZV_FILESHARE_INTERFACE_NAME);
-        IZV_ConfModule* lpSecond = zvCreateInstance(ZV_FILESHARE_INTERFACE_NAME);
-        ASSERT_NE(lpFirst, lpSecond);
-        EXPECT_EQ(nBefore + 2, g_listFileShareMgr.GetCount());
-        zvDestroyInstance(bReverse ? lpSecond : lpFirst);
-        zvDestroyInstance(bReverse ? lpFirst : lpSecond);
-        zvDestroyInstance(lpFirst);
-        zvDestroyInstance(nullptr);
-        int nStranger = 0;
-        zvDestroyInstance(reinterpret_cast<IZV_ConfModule*>(&nStranger));
-        EXPECT_EQ(nBefore, g_listFileShareMgr.GetCount());
-    }
-}

@@ -1,10 +1,6 @@
-// Hostile payloads for every PDU number, on a server and on a client.
-//
-// Each payload sits in a heap block of exactly its size, so a build with the
-// address sanitizer sees any read past it. The payloads are shaped like the
-// real ones (a FileID that names a session, then numbers, user identifiers
-// and counted strings) so that they get past the first field and into the
-// handlers, with edge values and counts far past the end mixed in.
+// Hostile payloads for every PDU number on every link, on a server and on a
+// client. Each payload sits in a heap block of exactly its size, so a build
+// with the address sanitizer sees any read past it.
 #include "ZV_FileShareMgr.h"
 #include "ZV_FileShareSession.h"
 #include "ZV_PduFrame.h"
@@ -32,8 +28,9 @@ const uint16_t kConnTypes[] = {zvConfClientTypeCommand, zvConfClientTypeData, zv
 
 const uint16_t kSessionFileIDs[] = {1, 2, 3};
 
-// Builds payloads from a seeded source: field by field, with values chosen
-// to sit on the edges that parsers get wrong.
+// Payloads shaped like the real ones, from a seeded source: a FileID that
+// names a session, then numbers, user identifiers and counted strings, with
+// values on the edges parsers get wrong and counts far past the end.
 class ZV_PayloadMaker
 {
 public:
@@ -42,15 +39,12 @@ public:
     std::vector<uint8_t> Make()
     {
         std::vector<uint8_t> vb;
-        const int nShape = Pick(10);
-        if (nShape == 0)
+        if (Pick(10) == 0)
             return vb;
-        if (nShape == 1)
-            return RandomBytes(Pick(80));
-        PutU16(vb, Pick(4) == 0 ? (uint16_t)m_rng() : kSessionFileIDs[Pick(3)]);
+        Put(vb, Pick(4) == 0 ? m_rng() : kSessionFileIDs[Pick(3)], 2);
         for (int nFields = Pick(14); nFields > 0; --nFields)
             PutField(vb);
-        if (Pick(3) == 0 && !vb.empty())
+        if (Pick(3) == 0)
             vb.resize(Pick((uint32_t)vb.size()));  // cut mid-field
         return vb;
     }
@@ -59,72 +53,46 @@ private:
     std::mt19937 m_rng;
 
     uint32_t Pick(uint32_t ulBound) { return ulBound == 0 ? 0 : m_rng() % ulBound; }
-
-    uint32_t EdgeU32()
+    uint32_t Edge()
     {
-        static const uint32_t kEdges[] = {0, 1, 2, 0x7F, 0x80, 0x3FFF, 0x4000, 32767, 32768, 32769, 65535,
-                                          0x7FFFFFFF, 0x80000000, 0xFFFFFFFE, 0xFFFFFFFF, 10001, 20001};
-        return Pick(3) == 0 ? m_rng() : kEdges[Pick(sizeof kEdges / sizeof kEdges[0])];
+        static const uint32_t kEdges[] = {0, 1, 0x7F, 0x80, 0x3FFF, 0x4000, 32767, 32768, 32769, 65535,
+                                          0x7FFFFFFF, 0x80000000, 0xFFFFFFFF, 10001, 10002};
+        return Pick(3) == 0 ? m_rng() : kEdges[Pick(std::size(kEdges))];
     }
-    std::vector<uint8_t> RandomBytes(uint32_t n)
+    static void Put(std::vector<uint8_t>& vb, uint32_t ul, int nBytes)
     {
-        std::vector<uint8_t> vb(n);
-        for (uint8_t& b : vb)
-            b = (uint8_t)m_rng();
-        return vb;
-    }
-    static void PutU16(std::vector<uint8_t>& vb, uint16_t us)
-    {
-        vb.push_back((uint8_t)us);
-        vb.push_back((uint8_t)(us >> 8));
-    }
-    static void PutU32(std::vector<uint8_t>& vb, uint32_t ul)
-    {
-        for (int i = 0; i < 4; ++i)
+        for (int i = 0; i < nBytes; ++i)
             vb.push_back((uint8_t)(ul >> (8 * i)));
-    }
-    // The count form: one byte below 0x80, two bytes below 0x4000, else a
-    // marker byte and four bytes; the lengths claimed need not be there.
-    void PutCount(std::vector<uint8_t>& vb, uint32_t ulCount)
-    {
-        if (ulCount < 0x80)
-            vb.push_back((uint8_t)ulCount);
-        else if (ulCount < 0x4000)
-        {
-            vb.push_back((uint8_t)(0x80 | (ulCount >> 8)));
-            vb.push_back((uint8_t)ulCount);
-        }
-        else
-        {
-            vb.push_back(0xC0);
-            PutU32(vb, ulCount);
-        }
     }
     void PutField(std::vector<uint8_t>& vb)
     {
-        switch (Pick(7))
+        switch (Pick(5))
         {
-        case 0: vb.push_back((uint8_t)EdgeU32()); break;
-        case 1: PutU16(vb, (uint16_t)EdgeU32()); break;
-        case 2: PutU32(vb, EdgeU32()); break;
-        case 3:  // a user identifier
-            PutU32(vb, Pick(2) ? 10001 + Pick(3) : EdgeU32());
-            PutU32(vb, Pick(2) ? 0 : EdgeU32());
+        case 0: Put(vb, Edge(), 1 << Pick(3)); break;  // a number of 1, 2 or 4 bytes
+        case 1:  // a user identifier
+            Put(vb, Edge(), 4);
+            Put(vb, Pick(2) ? 0 : Edge(), 4);
             break;
-        case 4:  // a counted string that may claim more than follows
+        case 2:  // a count in any of its three forms, claiming more text than follows
         {
-            const uint32_t ulClaim = Pick(4) == 0 ? EdgeU32() : Pick(40);
-            PutCount(vb, ulClaim);
-            const std::vector<uint8_t> vbText = RandomBytes(std::min<uint32_t>(ulClaim, Pick(48)));
-            vb.insert(vb.end(), vbText.begin(), vbText.end());
+            const uint32_t ulClaim = Edge();
+            if (ulClaim >= 0x4000)
+            {
+                Put(vb, 0xC0, 1);
+                Put(vb, ulClaim, 4);
+            }
+            else if (ulClaim >= 0x80)
+            {
+                Put(vb, 0x80 | (ulClaim >> 8), 1);
+                Put(vb, ulClaim, 1);
+            }
+            else
+                Put(vb, ulClaim, 1);
             break;
         }
-        case 5: PutCount(vb, EdgeU32()); break;
-        default:
-        {
-            const std::vector<uint8_t> vbRaw = RandomBytes(Pick(2) ? Pick(16) : Pick(40000));
-            vb.insert(vb.end(), vbRaw.begin(), vbRaw.end());
-        }
+        default:  // raw bytes, now and then more than a block
+            for (uint32_t n = Pick(2) ? Pick(48) : Pick(40000); n > 0; --n)
+                vb.push_back((uint8_t)m_rng());
         }
     }
 };
@@ -158,11 +126,11 @@ struct ZV_FuzzNode
         QB_SetEnvironmentVariable("ROOMCRATE_HOME", nullptr);
     }
 
+    // FileID 1 is empty, 2 is uploading and 3 complete.
     void AddSession(uint16_t usFileID)
     {
-        const std::string sStore = home.Path() + "/store/";
         std::filesystem::create_directories(home.Path() + "/store/7");
-        auto* lpFsSession = new ZV_FileShareSession(lpMgr.get(), sStore.c_str());
+        auto* lpFsSession = new ZV_FileShareSession(lpMgr.get(), (home.Path() + "/store/").c_str());
         lpFsSession->m_usFileID = usFileID;
         lpFsSession->m_BriefInfo.SetCreatorID(QB_UserID(10001, 0));
         lpFsSession->m_BriefInfo.SetFileOldName(QB_StringU8("report.pdf"));
@@ -200,30 +168,19 @@ void FuzzRole(bool bServer, uint32_t ulSeed)
     const std::filesystem::path cwd = std::filesystem::current_path();
     std::filesystem::current_path(node.home.Path());  // any relative path a payload names lands here
     ZV_PayloadMaker maker(ulSeed);
-    int nDelivered = 0;
+    uint32_t ulTick = 0;
     for (int nRound = 0; nRound < 40; ++nRound)
         for (uint16_t usPdu : kPduNumbers)
             for (uint16_t usConnType : kConnTypes)
             {
                 node.Deliver(usPdu, usConnType, maker.Make());
-                ++nDelivered;
                 if (nRound % 8 == 0)
-                    node.lpMgr->OnTimer(nDelivered * 997u);
+                    node.lpMgr->OnTimer(ulTick += 997);
             }
     std::filesystem::current_path(cwd);
-    EXPECT_EQ(40 * (int)std::size(kPduNumbers) * (int)std::size(kConnTypes), nDelivered);
     // Still routing after all that: a payload too short for a FileID is
     // answered with 5, whatever came before.
     EXPECT_EQ(ZV_ERR_NO_HANDLER, node.Deliver(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST, zvConfClientTypeCommand, {0x01}));
-    // Sessions come and go, but the FileIDs handed out stay in the range.
-    QB_POSITION pos = node.lpMgr->m_mapSession.GetStartPosition();
-    while (pos)
-    {
-        uint16_t usFileID = 0;
-        ZV_FileShareSession* lpFsSession = nullptr;
-        node.lpMgr->m_mapSession.GetNextAssoc(pos, usFileID, lpFsSession);
-        EXPECT_TRUE(usFileID >= 1 && usFileID <= 1000) << usFileID;
-    }
 }
 
 } // namespace

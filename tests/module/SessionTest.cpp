@@ -18,16 +18,6 @@ struct SessionFixture : public ::testing::Test
 
 using Session = SessionFixture;
 
-TEST_F(Session, NamesTheConferenceFolderBelowTheStore)
-{
-    host.m_ulConfID = 123456;
-    ZV_FileShareSession session(&mgr, "D:\\Files\\");
-    EXPECT_EQ(QB_StringW(u"D:\\Files\\123456\\"), session.GetConfDir());
-    // A store path that fills the buffer is cut at 260 units.
-    ZV_FileShareSession longSession(&mgr, std::string(300, 'a').c_str());
-    EXPECT_EQ(260, longSession.GetConfDir().GetLength());
-}
-
 TEST_F(Session, ShowsAFileToTheCreatorToListedUsersToEveryoneIfPublicAndToThePrivileged)
 {
     const QB_UserID other(10002, 0);
@@ -59,13 +49,4 @@ TEST_F(Session, ShowsAFileToTheCreatorToListedUsersToEveryoneIfPublicAndToThePri
         ZV_FileShareSession session(&mgr, "");
         EXPECT_EQ(c.bVisible, session.IsFileVisible(brief)) << c.szName;
     }
-}
-
-TEST_F(Session, CountsAUserAsLocalOnlyWhenHomedOnThisServer)
-{
-    host.AddUser(QB_UserID(10002, 0), 1, "ben");
-    host.AddUser(QB_UserID(10003, 0), 2, "cy");
-    EXPECT_TRUE(ZV_FileShareSession::IsLocalUser(&host, QB_UserID(10002, 0)));
-    EXPECT_FALSE(ZV_FileShareSession::IsLocalUser(&host, QB_UserID(10003, 0)));
-    EXPECT_FALSE(ZV_FileShareSession::IsLocalUser(&host, QB_UserID(10004, 0)));
 }

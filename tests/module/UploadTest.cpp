@@ -19,23 +19,8 @@ using Bytes = std::vector<uint8_t>;
 const QB_UserID kAlice(10001, 0);  // the creator: commands on 11, data on 12
 const QB_UserID kBob(10002, 0);
 
-struct Pdu
-{
-    Bytes b;
-    Pdu& U8(uint8_t v) { b.push_back(v); return *this; }
-    Pdu& U16(uint16_t v) { return U8(v & 0xFF).U8(v >> 8); }
-    Pdu& U32(uint32_t v) { return U16(v & 0xFFFF).U16(v >> 16); }
-    Pdu& User(const QB_UserID& id) { return U32(id.m_ulMain).U32(id.m_ulSub); }
-    Pdu& Data(const Bytes& data) { b.insert(b.end(), data.begin(), data.end()); return *this; }
-};
+using Pdu = ZV_Pdu;
 
-Bytes Random(size_t nSize, unsigned nSeed)
-{
-    Bytes data(nSize);
-    for (size_t i = 0; i < nSize; ++i)
-        data[i] = (uint8_t)((i * 2654435761u + nSeed) >> 13);
-    return data;
-}
 Bytes Slice(const Bytes& data, size_t nPos, size_t nLen)
 {
     return Bytes(data.begin() + nPos, data.begin() + std::min(data.size(), nPos + nLen));
@@ -86,7 +71,7 @@ struct UploadFixture : public ::testing::Test
         env.SetTimeT(1300260108);
         std::filesystem::create_directories(tmp.Sub("log"));
         std::filesystem::create_directories(tmp.Sub("7"));
-        data = Random(nSize, (unsigned)nSize);
+        data = ZV_TestBytes(nSize, (unsigned)nSize);
         lpSession = new ZV_FileShareSession(&mgr, QB_StringA(tmp.PathW()).GetString());
         lpSession->m_usFileID = 5;
         lpSession->m_BriefInfo.SetCreatorID(kAlice);
@@ -126,55 +111,6 @@ struct UploadFixture : public ::testing::Test
 using Upload = UploadFixture;
 
 } // namespace
-
-TEST_F(Upload, FsUploadStartsThePumpWhichSendsThreeBlocksPerCallUntilTheSharedLength)
-{
-    struct { size_t nSize; std::vector<size_t> vecCalls; } aCases[] = {
-        {98305, {3, 1}}, {32768, {1}}, {0, {1}}};
-    for (const auto& c : aCases)
-    {
-        Make(false, c.nSize);
-        ASSERT_EQ(0u, FsUpload(5));
-        ASSERT_EQ(2u, host.m_vecSent.size());
-        EXPECT_TRUE(host.m_vecSent[0].usPdu == PDU_CONF_FS_KICK && host.m_vecSent[0].ulConn == 12);
-        EXPECT_EQ(11u, host.m_vecSent[1].ulConn);
-        EXPECT_EQ(Pdu().U16(5).User(kAlice).U32(0).U8(1).b, host.m_vecSent[1].data) << "the start marker";
-        // 3008 with 0.0 percent, whose eight bytes are all zero.
-        EXPECT_EQ(Pdu().U16(zvFsEventUploadProgress).U32(0).U16(5).U32(0).U32(0).b, Joined(host.m_vecEvents));
-
-        uint32_t ulPos = 0;
-        for (size_t nBlocks : c.vecCalls)
-        {
-            EXPECT_EQ(ZV_FILESTATE_UPLOADING, lpSession->m_BriefInfo.m_usFileState) << c.nSize;
-            const auto vecBlocks = OnSend();
-            ASSERT_EQ(nBlocks, vecBlocks.size()) << c.nSize;
-            for (const auto& sent : vecBlocks)
-            {
-                EXPECT_EQ(12u, sent.ulConn);
-                EXPECT_EQ(Block(ulPos, Slice(data, ulPos, ZV_BLOCK_SIZE)), sent.data) << c.nSize << " at " << ulPos;
-                ulPos += (uint32_t)std::min<size_t>(ZV_BLOCK_SIZE, c.nSize - ulPos);
-            }
-        }
-        EXPECT_EQ(ZV_FILESTATE_COMPLETE, lpSession->m_BriefInfo.m_usFileState) << c.nSize;
-        EXPECT_TRUE(OnSend().empty()) << c.nSize << ": nothing after the last block";
-        EXPECT_TRUE(host.m_vecEvents.size() == 1 && ClientLog().empty()) << c.nSize;
-    }
-}
-
-TEST_F(Upload, FsUploadRefusesUnknownAndReservedFilesAndSendsTheStartMarkerEvenWithoutADataLink)
-{
-    Make(false, 10);
-    EXPECT_EQ(82u, FsUpload(6));
-    mgr.m_mapSession.SetAt(6, nullptr);
-    EXPECT_EQ(83u, FsUpload(6));
-    EXPECT_EQ("2011-03-16 07:21:48 : ZV_FileShareMgr.FsUpload ret = 82\r\n", ClientLog()) << "no line for 83";
-    EXPECT_TRUE(host.m_vecSent.empty());
-
-    host.m_ulDataConn = zvConnNone;
-    EXPECT_EQ(0u, FsUpload(5));
-    ASSERT_EQ(1u, host.m_vecSent.size());
-    EXPECT_TRUE(host.m_vecSent[0].usPdu == PDU_CONF_FS_UPLOAD_REQUEST && host.m_vecSent[0].ulConn == 11);
-}
 
 TEST_F(Upload, ClientThatCannotReadItsFileFailsAndSaysSoUnlessTheServerHoldsItAll)
 {
@@ -255,7 +191,7 @@ TEST_F(Upload, ServerRefusesABlockItCannotTakeAndTheNextBlockShowsWhatItRemember
         Make(true, 98305);
         if (c.eFault != QB_EnvOp::Count_)
             env.FailAt(c.eFault, 1);
-        Deliver(PDU_CONF_FS_UPLOAD_REQUEST, Block(0, Random(c.nLen, 9), c.sender));
+        Deliver(PDU_CONF_FS_UPLOAD_REQUEST, Block(0, ZV_TestBytes(c.nLen, 9), c.sender));
         EXPECT_EQ(Answer(c.ulResult, 0, c.sender), Joined(host.SentOf(PDU_CONF_FS_UPLOAD_RESPONSE))) << c.szName;
         EXPECT_EQ(ZV_FILESTATE_FAILED, Row().m_usFileState) << c.szName;
         EXPECT_EQ(0u, Stored().size()) << c.szName;
@@ -265,14 +201,4 @@ TEST_F(Upload, ServerRefusesABlockItCannotTakeAndTheNextBlockShowsWhatItRemember
         EXPECT_EQ(c.ulWritePos, lpSession->m_FileInfo.m_ulFileWritePos) << c.szName;
         EXPECT_EQ(Slice(data, 0, c.ulWritePos), Stored()) << c.szName;
     }
-}
-
-TEST_F(Upload, StateNoticeRaisesOneTransferStateEventPerFileAndIgnoresATruncatedOne)
-{
-    Make(false, 10);
-    EXPECT_EQ(0u, Deliver(PDU_CONF_FS_FILE_STATE_NOTICE, Pdu().U8(2).U16(5).U16(300).U16(4).U8(1).b));
-    EXPECT_EQ(5u, Deliver(PDU_CONF_FS_FILE_STATE_NOTICE, Pdu().U8(2).U16(5).U16(300).U16(4).b));
-    ASSERT_EQ(2u, host.m_vecEvents.size());
-    EXPECT_EQ(Pdu().U16(zvFsEventTransferState).U32(0).U8(1).U16(5).U16(4).b, host.m_vecEvents[0].data);
-    EXPECT_EQ(Pdu().U16(zvFsEventTransferState).U32(0).U8(1).U16(300).U16(4).b, host.m_vecEvents[1].data);
 }

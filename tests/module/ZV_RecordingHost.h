@@ -4,13 +4,48 @@
 #pragma once
 
 #include "IZV_FileShare.h"
+#include "ZV_RecordStream.h"
 
 #include <cstdint>
+#include <cstring>
 #include <map>
 #include <set>
 #include <string>
 #include <utility>
 #include <vector>
+
+// A payload field by field, as the wire has them.
+struct ZV_Pdu
+{
+    std::vector<uint8_t> b;
+    ZV_Pdu& U8(uint8_t v) { b.push_back(v); return *this; }
+    ZV_Pdu& U16(uint16_t v) { return U8(v & 0xFF).U8(v >> 8); }
+    ZV_Pdu& U32(uint32_t v) { return U16(v & 0xFFFF).U16(v >> 16); }
+    ZV_Pdu& User(const QB_UserID& id) { return U32(id.m_ulMain).U32(id.m_ulSub); }
+    ZV_Pdu& Data(const std::vector<uint8_t>& data) { b.insert(b.end(), data.begin(), data.end()); return *this; }
+    ZV_Pdu& F64(double d)
+    {
+        uint8_t a[8];
+        std::memcpy(a, &d, 8);  // little-endian on this host
+        return Data(std::vector<uint8_t>(a, a + 8));
+    }
+    template <class TRecord> ZV_Pdu& Record(const TRecord& record)
+    {
+        uint8_t abBuf[4096];
+        QB_ByteStream stream(abBuf, sizeof abBuf, false);
+        SaveDelimited(stream, record);
+        return Data(std::vector<uint8_t>(abBuf, abBuf + stream.GetPos()));
+    }
+};
+
+// File contents that differ at every offset, so a block in the wrong place shows.
+inline std::vector<uint8_t> ZV_TestBytes(size_t nSize, unsigned nSeed)
+{
+    std::vector<uint8_t> data(nSize);
+    for (size_t i = 0; i < nSize; ++i)
+        data[i] = (uint8_t)((i * 2654435761u + nSeed) >> 13);
+    return data;
+}
 
 struct ZV_SentPdu
 {

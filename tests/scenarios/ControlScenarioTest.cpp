@@ -1,6 +1,5 @@
-// Stop, resume, lost links and the timers through a whole simulated
-// conference: Alice shares, Bob fetches, and the bytes on Bob's disk and the
-// events of both say how it went.
+// Stop and resume through a whole simulated conference: Alice shares, Bob
+// fetches, and the bytes on Bob's disk and the events of both say how it went.
 #include "ZV_SceneFixture.h"
 
 namespace {
@@ -41,47 +40,4 @@ TEST_F(ControlScene, StoppedTransfersStandStillWithBlocksInFlightAndGoOnToTheSam
     ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
     EXPECT_EQ(data, Got(usFileID));
     EXPECT_EQ(2u, Events(Alice(), zvFsEventStopResult).size());
-}
-
-TEST_F(ControlScene, ADownloadGoesOnWhenItsDataLinkComesBackAndTheClientFallsIdleAfterwards)
-{
-    const uint16_t usFileID = ShareAndFetch();
-    ZV_SimLink* lpBobLink = sim.GetClientLink(Bob());
-    ASSERT_TRUE(StepBlocks(5));
-    ASSERT_TRUE(sim.Cut(lpBobLink, zvConfClientTypeData));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    EXPECT_LT(Got(usFileID).size(), data.size());
-    ASSERT_TRUE(sim.Restore(lpBobLink, zvConfClientTypeData));
-    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
-    EXPECT_EQ(data, Got(usFileID));
-    EXPECT_EQ(1u, Events(Bob(), zvFsEventDownloadFinished).size());
-
-    // With nothing running, Bob's user side hears "idle" once the wait is over.
-    const auto IdleReports = [&] {
-        size_t n = 0;
-        for (const auto& event : Events(Bob(), zvFsEventBusy))
-            n += event.vbData.back() == 0;
-        return n;
-    };
-    const size_t nBefore = IdleReports();
-    ASSERT_TRUE(sim.AdvanceTime(15000)) << sim.GetError();
-    EXPECT_GT(IdleReports(), nBefore);
-}
-
-TEST_F(ControlScene, AnUploadThatCannotReadItsFileIsReportedToEveryoneAsAReadFailure)
-{
-    const uint16_t usFileID = ShareAndFetch();
-    ASSERT_TRUE(StepBlocks(1));
-    sim.GetEnv().FailAt(QB_EnvOp::Read, 1, true);
-    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
-    sim.GetEnv().ClearFaults();
-    for (ZV_SimHost* lpClient : shape.vecClients)
-    {
-        const auto vecErrors = Events(lpClient, zvFsEventTransferError);
-        ASSERT_FALSE(vecErrors.empty()) << lpClient->GetName();
-        EXPECT_EQ((ZV_Bytes{0xB9, 0x0B, 61, 0, 0, 0, (uint8_t)usFileID, (uint8_t)(usFileID >> 8)}),
-                  vecErrors.back().vbData);
-        EXPECT_EQ(1u, sim.Journal().PdusTo(PDU_CONF_FS_UPLOAD_ERROR_RESPONSE, lpClient->GetName()).size());
-    }
-    EXPECT_EQ(1u, sim.Journal().Pdus(PDU_CONF_FS_UPLOAD_ERROR_REQUEST, Alice()->GetName()).size());
 }
