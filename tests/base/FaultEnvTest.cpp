@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <optional>
 #include <string>
 
 namespace fs = std::filesystem;
@@ -102,33 +101,3 @@ TEST(FaultEnv, DrivesTheTickByHandAndWrapsPastTheTop)
     EXPECT_EQ(QB_GetEnv()->GetTickCount(), 0x0Fu);
 }
 
-TEST(FaultEnv, GivesLocalTimeFromTheManualClockMinusTheBias)
-{
-    const struct
-    {
-        int64_t llTime;
-        std::optional<int32_t> lBias;  // none: UTC
-        std::vector<int> vExpected;    // year, month, weekday, day, hour, minute, second, ms
-    } aRows[] = {
-        {1300260065, std::nullopt, {2011, 3, 3, 16, 7, 21, 5, 0}},
-        {1300260065, -3600, {2011, 3, 3, 16, 8, 21, 5, 0}},
-        {1300233600, 3600, {2011, 3, 2, 15, 23, 0, 0, 0}},
-        {951782400, 0, {2000, 2, 2, 29, 0, 0, 0, 0}},
-        {-1, 0, {1969, 12, 3, 31, 23, 59, 59, 0}},
-    };
-    for (const auto& row : aRows)
-    {
-        QB_FaultEnv env;
-        env.SetTimeT(row.llTime);
-        if (row.lBias)
-            env.SetTimeZoneBias(*row.lBias);
-        QB_SystemTime st;
-        env.GetLocalTime(&st);
-        EXPECT_EQ((std::vector<int>{st.wYear, st.wMonth, st.wDayOfWeek, st.wDay, st.wHour, st.wMinute, st.wSecond,
-                                    st.wMilliseconds}),
-                  row.vExpected)
-            << row.llTime;
-        EXPECT_EQ(env.GetTimeT(), row.llTime);
-        EXPECT_EQ(env.GetTimeZoneBias(), row.lBias.value_or(0));
-    }
-}

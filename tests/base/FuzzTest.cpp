@@ -1,6 +1,6 @@
-// Random, mutated and truncated input for every parser that faces the
-// outside: the date-time text, the user identifier's text, the load stream
-// and the ini loader. Seeded, so a failure repeats.
+// Random, mutated and truncated input for the parsers that face the
+// outside: the date-time text, the load stream and the ini loader. Seeded,
+// so a failure repeats.
 #include "QB_ByteStream.h"
 #include "QB_DatetimeEx.h"
 #include "QB_IniFileEx.h"
@@ -35,23 +35,6 @@ void CheckDateText(const std::string& sText, int* pnAccepted)
     QB_DateTimeEx dtBack;
     ASSERT_TRUE(dtBack.Parse(dt.ToText(0, "-"))) << '"' << sText << '"';
     EXPECT_EQ(dtBack, dt) << '"' << sText << '"';
-}
-
-// A kind 0 leaves both words 0; any other kind is the words' own kind, and
-// their text reads back as the same words.
-void CheckUserIDText(const std::string& sText)
-{
-    QB_UserID id(7, 7);
-    int nKind = id.FromText(sText.c_str());
-    if (nKind == 0)
-    {
-        ASSERT_EQ(id, QB_UserID(0, 0)) << sText;
-        return;
-    }
-    ASSERT_EQ(id.GetKind(), nKind) << sText;
-    QB_UserID back;
-    ASSERT_EQ(back.FromText(id.ToText().GetString()), nKind) << sText;
-    ASSERT_EQ(back, id) << sText;
 }
 
 // Characters from the given alphabet, or any byte but zero when it is null.
@@ -161,22 +144,6 @@ TEST(Fuzz, DateTimeTextAcceptsOnlyValuesInRangeAndReadsItsOwnTextBack)
     }
     // Without this the loop could pass by refusing everything.
     EXPECT_GT(nAccepted, 9000);
-}
-
-TEST(Fuzz, UserIDTextNeverMisparsesRandomOrTruncatedInput)
-{
-    std::mt19937 rng(5771);
-    for (int i = 0; i < 20000 && !HasFatalFailure(); ++i)
-        CheckUserIDText(RandomText(rng, 21, i % 4 == 3 ? nullptr : "0123456789 \t0123456789\n0123456789"));
-
-    // Every prefix of the text of random words, valid or not.
-    for (int i = 0; i < 2000 && !HasFatalFailure(); ++i)
-    {
-        uint32_t ulMain = i % 2 ? rng() : 90000 + rng() % 10000;
-        std::string sText = QB_UserID(ulMain, rng() % 2 ? rng() % 10000 : rng()).ToText().GetString();
-        for (size_t n = 0; n <= sText.size(); ++n)
-            CheckUserIDText(sText.substr(0, n));
-    }
 }
 
 TEST(Fuzz, LoadStreamRaisesOnlyTheLoadFailureOnRandomBytes)

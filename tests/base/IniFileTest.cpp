@@ -285,13 +285,3 @@ TEST(IniFile, ReadsAndRewritesALineOfAMegabyte)
     EXPECT_EQ(vbOut.size(), vbFile.size() + 2);
 }
 
-TEST(IniKey, MatchesNamesWithoutRegardToCaseAndHashesPathTwoAsPathPlusTwo)
-{
-    QB_IniKeyHash hash;
-    EXPECT_EQ(hash(QB_IniKey(u"Path", 2)), 207514474u);
-    EXPECT_EQ(hash(QB_IniKey(u"path+2", 1)), 207514474u);
-    EXPECT_EQ(hash(QB_IniKey(u"PATH", 1)), 4134509u);
-    EXPECT_TRUE(QB_IniKey(u"Path", 2) == QB_IniKey(u"pATH", 2));
-    EXPECT_FALSE(QB_IniKey(u"Path", 2) == QB_IniKey(u"Path", 1));
-    EXPECT_FALSE(QB_IniKey(u"Path", 1) == QB_IniKey(u"Paths", 1));
-}

@@ -6,10 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <filesystem>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace fs = std::filesystem;
@@ -164,28 +162,3 @@ TEST(Log, KeepsAMessageLongerThanAnyFixedBufferWhole)
     EXPECT_EQ(home.Read("log/log_error_client.txt"), "2011-03-16 07:21:48 : " + sLong + "\r\n");
 }
 
-// Writers that met inside one file would overwrite each other's lines.
-TEST(Log, WritesOneLineAtATimeFromManyThreads)
-{
-    LogHome home;
-    constexpr int THREADS = 4;
-    constexpr int LINES = 100;
-    std::vector<std::thread> vThreads;
-    for (int t = 0; t < THREADS; ++t)
-        vThreads.emplace_back([t] {
-            for (int i = 0; i < LINES; ++i)
-                QB_WriteLog(2, "fileshare", "thread %d line %03d\r\n", t, i);
-        });
-    for (auto& thread : vThreads)
-        thread.join();
-
-    std::string sText = home.Read("log/log_fileshare_2011_03_16.txt");
-    ASSERT_EQ(sText.size(), std::string("2011-03-16 07:21:48 : thread 0 line 000\r\n").size() * THREADS * LINES);
-    for (int t = 0; t < THREADS; ++t)
-        for (int i = 0; i < LINES; ++i)
-        {
-            char szLine[64];
-            std::snprintf(szLine, sizeof szLine, "2011-03-16 07:21:48 : thread %d line %03d\r\n", t, i);
-            EXPECT_NE(sText.find(szLine), std::string::npos) << szLine;
-        }
-}

@@ -118,26 +118,3 @@ TEST(UserID, TravelsAsMainThenSubLittleEndian)
     EXPECT_EQ(short7.GetPos(), 3);
 }
 
-TEST(UserID, OrdersByMainThenSubAsUnsignedWords)
-{
-    struct
-    {
-        QB_UserID a;
-        QB_UserID b;
-        int nOrder;
-    } const kPairs[] = {
-        {{1, 5}, {2, 0}, -1},
-        {{2, 0}, {2, 0}, 0},
-        {{2, 1}, {2, 0}, 1},
-        {{0xFFFFFFFF, 0}, {1, 0xFFFFFFFF}, 1},
-        {{3, 0x80000000}, {3, 1}, 1},
-    };
-    for (const auto& p : kPairs)
-    {
-        EXPECT_EQ(QB_UserID::Compare(p.a, p.b), p.nOrder);
-        EXPECT_EQ(QB_UserID::Compare(p.b, p.a), -p.nOrder);
-        EXPECT_EQ(p.a < p.b, p.nOrder < 0);
-        EXPECT_EQ(p.b < p.a, p.nOrder > 0);
-        EXPECT_EQ(p.a == p.b, p.nOrder == 0);
-    }
-}
