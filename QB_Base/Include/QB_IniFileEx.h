@@ -123,12 +123,15 @@ private:
     bool m_bUnicode = false;
     QB_StringA m_sHeader;
     bool m_bSectionSeen = false;
+    // Kept between flushes: a catalogue is rewritten whole on every save,
+    // and a fresh buffer of its size each time costs more than the copy.
+    std::string m_sFlushBytes;
 
     void Clear();
     bool ReadWholeFile(bool bCreateUnicode, std::string& sBytes);
     void Load(const std::string& sBytes);
     void LoadLine(const QB_StringW& sLine, LoadState& state);
-    std::string Serialize() const;
+    void Serialize(std::string& sOut) const;
 
     QB_IniLine* NewLine(const QB_StringW& sLine, QB_IniLine* lpSection) const;
     QB_IniLine* FindSection(const QB_StringW& sName, int nOccurrence) const;

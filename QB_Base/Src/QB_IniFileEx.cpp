@@ -3,6 +3,7 @@
 #include "QB_Env.h"
 #include "QB_FileEx.h"
 
+#include <bit>
 #include <cassert>
 #include <charconv>
 #include <cstddef>
@@ -106,12 +107,15 @@ void ForEachLine(const CharT* pText, size_t nLength, Fn fnLine)
 
 void AppendUtf16(std::string& sOut, const char16_t* pch, int nCount)
 {
-    size_t nAt = sOut.size();
-    sOut.resize(nAt + 2 * (size_t)nCount);
+    if constexpr (std::endian::native == std::endian::little)
+    {
+        sOut.append(reinterpret_cast<const char*>(pch), 2 * (size_t)nCount);
+        return;
+    }
     for (int i = 0; i < nCount; ++i)
     {
-        sOut[nAt++] = (char)(pch[i] & 0xFF);
-        sOut[nAt++] = (char)(pch[i] >> 8);
+        sOut += (char)(pch[i] & 0xFF);
+        sOut += (char)(pch[i] >> 8);
     }
 }
 
@@ -454,10 +458,9 @@ bool QB_IniFileEx::Flush()
     if (ulAttributes != QB_ATTR_INVALID && (ulAttributes & QB_ATTR_READONLY))
         return false;
     // Built before the file is cut, so a failure here leaves the old file.
-    std::string sBytes;
     try
     {
-        sBytes = Serialize();
+        Serialize(m_sFlushBytes);
     }
     catch (const std::bad_alloc&)
     {
@@ -466,14 +469,14 @@ bool QB_IniFileEx::Flush()
     QB_FileEx file;
     if (!file.Open(sPath, QB_FILE_WRITE | QB_FILE_CREATE_ALWAYS))
         return false;
-    bool bWritten = WriteAll(file, sBytes);
+    bool bWritten = WriteAll(file, m_sFlushBytes);
     file.Close();
     return bWritten;
 }
 
-std::string QB_IniFileEx::Serialize() const
+void QB_IniFileEx::Serialize(std::string& sOut) const
 {
-    std::string sOut;
+    sOut.clear();
     if (m_bUnicode)
     {
         sOut.append(kBom, 2);
@@ -498,7 +501,6 @@ std::string QB_IniFileEx::Serialize() const
             sOut += "\r\n";
         }
     }
-    return sOut;
 }
 
 bool QB_IniFileEx::GetSectionNames(QB_Array<QB_StringW>& arrNames) const
