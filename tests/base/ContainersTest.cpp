@@ -1,5 +1,4 @@
 #include "QB_Array.h"
-#include "QB_List.h"
 #include "QB_Locker.h"
 #include "QB_Map.h"
 #include "QB_String.h"
@@ -24,15 +23,6 @@ std::vector<K> WalkKeys(const QB_Map<K, V, H>& map)
         vKeys.push_back(key);
     }
     return vKeys;
-}
-
-template <class T>
-std::vector<T> Forward(const QB_List<T>& list)
-{
-    std::vector<T> v;
-    for (QB_POSITION pos = list.GetHeadPosition(); pos;)
-        v.push_back(list.GetNext(pos));
-    return v;
 }
 
 std::vector<int> Elements(const QB_Array<int>& arr)
@@ -108,40 +98,6 @@ TEST(Array, InsertsRemovesAndFindsByIndexAndRefusesNegativeNumbers)
     EXPECT_EQ(arr.Find(0), 3);
     EXPECT_EQ(arr.Find(0, 4), 4);
     EXPECT_EQ(arr.Find(6), -1);
-}
-
-TEST(List, KeepsInsertionOrderThroughAddsAndRemovals)
-{
-    QB_List<int> list;
-    QB_List<int> other;
-    other.AddTail(8);
-    other.AddTail(9);
-    int nTaken = 0;
-    struct Step
-    {
-        const char* pszName;
-        std::function<void()> fn;
-        std::vector<int> vAfter;
-    } steps[] = {
-        {"tails and a head", [&] { list.AddTail(2); list.AddTail(3); list.AddHead(1); }, {1, 2, 3}},
-        {"another list", [&] { list.AddTail(other); }, {1, 2, 3, 8, 9}},
-        {"remove head", [&] { nTaken = list.RemoveHead(); }, {2, 3, 8, 9}},
-        {"remove the middle", [&] { list.RemoveAt(list.Find(3)); }, {2, 8, 9}},
-        {"itself", [&] { list.AddTail(list); }, {2, 8, 9, 2, 8, 9}},
-        {"second occurrence", [&] { list.RemoveAt(list.Find(2, list.Find(2))); }, {2, 8, 9, 8, 9}},
-        {"all", [&] { list.RemoveAll(); }, {}},
-        {"head of nothing", [&] { nTaken += 100 * list.RemoveHead() + list.RemoveTail(); }, {}},
-        {"after emptying", [&] { list.AddHead(4); }, {4}},
-    };
-    for (const Step& step : steps)
-    {
-        step.fn();
-        EXPECT_EQ(Forward(list), step.vAfter) << step.pszName;
-        EXPECT_EQ(list.GetCount(), (int)step.vAfter.size()) << step.pszName;
-    }
-    EXPECT_EQ(nTaken, 1);
-    EXPECT_EQ(list.GetHead(), 4);
-    EXPECT_EQ(list.GetTail(), 4);
 }
 
 TEST(Locker, IsFreeAgainOnlyWhenReleasedAsOftenAsTakenAndAnEarlyUnlockCountsOnce)

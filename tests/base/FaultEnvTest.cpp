@@ -4,10 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <string>
-
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -68,23 +65,6 @@ TEST(FaultEnv, FailsTheNthOperationOfEachKindOnceOrFromThenOn)
             EXPECT_EQ(outer.GetCount(op), 5) << (int)op << " " << pszWhat;
             EXPECT_EQ(inner.GetCount(op), bSticky ? 2 : 4) << (int)op << " " << pszWhat;
         }
-}
-
-TEST(FaultEnv, StopsMakeDirsAtTheFolderThatCannotBeMade)
-{
-    QB_TempFolder tmp;
-    QB_FaultEnv env;
-    QB_ScopedEnv install(&env);
-    env.FailAt(QB_EnvOp::MakeFolder, 2);
-    EXPECT_FALSE(MakeDirs(tmp.PathW() + u"a\\b\\c"));
-    EXPECT_TRUE(fs::is_directory(tmp.Sub("a")));
-    EXPECT_FALSE(fs::exists(tmp.Sub("a/b")));
-
-    // A plain file that can't be deleted keeps the folder from being made.
-    QB_WriteWholeFile(tmp.Sub("plain"), "x");
-    env.FailAt(QB_EnvOp::Delete, 1);
-    EXPECT_FALSE(MakeDirs(tmp.PathW() + u"plain\\sub"));
-    EXPECT_TRUE(fs::is_regular_file(tmp.Sub("plain")));
 }
 
 TEST(FaultEnv, DrivesTheTickByHandAndWrapsPastTheTop)

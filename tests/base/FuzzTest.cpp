@@ -1,15 +1,12 @@
-// Random, mutated and truncated input for the parsers that face the
-// outside: the date-time text, the load stream and the ini loader. Seeded,
-// so a failure repeats.
+// Random input for the parsers that face the outside: the load stream and
+// the ini loader. Seeded, so a failure repeats.
 #include "QB_ByteStream.h"
-#include "QB_DatetimeEx.h"
 #include "QB_IniFileEx.h"
 #include "QB_TestSupport.h"
 #include "QB_UserID.h"
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <memory>
 #include <random>
 #include <string>
@@ -18,33 +15,6 @@
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-
-// Any outcome stays a valid value; an accepted text reads back from the
-// value's own text form. Counts the accepted texts.
-void CheckDateText(const std::string& sText, int* pnAccepted)
-{
-    QB_DateTimeEx dt;
-    bool bOk = dt.Parse(sText.c_str());
-    ASSERT_TRUE(dt.m_Date >= QB_DATE_MIN && dt.m_Date <= QB_DATE_MAX && dt.m_Time >= 0 &&
-                dt.m_Time < QB_TICKS_PER_DAY)
-        << '"' << sText << "\" gives " << dt.m_Date << " " << dt.m_Time;
-    if (!bOk)
-        return;
-    ++*pnAccepted;
-    EXPECT_LT(sText.size(), 33u) << '"' << sText << '"';
-    QB_DateTimeEx dtBack;
-    ASSERT_TRUE(dtBack.Parse(dt.ToText(0, "-"))) << '"' << sText << '"';
-    EXPECT_EQ(dtBack, dt) << '"' << sText << '"';
-}
-
-// Characters from the given alphabet, or any byte but zero when it is null.
-std::string RandomText(std::mt19937& rng, size_t nMax, const char* pszAlphabet)
-{
-    std::string sText(rng() % (nMax + 1), ' ');
-    for (char& ch : sText)
-        ch = pszAlphabet ? pszAlphabet[rng() % std::strlen(pszAlphabet)] : (char)(1 + rng() % 255);
-    return sText;
-}
 
 // One random read. A refusal must be the load failure and leave the
 // position where the read began.
@@ -123,28 +93,6 @@ std::vector<std::u16string> SectionNames(const QB_IniFileEx& ini)
 }
 
 }  // namespace
-
-TEST(Fuzz, DateTimeTextAcceptsOnlyValuesInRangeAndReadsItsOwnTextBack)
-{
-    static const char* const kSeparators[] = {"-", "/", "."};
-    std::mt19937 rng(20110316);
-    int nAccepted = 0;
-    for (int i = 0; i < 3000 && !HasFatalFailure(); ++i)
-    {
-        QB_DateTimeEx dt;
-        dt.SetRaw(std::uniform_int_distribution<int32_t>(QB_DATE_MIN, QB_DATE_MAX)(rng),
-                  std::uniform_int_distribution<int32_t>(0, QB_TICKS_PER_DAY - 1)(rng));
-        std::string sText = dt.ToText((int)(rng() % 3), kSeparators[rng() % 3]).GetString();
-        for (size_t n = 0; n <= sText.size(); ++n)
-            CheckDateText(sText.substr(0, n), &nAccepted);
-        sText[rng() % sText.size()] = (char)(1 + rng() % 127);
-        CheckDateText(sText, &nAccepted);
-        CheckDateText(RandomText(rng, 30, "0123456789-/.: \t9x"), &nAccepted);
-        CheckDateText(RandomText(rng, 40, nullptr), &nAccepted);
-    }
-    // Without this the loop could pass by refusing everything.
-    EXPECT_GT(nAccepted, 9000);
-}
 
 TEST(Fuzz, LoadStreamRaisesOnlyTheLoadFailureOnRandomBytes)
 {

@@ -77,34 +77,13 @@ TEST(IniFile, WritesEveryLineBackAsItWasRead)
         {"a CR before CR LF stays", Ansi("[s]\r\na=1\r\r\nb\r\n"), Ansi("[s]\r\na=1\r\r\nb\r\n")},
         {"Windows-1252 bytes", Ansi("[s\xE9]\r\nk=\x80\x81\x9F\xFF\r\n"), Ansi("[s\xE9]\r\nk=\x80\x81\x9F\xFF\r\n")},
         {"an empty file", Ansi(""), Ansi("")},
-        {"one byte, too short to load", Ansi("x"), Ansi("")},
         {"UTF-16 with every kind of line", Utf16(u";top\r\n[s]\r\nk=\u4E2D\r\n\r\n;c\r\n\u00FF\r\n"),
          Utf16(u";top\r\n[s]\r\nk=\u4E2D\r\n\r\n;c\r\n\u00FF\r\n")},
-        {"UTF-16 without a last line end", Utf16(u"[s]\r\na=1"), Utf16(u"[s]\r\na=1\r\n")},
-        {"UTF-16 text before the first section", Utf16(u"x\r\n[s]\r\n"), Utf16(u"\r\n[s]\r\n")},
         {"a lone byte-order mark", Utf16(u""), Utf16(u"\r\n")},
         {"half a UTF-16 character at the end", {0xFF, 0xFE, '[', 0, 's', 0, ']', 0, 'x'}, Utf16(u"[s]\r\n")},
-        {"zeros only", {0, 0, 0}, Ansi("\r\n")},
     };
     for (const Row& row : rows)
         EXPECT_EQ(QB_ToHex(Rewrite(row.vbIn)), QB_ToHex(row.vbOut)) << row.pszName;
-}
-
-TEST(IniLine, TellsKeysFromSectionsCommentsBlanksAndOtherLines)
-{
-    struct Row
-    {
-        const char16_t* pszLine;
-        QB_IniLine::Type type;
-    } rows[] = {
-        {u"a=b=c", QB_IniLine::Key}, {u"[a=b]", QB_IniLine::Key}, {u" = ", QB_IniLine::Key},
-        {u"[s]", QB_IniLine::Section}, {u"[]", QB_IniLine::Section}, {u";a=b", QB_IniLine::Comment},
-        {u"=;a", QB_IniLine::Comment}, {u"", QB_IniLine::Blank}, {u"=", QB_IniLine::Blank},
-        {u"=b", QB_IniLine::Other}, {u"[x", QB_IniLine::Other}, {u"[", QB_IniLine::Other},
-        {u"==", QB_IniLine::Other}, {u"text", QB_IniLine::Other},
-    };
-    for (const Row& row : rows)
-        EXPECT_EQ(QB_IniLine::Classify(row.pszLine), row.type) << QB_StringA(QB_StringW(row.pszLine)).GetString();
 }
 
 TEST(IniFile, ReadsTheFirstKeyOfTheFirstSectionByNameWithoutRegardToCase)
@@ -118,13 +97,10 @@ TEST(IniFile, ReadsTheFirstKeyOfTheFirstSectionByNameWithoutRegardToCase)
     } rows[] = {
         {"[s]\r\na=b=c\r\n", "s", "a", "b=c"},
         {"[s]\r\n[a=b]\r\n", "[s]", "[a", "b]"},
-        {"[s]\r\n a = b \r\n", "s", " a ", " b "},
         {"[S]\r\nKey=v\r\n", "[s", "kEY", "v"},
         {"[s]\r\na=1\r\na=2\r\n", "s", "a", "1"},
         {"[s]\r\na=1\r\n[s]\r\na=2\r\n", "s]", "a", "1"},
-        {"[s]\r\n;a=b\r\n", "s", ";a", "-"},
         {"a=1\r\n[s]\r\n", "s", "a", "-"},
-        {"[s]\r\na=1\r\n", "s=", "a", "-"},
     };
     for (const Row& row : rows)
     {
@@ -177,10 +153,8 @@ TEST(IniFile, RefusesSectionAndKeyNamesWithAnEqualsSignAndChangesNothing)
     Bytes vbFile = Rewrite(Ansi("[s]\r\na=1\r\n"), [](QB_IniFileEx& ini) {
         EXPECT_FALSE(ini.SetString("a=b", "k", "v"));
         EXPECT_FALSE(ini.SetString("s", "k=", "v"));
-        EXPECT_FALSE(ini.SetString("", "k", "v"));
         EXPECT_FALSE(ini.SetLong(u"s", u"=", 1));
         EXPECT_FALSE(ini.DeleteSection("s=t"));
-        EXPECT_FALSE(ini.DeleteSection(""));
         EXPECT_EQ(ini.GetLong("s", "a=", 4), 4);
     });
     EXPECT_EQ(QB_ToHex(vbFile), QB_ToHex(Ansi("[s]\r\na=1\r\n")));
@@ -239,12 +213,9 @@ TEST(IniFile, KeepsChangesInMemoryWhenTheFileIsReadOnlyOrThePlatformFails)
     QB_FaultEnv env;
     QB_ScopedEnv scope(&env);
     QB_IniFileEx ini;
-    for (QB_EnvOp op : {QB_EnvOp::Open, QB_EnvOp::Read})
-    {
-        env.FailAt(op, 1);
-        EXPECT_FALSE(ini.Open(QB_StringA(sPath.c_str()), false));
-        EXPECT_EQ(ini.GetLong("s", "k", -1), -1);
-    }
+    env.FailAt(QB_EnvOp::Read, 1);
+    EXPECT_FALSE(ini.Open(QB_StringA(sPath.c_str()), false));
+    EXPECT_EQ(ini.GetLong("s", "k", -1), -1);
     ASSERT_TRUE(ini.Open(QB_StringA(sPath.c_str()), false));
     EXPECT_TRUE(ini.SetString("s", "k", "2"));
     fs::permissions(sPath, fs::perms::owner_write, fs::perm_options::remove);
@@ -252,9 +223,6 @@ TEST(IniFile, KeepsChangesInMemoryWhenTheFileIsReadOnlyOrThePlatformFails)
     EXPECT_FALSE(ini.Flush());
     EXPECT_EQ(env.GetCount(QB_EnvOp::Open), 0);
     fs::permissions(sPath, fs::perms::owner_write, fs::perm_options::add);
-    env.FailAt(QB_EnvOp::Open, 1);
-    EXPECT_FALSE(ini.Flush());
-    EXPECT_EQ(QB_ToHex(QB_ReadWholeFile(sPath)), QB_ToHex(Ansi("[s]\r\nk=1\r\n")));
     env.FailAt(QB_EnvOp::Write, 1);
     EXPECT_FALSE(ini.Flush());
     EXPECT_TRUE(ini.Flush());

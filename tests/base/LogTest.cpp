@@ -80,10 +80,8 @@ TEST(Log, NamesItsFileByTheRotationModeAndTheLogName)
         {3, "error", 0, "log/log_error_2011_03.txt"},
         {4, "error", 0, "log/log_error_2011.txt"},
         {0, "x", 0, "log/log_x.txt"},
-        {5, "x", 0, "log/log_x.txt"},
         {-1, "x", 0, "log/log_x.txt"},
         {2, nullptr, 0, "log/log_2011_03_16.txt"},
-        {2, "", 0, "log/log_2011_03_16.txt"},
         {0, nullptr, 0, "log/log.txt"},
     };
     for (const auto& c : aCases)
@@ -127,10 +125,13 @@ TEST(Log, LosesTheLineSilentlyWithoutALogFolder)
 }
 
 // The client log takes the platform's local time as it stands, wider than
-// four digits or not, and never reads its message as a format.
+// four digits or not, never reads its message as a format, and has no fixed
+// buffer to cut a long message.
 TEST(Log, WritesTheClientLogWithThePlatformsLocalTimeAndPercentSignsIntact)
 {
     const int64_t llYear999 = (QB_DateTimeEx::DayNumber(999, 12, 31) - 719528) * 86400LL + 3723;
+    const std::string sLong = std::string(5000, 'a') + "z";
+    const std::string sLongLine = "2011-03-16 07:21:48 : " + sLong + "\r\n";
     struct
     {
         int64_t llTimeT;
@@ -140,6 +141,7 @@ TEST(Log, WritesTheClientLogWithThePlatformsLocalTimeAndPercentSignsIntact)
         {TIME_2011_03_16_072148, "100% done", "2011-03-16 07:21:48 : 100% done\r\n"},
         {TIME_2011_03_16_235959, "%s%n%d", "2011-03-16 23:59:59 : %s%n%d\r\n"},
         {llYear999, "y", " 999-12-31 01:02:03 : y\r\n"},
+        {TIME_2011_03_16_072148, sLong.c_str(), sLongLine.c_str()},
     };
     for (const auto& c : aCases)
     {
@@ -149,16 +151,5 @@ TEST(Log, WritesTheClientLogWithThePlatformsLocalTimeAndPercentSignsIntact)
         EXPECT_EQ(home.List(), Files{"log/log_error_client.txt"}) << c.pszArgument;
         EXPECT_EQ(home.Read("log/log_error_client.txt"), c.pszLine);
     }
-}
-
-TEST(Log, KeepsAMessageLongerThanAnyFixedBufferWhole)
-{
-    LogHome home;
-    std::string sLong(5000, 'a');
-    sLong.back() = 'z';
-    QB_WriteLog(0, "long", "%s\r\n", sLong.c_str());
-    QB_WriteClientLog("%s\r\n", sLong.c_str());
-    EXPECT_EQ(home.Read("log/log_long.txt"), "2011-03-16 07:21:48 : " + sLong + "\r\n");
-    EXPECT_EQ(home.Read("log/log_error_client.txt"), "2011-03-16 07:21:48 : " + sLong + "\r\n");
 }
 
