@@ -1,5 +1,5 @@
 // Adding a file on one manager with a recording host: the exact bytes of
-// 8001 and 8002, the stored names, and the storage folder's set-up.
+// 8001 and 8002, the stored names, and where hostile names land.
 #include "ZV_RecordingHost.h"
 
 #include "ZV_AddPdu.h"
@@ -24,22 +24,19 @@ Bytes Head(const Bytes& data, size_t n)
     return Bytes(data.begin(), data.begin() + (long)std::min(n, data.size()));
 }
 
-// A manager on a recording host whose home is a fresh folder.
+// A manager on a recording host whose home is a fresh folder; a server
+// stores below it in "store".
 struct Node
 {
     QB_TempFolder tmp;
     ZV_RecordingHost host;
     ZV_FileShareMgr mgr;
 
-    explicit Node(bool bServer, const std::string& sIni = "[FileShare]\r\nPath=STORE\r\n")
+    explicit Node(bool bServer)
     {
         QB_SetEnvironmentVariable("ROOMCRATE_HOME", tmp.Path().c_str());
-        std::string sText = sIni;
-        const size_t nAt = sText.find("STORE");
-        if (nAt != std::string::npos)
-            sText.replace(nAt, 5, tmp.Sub("store"));
-        if (!sIni.empty())
-            QB_WriteWholeFile(tmp.Sub("confsrv.ini"), sText);
+        if (bServer)
+            QB_WriteWholeFile(tmp.Sub("confsrv.ini"), "[FileShare]\r\nPath=" + tmp.Sub("store") + "\r\n");
         host.m_bServer = bServer;
         host.AddUser(host.m_LocalUser, 1, "Alice");
         host.Attach(&mgr);
@@ -85,7 +82,7 @@ ZV_AddResponse ParseResponse(const Bytes& data)
 
 TEST(AddFile, ClientSendsItsRequestWithTheFileInWindowsForm)
 {
-    Node node(false, "");
+    Node node(false);
     const std::string sPath = node.tmp.Sub("report.doc");
     QB_WriteWholeFile(sPath, "12345");
     const std::u16string sWide(sPath.begin(), sPath.end());

@@ -32,12 +32,11 @@ struct UserLink : public IZV_ConfLink
     }
 };
 
-// The recording host, with the links a server has to its users and peers.
+// The recording host, with the links a server has to its users.
 class ServerHost : public ZV_RecordingHost
 {
 public:
     std::map<uint32_t, UserLink> m_mapLinks;
-    std::set<uint32_t> m_setPeers;  // linked servers: commands on id * 10, data on id * 10 + 4
 
     UserLink& Link(const QB_UserID& id)
     {
@@ -54,10 +53,6 @@ public:
     {
         auto it = m_mapLinks.find(lpUser->m_ulMain);
         return it == m_mapLinks.end() ? nullptr : &it->second;
-    }
-    uint32_t GetServerConn(uint32_t ulServer, uint16_t usType, uint32_t) override
-    {
-        return m_setPeers.count(ulServer) ? ulServer * 10 + (usType == zvConfServerTypeData ? 4 : 0) : zvConnNone;
     }
 };
 
@@ -419,22 +414,6 @@ TEST_F(Download, RelayWritesIntoItsOwnStoreWhateverPathTheRecordNames)
     EXPECT_EQ(data, QB_ReadWholeFile(tmp.Sub("7/song.ogg")));
     EXPECT_EQ(ZV_FILESTATE_COMPLETE, session.m_FileInfo.m_BriefInfo.m_usFileState);
     EXPECT_TRUE(host.m_vecEvents.empty()) << "a server has no user side";
-}
-
-TEST_F(Download, RelayRestatesItsRunningFetchOnTheDataLinkOfAPeerThatComesBack)
-{
-    ZV_FileShareSession& session = AddStoredFile(0);
-    session.m_LocalDownload = Target(QB_StringW(u"C:\\x"), 98305, 4096);
-    session.m_LocalDownload.SetState(ZV_DLSTATE_RUNNING);
-    host.m_bHasServerLinks = true;
-    const QB_UserID peer(2, 0);
-    for (uint16_t usType : {zvConfServerTypeCommand, zvConfServerTypeData, zvConfServerTypeData})
-        mgr.OnConnect(&peer, 0, usType, 0);
-    const auto vecSent = host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST);
-    ASSERT_EQ(1u, vecSent.size()) << "the first pair of links sends nothing";
-    EXPECT_EQ("serverdata", vecSent[0].sRoute);
-    EXPECT_EQ(2u, vecSent[0].ulConn);
-    EXPECT_EQ(Pdu().U16(7).U16(5).User(QB_UserID(1, 0)).Record(session.m_LocalDownload).b, vecSent[0].data);
 }
 
 TEST_F(Download, FsDownloadAsksTheServerOnTheCommandLinkOrSaysWhyNot)

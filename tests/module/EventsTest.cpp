@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <functional>
 
 namespace {
@@ -22,9 +21,7 @@ Bytes Cat(std::initializer_list<Bytes> parts)
 
 Bytes F64(double d)
 {
-    Bytes out(8);
-    std::memcpy(out.data(), &d, 8);  // little-endian on this host
-    return out;
+    return ZV_Pdu().F64(d).b;
 }
 
 // An empty brief as a delimited record: length 6, then the 2-byte mask word.

@@ -1,28 +1,8 @@
-// The five exports and the registry of managers behind them.
+// Making and destroying managers through the exports, and the registry behind them.
 #include "IZV_FileShare.h"
 #include "ZV_ManagerRegistry.h"
 
 #include <gtest/gtest.h>
-
-#include <cstring>
-
-TEST(Exports, InitializeAndGiveTheInterfaceNameForIndexZeroOnly)
-{
-    EXPECT_TRUE(zvInitialize());
-    char szName[32];
-    std::memset(szName, 'x', sizeof(szName));
-    ASSERT_TRUE(zvGetInterfaceName(0, szName));
-    EXPECT_EQ(0, std::memcmp(szName, "IZV_FileShareMgr 1.0\0", 21));
-    EXPECT_EQ('x', szName[21]) << "exactly 21 bytes are written";
-
-    char szUntouched[32];
-    std::memset(szUntouched, 'x', sizeof(szUntouched));
-    EXPECT_FALSE(zvGetInterfaceName(1, szUntouched));
-    EXPECT_FALSE(zvGetInterfaceName(-1, szUntouched));
-    for (char c : szUntouched)
-        EXPECT_EQ('x', c);
-    zvUninitialize();
-}
 
 TEST(Exports, MakeAManagerOnlyForTheExactInterfaceNameAndHandItsUserSideForTypeFour)
 {

@@ -14,13 +14,6 @@ struct ManagerFixture : public ::testing::Test
     ZV_FileShareMgr mgr;
     void SetUp() override { host.Attach(&mgr); }
 
-    ZV_FileShareSession* AddSession(uint16_t usFileID)
-    {
-        auto* lpFsSession = new ZV_FileShareSession(&mgr, "");
-        lpFsSession->m_usFileID = usFileID;
-        mgr.m_mapSession.SetAt(usFileID, lpFsSession);
-        return lpFsSession;
-    }
     uint32_t Deliver(uint16_t usPdu, std::vector<uint8_t> data)
     {
         ConfPduData cpd{};

@@ -2,27 +2,17 @@
 // say what it had when it stopped.
 #include "ZV_SceneFixture.h"
 
-namespace {
-
 using UploadScene = ZV_Scene;
-
-// Shares `data` without starting, then starts it with FsUpload.
-uint16_t ShareAndUpload(ZV_Scene& scene, const std::string& sName, const ZV_Bytes& data)
-{
-    const uint16_t usFileID = scene.Share(sName, data, false);
-    EXPECT_EQ(0u, scene.Fs(scene.Alice())->FsUpload(usFileID)) << sName;
-    return usFileID;
-}
-
-} // namespace
 
 TEST_F(UploadScene, AServerMadeAgainMidwayOrAtTheEndFindsWhatItsCatalogueLastSaid)
 {
     Build();
     const ZV_Bytes data = ZV_RandomBytes(10 * 32768 + 5, 2);
-    const uint16_t usFirst = ShareAndUpload(*this, "first.bin", data);
+    const uint16_t usFirst = Share("first.bin", data, false);
+    EXPECT_EQ(0u, Fs(Alice())->FsUpload(usFirst));
     ASSERT_TRUE(sim.Run()) << sim.GetError();
-    const uint16_t usSecond = ShareAndUpload(*this, "second.bin", data);
+    const uint16_t usSecond = Share("second.bin", data, false);
+    EXPECT_EQ(0u, Fs(Alice())->FsUpload(usSecond));
     // The start marker and three blocks of the second file have arrived.
     ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_UPLOAD_REQUEST, shape.Server(), 12 + 4));
     ZV_SimModuleApi api = ZV_SimModuleApi::Linked();

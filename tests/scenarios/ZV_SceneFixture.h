@@ -73,16 +73,11 @@ struct ZV_Scene : public ::testing::Test
         std::filesystem::create_directories(tmp.Sub("alice"));
         const std::string sPath = tmp.Sub("alice/" + sName);
         QB_WriteWholeFile(sPath, data);
-        const size_t nFrom = sim.Journal().Size();
+        const size_t nBefore = Events(Alice(), zvFsEventFileAdded).size();
         EXPECT_EQ(0u, Fs(Alice())->FsAdd(ZV_Wide(sPath).c_str(), nullptr, 0, 1, bStartUpload ? 1 : 0));
         EXPECT_TRUE(sim.Run()) << sim.GetError();
-        ZV_SimFilter filter;
-        filter.eKind = ZV_SimEntryKind::Event;
-        filter.usNumber = zvFsEventFileAdded;
-        filter.sNode = Alice()->GetName();
-        filter.nFrom = nFrom;
-        const auto vecAdded = sim.Journal().Find(filter);
-        if (vecAdded.empty())
+        const auto vecAdded = Events(Alice(), zvFsEventFileAdded);
+        if (vecAdded.size() == nBefore)
             return 0xFFFF;
         QB_ByteStream stream(vecAdded.back().vbData.data(), (int32_t)vecAdded.back().vbData.size());
         stream.Skip(6);
