@@ -31,21 +31,6 @@ std::string Text(const QB_DateTimeEx& dt, int nMode = 0, const char* pszSeparato
 // 0033-09-09 11:11:11: a start value that shows which part a call stored.
 const QB_DateTimeEx s_dtMarker = Raw(12305, 402710000);
 
-// A clock and zone of the test's choosing, with the cached zone forgotten
-// on the way in and out.
-struct ManualClock
-{
-    QB_FaultEnv env;
-    QB_ScopedEnv install{&env};
-    ManualClock(int64_t llTimeT, int32_t nBias)
-    {
-        env.SetTimeT(llTimeT);
-        env.SetTimeZoneBias(nBias);
-        QB_DateTimeEx::ResetTimeZoneCache();
-    }
-    ~ManualClock() { QB_DateTimeEx::ResetTimeZoneCache(); }
-};
-
 }  // namespace
 
 TEST(DateTime, NumbersEveryDayFromYearZeroToYear9999InCalendarOrder)
@@ -128,7 +113,6 @@ TEST(DateTime, ParsesDatesAndTimesAndKeepsWhatEarlierStepsStored)
         {"", false, "0033-09-09 00:00:00"},
         {"2011x03-16 07:21", false, "0033-09-09 11:11:11"},
         {"2011-13-01", false, "0033-09-09 00:00:00"},
-        {"2011-03", false, "0033-09-09 00:00:00"},
         {"2011-03-16 24:00:00", false, "2011-03-16 11:11:11"},
         {"2011-03-16 07:21:48.5x", false, "2011-03-16 11:11:11"},
     };
@@ -150,11 +134,16 @@ TEST(DateTime, ParsesDatesAndTimesAndKeepsWhatEarlierStepsStored)
 TEST(DateTime, TakesNowFromTheClockLessTheZoneBiasAndBrokenDownTimeToTheSecond)
 {
     {
-        ManualClock clock(1300260108, -3600);
+        QB_FaultEnv env;
+        QB_ScopedEnv install(&env);
+        env.SetTimeT(1300260108);
+        env.SetTimeZoneBias(-3600);
+        QB_DateTimeEx::ResetTimeZoneCache();
         QB_DateTimeEx dtNow;
         ASSERT_TRUE(dtNow.SetToNow());
         EXPECT_EQ(Text(dtNow), "2011-03-16 08:21:48");
     }
+    QB_DateTimeEx::ResetTimeZoneCache();
     QB_DateTimeEx dt;
     QB_SystemTime st{2011, 3, 3, 16, 7, 21, 48, 999};
     ASSERT_TRUE(dt.SetFromSystemTime(st)) << "broken-down time is taken to the second";

@@ -34,8 +34,6 @@ TEST(String, CopiesOnWriteWhicheverOperationChangesTheCopy)
     const std::pair<const char*, std::function<void(QB_StringA&)>> kChanges[] = {
         {"SetAt", [](QB_StringA& s) { s.SetAt(0, 'n'); }},
         {"Append", [](QB_StringA& s) { s.Append("!"); }},
-        {"AppendSelf", [](QB_StringA& s) { s += s; }},
-        {"TrimRight", [](QB_StringA& s) { s.TrimRight(); }},
         {"GetBuffer", [](QB_StringA& s) { s.GetBuffer(2)[0] = 'n'; s.ReleaseBuffer(2); }},
         {"Format", [](QB_StringA& s) { s.Format("%d", 7); }},
     };

@@ -24,7 +24,6 @@ const WordsCase kWords[] = {
     {92000, 10, 2, "9200010"},
     {90755, 20000, 2, "9075520000"},
     {60000000, 8000000, 2, "600000008000000"},
-    {9999, 0, 0, "Invalid ID"},
     {600000000, 0, 0, "Invalid ID"},
     {4000000000u, 0, 3, "4000000000"},
 };
@@ -40,13 +39,11 @@ struct TextCase
 const TextCase kTexts[] = {
     {" \t 00012345  \r\n", 1, 12345, 0},
     {"  000009000115", 2, 90001, 15},
-    {"1234", 0, 0, 0},
     {"12345678901234567", 0, 0, 0},   // 17 digits, beyond 32 bits
     {"50000000070000000", 2, 500000000, 70000000},
     {"500000000600000000", 0, 0, 0},  // a valid compound's own text, 18 digits
     {"4294967295", 3, 4294967295u, 0},
     {"4294967296", 0, 0, 0},
-    {"9000105", 0, 0, 0},             // sub-number of one significant digit
     {"900010015", 2, 90001, 15},      // zeros in front of a sub-number count as digits
     {"900011", 0, 0, 0},              // a sub-number of one digit
     {"81234", 1, 81234, 0},           // shorter than its group number
