@@ -4,7 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cinttypes>
+#include <cstdio>
 #include <functional>
+#include <string>
 #include <vector>
 
 namespace {
@@ -54,6 +57,42 @@ TEST(Map, WalksBucketsUpwardsAndEachBucketFromTheNewestKeyToTheOldest)
         for (uint16_t k : row.vRemove)
             EXPECT_TRUE(row.bShift4 ? mapShift.RemoveKey(k) : mapPlain.RemoveKey(k)) << row.pszName;
         EXPECT_EQ(row.bShift4 ? WalkKeys(mapShift) : WalkKeys(mapPlain), row.vWalk) << row.pszName;
+    }
+}
+
+// Keys that are multiples of 17 share bucket 0 of the default table.
+TEST(Map, PrintsOneWarningLineForEachLookupStepBeyondThirty)
+{
+    struct Row
+    {
+        const char* pszName;
+        int nChain;
+        uint32_t ulKey;
+        int nLines;
+    } rows[] = {
+        {"a miss in a chain of 30", 30, 17 * 99, 0},
+        {"the oldest of 31", 31, 0, 1},
+        {"the newest of 31", 31, 17 * 30, 0},
+        {"the oldest of 33", 33, 0, 3},
+    };
+    for (const Row& row : rows)
+    {
+        QB_Map<uint32_t, int> map;
+        for (int i = 0; i < row.nChain; ++i)
+            map[17u * i] = i;
+        int nValue = 0;
+        testing::internal::CaptureStdout();
+        const bool bFound = map.Lookup(row.ulKey, nValue);
+        const std::string sOut = testing::internal::GetCapturedStdout();
+        EXPECT_EQ(bFound, row.ulKey < 17u * row.nChain) << row.pszName;
+        char szLine[160];
+        std::snprintf(szLine, sizeof szLine,
+                      "warning: unreasonable hash key! addr = 0x%016" PRIXPTR " hash table = 17 count = %d\r\n",
+                      (uintptr_t)&map, row.nChain);
+        std::string sExpected;
+        for (int i = 0; i < row.nLines; ++i)
+            sExpected += szLine;
+        EXPECT_EQ(sOut, sExpected) << row.pszName;
     }
 }
 

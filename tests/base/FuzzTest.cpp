@@ -1,12 +1,15 @@
-// Random input for the parsers that face the outside: the load stream and
-// the ini loader. Seeded, so a failure repeats.
+// Random and truncated input for the parsers that face the outside: date
+// and user-identifier text, the load stream and the ini loader. Seeded, so a
+// failure repeats.
 #include "QB_ByteStream.h"
+#include "QB_DatetimeEx.h"
 #include "QB_IniFileEx.h"
 #include "QB_TestSupport.h"
 #include "QB_UserID.h"
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <memory>
 #include <random>
 #include <string>
@@ -15,6 +18,50 @@
 namespace {
 
 using Bytes = std::vector<uint8_t>;
+
+// Any outcome stays a valid value, and an accepted text is short and reads
+// back from the value's own text form.
+void CheckDateText(const std::string& sText, int* pnAccepted)
+{
+    QB_DateTimeEx dt;
+    const bool bOk = dt.Parse(sText.c_str());
+    ASSERT_TRUE(dt.m_Date >= QB_DATE_MIN && dt.m_Date <= QB_DATE_MAX && dt.m_Time >= 0 &&
+                dt.m_Time < QB_TICKS_PER_DAY)
+        << '"' << sText << "\" gives " << dt.m_Date << " " << dt.m_Time;
+    if (!bOk)
+        return;
+    ++*pnAccepted;
+    EXPECT_LT(sText.size(), 33u) << '"' << sText << '"';
+    QB_DateTimeEx dtBack;
+    ASSERT_TRUE(dtBack.Parse(dt.ToText(0, "-"))) << '"' << sText << '"';
+    EXPECT_EQ(dtBack, dt) << '"' << sText << '"';
+}
+
+// A refusal (kind 0) leaves both words 0; any other kind is the words' own
+// kind, and their text reads back as the same words.
+void CheckUserIDText(const std::string& sText)
+{
+    QB_UserID id(7, 7);
+    const int nKind = id.FromText(sText.c_str());
+    if (nKind == 0)
+    {
+        ASSERT_EQ(id, QB_UserID(0, 0)) << sText;
+        return;
+    }
+    ASSERT_EQ(id.GetKind(), nKind) << sText;
+    QB_UserID back;
+    ASSERT_EQ(back.FromText(id.ToText().GetString()), nKind) << sText;
+    ASSERT_EQ(back, id) << sText;
+}
+
+// Characters from the given alphabet, or any byte but zero when it is null.
+std::string RandomText(std::mt19937& rng, size_t nMax, const char* pszAlphabet)
+{
+    std::string sText(rng() % (nMax + 1), ' ');
+    for (char& ch : sText)
+        ch = pszAlphabet ? pszAlphabet[rng() % std::strlen(pszAlphabet)] : (char)(1 + rng() % 255);
+    return sText;
+}
 
 // One random read. A refusal must be the load failure and leave the
 // position where the read began.
@@ -63,7 +110,15 @@ Bytes RandomIni(std::mt19937& rng, bool bUnicode)
     for (size_t nLines = rng() % 60; nLines > 0; --nLines)
     {
         size_t nKind = rng() % std::size(kFront);
-        sText += kFront[nKind] + Word() + (nKind == 0 ? u"]" : nKind == 1 ? u"=" + Word() : u"");
+        sText += kFront[nKind];
+        sText += Word();
+        if (nKind == 0)
+            sText += u']';
+        if (nKind == 1)
+        {
+            sText += u'=';
+            sText += Word();
+        }
         sText += rng() % 8 ? std::u16string(u"\r\n") : kEnd[rng() % std::size(kEnd)];
     }
     Bytes vb;
@@ -93,6 +148,43 @@ std::vector<std::u16string> SectionNames(const QB_IniFileEx& ini)
 }
 
 }  // namespace
+
+TEST(Fuzz, DateTimeTextAcceptsOnlyValuesInRangeAndReadsItsOwnTextBack)
+{
+    static const char* const kSeparators[] = {"-", "/", "."};
+    std::mt19937 rng(20110316);
+    int nAccepted = 0;
+    for (int i = 0; i < 2000 && !HasFatalFailure(); ++i)
+    {
+        QB_DateTimeEx dt;
+        dt.SetRaw(std::uniform_int_distribution<int32_t>(QB_DATE_MIN, QB_DATE_MAX)(rng),
+                  std::uniform_int_distribution<int32_t>(0, QB_TICKS_PER_DAY - 1)(rng));
+        std::string sText = dt.ToText((int)(rng() % 3), kSeparators[rng() % 3]).GetString();
+        for (size_t n = 0; n <= sText.size(); ++n)
+            CheckDateText(sText.substr(0, n), &nAccepted);
+        sText[rng() % sText.size()] = (char)(1 + rng() % 127);
+        CheckDateText(sText, &nAccepted);
+        CheckDateText(RandomText(rng, 30, "0123456789-/.: \t9x"), &nAccepted);
+        CheckDateText(RandomText(rng, 40, nullptr), &nAccepted);
+    }
+    // Without this the loop could pass by refusing everything.
+    EXPECT_GT(nAccepted, 6000);
+}
+
+TEST(Fuzz, UserIDTextNeverMisparsesRandomOrTruncatedInput)
+{
+    std::mt19937 rng(5771);
+    for (int i = 0; i < 10000 && !HasFatalFailure(); ++i)
+        CheckUserIDText(RandomText(rng, 21, i % 4 == 3 ? nullptr : "0123456789 \t0123456789\n0123456789"));
+    // Every prefix of the text of random words, valid or not.
+    for (int i = 0; i < 1000 && !HasFatalFailure(); ++i)
+    {
+        const uint32_t ulMain = i % 2 ? rng() : 90000 + rng() % 10000;
+        const std::string sText = QB_UserID(ulMain, rng() % 2 ? rng() % 10000 : rng()).ToText().GetString();
+        for (size_t n = 0; n <= sText.size(); ++n)
+            CheckUserIDText(sText.substr(0, n));
+    }
+}
 
 TEST(Fuzz, LoadStreamRaisesOnlyTheLoadFailureOnRandomBytes)
 {
@@ -136,4 +228,20 @@ TEST(Fuzz, IniLoaderFindsTheSameSectionsAfterAFlushOfRandomBytes)
     }
     // Input that never makes a section would test little but the header.
     EXPECT_GT(nWithSections, 100);
+}
+
+// No line end in ten megabytes, of a key and of junk before any section.
+TEST(Fuzz, IniLoaderTakesATenMegabyteLineWithoutLineEnds)
+{
+    QB_TempFolder folder;
+    const size_t nLine = 10u << 20;
+    const std::string sKeyLine = "[s]\r\nkey=" + std::string(nLine, 'v');
+    QB_WriteWholeFile(folder.Sub("k.ini"), sKeyLine);
+    QB_IniFileEx ini;
+    ASSERT_TRUE(ini.Open(QB_StringA(folder.Sub("k.ini").c_str()), false));
+    EXPECT_EQ(ini.GetString(u"s", u"key", u"").GetLength(), (int)nLine);
+    QB_WriteWholeFile(folder.Sub("j.ini"), std::string(nLine, 'x'));
+    QB_IniFileEx junk;
+    ASSERT_TRUE(junk.Open(QB_StringA(folder.Sub("j.ini").c_str()), false));
+    EXPECT_TRUE(SectionNames(junk).empty());
 }

@@ -185,3 +185,53 @@ TEST_F(Control, AFailedUploadIsMarkedOnEveryServerAndToldToEveryClientAsAReadFai
     ASSERT_EQ(1u, host.m_vecEvents.size());
     EXPECT_EQ(Pdu().U16(zvFsEventTransferError).U32(61).U16(5).b, host.m_vecEvents[0].data);
 }
+
+// ---------------------------------------------------------------------------
+// The timers, driven by the test's clock
+
+TEST_F(Control, ManagerTimerWorksOnItsConferencesSlotAndReportsIdleAfterFifteenSeconds)
+{
+    host.Attach(&mgr);
+    mgr.SetSessionBusy(1, 5);
+    mgr.m_cDataLink = '2';
+    env.SetTick(1000);
+    std::vector<uint32_t> vecWorked;
+    for (uint32_t ulTick = 0; ulTick < 10; ++ulTick)
+    {
+        const size_t nBefore = host.m_vecEvents.size();
+        mgr.OnTimer(ulTick);
+        if (host.m_vecEvents.size() > nBefore)
+            vecWorked.push_back(ulTick);
+    }
+    EXPECT_EQ(std::vector<uint32_t>({2, 7}), vecWorked) << "conference 7 works on the ticks of remainder 2";
+    mgr.SetSessionBusy(0, 5);
+    mgr.OnTimer(12);
+    env.AdvanceTick(14999);
+    mgr.OnTimer(17);
+    EXPECT_NE('4', mgr.m_cDataLink) << "one millisecond short of the idle wait";
+    env.AdvanceTick(1);
+    mgr.OnTimer(22);
+    EXPECT_EQ('4', mgr.m_cDataLink);
+    ASSERT_EQ(3u, host.m_vecEvents.size());
+    EXPECT_EQ(Pdu().U16(3012).U32(0).U8(0).b, host.m_vecEvents.back().data);
+}
+
+TEST_F(Control, StalledServerFileIsLookedAtOnceAfterTwentySecondsAndACompleteOneIsMarked)
+{
+    Make(true);
+    lpSession->m_FileInfo.SetFileWritePos(40000);
+    lpSession->m_ulLastIoTick = 50000;
+    lpSession->m_bPulling = true;
+    env.SetTick(70000);
+    mgr.OnTimer(2);
+    EXPECT_TRUE(host.m_vecSent.empty()) << "exactly 20000 ms is not yet a stall";
+    env.SetTick(70001);
+    mgr.OnTimer(7);
+    mgr.OnTimer(12);
+    ASSERT_EQ(1u, host.m_vecSent.size()) << "Alice is not homed here: the servers are asked, once";
+    EXPECT_EQ(Pdu().U16(7).U16(5).User(kSelf).U32(40000).U8(0).b, host.m_vecSent[0].data) << "conference word first";
+    EXPECT_FALSE(lpSession->m_bPulling);
+    lpSession->m_FileInfo.SetFileWritePos(1000000);
+    mgr.OnTimer(17);
+    EXPECT_EQ(ZV_FILESTATE_COMPLETE, lpSession->m_FileInfo.m_BriefInfo.m_usFileState);
+}
