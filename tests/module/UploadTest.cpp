@@ -112,6 +112,55 @@ using Upload = UploadFixture;
 
 } // namespace
 
+TEST_F(Upload, FsUploadStartsThePumpWhichSendsThreeBlocksPerCallUntilTheSharedLength)
+{
+    struct { size_t nSize; std::vector<size_t> vecCalls; } aCases[] = {
+        {98305, {3, 1}}, {32768, {1}}, {0, {1}}};
+    for (const auto& c : aCases)
+    {
+        Make(false, c.nSize);
+        ASSERT_EQ(0u, FsUpload(5));
+        ASSERT_EQ(2u, host.m_vecSent.size());
+        EXPECT_TRUE(host.m_vecSent[0].usPdu == PDU_CONF_FS_KICK && host.m_vecSent[0].ulConn == 12);
+        EXPECT_EQ(11u, host.m_vecSent[1].ulConn);
+        EXPECT_EQ(Pdu().U16(5).User(kAlice).U32(0).U8(1).b, host.m_vecSent[1].data) << "the start marker";
+        // 3008 with 0.0 percent, whose eight bytes are all zero.
+        EXPECT_EQ(Pdu().U16(zvFsEventUploadProgress).U32(0).U16(5).U32(0).U32(0).b, Joined(host.m_vecEvents));
+
+        uint32_t ulPos = 0;
+        for (size_t nBlocks : c.vecCalls)
+        {
+            EXPECT_EQ(ZV_FILESTATE_UPLOADING, lpSession->m_BriefInfo.m_usFileState) << c.nSize;
+            const auto vecBlocks = OnSend();
+            ASSERT_EQ(nBlocks, vecBlocks.size()) << c.nSize;
+            for (const auto& sent : vecBlocks)
+            {
+                EXPECT_EQ(12u, sent.ulConn);
+                EXPECT_EQ(Block(ulPos, Slice(data, ulPos, ZV_BLOCK_SIZE)), sent.data) << c.nSize << " at " << ulPos;
+                ulPos += (uint32_t)std::min<size_t>(ZV_BLOCK_SIZE, c.nSize - ulPos);
+            }
+        }
+        EXPECT_EQ(ZV_FILESTATE_COMPLETE, lpSession->m_BriefInfo.m_usFileState) << c.nSize;
+        EXPECT_TRUE(OnSend().empty()) << c.nSize << ": nothing after the last block";
+        EXPECT_TRUE(host.m_vecEvents.size() == 1 && ClientLog().empty()) << c.nSize;
+    }
+}
+
+TEST_F(Upload, FsUploadRefusesUnknownAndReservedFilesAndSendsTheStartMarkerEvenWithoutADataLink)
+{
+    Make(false, 10);
+    EXPECT_EQ(82u, FsUpload(6));
+    mgr.m_mapSession.SetAt(6, nullptr);
+    EXPECT_EQ(83u, FsUpload(6));
+    EXPECT_EQ("2011-03-16 07:21:48 : ZV_FileShareMgr.FsUpload ret = 82\r\n", ClientLog()) << "no line for 83";
+    EXPECT_TRUE(host.m_vecSent.empty());
+
+    host.m_ulDataConn = zvConnNone;
+    EXPECT_EQ(0u, FsUpload(5));
+    ASSERT_EQ(1u, host.m_vecSent.size());
+    EXPECT_TRUE(host.m_vecSent[0].usPdu == PDU_CONF_FS_UPLOAD_REQUEST && host.m_vecSent[0].ulConn == 11);
+}
+
 TEST_F(Upload, ClientThatCannotReadItsFileFailsAndSaysSoUnlessTheServerHoldsItAll)
 {
     struct { const char* szName; QB_EnvOp eFault; int nNth; size_t nShrunkTo; uint32_t ulMaxPos; uint32_t ulReadPos;
@@ -201,4 +250,14 @@ TEST_F(Upload, ServerRefusesABlockItCannotTakeAndTheNextBlockShowsWhatItRemember
         EXPECT_EQ(c.ulWritePos, lpSession->m_FileInfo.m_ulFileWritePos) << c.szName;
         EXPECT_EQ(Slice(data, 0, c.ulWritePos), Stored()) << c.szName;
     }
+}
+
+TEST_F(Upload, StateNoticeRaisesOneTransferStateEventPerFileAndIgnoresATruncatedOne)
+{
+    Make(false, 10);
+    EXPECT_EQ(0u, Deliver(PDU_CONF_FS_FILE_STATE_NOTICE, Pdu().U8(2).U16(5).U16(300).U16(4).U8(1).b));
+    EXPECT_EQ(5u, Deliver(PDU_CONF_FS_FILE_STATE_NOTICE, Pdu().U8(2).U16(5).U16(300).U16(4).b));
+    ASSERT_EQ(2u, host.m_vecEvents.size());
+    EXPECT_EQ(Pdu().U16(zvFsEventTransferState).U32(0).U8(1).U16(5).U16(4).b, host.m_vecEvents[0].data);
+    EXPECT_EQ(Pdu().U16(zvFsEventTransferState).U32(0).U8(1).U16(300).U16(4).b, host.m_vecEvents[1].data);
 }

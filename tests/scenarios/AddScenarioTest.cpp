@@ -1,20 +1,41 @@
-// Sharing files through whole simulated conferences: the refusals a user
-// side hears, and a batch too large for one PDU.
+// Sharing files through whole simulated conferences: stored names, the
+// refusals a user side hears, batches, and a server made again.
 #include "ZV_SceneFixture.h"
 
 #include "ZV_RecordStream.h"
 
 #include <algorithm>
+#include <set>
 
 namespace {
 
 struct AddScene : public ZV_Scene
 {
     std::string Store() const { return shape.Server()->GetHome() + "store/100/"; }
-    size_t StoredCount() const
+    std::set<std::string> StoredNames() const
     {
-        auto it = std::filesystem::directory_iterator(Store());
-        return (size_t)std::distance(it, std::filesystem::directory_iterator());
+        std::set<std::string> setNames;
+        for (const auto& entry : std::filesystem::directory_iterator(Store()))
+            setNames.insert(entry.path().filename().string());
+        return setNames;
+    }
+    size_t StoredCount() const { return StoredNames().size(); }
+    // Alice's local files of one byte each, shared as one batch.
+    void ShareBatch(const std::vector<std::string>& vecNames)
+    {
+        std::vector<std::u16string> vecWide;
+        std::vector<const char16_t*> vecPtr;
+        std::filesystem::create_directories(tmp.Sub("alice"));
+        for (const auto& sName : vecNames)
+        {
+            QB_WriteWholeFile(tmp.Sub("alice/" + sName), ZV_Bytes{1});
+            vecWide.push_back(ZV_Wide(sName));
+        }
+        for (const auto& sWide : vecWide)
+            vecPtr.push_back(sWide.c_str());
+        ASSERT_EQ(0u, Fs(Alice())->FsFilesAdd(ZV_Wide(tmp.Sub("alice")).c_str(), vecPtr.data(),
+                                              (uint32_t)vecPtr.size(), nullptr, 0, 1, 0));
+        ASSERT_TRUE(sim.Run()) << sim.GetError();
     }
     uint32_t LastAddResult(ZV_SimHost* lpClient) { return ZV_ResultOf(Events(lpClient, zvFsEventFileAdded).back()); }
 };
@@ -52,19 +73,10 @@ TEST_F(AddScene, RefusesWithTheRightCodeAndCreatesNothing)
 TEST_F(AddScene, ABatchTooLargeForOnePduGoesOutInSeveralAndIsReportedWhole)
 {
     Build();
-    std::vector<std::u16string> vecNames;
-    std::vector<const char16_t*> vecPtr;
-    std::filesystem::create_directories(tmp.Sub("alice"));
+    std::vector<std::string> vecNames;
     for (int i = 0; i < 500; ++i)
-    {
-        const std::string sName = std::string(100, 'n') + std::to_string(i) + ".bin";
-        QB_WriteWholeFile(tmp.Sub("alice/" + sName), ZV_Bytes{1});
-        vecNames.push_back(ZV_Wide(sName));
-    }
-    for (const auto& sName : vecNames)
-        vecPtr.push_back(sName.c_str());
-    ASSERT_EQ(0u, Fs(Alice())->FsFilesAdd(ZV_Wide(tmp.Sub("alice")).c_str(), vecPtr.data(), 500, nullptr, 0, 1, 0));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
+        vecNames.push_back(std::string(100, 'n') + std::to_string(i) + ".bin");
+    ShareBatch(vecNames);
 
     const auto vecRequests = sim.Journal().Pdus(PDU_CONF_FS_ADD_FILES_REQUEST, Alice()->GetName());
     ASSERT_GE(vecRequests.size(), 2u);
@@ -93,4 +105,68 @@ TEST_F(AddScene, ABatchTooLargeForOnePduGoesOutInSeveralAndIsReportedWhole)
         EXPECT_EQ(vecExpected, vecReported) << lpClient->GetName();
     }
     EXPECT_EQ(500u, StoredCount());
+}
+
+TEST_F(AddScene, StoresTwoFilesOfTheSameNameApartWhileEveryoneSeesTheSharedName)
+{
+    Build();
+    Share("report.doc", {1, 2}, false);
+    Share("report.doc", {1, 2}, false);
+    EXPECT_EQ((std::set<std::string>{"report.doc", "report(1).doc"}), StoredNames());
+    for (ZV_SimHost* lpClient : shape.vecClients)
+    {
+        const auto vecAdded = Events(lpClient, zvFsEventFileAdded);
+        ASSERT_EQ(2u, vecAdded.size()) << lpClient->GetName();
+        QB_ByteStream stream(vecAdded[1].vbData.data(), (int32_t)vecAdded[1].vbData.size());
+        stream.Skip(6);
+        EXPECT_EQ(2u, stream.ReadU16());
+        ZV_FileBriefInfo brief;
+        LoadDelimited(stream, brief);
+        EXPECT_EQ(QB_StringU8("report.doc"), brief.m_sFileOldName);
+        // Shared by its Linux path, the record still names the same local file.
+        EXPECT_TRUE(brief.IsSameLocalFile()) << lpClient->GetName();
+    }
+    ZV_FileUploadInfo row;
+    ASSERT_TRUE(Row(shape.Server(), 2, row));
+    EXPECT_EQ(QB_StringU8("report(1).doc"), row.m_sFileNewName);
+}
+
+TEST_F(AddScene, ARangeThatRunsOutInABatchRefusesTheFirstFilesWith40AndKeepsTheLast)
+{
+    sim.SetFileIDRange(1, 1, 3);
+    Build();
+    ShareBatch({"f0.txt", "f1.txt", "f2.txt", "f3.txt", "f4.txt"});
+    // The server walks from the last file: f4, f3, f2 take the range.
+    const auto vecToAlice = sim.Journal().PdusTo(PDU_CONF_FS_ADD_FILES_RESPONSE, Alice()->GetName());
+    ASSERT_EQ(2u, vecToAlice.size());
+    for (size_t i = 0; i < 2; ++i)
+    {
+        QB_ByteStream stream(vecToAlice[i].vbData.data(), (int32_t)vecToAlice[i].vbData.size());
+        EXPECT_EQ(i == 0 ? ZV_ERR_NOT_ENTITLED : ZV_OK, stream.ReadU32()) << i;
+        stream.Skip(9);
+        QB_Array<uint16_t> arrFileID;
+        LoadU16Array(stream, arrFileID);
+        EXPECT_EQ(i == 0 ? 0 : 3, arrFileID.GetSize()) << "a refusal names no FileIDs";
+    }
+    EXPECT_EQ((std::set<std::string>{"f2.txt", "f3.txt", "f4.txt"}), StoredNames());
+}
+
+TEST_F(AddScene, AServerMadeAgainFindsItsCatalogueRowsAndCleanDataEmptiesTheFolder)
+{
+    Build();
+    Share("a.txt", {1}, false);
+    Share("b", {1}, false);
+    Share("b", {1}, false);
+    ZV_SimModuleApi api = ZV_SimModuleApi::Linked();
+    shape.Server()->Stop(api);
+    ASSERT_TRUE(shape.Server()->Start(api));
+    ZV_FileUploadInfo row;
+    ASSERT_TRUE(Row(shape.Server(), 3, row));
+    EXPECT_EQ(QB_StringU8("(1)b"), row.m_sFileNewName);
+
+    ZV_SimHost::PointHome(shape.Server()->GetHome());
+    EXPECT_EQ(0u, Manager(shape.Server())->CleanData());
+    EXPECT_TRUE(std::filesystem::is_directory(Store()));
+    EXPECT_TRUE(StoredNames().empty());
+    EXPECT_FALSE(Row(shape.Server(), 1, row));
 }

@@ -105,3 +105,57 @@ TEST_F(DownloadScene, ARelayServerFetchesIntoItsStoreAndServesItsOwnClient)
         EXPECT_EQ(ZV_SimRoute::OnLink, entry.eRoute);
     EXPECT_LE(sim.Journal().PdusTo(PDU_CONF_FS_UPLOAD_REQUEST, shape.Server(1)->GetName()).size(), 1u);
 }
+
+TEST_F(DownloadScene, AFirstDownloaderStartsTheUploadRestsWhereItStandsAndGoesOnWhenItDoes)
+{
+    Build(false);
+    const ZV_Bytes data = ZV_RandomBytes(10 * 32768 + 5, 2);
+    const uint16_t usFileID = Share("half.bin", data, false);
+    ASSERT_TRUE(sim.Journal().Pdus(PDU_CONF_FS_UPLOAD_REQUEST).empty()) << "nothing moves before anyone asks";
+    const size_t nFrom = sim.Journal().Size();
+    ASSERT_EQ(0u, Download(Bob(), usFileID));
+    // Alice's data link falls after four blocks have reached the server.
+    ZV_SimLink* lpAliceLink = sim.GetClientLink(Alice());
+    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_UPLOAD_REQUEST, shape.Server(), 5));
+    ASSERT_TRUE(sim.Cut(lpAliceLink, zvConfClientTypeData));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+
+    // The order to Alice went out before the answer to Bob.
+    size_t nOrder = 0, nAnswer = 0;
+    for (size_t i = nFrom; i < sim.Journal().Size(); ++i)
+    {
+        const ZV_SimEntry& entry = sim.Journal().At(i);
+        if (!nOrder && entry.usNumber == PDU_CONF_FS_UPLOAD_RESPONSE && entry.sPeer == Alice()->GetName())
+            nOrder = i;
+        if (!nAnswer && entry.usNumber == PDU_CONF_FS_DOWNLOAD_RESPONSE && entry.sPeer == Bob()->GetName())
+            nAnswer = i;
+    }
+    EXPECT_TRUE(nOrder && nAnswer && nOrder < nAnswer) << sim.Journal().Dump(nFrom);
+    const ZV_Bytes got = QB_ReadWholeFile(Target(Bob(), usFileID));
+    ASSERT_TRUE(got.size() > 0 && got.size() < data.size()) << got.size();
+    EXPECT_TRUE(std::equal(got.begin(), got.end(), data.begin()));
+    EXPECT_TRUE(Events(Bob(), zvFsEventDownloadFinished).empty());
+
+    ASSERT_TRUE(sim.Restore(lpAliceLink, zvConfClientTypeData));
+    ASSERT_TRUE(sim.AdvanceTime(30000)) << sim.GetError();
+    EXPECT_EQ(data, QB_ReadWholeFile(Target(Bob(), usFileID)));
+    EXPECT_EQ(1u, Events(Bob(), zvFsEventDownloadFinished).size());
+}
+
+TEST_F(DownloadScene, TwoDownloadersAtDifferentPositionsEachGetTheWholeFileEachBlockOnce)
+{
+    Build(false);
+    ZV_SimHost* lpCarol = sim.AddClient(ZV_SimBuilder::kConfID, ZV_SimBuilder::MakeUser(1, 2));
+    ASSERT_TRUE(lpCarol && sim.Run()) << sim.GetError();
+    const ZV_Bytes data = ZV_RandomBytes(20 * 32768 + 1, 3);
+    const uint16_t usFileID = Share("both.bin", data);
+    ASSERT_EQ(0u, Download(Bob(), usFileID));
+    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, Bob(), 6));
+    ASSERT_EQ(0u, Download(lpCarol, usFileID));
+    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
+    for (ZV_SimHost* lpClient : {Bob(), lpCarol})
+    {
+        EXPECT_EQ(data, QB_ReadWholeFile(Target(lpClient, usFileID))) << lpClient->GetName();
+        EXPECT_EQ(21u, sim.Journal().PdusTo(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, lpClient->GetName()).size());
+    }
+}
