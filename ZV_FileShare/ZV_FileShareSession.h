@@ -19,6 +19,7 @@
 #include "ZV_PduFrame.h"
 
 #include "QB_ByteStream.h"
+#include "QB_Env.h"
 #include "QB_FileEx.h"
 #include "QB_Map.h"
 #include "QB_String.h"
@@ -47,6 +48,12 @@ enum : uint16_t
 
 // Bytes of one data block.
 constexpr uint32_t ZV_BLOCK_SIZE = 32768;
+
+// The host's millisecond tick, which transfers and waits are timed by.
+inline uint32_t ZV_Now()
+{
+    return QB_GetEnv()->GetTickCount();
+}
 
 class ZV_FileShareSession
 {
@@ -137,7 +144,8 @@ public:
     // Positions run to 4 GB while a seek takes 31 bits.
     static bool SeekTo(QB_FileEx& file, uint32_t ulPos);
 
-    // ---- the download road (ZV_FileShareSession_Download.cpp)
+    // ---- the download road (ZV_FileShareSession_Download.cpp for the server
+    // side, ZV_FileShareSession_Fetch.cpp for the downloader's)
     uint32_t SendDownloadRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser, uint32_t ulFloodSeq,
                                  const QB_StringU8& sPath, uint32_t ulPos, uint8_t bFromServer, uint8_t bFlooded);
     uint32_t SendDownloadResponse(uint32_t ulConn, uint16_t usFileID, uint32_t ulResult, uint16_t usFileID2,
@@ -148,7 +156,7 @@ public:
     // at a position the upload has just passed.
     void SendNextBlocks(ConfPduData* lpCpd, const QB_UserID* pUser, ZV_FileDownloadInfo* pEntry);
     void WakeDownloaders(uint32_t ulPos);
-    // (the download road's further declarations go here)
+
     // 8010: the server drops pUser's entry. A download that cannot start
     // sends it, as do the operations that give a download up.
     uint32_t SendDelDownloadRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser, uint32_t ulFloodSeq);

@@ -9,8 +9,6 @@
 #include "ZV_FileShareSession.h"
 #include "ZV_FileShareMgr.h"
 
-#include "QB_Env.h"
-
 #include <cmath>
 
 namespace {
@@ -26,11 +24,6 @@ constexpr uint32_t kProgressScale = 10000;
 // lets a resting download stop counting as busy after its own wait.
 constexpr uint32_t kServerStallMs = 20000;
 constexpr uint32_t kClientStallMs = 15000;
-
-uint32_t Now()
-{
-    return QB_GetEnv()->GetTickCount();
-}
 
 bool IsClientRequest(const ConfPduData* lpCpd)
 {
@@ -125,7 +118,7 @@ uint32_t ZV_FileShareSession::HandleIsStopDownloadRequest(ConfPduData* lpCpd)
     if (!ask.bStop)
     {
         // The pause does not count as time spent downloading.
-        pEntry->SetLastTick(Now());
+        pEntry->SetLastTick(ZV_Now());
         pEntry->SetState(ZV_DLSTATE_RUNNING);
         if (pEntry->m_bActive)
             KickDownloadConn(lpConf->GetUserConn(&ask.user, zvConfClientTypeData));
@@ -214,7 +207,7 @@ void ZV_FileShareSession::ResumeUpload(const ConfPduData* lpCpd, const QB_UserID
                            m_FileInfo.m_ulFileWritePos);
     }
     // Downloaders do not count the pause as time spent.
-    const uint32_t ulNow = Now();
+    const uint32_t ulNow = ZV_Now();
     for (QB_POSITION pos = m_mapDownload.GetStartPosition(); pos != nullptr;)
     {
         QB_UserID user;
@@ -254,7 +247,7 @@ uint32_t ZV_FileShareSession::HandleIsStopUploadResponse(ConfPduData* lpCpd)
         if (bStop)
             NotifyUploadProgress(usFileID, ShareOf(ulPos, m_BriefInfo.m_ulFileLenth) * 100.0);
         NotifyTransferState(1, usFileID, m_BriefInfo.m_usFileState);
-        m_LocalDownload.SetLastTick(Now());
+        m_LocalDownload.SetLastTick(ZV_Now());
     }
     NotifyStopResult(ulResult, usFileID, bStop);
     return 0;
@@ -408,7 +401,7 @@ void ZV_FileShareSession::OnServerTimer()
         brief.SetFileState(ZV_FILESTATE_COMPLETE);
         return;
     }
-    const uint32_t ulNow = Now();
+    const uint32_t ulNow = ZV_Now();
     if (ulNow - m_ulLastIoTick <= kServerStallMs)
         return;
     // Looked at once per wait, not on each tick.
@@ -454,7 +447,7 @@ void ZV_FileShareSession::OnClientTimer()
     if (IsLocalCreator() || m_LocalDownload.m_sFileName.IsEmpty() ||
         m_LocalDownload.m_usState == ZV_DLSTATE_RUNNING)
         return;
-    if (Now() - m_ulLastIoTick >= kClientStallMs)
+    if (ZV_Now() - m_ulLastIoTick >= kClientStallMs)
         m_lpMgr->SetSessionBusy(0, m_usFileID);
 }
 

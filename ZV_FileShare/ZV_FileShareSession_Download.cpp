@@ -1,22 +1,17 @@
-// The download road: a server pushes a file's blocks to each downloader, and
-// a client or a relay server takes them in.
+// The download road, server side: a server answers a downloader's request,
+// keeps an entry for it, and pushes the file's blocks to it.
 //
 // The downloader asks once (8014, answered by 8015) and then says where it
 // stands (8012). From there the server pushes 8013 blocks, up to three each
 // time the host calls OnSend for the downloader's data link, and nothing is
 // acknowledged: a receiver speaks again only when a block does not fit its
 // position. A downloader that has caught up with the upload rests until the
-// next stored block wakes it.
-//
-// Server side first (request, data request, pump, wake), then the
-// downloader's side (response, blocks, failure), then the senders.
+// next stored block wakes it. The downloader's side is in
+// ZV_FileShareSession_Fetch.cpp.
 #include "ZV_FileShareSession.h"
+#include "ZV_DownloadPdu.h"
 #include "ZV_FileShareMgr.h"
 #include "ZV_RecordStream.h"
-
-#include "QB_Env.h"
-#include "QB_FileEx.h"
-#include "QB_Log.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -26,92 +21,9 @@ namespace {
 // Blocks a server sends for one OnSend call of the host.
 constexpr int kBlocksPerSend = 3;
 
-// Read and write and create if missing, keeping what is there.
-constexpr uint32_t kOpenForDownload = QB_FILE_READWRITE | QB_FILE_OPEN_ALWAYS;
-
-// The fields of 8014.
-struct ZV_DownloadAsk
-{
-    uint16_t usFileID = 0;
-    QB_UserID user;
-    uint32_t ulFloodSeq = 0;
-    QB_StringU8 sPath;
-    uint32_t ulPos = 0;
-    uint8_t bFromServer = 0;
-    uint8_t bFlooded = 0;
-};
-
-// One 8013 block as it lies in the payload; the data is not copied.
-struct ZV_DownloadBlock
-{
-    uint32_t ulPos = 0;
-    uint32_t ulLen = 0;
-    const uint8_t* pData = nullptr;
-    uint32_t ulMaxPos = 0;
-};
-
-uint32_t Now()
-{
-    return QB_GetEnv()->GetTickCount();
-}
-
 bool IsServerLink(uint16_t usConnType)
 {
     return usConnType != zvConfClientTypeCommand && usConnType != zvConfClientTypeData;
-}
-
-double Percent(uint32_t ulPos, uint32_t ulLength)
-{
-    return ulLength == 0 ? 100.0 : 100.0 * ulPos / ulLength;
-}
-
-void WriteDownloadRequest(QB_ByteStream& stream, const ZV_DownloadAsk& ask)
-{
-    stream.WriteU16(ask.usFileID);
-    ask.user.Save(stream);
-    stream.WriteU32(ask.ulFloodSeq);
-    stream.WriteString(ask.sPath);
-    stream.WriteU32(ask.ulPos);
-    stream.WriteU8(ask.bFromServer);
-    stream.WriteU8(ask.bFlooded);
-}
-
-void ReadDownloadRequest(QB_ByteStream& stream, ZV_DownloadAsk& ask)
-{
-    ask.usFileID = stream.ReadU16();
-    ask.user.Load(stream);
-    ask.ulFloodSeq = stream.ReadU32();
-    stream.ReadString(ask.sPath);
-    ask.ulPos = stream.ReadU32();
-    ask.bFromServer = stream.ReadU8();
-    ask.bFlooded = stream.ReadU8();
-}
-
-void WriteDataResponse(QB_ByteStream& stream, uint16_t usFileID, uint32_t ulResult, uint16_t usFileID2,
-                       const QB_UserID& user, uint32_t ulPos, uint32_t ulLen, const uint8_t* pData, uint32_t ulMaxPos)
-{
-    stream.WriteU16(usFileID);
-    stream.WriteU32(ulResult);
-    stream.WriteU16(usFileID2);
-    user.Save(stream);
-    stream.WriteU32(ulPos);
-    stream.WriteU32(ulLen);
-    stream.WriteBytes(pData, (int32_t)ulLen);
-    stream.WriteU32(ulMaxPos);
-}
-
-// The length is checked before the data is stepped over: a count past 31
-// bits would otherwise walk the stream backwards.
-bool ReadDataBlock(QB_ByteStream& stream, ZV_DownloadBlock& block)
-{
-    block.ulPos = stream.ReadU32();
-    block.ulLen = stream.ReadU32();
-    if (block.ulLen > ZV_BLOCK_SIZE)
-        return false;
-    block.pData = stream.GetBuffer() + stream.GetPos();
-    stream.Skip((int32_t)block.ulLen);
-    block.ulMaxPos = stream.ReadU32();
-    return true;
 }
 
 bool HasRight(const ZV_FileBriefInfo& brief, const QB_UserID& user)
@@ -146,7 +58,7 @@ ZV_FileDownloadInfo MakeDownloadEntry(const ZV_FileShareSession& session, const 
     SetShortText(entry, &ZV_FileDownloadInfo::SetFileType, brief.m_sFileType);
     entry.SetFileLenth(brief.m_ulFileLenth);
     entry.SetUsedTime(0);
-    entry.SetLastTick(Now());
+    entry.SetLastTick(ZV_Now());
     entry.SetShareTime(brief.m_dtShareTime);
     entry.SetDownloadPos(ask.ulPos);
     entry.SetState(ZV_DLSTATE_NEW);
@@ -159,7 +71,7 @@ ZV_FileDownloadInfo MakeDownloadEntry(const ZV_FileShareSession& session, const 
 // One block's worth of progress on the server's entry.
 void AdvanceEntry(ZV_FileDownloadInfo& entry, uint32_t ulCount)
 {
-    const uint32_t ulNow = Now();
+    const uint32_t ulNow = ZV_Now();
     entry.SetUsedTime(entry.m_ulDownloadPos == 0 ? 0 : entry.m_ulUsedTime + (ulNow - entry.m_ulLastTick));
     entry.SetLastTick(ulNow);
     entry.SetState(ZV_DLSTATE_RUNNING);
@@ -287,7 +199,7 @@ uint32_t ZV_FileShareSession::HandleDownloadDataRequest(ConfPduData* lpCpd)
         KickDownloadConn(Conf()->GetServerConn(user.m_ulMain, zvConfServerTypeData, 0));
         return 0;
     }
-    pEntry->SetLastTick(Now());
+    pEntry->SetLastTick(ZV_Now());
     pEntry->SetDownloadPos(record.m_ulDownloadPos);
     pEntry->SetStopped(record.m_bStopped);
     pEntry->SetState(record.m_bStopped ? ZV_DLSTATE_STOPPED : ZV_DLSTATE_RUNNING);
@@ -413,278 +325,7 @@ void ZV_FileShareSession::WakeDownloaders(uint32_t ulPos)
 }
 
 // ---------------------------------------------------------------------------
-// Downloader: the response, which opens the target
-
-uint32_t ZV_FileShareSession::HandleDownloadResponse(ConfPduData* lpCpd)
-{
-    ZV_TraceRecv("PDU_CONF_FS_DOWNLOAD_RESPONSE");
-    ZV_PayloadReader stream(lpCpd);
-    stream.ReadU16();
-    uint32_t ulResult = stream.ReadU32();
-    const uint16_t usFileID = stream.ReadU16();
-    QB_UserID user;
-    user.Load(stream);
-    ZV_FileDownloadInfo record;
-    if (ulResult == ZV_OK)
-        LoadDelimited(stream, record);
-    m_bDownloadFailed = false;
-    const bool bRelay = Conf()->IsServerMode();
-    if (ulResult == ZV_OK && !m_File.IsOpen())
-        ulResult = bRelay ? OpenRelayTarget(record) : OpenDownloadTarget(record);
-    if (ulResult == ZV_OK)
-    {
-        m_LocalDownload = record;
-        m_LocalDownload.SetLastTick(Now());
-        m_LocalDownload.SetState(ZV_DLSTATE_RUNNING);
-    }
-    if (Conf()->IsClientMode())
-        ReportDownloadAnswer(lpCpd, ulResult, usFileID, user, record);
-    if (ulResult != ZV_OK)
-        return 0;
-    m_bResyncPending = true;
-    SendDownloadDataRequest(lpCpd->ulConn, usFileID, user, record);
-    return 0;
-}
-
-// A client writes where its user asked, making the folders on the way.
-uint32_t ZV_FileShareSession::OpenDownloadTarget(const ZV_FileDownloadInfo& record)
-{
-    if (!MakeDirs(QB_StringW(record.m_sFilePath)))
-        return ZV_ERR_OPEN;
-    return OpenDownloadFile(QB_StringW(record.m_sFilePath + record.m_sFileName), record.m_ulDownloadPos,
-                      record.m_ulFileLenth);
-}
-
-// A relay writes into its own stored file and nowhere else, whatever path the
-// neighbour's record names.
-uint32_t ZV_FileShareSession::OpenRelayTarget(ZV_FileDownloadInfo& record)
-{
-    const QB_StringU8& sName = m_FileInfo.m_sFileNewName;
-    const QB_StringW sDir = GetConfDir();
-    if (!ZV_FileCatalog::IsPlainFileName(QB_StringA(sName)) || !MakeDirs(sDir))
-        return ZV_ERR_OPEN;
-    record.SetFilePath(QB_StringU8(sDir));
-    record.SetFileName(sName);
-    record.SetFileLenth(m_FileInfo.m_BriefInfo.m_ulFileLenth);
-    return OpenDownloadFile(sDir + QB_StringW(sName), record.m_ulDownloadPos, record.m_ulFileLenth);
-}
-
-// What lay behind the starting position goes. A start beyond the file's end
-// would only make a file of zeros, and is refused like a failed move.
-uint32_t ZV_FileShareSession::OpenDownloadFile(const QB_StringW& sPath, uint32_t ulPos, uint32_t ulLength)
-{
-    if (ulPos > ulLength || !m_File.Open(sPath, kOpenForDownload))
-        return ZV_ERR_OPEN;
-    if (SeekTo(m_File, ulPos) && m_File.SetEnd())
-        return ZV_OK;
-    m_File.Close();
-    return ZV_ERR_OPEN;
-}
-
-void ZV_FileShareSession::ReportDownloadAnswer(const ConfPduData* lpCpd, uint32_t ulResult, uint16_t usFileID,
-                                               const QB_UserID& user, const ZV_FileDownloadInfo& record)
-{
-    QB_WriteLog(2, "fileshare", "HandleDownloadResponse...ulResult=%d.\r\n", (int)ulResult);
-    NotifyDownloadState(ulResult, usFileID, record, 0.0);
-    if (ulResult != ZV_OK)
-        SendDelDownloadRequest(lpCpd->ulConn, usFileID, &user, 0);
-    else
-        m_lpMgr->SetSessionBusy(1, usFileID);
-}
-
-// ---------------------------------------------------------------------------
-// Downloader: the blocks
-
-uint32_t ZV_FileShareSession::HandleDownloadDataResponse(ConfPduData* lpCpd)
-{
-    // After a failure nothing more is taken, not even parsed, until the next
-    // download response.
-    if (m_bDownloadFailed)
-        return 0;
-    ZV_PayloadReader stream(lpCpd);
-    stream.ReadU16();
-    uint32_t ulResult = stream.ReadU32();
-    const uint16_t usFileID = stream.ReadU16();
-    QB_UserID user;
-    user.Load(stream);
-    if (ulResult == ZV_OK)
-        ulResult = TakeDownloadBlock(lpCpd, stream, usFileID, user);
-    if (ulResult != ZV_OK)
-        FailDownload(lpCpd, ulResult, usFileID, user);
-    return 0;
-}
-
-// A block longer than a block is refused unwritten, as a failed write. One
-// that runs past the file's end is written whole; the position stops at the
-// length, so the download still ends where the file does.
-uint32_t ZV_FileShareSession::TakeDownloadBlock(const ConfPduData* lpCpd, QB_ByteStream& stream, uint16_t usFileID,
-                                                const QB_UserID& user)
-{
-    ZV_FileDownloadInfo& download = m_LocalDownload;
-    if (download.m_sFileName.IsEmpty() || download.m_usState == ZV_DLSTATE_FINISHED)
-        return ZV_OK;
-    ZV_DownloadBlock block;
-    if (!ReadDataBlock(stream, block))
-        return ZV_ERR_IO;
-    if (block.ulPos < download.m_ulDownloadPos)
-        return ZV_OK;
-    if (block.ulPos > download.m_ulDownloadPos)
-    {
-        // One request for the position is enough; the blocks behind the gap
-        // are dropped until one fits.
-        if (!m_bResyncPending)
-        {
-            m_bResyncPending = true;
-            const ZV_FileDownloadInfo copy = download;
-            SendDownloadDataRequest(lpCpd->ulConn, usFileID, user, copy);
-        }
-        return ZV_OK;
-    }
-    m_bResyncPending = false;
-    if (!SeekTo(m_File, block.ulPos) || m_File.Write(block.pData, (int32_t)block.ulLen) != (int32_t)block.ulLen)
-        return ZV_ERR_IO;
-    const bool bFinished = AdvanceLocalDownload(block.ulLen);
-    if (Conf()->IsServerMode())
-        OnRelayBlock(usFileID, user, block.ulPos, block.ulMaxPos, bFinished);
-    else
-        OnClientBlock(usFileID, bFinished);
-    return ZV_OK;
-}
-
-bool ZV_FileShareSession::AdvanceLocalDownload(uint32_t ulCount)
-{
-    ZV_FileDownloadInfo& download = m_LocalDownload;
-    const uint32_t ulNow = Now();
-    m_ulLastIoTick = ulNow;
-    download.SetUsedTime(download.m_ulUsedTime + (ulNow - download.m_ulLastTick));
-    download.SetLastTick(ulNow);
-    const uint64_t ullPos = std::min<uint64_t>((uint64_t)download.m_ulDownloadPos + ulCount, download.m_ulFileLenth);
-    download.SetDownloadPos((uint32_t)ullPos);
-    if (download.m_usState == ZV_DLSTATE_NEW)
-        download.SetState(ZV_DLSTATE_RUNNING);
-    return download.m_ulDownloadPos >= download.m_ulFileLenth;
-}
-
-void ZV_FileShareSession::OnClientBlock(uint16_t usFileID, bool bFinished)
-{
-    ZV_FileDownloadInfo& download = m_LocalDownload;
-    NotifyDownloadProgress(ZV_OK, usFileID, Percent(download.m_ulDownloadPos, download.m_ulFileLenth),
-                           download.m_ulUsedTime);
-    if (bFinished)
-    {
-        download.SetState(ZV_DLSTATE_FINISHED);
-        m_File.Close();
-        NotifyDownloadFinished(ZV_OK, usFileID);
-        m_lpMgr->SetSessionBusy(0, usFileID);
-    }
-    if (bFinished || download.m_ulDownloadPos == ZV_BLOCK_SIZE)
-        NotifyTransferState(0, usFileID, download.m_usState);
-}
-
-// A relay's arrived bytes are its stored bytes: its own clients may read up
-// to them at once. The wake comes last, so that a host that calls OnSend at
-// once finds the write position moved and the store file open.
-void ZV_FileShareSession::OnRelayBlock(uint16_t usFileID, const QB_UserID& user, uint32_t ulBlockPos,
-                                       uint32_t ulMaxPos, bool bFinished)
-{
-    m_bPulling = true;
-    m_FileInfo.SetFileWritePos(m_LocalDownload.m_ulDownloadPos);
-    if (ulMaxPos > m_ulMaxPos)
-    {
-        m_ulMaxPos = ulMaxPos;
-        SendProgressing(zvConnNone, usFileID, &user, ulMaxPos, true);
-    }
-    ZV_FileBriefInfo& brief = m_FileInfo.m_BriefInfo;
-    if (bFinished)
-    {
-        m_LocalDownload.SetState(ZV_DLSTATE_FINISHED);
-        m_File.Close();
-        brief.SetFileState(ZV_FILESTATE_COMPLETE);
-        SaveToCatalog();
-        m_bUploadDone = true;
-    }
-    else if (brief.m_usFileState == ZV_FILESTATE_ADDED)
-    {
-        brief.SetFileState(ZV_FILESTATE_UPLOADING);
-        SaveToCatalog();
-    }
-    if (m_lpServerFile == nullptr)
-        OpenRelayServedFile();
-    WakeDownloaders(ulBlockPos);
-}
-
-void ZV_FileShareSession::OpenRelayServedFile()
-{
-    QB_FileEx* lpFile = new QB_FileEx;
-    if (lpFile->Open(GetConfDir() + QB_StringW(m_FileInfo.m_sFileNewName), kOpenForDownload))
-        m_lpServerFile = lpFile;
-    else
-        delete lpFile;
-}
-
-// ---------------------------------------------------------------------------
-// Downloader: failure. Later blocks are ignored until a new response.
-
-void ZV_FileShareSession::FailDownload(const ConfPduData* lpCpd, uint32_t ulResult, uint16_t usFileID,
-                                       const QB_UserID& user)
-{
-    m_bDownloadFailed = true;
-    if (Conf()->IsServerMode())
-    {
-        FailRelayDownload(lpCpd, ulResult, usFileID, user);
-        return;
-    }
-    const uint32_t ulCmdConn = m_lpMgr->GetLinkConn(zvConfClientTypeCommand);
-    SendIsStopDownloadRequest(ulCmdConn != zvConnNone ? ulCmdConn : lpCpd->ulConn, usFileID, &user, 0, 1);
-    QB_WriteLog(2, "fileshare", "HandleDownloadDataResponse...ulResult=%d.\r\n", (int)ulResult);
-    NotifyDownloadState(ulResult, usFileID, m_LocalDownload,
-                        Percent(m_LocalDownload.m_ulDownloadPos, m_LocalDownload.m_ulFileLenth));
-}
-
-// The relay's clients hear of it as of a failed upload, and the upstream
-// server stops sending to this relay.
-void ZV_FileShareSession::FailRelayDownload(const ConfPduData* lpCpd, uint32_t ulResult, uint16_t usFileID,
-                                            const QB_UserID& user)
-{
-    IZV_ConfHost* lpConf = Conf();
-    ZV_PduBuffer pdu;
-    QB_ByteStream& stream = pdu.Stream();
-    stream.WriteU16(usFileID);
-    stream.WriteU32(ulResult);
-    stream.WriteU16(usFileID);
-    user.Save(stream);
-    stream.WriteU32(0);
-    stream.WriteU32(0);
-    ZV_SendToGroup(lpConf, zvConnNone, PDU_CONF_FS_UPLOAD_RESPONSE, pdu);
-
-    uint32_t ulConn = lpConf->GetServerConn(lpCpd->ulUserMain, zvConfServerTypeCommand, 0);
-    if (ulConn == zvConnNone)
-        ulConn = lpCpd->ulConn;
-    const QB_UserID self(lpConf->GetLocalServerID(), 0);
-    const uint32_t ulFloodSeq = lpConf->NewFloodSeq(&self, 0);
-    if (!lpConf->IsFloodSeen(&self, ulFloodSeq))
-        SendIsStopDownloadRequest(ulConn, usFileID, &self, ulFloodSeq, 1);
-}
-
-// ---------------------------------------------------------------------------
 // Senders
-
-uint32_t ZV_FileShareSession::SendDownloadRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser,
-                                                 uint32_t ulFloodSeq, const QB_StringU8& sPath, uint32_t ulPos,
-                                                 uint8_t bFromServer, uint8_t bFlooded)
-{
-    ZV_DownloadAsk ask;
-    ask.usFileID = usFileID;
-    ask.user = *pUser;
-    ask.ulFloodSeq = ulFloodSeq;
-    ask.sPath = sPath;
-    ask.ulPos = ulPos;
-    ask.bFromServer = bFromServer;
-    ask.bFlooded = bFlooded;
-    ZV_PduBuffer pdu;
-    WriteDownloadRequest(pdu.Stream(), ask);
-    return ZV_SendToLink(Conf(), ulConn, PDU_CONF_FS_DOWNLOAD_REQUEST, pdu);
-}
 
 // A refusal carries an empty record.
 uint32_t ZV_FileShareSession::SendDownloadResponse(uint32_t ulConn, uint16_t usFileID, uint32_t ulResult,
@@ -708,14 +349,4 @@ uint32_t ZV_FileShareSession::SendDownloadDataResponse(uint32_t ulConn, uint16_t
     ZV_PduBuffer pdu;
     WriteDataResponse(pdu.Stream(), usFileID, ulResult, usFileID2, *pUser, ulPos, ulLen, pData, m_ulMaxPos);
     return ZV_SendToLink(Conf(), ulConn, PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, pdu);
-}
-
-uint32_t ZV_FileShareSession::SendDelDownloadRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser,
-                                                    uint32_t ulFloodSeq)
-{
-    ZV_PduBuffer pdu;
-    pdu.Stream().WriteU16(usFileID);
-    pUser->Save(pdu.Stream());
-    pdu.Stream().WriteU32(ulFloodSeq);
-    return ZV_SendToLink(Conf(), ulConn, PDU_CONF_FS_DEL_DOWNLOAD_REQUEST, pdu);
 }

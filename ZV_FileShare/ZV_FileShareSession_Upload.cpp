@@ -12,7 +12,6 @@
 #include "ZV_FileShareSession.h"
 #include "ZV_FileShareMgr.h"
 
-#include "QB_Env.h"
 #include "QB_Log.h"
 
 namespace {
@@ -235,7 +234,7 @@ uint32_t ZV_FileShareSession::HandleUploadRequest(ConfPduData* lpCpd)
     if (m_bStopUpload)
         return 0;
     const bool bFits = ReadUploadData(stream, block);
-    m_ulLastIoTick = QB_GetEnv()->GetTickCount();
+    m_ulLastIoTick = ZV_Now();
     uint32_t ulConn = Conf()->GetUserConn(&block.user, zvConfClientTypeCommand);
     if (ulConn == zvConnNone)
         ulConn = lpCpd->ulConn;

@@ -1,0 +1,308 @@
+// The download road, downloader side: a client, or a relay server that
+// fetches a file into its own store, opens its target on the server's answer
+// (8015) and takes the blocks (8013) that fit its position.
+#include "ZV_FileShareSession.h"
+#include "ZV_DownloadPdu.h"
+#include "ZV_FileShareMgr.h"
+#include "ZV_RecordStream.h"
+
+#include "QB_FileEx.h"
+#include "QB_Log.h"
+
+#include <cstdint>
+
+namespace {
+
+// Read and write and create if missing, keeping what is there.
+constexpr uint32_t kOpenForDownload = QB_FILE_READWRITE | QB_FILE_OPEN_ALWAYS;
+
+double Percent(uint32_t ulPos, uint32_t ulLength)
+{
+    return ulLength == 0 ? 100.0 : 100.0 * ulPos / ulLength;
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------
+// Downloader: the response, which opens the target
+
+uint32_t ZV_FileShareSession::HandleDownloadResponse(ConfPduData* lpCpd)
+{
+    ZV_TraceRecv("PDU_CONF_FS_DOWNLOAD_RESPONSE");
+    ZV_PayloadReader stream(lpCpd);
+    stream.ReadU16();
+    uint32_t ulResult = stream.ReadU32();
+    const uint16_t usFileID = stream.ReadU16();
+    QB_UserID user;
+    user.Load(stream);
+    ZV_FileDownloadInfo record;
+    if (ulResult == ZV_OK)
+        LoadDelimited(stream, record);
+    m_bDownloadFailed = false;
+    const bool bRelay = Conf()->IsServerMode();
+    if (ulResult == ZV_OK && !m_File.IsOpen())
+        ulResult = bRelay ? OpenRelayTarget(record) : OpenDownloadTarget(record);
+    if (ulResult == ZV_OK)
+    {
+        m_LocalDownload = record;
+        m_LocalDownload.SetLastTick(ZV_Now());
+        m_LocalDownload.SetState(ZV_DLSTATE_RUNNING);
+    }
+    if (Conf()->IsClientMode())
+        ReportDownloadAnswer(lpCpd, ulResult, usFileID, user, record);
+    if (ulResult != ZV_OK)
+        return 0;
+    m_bResyncPending = true;
+    SendDownloadDataRequest(lpCpd->ulConn, usFileID, user, record);
+    return 0;
+}
+
+// A client writes where its user asked, making the folders on the way.
+uint32_t ZV_FileShareSession::OpenDownloadTarget(const ZV_FileDownloadInfo& record)
+{
+    if (!MakeDirs(QB_StringW(record.m_sFilePath)))
+        return ZV_ERR_OPEN;
+    return OpenDownloadFile(QB_StringW(record.m_sFilePath + record.m_sFileName), record.m_ulDownloadPos,
+                      record.m_ulFileLenth);
+}
+
+// A relay writes into its own stored file and nowhere else, whatever path the
+// neighbour's record names.
+uint32_t ZV_FileShareSession::OpenRelayTarget(ZV_FileDownloadInfo& record)
+{
+    const QB_StringU8& sName = m_FileInfo.m_sFileNewName;
+    const QB_StringW sDir = GetConfDir();
+    if (!ZV_FileCatalog::IsPlainFileName(QB_StringA(sName)) || !MakeDirs(sDir))
+        return ZV_ERR_OPEN;
+    record.SetFilePath(QB_StringU8(sDir));
+    record.SetFileName(sName);
+    record.SetFileLenth(m_FileInfo.m_BriefInfo.m_ulFileLenth);
+    return OpenDownloadFile(sDir + QB_StringW(sName), record.m_ulDownloadPos, record.m_ulFileLenth);
+}
+
+// What lay behind the starting position goes. A start beyond the file's end
+// would only make a file of zeros, and is refused like a failed move.
+uint32_t ZV_FileShareSession::OpenDownloadFile(const QB_StringW& sPath, uint32_t ulPos, uint32_t ulLength)
+{
+    if (ulPos > ulLength || !m_File.Open(sPath, kOpenForDownload))
+        return ZV_ERR_OPEN;
+    if (SeekTo(m_File, ulPos) && m_File.SetEnd())
+        return ZV_OK;
+    m_File.Close();
+    return ZV_ERR_OPEN;
+}
+
+void ZV_FileShareSession::ReportDownloadAnswer(const ConfPduData* lpCpd, uint32_t ulResult, uint16_t usFileID,
+                                               const QB_UserID& user, const ZV_FileDownloadInfo& record)
+{
+    QB_WriteLog(2, "fileshare", "HandleDownloadResponse...ulResult=%d.\r\n", (int)ulResult);
+    NotifyDownloadState(ulResult, usFileID, record, 0.0);
+    if (ulResult != ZV_OK)
+        SendDelDownloadRequest(lpCpd->ulConn, usFileID, &user, 0);
+    else
+        m_lpMgr->SetSessionBusy(1, usFileID);
+}
+
+// ---------------------------------------------------------------------------
+// Downloader: the blocks
+
+uint32_t ZV_FileShareSession::HandleDownloadDataResponse(ConfPduData* lpCpd)
+{
+    // After a failure nothing more is taken, not even parsed, until the next
+    // download response.
+    if (m_bDownloadFailed)
+        return 0;
+    ZV_PayloadReader stream(lpCpd);
+    stream.ReadU16();
+    uint32_t ulResult = stream.ReadU32();
+    const uint16_t usFileID = stream.ReadU16();
+    QB_UserID user;
+    user.Load(stream);
+    if (ulResult == ZV_OK)
+        ulResult = TakeDownloadBlock(lpCpd, stream, usFileID, user);
+    if (ulResult != ZV_OK)
+        FailDownload(lpCpd, ulResult, usFileID, user);
+    return 0;
+}
+
+// A block longer than a block is refused unwritten, as a failed write. One
+// that runs past the file's end is written whole; the position stops at the
+// length, so the download still ends where the file does.
+uint32_t ZV_FileShareSession::TakeDownloadBlock(const ConfPduData* lpCpd, QB_ByteStream& stream, uint16_t usFileID,
+                                                const QB_UserID& user)
+{
+    ZV_FileDownloadInfo& download = m_LocalDownload;
+    if (download.m_sFileName.IsEmpty() || download.m_usState == ZV_DLSTATE_FINISHED)
+        return ZV_OK;
+    ZV_DownloadBlock block;
+    if (!ReadDataBlock(stream, block))
+        return ZV_ERR_IO;
+    if (block.ulPos < download.m_ulDownloadPos)
+        return ZV_OK;
+    if (block.ulPos > download.m_ulDownloadPos)
+    {
+        // One request for the position is enough; the blocks behind the gap
+        // are dropped until one fits.
+        if (!m_bResyncPending)
+        {
+            m_bResyncPending = true;
+            const ZV_FileDownloadInfo copy = download;
+            SendDownloadDataRequest(lpCpd->ulConn, usFileID, user, copy);
+        }
+        return ZV_OK;
+    }
+    m_bResyncPending = false;
+    if (!SeekTo(m_File, block.ulPos) || m_File.Write(block.pData, (int32_t)block.ulLen) != (int32_t)block.ulLen)
+        return ZV_ERR_IO;
+    const bool bFinished = AdvanceLocalDownload(block.ulLen);
+    if (Conf()->IsServerMode())
+        OnRelayBlock(usFileID, user, block.ulPos, block.ulMaxPos, bFinished);
+    else
+        OnClientBlock(usFileID, bFinished);
+    return ZV_OK;
+}
+
+bool ZV_FileShareSession::AdvanceLocalDownload(uint32_t ulCount)
+{
+    ZV_FileDownloadInfo& download = m_LocalDownload;
+    const uint32_t ulNow = ZV_Now();
+    m_ulLastIoTick = ulNow;
+    download.SetUsedTime(download.m_ulUsedTime + (ulNow - download.m_ulLastTick));
+    download.SetLastTick(ulNow);
+    const uint64_t ullPos = std::min<uint64_t>((uint64_t)download.m_ulDownloadPos + ulCount, download.m_ulFileLenth);
+    download.SetDownloadPos((uint32_t)ullPos);
+    if (download.m_usState == ZV_DLSTATE_NEW)
+        download.SetState(ZV_DLSTATE_RUNNING);
+    return download.m_ulDownloadPos >= download.m_ulFileLenth;
+}
+
+void ZV_FileShareSession::OnClientBlock(uint16_t usFileID, bool bFinished)
+{
+    ZV_FileDownloadInfo& download = m_LocalDownload;
+    NotifyDownloadProgress(ZV_OK, usFileID, Percent(download.m_ulDownloadPos, download.m_ulFileLenth),
+                           download.m_ulUsedTime);
+    if (bFinished)
+    {
+        download.SetState(ZV_DLSTATE_FINISHED);
+        m_File.Close();
+        NotifyDownloadFinished(ZV_OK, usFileID);
+        m_lpMgr->SetSessionBusy(0, usFileID);
+    }
+    if (bFinished || download.m_ulDownloadPos == ZV_BLOCK_SIZE)
+        NotifyTransferState(0, usFileID, download.m_usState);
+}
+
+// A relay's arrived bytes are its stored bytes: its own clients may read up
+// to them at once. The wake comes last, so that a host that calls OnSend at
+// once finds the write position moved and the store file open.
+void ZV_FileShareSession::OnRelayBlock(uint16_t usFileID, const QB_UserID& user, uint32_t ulBlockPos,
+                                       uint32_t ulMaxPos, bool bFinished)
+{
+    m_bPulling = true;
+    m_FileInfo.SetFileWritePos(m_LocalDownload.m_ulDownloadPos);
+    if (ulMaxPos > m_ulMaxPos)
+    {
+        m_ulMaxPos = ulMaxPos;
+        SendProgressing(zvConnNone, usFileID, &user, ulMaxPos, true);
+    }
+    ZV_FileBriefInfo& brief = m_FileInfo.m_BriefInfo;
+    if (bFinished)
+    {
+        m_LocalDownload.SetState(ZV_DLSTATE_FINISHED);
+        m_File.Close();
+        brief.SetFileState(ZV_FILESTATE_COMPLETE);
+        SaveToCatalog();
+        m_bUploadDone = true;
+    }
+    else if (brief.m_usFileState == ZV_FILESTATE_ADDED)
+    {
+        brief.SetFileState(ZV_FILESTATE_UPLOADING);
+        SaveToCatalog();
+    }
+    if (m_lpServerFile == nullptr)
+        OpenRelayServedFile();
+    WakeDownloaders(ulBlockPos);
+}
+
+void ZV_FileShareSession::OpenRelayServedFile()
+{
+    QB_FileEx* lpFile = new QB_FileEx;
+    if (lpFile->Open(GetConfDir() + QB_StringW(m_FileInfo.m_sFileNewName), kOpenForDownload))
+        m_lpServerFile = lpFile;
+    else
+        delete lpFile;
+}
+
+// ---------------------------------------------------------------------------
+// Downloader: failure. Later blocks are ignored until a new response.
+
+void ZV_FileShareSession::FailDownload(const ConfPduData* lpCpd, uint32_t ulResult, uint16_t usFileID,
+                                       const QB_UserID& user)
+{
+    m_bDownloadFailed = true;
+    if (Conf()->IsServerMode())
+    {
+        FailRelayDownload(lpCpd, ulResult, usFileID, user);
+        return;
+    }
+    const uint32_t ulCmdConn = m_lpMgr->GetLinkConn(zvConfClientTypeCommand);
+    SendIsStopDownloadRequest(ulCmdConn != zvConnNone ? ulCmdConn : lpCpd->ulConn, usFileID, &user, 0, 1);
+    QB_WriteLog(2, "fileshare", "HandleDownloadDataResponse...ulResult=%d.\r\n", (int)ulResult);
+    NotifyDownloadState(ulResult, usFileID, m_LocalDownload,
+                        Percent(m_LocalDownload.m_ulDownloadPos, m_LocalDownload.m_ulFileLenth));
+}
+
+// The relay's clients hear of it as of a failed upload, and the upstream
+// server stops sending to this relay.
+void ZV_FileShareSession::FailRelayDownload(const ConfPduData* lpCpd, uint32_t ulResult, uint16_t usFileID,
+                                            const QB_UserID& user)
+{
+    IZV_ConfHost* lpConf = Conf();
+    ZV_PduBuffer pdu;
+    QB_ByteStream& stream = pdu.Stream();
+    stream.WriteU16(usFileID);
+    stream.WriteU32(ulResult);
+    stream.WriteU16(usFileID);
+    user.Save(stream);
+    stream.WriteU32(0);
+    stream.WriteU32(0);
+    ZV_SendToGroup(lpConf, zvConnNone, PDU_CONF_FS_UPLOAD_RESPONSE, pdu);
+
+    uint32_t ulConn = lpConf->GetServerConn(lpCpd->ulUserMain, zvConfServerTypeCommand, 0);
+    if (ulConn == zvConnNone)
+        ulConn = lpCpd->ulConn;
+    const QB_UserID self(lpConf->GetLocalServerID(), 0);
+    const uint32_t ulFloodSeq = lpConf->NewFloodSeq(&self, 0);
+    if (!lpConf->IsFloodSeen(&self, ulFloodSeq))
+        SendIsStopDownloadRequest(ulConn, usFileID, &self, ulFloodSeq, 1);
+}
+
+// ---------------------------------------------------------------------------
+// Senders
+
+uint32_t ZV_FileShareSession::SendDownloadRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser,
+                                                 uint32_t ulFloodSeq, const QB_StringU8& sPath, uint32_t ulPos,
+                                                 uint8_t bFromServer, uint8_t bFlooded)
+{
+    ZV_DownloadAsk ask;
+    ask.usFileID = usFileID;
+    ask.user = *pUser;
+    ask.ulFloodSeq = ulFloodSeq;
+    ask.sPath = sPath;
+    ask.ulPos = ulPos;
+    ask.bFromServer = bFromServer;
+    ask.bFlooded = bFlooded;
+    ZV_PduBuffer pdu;
+    WriteDownloadRequest(pdu.Stream(), ask);
+    return ZV_SendToLink(Conf(), ulConn, PDU_CONF_FS_DOWNLOAD_REQUEST, pdu);
+}
+
+uint32_t ZV_FileShareSession::SendDelDownloadRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser,
+                                                    uint32_t ulFloodSeq)
+{
+    ZV_PduBuffer pdu;
+    pdu.Stream().WriteU16(usFileID);
+    pUser->Save(pdu.Stream());
+    pdu.Stream().WriteU32(ulFloodSeq);
+    return ZV_SendToLink(Conf(), ulConn, PDU_CONF_FS_DEL_DOWNLOAD_REQUEST, pdu);
+}
