@@ -59,6 +59,7 @@ struct Delivery
 
 std::deque<Delivery> g_queue;
 std::set<Pump> g_pumps;
+uint32_t g_ulTick = 0;  // one more at each OnTimer round
 
 // One end of a client's link to its server: a command and a data connection,
 // numbered by this end.
@@ -332,7 +333,6 @@ void RunPump(const Pump& pump)
 template <typename Done>
 bool RunUntil(const std::vector<Node*>& nodes, Done fnDone)
 {
-    static uint32_t s_ulTick = 0;
     for (int nRound = 0; nRound < 100000 && !fnDone(); ++nRound)
     {
         while (!g_queue.empty())
@@ -343,9 +343,9 @@ bool RunUntil(const std::vector<Node*>& nodes, Done fnDone)
         }
         for (Pump pump : std::set<Pump>(g_pumps))
             RunPump(pump);
-        ++s_ulTick;
+        ++g_ulTick;
         for (Node* lpNode : nodes)
-            lpNode->m_lpModule->OnTimer(s_ulTick);
+            lpNode->m_lpModule->OnTimer(g_ulTick);
     }
     return fnDone();
 }
