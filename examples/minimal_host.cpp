@@ -96,8 +96,6 @@ public:
     bool m_bDownloadFinished = false;
     double m_dProgress = 0;
 
-    const std::string& Name() const { return m_sName; }
-
     bool Start()
     {
         m_lpModule = zvCreateInstance(ZV_FILESHARE_INTERFACE_NAME);
@@ -161,7 +159,7 @@ public:
     {
         uint16_t usType = 0;
         LinkEnd* lpEnd = FindLink(ulConn, &usType);
-        if (!lpEnd)
+        if (!lpEnd || (!pData && ulLen > 0))
             return kNoConnection;
         ++m_ullSends;
         if (usPdu == PDU_CONF_FS_KICK)  // a request to the host, never delivered
