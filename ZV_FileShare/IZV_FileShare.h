@@ -12,6 +12,21 @@
 // of the contract: operations are only ever added at the end. Wide text is
 // UTF-16 (char16_t); the module's records and the host's user names are
 // UTF-8. Arrays cross the boundary as a pointer and a count.
+//
+// The header stands alone: it compiles as C++17 or later with the two base
+// headers installed beside it, and a host links libroomcrate.so and nothing
+// else. docs/host-guide.md tells the whole contract.
+//
+// Threads. The module starts none and calls back only on the thread that
+// called it. The host makes the calls of IZV_ConfModule one at a time, never
+// two at once on one manager nor nested in a send (a send queues, it does not
+// deliver). The Fs operations of the user side reach the same sessions
+// without a lock, so the user side calls them between the host's calls, on
+// the host's thread or under the same serialisation. Events reach the sink
+// on the thread of the call that raised them, from inside that call; the
+// sink records them and acts after the call returns. zvCreateInstance and
+// zvDestroyInstance may come from any thread. ROOMCRATE_HOME is read at each
+// call and belongs to the whole process.
 #pragma once
 
 #include "QB_UserID.h"

@@ -229,7 +229,7 @@ void ZV_FileCatalog::WriteRow(const QB_StringW& sSection, const ZV_FileUploadInf
     SetText(sSection, kFileNewName, fileInfo.m_sFileNewName);
     m_IniFile.SetLong(sSection, kFileWritePos, (int32_t)fileInfo.m_ulFileWritePos);
     SetText(sSection, kFileOldName, briefInfo.m_sFileOldName);
-    m_IniFile.SetString(sSection, kCreatorID, QB_StringW(briefInfo.m_CreatorID.ToText()));
+    m_IniFile.SetString(sSection, kCreatorID, QB_StringW(QB_StringA(briefInfo.m_CreatorID.ToText())));
     m_IniFile.SetString(sSection, kShareTime, QB_StringW(briefInfo.m_dtShareTime.ToText(0, "-")));
     m_IniFile.SetString(sSection, kModifyTime, QB_StringW(briefInfo.m_dtModifyTime.ToText(0, "-")));
     SetText(sSection, kFileType, briefInfo.m_sFileType);

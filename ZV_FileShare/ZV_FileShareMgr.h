@@ -7,8 +7,12 @@
 // follows the link states, and serves the user side's Fs operations.
 //
 // The definition is split by concern: ZV_FileShareMgr.cpp (life, links,
-// FileIDs), ZV_FileShareMgr_Route.cpp (PDU routing), ZV_FileShareMgr_Events.cpp
-// (events to the user side), ZV_FileShareMgr_Fs.cpp (user-side operations).
+// FileIDs, busy list, timer), _Route.cpp (PDU routing), _Add.cpp and
+// _AddFiles.cpp (sharing one file and several), _Download.cpp, _Transfer.cpp
+// and _Control.cpp (the user side's download, upload, stop and resume),
+// _Links.cpp (restarts after a data link came back), _Storage.cpp (the
+// server's storage folder), _Fs.cpp and _Unserved.cpp (operations and
+// handlers not served yet); ZV_FsEvents.cpp writes the events to the user side.
 #pragma once
 
 #include "IZV_FileShare.h"
@@ -116,7 +120,7 @@ public:
     // The local user, or an empty identifier when the host knows none.
     const QB_UserID* LocalUser() const;
 
-    // ---- adding files and the storage folder (declarations go here)
+    // ---- adding files and the storage folder
     // ZV_FileShareMgr_Storage.cpp. A server's removal of one stored file
     // while the conference goes on: session, file and catalogue row.
     void RemoveStoredFile(uint16_t usFileID, ZV_FileShareSession* lpFsSession, const QB_UserID* lpUser,
@@ -145,7 +149,7 @@ public:
     // The server's durable list of what its storage folder holds.
     ZV_FileCatalog m_Catalog;
 
-    // ---- the roads of the bytes (declarations go here)
+    // ---- the roads of the bytes are the sessions' (ZV_FileShareSession_*.cpp)
 
     // ---- events to the user side that the manager raises
     void NotifyFileAdded(uint32_t ulResult, uint16_t usFileID, const ZV_FileBriefInfo& brief, double dPercent);
@@ -174,7 +178,7 @@ public:
     uint32_t HandleAddFilesRequest(ConfPduData* lpCpd);
     uint32_t HandleAddFilesResponse(ConfPduData* lpCpd);
 
-    // ---- state, public to the sessions and to tests as the original was
+    // ---- state that the sessions and the tests read and set directly
     char m_cCmdLink = '0';
     char m_cDataLink = '4';
     uint16_t m_usNextFileID = 1;

@@ -222,7 +222,7 @@ public:
     void NotifyStopResult(uint32_t ulResult, uint16_t usFileID, uint8_t bStop);
     void NotifyTransferState(uint8_t bUpload, uint16_t usFileID, uint16_t usState);
 
-    // ---- members, in the order of the original object
+    // ---- members: the file's records, then the server's store, then the client's side
     uint16_t m_usFileID = 0xFFFF;
     ZV_FileUploadInfo m_FileInfo;
     QB_FileEx* m_lpServerFile = nullptr;

@@ -1,6 +1,6 @@
 // The numbered events to the user side. Each is a u16 event number and its
-// fields, written into a zeroed buffer and handed to the sink; with no sink
-// nothing is written at all.
+// fields, written into a buffer of the PDU size and handed to the sink as far
+// as written; with no sink nothing is written at all.
 #include "ZV_FileShareMgr.h"
 #include "ZV_FileShareSession.h"
 #include "ZV_RecordStream.h"

@@ -12,6 +12,7 @@
 // and their UTF-8 bytes, without a terminator.
 #pragma once
 
+#include "QB_ByteStreamBase.h"
 #include "QB_String.h"
 
 #include <bit>
@@ -33,7 +34,7 @@ struct QB_StreamException
     uint32_t m_ulCode;
 };
 
-class QB_ByteStream
+class QB_ByteStream : public QB_ByteStreamBase
 {
 public:
     // A load stream over bytes the caller only lends for reading (a received
@@ -41,16 +42,12 @@ public:
     QB_ByteStream(const void* pBuf, int32_t lLen) { Init(const_cast<void*>(pBuf), lLen, true); }
     // A save stream may have no block: it then only counts the bytes.
     QB_ByteStream(void* pBuf, int32_t lLen, bool bLoad) { Init(pBuf, lLen, bLoad); }
-    virtual ~QB_ByteStream() = default;
+    ~QB_ByteStream() override = default;
 
-    virtual void Init(void* pBuf, int32_t lLen, bool bLoad);
-    virtual uint8_t* GetBuffer() { return m_pBuf; }
-    // Raises the failure of the stream's direction unless [nPos, nPos + nSize)
-    // lies inside the view. A negative size never fits.
-    virtual void Check(int32_t nPos, int32_t nSize) const;
-    // The one road for every byte and every seek: moves by nOffset, then
-    // copies nSize bytes in the stream's direction (none when pData is null).
-    virtual void Transfer(int32_t nOffset, int32_t nSize, void* pData);
+    void Init(void* pBuf, int32_t lLen, bool bLoad) override;
+    uint8_t* GetBuffer() override { return m_pBuf; }
+    void Check(int32_t nPos, int32_t nSize) const override;
+    void Transfer(int32_t nOffset, int32_t nSize, void* pData) override;
 
     void ReadBytes(void* pData, int32_t nSize);
     void WriteBytes(const void* pData, int32_t nSize);

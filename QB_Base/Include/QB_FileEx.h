@@ -1,5 +1,5 @@
-// QB_FileEx: a file with the mode word of the original platform, and the
-// folder helper MakeDirs. Every file the system touches goes through here
+// QB_FileEx: a file opened by a Windows-style mode word (access, sharing,
+// creation), and the folder helper MakeDirs. Every file the system touches goes through here
 // and then through the current QB_Env.
 #pragma once
 
@@ -34,8 +34,8 @@ class QB_FileEx
 {
 public:
     QB_FileEx() = default;
-    // Owners call Close: the destructor leaves the handle alone, as the
-    // original did.
+    // Owners call Close: the destructor leaves the handle alone, so a copy of
+    // the object never closes a handle that its source still uses.
     virtual ~QB_FileEx() = default;
 
     // True when open; an empty path or a mode without access bits gives false.

@@ -1,7 +1,7 @@
 // QB_Locker: a recursive lock, and QB_Lock, its scope guard.
 //
-// The original spun 4000 times before blocking; std::recursive_mutex has no
-// such setting, and none of the locks here is held long enough to miss it.
+// A Windows critical section would spin 4000 times before blocking;
+// std::recursive_mutex has no such setting, and no lock here is held long.
 #pragma once
 
 #include <cassert>

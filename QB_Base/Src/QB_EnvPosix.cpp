@@ -1,19 +1,19 @@
 // The environment on a POSIX system (Linux): the only source of the project
 // that includes system headers.
 //
-// Sharing. The original platform refused an open that clashed with the deny
+// Sharing. Windows refuses an open that clashes with the deny
 // bits of a handle already open on the same file, or whose own deny bits
-// clashed with an open handle's access. POSIX has no such locks, so this
+// clash with an open handle's access. POSIX has no such locks, so this
 // environment keeps its own table of open handles, keyed by device and inode,
 // and applies the same rule to every file opened through it in this process.
 // Other processes are not held off, and this process can still reach the
 // files through anything that bypasses the environment (fopen, std::fstream).
-// Deleting a file that is open is allowed here, where the original refused
-// it; the system closes its files before it deletes them.
+// Deleting a file that is open is allowed here, where Windows refuses it;
+// the system closes its files before it deletes them.
 //
 // Read-only. A file without any write permission bit counts as carrying the
 // read-only attribute: opening it for writing, replacing it and deleting it
-// fail, as they did on the original platform, also when the process runs as
+// fail, as Windows does, also when the process runs as
 // root and the kernel would allow all three.
 #include "QB_Env.h"
 
@@ -234,7 +234,7 @@ struct OpenRequest
     mode_t mode = 0666;
 };
 
-// False for a mode word the original platform would have refused.
+// False for a mode word that Windows would refuse.
 bool ParseMode(uint32_t ulMode, OpenRequest& req)
 {
     req.ulAccess = ulMode & kAccessMask;

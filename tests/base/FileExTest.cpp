@@ -45,7 +45,7 @@ TEST(FileEx, OpensByEachCreationModeOnAMissingAndAnExistingFile)
     EXPECT_FALSE(file.Open(QB_StringW(), 0x203));
 }
 
-TEST(FileEx, ReadsWritesSeeksAndCutsAsTheOriginalDid)
+TEST(FileEx, ReadsWritesSeeksAndCutsAsWindowsDoes)
 {
     QB_TempFolder tmp;
     QB_FileEx file;

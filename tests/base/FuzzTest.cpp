@@ -50,7 +50,7 @@ void CheckUserIDText(const std::string& sText)
     }
     ASSERT_EQ(id.GetKind(), nKind) << sText;
     QB_UserID back;
-    ASSERT_EQ(back.FromText(id.ToText().GetString()), nKind) << sText;
+    ASSERT_EQ(back.FromText(id.ToText().c_str()), nKind) << sText;
     ASSERT_EQ(back, id) << sText;
 }
 
@@ -180,7 +180,7 @@ TEST(Fuzz, UserIDTextNeverMisparsesRandomOrTruncatedInput)
     for (int i = 0; i < 1000 && !HasFatalFailure(); ++i)
     {
         const uint32_t ulMain = i % 2 ? rng() : 90000 + rng() % 10000;
-        const std::string sText = QB_UserID(ulMain, rng() % 2 ? rng() % 10000 : rng()).ToText().GetString();
+        const std::string sText = QB_UserID(ulMain, rng() % 2 ? rng() % 10000 : rng()).ToText();
         for (size_t n = 0; n <= sText.size(); ++n)
             CheckUserIDText(sText.substr(0, n));
     }

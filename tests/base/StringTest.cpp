@@ -27,7 +27,7 @@ std::u16string UnitsOf(const QB_StringW& s)
 
 }  // namespace
 
-// Every changing operation, applied to a copy, must leave the original's text
+// Every changing operation, applied to a copy, must leave the source's text
 // and buffer alone and give the copy a private buffer of its own.
 TEST(String, CopiesOnWriteWhicheverOperationChangesTheCopy)
 {

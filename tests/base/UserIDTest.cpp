@@ -1,3 +1,4 @@
+#include "QB_ByteStream.h"
 #include "QB_UserID.h"
 
 #include <gtest/gtest.h>
