@@ -159,6 +159,7 @@ private:
     std::vector<std::unique_ptr<ZV_SimHost>> m_vecNodes;
     uint64_t m_ullElapsed = 0;
     uint64_t m_ullNextTimer = 0;
+    uint32_t m_ulTimerCount = 0;
     uint32_t m_ulLastFloodSeq = 0;
     std::string m_sError;
 };

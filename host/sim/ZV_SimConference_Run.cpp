@@ -97,8 +97,11 @@ bool ZV_SimConference::AdvanceTime(uint32_t ulMs)
     {
         SetElapsed(m_ullNextTimer);
         m_ullNextTimer += m_options.ulTimerPeriod;
+        // A host's timer hands over a running count of its calls, not the
+        // clock: a module that works on every fifth call relies on it.
+        ++m_ulTimerCount;
         for (const auto& lpNode : m_vecNodes)
-            lpNode->DeliverTimer(GetTick());
+            lpNode->DeliverTimer(m_ulTimerCount);
         if (!Run())
             return false;
     }

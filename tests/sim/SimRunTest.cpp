@@ -6,7 +6,7 @@
 
 #include <stdexcept>
 
-TEST(SimClock, CallsOnTimerOnEveryNodeAtEachPeriodWithTheSimulatedTick)
+TEST(SimClock, CallsOnTimerOnEveryNodeAtEachPeriodWithARunningCountOfItsCalls)
 {
     const struct
     {
@@ -16,9 +16,9 @@ TEST(SimClock, CallsOnTimerOnEveryNodeAtEachPeriodWithTheSimulatedTick)
         std::vector<uint32_t> vecTicks;
         uint32_t ulEndTick;
     } aRows[] = {
-        {"two and a half periods", 1000, {250}, {1100, 1200}, 1250},
-        {"small steps add up", 1000, {60, 60, 60}, {1100}, 1180},
-        {"past the wrap of the counter", 0xFFFFFF9Cu, {250}, {0, 100}, 150},
+        {"two and a half periods", 1000, {250}, {1, 2}, 1250},
+        {"small steps add up", 1000, {60, 60, 60}, {1}, 1180},
+        {"past the wrap of the clock", 0xFFFFFF9Cu, {250, 100}, {1, 2, 3}, 250},
     };
     for (const auto& row : aRows)
     {
