@@ -35,12 +35,15 @@ std::string ZV_ShareLedger::KeyOf(uint32_t ulConfID, const QB_StringU8& sPath)
 }
 
 // Only rows with all their keys count; anything else in the file is kept
-// as it stands and means nothing.
-void ZV_ShareLedger::Load()
+// as it stands and means nothing. A look-up makes no file: only the first
+// share does.
+void ZV_ShareLedger::Load(bool bCreate)
 {
+    std::u16string sPath = QB_GetEnv()->GetModuleFolder() + u"fsshared.ini";
+    if (m_bLoaded || (!bCreate && QB_GetEnv()->GetFileAttributes(sPath) == QB_ATTR_INVALID))
+        return;
     m_bLoaded = true;
-    std::u16string sFolder = QB_GetEnv()->GetModuleFolder();
-    if (!m_IniFile.Open(QB_StringW(sFolder.c_str()) + u"fsshared.ini", true))
+    if (!m_IniFile.Open(QB_StringW(sPath.c_str()), true))
     {
         QB_WriteLog(2, "error", "ZV_ShareLedger::Load failed.\r\n");
         return;
@@ -72,8 +75,7 @@ void ZV_ShareLedger::LoadRow(const QB_StringW& sSection)
 bool ZV_ShareLedger::Remember(uint32_t ulConfID, const ZV_FileBriefInfo& brief)
 {
     QB_Lock lock(&m_Lock);
-    if (!m_bLoaded)
-        Load();
+    Load(true);
     const QB_StringU8 sPath = LocalPath(brief);
     // A folder or name the record could not hold would make another path.
     if (brief.m_sFilePath.IsEmpty() || brief.m_sFileOldName.IsEmpty())
@@ -99,8 +101,7 @@ bool ZV_ShareLedger::Remember(uint32_t ulConfID, const ZV_FileBriefInfo& brief)
 bool ZV_ShareLedger::Holds(uint32_t ulConfID, const ZV_FileBriefInfo& brief)
 {
     QB_Lock lock(&m_Lock);
-    if (!m_bLoaded)
-        Load();
+    Load(false);
     const auto it = m_mapRows.find(KeyOf(ulConfID, LocalPath(brief)));
     return it != m_mapRows.end() && it->second.ulLength == brief.m_ulFileLenth &&
            it->second.sModifyTime == brief.m_dtModifyTime.ToText(0, "-").GetString();

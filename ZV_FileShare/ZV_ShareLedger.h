@@ -46,6 +46,6 @@ private:
     std::map<std::string, Row> m_mapRows;  // by conference and path
 
     static std::string KeyOf(uint32_t ulConfID, const QB_StringU8& sPath);
-    void Load();
+    void Load(bool bCreate);
     void LoadRow(const QB_StringW& sSection);
 };
