@@ -135,7 +135,31 @@ TEST_F(TrustScene, AClientUploadsOnlyWhatItsUserSharedWhateverTheServerAnnounces
         EXPECT_EQ(nullptr, Session(Alice(), usFileID)) << c.szName;
     }
 
-    const size_t nMark = sim.Journal().Size();
+    // In a batch, the forged file is refused by itself and the rest is taken.
+    ZV_AddFilesResponse batch;
+    batch.bStartUpload = 1;
+    ZV_FileBriefInfo forged = honest, other = honest;
+    forged.SetFileOldName(QB_StringU8("secret.txt"));
+    other.SetCreatorID(Bob()->GetUserID());
+    batch.user = Bob()->GetUserID();
+    batch.arrFileID.Add(950);
+    batch.arrFileID.Add(951);
+    batch.arrPos.Add(0);
+    batch.arrPos.Add(0);
+    batch.arrInfo.Add(forged);
+    batch.arrInfo.Add(other);
+    ZV_PduBuffer pduBatch;
+    batch.SaveHead(pduBatch.Stream());
+    batch.SaveBody(pduBatch.Stream());
+    size_t nMark = sim.Journal().Size();
+    SendFromServer(Alice(), PDU_CONF_FS_ADD_FILES_RESPONSE, pduBatch);
+    EXPECT_EQ(0u, SentSince(Alice(), nMark, PDU_CONF_FS_UPLOAD_REQUEST));
+    EXPECT_EQ(zvResultUntrusted, LastResult(Alice(), zvFsEventFileAdded));
+    EXPECT_EQ(1u, LogLines(Alice(), "ZV_FileShareMgr.HandleAddFilesResponse ret = 90"));
+    EXPECT_EQ(nullptr, Session(Alice(), 950));
+    EXPECT_NE(nullptr, Session(Alice(), 951));
+
+    nMark = sim.Journal().Size();
     ZV_PduBuffer pdu;
     const QB_UserID alice = Alice()->GetUserID();
     pdu.Stream().WriteU16(usShared);
