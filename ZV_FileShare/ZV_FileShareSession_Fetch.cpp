@@ -155,9 +155,11 @@ uint32_t ZV_FileShareSession::HandleDownloadDataResponse(ConfPduData* lpCpd)
     return 0;
 }
 
-// A block longer than a block is refused unwritten, as a failed write. One
-// that runs past the file's end is written whole; the position stops at the
-// length, so the download still ends where the file does.
+// A block longer than a block is refused unwritten, as a failed write, and
+// so is one that runs past the file's end: the sender disagrees with the
+// length the file was announced with, and a local file never grows beyond
+// it (rather than being written whole with the position stopping at the
+// length).
 uint32_t ZV_FileShareSession::TakeDownloadBlock(const ConfPduData* lpCpd, QB_ByteStream& stream, uint16_t usFileID,
                                                 const QB_UserID& user)
 {
@@ -182,7 +184,7 @@ uint32_t ZV_FileShareSession::TakeDownloadBlock(const ConfPduData* lpCpd, QB_Byt
         return ZV_OK;
     }
     m_bResyncPending = false;
-    if (!SeekTo(m_File, block.ulPos) || m_File.Write(block.pData, (int32_t)block.ulLen) != (int32_t)block.ulLen)
+    if ((uint64_t)block.ulPos + block.ulLen > download.m_ulFileLenth || !SeekTo(m_File, block.ulPos) || m_File.Write(block.pData, (int32_t)block.ulLen) != (int32_t)block.ulLen)
         return ZV_ERR_IO;
     const bool bFinished = AdvanceLocalDownload(block.ulLen);
     if (Conf()->IsServerMode())

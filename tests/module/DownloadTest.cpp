@@ -376,6 +376,7 @@ TEST_F(ClientDownload, RefusesABadBlockUnwrittenStopsTheDownloadAndIgnoresTheRes
     struct { const char* szName; Bytes block; bool bFailWrite; } aCases[] = {
         {"the server could not read", Block(0, {}, 98305, 61).b, false},
         {"longer than a block", Block(0, ZV_TestBytes(32769, 4)).b, false},
+        {"running past the file's end", Block(0, ZV_TestBytes(101, 4)).b, false},
         {"the write fails", Block(0, ZV_TestBytes(50, 4)).b, true}};
     for (const auto& c : aCases)
     {
