@@ -121,6 +121,9 @@ enum : uint16_t
     zvFsEventFilesAdded = 3013,
 };
 
+// Refusal of a server PDU that would make this client read a file its user did not share or write where it did not ask.
+constexpr uint32_t zvResultUntrusted = 90;
+
 // Module type (GetModuleType) and the interface type of GetInterface.
 constexpr uint16_t zvModuleTypeFileShare = 4;
 constexpr uint16_t zvInterfaceFileShareMgr = 4;

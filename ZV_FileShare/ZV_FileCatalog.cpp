@@ -72,6 +72,7 @@ int ZV_FileCatalog::Open()
         sFolder.erase(sFolder.rfind(u'\\') + 1);
         QB_StringW sPath = Wide(sFolder) + u"fsinfo.ini";
         m_bRowIndexValid = false;
+        m_bOpened = true;
         return m_IniFile.Open(sPath, true) ? zvCatalogOpened : zvCatalogNotOpened;
     }
     catch (...)
@@ -89,17 +90,17 @@ void ZV_FileCatalog::SetRootPath(const QB_StringA& sRootPath)
         m_sRootPath += '\\';
 }
 
-void ZV_FileCatalog::SaveFile(uint32_t ulConfID, const ZV_FileUploadInfo& fileInfo)
+bool ZV_FileCatalog::SaveFile(uint32_t ulConfID, const ZV_FileUploadInfo& fileInfo)
 {
     QB_Lock lock(&m_Lock);
     QB_StringW sSection = FindSection((uint16_t)ulConfID, fileInfo.m_usFileID);
     if (sSection.IsEmpty())
         sSection = NewSection(ulConfID, fileInfo.m_usFileID);
     WriteRow(sSection, fileInfo);
-    m_IniFile.Flush();
+    return Flush();
 }
 
-void ZV_FileCatalog::SaveFiles(uint32_t ulConfID, const QB_Array<ZV_FileUploadInfo>& arrFileInfo,
+bool ZV_FileCatalog::SaveFiles(uint32_t ulConfID, const QB_Array<ZV_FileUploadInfo>& arrFileInfo,
                                const QB_Array<QB_StringW>& arrSection)
 {
     QB_Lock lock(&m_Lock);
@@ -113,7 +114,18 @@ void ZV_FileCatalog::SaveFiles(uint32_t ulConfID, const QB_Array<ZV_FileUploadIn
             sSection = NewSection(ulConfID, fileInfo.m_usFileID);
         WriteRow(sSection, fileInfo);
     }
-    m_IniFile.Flush();
+    return Flush();
+}
+
+// The file on disk keeps the last catalogue that was written whole; a row
+// whose save failed stays in memory and goes out with the next good save.
+// A catalogue that was never opened (a client's) has no file to keep.
+bool ZV_FileCatalog::Flush()
+{
+    if (!m_bOpened || m_IniFile.Flush())
+        return true;
+    QB_WriteLog(2, "error", "ZV_FileCatalog::Flush failed.\r\n");
+    return false;
 }
 
 bool ZV_FileCatalog::LoadFile(uint16_t usConfID, uint16_t usFileID, ZV_FileUploadInfo& fileInfo,
@@ -133,17 +145,17 @@ bool ZV_FileCatalog::LoadFile(uint16_t usConfID, uint16_t usFileID, ZV_FileUploa
     return true;
 }
 
-void ZV_FileCatalog::DeleteFile(uint16_t usConfID, uint16_t usFileID)
+bool ZV_FileCatalog::DeleteFile(uint16_t usConfID, uint16_t usFileID)
 {
     QB_Lock lock(&m_Lock);
     QB_StringW sSection = FindSection(usConfID, usFileID);
     if (!sSection.IsEmpty())
         m_IniFile.DeleteSection(sSection);
     m_bRowIndexValid = false;
-    m_IniFile.Flush();
+    return Flush();
 }
 
-void ZV_FileCatalog::DeleteConf(uint32_t ulConfID)
+bool ZV_FileCatalog::DeleteConf(uint32_t ulConfID)
 {
     QB_Lock lock(&m_Lock);
     uint16_t usConfID = (uint16_t)ulConfID;
@@ -159,7 +171,7 @@ void ZV_FileCatalog::DeleteConf(uint32_t ulConfID)
         m_IniFile.DeleteSection(arrNames[i]);
     }
     m_bRowIndexValid = false;
-    m_IniFile.Flush();
+    return Flush();
 }
 
 // The server only ever stores plain names, so anything else in the file was

@@ -7,7 +7,8 @@
 //
 // Every operation holds m_Lock from its first lookup to the end of its
 // Flush, and every change ends in a Flush, so the file always shows the
-// last operation (unless it is read-only: then changes stay in memory).
+// last operation that was saved whole (a read-only file or a failed save
+// keeps the changes in memory and the earlier catalogue on disk).
 #pragma once
 
 #include "QB_Array.h"
@@ -42,21 +43,24 @@ public:
     // backslash is added.
     void SetRootPath(const QB_StringA& sRootPath);
 
+    // The changing operations give false, and log, when the file on disk
+    // could not be replaced; it then still holds the catalogue before them.
+
     // Writes the record into the row of its pair, or a new row.
-    void SaveFile(uint32_t ulConfID, const ZV_FileUploadInfo& fileInfo);
+    bool SaveFile(uint32_t ulConfID, const ZV_FileUploadInfo& fileInfo);
     // One Flush for the whole batch. arrSection[i] names the section of
     // arrFileInfo[i] as LoadFile gave it, or is empty for a new row; a named
     // section is written as it is, without a lookup by its pair.
-    void SaveFiles(uint32_t ulConfID, const QB_Array<ZV_FileUploadInfo>& arrFileInfo,
+    bool SaveFiles(uint32_t ulConfID, const QB_Array<ZV_FileUploadInfo>& arrFileInfo,
                    const QB_Array<QB_StringW>& arrSection);
     // Fills fileInfo from the row of the pair; the creator's name, the rights
     // and the public flag stay as the caller had them. False, and nothing
     // changed, when there is no such row.
     bool LoadFile(uint16_t usConfID, uint16_t usFileID, ZV_FileUploadInfo& fileInfo, QB_StringW& sSection);
     // Drops the row; the stored file is the caller's to delete.
-    void DeleteFile(uint16_t usConfID, uint16_t usFileID);
+    bool DeleteFile(uint16_t usConfID, uint16_t usFileID);
     // Drops every row of the conference and deletes their stored files.
-    void DeleteConf(uint32_t ulConfID);
+    bool DeleteConf(uint32_t ulConfID);
 
     // A stored name that stays inside its conference's folder.
     static bool IsPlainFileName(const QB_StringA& sName);
@@ -74,8 +78,10 @@ private:
     // winning as it would in the walk.
     mutable std::unordered_map<uint32_t, QB_StringW> m_mapRowByPair;
     mutable bool m_bRowIndexValid = false;
+    bool m_bOpened = false;
 
     static uint32_t PairKey(uint16_t usConfID, uint16_t usFileID) { return (uint32_t)usConfID << 16 | usFileID; }
+    bool Flush();
     void BuildRowIndex() const;
     QB_StringW FindSection(uint16_t usConfID, uint16_t usFileID) const;
     QB_StringW NewSection(uint32_t ulConfID, uint16_t usFileID);

@@ -19,6 +19,7 @@
 #include "ZV_FileBriefInfo.h"
 #include "ZV_FileCatalog.h"
 #include "ZV_FileUploadInfo.h"
+#include "ZV_ShareLedger.h"
 
 #include "QB_Array.h"
 #include "QB_List.h"
@@ -60,6 +61,7 @@ enum : uint32_t
     ZV_ERR_UNKNOWN_FILE = 82,
     ZV_ERR_RESERVED_FILE = 83,
     ZV_ERR_NO_FILEID = 88,
+    ZV_ERR_UNTRUSTED = zvResultUntrusted,
 };
 
 constexpr uint16_t ZV_NO_FILEID = 0xFFFF;
@@ -148,6 +150,15 @@ public:
                               const QB_Array<ZV_FileBriefInfo>& arrInfo);
     // The server's durable list of what its storage folder holds.
     ZV_FileCatalog m_Catalog;
+    // A client's record of what its user shared; see ZV_FileShareMgr_Trust.cpp.
+    ZV_ShareLedger m_ShareLedger;
+    // Whether a server's PDU may make this client open the local file that
+    // `brief` names for reading: only a file its user shared, as it was
+    // shared, in this conference.
+    bool IsSharedLocalFile(const ZV_FileBriefInfo& brief);
+    // An announcement that names the local user as creator of a file the
+    // user did not share: true when that is so, and then logged.
+    bool IsUntrustedAdd(const ZV_FileBriefInfo& brief, const char* pszHandler);
 
     // ---- the roads of the bytes are the sessions' (ZV_FileShareSession_*.cpp)
 

@@ -108,6 +108,7 @@ uint32_t ZV_FileShareMgr::FsAdd(const char16_t* szPath, const QB_UserID* pRight,
         const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
         if (ulConn == zvConnNone)
             return FsAddFailed(file, ZV_ERR_NO_CONN);
+        m_ShareLedger.Remember(m_lpConf->GetConfID(), brief);
         const uint32_t ulResult =
             SendAddRequest(ulConn, ZV_NO_FILEID, *m_lpConf->GetLocalUserID(), 0, brief, bStartUpload);
         file.Close();
@@ -173,6 +174,13 @@ uint32_t ZV_FileShareMgr::HandleAddResponse(ConfPduData* lpCpd)
     if (!m_lpConf->IsClientMode())
         return answer.ulResult;
     const double dPercent = (double)answer.ulWritePos / answer.brief.m_ulFileLenth * 100.0;
+    // A file said to be the local user's that the user never shared gets
+    // no session, so no later PDU can make this client read it.
+    if (answer.ulResult == ZV_OK && IsUntrustedAdd(answer.brief, "ZV_FileShareMgr.HandleAddResponse"))
+    {
+        NotifyFileAdded(ZV_ERR_UNTRUSTED, answer.usFileID, answer.brief, dPercent);
+        return ZV_ERR_UNTRUSTED;
+    }
     ZV_FileShareSession* lpFsSession = new ZV_FileShareSession(this, m_strPath.GetString());
     if (lpFsSession->IsFileVisible(answer.brief))
         NotifyFileAdded(answer.ulResult, answer.usFileID, answer.brief, dPercent);

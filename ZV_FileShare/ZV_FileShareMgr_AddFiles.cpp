@@ -230,6 +230,7 @@ uint32_t ZV_FileShareMgr::FsFilesAdd(const char16_t* szFolder, const char16_t* c
             }
             arrInfo.Add(MakeBrief(m_lpConf, *lpUser, file, sFolder, sPath, arrRight, bPublic));
             file.Close();
+            m_ShareLedger.Remember(m_lpConf->GetConfID(), arrInfo[arrInfo.GetSize() - 1]);
             arrFileID.Add(ZV_NO_FILEID);
         }
         if (!arrInfo.IsEmpty())
@@ -371,6 +372,12 @@ uint32_t ZV_FileShareMgr::HandleAddFilesResponse(ConfPduData* lpCpd)
         const ZV_FileBriefInfo& brief = answer.arrInfo[i];
         if (i == 0)
             bVisible = probe.IsFileVisible(brief);
+        // Told by itself and left out of the batch, which goes on.
+        if (IsUntrustedAdd(brief, "ZV_FileShareMgr.HandleAddFilesResponse"))
+        {
+            NotifyFileAdded(ZV_ERR_UNTRUSTED, answer.arrFileID[i], brief, 0.0);
+            continue;
+        }
         if (ulResult == ZV_OK)
             ulResult = TakeAddedFile(*this, answer, i, bVisible);
         if (bVisible)

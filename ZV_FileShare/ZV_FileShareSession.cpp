@@ -138,9 +138,17 @@ uint32_t ZV_FileShareSession::SendDownloadDataRequest(uint32_t ulConn, uint16_t 
     return ZV_SendToLink(Conf(), ulConn, PDU_CONF_FS_DOWNLOAD_DATA_REQUEST, pdu);
 }
 
-void ZV_FileShareSession::SaveToCatalog()
+bool ZV_FileShareSession::SaveToCatalog()
 {
-    m_lpMgr->m_Catalog.SaveFile(Conf()->GetConfID(), m_FileInfo);
+    m_bCatalogDirty = !m_lpMgr->m_Catalog.SaveFile(Conf()->GetConfID(), m_FileInfo);
+    return !m_bCatalogDirty;
+}
+
+void ZV_FileShareSession::UndoServerAdd(const QB_StringW& sPath)
+{
+    m_lpMgr->m_Catalog.DeleteFile((uint16_t)Conf()->GetConfID(), m_usFileID);
+    m_bCatalogDirty = false;
+    QB_FileEx::Delete(sPath);
 }
 
 // A far position is reached in two steps.

@@ -106,8 +106,9 @@ public:
     uint32_t HandleAddRequest(ConfPduData* lpCpd);
     uint32_t HandleAddResponse(ConfPduData* lpCpd);
     // Server: the stored name, the empty stored file and the catalogue row;
-    // sPath gets the stored file's full path.
-    void InitSrvAddFileInfo(QB_StringW& sPath, IZV_ConfHost* lpConf, uint16_t usFileID, const QB_StringW& sFolder,
+    // sPath gets the stored file's full path. False when the row could not
+    // be saved (it is then tried again on the timer).
+    bool InitSrvAddFileInfo(QB_StringW& sPath, IZV_ConfHost* lpConf, uint16_t usFileID, const QB_StringW& sFolder,
                             const ZV_FileBriefInfo& brief);
     // Client: the file as the server announced it; the creator's client
     // opens its own file and, if asked, starts the upload. 0 or 60.
@@ -139,8 +140,12 @@ public:
     void StoreUploadedBlock(const QB_UserID& user, uint32_t ulPos, uint32_t ulLen);
     void FinishUpload();
     void FloodUploadFinish(const QB_UserID& server, uint32_t ulFloodSeq);
-    // The server's row of this file in the catalogue takes m_FileInfo.
-    void SaveToCatalog();
+    // The server's row of this file in the catalogue takes m_FileInfo. A
+    // failed save leaves m_bCatalogDirty set, and the timer saves again.
+    bool SaveToCatalog();
+    // An add refused after its row was made takes the row and the empty
+    // stored file back out.
+    void UndoServerAdd(const QB_StringW& sPath);
     // Positions run to 4 GB while a seek takes 31 bits.
     static bool SeekTo(QB_FileEx& file, uint32_t ulPos);
 
@@ -169,9 +174,11 @@ public:
                                uint32_t ulLen, const uint8_t* pData);
     void FloodFinishedDownload(const QB_UserID& user, const ZV_FileDownloadInfo& entry);
     // Downloader side: a client, or a relay server fetching into its store.
+    // A client's check of 8015 against its user's FsDownload; 0 or 90.
+    uint32_t CheckDownloadAnswer(uint16_t usFileID, const ZV_FileDownloadInfo& record);
     uint32_t OpenDownloadTarget(const ZV_FileDownloadInfo& record);
     uint32_t OpenRelayTarget(ZV_FileDownloadInfo& record);
-    uint32_t OpenDownloadFile(const QB_StringW& sPath, uint32_t ulPos, uint32_t ulLength);
+    uint32_t OpenDownloadFile(const QB_StringW& sPath, uint32_t ulPos, uint32_t ulLength, uint32_t ulMode);
     void ReportDownloadAnswer(const ConfPduData* lpCpd, uint32_t ulResult, uint16_t usFileID, const QB_UserID& user,
                               const ZV_FileDownloadInfo& record);
     uint32_t TakeDownloadBlock(const ConfPduData* lpCpd, QB_ByteStream& stream, uint16_t usFileID,
@@ -242,6 +249,12 @@ public:
     bool m_bDownloadFailed = false;
     uint32_t m_ulReadPos = 0;
     ZV_FileShareMgr* m_lpMgr;
+    bool m_bCatalogDirty = false;
+    // The target and start of the user's last FsDownload, until its answer
+    // came.
+    QB_StringU8 m_sAskedPath;
+    uint32_t m_ulAskedPos = 0;
+    bool m_bDownloadAsked = false;
 
 protected:
     IZV_ConfHost* Conf() const;

@@ -147,7 +147,14 @@ uint32_t ZV_FileShareSession::HandleAddRequest(ConfPduData* lpCpd)
     if (!MakeDirs(sFolder) && lpCpd->conn_type == zvConfClientTypeCommand)
         return ZV_ERR_OPEN;
     QB_StringW sPath;
-    InitSrvAddFileInfo(sPath, Conf(), ask.usFileID, sFolder, ask.brief);
+    // A client is told that its file could not be recorded, rather than
+    // have it stored without a row that outlives a restart.
+    if (!InitSrvAddFileInfo(sPath, Conf(), ask.usFileID, sFolder, ask.brief) &&
+        lpCpd->conn_type == zvConfClientTypeCommand)
+    {
+        UndoServerAdd(sPath);
+        return ZV_ERR_IO;
+    }
     if (Conf()->HasServerLinks())
     {
         // The bytes as received, so a newer record's fields travel on intact.
@@ -163,7 +170,7 @@ uint32_t ZV_FileShareSession::HandleAddRequest(ConfPduData* lpCpd)
     return ZV_OK;
 }
 
-void ZV_FileShareSession::InitSrvAddFileInfo(QB_StringW& sPath, IZV_ConfHost* lpConf, uint16_t usFileID,
+bool ZV_FileShareSession::InitSrvAddFileInfo(QB_StringW& sPath, IZV_ConfHost* lpConf, uint16_t usFileID,
                                              const QB_StringW& sFolder, const ZV_FileBriefInfo& brief)
 {
     m_usFileID = usFileID;
@@ -178,8 +185,8 @@ void ZV_FileShareSession::InitSrvAddFileInfo(QB_StringW& sPath, IZV_ConfHost* lp
     if (file.Open(sFolder + sDst, QB_FILE_READWRITE | QB_FILE_OPEN_ALWAYS))
         file.Close();
     m_bStopUpload = brief.m_usFileState == ZV_FILESTATE_STOPPED;
-    SaveToCatalog();
     sPath = sFolder + sDst;
+    return SaveToCatalog();
 }
 
 uint32_t ZV_FileShareSession::HandleAddResponse(ConfPduData* lpCpd)

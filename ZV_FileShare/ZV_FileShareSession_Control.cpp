@@ -393,6 +393,8 @@ void ZV_FileShareSession::OnTimer(uint32_t)
 
 void ZV_FileShareSession::OnServerTimer()
 {
+    if (m_bCatalogDirty)
+        SaveToCatalog();
     ZV_FileBriefInfo& brief = m_FileInfo.m_BriefInfo;
     if (brief.m_usFileState == ZV_FILESTATE_COMPLETE)
         return;

@@ -15,6 +15,9 @@ namespace {
 
 // Read and write and create if missing, keeping what is there.
 constexpr uint32_t kOpenForDownload = QB_FILE_READWRITE | QB_FILE_OPEN_ALWAYS;
+// A client's target besides: a link planted at the user's path would make
+// the client write where the link points.
+constexpr uint32_t kOpenClientTarget = kOpenForDownload | QB_FILE_NO_LINK;
 
 double Percent(uint32_t ulPos, uint32_t ulLength)
 {
@@ -38,8 +41,15 @@ uint32_t ZV_FileShareSession::HandleDownloadResponse(ConfPduData* lpCpd)
     ZV_FileDownloadInfo record;
     if (ulResult == ZV_OK)
         LoadDelimited(stream, record);
-    m_bDownloadFailed = false;
     const bool bRelay = Conf()->IsServerMode();
+    if (ulResult == ZV_OK && !bRelay && CheckDownloadAnswer(usFileID, record) != ZV_OK)
+        return 0;
+    m_bDownloadFailed = false;
+    // A new path means a new file: what an earlier download left open
+    // belongs to the old path.
+    if (ulResult == ZV_OK && !bRelay && m_File.IsOpen() &&
+        m_File.GetPath() != QB_StringW(record.m_sFilePath + record.m_sFileName))
+        m_File.Close();
     if (ulResult == ZV_OK && !m_File.IsOpen())
         ulResult = bRelay ? OpenRelayTarget(record) : OpenDownloadTarget(record);
     if (ulResult == ZV_OK)
@@ -57,13 +67,31 @@ uint32_t ZV_FileShareSession::HandleDownloadResponse(ConfPduData* lpCpd)
     return 0;
 }
 
+// The answer must echo what the user's FsDownload asked: its path, its
+// start and the length of the file as announced. Anything else is
+// refused before a folder is made or a file opened, and sends nothing; the
+// user hears of it only if a download was asked for.
+uint32_t ZV_FileShareSession::CheckDownloadAnswer(uint16_t usFileID, const ZV_FileDownloadInfo& record)
+{
+    if (m_bDownloadAsked && record.m_sFilePath + record.m_sFileName == m_sAskedPath &&
+        record.m_ulDownloadPos == m_ulAskedPos && record.m_ulFileLenth == m_BriefInfo.m_ulFileLenth)
+    {
+        m_bDownloadAsked = false;
+        return ZV_OK;
+    }
+    QB_WriteClientLog("ZV_FileShareMgr.HandleDownloadResponse ret = %d\r\n", (int)ZV_ERR_UNTRUSTED);
+    if (m_bDownloadAsked)
+        NotifyDownloadState(ZV_ERR_UNTRUSTED, usFileID, record, 0.0);
+    return ZV_ERR_UNTRUSTED;
+}
+
 // A client writes where its user asked, making the folders on the way.
 uint32_t ZV_FileShareSession::OpenDownloadTarget(const ZV_FileDownloadInfo& record)
 {
     if (!MakeDirs(QB_StringW(record.m_sFilePath)))
         return ZV_ERR_OPEN;
     return OpenDownloadFile(QB_StringW(record.m_sFilePath + record.m_sFileName), record.m_ulDownloadPos,
-                      record.m_ulFileLenth);
+                            record.m_ulFileLenth, kOpenClientTarget);
 }
 
 // A relay writes into its own stored file and nowhere else, whatever path the
@@ -77,14 +105,16 @@ uint32_t ZV_FileShareSession::OpenRelayTarget(ZV_FileDownloadInfo& record)
     record.SetFilePath(QB_StringU8(sDir));
     record.SetFileName(sName);
     record.SetFileLenth(m_FileInfo.m_BriefInfo.m_ulFileLenth);
-    return OpenDownloadFile(sDir + QB_StringW(sName), record.m_ulDownloadPos, record.m_ulFileLenth);
+    return OpenDownloadFile(sDir + QB_StringW(sName), record.m_ulDownloadPos, record.m_ulFileLenth,
+                            kOpenForDownload);
 }
 
 // What lay behind the starting position goes. A start beyond the file's end
 // would only make a file of zeros, and is refused like a failed move.
-uint32_t ZV_FileShareSession::OpenDownloadFile(const QB_StringW& sPath, uint32_t ulPos, uint32_t ulLength)
+uint32_t ZV_FileShareSession::OpenDownloadFile(const QB_StringW& sPath, uint32_t ulPos, uint32_t ulLength,
+                                               uint32_t ulMode)
 {
-    if (ulPos > ulLength || !m_File.Open(sPath, kOpenForDownload))
+    if (ulPos > ulLength || !m_File.Open(sPath, ulMode))
         return ZV_ERR_OPEN;
     if (SeekTo(m_File, ulPos) && m_File.SetEnd())
         return ZV_OK;
@@ -125,9 +155,11 @@ uint32_t ZV_FileShareSession::HandleDownloadDataResponse(ConfPduData* lpCpd)
     return 0;
 }
 
-// A block longer than a block is refused unwritten, as a failed write. One
-// that runs past the file's end is written whole; the position stops at the
-// length, so the download still ends where the file does.
+// A block longer than a block is refused unwritten, as a failed write, and
+// so is one that runs past the file's end: the sender disagrees with the
+// length the file was announced with, and a local file never grows beyond
+// it (rather than being written whole with the position stopping at the
+// length).
 uint32_t ZV_FileShareSession::TakeDownloadBlock(const ConfPduData* lpCpd, QB_ByteStream& stream, uint16_t usFileID,
                                                 const QB_UserID& user)
 {
@@ -152,7 +184,7 @@ uint32_t ZV_FileShareSession::TakeDownloadBlock(const ConfPduData* lpCpd, QB_Byt
         return ZV_OK;
     }
     m_bResyncPending = false;
-    if (!SeekTo(m_File, block.ulPos) || m_File.Write(block.pData, (int32_t)block.ulLen) != (int32_t)block.ulLen)
+    if ((uint64_t)block.ulPos + block.ulLen > download.m_ulFileLenth || !SeekTo(m_File, block.ulPos) || m_File.Write(block.pData, (int32_t)block.ulLen) != (int32_t)block.ulLen)
         return ZV_ERR_IO;
     const bool bFinished = AdvanceLocalDownload(block.ulLen);
     if (Conf()->IsServerMode())

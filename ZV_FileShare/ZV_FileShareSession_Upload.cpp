@@ -163,9 +163,13 @@ uint32_t ZV_FileShareSession::HandleUploadResponse(ConfPduData* lpCpd)
 }
 
 // A changed local file is not opened; the position is still taken, and the
-// next OnSend fails on the closed file and reports it.
+// next OnSend fails on the closed file and reports it. A file the user did
+// not share is not even looked at, and a position past its end is refused:
+// neither sends a byte.
 void ZV_FileShareSession::TakeUploadAnswer(uint32_t ulResult, uint16_t usFileID, uint32_t ulPos)
 {
+    if (ulResult == ZV_OK && (ulPos > m_BriefInfo.m_ulFileLenth || !m_lpMgr->IsSharedLocalFile(m_BriefInfo)))
+        ulResult = ZV_ERR_UNTRUSTED;
     if (ulResult == ZV_OK && !m_File.IsOpen() && m_BriefInfo.IsSameLocalFile() &&
         !m_File.Open(QB_StringW(m_BriefInfo.m_sFilePath + m_BriefInfo.m_sFileOldName), kOpenLocalFile))
         ulResult = ZV_ERR_OPEN;

@@ -52,6 +52,8 @@ enum class QB_EnvOp
     SetEnd,
     Delete,
     MakeFolder,
+    Sync,    // FlushFile and FlushFolder
+    Rename,  // MoveFile
     Count_
 };
 
@@ -71,6 +73,8 @@ public:
     virtual int64_t SeekFile(QB_FileHandle hFile, int64_t llOffset, int nOrigin) = 0;
     // Cuts or extends the file at the current position.
     virtual bool SetEndOfFile(QB_FileHandle hFile) = 0;
+    // Hands what was written to the disk itself before it returns.
+    virtual bool FlushFile(QB_FileHandle hFile) = 0;
     // Size in bytes, or -1 on a failure.
     virtual int64_t GetFileSize(QB_FileHandle hFile) = 0;
     // Creation, last write and last access times as local broken-down time.
@@ -81,6 +85,13 @@ public:
     virtual bool DeleteFile(const std::u16string& sPath) = 0;
     virtual uint32_t GetFileAttributes(const std::u16string& sPath) = 0;
     virtual bool CreateDirectory(const std::u16string& sPath) = 0;
+    // Gives `sFrom` the name `sTo` in one step, replacing a file of that
+    // name, as Windows does with MOVEFILE_REPLACE_EXISTING; a reader sees
+    // the old file or the new one, never a mix.
+    virtual bool MoveFile(const std::u16string& sFrom, const std::u16string& sTo) = 0;
+    // Makes the folder's list of names durable, so that a rename in it
+    // survives a crash of the machine.
+    virtual bool FlushFolder(const std::u16string& sFolder) = 0;
     // Absolute Windows-form path of `sPath` against the working folder.
     virtual std::u16string GetFullPathName(const std::u16string& sPath) = 0;
     // Folder that holds "confsrv.ini", "fsinfo.ini" and "log\": the

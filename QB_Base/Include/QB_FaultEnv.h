@@ -42,6 +42,7 @@ public:
     int32_t WriteFile(QB_FileHandle hFile, const void* pBuf, int32_t nCount) override;
     int64_t SeekFile(QB_FileHandle hFile, int64_t llOffset, int nOrigin) override;
     bool SetEndOfFile(QB_FileHandle hFile) override;
+    bool FlushFile(QB_FileHandle hFile) override;
     int64_t GetFileSize(QB_FileHandle hFile) override;
     bool GetFileTimes(QB_FileHandle hFile, QB_SystemTime* pCreation, QB_SystemTime* pLastWrite,
                       QB_SystemTime* pLastAccess) override;
@@ -49,6 +50,8 @@ public:
     bool DeleteFile(const std::u16string& sPath) override;
     uint32_t GetFileAttributes(const std::u16string& sPath) override;
     bool CreateDirectory(const std::u16string& sPath) override;
+    bool MoveFile(const std::u16string& sFrom, const std::u16string& sTo) override;
+    bool FlushFolder(const std::u16string& sFolder) override;
     std::u16string GetFullPathName(const std::u16string& sPath) override;
     std::u16string GetModuleFolder() override;
 

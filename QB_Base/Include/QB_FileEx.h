@@ -28,6 +28,9 @@ enum : uint32_t
     QB_FILE_ATTR_READONLY = 0x1000,
     QB_FILE_ATTR_HIDDEN = 0x2000,
     QB_FILE_ATTR_ARCHIVE = 0x4000,
+
+    // The last name of the path must not be a symbolic link.
+    QB_FILE_NO_LINK = 0x10000,
 };
 
 class QB_FileEx
@@ -54,6 +57,8 @@ public:
     int32_t GetLength();
     // Sets the end of the file at the current position.
     bool SetEnd();
+    // What was written reaches the disk before this returns.
+    bool Sync();
     bool GetTimes(QB_SystemTime* pCreation, QB_SystemTime* pLastWrite, QB_SystemTime* pLastAccess);
 
     // The part of the full path behind its last backslash.

@@ -82,8 +82,9 @@ public:
     // when bCreateUnicode). False only when it can't be opened or read.
     bool Open(const QB_StringA& sPath, bool bCreateUnicode);
     bool Open(const QB_StringW& sPath, bool bCreateUnicode);
-    // Rewrites the file in place; false for a read-only file, whose changes
-    // then stay in memory.
+    // Replaces the file with the whole text at once, so that the file on
+    // disk is always a whole one, old or new; false for a read-only file or
+    // a failed write, sync or rename, whose changes then stay in memory.
     bool Flush();
 
     bool GetSectionNames(QB_Array<QB_StringW>& arrNames) const;
@@ -132,6 +133,7 @@ private:
     void Load(const std::string& sBytes);
     void LoadLine(const QB_StringW& sLine, LoadState& state);
     void Serialize(std::string& sOut) const;
+    static bool ReplaceWhole(const QB_StringW& sPath, const std::string& sBytes);
 
     QB_IniLine* NewLine(const QB_StringW& sLine, QB_IniLine* lpSection) const;
     QB_IniLine* FindSection(const QB_StringW& sName, int nOccurrence) const;

@@ -41,6 +41,7 @@ constexpr uint32_t kOpenAlways = 0x200;
 constexpr uint32_t kCreateAlways = 0x300;
 constexpr uint32_t kCreateNew = 0x400;
 constexpr uint32_t kAttrReadOnly = 0x1000;
+constexpr uint32_t kNoLink = 0x10000;
 
 constexpr mode_t kAnyWriteBit = S_IWUSR | S_IWGRP | S_IWOTH;
 
@@ -256,6 +257,8 @@ bool ParseMode(uint32_t ulMode, OpenRequest& req)
     }
     if (ulMode & kAttrReadOnly)
         req.mode = 0444;
+    if (ulMode & kNoLink)
+        req.nFlags |= O_NOFOLLOW;
     return true;
 }
 
@@ -268,6 +271,7 @@ public:
     int32_t WriteFile(QB_FileHandle hFile, const void* pBuf, int32_t nCount) override;
     int64_t SeekFile(QB_FileHandle hFile, int64_t llOffset, int nOrigin) override;
     bool SetEndOfFile(QB_FileHandle hFile) override;
+    bool FlushFile(QB_FileHandle hFile) override;
     int64_t GetFileSize(QB_FileHandle hFile) override;
     bool GetFileTimes(QB_FileHandle hFile, QB_SystemTime* pCreation, QB_SystemTime* pLastWrite,
                       QB_SystemTime* pLastAccess) override;
@@ -275,6 +279,8 @@ public:
     bool DeleteFile(const std::u16string& sPath) override;
     uint32_t GetFileAttributes(const std::u16string& sPath) override;
     bool CreateDirectory(const std::u16string& sPath) override;
+    bool MoveFile(const std::u16string& sFrom, const std::u16string& sTo) override;
+    bool FlushFolder(const std::u16string& sFolder) override;
     std::u16string GetFullPathName(const std::u16string& sPath) override;
     std::u16string GetModuleFolder() override;
 
@@ -410,6 +416,11 @@ bool QB_EnvPosix::SetEndOfFile(QB_FileHandle hFile)
     return pos >= 0 && ftruncate((int)hFile, pos) == 0;
 }
 
+bool QB_EnvPosix::FlushFile(QB_FileHandle hFile)
+{
+    return IsKnown(hFile) && fsync((int)hFile) == 0;
+}
+
 int64_t QB_EnvPosix::GetFileSize(QB_FileHandle hFile)
 {
     struct stat st;
@@ -458,6 +469,32 @@ bool QB_EnvPosix::CreateDirectory(const std::u16string& sPath)
 {
     std::string sSystem = QB_PathToSystem(sPath);
     return !sSystem.empty() && mkdir(sSystem.c_str(), 0777) == 0;
+}
+
+// A read-only target is kept, as Windows keeps it.
+bool QB_EnvPosix::MoveFile(const std::u16string& sFrom, const std::u16string& sTo)
+{
+    std::string sSystemFrom = QB_PathToSystem(sFrom);
+    std::string sSystemTo = QB_PathToSystem(sTo);
+    struct stat st;
+    if (sSystemFrom.empty() || sSystemTo.empty())
+        return false;
+    if (lstat(sSystemTo.c_str(), &st) == 0 && (S_ISDIR(st.st_mode) || (st.st_mode & kAnyWriteBit) == 0))
+        return false;
+    return rename(sSystemFrom.c_str(), sSystemTo.c_str()) == 0;
+}
+
+bool QB_EnvPosix::FlushFolder(const std::u16string& sFolder)
+{
+    std::string sSystem = QB_PathToSystem(sFolder);
+    if (sSystem.empty())
+        return false;
+    int nFd = open(sSystem.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (nFd < 0)
+        return false;
+    bool bSynced = fsync(nFd) == 0;
+    close(nFd);
+    return bSynced;
 }
 
 std::u16string QB_EnvPosix::GetFullPathName(const std::u16string& sPath)

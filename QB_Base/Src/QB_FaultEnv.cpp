@@ -134,6 +134,11 @@ bool QB_FaultEnv::SetEndOfFile(QB_FileHandle hFile)
     return !Fails(QB_EnvOp::SetEnd) && m_lpTarget->SetEndOfFile(hFile);
 }
 
+bool QB_FaultEnv::FlushFile(QB_FileHandle hFile)
+{
+    return !Fails(QB_EnvOp::Sync) && m_lpTarget->FlushFile(hFile);
+}
+
 int64_t QB_FaultEnv::GetFileSize(QB_FileHandle hFile)
 {
     return m_lpTarget->GetFileSize(hFile);
@@ -158,6 +163,16 @@ uint32_t QB_FaultEnv::GetFileAttributes(const std::u16string& sPath)
 bool QB_FaultEnv::CreateDirectory(const std::u16string& sPath)
 {
     return !Fails(QB_EnvOp::MakeFolder) && m_lpTarget->CreateDirectory(sPath);
+}
+
+bool QB_FaultEnv::MoveFile(const std::u16string& sFrom, const std::u16string& sTo)
+{
+    return !Fails(QB_EnvOp::Rename) && m_lpTarget->MoveFile(sFrom, sTo);
+}
+
+bool QB_FaultEnv::FlushFolder(const std::u16string& sFolder)
+{
+    return !Fails(QB_EnvOp::Sync) && m_lpTarget->FlushFolder(sFolder);
 }
 
 std::u16string QB_FaultEnv::GetFullPathName(const std::u16string& sPath)

@@ -101,6 +101,11 @@ bool QB_FileEx::SetEnd()
     return IsOpen() && QB_GetEnv()->SetEndOfFile(m_hFile);
 }
 
+bool QB_FileEx::Sync()
+{
+    return IsOpen() && QB_GetEnv()->FlushFile(m_hFile);
+}
+
 bool QB_FileEx::GetTimes(QB_SystemTime* pCreation, QB_SystemTime* pLastWrite, QB_SystemTime* pLastAccess)
 {
     return IsOpen() && QB_GetEnv()->GetFileTimes(m_hFile, pCreation, pLastWrite, pLastAccess);

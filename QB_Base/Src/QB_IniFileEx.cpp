@@ -453,6 +453,8 @@ void QB_IniFileEx::DeleteSectionLines(QB_IniLine* lpSection)
 
 bool QB_IniFileEx::Flush()
 {
+    if (m_sFileName.IsEmpty())
+        return false;
     QB_StringW sPath(m_sFileName);
     uint32_t ulAttributes = QB_GetEnv()->GetFileAttributes(std::u16string(sPath.View()));
     if (ulAttributes != QB_ATTR_INVALID && (ulAttributes & QB_ATTR_READONLY))
@@ -466,12 +468,31 @@ bool QB_IniFileEx::Flush()
     {
         return false;
     }
+    return ReplaceWhole(sPath, m_sFlushBytes);
+}
+
+// The new text is written beside the old file, made durable and renamed
+// over it, rather than written into the old file in place: a write that
+// fails or a process that dies half way would otherwise leave a cut file
+// and lose rows saved long before. So the name always holds a whole file,
+// the old one or the new one, with the same bytes an in-place write gives.
+bool QB_IniFileEx::ReplaceWhole(const QB_StringW& sPath, const std::string& sBytes)
+{
+    const QB_StringW sBeside = sPath + u".new";
+    QB_Env* lpEnv = QB_GetEnv();
     QB_FileEx file;
-    if (!file.Open(sPath, QB_FILE_WRITE | QB_FILE_CREATE_ALWAYS))
+    if (!file.Open(sBeside, QB_FILE_WRITE | QB_FILE_CREATE_ALWAYS | QB_FILE_NO_LINK))
         return false;
-    bool bWritten = WriteAll(file, m_sFlushBytes);
+    const bool bWritten = WriteAll(file, sBytes) && file.Sync();
     file.Close();
-    return bWritten;
+    if (!bWritten || !lpEnv->MoveFile(std::u16string(sBeside.View()), std::u16string(sPath.View())))
+    {
+        lpEnv->DeleteFile(std::u16string(sBeside.View()));
+        return false;
+    }
+    std::u16string sFolder = lpEnv->GetFullPathName(std::u16string(sPath.View()));
+    sFolder.erase(sFolder.rfind(u'\\') + 1);
+    return lpEnv->FlushFolder(sFolder);
 }
 
 void QB_IniFileEx::Serialize(std::string& sOut) const

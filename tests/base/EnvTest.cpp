@@ -40,6 +40,11 @@ bool DoOne(QB_EnvOp op, const QB_TempFolder& tmp, QB_FileEx& file, int n)
         QB_WriteWholeFile(tmp.Sub(sName), "x");
         return QB_FileEx::Delete(tmp.SubW(sName));
     case QB_EnvOp::MakeFolder: return MakeDirs(tmp.PathW() + QB_StringW(QB_StringU8(sName.c_str())));
+    case QB_EnvOp::Sync: return n % 2 ? file.Sync() : QB_GetEnv()->FlushFolder(std::u16string(tmp.PathW().View()));
+    case QB_EnvOp::Rename: {
+        QB_WriteWholeFile(tmp.Sub(sName), "x");
+        return QB_GetEnv()->MoveFile(std::u16string(tmp.SubW(sName).View()), std::u16string(tmp.SubW("f").View()));
+    }
     default: return false;
     }
 }
@@ -134,7 +139,8 @@ TEST(Env, GivesTheLastWriteTimeAsLocalCalendarTime)
 TEST(FaultEnv, FailsTheNthOperationOfEachKindOnceOrFromThenOn)
 {
     const QB_EnvOp aOps[] = {QB_EnvOp::Open,   QB_EnvOp::Read,   QB_EnvOp::Write,     QB_EnvOp::Seek,
-                             QB_EnvOp::SetEnd, QB_EnvOp::Delete, QB_EnvOp::MakeFolder};
+                             QB_EnvOp::SetEnd, QB_EnvOp::Delete, QB_EnvOp::MakeFolder, QB_EnvOp::Sync,
+                             QB_EnvOp::Rename};
     for (QB_EnvOp op : aOps)
         for (bool bSticky : {false, true})
         {

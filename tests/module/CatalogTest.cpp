@@ -4,12 +4,19 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
+#include <random>
+#include <thread>
 #include <iterator>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace fs = std::filesystem;
 using Lines = std::vector<std::string>;
@@ -198,4 +205,116 @@ TEST_F(Catalog, ReadsHandEditedRowsWithoutTrustingThem)
     EXPECT_TRUE(b.m_ullMask & ZV_BRIEF_CREATOR_ID);
     EXPECT_EQ(QB_DateTimeEx(), b.m_dtShareTime);
     EXPECT_EQ(QB_DateTimeEx(), b.m_dtModifyTime) << "a half-parsed time is not kept";
+}
+
+namespace {
+
+std::string LogText(const QB_TempFolder& home)
+{
+    std::string sText;
+    if (fs::exists(home.Sub("log")))
+        for (const auto& entry : fs::directory_iterator(home.Sub("log")))
+        {
+            const std::vector<uint8_t> vb = QB_ReadWholeFile(entry.path().string());
+            sText.append(vb.begin(), vb.end());
+        }
+    return sText;
+}
+
+size_t Count(const std::string& sText, const std::string& sWhat)
+{
+    size_t n = 0;
+    for (size_t at = sText.find(sWhat); at != std::string::npos; at = sText.find(sWhat, at + 1))
+        ++n;
+    return n;
+}
+
+} // namespace
+
+// Every step of a save that can fail: the file beside, its bytes, its sync,
+// the rename and the folder's sync. The file under the name stays a whole
+// catalogue, the old one until the rename; the row that failed to go out
+// stays in memory and goes with the next save.
+TEST_F(Catalog, AFailedSaveKeepsTheFileWholeSaysSoAndTheNextSaveCarriesTheRow)
+{
+    // With every write failing, the log line cannot be written either.
+    struct { const char* szName; QB_EnvOp op; int nNth; bool bNewOnDisk; bool bLogged; } aCases[] = {
+        {"beside file not made", QB_EnvOp::Open, 1, false, true},
+        {"every write fails", QB_EnvOp::Write, 1, false, false},
+        {"file sync fails", QB_EnvOp::Sync, 1, false, true},
+        {"rename fails", QB_EnvOp::Rename, 1, false, true},
+        {"folder sync fails", QB_EnvOp::Sync, 2, true, true}};
+    fs::create_directories(m_home.Sub("log"));
+    Opened(m_catalog);
+    for (uint16_t usFileID = 1; usFileID <= 3; ++usFileID)
+        ASSERT_TRUE(m_catalog.SaveFile(12, Record(usFileID)));
+    uint16_t usFileID = 100;
+    for (const auto& c : aCases)
+    {
+        const std::vector<uint8_t> vbBefore = QB_ReadWholeFile(Ini());
+        const size_t nLogged = Count(LogText(m_home), "ZV_FileCatalog::Flush failed.");
+        m_env.FailAt(c.op, c.nNth, c.op == QB_EnvOp::Write);
+        EXPECT_FALSE(m_catalog.SaveFile(12, Record(++usFileID))) << c.szName;
+        m_env.ClearFaults();
+        EXPECT_EQ(c.bNewOnDisk, vbBefore != QB_ReadWholeFile(Ini())) << c.szName;
+        EXPECT_FALSE(fs::exists(Ini() + ".new")) << c.szName;
+        ZV_FileCatalog reread;
+        Opened(reread);
+        for (uint16_t usOld = 1; usOld <= 3; ++usOld)
+            EXPECT_TRUE(Finds(reread, 12, usOld)) << c.szName;
+        EXPECT_EQ(c.bNewOnDisk, Finds(reread, 12, usFileID)) << c.szName;
+        EXPECT_EQ(nLogged + c.bLogged, Count(LogText(m_home), "ZV_FileCatalog::Flush failed.")) << c.szName;
+    }
+    ASSERT_TRUE(m_catalog.DeleteFile(12, 2));
+    ZV_FileCatalog reread;
+    Opened(reread);
+    for (uint16_t usSaved = 101; usSaved <= usFileID; ++usSaved)
+        EXPECT_TRUE(Finds(reread, 12, usSaved)) << usSaved;
+    EXPECT_FALSE(Finds(reread, 12, 2));
+}
+
+// A process killed at any point of a save leaves a catalogue that loads and
+// holds every row whose save it had confirmed. Each child saves new rows in
+// a loop and reports each confirmed one through a pipe; the kills come at
+// seeded random moments, bounded in count and time.
+TEST_F(Catalog, AProcessKilledAnywhereInALoopOfSavesLosesNoConfirmedRow)
+{
+    constexpr int kKills = 30;
+    std::mt19937 rng(20261123);
+    std::vector<uint16_t> vecConfirmed;
+    const auto tmEnd = std::chrono::steady_clock::now() + std::chrono::seconds(6);
+    for (int nKill = 0; nKill < kKills && std::chrono::steady_clock::now() < tmEnd; ++nKill)
+    {
+        int anPipe[2];
+        ASSERT_EQ(0, pipe(anPipe));
+        const pid_t pid = fork();
+        ASSERT_GE(pid, 0);
+        if (pid == 0)
+        {
+            close(anPipe[0]);
+            QB_SetEnv(nullptr);
+            ZV_FileCatalog catalog;
+            catalog.Open();
+            for (uint16_t i = 0; i < 1000; ++i)
+            {
+                const uint16_t usFileID = (uint16_t)(nKill * 1000 + i + 1);
+                if (catalog.SaveFile(12, Record(usFileID)) && write(anPipe[1], &usFileID, 2) != 2)
+                    break;
+            }
+            _exit(0);
+        }
+        close(anPipe[1]);
+        std::this_thread::sleep_for(std::chrono::microseconds(rng() % 50000));
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+        uint16_t usFileID = 0;
+        while (read(anPipe[0], &usFileID, 2) == 2)
+            vecConfirmed.push_back(usFileID);
+        close(anPipe[0]);
+        ZV_FileCatalog reread;
+        Opened(reread);
+        for (uint16_t usSaved : vecConfirmed)
+            ASSERT_TRUE(Finds(reread, 12, usSaved)) << "kill " << nKill << ", row " << usSaved;
+    }
+    EXPECT_FALSE(vecConfirmed.empty()) << "the children got saves done";
 }

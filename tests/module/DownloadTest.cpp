@@ -288,6 +288,15 @@ struct ClientDownload : public DownloadFixture
         AddSession();
     }
     ZV_FileShareSession& Session() { return *mgr.m_mapSession[5]; }
+    // The answer to a download the user asked for, as FsDownload leaves it.
+    Bytes Asked(const ZV_FileDownloadInfo& record)
+    {
+        Session().m_sAskedPath = record.m_sFilePath + record.m_sFileName;
+        Session().m_ulAskedPos = record.m_ulDownloadPos;
+        Session().m_bDownloadAsked = true;
+        Session().m_BriefInfo.SetFileLenth(record.m_ulFileLenth);
+        return Answer(record);
+    }
     uint32_t Take(const Pdu& block) { return Deliver(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, block.b, 4, 12); }
 };
 
@@ -302,7 +311,7 @@ TEST_F(ClientDownload, MakesTheFoldersAndCutsTheLocalFileAtTheEntrysPosition)
         host.m_vecSent.clear();
         Session().m_File.Close();
         const ZV_FileDownloadInfo record = Target(tmp.SubW("new/deeper"), 98305, c.ulPos);
-        ASSERT_EQ(0u, Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, Answer(record), 0, 11));
+        ASSERT_EQ(0u, Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, Asked(record), 0, 11));
         EXPECT_EQ(c.nKept, std::filesystem::file_size(tmp.Sub("new/deeper/a.bin"))) << c.szName;
         ASSERT_EQ(1u, host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST).size()) << c.szName;
         EXPECT_EQ(Pdu().U16(5).User(kBob).Record(record).b, host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST)[0].data);
@@ -326,7 +335,7 @@ TEST_F(ClientDownload, GivesUpWithTheReasonWhenRefusedOrWhenTheTargetCannotBeMad
             env.FailAt(c.eFault, 1);
         const ZV_FileDownloadInfo record = Target(tmp.SubW(c.szName), 98305);
         Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, c.ulServerResult ? Pdu().U16(5).U32(40).U16(5).User(kBob).b
-                                                                 : Answer(record), 0, 11);
+                                                                 : Asked(record), 0, 11);
         EXPECT_EQ(std::vector<uint32_t>{c.ulResult}, ResultsOf(zvFsEventDownloadState)) << c.szName;
         EXPECT_TRUE(host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST).empty()) << c.szName;
         ASSERT_EQ(1u, host.SentOf(PDU_CONF_FS_DEL_DOWNLOAD_REQUEST).size()) << c.szName;
@@ -338,7 +347,7 @@ TEST_F(ClientDownload, GivesUpWithTheReasonWhenRefusedOrWhenTheTargetCannotBeMad
 
 TEST_F(ClientDownload, TakesBlocksInOrderIgnoresDuplicatesAndAsksOnceAcrossAGap)
 {
-    Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, Answer(Target(tmp.SubW("dl"), 98305)), 0, 11);
+    Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, Asked(Target(tmp.SubW("dl"), 98305)), 0, 11);
     host.m_vecSent.clear();
     const Bytes data = ZV_TestBytes(98305, 2);
     auto Part = [&](uint32_t ulPos, uint32_t ulLen) {
@@ -367,10 +376,11 @@ TEST_F(ClientDownload, RefusesABadBlockUnwrittenStopsTheDownloadAndIgnoresTheRes
     struct { const char* szName; Bytes block; bool bFailWrite; } aCases[] = {
         {"the server could not read", Block(0, {}, 98305, 61).b, false},
         {"longer than a block", Block(0, ZV_TestBytes(32769, 4)).b, false},
+        {"running past the file's end", Block(0, ZV_TestBytes(101, 4)).b, false},
         {"the write fails", Block(0, ZV_TestBytes(50, 4)).b, true}};
     for (const auto& c : aCases)
     {
-        Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, Answer(Target(tmp.SubW("dl"), 100)), 0, 11);
+        Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, Asked(Target(tmp.SubW("dl"), 100)), 0, 11);
         EXPECT_EQ(5u, Take(Pdu{truncated})) << "a payload that ends early is dropped";
         host.m_vecSent.clear();
         host.m_vecEvents.clear();

@@ -35,3 +35,40 @@ TEST_F(UploadScene, AServerMadeAgainMidwayOrAtTheEndFindsWhatItsCatalogueLastSai
         EXPECT_TRUE(std::equal(stored.begin(), stored.end(), data.begin())) << r.usFileID;
     }
 }
+
+// A catalogue save that fails is acted on, never taken for a success: an
+// add whose row cannot be saved is refused (61) and leaves nothing stored,
+// and a row that an upload could not save goes to disk on the timer.
+TEST_F(UploadScene, AFailedCatalogueSaveRefusesTheAddOrIsMadeGoodOnTheTimer)
+{
+    Build();
+    const ZV_Bytes data = ZV_RandomBytes(1000, 3);
+    const uint16_t usFirst = Share("first.bin", data);
+    sim.GetEnv().FailAt(QB_EnvOp::Sync, 1, true);
+    Share("second.bin", data);
+    sim.GetEnv().ClearFaults();
+    EXPECT_EQ(ZV_ERR_IO, ZV_ResultOf(Events(Alice(), zvFsEventFileAdded).back()));
+    EXPECT_EQ(1, Manager(shape.Server())->m_mapSession.GetCount());
+    const std::string sStore = shape.Server()->GetHome() + "store/" + std::to_string(ZV_SimBuilder::kConfID);
+    EXPECT_EQ(1, std::distance(std::filesystem::directory_iterator(sStore), {}));
+
+    const uint16_t usThird = Share("third.bin", data, false);
+    // The first block's save goes out, the last one's does not.
+    sim.GetEnv().FailAt(QB_EnvOp::Rename, 2);
+    EXPECT_EQ(0u, Fs(Alice())->FsUpload(usThird));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    auto OnDisk = [&](uint16_t usFileID) {
+        ZV_SimHost::PointHome(shape.Server()->GetHome());
+        ZV_FileCatalog catalog;
+        catalog.Open();
+        ZV_FileUploadInfo row;
+        QB_StringW sSection;
+        return catalog.LoadFile(ZV_SimBuilder::kConfID, usFileID, row, sSection) ? row.m_BriefInfo.m_usFileState
+                                                                                  : 0xFFFF;
+    };
+    EXPECT_EQ(3, OnDisk(usFirst));
+    EXPECT_EQ(1, OnDisk(usThird));
+    ASSERT_TRUE(sim.AdvanceTime(5000)) << sim.GetError();
+    EXPECT_EQ(3, OnDisk(usThird));
+    EXPECT_EQ(0xFFFF, OnDisk(usFirst + 1)) << "the refused add left no row";
+}

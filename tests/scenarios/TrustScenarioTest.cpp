@@ -1,0 +1,277 @@
+// A server turned hostile, through the simulator: whatever it sends, a client
+// reads only files its user shared and writes only where its user asked.
+// The honest roads are the other scenario tests, whose wire stays as it was.
+#include "ZV_SceneFixture.h"
+
+#include "ZV_AddPdu.h"
+#include "ZV_FileDownloadInfo.h"
+#include "ZV_FileShareSession.h"
+#include "ZV_PduFrame.h"
+#include "ZV_RecordStream.h"
+
+#include <string>
+
+namespace {
+
+std::string Text(const std::string& sPath)
+{
+    const ZV_Bytes vb = QB_ReadWholeFile(sPath);
+    return std::string(vb.begin(), vb.end());
+}
+
+struct TrustScene : public ZV_Scene
+{
+    // The clients' logs have a folder to go to.
+    void Build()
+    {
+        ZV_Scene::Build(false);
+        for (ZV_SimHost* lpClient : shape.vecClients)
+            std::filesystem::create_directories(lpClient->GetHome() + "log");
+    }
+    // What the hostile server sends, on the client's command connection.
+    void SendFromServer(ZV_SimHost* lpTo, uint16_t usPdu, ZV_PduBuffer& pdu)
+    {
+        const uint32_t ulConn = shape.Server()->GetUserConn(&lpTo->GetUserID(), zvConfClientTypeCommand);
+        shape.Server()->SendPdu(ulConn, usPdu, pdu.Payload(), pdu.PayloadLength(), 0, 0);
+        ASSERT_TRUE(sim.Run()) << sim.GetError();
+    }
+    ZV_FileShareSession* Session(ZV_SimHost* lpNode, uint16_t usFileID)
+    {
+        ZV_FileShareSession* lpFsSession = nullptr;
+        Manager(lpNode)->m_mapSession.Lookup(usFileID, lpFsSession);
+        return lpFsSession;
+    }
+    size_t LogLines(ZV_SimHost* lpClient, const std::string& sLine) const
+    {
+        const std::string sText = Text(lpClient->GetHome() + "log/log_error_client.txt");
+        size_t n = 0;
+        for (size_t at = sText.find(sLine); at != std::string::npos; at = sText.find(sLine, at + 1))
+            ++n;
+        return n;
+    }
+    // PDUs a node sent since the journal stood at nFrom.
+    size_t SentSince(ZV_SimHost* lpNode, size_t nFrom, uint16_t usPdu)
+    {
+        ZV_SimFilter filter;
+        filter.eKind = ZV_SimEntryKind::Pdu;
+        filter.usNumber = usPdu;
+        filter.sNode = lpNode->GetName();
+        filter.nFrom = nFrom;
+        return sim.Journal().Find(filter).size();
+    }
+    uint32_t LastResult(ZV_SimHost* lpNode, uint16_t usEvent)
+    {
+        const auto vecEvents = Events(lpNode, usEvent);
+        return vecEvents.empty() ? 0xFFFFFFFFu : ZV_ResultOf(vecEvents.back());
+    }
+};
+
+void WriteAddAnswer(ZV_PduBuffer& pdu, uint16_t usFileID, const ZV_FileBriefInfo& brief)
+{
+    ZV_AddResponse answer;
+    answer.usRouteID = usFileID;
+    answer.usFileID = usFileID;
+    answer.creator = brief.m_CreatorID;
+    answer.brief = brief;
+    answer.bStartUpload = 1;
+    answer.Save(pdu.Stream());
+}
+
+void WriteDownloadAnswer(ZV_PduBuffer& pdu, uint16_t usFileID, const QB_UserID& user, const std::string& sPath,
+                         uint32_t ulLength, uint32_t ulPos)
+{
+    const QB_StringW sWide = QB_ToWindowsPath(sPath);
+    const int nCut = sWide.ReverseFind(u'\\') + 1;
+    ZV_FileDownloadInfo record;
+    record.SetFileID(usFileID);
+    record.SetFilePath(QB_StringU8(sWide.Left(nCut)));
+    record.SetFileName(QB_StringU8(sWide.Mid(nCut)));
+    record.SetFileLenth(ulLength);
+    record.SetDownloadPos(ulPos);
+    record.SetUserID(user);
+    QB_ByteStream& stream = pdu.Stream();
+    stream.WriteU16(usFileID);
+    stream.WriteU32(0);
+    stream.WriteU16(usFileID);
+    user.Save(stream);
+    SaveDelimited(stream, record);
+}
+
+} // namespace
+
+// An 8002 naming Alice as the creator makes her client open and upload only
+// the file she shared, as she shared it; every other announcement is refused
+// before any open, told to her with event 3000 and result 90, and logged,
+// and her client sends no byte of it. The same for an 8006 that puts her
+// upload past the end of her file.
+TEST_F(TrustScene, AClientUploadsOnlyWhatItsUserSharedWhateverTheServerAnnounces)
+{
+    Build();
+    const ZV_Bytes data = ZV_RandomBytes(40000, 1);
+    const uint16_t usShared = Share("shared.bin", data);
+    ASSERT_NE(0xFFFF, usShared);
+    QB_WriteWholeFile(tmp.Sub("alice/secret.txt"), std::string(5000, 's'));
+    const ZV_FileBriefInfo honest = Session(Alice(), usShared)->m_BriefInfo;
+    struct { const char* szName; const char* szFolder; const char* szFile; uint32_t ulLength; } aCases[] = {
+        {"a file she never shared", "alice", "secret.txt", 5000},
+        {"her shared file with a length of 0xFFFFFFFF", "alice", "shared.bin", 0xFFFFFFFFu},
+        {"her shared file by a path through ..", "alice/../alice", "shared.bin", 40000},
+        {"her shared file by an absolute path elsewhere", "bob", "shared.bin", 40000}};
+    uint16_t usFileID = 900;
+    for (const auto& c : aCases)
+    {
+        ZV_FileBriefInfo brief = honest;
+        brief.SetFilePath(QB_StringU8(QB_ToWindowsPath(tmp.Sub(c.szFolder)) + u"\\"));
+        brief.SetFileOldName(QB_StringU8(c.szFile));
+        brief.SetFileLenth(c.ulLength);
+        const size_t nMark = sim.Journal().Size();
+        const size_t nLogged = LogLines(Alice(), "ZV_FileShareMgr.HandleAddResponse ret = 90");
+        ZV_PduBuffer pdu;
+        WriteAddAnswer(pdu, ++usFileID, brief);
+        SendFromServer(Alice(), PDU_CONF_FS_ADD_RESPONSE, pdu);
+        EXPECT_EQ(0u, SentSince(Alice(), nMark, PDU_CONF_FS_UPLOAD_REQUEST)) << c.szName;
+        EXPECT_EQ(zvResultUntrusted, LastResult(Alice(), zvFsEventFileAdded)) << c.szName;
+        EXPECT_EQ(nLogged + 1, LogLines(Alice(), "ZV_FileShareMgr.HandleAddResponse ret = 90")) << c.szName;
+        EXPECT_EQ(nullptr, Session(Alice(), usFileID)) << c.szName;
+    }
+
+    // In a batch, the forged file is refused by itself and the rest is taken.
+    ZV_AddFilesResponse batch;
+    batch.bStartUpload = 1;
+    ZV_FileBriefInfo forged = honest, other = honest;
+    forged.SetFileOldName(QB_StringU8("secret.txt"));
+    other.SetCreatorID(Bob()->GetUserID());
+    batch.user = Bob()->GetUserID();
+    batch.arrFileID.Add(950);
+    batch.arrFileID.Add(951);
+    batch.arrPos.Add(0);
+    batch.arrPos.Add(0);
+    batch.arrInfo.Add(forged);
+    batch.arrInfo.Add(other);
+    ZV_PduBuffer pduBatch;
+    batch.SaveHead(pduBatch.Stream());
+    batch.SaveBody(pduBatch.Stream());
+    size_t nMark = sim.Journal().Size();
+    SendFromServer(Alice(), PDU_CONF_FS_ADD_FILES_RESPONSE, pduBatch);
+    EXPECT_EQ(0u, SentSince(Alice(), nMark, PDU_CONF_FS_UPLOAD_REQUEST));
+    EXPECT_EQ(zvResultUntrusted, LastResult(Alice(), zvFsEventFileAdded));
+    EXPECT_EQ(1u, LogLines(Alice(), "ZV_FileShareMgr.HandleAddFilesResponse ret = 90"));
+    EXPECT_EQ(nullptr, Session(Alice(), 950));
+    EXPECT_NE(nullptr, Session(Alice(), 951));
+
+    nMark = sim.Journal().Size();
+    ZV_PduBuffer pdu;
+    const QB_UserID alice = Alice()->GetUserID();
+    pdu.Stream().WriteU16(usShared);
+    pdu.Stream().WriteU32(0);
+    pdu.Stream().WriteU16(usShared);
+    alice.Save(pdu.Stream());
+    pdu.Stream().WriteU32(0);
+    pdu.Stream().WriteU32(40001);
+    SendFromServer(Alice(), PDU_CONF_FS_UPLOAD_RESPONSE, pdu);
+    EXPECT_EQ(0u, SentSince(Alice(), nMark, PDU_CONF_FS_UPLOAD_REQUEST)) << "a position past the end";
+    EXPECT_EQ(zvResultUntrusted, LastResult(Alice(), zvFsEventTransferError));
+    EXPECT_EQ(1u, LogLines(Alice(), "ZV_FileShareMgr.HandleUploadResponse ret = 90"));
+}
+
+// An 8015 makes Bob's client create or write a file only for the download
+// he asked for, at his path, from his position, of the announced length.
+// Unasked, it is refused and logged and nothing else happens; asked but
+// different, Bob also hears of it (event 3002 with 90), and the server's
+// true answer that follows still brings the file to where he asked.
+TEST_F(TrustScene, AClientWritesOnlyWhereItsUserAskedWhateverTheServerAnswers)
+{
+    Build();
+    const ZV_Bytes data = ZV_RandomBytes(70000, 2);
+    const uint16_t usFileID = Share("shared.bin", data);
+    const std::string sVictim = tmp.Sub("bob/.profile");
+    std::filesystem::create_directories(tmp.Sub("bob"));
+    std::filesystem::create_directories(tmp.Sub("downloads/bob"));
+    QB_WriteWholeFile(sVictim, std::string("keep me"));
+    std::filesystem::create_symlink(sVictim, tmp.Sub("downloads/bob/link.bin"));
+    const std::string sAsked = Target(Bob(), usFileID);
+    struct { const char* szName; bool bAsked; std::string sPath; uint32_t ulLength; uint32_t ulPos; } aCases[] = {
+        {"unasked, his .profile", false, sVictim, 70000, 0},
+        {"unasked, a path through ..", false, tmp.Sub("downloads/bob/../../bob/.profile"), 70000, 0},
+        {"unasked, a device", false, "/dev/null", 70000, 0},
+        {"unasked, a symbolic link", false, tmp.Sub("downloads/bob/link.bin"), 70000, 0},
+        {"unasked, his own path", false, sAsked, 70000, 0},
+        {"asked, another path", true, sVictim, 70000, 0},
+        {"asked, his path with a position past the end", true, sAsked, 70000, 70001},
+        {"asked, his path from another position", true, sAsked, 70000, 5},
+        {"asked, his path with a length of 0xFFFFFFFF", true, sAsked, 0xFFFFFFFFu, 0}};
+    const QB_UserID bob = Bob()->GetUserID();
+    for (const auto& c : aCases)
+    {
+        std::filesystem::remove(sAsked);
+        const size_t nMark = sim.Journal().Size();
+        const size_t nLogged = LogLines(Bob(), "ZV_FileShareMgr.HandleDownloadResponse ret = 90");
+        const size_t nFinished = Events(Bob(), zvFsEventDownloadFinished).size();
+        ZV_PduBuffer pdu;
+        WriteDownloadAnswer(pdu, usFileID, bob, c.sPath, c.ulLength, c.ulPos);
+        if (c.bAsked)
+        {
+            // Bob's request goes first, so the forged answer overtakes the true one.
+            EXPECT_EQ(0u, Download(Bob(), usFileID));
+            const uint32_t ulConn = shape.Server()->GetUserConn(&bob, zvConfClientTypeCommand);
+            shape.Server()->SendPdu(ulConn, PDU_CONF_FS_DOWNLOAD_RESPONSE, pdu.Payload(), pdu.PayloadLength(), 0, 0);
+            ASSERT_TRUE(sim.Run()) << sim.GetError();
+        }
+        else
+            SendFromServer(Bob(), PDU_CONF_FS_DOWNLOAD_RESPONSE, pdu);
+        EXPECT_EQ("keep me", Text(sVictim))
+            << c.szName;
+        EXPECT_EQ(nLogged + 1, LogLines(Bob(), "ZV_FileShareMgr.HandleDownloadResponse ret = 90")) << c.szName;
+        EXPECT_EQ(0u, SentSince(Bob(), nMark, PDU_CONF_FS_DEL_DOWNLOAD_REQUEST)) << c.szName;
+        if (!c.bAsked)
+        {
+            EXPECT_EQ(0u, SentSince(Bob(), nMark, 0)) << c.szName;
+            EXPECT_FALSE(std::filesystem::exists(sAsked)) << c.szName;
+            continue;
+        }
+        const auto vecStates = Events(Bob(), zvFsEventDownloadState);
+        ASSERT_GE(vecStates.size(), 2u) << c.szName;
+        EXPECT_EQ(zvResultUntrusted, ZV_ResultOf(vecStates[vecStates.size() - 2])) << c.szName;
+        EXPECT_EQ(0u, ZV_ResultOf(vecStates.back())) << c.szName;
+        EXPECT_EQ(nFinished + 1, Events(Bob(), zvFsEventDownloadFinished).size()) << c.szName;
+        EXPECT_EQ(data, QB_ReadWholeFile(sAsked)) << c.szName;
+    }
+
+    // A link where he asked the file to go is not followed.
+    EXPECT_EQ(0u, Fs(Bob())->FsDownload(usFileID, ZV_Wide(tmp.Sub("downloads/bob/link.bin")).c_str()));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    EXPECT_EQ(60u, LastResult(Bob(), zvFsEventDownloadState));
+    EXPECT_EQ("keep me", Text(sVictim));
+}
+
+// A download that failed at any step, asked again to a new path, either
+// brings the whole file there or fails again: a finish is never told of
+// bytes that went to the first path.
+TEST_F(TrustScene, ADownloadAskedAgainToANewPathAfterAFailureEndsThereOrNowhere)
+{
+    Build();
+    const ZV_Bytes data = ZV_RandomBytes(100000, 3);
+    const QB_EnvOp aOps[] = {QB_EnvOp::Open, QB_EnvOp::Read, QB_EnvOp::Write, QB_EnvOp::Seek, QB_EnvOp::SetEnd,
+                             QB_EnvOp::MakeFolder};
+    int nRound = 0;
+    int nFailedFirst = 0;
+    for (QB_EnvOp op : aOps)
+        for (int nNth = 1; nNth <= 4; ++nNth)
+        {
+            const uint16_t usFileID = Share("f" + std::to_string(++nRound) + ".bin", data);
+            const std::string sFirst = tmp.Sub("first/" + std::to_string(nRound) + ".bin");
+            const std::string sSecond = tmp.Sub("second/" + std::to_string(nRound) + ".bin");
+            sim.GetEnv().FailAt(op, nNth);
+            ASSERT_EQ(0u, Fs(Bob())->FsDownload(usFileID, ZV_Wide(sFirst).c_str()));
+            ASSERT_TRUE(sim.AdvanceTime(100)) << sim.GetError();
+            sim.GetEnv().ClearFaults();
+            nFailedFirst += QB_ReadWholeFile(sFirst) != data;
+            const size_t nFinished = Events(Bob(), zvFsEventDownloadFinished).size();
+            ASSERT_EQ(0u, Fs(Bob())->FsDownload(usFileID, ZV_Wide(sSecond).c_str()));
+            ASSERT_TRUE(sim.AdvanceTime(100)) << sim.GetError();
+            const bool bToldFinished = Events(Bob(), zvFsEventDownloadFinished).size() > nFinished;
+            EXPECT_EQ(bToldFinished, QB_ReadWholeFile(sSecond) == data) << (int)op << " #" << nNth;
+            EXPECT_TRUE(bToldFinished || LastResult(Bob(), zvFsEventDownloadState) != 0) << (int)op << " #" << nNth;
+        }
+    EXPECT_GT(nFailedFirst, 6) << "the faults hit the download road";
+}
