@@ -102,9 +102,14 @@ bool SameBytes(const fs::path& a, const fs::path& b)
 
 std::string Thousands(uint64_t ull)
 {
-    std::string s = std::to_string(ull);
-    for (int i = (int)s.size() - 3; i > 0; i -= 3)
-        s.insert((size_t)i, ",");
+    const std::string sDigits = std::to_string(ull);
+    std::string s;
+    for (size_t i = 0; i < sDigits.size(); ++i)
+    {
+        if (i > 0 && (sDigits.size() - i) % 3 == 0)
+            s += ',';
+        s += sDigits[i];
+    }
     return s;
 }
 
