@@ -418,7 +418,9 @@ private:
                       << "\n";
             bAllSame = bAllSame && bSame;
         }
-        if (m_vecShared.empty())
+        if (g_bInterrupted)
+            std::cout << "\nInterrupted before every file had arrived.\n";
+        else if (m_vecShared.empty())
             std::cout << "  nothing could be shared.\n";
         else if (bAllSame && nRefused == 0)
             std::cout << "\nEvery file arrived byte for byte.\n";
