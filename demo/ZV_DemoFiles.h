@@ -24,8 +24,9 @@ struct LocalFile
 // FsAdd, whose record keeps the folder in the catalogue's code page too.
 std::string WhyNotShareable(const LocalFile& file, bool bAlone);
 
-// The absolute form of a name given on the command line (taken from the
-// folder the demo runs in), or "" in sProblem for a usable file.
+// The absolute form of a name given on the command line, taken from the
+// folder the demo runs in; sProblem says why it is not a file it can read,
+// and stays empty when it is.
 LocalFile ResolveArgument(const std::string& sArg, std::string& sProblem);
 
 // A few files of different sizes, written a chunk at a time.
