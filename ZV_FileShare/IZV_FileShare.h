@@ -121,8 +121,28 @@ enum : uint16_t
     zvFsEventFilesAdded = 3013,
 };
 
-// Refusal of a server PDU that would make this client read a file its user did not share or write where it did not ask.
-constexpr uint32_t zvResultUntrusted = 90;
+// Result codes of the Fs operations, of the ulResult fields of PDUs and of
+// the events. ZV_ResultText.h says each in plain words.
+enum : uint32_t
+{
+    zvResultOk = 0,
+    zvResultException = 1,       // an Fs operation caught an exception
+    zvResultNoHandler = 5,       // HandlePdu: no handler takes this PDU number
+    zvResultNoConfig = 6,        // Initialize: "confsrv.ini" could not be opened
+    zvResultNoConnection = 16,   // no connection of the needed type
+    zvResultNoHost = 32,         // FsFilesAdd: no host pointer
+    zvResultNotInConf = 33,      // the user is not in the conference
+    zvResultNotEntitled = 40,    // the user is not entitled
+    zvResultNoCreatorLink = 56,  // the file's creator has no link object
+    zvResultCannotOpen = 60,     // a file could not be opened, or a folder made
+    zvResultCannotAccess = 61,   // a file could not be read, written or positioned
+    zvResultCannotDelete = 62,   // a local file could not be deleted
+    zvResultUnknownFile = 82,    // the FileID has no session
+    zvResultReservedFile = 83,   // the FileID is reserved and has no session yet
+    zvResultNoFileID = 88,       // no free FileID
+    zvResultUntrusted = 90,      // a server's PDU would make this client read a file its
+                                 // user did not share, or write where the user did not ask
+};
 
 // Module type (GetModuleType) and the interface type of GetInterface.
 constexpr uint16_t zvModuleTypeFileShare = 4;

@@ -43,24 +43,25 @@ public:
 // Local paths of finished downloads whose session went with the file.
 using ZV_FinishedDownloadMap = QB_Map<uint16_t, QB_StringW, QB_HashShift4>;
 
-// Result codes that travel in Fs results, ulResult fields and events.
+// Result codes that travel in Fs results, ulResult fields and events; the
+// public header holds the numbers.
 enum : uint32_t
 {
-    ZV_OK = 0,
-    ZV_ERR_EXCEPTION = 1,
-    ZV_ERR_NO_HANDLER = 5,
-    ZV_ERR_CONFIG = 6,
-    ZV_ERR_NO_CONN = 16,
-    ZV_ERR_NO_HOST = 32,
-    ZV_ERR_NOT_IN_CONF = 33,
-    ZV_ERR_NOT_ENTITLED = 40,
-    ZV_ERR_NO_CREATOR_LINK = 56,
-    ZV_ERR_OPEN = 60,
-    ZV_ERR_IO = 61,
-    ZV_ERR_DELETE = 62,
-    ZV_ERR_UNKNOWN_FILE = 82,
-    ZV_ERR_RESERVED_FILE = 83,
-    ZV_ERR_NO_FILEID = 88,
+    ZV_OK = zvResultOk,
+    ZV_ERR_EXCEPTION = zvResultException,
+    ZV_ERR_NO_HANDLER = zvResultNoHandler,
+    ZV_ERR_CONFIG = zvResultNoConfig,
+    ZV_ERR_NO_CONN = zvResultNoConnection,
+    ZV_ERR_NO_HOST = zvResultNoHost,
+    ZV_ERR_NOT_IN_CONF = zvResultNotInConf,
+    ZV_ERR_NOT_ENTITLED = zvResultNotEntitled,
+    ZV_ERR_NO_CREATOR_LINK = zvResultNoCreatorLink,
+    ZV_ERR_OPEN = zvResultCannotOpen,
+    ZV_ERR_IO = zvResultCannotAccess,
+    ZV_ERR_DELETE = zvResultCannotDelete,
+    ZV_ERR_UNKNOWN_FILE = zvResultUnknownFile,
+    ZV_ERR_RESERVED_FILE = zvResultReservedFile,
+    ZV_ERR_NO_FILEID = zvResultNoFileID,
     ZV_ERR_UNTRUSTED = zvResultUntrusted,
 };
 

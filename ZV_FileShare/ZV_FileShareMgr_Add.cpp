@@ -4,6 +4,7 @@
 #include "ZV_FileShareMgr.h"
 #include "ZV_AddPdu.h"
 #include "ZV_FileShareSession.h"
+#include "ZV_SharePath.h"
 
 #include "QB_FileEx.h"
 #include "QB_Log.h"
@@ -98,6 +99,10 @@ uint32_t ZV_FileShareMgr::FsAdd(const char16_t* szPath, const QB_UserID* pRight,
     {
         const QB_StringW sPath = QB_WithBackslashes(szPath);
         if (!file.Open(sPath, QB_FILE_READ | QB_FILE_SHARE_DENY_WRITE | QB_FILE_OPEN_EXISTING))
+            return FsAddFailed(file, ZV_ERR_OPEN);
+        // A path the records or the catalogue can't hold would make a share
+        // with an empty or changed name, whose bytes could never be found.
+        if (ZV_CheckSharePath(file.GetFullPath(), true) != ZV_SharePathProblem::None)
             return FsAddFailed(file, ZV_ERR_OPEN);
         const ZV_ConfUserInfo* lpUser = m_lpConf->GetUser(m_lpConf->GetLocalUserID());
         if (lpUser == nullptr)

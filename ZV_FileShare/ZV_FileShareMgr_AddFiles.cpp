@@ -4,6 +4,7 @@
 #include "ZV_FileShareMgr.h"
 #include "ZV_AddPdu.h"
 #include "ZV_FileShareSession.h"
+#include "ZV_SharePath.h"
 
 #include "QB_FileEx.h"
 #include "QB_Log.h"
@@ -43,6 +44,21 @@ ZV_FileBriefInfo MakeBrief(IZV_ConfHost* lpConf, const ZV_ConfUserInfo& user, QB
     if (!bPublic)
         brief.SetRight(arrRight);
     return brief;
+}
+
+// Opens one named file of a batch, one that the records and the catalogue
+// can name as it is: a name with a separator in it would be stored under
+// its last part, beside a folder that does not hold it.
+bool OpenBatchFile(QB_FileEx& file, const QB_StringW& sFolder, const char16_t* pszName)
+{
+    if (pszName == nullptr || ZV_CheckBatchName(pszName) != ZV_SharePathProblem::None)
+        return false;
+    if (!file.Open(sFolder + pszName, QB_FILE_READ | QB_FILE_SHARE_DENY_WRITE | QB_FILE_OPEN_EXISTING))
+        return false;
+    if (ZV_CheckSharePath(file.GetFullPath(), false) == ZV_SharePathProblem::None)
+        return true;
+    file.Close();
+    return false;
 }
 
 uint32_t SendFilesPdu(IZV_ConfHost* lpConf, uint32_t ulConn, uint16_t usPdu, const ZV_PduBuffer& pdu, bool bToAll)
@@ -219,16 +235,14 @@ uint32_t ZV_FileShareMgr::FsFilesAdd(const char16_t* szFolder, const char16_t* c
         QB_Array<ZV_FileBriefInfo> arrInfo;
         for (uint32_t i = 0; ppNames != nullptr && i < nNames; ++i)
         {
-            const QB_StringW sPath = sFolder + QB_WithBackslashes(ppNames[i]);
             QB_FileEx file;
-            if (ppNames[i] == nullptr ||
-                !file.Open(sPath, QB_FILE_READ | QB_FILE_SHARE_DENY_WRITE | QB_FILE_OPEN_EXISTING))
+            if (!OpenBatchFile(file, sFolder, ppNames[i]))
             {
                 ulResult = ZV_ERR_OPEN;
                 QB_WriteClientLog("ZV_File.FsFilesAdd[%d] ret = %d\r\n", (int)i, (int)ZV_ERR_OPEN);
                 continue;
             }
-            arrInfo.Add(MakeBrief(m_lpConf, *lpUser, file, sFolder, sPath, arrRight, bPublic));
+            arrInfo.Add(MakeBrief(m_lpConf, *lpUser, file, sFolder, file.GetPath(), arrRight, bPublic));
             file.Close();
             m_ShareLedger.Remember(m_lpConf->GetConfID(), arrInfo[arrInfo.GetSize() - 1]);
             arrFileID.Add(ZV_NO_FILEID);

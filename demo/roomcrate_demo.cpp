@@ -6,86 +6,89 @@
 // says in plain words what it sees; the server's stored folder and its
 // catalogue follow. Then the second client downloads every file, with a
 // progress bar drawn from its events, and the demo checks that each copy is
-// byte-identical to its source.
+// byte-identical to its own source.
 //
-//     roomcrate_demo [--linked] [--trace] [FILE...]
+//     roomcrate_demo [--linked] [--trace] [--keep] [FILE...]
+#include "ZV_DemoFiles.h"
+
 #include "ZV_FileBriefInfo.h"
+#include "ZV_FileDownloadInfo.h"
 #include "ZV_PduFrame.h"
 #include "ZV_RecordStream.h"
+#include "ZV_ResultText.h"
 #include "ZV_SimBuilder.h"
 #include "ZV_SimConference.h"
 
 #include "QB_ByteStream.h"
+#include "QB_Env.h"
 #include "QB_String.h"
 
+#include <csignal>
 #include <cstdio>
-#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <map>
 #include <random>
 #include <sstream>
-#include <string>
-#include <vector>
 
-namespace fs = std::filesystem;
+using namespace zv_demo;
 
 namespace {
+
+volatile std::sig_atomic_t g_bInterrupted = 0;
+
+void OnInterrupt(int)
+{
+    g_bInterrupted = 1;
+}
+
+// The simulator's journal keeps this much of the traffic: enough for its
+// error reports, and no copy of the files' bytes.
+constexpr size_t kJournalPayloadBytes = 64;
+constexpr size_t kJournalEntries = 4096;
+// A download that has not moved for this long in the conference's time has
+// stalled; the module itself looks at a stalled file after 15 to 20 seconds.
+constexpr uint32_t kStallMs = 60000;
 
 struct DemoOptions
 {
     bool bLinked = false;
     bool bTrace = false;
-    std::vector<fs::path> vecFiles;
+    bool bKeep = false;
+    std::vector<LocalFile> vecFiles;
 };
 
+// One file the sharer asked for, from the share to the check.
 struct SharedFile
 {
-    fs::path source;
-    uint16_t usFileID = 0;
+    LocalFile source;
+    bool bAlone = false;
+    int nFileID = -1;
     fs::path download;
     int nBarDrawn = 0;
+    double dPercent = 0.0;
     bool bFinished = false;
+    uint32_t ulFailure = 0;
 };
 
-std::u16string Wide(const std::string& sUtf8)
+std::string Said(uint32_t ulResult)
 {
-    QB_StringW s(QB_StringU8(sUtf8.c_str()));
-    return std::u16string(s.GetString(), (size_t)s.GetLength());
+    return std::string(zvResultText(ulResult)) + " (result " + std::to_string(ulResult) + ")";
 }
 
-std::string Thousands(uint64_t ull)
-{
-    std::string s = std::to_string(ull);
-    for (int i = (int)s.size() - 3; i > 0; i -= 3)
-        s.insert((size_t)i, ",");
-    return s;
-}
-
-// A few files of different sizes, so the demo has something to share.
-std::vector<fs::path> MakeSampleFiles(const fs::path& folder)
-{
-    fs::create_directories(folder);
-    const std::pair<const char*, size_t> aFiles[] = {
-        {"notes.txt", 3 * 1024}, {"slides.pdf", 100 * 1000}, {"photo.jpg", 1024 * 1024 + 7}};
-    std::mt19937 rng(2026);
-    std::vector<fs::path> vec;
-    for (const auto& [szName, nSize] : aFiles)
-    {
-        std::ofstream out(folder / szName, std::ios::binary);
-        for (size_t i = 0; i < nSize; ++i)
-            out.put((char)(rng() & 0xFF));
-        vec.push_back(folder / szName);
-    }
-    return vec;
-}
-
-std::string DescribeBrief(uint16_t usFileID, const ZV_FileBriefInfo& brief)
+std::string DescribeBrief(int nFileID, const ZV_FileBriefInfo& brief)
 {
     std::ostringstream out;
-    out << "file #" << usFileID << " \"" << brief.m_sFileOldName.GetString() << "\", "
+    out << "file #" << nFileID << " \"" << brief.m_sFileOldName.GetString() << "\", "
         << Thousands(brief.m_ulFileLenth) << " bytes, shared by " << brief.m_sCreatorName.GetString();
     return out.str();
+}
+
+// A record's folder and name, as the sharer's source is known by.
+std::u16string WhereFrom(const ZV_FileBriefInfo& brief)
+{
+    const QB_StringW s(brief.m_sFilePath + brief.m_sFileOldName);
+    return std::u16string(s.View());
 }
 
 class Demo
@@ -101,10 +104,15 @@ public:
         if (!BuildConference())
             return false;
         if (m_options.vecFiles.empty())
-            m_options.vecFiles = MakeSampleFiles(m_root / "alice-files");
-        ShareFiles();
+            for (const fs::path& sample : MakeSampleFiles(m_root / "alice-files"))
+            {
+                std::string sProblem;
+                m_options.vecFiles.push_back(ResolveArgument(sample.string(), sProblem));
+            }
+        const size_t nRefused = ShareFiles();
         ShowStore();
-        return DownloadAndVerify();
+        DownloadAll();
+        return Verify(nRefused);
     }
 
 private:
@@ -112,6 +120,9 @@ private:
     {
         ZV_SimOptions options;
         options.sRoot = (root / "nodes").string();
+        options.nJournalPayloadBytes = kJournalPayloadBytes;
+        options.nJournalEntries = kJournalEntries;
+        options.nStepLimit = SIZE_MAX;
         return options;
     }
 
@@ -138,47 +149,70 @@ private:
 
     static std::string Who(const ZV_SimHost* lpHost) { return lpHost->GetUserRecord().sName; }
 
-    void ShareFiles()
+    // What the system cannot share is refused here, before anything is
+    // sent. The first shareable file goes alone, the rest as batches.
+    // Gives the number refused.
+    size_t ShareFiles()
     {
+        size_t nRefused = 0;
+        bool bAloneTaken = false;
+        for (const LocalFile& file : m_options.vecFiles)
+        {
+            SharedFile shared;
+            shared.source = file;
+            shared.bAlone = !bAloneTaken && WhyNotShareable(file, true).empty();
+            const std::string sWhy = WhyNotShareable(file, shared.bAlone);
+            if (!sWhy.empty())
+            {
+                std::cout << Who(m_lpSharer) << " cannot share " << file.path.string() << ": " << sWhy << ".\n";
+                ++nRefused;
+                continue;
+            }
+            bAloneTaken = bAloneTaken || shared.bAlone;
+            m_vecShared.push_back(shared);
+        }
         IZV_FileShareMgr* lpFs = m_lpSharer->GetFileShareMgr();
-        const fs::path& first = m_options.vecFiles.front();
-        std::cout << Who(m_lpSharer) << " shares " << first.filename().string() << " by itself.\n";
-        const std::u16string sPath = Wide(fs::absolute(first).string());
-        Report("FsAdd", lpFs->FsAdd(sPath.c_str(), nullptr, 0, 1, 1));
-        m_sim.Run();
-
-        if (m_options.vecFiles.size() > 1)
-            ShareBatch(lpFs);
+        for (const SharedFile& shared : m_vecShared)
+            if (shared.bAlone)
+            {
+                std::cout << Who(m_lpSharer) << " shares " << shared.source.path.filename().string()
+                          << " by itself.\n";
+                Report("FsAdd", lpFs->FsAdd(shared.source.sWide.c_str(), nullptr, 0, 1, 1));
+                m_sim.Run();
+            }
+        ShareBatches(lpFs);
         std::cout << "\n";
+        return nRefused;
     }
 
     // The batch form takes one folder and names in it; files from other
     // folders go in a batch of their own.
-    void ShareBatch(IZV_FileShareMgr* lpFs)
+    void ShareBatches(IZV_FileShareMgr* lpFs)
     {
-        std::map<fs::path, std::vector<std::u16string>> mapByFolder;
-        for (size_t i = 1; i < m_options.vecFiles.size(); ++i)
+        std::map<std::u16string, std::vector<std::u16string>> mapByFolder;
+        for (const SharedFile& shared : m_vecShared)
         {
-            const fs::path file = fs::absolute(m_options.vecFiles[i]);
-            mapByFolder[file.parent_path()].push_back(Wide(file.filename().string()));
+            if (shared.bAlone)
+                continue;
+            const size_t nSlash = shared.source.sWide.rfind(u'\\');
+            mapByFolder[shared.source.sWide.substr(0, nSlash)].push_back(shared.source.sWide.substr(nSlash + 1));
         }
-        for (const auto& [folder, vecNames] : mapByFolder)
+        for (const auto& [sFolder, vecNames] : mapByFolder)
         {
             std::cout << Who(m_lpSharer) << " shares " << vecNames.size() << " more file(s) as one batch.\n";
             std::vector<const char16_t*> vecPtrs;
             for (const auto& sName : vecNames)
                 vecPtrs.push_back(sName.c_str());
-            const std::u16string sFolder = Wide(folder.string());
-            Report("FsFilesAdd", lpFs->FsFilesAdd(sFolder.c_str(), vecPtrs.data(), (uint32_t)vecPtrs.size(), nullptr,
-                                                  0, 1, 1));
+            Report("FsFilesAdd",
+                   lpFs->FsFilesAdd(sFolder.c_str(), vecPtrs.data(), (uint32_t)vecPtrs.size(), nullptr, 0, 1, 1));
             m_sim.Run();
         }
     }
 
-    static void Report(const char* szOperation, uint32_t ulResult)
+    void Report(const char* szOperation, uint32_t ulResult)
     {
-        if (ulResult != 0)
-            std::cout << "  (" << szOperation << " answered " << ulResult << ")\n";
+        if (ulResult != zvResultOk)
+            std::cout << "  " << Who(m_lpSharer) << "'s " << szOperation << " failed: " << Said(ulResult) << ".\n";
     }
 
     void OnEvent(ZV_SimHost& host, uint16_t usEvent, const std::vector<uint8_t>& vb)
@@ -191,10 +225,12 @@ private:
                 OnFileAdded(host, stream);
             else if (usEvent == zvFsEventFilesAdded)
                 OnFilesAdded(host, stream);
-            else if (usEvent == zvFsEventDownloadProgress && &host == m_lpReceiver)
+            else if (&host != m_lpReceiver)
+                return;
+            else if (usEvent == zvFsEventDownloadProgress)
                 OnDownloadProgress(stream);
-            else if (usEvent == zvFsEventDownloadFinished && &host == m_lpReceiver)
-                OnDownloadFinished(stream);
+            else if (usEvent == zvFsEventDownloadFinished || usEvent == zvFsEventDownloadState)
+                OnDownloadEnd(usEvent, stream);
         }
         catch (const QB_StreamException&)
         {
@@ -208,14 +244,16 @@ private:
         const uint16_t usFileID = stream.ReadU16();
         ZV_FileBriefInfo brief;
         LoadDelimited(stream, brief);
-        if (ulResult != 0)
+        if (ulResult != zvResultOk)
         {
-            std::cout << "[" << Who(&host) << "] the server refused a file: result " << ulResult << "\n";
+            std::cout << "[" << Who(&host) << "] the server refused \"" << brief.m_sFileOldName.GetString()
+                      << "\": " << Said(ulResult) << "\n";
             return;
         }
         Learn(host, usFileID, brief);
     }
 
+    // A batch that the server refused comes back as records without FileIDs.
     void OnFilesAdded(ZV_SimHost& host, QB_ByteStream& stream)
     {
         stream.ReadU32();
@@ -229,17 +267,26 @@ private:
             LoadDelimited(stream, brief);
             if (i < vecIDs.size())
                 Learn(host, vecIDs[i], brief);
+            else
+                std::cout << "[" << Who(&host) << "] the server refused \"" << brief.m_sFileOldName.GetString()
+                          << "\"\n";
         }
     }
 
+    // The sharer's own view ties each FileID to its source: the first file
+    // of that folder and name that has none yet, so that files of one name
+    // from different folders, or one file shared twice, keep apart.
     void Learn(ZV_SimHost& host, uint16_t usFileID, const ZV_FileBriefInfo& brief)
     {
         std::cout << "[" << Who(&host) << "] sees " << DescribeBrief(usFileID, brief) << "\n";
-        if (&host != m_lpReceiver)
+        if (&host != m_lpSharer)
             return;
-        for (const fs::path& file : m_options.vecFiles)
-            if (file.filename().string() == brief.m_sFileOldName.GetString() && m_mapFiles.count(usFileID) == 0)
-                m_mapFiles[usFileID] = SharedFile{file, usFileID, {}, 0, false};
+        for (SharedFile& shared : m_vecShared)
+            if (shared.nFileID < 0 && shared.source.sWide == WhereFrom(brief))
+            {
+                shared.nFileID = usFileID;
+                return;
+            }
     }
 
     void ShowStore()
@@ -247,12 +294,13 @@ private:
         const ZV_SimHost* lpServer = m_shape.Server(0);
         const fs::path store = fs::path(lpServer->GetHome()) / "store" / std::to_string(ZV_SimBuilder::kConfID);
         std::cout << "Server 1 stores the conference's files in " << store.string() << ":\n";
-        if (fs::is_directory(store))
-            for (const auto& entry : fs::directory_iterator(store))
+        std::error_code ec;
+        if (fs::is_directory(store, ec))
+            for (const auto& entry : fs::directory_iterator(store, ec))
                 std::cout << "  " << entry.path().filename().string() << "  "
                           << Thousands(entry.is_regular_file() ? entry.file_size() : 0) << " bytes\n";
-        std::cout << "\nIts catalogue, fsinfo.ini:\n" << ReadUtf16File(fs::path(lpServer->GetHome()) / "fsinfo.ini")
-                  << "\n";
+        std::cout << "\nIts catalogue, fsinfo.ini:\n"
+                  << ReadUtf16File(fs::path(lpServer->GetHome()) / "fsinfo.ini") << "\n";
     }
 
     static std::string ReadUtf16File(const fs::path& file)
@@ -274,79 +322,114 @@ private:
         return sIndented;
     }
 
-    bool DownloadAndVerify()
+    void DownloadAll()
     {
         std::cout << Who(m_lpReceiver) << " downloads every file:\n";
-        IZV_FileShareMgr* lpFs = m_lpReceiver->GetFileShareMgr();
         const fs::path folder = m_root / (Who(m_lpReceiver) + "-downloads");
-        for (auto& [usFileID, file] : m_mapFiles)
-        {
-            file.download = folder / file.source.filename();
-            std::cout << "  " << file.source.filename().string() << "  [" << std::flush;
-            const std::u16string sPath = Wide(file.download.string());
-            const uint32_t ulResult = lpFs->FsDownload(usFileID, sPath.c_str());
-            if (ulResult != 0)
+        fs::create_directories(folder);
+        std::set<fs::path> setTaken;
+        for (SharedFile& shared : m_vecShared)
+            if (shared.nFileID >= 0 && !g_bInterrupted)
             {
-                std::cout << "] FsDownload answered " << ulResult << "\n";
-                continue;
+                shared.download = DistinctTarget(folder, shared.source.path.filename().string(), setTaken);
+                Download(shared);
             }
-            for (int nRound = 0; nRound < 600 && !file.bFinished; ++nRound)
-                m_sim.AdvanceTime(100);
-            if (!file.bFinished)
-                std::cout << "] did not finish\n";
+    }
+
+    void Download(SharedFile& shared)
+    {
+        std::cout << "  " << shared.download.filename().string() << "  [" << std::flush;
+        m_lpCurrent = &shared;
+        const std::u16string sPath = QB_PathFromSystem(shared.download.string());
+        const uint32_t ulResult =
+            m_lpReceiver->GetFileShareMgr()->FsDownload((uint16_t)shared.nFileID, sPath.c_str());
+        if (ulResult != zvResultOk)
+            shared.ulFailure = ulResult;
+        double dSeen = -1.0;
+        for (uint32_t ulQuiet = 0; !shared.bFinished && !shared.ulFailure && ulQuiet < kStallMs && !g_bInterrupted;)
+        {
+            m_sim.AdvanceTime(100);
+            ulQuiet = shared.dPercent > dSeen ? 0 : ulQuiet + 100;
+            dSeen = shared.dPercent;
         }
-        return Verify();
+        m_lpCurrent = nullptr;
+        if (shared.bFinished)
+            std::cout << "] done\n";
+        else if (shared.ulFailure)
+            std::cout << "] failed: " << Said(shared.ulFailure) << "\n";
+        else
+            std::cout << (g_bInterrupted ? "] interrupted\n" : "] stalled\n");
     }
 
     void OnDownloadProgress(QB_ByteStream& stream)
     {
-        stream.ReadU32();
+        const uint32_t ulResult = stream.ReadU32();
         const uint16_t usFileID = stream.ReadU16();
         const double dPercent = stream.ReadDouble();
-        auto it = m_mapFiles.find(usFileID);
-        if (it == m_mapFiles.end())
+        if (m_lpCurrent == nullptr || m_lpCurrent->nFileID != usFileID || ulResult != zvResultOk)
             return;
-        const int nWanted = (int)(dPercent / 5.0);
-        for (; it->second.nBarDrawn < nWanted && it->second.nBarDrawn < 20; ++it->second.nBarDrawn)
-            std::cout << '#' << std::flush;
+        m_lpCurrent->dPercent = dPercent;
+        DrawBar((int)(dPercent / 5.0));
     }
 
-    void OnDownloadFinished(QB_ByteStream& stream)
+    // 3007 ends a download. The answer 3002 ends it too when it refuses, or
+    // when there is nothing to send: an empty file has no block, so no 3007
+    // ever comes for it.
+    void OnDownloadEnd(uint16_t usEvent, QB_ByteStream& stream)
     {
-        stream.ReadU32();
+        const uint32_t ulResult = stream.ReadU32();
         const uint16_t usFileID = stream.ReadU16();
-        auto it = m_mapFiles.find(usFileID);
-        if (it == m_mapFiles.end() || it->second.bFinished)
+        if (m_lpCurrent == nullptr || m_lpCurrent->nFileID != usFileID)
             return;
-        for (; it->second.nBarDrawn < 20; ++it->second.nBarDrawn)
-            std::cout << '#';
-        std::cout << "] done\n";
-        it->second.bFinished = true;
+        bool bDone = usEvent == zvFsEventDownloadFinished;
+        if (ulResult != zvResultOk)
+            m_lpCurrent->ulFailure = ulResult;
+        else if (usEvent == zvFsEventDownloadState)
+        {
+            ZV_FileDownloadInfo entry;
+            LoadDelimited(stream, entry);
+            bDone = entry.m_ulDownloadPos >= entry.m_ulFileLenth;
+        }
+        if (ulResult == zvResultOk && bDone)
+        {
+            DrawBar(20);
+            m_lpCurrent->bFinished = true;
+        }
     }
 
-    bool Verify()
+    void DrawBar(int nWanted)
     {
-        std::cout << "\nChecking every download against its source:\n";
-        bool bAllSame = !m_mapFiles.empty() && m_mapFiles.size() == m_options.vecFiles.size();
-        for (const auto& [usFileID, file] : m_mapFiles)
+        for (; m_lpCurrent->nBarDrawn < nWanted && m_lpCurrent->nBarDrawn < 20; ++m_lpCurrent->nBarDrawn)
+            std::cout << '#';
+        std::cout << std::flush;
+    }
+
+    bool Verify(size_t nRefused)
+    {
+        std::cout << "\nChecking every download against its own source:\n";
+        bool bAllSame = !m_vecShared.empty();
+        for (const SharedFile& shared : m_vecShared)
         {
-            const bool bSame = SameBytes(file.source, file.download);
-            std::cout << "  " << file.source.filename().string() << ": "
-                      << (bSame ? "identical" : "DIFFERENT OR MISSING") << "\n";
+            const bool bSame = !shared.download.empty() && SameBytes(shared.source.path, shared.download);
+            std::cout << "  " << shared.source.path.string() << ": "
+                      << (shared.download.empty() ? "not downloaded"
+                                                  : (bSame ? "identical to " : "DIFFERENT OR MISSING: ") +
+                                                        shared.download.filename().string())
+                      << "\n";
             bAllSame = bAllSame && bSame;
         }
-        std::cout << (bAllSame ? "\nEvery file arrived byte for byte.\n"
-                               : "\nFAILED: not every file arrived intact.\n");
-        return bAllSame;
-    }
-
-    static bool SameBytes(const fs::path& a, const fs::path& b)
-    {
-        std::ifstream inA(a, std::ios::binary), inB(b, std::ios::binary);
-        if (!inA || !inB)
-            return false;
-        return std::string((std::istreambuf_iterator<char>(inA)), {}) ==
-               std::string((std::istreambuf_iterator<char>(inB)), {});
+        if (g_bInterrupted)
+            std::cout << "\nInterrupted before every file had arrived.\n";
+        else if (m_vecShared.empty())
+            std::cout << "  nothing could be shared.\n";
+        else if (bAllSame && nRefused == 0)
+            std::cout << "\nEvery file arrived byte for byte.\n";
+        else if (bAllSame)
+            std::cout << "\nEvery shared file arrived byte for byte; " << nRefused
+                      << " could not be shared (see above).\n";
+        else
+            std::cout << "\nFAILED: not every file arrived intact.\n";
+        return bAllSame && nRefused == 0;
     }
 
     DemoOptions m_options;
@@ -355,10 +438,20 @@ private:
     ZV_SimShape m_shape;
     ZV_SimHost* m_lpSharer = nullptr;
     ZV_SimHost* m_lpReceiver = nullptr;
-    std::map<uint16_t, SharedFile> m_mapFiles;
+    std::vector<SharedFile> m_vecShared;
+    SharedFile* m_lpCurrent = nullptr;
 };
 
-bool ParseArguments(int argc, char** argv, DemoOptions& options)
+const char kUsage[] =
+    "usage: run-demo [--linked] [--trace] [--keep] [FILE...]\n"
+    "  FILE      files to share, named from the current folder (default: a few generated files)\n"
+    "  --linked  two linked servers, one client on each\n"
+    "  --trace   show the module's trace lines instead of keeping them in a file\n"
+    "  --keep    keep the demo's scratch folder (stored files, downloads, logs) at the end\n"
+    "  --help    this text\n";
+
+// 0 to run, else the exit code.
+int ParseArguments(int argc, char** argv, DemoOptions& options)
 {
     for (int i = 1; i < argc; ++i)
     {
@@ -367,17 +460,37 @@ bool ParseArguments(int argc, char** argv, DemoOptions& options)
             options.bLinked = true;
         else if (sArg == "--trace")
             options.bTrace = true;
+        else if (sArg == "--keep")
+            options.bKeep = true;
         else if (sArg == "--help" || sArg == "-h")
-            return false;
-        else if (fs::is_regular_file(sArg))
-            options.vecFiles.push_back(sArg);
+        {
+            std::cout << kUsage;
+            return -1;
+        }
+        else if (sArg.rfind("--", 0) == 0)
+        {
+            std::cerr << "unknown option: " << sArg << "\n" << kUsage;
+            return 2;
+        }
         else
         {
-            std::cerr << "not a file: " << sArg << "\n";
-            return false;
+            std::string sProblem;
+            options.vecFiles.push_back(ResolveArgument(sArg, sProblem));
+            if (!sProblem.empty())
+            {
+                std::cerr << sProblem << ": " << sArg << "\n" << kUsage;
+                return 2;
+            }
         }
     }
-    return true;
+    return 0;
+}
+
+fs::path MakeScratchFolder()
+{
+    const fs::path root = fs::temp_directory_path() / ("roomcrate-demo-" + std::to_string(std::random_device{}()));
+    fs::create_directories(root);
+    return root;
 }
 
 } // namespace
@@ -385,32 +498,34 @@ bool ParseArguments(int argc, char** argv, DemoOptions& options)
 int main(int argc, char** argv)
 {
     DemoOptions options;
-    if (!ParseArguments(argc, argv, options))
-    {
-        std::cerr << "usage: roomcrate_demo [--linked] [--trace] [FILE...]\n"
-                     "  --linked  two linked servers, one client on each\n"
-                     "  --trace   show the module's trace lines instead of keeping them in a file\n";
-        return 2;
-    }
-    const fs::path root = fs::temp_directory_path() / ("roomcrate-demo-" + std::to_string(std::random_device{}()));
-    fs::create_directories(root);
+    const int nParsed = ParseArguments(argc, argv, options);
+    if (nParsed != 0)
+        return nParsed < 0 ? 0 : nParsed;
+    std::signal(SIGINT, OnInterrupt);
+    std::signal(SIGTERM, OnInterrupt);
+    const fs::path root = MakeScratchFolder();
     std::FILE* lpTrace = nullptr;
     if (!options.bTrace)
     {
         lpTrace = std::fopen((root / "trace.txt").string().c_str(), "w");
         ZV_SetTraceStream(lpTrace);
     }
+    const bool bKeep = options.bKeep;
     bool bOk = false;
     {
-        Demo demo(options, root);
+        Demo demo(std::move(options), root);
         bOk = demo.Run();
     }
     ZV_SetTraceStream(nullptr);
     if (lpTrace)
-    {
         std::fclose(lpTrace);
-        std::cout << "The module's trace lines are in " << (root / "trace.txt").string() << ".\n";
+    if (bKeep)
+        std::cout << "Everything the demo made is in " << root.string()
+                  << (lpTrace ? ", the module's trace lines in trace.txt there.\n" : ".\n");
+    else
+    {
+        std::error_code ec;
+        fs::remove_all(root, ec);
     }
-    std::cout << "Everything the demo made is in " << root.string() << ".\n";
     return bOk ? 0 : 1;
 }

@@ -174,3 +174,90 @@ TEST(AddFile, StoredNamesTakeACounterBeforeTheLastDotOrInFront)
         EXPECT_EQ(QB_StringW(row.szStored), sDst);
     }
 }
+
+namespace {
+
+// The name of the one file a request carries, or "" without a request.
+QB_StringW SharedName(const ZV_RecordingHost& host)
+{
+    for (const ZV_SentPdu& sent : host.m_vecSent)
+    {
+        QB_ByteStream stream(sent.data.data(), (int32_t)sent.data.size());
+        if (sent.usPdu == PDU_CONF_FS_ADD_REQUEST)
+        {
+            ZV_AddRequest ask;
+            ask.LoadHead(stream);
+            ask.LoadBody(stream);
+            return QB_StringW(ask.brief.m_sFileOldName);
+        }
+        if (sent.usPdu == PDU_CONF_FS_ADD_FILES_REQUEST)
+        {
+            ZV_AddFilesRequest ask;
+            ask.LoadHead(stream);
+            ask.LoadBody(stream);
+            return ask.arrInfo.GetSize() == 1 ? QB_StringW(ask.arrInfo[0].m_sFileOldName) : QB_StringW(u"?");
+        }
+    }
+    return QB_StringW();
+}
+
+// A name of "x"s ending in ".txt" that makes folder, backslash and name
+// nLength characters long.
+std::u16string PaddedName(const std::u16string& sFolder, size_t nLength)
+{
+    return std::u16string(nLength - sFolder.size() - 1 - 4, u'x') + u".txt";
+}
+
+} // namespace
+
+// A share must keep its name on every node and in the catalogue, and its
+// creator must find the file again by folder and name to upload it: what
+// cannot is refused with 60 before anything goes out.
+TEST(AddFile, RefusesBeforeSendingAPathTheRecordsOrTheCatalogueCannotHold)
+{
+    Node node(false);
+    const QB_StringW sTmpW = node.tmp.PathW();
+    const std::u16string sTmp(sTmpW.View().substr(0, (size_t)sTmpW.GetLength() - 1));
+    const std::u16string sWideFolder = sTmp + u"\\\u4E2D";
+    const struct
+    {
+        const char* szRow;
+        bool bBatch;
+        std::u16string sFolder;
+        std::u16string sName;
+        uint32_t ulResult;
+    } aRows[] = {
+        {"a full path of 259 characters", false, sTmp, PaddedName(sTmp, 259), 0},
+        {"a full path of 260 characters", false, sTmp, PaddedName(sTmp, 260), ZV_ERR_OPEN},
+        {"a full path of 261 characters", false, sTmp, PaddedName(sTmp, 261), ZV_ERR_OPEN},
+        {"a batch's path of 259 characters", true, sTmp, PaddedName(sTmp, 259), 0},
+        {"a batch's path of 260 characters", true, sTmp, PaddedName(sTmp, 260), ZV_ERR_OPEN},
+        {"Windows-1252 letters beyond ASCII", false, sTmp, u"caf\u00E9 \u20AC.txt", 0},
+        {"a character outside the BMP", false, sTmp, u"smile\U0001F600.txt", ZV_ERR_OPEN},
+        {"a batch name outside the BMP", true, sTmp, u"smile\U0001F600.txt", ZV_ERR_OPEN},
+        {"a lone surrogate, whose file is found as U+FFFD", false, sTmp, u"lone\xD800.txt", ZV_ERR_OPEN},
+        {"a name outside Windows-1252", false, sTmp, u"\u4E2D.txt", ZV_ERR_OPEN},
+        {"a folder outside Windows-1252", false, sWideFolder, u"a.txt", ZV_ERR_OPEN},
+        {"a batch's folder outside Windows-1252", true, sWideFolder, u"a.txt", 0},
+        {"a folder and no name", false, sTmp, u"", ZV_ERR_OPEN},
+        {"a batch name with a backslash", true, sTmp, u"sub\\b.txt", ZV_ERR_OPEN},
+        {"a batch name with a slash", true, sTmp, u"sub/b.txt", ZV_ERR_OPEN},
+        {"an empty batch name", true, sTmp, u"", ZV_ERR_OPEN},
+    };
+    for (const auto& row : aRows)
+    {
+        const std::u16string sPath = row.sFolder + u"\\" + row.sName;
+        const fs::path onDisk = QB_PathToSystem(sPath);
+        fs::create_directories(onDisk.parent_path());
+        if (!row.sName.empty())
+            QB_WriteWholeFile(onDisk.string(), "abc");
+        node.host.m_vecSent.clear();
+        const char16_t* pszName = row.sName.c_str();
+        const uint32_t ulResult = row.bBatch ? node.mgr.FsFilesAdd(row.sFolder.c_str(), &pszName, 1, nullptr, 0, 1, 0)
+                                             : node.mgr.FsAdd(sPath.c_str(), nullptr, 0, 1, 0);
+        EXPECT_EQ(row.ulResult, ulResult) << row.szRow;
+        EXPECT_EQ(row.ulResult == 0 ? 1u : 0u, node.host.m_vecSent.size()) << row.szRow;
+        EXPECT_EQ(row.ulResult == 0 ? QB_StringW(row.sName.c_str()) : QB_StringW(), SharedName(node.host))
+            << row.szRow;
+    }
+}

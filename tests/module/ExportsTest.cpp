@@ -1,8 +1,12 @@
 // Making and destroying managers through the exports, and the registry behind them.
 #include "IZV_FileShare.h"
 #include "ZV_ManagerRegistry.h"
+#include "ZV_ResultText.h"
 
 #include <gtest/gtest.h>
+
+#include <set>
+#include <string>
 
 TEST(Exports, MakeAManagerOnlyForTheExactInterfaceNameAndHandItsUserSideForTypeFour)
 {
@@ -28,4 +32,20 @@ TEST(Exports, MakeAManagerOnlyForTheExactInterfaceNameAndHandItsUserSideForTypeF
     EXPECT_NE(nullptr, lpFace);
     zvDestroyInstance(lpModule);
     EXPECT_EQ(nBefore, g_listFileShareMgr.GetCount());
+}
+
+// Every code the module gives has words of its own; anything else gets the
+// one text for a code it does not name.
+TEST(ResultText, SaysEveryCodeOfTheModuleInWordsOfItsOwn)
+{
+    const uint32_t aulCodes[] = {0, 1, 5, 6, 16, 32, 33, 40, 56, 60, 61, 62, 82, 83, 88, 90};
+    const std::string sUnnamed = zvResultText(2);
+    std::set<std::string> setTexts;
+    for (uint32_t ulCode : aulCodes)
+    {
+        const std::string sText = zvResultText(ulCode);
+        EXPECT_NE(sUnnamed, sText) << ulCode;
+        EXPECT_TRUE(setTexts.insert(sText).second) << ulCode << " shares its words: " << sText;
+    }
+    EXPECT_EQ(sUnnamed, zvResultText(0xFFFFFFFFu));
 }

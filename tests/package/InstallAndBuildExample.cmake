@@ -19,6 +19,7 @@ file(GLOB_RECURSE INSTALLED RELATIVE ${PREFIX} ${PREFIX}/*)
 list(SORT INSTALLED)
 string(REGEX REPLACE "lib/[^;]*-linux-gnu/" "lib/" INSTALLED "${INSTALLED}")
 set(EXPECTED include/roomcrate/IZV_FileShare.h include/roomcrate/QB_ByteStreamBase.h include/roomcrate/QB_UserID.h
+    include/roomcrate/ZV_ResultText.h
     lib/cmake/roomcrate/roomcrateConfig.cmake lib/cmake/roomcrate/roomcrateConfigVersion.cmake
     lib/cmake/roomcrate/roomcrateTargets-relwithdebinfo.cmake lib/cmake/roomcrate/roomcrateTargets.cmake
     lib/libroomcrate.so lib/libroomcrate.so.1 lib/libroomcrate.so.1.0.0 lib/pkgconfig/roomcrate.pc)
