@@ -16,6 +16,7 @@
 
 #include <cstdint>
 #include <string>
+#include <unordered_map>
 
 // A name and its occurrence: the key of the section map and the key maps.
 struct QB_IniKey
@@ -35,6 +36,12 @@ struct QB_IniKey
 struct QB_IniKeyHash
 {
     uint32_t operator()(const QB_IniKey& key) const;
+};
+
+// The same hash for the standard containers.
+struct QB_IniKeyIndexHash
+{
+    size_t operator()(const QB_IniKey& key) const { return QB_IniKeyHash()(key); }
 };
 
 struct QB_IniLine;
@@ -119,6 +126,10 @@ private:
     QB_IniLine* m_lpFirst = nullptr;
     QB_IniLine* m_lpLast = nullptr;  // new sections go to the end of the chain
     QB_IniLineMap m_mapSections;
+    // The same sections for look-ups. The map's table size is fixed and its
+    // walk gives the order of the sections, so it stays; with thousands of
+    // sections its chains grow long, and a name is found here instead.
+    std::unordered_map<QB_IniKey, QB_IniLine*, QB_IniKeyIndexHash> m_indexSections;
     QB_StringA m_sFileName;
     bool m_bUnicode = false;
     QB_StringA m_sHeader;
@@ -135,6 +146,7 @@ private:
 
     QB_IniLine* NewLine(const QB_StringW& sLine, QB_IniLine* lpSection) const;
     QB_IniLine* FindSection(const QB_StringW& sName, int nOccurrence) const;
+    void AddSection(QB_IniLine* lpSection);
     const QB_IniLine* FindKey(const QB_StringW& sSection, const QB_StringW& sKey) const;
     QB_IniLine* AppendSection(const QB_StringW& sName);
     void LinkAfter(QB_IniLine* lpLine, QB_IniLine* lpPrev);

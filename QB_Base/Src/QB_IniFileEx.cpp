@@ -152,11 +152,7 @@ bool WriteAll(QB_FileEx& file, const std::string& sBytes)
 // Counts names while a file loads. Nothing is removed during a load, so the
 // lowest free occurrence of a name is always one above its count, and no
 // probing of the fixed-size maps is needed.
-struct QB_IniNameHash
-{
-    size_t operator()(const QB_IniKey& key) const { return QB_IniKeyHash()(key); }
-};
-using QB_IniNameCount = std::unordered_map<QB_IniKey, int, QB_IniNameHash>;
+using QB_IniNameCount = std::unordered_map<QB_IniKey, int, QB_IniKeyIndexHash>;
 
 int NextOccurrence(QB_IniNameCount& mapCount, const QB_StringW& sName)
 {
@@ -243,6 +239,7 @@ void QB_IniFileEx::Clear()
     }
     m_lpFirst = m_lpLast = nullptr;
     m_mapSections.RemoveAll();
+    m_indexSections.clear();
     m_bUnicode = false;
     m_sHeader.Empty();
     m_bSectionSeen = false;
@@ -336,7 +333,7 @@ void QB_IniFileEx::LoadLine(const QB_StringW& sLine, LoadState& state)
     if (lpLine->m_type == QB_IniLine::Section)
     {
         lpLine->m_Key.m_nOccurrence = NextOccurrence(state.mapSectionCount, lpLine->m_Key.m_sName);
-        m_mapSections.SetAt(lpLine->m_Key, lpLine);
+        AddSection(lpLine);
         state.lpSection = lpLine;
         state.mapKeyCount = QB_IniNameCount();
     }
@@ -383,9 +380,15 @@ QB_IniLine* QB_IniFileEx::NewLine(const QB_StringW& sLine, QB_IniLine* lpSection
 
 QB_IniLine* QB_IniFileEx::FindSection(const QB_StringW& sName, int nOccurrence) const
 {
-    QB_IniLine* lpSection = nullptr;
-    m_mapSections.Lookup(QB_IniKey(sName, nOccurrence), lpSection);
-    return lpSection;
+    auto it = m_indexSections.find(QB_IniKey(sName, nOccurrence));
+    return it == m_indexSections.end() ? nullptr : it->second;
+}
+
+// The caller knows the name and occurrence to be new.
+void QB_IniFileEx::AddSection(QB_IniLine* lpSection)
+{
+    m_mapSections.AddNew(lpSection->m_Key) = lpSection;
+    m_indexSections.emplace(lpSection->m_Key, lpSection);
 }
 
 // Only the first occurrence of a section and of a key is reached by name.
@@ -405,7 +408,7 @@ QB_IniLine* QB_IniFileEx::AppendSection(const QB_StringW& sName)
     QB_IniLine* lpSection = NewLine(sName, nullptr);
     assert(lpSection->m_type == QB_IniLine::Section);
     lpSection->m_Key.m_nOccurrence = 1;
-    m_mapSections.SetAt(lpSection->m_Key, lpSection);
+    AddSection(lpSection);
     LinkAfter(lpSection, m_lpLast);
     return lpSection;
 }
@@ -447,6 +450,7 @@ void QB_IniFileEx::DeleteSectionLines(QB_IniLine* lpSection)
         lpLine = lpNext;
     }
     m_mapSections.RemoveKey(lpSection->m_Key);
+    m_indexSections.erase(lpSection->m_Key);
     Unlink(lpSection);
     delete lpSection;
 }

@@ -102,6 +102,7 @@ private:
         uint16_t usPdu = 0;
         bool bConfWord = false;
         std::vector<uint8_t> vbData;
+        size_t nSkip = 0;  // leading bytes the receiving host took off
     };
 
     // What the host does about OnSend for one node on one connection.
@@ -137,4 +138,7 @@ private:
     std::vector<std::unique_ptr<ZV_SimLink>> m_vecLinks;
     std::deque<Task> m_queue;
     std::map<PumpKey, Pump> m_mapPumps;
+    // Buffers of delivered payloads, kept for the next sends: a transfer
+    // would otherwise take and free one block's worth per PDU.
+    std::vector<std::vector<uint8_t>> m_vecSpare;
 };
