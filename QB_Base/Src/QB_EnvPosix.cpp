@@ -310,6 +310,10 @@ private:
     // that no other thread parks the descriptor in use.
     std::mutex m_mutex;
     std::map<QB_FileHandle, OpenRecord> m_mapOpen;
+    // The same handles by file, so that an open meets only the handles of
+    // its own file, not every file this process holds.
+    using FileKey = std::pair<dev_t, ino_t>;
+    std::multimap<FileKey, QB_FileHandle> m_mapByFile;
     // Handles are numbered apart from descriptors, so that a descriptor
     // passed by mistake is not taken for a handle.
     QB_FileHandle m_hNext = 0x100000;
@@ -400,8 +404,9 @@ bool QB_EnvPosix::MayOpen(const std::string& sPath, const OpenRequest& req)
     bool bWrites = (req.ulAccess & kAccessWrite) || req.ulCreation == kCreateAlways;
     if (bWrites && (st.st_mode & kAnyWriteBit) == 0)
         return false;
-    for (const auto& [hOpen, rec] : m_mapOpen)
-        if (Clashes(rec, st.st_dev, st.st_ino, req.ulAccess, req.ulDeny))
+    auto range = m_mapByFile.equal_range(FileKey{st.st_dev, st.st_ino});
+    for (auto it = range.first; it != range.second; ++it)
+        if (Clashes(m_mapOpen.at(it->second), st.st_dev, st.st_ino, req.ulAccess, req.ulDeny))
             return false;
     return true;
 }
@@ -431,6 +436,7 @@ QB_FileHandle QB_EnvPosix::OpenFile(const std::u16string& sPath, uint32_t ulMode
     const QB_FileHandle hFile = m_hNext++;
     m_mapOpen[hFile] =
         OpenRecord{st.st_dev, st.st_ino, req.ulAccess, req.ulDeny, sSystem, nReopenFlags, nFd, 0, ++m_ullUseClock};
+    m_mapByFile.emplace(FileKey{st.st_dev, st.st_ino}, hFile);
     return hFile;
 }
 
@@ -441,6 +447,13 @@ bool QB_EnvPosix::CloseFile(QB_FileHandle hFile)
     if (it == m_mapOpen.end())
         return false;
     const int nFd = it->second.nFd;
+    auto range = m_mapByFile.equal_range(FileKey{it->second.dev, it->second.ino});
+    for (auto itFile = range.first; itFile != range.second; ++itFile)
+        if (itFile->second == hFile)
+        {
+            m_mapByFile.erase(itFile);
+            break;
+        }
     m_mapOpen.erase(it);
     if (nFd < 0)
         return true;

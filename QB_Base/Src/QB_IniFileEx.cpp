@@ -3,6 +3,7 @@
 #include "QB_Env.h"
 #include "QB_FileEx.h"
 
+#include <algorithm>
 #include <bit>
 #include <cassert>
 #include <charconv>
@@ -240,6 +241,7 @@ void QB_IniFileEx::Clear()
     m_lpFirst = m_lpLast = nullptr;
     m_mapSections.RemoveAll();
     m_indexSections.clear();
+    m_vecSectionOrder.clear();
     m_bUnicode = false;
     m_sHeader.Empty();
     m_bSectionSeen = false;
@@ -329,13 +331,17 @@ void QB_IniFileEx::LoadLine(const QB_StringW& sLine, LoadState& state)
     }
     m_bSectionSeen = true;
     QB_IniLine* lpLine = NewLine(sLine, state.lpSection);
-    LinkAfter(lpLine, m_lpLast);
+    // Nothing is written yet, so there is no block to touch; a run of lines
+    // without a section pointer would make each touch walk back over all.
+    (m_lpLast ? m_lpLast->m_lpNext : m_lpFirst) = lpLine;
+    lpLine->m_lpPrev = m_lpLast;
+    m_lpLast = lpLine;
     if (lpLine->m_type == QB_IniLine::Section)
     {
         lpLine->m_Key.m_nOccurrence = NextOccurrence(state.mapSectionCount, lpLine->m_Key.m_sName);
         AddSection(lpLine);
         state.lpSection = lpLine;
-        state.mapKeyCount = QB_IniNameCount();
+        state.mapKeyCount.clear();  // keeps its buckets: no allocation per section
     }
     else if (lpLine->m_type == QB_IniLine::Key || lpLine->m_type == QB_IniLine::Comment)
     {
@@ -389,6 +395,16 @@ void QB_IniFileEx::AddSection(QB_IniLine* lpSection)
 {
     m_mapSections.AddNew(lpSection->m_Key) = lpSection;
     m_indexSections.emplace(lpSection->m_Key, lpSection);
+    m_vecSectionOrder.push_back(lpSection);
+}
+
+// Forgets the written bytes of the block that holds the line.
+void QB_IniFileEx::Touch(QB_IniLine* lpLine)
+{
+    while (lpLine && lpLine->m_type != QB_IniLine::Section && !lpLine->m_lpSection)
+        lpLine = lpLine->m_lpPrev;
+    if (lpLine)
+        (lpLine->m_type == QB_IniLine::Section ? lpLine : lpLine->m_lpSection)->m_sBlockBytes.clear();
 }
 
 // Only the first occurrence of a section and of a key is reached by name.
@@ -416,6 +432,8 @@ QB_IniLine* QB_IniFileEx::AppendSection(const QB_StringW& sName)
 // Puts the line behind lpPrev, or at the front when lpPrev is null.
 void QB_IniFileEx::LinkAfter(QB_IniLine* lpLine, QB_IniLine* lpPrev)
 {
+    if (lpLine->m_type != QB_IniLine::Section)
+        Touch(lpPrev);
     QB_IniLine* lpNext = lpPrev ? lpPrev->m_lpNext : m_lpFirst;
     lpLine->m_lpPrev = lpPrev;
     lpLine->m_lpNext = lpNext;
@@ -425,6 +443,8 @@ void QB_IniFileEx::LinkAfter(QB_IniLine* lpLine, QB_IniLine* lpPrev)
 
 void QB_IniFileEx::Unlink(QB_IniLine* lpLine)
 {
+    if (lpLine->m_type != QB_IniLine::Section)
+        Touch(lpLine->m_lpPrev);
     (lpLine->m_lpPrev ? lpLine->m_lpPrev->m_lpNext : m_lpFirst) = lpLine->m_lpNext;
     (lpLine->m_lpNext ? lpLine->m_lpNext->m_lpPrev : m_lpLast) = lpLine->m_lpPrev;
     lpLine->m_lpPrev = lpLine->m_lpNext = nullptr;
@@ -451,6 +471,7 @@ void QB_IniFileEx::DeleteSectionLines(QB_IniLine* lpSection)
     }
     m_mapSections.RemoveKey(lpSection->m_Key);
     m_indexSections.erase(lpSection->m_Key);
+    m_vecSectionOrder.erase(std::find(m_vecSectionOrder.begin(), m_vecSectionOrder.end(), lpSection));
     Unlink(lpSection);
     delete lpSection;
 }
@@ -478,7 +499,7 @@ bool QB_IniFileEx::Flush()
     return bWritten;
 }
 
-void QB_IniFileEx::Serialize(std::string& sOut) const
+void QB_IniFileEx::Serialize(std::string& sOut)
 {
     sOut.clear();
     if (m_bUnicode)
@@ -491,7 +512,22 @@ void QB_IniFileEx::Serialize(std::string& sOut) const
     {
         sOut.append(m_sHeader.GetString(), (size_t)m_sHeader.GetLength());
     }
-    for (const QB_IniLine* lpLine = m_lpFirst; lpLine; lpLine = lpLine->m_lpNext)
+    for (QB_IniLine* lpSection : m_vecSectionOrder)
+    {
+        if (lpSection->m_sBlockBytes.empty())
+        {
+            std::string sBlock;  // kept only when whole
+            SerializeBlock(lpSection, sBlock);
+            lpSection->m_sBlockBytes = std::move(sBlock);
+        }
+        sOut += lpSection->m_sBlockBytes;
+    }
+}
+
+void QB_IniFileEx::SerializeBlock(const QB_IniLine* lpSection, std::string& sOut) const
+{
+    for (const QB_IniLine* lpLine = lpSection; lpLine && (lpLine == lpSection || lpLine->m_type != QB_IniLine::Section);
+         lpLine = lpLine->m_lpNext)
     {
         if (m_bUnicode)
         {

@@ -197,6 +197,24 @@ TEST(IniFile, OpensThousandsOfSectionsQuietlyAndKeepsTheWalkOfItsTable)
     EXPECT_TRUE(bAllFound);
     EXPECT_STREQ(ini.GetString("S5", "k", "-").GetString(), "new");
 
+    // Each flush writes what the blocks hold now, also after an earlier one.
+    auto fnReplace = [&](const std::string& sOld, const std::string& sNew) {
+        sFile.replace(sFile.find(sOld), sOld.size(), sNew);
+    };
+    fnReplace("[S5]\r\nk=5\r\n", "[S5]\r\nk=new\r\n");
+    fnReplace("[S6]\r\nk=6\r\n", "");
+    sFile += "[S6]\r\nk=again\r\n";
+    for (const char* pszKey : {"", "x"})
+    {
+        if (*pszKey)
+        {
+            ASSERT_TRUE(ini.SetString("S7", pszKey, "1"));
+            fnReplace("[S7]\r\n", "[S7]\r\nx=1\r\n");
+        }
+        ASSERT_TRUE(ini.Flush());
+        EXPECT_TRUE(QB_ReadWholeFile(folder.Sub("t.ini")) == Ansi(sFile)) << "flush after the change of [" << pszKey << "]";
+    }
+
     mapOracle.RemoveKey(QB_IniKey(QB_StringW(u"[S6]"), 1));
     mapOracle.AddNew(QB_IniKey(QB_StringW(u"[S6]"), 1)) = 6;
     std::vector<std::string> vecExpected;
