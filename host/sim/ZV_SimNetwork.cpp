@@ -185,11 +185,6 @@ uint32_t ZV_SimNetwork::Send(const ZV_SimSend& send)
     task.usPdu = send.usPdu;
     task.bConfWord = lpLink->IsServerLink() && CarriesConfWord(send.eRoute);
     // The sender's buffer is its own again when Send returns.
-    if (!m_vecSpare.empty())
-    {
-        task.vbData = std::move(m_vecSpare.back());
-        m_vecSpare.pop_back();
-    }
     task.vbData.assign(send.pData, send.pData + send.ulLen);
     task.nEntry = m_lpJournal->Add(std::move(entry));
     m_queue.push_back(std::move(task));
@@ -260,9 +255,6 @@ bool ZV_SimNetwork::Step()
         RunOnSend(task);
     else
         Deliver(task);
-    constexpr size_t kSpareBuffers = 16;
-    if (task.vbData.capacity() > 0 && m_vecSpare.size() < kSpareBuffers)
-        m_vecSpare.push_back(std::move(task.vbData));
     return true;
 }
 

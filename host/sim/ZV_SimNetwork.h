@@ -138,7 +138,4 @@ private:
     std::vector<std::unique_ptr<ZV_SimLink>> m_vecLinks;
     std::deque<Task> m_queue;
     std::map<PumpKey, Pump> m_mapPumps;
-    // Buffers of delivered payloads, kept for the next sends: a transfer
-    // would otherwise take and free one block's worth per PDU.
-    std::vector<std::vector<uint8_t>> m_vecSpare;
 };
