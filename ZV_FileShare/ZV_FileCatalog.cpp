@@ -227,9 +227,12 @@ QB_StringW ZV_FileCatalog::NewSection(uint32_t ulConfID, uint16_t usFileID)
     QB_StringW sSection = NewGuidText();
     m_IniFile.SetLong(sSection, kConfID, (int32_t)(ulConfID & 0xFFFF));
     m_IniFile.SetLong(sSection, kFileID, usFileID);
-    // Kept as a walk of the sections would give it, with its brackets.
-    if (m_bRowIndexValid)
-        m_mapRowByPair.emplace(PairKey((uint16_t)ulConfID, usFileID), u"[" + sSection + u"]");
+    // Kept as a walk of the sections would give it, with its brackets. A
+    // second row of a pair (a batch adds rows without a look-up) may come
+    // before the first in the walk, so then the index is built again.
+    const uint32_t ulPair = PairKey((uint16_t)ulConfID, usFileID);
+    if (m_bRowIndexValid && !m_mapRowByPair.emplace(ulPair, u"[" + sSection + u"]").second)
+        m_bRowIndexValid = false;
     return sSection;
 }
 

@@ -248,19 +248,19 @@ void ZV_FileShareSession::PumpDownload(ConfPduData* lpCpd, const QB_UserID& peer
     SendNextBlocks(lpCpd, &peer, pEntry);
 }
 
-// The store file is positioned before each pass, so that the passes of
+// Each block is read at the entry's own position, so that the passes of
 // several downloaders and the writes of the upload do not disturb each
 // other. Only bytes below the write position go out: beyond it the store
 // file may hold anything.
 void ZV_FileShareSession::SendNextBlocks(ConfPduData* lpCpd, const QB_UserID* pUser, ZV_FileDownloadInfo* pEntry)
 {
     uint8_t abBlock[ZV_BLOCK_SIZE];
-    bool bReadable = m_lpServerFile != nullptr && SeekTo(*m_lpServerFile, pEntry->m_ulDownloadPos);
+    bool bReadable = m_lpServerFile != nullptr;
     for (int i = 0; bReadable && i < kBlocksPerSend && pEntry->m_ulDownloadPos < m_FileInfo.m_ulFileWritePos; ++i)
     {
         const uint32_t ulPos = pEntry->m_ulDownloadPos;
         const uint32_t ulWant = std::min(ZV_BLOCK_SIZE, m_FileInfo.m_ulFileWritePos - ulPos);
-        const int32_t nRead = m_lpServerFile->Read(abBlock, (int32_t)ulWant);
+        const int32_t nRead = m_lpServerFile->ReadAt(ulPos, abBlock, (int32_t)ulWant);
         bReadable = nRead > 0;
         if (!bReadable)
             break;

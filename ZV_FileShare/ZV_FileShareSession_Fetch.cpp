@@ -110,13 +110,15 @@ uint32_t ZV_FileShareSession::OpenRelayTarget(ZV_FileDownloadInfo& record)
 }
 
 // What lay behind the starting position goes. A start beyond the file's end
-// would only make a file of zeros, and is refused like a failed move.
+// would only make a file of zeros, and is refused like a failed move. A file
+// that already ends there is left alone: cutting a new file to nothing
+// would have the file system write all of it out when it is closed.
 uint32_t ZV_FileShareSession::OpenDownloadFile(const QB_StringW& sPath, uint32_t ulPos, uint32_t ulLength,
                                                uint32_t ulMode)
 {
     if (ulPos > ulLength || !m_File.Open(sPath, ulMode))
         return ZV_ERR_OPEN;
-    if (SeekTo(m_File, ulPos) && m_File.SetEnd())
+    if ((uint32_t)m_File.GetLength() == ulPos || (SeekTo(m_File, ulPos) && m_File.SetEnd()))
         return ZV_OK;
     m_File.Close();
     return ZV_ERR_OPEN;
@@ -184,7 +186,8 @@ uint32_t ZV_FileShareSession::TakeDownloadBlock(const ConfPduData* lpCpd, QB_Byt
         return ZV_OK;
     }
     m_bResyncPending = false;
-    if ((uint64_t)block.ulPos + block.ulLen > download.m_ulFileLenth || !SeekTo(m_File, block.ulPos) || m_File.Write(block.pData, (int32_t)block.ulLen) != (int32_t)block.ulLen)
+    if ((uint64_t)block.ulPos + block.ulLen > download.m_ulFileLenth ||
+        m_File.WriteAt(block.ulPos, block.pData, (int32_t)block.ulLen) != (int32_t)block.ulLen)
         return ZV_ERR_IO;
     const bool bFinished = AdvanceLocalDownload(block.ulLen);
     if (Conf()->IsServerMode())

@@ -108,18 +108,18 @@ void ReadUploadResponse(QB_ByteStream& stream, ZV_UploadAnswer& answer)
 // Client: the pump on the data link
 
 // A file that ends before its shared length gives no bytes where some are
-// due; that is a failed read, not an endless run of empty blocks.
+// due; that is a failed read, not an endless run of empty blocks. Each
+// block is read at its own position, so no seek goes before the pass; a
+// closed file fails the first read as it would have failed the seek.
 void ZV_FileShareSession::PumpUpload(ConfPduData* lpCpd)
 {
     IZV_ConfHost* lpConf = Conf();
     if (lpConf->IsServerMode() || !lpConf->IsClientMode() || m_BriefInfo.m_usFileState != ZV_FILESTATE_UPLOADING)
         return;
-    if (!SeekTo(m_File, m_ulReadPos))
-        return FailLocalRead();
     uint8_t abBlock[ZV_BLOCK_SIZE];
     for (int i = 0; i < kBlocksPerSend; ++i)
     {
-        const int32_t nRead = m_File.Read(abBlock, (int32_t)ZV_BLOCK_SIZE);
+        const int32_t nRead = m_File.ReadAt(m_ulReadPos, abBlock, (int32_t)ZV_BLOCK_SIZE);
         if (nRead < 0 || (nRead == 0 && m_ulReadPos < m_BriefInfo.m_ulFileLenth))
             return FailLocalRead();
         SendUploadRequest(lpCpd->ulConn, m_usFileID, &m_BriefInfo.m_CreatorID, 0, 0, (uint32_t)nRead, abBlock,
@@ -285,8 +285,7 @@ void ZV_FileShareSession::TakeUploadBlock(uint32_t ulConn, uint32_t ulResult, co
         return;
     }
     m_bResyncPending = false;
-    if (ulResult == ZV_OK &&
-        (!SeekTo(*m_lpServerFile, ulWritePos) || m_lpServerFile->Write(pData, (int32_t)ulLen) != (int32_t)ulLen))
+    if (ulResult == ZV_OK && m_lpServerFile->WriteAt(ulWritePos, pData, (int32_t)ulLen) != (int32_t)ulLen)
         ulResult = ZV_ERR_IO;
     if (ulResult != ZV_OK)
     {

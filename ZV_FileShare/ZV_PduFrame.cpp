@@ -1,5 +1,7 @@
 #include "ZV_PduFrame.h"
 
+#include "QB_Plex.h"
+
 #include <cstdio>
 
 ZV_PduBuffer::ZV_PduBuffer() : m_stream(m_abData + kConfWordSize, QB_PDU_BUFFER_SIZE, false)
@@ -86,6 +88,8 @@ std::FILE* g_lpTraceStream = nullptr;
 void ZV_SetTraceStream(std::FILE* lpStream)
 {
     g_lpTraceStream = lpStream;
+    // The containers' long-chain warnings are trace of the same kind.
+    QB_SetHashWarningStream(lpStream);
 }
 
 void ZV_TraceRecv(const char* pszPduName)

@@ -67,6 +67,7 @@ uint32_t ZV_SendKick(IZV_ConfHost* lpConf, uint32_t ulConn);
 
 // The trace line a handler prints as it starts: "recv a NAME\r\n", on
 // standard output unless a program that embeds the module names another
-// stream (the demo keeps its own report readable that way).
+// stream (the demo keeps its own report readable that way). The stream
+// named here takes the containers' long-chain warnings too.
 void ZV_TraceRecv(const char* pszPduName);
 void ZV_SetTraceStream(std::FILE* lpStream);

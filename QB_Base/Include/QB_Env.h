@@ -108,6 +108,13 @@ public:
 
     // 16 fresh random bytes for a GUID.
     virtual void NewGuid(uint8_t abGuid[16]) = 0;
+
+    // Positioned transfers: the bytes at an absolute offset, leaving the
+    // file's own position where it was, so that a transfer which knows where
+    // its block lies needs no seek first. Bytes moved, or -1 on a failure;
+    // they fail as ReadFile and WriteFile do and count as those kinds.
+    virtual int32_t ReadFileAt(QB_FileHandle hFile, int64_t llOffset, void* pBuf, int32_t nCount) = 0;
+    virtual int32_t WriteFileAt(QB_FileHandle hFile, int64_t llOffset, const void* pBuf, int32_t nCount) = 0;
 };
 
 // The environment in force; the system's own one unless a test set another.

@@ -62,6 +62,9 @@ public:
 
     void NewGuid(uint8_t abGuid[16]) override;
 
+    int32_t ReadFileAt(QB_FileHandle hFile, int64_t llOffset, void* pBuf, int32_t nCount) override;
+    int32_t WriteFileAt(QB_FileHandle hFile, int64_t llOffset, const void* pBuf, int32_t nCount) override;
+
 private:
     static constexpr int kOpKinds = (int)QB_EnvOp::Count_;
 

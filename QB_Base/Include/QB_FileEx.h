@@ -53,6 +53,10 @@ public:
     int32_t Write(const void* pBuf, int32_t nCount);
     // The new position (32 bits), or -1 on a failure.
     int32_t Seek(int32_t nOffset, int nOrigin);
+    // Read and Write at a position of up to 4 GB, without a seek first and
+    // without moving the file's own position; the same results.
+    int32_t ReadAt(uint32_t ulPos, void* pBuf, int32_t nCount);
+    int32_t WriteAt(uint32_t ulPos, const void* pBuf, int32_t nCount);
     // File size in 32 bits; -1 on a failure.
     int32_t GetLength();
     // Sets the end of the file at the current position.

@@ -16,6 +16,8 @@
 
 #include <cstdint>
 #include <string>
+#include <unordered_map>
+#include <vector>
 
 // A name and its occurrence: the key of the section map and the key maps.
 struct QB_IniKey
@@ -35,6 +37,12 @@ struct QB_IniKey
 struct QB_IniKeyHash
 {
     uint32_t operator()(const QB_IniKey& key) const;
+};
+
+// The same hash for the standard containers.
+struct QB_IniKeyIndexHash
+{
+    size_t operator()(const QB_IniKey& key) const { return QB_IniKeyHash()(key); }
 };
 
 struct QB_IniLine;
@@ -60,6 +68,10 @@ struct QB_IniLine
     QB_IniLine* m_lpSection = nullptr;
     QB_IniLine* m_lpPrev = nullptr;
     QB_IniLine* m_lpNext = nullptr;
+    // On a section line: the bytes of its block (the section line and the
+    // lines behind it up to the next section) as the last Flush wrote them;
+    // empty once a change has touched the block.
+    std::string m_sBlockBytes;
 
     QB_IniLine() = default;
     ~QB_IniLine();
@@ -120,6 +132,15 @@ private:
     QB_IniLine* m_lpFirst = nullptr;
     QB_IniLine* m_lpLast = nullptr;  // new sections go to the end of the chain
     QB_IniLineMap m_mapSections;
+    // The same sections for look-ups. The map's table size is fixed and its
+    // walk gives the order of the sections, so it stays; with thousands of
+    // sections its chains grow long, and a name is found here instead.
+    std::unordered_map<QB_IniKey, QB_IniLine*, QB_IniKeyIndexHash> m_indexSections;
+    // The section lines in file order. A new section only ever goes to the
+    // end of the file, so this stays in step with the chain, and a Flush
+    // copies each untouched block as it wrote it the last time instead of
+    // visiting every line again.
+    std::vector<QB_IniLine*> m_vecSectionOrder;
     QB_StringA m_sFileName;
     bool m_bUnicode = false;
     QB_StringA m_sHeader;
@@ -132,11 +153,14 @@ private:
     bool ReadWholeFile(bool bCreateUnicode, std::string& sBytes);
     void Load(const std::string& sBytes);
     void LoadLine(const QB_StringW& sLine, LoadState& state);
-    void Serialize(std::string& sOut) const;
+    void Serialize(std::string& sOut);
+    void SerializeBlock(const QB_IniLine* lpSection, std::string& sOut) const;
+    static void Touch(QB_IniLine* lpLine);
     static bool ReplaceWhole(const QB_StringW& sPath, const std::string& sBytes);
 
     QB_IniLine* NewLine(const QB_StringW& sLine, QB_IniLine* lpSection) const;
     QB_IniLine* FindSection(const QB_StringW& sName, int nOccurrence) const;
+    void AddSection(QB_IniLine* lpSection);
     const QB_IniLine* FindKey(const QB_StringW& sSection, const QB_StringW& sKey) const;
     QB_IniLine* AppendSection(const QB_StringW& sName);
     void LinkAfter(QB_IniLine* lpLine, QB_IniLine* lpPrev);

@@ -102,6 +102,10 @@ public:
         return pNode->value;
     }
     V& operator[](const K& key) { return FindOrAdd(key); }
+    // Adds the key without looking for it first, for an owner that keeps
+    // its own index and knows the key is absent; the walk order is that of
+    // FindOrAdd.
+    V& AddNew(const K& key) { return AddNode(key, BucketOf(key))->value; }
     void SetAt(const K& key, const V& value) { FindOrAdd(key) = value; }
 
     bool RemoveKey(const K& key)
@@ -174,6 +178,11 @@ private:
 
     // A chain this long means a bad hasher or a table far too small.
     static constexpr int kReasonableSteps = 30;
+    // The longest walk this map has warned about. A lookup warns once, and
+    // only when it walks further than any before it: the line still marks
+    // the map and how full it is, and grows no faster than its worst chain,
+    // where a line for every step of every lookup would flood the output.
+    mutable int m_nWarnedSteps = kReasonableSteps;
 
     Node** m_pHashTable = nullptr;
     uint32_t m_nHashTableSize;
@@ -190,14 +199,19 @@ private:
         if (!m_pHashTable)
             return nullptr;
         int nSteps = 0;
-        for (Node* pNode = m_pHashTable[nBucket]; pNode; pNode = pNode->pNext)
+        Node* pNode = m_pHashTable[nBucket];
+        for (; pNode; pNode = pNode->pNext)
         {
-            if (++nSteps > kReasonableSteps)
-                QB_WarnUnreasonableHashKey(this, m_nHashTableSize, m_nCount);
+            ++nSteps;
             if (pNode->key == key)
-                return pNode;
+                break;
         }
-        return nullptr;
+        if (nSteps > m_nWarnedSteps)
+        {
+            m_nWarnedSteps = nSteps;
+            QB_WarnUnreasonableHashKey(this, m_nHashTableSize, m_nCount);
+        }
+        return pNode;
     }
 
     Node* AddNode(const K& key, uint32_t nBucket)

@@ -34,10 +34,10 @@ using QB_POSITION = struct QB_PositionTag*;
 // Where a map walk begins: before the first element.
 inline QB_POSITION const QB_BEFORE_START_POSITION = reinterpret_cast<QB_POSITION>(~uintptr_t(0));
 
-// The line a map prints for each step of a lookup beyond the reasonable
-// length of a chain. The map goes on searching afterwards.
+// The line a map prints when a lookup walks a chain beyond its reasonable
+// length, further than any lookup of that map before. The lookup goes on.
 void QB_WarnUnreasonableHashKey(const void* lpMap, uint32_t nHashTableSize, int nCount);
 // Sends those lines to lpStream instead of standard output (null restores
-// it) and gives the previous stream back. Meant for benchmarks, which would
-// drown their report in a table deliberately overfilled.
+// it) and gives the previous stream back. The module's trace stream takes
+// them along with its own lines, so a host that names one gets both there.
 std::FILE* QB_SetHashWarningStream(std::FILE* lpStream);

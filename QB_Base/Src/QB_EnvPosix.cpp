@@ -11,12 +11,23 @@
 // Deleting a file that is open is allowed here, where Windows refuses it;
 // the system closes its files before it deletes them.
 //
+// Parked files. A process may hold only so many descriptors, and a client
+// that shares thousands of files keeps each of them open. A handle is
+// therefore not a descriptor: when the handles hold half of the process's
+// limit, or the system has no descriptor left for an open, the handle used
+// longest ago gives its descriptor back (it is parked, its position kept)
+// and takes a new one at its next use, after a check that its path still
+// names the same file. The other half stays for the host and the logs. A parked handle keeps its
+// place in the sharing table, so parking changes nothing a caller can see
+// but the failure of a handle whose file was deleted or replaced meanwhile.
+//
 // Read-only. A file without any write permission bit counts as carrying the
 // read-only attribute: opening it for writing, replacing it and deleting it
 // fail, as Windows does, also when the process runs as
 // root and the kernel would allow all three.
 #include "QB_Env.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
@@ -27,6 +38,7 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -217,6 +229,11 @@ struct OpenRecord
     ino_t ino;
     uint32_t ulAccess;  // kAccessRead / kAccessWrite
     uint32_t ulDeny;    // the same bits: what others may not do
+    std::string sPath;  // for taking a parked handle's descriptor again
+    int nFlags = 0;     // its open flags, without those that create or cut
+    int nFd = -1;       // -1 while parked
+    off_t llPos = 0;    // the position kept while parked
+    uint64_t ullLastUse = 0;
 };
 
 bool Clashes(const OpenRecord& rec, dev_t dev, ino_t ino, uint32_t ulAccess, uint32_t ulDeny)
@@ -291,22 +308,94 @@ public:
 
     void NewGuid(uint8_t abGuid[16]) override;
 
-private:
-    std::mutex m_mutex;  // guards m_mapOpen
-    std::map<int, OpenRecord> m_mapOpen;
+    int32_t ReadFileAt(QB_FileHandle hFile, int64_t llOffset, void* pBuf, int32_t nCount) override;
+    int32_t WriteFileAt(QB_FileHandle hFile, int64_t llOffset, const void* pBuf, int32_t nCount) override;
 
-    bool IsKnown(QB_FileHandle hFile);
+private:
+    // Guards m_mapOpen, and is held across each operation on a handle, so
+    // that no other thread parks the descriptor in use.
+    std::mutex m_mutex;
+    std::map<QB_FileHandle, OpenRecord> m_mapOpen;
+    // The same handles by file, so that an open meets only the handles of
+    // its own file, not every file this process holds.
+    using FileKey = std::pair<dev_t, ino_t>;
+    std::multimap<FileKey, QB_FileHandle> m_mapByFile;
+    // Handles are numbered apart from descriptors, so that a descriptor
+    // passed by mistake is not taken for a handle.
+    QB_FileHandle m_hNext = 0x100000;
+    uint64_t m_ullUseClock = 0;
+    size_t m_nLive = 0;  // handles that hold a descriptor
+
+    int LiveFd(QB_FileHandle hFile);
+    int OpenWithRoom(const std::string& sPath, int nFlags, mode_t mode, QB_FileHandle hKeep);
+    bool ParkOldest(QB_FileHandle hKeep);
     bool MayOpen(const std::string& sPath, const OpenRequest& req);
 };
 
-// Handles that this environment did not give out are refused, so a stale or
-// made-up value can't reach another descriptor of the process.
-bool QB_EnvPosix::IsKnown(QB_FileHandle hFile)
+// The descriptor of a handle, taken again if the handle was parked; -1 for
+// a handle this environment did not give out, so a stale or made-up value
+// can't reach another descriptor of the process. The caller holds m_mutex.
+int QB_EnvPosix::LiveFd(QB_FileHandle hFile)
 {
-    if (hFile < 0 || hFile > INT32_MAX)
+    auto it = m_mapOpen.find(hFile);
+    if (it == m_mapOpen.end())
+        return -1;
+    OpenRecord& rec = it->second;
+    rec.ullLastUse = ++m_ullUseClock;
+    if (rec.nFd >= 0)
+        return rec.nFd;
+    int nFd = OpenWithRoom(rec.sPath, rec.nFlags, 0, hFile);
+    struct stat st;
+    if (nFd >= 0 && (fstat(nFd, &st) != 0 || st.st_dev != rec.dev || st.st_ino != rec.ino ||
+                     lseek(nFd, rec.llPos, SEEK_SET) != rec.llPos))
+    {
+        close(nFd);
+        --m_nLive;
+        return -1;
+    }
+    rec.nFd = nFd;
+    return nFd;
+}
+
+size_t LiveBudget()
+{
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY || limit.rlim_cur > (1u << 24))
+        return (size_t)1 << 23;
+    return std::max<size_t>((size_t)limit.rlim_cur / 2, 1);
+}
+
+// Parks handles, the least recently used first, to stay within the budget
+// and while the system has no descriptor to give. hKeep is never parked.
+// The caller holds m_mutex.
+int QB_EnvPosix::OpenWithRoom(const std::string& sPath, int nFlags, mode_t mode, QB_FileHandle hKeep)
+{
+    for (const size_t nBudget = LiveBudget(); m_nLive >= nBudget && ParkOldest(hKeep);)
+    {
+    }
+    for (;;)
+    {
+        int nFd = open(sPath.c_str(), nFlags, mode);
+        if (nFd >= 0)
+            ++m_nLive;
+        if (nFd >= 0 || (errno != EMFILE && errno != ENFILE) || !ParkOldest(hKeep))
+            return nFd;
+    }
+}
+
+bool QB_EnvPosix::ParkOldest(QB_FileHandle hKeep)
+{
+    OpenRecord* lpOldest = nullptr;
+    for (auto& [hFile, rec] : m_mapOpen)
+        if (hFile != hKeep && rec.nFd >= 0 && (!lpOldest || rec.ullLastUse < lpOldest->ullLastUse))
+            lpOldest = &rec;
+    if (!lpOldest)
         return false;
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_mapOpen.count((int)hFile) != 0;
+    lpOldest->llPos = lseek(lpOldest->nFd, 0, SEEK_CUR);
+    close(lpOldest->nFd);
+    lpOldest->nFd = -1;
+    --m_nLive;
+    return true;
 }
 
 // Checks an existing file against the sharing table and its read-only state.
@@ -321,8 +410,9 @@ bool QB_EnvPosix::MayOpen(const std::string& sPath, const OpenRequest& req)
     bool bWrites = (req.ulAccess & kAccessWrite) || req.ulCreation == kCreateAlways;
     if (bWrites && (st.st_mode & kAnyWriteBit) == 0)
         return false;
-    for (const auto& [nFd, rec] : m_mapOpen)
-        if (Clashes(rec, st.st_dev, st.st_ino, req.ulAccess, req.ulDeny))
+    auto range = m_mapByFile.equal_range(FileKey{st.st_dev, st.st_ino});
+    for (auto it = range.first; it != range.second; ++it)
+        if (Clashes(m_mapOpen.at(it->second), st.st_dev, st.st_ino, req.ulAccess, req.ulDeny))
             return false;
     return true;
 }
@@ -338,39 +428,58 @@ QB_FileHandle QB_EnvPosix::OpenFile(const std::u16string& sPath, uint32_t ulMode
     std::lock_guard<std::mutex> lock(m_mutex);
     if (!MayOpen(sSystem, req))
         return QB_INVALID_FILE;
-    int nFd = open(sSystem.c_str(), req.nFlags, req.mode);
+    int nFd = OpenWithRoom(sSystem, req.nFlags, req.mode, QB_INVALID_FILE);
     if (nFd < 0)
         return QB_INVALID_FILE;
     struct stat st;
     if (fstat(nFd, &st) != 0 || !S_ISREG(st.st_mode))
     {
         close(nFd);
+        --m_nLive;
         return QB_INVALID_FILE;
     }
-    m_mapOpen[nFd] = OpenRecord{st.st_dev, st.st_ino, req.ulAccess, req.ulDeny};
-    return nFd;
+    const int nReopenFlags = req.nFlags & ~(O_CREAT | O_TRUNC | O_EXCL);
+    const QB_FileHandle hFile = m_hNext++;
+    m_mapOpen[hFile] =
+        OpenRecord{st.st_dev, st.st_ino, req.ulAccess, req.ulDeny, sSystem, nReopenFlags, nFd, 0, ++m_ullUseClock};
+    m_mapByFile.emplace(FileKey{st.st_dev, st.st_ino}, hFile);
+    return hFile;
 }
 
 bool QB_EnvPosix::CloseFile(QB_FileHandle hFile)
 {
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        if (hFile < 0 || hFile > INT32_MAX || m_mapOpen.erase((int)hFile) == 0)
-            return false;
-    }
-    return close((int)hFile) == 0;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto it = m_mapOpen.find(hFile);
+    if (it == m_mapOpen.end())
+        return false;
+    const int nFd = it->second.nFd;
+    auto range = m_mapByFile.equal_range(FileKey{it->second.dev, it->second.ino});
+    for (auto itFile = range.first; itFile != range.second; ++itFile)
+        if (itFile->second == hFile)
+        {
+            m_mapByFile.erase(itFile);
+            break;
+        }
+    m_mapOpen.erase(it);
+    if (nFd < 0)
+        return true;
+    --m_nLive;
+    return close(nFd) == 0;
 }
 
+namespace {
+
 // A file gives the whole count unless its end comes first, so short reads
-// and writes of the kernel are continued here.
-int32_t QB_EnvPosix::ReadFile(QB_FileHandle hFile, void* pBuf, int32_t nCount)
+// and writes of the kernel are continued here. llOffset below 0 moves the
+// bytes at the file's own position.
+int32_t ReadFully(int nFd, int64_t llOffset, void* pBuf, int32_t nCount)
 {
-    if (!pBuf || nCount < 0 || !IsKnown(hFile))
-        return -1;
     int32_t nDone = 0;
     while (nDone < nCount)
     {
-        ssize_t n = read((int)hFile, (char*)pBuf + nDone, (size_t)(nCount - nDone));
+        char* pTo = (char*)pBuf + nDone;
+        size_t nLeft = (size_t)(nCount - nDone);
+        ssize_t n = llOffset < 0 ? read(nFd, pTo, nLeft) : pread(nFd, pTo, nLeft, (off_t)(llOffset + nDone));
         if (n < 0 && errno == EINTR)
             continue;
         if (n < 0)
@@ -382,14 +491,14 @@ int32_t QB_EnvPosix::ReadFile(QB_FileHandle hFile, void* pBuf, int32_t nCount)
     return nDone;
 }
 
-int32_t QB_EnvPosix::WriteFile(QB_FileHandle hFile, const void* pBuf, int32_t nCount)
+int32_t WriteFully(int nFd, int64_t llOffset, const void* pBuf, int32_t nCount)
 {
-    if (!pBuf || nCount < 0 || !IsKnown(hFile))
-        return -1;
     int32_t nDone = 0;
     while (nDone < nCount)
     {
-        ssize_t n = write((int)hFile, (const char*)pBuf + nDone, (size_t)(nCount - nDone));
+        const char* pFrom = (const char*)pBuf + nDone;
+        size_t nLeft = (size_t)(nCount - nDone);
+        ssize_t n = llOffset < 0 ? write(nFd, pFrom, nLeft) : pwrite(nFd, pFrom, nLeft, (off_t)(llOffset + nDone));
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0)
@@ -399,32 +508,68 @@ int32_t QB_EnvPosix::WriteFile(QB_FileHandle hFile, const void* pBuf, int32_t nC
     return nDone;
 }
 
+}  // namespace
+
+int32_t QB_EnvPosix::ReadFile(QB_FileHandle hFile, void* pBuf, int32_t nCount)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    int nFd = LiveFd(hFile);
+    return !pBuf || nCount < 0 || nFd < 0 ? -1 : ReadFully(nFd, -1, pBuf, nCount);
+}
+
+int32_t QB_EnvPosix::WriteFile(QB_FileHandle hFile, const void* pBuf, int32_t nCount)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    int nFd = LiveFd(hFile);
+    return !pBuf || nCount < 0 || nFd < 0 ? -1 : WriteFully(nFd, -1, pBuf, nCount);
+}
+
+int32_t QB_EnvPosix::ReadFileAt(QB_FileHandle hFile, int64_t llOffset, void* pBuf, int32_t nCount)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    int nFd = LiveFd(hFile);
+    return !pBuf || nCount < 0 || llOffset < 0 || nFd < 0 ? -1 : ReadFully(nFd, llOffset, pBuf, nCount);
+}
+
+int32_t QB_EnvPosix::WriteFileAt(QB_FileHandle hFile, int64_t llOffset, const void* pBuf, int32_t nCount)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    int nFd = LiveFd(hFile);
+    return !pBuf || nCount < 0 || llOffset < 0 || nFd < 0 ? -1 : WriteFully(nFd, llOffset, pBuf, nCount);
+}
+
 int64_t QB_EnvPosix::SeekFile(QB_FileHandle hFile, int64_t llOffset, int nOrigin)
 {
     static const int kWhence[3] = {SEEK_SET, SEEK_CUR, SEEK_END};
-    if (nOrigin < QB_SEEK_BEGIN || nOrigin > QB_SEEK_END || !IsKnown(hFile))
+    if (nOrigin < QB_SEEK_BEGIN || nOrigin > QB_SEEK_END)
         return -1;
-    off_t pos = lseek((int)hFile, (off_t)llOffset, kWhence[nOrigin]);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    int nFd = LiveFd(hFile);
+    off_t pos = nFd < 0 ? -1 : lseek(nFd, (off_t)llOffset, kWhence[nOrigin]);
     return pos < 0 ? -1 : (int64_t)pos;
 }
 
 bool QB_EnvPosix::SetEndOfFile(QB_FileHandle hFile)
 {
-    if (!IsKnown(hFile))
-        return false;
-    off_t pos = lseek((int)hFile, 0, SEEK_CUR);
-    return pos >= 0 && ftruncate((int)hFile, pos) == 0;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    int nFd = LiveFd(hFile);
+    off_t pos = nFd < 0 ? -1 : lseek(nFd, 0, SEEK_CUR);
+    return pos >= 0 && ftruncate(nFd, pos) == 0;
 }
 
 bool QB_EnvPosix::FlushFile(QB_FileHandle hFile)
 {
-    return IsKnown(hFile) && fsync((int)hFile) == 0;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    int nFd = LiveFd(hFile);
+    return nFd >= 0 && fsync(nFd) == 0;
 }
 
 int64_t QB_EnvPosix::GetFileSize(QB_FileHandle hFile)
 {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    int nFd = LiveFd(hFile);
     struct stat st;
-    if (!IsKnown(hFile) || fstat((int)hFile, &st) != 0)
+    if (nFd < 0 || fstat(nFd, &st) != 0)
         return -1;
     return (int64_t)st.st_size;
 }
@@ -433,8 +578,12 @@ bool QB_EnvPosix::GetFileTimes(QB_FileHandle hFile, QB_SystemTime* pCreation, QB
                                QB_SystemTime* pLastAccess)
 {
     struct statx stx;
-    if (!IsKnown(hFile) || statx((int)hFile, "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_BTIME, &stx) != 0)
-        return false;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        int nFd = LiveFd(hFile);
+        if (nFd < 0 || statx(nFd, "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_BTIME, &stx) != 0)
+            return false;
+    }
     // Not every file system keeps a birth time; the status change time is
     // the nearest thing it has.
     StoreTime(pCreation, (stx.stx_mask & STATX_BTIME) ? stx.stx_btime : stx.stx_ctime);

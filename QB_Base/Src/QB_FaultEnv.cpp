@@ -236,3 +236,13 @@ void QB_FaultEnv::NewGuid(uint8_t abGuid[16])
 {
     m_lpTarget->NewGuid(abGuid);
 }
+
+int32_t QB_FaultEnv::ReadFileAt(QB_FileHandle hFile, int64_t llOffset, void* pBuf, int32_t nCount)
+{
+    return Fails(QB_EnvOp::Read) ? -1 : m_lpTarget->ReadFileAt(hFile, llOffset, pBuf, nCount);
+}
+
+int32_t QB_FaultEnv::WriteFileAt(QB_FileHandle hFile, int64_t llOffset, const void* pBuf, int32_t nCount)
+{
+    return Fails(QB_EnvOp::Write) ? -1 : m_lpTarget->WriteFileAt(hFile, llOffset, pBuf, nCount);
+}

@@ -82,6 +82,24 @@ int32_t QB_FileEx::Write(const void* pBuf, int32_t nCount)
     return QB_GetEnv()->WriteFile(m_hFile, pBuf, nCount);
 }
 
+int32_t QB_FileEx::ReadAt(uint32_t ulPos, void* pBuf, int32_t nCount)
+{
+    if (!IsOpen() || pBuf == nullptr || nCount < 1)
+        return -1;
+    return QB_GetEnv()->ReadFileAt(m_hFile, ulPos, pBuf, nCount);
+}
+
+int32_t QB_FileEx::WriteAt(uint32_t ulPos, const void* pBuf, int32_t nCount)
+{
+    if (nCount < 0)
+        return -1;
+    if (nCount == 0)
+        return 0;
+    if (!IsOpen() || pBuf == nullptr)
+        return -1;
+    return QB_GetEnv()->WriteFileAt(m_hFile, ulPos, pBuf, nCount);
+}
+
 int32_t QB_FileEx::Seek(int32_t nOffset, int nOrigin)
 {
     if (!IsOpen())

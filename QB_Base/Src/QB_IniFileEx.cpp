@@ -3,6 +3,7 @@
 #include "QB_Env.h"
 #include "QB_FileEx.h"
 
+#include <algorithm>
 #include <bit>
 #include <cassert>
 #include <charconv>
@@ -119,15 +120,16 @@ void AppendUtf16(std::string& sOut, const char16_t* pch, int nCount)
     }
 }
 
+// Read by position, so wherever the file stands no seek is needed.
 bool ReadAll(QB_FileEx& file, std::string& sBytes)
 {
     int32_t nLength = file.GetLength();
-    if (nLength < 0 || file.Seek(0, QB_SEEK_BEGIN) != 0)
+    if (nLength < 0)
         return false;
     sBytes.resize((size_t)nLength);
     for (int32_t nDone = 0; nDone < nLength;)
     {
-        int32_t nRead = file.Read(sBytes.data() + nDone, nLength - nDone);
+        int32_t nRead = file.ReadAt((uint32_t)nDone, sBytes.data() + nDone, nLength - nDone);
         if (nRead <= 0)
             return false;
         nDone += nRead;
@@ -152,11 +154,7 @@ bool WriteAll(QB_FileEx& file, const std::string& sBytes)
 // Counts names while a file loads. Nothing is removed during a load, so the
 // lowest free occurrence of a name is always one above its count, and no
 // probing of the fixed-size maps is needed.
-struct QB_IniNameHash
-{
-    size_t operator()(const QB_IniKey& key) const { return QB_IniKeyHash()(key); }
-};
-using QB_IniNameCount = std::unordered_map<QB_IniKey, int, QB_IniNameHash>;
+using QB_IniNameCount = std::unordered_map<QB_IniKey, int, QB_IniKeyIndexHash>;
 
 int NextOccurrence(QB_IniNameCount& mapCount, const QB_StringW& sName)
 {
@@ -243,6 +241,8 @@ void QB_IniFileEx::Clear()
     }
     m_lpFirst = m_lpLast = nullptr;
     m_mapSections.RemoveAll();
+    m_indexSections.clear();
+    m_vecSectionOrder.clear();
     m_bUnicode = false;
     m_sHeader.Empty();
     m_bSectionSeen = false;
@@ -332,13 +332,17 @@ void QB_IniFileEx::LoadLine(const QB_StringW& sLine, LoadState& state)
     }
     m_bSectionSeen = true;
     QB_IniLine* lpLine = NewLine(sLine, state.lpSection);
-    LinkAfter(lpLine, m_lpLast);
+    // Nothing is written yet, so there is no block to touch; a run of lines
+    // without a section pointer would make each touch walk back over all.
+    (m_lpLast ? m_lpLast->m_lpNext : m_lpFirst) = lpLine;
+    lpLine->m_lpPrev = m_lpLast;
+    m_lpLast = lpLine;
     if (lpLine->m_type == QB_IniLine::Section)
     {
         lpLine->m_Key.m_nOccurrence = NextOccurrence(state.mapSectionCount, lpLine->m_Key.m_sName);
-        m_mapSections.SetAt(lpLine->m_Key, lpLine);
+        AddSection(lpLine);
         state.lpSection = lpLine;
-        state.mapKeyCount = QB_IniNameCount();
+        state.mapKeyCount.clear();  // keeps its buckets: no allocation per section
     }
     else if (lpLine->m_type == QB_IniLine::Key || lpLine->m_type == QB_IniLine::Comment)
     {
@@ -383,9 +387,25 @@ QB_IniLine* QB_IniFileEx::NewLine(const QB_StringW& sLine, QB_IniLine* lpSection
 
 QB_IniLine* QB_IniFileEx::FindSection(const QB_StringW& sName, int nOccurrence) const
 {
-    QB_IniLine* lpSection = nullptr;
-    m_mapSections.Lookup(QB_IniKey(sName, nOccurrence), lpSection);
-    return lpSection;
+    auto it = m_indexSections.find(QB_IniKey(sName, nOccurrence));
+    return it == m_indexSections.end() ? nullptr : it->second;
+}
+
+// The caller knows the name and occurrence to be new.
+void QB_IniFileEx::AddSection(QB_IniLine* lpSection)
+{
+    m_mapSections.AddNew(lpSection->m_Key) = lpSection;
+    m_indexSections.emplace(lpSection->m_Key, lpSection);
+    m_vecSectionOrder.push_back(lpSection);
+}
+
+// Forgets the written bytes of the block that holds the line.
+void QB_IniFileEx::Touch(QB_IniLine* lpLine)
+{
+    while (lpLine && lpLine->m_type != QB_IniLine::Section && !lpLine->m_lpSection)
+        lpLine = lpLine->m_lpPrev;
+    if (lpLine)
+        (lpLine->m_type == QB_IniLine::Section ? lpLine : lpLine->m_lpSection)->m_sBlockBytes.clear();
 }
 
 // Only the first occurrence of a section and of a key is reached by name.
@@ -405,7 +425,7 @@ QB_IniLine* QB_IniFileEx::AppendSection(const QB_StringW& sName)
     QB_IniLine* lpSection = NewLine(sName, nullptr);
     assert(lpSection->m_type == QB_IniLine::Section);
     lpSection->m_Key.m_nOccurrence = 1;
-    m_mapSections.SetAt(lpSection->m_Key, lpSection);
+    AddSection(lpSection);
     LinkAfter(lpSection, m_lpLast);
     return lpSection;
 }
@@ -413,6 +433,8 @@ QB_IniLine* QB_IniFileEx::AppendSection(const QB_StringW& sName)
 // Puts the line behind lpPrev, or at the front when lpPrev is null.
 void QB_IniFileEx::LinkAfter(QB_IniLine* lpLine, QB_IniLine* lpPrev)
 {
+    if (lpLine->m_type != QB_IniLine::Section)
+        Touch(lpPrev);
     QB_IniLine* lpNext = lpPrev ? lpPrev->m_lpNext : m_lpFirst;
     lpLine->m_lpPrev = lpPrev;
     lpLine->m_lpNext = lpNext;
@@ -422,6 +444,8 @@ void QB_IniFileEx::LinkAfter(QB_IniLine* lpLine, QB_IniLine* lpPrev)
 
 void QB_IniFileEx::Unlink(QB_IniLine* lpLine)
 {
+    if (lpLine->m_type != QB_IniLine::Section)
+        Touch(lpLine->m_lpPrev);
     (lpLine->m_lpPrev ? lpLine->m_lpPrev->m_lpNext : m_lpFirst) = lpLine->m_lpNext;
     (lpLine->m_lpNext ? lpLine->m_lpNext->m_lpPrev : m_lpLast) = lpLine->m_lpPrev;
     lpLine->m_lpPrev = lpLine->m_lpNext = nullptr;
@@ -447,6 +471,8 @@ void QB_IniFileEx::DeleteSectionLines(QB_IniLine* lpSection)
         lpLine = lpNext;
     }
     m_mapSections.RemoveKey(lpSection->m_Key);
+    m_indexSections.erase(lpSection->m_Key);
+    m_vecSectionOrder.erase(std::find(m_vecSectionOrder.begin(), m_vecSectionOrder.end(), lpSection));
     Unlink(lpSection);
     delete lpSection;
 }
@@ -495,7 +521,7 @@ bool QB_IniFileEx::ReplaceWhole(const QB_StringW& sPath, const std::string& sByt
     return lpEnv->FlushFolder(sFolder);
 }
 
-void QB_IniFileEx::Serialize(std::string& sOut) const
+void QB_IniFileEx::Serialize(std::string& sOut)
 {
     sOut.clear();
     if (m_bUnicode)
@@ -508,7 +534,22 @@ void QB_IniFileEx::Serialize(std::string& sOut) const
     {
         sOut.append(m_sHeader.GetString(), (size_t)m_sHeader.GetLength());
     }
-    for (const QB_IniLine* lpLine = m_lpFirst; lpLine; lpLine = lpLine->m_lpNext)
+    for (QB_IniLine* lpSection : m_vecSectionOrder)
+    {
+        if (lpSection->m_sBlockBytes.empty())
+        {
+            std::string sBlock;  // kept only when whole
+            SerializeBlock(lpSection, sBlock);
+            lpSection->m_sBlockBytes = std::move(sBlock);
+        }
+        sOut += lpSection->m_sBlockBytes;
+    }
+}
+
+void QB_IniFileEx::SerializeBlock(const QB_IniLine* lpSection, std::string& sOut) const
+{
+    for (const QB_IniLine* lpLine = lpSection; lpLine && (lpLine == lpSection || lpLine->m_type != QB_IniLine::Section);
+         lpLine = lpLine->m_lpNext)
     {
         if (m_bUnicode)
         {

@@ -32,6 +32,9 @@ ZV_SimConference::ZV_SimConference(ZV_SimModuleApi api, ZV_SimOptions options)
     m_journal.SetEntryLimit(m_options.nJournalEntries);
     m_ullNextTimer = m_options.ulTimerPeriod;
     SetElapsed(0);
+    // Calls into the managers write the variable only when the folder
+    // changes, so it must start from a value the simulator knows.
+    ZV_SimHost::PointHome({});
     if (!m_api.Start())
         m_sError = "the module cannot start: " + m_api.GetError();
 }

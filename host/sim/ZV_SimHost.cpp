@@ -5,26 +5,49 @@
 #include "ZV_SimMachine.h"
 #include "ZV_SimModuleApi.h"
 
+#include <algorithm>
+
 namespace {
 
 constexpr const char* kHomeVariable = "ROOMCRATE_HOME";
 
-// The folder ROOMCRATE_HOME points at now.
+// The folder ROOMCRATE_HOME points at now, as PointHome last wrote it.
 std::string g_sCurrentHome;
+// The folder of the innermost call into a manager; null outside calls.
+const std::string* g_lpCallHome = nullptr;
+
+// The variable is written only when the folder changes: a run of calls
+// into one node costs no write at all, and a transfer that goes back and
+// forth between two nodes one write per call.
+void PointHomeIfChanged(const std::string& sHome)
+{
+    if (sHome != g_sCurrentHome)
+        ZV_SimHost::PointHome(sHome);
+}
 
 // Every call into a manager runs inside one of these. Calls nest when a
 // user-side callback calls into another node's manager, so the caller's
-// folder is put back at the end.
+// folder is put back at the end of an inner call; after the outermost call
+// the folder stays, since nothing of the module runs until the next one.
 class HomeScope
 {
 public:
-    explicit HomeScope(const std::string& sHome) : m_sPrevious(g_sCurrentHome) { ZV_SimHost::PointHome(sHome); }
-    ~HomeScope() { ZV_SimHost::PointHome(m_sPrevious); }
+    explicit HomeScope(const std::string& sHome) : m_lpPrevious(g_lpCallHome)
+    {
+        g_lpCallHome = &sHome;
+        PointHomeIfChanged(sHome);
+    }
+    ~HomeScope()
+    {
+        g_lpCallHome = m_lpPrevious;
+        if (m_lpPrevious)
+            PointHomeIfChanged(*m_lpPrevious);
+    }
     HomeScope(const HomeScope&) = delete;
     HomeScope& operator=(const HomeScope&) = delete;
 
 private:
-    std::string m_sPrevious;
+    const std::string* m_lpPrevious;
 };
 
 std::string NodeName(const ZV_SimMachine* lpMachine, uint32_t ulConfID)
@@ -110,7 +133,7 @@ void ZV_SimHost::SetUserFields(ConfPduData& cpd, const ZV_SimMachine& peer) cons
 }
 
 uint32_t ZV_SimHost::DeliverPdu(const ZV_SimMachine& peer, uint32_t ulConn, uint16_t usConnType, uint16_t usPdu,
-                                const std::vector<uint8_t>& vbData)
+                                const uint8_t* pData, uint32_t ulLen)
 {
     if (!m_lpModule)
         return zvSimSendRefused;
@@ -119,8 +142,8 @@ uint32_t ZV_SimHost::DeliverPdu(const ZV_SimMachine& peer, uint32_t ulConn, uint
     cpd.ulConn = ulConn;
     cpd.conn_type = usConnType;
     cpd.usPdu = usPdu;
-    cpd.ulLen = (uint32_t)vbData.size();
-    cpd.pData = vbData.data();
+    cpd.ulLen = ulLen;
+    cpd.pData = pData;
     HomeScope scope(m_sHome);
     return m_lpModule->HandlePdu(&cpd);
 }
@@ -195,9 +218,12 @@ void ZV_SimHost::OnConfEvent(IZV_ConfHost* lpConf, uint16_t usEvent, uint32_t ul
     entry.eKind = ZV_SimEntryKind::Event;
     entry.sNode = m_sName;
     entry.usNumber = usEvent;
+    std::vector<uint8_t> vbData;
     if (pData)
-        entry.vbData.assign(pData, pData + ulLen);
-    std::vector<uint8_t> vbData = entry.vbData;
+        vbData.assign(pData, pData + ulLen);
+    // The journal keeps only the head of a payload; the callback gets it all.
+    entry.nDataLen = vbData.size();
+    entry.vbData.assign(vbData.begin(), vbData.begin() + std::min(vbData.size(), Journal().GetPayloadLimit()));
     Journal().Add(std::move(entry));
     if (m_fnEvent)
         m_fnEvent(*this, usEvent, vbData);

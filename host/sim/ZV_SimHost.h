@@ -61,7 +61,7 @@ public:
 
     // The host's calls into the manager.
     uint32_t DeliverPdu(const ZV_SimMachine& peer, uint32_t ulConn, uint16_t usConnType, uint16_t usPdu,
-                        const std::vector<uint8_t>& vbData);
+                        const uint8_t* pData, uint32_t ulLen);
     void DeliverOnSend(const ZV_SimMachine& peer, uint32_t ulConn, uint16_t usConnType);
     void DeliverLinkChange(bool bUp, const ZV_SimMachine& peer, uint32_t ulConn, uint16_t usConnType);
     void DeliverTimer(uint32_t ulTick);
@@ -69,7 +69,8 @@ public:
     uint32_t DeliverEvent(uint16_t usEvent, uintptr_t a1, uintptr_t a2, const std::string& sArg2);
 
     // ROOMCRATE_HOME belongs to the whole process; this is the one place
-    // that sets it. An empty folder unsets it.
+    // that sets it. An empty folder unsets it. Calls into a manager leave it
+    // pointing at the last node called.
     static void PointHome(const std::string& sHome);
 
     // IZV_ConfHost

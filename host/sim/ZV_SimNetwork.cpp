@@ -184,6 +184,7 @@ uint32_t ZV_SimNetwork::Send(const ZV_SimSend& send)
     task.nFromSide = send.end.nSide;
     task.usPdu = send.usPdu;
     task.bConfWord = lpLink->IsServerLink() && CarriesConfWord(send.eRoute);
+    // The sender's buffer is its own again when Send returns.
     task.vbData.assign(send.pData, send.pData + send.ulLen);
     task.nEntry = m_lpJournal->Add(std::move(entry));
     m_queue.push_back(std::move(task));
@@ -296,7 +297,8 @@ void ZV_SimNetwork::Deliver(Task& task)
     const ZV_SimLink* lpLink = task.lpLink;
     int nToSide = 1 - task.nFromSide;
     uint32_t ulResult = lpTo->DeliverPdu(*lpLink->GetMachine(task.nFromSide), lpLink->GetConn(nToSide, task.nChannel),
-                                         lpLink->GetConnType(task.nChannel), task.usPdu, task.vbData);
+                                         lpLink->GetConnType(task.nChannel), task.usPdu, task.vbData.data() + task.nSkip,
+                                         (uint32_t)(task.vbData.size() - task.nSkip));
     m_lpJournal->SetResult(task.nEntry, ulResult);
 }
 
@@ -329,6 +331,6 @@ ZV_SimHost* ZV_SimNetwork::FindReceiver(Task& task, ZV_SimFate* lpeFate) const
         *lpeFate = ZV_SimFate::UnknownConf;
         return nullptr;
     }
-    task.vbData.erase(task.vbData.begin(), task.vbData.begin() + 2);
+    task.nSkip = 2;
     return lpNode;
 }

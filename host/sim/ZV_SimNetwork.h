@@ -102,6 +102,7 @@ private:
         uint16_t usPdu = 0;
         bool bConfWord = false;
         std::vector<uint8_t> vbData;
+        size_t nSkip = 0;  // leading bytes the receiving host took off
     };
 
     // What the host does about OnSend for one node on one connection.

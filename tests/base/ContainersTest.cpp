@@ -60,40 +60,55 @@ TEST(Map, WalksBucketsUpwardsAndEachBucketFromTheNewestKeyToTheOldest)
     }
 }
 
-// Keys that are multiples of 17 share bucket 0 of the default table.
-TEST(Map, PrintsOneWarningLineForEachLookupStepBeyondThirty)
+// Keys that are multiples of 17 share bucket 0 of the default table; in a
+// chain of 40 the key 17 * i is found at step 40 - i.
+TEST(Map, WarnsOnceForALookupThatWalksFurtherThanThirtyStepsAndFurtherThanAnyBefore)
 {
+    QB_Map<uint32_t, int> map;
+    for (int i = 0; i < 40; ++i)
+        map.AddNew(17u * i) = i;  // no look-up, so no walk yet
     struct Row
     {
         const char* pszName;
-        int nChain;
         uint32_t ulKey;
-        int nLines;
+        bool bWarns;
     } rows[] = {
-        {"a miss in a chain of 30", 30, 17 * 99, 0},
-        {"the oldest of 31", 31, 0, 1},
-        {"the newest of 31", 31, 17 * 30, 0},
-        {"the oldest of 33", 33, 0, 3},
+        {"the newest", 17 * 39, false},       {"30 steps", 17 * 10, false},
+        {"31 steps", 17 * 9, true},           {"31 steps again", 17 * 9, false},
+        {"fewer steps", 17 * 10, false},      {"33 steps", 17 * 7, true},
+        {"a miss walks all 40", 17 * 99, true}, {"the same miss", 17 * 99, false},
     };
+    char szLine[160];
+    std::snprintf(szLine, sizeof szLine,
+                  "warning: unreasonable hash key! addr = 0x%016" PRIXPTR " hash table = 17 count = 40\r\n",
+                  (uintptr_t)&map);
     for (const Row& row : rows)
     {
-        QB_Map<uint32_t, int> map;
-        for (int i = 0; i < row.nChain; ++i)
-            map[17u * i] = i;
         int nValue = 0;
         testing::internal::CaptureStdout();
         const bool bFound = map.Lookup(row.ulKey, nValue);
-        const std::string sOut = testing::internal::GetCapturedStdout();
-        EXPECT_EQ(bFound, row.ulKey < 17u * row.nChain) << row.pszName;
-        char szLine[160];
-        std::snprintf(szLine, sizeof szLine,
-                      "warning: unreasonable hash key! addr = 0x%016" PRIXPTR " hash table = 17 count = %d\r\n",
-                      (uintptr_t)&map, row.nChain);
-        std::string sExpected;
-        for (int i = 0; i < row.nLines; ++i)
-            sExpected += szLine;
-        EXPECT_EQ(sOut, sExpected) << row.pszName;
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), row.bWarns ? szLine : "") << row.pszName;
+        EXPECT_EQ(bFound, row.ulKey < 17u * 40) << row.pszName;
     }
+
+    // A host may send the lines elsewhere. Adding the 41st key walks 40
+    // steps, the 42nd 41.
+    std::FILE* lpFile = std::tmpfile();
+    QB_SetHashWarningStream(lpFile);
+    testing::internal::CaptureStdout();
+    map[17u * 40] = 40;
+    map[17u * 41] = 41;
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    QB_SetHashWarningStream(nullptr);
+    std::rewind(lpFile);
+    char szRead[160] = {};
+    std::string sRead;
+    while (std::fgets(szRead, sizeof szRead, lpFile))
+        sRead += szRead;
+    std::fclose(lpFile);
+    std::string sExpected(szLine);
+    sExpected.replace(sExpected.find("count = 40"), 10, "count = 41");
+    EXPECT_EQ(sRead, sExpected);
 }
 
 TEST(Array, InsertsRemovesAndFindsByIndexAndRefusesNegativeNumbers)

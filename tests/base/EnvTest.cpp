@@ -7,9 +7,13 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <string>
+#include <vector>
+
+#include <sys/resource.h>
 
 namespace fs = std::filesystem;
 
@@ -134,6 +138,54 @@ TEST(Env, GivesTheLastWriteTimeAsLocalCalendarTime)
                                 stWrite.wMinute, stWrite.wSecond, stWrite.wMilliseconds}),
               vExpected);
     EXPECT_GT(stCreation.wYear, 2011);  // made just now, whatever its mtime says
+}
+
+// More handles than the process may hold descriptors: those used longest
+// ago are parked and taken back at their next use, with their position and
+// their place in the sharing table. Run in a child whose limit is lowered;
+// the exit code names the first check that failed.
+TEST(Env, KeepsMoreFilesOpenThanTheProcessMayHoldDescriptors)
+{
+    QB_TempFolder tmp;
+    constexpr int kFiles = 150;
+    for (int i = 0; i < kFiles; ++i)
+        QB_WriteWholeFile(tmp.Sub("f" + std::to_string(i)), "0123456789");
+    auto fnChild = [&] {
+        const rlimit limit{32, 32};
+        if (::setrlimit(RLIMIT_NOFILE, &limit) != 0)
+            return 1;
+        QB_Env* lpEnv = QB_GetDefaultEnv();
+        std::vector<QB_FileHandle> vecFiles;
+        for (int i = 0; i < kFiles; ++i)
+        {
+            vecFiles.push_back(lpEnv->OpenFile(Wide(tmp.SubW("f" + std::to_string(i))), 0x121));
+            if (vecFiles.back() == QB_INVALID_FILE || lpEnv->SeekFile(vecFiles.back(), i % 10, QB_SEEK_BEGIN) != i % 10)
+                return 2;
+        }
+        for (int i = 0; i < kFiles; ++i)
+        {
+            char ch = 0, chAt = 0;
+            if (lpEnv->ReadFile(vecFiles[i], &ch, 1) != 1 || ch != '0' + i % 10 ||
+                lpEnv->ReadFileAt(vecFiles[i], 9, &chAt, 1) != 1 || chAt != '9')
+                return 3;
+        }
+        if (lpEnv->OpenFile(Wide(tmp.SubW("f0")), QB_FILE_READWRITE) != QB_INVALID_FILE)
+            return 4;  // others may still not write
+        // A parked handle whose name now names another file fails rather
+        // than read the other file.
+        QB_WriteWholeFile(tmp.Sub("other"), "abc");
+        fs::rename(tmp.Sub("other"), tmp.Sub("f1"));
+        char ch = 0;
+        for (int i = 2; i < kFiles; ++i)
+            lpEnv->ReadFileAt(vecFiles[i], 0, &ch, 1);
+        if (lpEnv->ReadFileAt(vecFiles[1], 0, &ch, 1) != -1)
+            return 5;
+        for (QB_FileHandle hFile : vecFiles)
+            if (!lpEnv->CloseFile(hFile))
+                return 6;
+        return 0;
+    };
+    EXPECT_EXIT(std::_Exit(fnChild()), testing::ExitedWithCode(0), "");
 }
 
 TEST(FaultEnv, FailsTheNthOperationOfEachKindOnceOrFromThenOn)

@@ -167,6 +167,67 @@ TEST(IniFile, DeletesEveryOccurrenceOfARepeatedSectionWithItsLines)
     EXPECT_FALSE(ini.GetSectionNames(arrNames));
 }
 
+// Thousands of sections in a 17-bucket table make chains of hundreds: they
+// are found all the same, without a warning, and walk in the table's order,
+// which a plain map of that size fed in file order gives.
+TEST(IniFile, OpensThousandsOfSectionsQuietlyAndKeepsTheWalkOfItsTable)
+{
+    constexpr int kSections = 3000;
+    std::string sFile;
+    QB_Map<QB_IniKey, int, QB_IniKeyHash> mapOracle(17);
+    for (int i = 0; i < kSections; ++i)
+    {
+        sFile += "[S" + std::to_string(i) + "]\r\nk=" + std::to_string(i) + "\r\n";
+        mapOracle.AddNew(QB_IniKey(QB_StringW(QB_StringA(("[S" + std::to_string(i) + "]").c_str())), 1)) = i;
+    }
+    sFile += "[s0]\r\nk=-1\r\n";
+    mapOracle.AddNew(QB_IniKey(QB_StringW(u"[s0]"), 2)) = -1;
+    QB_TempFolder folder;
+    QB_WriteWholeFile(folder.Sub("t.ini"), sFile);
+    QB_IniFileEx ini;
+    testing::internal::CaptureStdout();
+    ASSERT_TRUE(ini.Open(QB_StringA(folder.Sub("t.ini").c_str()), false));
+    bool bAllFound = true;
+    for (int i = 0; i < kSections; i += 7)
+        bAllFound = bAllFound && ini.GetLong(("S" + std::to_string(i)).c_str(), "k", -2) == i;
+    EXPECT_TRUE(ini.SetString("S5", "k", "new"));
+    EXPECT_TRUE(ini.DeleteSection("S6"));
+    EXPECT_TRUE(ini.SetString("S6", "k", "again"));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    EXPECT_TRUE(bAllFound);
+    EXPECT_STREQ(ini.GetString("S5", "k", "-").GetString(), "new");
+
+    // Each flush writes what the blocks hold now, also after an earlier one.
+    auto fnReplace = [&](const std::string& sOld, const std::string& sNew) {
+        sFile.replace(sFile.find(sOld), sOld.size(), sNew);
+    };
+    fnReplace("[S5]\r\nk=5\r\n", "[S5]\r\nk=new\r\n");
+    fnReplace("[S6]\r\nk=6\r\n", "");
+    sFile += "[S6]\r\nk=again\r\n";
+    for (const char* pszKey : {"", "x"})
+    {
+        if (*pszKey)
+        {
+            ASSERT_TRUE(ini.SetString("S7", pszKey, "1"));
+            fnReplace("[S7]\r\n", "[S7]\r\nx=1\r\n");
+        }
+        ASSERT_TRUE(ini.Flush());
+        EXPECT_TRUE(QB_ReadWholeFile(folder.Sub("t.ini")) == Ansi(sFile)) << "flush after the change of [" << pszKey << "]";
+    }
+
+    mapOracle.RemoveKey(QB_IniKey(QB_StringW(u"[S6]"), 1));
+    mapOracle.AddNew(QB_IniKey(QB_StringW(u"[S6]"), 1)) = 6;
+    std::vector<std::string> vecExpected;
+    for (QB_POSITION pos = mapOracle.GetStartPosition(); pos;)
+    {
+        QB_IniKey key;
+        int nValue = 0;
+        mapOracle.GetNextAssoc(pos, key, nValue);
+        vecExpected.emplace_back(QB_StringA(key.m_sName).GetString());
+    }
+    EXPECT_EQ(SectionNames(ini), vecExpected);
+}
+
 TEST(IniFile, StartsANewFileInTheFormAskedFor)
 {
     struct Row

@@ -318,3 +318,23 @@ TEST_F(Catalog, AProcessKilledAnywhereInALoopOfSavesLosesNoConfirmedRow)
     }
     EXPECT_FALSE(vecConfirmed.empty()) << "the children got saves done";
 }
+
+// A batch adds rows without a look-up, so a pair may come to stand in two
+// rows; the row a save or a load then finds is the first in the walk of the
+// sections, as a catalogue opened afresh on the same file finds it.
+TEST_F(Catalog, FindsTheFirstRowOfARepeatedPairInTheWalkAlsoRightAfterABatchAddedIt)
+{
+    Opened(m_catalog).SaveFile(5, Record(1, "row0"));
+    for (int i = 1; i <= 6; ++i)
+    {
+        EXPECT_TRUE(Finds(m_catalog, 5, 1));
+        QB_Array<ZV_FileUploadInfo> arrRows;
+        arrRows.Add(Record(1, ("row" + std::to_string(i)).c_str()));
+        QB_Array<QB_StringW> arrSections;
+        arrSections.Add(QB_StringW());
+        m_catalog.SaveFiles(5, arrRows, arrSections);
+        ZV_FileCatalog fresh;
+        EXPECT_EQ(Utf8(QB_StringW(Loaded(Opened(fresh), 5, 1).m_sFileNewName)),
+                  Utf8(QB_StringW(Loaded(m_catalog, 5, 1).m_sFileNewName))) << "after row" << i;
+    }
+}

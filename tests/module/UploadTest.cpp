@@ -165,7 +165,7 @@ TEST_F(Upload, ClientThatCannotReadItsFileFailsAndSaysSoUnlessTheServerHoldsItAl
 {
     struct { const char* szName; QB_EnvOp eFault; int nNth; size_t nShrunkTo; uint32_t ulMaxPos; uint32_t ulReadPos;
              size_t nSent; } aCases[] = {
-        {"seek fails", QB_EnvOp::Seek, 1, 98305, 0, 0, 0},
+        {"first read fails", QB_EnvOp::Read, 1, 98305, 0, 0, 0},
         {"second read fails", QB_EnvOp::Read, 2, 98305, 0, 32768, 1},
         {"file shrank since it was shared", QB_EnvOp::Count_, 0, 40000, 0, 40000, 2},
         {"server has it all", QB_EnvOp::Read, 1, 98305, 98305, 0, 0}};

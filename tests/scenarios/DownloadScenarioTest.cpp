@@ -6,11 +6,17 @@
 #include "ZV_FileDownloadInfo.h"
 #include "ZV_RecordStream.h"
 
+#include <algorithm>
+#include <cstdlib>
+
+#include <sys/resource.h>
+
 using DownloadScene = ZV_Scene;
 
 TEST_F(DownloadScene, EveryFileAroundTheBlockEdgesArrivesByteIdenticalInTheStoreAndOnTheDownloadersDisk)
 {
     Build(false);
+    sim.GetEnv().ResetCounts();
     const size_t aSizes[] = {0, 1, 32767, 32768, 32769, 98304, 98305, 3 * 1024 * 1024 + 7};
     std::vector<uint16_t> vecIDs;
     for (size_t nSize : aSizes)
@@ -27,6 +33,10 @@ TEST_F(DownloadScene, EveryFileAroundTheBlockEdgesArrivesByteIdenticalInTheStore
     for (uint16_t usFileID : vecIDs)
         EXPECT_EQ(0u, Download(Bob(), usFileID)) << usFileID;
     ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
+    // Every block is read and written where it lies, and a new download
+    // file is not cut: no call on the way moves no bytes.
+    EXPECT_EQ(0, sim.GetEnv().GetCount(QB_EnvOp::Seek));
+    EXPECT_EQ(0, sim.GetEnv().GetCount(QB_EnvOp::SetEnd));
 
     for (size_t i = 0; i < std::size(aSizes); ++i)
     {
@@ -158,4 +168,33 @@ TEST_F(DownloadScene, TwoDownloadersAtDifferentPositionsEachGetTheWholeFileEachB
         EXPECT_EQ(data, QB_ReadWholeFile(Target(lpClient, usFileID))) << lpClient->GetName();
         EXPECT_EQ(21u, sim.Journal().PdusTo(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, lpClient->GetName()).size());
     }
+}
+
+// Alice keeps each shared file open, and shares more of them than the
+// process may hold descriptors: the files used longest ago give theirs back
+// and take one again when an upload reaches them. Run in a child process,
+// whose limit is lowered; the exit code names the first check that failed.
+TEST_F(DownloadScene, AClientSharesMoreFilesThanTheProcessMayHoldOpenAndStillUploadsThem)
+{
+    Build(false);
+    constexpr int kFiles = 200;
+    const ZV_Bytes data = ZV_RandomBytes(70000, 8);
+    auto fnChild = [&] {
+        const rlimit limit{64, 64};
+        if (::setrlimit(RLIMIT_NOFILE, &limit) != 0)
+            return 1;
+        std::vector<uint16_t> vecIDs;
+        for (int i = 0; i < kFiles; ++i)
+            vecIDs.push_back(Share("many" + std::to_string(i) + ".bin", data, false));
+        if (std::count(vecIDs.begin(), vecIDs.end(), 0xFFFF) != 0)
+            return 2;
+        for (uint16_t usFileID : {vecIDs.front(), vecIDs.back()})
+            if (Download(Bob(), usFileID) != 0 || !sim.AdvanceTime(1000))
+                return 3;
+        for (uint16_t usFileID : {vecIDs.front(), vecIDs.back()})
+            if (QB_ReadWholeFile(Target(Bob(), usFileID)) != data)
+                return 4;
+        return Events(Alice(), zvFsEventTransferError).empty() ? 0 : 5;
+    };
+    EXPECT_EXIT(std::_Exit(fnChild()), testing::ExitedWithCode(0), "");
 }
