@@ -218,18 +218,3 @@ TEST(FaultEnv, FailsTheNthOperationOfEachKindOnceOrFromThenOn)
             EXPECT_EQ(inner.GetCount(op), bSticky ? 2 : 4) << (int)op << " " << pszWhat;
         }
 }
-
-TEST(FaultEnv, DrivesTheTickByHandAndWrapsPastTheTop)
-{
-    QB_FaultEnv env;
-    QB_ScopedEnv install(&env);
-    env.SetTick(0xFFFFFFF0u);
-    EXPECT_EQ(QB_GetEnv()->GetTickCount(), 0xFFFFFFF0u);
-    EXPECT_EQ(QB_GetEnv()->GetTickCount(), 0xFFFFFFF0u);
-    env.AdvanceTick(0x20);
-    EXPECT_EQ(QB_GetEnv()->GetTickCount(), 0x10u);
-    EXPECT_EQ(QB_GetEnv()->GetTickCount() - 0xFFFFFFF0u, 0x20u);
-    env.AdvanceTick(0xFFFFFFFFu);
-    EXPECT_EQ(QB_GetEnv()->GetTickCount(), 0x0Fu);
-}
-

@@ -156,25 +156,6 @@ TEST(AddFile, KeepsEveryHostileNameInsideTheConferenceFolder)
     EXPECT_TRUE(fs::is_empty(node.tmp.Sub("store/7")));
 }
 
-TEST(AddFile, StoredNamesTakeACounterBeforeTheLastDotOrInFront)
-{
-    QB_TempFolder tmp;
-    QB_WriteWholeFile(tmp.Sub("report.doc"), "");
-    QB_WriteWholeFile(tmp.Sub("report(2).doc"), "");
-    QB_WriteWholeFile(tmp.Sub("readme"), "");
-    const struct
-    {
-        const char16_t* szName;
-        const char16_t* szStored;
-    } aRows[] = {{u"report.doc", u"report(1).doc"}, {u"readme", u"(1)readme"}, {u"new.txt", u"new.txt"}};
-    for (const auto& row : aRows)
-    {
-        QB_StringW sDst;
-        ZV_FileShareSession::MakeUniqueFileName(tmp.PathW(), row.szName, sDst);
-        EXPECT_EQ(QB_StringW(row.szStored), sDst);
-    }
-}
-
 namespace {
 
 // The name of the one file a request carries, or "" without a request.

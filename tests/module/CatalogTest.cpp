@@ -183,11 +183,6 @@ TEST_F(Catalog, DeleteConfNeverDeletesOutsideTheConferenceFolder)
     for (const std::string& sVictim : vecVictims)
         EXPECT_TRUE(fs::exists(sVictim)) << sVictim;
     EXPECT_TRUE(QB_ReadWholeFile(Ini()).empty()) << "every row of the conference is gone all the same";
-
-    const std::pair<const char*, bool> aNames[] = {{"notes(1).txt", true}, {".hidden", true}, {"a..b", false},
-                                                    {"...", false}, {"", false}, {"x\\y", false}, {"C:x", false}};
-    for (const auto& [pszName, bPlain] : aNames)
-        EXPECT_EQ(bPlain, ZV_FileCatalog::IsPlainFileName(QB_StringA(pszName))) << pszName;
 }
 
 TEST_F(Catalog, ReadsHandEditedRowsWithoutTrustingThem)
@@ -206,30 +201,6 @@ TEST_F(Catalog, ReadsHandEditedRowsWithoutTrustingThem)
     EXPECT_EQ(QB_DateTimeEx(), b.m_dtShareTime);
     EXPECT_EQ(QB_DateTimeEx(), b.m_dtModifyTime) << "a half-parsed time is not kept";
 }
-
-namespace {
-
-std::string LogText(const QB_TempFolder& home)
-{
-    std::string sText;
-    if (fs::exists(home.Sub("log")))
-        for (const auto& entry : fs::directory_iterator(home.Sub("log")))
-        {
-            const std::vector<uint8_t> vb = QB_ReadWholeFile(entry.path().string());
-            sText.append(vb.begin(), vb.end());
-        }
-    return sText;
-}
-
-size_t Count(const std::string& sText, const std::string& sWhat)
-{
-    size_t n = 0;
-    for (size_t at = sText.find(sWhat); at != std::string::npos; at = sText.find(sWhat, at + 1))
-        ++n;
-    return n;
-}
-
-} // namespace
 
 // Every step of a save that can fail: the file beside, its bytes, its sync,
 // the rename and the folder's sync. The file under the name stays a whole
@@ -252,7 +223,7 @@ TEST_F(Catalog, AFailedSaveKeepsTheFileWholeSaysSoAndTheNextSaveCarriesTheRow)
     for (const auto& c : aCases)
     {
         const std::vector<uint8_t> vbBefore = QB_ReadWholeFile(Ini());
-        const size_t nLogged = Count(LogText(m_home), "ZV_FileCatalog::Flush failed.");
+        const size_t nLogged = QB_CountInFiles(m_home.Sub("log"), "ZV_FileCatalog::Flush failed.");
         m_env.FailAt(c.op, c.nNth, c.op == QB_EnvOp::Write);
         EXPECT_FALSE(m_catalog.SaveFile(12, Record(++usFileID))) << c.szName;
         m_env.ClearFaults();
@@ -263,7 +234,7 @@ TEST_F(Catalog, AFailedSaveKeepsTheFileWholeSaysSoAndTheNextSaveCarriesTheRow)
         for (uint16_t usOld = 1; usOld <= 3; ++usOld)
             EXPECT_TRUE(Finds(reread, 12, usOld)) << c.szName;
         EXPECT_EQ(c.bNewOnDisk, Finds(reread, 12, usFileID)) << c.szName;
-        EXPECT_EQ(nLogged + c.bLogged, Count(LogText(m_home), "ZV_FileCatalog::Flush failed.")) << c.szName;
+        EXPECT_EQ(nLogged + c.bLogged, QB_CountInFiles(m_home.Sub("log"), "ZV_FileCatalog::Flush failed.")) << c.szName;
     }
     ASSERT_TRUE(m_catalog.DeleteFile(12, 2));
     ZV_FileCatalog reread;

@@ -2,31 +2,17 @@
 // fetches, and the bytes on Bob's disk and the events of both say how it went.
 #include "ZV_SceneFixture.h"
 
-namespace {
-
-struct ControlScene : public ZV_Scene
-{
-    ZV_Bytes data = ZV_RandomBytes(40 * 32768 + 3, 7);
-
-    // Alice shares the file without starting it; Bob's download starts it.
-    uint16_t ShareAndFetch()
-    {
-        Build();
-        const uint16_t usFileID = Share("song.bin", data, false);
-        EXPECT_EQ(0u, Download(Bob(), usFileID));
-        return usFileID;
-    }
-    // Steps until n blocks of the download have reached Bob.
-    bool StepBlocks(size_t nBlocks) { return StepUntilDelivered(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, Bob(), nBlocks); }
-    ZV_Bytes Got(uint16_t usFileID) const { return QB_ReadWholeFile(Target(Bob(), usFileID)); }
-};
-
-} // namespace
+using ControlScene = ZV_Scene;
 
 TEST_F(ControlScene, StoppedTransfersStandStillWithBlocksInFlightAndGoOnToTheSameBytes)
 {
-    const uint16_t usFileID = ShareAndFetch();
-    ASSERT_TRUE(StepBlocks(2));
+    // Alice shares without starting the upload; Bob's download starts it.
+    Build();
+    const ZV_Bytes data = ZV_RandomBytes(40 * 32768 + 3, 7);
+    const uint16_t usFileID = Share("song.bin", data, false);
+    ASSERT_EQ(0u, Download(Bob(), usFileID));
+    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, Bob(), 2));
+    auto Got = [&](uint16_t usID) { return QB_ReadWholeFile(Target(Bob(), usID)); };
     EXPECT_EQ(0u, Fs(Alice())->FsStopUpload(usFileID));
     EXPECT_EQ(0u, Fs(Bob())->FsStopDownload(usFileID));
     ASSERT_TRUE(sim.AdvanceTime(30000)) << sim.GetError();

@@ -7,9 +7,6 @@
 #include "ZV_RecordStream.h"
 
 #include <algorithm>
-#include <cstdlib>
-
-#include <sys/resource.h>
 
 using DownloadScene = ZV_Scene;
 
@@ -122,7 +119,6 @@ TEST_F(DownloadScene, AFirstDownloaderStartsTheUploadRestsWhereItStandsAndGoesOn
     const ZV_Bytes data = ZV_RandomBytes(10 * 32768 + 5, 2);
     const uint16_t usFileID = Share("half.bin", data, false);
     ASSERT_TRUE(sim.Journal().Pdus(PDU_CONF_FS_UPLOAD_REQUEST).empty()) << "nothing moves before anyone asks";
-    const size_t nFrom = sim.Journal().Size();
     ASSERT_EQ(0u, Download(Bob(), usFileID));
     // Alice's data link falls after four blocks have reached the server.
     ZV_SimLink* lpAliceLink = sim.GetClientLink(Alice());
@@ -130,17 +126,6 @@ TEST_F(DownloadScene, AFirstDownloaderStartsTheUploadRestsWhereItStandsAndGoesOn
     ASSERT_TRUE(sim.Cut(lpAliceLink, zvConfClientTypeData));
     ASSERT_TRUE(sim.Run()) << sim.GetError();
 
-    // The order to Alice went out before the answer to Bob.
-    size_t nOrder = 0, nAnswer = 0;
-    for (size_t i = nFrom; i < sim.Journal().Size(); ++i)
-    {
-        const ZV_SimEntry& entry = sim.Journal().At(i);
-        if (!nOrder && entry.usNumber == PDU_CONF_FS_UPLOAD_RESPONSE && entry.sPeer == Alice()->GetName())
-            nOrder = i;
-        if (!nAnswer && entry.usNumber == PDU_CONF_FS_DOWNLOAD_RESPONSE && entry.sPeer == Bob()->GetName())
-            nAnswer = i;
-    }
-    EXPECT_TRUE(nOrder && nAnswer && nOrder < nAnswer) << sim.Journal().Dump(nFrom);
     const ZV_Bytes got = QB_ReadWholeFile(Target(Bob(), usFileID));
     ASSERT_TRUE(got.size() > 0 && got.size() < data.size()) << got.size();
     EXPECT_TRUE(std::equal(got.begin(), got.end(), data.begin()));
@@ -168,33 +153,4 @@ TEST_F(DownloadScene, TwoDownloadersAtDifferentPositionsEachGetTheWholeFileEachB
         EXPECT_EQ(data, QB_ReadWholeFile(Target(lpClient, usFileID))) << lpClient->GetName();
         EXPECT_EQ(21u, sim.Journal().PdusTo(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, lpClient->GetName()).size());
     }
-}
-
-// Alice keeps each shared file open, and shares more of them than the
-// process may hold descriptors: the files used longest ago give theirs back
-// and take one again when an upload reaches them. Run in a child process,
-// whose limit is lowered; the exit code names the first check that failed.
-TEST_F(DownloadScene, AClientSharesMoreFilesThanTheProcessMayHoldOpenAndStillUploadsThem)
-{
-    Build(false);
-    constexpr int kFiles = 200;
-    const ZV_Bytes data = ZV_RandomBytes(70000, 8);
-    auto fnChild = [&] {
-        const rlimit limit{64, 64};
-        if (::setrlimit(RLIMIT_NOFILE, &limit) != 0)
-            return 1;
-        std::vector<uint16_t> vecIDs;
-        for (int i = 0; i < kFiles; ++i)
-            vecIDs.push_back(Share("many" + std::to_string(i) + ".bin", data, false));
-        if (std::count(vecIDs.begin(), vecIDs.end(), 0xFFFF) != 0)
-            return 2;
-        for (uint16_t usFileID : {vecIDs.front(), vecIDs.back()})
-            if (Download(Bob(), usFileID) != 0 || !sim.AdvanceTime(1000))
-                return 3;
-        for (uint16_t usFileID : {vecIDs.front(), vecIDs.back()})
-            if (QB_ReadWholeFile(Target(Bob(), usFileID)) != data)
-                return 4;
-        return Events(Alice(), zvFsEventTransferError).empty() ? 0 : 5;
-    };
-    EXPECT_EXIT(std::_Exit(fnChild()), testing::ExitedWithCode(0), "");
 }

@@ -124,3 +124,24 @@ std::string QB_ToHex(const std::vector<uint8_t>& vbData)
     }
     return s;
 }
+
+size_t QB_CountInFiles(const std::string& sPath, const std::string& sWhat)
+{
+    std::string sText;
+    std::error_code ec;
+    if (std::filesystem::is_directory(sPath, ec))
+        for (const auto& entry : std::filesystem::directory_iterator(sPath, ec))
+        {
+            const std::vector<uint8_t> vb = QB_ReadWholeFile(entry.path().string());
+            sText.append(vb.begin(), vb.end());
+        }
+    else
+    {
+        const std::vector<uint8_t> vb = QB_ReadWholeFile(sPath);
+        sText.assign(vb.begin(), vb.end());
+    }
+    size_t n = 0;
+    for (size_t at = sText.find(sWhat); at != std::string::npos; at = sText.find(sWhat, at + 1))
+        ++n;
+    return n;
+}

@@ -39,6 +39,8 @@ std::vector<uint8_t> QB_ReadWholeFile(const std::string& sPath);
 // Replaces the file's content; false when it can't be written.
 bool QB_WriteWholeFile(const std::string& sPath, const std::vector<uint8_t>& vbData);
 bool QB_WriteWholeFile(const std::string& sPath, const std::string& sText);
+// How often the text occurs in the file, or in all files of the folder.
+size_t QB_CountInFiles(const std::string& sPath, const std::string& sWhat);
 
 // "01 ab ff" for messages of byte comparisons.
 std::string QB_ToHex(const std::vector<uint8_t>& vbData);
