@@ -7,6 +7,9 @@
 #include "ZV_RecordStream.h"
 
 #include <algorithm>
+#include <cstdlib>
+
+#include <sys/resource.h>
 
 using DownloadScene = ZV_Scene;
 
@@ -153,4 +156,33 @@ TEST_F(DownloadScene, TwoDownloadersAtDifferentPositionsEachGetTheWholeFileEachB
         EXPECT_EQ(data, QB_ReadWholeFile(Target(lpClient, usFileID))) << lpClient->GetName();
         EXPECT_EQ(21u, sim.Journal().PdusTo(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, lpClient->GetName()).size());
     }
+}
+
+// Alice keeps each shared file open, and shares more of them than the
+// process may hold descriptors: the files used longest ago give theirs back
+// and take one again when an upload reaches them. Run in a child process,
+// whose limit is lowered; the exit code names the first check that failed.
+TEST_F(DownloadScene, AClientSharesMoreFilesThanTheProcessMayHoldOpenAndStillUploadsThem)
+{
+    Build(false);
+    constexpr int kFiles = 200;
+    const ZV_Bytes data = ZV_RandomBytes(70000, 8);
+    auto fnChild = [&] {
+        const rlimit limit{64, 64};
+        if (::setrlimit(RLIMIT_NOFILE, &limit) != 0)
+            return 1;
+        std::vector<uint16_t> vecIDs;
+        for (int i = 0; i < kFiles; ++i)
+            vecIDs.push_back(Share("many" + std::to_string(i) + ".bin", data, false));
+        if (std::count(vecIDs.begin(), vecIDs.end(), 0xFFFF) != 0)
+            return 2;
+        for (uint16_t usFileID : {vecIDs.front(), vecIDs.back()})
+            if (Download(Bob(), usFileID) != 0 || !sim.AdvanceTime(1000))
+                return 3;
+        for (uint16_t usFileID : {vecIDs.front(), vecIDs.back()})
+            if (QB_ReadWholeFile(Target(Bob(), usFileID)) != data)
+                return 4;
+        return Events(Alice(), zvFsEventTransferError).empty() ? 0 : 5;
+    };
+    EXPECT_EXIT(std::_Exit(fnChild()), testing::ExitedWithCode(0), "");
 }
