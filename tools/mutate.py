@@ -407,6 +407,7 @@ def parse_args():
                    help="comma-separated operators to use (default: all)")
     p.add_argument("--sample", type=int, metavar="N", help="try a seeded sample of N mutants instead of all")
     p.add_argument("--seed", type=int, default=1, help="seed of the sample (default 1)")
+    p.add_argument("--only", metavar="IDS", help="comma-separated mutant ids to try, e.g. survivors again")
     p.add_argument("--list", action="store_true", help="only print the mutants, build nothing")
     p.add_argument("--equivalent", default=None, metavar="FILE",
                    help="ids of mutants judged equivalent (default tools/mutate-equivalent.txt)")
@@ -485,6 +486,9 @@ def main():
     ops = set(args.ops.split(","))
     files = select_files(checkout, [g.strip() for g in args.files.split(",") if g.strip()])
     mutants = [m for rel in files for m in mutants_of(checkout, rel) if m.op in ops]
+    if args.only:
+        wanted = set(args.only.split(","))
+        mutants = [m for m in mutants if m.mid in wanted]
     if args.sample is not None and args.sample < len(mutants):
         picked = set(id(m) for m in random.Random(args.seed).sample(mutants, args.sample))
         mutants = [m for m in mutants if id(m) in picked]
