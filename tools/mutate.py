@@ -444,8 +444,8 @@ def read_equivalent(path):
     return ids
 
 
-def report(results, equivalent, elapsed, out_path):
-    lines, files = [], {}
+def report(results, elapsed, out_path):
+    lines, files = ["mutate.py " + " ".join(sys.argv[1:])], {}
     for m, outcome in results:
         files.setdefault(m.file, []).append((m, outcome))
     totals = {"caught": 0, "survived": 0, "scored": 0}
@@ -549,7 +549,7 @@ def main():
         print(f"[{n}/{len(mutants)} {spent / n:.0f} s each] {outcome:8} {m.describe()}", flush=True)
 
     build(copy, args.jobs, log)  # leave the copy's build matching its sources
-    report(results, equivalent, time.monotonic() - began,
+    report(results, time.monotonic() - began,
            Path(args.report) if args.report else work / "report.txt")
     return 0
 
