@@ -532,10 +532,10 @@ def main():
             results.append((m, "equivalent"))
             continue
         path = copy / m.file
-        original = path.read_text(encoding="utf-8")
+        clean = path.read_text(encoding="utf-8")
         before = {name: stamp(exe) for name, exe in exes.items()}
         try:
-            path.write_text(original[:m.start] + m.after + original[m.end:], encoding="utf-8")
+            path.write_text(clean[:m.start] + m.after + clean[m.end:], encoding="utf-8")
             log.write_bytes(b"")
             if not build(copy, args.jobs, log):
                 outcome = "nobuild"
@@ -543,7 +543,7 @@ def main():
                 relinked = {k: e for k, e in exes.items() if stamp(e) != before[k]}
                 outcome = run_tests(relinked, timeouts, log) if relinked else "passed"
         finally:
-            path.write_text(original, encoding="utf-8")
+            path.write_text(clean, encoding="utf-8")
         results.append((m, outcome))
         spent = time.monotonic() - started
         print(f"[{n}/{len(mutants)} {spent / n:.0f} s each] {outcome:8} {m.describe()}", flush=True)
