@@ -157,6 +157,8 @@ private:
 
     static void ConstructFresh(T* p, int nCount)
     {
+        if (nCount <= 0)
+            return;
         std::memset(static_cast<void*>(p), 0, sizeof(T) * (size_t)nCount);
         for (int i = 0; i < nCount; ++i)
             ::new (static_cast<void*>(p + i)) T;
