@@ -503,6 +503,9 @@ int main(int argc, char** argv)
         return nParsed < 0 ? 0 : nParsed;
     std::signal(SIGINT, OnInterrupt);
     std::signal(SIGTERM, OnInterrupt);
+    // A reader that goes away (`| head`) stops the demo as Ctrl-C does, so
+    // the scratch folder still goes.
+    std::signal(SIGPIPE, OnInterrupt);
     const fs::path root = MakeScratchFolder();
     std::FILE* lpTrace = nullptr;
     if (!options.bTrace)
