@@ -68,18 +68,28 @@ int32_t QB_FileEx::Read(void* pBuf, int32_t nCount)
     return QB_GetEnv()->ReadFile(m_hFile, pBuf, nCount);
 }
 
-int32_t QB_FileEx::Write(const void* pBuf, int32_t nCount)
+namespace {
+
+// Writing nothing succeeds even on a closed file; otherwise a broken caller
+// gets a failure rather than a crash, also where assertions are compiled out.
+template <typename F>
+int32_t GuardedWrite(bool bOpen, const void* pBuf, int32_t nCount, F&& fnWrite)
 {
-    assert(IsOpen() && pBuf != nullptr && "m_hFile != NULL && buffer != NULL");
     if (nCount < 0)
         return -1;
     if (nCount == 0)
         return 0;
-    // The assertion is gone in a release build; a broken caller still gets
-    // a failure rather than a crash.
-    if (!IsOpen() || pBuf == nullptr)
+    if (!bOpen || pBuf == nullptr)
         return -1;
-    return QB_GetEnv()->WriteFile(m_hFile, pBuf, nCount);
+    return fnWrite();
+}
+
+} // namespace
+
+int32_t QB_FileEx::Write(const void* pBuf, int32_t nCount)
+{
+    assert(IsOpen() && pBuf != nullptr && "m_hFile != NULL && buffer != NULL");
+    return GuardedWrite(IsOpen(), pBuf, nCount, [&] { return QB_GetEnv()->WriteFile(m_hFile, pBuf, nCount); });
 }
 
 int32_t QB_FileEx::ReadAt(uint32_t ulPos, void* pBuf, int32_t nCount)
@@ -91,13 +101,8 @@ int32_t QB_FileEx::ReadAt(uint32_t ulPos, void* pBuf, int32_t nCount)
 
 int32_t QB_FileEx::WriteAt(uint32_t ulPos, const void* pBuf, int32_t nCount)
 {
-    if (nCount < 0)
-        return -1;
-    if (nCount == 0)
-        return 0;
-    if (!IsOpen() || pBuf == nullptr)
-        return -1;
-    return QB_GetEnv()->WriteFileAt(m_hFile, ulPos, pBuf, nCount);
+    return GuardedWrite(IsOpen(), pBuf, nCount,
+                        [&] { return QB_GetEnv()->WriteFileAt(m_hFile, ulPos, pBuf, nCount); });
 }
 
 int32_t QB_FileEx::Seek(int32_t nOffset, int nOrigin)
