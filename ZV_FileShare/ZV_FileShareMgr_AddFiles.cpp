@@ -244,11 +244,13 @@ uint32_t ZV_FileShareMgr::FsFilesAdd(const char16_t* szFolder, const char16_t* c
             }
             arrInfo.Add(MakeBrief(m_lpConf, *lpUser, file, sFolder, file.GetPath(), arrRight, bPublic));
             file.Close();
-            m_ShareLedger.Remember(m_lpConf->GetConfID(), arrInfo[arrInfo.GetSize() - 1]);
             arrFileID.Add(ZV_NO_FILEID);
         }
         if (!arrInfo.IsEmpty())
+        {
+            m_ShareLedger.Remember(m_lpConf->GetConfID(), arrInfo);
             SendAddFilesRequest(ulConn, *m_lpConf->GetLocalUserID(), 0, bStartUpload, arrFileID, arrInfo);
+        }
         return ulResult;
     }
     catch (...)

@@ -76,6 +76,23 @@ bool ZV_ShareLedger::Remember(uint32_t ulConfID, const ZV_FileBriefInfo& brief)
 {
     QB_Lock lock(&m_Lock);
     Load(true);
+    return Note(ulConfID, brief) && Save();
+}
+
+bool ZV_ShareLedger::Remember(uint32_t ulConfID, const QB_Array<ZV_FileBriefInfo>& arrInfo)
+{
+    QB_Lock lock(&m_Lock);
+    Load(true);
+    bool bNoted = true;
+    for (int i = 0; i < arrInfo.GetSize(); ++i)
+        bNoted = Note(ulConfID, arrInfo[i]) && bNoted;
+    return Save() && bNoted;
+}
+
+// The row in memory, and in the file's lines unless the path cannot stand
+// on one line; false then.
+bool ZV_ShareLedger::Note(uint32_t ulConfID, const ZV_FileBriefInfo& brief)
+{
     const QB_StringU8 sPath = LocalPath(brief);
     // A folder or name the record could not hold would make another path.
     if (brief.m_sFilePath.IsEmpty() || brief.m_sFileOldName.IsEmpty())
@@ -92,6 +109,11 @@ bool ZV_ShareLedger::Remember(uint32_t ulConfID, const ZV_FileBriefInfo& brief)
     m_IniFile.SetString(row.sSection, kPath, sWidePath);
     m_IniFile.SetLong(row.sSection, kLength, (int32_t)row.ulLength);
     m_IniFile.SetString(row.sSection, kModifyTime, QB_StringW(QB_StringA(row.sModifyTime.c_str())));
+    return true;
+}
+
+bool ZV_ShareLedger::Save()
+{
     if (m_IniFile.Flush())
         return true;
     QB_WriteLog(2, "error", "ZV_ShareLedger::Flush failed.\r\n");

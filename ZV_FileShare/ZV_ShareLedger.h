@@ -27,6 +27,8 @@ public:
     // Notes that the user shared the file `brief` describes. The row holds
     // for this run even when the file could not be written (false, logged).
     bool Remember(uint32_t ulConfID, const ZV_FileBriefInfo& brief);
+    // The same for a batch, with one save: each save syncs the whole file.
+    bool Remember(uint32_t ulConfID, const QB_Array<ZV_FileBriefInfo>& arrInfo);
     // Whether the user shared this very file: same path, length and
     // last-write second, in this conference.
     bool Holds(uint32_t ulConfID, const ZV_FileBriefInfo& brief);
@@ -48,4 +50,6 @@ private:
     static std::string KeyOf(uint32_t ulConfID, const QB_StringU8& sPath);
     void Load(bool bCreate);
     void LoadRow(const QB_StringW& sSection);
+    bool Note(uint32_t ulConfID, const ZV_FileBriefInfo& brief);
+    bool Save();
 };
