@@ -1,0 +1,33 @@
+// ZV_AnswerHead: the four fields every answer to a file request begins with.
+// The first FileID is a copy the host may route by; readers skip it and take
+// the second.
+#pragma once
+
+#include "QB_ByteStream.h"
+#include "QB_UserID.h"
+
+#include <cstdint>
+
+struct ZV_AnswerHead
+{
+    uint16_t usRouteID = 0xFFFF;
+    uint32_t ulResult = 0;
+    uint16_t usFileID = 0xFFFF;
+    QB_UserID user;
+
+    void Save(QB_ByteStream& stream) const
+    {
+        stream.WriteU16(usRouteID);
+        stream.WriteU32(ulResult);
+        stream.WriteU16(usFileID);
+        user.Save(stream);
+    }
+    // Raises the stream's load failure on a short payload.
+    void Load(QB_ByteStream& stream)
+    {
+        usRouteID = stream.ReadU16();
+        ulResult = stream.ReadU32();
+        usFileID = stream.ReadU16();
+        user.Load(stream);
+    }
+};
