@@ -6,6 +6,7 @@
 // the caller's top-level guard takes it.
 #pragma once
 
+#include "ZV_AnswerHead.h"
 #include "ZV_FileBriefInfo.h"
 #include "ZV_RecordStream.h"
 
@@ -40,6 +41,11 @@ struct ZV_AddRequest
         LoadDelimited(stream, brief);
         bStartUpload = stream.ReadU8();
     }
+    void Load(QB_ByteStream& stream)
+    {
+        LoadHead(stream);
+        LoadBody(stream);
+    }
     void Save(QB_ByteStream& stream) const
     {
         stream.WriteU16(usFileID);
@@ -50,33 +56,23 @@ struct ZV_AddRequest
     }
 };
 
-// 8002, behind its two-byte routing copy.
-struct ZV_AddResponse
+// 8002. The head's user is the file's creator.
+struct ZV_AddResponse : ZV_AnswerHead
 {
-    uint16_t usRouteID = 0xFFFF;
-    uint32_t ulResult = 0;
-    uint16_t usFileID = 0xFFFF;
-    QB_UserID creator;
     uint32_t ulWritePos = 0;
     ZV_FileBriefInfo brief;
     uint8_t bStartUpload = 0;
 
     void Load(QB_ByteStream& stream)
     {
-        usRouteID = stream.ReadU16();
-        ulResult = stream.ReadU32();
-        usFileID = stream.ReadU16();
-        creator.Load(stream);
+        ZV_AnswerHead::Load(stream);
         ulWritePos = stream.ReadU32();
         LoadDelimited(stream, brief);
         bStartUpload = stream.ReadU8();
     }
     void Save(QB_ByteStream& stream) const
     {
-        stream.WriteU16(usRouteID);
-        stream.WriteU32(ulResult);
-        stream.WriteU16(usFileID);
-        creator.Save(stream);
+        ZV_AnswerHead::Save(stream);
         stream.WriteU32(ulWritePos);
         SaveDelimited(stream, brief);
         stream.WriteU8(bStartUpload);
@@ -117,6 +113,11 @@ struct ZV_AddFilesRequest
         ZV_TrimToSize(arrFileID, nCommon);
         ZV_TrimToSize(arrInfo, nCommon);
     }
+    void Load(QB_ByteStream& stream)
+    {
+        LoadHead(stream);
+        LoadBody(stream);
+    }
     void SaveHead(QB_ByteStream& stream) const
     {
         user.Save(stream);
@@ -128,6 +129,11 @@ struct ZV_AddFilesRequest
         SaveU16Array(stream, arrFileID);
         SaveSequence(stream, arrInfo);
         stream.WriteU8(bLast);
+    }
+    void Save(QB_ByteStream& stream) const
+    {
+        SaveHead(stream);
+        SaveBody(stream);
     }
 };
 
@@ -165,6 +171,11 @@ struct ZV_AddFilesResponse
         SaveU32Array(stream, arrPos);
         SaveSequence(stream, arrInfo);
         stream.WriteU8(bLast);
+    }
+    void Save(QB_ByteStream& stream) const
+    {
+        SaveHead(stream);
+        SaveBody(stream);
     }
 };
 

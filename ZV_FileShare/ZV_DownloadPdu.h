@@ -1,85 +1,116 @@
-// ZV_DownloadPdu: the payloads of the download road that both of its sides
-// read or write, 8014 and 8013, as plain values with a reader and a writer.
+// ZV_DownloadPdu: the payloads of the download road, the request (8014) and
+// its answer (8015), the downloader's position (8012) and the blocks (8013),
+// as plain values with a reader and a writer.
 //
 // Readers raise the stream's load failure on anything that does not fit;
 // the caller's top-level guard takes it.
 #pragma once
 
-#include "ZV_FileShareSession.h"
+#include "ZV_AnswerHead.h"
+#include "ZV_FileDownloadInfo.h"
+#include "ZV_RecordStream.h"
+#include "ZV_RequestHead.h"
 
 #include "QB_ByteStream.h"
 #include "QB_String.h"
-#include "QB_UserID.h"
 
 #include <cstdint>
 
-// The fields of 8014.
-struct ZV_DownloadAsk
+// 8014. sPath is where the downloader will keep the file.
+struct ZV_DownloadAsk : ZV_RequestHead
 {
-    uint16_t usFileID = 0;
-    QB_UserID user;
-    uint32_t ulFloodSeq = 0;
     QB_StringU8 sPath;
     uint32_t ulPos = 0;
     uint8_t bFromServer = 0;
     uint8_t bFlooded = 0;
+
+    void Save(QB_ByteStream& stream) const
+    {
+        ZV_RequestHead::Save(stream);
+        stream.WriteString(sPath);
+        stream.WriteU32(ulPos);
+        stream.WriteU8(bFromServer);
+        stream.WriteU8(bFlooded);
+    }
+    void Load(QB_ByteStream& stream)
+    {
+        ZV_RequestHead::Load(stream);
+        stream.ReadString(sPath);
+        ulPos = stream.ReadU32();
+        bFromServer = stream.ReadU8();
+        bFlooded = stream.ReadU8();
+    }
 };
 
-// One 8013 block as it lies in the payload; the data is not copied.
-struct ZV_DownloadBlock
+// 8015. A refusal carries an empty record, which the reader leaves unread.
+struct ZV_DownloadResponse : ZV_AnswerHead
+{
+    ZV_FileDownloadInfo record;
+
+    void Save(QB_ByteStream& stream) const
+    {
+        ZV_AnswerHead::Save(stream);
+        SaveDelimited(stream, record);
+    }
+    void Load(QB_ByteStream& stream)
+    {
+        ZV_AnswerHead::Load(stream);
+        if (ulResult == 0)
+            LoadDelimited(stream, record);
+    }
+};
+
+// 8012: where the downloader stands, as its own record says.
+struct ZV_DownloadDataRequest
+{
+    uint16_t usFileID = 0;
+    QB_UserID user;
+    ZV_FileDownloadInfo record;
+
+    void Save(QB_ByteStream& stream) const
+    {
+        stream.WriteU16(usFileID);
+        user.Save(stream);
+        SaveDelimited(stream, record);
+    }
+    void Load(QB_ByteStream& stream)
+    {
+        usFileID = stream.ReadU16();
+        user.Load(stream);
+        LoadDelimited(stream, record);
+    }
+};
+
+// 8013. The block follows the head only when the receiver wants it: after
+// a refusal, or when nothing is being downloaded, it is left unread.
+struct ZV_DownloadBlock : ZV_AnswerHead
 {
     uint32_t ulPos = 0;
     uint32_t ulLen = 0;
     const uint8_t* pData = nullptr;
     uint32_t ulMaxPos = 0;
+
+    void Save(QB_ByteStream& stream) const
+    {
+        ZV_AnswerHead::Save(stream);
+        stream.WriteU32(ulPos);
+        stream.WriteU32(ulLen);
+        stream.WriteBytes(pData, (int32_t)ulLen);
+        stream.WriteU32(ulMaxPos);
+    }
+    // False for a block longer than a block.
+    bool LoadBlock(QB_ByteStream& stream)
+    {
+        ulPos = stream.ReadU32();
+        ulLen = stream.ReadU32();
+        if (!ZV_LoadBlockData(stream, ulLen, ZV_BLOCK_SIZE, pData))
+            return false;
+        ulMaxPos = stream.ReadU32();
+        return true;
+    }
+    bool Load(QB_ByteStream& stream)
+    {
+        ZV_AnswerHead::Load(stream);
+        return LoadBlock(stream);
+    }
 };
-
-inline void WriteDownloadRequest(QB_ByteStream& stream, const ZV_DownloadAsk& ask)
-{
-    stream.WriteU16(ask.usFileID);
-    ask.user.Save(stream);
-    stream.WriteU32(ask.ulFloodSeq);
-    stream.WriteString(ask.sPath);
-    stream.WriteU32(ask.ulPos);
-    stream.WriteU8(ask.bFromServer);
-    stream.WriteU8(ask.bFlooded);
-}
-
-inline void ReadDownloadRequest(QB_ByteStream& stream, ZV_DownloadAsk& ask)
-{
-    ask.usFileID = stream.ReadU16();
-    ask.user.Load(stream);
-    ask.ulFloodSeq = stream.ReadU32();
-    stream.ReadString(ask.sPath);
-    ask.ulPos = stream.ReadU32();
-    ask.bFromServer = stream.ReadU8();
-    ask.bFlooded = stream.ReadU8();
-}
-
-inline void WriteDataResponse(QB_ByteStream& stream, uint16_t usFileID, uint32_t ulResult, uint16_t usFileID2,
-                              const QB_UserID& user, uint32_t ulPos, uint32_t ulLen, const uint8_t* pData,
-                              uint32_t ulMaxPos)
-{
-    stream.WriteU16(usFileID);
-    stream.WriteU32(ulResult);
-    stream.WriteU16(usFileID2);
-    user.Save(stream);
-    stream.WriteU32(ulPos);
-    stream.WriteU32(ulLen);
-    stream.WriteBytes(pData, (int32_t)ulLen);
-    stream.WriteU32(ulMaxPos);
-}
-
-// The length is checked before the data is stepped over: a count past 31
-// bits would otherwise walk the stream backwards.
-inline bool ReadDataBlock(QB_ByteStream& stream, ZV_DownloadBlock& block)
-{
-    block.ulPos = stream.ReadU32();
-    block.ulLen = stream.ReadU32();
-    if (block.ulLen > ZV_BLOCK_SIZE)
-        return false;
-    block.pData = stream.GetBuffer() + stream.GetPos();
-    stream.Skip((int32_t)block.ulLen);
-    block.ulMaxPos = stream.ReadU32();
-    return true;
-}

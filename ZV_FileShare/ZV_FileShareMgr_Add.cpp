@@ -232,7 +232,7 @@ uint32_t ZV_FileShareMgr::SendAddResponse(uint32_t ulConn, uint16_t usFileID, ui
     answer.usRouteID = usFileID;
     answer.ulResult = ulResult;
     answer.usFileID = usFileID2;
-    answer.creator = creator;
+    answer.user = creator;
     answer.ulWritePos = ulWritePos;
     answer.brief = brief;
     answer.bStartUpload = bStartUpload;

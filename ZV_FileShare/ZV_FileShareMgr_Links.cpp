@@ -3,7 +3,8 @@
 // files whose creators are homed here.
 #include "ZV_FileShareMgr.h"
 #include "ZV_FileShareSession.h"
-#include "ZV_RecordStream.h"
+#include "ZV_ControlPdu.h"
+#include "ZV_DownloadPdu.h"
 
 #include "QB_Log.h"
 
@@ -17,10 +18,12 @@ void RestartDownload(ZV_FileShareMgr* lpMgr, ZV_FileShareSession* lpFsSession, c
     {
         if (!lpConf->HasServerLinks())
             return;
+        ZV_DownloadDataRequest ask;
+        ask.usFileID = lpFsSession->m_usFileID;
+        ask.user = QB_UserID(lpConf->GetLocalServerID(), 0);
+        ask.record = download;
         ZV_PduBuffer pdu;
-        pdu.Stream().WriteU16(lpFsSession->m_usFileID);
-        QB_UserID(lpConf->GetLocalServerID(), 0).Save(pdu.Stream());
-        SaveDelimited(pdu.Stream(), download);
+        ask.Save(pdu.Stream());
         ZV_SendToServerData(lpConf, ulServerID, PDU_CONF_FS_DOWNLOAD_DATA_REQUEST, pdu);
         return;
     }
@@ -45,12 +48,14 @@ void RepublishUpload(ZV_FileShareMgr* lpMgr, ZV_FileShareSession* lpFsSession, c
     const uint32_t ulFloodSeq = lpConf->NewFloodSeq(&creator, 0);
     if (lpConf->IsFloodSeen(&creator, ulFloodSeq))
         return;
+    ZV_StopUploadAsk ask;
+    ask.usFileID = lpFsSession->m_usFileID;
+    ask.user = creator;
+    ask.ulFloodSeq = ulFloodSeq;
+    ask.bStop = lpFsSession->m_bStopUpload ? 1 : 0;
+    ask.ulPos = info.m_ulFileWritePos;
     ZV_PduBuffer pdu;
-    pdu.Stream().WriteU16(lpFsSession->m_usFileID);
-    creator.Save(pdu.Stream());
-    pdu.Stream().WriteU32(ulFloodSeq);
-    pdu.Stream().WriteU8(lpFsSession->m_bStopUpload ? 1 : 0);
-    pdu.Stream().WriteU32(info.m_ulFileWritePos);
+    ask.Save(pdu.Stream());
     ZV_SendToServers(lpConf, zvConnNone, PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST, pdu);
 }
 

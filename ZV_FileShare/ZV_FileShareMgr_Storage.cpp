@@ -2,6 +2,7 @@
 // while the conference goes on, and the removal of all of them at its end.
 // A client keeps no store, so it does nothing here.
 #include "ZV_FileShareMgr.h"
+#include "ZV_AnswerHead.h"
 #include "ZV_FileShareSession.h"
 
 #include "QB_Env.h"
@@ -108,12 +109,9 @@ uint32_t ZV_FileShareMgr::SendDelUploadResponse(uint32_t ulConn, uint16_t usFile
                                                 bool bToAll)
 {
     ZV_PduBuffer pdu;
-    QB_ByteStream& stream = pdu.Stream();
-    stream.WriteU16(usFileID);
-    stream.WriteU32(ulResult);
-    stream.WriteU16(usFileID2);
-    lpUser->Save(stream);
-    stream.WriteU32(ulFloodSeq);
+    const ZV_AnswerHead head{usFileID, ulResult, usFileID2, *lpUser};
+    head.Save(pdu.Stream());
+    pdu.Stream().WriteU32(ulFloodSeq);
     if (bToAll)
         return ZV_SendToGroup(m_lpConf, ulConn, PDU_CONF_FS_DEL_UPLOAD_RESPONSE, pdu);
     return ZV_SendToLink(m_lpConf, ulConn, PDU_CONF_FS_DEL_UPLOAD_RESPONSE, pdu);

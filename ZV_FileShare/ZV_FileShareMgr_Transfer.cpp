@@ -2,7 +2,7 @@
 // upload, and the file state notice that the manager dispatches itself.
 #include "ZV_FileShareMgr.h"
 #include "ZV_FileShareSession.h"
-#include "ZV_RecordStream.h"
+#include "ZV_ControlPdu.h"
 
 #include "QB_Log.h"
 
@@ -42,11 +42,9 @@ uint32_t ZV_FileShareMgr::FsUpload(uint16_t usFileID)
 uint32_t ZV_FileShareMgr::HandleFileStateNotice(ConfPduData* lpCpd)
 {
     ZV_PayloadReader stream(lpCpd);
-    QB_Array<uint16_t> arrFileID;
-    LoadU16Array(stream, arrFileID);
-    const uint16_t usState = stream.ReadU16();
-    const uint8_t bUpload = stream.ReadU8();
-    for (int i = 0; i < arrFileID.GetSize(); ++i)
-        NotifyTransferState(bUpload, arrFileID[i], usState);
+    ZV_FileStateNotice notice;
+    notice.Load(stream);
+    for (int i = 0; i < notice.arrFileID.GetSize(); ++i)
+        NotifyTransferState(notice.bUpload, notice.arrFileID[i], notice.usState);
     return 0;
 }

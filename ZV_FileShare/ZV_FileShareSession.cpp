@@ -1,6 +1,7 @@
 // A session's life, its dispatch of PDUs to the slots, and the helpers that
 // every road of the bytes shares.
 #include "ZV_FileShareSession.h"
+#include "ZV_DownloadPdu.h"
 #include "ZV_FileCatalog.h"
 #include "ZV_FileShareMgr.h"
 #include "ZV_RecordStream.h"
@@ -131,10 +132,12 @@ bool ZV_FileShareSession::IsLocalUser(IZV_ConfHost* lpConf, const QB_UserID& id)
 uint32_t ZV_FileShareSession::SendDownloadDataRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID& user,
                                                       const ZV_FileDownloadInfo& download)
 {
+    ZV_DownloadDataRequest ask;
+    ask.usFileID = usFileID;
+    ask.user = user;
+    ask.record = download;
     ZV_PduBuffer pdu;
-    pdu.Stream().WriteU16(usFileID);
-    user.Save(pdu.Stream());
-    SaveDelimited(pdu.Stream(), download);
+    ask.Save(pdu.Stream());
     return ZV_SendToLink(Conf(), ulConn, PDU_CONF_FS_DOWNLOAD_DATA_REQUEST, pdu);
 }
 

@@ -17,6 +17,7 @@
 #include "ZV_FileDownloadInfo.h"
 #include "ZV_FileUploadInfo.h"
 #include "ZV_PduFrame.h"
+#include "ZV_RequestHead.h"
 
 #include "QB_ByteStream.h"
 #include "QB_Env.h"
@@ -28,6 +29,7 @@
 #include <cstdint>
 
 class ZV_FileShareMgr;
+struct ZV_DownloadBlock;
 
 using ZV_DownloadMap = QB_Map<QB_UserID, ZV_FileDownloadInfo, QB_HashUserID>;
 
@@ -45,9 +47,6 @@ enum : uint16_t
     ZV_DLSTATE_STOPPED = 2,
     ZV_DLSTATE_FINISHED = 3,
 };
-
-// Bytes of one data block.
-constexpr uint32_t ZV_BLOCK_SIZE = 32768;
 
 // The host's millisecond tick, which transfers and waits are timed by.
 inline uint32_t ZV_Now()
@@ -181,8 +180,7 @@ public:
     uint32_t OpenDownloadFile(const QB_StringW& sPath, uint32_t ulPos, uint32_t ulLength, uint32_t ulMode);
     void ReportDownloadAnswer(const ConfPduData* lpCpd, uint32_t ulResult, uint16_t usFileID, const QB_UserID& user,
                               const ZV_FileDownloadInfo& record);
-    uint32_t TakeDownloadBlock(const ConfPduData* lpCpd, QB_ByteStream& stream, uint16_t usFileID,
-                               const QB_UserID& user);
+    uint32_t TakeDownloadBlock(const ConfPduData* lpCpd, QB_ByteStream& stream, ZV_DownloadBlock& block);
     // True when the position has reached the file's length.
     bool AdvanceLocalDownload(uint32_t ulCount);
     void OnClientBlock(uint16_t usFileID, bool bFinished);

@@ -7,6 +7,7 @@
 // Progress (8022) is published by the servers, at most one group PDU per
 // ten-thousandth of the file.
 #include "ZV_FileShareSession.h"
+#include "ZV_ControlPdu.h"
 #include "ZV_FileShareMgr.h"
 
 #include <cmath>
@@ -36,63 +37,6 @@ double ShareOf(uint32_t ulPos, uint32_t ulLength)
     return ulLength == 0 ? 1.0 : (double)ulPos / ulLength;
 }
 
-// The fields of 8016 and 8017; ulPos travels in 8017 only.
-struct ZV_StopAsk
-{
-    uint16_t usFileID = 0;
-    QB_UserID user;
-    uint32_t ulFloodSeq = 0;
-    uint8_t bStop = 0;
-    uint32_t ulPos = 0;
-};
-
-void WriteStopAsk(QB_ByteStream& stream, const ZV_StopAsk& ask, bool bUpload)
-{
-    stream.WriteU16(ask.usFileID);
-    ask.user.Save(stream);
-    stream.WriteU32(ask.ulFloodSeq);
-    stream.WriteU8(ask.bStop);
-    if (bUpload)
-        stream.WriteU32(ask.ulPos);
-}
-
-void ReadStopAsk(QB_ByteStream& stream, ZV_StopAsk& ask, bool bUpload)
-{
-    ask.usFileID = stream.ReadU16();
-    ask.user.Load(stream);
-    ask.ulFloodSeq = stream.ReadU32();
-    ask.bStop = stream.ReadU8();
-    if (bUpload)
-        ask.ulPos = stream.ReadU32();
-}
-
-// The fields of 8021 and 8022; bRestart travels in 8021 only.
-struct ZV_Progress
-{
-    uint16_t usFileID = 0;
-    QB_UserID user;
-    uint32_t ulPos = 0;
-    uint8_t bRestart = 0;
-};
-
-void WriteProgress(QB_ByteStream& stream, const ZV_Progress& progress, bool bRequest)
-{
-    stream.WriteU16(progress.usFileID);
-    progress.user.Save(stream);
-    stream.WriteU32(progress.ulPos);
-    if (bRequest)
-        stream.WriteU8(progress.bRestart);
-}
-
-void ReadProgress(QB_ByteStream& stream, ZV_Progress& progress, bool bRequest)
-{
-    progress.usFileID = stream.ReadU16();
-    progress.user.Load(stream);
-    progress.ulPos = stream.ReadU32();
-    if (bRequest)
-        progress.bRestart = stream.ReadU8();
-}
-
 } // namespace
 
 // ---------------------------------------------------------------------------
@@ -103,8 +47,8 @@ uint32_t ZV_FileShareSession::HandleIsStopDownloadRequest(ConfPduData* lpCpd)
     ZV_TraceRecv("PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST");
     IZV_ConfHost* lpConf = Conf();
     ZV_PayloadReader stream(lpCpd);
-    ZV_StopAsk ask;
-    ReadStopAsk(stream, ask, false);
+    ZV_StopDownloadAsk ask;
+    ask.Load(stream);
     if (!lpConf->IsServerMode())
         return 0;
     if (!ZV_IsNewFlood(lpConf, ask.user, ask.ulFloodSeq))
@@ -132,14 +76,17 @@ uint32_t ZV_FileShareSession::HandleIsStopDownloadRequest(ConfPduData* lpCpd)
 void ZV_FileShareSession::FloodStopAsk(uint16_t usPdu, const QB_UserID& user, uint32_t ulFloodSeq, uint8_t bStop,
                                        uint32_t ulPos)
 {
-    ZV_StopAsk ask;
+    ZV_StopUploadAsk ask;
     ask.usFileID = m_usFileID;
     ask.user = user;
     ask.ulFloodSeq = ulFloodSeq;
     ask.bStop = bStop;
     ask.ulPos = ulPos;
     ZV_PduBuffer pdu;
-    WriteStopAsk(pdu.Stream(), ask, usPdu == PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST);
+    if (usPdu == PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST)
+        ask.Save(pdu.Stream());
+    else
+        ask.ZV_StopDownloadAsk::Save(pdu.Stream());
     ZV_SendToServers(Conf(), zvConnNone, usPdu, pdu);
 }
 
@@ -151,8 +98,8 @@ uint32_t ZV_FileShareSession::HandleIsStopUploadRequest(ConfPduData* lpCpd)
     ZV_TraceRecv("PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST");
     IZV_ConfHost* lpConf = Conf();
     ZV_PayloadReader stream(lpCpd);
-    ZV_StopAsk ask;
-    ReadStopAsk(stream, ask, true);
+    ZV_StopUploadAsk ask;
+    ask.Load(stream);
     if (!lpConf->IsServerMode())
         return 0;
     const ZV_FileBriefInfo& brief = m_FileInfo.m_BriefInfo;
@@ -225,13 +172,12 @@ uint32_t ZV_FileShareSession::HandleIsStopUploadResponse(ConfPduData* lpCpd)
     ZV_TraceRecv("PDU_CONF_FS_IS_STOP_UPLOAD_RESPONSE");
     IZV_ConfHost* lpConf = Conf();
     ZV_PayloadReader stream(lpCpd);
-    stream.ReadU16();
-    const uint32_t ulResult = stream.ReadU32();
-    const uint16_t usFileID = stream.ReadU16();
-    QB_UserID user;
-    user.Load(stream);
-    const uint8_t bStop = stream.ReadU8();
-    const uint32_t ulPos = stream.ReadU32();
+    ZV_StopUploadResponse answer;
+    answer.Load(stream);
+    const uint32_t ulResult = answer.ulResult;
+    const uint16_t usFileID = answer.usFileID;
+    const uint8_t bStop = answer.bStop;
+    const uint32_t ulPos = answer.ulPos;
     if (lpConf->IsServerMode())
         return 0;
     if (ulResult == ZV_OK)
@@ -266,8 +212,8 @@ uint32_t ZV_FileShareSession::HandleProgressingRequest(ConfPduData* lpCpd)
 {
     ZV_TraceRecv("PDU_CONF_FS_PROGRESSING_REQUEST");
     ZV_PayloadReader stream(lpCpd);
-    ZV_Progress progress;
-    ReadProgress(stream, progress, true);
+    ZV_ProgressRequest progress;
+    progress.Load(stream);
     if (!Conf()->IsServerMode())
         return 0;
     if (progress.bRestart)
@@ -281,7 +227,7 @@ uint32_t ZV_FileShareSession::HandleProgressingResponse(ConfPduData* lpCpd)
 {
     ZV_PayloadReader stream(lpCpd);
     ZV_Progress progress;
-    ReadProgress(stream, progress, false);
+    progress.Load(stream);
     if (lpCpd->conn_type == zvConfServerTypeCommand)
         PullFromUpstream(lpCpd, progress.user);
     else if (Conf()->IsClientMode())
@@ -299,13 +245,13 @@ void ZV_FileShareSession::PullFromUpstream(const ConfPduData* lpCpd, const QB_Us
     m_bPulling = true;
     if (lpConf->HasServerLinks())
     {
-        ZV_Progress progress;
+        ZV_ProgressRequest progress;
         progress.usFileID = m_usFileID;
         progress.user = QB_UserID(lpConf->GetLocalServerID(), 0);
         progress.ulPos = m_FileInfo.m_ulFileWritePos;
         progress.bRestart = 1;
         ZV_PduBuffer pdu;
-        WriteProgress(pdu.Stream(), progress, true);
+        progress.Save(pdu.Stream());
         ZV_SendToServers(lpConf, lpCpd->ulConn, PDU_CONF_FS_PROGRESSING_REQUEST, pdu, 1, 0);
     }
     const QB_StringU8 sPath(GetConfDir() + QB_StringW(m_FileInfo.m_sFileNewName));
@@ -340,25 +286,20 @@ uint32_t ZV_FileShareSession::HandleUploadErrorRequest(ConfPduData* lpCpd)
     ZV_TraceRecv("PDU_CONF_FS_UPLOAD_ERROR_REQUEST");
     IZV_ConfHost* lpConf = Conf();
     ZV_PayloadReader stream(lpCpd);
-    stream.ReadU16();
-    QB_UserID user;
-    user.Load(stream);
-    uint32_t ulFloodSeq = stream.ReadU32();
-    const uint32_t ulPos = stream.ReadU32();
+    ZV_UploadErrorAsk ask;
+    ask.Load(stream);
     if (!lpConf->IsServerMode())
         return 0;
     if (IsClientRequest(lpCpd) && m_FileInfo.m_BriefInfo.m_usFileState == ZV_FILESTATE_COMPLETE)
         return 0;
-    if (!ZV_IsNewFlood(lpConf, user, ulFloodSeq))
+    if (!ZV_IsNewFlood(lpConf, ask.user, ask.ulFloodSeq))
         return 0;
-    m_ulMaxPos = ulPos;
+    m_ulMaxPos = ask.ulPos;
     if (lpConf->HasServerLinks())
     {
+        ask.usFileID = m_usFileID;
         ZV_PduBuffer pdu;
-        pdu.Stream().WriteU16(m_usFileID);
-        user.Save(pdu.Stream());
-        pdu.Stream().WriteU32(ulFloodSeq);
-        pdu.Stream().WriteU32(ulPos);
+        ask.Save(pdu.Stream());
         ZV_SendToServers(lpConf, zvConnNone, PDU_CONF_FS_UPLOAD_ERROR_REQUEST, pdu);
     }
     m_FileInfo.m_BriefInfo.SetFileState(ZV_FILESTATE_FAILED);
@@ -372,11 +313,10 @@ uint32_t ZV_FileShareSession::HandleUploadErrorResponse(ConfPduData* lpCpd)
 {
     ZV_TraceRecv("PDU_CONF_FS_UPLOAD_ERROR_RESPONSE");
     ZV_PayloadReader stream(lpCpd);
-    stream.ReadU16();
-    stream.ReadU32();
-    const uint16_t usFileID = stream.ReadU16();
+    ZV_UploadErrorResponse answer;
+    answer.Load(stream);
     if (Conf()->IsClientMode() && IsFileVisible(m_BriefInfo))
-        NotifyTransferError(ZV_ERR_IO, usFileID);
+        NotifyTransferError(ZV_ERR_IO, answer.usFileID);
     return 0;
 }
 
@@ -433,12 +373,12 @@ void ZV_FileShareSession::AskServersForMore()
     IZV_ConfHost* lpConf = Conf();
     if (!lpConf->HasServerLinks())
         return;
-    ZV_Progress progress;
+    ZV_ProgressRequest progress;
     progress.usFileID = m_usFileID;
     progress.user = QB_UserID(lpConf->GetLocalServerID(), 0);
     progress.ulPos = m_FileInfo.m_ulFileWritePos;
     ZV_PduBuffer pdu;
-    WriteProgress(pdu.Stream(), progress, true);
+    progress.Save(pdu.Stream());
     ZV_SendToServers(lpConf, zvConnNone, PDU_CONF_FS_PROGRESSING_REQUEST, pdu, 1, 0);
 }
 
@@ -459,27 +399,27 @@ void ZV_FileShareSession::OnClientTimer()
 uint32_t ZV_FileShareSession::SendIsStopDownloadRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser,
                                                        uint32_t ulFloodSeq, uint8_t bStop)
 {
-    ZV_StopAsk ask;
+    ZV_StopDownloadAsk ask;
     ask.usFileID = usFileID;
     ask.user = *pUser;
     ask.ulFloodSeq = ulFloodSeq;
     ask.bStop = bStop;
     ZV_PduBuffer pdu;
-    WriteStopAsk(pdu.Stream(), ask, false);
+    ask.Save(pdu.Stream());
     return ZV_SendToLink(Conf(), ulConn, PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST, pdu);
 }
 
 uint32_t ZV_FileShareSession::SendIsStopUploadRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser,
                                                      uint32_t ulFloodSeq, uint8_t bStop, uint32_t ulPos)
 {
-    ZV_StopAsk ask;
+    ZV_StopUploadAsk ask;
     ask.usFileID = usFileID;
     ask.user = *pUser;
     ask.ulFloodSeq = ulFloodSeq;
     ask.bStop = bStop;
     ask.ulPos = ulPos;
     ZV_PduBuffer pdu;
-    WriteStopAsk(pdu.Stream(), ask, true);
+    ask.Save(pdu.Stream());
     return ZV_SendToLink(Conf(), ulConn, PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST, pdu);
 }
 
@@ -488,14 +428,15 @@ uint32_t ZV_FileShareSession::SendIsStopUploadResponse(uint32_t ulConn, uint16_t
                                                       uint16_t usFileID2, const QB_UserID* pUser, uint8_t bStop,
                                                       uint32_t ulPos)
 {
+    ZV_StopUploadResponse answer;
+    answer.usRouteID = usFileID;
+    answer.ulResult = ulResult;
+    answer.usFileID = usFileID2;
+    answer.user = *pUser;
+    answer.bStop = bStop;
+    answer.ulPos = ulPos;
     ZV_PduBuffer pdu;
-    QB_ByteStream& stream = pdu.Stream();
-    stream.WriteU16(usFileID);
-    stream.WriteU32(ulResult);
-    stream.WriteU16(usFileID2);
-    pUser->Save(stream);
-    stream.WriteU8(bStop);
-    stream.WriteU32(ulPos);
+    answer.Save(pdu.Stream());
     if (ulResult != ZV_OK)
         return ZV_SendToLink(Conf(), ulConn, PDU_CONF_FS_IS_STOP_UPLOAD_RESPONSE, pdu);
     return ZV_SendToGroup(Conf(), zvConnNone, PDU_CONF_FS_IS_STOP_UPLOAD_RESPONSE, pdu);
@@ -504,22 +445,25 @@ uint32_t ZV_FileShareSession::SendIsStopUploadResponse(uint32_t ulConn, uint16_t
 uint32_t ZV_FileShareSession::SendUploadErrorRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser,
                                                     uint32_t ulFloodSeq, uint32_t ulPos)
 {
+    ZV_UploadErrorAsk ask;
+    ask.usFileID = usFileID;
+    ask.user = *pUser;
+    ask.ulFloodSeq = ulFloodSeq;
+    ask.ulPos = ulPos;
     ZV_PduBuffer pdu;
-    QB_ByteStream& stream = pdu.Stream();
-    stream.WriteU16(usFileID);
-    pUser->Save(stream);
-    stream.WriteU32(ulFloodSeq);
-    stream.WriteU32(ulPos);
+    ask.Save(pdu.Stream());
     return ZV_SendToLink(Conf(), ulConn, PDU_CONF_FS_UPLOAD_ERROR_REQUEST, pdu);
 }
 
 uint32_t ZV_FileShareSession::SendUploadErrorResponse(uint32_t ulConn, uint16_t usFileID, uint32_t ulResult,
                                                      uint16_t usFileID2)
 {
+    ZV_UploadErrorResponse answer;
+    answer.usRouteID = usFileID;
+    answer.ulResult = ulResult;
+    answer.usFileID = usFileID2;
     ZV_PduBuffer pdu;
-    pdu.Stream().WriteU16(usFileID);
-    pdu.Stream().WriteU32(ulResult);
-    pdu.Stream().WriteU16(usFileID2);
+    answer.Save(pdu.Stream());
     if (ulResult != ZV_OK)
         return ZV_SendToLink(Conf(), ulConn, PDU_CONF_FS_UPLOAD_ERROR_RESPONSE, pdu);
     return ZV_SendToGroup(Conf(), zvConnNone, PDU_CONF_FS_UPLOAD_ERROR_RESPONSE, pdu);
@@ -537,7 +481,7 @@ uint32_t ZV_FileShareSession::SendProgressing(uint32_t ulConn, uint16_t usFileID
     progress.user = *pUser;
     progress.ulPos = ulPos;
     ZV_PduBuffer pdu;
-    WriteProgress(pdu.Stream(), progress, false);
+    progress.Save(pdu.Stream());
     if (!bThrottle)
         return ZV_SendToLink(Conf(), ulConn, PDU_CONF_FS_PROGRESSING_RESPONSE, pdu);
     const uint32_t ulLength = m_FileInfo.m_BriefInfo.m_ulFileLenth;

@@ -9,9 +9,10 @@
 // next stored block wakes it. The downloader's side is in
 // ZV_FileShareSession_Fetch.cpp.
 #include "ZV_FileShareSession.h"
+#include "ZV_ControlPdu.h"
 #include "ZV_DownloadPdu.h"
 #include "ZV_FileShareMgr.h"
-#include "ZV_RecordStream.h"
+#include "ZV_UploadPdu.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -85,6 +86,19 @@ bool MaySend(const ZV_FileDownloadInfo& entry, uint32_t ulWritePos)
     return entry.m_ulDownloadPos < ulWritePos && !entry.m_bStopped && entry.m_bActive;
 }
 
+// One 8013 block; a refusal carries no data.
+ZV_DownloadBlock MakeDownloadBlock(const ZV_AnswerHead& head, uint32_t ulPos, uint32_t ulLen, const uint8_t* pData,
+                                   uint32_t ulMaxPos)
+{
+    ZV_DownloadBlock block;
+    static_cast<ZV_AnswerHead&>(block) = head;
+    block.ulPos = ulPos;
+    block.ulLen = ulLen;
+    block.pData = pData;
+    block.ulMaxPos = ulMaxPos;
+    return block;
+}
+
 } // namespace
 
 // ---------------------------------------------------------------------------
@@ -96,7 +110,7 @@ uint32_t ZV_FileShareSession::HandleDownloadRequest(ConfPduData* lpCpd)
     IZV_ConfHost* lpConf = Conf();
     ZV_PayloadReader stream(lpCpd);
     ZV_DownloadAsk ask;
-    ReadDownloadRequest(stream, ask);
+    ask.Load(stream);
     if (!lpConf->IsServerMode())
         return 0;
     if (!ask.bFromServer)
@@ -137,7 +151,7 @@ void ZV_FileShareSession::FloodDownloadRequest(const QB_UserID& user, uint32_t u
     ask.ulPos = ulPos;
     ask.bFlooded = 1;
     ZV_PduBuffer pdu;
-    WriteDownloadRequest(pdu.Stream(), ask);
+    ask.Save(pdu.Stream());
     ZV_SendToServers(Conf(), zvConnNone, PDU_CONF_FS_DOWNLOAD_REQUEST, pdu);
 }
 
@@ -162,14 +176,13 @@ uint32_t ZV_FileShareSession::StartUploadOnDemand(const QB_UserID& downloader)
     }
     if (!lpConf->HasServerLinks())
         return ZV_OK;
+    ZV_UploadResponse answer;
+    answer.usRouteID = m_usFileID;
+    answer.usFileID = m_usFileID;
+    answer.user = downloader;
+    answer.ulFloodSeq = lpConf->NewFloodSeq(&downloader, 0);
     ZV_PduBuffer pdu;
-    QB_ByteStream& stream = pdu.Stream();
-    stream.WriteU16(m_usFileID);
-    stream.WriteU32(ZV_OK);
-    stream.WriteU16(m_usFileID);
-    downloader.Save(stream);
-    stream.WriteU32(lpConf->NewFloodSeq(&downloader, 0));
-    stream.WriteU32(0);
+    answer.Save(pdu.Stream());
     ZV_SendToServers(lpConf, zvConnNone, PDU_CONF_FS_UPLOAD_RESPONSE, pdu);
     return ZV_OK;
 }
@@ -181,11 +194,10 @@ uint32_t ZV_FileShareSession::HandleDownloadDataRequest(ConfPduData* lpCpd)
 {
     ZV_TraceRecv("PDU_CONF_FS_DOWNLOAD_DATA_REQUEST");
     ZV_PayloadReader stream(lpCpd);
-    stream.ReadU16();
-    QB_UserID user;
-    user.Load(stream);
-    ZV_FileDownloadInfo record;
-    LoadDelimited(stream, record);
+    ZV_DownloadDataRequest ask;
+    ask.Load(stream);
+    const QB_UserID& user = ask.user;
+    const ZV_FileDownloadInfo& record = ask.record;
     ZV_FileDownloadInfo* pEntry = m_mapDownload.Find(user);
     if (pEntry == nullptr)
         return 0;
@@ -216,12 +228,13 @@ void ZV_FileShareSession::FloodDownloadStop(const QB_UserID& user, bool bStopped
     const uint32_t ulFloodSeq = lpConf->NewFloodSeq(&user, 0);
     if (lpConf->IsFloodSeen(&user, ulFloodSeq) || !lpConf->HasServerLinks())
         return;
+    ZV_StopDownloadAsk ask;
+    ask.usFileID = m_usFileID;
+    ask.user = user;
+    ask.ulFloodSeq = ulFloodSeq;
+    ask.bStop = bStopped ? 1 : 0;
     ZV_PduBuffer pdu;
-    QB_ByteStream& stream = pdu.Stream();
-    stream.WriteU16(m_usFileID);
-    user.Save(stream);
-    stream.WriteU32(ulFloodSeq);
-    stream.WriteU8(bStopped ? 1 : 0);
+    ask.Save(pdu.Stream());
     ZV_SendToServers(lpConf, zvConnNone, PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST, pdu);
 }
 
@@ -290,7 +303,7 @@ uint32_t ZV_FileShareSession::SendDownloadBlock(const ConfPduData* lpCpd, uint32
     if (lpCpd->conn_type != zvConfServerTypeData)
         return SendDownloadDataResponse(lpCpd->ulConn, m_usFileID, ulResult, m_usFileID, &user, ulPos, ulLen, pData);
     ZV_PduBuffer pdu;
-    WriteDataResponse(pdu.Stream(), m_usFileID, ulResult, m_usFileID, user, ulPos, ulLen, pData, m_ulMaxPos);
+    MakeDownloadBlock({m_usFileID, ulResult, m_usFileID, user}, ulPos, ulLen, pData, m_ulMaxPos).Save(pdu.Stream());
     return ZV_SendOnServerLink(Conf(), lpCpd->ulConn, PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, pdu);
 }
 
@@ -299,10 +312,12 @@ void ZV_FileShareSession::FloodFinishedDownload(const QB_UserID& user, const ZV_
 {
     if (!Conf()->HasServerLinks())
         return;
+    ZV_DownloadDataRequest finished;
+    finished.usFileID = m_usFileID;
+    finished.user = user;
+    finished.record = entry;
     ZV_PduBuffer pdu;
-    pdu.Stream().WriteU16(m_usFileID);
-    user.Save(pdu.Stream());
-    SaveDelimited(pdu.Stream(), entry);
+    finished.Save(pdu.Stream());
     ZV_SendToServers(Conf(), zvConnNone, PDU_CONF_FS_DOWNLOAD_DATA_REQUEST, pdu);
 }
 
@@ -332,13 +347,15 @@ uint32_t ZV_FileShareSession::SendDownloadResponse(uint32_t ulConn, uint16_t usF
                                                   uint16_t usFileID2, const QB_UserID* pUser,
                                                   const ZV_FileDownloadInfo* pInfo)
 {
+    ZV_DownloadResponse answer;
+    answer.usRouteID = usFileID;
+    answer.ulResult = ulResult;
+    answer.usFileID = usFileID2;
+    answer.user = *pUser;
+    if (pInfo)
+        answer.record = *pInfo;
     ZV_PduBuffer pdu;
-    QB_ByteStream& stream = pdu.Stream();
-    stream.WriteU16(usFileID);
-    stream.WriteU32(ulResult);
-    stream.WriteU16(usFileID2);
-    pUser->Save(stream);
-    SaveDelimited(stream, pInfo ? *pInfo : ZV_FileDownloadInfo());
+    answer.Save(pdu.Stream());
     return ZV_SendToLink(Conf(), ulConn, PDU_CONF_FS_DOWNLOAD_RESPONSE, pdu);
 }
 
@@ -347,6 +364,6 @@ uint32_t ZV_FileShareSession::SendDownloadDataResponse(uint32_t ulConn, uint16_t
                                                       uint32_t ulLen, const uint8_t* pData)
 {
     ZV_PduBuffer pdu;
-    WriteDataResponse(pdu.Stream(), usFileID, ulResult, usFileID2, *pUser, ulPos, ulLen, pData, m_ulMaxPos);
+    MakeDownloadBlock({usFileID, ulResult, usFileID2, *pUser}, ulPos, ulLen, pData, m_ulMaxPos).Save(pdu.Stream());
     return ZV_SendToLink(Conf(), ulConn, PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, pdu);
 }

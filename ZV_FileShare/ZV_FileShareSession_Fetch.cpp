@@ -4,7 +4,7 @@
 #include "ZV_FileShareSession.h"
 #include "ZV_DownloadPdu.h"
 #include "ZV_FileShareMgr.h"
-#include "ZV_RecordStream.h"
+#include "ZV_UploadPdu.h"
 
 #include "QB_FileEx.h"
 #include "QB_Log.h"
@@ -33,14 +33,12 @@ uint32_t ZV_FileShareSession::HandleDownloadResponse(ConfPduData* lpCpd)
 {
     ZV_TraceRecv("PDU_CONF_FS_DOWNLOAD_RESPONSE");
     ZV_PayloadReader stream(lpCpd);
-    stream.ReadU16();
-    uint32_t ulResult = stream.ReadU32();
-    const uint16_t usFileID = stream.ReadU16();
-    QB_UserID user;
-    user.Load(stream);
-    ZV_FileDownloadInfo record;
-    if (ulResult == ZV_OK)
-        LoadDelimited(stream, record);
+    ZV_DownloadResponse answer;
+    answer.Load(stream);
+    uint32_t ulResult = answer.ulResult;
+    const uint16_t usFileID = answer.usFileID;
+    const QB_UserID& user = answer.user;
+    ZV_FileDownloadInfo& record = answer.record;
     const bool bRelay = Conf()->IsServerMode();
     if (ulResult == ZV_OK && !bRelay && CheckDownloadAnswer(usFileID, record) != ZV_OK)
         return 0;
@@ -145,15 +143,13 @@ uint32_t ZV_FileShareSession::HandleDownloadDataResponse(ConfPduData* lpCpd)
     if (m_bDownloadFailed)
         return 0;
     ZV_PayloadReader stream(lpCpd);
-    stream.ReadU16();
-    uint32_t ulResult = stream.ReadU32();
-    const uint16_t usFileID = stream.ReadU16();
-    QB_UserID user;
-    user.Load(stream);
+    ZV_DownloadBlock block;
+    block.ZV_AnswerHead::Load(stream);
+    uint32_t ulResult = block.ulResult;
     if (ulResult == ZV_OK)
-        ulResult = TakeDownloadBlock(lpCpd, stream, usFileID, user);
+        ulResult = TakeDownloadBlock(lpCpd, stream, block);
     if (ulResult != ZV_OK)
-        FailDownload(lpCpd, ulResult, usFileID, user);
+        FailDownload(lpCpd, ulResult, block.usFileID, block.user);
     return 0;
 }
 
@@ -162,14 +158,14 @@ uint32_t ZV_FileShareSession::HandleDownloadDataResponse(ConfPduData* lpCpd)
 // length the file was announced with, and a local file never grows beyond
 // it (rather than being written whole with the position stopping at the
 // length).
-uint32_t ZV_FileShareSession::TakeDownloadBlock(const ConfPduData* lpCpd, QB_ByteStream& stream, uint16_t usFileID,
-                                                const QB_UserID& user)
+uint32_t ZV_FileShareSession::TakeDownloadBlock(const ConfPduData* lpCpd, QB_ByteStream& stream, ZV_DownloadBlock& block)
 {
+    const uint16_t usFileID = block.usFileID;
+    const QB_UserID& user = block.user;
     ZV_FileDownloadInfo& download = m_LocalDownload;
     if (download.m_sFileName.IsEmpty() || download.m_usState == ZV_DLSTATE_FINISHED)
         return ZV_OK;
-    ZV_DownloadBlock block;
-    if (!ReadDataBlock(stream, block))
+    if (!block.LoadBlock(stream))
         return ZV_ERR_IO;
     if (block.ulPos < download.m_ulDownloadPos)
         return ZV_OK;
@@ -293,14 +289,13 @@ void ZV_FileShareSession::FailRelayDownload(const ConfPduData* lpCpd, uint32_t u
                                             const QB_UserID& user)
 {
     IZV_ConfHost* lpConf = Conf();
+    ZV_UploadResponse failure;
+    failure.usRouteID = usFileID;
+    failure.ulResult = ulResult;
+    failure.usFileID = usFileID;
+    failure.user = user;
     ZV_PduBuffer pdu;
-    QB_ByteStream& stream = pdu.Stream();
-    stream.WriteU16(usFileID);
-    stream.WriteU32(ulResult);
-    stream.WriteU16(usFileID);
-    user.Save(stream);
-    stream.WriteU32(0);
-    stream.WriteU32(0);
+    failure.Save(pdu.Stream());
     ZV_SendToGroup(lpConf, zvConnNone, PDU_CONF_FS_UPLOAD_RESPONSE, pdu);
 
     uint32_t ulConn = lpConf->GetServerConn(lpCpd->ulUserMain, zvConfServerTypeCommand, 0);
@@ -328,16 +323,15 @@ uint32_t ZV_FileShareSession::SendDownloadRequest(uint32_t ulConn, uint16_t usFi
     ask.bFromServer = bFromServer;
     ask.bFlooded = bFlooded;
     ZV_PduBuffer pdu;
-    WriteDownloadRequest(pdu.Stream(), ask);
+    ask.Save(pdu.Stream());
     return ZV_SendToLink(Conf(), ulConn, PDU_CONF_FS_DOWNLOAD_REQUEST, pdu);
 }
 
 uint32_t ZV_FileShareSession::SendDelDownloadRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser,
                                                     uint32_t ulFloodSeq)
 {
+    const ZV_RequestHead ask{usFileID, *pUser, ulFloodSeq};
     ZV_PduBuffer pdu;
-    pdu.Stream().WriteU16(usFileID);
-    pUser->Save(pdu.Stream());
-    pdu.Stream().WriteU32(ulFloodSeq);
+    ask.Save(pdu.Stream());
     return ZV_SendToLink(Conf(), ulConn, PDU_CONF_FS_DEL_DOWNLOAD_REQUEST, pdu);
 }

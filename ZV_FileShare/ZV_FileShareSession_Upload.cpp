@@ -10,7 +10,9 @@
 // Client side first (pump, answer), then the server's (blocks, finish, the
 // flood between servers), then the senders.
 #include "ZV_FileShareSession.h"
+#include "ZV_ControlPdu.h"
 #include "ZV_FileShareMgr.h"
+#include "ZV_UploadPdu.h"
 
 #include "QB_Log.h"
 
@@ -23,84 +25,6 @@ constexpr int kBlocksPerSend = 3;
 constexpr uint32_t kOpenStoreFile = QB_FILE_READWRITE | QB_FILE_OPEN_ALWAYS;
 // The creator's own file when an upload (re)starts: read, existing only.
 constexpr uint32_t kOpenLocalFile = QB_FILE_READ | QB_FILE_OPEN_EXISTING;
-
-// The fields of 8005. A start marker ends after bStart; the data of a block
-// is not copied out of the payload.
-struct ZV_UploadBlock
-{
-    uint16_t usFileID = 0;
-    QB_UserID user;
-    uint32_t ulFloodSeq = 0;
-    uint8_t bStart = 0;
-    uint32_t ulLen = 0;
-    uint32_t ulPos = 0;
-    const uint8_t* pData = nullptr;
-};
-
-void ReadUploadHead(QB_ByteStream& stream, ZV_UploadBlock& block)
-{
-    block.usFileID = stream.ReadU16();
-    block.user.Load(stream);
-    block.ulFloodSeq = stream.ReadU32();
-    block.bStart = stream.ReadU8();
-}
-
-// The length is checked before the data is stepped over, so that a hostile
-// count can neither pass the block buffer's size nor walk the stream back.
-bool ReadUploadData(QB_ByteStream& stream, ZV_UploadBlock& block)
-{
-    block.ulLen = stream.ReadU32();
-    block.ulPos = stream.ReadU32();
-    if (block.ulLen > ZV_BLOCK_SIZE)
-        return false;
-    block.pData = stream.GetBuffer() + stream.GetPos();
-    stream.Skip((int32_t)block.ulLen);
-    return true;
-}
-
-void WriteUploadRequest(QB_ByteStream& stream, uint16_t usFileID, const QB_UserID& user, uint32_t ulFloodSeq,
-                        uint8_t bStart, uint32_t ulLen, const uint8_t* pData, uint32_t ulPos)
-{
-    stream.WriteU16(usFileID);
-    user.Save(stream);
-    stream.WriteU32(ulFloodSeq);
-    stream.WriteU8(bStart);
-    if (bStart)
-        return;
-    stream.WriteU32(ulLen);
-    stream.WriteU32(ulPos);
-    stream.WriteBytes(pData, (int32_t)ulLen);
-}
-
-// The fields of 8006 behind the FileID that the manager routed on.
-struct ZV_UploadAnswer
-{
-    uint32_t ulResult = 0;
-    uint16_t usFileID = 0;
-    QB_UserID user;
-    uint32_t ulFloodSeq = 0;
-    uint32_t ulPos = 0;
-};
-
-void WriteUploadResponse(QB_ByteStream& stream, uint16_t usFileID, const ZV_UploadAnswer& answer)
-{
-    stream.WriteU16(usFileID);
-    stream.WriteU32(answer.ulResult);
-    stream.WriteU16(answer.usFileID);
-    answer.user.Save(stream);
-    stream.WriteU32(answer.ulFloodSeq);
-    stream.WriteU32(answer.ulPos);
-}
-
-void ReadUploadResponse(QB_ByteStream& stream, ZV_UploadAnswer& answer)
-{
-    stream.ReadU16();
-    answer.ulResult = stream.ReadU32();
-    answer.usFileID = stream.ReadU16();
-    answer.user.Load(stream);
-    answer.ulFloodSeq = stream.ReadU32();
-    answer.ulPos = stream.ReadU32();
-}
 
 } // namespace
 
@@ -153,8 +77,8 @@ uint32_t ZV_FileShareSession::HandleUploadResponse(ConfPduData* lpCpd)
 {
     ZV_TraceRecv("PDU_CONF_FS_UPLOAD_RESPONSE");
     ZV_PayloadReader stream(lpCpd);
-    ZV_UploadAnswer answer;
-    ReadUploadResponse(stream, answer);
+    ZV_UploadResponse answer;
+    answer.Load(stream);
     if (lpCpd->conn_type == zvConfServerTypeCommand)
         PassOnUploadStart(answer.user, answer.ulFloodSeq);
     else if (!Conf()->IsServerMode())
@@ -211,12 +135,13 @@ void ZV_FileShareSession::PassOnUploadStart(const QB_UserID& user, uint32_t ulFl
     }
     if (!lpConf->HasServerLinks())
         return;
-    ZV_UploadAnswer answer;
+    ZV_UploadResponse answer;
+    answer.usRouteID = m_usFileID;
     answer.usFileID = m_usFileID;
     answer.user = user;
     answer.ulFloodSeq = ulFloodSeq;
     ZV_PduBuffer pdu;
-    WriteUploadResponse(pdu.Stream(), m_usFileID, answer);
+    answer.Save(pdu.Stream());
     ZV_SendToServers(lpConf, zvConnNone, PDU_CONF_FS_UPLOAD_RESPONSE, pdu);
 }
 
@@ -226,8 +151,8 @@ void ZV_FileShareSession::PassOnUploadStart(const QB_UserID& user, uint32_t ulFl
 uint32_t ZV_FileShareSession::HandleUploadRequest(ConfPduData* lpCpd)
 {
     ZV_PayloadReader stream(lpCpd);
-    ZV_UploadBlock block;
-    ReadUploadHead(stream, block);
+    ZV_UploadRequest block;
+    block.LoadHead(stream);
     if (!Conf()->IsServerMode())
         return 0;
     if (block.bStart)
@@ -237,7 +162,7 @@ uint32_t ZV_FileShareSession::HandleUploadRequest(ConfPduData* lpCpd)
     }
     if (m_bStopUpload)
         return 0;
-    const bool bFits = ReadUploadData(stream, block);
+    const bool bFits = block.LoadData(stream);
     m_ulLastIoTick = ZV_Now();
     uint32_t ulConn = Conf()->GetUserConn(&block.user, zvConfClientTypeCommand);
     if (ulConn == zvConnNone)
@@ -260,8 +185,13 @@ void ZV_FileShareSession::TakeStartMarker(const QB_UserID& user, uint32_t ulFloo
         m_FileInfo.m_BriefInfo.SetFileState(ZV_FILESTATE_UPLOADING);
     if (!lpConf->HasServerLinks())
         return;
+    ZV_UploadRequest marker;
+    marker.usFileID = m_usFileID;
+    marker.user = user;
+    marker.ulFloodSeq = ulFloodSeq;
+    marker.bStart = 1;
     ZV_PduBuffer pdu;
-    WriteUploadRequest(pdu.Stream(), m_usFileID, user, ulFloodSeq, 1, 0, nullptr, 0);
+    marker.Save(pdu.Stream());
     ZV_SendToServers(lpConf, zvConnNone, PDU_CONF_FS_UPLOAD_REQUEST, pdu);
 }
 
@@ -349,24 +279,24 @@ uint32_t ZV_FileShareSession::HandleUploadFinishResponse(ConfPduData* lpCpd)
 {
     ZV_TraceRecv("PDU_CONF_FS_UPLOAD_FINISH_Response");
     ZV_PayloadReader stream(lpCpd);
-    stream.ReadU16();
-    QB_UserID server;
-    server.Load(stream);
-    const uint32_t ulFloodSeq = stream.ReadU32();
+    ZV_UploadFinish finish;
+    finish.Load(stream);
     if (m_bUploadDone)
         return 0;
     m_bUploadDone = true;
     if (Conf()->HasServerLinks())
-        FloodUploadFinish(server, ulFloodSeq);
+        FloodUploadFinish(finish.user, finish.ulFloodSeq);
     return 0;
 }
 
 void ZV_FileShareSession::FloodUploadFinish(const QB_UserID& server, uint32_t ulFloodSeq)
 {
+    ZV_UploadFinish finish;
+    finish.usFileID = m_usFileID;
+    finish.user = server;
+    finish.ulFloodSeq = ulFloodSeq;
     ZV_PduBuffer pdu;
-    pdu.Stream().WriteU16(m_usFileID);
-    server.Save(pdu.Stream());
-    pdu.Stream().WriteU32(ulFloodSeq);
+    finish.Save(pdu.Stream());
     ZV_SendToServers(Conf(), zvConnNone, PDU_CONF_FS_UPLOAD_FINISH_Response, pdu);
 }
 
@@ -377,8 +307,16 @@ uint32_t ZV_FileShareSession::SendUploadRequest(uint32_t ulConn, uint16_t usFile
                                                uint32_t ulFloodSeq, uint8_t bStart, uint32_t ulLen,
                                                const uint8_t* pData, uint32_t ulPos)
 {
+    ZV_UploadRequest block;
+    block.usFileID = usFileID;
+    block.user = *pUser;
+    block.ulFloodSeq = ulFloodSeq;
+    block.bStart = bStart;
+    block.ulLen = ulLen;
+    block.ulPos = ulPos;
+    block.pData = pData;
     ZV_PduBuffer pdu;
-    WriteUploadRequest(pdu.Stream(), usFileID, *pUser, ulFloodSeq, bStart, ulLen, pData, ulPos);
+    block.Save(pdu.Stream());
     return ZV_SendToLink(Conf(), ulConn, PDU_CONF_FS_UPLOAD_REQUEST, pdu);
 }
 
@@ -386,24 +324,25 @@ uint32_t ZV_FileShareSession::SendUploadResponse(uint32_t ulConn, uint16_t usFil
                                                 uint16_t usFileID2, const QB_UserID* pUser, uint32_t ulFloodSeq,
                                                 uint32_t ulPos)
 {
-    ZV_UploadAnswer answer;
+    ZV_UploadResponse answer;
+    answer.usRouteID = usFileID;
     answer.ulResult = ulResult;
     answer.usFileID = usFileID2;
     answer.user = *pUser;
     answer.ulFloodSeq = ulFloodSeq;
     answer.ulPos = ulPos;
     ZV_PduBuffer pdu;
-    WriteUploadResponse(pdu.Stream(), usFileID, answer);
+    answer.Save(pdu.Stream());
     return ZV_SendToLink(Conf(), ulConn, PDU_CONF_FS_UPLOAD_RESPONSE, pdu);
 }
 
 uint32_t ZV_FileShareSession::SendFileStateNotice(uint16_t usFileID, uint16_t usState, uint8_t bUpload)
 {
+    ZV_FileStateNotice notice;
+    notice.arrFileID.Add(usFileID);
+    notice.usState = usState;
+    notice.bUpload = bUpload;
     ZV_PduBuffer pdu;
-    QB_ByteStream& stream = pdu.Stream();
-    stream.WriteCount(1);
-    stream.WriteU16(usFileID);
-    stream.WriteU16(usState);
-    stream.WriteU8(bUpload);
+    notice.Save(pdu.Stream());
     return ZV_SendToGroup(Conf(), zvConnNone, PDU_CONF_FS_FILE_STATE_NOTICE, pdu);
 }

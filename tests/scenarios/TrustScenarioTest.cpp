@@ -67,7 +67,7 @@ void WriteAddAnswer(ZV_PduBuffer& pdu, uint16_t usFileID, const ZV_FileBriefInfo
     ZV_AddResponse answer;
     answer.usRouteID = usFileID;
     answer.usFileID = usFileID;
-    answer.creator = brief.m_CreatorID;
+    answer.user = brief.m_CreatorID;
     answer.brief = brief;
     answer.bStartUpload = 1;
     answer.Save(pdu.Stream());
