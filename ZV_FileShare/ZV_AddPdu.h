@@ -20,7 +20,7 @@
 // between them.
 struct ZV_AddRequest
 {
-    uint16_t usFileID = 0xFFFF;
+    uint16_t usFileID = ZV_NO_FILEID;
     QB_UserID creator;
     uint32_t ulFloodSeq = 0;
     ZV_FileBriefInfo brief;

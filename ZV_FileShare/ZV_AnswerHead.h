@@ -3,6 +3,8 @@
 // the second.
 #pragma once
 
+#include "ZV_RequestHead.h"
+
 #include "QB_ByteStream.h"
 #include "QB_UserID.h"
 
@@ -10,9 +12,9 @@
 
 struct ZV_AnswerHead
 {
-    uint16_t usRouteID = 0xFFFF;
+    uint16_t usRouteID = ZV_NO_FILEID;
     uint32_t ulResult = 0;
-    uint16_t usFileID = 0xFFFF;
+    uint16_t usFileID = ZV_NO_FILEID;
     QB_UserID user;
 
     void Save(QB_ByteStream& stream) const

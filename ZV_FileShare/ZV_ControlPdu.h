@@ -130,9 +130,9 @@ struct ZV_UploadErrorAsk : ZV_RequestHead
 // and the FileID.
 struct ZV_UploadErrorResponse
 {
-    uint16_t usRouteID = 0xFFFF;
+    uint16_t usRouteID = ZV_NO_FILEID;
     uint32_t ulResult = 0;
-    uint16_t usFileID = 0xFFFF;
+    uint16_t usFileID = ZV_NO_FILEID;
 
     void Save(QB_ByteStream& stream) const
     {

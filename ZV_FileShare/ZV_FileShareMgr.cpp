@@ -137,23 +137,22 @@ uint32_t ZV_FileShareMgr::OnConnect(const QB_UserID* lpPeer, uint32_t, uint16_t 
     return 0;
 }
 
-// '4' on the data link means it is down because nothing needed it, '0' that
-// it was lost: only a link that comes back after a loss, with the command
-// link up all along, makes the client report where its downloads stand.
+// Only a data link that comes back after a loss, with the command link up
+// all along, makes the client report where its downloads stand.
 void ZV_FileShareMgr::OnClientConnect(uint16_t usConnType)
 {
     if (usConnType == zvConfClientTypeCommand)
     {
-        m_cCmdLink = '1';
+        m_cCmdLink = ZV_LINK_CMD_UP;
         return;
     }
     if (usConnType != zvConfClientTypeData)
         return;
-    if (m_cCmdLink == '1' && m_cDataLink != '4')
+    if (m_cCmdLink == ZV_LINK_CMD_UP && m_cDataLink != ZV_LINK_IDLE)
         SendFileDownloadPos(true, 0);
     else if (GetLinkConn(zvConfClientTypeData) != zvConnNone)
         ZV_SendKick(m_lpConf, GetLinkConn(zvConfClientTypeData));
-    m_cDataLink = '2';
+    m_cDataLink = ZV_LINK_DATA_UP;
 }
 
 // The first complete pair of server links sends nothing; each further data
@@ -161,14 +160,14 @@ void ZV_FileShareMgr::OnClientConnect(uint16_t usConnType)
 void ZV_FileShareMgr::OnServerConnect(const QB_UserID* lpPeer, uint16_t usConnType)
 {
     if (usConnType == zvConfServerTypeCommand)
-        m_cCmdLink = '1';
+        m_cCmdLink = ZV_LINK_CMD_UP;
     else if (usConnType == zvConfServerTypeData)
-        m_cDataLink = '2';
+        m_cDataLink = ZV_LINK_DATA_UP;
     else
         return;
-    if (m_cCmdLink == '1' && m_cDataLink == '2')
-        m_cCmdLink = '3';
-    else if (m_cCmdLink == '3' && m_cDataLink == '2')
+    if (m_cCmdLink == ZV_LINK_CMD_UP && m_cDataLink == ZV_LINK_DATA_UP)
+        m_cCmdLink = ZV_LINK_PAIRED;
+    else if (m_cCmdLink == ZV_LINK_PAIRED && m_cDataLink == ZV_LINK_DATA_UP)
         SendFileDownloadPos(false, lpPeer ? lpPeer->m_ulMain : 0);
 }
 
@@ -193,14 +192,14 @@ uint32_t ZV_FileShareMgr::OnDisconnect(const QB_UserID* lpPeer, uint32_t ulConn,
     if (bServer)
     {
         if (usConnType == zvConfServerTypeCommand)
-            m_cCmdLink = m_cDataLink = '0';
+            m_cCmdLink = m_cDataLink = ZV_LINK_DOWN;
         else if (usConnType == zvConfServerTypeData)
-            m_cDataLink = '0';
+            m_cDataLink = ZV_LINK_DOWN;
     }
     else if (usConnType == zvConfClientTypeCommand)
-        m_cCmdLink = m_cDataLink = '0';
-    else if (usConnType == zvConfClientTypeData && m_cDataLink == '2')
-        m_cDataLink = '0';
+        m_cCmdLink = m_cDataLink = ZV_LINK_DOWN;
+    else if (usConnType == zvConfClientTypeData && m_cDataLink == ZV_LINK_DATA_UP)
+        m_cDataLink = ZV_LINK_DOWN;
     return 0;
 }
 
@@ -244,10 +243,10 @@ void ZV_FileShareMgr::OnTimer(uint32_t ulTick)
     const uint32_t ulNow = QB_GetEnv()->GetTickCount();
     if (m_ulIdleSince == 0)
         m_ulIdleSince = ulNow;
-    if (ulNow - m_ulIdleSince < 15000)
+    if (ulNow - m_ulIdleSince < ZV_IDLE_WAIT_MS)
         return;
     // Idle long enough: the data link may fall, and that is no loss.
-    m_cDataLink = '4';
+    m_cDataLink = ZV_LINK_IDLE;
     NotifyBusy(0);
     m_ulIdleSince = 0;
 }

@@ -19,11 +19,13 @@
 #include "ZV_FileBriefInfo.h"
 #include "ZV_FileCatalog.h"
 #include "ZV_FileUploadInfo.h"
+#include "ZV_RequestHead.h"
 #include "ZV_ShareLedger.h"
 
 #include "QB_Array.h"
 #include "QB_List.h"
 #include "QB_Locker.h"
+#include "QB_Log.h"
 #include "QB_Map.h"
 #include "QB_String.h"
 
@@ -65,7 +67,35 @@ enum : uint32_t
     ZV_ERR_UNTRUSTED = zvResultUntrusted,
 };
 
-constexpr uint16_t ZV_NO_FILEID = 0xFFFF;
+// States of m_cCmdLink and m_cDataLink. A data link that is down because
+// nothing needed it (idle) is no loss; one that was lost (down) is, and
+// makes a client report where its downloads stand when it comes back.
+enum : char
+{
+    ZV_LINK_DOWN = '0',
+    ZV_LINK_CMD_UP = '1',
+    ZV_LINK_DATA_UP = '2',
+    ZV_LINK_PAIRED = '3',
+    ZV_LINK_IDLE = '4',
+};
+
+// Runs one user-side operation. A caught exception gives ulOnThrow and
+// writes the operation's line; state changed before it stays changed.
+template <typename F>
+uint32_t GuardFs(const char* pszLine, F&& fnBody, uint32_t ulOnThrow = ZV_ERR_EXCEPTION)
+{
+    uint32_t ulResult = ulOnThrow;
+    try
+    {
+        ulResult = fnBody();
+    }
+    catch (...)
+    {
+        QB_WriteLog(2, "error", "%s", pszLine);
+        ulResult = ulOnThrow;
+    }
+    return ulResult;
+}
 
 class ZV_FileShareMgr : public IZV_FileShareMgr, public IZV_ConfModule
 {
@@ -191,8 +221,8 @@ public:
     uint32_t HandleAddFilesResponse(ConfPduData* lpCpd);
 
     // ---- state that the sessions and the tests read and set directly
-    char m_cCmdLink = '0';
-    char m_cDataLink = '4';
+    char m_cCmdLink = ZV_LINK_DOWN;
+    char m_cDataLink = ZV_LINK_IDLE;
     uint16_t m_usNextFileID = 1;
     ZV_SessionMap m_mapSession;
 

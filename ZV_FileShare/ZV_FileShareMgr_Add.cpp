@@ -95,8 +95,9 @@ uint32_t ZV_FileShareMgr::FsAdd(const char16_t* szPath, const QB_UserID* pRight,
                                 uint8_t bStartUpload)
 {
     QB_FileEx file;
-    try
-    {
+    // A rights list too long for one PDU ends in the guard; the file is
+    // closed on every road.
+    const uint32_t ulResult = GuardFs("ZV_FileShareMgr::FsAdd exception.\r\n", [&]() -> uint32_t {
         const QB_StringW sPath = QB_WithBackslashes(szPath);
         if (!file.Open(sPath, QB_FILE_READ | QB_FILE_SHARE_DENY_WRITE | QB_FILE_OPEN_EXISTING))
             return FsAddFailed(file, ZV_ERR_OPEN);
@@ -114,18 +115,10 @@ uint32_t ZV_FileShareMgr::FsAdd(const char16_t* szPath, const QB_UserID* pRight,
         if (ulConn == zvConnNone)
             return FsAddFailed(file, ZV_ERR_NO_CONN);
         m_ShareLedger.Remember(m_lpConf->GetConfID(), brief);
-        const uint32_t ulResult =
-            SendAddRequest(ulConn, ZV_NO_FILEID, *m_lpConf->GetLocalUserID(), 0, brief, bStartUpload);
-        file.Close();
-        return ulResult;
-    }
-    catch (...)
-    {
-        // A rights list too long for one PDU ends here, not in the caller.
-        file.Close();
-        QB_WriteLog(2, "error", "ZV_FileShareMgr::FsAdd exception.\r\n");
-        return ZV_ERR_EXCEPTION;
-    }
+        return SendAddRequest(ulConn, ZV_NO_FILEID, *m_lpConf->GetLocalUserID(), 0, brief, bStartUpload);
+    });
+    file.Close();
+    return ulResult;
 }
 
 uint32_t ZV_FileShareMgr::HandleAddRequest(ConfPduData* lpCpd)

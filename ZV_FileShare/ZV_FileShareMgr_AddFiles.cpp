@@ -216,14 +216,13 @@ uint32_t ZV_FileShareMgr::FsFilesAdd(const char16_t* szFolder, const char16_t* c
 {
     if (m_lpConf == nullptr)
         return ZV_ERR_NO_HOST;
-    const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
-    if (ulConn == zvConnNone)
-        return ZV_ERR_NO_CONN;
-    const ZV_ConfUserInfo* lpUser = m_lpConf->GetUser(m_lpConf->GetLocalUserID());
-    if (lpUser == nullptr)
-        return ZV_ERR_NOT_IN_CONF;
-    try
-    {
+    return GuardFs("ZV_FileShareMgr::FsFilesAdd exception.\r\n", [&]() -> uint32_t {
+        const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
+        if (ulConn == zvConnNone)
+            return ZV_ERR_NO_CONN;
+        const ZV_ConfUserInfo* lpUser = m_lpConf->GetUser(m_lpConf->GetLocalUserID());
+        if (lpUser == nullptr)
+            return ZV_ERR_NOT_IN_CONF;
         uint32_t ulResult = ZV_OK;
         QB_StringW sFolder = QB_WithBackslashes(szFolder);
         if (sFolder.IsEmpty() || sFolder[sFolder.GetLength() - 1] != u'\\')
@@ -252,12 +251,7 @@ uint32_t ZV_FileShareMgr::FsFilesAdd(const char16_t* szFolder, const char16_t* c
             SendAddFilesRequest(ulConn, *m_lpConf->GetLocalUserID(), 0, bStartUpload, arrFileID, arrInfo);
         }
         return ulResult;
-    }
-    catch (...)
-    {
-        QB_WriteLog(2, "error", "ZV_FileShareMgr::FsFilesAdd exception.\r\n");
-        return ZV_ERR_EXCEPTION;
-    }
+    });
 }
 
 // Each PDU stands by itself: the last one, bLast 1, always goes out, however

@@ -11,23 +11,6 @@
 
 namespace {
 
-// Runs one operation. A caught exception leaves the result at 1 and writes
-// the operation's line; state changed before it stays changed.
-template <typename F>
-uint32_t GuardFs(const char* pszLine, F&& fnBody)
-{
-    uint32_t ulResult = ZV_ERR_EXCEPTION;
-    try
-    {
-        ulResult = fnBody();
-    }
-    catch (...)
-    {
-        QB_WriteLog(2, "error", "%s", pszLine);
-    }
-    return ulResult;
-}
-
 // Begun and not complete; a failed upload counts, so that a resume can
 // restart it.
 bool IsUnderway(uint16_t usFileState)

@@ -12,11 +12,9 @@
 uint32_t ZV_FileShareMgr::FsDownload(uint16_t usFileID, const char16_t* szLocalPath)
 {
     assert(m_lpConf && "m_lpConf");
-    uint32_t ulResult = ZV_ERR_EXCEPTION;
-    try
-    {
+    return GuardFs("ZV_FileShareMgr::FsDownload exception.\r\n", [&]() -> uint32_t {
         ZV_FileShareSession* lpFsSession = nullptr;
-        ulResult = LookupSession(usFileID, lpFsSession);
+        const uint32_t ulResult = LookupSession(usFileID, lpFsSession);
         if (ulResult != ZV_OK)
             return ulResult;
         const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
@@ -27,11 +25,6 @@ uint32_t ZV_FileShareMgr::FsDownload(uint16_t usFileID, const char16_t* szLocalP
         lpFsSession->m_sAskedPath = sPath;
         lpFsSession->m_ulAskedPos = 0;
         lpFsSession->m_bDownloadAsked = true;
-        ulResult = lpFsSession->SendDownloadRequest(ulConn, usFileID, m_lpConf->GetLocalUserID(), 0, sPath, 0, 0, 0);
-    }
-    catch (...)
-    {
-        QB_WriteLog(2, "error", "ZV_FileShareMgr::FsDownload exception.\r\n");
-    }
-    return ulResult;
+        return lpFsSession->SendDownloadRequest(ulConn, usFileID, m_lpConf->GetLocalUserID(), 0, sPath, 0, 0, 0);
+    });
 }

@@ -9,12 +9,11 @@
 #include <cassert>
 
 // Without a data link the start marker still goes: the server then knows
-// the upload is coming before the link is up.
+// the upload is coming before the link is up. A caught exception gives 0.
 uint32_t ZV_FileShareMgr::FsUpload(uint16_t usFileID)
 {
     assert(m_lpConf && "m_lpConf");
-    try
-    {
+    return GuardFs("ZV_FileShareMgr::FsUpload exception.\r\n", [&]() -> uint32_t {
         ZV_FileShareSession* lpFsSession = nullptr;
         const uint32_t ulFound = LookupSession(usFileID, lpFsSession);
         if (ulFound == ZV_ERR_UNKNOWN_FILE)
@@ -31,12 +30,7 @@ uint32_t ZV_FileShareMgr::FsUpload(uint16_t usFileID)
         lpFsSession->SendUploadRequest(GetLinkConn(zvConfClientTypeCommand), usFileID, LocalUser(), 0, 1, 0, nullptr,
                                        0);
         return ZV_OK;
-    }
-    catch (...)
-    {
-        QB_WriteLog(2, "error", "ZV_FileShareMgr::FsUpload exception.\r\n");
-        return ZV_OK;
-    }
+    }, ZV_OK);
 }
 
 uint32_t ZV_FileShareMgr::HandleFileStateNotice(ConfPduData* lpCpd)

@@ -4,6 +4,7 @@
 #include "ZV_DownloadPdu.h"
 #include "ZV_FileCatalog.h"
 #include "ZV_FileShareMgr.h"
+#include "ZV_SharePath.h"
 #include "ZV_RecordStream.h"
 
 #include "QB_Env.h"
@@ -14,7 +15,7 @@
 ZV_FileShareSession::ZV_FileShareSession(ZV_FileShareMgr* lpMgr, const char* szStorePath)
     : m_sStorePath(szStorePath), m_ulLastIoTick(QB_GetEnv()->GetTickCount()), m_lpMgr(lpMgr)
 {
-    m_LocalDownload.m_usFileID = 0xFFFF;
+    m_LocalDownload.m_usFileID = ZV_NO_FILEID;
 }
 
 // Files are closed, records freed; nothing on disk is touched here.
@@ -108,7 +109,8 @@ QB_StringW ZV_FileShareSession::GetConfDir() const
     QB_StringA sDir;
     sDir.Format("%s%u\\", m_sStorePath.GetString(), (unsigned)Conf()->GetConfID());
     QB_StringW sWide(sDir);
-    return sWide.Left(260);
+    // As long as a path buffer of Windows holds, terminator and all.
+    return sWide.Left(ZV_MAX_SHARE_PATH + 1);
 }
 
 bool ZV_FileShareSession::IsFileVisible(const ZV_FileBriefInfo& brief) const

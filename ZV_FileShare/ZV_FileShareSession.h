@@ -48,6 +48,14 @@ enum : uint16_t
     ZV_DLSTATE_FINISHED = 3,
 };
 
+// Waits of the timer, in milliseconds. A server looks at a file that has
+// stalled after the first; a client lets a resting download stop counting
+// as busy after the second, and reports its data link idle when nothing has
+// been busy for the third.
+constexpr uint32_t ZV_SERVER_STALL_MS = 20000;
+constexpr uint32_t ZV_CLIENT_STALL_MS = 15000;
+constexpr uint32_t ZV_IDLE_WAIT_MS = 15000;
+
 // The host's millisecond tick, which transfers and waits are timed by.
 inline uint32_t ZV_Now()
 {
@@ -228,7 +236,7 @@ public:
     void NotifyTransferState(uint8_t bUpload, uint16_t usFileID, uint16_t usState);
 
     // ---- members: the file's records, then the server's store, then the client's side
-    uint16_t m_usFileID = 0xFFFF;
+    uint16_t m_usFileID = ZV_NO_FILEID;
     ZV_FileUploadInfo m_FileInfo;
     QB_FileEx* m_lpServerFile = nullptr;
     QB_StringA m_sStorePath;

@@ -5,6 +5,7 @@
 #include "ZV_FileShareSession.h"
 #include "ZV_AddPdu.h"
 #include "ZV_FileShareMgr.h"
+#include "ZV_SharePath.h"
 
 #include "QB_Env.h"
 #include "QB_FileEx.h"
@@ -16,7 +17,6 @@ namespace {
 
 // Paths of the platform hold 260 UTF-16 units, and a Linux file name 255
 // bytes. The stored name keeps room behind it for "(n)" and a guard "_".
-constexpr int kMaxPathUnits = 259;
 constexpr int kNameReserve = 10;
 constexpr int kMaxNameBytes = 255 - kNameReserve;
 // An extension longer than this is taken for part of the name when cutting.
@@ -114,7 +114,7 @@ bool FileExists(const QB_StringW& sPath)
 
 QB_StringW ZV_FileShareSession::MakeStoredFileName(const QB_StringW& sFolder, const QB_StringW& sName)
 {
-    int nMaxUnits = kMaxPathUnits - sFolder.GetLength() - kNameReserve;
+    int nMaxUnits = ZV_MAX_SHARE_PATH - sFolder.GetLength() - kNameReserve;
     if (nMaxUnits < 1)
         nMaxUnits = 1;
     QB_StringW sStored = BreakDotRuns(FitName(ReplaceUnsafeChars(sName), nMaxUnits));

@@ -21,11 +21,6 @@ constexpr uint16_t kFirstServerConnType = 23;
 // Progress is published in ten-thousandths of the file.
 constexpr uint32_t kProgressScale = 10000;
 
-// A server looks at a stalled file after this long without a block; a client
-// lets a resting download stop counting as busy after its own wait.
-constexpr uint32_t kServerStallMs = 20000;
-constexpr uint32_t kClientStallMs = 15000;
-
 bool IsClientRequest(const ConfPduData* lpCpd)
 {
     return lpCpd->conn_type < kFirstServerConnType;
@@ -344,7 +339,7 @@ void ZV_FileShareSession::OnServerTimer()
         return;
     }
     const uint32_t ulNow = ZV_Now();
-    if (ulNow - m_ulLastIoTick <= kServerStallMs)
+    if (ulNow - m_ulLastIoTick <= ZV_SERVER_STALL_MS)
         return;
     // Looked at once per wait, not on each tick.
     m_bPulling = false;
@@ -389,7 +384,7 @@ void ZV_FileShareSession::OnClientTimer()
     if (IsLocalCreator() || m_LocalDownload.m_sFileName.IsEmpty() ||
         m_LocalDownload.m_usState == ZV_DLSTATE_RUNNING)
         return;
-    if (ZV_Now() - m_ulLastIoTick >= kClientStallMs)
+    if (ZV_Now() - m_ulLastIoTick >= ZV_CLIENT_STALL_MS)
         m_lpMgr->SetSessionBusy(0, m_usFileID);
 }
 

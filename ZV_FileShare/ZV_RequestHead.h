@@ -11,6 +11,9 @@
 // Bytes of one data block.
 constexpr uint32_t ZV_BLOCK_SIZE = 32768;
 
+// A FileID on the wire that says none has been given yet.
+constexpr uint16_t ZV_NO_FILEID = 0xFFFF;
+
 struct ZV_RequestHead
 {
     uint16_t usFileID = 0;

@@ -193,7 +193,7 @@ TEST_F(Control, ManagerTimerWorksOnItsConferencesSlotAndReportsIdleAfterFifteenS
 {
     host.Attach(&mgr);
     mgr.SetSessionBusy(1, 5);
-    mgr.m_cDataLink = '2';
+    mgr.m_cDataLink = ZV_LINK_DATA_UP;
     env.SetTick(1000);
     std::vector<uint32_t> vecWorked;
     for (uint32_t ulTick = 0; ulTick < 10; ++ulTick)
@@ -208,10 +208,10 @@ TEST_F(Control, ManagerTimerWorksOnItsConferencesSlotAndReportsIdleAfterFifteenS
     mgr.OnTimer(12);
     env.AdvanceTick(14999);
     mgr.OnTimer(17);
-    EXPECT_NE('4', mgr.m_cDataLink) << "one millisecond short of the idle wait";
+    EXPECT_NE(ZV_LINK_IDLE, mgr.m_cDataLink) << "one millisecond short of the idle wait";
     env.AdvanceTick(1);
     mgr.OnTimer(22);
-    EXPECT_EQ('4', mgr.m_cDataLink);
+    EXPECT_EQ(ZV_LINK_IDLE, mgr.m_cDataLink);
     ASSERT_EQ(3u, host.m_vecEvents.size());
     EXPECT_EQ(Pdu().U16(3012).U32(0).U8(0).b, host.m_vecEvents.back().data);
 }
