@@ -11,8 +11,10 @@
 // _AddFiles.cpp (sharing one file and several), _Download.cpp, _Transfer.cpp
 // and _Control.cpp (the user side's download, upload, stop and resume),
 // _Links.cpp (restarts after a data link came back), _Storage.cpp (the
-// server's storage folder), _Fs.cpp and _Unserved.cpp (operations and
-// handlers not served yet); ZV_FsEvents.cpp writes the events to the user side.
+// server's storage folder), _Trust.cpp (which local files a server's word
+// may make this client read), _Fs.cpp and _Unserved.cpp (operations and
+// handlers not served yet); ZV_FsEvents.cpp writes the events to the user
+// side. docs/architecture.md has the whole picture.
 #pragma once
 
 #include "IZV_FileShare.h"
@@ -30,8 +32,10 @@
 #include "QB_String.h"
 
 #include <cstdint>
+#include <memory>
 
 class ZV_FileShareSession;
+struct ZV_AddRequest;
 
 // Sessions by FileID, 97 buckets, with the lock that FileID allocation and
 // the client's merging handlers take. A null value reserves a FileID whose
@@ -166,8 +170,14 @@ public:
     uint32_t SendAddResponse(uint32_t ulConn, uint16_t usFileID, uint32_t ulResult, uint16_t usFileID2,
                              const QB_UserID& creator, uint32_t ulWritePos, const ZV_FileBriefInfo& brief,
                              uint8_t bStartUpload, bool bToAll);
-    // Stores lpFsSession under usFileID; a session that stood there goes.
-    void ReplaceSession(uint16_t usFileID, ZV_FileShareSession* lpFsSession);
+    // The map takes the session under usFileID; a session that stood there
+    // goes.
+    void ReplaceSession(uint16_t usFileID, std::unique_ptr<ZV_FileShareSession> lpFsSession);
+    // An add that threw on its way: the key goes from the map, and with it
+    // the session it made, its stored file and its catalogue row.
+    void DropAddedSession(uint16_t usFileID);
+    // The session under usFileID goes, and its key.
+    void RemoveSession(uint16_t usFileID);
     // ZV_FileShareMgr_AddFiles.cpp: several files.
     uint32_t SendAddFilesRequest(uint32_t ulConn, const QB_UserID& user, uint32_t ulFloodSeq, uint8_t bStartUpload,
                                  const QB_Array<uint16_t>& arrFileID, const QB_Array<ZV_FileBriefInfo>& arrInfo);
@@ -256,4 +266,5 @@ private:
     void OnClientConnect(uint16_t usConnType);
     void OnServerConnect(const QB_UserID* lpPeer, uint16_t usConnType);
     void DeleteAllSessions();
+    uint32_t FinishServerAdd(ConfPduData* lpCpd, const ZV_AddRequest& ask, ZV_FileShareSession* lpFsSession);
 };

@@ -138,8 +138,24 @@ uint32_t ZV_FileShareMgr::HandleAddRequest(ConfPduData* lpCpd)
                         ask.bStartUpload, false);
         return ZV_OK;
     }
-    ZV_FileShareSession* lpFsSession = new ZV_FileShareSession(this, m_strPath.GetString());
-    ReplaceSession(ask.usFileID, lpFsSession);
+    auto lpOwned = std::make_unique<ZV_FileShareSession>(this, m_strPath.GetString());
+    ZV_FileShareSession* lpFsSession = lpOwned.get();
+    ReplaceSession(ask.usFileID, std::move(lpOwned));
+    try
+    {
+        return FinishServerAdd(lpCpd, ask, lpFsSession);
+    }
+    catch (...)
+    {
+        DropAddedSession(ask.usFileID);
+        throw;
+    }
+}
+
+uint32_t ZV_FileShareMgr::FinishServerAdd(ConfPduData* lpCpd, const ZV_AddRequest& ask,
+                                          ZV_FileShareSession* lpFsSession)
+{
+    const bool bFromClient = lpCpd->conn_type == zvConfClientTypeCommand;
     // The session reads and forwards the final FileID and flood number; the
     // host's bytes stay untouched, a patched copy goes instead.
     std::vector<uint8_t> vbPayload(lpCpd->pData, lpCpd->pData + lpCpd->ulLen);
@@ -152,8 +168,7 @@ uint32_t ZV_FileShareMgr::HandleAddRequest(ConfPduData* lpCpd)
     if (ulResult != ZV_OK && bFromClient)
     {
         ulTarget = lpCpd->ulConn;
-        delete lpFsSession;
-        m_mapSession.RemoveKey(ask.usFileID);
+        RemoveSession(ask.usFileID);
     }
     const int nDeleted = m_arrDelFileID.Find(ask.usFileID);
     if (nDeleted >= 0)
@@ -179,28 +194,63 @@ uint32_t ZV_FileShareMgr::HandleAddResponse(ConfPduData* lpCpd)
         NotifyFileAdded(ZV_ERR_UNTRUSTED, answer.usFileID, answer.brief, dPercent);
         return ZV_ERR_UNTRUSTED;
     }
-    ZV_FileShareSession* lpFsSession = new ZV_FileShareSession(this, m_strPath.GetString());
-    if (lpFsSession->IsFileVisible(answer.brief))
+    auto lpOwned = std::make_unique<ZV_FileShareSession>(this, m_strPath.GetString());
+    if (lpOwned->IsFileVisible(answer.brief))
         NotifyFileAdded(answer.ulResult, answer.usFileID, answer.brief, dPercent);
     if (answer.ulResult != ZV_OK)
     {
-        delete lpFsSession;
         QB_WriteClientLog("ZV_FileShareMgr.HandleAddResponse ret = %d\r\n", (int)answer.ulResult);
         return answer.ulResult;
     }
     QB_Lock lock(&m_mapSession);
-    ReplaceSession(answer.usFileID, lpFsSession);
-    return lpFsSession->HandleAddResponse(lpCpd);
+    ZV_FileShareSession* lpFsSession = lpOwned.get();
+    ReplaceSession(answer.usFileID, std::move(lpOwned));
+    uint32_t ulResult = ZV_ERR_EXCEPTION;
+    try
+    {
+        ulResult = lpFsSession->HandleAddResponse(lpCpd);
+    }
+    catch (...)
+    {
+        DropAddedSession(answer.usFileID);
+        throw;
+    }
+    // A session that caught a throw of the host on its way is not whole.
+    if (ulResult == ZV_ERR_EXCEPTION)
+        DropAddedSession(answer.usFileID);
+    return ulResult;
 }
 
 // What stood under the key goes with its open files; nobody else holds a
 // session, so the old one would only leak.
-void ZV_FileShareMgr::ReplaceSession(uint16_t usFileID, ZV_FileShareSession* lpFsSession)
+void ZV_FileShareMgr::ReplaceSession(uint16_t usFileID, std::unique_ptr<ZV_FileShareSession> lpFsSession)
 {
     ZV_FileShareSession* lpOld = nullptr;
-    if (m_mapSession.Lookup(usFileID, lpOld) && lpOld != lpFsSession)
+    const bool bHad = m_mapSession.Lookup(usFileID, lpOld);
+    m_mapSession.SetAt(usFileID, lpFsSession.get());
+    lpFsSession.release();
+    if (bHad)
         delete lpOld;
-    m_mapSession.SetAt(usFileID, lpFsSession);
+}
+
+void ZV_FileShareMgr::RemoveSession(uint16_t usFileID)
+{
+    ZV_FileShareSession* lpFsSession = nullptr;
+    m_mapSession.Lookup(usFileID, lpFsSession);
+    m_mapSession.RemoveKey(usFileID);
+    delete lpFsSession;
+}
+
+// The session is out of the map before its files are touched, so that a
+// second throw there still leaves no key behind.
+void ZV_FileShareMgr::DropAddedSession(uint16_t usFileID)
+{
+    ZV_FileShareSession* lpFsSession = nullptr;
+    m_mapSession.Lookup(usFileID, lpFsSession);
+    m_mapSession.RemoveKey(usFileID);
+    const std::unique_ptr<ZV_FileShareSession> lpOwned(lpFsSession);
+    if (lpOwned)
+        lpOwned->UndoAdd();
 }
 
 uint32_t ZV_FileShareMgr::SendAddRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID& creator,

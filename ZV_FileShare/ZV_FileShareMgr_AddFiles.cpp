@@ -127,30 +127,53 @@ bool TakeFileIDs(ZV_FileShareMgr& mgr, ConfPduData* lpCpd, ZV_AddFilesRequest& a
     return !ask.arrFileID.IsEmpty();
 }
 
+// A batch that threw gives back the FileIDs it reserved and the sessions it
+// made, the first nMade of its files.
+void DropBatch(ZV_FileShareMgr& mgr, const QB_Array<uint16_t>& arrFileID, int nMade)
+{
+    for (int i = 0; i < arrFileID.GetSize(); ++i)
+    {
+        ZV_FileShareSession* lpFsSession = nullptr;
+        const bool bReserved = mgr.m_mapSession.Lookup(arrFileID[i], lpFsSession) && lpFsSession == nullptr;
+        if (i < nMade || bReserved)
+            mgr.DropAddedSession(arrFileID[i]);
+    }
+}
+
 // Sessions, stored names, empty files and catalogue rows, then one 8056 for
 // all clients. A batch from a server link is fetched file by file at once.
 void StoreAddedFiles(ZV_FileShareMgr& mgr, ConfPduData* lpCpd, const ZV_AddFilesRequest& ask,
                      const QB_StringW& sFolder)
 {
-    const QB_UserID self(mgr.m_lpConf->GetLocalServerID(), 0);
-    QB_Array<uint32_t> arrPos;
-    for (int i = 0; i < ask.arrFileID.GetSize(); ++i)
+    int nMade = 0;
+    try
     {
-        const uint16_t usFileID = ask.arrFileID[i];
-        ZV_FileShareSession* lpFsSession = new ZV_FileShareSession(&mgr, mgr.m_strPath.GetString());
-        mgr.ReplaceSession(usFileID, lpFsSession);
-        QB_StringW sPath;
-        lpFsSession->InitSrvAddFileInfo(sPath, mgr.m_lpConf, usFileID, sFolder, ask.arrInfo[i]);
-        arrPos.Add(0);
-        if (lpCpd->conn_type == zvConfServerTypeCommand)
-            lpFsSession->SendDownloadRequest(lpCpd->ulConn, usFileID, &self, 0, QB_StringU8(sPath), 0, 1, 0);
+        const QB_UserID self(mgr.m_lpConf->GetLocalServerID(), 0);
+        QB_Array<uint32_t> arrPos;
+        for (; nMade < ask.arrFileID.GetSize(); ++nMade)
+        {
+            const uint16_t usFileID = ask.arrFileID[nMade];
+            auto lpOwned = std::make_unique<ZV_FileShareSession>(&mgr, mgr.m_strPath.GetString());
+            ZV_FileShareSession* lpFsSession = lpOwned.get();
+            mgr.ReplaceSession(usFileID, std::move(lpOwned));
+            QB_StringW sPath;
+            lpFsSession->InitSrvAddFileInfo(sPath, mgr.m_lpConf, usFileID, sFolder, ask.arrInfo[nMade]);
+            arrPos.Add(0);
+            if (lpCpd->conn_type == zvConfServerTypeCommand)
+                lpFsSession->SendDownloadRequest(lpCpd->ulConn, usFileID, &self, 0, QB_StringU8(sPath), 0, 1, 0);
+        }
+        // Cut like a list, should a peer's batch come too near the limit for
+        // the positions to fit; an honest batch makes exactly one PDU.
+        ZV_AddFilesResponse part;
+        part.user = ask.user;
+        part.bStartUpload = ask.bStartUpload;
+        SendFilesSeries(mgr.m_lpConf, zvConnNone, part, ask.arrFileID, arrPos, ask.arrInfo, ask.bLast, true);
     }
-    // Cut like a list, should a peer's batch come too near the limit for
-    // the positions to fit; an honest batch makes exactly one PDU.
-    ZV_AddFilesResponse part;
-    part.user = ask.user;
-    part.bStartUpload = ask.bStartUpload;
-    SendFilesSeries(mgr.m_lpConf, zvConnNone, part, ask.arrFileID, arrPos, ask.arrInfo, ask.bLast, true);
+    catch (...)
+    {
+        DropBatch(mgr, ask.arrFileID, nMade + 1);
+        throw;
+    }
 }
 
 // One file of an 8056 on the client: its session, and its place in the
@@ -165,10 +188,16 @@ uint32_t TakeAddedFile(ZV_FileShareMgr& mgr, const ZV_AddFilesResponse& answer, 
         mgr.m_arrPendingFileID.Add(usFileID);
         mgr.m_arrPendingRate.Add((double)ulPos / brief.m_ulFileLenth * 100.0);
     }
-    ZV_FileShareSession* lpFsSession = new ZV_FileShareSession(&mgr, mgr.m_strPath.GetString());
+    auto lpOwned = std::make_unique<ZV_FileShareSession>(&mgr, mgr.m_strPath.GetString());
+    ZV_FileShareSession* lpFsSession = lpOwned.get();
     QB_Lock lock(&mgr.m_mapSession);
-    mgr.ReplaceSession(usFileID, lpFsSession);
-    return lpFsSession->InitCltAddFileInfo(mgr.m_lpConf, usFileID, ulPos, brief, answer.bStartUpload);
+    mgr.ReplaceSession(usFileID, std::move(lpOwned));
+    // InitCltAddFileInfo catches a throw of the host itself, and says so.
+    const uint32_t ulResult =
+        lpFsSession->InitCltAddFileInfo(mgr.m_lpConf, usFileID, ulPos, brief, answer.bStartUpload);
+    if (ulResult == ZV_ERR_EXCEPTION)
+        mgr.DropAddedSession(usFileID);
+    return ulResult;
 }
 
 template <typename T>
@@ -355,14 +384,21 @@ uint32_t ZV_FileShareMgr::HandleAddFilesRequest(ConfPduData* lpCpd)
                                  ask.arrFileID, arrNoPos, ask.arrInfo, ask.bLast, !bFromClient);
         return ZV_OK;
     }
-    if (bFromClient && !TakeFileIDs(*this, lpCpd, ask))
-        return ZV_OK;
-    if (m_lpConf->HasServerLinks())
+    try
     {
-        ZV_PduBuffer pdu;
-        ask.SaveHead(pdu.Stream());
-        ask.SaveBody(pdu.Stream());
-        ZV_SendToServers(m_lpConf, zvConnNone, PDU_CONF_FS_ADD_FILES_REQUEST, pdu, 1, 1);
+        if (bFromClient && !TakeFileIDs(*this, lpCpd, ask))
+            return ZV_OK;
+        if (m_lpConf->HasServerLinks())
+        {
+            ZV_PduBuffer pdu;
+            ask.Save(pdu.Stream());
+            ZV_SendToServers(m_lpConf, zvConnNone, PDU_CONF_FS_ADD_FILES_REQUEST, pdu, 1, 1);
+        }
+    }
+    catch (...)
+    {
+        DropBatch(*this, ask.arrFileID, 0);
+        throw;
     }
     StoreAddedFiles(*this, lpCpd, ask, sFolder);
     return ZV_OK;

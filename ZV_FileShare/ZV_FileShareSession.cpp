@@ -21,12 +21,8 @@ ZV_FileShareSession::ZV_FileShareSession(ZV_FileShareMgr* lpMgr, const char* szS
 // Files are closed, records freed; nothing on disk is touched here.
 ZV_FileShareSession::~ZV_FileShareSession()
 {
-    if (m_lpServerFile)
-    {
-        m_lpServerFile->Close();
-        delete m_lpServerFile;
-        m_lpServerFile = nullptr;
-    }
+    if (m_ServerFile.IsOpen())
+        m_ServerFile.Close();
     if (m_File.IsOpen())
         m_File.Close();
     m_mapDownload.RemoveAll();
@@ -154,6 +150,13 @@ void ZV_FileShareSession::UndoServerAdd(const QB_StringW& sPath)
     m_lpMgr->m_Catalog.DeleteFile((uint16_t)Conf()->GetConfID(), m_usFileID);
     m_bCatalogDirty = false;
     QB_FileEx::Delete(sPath);
+}
+
+void ZV_FileShareSession::UndoAdd()
+{
+    if (m_FileInfo.m_sFileNewName.IsEmpty() || !Conf()->IsServerMode())
+        return;
+    UndoServerAdd(GetConfDir() + QB_StringW(m_FileInfo.m_sFileNewName));
 }
 
 // A far position is reached in two steps.

@@ -8,8 +8,11 @@
 // from its neighbour through the same members a client uses.
 //
 // The definition is split by concern: ZV_FileShareSession.cpp (life,
-// dispatch, framing, events) and one source per road of the bytes as those
-// are filled in.
+// dispatch, the catalogue row), _Add.cpp (the file announced), _Upload.cpp
+// (the upload road), _Download.cpp (the download road, server side),
+// _Fetch.cpp (the downloader's side, client or relay), _Control.cpp (stop,
+// resume, progress, upload errors, the timer) and _Unserved.cpp (slots not
+// served yet); ZV_FsEvents.cpp writes the events.
 #pragma once
 
 #include "IZV_FileShare.h"
@@ -30,6 +33,7 @@
 
 class ZV_FileShareMgr;
 struct ZV_DownloadBlock;
+struct ZV_DownloadResponse;
 
 using ZV_DownloadMap = QB_Map<QB_UserID, ZV_FileDownloadInfo, QB_HashUserID>;
 
@@ -153,6 +157,9 @@ public:
     // An add refused after its row was made takes the row and the empty
     // stored file back out.
     void UndoServerAdd(const QB_StringW& sPath);
+    // An add that threw takes back what it made: on a server the stored
+    // file and the row, once the stored name was chosen.
+    void UndoAdd();
     // Positions run to 4 GB while a seek takes 31 bits.
     static bool SeekTo(QB_FileEx& file, uint32_t ulPos);
 
@@ -188,6 +195,7 @@ public:
     uint32_t OpenDownloadFile(const QB_StringW& sPath, uint32_t ulPos, uint32_t ulLength, uint32_t ulMode);
     void ReportDownloadAnswer(const ConfPduData* lpCpd, uint32_t ulResult, uint16_t usFileID, const QB_UserID& user,
                               const ZV_FileDownloadInfo& record);
+    void TakeDownloadAnswer(const ConfPduData* lpCpd, ZV_DownloadResponse& answer);
     uint32_t TakeDownloadBlock(const ConfPduData* lpCpd, QB_ByteStream& stream, ZV_DownloadBlock& block);
     // True when the position has reached the file's length.
     bool AdvanceLocalDownload(uint32_t ulCount);
@@ -238,7 +246,7 @@ public:
     // ---- members: the file's records, then the server's store, then the client's side
     uint16_t m_usFileID = ZV_NO_FILEID;
     ZV_FileUploadInfo m_FileInfo;
-    QB_FileEx* m_lpServerFile = nullptr;
+    QB_FileEx m_ServerFile;
     QB_StringA m_sStorePath;
     bool m_bSynced = true;
     bool m_bPulling = false;

@@ -268,12 +268,12 @@ void ZV_FileShareSession::PumpDownload(ConfPduData* lpCpd, const QB_UserID& peer
 void ZV_FileShareSession::SendNextBlocks(ConfPduData* lpCpd, const QB_UserID* pUser, ZV_FileDownloadInfo* pEntry)
 {
     uint8_t abBlock[ZV_BLOCK_SIZE];
-    bool bReadable = m_lpServerFile != nullptr;
+    bool bReadable = m_ServerFile.IsOpen();
     for (int i = 0; bReadable && i < kBlocksPerSend && pEntry->m_ulDownloadPos < m_FileInfo.m_ulFileWritePos; ++i)
     {
         const uint32_t ulPos = pEntry->m_ulDownloadPos;
         const uint32_t ulWant = std::min(ZV_BLOCK_SIZE, m_FileInfo.m_ulFileWritePos - ulPos);
-        const int32_t nRead = m_lpServerFile->ReadAt(ulPos, abBlock, (int32_t)ulWant);
+        const int32_t nRead = m_ServerFile.ReadAt(ulPos, abBlock, (int32_t)ulWant);
         bReadable = nRead > 0;
         if (!bReadable)
             break;

@@ -35,13 +35,34 @@ uint32_t ZV_FileShareSession::HandleDownloadResponse(ConfPduData* lpCpd)
     ZV_PayloadReader stream(lpCpd);
     ZV_DownloadResponse answer;
     answer.Load(stream);
+    const bool bWasOpen = m_File.IsOpen();
+    const QB_StringW sWasPath = bWasOpen ? m_File.GetPath() : QB_StringW();
+    const ZV_FileDownloadInfo before = m_LocalDownload;
+    try
+    {
+        TakeDownloadAnswer(lpCpd, answer);
+    }
+    catch (...)
+    {
+        // A throw of the host or the user side leaves no file open that
+        // this answer opened, and the download as it stood.
+        if (m_File.IsOpen() && (!bWasOpen || m_File.GetPath() != sWasPath))
+            m_File.Close();
+        m_LocalDownload = before;
+        throw;
+    }
+    return 0;
+}
+
+void ZV_FileShareSession::TakeDownloadAnswer(const ConfPduData* lpCpd, ZV_DownloadResponse& answer)
+{
     uint32_t ulResult = answer.ulResult;
     const uint16_t usFileID = answer.usFileID;
     const QB_UserID& user = answer.user;
     ZV_FileDownloadInfo& record = answer.record;
     const bool bRelay = Conf()->IsServerMode();
     if (ulResult == ZV_OK && !bRelay && CheckDownloadAnswer(usFileID, record) != ZV_OK)
-        return 0;
+        return;
     m_bDownloadFailed = false;
     // A new path means a new file: what an earlier download left open
     // belongs to the old path.
@@ -59,10 +80,9 @@ uint32_t ZV_FileShareSession::HandleDownloadResponse(ConfPduData* lpCpd)
     if (Conf()->IsClientMode())
         ReportDownloadAnswer(lpCpd, ulResult, usFileID, user, record);
     if (ulResult != ZV_OK)
-        return 0;
+        return;
     m_bResyncPending = true;
     SendDownloadDataRequest(lpCpd->ulConn, usFileID, user, record);
-    return 0;
 }
 
 // The answer must echo what the user's FsDownload asked: its path, its
@@ -250,18 +270,14 @@ void ZV_FileShareSession::OnRelayBlock(uint16_t usFileID, const QB_UserID& user,
         brief.SetFileState(ZV_FILESTATE_UPLOADING);
         SaveToCatalog();
     }
-    if (m_lpServerFile == nullptr)
+    if (!m_ServerFile.IsOpen())
         OpenRelayServedFile();
     WakeDownloaders(ulBlockPos);
 }
 
 void ZV_FileShareSession::OpenRelayServedFile()
 {
-    QB_FileEx* lpFile = new QB_FileEx;
-    if (lpFile->Open(GetConfDir() + QB_StringW(m_FileInfo.m_sFileNewName), kOpenForDownload))
-        m_lpServerFile = lpFile;
-    else
-        delete lpFile;
+    m_ServerFile.Open(GetConfDir() + QB_StringW(m_FileInfo.m_sFileNewName), kOpenForDownload);
 }
 
 // ---------------------------------------------------------------------------

@@ -201,7 +201,7 @@ void ZV_FileShareSession::TakeStartMarker(const QB_UserID& user, uint32_t ulFloo
 void ZV_FileShareSession::TakeUploadBlock(uint32_t ulConn, uint32_t ulResult, const QB_UserID& user, uint32_t ulPos,
                                           uint32_t ulLen, const uint8_t* pData)
 {
-    if (ulResult == ZV_OK && m_lpServerFile == nullptr)
+    if (ulResult == ZV_OK && !m_ServerFile.IsOpen())
         ulResult = OpenStoreFile();
     const uint32_t ulWritePos = m_FileInfo.m_ulFileWritePos;
     if (ulResult == ZV_OK && ulPos < ulWritePos)
@@ -215,7 +215,7 @@ void ZV_FileShareSession::TakeUploadBlock(uint32_t ulConn, uint32_t ulResult, co
         return;
     }
     m_bResyncPending = false;
-    if (ulResult == ZV_OK && m_lpServerFile->WriteAt(ulWritePos, pData, (int32_t)ulLen) != (int32_t)ulLen)
+    if (ulResult == ZV_OK && m_ServerFile.WriteAt(ulWritePos, pData, (int32_t)ulLen) != (int32_t)ulLen)
         ulResult = ZV_ERR_IO;
     if (ulResult != ZV_OK)
     {
@@ -233,11 +233,8 @@ uint32_t ZV_FileShareSession::OpenStoreFile()
 {
     m_FileInfo.m_BriefInfo.SetFileState(ZV_FILESTATE_UPLOADING);
     SaveToCatalog();
-    m_lpServerFile = new QB_FileEx;
-    if (m_lpServerFile->Open(GetConfDir() + QB_StringW(m_FileInfo.m_sFileNewName), kOpenStoreFile))
+    if (m_ServerFile.Open(GetConfDir() + QB_StringW(m_FileInfo.m_sFileNewName), kOpenStoreFile))
         return ZV_OK;
-    delete m_lpServerFile;
-    m_lpServerFile = nullptr;
     return ZV_ERR_OPEN;
 }
 

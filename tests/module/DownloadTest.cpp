@@ -100,8 +100,7 @@ struct DownloadFixture : public ::testing::Test
         session.m_ulMaxPos = ulWritePos;
         std::filesystem::create_directories(tmp.Sub("7"));
         QB_WriteWholeFile(tmp.Sub("7/song.ogg"), ZV_TestBytes(ulWritePos, 1));
-        session.m_lpServerFile = new QB_FileEx;
-        session.m_lpServerFile->Open(tmp.SubW("7/song.ogg"), 0x203);
+        session.m_ServerFile.Open(tmp.SubW("7/song.ogg"), 0x203);
         return session;
     }
     uint32_t Deliver(uint16_t usPdu, const Bytes& data, uint16_t usType = zvConfClientTypeCommand,
@@ -401,9 +400,7 @@ TEST_F(ClientDownload, RefusesABadBlockUnwrittenStopsTheDownloadAndIgnoresTheRes
 TEST_F(Download, RelayWritesIntoItsOwnStoreWhateverPathTheRecordNames)
 {
     ZV_FileShareSession& session = AddStoredFile(0);
-    session.m_lpServerFile->Close();
-    delete session.m_lpServerFile;
-    session.m_lpServerFile = nullptr;
+    session.m_ServerFile.Close();
     const QB_UserID self(1, 0), upstream(2, 0);
     ZV_FileDownloadInfo record = Target(QB_StringW(u"C:\\elsewhere"), 98305);
     record.SetUserID(self);

@@ -1,0 +1,237 @@
+// A throw of the host or the user side at any call of a road that makes a
+// session or opens a file leaves no session, key, stored file, catalogue row
+// or open file of that road behind, and the road works the next time.
+#include "ZV_ThrowingHost.h"
+
+#include "ZV_AddPdu.h"
+#include "ZV_DownloadPdu.h"
+#include "ZV_FileShareMgr.h"
+#include "ZV_FileShareSession.h"
+
+#include "QB_TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <functional>
+#include <string>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+const QB_UserID kAlice(10001, 0);
+const QB_UserID kBob(10002, 0);
+constexpr uint16_t kFileID = 7;
+constexpr uint32_t kLength = 5;
+
+template <typename T>
+Bytes Saved(const T& value)
+{
+    Bytes data(4096);
+    QB_ByteStream stream(data.data(), (int32_t)data.size(), false);
+    value.Save(stream);
+    data.resize((size_t)stream.GetPos());
+    return data;
+}
+
+ZV_FileBriefInfo Brief(const char* pszName)
+{
+    ZV_FileBriefInfo brief;
+    brief.SetCreatorID(kBob);
+    brief.SetFileOldName(QB_StringU8(pszName));
+    brief.SetFileLenth(kLength);
+    brief.SetPublic(true);
+    return brief;
+}
+
+// One node, server or client, with Alice as its local user and Bob homed
+// at another server.
+struct Node
+{
+    QB_TempFolder tmp;
+    ZV_ThrowingHost host;
+    ZV_FileShareMgr mgr;
+
+    explicit Node(bool bServer)
+    {
+        QB_SetEnvironmentVariable("ROOMCRATE_HOME", tmp.Path().c_str());
+        QB_WriteWholeFile(tmp.Sub("confsrv.ini"), "[FileShare]\r\nPath=" + tmp.Sub("store") + "\r\n");
+        host.m_bServer = bServer;
+        host.m_LocalUser = kAlice;
+        host.AddUser(kAlice, 1, "Alice");
+        host.AddUser(kBob, 2, "Bob");
+        host.Attach(&mgr);
+        if (bServer)
+        {
+            EXPECT_EQ(0u, mgr.Initialize());
+        }
+    }
+    ~Node() { QB_SetEnvironmentVariable("ROOMCRATE_HOME", nullptr); }
+    void Deliver(uint16_t usPdu, uint16_t usConnType, const Bytes& data)
+    {
+        ConfPduData cpd{};
+        cpd.ulUserMain = kBob.m_ulMain;
+        cpd.ulConn = 5;
+        cpd.conn_type = usConnType;
+        cpd.usPdu = usPdu;
+        cpd.ulLen = (uint32_t)data.size();
+        cpd.pData = data.data();
+        mgr.HandlePdu(&cpd);
+    }
+    ZV_FileShareSession* Session(uint16_t usFileID = kFileID)
+    {
+        ZV_FileShareSession* lpFsSession = nullptr;
+        mgr.m_mapSession.Lookup(usFileID, lpFsSession);
+        return lpFsSession;
+    }
+    size_t StoredFiles() const
+    {
+        const fs::path folder = tmp.Sub("store/7");
+        return fs::exists(folder) ? (size_t)std::distance(fs::directory_iterator(folder), {}) : 0;
+    }
+    bool HasRow(uint16_t usFileID)
+    {
+        ZV_FileUploadInfo info;
+        QB_StringW sSection;
+        return mgr.m_Catalog.LoadFile(7, usFileID, info, sSection);
+    }
+    // Nothing of an add: no key, no stored file, no row of the FileIDs it
+    // would take.
+    bool HoldsNoAdd()
+    {
+        return mgr.m_mapSession.GetCount() == 0 && StoredFiles() == 0 && !HasRow(1) && !HasRow(2) &&
+               !HasRow(kFileID);
+    }
+};
+
+Bytes AddRequest(uint16_t usFileID, uint32_t ulFloodSeq)
+{
+    ZV_AddRequest ask;
+    ask.usFileID = usFileID;
+    ask.creator = kBob;
+    ask.ulFloodSeq = ulFloodSeq;
+    ask.brief = Brief("a.txt");
+    return Saved(ask);
+}
+
+Bytes AddAnswer()
+{
+    ZV_AddResponse answer;
+    answer.usRouteID = answer.usFileID = kFileID;
+    answer.user = kBob;
+    answer.brief = Brief("a.txt");
+    return Saved(answer);
+}
+
+Bytes AddFilesRequest()
+{
+    ZV_AddFilesRequest ask;
+    ask.user = kBob;
+    for (const char* pszName : {"a.txt", "b.txt"})
+    {
+        ask.arrFileID.Add(ZV_NO_FILEID);
+        ask.arrInfo.Add(Brief(pszName));
+    }
+    return Saved(ask);
+}
+
+Bytes DownloadAnswer(const QB_StringW& sPath, const QB_StringW& sName)
+{
+    ZV_DownloadResponse answer;
+    answer.usRouteID = answer.usFileID = kFileID;
+    answer.user = kAlice;
+    answer.record.SetFileID(kFileID);
+    answer.record.SetFilePath(QB_StringU8(sPath));
+    answer.record.SetFileName(QB_StringU8(sName));
+    answer.record.SetFileLenth(kLength);
+    answer.record.SetUserID(kAlice);
+    return Saved(answer);
+}
+
+// A relay's store of a file that Bob's home server announced.
+void AddFromServer(Node& node)
+{
+    node.Deliver(PDU_CONF_FS_ADD_REQUEST, zvConfServerTypeCommand, AddRequest(kFileID, 300));
+}
+
+bool HasOpenFile(Node& node)
+{
+    return node.Session() != nullptr && node.Session()->m_File.IsOpen();
+}
+
+struct Road
+{
+    const char* pszName;
+    bool bServer;
+    std::function<void(Node&)> fnPrepare;
+    std::function<void(Node&)> fnAct;
+    // Whether the act left what it makes; false after every throw.
+    std::function<bool(Node&)> fnMade;
+    std::function<bool(Node&)> fnClean;
+};
+
+} // namespace
+
+TEST(Ownership, AThrowAtAnyHostCallOfAnAddOrADownloadAnswerLeavesNothingOfItBehind)
+{
+    const Road aRoads[] = {
+        {"a client's add at its server", true, [](Node&) {},
+         [](Node& n) { n.Deliver(PDU_CONF_FS_ADD_REQUEST, zvConfClientTypeCommand, AddRequest(ZV_NO_FILEID, 0)); },
+         [](Node& n) { return n.Session(1) != nullptr && n.StoredFiles() == 1 && n.HasRow(1); },
+         [](Node& n) { return n.HoldsNoAdd(); }},
+        {"a server's add, which starts the relay's fetch", true, [](Node&) {}, AddFromServer,
+         [](Node& n) { return n.Session() != nullptr && n.HasRow(kFileID) &&
+                               n.host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size() == 1; },
+         [](Node& n) { return n.HoldsNoAdd(); }},
+        {"a client's batch at its server", true, [](Node&) {},
+         [](Node& n) { n.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, zvConfClientTypeCommand, AddFilesRequest()); },
+         [](Node& n) { return n.mgr.m_mapSession.GetCount() == 2 && n.StoredFiles() == 2 && n.HasRow(1) && n.HasRow(2); },
+         [](Node& n) { return n.HoldsNoAdd(); }},
+        {"an add answer at a client", false, [](Node&) {},
+         [](Node& n) { n.Deliver(PDU_CONF_FS_ADD_RESPONSE, zvConfClientTypeCommand, AddAnswer()); },
+         [](Node& n) { return n.Session() != nullptr; },
+         [](Node& n) { return n.mgr.m_mapSession.GetCount() == 0; }},
+        {"a download answer at a client", false,
+         [](Node& n) {
+             n.Deliver(PDU_CONF_FS_ADD_RESPONSE, zvConfClientTypeCommand, AddAnswer());
+             const QB_StringW sPath = n.tmp.SubW("dl/a.bin");
+             ASSERT_EQ(0u, n.mgr.FsDownload(kFileID, sPath.GetString()));
+         },
+         [](Node& n) {
+             n.Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, zvConfClientTypeCommand,
+                       DownloadAnswer(n.tmp.SubW("dl") + u"\\", u"a.bin"));
+         },
+         HasOpenFile,
+         [](Node& n) { return !HasOpenFile(n) && n.Session()->m_LocalDownload.m_sFileName.IsEmpty(); }},
+        {"a relay's download answer", true, AddFromServer,
+         [](Node& n) {
+             n.Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, zvConfServerTypeCommand,
+                       DownloadAnswer(QB_StringW(u"C:\\elsewhere\\"), u"a.txt"));
+         },
+         HasOpenFile,
+         [](Node& n) { return !HasOpenFile(n) && n.Session()->m_LocalDownload.m_sFileName.IsEmpty(); }},
+    };
+    for (const Road& road : aRoads)
+    {
+        bool bThrew = true;
+        for (int nNth = 1; bThrew && nNth < 100; ++nNth)
+        {
+            SCOPED_TRACE(std::string(road.pszName) + ", throwing at call " + std::to_string(nNth));
+            Node node(road.bServer);
+            road.fnPrepare(node);
+            node.host.ThrowAt(nNth);
+            road.fnAct(node);
+            bThrew = node.host.Threw();
+            EXPECT_EQ(!bThrew, road.fnMade(node));
+            if (bThrew)
+            {
+                EXPECT_TRUE(road.fnClean(node));
+            }
+            node.host.ThrowAt(0);
+        }
+        EXPECT_FALSE(bThrew) << road.pszName << ": the road never got through";
+    }
+}
