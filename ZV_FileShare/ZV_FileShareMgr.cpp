@@ -83,6 +83,17 @@ const QB_UserID* ZV_FileShareMgr::LocalUser() const
     return lpLocal ? lpLocal : &s_Nobody;
 }
 
+std::unique_ptr<ZV_FileShareSession> ZV_FileShareMgr::MakeSession()
+{
+    return std::make_unique<ZV_FileShareSession>(this, m_strPath.GetString());
+}
+
+bool ZV_FileShareMgr::IsReservedFileID(uint16_t usFileID)
+{
+    ZV_FileShareSession* lpFsSession = nullptr;
+    return m_mapSession.Lookup(usFileID, lpFsSession) && lpFsSession == nullptr;
+}
+
 uint16_t ZV_FileShareMgr::AllocFileID()
 {
     const uint16_t usMin = m_lpConf->GetFileIDMin();

@@ -189,10 +189,6 @@ public:
     uint32_t SendAddFilesList(uint32_t ulConn, uint32_t ulResult, const QB_UserID& user, uint8_t bStartUpload,
                               const QB_Array<uint16_t>& arrFileID, const QB_Array<uint32_t>& arrPos,
                               const QB_Array<ZV_FileBriefInfo>& arrInfo);
-    // The server's durable list of what its storage folder holds.
-    ZV_FileCatalog m_Catalog;
-    // A client's record of what its user shared; see ZV_FileShareMgr_Trust.cpp.
-    ZV_ShareLedger m_ShareLedger;
     // Whether a server's PDU may make this client open the local file that
     // `brief` names for reading: only a file its user shared, as it was
     // shared, in this conference.
@@ -230,11 +226,20 @@ public:
     uint32_t HandleAddFilesRequest(ConfPduData* lpCpd);
     uint32_t HandleAddFilesResponse(ConfPduData* lpCpd);
 
-    // ---- state that the sessions and the tests read and set directly
-    char m_cCmdLink = ZV_LINK_DOWN;
-    char m_cDataLink = ZV_LINK_IDLE;
-    uint16_t m_usNextFileID = 1;
-    ZV_SessionMap m_mapSession;
+    // ---- what a session and the manager's own helpers ask of the manager
+    // The server's durable list of what its storage folder holds.
+    ZV_FileCatalog& Catalog() { return m_Catalog; }
+    // A new session under this manager's storage folder, not in the map yet.
+    std::unique_ptr<ZV_FileShareSession> MakeSession();
+    // The lock that FileID allocation and the client's merging handlers take.
+    QB_Locker& SessionLock() { return m_mapSession; }
+    // Whether usFileID is reserved by an add whose session is not made yet.
+    bool IsReservedFileID(uint16_t usFileID);
+    // The files of a batch the user side will hear of in one report, and
+    // their taking out for that report.
+    void NotePendingFile(uint16_t usFileID, double dRate);
+    void TakePendingFiles(QB_Array<uint16_t>& arrFileID, QB_Array<double>& arrRate,
+                          QB_Array<ZV_FileBriefInfo>& arrInfo);
 
     // fn(usFileID, lpFsSession) for every key of the map in its walk order,
     // a reserved key (null session) included.
@@ -249,6 +254,24 @@ public:
             fn(usFileID, lpFsSession);
         }
     }
+
+private:
+    uint32_t RouteToSession(ConfPduData* lpCpd);
+    uint32_t RouteToManager(ConfPduData* lpCpd, bool& bHandled);
+    void OnClientConnect(uint16_t usConnType);
+    void OnServerConnect(const QB_UserID* lpPeer, uint16_t usConnType);
+    void DeleteAllSessions();
+    uint32_t FinishServerAdd(ConfPduData* lpCpd, const ZV_AddRequest& ask, ZV_FileShareSession* lpFsSession);
+
+    friend class ZV_FileShareMgrPeer;
+
+    ZV_FileCatalog m_Catalog;
+    // A client's record of what its user shared; see ZV_FileShareMgr_Trust.cpp.
+    ZV_ShareLedger m_ShareLedger;
+    char m_cCmdLink = ZV_LINK_DOWN;
+    char m_cDataLink = ZV_LINK_IDLE;
+    uint16_t m_usNextFileID = 1;
+    ZV_SessionMap m_mapSession;
     ZV_FinishedDownloadMap m_mapFinishedDownload{97};
     QB_StringA m_strPath;
     QB_Array<uint16_t> m_arrBusyFileID;
@@ -259,12 +282,4 @@ public:
     QB_Array<double> m_arrPendingRate;
     QB_Array<ZV_FileBriefInfo> m_arrPendingInfo;
     QB_Array<uint16_t> m_arrDelFileID;
-
-private:
-    uint32_t RouteToSession(ConfPduData* lpCpd);
-    uint32_t RouteToManager(ConfPduData* lpCpd, bool& bHandled);
-    void OnClientConnect(uint16_t usConnType);
-    void OnServerConnect(const QB_UserID* lpPeer, uint16_t usConnType);
-    void DeleteAllSessions();
-    uint32_t FinishServerAdd(ConfPduData* lpCpd, const ZV_AddRequest& ask, ZV_FileShareSession* lpFsSession);
 };

@@ -138,7 +138,7 @@ uint32_t ZV_FileShareMgr::HandleAddRequest(ConfPduData* lpCpd)
                         ask.bStartUpload, false);
         return ZV_OK;
     }
-    auto lpOwned = std::make_unique<ZV_FileShareSession>(this, m_strPath.GetString());
+    auto lpOwned = MakeSession();
     ZV_FileShareSession* lpFsSession = lpOwned.get();
     ReplaceSession(ask.usFileID, std::move(lpOwned));
     try
@@ -194,7 +194,7 @@ uint32_t ZV_FileShareMgr::HandleAddResponse(ConfPduData* lpCpd)
         NotifyFileAdded(ZV_ERR_UNTRUSTED, answer.usFileID, answer.brief, dPercent);
         return ZV_ERR_UNTRUSTED;
     }
-    auto lpOwned = std::make_unique<ZV_FileShareSession>(this, m_strPath.GetString());
+    auto lpOwned = MakeSession();
     if (lpOwned->IsFileVisible(answer.brief))
         NotifyFileAdded(answer.ulResult, answer.usFileID, answer.brief, dPercent);
     if (answer.ulResult != ZV_OK)

@@ -133,9 +133,7 @@ void DropBatch(ZV_FileShareMgr& mgr, const QB_Array<uint16_t>& arrFileID, int nM
 {
     for (int i = 0; i < arrFileID.GetSize(); ++i)
     {
-        ZV_FileShareSession* lpFsSession = nullptr;
-        const bool bReserved = mgr.m_mapSession.Lookup(arrFileID[i], lpFsSession) && lpFsSession == nullptr;
-        if (i < nMade || bReserved)
+        if (i < nMade || mgr.IsReservedFileID(arrFileID[i]))
             mgr.DropAddedSession(arrFileID[i]);
     }
 }
@@ -153,7 +151,7 @@ void StoreAddedFiles(ZV_FileShareMgr& mgr, ConfPduData* lpCpd, const ZV_AddFiles
         for (; nMade < ask.arrFileID.GetSize(); ++nMade)
         {
             const uint16_t usFileID = ask.arrFileID[nMade];
-            auto lpOwned = std::make_unique<ZV_FileShareSession>(&mgr, mgr.m_strPath.GetString());
+            auto lpOwned = mgr.MakeSession();
             ZV_FileShareSession* lpFsSession = lpOwned.get();
             mgr.ReplaceSession(usFileID, std::move(lpOwned));
             QB_StringW sPath;
@@ -185,12 +183,11 @@ uint32_t TakeAddedFile(ZV_FileShareMgr& mgr, const ZV_AddFilesResponse& answer, 
     const uint32_t ulPos = nIndex < answer.arrPos.GetSize() ? answer.arrPos[nIndex] : 0;
     if (bVisible)
     {
-        mgr.m_arrPendingFileID.Add(usFileID);
-        mgr.m_arrPendingRate.Add((double)ulPos / brief.m_ulFileLenth * 100.0);
+        mgr.NotePendingFile(usFileID, (double)ulPos / brief.m_ulFileLenth * 100.0);
     }
-    auto lpOwned = std::make_unique<ZV_FileShareSession>(&mgr, mgr.m_strPath.GetString());
+    auto lpOwned = mgr.MakeSession();
     ZV_FileShareSession* lpFsSession = lpOwned.get();
-    QB_Lock lock(&mgr.m_mapSession);
+    QB_Lock lock(&mgr.SessionLock());
     mgr.ReplaceSession(usFileID, std::move(lpOwned));
     // InitCltAddFileInfo catches a throw of the host itself, and says so.
     const uint32_t ulResult =
@@ -215,12 +212,10 @@ QB_Array<T> Slice(const QB_Array<T>& arr, int nFrom, int nTo)
 // cannot make them grow from batch to batch.
 void ReportPendingFiles(ZV_FileShareMgr& mgr)
 {
-    const QB_Array<uint16_t> arrFileID = mgr.m_arrPendingFileID;
-    const QB_Array<double> arrRate = mgr.m_arrPendingRate;
-    const QB_Array<ZV_FileBriefInfo> arrInfo = mgr.m_arrPendingInfo;
-    mgr.m_arrPendingFileID.RemoveAll();
-    mgr.m_arrPendingRate.RemoveAll();
-    mgr.m_arrPendingInfo.RemoveAll();
+    QB_Array<uint16_t> arrFileID;
+    QB_Array<double> arrRate;
+    QB_Array<ZV_FileBriefInfo> arrInfo;
+    mgr.TakePendingFiles(arrFileID, arrRate, arrInfo);
     const int nCount = std::max({arrFileID.GetSize(), arrRate.GetSize(), arrInfo.GetSize()});
     constexpr uint32_t kHead = 2 + 4 + 3 * 5;
     int nFrom = 0;
@@ -239,6 +234,23 @@ void ReportPendingFiles(ZV_FileShareMgr& mgr)
     }
 }
 } // namespace
+
+void ZV_FileShareMgr::NotePendingFile(uint16_t usFileID, double dRate)
+{
+    m_arrPendingFileID.Add(usFileID);
+    m_arrPendingRate.Add(dRate);
+}
+
+void ZV_FileShareMgr::TakePendingFiles(QB_Array<uint16_t>& arrFileID, QB_Array<double>& arrRate,
+                                       QB_Array<ZV_FileBriefInfo>& arrInfo)
+{
+    arrFileID = m_arrPendingFileID;
+    arrRate = m_arrPendingRate;
+    arrInfo = m_arrPendingInfo;
+    m_arrPendingFileID.RemoveAll();
+    m_arrPendingRate.RemoveAll();
+    m_arrPendingInfo.RemoveAll();
+}
 
 uint32_t ZV_FileShareMgr::FsFilesAdd(const char16_t* szFolder, const char16_t* const* ppNames, uint32_t nNames,
                                      const QB_UserID* pRight, uint32_t nRight, uint8_t bPublic, uint8_t bStartUpload)

@@ -141,13 +141,13 @@ uint32_t ZV_FileShareSession::SendDownloadDataRequest(uint32_t ulConn, uint16_t 
 
 bool ZV_FileShareSession::SaveToCatalog()
 {
-    m_bCatalogDirty = !m_lpMgr->m_Catalog.SaveFile(Conf()->GetConfID(), m_FileInfo);
+    m_bCatalogDirty = !m_lpMgr->Catalog().SaveFile(Conf()->GetConfID(), m_FileInfo);
     return !m_bCatalogDirty;
 }
 
 void ZV_FileShareSession::UndoServerAdd(const QB_StringW& sPath)
 {
-    m_lpMgr->m_Catalog.DeleteFile((uint16_t)Conf()->GetConfID(), m_usFileID);
+    m_lpMgr->Catalog().DeleteFile((uint16_t)Conf()->GetConfID(), m_usFileID);
     m_bCatalogDirty = false;
     QB_FileEx::Delete(sPath);
 }

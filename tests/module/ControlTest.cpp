@@ -1,6 +1,7 @@
 // Stop, resume, the relay's progress and upload errors on one manager,
 // against a recording host and a clock the test moves.
 #include "ZV_FileShareMgr.h"
+#include "ZV_FileShareMgrPeer.h"
 #include "ZV_FileShareSession.h"
 #include "ZV_RecordingHost.h"
 
@@ -48,7 +49,7 @@ struct ControlFixture : public ::testing::Test
         lpSession->m_BriefInfo = brief;
         lpSession->m_FileInfo.SetBriefInfo(brief);
         lpSession->m_FileInfo.SetFileNewName(QB_StringU8("song.ogg"));
-        mgr.m_mapSession.SetAt(5, lpSession);
+        ZV_FileShareMgrPeer::Sessions(mgr).SetAt(5, lpSession);
     }
     void Deliver(uint16_t usPdu, const Pdu& pdu, uint16_t usType = zvConfClientTypeCommand, uint32_t ulConn = 100020,
                  const QB_UserID& peer = kBob)
@@ -193,7 +194,7 @@ TEST_F(Control, ManagerTimerWorksOnItsConferencesSlotAndReportsIdleAfterFifteenS
 {
     host.Attach(&mgr);
     mgr.SetSessionBusy(1, 5);
-    mgr.m_cDataLink = ZV_LINK_DATA_UP;
+    ZV_FileShareMgrPeer::DataLink(mgr) = ZV_LINK_DATA_UP;
     env.SetTick(1000);
     std::vector<uint32_t> vecWorked;
     for (uint32_t ulTick = 0; ulTick < 10; ++ulTick)
@@ -208,10 +209,10 @@ TEST_F(Control, ManagerTimerWorksOnItsConferencesSlotAndReportsIdleAfterFifteenS
     mgr.OnTimer(12);
     env.AdvanceTick(14999);
     mgr.OnTimer(17);
-    EXPECT_NE(ZV_LINK_IDLE, mgr.m_cDataLink) << "one millisecond short of the idle wait";
+    EXPECT_NE(ZV_LINK_IDLE, ZV_FileShareMgrPeer::DataLink(mgr)) << "one millisecond short of the idle wait";
     env.AdvanceTick(1);
     mgr.OnTimer(22);
-    EXPECT_EQ(ZV_LINK_IDLE, mgr.m_cDataLink);
+    EXPECT_EQ(ZV_LINK_IDLE, ZV_FileShareMgrPeer::DataLink(mgr));
     ASSERT_EQ(3u, host.m_vecEvents.size());
     EXPECT_EQ(Pdu().U16(3012).U32(0).U8(0).b, host.m_vecEvents.back().data);
 }

@@ -2,6 +2,7 @@
 // client's local file and blocks, the relay's store, against a recording host
 // and a file system that fails on demand.
 #include "ZV_FileShareMgr.h"
+#include "ZV_FileShareMgrPeer.h"
 #include "ZV_FileShareSession.h"
 #include "ZV_RecordingHost.h"
 
@@ -81,7 +82,7 @@ struct DownloadFixture : public ::testing::Test
     {
         auto* lpFsSession = new ZV_FileShareSession(&mgr, QB_StringA(tmp.PathW()).GetString());
         lpFsSession->m_usFileID = 5;
-        mgr.m_mapSession.SetAt(5, lpFsSession);
+        ZV_FileShareMgrPeer::Sessions(mgr).SetAt(5, lpFsSession);
         return *lpFsSession;
     }
     // A stored "song.ogg" of 98305 bytes by Alice, of which ulWritePos have come.
@@ -165,7 +166,7 @@ TEST_F(Download, AnswersARequestWithTheNewEntryAndFloodsItToTheOtherServers)
     flooded.insert(flooded.end(), request.begin(), request.end());
     ASSERT_EQ(1u, host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size());
     EXPECT_EQ(flooded, host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST)[0].data);
-    EXPECT_FALSE(mgr.m_mapSession[5]->m_mapDownload.Find(kBob)->m_bActive);
+    EXPECT_FALSE(ZV_FileShareMgrPeer::Sessions(mgr)[5]->m_mapDownload.Find(kBob)->m_bActive);
 }
 
 TEST_F(Download, RefusesTheCreatorAndUsersWithoutTheRightButAnswersNoFloodedCopy)
@@ -196,7 +197,7 @@ TEST_F(Download, OrdersTheCreatorToUploadBeforeAnsweringOrSaysWhyItCannot)
         if (ulResult != 56)
             host.Link(kAlice).bCommand = ulResult == 0;
         host.m_vecSent.clear();
-        delete mgr.m_mapSession[5];
+        delete ZV_FileShareMgrPeer::Sessions(mgr)[5];
         AddStoredFile(0);
         Deliver(PDU_CONF_FS_DOWNLOAD_REQUEST, Request());
         ASSERT_EQ(ulResult ? 1u : 2u, host.m_vecSent.size()) << ulResult;
@@ -286,7 +287,7 @@ struct ClientDownload : public DownloadFixture
         host.m_bServer = false;
         AddSession();
     }
-    ZV_FileShareSession& Session() { return *mgr.m_mapSession[5]; }
+    ZV_FileShareSession& Session() { return *ZV_FileShareMgrPeer::Sessions(mgr)[5]; }
     // The answer to a download the user asked for, as FsDownload leaves it.
     Bytes Asked(const ZV_FileDownloadInfo& record)
     {
@@ -318,7 +319,7 @@ TEST_F(ClientDownload, MakesTheFoldersAndCutsTheLocalFileAtTheEntrysPosition)
         QB_WriteWholeFile(tmp.Sub("new/deeper/a.bin"), ZV_TestBytes(10, 3));
     }
     EXPECT_EQ(std::vector<uint32_t>(2, 0), ResultsOf(zvFsEventDownloadState));
-    EXPECT_EQ(0, mgr.m_arrBusyFileID.Find(5));
+    EXPECT_EQ(0, ZV_FileShareMgrPeer::BusyFileIDs(mgr).Find(5));
 }
 
 TEST_F(ClientDownload, GivesUpWithTheReasonWhenRefusedOrWhenTheTargetCannotBeMade)
@@ -341,7 +342,7 @@ TEST_F(ClientDownload, GivesUpWithTheReasonWhenRefusedOrWhenTheTargetCannotBeMad
         EXPECT_EQ(Pdu().U16(5).User(kBob).U32(0).b, host.SentOf(PDU_CONF_FS_DEL_DOWNLOAD_REQUEST)[0].data);
         EXPECT_FALSE(Session().m_File.IsOpen()) << c.szName;
     }
-    EXPECT_LT(mgr.m_arrBusyFileID.Find(5), 0);
+    EXPECT_LT(ZV_FileShareMgrPeer::BusyFileIDs(mgr).Find(5), 0);
 }
 
 TEST_F(ClientDownload, TakesBlocksInOrderIgnoresDuplicatesAndAsksOnceAcrossAGap)
@@ -365,7 +366,7 @@ TEST_F(ClientDownload, TakesBlocksInOrderIgnoresDuplicatesAndAsksOnceAcrossAGap)
     EXPECT_EQ(1u, ResultsOf(zvFsEventDownloadFinished).size());
     EXPECT_EQ(2u, ResultsOf(zvFsEventTransferState).size()) << "at the first block's end and at the finish";
     EXPECT_FALSE(Session().m_File.IsOpen());
-    EXPECT_LT(mgr.m_arrBusyFileID.Find(5), 0);
+    EXPECT_LT(ZV_FileShareMgrPeer::BusyFileIDs(mgr).Find(5), 0);
 }
 
 TEST_F(ClientDownload, RefusesABadBlockUnwrittenStopsTheDownloadAndIgnoresTheRest)
@@ -428,7 +429,7 @@ TEST_F(Download, FsDownloadAsksTheServerOnTheCommandLinkOrSaysWhyNot)
     host.m_bServer = false;
     IZV_FileShareMgr& fs = mgr;
     EXPECT_EQ(82u, fs.FsDownload(5, u"C:\\x"));
-    mgr.m_mapSession.SetAt(5, nullptr);
+    ZV_FileShareMgrPeer::Sessions(mgr).SetAt(5, nullptr);
     EXPECT_EQ(83u, fs.FsDownload(5, u"C:\\x"));
     AddSession();
     host.m_ulCmdConn = zvConnNone;

@@ -1,6 +1,7 @@
 // The manager on its own: routing, FileIDs and link states,
 // against a host that records what the manager sends.
 #include "ZV_FileShareMgr.h"
+#include "ZV_FileShareMgrPeer.h"
 #include "ZV_FileShareSession.h"
 #include "ZV_RecordingHost.h"
 
@@ -47,7 +48,7 @@ using ManagerRouting = ManagerFixture;
 TEST_F(ManagerRouting, HandsAPduToTheSessionItsFirstWordNamesAndAnswersFiveForNumbersWithoutASlot)
 {
     auto* lpProbe = new ZV_ProbeSession(&mgr, "");
-    mgr.m_mapSession.SetAt(0x0102, lpProbe);
+    ZV_FileShareMgrPeer::Sessions(mgr).SetAt(0x0102, lpProbe);
     const struct
     {
         const char* szName;
@@ -93,15 +94,15 @@ TEST(FileIDAllocation, GivesFreeIDsOfTheRangeFromTheNextOneOnWrappingOnceThenNon
         host.Attach(&mgr);
         host.m_usFileIDMin = c.usMin;
         host.m_usFileIDMax = c.usMax;
-        mgr.m_usNextFileID = c.usNext;
+        ZV_FileShareMgrPeer::NextFileID(mgr) = c.usNext;
         for (uint16_t usFileID : c.vecTaken)
-            mgr.m_mapSession.SetAt(usFileID, new ZV_FileShareSession(&mgr, ""));
+            ZV_FileShareMgrPeer::Sessions(mgr).SetAt(usFileID, new ZV_FileShareSession(&mgr, ""));
         std::vector<uint16_t> vecGiven;
         for (size_t i = 0; i < c.vecExpected.size(); ++i)
             vecGiven.push_back(mgr.AllocFileID());
         EXPECT_EQ(c.vecExpected, vecGiven) << c.szName;
         ZV_FileShareSession* lpReserved = reinterpret_cast<ZV_FileShareSession*>(1);
-        ASSERT_TRUE(mgr.m_mapSession.Lookup(c.vecExpected[0], lpReserved));
+        ASSERT_TRUE(ZV_FileShareMgrPeer::Sessions(mgr).Lookup(c.vecExpected[0], lpReserved));
         EXPECT_EQ(nullptr, lpReserved) << "a fresh FileID is reserved without a session";
     }
 }

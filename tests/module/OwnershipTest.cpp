@@ -6,6 +6,7 @@
 #include "ZV_AddPdu.h"
 #include "ZV_DownloadPdu.h"
 #include "ZV_FileShareMgr.h"
+#include "ZV_FileShareMgrPeer.h"
 #include "ZV_FileShareSession.h"
 
 #include "QB_TestSupport.h"
@@ -84,7 +85,7 @@ struct Node
     ZV_FileShareSession* Session(uint16_t usFileID = kFileID)
     {
         ZV_FileShareSession* lpFsSession = nullptr;
-        mgr.m_mapSession.Lookup(usFileID, lpFsSession);
+        ZV_FileShareMgrPeer::Sessions(mgr).Lookup(usFileID, lpFsSession);
         return lpFsSession;
     }
     size_t StoredFiles() const
@@ -96,13 +97,13 @@ struct Node
     {
         ZV_FileUploadInfo info;
         QB_StringW sSection;
-        return mgr.m_Catalog.LoadFile(7, usFileID, info, sSection);
+        return mgr.Catalog().LoadFile(7, usFileID, info, sSection);
     }
     // Nothing of an add: no key, no stored file, no row of the FileIDs it
     // would take.
     bool HoldsNoAdd()
     {
-        return mgr.m_mapSession.GetCount() == 0 && StoredFiles() == 0 && !HasRow(1) && !HasRow(2) &&
+        return ZV_FileShareMgrPeer::Sessions(mgr).GetCount() == 0 && StoredFiles() == 0 && !HasRow(1) && !HasRow(2) &&
                !HasRow(kFileID);
     }
 };
@@ -188,12 +189,12 @@ TEST(Ownership, AThrowAtAnyHostCallOfAnAddOrADownloadAnswerLeavesNothingOfItBehi
          [](Node& n) { return n.HoldsNoAdd(); }},
         {"a client's batch at its server", true, [](Node&) {},
          [](Node& n) { n.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, zvConfClientTypeCommand, AddFilesRequest()); },
-         [](Node& n) { return n.mgr.m_mapSession.GetCount() == 2 && n.StoredFiles() == 2 && n.HasRow(1) && n.HasRow(2); },
+         [](Node& n) { return ZV_FileShareMgrPeer::Sessions(n.mgr).GetCount() == 2 && n.StoredFiles() == 2 && n.HasRow(1) && n.HasRow(2); },
          [](Node& n) { return n.HoldsNoAdd(); }},
         {"an add answer at a client", false, [](Node&) {},
          [](Node& n) { n.Deliver(PDU_CONF_FS_ADD_RESPONSE, zvConfClientTypeCommand, AddAnswer()); },
          [](Node& n) { return n.Session() != nullptr; },
-         [](Node& n) { return n.mgr.m_mapSession.GetCount() == 0; }},
+         [](Node& n) { return ZV_FileShareMgrPeer::Sessions(n.mgr).GetCount() == 0; }},
         {"a download answer at a client", false,
          [](Node& n) {
              n.Deliver(PDU_CONF_FS_ADD_RESPONSE, zvConfClientTypeCommand, AddAnswer());

@@ -2,6 +2,7 @@
 // client. Each payload sits in a heap block of exactly its size, so a build
 // with the address sanitizer sees any read past it.
 #include "ZV_FileShareMgr.h"
+#include "ZV_FileShareMgrPeer.h"
 #include "ZV_FileShareSession.h"
 #include "ZV_PduFrame.h"
 #include "ZV_RecordingHost.h"
@@ -140,7 +141,7 @@ struct ZV_FuzzNode
         lpFsSession->m_FileInfo.SetFileID(usFileID);
         lpFsSession->m_FileInfo.SetFileNewName(QB_StringU8(("stored" + std::to_string(usFileID)).c_str()));
         lpFsSession->m_FileInfo.SetBriefInfo(lpFsSession->m_BriefInfo);
-        lpMgr->m_mapSession.SetAt(usFileID, lpFsSession);
+        ZV_FileShareMgrPeer::Sessions(*lpMgr).SetAt(usFileID, lpFsSession);
     }
 
     uint32_t Deliver(uint16_t usPdu, uint16_t usConnType, const std::vector<uint8_t>& vb)

@@ -2,6 +2,7 @@
 // writes at its write position, against a recording host and a file system
 // that fails on demand.
 #include "ZV_FileShareMgr.h"
+#include "ZV_FileShareMgrPeer.h"
 #include "ZV_FileShareSession.h"
 #include "ZV_RecordingHost.h"
 
@@ -61,7 +62,7 @@ struct UploadFixture : public ::testing::Test
     // file, opened as the add leaves it; on a server the store, not yet made.
     void Make(bool bServer, size_t nSize)
     {
-        if (mgr.m_mapSession.Lookup(5, lpSession))
+        if (ZV_FileShareMgrPeer::Sessions(mgr).Lookup(5, lpSession))
             delete lpSession;
         host.m_vecSent.clear();
         host.m_vecEvents.clear();
@@ -78,7 +79,7 @@ struct UploadFixture : public ::testing::Test
         lpSession->m_BriefInfo.SetFileLenth((uint32_t)nSize);
         lpSession->m_FileInfo.SetBriefInfo(lpSession->m_BriefInfo);
         lpSession->m_FileInfo.SetFileNewName(QB_StringU8("song.ogg"));
-        mgr.m_mapSession.SetAt(5, lpSession);
+        ZV_FileShareMgrPeer::Sessions(mgr).SetAt(5, lpSession);
         if (bServer)
             return;
         QB_WriteWholeFile(tmp.Sub("song.ogg"), data);
@@ -150,7 +151,7 @@ TEST_F(Upload, FsUploadRefusesUnknownAndReservedFilesAndSendsTheStartMarkerEvenW
 {
     Make(false, 10);
     EXPECT_EQ(82u, FsUpload(6));
-    mgr.m_mapSession.SetAt(6, nullptr);
+    ZV_FileShareMgrPeer::Sessions(mgr).SetAt(6, nullptr);
     EXPECT_EQ(83u, FsUpload(6));
     EXPECT_EQ("2011-03-16 07:21:48 : ZV_FileShareMgr.FsUpload ret = 82\r\n", ClientLog()) << "no line for 83";
     EXPECT_TRUE(host.m_vecSent.empty());

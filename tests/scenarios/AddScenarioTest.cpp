@@ -1,5 +1,6 @@
 // Sharing files through whole simulated conferences: stored names, the
 // refusals a user side hears, batches, and a server made again.
+#include "ZV_FileShareMgrPeer.h"
 #include "ZV_SceneFixture.h"
 
 #include "ZV_RecordStream.h"
@@ -52,7 +53,7 @@ TEST_F(AddScene, RefusesWithTheRightCodeAndCreatesNothing)
     Share("a.txt", {1}, false);
     sim.GetEnv().ClearFaults();
     EXPECT_EQ(ZV_ERR_OPEN, LastAddResult(Alice()));
-    EXPECT_EQ(0, Manager(shape.Server())->m_mapSession.GetCount());
+    EXPECT_EQ(0, ZV_FileShareMgrPeer::Sessions(*Manager(shape.Server())).GetCount());
 
     EXPECT_EQ(1u, Share("a.txt", {1}, false)) << "the only FileID, freed by the refusal";
     Share("a.txt", {1}, false);

@@ -1,6 +1,7 @@
 // A server turned hostile, through the simulator: whatever it sends, a client
 // reads only files its user shared and writes only where its user asked.
 // The honest roads are the other scenario tests, whose wire stays as it was.
+#include "ZV_FileShareMgrPeer.h"
 #include "ZV_SceneFixture.h"
 
 #include "ZV_AddPdu.h"
@@ -38,7 +39,7 @@ struct TrustScene : public ZV_Scene
     ZV_FileShareSession* Session(ZV_SimHost* lpNode, uint16_t usFileID)
     {
         ZV_FileShareSession* lpFsSession = nullptr;
-        Manager(lpNode)->m_mapSession.Lookup(usFileID, lpFsSession);
+        ZV_FileShareMgrPeer::Sessions(*Manager(lpNode)).Lookup(usFileID, lpFsSession);
         return lpFsSession;
     }
     size_t LogLines(ZV_SimHost* lpClient, const std::string& sLine) const

@@ -1,5 +1,6 @@
 // A server made again in the middle of uploads: its store and catalogue
 // say what it had when it stopped.
+#include "ZV_FileShareMgrPeer.h"
 #include "ZV_SceneFixture.h"
 
 using UploadScene = ZV_Scene;
@@ -48,7 +49,7 @@ TEST_F(UploadScene, AFailedCatalogueSaveRefusesTheAddOrIsMadeGoodOnTheTimer)
     Share("second.bin", data);
     sim.GetEnv().ClearFaults();
     EXPECT_EQ(ZV_ERR_IO, ZV_ResultOf(Events(Alice(), zvFsEventFileAdded).back()));
-    EXPECT_EQ(1, Manager(shape.Server())->m_mapSession.GetCount());
+    EXPECT_EQ(1, ZV_FileShareMgrPeer::Sessions(*Manager(shape.Server())).GetCount());
     const std::string sStore = shape.Server()->GetHome() + "store/" + std::to_string(ZV_SimBuilder::kConfID);
     EXPECT_EQ(1, std::distance(std::filesystem::directory_iterator(sStore), {}));
 

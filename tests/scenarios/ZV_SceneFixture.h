@@ -8,6 +8,7 @@
 #include "ZV_SimConference.h"
 
 #include "ZV_FileShareMgr.h"
+#include "ZV_FileShareMgrPeer.h"
 #include "ZV_FileUploadInfo.h"
 
 #include "QB_ByteStream.h"
@@ -113,7 +114,7 @@ struct ZV_Scene : public ::testing::Test
     static bool Row(ZV_SimHost* lpServer, uint16_t usFileID, ZV_FileUploadInfo& row)
     {
         QB_StringW sSection;
-        return Manager(lpServer)->m_Catalog.LoadFile(ZV_SimBuilder::kConfID, usFileID, row, sSection);
+        return Manager(lpServer)->Catalog().LoadFile(ZV_SimBuilder::kConfID, usFileID, row, sSection);
     }
     static std::string Stored(ZV_SimHost* lpServer, const ZV_FileUploadInfo& row)
     {
