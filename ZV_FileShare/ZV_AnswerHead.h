@@ -10,19 +10,18 @@
 
 #include <cstdint>
 
-struct ZV_AnswerHead
+// The first three, which is all that the answer to an upload error holds.
+struct ZV_ResultHead
 {
     uint16_t usRouteID = ZV_NO_FILEID;
     uint32_t ulResult = 0;
     uint16_t usFileID = ZV_NO_FILEID;
-    QB_UserID user;
 
     void Save(QB_ByteStream& stream) const
     {
         stream.WriteU16(usRouteID);
         stream.WriteU32(ulResult);
         stream.WriteU16(usFileID);
-        user.Save(stream);
     }
     // Raises the stream's load failure on a short payload.
     void Load(QB_ByteStream& stream)
@@ -30,6 +29,21 @@ struct ZV_AnswerHead
         usRouteID = stream.ReadU16();
         ulResult = stream.ReadU32();
         usFileID = stream.ReadU16();
+    }
+};
+
+struct ZV_AnswerHead : ZV_ResultHead
+{
+    QB_UserID user;
+
+    void Save(QB_ByteStream& stream) const
+    {
+        ZV_ResultHead::Save(stream);
+        user.Save(stream);
+    }
+    void Load(QB_ByteStream& stream)
+    {
+        ZV_ResultHead::Load(stream);
         user.Load(stream);
     }
 };

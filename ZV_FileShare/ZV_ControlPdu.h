@@ -126,26 +126,9 @@ struct ZV_UploadErrorAsk : ZV_RequestHead
     }
 };
 
-// 8036: the one answer that carries no user, only the route, the result
-// and the FileID.
-struct ZV_UploadErrorResponse
+// 8036: the one answer that carries no user.
+struct ZV_UploadErrorResponse : ZV_ResultHead
 {
-    uint16_t usRouteID = ZV_NO_FILEID;
-    uint32_t ulResult = 0;
-    uint16_t usFileID = ZV_NO_FILEID;
-
-    void Save(QB_ByteStream& stream) const
-    {
-        stream.WriteU16(usRouteID);
-        stream.WriteU32(ulResult);
-        stream.WriteU16(usFileID);
-    }
-    void Load(QB_ByteStream& stream)
-    {
-        usRouteID = stream.ReadU16();
-        ulResult = stream.ReadU32();
-        usFileID = stream.ReadU16();
-    }
 };
 
 // 8052: a new state of the transfers of some files; the module sends one

@@ -28,7 +28,7 @@ uint32_t ZV_FileShareMgr::FsStopDownload(uint16_t usFileID)
         ZV_FileShareSession* lpFsSession = nullptr;
         if (const uint32_t ulFound = LookupSession(usFileID, lpFsSession); ulFound != ZV_OK)
             return ulFound;
-        ZV_FileDownloadInfo& download = lpFsSession->m_LocalDownload;
+        ZV_FileDownloadInfo& download = lpFsSession->LocalDownload();
         if (download.m_usState != ZV_DLSTATE_FINISHED)
             download.SetState(ZV_DLSTATE_STOPPED);
         const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
@@ -46,7 +46,7 @@ uint32_t ZV_FileShareMgr::FsResumeDownload(uint16_t usFileID)
         ZV_FileShareSession* lpFsSession = nullptr;
         if (const uint32_t ulFound = LookupSession(usFileID, lpFsSession); ulFound != ZV_OK)
             return ulFound;
-        ZV_FileDownloadInfo& download = lpFsSession->m_LocalDownload;
+        ZV_FileDownloadInfo& download = lpFsSession->LocalDownload();
         if (download.m_usState != ZV_DLSTATE_FINISHED)
         {
             download.SetState(ZV_DLSTATE_RUNNING);
@@ -69,14 +69,14 @@ uint32_t ZV_FileShareMgr::FsStopUpload(uint16_t usFileID)
         ZV_FileShareSession* lpFsSession = nullptr;
         if (const uint32_t ulFound = LookupSession(usFileID, lpFsSession); ulFound != ZV_OK)
             return ulFound;
-        lpFsSession->m_bStopUpload = true;
+        lpFsSession->SetUploadStopped(true);
         const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
         if (ulConn == zvConnNone)
             return ZV_ERR_NO_CONN;
-        ZV_FileBriefInfo& brief = lpFsSession->m_BriefInfo;
+        ZV_FileBriefInfo& brief = lpFsSession->BriefInfo();
         if (IsUnderway(brief.m_usFileState))
             brief.SetFileState(ZV_FILESTATE_STOPPED);
-        return lpFsSession->SendIsStopUploadRequest(ulConn, usFileID, LocalUser(), 0, 1, lpFsSession->m_ulReadPos);
+        return lpFsSession->SendIsStopUploadRequest(ulConn, usFileID, LocalUser(), 0, 1, lpFsSession->ReadPos());
     });
 }
 
@@ -87,11 +87,11 @@ uint32_t ZV_FileShareMgr::FsResumeUpload(uint16_t usFileID)
         ZV_FileShareSession* lpFsSession = nullptr;
         if (const uint32_t ulFound = LookupSession(usFileID, lpFsSession); ulFound != ZV_OK)
             return ulFound;
-        lpFsSession->m_bStopUpload = false;
+        lpFsSession->SetUploadStopped(false);
         const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
         if (ulConn == zvConnNone)
             return ZV_ERR_NO_CONN;
-        ZV_FileBriefInfo& brief = lpFsSession->m_BriefInfo;
+        ZV_FileBriefInfo& brief = lpFsSession->BriefInfo();
         if (IsUnderway(brief.m_usFileState))
             brief.SetFileState(ZV_FILESTATE_UPLOADING);
         return lpFsSession->SendIsStopUploadRequest(ulConn, usFileID, LocalUser(), 0, 0, 0);

@@ -22,9 +22,7 @@ uint32_t ZV_FileShareMgr::FsDownload(uint16_t usFileID, const char16_t* szLocalP
             return ZV_ERR_NO_CONN;
         const QB_StringU8 sPath(QB_WithBackslashes(szLocalPath));
         // The one answer this client will take is the one for this path.
-        lpFsSession->m_sAskedPath = sPath;
-        lpFsSession->m_ulAskedPos = 0;
-        lpFsSession->m_bDownloadAsked = true;
+        lpFsSession->ExpectDownload(sPath);
         return lpFsSession->SendDownloadRequest(ulConn, usFileID, m_lpConf->GetLocalUserID(), 0, sPath, 0, 0, 0);
     });
 }

@@ -19,7 +19,7 @@ void RestartDownload(ZV_FileShareMgr* lpMgr, ZV_FileShareSession* lpFsSession, c
         if (!lpConf->HasServerLinks())
             return;
         ZV_DownloadDataRequest ask;
-        ask.usFileID = lpFsSession->m_usFileID;
+        ask.usFileID = lpFsSession->FileID();
         ask.user = QB_UserID(lpConf->GetLocalServerID(), 0);
         ask.record = download;
         ZV_PduBuffer pdu;
@@ -31,8 +31,8 @@ void RestartDownload(ZV_FileShareMgr* lpMgr, ZV_FileShareSession* lpFsSession, c
     const uint32_t ulConn = lpMgr->GetLinkConn(zvConfClientTypeCommand);
     if (lpLocal == nullptr || *lpLocal == creator || ulConn == zvConnNone)
         return;
-    lpFsSession->m_bResyncPending = true;
-    lpFsSession->SendDownloadDataRequest(ulConn, lpFsSession->m_usFileID, *lpLocal, download);
+    lpFsSession->SetResyncPending();
+    lpFsSession->SendDownloadDataRequest(ulConn, lpFsSession->FileID(), *lpLocal, download);
 }
 
 // The creator's home server tells its peers whether the upload runs and
@@ -41,7 +41,7 @@ void RepublishUpload(ZV_FileShareMgr* lpMgr, ZV_FileShareSession* lpFsSession, c
 {
     IZV_ConfHost* lpConf = lpMgr->m_lpConf;
     const ZV_ConfUserInfo* lpUser = lpConf->GetUser(&creator);
-    const ZV_FileUploadInfo& info = lpFsSession->m_FileInfo;
+    const ZV_FileUploadInfo& info = lpFsSession->FileInfo();
     if (lpUser == nullptr || lpUser->ulHomeServer != lpConf->GetLocalServerID() ||
         info.m_BriefInfo.m_usFileState == ZV_FILESTATE_ADDED)
         return;
@@ -49,10 +49,10 @@ void RepublishUpload(ZV_FileShareMgr* lpMgr, ZV_FileShareSession* lpFsSession, c
     if (lpConf->IsFloodSeen(&creator, ulFloodSeq))
         return;
     ZV_StopUploadAsk ask;
-    ask.usFileID = lpFsSession->m_usFileID;
+    ask.usFileID = lpFsSession->FileID();
     ask.user = creator;
     ask.ulFloodSeq = ulFloodSeq;
-    ask.bStop = lpFsSession->m_bStopUpload ? 1 : 0;
+    ask.bStop = lpFsSession->IsUploadStopped() ? 1 : 0;
     ask.ulPos = info.m_ulFileWritePos;
     ZV_PduBuffer pdu;
     ask.Save(pdu.Stream());
@@ -68,8 +68,8 @@ void ZV_FileShareMgr::SendFileDownloadPos(bool bClient, uint32_t ulServerID)
         ForEachSession([&](uint16_t, ZV_FileShareSession* lpFsSession) {
             if (lpFsSession == nullptr)
                 return;
-            const QB_UserID creator = lpFsSession->m_FileInfo.m_BriefInfo.m_CreatorID;
-            const ZV_FileDownloadInfo download = lpFsSession->m_LocalDownload;
+            const QB_UserID creator = lpFsSession->FileInfo().m_BriefInfo.m_CreatorID;
+            const ZV_FileDownloadInfo download = lpFsSession->LocalDownload();
             if (download.m_usState == ZV_DLSTATE_RUNNING)
                 RestartDownload(this, lpFsSession, download, creator, bClient, ulServerID);
             RepublishUpload(this, lpFsSession, creator);

@@ -64,11 +64,11 @@ uint32_t ZV_FileShareMgr::Initialize()
 void ZV_FileShareMgr::RemoveStoredFile(uint16_t usFileID, ZV_FileShareSession* lpFsSession, const QB_UserID* lpUser,
                                        uint32_t ulFloodSeq)
 {
-    lpFsSession->m_bStopUpload = true;
+    lpFsSession->SetUploadStopped(true);
     if (m_lpConf->GetClientCount() > 0)
         SendDelUploadResponse(zvConnNone, usFileID, ZV_OK, usFileID, lpUser, ulFloodSeq, true);
-    const QB_StringW sPath = lpFsSession->GetConfDir() + QB_StringW(lpFsSession->m_FileInfo.m_sFileNewName);
-    const bool bPlain = ZV_FileCatalog::IsPlainFileName(QB_StringA(lpFsSession->m_FileInfo.m_sFileNewName));
+    const QB_StringW sPath = lpFsSession->GetConfDir() + QB_StringW(lpFsSession->FileInfo().m_sFileNewName);
+    const bool bPlain = ZV_FileCatalog::IsPlainFileName(QB_StringA(lpFsSession->FileInfo().m_sFileNewName));
     delete lpFsSession;
     m_mapSession.RemoveKey(usFileID);
     // A session without a stored name would name the folder itself.
@@ -87,7 +87,7 @@ uint32_t ZV_FileShareMgr::CleanData()
         ForEachSession([&](uint16_t usFileID, ZV_FileShareSession* lpFsSession) {
             if (lpFsSession == nullptr)
                 return;
-            const QB_StringU8 sName = lpFsSession->m_FileInfo.m_sFileNewName;
+            const QB_StringU8 sName = lpFsSession->FileInfo().m_sFileNewName;
             const QB_StringW sPath = lpFsSession->GetConfDir() + QB_StringW(sName);
             delete lpFsSession;
             m_mapSession.SetAt(usFileID, nullptr);
@@ -109,7 +109,7 @@ uint32_t ZV_FileShareMgr::SendDelUploadResponse(uint32_t ulConn, uint16_t usFile
                                                 bool bToAll)
 {
     ZV_PduBuffer pdu;
-    const ZV_AnswerHead head{usFileID, ulResult, usFileID2, *lpUser};
+    const ZV_AnswerHead head{{usFileID, ulResult, usFileID2}, *lpUser};
     head.Save(pdu.Stream());
     pdu.Stream().WriteU32(ulFloodSeq);
     if (bToAll)

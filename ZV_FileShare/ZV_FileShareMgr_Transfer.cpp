@@ -21,8 +21,8 @@ uint32_t ZV_FileShareMgr::FsUpload(uint16_t usFileID)
         if (ulFound != ZV_OK)
             return ulFound;
         SetSessionBusy(1, usFileID);
-        lpFsSession->m_ulReadPos = 0;
-        lpFsSession->m_BriefInfo.SetFileState(ZV_FILESTATE_UPLOADING);
+        lpFsSession->SetReadPos(0);
+        lpFsSession->BriefInfo().SetFileState(ZV_FILESTATE_UPLOADING);
         const uint32_t ulDataConn = GetLinkConn(zvConfClientTypeData);
         if (ulDataConn != zvConnNone)
             ZV_SendKick(m_lpConf, ulDataConn);

@@ -243,7 +243,40 @@ public:
     void NotifyStopResult(uint32_t ulResult, uint16_t usFileID, uint8_t bStop);
     void NotifyTransferState(uint8_t bUpload, uint16_t usFileID, uint16_t usState);
 
-    // ---- members: the file's records, then the server's store, then the client's side
+    // ---- what the manager reads and sets of a session
+    uint16_t FileID() const { return m_usFileID; }
+    // Server: the stored file's record; client: see BriefInfo.
+    const ZV_FileUploadInfo& FileInfo() const { return m_FileInfo; }
+    // Client: the file as the server announced it.
+    ZV_FileBriefInfo& BriefInfo() { return m_BriefInfo; }
+    // Client: the local user's download of this file.
+    ZV_FileDownloadInfo& LocalDownload() { return m_LocalDownload; }
+    bool IsUploadStopped() const { return m_bStopUpload; }
+    void SetUploadStopped(bool bStopped) { m_bStopUpload = bStopped; }
+    uint32_t ReadPos() const { return m_ulReadPos; }
+    void SetReadPos(uint32_t ulPos) { m_ulReadPos = ulPos; }
+    // The next block that does not fit asks once for the position.
+    void SetResyncPending() { m_bResyncPending = true; }
+    // Client: the one download answer this session will take is one for
+    // sPath from its start.
+    void ExpectDownload(const QB_StringU8& sPath)
+    {
+        m_sAskedPath = sPath;
+        m_ulAskedPos = 0;
+        m_bDownloadAsked = true;
+    }
+
+protected:
+    IZV_ConfHost* Conf() const;
+    // The two pumps that OnSend drives: a server's blocks to one downloader,
+    // and the creator's client's blocks to its server.
+    void PumpDownload(ConfPduData* lpCpd, const QB_UserID& peer);
+    void PumpUpload(ConfPduData* lpCpd);
+
+private:
+    friend class ZV_FileShareSessionPeer;
+
+    // The file's records, then the server's store, then the client's side.
     uint16_t m_usFileID = ZV_NO_FILEID;
     ZV_FileUploadInfo m_FileInfo;
     QB_FileEx m_ServerFile;
@@ -269,11 +302,4 @@ public:
     QB_StringU8 m_sAskedPath;
     uint32_t m_ulAskedPos = 0;
     bool m_bDownloadAsked = false;
-
-protected:
-    IZV_ConfHost* Conf() const;
-    // The two pumps that OnSend drives: a server's blocks to one downloader,
-    // and the creator's client's blocks to its server.
-    void PumpDownload(ConfPduData* lpCpd, const QB_UserID& peer);
-    void PumpUpload(ConfPduData* lpCpd);
 };

@@ -49,10 +49,10 @@ void SetShortText(ZV_FileDownloadInfo& entry, bool (ZV_FileDownloadInfo::*pfnSet
 
 ZV_FileDownloadInfo MakeDownloadEntry(const ZV_FileShareSession& session, const ZV_DownloadAsk& ask)
 {
-    const ZV_FileBriefInfo& brief = session.m_FileInfo.m_BriefInfo;
+    const ZV_FileBriefInfo& brief = session.FileInfo().m_BriefInfo;
     const int nSlash = ask.sPath.ReverseFind('\\');
     ZV_FileDownloadInfo entry;
-    entry.SetFileID(session.m_usFileID);
+    entry.SetFileID(session.FileID());
     SetShortText(entry, &ZV_FileDownloadInfo::SetFileFullName, brief.m_sFileOldName);
     SetShortText(entry, &ZV_FileDownloadInfo::SetFilePath, ask.sPath.Left(nSlash + 1));
     SetShortText(entry, &ZV_FileDownloadInfo::SetFileName, ask.sPath.Mid(nSlash + 1));
@@ -303,7 +303,7 @@ uint32_t ZV_FileShareSession::SendDownloadBlock(const ConfPduData* lpCpd, uint32
     if (lpCpd->conn_type != zvConfServerTypeData)
         return SendDownloadDataResponse(lpCpd->ulConn, m_usFileID, ulResult, m_usFileID, &user, ulPos, ulLen, pData);
     ZV_PduBuffer pdu;
-    MakeDownloadBlock({m_usFileID, ulResult, m_usFileID, user}, ulPos, ulLen, pData, m_ulMaxPos).Save(pdu.Stream());
+    MakeDownloadBlock({{m_usFileID, ulResult, m_usFileID}, user}, ulPos, ulLen, pData, m_ulMaxPos).Save(pdu.Stream());
     return ZV_SendOnServerLink(Conf(), lpCpd->ulConn, PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, pdu);
 }
 
@@ -364,6 +364,6 @@ uint32_t ZV_FileShareSession::SendDownloadDataResponse(uint32_t ulConn, uint16_t
                                                       uint32_t ulLen, const uint8_t* pData)
 {
     ZV_PduBuffer pdu;
-    MakeDownloadBlock({usFileID, ulResult, usFileID2, *pUser}, ulPos, ulLen, pData, m_ulMaxPos).Save(pdu.Stream());
+    MakeDownloadBlock({{usFileID, ulResult, usFileID2}, *pUser}, ulPos, ulLen, pData, m_ulMaxPos).Save(pdu.Stream());
     return ZV_SendToLink(Conf(), ulConn, PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, pdu);
 }

@@ -1,5 +1,6 @@
 // Stop, resume, the relay's progress and upload errors on one manager,
 // against a recording host and a clock the test moves.
+#include "ZV_FileShareSessionPeer.h"
 #include "ZV_FileShareMgr.h"
 #include "ZV_FileShareMgrPeer.h"
 #include "ZV_FileShareSession.h"
@@ -40,15 +41,15 @@ struct ControlFixture : public ::testing::Test
         host.m_bHasServerLinks = bServer;
         env.SetTick(50000);
         lpSession = new ZV_FileShareSession(&mgr, "C:\\Store\\");
-        lpSession->m_usFileID = 5;
+        ZV_FileShareSessionPeer::FileID(*lpSession) = 5;
         ZV_FileBriefInfo brief;
         brief.SetCreatorID(kAlice);
         brief.SetFileLenth(1000000);
         brief.SetPublic(true);
         brief.SetFileState(ZV_FILESTATE_UPLOADING);
-        lpSession->m_BriefInfo = brief;
-        lpSession->m_FileInfo.SetBriefInfo(brief);
-        lpSession->m_FileInfo.SetFileNewName(QB_StringU8("song.ogg"));
+        ZV_FileShareSessionPeer::BriefInfo(*lpSession) = brief;
+        ZV_FileShareSessionPeer::FileInfo(*lpSession).SetBriefInfo(brief);
+        ZV_FileShareSessionPeer::FileInfo(*lpSession).SetFileNewName(QB_StringU8("song.ogg"));
         ZV_FileShareMgrPeer::Sessions(mgr).SetAt(5, lpSession);
     }
     void Deliver(uint16_t usPdu, const Pdu& pdu, uint16_t usType = zvConfClientTypeCommand, uint32_t ulConn = 100020,
@@ -81,7 +82,7 @@ TEST_F(Control, ServerStopsAndResumesADownloadEntryOnceAndLeavesAFinishedOneAlon
         ZV_FileDownloadInfo entry;
         entry.SetState(c.usFrom);
         entry.SetActive(true);
-        lpSession->m_mapDownload.SetAt(kBob, entry);
+        ZV_FileShareSessionPeer::Downloads(*lpSession).SetAt(kBob, entry);
         env.AdvanceTick(1000);
         const uint32_t ulSeq = host.m_ulNextFloodSeq;
         Deliver(PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST, Pdu().U16(5).User(c.user).U32(0).U8(c.bStop));
@@ -90,7 +91,7 @@ TEST_F(Control, ServerStopsAndResumesADownloadEntryOnceAndLeavesAFinishedOneAlon
         const auto vecFlood = host.SentOf(PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST);
         ASSERT_EQ(1u, vecFlood.size()) << c.szName << ": the echo of the flood is dropped";
         EXPECT_EQ(Pdu().U16(7).U16(5).User(c.user).U32(ulSeq).U8(c.bStop).b, vecFlood[0].data) << c.szName;
-        const ZV_FileDownloadInfo& after = *lpSession->m_mapDownload.Find(kBob);
+        const ZV_FileDownloadInfo& after = *ZV_FileShareSessionPeer::Downloads(*lpSession).Find(kBob);
         EXPECT_EQ(c.usTo, after.m_usState) << c.szName;
         EXPECT_EQ(c.nKicks, host.SentOf(PDU_CONF_FS_KICK).size()) << c.szName;
         if (c.usFrom == ZV_DLSTATE_STOPPED)
@@ -103,8 +104,8 @@ TEST_F(Control, ServerStopsAndResumesADownloadEntryOnceAndLeavesAFinishedOneAlon
 TEST_F(Control, ServerTakesAnUploadsStopOrResumeFromItsCreatorOnlyAndConfirmsItToEveryClient)
 {
     Make(true);
-    lpSession->m_FileInfo.SetFileWritePos(40000);
-    lpSession->m_ulMaxPos = 30000;
+    ZV_FileShareSessionPeer::FileInfo(*lpSession).SetFileWritePos(40000);
+    ZV_FileShareSessionPeer::MaxPos(*lpSession) = 30000;
     struct { const char* szName; QB_UserID user; uint16_t usFrom; uint8_t bStop; Bytes answer; const char* szRoute;
              uint16_t usTo; } aCases[] = {
         {"not the creator", kBob, 1, 1, Pdu().U16(5).U32(40).U16(5).User(kBob).U8(1).U32(0).b, "link", 1},
@@ -116,7 +117,7 @@ TEST_F(Control, ServerTakesAnUploadsStopOrResumeFromItsCreatorOnlyAndConfirmsItT
     for (const auto& c : aCases)
     {
         Clear();
-        lpSession->m_FileInfo.m_BriefInfo.SetFileState(c.usFrom);
+        ZV_FileShareSessionPeer::FileInfo(*lpSession).m_BriefInfo.SetFileState(c.usFrom);
         Deliver(PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST, Pdu().U16(5).User(c.user).U32(0).U8(c.bStop).U32(70000));
         const auto vecAnswer = host.SentOf(PDU_CONF_FS_IS_STOP_UPLOAD_RESPONSE);
         ASSERT_EQ(c.answer.empty() ? 0u : 1u, vecAnswer.size()) << c.szName;
@@ -125,17 +126,17 @@ TEST_F(Control, ServerTakesAnUploadsStopOrResumeFromItsCreatorOnlyAndConfirmsItT
             EXPECT_EQ(c.answer, vecAnswer[0].data) << c.szName;
             EXPECT_EQ(c.szRoute, vecAnswer[0].sRoute) << c.szName;
         }
-        EXPECT_EQ(c.usTo, lpSession->m_FileInfo.m_BriefInfo.m_usFileState) << c.szName;
+        EXPECT_EQ(c.usTo, ZV_FileShareSessionPeer::FileInfo(*lpSession).m_BriefInfo.m_usFileState) << c.szName;
     }
-    EXPECT_FALSE(lpSession->m_bStopUpload);
-    EXPECT_TRUE(lpSession->m_bResyncPending) << "the resume sets the uploader back to the write position";
-    EXPECT_EQ(40000u, lpSession->m_ulMaxPos);
+    EXPECT_FALSE(ZV_FileShareSessionPeer::StopUpload(*lpSession));
+    EXPECT_TRUE(ZV_FileShareSessionPeer::ResyncPending(*lpSession)) << "the resume sets the uploader back to the write position";
+    EXPECT_EQ(40000u, ZV_FileShareSessionPeer::MaxPos(*lpSession));
 }
 
 TEST_F(Control, RelayFetchesOnceFromAnUpstreamWithMoreAndAnswersAPeerThatIsShort)
 {
     Make(true);
-    lpSession->m_FileInfo.SetFileWritePos(40000);
+    ZV_FileShareSessionPeer::FileInfo(*lpSession).SetFileWritePos(40000);
     for (int i = 0; i < 2; ++i)
         Deliver(PDU_CONF_FS_PROGRESSING_RESPONSE, Pdu().U16(5).User(kSelf).U32(0), zvConfServerTypeCommand, 20,
                 QB_UserID(2, 0));
@@ -151,7 +152,7 @@ TEST_F(Control, RelayFetchesOnceFromAnUpstreamWithMoreAndAnswersAPeerThatIsShort
     EXPECT_EQ(ask.U32(40000).U8(1).U8(0).b, host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST)[0].data);
 
     Clear();
-    lpSession->m_mapDownload.SetAt(QB_UserID(2, 0), ZV_FileDownloadInfo());
+    ZV_FileShareSessionPeer::Downloads(*lpSession).SetAt(QB_UserID(2, 0), ZV_FileDownloadInfo());
     for (uint32_t ulPos : {40000u, 39999u})
         Deliver(PDU_CONF_FS_PROGRESSING_REQUEST, Pdu().U16(5).User(QB_UserID(2, 0)).U32(ulPos).U8(0),
                 zvConfServerTypeCommand, 20, QB_UserID(2, 0));
@@ -160,7 +161,7 @@ TEST_F(Control, RelayFetchesOnceFromAnUpstreamWithMoreAndAnswersAPeerThatIsShort
     EXPECT_EQ(20u, host.m_vecSent[0].ulConn);
     Deliver(PDU_CONF_FS_PROGRESSING_REQUEST, Pdu().U16(5).User(QB_UserID(2, 0)).U32(0).U8(1),
             zvConfServerTypeCommand, 20, QB_UserID(2, 0));
-    EXPECT_EQ(0, lpSession->m_mapDownload.GetCount());
+    EXPECT_EQ(0, ZV_FileShareSessionPeer::Downloads(*lpSession).GetCount());
 }
 
 TEST_F(Control, AFailedUploadIsMarkedOnEveryServerAndToldToEveryClientAsAReadFailure)
@@ -169,15 +170,15 @@ TEST_F(Control, AFailedUploadIsMarkedOnEveryServerAndToldToEveryClientAsAReadFai
     Deliver(PDU_CONF_FS_UPLOAD_ERROR_REQUEST, Pdu().U16(5).User(kAlice).U32(0).U32(12345), 0, 100010, kAlice);
     Deliver(PDU_CONF_FS_UPLOAD_ERROR_REQUEST, Pdu().U16(5).User(kAlice).U32(100).U32(12345),
             zvConfServerTypeCommand, 20, QB_UserID(2, 0));
-    EXPECT_EQ(ZV_FILESTATE_FAILED, lpSession->m_FileInfo.m_BriefInfo.m_usFileState);
-    EXPECT_EQ(12345u, lpSession->m_ulMaxPos);
+    EXPECT_EQ(ZV_FILESTATE_FAILED, ZV_FileShareSessionPeer::FileInfo(*lpSession).m_BriefInfo.m_usFileState);
+    EXPECT_EQ(12345u, ZV_FileShareSessionPeer::MaxPos(*lpSession));
     ASSERT_EQ(2u, host.m_vecSent.size()) << "one flood, one answer, and the echo is dropped";
     EXPECT_EQ(Pdu().U16(7).U16(5).User(kAlice).U32(100).U32(12345).b, host.m_vecSent[0].data);
     EXPECT_EQ("group", host.m_vecSent[1].sRoute);
     EXPECT_EQ(Pdu().U16(5).U32(0).U16(5).b, host.m_vecSent[1].data);
 
     Clear();
-    lpSession->m_FileInfo.m_BriefInfo.SetFileState(ZV_FILESTATE_COMPLETE);
+    ZV_FileShareSessionPeer::FileInfo(*lpSession).m_BriefInfo.SetFileState(ZV_FILESTATE_COMPLETE);
     Deliver(PDU_CONF_FS_UPLOAD_ERROR_REQUEST, Pdu().U16(5).User(kAlice).U32(0).U32(1), 0, 100010, kAlice);
     EXPECT_TRUE(host.m_vecSent.empty()) << "a complete file stays complete";
 
@@ -220,9 +221,9 @@ TEST_F(Control, ManagerTimerWorksOnItsConferencesSlotAndReportsIdleAfterFifteenS
 TEST_F(Control, StalledServerFileIsLookedAtOnceAfterTwentySecondsAndACompleteOneIsMarked)
 {
     Make(true);
-    lpSession->m_FileInfo.SetFileWritePos(40000);
-    lpSession->m_ulLastIoTick = 50000;
-    lpSession->m_bPulling = true;
+    ZV_FileShareSessionPeer::FileInfo(*lpSession).SetFileWritePos(40000);
+    ZV_FileShareSessionPeer::LastIoTick(*lpSession) = 50000;
+    ZV_FileShareSessionPeer::Pulling(*lpSession) = true;
     env.SetTick(70000);
     mgr.OnTimer(2);
     EXPECT_TRUE(host.m_vecSent.empty()) << "exactly 20000 ms is not yet a stall";
@@ -231,8 +232,8 @@ TEST_F(Control, StalledServerFileIsLookedAtOnceAfterTwentySecondsAndACompleteOne
     mgr.OnTimer(12);
     ASSERT_EQ(1u, host.m_vecSent.size()) << "Alice is not homed here: the servers are asked, once";
     EXPECT_EQ(Pdu().U16(7).U16(5).User(kSelf).U32(40000).U8(0).b, host.m_vecSent[0].data) << "conference word first";
-    EXPECT_FALSE(lpSession->m_bPulling);
-    lpSession->m_FileInfo.SetFileWritePos(1000000);
+    EXPECT_FALSE(ZV_FileShareSessionPeer::Pulling(*lpSession));
+    ZV_FileShareSessionPeer::FileInfo(*lpSession).SetFileWritePos(1000000);
     mgr.OnTimer(17);
-    EXPECT_EQ(ZV_FILESTATE_COMPLETE, lpSession->m_FileInfo.m_BriefInfo.m_usFileState);
+    EXPECT_EQ(ZV_FILESTATE_COMPLETE, ZV_FileShareSessionPeer::FileInfo(*lpSession).m_BriefInfo.m_usFileState);
 }

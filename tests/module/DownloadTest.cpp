@@ -1,6 +1,7 @@
 // The download road on one manager: the server's answer and pump, the
 // client's local file and blocks, the relay's store, against a recording host
 // and a file system that fails on demand.
+#include "ZV_FileShareSessionPeer.h"
 #include "ZV_FileShareMgr.h"
 #include "ZV_FileShareMgrPeer.h"
 #include "ZV_FileShareSession.h"
@@ -81,7 +82,7 @@ struct DownloadFixture : public ::testing::Test
     ZV_FileShareSession& AddSession()
     {
         auto* lpFsSession = new ZV_FileShareSession(&mgr, QB_StringA(tmp.PathW()).GetString());
-        lpFsSession->m_usFileID = 5;
+        ZV_FileShareSessionPeer::FileID(*lpFsSession) = 5;
         ZV_FileShareMgrPeer::Sessions(mgr).SetAt(5, lpFsSession);
         return *lpFsSession;
     }
@@ -95,13 +96,13 @@ struct DownloadFixture : public ::testing::Test
         brief.SetFileType(QB_StringU8("ogg"));
         brief.SetFileLenth(98305);
         brief.SetPublic(bPublic);
-        session.m_FileInfo.SetFileNewName(QB_StringU8("song.ogg"));
-        session.m_FileInfo.SetBriefInfo(brief);
-        session.m_FileInfo.SetFileWritePos(ulWritePos);
-        session.m_ulMaxPos = ulWritePos;
+        ZV_FileShareSessionPeer::FileInfo(session).SetFileNewName(QB_StringU8("song.ogg"));
+        ZV_FileShareSessionPeer::FileInfo(session).SetBriefInfo(brief);
+        ZV_FileShareSessionPeer::FileInfo(session).SetFileWritePos(ulWritePos);
+        ZV_FileShareSessionPeer::MaxPos(session) = ulWritePos;
         std::filesystem::create_directories(tmp.Sub("7"));
         QB_WriteWholeFile(tmp.Sub("7/song.ogg"), ZV_TestBytes(ulWritePos, 1));
-        session.m_ServerFile.Open(tmp.SubW("7/song.ogg"), 0x203);
+        ZV_FileShareSessionPeer::ServerFile(session).Open(tmp.SubW("7/song.ogg"), 0x203);
         return session;
     }
     uint32_t Deliver(uint16_t usPdu, const Bytes& data, uint16_t usType = zvConfClientTypeCommand,
@@ -166,13 +167,13 @@ TEST_F(Download, AnswersARequestWithTheNewEntryAndFloodsItToTheOtherServers)
     flooded.insert(flooded.end(), request.begin(), request.end());
     ASSERT_EQ(1u, host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size());
     EXPECT_EQ(flooded, host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST)[0].data);
-    EXPECT_FALSE(ZV_FileShareMgrPeer::Sessions(mgr)[5]->m_mapDownload.Find(kBob)->m_bActive);
+    EXPECT_FALSE(ZV_FileShareSessionPeer::Downloads(*ZV_FileShareMgrPeer::Sessions(mgr)[5]).Find(kBob)->m_bActive);
 }
 
 TEST_F(Download, RefusesTheCreatorAndUsersWithoutTheRightButAnswersNoFloodedCopy)
 {
     ZV_FileShareSession& session = AddStoredFile(40000, false);
-    session.m_FileInfo.m_BriefInfo.m_arrRight.Add(QB_UserID(10003, 0));
+    ZV_FileShareSessionPeer::FileInfo(session).m_BriefInfo.m_arrRight.Add(QB_UserID(10003, 0));
     struct { const char* szName; QB_UserID user; uint8_t bFlooded; size_t nAnswers; } aCases[] = {
         {"the creator", kAlice, 0, 1}, {"no right", kBob, 0, 1}, {"flooded", kBob, 1, 0}};
     for (const auto& c : aCases)
@@ -186,7 +187,7 @@ TEST_F(Download, RefusesTheCreatorAndUsersWithoutTheRightButAnswersNoFloodedCopy
         for (const auto& sent : vecSent)
             EXPECT_EQ(Pdu().U16(5).U32(40).U16(5).User(c.user).Data(kEmptyRecord).b, sent.data) << c.szName;
     }
-    EXPECT_EQ(0, session.m_mapDownload.GetCount());
+    EXPECT_EQ(0, ZV_FileShareSessionPeer::Downloads(session).GetCount());
 }
 
 TEST_F(Download, OrdersTheCreatorToUploadBeforeAnsweringOrSaysWhyItCannot)
@@ -228,24 +229,24 @@ TEST_F(Download, PushesThreeBlocksPerCallRestsAtTheWritePositionAndGoesOnWhenWok
     ASSERT_EQ(2u, vecBlocks.size());
     EXPECT_EQ(Block(0, Bytes(stored.begin(), stored.begin() + 32768), 40000).b, vecBlocks[0].data);
     EXPECT_EQ(Block(32768, Bytes(stored.begin() + 32768, stored.begin() + 40000), 40000).b, vecBlocks[1].data);
-    EXPECT_EQ(40000u, session.m_mapDownload.Find(kBob)->m_ulDownloadPos);
+    EXPECT_EQ(40000u, ZV_FileShareSessionPeer::Downloads(session).Find(kBob)->m_ulDownloadPos);
 
     // The upload stores the rest; the block that began at 40000 wakes Bob.
     QB_WriteWholeFile(tmp.Sub("7/song.ogg"), stored);
-    session.m_FileInfo.SetFileWritePos(98305);
-    session.m_ulMaxPos = 98305;
+    ZV_FileShareSessionPeer::FileInfo(session).SetFileWritePos(98305);
+    ZV_FileShareSessionPeer::MaxPos(session) = 98305;
     session.WakeDownloaders(40000);
     EXPECT_EQ(2u, host.SentOf(PDU_CONF_FS_KICK).size());
     OnSend();
     vecBlocks = host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE);
     ASSERT_EQ(4u, vecBlocks.size());
     EXPECT_EQ(Block(72768, Bytes(stored.begin() + 72768, stored.end())).b, vecBlocks[3].data);
-    EXPECT_EQ(ZV_DLSTATE_FINISHED, session.m_mapDownload.Find(kBob)->m_usState);
+    EXPECT_EQ(ZV_DLSTATE_FINISHED, ZV_FileShareSessionPeer::Downloads(session).Find(kBob)->m_usState);
     EXPECT_EQ(1u, host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST).size()) << "the servers learn Bob has finished";
 
     // Nothing more is sent, and a user who lost the right gets nothing.
-    session.m_mapDownload.Find(kBob)->SetDownloadPos(0);
-    session.m_FileInfo.m_BriefInfo.m_bPublic = false;
+    ZV_FileShareSessionPeer::Downloads(session).Find(kBob)->SetDownloadPos(0);
+    ZV_FileShareSessionPeer::FileInfo(session).m_BriefInfo.m_bPublic = false;
     OnSend();
     EXPECT_EQ(4u, host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE).size());
 }
@@ -291,10 +292,10 @@ struct ClientDownload : public DownloadFixture
     // The answer to a download the user asked for, as FsDownload leaves it.
     Bytes Asked(const ZV_FileDownloadInfo& record)
     {
-        Session().m_sAskedPath = record.m_sFilePath + record.m_sFileName;
-        Session().m_ulAskedPos = record.m_ulDownloadPos;
-        Session().m_bDownloadAsked = true;
-        Session().m_BriefInfo.SetFileLenth(record.m_ulFileLenth);
+        ZV_FileShareSessionPeer::AskedPath(Session()) = record.m_sFilePath + record.m_sFileName;
+        ZV_FileShareSessionPeer::AskedPos(Session()) = record.m_ulDownloadPos;
+        ZV_FileShareSessionPeer::DownloadAsked(Session()) = true;
+        ZV_FileShareSessionPeer::BriefInfo(Session()).SetFileLenth(record.m_ulFileLenth);
         return Answer(record);
     }
     uint32_t Take(const Pdu& block) { return Deliver(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, block.b, 4, 12); }
@@ -309,13 +310,13 @@ TEST_F(ClientDownload, MakesTheFoldersAndCutsTheLocalFileAtTheEntrysPosition)
     for (const auto& c : aCases)
     {
         host.m_vecSent.clear();
-        Session().m_File.Close();
+        ZV_FileShareSessionPeer::File(Session()).Close();
         const ZV_FileDownloadInfo record = Target(tmp.SubW("new/deeper"), 98305, c.ulPos);
         ASSERT_EQ(0u, Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, Asked(record), 0, 11));
         EXPECT_EQ(c.nKept, std::filesystem::file_size(tmp.Sub("new/deeper/a.bin"))) << c.szName;
         ASSERT_EQ(1u, host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST).size()) << c.szName;
         EXPECT_EQ(Pdu().U16(5).User(kBob).Record(record).b, host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST)[0].data);
-        EXPECT_EQ(ZV_DLSTATE_RUNNING, Session().m_LocalDownload.m_usState);
+        EXPECT_EQ(ZV_DLSTATE_RUNNING, ZV_FileShareSessionPeer::LocalDownload(Session()).m_usState);
         QB_WriteWholeFile(tmp.Sub("new/deeper/a.bin"), ZV_TestBytes(10, 3));
     }
     EXPECT_EQ(std::vector<uint32_t>(2, 0), ResultsOf(zvFsEventDownloadState));
@@ -340,7 +341,7 @@ TEST_F(ClientDownload, GivesUpWithTheReasonWhenRefusedOrWhenTheTargetCannotBeMad
         EXPECT_TRUE(host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST).empty()) << c.szName;
         ASSERT_EQ(1u, host.SentOf(PDU_CONF_FS_DEL_DOWNLOAD_REQUEST).size()) << c.szName;
         EXPECT_EQ(Pdu().U16(5).User(kBob).U32(0).b, host.SentOf(PDU_CONF_FS_DEL_DOWNLOAD_REQUEST)[0].data);
-        EXPECT_FALSE(Session().m_File.IsOpen()) << c.szName;
+        EXPECT_FALSE(ZV_FileShareSessionPeer::File(Session()).IsOpen()) << c.szName;
     }
     EXPECT_LT(ZV_FileShareMgrPeer::BusyFileIDs(mgr).Find(5), 0);
 }
@@ -365,7 +366,7 @@ TEST_F(ClientDownload, TakesBlocksInOrderIgnoresDuplicatesAndAsksOnceAcrossAGap)
     EXPECT_EQ(4u, ResultsOf(zvFsEventDownloadProgress).size());
     EXPECT_EQ(1u, ResultsOf(zvFsEventDownloadFinished).size());
     EXPECT_EQ(2u, ResultsOf(zvFsEventTransferState).size()) << "at the first block's end and at the finish";
-    EXPECT_FALSE(Session().m_File.IsOpen());
+    EXPECT_FALSE(ZV_FileShareSessionPeer::File(Session()).IsOpen());
     EXPECT_LT(ZV_FileShareMgrPeer::BusyFileIDs(mgr).Find(5), 0);
 }
 
@@ -401,7 +402,7 @@ TEST_F(ClientDownload, RefusesABadBlockUnwrittenStopsTheDownloadAndIgnoresTheRes
 TEST_F(Download, RelayWritesIntoItsOwnStoreWhateverPathTheRecordNames)
 {
     ZV_FileShareSession& session = AddStoredFile(0);
-    session.m_ServerFile.Close();
+    ZV_FileShareSessionPeer::ServerFile(session).Close();
     const QB_UserID self(1, 0), upstream(2, 0);
     ZV_FileDownloadInfo record = Target(QB_StringW(u"C:\\elsewhere"), 98305);
     record.SetUserID(self);
@@ -416,11 +417,11 @@ TEST_F(Download, RelayWritesIntoItsOwnStoreWhateverPathTheRecordNames)
                 zvConfServerTypeData, 24, upstream);
         if (ulPos == 0)
         {
-            EXPECT_EQ(ZV_FILESTATE_UPLOADING, session.m_FileInfo.m_BriefInfo.m_usFileState);
+            EXPECT_EQ(ZV_FILESTATE_UPLOADING, ZV_FileShareSessionPeer::FileInfo(session).m_BriefInfo.m_usFileState);
         }
     }
     EXPECT_EQ(data, QB_ReadWholeFile(tmp.Sub("7/song.ogg")));
-    EXPECT_EQ(ZV_FILESTATE_COMPLETE, session.m_FileInfo.m_BriefInfo.m_usFileState);
+    EXPECT_EQ(ZV_FILESTATE_COMPLETE, ZV_FileShareSessionPeer::FileInfo(session).m_BriefInfo.m_usFileState);
     EXPECT_TRUE(host.m_vecEvents.empty()) << "a server has no user side";
 }
 

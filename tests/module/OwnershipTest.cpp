@@ -1,6 +1,7 @@
 // A throw of the host or the user side at any call of a road that makes a
 // session or opens a file leaves no session, key, stored file, catalogue row
 // or open file of that road behind, and the road works the next time.
+#include "ZV_FileShareSessionPeer.h"
 #include "ZV_ThrowingHost.h"
 
 #include "ZV_AddPdu.h"
@@ -160,7 +161,7 @@ void AddFromServer(Node& node)
 
 bool HasOpenFile(Node& node)
 {
-    return node.Session() != nullptr && node.Session()->m_File.IsOpen();
+    return node.Session() != nullptr && ZV_FileShareSessionPeer::File(*node.Session()).IsOpen();
 }
 
 struct Road
@@ -206,14 +207,14 @@ TEST(Ownership, AThrowAtAnyHostCallOfAnAddOrADownloadAnswerLeavesNothingOfItBehi
                        DownloadAnswer(n.tmp.SubW("dl") + u"\\", u"a.bin"));
          },
          HasOpenFile,
-         [](Node& n) { return !HasOpenFile(n) && n.Session()->m_LocalDownload.m_sFileName.IsEmpty(); }},
+         [](Node& n) { return !HasOpenFile(n) && ZV_FileShareSessionPeer::LocalDownload(*n.Session()).m_sFileName.IsEmpty(); }},
         {"a relay's download answer", true, AddFromServer,
          [](Node& n) {
              n.Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, zvConfServerTypeCommand,
                        DownloadAnswer(QB_StringW(u"C:\\elsewhere\\"), u"a.txt"));
          },
          HasOpenFile,
-         [](Node& n) { return !HasOpenFile(n) && n.Session()->m_LocalDownload.m_sFileName.IsEmpty(); }},
+         [](Node& n) { return !HasOpenFile(n) && ZV_FileShareSessionPeer::LocalDownload(*n.Session()).m_sFileName.IsEmpty(); }},
     };
     for (const Road& road : aRoads)
     {

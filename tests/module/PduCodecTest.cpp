@@ -19,15 +19,6 @@ using Bytes = std::vector<uint8_t>;
 
 namespace {
 
-Bytes FromHex(const std::string& sHex)
-{
-    Bytes bytes;
-    for (size_t i = 0; i + 1 < sHex.size(); ++i)
-        if (sHex[i] != ' ')
-            bytes.push_back((uint8_t)std::stoi(sHex.substr(i++, 2), nullptr, 16));
-    return bytes;
-}
-
 struct Row
 {
     const char* pszName;
@@ -37,7 +28,7 @@ struct Row
 template <typename T>
 Row Case(const char* pszName, const T& value, const std::string& sHex)
 {
-    return {pszName, [value, sHex] { ZV_ExpectPayload(value, FromHex(sHex)); }};
+    return {pszName, [value, sHex] { ZV_ExpectPayload(value, ZV_FromHex(sHex)); }};
 }
 
 void Walk(const std::vector<Row>& rows)
@@ -184,7 +175,7 @@ TEST(PduCodec, DownloadPayloadsAreTheirExactBytesAndABlockIsAtMostOneBlockLong)
     EXPECT_FALSE(LoadsBlockOf(block, ZV_BLOCK_SIZE + 1));
 
     // A refusal is read up to its head; the empty record behind it is not.
-    const Bytes refusal = FromHex(AnswerHex());
+    const Bytes refusal = ZV_FromHex(AnswerHex());
     QB_ByteStream stream(refusal.data(), (int32_t)refusal.size());
     ZV_DownloadResponse refused;
     EXPECT_NO_THROW(refused.Load(stream));

@@ -1,6 +1,7 @@
 // Hostile payloads for every PDU number on every link, on a server and on a
 // client. Each payload sits in a heap block of exactly its size, so a build
 // with the address sanitizer sees any read past it.
+#include "ZV_FileShareSessionPeer.h"
 #include "ZV_FileShareMgr.h"
 #include "ZV_FileShareMgrPeer.h"
 #include "ZV_FileShareSession.h"
@@ -132,15 +133,15 @@ struct ZV_FuzzNode
     {
         std::filesystem::create_directories(home.Path() + "/store/7");
         auto* lpFsSession = new ZV_FileShareSession(lpMgr.get(), (home.Path() + "/store/").c_str());
-        lpFsSession->m_usFileID = usFileID;
-        lpFsSession->m_BriefInfo.SetCreatorID(QB_UserID(10001, 0));
-        lpFsSession->m_BriefInfo.SetFileOldName(QB_StringU8("report.pdf"));
-        lpFsSession->m_BriefInfo.SetFileLenth(usFileID == 1 ? 0 : 100000 * usFileID);
-        lpFsSession->m_BriefInfo.SetFileState(usFileID == 3 ? ZV_FILESTATE_COMPLETE : ZV_FILESTATE_UPLOADING);
-        lpFsSession->m_BriefInfo.SetPublic(true);
-        lpFsSession->m_FileInfo.SetFileID(usFileID);
-        lpFsSession->m_FileInfo.SetFileNewName(QB_StringU8(("stored" + std::to_string(usFileID)).c_str()));
-        lpFsSession->m_FileInfo.SetBriefInfo(lpFsSession->m_BriefInfo);
+        ZV_FileShareSessionPeer::FileID(*lpFsSession) = usFileID;
+        ZV_FileShareSessionPeer::BriefInfo(*lpFsSession).SetCreatorID(QB_UserID(10001, 0));
+        ZV_FileShareSessionPeer::BriefInfo(*lpFsSession).SetFileOldName(QB_StringU8("report.pdf"));
+        ZV_FileShareSessionPeer::BriefInfo(*lpFsSession).SetFileLenth(usFileID == 1 ? 0 : 100000 * usFileID);
+        ZV_FileShareSessionPeer::BriefInfo(*lpFsSession).SetFileState(usFileID == 3 ? ZV_FILESTATE_COMPLETE : ZV_FILESTATE_UPLOADING);
+        ZV_FileShareSessionPeer::BriefInfo(*lpFsSession).SetPublic(true);
+        ZV_FileShareSessionPeer::FileInfo(*lpFsSession).SetFileID(usFileID);
+        ZV_FileShareSessionPeer::FileInfo(*lpFsSession).SetFileNewName(QB_StringU8(("stored" + std::to_string(usFileID)).c_str()));
+        ZV_FileShareSessionPeer::FileInfo(*lpFsSession).SetBriefInfo(ZV_FileShareSessionPeer::BriefInfo(*lpFsSession));
         ZV_FileShareMgrPeer::Sessions(*lpMgr).SetAt(usFileID, lpFsSession);
     }
 

@@ -1,6 +1,7 @@
 // The upload road on one manager: the creator's pump and start, the server's
 // writes at its write position, against a recording host and a file system
 // that fails on demand.
+#include "ZV_FileShareSessionPeer.h"
 #include "ZV_FileShareMgr.h"
 #include "ZV_FileShareMgrPeer.h"
 #include "ZV_FileShareSession.h"
@@ -74,16 +75,16 @@ struct UploadFixture : public ::testing::Test
         std::filesystem::create_directories(tmp.Sub("7"));
         data = ZV_TestBytes(nSize, (unsigned)nSize);
         lpSession = new ZV_FileShareSession(&mgr, QB_StringA(tmp.PathW()).GetString());
-        lpSession->m_usFileID = 5;
-        lpSession->m_BriefInfo.SetCreatorID(kAlice);
-        lpSession->m_BriefInfo.SetFileLenth((uint32_t)nSize);
-        lpSession->m_FileInfo.SetBriefInfo(lpSession->m_BriefInfo);
-        lpSession->m_FileInfo.SetFileNewName(QB_StringU8("song.ogg"));
+        ZV_FileShareSessionPeer::FileID(*lpSession) = 5;
+        ZV_FileShareSessionPeer::BriefInfo(*lpSession).SetCreatorID(kAlice);
+        ZV_FileShareSessionPeer::BriefInfo(*lpSession).SetFileLenth((uint32_t)nSize);
+        ZV_FileShareSessionPeer::FileInfo(*lpSession).SetBriefInfo(ZV_FileShareSessionPeer::BriefInfo(*lpSession));
+        ZV_FileShareSessionPeer::FileInfo(*lpSession).SetFileNewName(QB_StringU8("song.ogg"));
         ZV_FileShareMgrPeer::Sessions(mgr).SetAt(5, lpSession);
         if (bServer)
             return;
         QB_WriteWholeFile(tmp.Sub("song.ogg"), data);
-        lpSession->m_File.Open(tmp.SubW("song.ogg"), QB_FILE_READ | QB_FILE_OPEN_EXISTING);
+        ZV_FileShareSessionPeer::File(*lpSession).Open(tmp.SubW("song.ogg"), QB_FILE_READ | QB_FILE_OPEN_EXISTING);
     }
     uint32_t Deliver(uint16_t usPdu, const Bytes& payload, const QB_UserID& peer = kAlice, uint32_t ulConn = 100024)
     {
@@ -105,7 +106,7 @@ struct UploadFixture : public ::testing::Test
         return std::string(log.begin(), log.end());
     }
     uint32_t FsUpload(uint16_t usFileID) { return static_cast<IZV_FileShareMgr&>(mgr).FsUpload(usFileID); }
-    const ZV_FileBriefInfo& Row() const { return lpSession->m_FileInfo.m_BriefInfo; }
+    const ZV_FileBriefInfo& Row() const { return ZV_FileShareSessionPeer::FileInfo(*lpSession).m_BriefInfo; }
     Bytes Stored() const { return QB_ReadWholeFile(tmp.Sub("7/song.ogg")); }
 };
 
@@ -131,7 +132,7 @@ TEST_F(Upload, FsUploadStartsThePumpWhichSendsThreeBlocksPerCallUntilTheSharedLe
         uint32_t ulPos = 0;
         for (size_t nBlocks : c.vecCalls)
         {
-            EXPECT_EQ(ZV_FILESTATE_UPLOADING, lpSession->m_BriefInfo.m_usFileState) << c.nSize;
+            EXPECT_EQ(ZV_FILESTATE_UPLOADING, ZV_FileShareSessionPeer::BriefInfo(*lpSession).m_usFileState) << c.nSize;
             const auto vecBlocks = OnSend();
             ASSERT_EQ(nBlocks, vecBlocks.size()) << c.nSize;
             for (const auto& sent : vecBlocks)
@@ -141,7 +142,7 @@ TEST_F(Upload, FsUploadStartsThePumpWhichSendsThreeBlocksPerCallUntilTheSharedLe
                 ulPos += (uint32_t)std::min<size_t>(ZV_BLOCK_SIZE, c.nSize - ulPos);
             }
         }
-        EXPECT_EQ(ZV_FILESTATE_COMPLETE, lpSession->m_BriefInfo.m_usFileState) << c.nSize;
+        EXPECT_EQ(ZV_FILESTATE_COMPLETE, ZV_FileShareSessionPeer::BriefInfo(*lpSession).m_usFileState) << c.nSize;
         EXPECT_TRUE(OnSend().empty()) << c.nSize << ": nothing after the last block";
         EXPECT_TRUE(host.m_vecEvents.size() == 1 && ClientLog().empty()) << c.nSize;
     }
@@ -176,14 +177,14 @@ TEST_F(Upload, ClientThatCannotReadItsFileFailsAndSaysSoUnlessTheServerHoldsItAl
         Make(false, 98305);
         data.resize(c.nShrunkTo);
         QB_WriteWholeFile(tmp.Sub("song.ogg"), data);
-        lpSession->m_ulMaxPos = c.ulMaxPos;
+        ZV_FileShareSessionPeer::MaxPos(*lpSession) = c.ulMaxPos;
         FsUpload(5);
         host.m_vecEvents.clear();
         if (c.eFault != QB_EnvOp::Count_)
             env.FailAt(c.eFault, c.nNth);
         const bool bReported = c.ulMaxPos == 0;
         EXPECT_EQ(c.nSent, OnSend().size()) << c.szName;
-        EXPECT_EQ(bReported ? ZV_FILESTATE_FAILED : ZV_FILESTATE_UPLOADING, lpSession->m_BriefInfo.m_usFileState)
+        EXPECT_EQ(bReported ? ZV_FILESTATE_FAILED : ZV_FILESTATE_UPLOADING, ZV_FileShareSessionPeer::BriefInfo(*lpSession).m_usFileState)
             << c.szName;
         EXPECT_EQ(bReported ? Pdu().U16(5).User(kAlice).U32(0).U32(c.ulReadPos).b : Bytes(),
                   Joined(host.SentOf(PDU_CONF_FS_UPLOAD_ERROR_REQUEST))) << c.szName << ": 8035";
@@ -212,7 +213,7 @@ TEST_F(Upload, ServerTakesTheStartMarkerThenWritesOnlyAtItsWritePositionAsksOnce
     for (const auto& s : aSteps)
     {
         EXPECT_EQ(0u, Deliver(PDU_CONF_FS_UPLOAD_REQUEST, Block(s.ulPos, Slice(data, s.ulPos, ZV_BLOCK_SIZE))));
-        EXPECT_EQ(s.ulWritePos, lpSession->m_FileInfo.m_ulFileWritePos) << s.szName;
+        EXPECT_EQ(s.ulWritePos, ZV_FileShareSessionPeer::FileInfo(*lpSession).m_ulFileWritePos) << s.szName;
         EXPECT_EQ(s.nAnswers, host.SentOf(PDU_CONF_FS_UPLOAD_RESPONSE).size()) << s.szName;
         EXPECT_EQ(Slice(data, 0, s.ulWritePos), Stored()) << s.szName;
     }
@@ -248,7 +249,7 @@ TEST_F(Upload, ServerRefusesABlockItCannotTakeAndTheNextBlockShowsWhatItRemember
 
         Deliver(PDU_CONF_FS_UPLOAD_REQUEST, Block(c.ulNextPos, Slice(data, c.ulNextPos, 100), c.sender));
         EXPECT_EQ(1 + c.nNextAnswers, host.SentOf(PDU_CONF_FS_UPLOAD_RESPONSE).size()) << c.szName;
-        EXPECT_EQ(c.ulWritePos, lpSession->m_FileInfo.m_ulFileWritePos) << c.szName;
+        EXPECT_EQ(c.ulWritePos, ZV_FileShareSessionPeer::FileInfo(*lpSession).m_ulFileWritePos) << c.szName;
         EXPECT_EQ(Slice(data, 0, c.ulWritePos), Stored()) << c.szName;
     }
 }

@@ -108,7 +108,7 @@ TEST_F(TrustScene, AClientUploadsOnlyWhatItsUserSharedWhateverTheServerAnnounces
     const uint16_t usShared = Share("shared.bin", data);
     ASSERT_NE(0xFFFF, usShared);
     QB_WriteWholeFile(tmp.Sub("alice/secret.txt"), std::string(5000, 's'));
-    const ZV_FileBriefInfo honest = Session(Alice(), usShared)->m_BriefInfo;
+    const ZV_FileBriefInfo honest = Session(Alice(), usShared)->BriefInfo();
     struct { const char* szName; const char* szFolder; const char* szFile; uint32_t ulLength; } aCases[] = {
         {"a file she never shared", "alice", "secret.txt", 5000},
         {"her shared file with a length of 0xFFFFFFFF", "alice", "shared.bin", 0xFFFFFFFFu},

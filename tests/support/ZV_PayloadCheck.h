@@ -10,7 +10,18 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <string>
 #include <vector>
+
+// Bytes from pairs of hex digits; spaces between pairs are skipped.
+inline std::vector<uint8_t> ZV_FromHex(const std::string& sHex)
+{
+    std::vector<uint8_t> bytes;
+    for (size_t i = 0; i + 1 < sHex.size(); ++i)
+        if (sHex[i] != ' ')
+            bytes.push_back((uint8_t)std::stoi(sHex.substr(i++, 2), nullptr, 16));
+    return bytes;
+}
 
 template <typename T>
 std::vector<uint8_t> ZV_SavePayload(const T& value)
