@@ -78,10 +78,11 @@ void ZV_FileShareSession::FloodStopAsk(uint16_t usPdu, const QB_UserID& user, ui
     ask.bStop = bStop;
     ask.ulPos = ulPos;
     ZV_PduBuffer pdu;
+    // 8016 is 8017 without the position.
     if (usPdu == PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST)
         ask.Save(pdu.Stream());
     else
-        ask.ZV_StopDownloadAsk::Save(pdu.Stream());
+        static_cast<const ZV_StopDownloadAsk&>(ask).Save(pdu.Stream());
     ZV_SendToServers(Conf(), zvConnNone, usPdu, pdu);
 }
 
