@@ -186,8 +186,7 @@ public:
     // True when the position has reached the file's length.
     bool AdvanceLocalDownload(uint32_t ulCount);
     void OnClientBlock(uint16_t usFileID, bool bFinished);
-    void OnRelayBlock(uint16_t usFileID, const QB_UserID& user, uint32_t ulBlockPos, uint32_t ulMaxPos,
-                      bool bFinished);
+    void OnRelayBlock(uint16_t usFileID, const QB_UserID& user, uint32_t ulMaxPos, bool bFinished);
     void OpenRelayServedFile();
     void FailDownload(const ConfPduData* lpCpd, uint32_t ulResult, uint16_t usFileID, const QB_UserID& user);
     void FailRelayDownload(const ConfPduData* lpCpd, uint32_t ulResult, uint16_t usFileID, const QB_UserID& user);
@@ -218,6 +217,16 @@ public:
     void NudgeUploader();
     void AskServersForMore();
     void OnClientTimer();
+
+    // ---- download entries, notices and rights (ZV_FileShareSession_Entries.cpp)
+    uint32_t SendSetRightRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser, uint8_t bPublic,
+                                 const QB_Array<QB_UserID>& arrAdd, const QB_Array<QB_UserID>& arrRemove);
+    uint32_t SendSetRightResponse(uint32_t ulConn, uint32_t ulResult, uint16_t usFileID, const QB_UserID* pUser,
+                                  const ZV_FileBriefInfo* pBrief, uint32_t ulMaxPos, bool bToAll);
+    // Server: a change of rights on this file, its downloaders who lost the
+    // file dropped, and the new description to every client.
+    void ApplyRights(uint8_t bPublic, const QB_Array<QB_UserID>& arrAdd, const QB_Array<QB_UserID>& arrRemove);
+    void SetBriefInfo(const ZV_FileBriefInfo& brief);
 
     // ---- events to the user side that a session raises
     void NotifyTransferError(uint32_t ulResult, uint16_t usFileID);
