@@ -3,24 +3,6 @@
 #include "ZV_FileShareMgr.h"
 #include "ZV_PduFrame.h"
 
-uint32_t ZV_FileShareMgr::HandleSetRightResponse(ConfPduData*)
-{
-    ZV_TraceRecv("PDU_CONF_FS_SET_RIGHT_RESPONSE");
-    return 0;
-}
-
-uint32_t ZV_FileShareMgr::HandleDelUploadRequest(ConfPduData*)
-{
-    ZV_TraceRecv("PDU_CONF_FS_DEL_UPLOAD_REQUEST");
-    return 0;
-}
-
-uint32_t ZV_FileShareMgr::HandleDelUploadResponse(ConfPduData*)
-{
-    ZV_TraceRecv("PDU_CONF_FS_DEL_UPLOAD_RESPONSE");
-    return 0;
-}
-
 uint32_t ZV_FileShareMgr::HandleGetUploadSessionListRequest(ConfPduData*)
 {
     ZV_TraceRecv("PDU_CONF_GET_UPLOAD_SESSION_LIST_REQUEST");
@@ -54,12 +36,6 @@ uint32_t ZV_FileShareMgr::HandleGetFileListRequest(ConfPduData*)
 uint32_t ZV_FileShareMgr::HandleGetFileListResponse(ConfPduData*)
 {
     ZV_TraceRecv("PDU_CONF_GET_FILE_LIST_RESPONSE");
-    return 0;
-}
-
-uint32_t ZV_FileShareMgr::HandleSetFilesRightRequest(ConfPduData*)
-{
-    ZV_TraceRecv("PDU_CONF_FS_SET_FILES_RIGHT_REQUEST");
     return 0;
 }
 
