@@ -121,7 +121,9 @@ uint32_t ZV_FileShareMgr::FsAdd(const char16_t* szPath, const QB_UserID* pRight,
     }
     catch (...)
     {
-        // A rights list too long for one PDU ends here, not in the caller.
+        // A rights list too long for one PDU ends here, not in the caller:
+        // an exception that crossed into the host's user side would end a
+        // program that never saw this module's types.
         file.Close();
         QB_WriteLog(2, "error", "ZV_FileShareMgr::FsAdd exception.\r\n");
         return ZV_ERR_EXCEPTION;
