@@ -207,6 +207,10 @@ public:
     void DropLostDownload(uint16_t usFileID, ZV_FileShareSession* lpFsSession);
     // Client: a changed description of one file arrived.
     void TakeNewRights(uint16_t usFileID, const ZV_FileBriefInfo& brief, uint32_t ulMaxPos);
+    // Server, host event 4 (ZV_FileShareMgr_UserGone.cpp): what becomes of
+    // the files and downloads of a user who left.
+    void OnUserLeave(const QB_UserID& user);
+    void OnUserGone(ZV_FileShareSession* lpFsSession, QB_UserID user);
 
     // ---- state that the sessions and the tests read and set directly
     char m_cCmdLink = '0';

@@ -3,6 +3,8 @@
 #include "ZV_FileShareMgr.h"
 #include "ZV_PduFrame.h"
 
+#include "QB_Log.h"
+
 uint32_t ZV_FileShareMgr::HandleGetUploadSessionListRequest(ConfPduData*)
 {
     ZV_TraceRecv("PDU_CONF_GET_UPLOAD_SESSION_LIST_REQUEST");
@@ -39,8 +41,17 @@ uint32_t ZV_FileShareMgr::HandleGetFileListResponse(ConfPduData*)
     return 0;
 }
 
-// Host events: not served yet.
-uint32_t ZV_FileShareMgr::OnEvent(uint16_t, uintptr_t, uintptr_t, uintptr_t, uintptr_t)
+// Host events: a user's leave is served; the others not yet.
+uint32_t ZV_FileShareMgr::OnEvent(uint16_t usEvent, uintptr_t, uintptr_t a2, uintptr_t, uintptr_t)
 {
+    try
+    {
+        if (usEvent == zvConfEventUserLeave && a2 != 0)
+            OnUserLeave(*reinterpret_cast<const QB_UserID*>(a2));
+    }
+    catch (...)
+    {
+        QB_WriteLog(2, "error", "ZV_FileShareMgr::OnEvent exception.\r\n");
+    }
     return 0;
 }
