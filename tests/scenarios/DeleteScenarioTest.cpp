@@ -170,6 +170,11 @@ TEST_F(DeleteScene, DroppingADownloadEndsItOnTheServerAndDeletesTheLocalFileOnly
     filter.eFate = ZV_SimFate::Delivered;
     filter.nFrom = nMark;
     EXPECT_LE(sim.Journal().Find(filter).size(), 3u) << "at most the blocks already under way";
+    // The server has forgotten the download: a resume brings nothing.
+    filter.nFrom = sim.Journal().Size();
+    EXPECT_EQ(0u, Fs(Bob())->FsResumeDownload(usFileID));
+    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
+    EXPECT_TRUE(sim.Journal().Find(filter).empty());
     EXPECT_EQ(1u, sim.Journal().PdusTo(PDU_CONF_FS_DEL_DOWNLOAD_REQUEST, shape.Server()->GetName()).size());
     EXPECT_TRUE(Events(Bob(), zvFsEventDownloadFinished).empty());
 

@@ -75,6 +75,11 @@ TEST_F(RightsScene, ANarrowedFileLeavesTheLoserInTheMiddleOfHisDownloadAndOpensT
     }
     EXPECT_EQ(zvFsEventFileHidden, FirstEventSince(Bob(), nMark));
     ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
+    // From here on no block may reach Bob, even once the file is public again.
+    ZV_SimFilter blocks;
+    blocks.usNumber = PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE;
+    blocks.sPeer = Bob()->GetName();
+    blocks.nFrom = sim.Journal().Size();
 
     EXPECT_EQ(0u, LastResult(Bob(), zvFsEventFileHidden));
     EXPECT_TRUE(Events(Bob(), zvFsEventRightChanged).empty());
@@ -99,6 +104,9 @@ TEST_F(RightsScene, ANarrowedFileLeavesTheLoserInTheMiddleOfHisDownloadAndOpensT
     ASSERT_EQ(0u, Fs(Alice())->FsSetRight(usFileID, 1, nullptr, 0, nullptr, 0));
     ASSERT_TRUE(sim.Run()) << sim.GetError();
     EXPECT_EQ(1u, Events(Bob(), zvFsEventRightChanged).size());
+    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
+    EXPECT_FALSE(std::filesystem::exists(Target(Bob(), usFileID))) << "his download went with the right";
+    EXPECT_TRUE(sim.Journal().Find(blocks).empty());
     const size_t nQuiet = sim.Journal().Events(zvFsEventRightChanged).size();
     ASSERT_EQ(0u, Fs(Alice())->FsSetRight(usFileID, 1, &carol, 1, nullptr, 0));
     ASSERT_TRUE(sim.Run()) << sim.GetError();
