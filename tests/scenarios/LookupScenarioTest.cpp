@@ -21,32 +21,25 @@ std::u16string FieldText(const char16_t* szField, size_t nSize)
 
 using LookupScene = ZV_Scene;
 
-TEST_F(LookupScene, AKnownFileIsDescribedAndAnUnknownOneLeavesTheRecordAlone)
+// A shared file is described as its creator shared it; an unknown one
+// leaves the record alone. A server may announce texts of up to 1024 bytes,
+// while the fields hold 256 and 260 units with their NUL.
+TEST_F(LookupScene, DescribesAKnownFileAndCutsATextLongerThanItsFieldAtAWholeCharacterInsideIt)
 {
     Build(false);
-    const uint16_t usFileID = Share("report.pdf", ZV_RandomBytes(4321, 31));
+    const uint16_t usShared = Share("report.pdf", ZV_RandomBytes(4321, 31));
     ZV_FsFileInfo info;
     std::memset(&info, 0xEE, sizeof info);
-    ASSERT_EQ(0u, Fs(Bob())->FsGetFileInfoByFileID(usFileID, &info));
-    EXPECT_EQ(Alice()->GetUserID().m_ulMain, info.ulCreatorMain);
-    EXPECT_EQ(Alice()->GetUserID().m_ulSub, info.ulCreatorSub);
-    EXPECT_EQ(u"report.pdf", FieldText(info.szFileOldName, 260));
-    EXPECT_EQ(u"pdf", FieldText(info.szFileType, 260));
-    EXPECT_EQ(ZV_Wide(tmp.Sub("alice")) + u"\\", FieldText(info.szFilePath, 260));
+    ASSERT_EQ(0u, Fs(Bob())->FsGetFileInfoByFileID(usShared, &info));
+    EXPECT_EQ(Alice()->GetUserID(), QB_UserID(info.ulCreatorMain, info.ulCreatorSub));
+    EXPECT_TRUE(FieldText(info.szFileOldName, 260) == u"report.pdf");
+    EXPECT_TRUE(FieldText(info.szFileType, 260) == u"pdf");
+    EXPECT_TRUE(FieldText(info.szFilePath, 260) == ZV_Wide(tmp.Sub("alice")) + u"\\");
     EXPECT_EQ(4321u, info.ulFileLenth);
-
-    ZV_FsFileInfo untouched;
-    std::memset(&untouched, 0xEE, sizeof untouched);
-    ZV_FsFileInfo other = untouched;
+    ZV_FsFileInfo other = info;
     EXPECT_EQ(82u, Fs(Bob())->FsGetFileInfoByFileID(999, &other));
-    EXPECT_EQ(0, std::memcmp(&untouched, &other, sizeof other));
-}
+    EXPECT_EQ(0, std::memcmp(&info, &other, sizeof other));
 
-// A server may announce texts of up to 1024 bytes; the fields hold 256 and
-// 260 units with their NUL.
-TEST_F(LookupScene, ATextLongerThanItsFieldIsCutAtAWholeCharacterInsideTheField)
-{
-    Build(false);
     const std::u16string sPair = u"\U0001F600";
     const struct
     {
@@ -76,7 +69,6 @@ TEST_F(LookupScene, ATextLongerThanItsFieldIsCutAtAWholeCharacterInsideTheField)
         shape.Server()->SendPdu(ulConn, PDU_CONF_FS_ADD_RESPONSE, pdu.Payload(), pdu.PayloadLength(), 0, 0);
         ASSERT_TRUE(sim.Run()) << sim.GetError();
 
-        ZV_FsFileInfo info;
         std::memset(&info, 0xEE, sizeof info);
         ASSERT_EQ(0u, Fs(Bob())->FsGetFileInfoByFileID(usFileID, &info)) << c.szName;
         EXPECT_TRUE(FieldText(info.szCreatorName, 256) == c.sExpected) << c.szName;
