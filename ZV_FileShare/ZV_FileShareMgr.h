@@ -12,7 +12,8 @@
 // and _Control.cpp (the user side's download, upload, stop and resume),
 // _Links.cpp (restarts after a data link came back), _Storage.cpp (the
 // server's storage folder), _Delete.cpp, _Rights.cpp and _Lookup.cpp (the
-// control of a shared file), _Unserved.cpp (handlers not served yet); ZV_FsEvents.cpp writes the events to the user side.
+// control of a shared file), _UserGone.cpp (a user who left), _Unserved.cpp
+// (handlers not served yet); ZV_FsEvents.cpp writes the events to the user side.
 #pragma once
 
 #include "IZV_FileShare.h"

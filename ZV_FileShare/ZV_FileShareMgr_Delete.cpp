@@ -19,7 +19,8 @@ namespace {
 // Only a file counts: a folder at the path is not what the user downloaded.
 bool IsFileAt(const QB_StringW& sPath)
 {
-    const uint32_t ulAttr = QB_GetEnv()->GetFileAttributes(std::u16string(sPath.GetString(), (size_t)sPath.GetLength()));
+    const std::u16string sStd(sPath.GetString(), (size_t)sPath.GetLength());
+    const uint32_t ulAttr = QB_GetEnv()->GetFileAttributes(sStd);
     return ulAttr != QB_ATTR_INVALID && (ulAttr & QB_ATTR_DIRECTORY) == 0;
 }
 

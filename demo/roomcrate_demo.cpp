@@ -533,7 +533,8 @@ private:
         bool bGone = nAfter + 1 == nBefore;
         for (ZV_SimHost* lpClient : m_shape.vecClients)
         {
-            const bool bKnown = lpClient->GetFileShareMgr()->FsGetFileInfoByFileID((uint16_t)shared.nFileID, &info) == 0;
+            IZV_FileShareMgr* lpFs = lpClient->GetFileShareMgr();
+            const bool bKnown = lpFs->FsGetFileInfoByFileID((uint16_t)shared.nFileID, &info) == zvResultOk;
             std::cout << "  " << Who(lpClient) << (bKnown ? " STILL KNOWS IT.\n" : " no longer knows of it.\n");
             bGone = bGone && !bKnown;
         }
