@@ -191,8 +191,10 @@ struct ZV_FsDateTime
     uint32_t ulTime;
 };
 
-// Flat description of a known file, filled by FsGetFileInfoByFileID. Texts
-// that don't fit their field are cut at a character boundary.
+// Flat description of a known file, filled by FsGetFileInfoByFileID. A text
+// always ends in a NUL inside its field; one that does not fit is cut at the
+// last whole character that leaves room for it, never inside a surrogate
+// pair. A null lpInfo gives zvResultException and fills nothing.
 struct ZV_FsFileInfo
 {
     uint32_t ulCreatorSub;

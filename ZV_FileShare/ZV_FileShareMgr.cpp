@@ -101,10 +101,13 @@ uint16_t ZV_FileShareMgr::AllocFileID()
     QB_Lock lock(&m_mapSession);
     if (usMax < usMin)
         return ZV_NO_FILEID;
-    // Walk on from the last FileID given, wrapping inside the range. The walk
-    // is bounded by the range rather than trusting the map's count, since the
-    // map also holds FileIDs that linked servers gave out of their ranges.
+    // A map that holds as many FileIDs as the range has numbers counts as
+    // full, even where some came from linked servers' ranges and a number of
+    // this range is still free: every server then refuses at the same size.
+    // The walk below is bounded by the range all the same.
     const uint32_t ulRange = (uint32_t)(usMax - usMin) + 1;
+    if ((uint32_t)m_mapSession.GetCount() >= ulRange)
+        return ZV_NO_FILEID;
     if (m_usNextFileID > usMax || m_usNextFileID < usMin)
         m_usNextFileID = usMin;
     ZV_FileShareSession* lpExisting = nullptr;

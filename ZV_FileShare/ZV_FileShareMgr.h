@@ -12,8 +12,9 @@
 // and _Control.cpp (the user side's download, upload, stop and resume),
 // _Links.cpp (restarts after a data link came back), _Storage.cpp (the
 // server's storage folder), _Trust.cpp (which local files a server's word
-// may make this client read), _Fs.cpp and _Unserved.cpp (operations and
-// handlers not served yet); ZV_FsEvents.cpp writes the events to the user
+// may make this client read), _Delete.cpp, _Rights.cpp and _Lookup.cpp (the
+// control of a shared file), _UserGone.cpp (a user who left), _Unserved.cpp
+// (handlers not served yet); ZV_FsEvents.cpp writes the events to the user
 // side. docs/architecture.md has the whole picture.
 #pragma once
 
@@ -225,6 +226,28 @@ public:
     uint32_t HandleFileStateNotice(ConfPduData* lpCpd);
     uint32_t HandleAddFilesRequest(ConfPduData* lpCpd);
     uint32_t HandleAddFilesResponse(ConfPduData* lpCpd);
+
+    // ---- control of a shared file: deletes (ZV_FileShareMgr_Delete.cpp),
+    // rights (ZV_FileShareMgr_Rights.cpp) and look-ups (ZV_FileShareMgr_Lookup.cpp)
+    uint32_t SendDelUploadRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* lpUser, uint32_t ulFloodSeq,
+                                  bool bToAll);
+    uint32_t SendSetFilesRightRequest(uint32_t ulConn, const QB_Array<uint16_t>& arrFileID, const QB_UserID* lpUser,
+                                      uint8_t bPublic, const QB_Array<QB_UserID>& arrAdd,
+                                      const QB_Array<QB_UserID>& arrRemove);
+    uint32_t SendSetFilesRightResponse(uint32_t ulConn, const QB_Array<uint16_t>& arrFileID, uint32_t ulResult,
+                                       const QB_UserID& user, uint32_t ulFloodSeq);
+    // Server: 0 when a client's delete of a file may go on, else its code.
+    uint32_t CheckDelUpload(ZV_FileShareSession* lpFsSession, const QB_UserID& user);
+    // Client: what stays of a deleted file's local download, then the session goes.
+    void DropDeletedSession(uint16_t usFileID, ZV_FileShareSession* lpFsSession);
+    // Client: the local user may no longer have the file.
+    void DropLostDownload(uint16_t usFileID, ZV_FileShareSession* lpFsSession);
+    // Client: a changed description of one file arrived.
+    void TakeNewRights(uint16_t usFileID, const ZV_FileBriefInfo& brief, uint32_t ulMaxPos);
+    // Server, host event 4 (ZV_FileShareMgr_UserGone.cpp): what becomes of
+    // the files and downloads of a user who left.
+    void OnUserLeave(const QB_UserID& user);
+    void OnUserGone(ZV_FileShareSession* lpFsSession, QB_UserID user);
 
     // ---- what a session and the manager's own helpers ask of the manager
     // The server's durable list of what its storage folder holds.

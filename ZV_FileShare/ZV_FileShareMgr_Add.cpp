@@ -95,8 +95,10 @@ uint32_t ZV_FileShareMgr::FsAdd(const char16_t* szPath, const QB_UserID* pRight,
                                 uint8_t bStartUpload)
 {
     QB_FileEx file;
-    // A rights list too long for one PDU ends in the guard; the file is
-    // closed on every road.
+    // A rights list too long for one PDU ends in the guard, not in the
+    // caller: an exception that crossed into the host's user side would end
+    // a program that never saw this module's types. The file is closed on
+    // every road.
     const uint32_t ulResult = GuardFs("ZV_FileShareMgr::FsAdd exception.\r\n", [&]() -> uint32_t {
         const QB_StringW sPath = QB_WithBackslashes(szPath);
         if (!file.Open(sPath, QB_FILE_READ | QB_FILE_SHARE_DENY_WRITE | QB_FILE_OPEN_EXISTING))

@@ -3,23 +3,7 @@
 #include "ZV_FileShareMgr.h"
 #include "ZV_PduFrame.h"
 
-uint32_t ZV_FileShareMgr::HandleSetRightResponse(ConfPduData*)
-{
-    ZV_TraceRecv("PDU_CONF_FS_SET_RIGHT_RESPONSE");
-    return 0;
-}
-
-uint32_t ZV_FileShareMgr::HandleDelUploadRequest(ConfPduData*)
-{
-    ZV_TraceRecv("PDU_CONF_FS_DEL_UPLOAD_REQUEST");
-    return 0;
-}
-
-uint32_t ZV_FileShareMgr::HandleDelUploadResponse(ConfPduData*)
-{
-    ZV_TraceRecv("PDU_CONF_FS_DEL_UPLOAD_RESPONSE");
-    return 0;
-}
+#include "QB_Log.h"
 
 uint32_t ZV_FileShareMgr::HandleGetUploadSessionListRequest(ConfPduData*)
 {
@@ -57,14 +41,17 @@ uint32_t ZV_FileShareMgr::HandleGetFileListResponse(ConfPduData*)
     return 0;
 }
 
-uint32_t ZV_FileShareMgr::HandleSetFilesRightRequest(ConfPduData*)
+// Host events: a user's leave is served; the others not yet.
+uint32_t ZV_FileShareMgr::OnEvent(uint16_t usEvent, uintptr_t, uintptr_t a2, uintptr_t, uintptr_t)
 {
-    ZV_TraceRecv("PDU_CONF_FS_SET_FILES_RIGHT_REQUEST");
-    return 0;
-}
-
-// Host events: not served yet.
-uint32_t ZV_FileShareMgr::OnEvent(uint16_t, uintptr_t, uintptr_t, uintptr_t, uintptr_t)
-{
+    try
+    {
+        if (usEvent == zvConfEventUserLeave && a2 != 0)
+            OnUserLeave(*reinterpret_cast<const QB_UserID*>(a2));
+    }
+    catch (...)
+    {
+        QB_WriteLog(2, "error", "ZV_FileShareMgr::OnEvent exception.\r\n");
+    }
     return 0;
 }

@@ -200,8 +200,7 @@ public:
     // True when the position has reached the file's length.
     bool AdvanceLocalDownload(uint32_t ulCount);
     void OnClientBlock(uint16_t usFileID, bool bFinished);
-    void OnRelayBlock(uint16_t usFileID, const QB_UserID& user, uint32_t ulBlockPos, uint32_t ulMaxPos,
-                      bool bFinished);
+    void OnRelayBlock(uint16_t usFileID, const QB_UserID& user, uint32_t ulMaxPos, bool bFinished);
     void OpenRelayServedFile();
     void FailDownload(const ConfPduData* lpCpd, uint32_t ulResult, uint16_t usFileID, const QB_UserID& user);
     void FailRelayDownload(const ConfPduData* lpCpd, uint32_t ulResult, uint16_t usFileID, const QB_UserID& user);
@@ -233,6 +232,16 @@ public:
     void AskServersForMore();
     void OnClientTimer();
 
+    // ---- download entries, notices and rights (ZV_FileShareSession_Entries.cpp)
+    uint32_t SendSetRightRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser, uint8_t bPublic,
+                                 const QB_Array<QB_UserID>& arrAdd, const QB_Array<QB_UserID>& arrRemove);
+    uint32_t SendSetRightResponse(uint32_t ulConn, uint32_t ulResult, uint16_t usFileID, const QB_UserID* pUser,
+                                  const ZV_FileBriefInfo* pBrief, uint32_t ulMaxPos, bool bToAll);
+    // Server: a change of rights on this file, its downloaders who lost the
+    // file dropped, and the new description to every client.
+    void ApplyRights(uint8_t bPublic, const QB_Array<QB_UserID>& arrAdd, const QB_Array<QB_UserID>& arrRemove);
+    void SetBriefInfo(const ZV_FileBriefInfo& brief);
+
     // ---- events to the user side that a session raises
     void NotifyTransferError(uint32_t ulResult, uint16_t usFileID);
     void NotifyDownloadState(uint32_t ulResult, uint16_t usFileID, const ZV_FileDownloadInfo& download,
@@ -251,6 +260,23 @@ public:
     ZV_FileBriefInfo& BriefInfo() { return m_BriefInfo; }
     // Client: the local user's download of this file.
     ZV_FileDownloadInfo& LocalDownload() { return m_LocalDownload; }
+    const ZV_FileBriefInfo& BriefInfo() const { return m_BriefInfo; }
+    uint32_t MaxPos() const { return m_ulMaxPos; }
+    void RaiseMaxPos(uint32_t ulPos)
+    {
+        if (ulPos > m_ulMaxPos)
+            m_ulMaxPos = ulPos;
+    }
+    // Server: every byte of the file is stored.
+    bool IsUploadDone() const { return m_bUploadDone; }
+    // Server: the download entry of a user, or null.
+    ZV_FileDownloadInfo* FindDownloadEntry(const QB_UserID& user) { return m_mapDownload.Find(user); }
+    // Closes the local or stored file if it is open.
+    void CloseFile()
+    {
+        if (m_File.IsOpen())
+            m_File.Close();
+    }
     bool IsUploadStopped() const { return m_bStopUpload; }
     void SetUploadStopped(bool bStopped) { m_bStopUpload = bStopped; }
     uint32_t ReadPos() const { return m_ulReadPos; }

@@ -112,6 +112,9 @@ bool FileExists(const QB_StringW& sPath)
 
 } // namespace
 
+// The shared name is not stored as sent: it comes from a peer, and as it
+// stands it could climb out of the conference's folder, name a device, or be
+// read by the platform as another name than the catalogue keeps.
 QB_StringW ZV_FileShareSession::MakeStoredFileName(const QB_StringW& sFolder, const QB_StringW& sName)
 {
     int nMaxUnits = ZV_MAX_SHARE_PATH - sFolder.GetLength() - kNameReserve;

@@ -23,6 +23,7 @@
 #include "QB_Env.h"
 #include "QB_String.h"
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <fstream>
@@ -112,7 +113,9 @@ public:
         const size_t nRefused = ShareFiles();
         ShowStore();
         DownloadAll();
-        return Verify(nRefused);
+        const bool bSame = Verify(nRefused);
+        const bool bControlled = ShowControl();
+        return bSame && bControlled;
     }
 
 private:
@@ -225,6 +228,9 @@ private:
                 OnFileAdded(host, stream);
             else if (usEvent == zvFsEventFilesAdded)
                 OnFilesAdded(host, stream);
+            else if (usEvent == zvFsEventRightChanged || usEvent == zvFsEventFileHidden ||
+                     usEvent == zvFsEventFileGone)
+                OnControlEvent(host, usEvent, stream);
             else if (&host != m_lpReceiver)
                 return;
             else if (usEvent == zvFsEventDownloadProgress)
@@ -430,6 +436,151 @@ private:
         else
             std::cout << "\nFAILED: not every file arrived intact.\n";
         return bAllSame && nRefused == 0;
+    }
+
+    // -----------------------------------------------------------------------
+    // Control of the shared files, after the check: the receiver stops and
+    // resumes a download, the sharer hides a file from the receiver, and then
+    // deletes one from the conference. True when each did what it should.
+    bool ShowControl()
+    {
+        std::vector<SharedFile*> vecKnown;
+        for (SharedFile& shared : m_vecShared)
+            if (shared.nFileID >= 0)
+                vecKnown.push_back(&shared);
+        if (vecKnown.empty() || g_bInterrupted)
+            return true;
+        std::cout << "\nControl of the shared files.\n";
+        SharedFile* lpLargest = *std::max_element(vecKnown.begin(), vecKnown.end(), [](auto* a, auto* b) {
+            return fs::file_size(a->source.path) < fs::file_size(b->source.path);
+        });
+        const bool bResumed = StopAndResume(*lpLargest);
+        const bool bHidden = HideFromReceiver(*vecKnown.front());
+        const bool bDeleted = DeleteEverywhere(*vecKnown.back());
+        return bResumed && bHidden && bDeleted;
+    }
+
+    // A second copy, stopped at a quarter or later: after the stop has
+    // reached the server nothing more arrives, and the resume goes on from
+    // there to the end.
+    bool StopAndResume(const SharedFile& shared)
+    {
+        SharedFile again = shared;
+        again.download = m_root / ("again-" + shared.source.path.filename().string());
+        again.nBarDrawn = 20;
+        again.dPercent = 0.0;
+        again.bFinished = false;
+        m_lpCurrent = &again;
+        IZV_FileShareMgr* lpFs = m_lpReceiver->GetFileShareMgr();
+        const uint16_t usFileID = (uint16_t)again.nFileID;
+        std::cout << Who(m_lpReceiver) << " downloads " << shared.source.path.filename().string()
+                  << " once more and stops partway.\n";
+        lpFs->FsDownload(usFileID, QB_PathFromSystem(again.download.string()).c_str());
+        while (again.dPercent < 25.0 && !again.bFinished && m_sim.Step())
+        {
+        }
+        lpFs->FsStopDownload(usFileID);
+        m_sim.Run();
+        const uintmax_t nStopped = SizeOf(again.download);
+        m_sim.AdvanceTime(2000);
+        const uintmax_t nLater = SizeOf(again.download);
+        std::cout << "  stopped with " << Thousands(nStopped) << " bytes on disk; two seconds later it holds "
+                  << Thousands(nLater) << (nLater == nStopped ? ", nothing more" : ", MORE") << ".\n";
+        lpFs->FsResumeDownload(usFileID);
+        for (int i = 0; i < 600 && !again.bFinished && !g_bInterrupted; ++i)
+            m_sim.AdvanceTime(100);
+        m_lpCurrent = nullptr;
+        const bool bSame = again.bFinished && SameBytes(shared.source.path, again.download);
+        std::cout << "  resumed, it went on from there and "
+                  << (bSame ? "arrived identical to its source.\n" : "DID NOT ARRIVE WHOLE.\n");
+        return bSame && nLater == nStopped;
+    }
+
+    // The file is made the sharer's alone: the receiver is told it is hidden,
+    // and a new download of it is refused.
+    bool HideFromReceiver(const SharedFile& shared)
+    {
+        std::cout << Who(m_lpSharer) << " takes from everyone else the right to "
+                  << shared.source.path.filename().string() << ".\n";
+        m_lpSharer->GetFileShareMgr()->FsSetRight((uint16_t)shared.nFileID, 0, nullptr, 0, nullptr, 0);
+        m_sim.Run();
+        SharedFile refused = shared;
+        refused.download = m_root / ("refused-" + shared.source.path.filename().string());
+        refused.ulFailure = 0;
+        refused.nBarDrawn = 20;
+        m_lpCurrent = &refused;
+        m_lpReceiver->GetFileShareMgr()->FsDownload((uint16_t)shared.nFileID,
+                                                    QB_PathFromSystem(refused.download.string()).c_str());
+        m_sim.Run();
+        m_lpCurrent = nullptr;
+        std::cout << "  " << Who(m_lpReceiver) << " asks for it anyway: "
+                  << (refused.ulFailure ? Said(refused.ulFailure) : "NOT REFUSED") << ".\n";
+        return refused.ulFailure == zvResultNotEntitled;
+    }
+
+    // The sharer deletes the file: it leaves the server's store and every
+    // user's view.
+    bool DeleteEverywhere(const SharedFile& shared)
+    {
+        std::cout << Who(m_lpSharer) << " deletes " << shared.source.path.filename().string()
+                  << " from the conference.\n";
+        const size_t nBefore = StoredFileCount();
+        m_lpSharer->GetFileShareMgr()->FsDelUpload((uint16_t)shared.nFileID);
+        m_sim.Run();
+        const size_t nAfter = StoredFileCount();
+        std::cout << "  server 1's store held " << nBefore << " file(s) and now holds " << nAfter << ".\n";
+        ZV_FsFileInfo info{};
+        bool bGone = nAfter + 1 == nBefore;
+        for (ZV_SimHost* lpClient : m_shape.vecClients)
+        {
+            IZV_FileShareMgr* lpFs = lpClient->GetFileShareMgr();
+            const bool bKnown = lpFs->FsGetFileInfoByFileID((uint16_t)shared.nFileID, &info) == zvResultOk;
+            std::cout << "  " << Who(lpClient) << (bKnown ? " STILL KNOWS IT.\n" : " no longer knows of it.\n");
+            bGone = bGone && !bKnown;
+        }
+        return bGone;
+    }
+
+    void OnControlEvent(ZV_SimHost& host, uint16_t usEvent, QB_ByteStream& stream)
+    {
+        const uint32_t ulResult = stream.ReadU32();
+        const uint16_t usFileID = stream.ReadU16();
+        const std::string sName = NameOf(usFileID);
+        std::cout << "  [" << Who(&host) << "] ";
+        if (ulResult != zvResultOk)
+            std::cout << "was refused: " << Said(ulResult) << "\n";
+        else if (usEvent == zvFsEventRightChanged)
+            std::cout << "sees who may have \"" << sName << "\" changed.\n";
+        else if (usEvent == zvFsEventFileHidden)
+            std::cout << "may no longer have \"" << sName << "\": it is hidden now.\n";
+        else
+            std::cout << "\"" << sName << "\" is gone from the conference.\n";
+    }
+
+    std::string NameOf(uint16_t usFileID) const
+    {
+        for (const SharedFile& shared : m_vecShared)
+            if (shared.nFileID == usFileID)
+                return shared.source.path.filename().string();
+        return "file #" + std::to_string(usFileID);
+    }
+
+    size_t StoredFileCount() const
+    {
+        const fs::path store =
+            fs::path(m_shape.Server(0)->GetHome()) / "store" / std::to_string(ZV_SimBuilder::kConfID);
+        std::error_code ec;
+        size_t nCount = 0;
+        for (fs::directory_iterator it(store, ec), end; !ec && it != end; it.increment(ec))
+            nCount += it->is_regular_file() ? 1 : 0;
+        return nCount;
+    }
+
+    static uintmax_t SizeOf(const fs::path& file)
+    {
+        std::error_code ec;
+        const uintmax_t nSize = fs::file_size(file, ec);
+        return ec ? 0 : nSize;
     }
 
     DemoOptions m_options;

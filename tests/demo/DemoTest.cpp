@@ -77,6 +77,15 @@ TEST(Demo, SaysWhatBecameOfEveryFileNamedFromTheFolderItRunsIn)
           "a/report.txt: identical to report.txt\n", "2 could not be shared"},
          {"sees file #2", "failed:"},
          0},
+        {"the generated files, a download stopped and resumed, one hidden and one deleted",
+         "",
+         0,
+         {", nothing more.", "arrived identical to its source.",
+          "[Bob] may no longer have \"notes.txt\"", "asks for it anyway: the user is not allowed",
+          "[Bob] \"photo.jpg\" is gone from the conference.", "held 3 file(s) and now holds 2.",
+          "Bob no longer knows of it."},
+         {"MORE", "STILL KNOWS", "DID NOT", "NOT REFUSED"},
+         0},
         {"the scratch folder kept on request", "--keep a/report.txt", 0, {"Everything the demo made is in "}, {}, 1},
     };
     int nRow = 0;

@@ -73,7 +73,7 @@ TEST_F(ManagerRouting, HandsAPduToTheSessionItsFirstWordNamesAndAnswersFiveForNu
     EXPECT_TRUE(host.m_vecEvents.empty());
 }
 
-TEST(FileIDAllocation, GivesFreeIDsOfTheRangeFromTheNextOneOnWrappingOnceThenNone)
+TEST(FileIDAllocation, GivesFreeIDsOfTheRangeFromTheNextOneOnWrappingOnceThenNoneOnceTheMapHoldsAsManyAsTheRange)
 {
     const struct
     {
@@ -84,8 +84,9 @@ TEST(FileIDAllocation, GivesFreeIDsOfTheRangeFromTheNextOneOnWrappingOnceThenNon
         {"a single ID", 42, 42, 42, {}, {42, 0xFFFF}},
         {"wraps and skips taken IDs", 10, 14, 15, {10, 12}, {11, 13, 14, 0xFFFF}},
         // The next ID as constructed, before the range is known, and IDs
-        // learnt from a server with another range.
-        {"outside the range", 1001, 1003, 1, {5, 6, 7}, {1001, 1002, 1003, 0xFFFF}},
+        // learnt from a server with another range: they count towards a
+        // full map, so two numbers of the range stay unused.
+        {"outside the range", 1001, 1004, 1, {5, 6}, {1001, 1002, 0xFFFF}},
     };
     for (const auto& c : aCases)
     {

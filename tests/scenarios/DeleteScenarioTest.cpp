@@ -1,0 +1,218 @@
+// Deleting a shared file through whole simulated conferences: the creator or
+// a privileged user takes it out, every server drops its stored file and
+// catalogue row, and every client keeps only a finished download; a user
+// drops a download of its own. Bytes on disk, events and the journal say it.
+#include "ZV_SceneFixture.h"
+
+#include <filesystem>
+
+namespace {
+
+struct DeleteScene : public ZV_Scene
+{
+    // The stored file of usFileID on a server, "" when its row has gone.
+    std::string StoredPath(ZV_SimHost* lpServer, uint16_t usFileID)
+    {
+        ZV_FileUploadInfo row;
+        return Row(lpServer, usFileID, row) ? Stored(lpServer, row) : std::string();
+    }
+    // Result of the latest event of that number on the node, 0xFFFFFFFF with none.
+    uint32_t LastResult(ZV_SimHost* lpNode, uint16_t usEvent)
+    {
+        const auto vecEvents = Events(lpNode, usEvent);
+        return vecEvents.empty() ? 0xFFFFFFFFu : ZV_ResultOf(vecEvents.back());
+    }
+    bool Knows(ZV_SimHost* lpClient, uint16_t usFileID)
+    {
+        ZV_FsFileInfo info{};
+        return Fs(lpClient)->FsGetFileInfoByFileID(usFileID, &info) == 0;
+    }
+};
+
+bool Exists(const std::string& sPath)
+{
+    return std::filesystem::exists(sPath);
+}
+
+} // namespace
+
+// Alice deletes while Bob has finished, Carol (behind the second server) is
+// halfway and Dave never asked: both stores and rows go, Bob keeps his file
+// until he drops it himself, Carol's partial file goes, and Alice's own file
+// is untouched.
+TEST_F(DeleteScene, ACreatorsDeleteLeavesNoStoredFileAndEachClientOnlyAFinishedDownload)
+{
+    Build(true);
+    ZV_SimHost* lpCarol = shape.Client(2);
+    const ZV_Bytes data = ZV_RandomBytes(2 * 1024 * 1024, 11);
+    const uint16_t usFileID = Share("gone.bin", data);
+    ASSERT_EQ(0u, Download(Bob(), usFileID));
+    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
+    ASSERT_EQ(data, QB_ReadWholeFile(Target(Bob(), usFileID)));
+    ASSERT_EQ(0u, Download(lpCarol, usFileID));
+    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, lpCarol, 5));
+    std::vector<std::string> vecStored;
+    for (ZV_SimHost* lpServer : shape.vecServers)
+        vecStored.push_back(StoredPath(lpServer, usFileID));
+    ASSERT_TRUE(Exists(vecStored[0]) && Exists(vecStored[1]));
+
+    ASSERT_EQ(0u, Fs(Alice())->FsDelUpload(usFileID));
+    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
+
+    for (size_t i = 0; i < shape.vecServers.size(); ++i)
+    {
+        EXPECT_FALSE(Exists(vecStored[i])) << i;
+        EXPECT_EQ("", StoredPath(shape.vecServers[i], usFileID)) << "the catalogue row is gone on server " << i;
+    }
+    for (ZV_SimHost* lpClient : shape.vecClients)
+    {
+        EXPECT_EQ(1u, Events(lpClient, zvFsEventFileGone).size()) << lpClient->GetName();
+        EXPECT_EQ(0u, LastResult(lpClient, zvFsEventFileGone)) << lpClient->GetName();
+        EXPECT_FALSE(Knows(lpClient, usFileID)) << lpClient->GetName();
+    }
+    EXPECT_EQ(data, QB_ReadWholeFile(tmp.Sub("alice/gone.bin")));
+    EXPECT_EQ(data, QB_ReadWholeFile(Target(Bob(), usFileID)));
+    EXPECT_FALSE(Exists(Target(lpCarol, usFileID)));
+    EXPECT_TRUE(Events(lpCarol, zvFsEventDownloadFinished).empty());
+
+    // Bob's finished file is still his to drop, once; a later drop finds
+    // nothing and is no failure.
+    EXPECT_EQ(0u, Fs(Bob())->FsDelDownload(usFileID, 1));
+    EXPECT_FALSE(Exists(Target(Bob(), usFileID)));
+    EXPECT_EQ(0u, Fs(Bob())->FsDelDownload(usFileID, 1));
+}
+
+// The delete lands while Alice's upload is still under way: the server
+// takes no more of it and keeps nothing, and her source stays whole.
+TEST_F(DeleteScene, ADeleteDuringTheUploadStopsItAndLeavesNothingInTheStore)
+{
+    Build(false);
+    const ZV_Bytes data = ZV_RandomBytes(3 * 1024 * 1024, 12);
+    const uint16_t usFileID = Share("early.bin", data, false);
+    ASSERT_EQ(0u, Fs(Alice())->FsUpload(usFileID));
+    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_UPLOAD_REQUEST, shape.Server(), 6));
+    const std::string sStored = StoredPath(shape.Server(), usFileID);
+    ASSERT_TRUE(Exists(sStored));
+
+    ASSERT_EQ(0u, Fs(Alice())->FsDelUpload(usFileID));
+    ASSERT_TRUE(sim.AdvanceTime(30000)) << sim.GetError();
+    EXPECT_FALSE(Exists(sStored));
+    EXPECT_EQ("", StoredPath(shape.Server(), usFileID));
+    EXPECT_EQ(data, QB_ReadWholeFile(tmp.Sub("alice/early.bin")));
+    EXPECT_FALSE(Knows(Alice(), usFileID));
+}
+
+// A delete that the server refuses reaches only the requester, as event
+// 3005 with the code, and changes nothing; the same delete asked twice
+// finds the file gone the second time.
+TEST_F(DeleteScene, RefusedAndRepeatedDeletesAnswerOnlyTheRequesterWithTheirCode)
+{
+    Build(false);
+    const uint16_t usFileID = Share("kept.bin", ZV_RandomBytes(70000, 13));
+    const std::string sStored = StoredPath(shape.Server(), usFileID);
+
+    // Bob is neither creator nor privileged.
+    EXPECT_EQ(0u, Fs(Bob())->FsDelUpload(usFileID));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    EXPECT_EQ(40u, LastResult(Bob(), zvFsEventFileGone));
+    EXPECT_TRUE(Events(Alice(), zvFsEventFileGone).empty());
+    EXPECT_TRUE(Exists(sStored) && Knows(Bob(), usFileID));
+
+    // Alice as the server no longer knows her user.
+    const ZV_SimUser alice = *sim.GetUsers(ZV_SimBuilder::kConfID).Find(Alice()->GetUserID());
+    ASSERT_TRUE(sim.GetUsers(ZV_SimBuilder::kConfID).Remove(alice.id));
+    EXPECT_EQ(0u, Fs(Alice())->FsDelUpload(usFileID));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    EXPECT_EQ(33u, LastResult(Alice(), zvFsEventFileGone));
+    EXPECT_EQ(1u, Events(Bob(), zvFsEventFileGone).size());
+    EXPECT_TRUE(Exists(sStored));
+    sim.GetUsers(ZV_SimBuilder::kConfID).Put(alice);
+
+    // Bob made privileged and Alice ask at once: Bob's goes first and wins,
+    // Alice's finds nothing to delete.
+    ASSERT_TRUE(sim.SetUserRole(Bob(), zvUserRolePrivileged));
+    EXPECT_EQ(0u, Fs(Bob())->FsDelUpload(usFileID));
+    EXPECT_EQ(0u, Fs(Alice())->FsDelUpload(usFileID));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    EXPECT_FALSE(Exists(sStored));
+    EXPECT_EQ(0u, LastResult(Bob(), zvFsEventFileGone));
+    const auto vecAlice = Events(Alice(), zvFsEventFileGone);
+    ASSERT_EQ(3u, vecAlice.size());
+    EXPECT_EQ(0u, ZV_ResultOf(vecAlice[1]));
+    EXPECT_EQ(82u, ZV_ResultOf(vecAlice[2]));
+    // Her client has no session left to ask about.
+    EXPECT_EQ(82u, Fs(Alice())->FsDelUpload(usFileID));
+}
+
+// Bob drops his own download: with the file or without it, and with a disk
+// that refuses the delete, which gives 62 and keeps the file. The server
+// stops sending him and forgets his entry; the shared file stays for all.
+TEST_F(DeleteScene, DroppingADownloadEndsItOnTheServerAndDeletesTheLocalFileOnlyWhenAsked)
+{
+    Build(false);
+    const ZV_Bytes data = ZV_RandomBytes(3 * 1024 * 1024, 14);
+    const uint16_t usFileID = Share("mine.bin", data);
+    const std::string sTarget = Target(Bob(), usFileID);
+    ASSERT_EQ(0u, Download(Bob(), usFileID));
+    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, Bob(), 6));
+
+    sim.GetEnv().FailAt(QB_EnvOp::Delete, 1);
+    EXPECT_EQ(62u, Fs(Bob())->FsDelDownload(usFileID, 1));
+    sim.GetEnv().ClearFaults();
+    EXPECT_TRUE(Exists(sTarget));
+    const size_t nMark = sim.Journal().Size();
+    EXPECT_EQ(0u, Fs(Bob())->FsDelDownload(usFileID, 1));
+    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
+    EXPECT_FALSE(Exists(sTarget));
+    ZV_SimFilter filter;
+    filter.usNumber = PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE;
+    filter.sPeer = Bob()->GetName();
+    filter.eFate = ZV_SimFate::Delivered;
+    filter.nFrom = nMark;
+    EXPECT_LE(sim.Journal().Find(filter).size(), 3u) << "at most the blocks already under way";
+    // The server has forgotten the download: a resume brings nothing.
+    filter.nFrom = sim.Journal().Size();
+    EXPECT_EQ(0u, Fs(Bob())->FsResumeDownload(usFileID));
+    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
+    EXPECT_TRUE(sim.Journal().Find(filter).empty());
+    EXPECT_EQ(1u, sim.Journal().PdusTo(PDU_CONF_FS_DEL_DOWNLOAD_REQUEST, shape.Server()->GetName()).size());
+    EXPECT_TRUE(Events(Bob(), zvFsEventDownloadFinished).empty());
+
+    // The file is still shared, and a new download gets all of it; dropped
+    // with its file kept, the finished file stays.
+    ASSERT_EQ(0u, Download(Bob(), usFileID));
+    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
+    EXPECT_EQ(data, QB_ReadWholeFile(sTarget));
+    EXPECT_EQ(0u, Fs(Bob())->FsDelDownload(usFileID, 0));
+    EXPECT_EQ(data, QB_ReadWholeFile(sTarget));
+}
+
+// Alice leaves with one file uploaded and one not begun: her home server
+// removes the unfinished one and passes the delete on, so it goes from both
+// stores and every remaining client; the finished one stays.
+TEST_F(DeleteScene, ACreatorWhoLeavesTakesHerUnfinishedFileFromEveryServer)
+{
+    Build(true);
+    const uint16_t usDone = Share("done.bin", ZV_RandomBytes(50000, 15));
+    const uint16_t usIdle = Share("idle.bin", ZV_RandomBytes(50000, 16), false);
+    std::vector<std::string> vecIdle;
+    for (ZV_SimHost* lpServer : shape.vecServers)
+        vecIdle.push_back(StoredPath(lpServer, usIdle));
+    ASSERT_TRUE(Exists(vecIdle[0]) && Exists(vecIdle[1]));
+
+    ASSERT_TRUE(sim.Leave(Alice()));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    for (size_t i = 0; i < shape.vecServers.size(); ++i)
+    {
+        EXPECT_FALSE(Exists(vecIdle[i])) << i;
+        EXPECT_EQ("", StoredPath(shape.vecServers[i], usIdle)) << i;
+    }
+    EXPECT_NE("", StoredPath(shape.Server(0), usDone));
+    for (size_t i = 1; i < shape.vecClients.size(); ++i)
+    {
+        ZV_SimHost* lpClient = shape.vecClients[i];
+        EXPECT_EQ(1u, Events(lpClient, zvFsEventFileGone).size()) << lpClient->GetName();
+        EXPECT_FALSE(Knows(lpClient, usIdle)) << lpClient->GetName();
+        EXPECT_TRUE(Knows(lpClient, usDone)) << lpClient->GetName();
+    }
+}

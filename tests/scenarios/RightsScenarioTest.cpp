@@ -1,0 +1,173 @@
+// Who may have a file, through whole simulated conferences: the creator
+// changes the rights of one file or of several, every server applies the
+// change and tells its clients, a user who loses the file loses a partial
+// download with it, and nobody else may change anything.
+#include "ZV_SceneFixture.h"
+
+#include <filesystem>
+
+namespace {
+
+struct RightsScene : public ZV_Scene
+{
+    // A small public file shared by any client; its FileID from the client's
+    // latest event 3000.
+    uint16_t ShareAs(ZV_SimHost* lpClient, const std::string& sName)
+    {
+        const std::string sFolder = tmp.Sub(lpClient->GetUserRecord().sName);
+        std::filesystem::create_directories(sFolder);
+        QB_WriteWholeFile(sFolder + "/" + sName, ZV_RandomBytes(10, 25));
+        EXPECT_EQ(0u, Fs(lpClient)->FsAdd(ZV_Wide(sFolder + "/" + sName).c_str(), nullptr, 0, 1, 1));
+        EXPECT_TRUE(sim.Run()) << sim.GetError();
+        const auto vecAdded = Events(lpClient, zvFsEventFileAdded);
+        if (vecAdded.empty())
+            return 0;
+        QB_ByteStream stream(vecAdded.back().vbData.data(), (int32_t)vecAdded.back().vbData.size());
+        stream.Skip(6);
+        return stream.ReadU16();
+    }
+    uint32_t LastResult(ZV_SimHost* lpNode, uint16_t usEvent)
+    {
+        const auto vecEvents = Events(lpNode, usEvent);
+        return vecEvents.empty() ? 0xFFFFFFFFu : ZV_ResultOf(vecEvents.back());
+    }
+    // The number of the node's first event at or after journal index nFrom.
+    uint16_t FirstEventSince(ZV_SimHost* lpNode, size_t nFrom)
+    {
+        ZV_SimFilter filter;
+        filter.eKind = ZV_SimEntryKind::Event;
+        filter.sNode = lpNode->GetName();
+        filter.nFrom = nFrom;
+        const auto vecEvents = sim.Journal().Find(filter);
+        return vecEvents.empty() ? 0 : vecEvents.front().usNumber;
+    }
+};
+
+} // namespace
+
+// Bob is halfway through a public file when Alice narrows it to Carol, who
+// is behind the second server: Bob hears 3004 before anything else, his
+// partial file goes and nothing more reaches him; Carol hears 3003 and can
+// fetch it all; Dave, who had finished, hears 3004, keeps his file and is
+// refused a new download.
+TEST_F(RightsScene, ANarrowedFileLeavesTheLoserInTheMiddleOfHisDownloadAndOpensToTheNamedUser)
+{
+    Build(true);
+    ZV_SimHost* lpCarol = shape.Client(2);
+    ZV_SimHost* lpDave = shape.Client(3);
+    const ZV_Bytes data = ZV_RandomBytes(3 * 1024 * 1024, 21);
+    const uint16_t usFileID = Share("narrow.bin", data);
+    ASSERT_EQ(0u, Download(lpDave, usFileID));
+    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
+    ASSERT_EQ(0u, Download(Bob(), usFileID));
+    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, Bob(), 6));
+    ASSERT_TRUE(std::filesystem::exists(Target(Bob(), usFileID)));
+
+    const QB_UserID carol = lpCarol->GetUserID();
+    ASSERT_EQ(0u, Fs(Alice())->FsSetRight(usFileID, 0, &carol, 1, nullptr, 0));
+    // The step that hands Bob the new description raises 3004 first.
+    ZV_SimFilter filter;
+    filter.usNumber = PDU_CONF_FS_SET_RIGHT_RESPONSE;
+    filter.sPeer = Bob()->GetName();
+    filter.eFate = ZV_SimFate::Delivered;
+    size_t nMark = sim.Journal().Size();
+    while (sim.Journal().Find(filter).empty())
+    {
+        nMark = sim.Journal().Size();
+        ASSERT_TRUE(sim.Step());
+    }
+    EXPECT_EQ(zvFsEventFileHidden, FirstEventSince(Bob(), nMark));
+    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
+    // From here on no block may reach Bob, even once the file is public again.
+    ZV_SimFilter blocks;
+    blocks.usNumber = PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE;
+    blocks.sPeer = Bob()->GetName();
+    blocks.nFrom = sim.Journal().Size();
+
+    EXPECT_EQ(0u, LastResult(Bob(), zvFsEventFileHidden));
+    EXPECT_TRUE(Events(Bob(), zvFsEventRightChanged).empty());
+    EXPECT_FALSE(std::filesystem::exists(Target(Bob(), usFileID)));
+    EXPECT_TRUE(Events(Bob(), zvFsEventDownloadFinished).empty());
+    EXPECT_EQ(1u, Events(lpCarol, zvFsEventRightChanged).size());
+    EXPECT_EQ(1u, Events(Alice(), zvFsEventRightChanged).size()) << "the creator keeps the file in view";
+    EXPECT_TRUE(Events(Alice(), zvFsEventFileHidden).empty());
+    EXPECT_TRUE(Events(lpDave, zvFsEventRightChanged).empty());
+    EXPECT_EQ(1u, Events(lpDave, zvFsEventFileHidden).size());
+    EXPECT_EQ(data, QB_ReadWholeFile(Target(lpDave, usFileID))) << "a finished download is his to keep";
+    EXPECT_EQ(1u, sim.Journal().PdusTo(PDU_CONF_FS_SET_RIGHT_REQUEST, shape.Server(1)->GetName()).size());
+
+    ASSERT_EQ(0u, Download(lpCarol, usFileID));
+    ASSERT_EQ(0u, Download(lpDave, usFileID));
+    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
+    EXPECT_EQ(data, QB_ReadWholeFile(Target(lpCarol, usFileID)));
+    EXPECT_EQ(40u, LastResult(lpDave, zvFsEventDownloadState));
+    EXPECT_EQ(data, QB_ReadWholeFile(Target(lpDave, usFileID)));
+
+    // Made public again, Bob sees it once more; public to public tells
+    // nobody anything.
+    ASSERT_EQ(0u, Fs(Alice())->FsSetRight(usFileID, 1, nullptr, 0, nullptr, 0));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    EXPECT_EQ(1u, Events(Bob(), zvFsEventRightChanged).size());
+    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
+    EXPECT_FALSE(std::filesystem::exists(Target(Bob(), usFileID))) << "his download went with the right";
+    EXPECT_TRUE(sim.Journal().Find(blocks).empty());
+    const size_t nQuiet = sim.Journal().Events(zvFsEventRightChanged).size();
+    ASSERT_EQ(0u, Fs(Alice())->FsSetRight(usFileID, 1, &carol, 1, nullptr, 0));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    EXPECT_EQ(nQuiet, sim.Journal().Events(zvFsEventRightChanged).size());
+}
+
+// Only the creator changes rights: Bob's change of Alice's file comes back
+// to him alone as 3004 with 40. Without a command link nothing is sent.
+// A batch is checked by the client for unknown files and by the server for
+// the creator of its first file, and refused whole; an accepted batch goes
+// to every server and reaches every client as a new description.
+TEST_F(RightsScene, OnlyTheCreatorChangesRightsAndABatchIsTakenOrRefusedWhole)
+{
+    Build(true);
+    ZV_SimHost* lpCarol = shape.Client(2);
+    const uint16_t usOne = Share("one.bin", ZV_RandomBytes(1000, 23));
+    const uint16_t usTwo = Share("two.bin", ZV_RandomBytes(1000, 24));
+    const QB_UserID bob = Bob()->GetUserID();
+
+    EXPECT_EQ(0u, Fs(Bob())->FsSetRight(usOne, 0, &bob, 1, nullptr, 0));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    EXPECT_EQ(40u, LastResult(Bob(), zvFsEventFileHidden));
+    EXPECT_TRUE(Events(Alice(), zvFsEventFileHidden).empty());
+    EXPECT_TRUE(sim.Journal().Pdus(PDU_CONF_FS_SET_RIGHT_RESPONSE, shape.Server(1)->GetName()).empty());
+
+    ZV_SimLink* lpLink = sim.GetClientLink(Alice());
+    ASSERT_TRUE(sim.Cut(lpLink, zvConfClientTypeCommand));
+    size_t nMark = sim.Journal().Size();
+    EXPECT_EQ(16u, Fs(Alice())->FsSetRight(usOne, 0, nullptr, 0, nullptr, 0));
+    const uint16_t aBoth[] = {usOne, usTwo};
+    EXPECT_EQ(16u, Fs(Alice())->FsSetFilesRight(aBoth, 2, 0, nullptr, 0, nullptr, 0));
+    ASSERT_TRUE(sim.Restore(lpLink, zvConfClientTypeCommand));
+    const uint16_t aUnknown[] = {usOne, 999};
+    EXPECT_EQ(82u, Fs(Alice())->FsSetFilesRight(aUnknown, 2, 0, nullptr, 0, nullptr, 0));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    ZV_SimFilter filter;
+    filter.eKind = ZV_SimEntryKind::Pdu;
+    filter.sNode = Alice()->GetName();
+    filter.nFrom = nMark;
+    EXPECT_TRUE(sim.Journal().Find(filter).empty()) << "nothing was sent";
+
+    // Bob's batch over Alice's files is refused with 40 and goes no further.
+    const uint16_t usBobs = ShareAs(Bob(), "b.bin");
+    ASSERT_NE(0, usBobs);
+    const uint16_t aForeign[] = {usOne, usBobs};
+    EXPECT_EQ(0u, Fs(Bob())->FsSetFilesRight(aForeign, 2, 0, nullptr, 0, nullptr, 0));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    EXPECT_TRUE(sim.Journal().PdusTo(PDU_CONF_FS_SET_FILES_RIGHT_REQUEST, shape.Server(1)->GetName()).empty());
+    EXPECT_EQ(1u, sim.Journal().PdusTo(PDU_CONF_FS_SET_FILES_RIGHT_RESPONSE, Bob()->GetName()).size());
+    EXPECT_TRUE(Events(lpCarol, zvFsEventFileHidden).empty());
+
+    // Alice's batch narrows both files to Bob: Carol, on the other server,
+    // loses both; Bob is told of both.
+    nMark = sim.Journal().Size();
+    EXPECT_EQ(0u, Fs(Alice())->FsSetFilesRight(aBoth, 2, 0, &bob, 1, nullptr, 0));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    EXPECT_EQ(1u, sim.Journal().PdusTo(PDU_CONF_FS_SET_FILES_RIGHT_REQUEST, shape.Server(1)->GetName()).size());
+    EXPECT_EQ(2u, Events(lpCarol, zvFsEventFileHidden).size());
+    EXPECT_EQ(2u, Events(Bob(), zvFsEventRightChanged).size());
+}
