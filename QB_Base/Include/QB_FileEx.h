@@ -37,9 +37,11 @@ class QB_FileEx
 {
 public:
     QB_FileEx() = default;
-    // Owners call Close: the destructor leaves the handle alone, so a copy of
-    // the object never closes a handle that its source still uses.
-    virtual ~QB_FileEx() = default;
+    // The object owns its handle: a throw between Open and Close still lets
+    // the handle go, and no copy can close a handle another object uses.
+    virtual ~QB_FileEx() { Close(); }
+    QB_FileEx(const QB_FileEx&) = delete;
+    QB_FileEx& operator=(const QB_FileEx&) = delete;
 
     // True when open; an empty path or a mode without access bits gives false.
     bool Open(const QB_StringW& sPath, uint32_t ulMode);

@@ -10,6 +10,7 @@
 #include "ZV_FileShareMgrPeer.h"
 #include "ZV_FileShareSession.h"
 
+#include "QB_FaultEnv.h"
 #include "QB_TestSupport.h"
 
 #include <gtest/gtest.h>
@@ -164,6 +165,25 @@ bool HasOpenFile(Node& node)
     return node.Session() != nullptr && ZV_FileShareSessionPeer::File(*node.Session()).IsOpen();
 }
 
+// Counts the file handles the platform gave out and has not taken back.
+class LiveHandleEnv : public QB_FaultEnv
+{
+public:
+    QB_FileHandle OpenFile(const std::u16string& sPath, uint32_t ulMode) override
+    {
+        const QB_FileHandle hFile = QB_FaultEnv::OpenFile(sPath, ulMode);
+        m_nLive += hFile != QB_INVALID_FILE;
+        return hFile;
+    }
+    bool CloseFile(QB_FileHandle hFile) override
+    {
+        const bool bClosed = QB_FaultEnv::CloseFile(hFile);
+        m_nLive -= bClosed;
+        return bClosed;
+    }
+    int m_nLive = 0;
+};
+
 struct Road
 {
     const char* pszName;
@@ -236,4 +256,28 @@ TEST(Ownership, AThrowAtAnyHostCallOfAnAddOrADownloadAnswerLeavesNothingOfItBehi
         }
         EXPECT_FALSE(bThrew) << road.pszName << ": the road never got through";
     }
+}
+
+TEST(Ownership, AThrowAtAnyHostCallOfAUserSideShareLeavesNoFileOpen)
+{
+    const char16_t* apszNames[] = {u"a.txt", u"b.txt"};
+    bool bThrew = true;
+    for (int nNth = 1; bThrew && nNth < 100; ++nNth)
+    {
+        SCOPED_TRACE("throwing at call " + std::to_string(nNth));
+        Node node(false);
+        ASSERT_TRUE(QB_WriteWholeFile(node.tmp.Sub("a.txt"), "alpha"));
+        ASSERT_TRUE(QB_WriteWholeFile(node.tmp.Sub("b.txt"), "beta"));
+        LiveHandleEnv env;
+        QB_ScopedEnv scope(&env);
+        node.host.ThrowAt(nNth);
+        node.mgr.FsFilesAdd(node.tmp.PathW().GetString(), apszNames, 2, nullptr, 0, 1, 0);
+        bThrew = node.host.Threw();
+        node.host.ThrowAt(nNth);
+        node.mgr.FsAdd(node.tmp.SubW("a.txt").GetString(), nullptr, 0, 1, 0);
+        bThrew = bThrew || node.host.Threw();
+        node.host.ThrowAt(0);
+        EXPECT_EQ(0, env.m_nLive);
+    }
+    EXPECT_FALSE(bThrew) << "the shares never got through";
 }
