@@ -265,3 +265,75 @@ TEST_F(JoinScene, ACreatorWhoLeavesMidUploadTakesTheFileFromEveryoneOnLinkedServ
 {
     CreatorLeavesMidUpload(*this, true);
 }
+
+// Event 14 concerns the files the local user could not see: more visible
+// raises 3000 for each, fewer raises 3004; for another user, or under a
+// number the manager does not serve, nothing happens.
+TEST_F(JoinScene, ARightChangeTellsTheLocalUserOfTheFilesItCouldNotSee)
+{
+    Build();
+    const uint16_t usOpen = Share("open.bin", ZV_RandomBytes(1000, 3));
+    std::filesystem::create_directories(tmp.Sub("alice"));
+    QB_WriteWholeFile(tmp.Sub("alice/closed.bin"), ZV_RandomBytes(1000, 4));
+    ASSERT_EQ(0u, Fs(Alice())->FsAdd(ZV_Wide(tmp.Sub("alice/closed.bin")).c_str(), nullptr, 0, 0, 1));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    const auto vecAdded = Events(Alice(), zvFsEventFileAdded);
+    QB_ByteStream stream(vecAdded.back().vbData.data(), (int32_t)vecAdded.back().vbData.size());
+    stream.Skip(6);
+    const uint16_t usClosed = stream.ReadU16();
+    ASSERT_NE(usOpen, usClosed);
+
+    struct Row
+    {
+        const char* pszName;
+        ZV_SimHost* lpNode;
+        uint16_t usEvent;
+        uintptr_t a1;
+        QB_UserID user;
+        uint16_t usRaised;  // 0: nothing at all
+    };
+    const Row aRows[] = {
+        {"more visible", Bob(), zvConfEventRightChange, 1, Bob()->GetUserID(), zvFsEventFileAdded},
+        {"fewer visible", Bob(), zvConfEventRightChange, 0, Bob()->GetUserID(), zvFsEventFileHidden},
+        {"another user's change", Bob(), zvConfEventRightChange, 1, Alice()->GetUserID(), 0},
+        {"a number not served", shape.Server(), 5, 0, Bob()->GetUserID(), 0},
+    };
+    for (const Row& row : aRows)
+    {
+        const size_t nMark = sim.Journal().Size();
+        EXPECT_EQ(0u, sim.RaiseHostEvent(row.lpNode, row.usEvent, row.a1, (uintptr_t)&row.user)) << row.pszName;
+        ASSERT_TRUE(sim.Run()) << sim.GetError();
+        ZV_SimFilter filter;
+        filter.eKind = ZV_SimEntryKind::Event;
+        filter.nFrom = nMark;
+        const auto vecRaised = sim.Journal().Find(filter);
+        filter.eKind = ZV_SimEntryKind::Pdu;
+        EXPECT_TRUE(sim.Journal().Find(filter).empty()) << row.pszName;
+        if (row.usRaised == 0)
+        {
+            EXPECT_TRUE(vecRaised.empty()) << row.pszName;
+            continue;
+        }
+        ASSERT_EQ(1u, vecRaised.size()) << row.pszName;
+        EXPECT_EQ(row.usRaised, vecRaised[0].usNumber) << row.pszName;
+        QB_ByteStream event(vecRaised[0].vbData.data(), (int32_t)vecRaised[0].vbData.size());
+        event.Skip(6);
+        EXPECT_EQ(usClosed, event.ReadU16()) << row.pszName;
+    }
+}
+
+// A server link that comes up makes each end ask the other for its files,
+// naming itself.
+TEST_F(JoinScene, AServerLinkThatComesUpAsksThePeerForItsFiles)
+{
+    Build(true);
+    for (ZV_SimHost* lpServer : shape.vecServers)
+    {
+        const auto vecAsked = sim.Journal().Pdus(PDU_CONF_GET_FILE_LIST_REQUEST, lpServer->GetName());
+        ASSERT_EQ(1u, vecAsked.size()) << lpServer->GetName();
+        QB_ByteStream stream(vecAsked[0].vbData.data(), (int32_t)vecAsked[0].vbData.size());
+        QB_UserID asker;
+        asker.Load(stream);
+        EXPECT_EQ(QB_UserID(lpServer->GetLocalServerID(), 0), asker);
+    }
+}
