@@ -18,7 +18,8 @@ uint32_t ZV_FileShareMgr::HandleGetDownloadSessionListRequest(ConfPduData* lpCpd
         ZV_ListRequest ask;
         ask.Load(stream);
         // Listing a record rests it, so a client may only ask for its own.
-        const bool bFromClient = lpCpd->conn_type == zvConfClientTypeCommand || lpCpd->conn_type == zvConfClientTypeData;
+        const bool bFromClient =
+            lpCpd->conn_type == zvConfClientTypeCommand || lpCpd->conn_type == zvConfClientTypeData;
         if (!m_lpConf->IsServerMode() || (bFromClient && ask.user != QB_UserID(lpCpd->ulUserMain, lpCpd->ulUserSub)))
             return 0;
         QB_Array<ZV_FileDownloadInfo> arrInfo;

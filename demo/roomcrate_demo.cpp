@@ -481,7 +481,8 @@ private:
         Download(copy);
         m_lpReceiver = lpReceiver;
         const bool bSame = copy.bFinished && SameBytes(copy.source.path, copy.download);
-        std::cout << "  " << user.sName << "'s copy " << (bSame ? "arrived identical to its source.\n" : "DID NOT ARRIVE WHOLE.\n");
+        std::cout << "  " << user.sName << "'s copy "
+                  << (bSame ? "arrived identical to its source.\n" : "DID NOT ARRIVE WHOLE.\n");
         return bSame && m_nLateSeen == vecKnown.size();
     }
 
