@@ -62,8 +62,11 @@ void ZV_FileShareMgr::OnUserEnter(const QB_UserID& user)
     {
         QB_Array<uint16_t> arrFileID;
         ForEachSession([&](uint16_t usFileID, ZV_FileShareSession*) { arrFileID.Add(usFileID); });
+        // One allocation each for the whole list rather than a growth per step.
         QB_Array<ZV_FileUploadInfo> arrInfo;
         QB_Array<uint32_t> arrMaxPos;
+        arrInfo.SetSize(0, arrFileID.GetSize() + 1);
+        arrMaxPos.SetSize(0, arrFileID.GetSize() + 1);
         QB_Array<ZV_FileDownloadInfo> arrDownload;
         QB_Array<bool> arrModify;
         uint16_t usFileID = 0;

@@ -127,6 +127,10 @@ uint32_t ZV_FileShareMgr::HandleGetUploadSessionListResponse(ConfPduData* lpCpd)
 
 void ZV_FileShareMgr::TakeUploadList()
 {
+    const int nListed = m_listUpload.GetCount() + 1;
+    m_arrPendingFileID.SetSize(0, nListed);
+    m_arrPendingInfo.SetSize(0, nListed);
+    m_arrPendingRate.SetSize(0, nListed);
     std::vector<bool> vecListed(0x10000, false);
     for (QB_POSITION pos = m_listUpload.GetHeadPosition(); pos != nullptr;)
         vecListed[m_listUpload.GetNext(pos).m_usFileID] = true;
@@ -213,7 +217,8 @@ void ZV_FileShareMgr::RaisePendingFiles()
             }
             NotifyFilesAdded(arrFileID, arrInfo, arrRate);
         });
-    m_arrPendingFileID.RemoveAll();
-    m_arrPendingInfo.RemoveAll();
-    m_arrPendingRate.RemoveAll();
+    // Emptied, and back to their ordinary growth.
+    m_arrPendingFileID.SetSize(0, 0);
+    m_arrPendingInfo.SetSize(0, 0);
+    m_arrPendingRate.SetSize(0, 0);
 }
