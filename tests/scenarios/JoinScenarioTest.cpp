@@ -349,3 +349,46 @@ TEST_F(JoinScene, AServerLinkThatComesUpAsksThePeerForItsFiles)
         EXPECT_EQ(QB_UserID(lpServer->GetLocalServerID(), 0), asker);
     }
 }
+
+// The asks that no operation sends are served all the same: the upload list
+// carries the ask's FileID back, a user with no downloads gets no download
+// list, and a client that asks in another user's name gets nothing.
+TEST_F(JoinScene, AnAskedForListGoesToTheAskerAboutItselfOnly)
+{
+    Build();
+    const uint16_t usFileID = Share("asked.bin", ZV_RandomBytes(1000, 8));
+    struct Row
+    {
+        const char* pszName;
+        uint16_t usAsk;
+        QB_UserID user;
+        size_t nUploadLists;
+    };
+    const Row aRows[] = {
+        {"the upload list for itself", PDU_CONF_GET_UPLOAD_SESSION_LIST_REQUEST, Bob()->GetUserID(), 1},
+        {"the upload list for Alice", PDU_CONF_GET_UPLOAD_SESSION_LIST_REQUEST, Alice()->GetUserID(), 0},
+        {"its downloads, of which it has none", PDU_CONF_GET_DOWNLOAD_SESSION_LIST_REQUEST, Bob()->GetUserID(), 0},
+    };
+    for (const Row& row : aRows)
+    {
+        const size_t nMark = sim.Journal().Size();
+        ZV_ListRequest ask;
+        ask.usFileID = 0x0777;
+        ask.user = row.user;
+        ZV_PduBuffer pdu;
+        ask.Save(pdu.Stream());
+        Bob()->SendPdu(Bob()->GetServerLink()->GetConn(zvConfClientTypeCommand), row.usAsk, pdu.Payload(),
+                       pdu.PayloadLength(), 1, 1);
+        ASSERT_TRUE(sim.Run()) << sim.GetError();
+        const auto vecParts = UploadLists(Bob(), nMark);
+        ASSERT_EQ(row.nUploadLists, vecParts.size()) << row.pszName;
+        EXPECT_TRUE(sim.Journal().PdusTo(PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE, Bob()->GetName()).empty());
+        if (vecParts.empty())
+            continue;
+        EXPECT_EQ(0x0777, vecParts[0].usRouteID);
+        EXPECT_EQ(0x0777, vecParts[0].usFileID);
+        ASSERT_EQ(1, vecParts[0].arrInfo.GetSize());
+        EXPECT_EQ(usFileID, vecParts[0].arrInfo[0].m_usFileID);
+        EXPECT_EQ(1000u, vecParts[0].arrMaxPos[0]);
+    }
+}
