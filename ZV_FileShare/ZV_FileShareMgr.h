@@ -13,19 +13,22 @@
 // _Links.cpp (restarts after a data link came back), _Storage.cpp (the
 // server's storage folder), _Trust.cpp (which local files a server's word
 // may make this client read), _Delete.cpp, _Rights.cpp and _Lookup.cpp (the
-// control of a shared file), _UserGone.cpp (a user who left), _Unserved.cpp
-// (handlers not served yet); ZV_FsEvents.cpp writes the events to the user
-// side. docs/architecture.md has the whole picture.
+// control of a shared file), _UserGone.cpp (a user who left), _UploadList.cpp,
+// _DownloadList.cpp and _Events.cpp (a client brought in step, host events),
+// _Unserved.cpp (handlers not served yet); ZV_FsEvents.cpp writes the events
+// to the user side. docs/architecture.md has the whole picture.
 #pragma once
 
 #include "IZV_FileShare.h"
 #include "ZV_FileBriefInfo.h"
+#include "ZV_FileDownloadInfo.h"
 #include "ZV_FileCatalog.h"
 #include "ZV_FileUploadInfo.h"
 #include "ZV_RequestHead.h"
 #include "ZV_ShareLedger.h"
 
 #include "QB_Array.h"
+#include "QB_FileEx.h"
 #include "QB_List.h"
 #include "QB_Locker.h"
 #include "QB_Log.h"
@@ -34,6 +37,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 class ZV_FileShareSession;
 struct ZV_AddRequest;
@@ -248,6 +252,33 @@ public:
     // the files and downloads of a user who left.
     void OnUserLeave(const QB_UserID& user);
     void OnUserGone(ZV_FileShareSession* lpFsSession, QB_UserID user);
+
+    // ---- staying in step: the upload list (ZV_FileShareMgr_UploadList.cpp),
+    // the download list (ZV_FileShareMgr_DownloadList.cpp) and the host
+    // events (ZV_FileShareMgr_Events.cpp)
+    uint32_t SendUploadList(uint32_t ulConn, uint16_t usFileID, uint32_t ulResult, uint16_t usFileID2,
+                            const QB_UserID& user, const QB_Array<ZV_FileUploadInfo>& arrInfo,
+                            const QB_Array<uint32_t>& arrMaxPos);
+    void TakeUploadList();
+    void DropUnlistedSessions(const std::vector<bool>& vecListed);
+    void DropUnlistedDownload(uint16_t usFileID, ZV_FileShareSession* lpFsSession);
+    void MergeListedFile(const ZV_FileUploadInfo& entry, uint32_t ulMaxPos);
+    void RaisePendingFiles();
+    uint32_t SendDownloadList(uint32_t ulConn, uint32_t ulResult, const QB_UserID& user,
+                              const QB_Array<ZV_FileDownloadInfo>& arrInfo, const QB_Array<bool>& arrModify);
+    void CollectDownloadInfo(uint16_t usFileID, ZV_FileShareSession* lpFsSession, const QB_UserID& user,
+                             QB_Array<ZV_FileDownloadInfo>& arrInfo, QB_Array<bool>& arrModify);
+    void TakeListedDownload(const ConfPduData* lpCpd, ZV_FileDownloadInfo r, bool bModify,
+                            const QB_UserID& listUser, uint32_t& ulResult);
+    bool ResumeListedDownload(const ConfPduData* lpCpd, ZV_FileShareSession* lpFsSession, ZV_FileDownloadInfo& r,
+                              bool bModify, const QB_UserID& listUser, uint32_t& ulResult, uint32_t& ulSize);
+    static uint32_t MeasureLocalFile(QB_FileEx& f, const QB_StringW& sPath, bool bMayCreate, uint32_t& ulSize);
+    void RestartListedDownload(const ConfPduData* lpCpd, ZV_FileShareSession* lpFsSession, ZV_FileDownloadInfo& r,
+                               bool bModify, const ZV_FileDownloadInfo& d, uint32_t& ulResult, uint32_t& ulSize);
+    void DropWithdrawnDownload(uint16_t usFileID, ZV_FileShareSession* lpFsSession, const ZV_FileDownloadInfo& r);
+    void OnServerLinkUp(uint32_t ulConn);
+    void OnUserEnter(const QB_UserID& user);
+    void OnRightChange(bool bMoreVisible, const QB_UserID& user);
 
     // ---- what a session and the manager's own helpers ask of the manager
     // The server's durable list of what its storage folder holds.

@@ -205,6 +205,5 @@ void ZV_FileShareMgr::DropDeletedSession(uint16_t usFileID, ZV_FileShareSession*
         if (bNamed)
             QB_FileEx::Delete(LocalPathOf(download));
     }
-    delete lpFsSession;
-    m_mapSession.RemoveKey(usFileID);
+    RemoveSession(usFileID);
 }

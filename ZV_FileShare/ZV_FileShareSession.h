@@ -242,6 +242,18 @@ public:
     void ApplyRights(uint8_t bPublic, const QB_Array<QB_UserID>& arrAdd, const QB_Array<QB_UserID>& arrRemove);
     void SetBriefInfo(const ZV_FileBriefInfo& brief);
 
+    // ---- staying in step: the upload and download lists (ZV_FileShareSession_Lists.cpp)
+    // Server: this file's record and furthest position, appended for user.
+    uint32_t CollectUploadInfo(QB_Array<ZV_FileUploadInfo>& arrInfo, QB_Array<uint32_t>& arrMaxPos,
+                               const QB_UserID& user);
+    // Client: takes the server's record; true when the local user may see the file.
+    bool MergeCltFileInfo(const ZV_FileUploadInfo& entry, uint32_t ulMaxPos);
+    void MergeCreatorState(bool bNew, uint16_t usOldState, uint32_t ulWritePos);
+    bool GetDownloadInfo(const QB_UserID& user, ZV_FileDownloadInfo& info) const;
+    void SetDownloadInfo(const QB_UserID& user, const ZV_FileDownloadInfo& info);
+    void RemoveDownloadInfo(const QB_UserID& user);
+    void SetLocalDownload(const ZV_FileDownloadInfo& info);
+
     // ---- events to the user side that a session raises
     void NotifyTransferError(uint32_t ulResult, uint16_t usFileID);
     void NotifyDownloadState(uint32_t ulResult, uint16_t usFileID, const ZV_FileDownloadInfo& download,
@@ -271,6 +283,8 @@ public:
     bool IsUploadDone() const { return m_bUploadDone; }
     // Server: the download entry of a user, or null.
     ZV_FileDownloadInfo* FindDownloadEntry(const QB_UserID& user) { return m_mapDownload.Find(user); }
+    // The local download file (client) or the stored file (server).
+    QB_FileEx& File() { return m_File; }
     // Closes the local or stored file if it is open.
     void CloseFile()
     {

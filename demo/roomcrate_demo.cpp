@@ -6,7 +6,8 @@
 // says in plain words what it sees; the server's stored folder and its
 // catalogue follow. Then the second client downloads every file, with a
 // progress bar drawn from its events, and the demo checks that each copy is
-// byte-identical to its own source.
+// byte-identical to its own source. A third user who enters late is given
+// every file and downloads one.
 //
 //     roomcrate_demo [--linked] [--trace] [--keep] [FILE...]
 #include "ZV_DemoFiles.h"
@@ -114,8 +115,9 @@ public:
         ShowStore();
         DownloadAll();
         const bool bSame = Verify(nRefused);
+        const bool bJoined = ShowLateJoiner();
         const bool bControlled = ShowControl();
-        return bSame && bControlled;
+        return bSame && bJoined && bControlled;
     }
 
 private:
@@ -285,6 +287,8 @@ private:
     void Learn(ZV_SimHost& host, uint16_t usFileID, const ZV_FileBriefInfo& brief)
     {
         std::cout << "[" << Who(&host) << "] sees " << DescribeBrief(usFileID, brief) << "\n";
+        if (&host == m_lpLate)
+            ++m_nLateSeen;
         if (&host != m_lpSharer)
             return;
         for (SharedFile& shared : m_vecShared)
@@ -439,6 +443,50 @@ private:
     }
 
     // -----------------------------------------------------------------------
+    // A third user enters after the files were shared: the server gives the
+    // newcomer every file unasked, and the newcomer downloads one. True when
+    // every file was seen and the copy is identical to its source.
+    bool ShowLateJoiner()
+    {
+        std::vector<SharedFile*> vecKnown;
+        for (SharedFile& shared : m_vecShared)
+            if (shared.nFileID >= 0)
+                vecKnown.push_back(&shared);
+        if (vecKnown.empty() || g_bInterrupted)
+            return true;
+        ZV_SimUser user = ZV_SimBuilder::MakeUser(m_shape.Server(0)->GetLocalServerID(), 2);
+        user.sName = m_options.bLinked ? "Dave" : "Carol";
+        std::cout << "\nA late joiner: " << user.sName << " enters the conference after the files were shared.\n";
+        m_lpLate = m_sim.AddClient(ZV_SimBuilder::kConfID, user);
+        if (m_lpLate == nullptr)
+        {
+            std::cout << "  " << user.sName << " could not join: " << m_sim.GetError() << "\n";
+            return false;
+        }
+        m_lpLate->SetEventCallback([this](ZV_SimHost& host, uint16_t usEvent, const std::vector<uint8_t>& vb) {
+            OnEvent(host, usEvent, vb);
+        });
+        m_sim.Run();
+        std::cout << "  " << user.sName << " was given " << m_nLateSeen << " of the " << vecKnown.size()
+                  << " shared file(s) on entering.\n";
+        SharedFile copy = *vecKnown.front();
+        copy.download = m_root / (user.sName + "-downloads") / copy.source.path.filename();
+        fs::create_directories(copy.download.parent_path());
+        copy.nBarDrawn = 0;
+        copy.dPercent = 0.0;
+        copy.bFinished = false;
+        std::cout << user.sName << " downloads " << copy.source.path.filename().string() << ":\n";
+        ZV_SimHost* lpReceiver = m_lpReceiver;
+        m_lpReceiver = m_lpLate;
+        Download(copy);
+        m_lpReceiver = lpReceiver;
+        const bool bSame = copy.bFinished && SameBytes(copy.source.path, copy.download);
+        std::cout << "  " << user.sName << "'s copy "
+                  << (bSame ? "arrived identical to its source.\n" : "DID NOT ARRIVE WHOLE.\n");
+        return bSame && m_nLateSeen == vecKnown.size();
+    }
+
+    // -----------------------------------------------------------------------
     // Control of the shared files, after the check: the receiver stops and
     // resumes a download, the sharer hides a file from the receiver, and then
     // deletes one from the conference. True when each did what it should.
@@ -589,6 +637,9 @@ private:
     ZV_SimShape m_shape;
     ZV_SimHost* m_lpSharer = nullptr;
     ZV_SimHost* m_lpReceiver = nullptr;
+    // The user who enters after the files were shared, and what she was given.
+    ZV_SimHost* m_lpLate = nullptr;
+    size_t m_nLateSeen = 0;
     std::vector<SharedFile> m_vecShared;
     SharedFile* m_lpCurrent = nullptr;
 };

@@ -186,33 +186,3 @@ TEST_F(DeleteScene, DroppingADownloadEndsItOnTheServerAndDeletesTheLocalFileOnly
     EXPECT_EQ(0u, Fs(Bob())->FsDelDownload(usFileID, 0));
     EXPECT_EQ(data, QB_ReadWholeFile(sTarget));
 }
-
-// Alice leaves with one file uploaded and one not begun: her home server
-// removes the unfinished one and passes the delete on, so it goes from both
-// stores and every remaining client; the finished one stays.
-TEST_F(DeleteScene, ACreatorWhoLeavesTakesHerUnfinishedFileFromEveryServer)
-{
-    Build(true);
-    const uint16_t usDone = Share("done.bin", ZV_RandomBytes(50000, 15));
-    const uint16_t usIdle = Share("idle.bin", ZV_RandomBytes(50000, 16), false);
-    std::vector<std::string> vecIdle;
-    for (ZV_SimHost* lpServer : shape.vecServers)
-        vecIdle.push_back(StoredPath(lpServer, usIdle));
-    ASSERT_TRUE(Exists(vecIdle[0]) && Exists(vecIdle[1]));
-
-    ASSERT_TRUE(sim.Leave(Alice()));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    for (size_t i = 0; i < shape.vecServers.size(); ++i)
-    {
-        EXPECT_FALSE(Exists(vecIdle[i])) << i;
-        EXPECT_EQ("", StoredPath(shape.vecServers[i], usIdle)) << i;
-    }
-    EXPECT_NE("", StoredPath(shape.Server(0), usDone));
-    for (size_t i = 1; i < shape.vecClients.size(); ++i)
-    {
-        ZV_SimHost* lpClient = shape.vecClients[i];
-        EXPECT_EQ(1u, Events(lpClient, zvFsEventFileGone).size()) << lpClient->GetName();
-        EXPECT_FALSE(Knows(lpClient, usIdle)) << lpClient->GetName();
-        EXPECT_TRUE(Knows(lpClient, usDone)) << lpClient->GetName();
-    }
-}

@@ -1,0 +1,197 @@
+// ZV_ListPdu: the payloads that bring a client in step with its server: the
+// conference's files with the furthest position of each (8027, 8028) and
+// the user's own downloads (8029, 8030). Beside them the count by which a
+// long list is cut into PDUs.
+//
+// Readers raise the stream's load failure on anything that does not fit;
+// the caller's top-level guard takes it.
+#pragma once
+
+#include "ZV_AddPdu.h"
+#include "ZV_FileDownloadInfo.h"
+#include "ZV_FileUploadInfo.h"
+#include "ZV_RecordStream.h"
+
+#include "QB_Array.h"
+#include "QB_ByteStream.h"
+#include "QB_UserID.h"
+
+#include <cstdint>
+
+// 8027 and 8029: whose list is wanted. The FileID only travels back.
+struct ZV_ListRequest
+{
+    uint16_t usFileID = 0;
+    QB_UserID user;
+
+    void Save(QB_ByteStream& stream) const
+    {
+        stream.WriteU16(usFileID);
+        user.Save(stream);
+    }
+    void Load(QB_ByteStream& stream)
+    {
+        usFileID = stream.ReadU16();
+        user.Load(stream);
+    }
+};
+
+// 8028, one piece of an answer. The head stays put while the body of each
+// piece is written behind it; a refusal ends behind the result.
+struct ZV_UploadListResponse
+{
+    uint16_t usRouteID = 0;
+    uint32_t ulResult = 0;
+    uint16_t usFileID = 0;
+    QB_UserID user;
+    QB_Array<ZV_FileUploadInfo> arrInfo;
+    QB_Array<uint32_t> arrMaxPos;
+    uint8_t bLast = 1;
+
+    static constexpr uint32_t kHeadSize = 16;
+
+    void SaveHead(QB_ByteStream& stream) const
+    {
+        stream.WriteU16(usRouteID);
+        stream.WriteU32(ulResult);
+        stream.WriteU16(usFileID);
+        user.Save(stream);
+    }
+    void SaveBody(QB_ByteStream& stream) const
+    {
+        SaveSequence(stream, arrInfo);
+        SaveU32Array(stream, arrMaxPos);
+        stream.WriteU8(bLast);
+    }
+    void Save(QB_ByteStream& stream) const
+    {
+        if (ulResult != 0)
+        {
+            stream.WriteU16(usRouteID);
+            stream.WriteU32(ulResult);
+            return;
+        }
+        SaveHead(stream);
+        SaveBody(stream);
+    }
+    // A peer that sends fewer positions than records (or the other way
+    // round) gets the common part taken.
+    void Load(QB_ByteStream& stream)
+    {
+        usRouteID = stream.ReadU16();
+        ulResult = stream.ReadU32();
+        if (ulResult != 0)
+            return;
+        usFileID = stream.ReadU16();
+        user.Load(stream);
+        LoadSequence(stream, arrInfo);
+        LoadU32Array(stream, arrMaxPos);
+        bLast = stream.ReadU8();
+        const int nCommon = arrInfo.GetSize() < arrMaxPos.GetSize() ? arrInfo.GetSize() : arrMaxPos.GetSize();
+        ZV_TrimToSize(arrInfo, nCommon);
+        ZV_TrimToSize(arrMaxPos, nCommon);
+    }
+};
+
+// 8030, complete in itself.
+struct ZV_DownloadListResponse
+{
+    uint32_t ulResult = 0;
+    QB_UserID user;
+    QB_Array<ZV_FileDownloadInfo> arrInfo;
+    QB_Array<bool> arrModify;
+
+    static constexpr uint32_t kHeadSize = 12;
+
+    void SaveHead(QB_ByteStream& stream) const
+    {
+        stream.WriteU32(ulResult);
+        user.Save(stream);
+    }
+    void SaveBody(QB_ByteStream& stream) const
+    {
+        SaveSequence(stream, arrInfo);
+        SaveBoolArray(stream, arrModify);
+    }
+    void Save(QB_ByteStream& stream) const
+    {
+        SaveHead(stream);
+        SaveBody(stream);
+    }
+    void Load(QB_ByteStream& stream)
+    {
+        ulResult = stream.ReadU32();
+        user.Load(stream);
+        LoadSequence(stream, arrInfo);
+        LoadBoolArray(stream, arrModify);
+        const int nCommon = arrInfo.GetSize() < arrModify.GetSize() ? arrInfo.GetSize() : arrModify.GetSize();
+        ZV_TrimToSize(arrInfo, nCommon);
+        ZV_TrimToSize(arrModify, nCommon);
+    }
+};
+
+// What one record and its position add to an 8028: the record's length
+// word and mask byte, its fields, and the u32 beside it.
+inline uint32_t ZV_UploadListEntrySize(const ZV_FileUploadInfo& info)
+{
+    const uint64_t ullMask = info.m_ullMask;
+    uint32_t ulSize = 5;
+    if (ullMask & ZV_UPLOAD_FILE_ID)
+        ulSize += 2;
+    if (ullMask & ZV_UPLOAD_FILE_NEW_NAME)
+        ulSize += (uint32_t)QB_ByteStream::GetStringSize(info.m_sFileNewName);
+    if (ullMask & ZV_UPLOAD_BRIEF_INFO)
+        ulSize += info.m_BriefInfo.GetSaveSize();
+    if (ullMask & ZV_UPLOAD_FILE_WRITE_POS)
+        ulSize += 4;
+    return ulSize + 4;
+}
+
+// What one record and its flag add to an 8030.
+inline uint32_t ZV_DownloadListEntrySize(const ZV_FileDownloadInfo& info)
+{
+    const uint64_t ullMask = info.m_ullMask;
+    uint32_t ulSize = 6;
+    if (ullMask & ZV_DOWNLOAD_FILE_ID)
+        ulSize += 2;
+    const QB_StringU8* aTexts[] = {&info.m_sFilePath, &info.m_sFileFullName, &info.m_sFileName, &info.m_sFileType};
+    const uint64_t aTextBits[] = {ZV_DOWNLOAD_FILE_PATH, ZV_DOWNLOAD_FILE_FULL_NAME, ZV_DOWNLOAD_FILE_NAME,
+                                  ZV_DOWNLOAD_FILE_TYPE};
+    for (int i = 0; i < 4; ++i)
+        if (ullMask & aTextBits[i])
+            ulSize += (uint32_t)QB_ByteStream::GetStringSize(*aTexts[i]);
+    const uint64_t ullFours = ZV_DOWNLOAD_FILE_LENTH | ZV_DOWNLOAD_USED_TIME | ZV_DOWNLOAD_LAST_TICK |
+                              ZV_DOWNLOAD_DOWNLOAD_POS;
+    ulSize += 4 * (uint32_t)__builtin_popcountll(ullMask & ullFours);
+    if (ullMask & ZV_DOWNLOAD_SHARE_TIME)
+        ulSize += 8;
+    if (ullMask & ZV_DOWNLOAD_STATE)
+        ulSize += 2;
+    ulSize += (uint32_t)__builtin_popcountll(ullMask & (ZV_DOWNLOAD_STOPPED | ZV_DOWNLOAD_ACTIVE));
+    if (ullMask & ZV_DOWNLOAD_USER_ID)
+        ulSize += 12;
+    return ulSize + 1;
+}
+
+// Cuts a list of nCount entries into pieces: a piece closes before the entry
+// that would take the running size, which starts at the head's size, above
+// the PDU buffer. fnFlush(nFrom, nTo, bLast) sends entries [nFrom, nTo); the
+// last piece always goes, so an empty list is one piece.
+template <typename FnSize, typename FnFlush>
+void ZV_CutList(uint32_t ulHeadSize, int nCount, FnSize fnSize, FnFlush fnFlush)
+{
+    uint32_t ulRunning = ulHeadSize;
+    int nFrom = 0;
+    for (int i = 0; i < nCount; ++i)
+    {
+        const uint32_t ulSize = fnSize(i);
+        if (ulRunning + ulSize > (uint32_t)QB_PDU_BUFFER_SIZE && i > nFrom)
+        {
+            fnFlush(nFrom, i, false);
+            nFrom = i;
+            ulRunning = ulHeadSize;
+        }
+        ulRunning += ulSize;
+    }
+    fnFlush(nFrom, nCount, true);
+}

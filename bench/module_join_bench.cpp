@@ -1,0 +1,189 @@
+// A client joining a server that holds 1,000 and 10,000 files, through the
+// simulator: the server walks its sessions and sends the upload list (and
+// the download list, empty here), the simulator delivers it, and the client
+// makes a session for every file, merges each record and raises event 3013.
+// BM_Join times the whole join, host events and link set-up included;
+// "join_cpu_ms" is its CPU time per join, "server_ms" the part up to the
+// server's lists being queued and "client_ms" their delivery and merge.
+//
+// The baseline, BM_SaveRecords, writes the same records into list pieces of
+// the same size and does nothing else: the floor that encoding alone costs.
+// What lies between the two is the module's own walk, the simulator's
+// delivery and the client's merge.
+#include "ZV_SimBuilder.h"
+#include "ZV_SimConference.h"
+
+#include "QB_Plex.h"
+#include "ZV_ListPdu.h"
+#include "ZV_PduFrame.h"
+
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr int kBatch = 1000;
+
+struct Quiet
+{
+    std::FILE* lpNull = std::fopen("/dev/null", "w");
+    Quiet()
+    {
+        ZV_SetTraceStream(lpNull);
+        QB_SetHashWarningStream(lpNull);
+    }
+    ~Quiet()
+    {
+        ZV_SetTraceStream(nullptr);
+        QB_SetHashWarningStream(nullptr);
+        std::fclose(lpNull);
+    }
+};
+
+std::u16string Wide(const std::string& s)
+{
+    return std::u16string(s.begin(), s.end());
+}
+
+double CpuSeconds()
+{
+    timespec ts{};
+    ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
+    return (double)ts.tv_sec + (double)ts.tv_nsec / 1e9;
+}
+
+// One server with Alice and Bob, Alice having shared nFiles files.
+struct Conference
+{
+    fs::path root = fs::temp_directory_path() / ("roomcrate-join-bench-" + std::to_string(::getpid()));
+    std::unique_ptr<ZV_SimConference> lpSim;
+    ZV_SimShape shape;
+
+    explicit Conference(int nFiles)
+    {
+        fs::create_directories(root / "alice");
+        std::vector<std::u16string> vecWide;
+        for (int i = 0; i < nFiles; ++i)
+        {
+            const std::string sName = "shared-file-" + std::to_string(i) + ".dat";
+            std::ofstream(root / "alice" / sName) << "data";
+            vecWide.push_back(Wide(sName));
+        }
+        ZV_SimOptions options;
+        options.sRoot = (root / "nodes").string();
+        options.nJournalPayloadBytes = 16;
+        options.nJournalEntries = 100000;
+        lpSim = std::make_unique<ZV_SimConference>(ZV_SimModuleApi::Linked(), options);
+        lpSim->SetFileIDRange(1, 1, 60000);
+        shape = ZV_SimBuilder::OneServerTwoClients(*lpSim);
+        lpSim->Run();
+        const std::u16string sFolder = Wide((root / "alice").string());
+        for (int i = 0; i < nFiles; i += kBatch)
+        {
+            std::vector<const char16_t*> vecPtr;
+            for (int k = i; k < i + kBatch && k < nFiles; ++k)
+                vecPtr.push_back(vecWide[(size_t)k].c_str());
+            shape.Client(0)->GetFileShareMgr()->FsFilesAdd(sFolder.c_str(), vecPtr.data(), (uint32_t)vecPtr.size(),
+                                                           nullptr, 0, 1, 0);
+            lpSim->Run();
+        }
+    }
+    ~Conference()
+    {
+        lpSim.reset();
+        fs::remove_all(root);
+    }
+};
+
+void BM_Join(benchmark::State& state)
+{
+    Quiet quiet;
+    const int nFiles = (int)state.range(0);
+    Conference conf(nFiles);
+    int nUser = 2;
+    double dServer = 0, dClient = 0;
+    for (auto _ : state)
+    {
+        const double dBefore = CpuSeconds();
+        ZV_SimHost* lpCarol = conf.lpSim->AddClient(ZV_SimBuilder::kConfID, ZV_SimBuilder::MakeUser(1, nUser++));
+        const double dEntered = CpuSeconds();
+        conf.lpSim->Run();
+        dServer += dEntered - dBefore;
+        dClient += CpuSeconds() - dEntered;
+        state.PauseTiming();
+        ZV_FsFileInfo info{};
+        if (lpCarol == nullptr || lpCarol->GetFileShareMgr()->FsGetFileInfoByFileID((uint16_t)nFiles, &info) != 0)
+            state.SkipWithError("the late joiner does not know the last file");
+        // The joiner leaves, so every join meets the same conference.
+        conf.lpSim->Leave(lpCarol);
+        conf.lpSim->Run();
+        state.ResumeTiming();
+    }
+    const double dJoins = (double)state.iterations();
+    state.counters["join_cpu_ms"] = 1e3 * (dServer + dClient) / dJoins;
+    // The links and the server's lists (AddClient raises event 21), then
+    // the delivery and the client's merge with its events.
+    state.counters["server_ms"] = 1e3 * dServer / dJoins;
+    state.counters["client_ms"] = 1e3 * dClient / dJoins;
+}
+
+// The server's records of nFiles files, saved into 8028 pieces as the join
+// cuts them, and nothing more.
+void BM_SaveRecords(benchmark::State& state)
+{
+    const int nFiles = (int)state.range(0);
+    QB_Array<ZV_FileUploadInfo> arrInfo;
+    for (int i = 0; i < nFiles; ++i)
+    {
+        const std::string sName = "shared-file-" + std::to_string(i) + ".dat";
+        ZV_FileBriefInfo brief;
+        brief.SetCreatorID(QB_UserID(1001, 0));
+        brief.SetCreatorName(QB_StringU8("alice"));
+        brief.SetFilePath(QB_StringU8("C:\\Users\\alice\\shared\\"));
+        brief.SetFileOldName(QB_StringU8(sName.c_str()));
+        brief.SetFileType(QB_StringU8(".dat"));
+        brief.SetFileLenth(4);
+        brief.SetFileState(0);
+        brief.SetPublic(true);
+        ZV_FileUploadInfo info;
+        info.SetFileID((uint16_t)(i + 1));
+        info.SetFileNewName(QB_StringU8(sName.c_str()));
+        info.SetBriefInfo(brief);
+        info.SetFileWritePos(0);
+        arrInfo.Add(info);
+    }
+    for (auto _ : state)
+    {
+        ZV_PduBuffer pdu;
+        ZV_CutList(
+            ZV_UploadListResponse::kHeadSize, arrInfo.GetSize(),
+            [&](int i) { return ZV_UploadListEntrySize(arrInfo[i]); },
+            [&](int nFrom, int nTo, bool bLast) {
+                ZV_UploadListResponse part;
+                for (int i = nFrom; i < nTo; ++i)
+                {
+                    part.arrInfo.Add(arrInfo[i]);
+                    part.arrMaxPos.Add(0);
+                }
+                part.bLast = bLast ? 1 : 0;
+                pdu.Stream().SeekTo(0);
+                part.SaveHead(pdu.Stream());
+                part.SaveBody(pdu.Stream());
+                benchmark::DoNotOptimize(pdu.Payload());
+            });
+    }
+}
+
+} // namespace
+
+BENCHMARK(BM_Join)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond)->Iterations(10);
+BENCHMARK(BM_SaveRecords)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);

@@ -1,0 +1,168 @@
+// The payloads that bring a client in step, byte for byte: the asks (8027,
+// 8029), the upload list (8028) and the download list (8030), and the cut
+// of a long list into PDUs at exactly the size of the buffer.
+#include "ZV_ListPdu.h"
+
+#include "ZV_PayloadCheck.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+const QB_UserID kAnn(0x11223344, 0x55);
+const Bytes kAnnBytes = {0x44, 0x33, 0x22, 0x11, 0x55, 0x00, 0x00, 0x00};
+
+Bytes Join(std::initializer_list<Bytes> parts)
+{
+    Bytes out;
+    for (const Bytes& part : parts)
+        out.insert(out.end(), part.begin(), part.end());
+    return out;
+}
+
+// A server's record of a file as the list carries it, its stored name
+// nNameBytes long.
+ZV_FileUploadInfo ServerRecord(uint16_t usFileID, int nNameBytes)
+{
+    ZV_FileBriefInfo brief;
+    brief.SetCreatorID(kAnn);
+    brief.SetCreatorName(QB_StringU8("Ann"));
+    brief.SetFileOldName(QB_StringU8("report.pdf"));
+    brief.SetFileLenth(100000);
+    brief.SetFileState(3);
+    brief.SetPublic(true);
+    ZV_FileUploadInfo info;
+    info.SetFileID(usFileID);
+    info.SetBriefInfo(brief);
+    info.SetFileWritePos(100000);
+    info.m_sFileNewName = QB_StringU8(std::string((size_t)nNameBytes, 'n').c_str());
+    info.m_ullMask |= ZV_UPLOAD_FILE_NEW_NAME;
+    return info;
+}
+
+// The pieces an upload list is sent in, each as the PDU's payload.
+std::vector<Bytes> CutUploadList(const QB_Array<ZV_FileUploadInfo>& arrInfo)
+{
+    std::vector<Bytes> vecPdu;
+    ZV_CutList(
+        ZV_UploadListResponse::kHeadSize, arrInfo.GetSize(), [&](int i) { return ZV_UploadListEntrySize(arrInfo[i]); },
+        [&](int nFrom, int nTo, bool bLast) {
+            ZV_UploadListResponse part;
+            for (int i = nFrom; i < nTo; ++i)
+            {
+                part.arrInfo.Add(arrInfo[i]);
+                part.arrMaxPos.Add(0);
+            }
+            part.bLast = bLast ? 1 : 0;
+            vecPdu.push_back(ZV_SavePayload(part));
+        });
+    return vecPdu;
+}
+
+uint32_t ListedSize(const QB_Array<ZV_FileUploadInfo>& arrInfo)
+{
+    uint32_t ulSize = ZV_UploadListResponse::kHeadSize;
+    for (int i = 0; i < arrInfo.GetSize(); ++i)
+        ulSize += ZV_UploadListEntrySize(arrInfo[i]);
+    return ulSize;
+}
+
+} // namespace
+
+TEST(ListPdu, AsksAndBothListsSaveToTheirTableBytesAndEveryShorterPayloadFails)
+{
+    ZV_ListRequest ask;
+    ask.usFileID = 0x0102;
+    ask.user = kAnn;
+    ZV_ExpectPayload(ask, Join({{0x02, 0x01}, kAnnBytes}));
+
+    ZV_UploadListResponse upload;
+    upload.usRouteID = 0x0102;
+    upload.usFileID = 0x0102;
+    upload.user = kAnn;
+    ZV_FileUploadInfo info;
+    info.SetFileID(0x0304);
+    info.SetFileWritePos(0x0A0B0C0D);
+    upload.arrInfo.Add(info);
+    upload.arrMaxPos.Add(0x11121314);
+    upload.bLast = 1;
+    // The record: its length word, the 1-byte mask of bits 0 and 3, FileID, write position.
+    ZV_ExpectPayload(upload, Join({{0x02, 0x01, 0, 0, 0, 0, 0x02, 0x01},
+                                   kAnnBytes,
+                                   {0x01, 0x0B, 0, 0, 0, 0x24, 0x04, 0x03, 0x0D, 0x0C, 0x0B, 0x0A},
+                                   {0x01, 0x14, 0x13, 0x12, 0x11},
+                                   {0x01}}));
+
+    ZV_UploadListResponse refusal;
+    refusal.usRouteID = 0x0102;
+    refusal.ulResult = 40;
+    ZV_ExpectPayload(refusal, {0x02, 0x01, 40, 0, 0, 0});
+
+    ZV_DownloadListResponse download;
+    download.user = kAnn;
+    ZV_FileDownloadInfo record;
+    record.SetFileID(0x0304);
+    record.SetState(2);
+    download.arrInfo.Add(record);
+    download.arrModify.Add(true);
+    // The 2-byte mask of bits 0 and 10, FileID, state; then one flag.
+    ZV_ExpectPayload(download, Join({{0, 0, 0, 0},
+                                     kAnnBytes,
+                                     {0x01, 0x0A, 0, 0, 0, 0x05, 0x10, 0x04, 0x03, 0x02, 0x00},
+                                     {0x01, 0x01}}));
+}
+
+// A peer that sends more positions or flags than records gets the common part.
+TEST(ListPdu, AListWithMoreFlagsThanRecordsKeepsOnlyThoseWithARecord)
+{
+    ZV_DownloadListResponse download;
+    download.arrInfo.Add(ZV_FileDownloadInfo());
+    download.arrModify.Add(true);
+    download.arrModify.Add(false);
+    const Bytes vbSaved = ZV_SavePayload(download);
+    QB_ByteStream stream(vbSaved.data(), (int32_t)vbSaved.size());
+    ZV_DownloadListResponse loaded;
+    loaded.Load(stream);
+    EXPECT_EQ(1, loaded.arrInfo.GetSize());
+    EXPECT_EQ(1, loaded.arrModify.GetSize());
+}
+
+// Records whose counted sizes fill the buffer to the byte go in one PDU;
+// one record more opens a second PDU that holds it alone. Every piece fits
+// the buffer as it is really written.
+TEST(ListPdu, AnUploadListOfExactlyOnePduGoesInOneAndOneRecordMoreInTwo)
+{
+    QB_Array<ZV_FileUploadInfo> arrInfo;
+    while (ListedSize(arrInfo) + ZV_UploadListEntrySize(ServerRecord(1, 1000)) <= (uint32_t)QB_PDU_BUFFER_SIZE)
+        arrInfo.Add(ServerRecord((uint16_t)(arrInfo.GetSize() + 1), 1000));
+    const uint32_t ulGap = (uint32_t)QB_PDU_BUFFER_SIZE - ListedSize(arrInfo);
+    ASSERT_GT(ulGap, 0u);
+    arrInfo[arrInfo.GetSize() - 1] = ServerRecord((uint16_t)arrInfo.GetSize(), 1000 + (int)ulGap);
+    ASSERT_EQ((uint32_t)QB_PDU_BUFFER_SIZE, ListedSize(arrInfo));
+
+    const std::vector<Bytes> vecOne = CutUploadList(arrInfo);
+    ASSERT_EQ(1u, vecOne.size());
+    EXPECT_EQ(1, vecOne[0].back()) << "bLast";
+
+    arrInfo.Add(ServerRecord(999, 10));
+    const std::vector<Bytes> vecTwo = CutUploadList(arrInfo);
+    ASSERT_EQ(2u, vecTwo.size());
+    EXPECT_EQ(0, vecTwo[0].back()) << "bLast of the first";
+    EXPECT_EQ(1, vecTwo[1].back()) << "bLast of the second";
+    QB_ByteStream stream(vecTwo[1].data(), (int32_t)vecTwo[1].size());
+    ZV_UploadListResponse second;
+    second.Load(stream);
+    ASSERT_EQ(1, second.arrInfo.GetSize());
+    EXPECT_EQ(999, second.arrInfo[0].m_usFileID);
+    for (const Bytes& vbPdu : vecTwo)
+        EXPECT_LE(vbPdu.size(), (size_t)QB_PDU_BUFFER_SIZE);
+}
+
+TEST(ListPdu, AnEmptyListIsOneLastPiece)
+{
+    const std::vector<Bytes> vecPdu = CutUploadList(QB_Array<ZV_FileUploadInfo>());
+    ASSERT_EQ(1u, vecPdu.size());
+    EXPECT_EQ(Join({Bytes(16, 0), {0x00, 0x00, 0x01}}), vecPdu[0]);
+}

@@ -1,0 +1,394 @@
+// Staying in step, through the simulator: a user who joins late is given
+// every file, a user who comes back finds each download where the files'
+// changes left it, and a creator who leaves with an unfinished upload takes
+// the file along.
+#include "ZV_SceneFixture.h"
+
+#include "ZV_ListPdu.h"
+#include "ZV_PduFrame.h"
+
+#include <filesystem>
+
+namespace {
+
+struct JoinScene : public ZV_Scene
+{
+    bool Knows(ZV_SimHost* lpClient, uint16_t usFileID)
+    {
+        ZV_FsFileInfo info{};
+        return Fs(lpClient)->FsGetFileInfoByFileID(usFileID, &info) == 0;
+    }
+    // The 8028 pieces a node received, as read from the wire.
+    std::vector<ZV_UploadListResponse> UploadLists(ZV_SimHost* lpTo, size_t nFrom = 0)
+    {
+        ZV_SimFilter filter;
+        filter.usNumber = PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE;
+        filter.sPeer = lpTo->GetName();
+        filter.eFate = ZV_SimFate::Delivered;
+        filter.nFrom = nFrom;
+        std::vector<ZV_UploadListResponse> vecParts;
+        for (const ZV_SimEntry& entry : sim.Journal().Find(filter))
+        {
+            QB_ByteStream stream(entry.vbData.data(), (int32_t)entry.vbData.size());
+            vecParts.emplace_back();
+            vecParts.back().Load(stream);
+        }
+        return vecParts;
+    }
+    // FileIDs of every event 3013 of the node, in order.
+    std::vector<uint16_t> FilesAdded(ZV_SimHost* lpNode)
+    {
+        std::vector<uint16_t> vecFileID;
+        for (const ZV_SimEntry& event : Events(lpNode, zvFsEventFilesAdded))
+        {
+            QB_ByteStream stream(event.vbData.data(), (int32_t)event.vbData.size());
+            stream.Skip(6);
+            QB_Array<uint16_t> arrFileID;
+            LoadU16Array(stream, arrFileID);
+            for (int i = 0; i < arrFileID.GetSize(); ++i)
+                vecFileID.push_back(arrFileID[i]);
+        }
+        return vecFileID;
+    }
+    // Download positions that a client's 8012s stated for a file.
+    std::vector<uint32_t> StatedPositions(ZV_SimHost* lpFrom, uint16_t usFileID, size_t nFrom)
+    {
+        ZV_SimFilter filter;
+        filter.usNumber = PDU_CONF_FS_DOWNLOAD_DATA_REQUEST;
+        filter.sNode = lpFrom->GetName();
+        filter.nFrom = nFrom;
+        std::vector<uint32_t> vecPos;
+        for (const ZV_SimEntry& entry : sim.Journal().Find(filter))
+        {
+            QB_ByteStream stream(entry.vbData.data(), (int32_t)entry.vbData.size());
+            if (stream.ReadU16() != usFileID)
+                continue;
+            stream.Skip(8);
+            ZV_FileDownloadInfo record;
+            LoadDelimited(stream, record);
+            vecPos.push_back(record.m_ulDownloadPos);
+        }
+        return vecPos;
+    }
+    size_t LocalSize(ZV_SimHost* lpClient, uint16_t usFileID)
+    {
+        std::error_code ec;
+        const auto nSize = std::filesystem::file_size(Target(lpClient, usFileID), ec);
+        return ec ? 0 : (size_t)nSize;
+    }
+    bool HasLocal(ZV_SimHost* lpClient, uint16_t usFileID)
+    {
+        return std::filesystem::exists(Target(lpClient, usFileID));
+    }
+};
+
+} // namespace
+
+// Carol comes in after Alice shared 1,000 files in one batch: the list
+// reaches her in pieces cut where the next record would overfill the
+// buffer, she is told of every file in the list's order, and she fetches
+// one of them whole.
+TEST_F(JoinScene, ALateJoinerSeesEveryOneOfAThousandFilesAndDownloadsOne)
+{
+    Build();
+    // Names of one file: a thousand new files would cost the disk far more
+    // than the conference costs the module.
+    std::filesystem::create_directories(tmp.Sub("alice/many"));
+    QB_WriteWholeFile(tmp.Sub("alice/one.txt"), ZV_RandomBytes(5000, 1));
+    std::vector<std::u16string> vecNames;
+    for (int i = 0; i < 1000; ++i)
+    {
+        const std::string sName = "file-" + std::to_string(i) + ".txt";
+        std::filesystem::create_hard_link(tmp.Sub("alice/one.txt"), tmp.Sub("alice/many/" + sName));
+        vecNames.push_back(ZV_Wide(sName));
+    }
+    std::vector<const char16_t*> vecNamePtr;
+    for (const std::u16string& s : vecNames)
+        vecNamePtr.push_back(s.c_str());
+    ASSERT_EQ(0u, Fs(Alice())->FsFilesAdd(ZV_Wide(tmp.Sub("alice/many")).c_str(), vecNamePtr.data(), 1000, nullptr, 0,
+                                          1, 0));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+
+    ZV_SimHost* lpCarol = sim.AddClient(ZV_SimBuilder::kConfID, ZV_SimBuilder::MakeUser(1, 2));
+    ASSERT_TRUE(lpCarol && sim.Run()) << sim.GetError();
+
+    const auto vecParts = UploadLists(lpCarol);
+    ASSERT_GT(vecParts.size(), 1u);
+    std::vector<uint16_t> vecListed;
+    for (size_t n = 0; n < vecParts.size(); ++n)
+    {
+        const ZV_UploadListResponse& part = vecParts[n];
+        EXPECT_EQ(n + 1 == vecParts.size() ? 1 : 0, part.bLast) << n;
+        EXPECT_EQ(lpCarol->GetUserID(), part.user);
+        uint32_t ulSize = ZV_UploadListResponse::kHeadSize;
+        for (int i = 0; i < part.arrInfo.GetSize(); ++i)
+        {
+            ulSize += ZV_UploadListEntrySize(part.arrInfo[i]);
+            vecListed.push_back(part.arrInfo[i].m_usFileID);
+        }
+        EXPECT_LE(ulSize, (uint32_t)QB_PDU_BUFFER_SIZE) << n;
+        if (n + 1 < vecParts.size())
+            EXPECT_GT(ulSize + ZV_UploadListEntrySize(vecParts[n + 1].arrInfo[0]), (uint32_t)QB_PDU_BUFFER_SIZE) << n;
+    }
+    ASSERT_EQ(1000u, vecListed.size());
+    EXPECT_EQ(vecListed, FilesAdded(lpCarol));
+    for (uint16_t usFileID : vecListed)
+        ASSERT_TRUE(Knows(lpCarol, usFileID)) << usFileID;
+
+    const uint16_t usPick = vecListed[500];
+    ASSERT_EQ(0u, Download(lpCarol, usPick));
+    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
+    ZV_FsFileInfo info{};
+    ASSERT_EQ(0u, Fs(lpCarol)->FsGetFileInfoByFileID(usPick, &info));
+    const std::string sName = QB_StringU8(QB_StringW(info.szFileOldName)).GetString();
+    EXPECT_EQ(QB_ReadWholeFile(tmp.Sub("alice/many/" + sName)), QB_ReadWholeFile(Target(lpCarol, usPick)));
+}
+
+// Bob leaves halfway through four downloads. While he is away Alice deletes
+// the first file, the second is stored anew under its FileID, she takes
+// the third from everyone else, and Bob stops the fourth. Back, he has no
+// trace of the first and third, fetches the second again from its start,
+// and the fourth stays stopped until he resumes it from where his file
+// stands.
+TEST_F(JoinScene, AUserWhoComesBackFindsEachDownloadAsTheFilesChangedWhileAway)
+{
+    Build();
+    const size_t nSize = 1024 * 1024;
+    std::vector<uint16_t> vecFileID;
+    std::vector<ZV_Bytes> vecData;
+    for (unsigned i = 0; i < 4; ++i)
+    {
+        vecData.push_back(ZV_RandomBytes(nSize, 50 + i));
+        vecFileID.push_back(Share("away" + std::to_string(i) + ".bin", vecData.back()));
+    }
+    for (uint16_t usFileID : vecFileID)
+        ASSERT_EQ(0u, Download(Bob(), usFileID));
+    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, Bob(), 16));
+    for (uint16_t usFileID : vecFileID)
+        ASSERT_TRUE(HasLocal(Bob(), usFileID) && LocalSize(Bob(), usFileID) < nSize) << usFileID;
+    ASSERT_TRUE(sim.Leave(Bob()));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+
+    const uint16_t usDeleted = vecFileID[0], usAnew = vecFileID[1], usHidden = vecFileID[2], usStopped = vecFileID[3];
+    ASSERT_EQ(0u, Fs(Alice())->FsDelUpload(usDeleted));
+    ASSERT_EQ(0u, Fs(Alice())->FsSetRight(usHidden, 0, nullptr, 0, nullptr, 0));
+    EXPECT_EQ(16u, Fs(Bob())->FsStopDownload(usStopped)) << "no link while away";
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    // The second file's bytes change on the server; the list tells Bob that
+    // the file under that FileID is not the one he began with.
+    ZV_FileUploadInfo row;
+    ASSERT_TRUE(Row(shape.Server(), usAnew, row));
+    const ZV_Bytes anew = ZV_RandomBytes(nSize, 99);
+    QB_WriteWholeFile(Stored(shape.Server(), row), anew);
+    const size_t nStoppedAt = LocalSize(Bob(), usStopped);
+
+    const size_t nMark = sim.Journal().Size();
+    ASSERT_TRUE(sim.Rejoin(Bob(), false));
+    ZV_DownloadListResponse renewed;
+    renewed.user = Bob()->GetUserID();
+    renewed.arrInfo.Add(ZV_FileDownloadInfo());
+    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE, Bob(), 1));
+    {
+        // The same record as the server's list gave, marked as of another file.
+        ZV_SimFilter filter;
+        filter.usNumber = PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE;
+        filter.sPeer = Bob()->GetName();
+        filter.nFrom = nMark;
+        const auto vecList = sim.Journal().Find(filter);
+        QB_ByteStream stream(vecList[0].vbData.data(), (int32_t)vecList[0].vbData.size());
+        ZV_DownloadListResponse listed;
+        listed.Load(stream);
+        for (int i = 0; i < listed.arrInfo.GetSize(); ++i)
+            if (listed.arrInfo[i].m_usFileID == usAnew)
+                renewed.arrInfo[0] = listed.arrInfo[i];
+        renewed.arrModify.Add(true);
+        ZV_PduBuffer pdu;
+        renewed.Save(pdu.Stream());
+        shape.Server()->SendPdu(shape.Server()->GetUserConn(&Bob()->GetUserID(), zvConfClientTypeCommand),
+                                PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE, pdu.Payload(), pdu.PayloadLength(), 1, 1);
+    }
+    ASSERT_TRUE(sim.AdvanceTime(2000)) << sim.GetError();
+
+    EXPECT_FALSE(Knows(Bob(), usDeleted));
+    EXPECT_FALSE(HasLocal(Bob(), usDeleted)) << "a partial file of a deleted file goes";
+    EXPECT_FALSE(HasLocal(Bob(), usHidden)) << "a partial file of a withdrawn file goes";
+    EXPECT_EQ(1u, Events(Bob(), zvFsEventFileHidden).size());
+    EXPECT_EQ(anew, QB_ReadWholeFile(Target(Bob(), usAnew))) << "fetched again from 0";
+    const auto vecAnewPos = StatedPositions(Bob(), usAnew, nMark);
+    EXPECT_NE(vecAnewPos.end(), std::find(vecAnewPos.begin(), vecAnewPos.end(), 0u));
+    EXPECT_EQ(nStoppedAt, LocalSize(Bob(), usStopped)) << "a stop made while away holds";
+
+    const auto vecResume = StatedPositions(Bob(), usStopped, nMark);
+    ASSERT_FALSE(vecResume.empty());
+    EXPECT_EQ(nStoppedAt, vecResume.back()) << "resumed where the local file stands";
+    ASSERT_EQ(0u, Fs(Bob())->FsResumeDownload(usStopped));
+    ASSERT_TRUE(sim.AdvanceTime(2000)) << sim.GetError();
+    EXPECT_EQ(vecData[3], QB_ReadWholeFile(Target(Bob(), usStopped)));
+}
+
+// Alice leaves while one file is halfway up and another is complete: the
+// unfinished one goes from every store and every client, Bob is told, and
+// neither a late joiner nor Alice herself, back again, is given it; the
+// complete one stays everywhere.
+void CreatorLeavesMidUpload(JoinScene& scene, bool bLinked)
+{
+    ZV_SimConference& sim = scene.sim;
+    scene.Build(bLinked);
+    const uint16_t usDone = scene.Share("done.bin", ZV_RandomBytes(50000, 6));
+    const uint16_t usFileID = scene.Share("half.bin", ZV_RandomBytes(2 * 1024 * 1024, 7), false);
+    ASSERT_EQ(0u, scene.Fs(scene.Alice())->FsUpload(usFileID));
+    ASSERT_TRUE(scene.StepUntilDelivered(PDU_CONF_FS_UPLOAD_REQUEST, scene.shape.Server(0), 6));
+    ASSERT_TRUE(sim.Leave(scene.Alice()));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+
+    for (ZV_SimHost* lpServer : scene.shape.vecServers)
+    {
+        ZV_FileUploadInfo row;
+        EXPECT_FALSE(ZV_Scene::Row(lpServer, usFileID, row)) << lpServer->GetName();
+    }
+    for (ZV_SimHost* lpClient : scene.shape.vecClients)
+        if (lpClient != scene.Alice())
+        {
+            EXPECT_FALSE(scene.Knows(lpClient, usFileID)) << lpClient->GetName();
+            EXPECT_TRUE(scene.Knows(lpClient, usDone)) << lpClient->GetName();
+            EXPECT_EQ(1u, scene.Events(lpClient, zvFsEventFileGone).size()) << lpClient->GetName();
+        }
+
+    ZV_SimHost* lpDave = sim.AddClient(ZV_SimBuilder::kConfID, ZV_SimBuilder::MakeUser(1, 5));
+    ASSERT_TRUE(lpDave && sim.Run()) << sim.GetError();
+    EXPECT_FALSE(scene.Knows(lpDave, usFileID));
+    EXPECT_TRUE(scene.Knows(lpDave, usDone));
+    ASSERT_EQ(1u, scene.UploadLists(lpDave).size());
+
+    ASSERT_TRUE(scene.Knows(scene.Alice(), usFileID)) << "she has not heard of it yet";
+    ASSERT_TRUE(sim.Rejoin(scene.Alice(), true));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    EXPECT_FALSE(scene.Knows(scene.Alice(), usFileID)) << "the list does not name it";
+    EXPECT_TRUE(scene.Knows(scene.Alice(), usDone));
+    EXPECT_EQ(1u, scene.Events(scene.Alice(), zvFsEventFileGone).size());
+}
+
+TEST_F(JoinScene, ACreatorWhoLeavesMidUploadTakesTheFileFromEveryoneOnOneServer)
+{
+    CreatorLeavesMidUpload(*this, false);
+}
+
+TEST_F(JoinScene, ACreatorWhoLeavesMidUploadTakesTheFileFromEveryoneOnLinkedServers)
+{
+    CreatorLeavesMidUpload(*this, true);
+}
+
+// Event 14 concerns the files the local user could not see: more visible
+// raises 3000 for each, fewer raises 3004; for another user, or under a
+// number the manager does not serve, nothing happens.
+TEST_F(JoinScene, ARightChangeTellsTheLocalUserOfTheFilesItCouldNotSee)
+{
+    Build();
+    const uint16_t usOpen = Share("open.bin", ZV_RandomBytes(1000, 3));
+    std::filesystem::create_directories(tmp.Sub("alice"));
+    QB_WriteWholeFile(tmp.Sub("alice/closed.bin"), ZV_RandomBytes(1000, 4));
+    ASSERT_EQ(0u, Fs(Alice())->FsAdd(ZV_Wide(tmp.Sub("alice/closed.bin")).c_str(), nullptr, 0, 0, 1));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    const auto vecAdded = Events(Alice(), zvFsEventFileAdded);
+    QB_ByteStream stream(vecAdded.back().vbData.data(), (int32_t)vecAdded.back().vbData.size());
+    stream.Skip(6);
+    const uint16_t usClosed = stream.ReadU16();
+    ASSERT_NE(usOpen, usClosed);
+
+    struct Row
+    {
+        const char* pszName;
+        ZV_SimHost* lpNode;
+        uint16_t usEvent;
+        uintptr_t a1;
+        QB_UserID user;
+        uint16_t usRaised;  // 0: nothing at all
+    };
+    const Row aRows[] = {
+        {"more visible", Bob(), zvConfEventRightChange, 1, Bob()->GetUserID(), zvFsEventFileAdded},
+        {"fewer visible", Bob(), zvConfEventRightChange, 0, Bob()->GetUserID(), zvFsEventFileHidden},
+        {"another user's change", Bob(), zvConfEventRightChange, 1, Alice()->GetUserID(), 0},
+        {"a number not served", shape.Server(), 5, 0, Bob()->GetUserID(), 0},
+    };
+    for (const Row& row : aRows)
+    {
+        const size_t nMark = sim.Journal().Size();
+        EXPECT_EQ(0u, sim.RaiseHostEvent(row.lpNode, row.usEvent, row.a1, (uintptr_t)&row.user)) << row.pszName;
+        ASSERT_TRUE(sim.Run()) << sim.GetError();
+        ZV_SimFilter filter;
+        filter.eKind = ZV_SimEntryKind::Event;
+        filter.nFrom = nMark;
+        const auto vecRaised = sim.Journal().Find(filter);
+        filter.eKind = ZV_SimEntryKind::Pdu;
+        EXPECT_TRUE(sim.Journal().Find(filter).empty()) << row.pszName;
+        if (row.usRaised == 0)
+        {
+            EXPECT_TRUE(vecRaised.empty()) << row.pszName;
+            continue;
+        }
+        ASSERT_EQ(1u, vecRaised.size()) << row.pszName;
+        EXPECT_EQ(row.usRaised, vecRaised[0].usNumber) << row.pszName;
+        QB_ByteStream event(vecRaised[0].vbData.data(), (int32_t)vecRaised[0].vbData.size());
+        event.Skip(6);
+        EXPECT_EQ(usClosed, event.ReadU16()) << row.pszName;
+    }
+}
+
+// A server link that comes up makes each end ask the other for its files,
+// naming itself.
+TEST_F(JoinScene, AServerLinkThatComesUpAsksThePeerForItsFiles)
+{
+    Build(true);
+    for (ZV_SimHost* lpServer : shape.vecServers)
+    {
+        const auto vecAsked = sim.Journal().Pdus(PDU_CONF_GET_FILE_LIST_REQUEST, lpServer->GetName());
+        ASSERT_EQ(1u, vecAsked.size()) << lpServer->GetName();
+        QB_ByteStream stream(vecAsked[0].vbData.data(), (int32_t)vecAsked[0].vbData.size());
+        QB_UserID asker;
+        asker.Load(stream);
+        EXPECT_EQ(QB_UserID(lpServer->GetLocalServerID(), 0), asker);
+    }
+}
+
+// The asks that no operation sends are served all the same: the upload list
+// carries the ask's FileID back, a user with no downloads gets no download
+// list, and a client that asks in another user's name gets nothing.
+TEST_F(JoinScene, AnAskedForListGoesToTheAskerAboutItselfOnly)
+{
+    Build();
+    const uint16_t usFileID = Share("asked.bin", ZV_RandomBytes(1000, 8));
+    struct Row
+    {
+        const char* pszName;
+        uint16_t usAsk;
+        QB_UserID user;
+        size_t nUploadLists;
+    };
+    const Row aRows[] = {
+        {"the upload list for itself", PDU_CONF_GET_UPLOAD_SESSION_LIST_REQUEST, Bob()->GetUserID(), 1},
+        {"the upload list for Alice", PDU_CONF_GET_UPLOAD_SESSION_LIST_REQUEST, Alice()->GetUserID(), 0},
+        {"its downloads, of which it has none", PDU_CONF_GET_DOWNLOAD_SESSION_LIST_REQUEST, Bob()->GetUserID(), 0},
+    };
+    for (const Row& row : aRows)
+    {
+        const size_t nMark = sim.Journal().Size();
+        ZV_ListRequest ask;
+        ask.usFileID = 0x0777;
+        ask.user = row.user;
+        ZV_PduBuffer pdu;
+        ask.Save(pdu.Stream());
+        Bob()->SendPdu(Bob()->GetServerLink()->GetConn(zvConfClientTypeCommand), row.usAsk, pdu.Payload(),
+                       pdu.PayloadLength(), 1, 1);
+        ASSERT_TRUE(sim.Run()) << sim.GetError();
+        const auto vecParts = UploadLists(Bob(), nMark);
+        ASSERT_EQ(row.nUploadLists, vecParts.size()) << row.pszName;
+        EXPECT_TRUE(sim.Journal().PdusTo(PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE, Bob()->GetName()).empty());
+        if (vecParts.empty())
+            continue;
+        EXPECT_EQ(0x0777, vecParts[0].usRouteID);
+        EXPECT_EQ(0x0777, vecParts[0].usFileID);
+        ASSERT_EQ(1, vecParts[0].arrInfo.GetSize());
+        EXPECT_EQ(usFileID, vecParts[0].arrInfo[0].m_usFileID);
+        EXPECT_EQ(1000u, vecParts[0].arrMaxPos[0]);
+    }
+}
