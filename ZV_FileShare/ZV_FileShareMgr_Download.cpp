@@ -32,6 +32,7 @@ uint32_t ZV_FileShareMgr::FsDownload(uint16_t usFileID, const char16_t* szLocalP
     catch (...)
     {
         QB_WriteLog(2, "error", "ZV_FileShareMgr::FsDownload exception.\r\n");
+        ulResult = ZV_ERR_EXCEPTION;
     }
     return ulResult;
 }
