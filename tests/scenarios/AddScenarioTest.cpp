@@ -170,3 +170,45 @@ TEST_F(AddScene, AServerMadeAgainFindsItsCatalogueRowsAndCleanDataEmptiesTheFold
     EXPECT_TRUE(StoredNames().empty());
     EXPECT_FALSE(Row(shape.Server(), 1, row));
 }
+
+// The second server learns a batch from the first: it stores every file
+// under the shared name, keeps a row for each, tells its own client, and
+// serves the bytes once they come.
+TEST_F(AddScene, ABatchReachesTheSecondServerWhichStoresItAndServesItsOwnClient)
+{
+    Build(true);
+    ZV_SimHost* lpCarol = shape.Client(2);
+    ShareBatch({"x.bin", "y.bin", "z.bin"});
+    auto Reported = [&](ZV_SimHost* lpClient) {
+        std::vector<uint16_t> vec;
+        for (const auto& report : Events(lpClient, zvFsEventFilesAdded))
+        {
+            QB_ByteStream stream(report.vbData.data(), (int32_t)report.vbData.size());
+            stream.Skip(6);
+            QB_Array<uint16_t> arrFileID;
+            LoadU16Array(stream, arrFileID);
+            vec.insert(vec.end(), arrFileID.GetData(), arrFileID.GetData() + arrFileID.GetSize());
+        }
+        std::sort(vec.begin(), vec.end());
+        return vec;
+    };
+    const std::vector<uint16_t> vecFileID = Reported(Alice());
+    ASSERT_EQ(3u, vecFileID.size());
+    EXPECT_EQ(vecFileID, Reported(lpCarol));
+    for (ZV_SimHost* lpServer : shape.vecServers)
+    {
+        std::set<std::string> setNames;
+        for (uint16_t usFileID : vecFileID)
+        {
+            ZV_FileUploadInfo row;
+            ASSERT_TRUE(Row(lpServer, usFileID, row)) << lpServer->GetName() << " " << usFileID;
+            EXPECT_EQ(1u, row.m_BriefInfo.m_ulFileLenth);
+            EXPECT_TRUE(std::filesystem::exists(Stored(lpServer, row))) << lpServer->GetName();
+            setNames.insert(row.m_sFileNewName.GetString());
+        }
+        EXPECT_EQ((std::set<std::string>{"x.bin", "y.bin", "z.bin"}), setNames) << lpServer->GetName();
+    }
+    ASSERT_EQ(0u, Download(lpCarol, vecFileID[1]));
+    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
+    EXPECT_EQ(ZV_Bytes{1}, QB_ReadWholeFile(Target(lpCarol, vecFileID[1])));
+}

@@ -186,3 +186,23 @@ TEST_F(DownloadScene, AClientSharesMoreFilesThanTheProcessMayHoldOpenAndStillUpl
     };
     EXPECT_EXIT(std::_Exit(fnChild()), testing::ExitedWithCode(0), "");
 }
+
+// A block that Bob's disk refuses ends his download there: he is told with
+// result 61, the server is asked to stop, and nothing more is written.
+TEST_F(DownloadScene, ABlockTheDownloadersDiskRefusesEndsTheDownloadWith61)
+{
+    Build(false);
+    const ZV_Bytes data = ZV_RandomBytes(20 * 32768, 5);
+    const uint16_t usFileID = Share("full.bin", data);
+    sim.GetEnv().FailAt(QB_EnvOp::Write, 3);
+    ASSERT_EQ(0u, Download(Bob(), usFileID));
+    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
+    sim.GetEnv().ClearFaults();
+    const auto vecState = Events(Bob(), zvFsEventDownloadState);
+    ASSERT_FALSE(vecState.empty());
+    EXPECT_EQ(ZV_ERR_IO, ZV_ResultOf(vecState.back()));
+    EXPECT_EQ(usFileID, vecState.back().vbData.at(6) | vecState.back().vbData.at(7) << 8);
+    EXPECT_EQ(1u, sim.Journal().Pdus(PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST, Bob()->GetName()).size());
+    EXPECT_EQ(2u * 32768, QB_ReadWholeFile(Target(Bob(), usFileID)).size());
+    EXPECT_TRUE(Events(Bob(), zvFsEventDownloadFinished).empty());
+}
