@@ -2,6 +2,7 @@
 // turns out to hold: a PDU of every number a handler takes is sent to Bob.
 #include "ZV_SceneFixture.h"
 
+#include "ZV_AddPdu.h"
 #include "ZV_PduFrame.h"
 
 #include <cstdio>
@@ -46,12 +47,27 @@ TEST_F(TraceScene, EveryHandlerPrintsItsLineAsItStartsAndANumberNoneTakesGives5)
     std::vector<uint8_t> vbPayload(300, 0);
     vbPayload[0] = (uint8_t)usFileID;
     vbPayload[1] = (uint8_t)(usFileID >> 8);
+    // A well-formed announcement of someone else's file, which a client's
+    // manager passes on to the new session.
+    ZV_AddResponse answer;
+    answer.usRouteID = answer.usFileID = 900;
+    answer.creator = QB_UserID(555, 0);
+    answer.brief.SetCreatorID(answer.creator);
+    answer.brief.SetPublic(true);
+    ZV_PduBuffer add;
+    answer.Save(add.Stream());
     for (const auto& [usPdu, szName] : aRows)
     {
         const long nBefore = std::ftell(lpTrace);
-        shape.Server()->SendPdu(ulConn, usPdu, vbPayload.data(), (uint32_t)vbPayload.size(), 1, 1);
+        if (usPdu == PDU_CONF_FS_ADD_RESPONSE)
+            shape.Server()->SendPdu(ulConn, usPdu, add.Payload(), add.PayloadLength(), 1, 1);
+        else
+            shape.Server()->SendPdu(ulConn, usPdu, vbPayload.data(), (uint32_t)vbPayload.size(), 1, 1);
         ASSERT_TRUE(sim.Run()) << sim.GetError();
-        EXPECT_EQ((size_t)nBefore, Traced().find(std::string("recv a ") + szName + "\r\n", nBefore)) << szName;
+        std::string sLine = std::string("recv a ") + szName + "\r\n";
+        if (usPdu == PDU_CONF_FS_ADD_RESPONSE)
+            sLine += sLine;
+        EXPECT_EQ((size_t)nBefore, Traced().find(sLine, nBefore)) << szName;
     }
     // Numbers that no handler takes print nothing and give 5.
     const long nBefore = std::ftell(lpTrace);

@@ -92,4 +92,28 @@ TEST_F(UserCallScene, FilesSharedWithAListAreShownToTheUsersOnItAlone)
     EXPECT_EQ(3u, Told(Alice()));
     EXPECT_EQ(3u, Told(Bob()));
     EXPECT_EQ(0u, Told(lpCarol));
+
+    // Carol asks for the first file all the same: refused with 40, which
+    // the server's handler still gives the host as 0.
+    const uint16_t usFirst = 1;
+    ASSERT_EQ(0u, Download(lpCarol, usFirst));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    const auto vecAnswer = Events(lpCarol, zvFsEventDownloadState);
+    ASSERT_EQ(1u, vecAnswer.size());
+    EXPECT_EQ(ZV_ERR_NOT_ENTITLED, ZV_ResultOf(vecAnswer[0]));
+    const auto vecAsked = sim.Journal().PdusTo(PDU_CONF_FS_DOWNLOAD_REQUEST, shape.Server()->GetName());
+    ASSERT_EQ(1u, vecAsked.size());
+    EXPECT_EQ(0u, vecAsked[0].ulResult);
+}
+
+// Link calls of a kind that concerns no node still give the host 0.
+TEST_F(UserCallScene, LinkCallsOfNoKnownKindGive0OnServersAndClients)
+{
+    Build(true);
+    const QB_UserID peer(77, 0);
+    for (ZV_SimHost* lpNode : sim.GetNodes())
+    {
+        EXPECT_EQ(0u, lpNode->GetModule()->OnConnect(&peer, 999, 0x55, 0)) << lpNode->GetName();
+        EXPECT_EQ(0u, lpNode->GetModule()->OnDisconnect(&peer, 999, 0x55, 0)) << lpNode->GetName();
+    }
 }

@@ -1,11 +1,12 @@
-// What a client tells its user side about its own transfers on the timer:
-// busy (event 3012 with 1) while one runs or stands stopped as a download,
-// idle (3012 with 0) once none does.
+// What the timer does: a client tells its user side about its own
+// transfers, busy (event 3012 with 1) while one runs or stands stopped as a
+// download, idle (3012 with 0) once none does; a server wakes an uploader
+// whose blocks stopped coming.
 #include "ZV_SceneFixture.h"
 
 #include <algorithm>
 
-struct BusyScene : public ZV_Scene
+struct TimerScene : public ZV_Scene
 {
     // The bBusy of every event 3012 that lpClient raised while the clock
     // went on by ulMs.
@@ -28,7 +29,7 @@ struct BusyScene : public ZV_Scene
     }
 };
 
-TEST_F(BusyScene, ATransferIsBusyWhileItRunsOrItsDownloadStandsStoppedAndIdleOnceItEnds)
+TEST_F(TimerScene, ATransferIsBusyWhileItRunsOrItsDownloadStandsStoppedAndIdleOnceItEnds)
 {
     Build();
     const ZV_Bytes data = ZV_RandomBytes(40 * 32768 + 3, 7);
@@ -62,4 +63,27 @@ TEST_F(BusyScene, ATransferIsBusyWhileItRunsOrItsDownloadStandsStoppedAndIdleOnc
         EXPECT_EQ(0, std::count(vecBusy.begin(), vecBusy.end(), 1)) << lpClient->GetName();
         EXPECT_TRUE(All(BusyDuring(lpClient, 16000), 0)) << lpClient->GetName();
     }
+}
+
+// The server looks at a stalled upload on its first timer slot more than
+// 20 seconds after the last block; blocks arrive here 1 ms before a slot,
+// so that slot comes exactly 20001 ms later.
+TEST_F(TimerScene, AServerWakesAStalledUploaderOnItsFirstSlotMoreThan20SecondsAfterTheLastBlock)
+{
+    Build();
+    const uint16_t usFileID = Share("stalled.bin", ZV_RandomBytes(10 * 32768, 4), false);
+    ASSERT_TRUE(sim.AdvanceTime(499)) << sim.GetError();
+    ASSERT_EQ(0u, Fs(Alice())->FsUpload(usFileID));
+    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_UPLOAD_REQUEST, shape.Server(), 3));
+    ASSERT_TRUE(sim.Cut(sim.GetClientLink(Alice()), zvConfClientTypeData));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    const auto vecBlocks = sim.Journal().PdusTo(PDU_CONF_FS_UPLOAD_REQUEST, shape.Server()->GetName());
+    ZV_SimFilter wake;
+    wake.usNumber = PDU_CONF_FS_UPLOAD_RESPONSE;
+    wake.sPeer = Alice()->GetName();
+    wake.nFrom = sim.Journal().Size();
+    ASSERT_TRUE(sim.AdvanceTime(25000)) << sim.GetError();
+    const auto vecWake = sim.Journal().Find(wake);
+    ASSERT_EQ(1u, vecWake.size());
+    EXPECT_EQ(20001u, vecWake[0].ulTick - vecBlocks.back().ulTick);
 }
