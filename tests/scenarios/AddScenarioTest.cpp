@@ -2,6 +2,7 @@
 // refusals a user side hears, batches, and a server made again.
 #include "ZV_SceneFixture.h"
 
+#include "ZV_AddPdu.h"
 #include "ZV_RecordStream.h"
 
 #include <algorithm>
@@ -84,6 +85,16 @@ TEST_F(AddScene, ABatchTooLargeForOnePduGoesOutInSeveralAndIsReportedWhole)
     {
         EXPECT_LT(vecRequests[i].vbData.size(), 65471u);
         EXPECT_EQ(i + 1 == vecRequests.size() ? 1 : 0, vecRequests[i].vbData.back()) << "bLast of PDU " << i;
+        // Each PDU holds as many FileIDs as records: its own, none of the last one's.
+        QB_ByteStream stream(vecRequests[i].vbData.data(), (int32_t)vecRequests[i].vbData.size());
+        ZV_AddFilesRequest ask;
+        ask.LoadHead(stream);
+        stream.ReadU8();
+        QB_Array<uint16_t> arrFileID;
+        QB_Array<ZV_FileBriefInfo> arrInfo;
+        LoadU16Array(stream, arrFileID);
+        LoadSequence(stream, arrInfo);
+        EXPECT_EQ(arrInfo.GetSize(), arrFileID.GetSize()) << "PDU " << i;
     }
     // 500 records outgrow one event's buffer: the report comes in as many
     // events as it needs, every file once.
@@ -188,6 +199,11 @@ TEST_F(AddScene, ABatchReachesTheSecondServerWhichStoresItAndServesItsOwnClient)
             QB_Array<uint16_t> arrFileID;
             LoadU16Array(stream, arrFileID);
             vec.insert(vec.end(), arrFileID.GetData(), arrFileID.GetData() + arrFileID.GetSize());
+            // Nothing of a file just added has arrived anywhere yet.
+            QB_Array<ZV_FileBriefInfo> arrInfo;
+            LoadSequence(stream, arrInfo);
+            for (uint32_t n = stream.ReadCount(); n > 0; --n)
+                EXPECT_EQ(0.0, stream.ReadDouble()) << lpClient->GetName();
         }
         std::sort(vec.begin(), vec.end());
         return vec;
