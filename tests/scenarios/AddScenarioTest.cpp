@@ -189,7 +189,8 @@ TEST_F(AddScene, ABatchReachesTheSecondServerWhichStoresItAndServesItsOwnClient)
 {
     Build(true);
     ZV_SimHost* lpCarol = shape.Client(2);
-    ShareBatch({"x.bin", "y.bin", "z.bin"});
+    ShareBatch({"x.bin", "y.bin"});
+    ShareBatch({"z.bin"});
     auto Reported = [&](ZV_SimHost* lpClient) {
         std::vector<uint16_t> vec;
         for (const auto& report : Events(lpClient, zvFsEventFilesAdded))
@@ -199,9 +200,11 @@ TEST_F(AddScene, ABatchReachesTheSecondServerWhichStoresItAndServesItsOwnClient)
             QB_Array<uint16_t> arrFileID;
             LoadU16Array(stream, arrFileID);
             vec.insert(vec.end(), arrFileID.GetData(), arrFileID.GetData() + arrFileID.GetSize());
-            // Nothing of a file just added has arrived anywhere yet.
+            // One record for each FileID, and nothing of a file just added
+            // has arrived anywhere yet.
             QB_Array<ZV_FileBriefInfo> arrInfo;
             LoadSequence(stream, arrInfo);
+            EXPECT_EQ(arrFileID.GetSize(), arrInfo.GetSize()) << lpClient->GetName();
             for (uint32_t n = stream.ReadCount(); n > 0; --n)
                 EXPECT_EQ(0.0, stream.ReadDouble()) << lpClient->GetName();
         }
