@@ -200,7 +200,8 @@ public:
     // True when the position has reached the file's length.
     bool AdvanceLocalDownload(uint32_t ulCount);
     void OnClientBlock(uint16_t usFileID, bool bFinished);
-    void OnRelayBlock(uint16_t usFileID, const QB_UserID& user, uint32_t ulMaxPos, bool bFinished);
+    void OnRelayBlock(uint16_t usFileID, const QB_UserID& user, uint32_t ulBlockPos, uint32_t ulMaxPos,
+                      bool bFinished);
     void OpenRelayServedFile();
     void FailDownload(const ConfPduData* lpCpd, uint32_t ulResult, uint16_t usFileID, const QB_UserID& user);
     void FailRelayDownload(const ConfPduData* lpCpd, uint32_t ulResult, uint16_t usFileID, const QB_UserID& user);

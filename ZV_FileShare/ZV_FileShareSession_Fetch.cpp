@@ -207,7 +207,7 @@ uint32_t ZV_FileShareSession::TakeDownloadBlock(const ConfPduData* lpCpd, QB_Byt
         return ZV_ERR_IO;
     const bool bFinished = AdvanceLocalDownload(block.ulLen);
     if (Conf()->IsServerMode())
-        OnRelayBlock(usFileID, user, block.ulMaxPos, bFinished);
+        OnRelayBlock(usFileID, user, block.ulPos, block.ulMaxPos, bFinished);
     else
         OnClientBlock(usFileID, bFinished);
     return ZV_OK;
@@ -245,10 +245,13 @@ void ZV_FileShareSession::OnClientBlock(uint16_t usFileID, bool bFinished)
 
 // A relay's arrived bytes are its stored bytes: its own clients may read up
 // to them at once. The wake comes last, so that a host that calls OnSend at
-// once finds the write position moved and the store file open; it goes to
-// the position behind the block.
-void ZV_FileShareSession::OnRelayBlock(uint16_t usFileID, const QB_UserID& user, uint32_t ulMaxPos,
-                                       bool bFinished)
+// once finds the write position moved and the store file open. It goes to
+// the position where the block began, as on the creator's server: that is
+// where a downloader that caught up with this relay rests. Waking those
+// behind the block instead would wake no one, and a caught-up downloader
+// would wait for good; only the kicks differ, not a byte of any PDU.
+void ZV_FileShareSession::OnRelayBlock(uint16_t usFileID, const QB_UserID& user, uint32_t ulBlockPos,
+                                       uint32_t ulMaxPos, bool bFinished)
 {
     m_bPulling = true;
     m_FileInfo.SetFileWritePos(m_LocalDownload.m_ulDownloadPos);
@@ -273,7 +276,7 @@ void ZV_FileShareSession::OnRelayBlock(uint16_t usFileID, const QB_UserID& user,
     }
     if (!m_ServerFile.IsOpen())
         OpenRelayServedFile();
-    WakeDownloaders(m_LocalDownload.m_ulDownloadPos);
+    WakeDownloaders(ulBlockPos);
 }
 
 void ZV_FileShareSession::OpenRelayServedFile()

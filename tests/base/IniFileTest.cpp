@@ -120,7 +120,7 @@ TEST(IniFile, ReadsNumbersAndGivesTheDefaultForAValueOfError)
     } rows[] = {
         {"error", 77}, {"42", 42}, {" \t-7 apples", -7}, {"+5", 5}, {"x1", 0}, {"", 0},
         {"-2147483648", INT32_MIN}, {"99999999999", INT32_MAX}, {"-99999999999999999999999", INT32_MIN},
-        {"ERROR", 0},
+        {"ERROR", 0}, {"\r\n3", 3}, {"\x0e" "4", 0}, {"\x08" "4", 0},
     };
     QB_IniFileEx ini;
     for (const Row& row : rows)

@@ -200,6 +200,7 @@ TEST_F(Catalog, ReadsHandEditedRowsWithoutTrustingThem)
     EXPECT_TRUE(b.m_ullMask & ZV_BRIEF_CREATOR_ID);
     EXPECT_EQ(QB_DateTimeEx(), b.m_dtShareTime);
     EXPECT_EQ(QB_DateTimeEx(), b.m_dtModifyTime) << "a half-parsed time is not kept";
+    EXPECT_EQ(zvFileStateAdded, b.m_usFileState) << "a row without a state is a file just added";
 }
 
 // Every step of a save that can fail: the file beside, its bytes, its sync,

@@ -3,6 +3,7 @@
 #include "ZV_FileShareMgrPeer.h"
 #include "ZV_SceneFixture.h"
 
+#include "ZV_AddPdu.h"
 #include "ZV_RecordStream.h"
 
 #include <algorithm>
@@ -85,6 +86,16 @@ TEST_F(AddScene, ABatchTooLargeForOnePduGoesOutInSeveralAndIsReportedWhole)
     {
         EXPECT_LT(vecRequests[i].vbData.size(), 65471u);
         EXPECT_EQ(i + 1 == vecRequests.size() ? 1 : 0, vecRequests[i].vbData.back()) << "bLast of PDU " << i;
+        // Each PDU holds as many FileIDs as records: its own, none of the last one's.
+        QB_ByteStream stream(vecRequests[i].vbData.data(), (int32_t)vecRequests[i].vbData.size());
+        ZV_AddFilesRequest ask;
+        ask.LoadHead(stream);
+        stream.ReadU8();
+        QB_Array<uint16_t> arrFileID;
+        QB_Array<ZV_FileBriefInfo> arrInfo;
+        LoadU16Array(stream, arrFileID);
+        LoadSequence(stream, arrInfo);
+        EXPECT_EQ(arrInfo.GetSize(), arrFileID.GetSize()) << "PDU " << i;
     }
     // 500 records outgrow one event's buffer: the report comes in as many
     // events as it needs, every file once.
@@ -170,4 +181,54 @@ TEST_F(AddScene, AServerMadeAgainFindsItsCatalogueRowsAndCleanDataEmptiesTheFold
     EXPECT_TRUE(std::filesystem::is_directory(Store()));
     EXPECT_TRUE(StoredNames().empty());
     EXPECT_FALSE(Row(shape.Server(), 1, row));
+}
+
+// The second server learns a batch from the first: it stores every file
+// under the shared name, keeps a row for each, tells its own client, and
+// serves the bytes once they come.
+TEST_F(AddScene, ABatchReachesTheSecondServerWhichStoresItAndServesItsOwnClient)
+{
+    Build(true);
+    ZV_SimHost* lpCarol = shape.Client(2);
+    ShareBatch({"x.bin", "y.bin"});
+    ShareBatch({"z.bin"});
+    auto Reported = [&](ZV_SimHost* lpClient) {
+        std::vector<uint16_t> vec;
+        for (const auto& report : Events(lpClient, zvFsEventFilesAdded))
+        {
+            QB_ByteStream stream(report.vbData.data(), (int32_t)report.vbData.size());
+            stream.Skip(6);
+            QB_Array<uint16_t> arrFileID;
+            LoadU16Array(stream, arrFileID);
+            vec.insert(vec.end(), arrFileID.GetData(), arrFileID.GetData() + arrFileID.GetSize());
+            // One record for each FileID, and nothing of a file just added
+            // has arrived anywhere yet.
+            QB_Array<ZV_FileBriefInfo> arrInfo;
+            LoadSequence(stream, arrInfo);
+            EXPECT_EQ(arrFileID.GetSize(), arrInfo.GetSize()) << lpClient->GetName();
+            for (uint32_t n = stream.ReadCount(); n > 0; --n)
+                EXPECT_EQ(0.0, stream.ReadDouble()) << lpClient->GetName();
+        }
+        std::sort(vec.begin(), vec.end());
+        return vec;
+    };
+    const std::vector<uint16_t> vecFileID = Reported(Alice());
+    ASSERT_EQ(3u, vecFileID.size());
+    EXPECT_EQ(vecFileID, Reported(lpCarol));
+    for (ZV_SimHost* lpServer : shape.vecServers)
+    {
+        std::set<std::string> setNames;
+        for (uint16_t usFileID : vecFileID)
+        {
+            ZV_FileUploadInfo row;
+            ASSERT_TRUE(Row(lpServer, usFileID, row)) << lpServer->GetName() << " " << usFileID;
+            EXPECT_EQ(1u, row.m_BriefInfo.m_ulFileLenth);
+            EXPECT_TRUE(std::filesystem::exists(Stored(lpServer, row))) << lpServer->GetName();
+            setNames.insert(row.m_sFileNewName.GetString());
+        }
+        EXPECT_EQ((std::set<std::string>{"x.bin", "y.bin", "z.bin"}), setNames) << lpServer->GetName();
+    }
+    ASSERT_EQ(0u, Download(lpCarol, vecFileID[1]));
+    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
+    EXPECT_EQ(ZV_Bytes{1}, QB_ReadWholeFile(Target(lpCarol, vecFileID[1])));
 }

@@ -2,28 +2,175 @@
 // fetches, and the bytes on Bob's disk and the events of both say how it went.
 #include "ZV_SceneFixture.h"
 
-using ControlScene = ZV_Scene;
-
-TEST_F(ControlScene, StoppedTransfersStandStillWithBlocksInFlightAndGoOnToTheSameBytes)
+struct ControlScene : public ZV_Scene
 {
-    // Alice shares without starting the upload; Bob's download starts it.
+    // The state of an upload (bUpload 1) or download (0) that a user was
+    // last told of with event 3011, or -1.
+    int ToldState(ZV_SimHost* lpClient, uint8_t bUpload)
+    {
+        int nState = -1;
+        for (const auto& event : Events(lpClient, zvFsEventTransferState))
+            if (event.vbData.at(6) == bUpload)
+                nState = event.vbData.at(9) | event.vbData.at(10) << 8;
+        return nState;
+    }
+};
+
+// Bob's stopped download gets nothing more while Alice's upload goes on to
+// the end, beyond the blocks already on their way, and his resume fetches
+// the rest.
+TEST_F(ControlScene, AStoppedDownloadStandsStillWhileTheUploadGoesOnAndResumesToTheSameBytes)
+{
     Build();
     const ZV_Bytes data = ZV_RandomBytes(40 * 32768 + 3, 7);
     const uint16_t usFileID = Share("song.bin", data, false);
     ASSERT_EQ(0u, Download(Bob(), usFileID));
     ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, Bob(), 2));
-    auto Got = [&](uint16_t usID) { return QB_ReadWholeFile(Target(Bob(), usID)); };
-    EXPECT_EQ(0u, Fs(Alice())->FsStopUpload(usFileID));
-    EXPECT_EQ(0u, Fs(Bob())->FsStopDownload(usFileID));
+    auto Got = [&]() { return QB_ReadWholeFile(Target(Bob(), usFileID)); };
+    EXPECT_EQ(1, ToldState(Bob(), 0)) << "running from its first block on";
+    ASSERT_EQ(0u, Fs(Bob())->FsStopDownload(usFileID));
+    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST, shape.Server(), 1));
+    ZV_SimFilter toBob;
+    toBob.usNumber = PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE;
+    toBob.sPeer = Bob()->GetName();
+    toBob.nFrom = sim.Journal().Size();
     ASSERT_TRUE(sim.AdvanceTime(30000)) << sim.GetError();
-    const size_t nStopped = Got(usFileID).size();
+    EXPECT_LE(sim.Journal().Find(toBob).size(), 3u) << "only what one OnSend had handed on";
+    EXPECT_EQ(2, ToldState(Bob(), 0)) << "the server confirms Bob's stop";
+    ZV_FileUploadInfo row;
+    ASSERT_TRUE(Row(shape.Server(), usFileID, row));
+    EXPECT_EQ(data.size(), row.m_ulFileWritePos) << "Alice's upload went on";
+    const size_t nStopped = Got().size();
     EXPECT_LT(nStopped, data.size());
-    ASSERT_TRUE(sim.AdvanceTime(30000)) << sim.GetError();
-    EXPECT_EQ(nStopped, Got(usFileID).size()) << "nothing moves while stopped, not even after the timers' waits";
+    EXPECT_TRUE(Events(Bob(), zvFsEventDownloadFinished).empty());
 
-    EXPECT_EQ(0u, Fs(Alice())->FsResumeUpload(usFileID));
-    EXPECT_EQ(0u, Fs(Bob())->FsResumeDownload(usFileID));
+    ASSERT_EQ(0u, Fs(Bob())->FsResumeDownload(usFileID));
     ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
-    EXPECT_EQ(data, Got(usFileID));
-    EXPECT_EQ(2u, Events(Alice(), zvFsEventStopResult).size());
+    EXPECT_EQ(data, Got());
+    EXPECT_EQ(1u, Events(Bob(), zvFsEventDownloadFinished).size());
+    EXPECT_NE(2, ToldState(Bob(), 0));
+}
+
+// A stop and a resume of Alice's upload travel to the second server, land in
+// both catalogues, and reach the users of both; the resume alone restarts
+// Alice, from what her server holds.
+TEST_F(ControlScene, AnUploadsStopAndResumeReachBothServersTheirCataloguesAndTheirUsers)
+{
+    Build(true);
+    ZV_SimHost* lpCarol = shape.Client(2);
+    const ZV_Bytes data = ZV_RandomBytes(30 * 32768 + 1, 8);
+    const uint16_t usFileID = Share("far.bin", data, false);
+    ASSERT_EQ(0u, Download(lpCarol, usFileID));
+    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_UPLOAD_REQUEST, shape.Server(0), 4));
+    auto RowStates = [&]() {
+        std::vector<uint16_t> vec;
+        for (ZV_SimHost* lpServer : shape.vecServers)
+        {
+            ZV_FileUploadInfo row;
+            vec.push_back(Row(lpServer, usFileID, row) ? row.m_BriefInfo.m_usFileState : 0xFFFF);
+        }
+        return vec;
+    };
+    ASSERT_EQ(0u, Fs(Alice())->FsStopUpload(usFileID));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    EXPECT_EQ(std::vector<uint16_t>({2, 2}), RowStates());
+    for (ZV_SimHost* lpClient : shape.vecClients)
+        EXPECT_EQ(2, ToldState(lpClient, 1)) << lpClient->GetName();
+    ASSERT_EQ(1u, Events(Alice(), zvFsEventStopResult).size());
+    EXPECT_EQ(1, Events(Alice(), zvFsEventStopResult)[0].vbData.at(8)) << "a stop";
+
+    ZV_SimLink* lpAliceLink = sim.GetClientLink(Alice());
+    ASSERT_TRUE(sim.Cut(lpAliceLink, zvConfClientTypeData));
+    const size_t nFrom = sim.Journal().Size();
+    ASSERT_EQ(0u, Fs(Alice())->FsResumeUpload(usFileID));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    EXPECT_EQ(std::vector<uint16_t>({1, 1}), RowStates());
+    ASSERT_EQ(2u, Events(Alice(), zvFsEventStopResult).size());
+    EXPECT_EQ(0, Events(Alice(), zvFsEventStopResult)[1].vbData.at(8)) << "a resume";
+    for (ZV_SimHost* lpClient : shape.vecClients)
+        EXPECT_EQ(1, ToldState(lpClient, 1)) << lpClient->GetName();
+    ZV_SimFilter restart;
+    restart.usNumber = PDU_CONF_FS_UPLOAD_RESPONSE;
+    restart.sPeer = Alice()->GetName();
+    restart.nFrom = nFrom;
+    EXPECT_EQ(1u, sim.Journal().Find(restart).size());
+
+    ASSERT_TRUE(sim.Restore(lpAliceLink, zvConfClientTypeData));
+    ASSERT_TRUE(sim.AdvanceTime(30000)) << sim.GetError();
+    EXPECT_EQ(data, QB_ReadWholeFile(Target(lpCarol, usFileID)));
+    EXPECT_EQ(std::vector<uint16_t>({3, 3}), RowStates());
+    // The creator's server tells its own clients of the completion.
+    for (ZV_SimHost* lpClient : {Alice(), Bob()})
+        EXPECT_EQ(3, ToldState(lpClient, 1)) << lpClient->GetName();
+}
+
+// A block that Alice's client cannot read fails her upload on both servers,
+// every user hears of it with the FileID, and her resume starts it again.
+TEST_F(ControlScene, AnUploadThatCannotReadFailsEverywhereUntilItsCreatorResumesIt)
+{
+    Build(true);
+    ZV_SimHost* lpCarol = shape.Client(2);
+    const ZV_Bytes data = ZV_RandomBytes(10 * 32768 + 7, 12);
+    const uint16_t usFileID = Share("bad.bin", data, false);
+    sim.GetEnv().FailAt(QB_EnvOp::Read, 2);
+    ASSERT_EQ(0u, Fs(Alice())->FsUpload(usFileID));
+    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
+    for (ZV_SimHost* lpClient : shape.vecClients)
+    {
+        const auto vecError = Events(lpClient, zvFsEventTransferError);
+        ASSERT_EQ(lpClient == Alice() ? 2u : 1u, vecError.size()) << lpClient->GetName();
+        for (const auto& error : vecError)
+        {
+            EXPECT_EQ(ZV_ERR_IO, ZV_ResultOf(error));
+            EXPECT_EQ(usFileID, error.vbData.at(6) | error.vbData.at(7) << 8);
+        }
+    }
+    for (ZV_SimHost* lpServer : shape.vecServers)
+    {
+        ZV_FileUploadInfo row;
+        ASSERT_TRUE(Row(lpServer, usFileID, row));
+        EXPECT_LT(row.m_ulFileWritePos, data.size()) << lpServer->GetName();
+    }
+
+    ASSERT_EQ(0u, Fs(Alice())->FsResumeUpload(usFileID));
+    ASSERT_EQ(0u, Download(lpCarol, usFileID));
+    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
+    EXPECT_EQ(data, QB_ReadWholeFile(Target(lpCarol, usFileID)));
+}
+
+// When the data link between the servers comes back, the creator's home
+// server tells the other how far the upload stands, as a resume would;
+// the other server, not the creator's home, says nothing.
+TEST_F(ControlScene, AServerLinkComingBackRepublishesTheUploadFromTheCreatorsHomeAlone)
+{
+    Build(true);
+    const ZV_Bytes data = ZV_RandomBytes(3 * 32768 + 5, 13);
+    const uint16_t usFileID = Share("told.bin", data);
+    ZV_SimLink* lpLink = sim.GetServerLink(shape.Server(0)->GetLocalServerID(), shape.Server(1)->GetLocalServerID());
+    ASSERT_NE(nullptr, lpLink);
+    ASSERT_TRUE(sim.Cut(lpLink, zvConfServerTypeData));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    ZV_SimFilter told;
+    told.usNumber = PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST;
+    told.nFrom = sim.Journal().Size();
+    ASSERT_TRUE(sim.Restore(lpLink, zvConfServerTypeData));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    const auto vecTold = sim.Journal().Find(told);
+    ASSERT_FALSE(vecTold.empty());
+    EXPECT_EQ(shape.Server(0)->GetName(), vecTold[0].sNode);
+    // Behind the conference word: FileID, creator, flood number, bStop,
+    // position. The other server only passes the one flood on.
+    uint32_t ulFloodSeq = 0;
+    for (const ZV_SimEntry& entry : vecTold)
+    {
+        QB_ByteStream stream(entry.vbData.data(), (int32_t)entry.vbData.size());
+        stream.Skip(2);
+        EXPECT_EQ(usFileID, stream.ReadU16());
+        stream.Skip(8);
+        const uint32_t ulSeq = stream.ReadU32();
+        EXPECT_EQ(ulFloodSeq == 0 ? ulSeq : ulFloodSeq, ulSeq) << entry.sNode;
+        ulFloodSeq = ulSeq;
+        EXPECT_EQ(0, stream.ReadU8());
+        EXPECT_EQ(data.size(), stream.ReadU32());
+    }
 }

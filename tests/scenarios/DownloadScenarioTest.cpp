@@ -186,3 +186,34 @@ TEST_F(DownloadScene, AClientSharesMoreFilesThanTheProcessMayHoldOpenAndStillUpl
     };
     EXPECT_EXIT(std::_Exit(fnChild()), testing::ExitedWithCode(0), "");
 }
+
+// A block that the server cannot read from its store, or that Bob's disk
+// refuses, ends his download there: he is told with result 61, the server
+// is asked to stop, and nothing more is written.
+TEST_F(DownloadScene, ABlockThatCannotBeReadOrWrittenEndsTheDownloadWith61)
+{
+    Build(false);
+    const ZV_Bytes data = ZV_RandomBytes(20 * 32768, 5);
+    uint16_t usFileID = Share("full.bin", data);
+    for (QB_EnvOp op : {QB_EnvOp::Read, QB_EnvOp::Write})
+    {
+        const size_t nFrom = sim.Journal().Size();
+        sim.GetEnv().ResetCounts();
+        sim.GetEnv().FailAt(op, 3);
+        ASSERT_EQ(0u, Download(Bob(), usFileID));
+        ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
+        sim.GetEnv().ClearFaults();
+        const auto vecState = Events(Bob(), zvFsEventDownloadState);
+        ASSERT_FALSE(vecState.empty());
+        EXPECT_EQ(ZV_ERR_IO, ZV_ResultOf(vecState.back()));
+        EXPECT_EQ(usFileID, vecState.back().vbData.at(6) | vecState.back().vbData.at(7) << 8);
+        ZV_SimFilter stop;
+        stop.usNumber = PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST;
+        stop.sNode = Bob()->GetName();
+        stop.nFrom = nFrom;
+        EXPECT_EQ(1u, sim.Journal().Find(stop).size());
+        EXPECT_EQ(2u * 32768, QB_ReadWholeFile(Target(Bob(), usFileID)).size());
+        EXPECT_TRUE(Events(Bob(), zvFsEventDownloadFinished).empty());
+        usFileID = Share("again.bin", data);
+    }
+}

@@ -1,0 +1,92 @@
+// The trace line each handler prints as it starts, whatever the payload
+// turns out to hold: a PDU of every number a handler takes is sent to Bob.
+#include "ZV_SceneFixture.h"
+
+#include "ZV_AddPdu.h"
+#include "ZV_PduFrame.h"
+
+#include <cstdio>
+
+using TraceScene = ZV_Scene;
+
+TEST_F(TraceScene, EveryHandlerPrintsItsLineAsItStartsAndANumberNoneTakesGives5)
+{
+    Build();
+    const uint16_t usFileID = Share("traced.bin", {1, 2, 3}, false);
+    std::FILE* lpTrace = std::tmpfile();
+    ZV_SetTraceStream(lpTrace);
+    auto Traced = [&]() {
+        std::string sAll(std::ftell(lpTrace), '\0');
+        std::rewind(lpTrace);
+        sAll.resize(std::fread(sAll.data(), 1, sAll.size(), lpTrace));
+        std::fseek(lpTrace, 0, SEEK_END);
+        return sAll;
+    };
+#define ZV_ROW(pdu) {pdu, #pdu}
+    // Those of the sessions first: some of the manager's, such as the
+    // server's list, take Bob's sessions away.
+    const std::pair<uint16_t, const char*> aRows[] = {
+        ZV_ROW(PDU_CONF_FS_SET_RIGHT_REQUEST), ZV_ROW(PDU_CONF_FS_UPLOAD_RESPONSE),
+        ZV_ROW(PDU_CONF_FS_UPLOAD_FINISH_Response), ZV_ROW(PDU_CONF_FS_DEL_DOWNLOAD_REQUEST),
+        ZV_ROW(PDU_CONF_FS_DEL_DOWNLOAD_RESPONSE), ZV_ROW(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST),
+        ZV_ROW(PDU_CONF_FS_DOWNLOAD_REQUEST), ZV_ROW(PDU_CONF_FS_DOWNLOAD_RESPONSE),
+        ZV_ROW(PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST), ZV_ROW(PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST),
+        ZV_ROW(PDU_CONF_FS_IS_STOP_UPLOAD_RESPONSE), ZV_ROW(PDU_CONF_FS_PROGRESSING_REQUEST),
+        ZV_ROW(PDU_CONF_FS_UPLOAD_ERROR_REQUEST), ZV_ROW(PDU_CONF_FS_UPLOAD_ERROR_RESPONSE),
+        ZV_ROW(PDU_CONF_FS_NOTICE_DEL_DOWNLOAD_INFO_REQUEST), ZV_ROW(PDU_CONF_FS_ADD_REQUEST),
+        ZV_ROW(PDU_CONF_FS_ADD_RESPONSE), ZV_ROW(PDU_CONF_FS_SET_RIGHT_RESPONSE),
+        ZV_ROW(PDU_CONF_FS_DEL_UPLOAD_REQUEST), ZV_ROW(PDU_CONF_FS_DEL_UPLOAD_RESPONSE),
+        ZV_ROW(PDU_CONF_GET_UPLOAD_SESSION_LIST_REQUEST), ZV_ROW(PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE),
+        ZV_ROW(PDU_CONF_GET_DOWNLOAD_SESSION_LIST_REQUEST), ZV_ROW(PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE),
+        ZV_ROW(PDU_CONF_GET_FILE_LIST_REQUEST), ZV_ROW(PDU_CONF_GET_FILE_LIST_RESPONSE),
+        ZV_ROW(PDU_CONF_FS_SET_FILES_RIGHT_REQUEST), ZV_ROW(PDU_CONF_FS_ADD_FILES_REQUEST),
+        ZV_ROW(PDU_CONF_FS_ADD_FILES_RESPONSE),
+    };
+#undef ZV_ROW
+    const uint32_t ulConn = shape.Server()->GetUserConn(&Bob()->GetUserID(), zvConfClientTypeCommand);
+    std::vector<uint8_t> vbPayload(300, 0);
+    vbPayload[0] = (uint8_t)usFileID;
+    vbPayload[1] = (uint8_t)(usFileID >> 8);
+    // A well-formed announcement of someone else's file, which a client's
+    // manager passes on to the new session.
+    ZV_AddResponse answer;
+    answer.usRouteID = answer.usFileID = 900;
+    answer.user = QB_UserID(555, 0);
+    answer.brief.SetCreatorID(answer.user);
+    answer.brief.SetPublic(true);
+    ZV_PduBuffer add;
+    answer.Save(add.Stream());
+    for (const auto& [usPdu, szName] : aRows)
+    {
+        const long nBefore = std::ftell(lpTrace);
+        if (usPdu == PDU_CONF_FS_ADD_RESPONSE)
+            shape.Server()->SendPdu(ulConn, usPdu, add.Payload(), add.PayloadLength(), 1, 1);
+        else
+            shape.Server()->SendPdu(ulConn, usPdu, vbPayload.data(), (uint32_t)vbPayload.size(), 1, 1);
+        ASSERT_TRUE(sim.Run()) << sim.GetError();
+        std::string sLine = std::string("recv a ") + szName + "\r\n";
+        if (usPdu == PDU_CONF_FS_ADD_RESPONSE)
+            sLine += sLine;
+        EXPECT_EQ((size_t)nBefore, Traced().find(sLine, nBefore)) << szName;
+        // Handlers give 0; 5 only where the zeros ran short of a field.
+        const uint32_t ulResult = sim.Journal().PdusTo(usPdu, Bob()->GetName()).back().ulResult;
+        EXPECT_TRUE(ulResult == 0 || ulResult == ZV_ERR_NO_HANDLER) << szName << " gave " << ulResult;
+    }
+    // Numbers that no handler takes, and the answer to a rights change of
+    // several files that nothing reads, print nothing and give 5.
+    const long nBefore = std::ftell(lpTrace);
+    const size_t nFrom = sim.Journal().Size();
+    for (uint16_t usPdu : {8019, 8020, 9000, (int)PDU_CONF_FS_SET_FILES_RIGHT_RESPONSE})
+        shape.Server()->SendPdu(ulConn, usPdu, vbPayload.data(), (uint32_t)vbPayload.size(), 1, 1);
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    EXPECT_EQ((size_t)nBefore, Traced().size());
+    ZV_SimFilter filter;
+    filter.eFate = ZV_SimFate::Delivered;
+    filter.nFrom = nFrom;
+    ASSERT_EQ(4u, sim.Journal().Find(filter).size());
+    for (const ZV_SimEntry& entry : sim.Journal().Find(filter))
+        EXPECT_EQ(ZV_ERR_NO_HANDLER, entry.ulResult) << entry.usNumber;
+    EXPECT_EQ(ZV_ERR_NO_HANDLER, Bob()->GetModule()->HandlePdu(nullptr));
+    ZV_SetTraceStream(nullptr);
+    std::fclose(lpTrace);
+}

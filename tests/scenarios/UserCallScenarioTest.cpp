@@ -1,0 +1,119 @@
+// The user side's calls as a person meets them: what each gives without a
+// link to the server or for a file nobody shared, and who gets to see a
+// file shared with a list of users.
+#include "ZV_SceneFixture.h"
+
+#include "ZV_RecordStream.h"
+
+#include <functional>
+
+using UserCallScene = ZV_Scene;
+
+TEST_F(UserCallScene, EachCallSaysWhyItCannotGoAndSendsNothing)
+{
+    Build();
+    std::filesystem::create_directories(Alice()->GetHome() + "log");
+    const uint16_t usFileID = Share("mine.bin", {1, 2, 3}, false);
+    const std::u16string sPath = ZV_Wide(tmp.Sub("alice/mine.bin"));
+    const std::u16string sFolder = ZV_Wide(tmp.Sub("alice"));
+    const char16_t* apNames[] = {u"mine.bin"};
+    const std::u16string sTarget = ZV_Wide(tmp.Sub("got.bin"));
+    IZV_FileShareMgr* lpFs = Fs(Alice());
+    struct Call
+    {
+        const char* szName;
+        std::function<uint32_t(uint16_t)> fn;
+        uint32_t ulUnlinked;  // with the command link down
+    };
+    const Call aCalls[] = {
+        {"FsAdd", [&](uint16_t) { return lpFs->FsAdd(sPath.c_str(), nullptr, 0, 1, 0); }, ZV_ERR_NO_CONN},
+        {"FsFilesAdd", [&](uint16_t) { return lpFs->FsFilesAdd(sFolder.c_str(), apNames, 1, nullptr, 0, 1, 0); },
+         ZV_ERR_NO_CONN},
+        {"FsDownload", [&](uint16_t usID) { return lpFs->FsDownload(usID, sTarget.c_str()); }, ZV_ERR_NO_CONN},
+        {"FsStopDownload", [&](uint16_t usID) { return lpFs->FsStopDownload(usID); }, ZV_ERR_NO_CONN},
+        {"FsResumeDownload", [&](uint16_t usID) { return lpFs->FsResumeDownload(usID); }, ZV_ERR_NO_CONN},
+        {"FsStopUpload", [&](uint16_t usID) { return lpFs->FsStopUpload(usID); }, ZV_ERR_NO_CONN},
+        {"FsResumeUpload", [&](uint16_t usID) { return lpFs->FsResumeUpload(usID); }, ZV_ERR_NO_CONN},
+        // The start marker waits for the link; the call itself succeeds.
+        {"FsUpload", [&](uint16_t usID) { return lpFs->FsUpload(usID); }, ZV_OK},
+    };
+    ZV_SimFilter fromAlice;
+    fromAlice.eKind = ZV_SimEntryKind::Pdu;
+    fromAlice.sNode = Alice()->GetName();
+    fromAlice.nFrom = sim.Journal().Size();
+    for (const Call& call : aCalls)
+    {
+        if (std::string(call.szName).find("Add") == std::string::npos)
+        {
+            EXPECT_EQ(ZV_ERR_UNKNOWN_FILE, call.fn(0x4321)) << call.szName;
+        }
+    }
+    EXPECT_TRUE(sim.Journal().Find(fromAlice).empty());
+    EXPECT_EQ(1u, QB_CountInFiles(Alice()->GetHome() + "log/log_error_client.txt", "ZV_FileShareMgr.FsUpload ret = 82"));
+
+    ASSERT_TRUE(sim.Cut(sim.GetClientLink(Alice()), zvConfClientTypeCommand));
+    fromAlice.nFrom = sim.Journal().Size();
+    for (const Call& call : aCalls)
+        EXPECT_EQ(call.ulUnlinked, call.fn(usFileID)) << call.szName;
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    for (const ZV_SimEntry& entry : sim.Journal().Find(fromAlice))
+        EXPECT_TRUE(entry.usNumber == PDU_CONF_FS_UPLOAD_REQUEST || entry.usNumber == PDU_CONF_FS_KICK)
+            << entry.usNumber << ": only FsUpload's start marker and kick are tried";
+}
+
+// Alice shares one file and a batch with Bob alone: Bob is told of them,
+// Carol of nothing.
+TEST_F(UserCallScene, FilesSharedWithAListAreShownToTheUsersOnItAlone)
+{
+    Build();
+    ZV_SimHost* lpCarol = sim.AddClient(ZV_SimBuilder::kConfID, ZV_SimBuilder::MakeUser(1, 2));
+    ASSERT_TRUE(lpCarol && sim.Run()) << sim.GetError();
+    std::filesystem::create_directories(tmp.Sub("alice"));
+    for (const char* szName : {"one.bin", "two.bin", "three.bin"})
+        QB_WriteWholeFile(tmp.Sub(std::string("alice/") + szName), ZV_Bytes{7});
+    const QB_UserID aRight[] = {Bob()->GetUserID(), QB_UserID(999, 9)};
+    ASSERT_EQ(0u, Fs(Alice())->FsAdd(ZV_Wide(tmp.Sub("alice/one.bin")).c_str(), aRight, 2, 0, 0));
+    const char16_t* apNames[] = {u"two.bin", u"three.bin"};
+    ASSERT_EQ(0u, Fs(Alice())->FsFilesAdd(ZV_Wide(tmp.Sub("alice")).c_str(), apNames, 2, aRight, 2, 0, 0));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+
+    auto Told = [&](ZV_SimHost* lpClient) {
+        size_t nFiles = Events(lpClient, zvFsEventFileAdded).size();
+        for (const auto& report : Events(lpClient, zvFsEventFilesAdded))
+        {
+            QB_ByteStream stream(report.vbData.data(), (int32_t)report.vbData.size());
+            stream.Skip(6);
+            QB_Array<uint16_t> arrFileID;
+            LoadU16Array(stream, arrFileID);
+            nFiles += (size_t)arrFileID.GetSize();
+        }
+        return nFiles;
+    };
+    EXPECT_EQ(3u, Told(Alice()));
+    EXPECT_EQ(3u, Told(Bob()));
+    EXPECT_EQ(0u, Told(lpCarol));
+
+    // Carol asks for the first file all the same: refused with 40, which
+    // the server's handler still gives the host as 0.
+    const uint16_t usFirst = 1;
+    ASSERT_EQ(0u, Download(lpCarol, usFirst));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    const auto vecAnswer = Events(lpCarol, zvFsEventDownloadState);
+    ASSERT_EQ(1u, vecAnswer.size());
+    EXPECT_EQ(ZV_ERR_NOT_ENTITLED, ZV_ResultOf(vecAnswer[0]));
+    const auto vecAsked = sim.Journal().PdusTo(PDU_CONF_FS_DOWNLOAD_REQUEST, shape.Server()->GetName());
+    ASSERT_EQ(1u, vecAsked.size());
+    EXPECT_EQ(0u, vecAsked[0].ulResult);
+}
+
+// Link calls of a kind that concerns no node still give the host 0.
+TEST_F(UserCallScene, LinkCallsOfNoKnownKindGive0OnServersAndClients)
+{
+    Build(true);
+    const QB_UserID peer(77, 0);
+    for (ZV_SimHost* lpNode : sim.GetNodes())
+    {
+        EXPECT_EQ(0u, lpNode->GetModule()->OnConnect(&peer, 999, 0x55, 0)) << lpNode->GetName();
+        EXPECT_EQ(0u, lpNode->GetModule()->OnDisconnect(&peer, 999, 0x55, 0)) << lpNode->GetName();
+    }
+}
