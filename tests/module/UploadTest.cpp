@@ -5,6 +5,9 @@
 #include "ZV_FileShareMgr.h"
 #include "ZV_FileShareMgrPeer.h"
 #include "ZV_FileShareSession.h"
+#include "ZV_ListPdu.h"
+#include "ZV_ControlPdu.h"
+#include "ZV_PduFrame.h"
 #include "ZV_RecordingHost.h"
 
 #include "QB_FaultEnv.h"
@@ -262,4 +265,60 @@ TEST_F(Upload, StateNoticeRaisesOneTransferStateEventPerFileAndIgnoresATruncated
     ASSERT_EQ(2u, host.m_vecEvents.size());
     EXPECT_EQ(Pdu().U16(zvFsEventTransferState).U32(0).U8(1).U16(5).U16(4).b, host.m_vecEvents[0].data);
     EXPECT_EQ(Pdu().U16(zvFsEventTransferState).U32(0).U8(1).U16(300).U16(4).b, host.m_vecEvents[1].data);
+}
+
+// The server's list wins, except where the creator's own client is ahead of
+// it on whether its upload runs.
+TEST_F(Upload, TheCreatorsClientKeepsItsOwnRunOrStopAgainstTheServersListAndTellsTheServerOfAStop)
+{
+    struct
+    {
+        const char* pszName;
+        uint16_t usLocal, usServer, usAfter;
+        bool bStopSent;
+    } aCases[] = {
+        {"complete here, running there: takes the server's state", 3, 1, 1, false},
+        {"failed here, running there: runs again", 4, 1, 1, false},
+        {"running here, stopped there: keeps running", 1, 2, 1, false},
+        {"the same on both sides", 2, 2, 2, false},
+        {"stopped here, running there: stays stopped and says so", 2, 1, 2, true},
+    };
+    for (const auto& c : aCases)
+    {
+        SCOPED_TRACE(c.pszName);
+        Make(false, 100000);
+        host.AddUser(kAlice, host.m_ulServerID, "Alice");
+        ZV_FileShareSessionPeer::BriefInfo(*lpSession).SetFileState(c.usLocal);
+        ZV_UploadListResponse list;
+        ZV_FileUploadInfo entry;
+        entry.SetFileID(5);
+        entry.SetFileWritePos(40000);
+        ZV_FileBriefInfo brief = ZV_FileShareSessionPeer::BriefInfo(*lpSession);
+        brief.SetFileState(c.usServer);
+        entry.SetBriefInfo(brief);
+        list.arrInfo.Add(entry);
+        list.arrMaxPos.Add(40000);
+        ZV_PduBuffer pdu;
+        list.Save(pdu.Stream());
+        const Bytes payload(pdu.Payload(), pdu.Payload() + pdu.PayloadLength());
+        ConfPduData cpd{0, 0, 11, 0, zvConfClientTypeCommand, PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE, 0, 0, 0,
+                        (uint32_t)payload.size(), payload.data()};
+        mgr.HandlePdu(&cpd);
+
+        ZV_FsFileInfo info{};
+        ASSERT_EQ(0u, static_cast<IZV_FileShareMgr&>(mgr).FsGetFileInfoByFileID(5, &info));
+        EXPECT_EQ(c.usAfter, info.usFileState);
+        const auto vecStop = host.SentOf(PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST);
+        ASSERT_EQ(c.bStopSent ? 1u : 0u, vecStop.size());
+        if (c.bStopSent)
+        {
+            ZV_StopUploadAsk ask;
+            QB_ByteStream stream(vecStop[0].data.data(), (int32_t)vecStop[0].data.size());
+            ask.Load(stream);
+            EXPECT_EQ(5, ask.usFileID);
+            EXPECT_EQ(kAlice, ask.user);
+            EXPECT_EQ(1, ask.bStop);
+            EXPECT_EQ(40000u, ask.ulPos);
+        }
+    }
 }
