@@ -57,3 +57,18 @@ ZV_SimShape ZV_SimBuilder::TwoLinkedServers(ZV_SimConference& sim, uint32_t ulCo
     AddClients(sim, shape, ulConfID, 2, nClientsEach);
     return shape;
 }
+
+ZV_SimShape ZV_SimBuilder::ServersInALine(ZV_SimConference& sim, int nServers, int nClientsEach, uint32_t ulConfID)
+{
+    ZV_SimShape shape;
+    for (int i = 1; i <= nServers; ++i)
+        shape.vecServers.push_back(sim.AddServer(ulConfID, (uint32_t)i));
+    for (int i = 1; i < nServers && shape.IsComplete(); ++i)
+        if (!sim.LinkServers((uint32_t)i, (uint32_t)i + 1))
+            shape.vecServers.push_back(nullptr);
+    if (!shape.IsComplete())
+        return shape;
+    for (int i = 1; i <= nServers; ++i)
+        AddClients(sim, shape, ulConfID, (uint32_t)i, nClientsEach);
+    return shape;
+}

@@ -31,6 +31,12 @@ public:
     // default two: Alice and Bob on server 1, Carol and Dave on server 2.
     static ZV_SimShape TwoLinkedServers(ZV_SimConference& sim, uint32_t ulConfID = kConfID, int nClientsEach = 2);
 
+    // Servers 1 to nServers linked in a line, 1-2, 2-3 and so on, each with
+    // nClientsEach users; with one each, Alice, Carol and Erin on servers
+    // 1, 2 and 3.
+    static ZV_SimShape ServersInALine(ZV_SimConference& sim, int nServers, int nClientsEach = 1,
+                                      uint32_t ulConfID = kConfID);
+
     // The n-th user (from 0) of a server, as the shapes make them.
     static ZV_SimUser MakeUser(uint32_t ulServerID, int nIndex);
 };

@@ -94,6 +94,15 @@ public:
     // Both connections: data, then command down; command, then data up.
     bool CutLink(ZV_SimLink* lpLink);
     bool RestoreLink(ZV_SimLink* lpLink);
+    // The server node's manager is destroyed and made anew on the same home
+    // folder, its store and catalogue as they are on disk; its links go
+    // down meanwhile and those that were up come back, with event 11 on
+    // server links and event 21 for each client that is still in the
+    // conference.
+    bool RestartServer(ZV_SimHost* lpServer);
+    // The client's user leaves, its manager is destroyed and made anew on
+    // the same home folder, and the user rejoins.
+    bool RestartClient(ZV_SimHost* lpClient);
     // Changes the user's role and tells the user's client with event 14:
     // a1 is 1 when the privileged role comes, 0 when it goes.
     bool SetUserRole(ZV_SimHost* lpClient, uint16_t usRole);

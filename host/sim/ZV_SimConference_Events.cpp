@@ -100,6 +100,65 @@ bool ZV_SimConference::RestoreLink(ZV_SimLink* lpLink)
     return bCommand || bData;
 }
 
+// As a restart of the server's process: its links go down, taking what
+// they carried; the manager is destroyed and made anew on the same home
+// folder; the links that were up come back, and each client whose link came
+// back enters again, so that the new manager gives it both lists.
+bool ZV_SimConference::RestartServer(ZV_SimHost* lpServer)
+{
+    if (!lpServer || !lpServer->IsServer())
+        return Fail("only a server node restarts");
+    struct WasUp
+    {
+        ZV_SimLink* lpLink;
+        bool bCommand;
+        bool bData;
+    };
+    std::vector<WasUp> vecUp;
+    for (const ZV_SimLinkEnd& end : m_network.LinksOf(lpServer))
+    {
+        vecUp.push_back({end.lpLink, end.lpLink->IsUp(zvSimCommand), end.lpLink->IsUp(zvSimData)});
+        CutLink(end.lpLink);
+    }
+    lpServer->Stop(m_api);
+    if (!lpServer->Start(m_api))
+        return Fail("the module made no manager for " + lpServer->GetName() + ": " + m_api.GetError());
+    for (const WasUp& up : vecUp)
+    {
+        if (up.bCommand)
+            m_network.Open(up.lpLink, zvSimCommand);
+        if (up.bData)
+            m_network.Open(up.lpLink, zvSimData);
+        if (!up.bCommand)
+            continue;
+        if (up.lpLink->IsServerLink())
+        {
+            RaiseServerLink(up.lpLink, m_network.NodesOn(up.lpLink));
+            continue;
+        }
+        ZV_SimHost* lpClient = up.lpLink->GetMachine(1 - up.lpLink->SideOf(lpServer->GetMachine()))
+                                   ->FindNode(lpServer->GetConfID());
+        if (lpClient && GetUsers(lpClient->GetConfID()).Find(lpClient->GetUserID()))
+        {
+            QB_UserID idUser = lpClient->GetUserID();
+            lpServer->DeliverEvent(zvConfEventUserEnter, 0, (uintptr_t)&idUser, lpClient->GetMachine()->GetName());
+        }
+    }
+    return true;
+}
+
+// As a restart of the user's program: the user leaves, the manager is
+// destroyed and made anew on the same home folder, and the user comes back.
+bool ZV_SimConference::RestartClient(ZV_SimHost* lpClient)
+{
+    if (!lpClient || lpClient->IsServer() || !Leave(lpClient))
+        return Fail("only a client in its conference restarts");
+    lpClient->Stop(m_api);
+    if (!lpClient->Start(m_api))
+        return Fail("the module made no manager for " + lpClient->GetName() + ": " + m_api.GetError());
+    return Rejoin(lpClient, false);
+}
+
 bool ZV_SimConference::SetUserRole(ZV_SimHost* lpClient, uint16_t usRole)
 {
     if (!lpClient || lpClient->IsServer() || !GetUsers(lpClient->GetConfID()).Find(lpClient->GetUserID()))
