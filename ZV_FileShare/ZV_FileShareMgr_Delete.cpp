@@ -58,6 +58,7 @@ uint32_t ZV_FileShareMgr::FsDelDownload(uint16_t usFileID, uint8_t bDeleteFile)
     assert(m_lpConf && "m_lpConf");
     return GuardFs("ZV_FileShareMgr::FsDelDownload exception.\r\n", [&]() -> uint32_t {
         SetSessionBusy(0, usFileID);
+        m_ShareLedger.ForgetDownload(m_lpConf->GetConfID(), usFileID);
         ZV_FileShareSession* lpFsSession = nullptr;
         QB_StringW sLocalPath;
         ZV_FileDownloadInfo download;
@@ -192,6 +193,8 @@ uint32_t ZV_FileShareMgr::HandleDelUploadResponse(ConfPduData* lpCpd)
 // creator's own shared file is never a download record, so it stays.
 void ZV_FileShareMgr::DropDeletedSession(uint16_t usFileID, ZV_FileShareSession* lpFsSession)
 {
+    // A file shared later under the same FileID is not what the user asked for.
+    m_ShareLedger.ForgetDownload(m_lpConf->GetConfID(), usFileID);
     const ZV_FileDownloadInfo& download = lpFsSession->LocalDownload();
     const bool bNamed = !download.m_sFileName.IsEmpty() && !download.m_sFilePath.IsEmpty();
     if (download.m_usState == ZV_DLSTATE_FINISHED || download.m_usState == ZV_DLSTATE_NEW)

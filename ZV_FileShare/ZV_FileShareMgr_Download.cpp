@@ -21,8 +21,11 @@ uint32_t ZV_FileShareMgr::FsDownload(uint16_t usFileID, const char16_t* szLocalP
         if (ulConn == zvConnNone)
             return ZV_ERR_NO_CONN;
         const QB_StringU8 sPath(QB_WithBackslashes(szLocalPath));
-        // The one answer this client will take is the one for this path.
+        // The one answer this client will take is the one for this path;
+        // after a restart, the server's list may resume a download only to
+        // the path its user last asked for.
         lpFsSession->ExpectDownload(sPath);
+        m_ShareLedger.RememberDownload(m_lpConf->GetConfID(), usFileID, sPath);
         return lpFsSession->SendDownloadRequest(ulConn, usFileID, m_lpConf->GetLocalUserID(), 0, sPath, 0, 0, 0);
     });
 }

@@ -168,10 +168,16 @@ bool ZV_FileShareMgr::ResumeListedDownload(const ConfPduData* lpCpd, ZV_FileShar
         return false;
     }
     // The client only ever touches a file its user chose to download into:
-    // the record's path must be the one this client holds.
-    if (r.m_sFileName.IsEmpty() || !bRecord || sPath != QB_StringW(d.m_sFilePath + d.m_sFileName))
+    // the record's path must be the one this client holds, or, when a
+    // restart took its record, the one its user last asked for.
+    if (r.m_sFileName.IsEmpty() ||
+        (bRecord ? sPath != QB_StringW(d.m_sFilePath + d.m_sFileName)
+                 : !m_ShareLedger.HoldsDownload(m_lpConf->GetConfID(), usFileID, r.m_sFilePath + r.m_sFileName)))
         return false;
-    const ZV_FileBriefInfo& brief = lpFsSession->FileInfo().m_BriefInfo;
+    // A client's description of a file is the one it was last told, by an
+    // announcement or an upload list; the record an upload list brought is
+    // not there for a file that was only announced.
+    const ZV_FileBriefInfo& brief = lpFsSession->BriefInfo();
     if (!brief.m_bPublic && brief.m_arrRight.Find(listUser) < 0)
     {
         DropWithdrawnDownload(usFileID, lpFsSession, r);
@@ -208,8 +214,10 @@ bool ZV_FileShareMgr::ResumeListedDownload(const ConfPduData* lpCpd, ZV_FileShar
 // download may create the file anew.
 uint32_t ZV_FileShareMgr::MeasureLocalFile(QB_FileEx& f, const QB_StringW& sPath, bool bMayCreate, uint32_t& ulSize)
 {
-    if (!f.IsOpen() && !f.Open(sPath, QB_FILE_READWRITE | QB_FILE_OPEN_EXISTING) &&
-        (!bMayCreate || !f.Open(sPath, QB_FILE_READWRITE | QB_FILE_OPEN_ALWAYS)))
+    // As for any download target, a link planted at the path is not
+    // followed.
+    if (!f.IsOpen() && !f.Open(sPath, QB_FILE_READWRITE | QB_FILE_OPEN_EXISTING | QB_FILE_NO_LINK) &&
+        (!bMayCreate || !f.Open(sPath, QB_FILE_READWRITE | QB_FILE_OPEN_ALWAYS | QB_FILE_NO_LINK)))
         return ZV_ERR_OPEN;
     const int32_t nLength = f.GetLength();
     if (nLength < 0)
@@ -264,8 +272,11 @@ void ZV_FileShareMgr::DropWithdrawnDownload(uint16_t usFileID, ZV_FileShareSessi
 {
     ZV_FileDownloadInfo& download = lpFsSession->LocalDownload();
     lpFsSession->CloseFile();
+    m_ShareLedger.ForgetDownload(m_lpConf->GetConfID(), usFileID);
+    // The record's path is the local one, or the one the user last asked
+    // for when a restart took the local record.
     if (r.m_usState != ZV_DLSTATE_FINISHED && download.m_usState != ZV_DLSTATE_FINISHED)
-        QB_FileEx::Delete(QB_StringW(download.m_sFilePath + download.m_sFileName));
+        QB_FileEx::Delete(QB_StringW(r.m_sFilePath + r.m_sFileName));
     download.SetDownloadPos(0);
     download.SetState(ZV_DLSTATE_NEW);
     SetSessionBusy(0, usFileID);

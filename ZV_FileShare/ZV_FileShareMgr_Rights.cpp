@@ -218,6 +218,7 @@ void ZV_FileShareMgr::DropLostDownload(uint16_t usFileID, ZV_FileShareSession* l
 {
     NotifyFileHidden(ZV_OK, usFileID);
     lpFsSession->CloseFile();
+    m_ShareLedger.ForgetDownload(m_lpConf->GetConfID(), usFileID);
     ZV_FileDownloadInfo& download = lpFsSession->LocalDownload();
     if (download.m_usState != ZV_DLSTATE_FINISHED)
     {

@@ -11,6 +11,13 @@ constexpr char16_t kConfID[] = u"ConfID";
 constexpr char16_t kPath[] = u"Path";
 constexpr char16_t kLength[] = u"Length";
 constexpr char16_t kModifyTime[] = u"ModifyTime";
+constexpr char16_t kFileID[] = u"FileID";
+constexpr char16_t kTarget[] = u"Target";
+
+uint32_t TargetKey(uint32_t ulConfID, uint16_t usFileID)
+{
+    return (ulConfID & 0xFFFF) << 16 | usFileID;
+}
 
 QB_StringU8 LocalPath(const ZV_FileBriefInfo& brief)
 {
@@ -51,7 +58,37 @@ void ZV_ShareLedger::Load(bool bCreate)
     QB_Array<QB_StringW> arrNames;
     m_IniFile.GetSectionNames(arrNames);
     for (int i = 0; i < arrNames.GetSize(); ++i)
-        LoadRow(arrNames[i]);
+    {
+        // Names come as the file has them, "[S12]" or "[D13]". Rows are
+        // numbered across both kinds, so a new one never takes a name that
+        // stands in the file.
+        const int nNumber = atoi(QB_StringA(arrNames[i].Mid(2)).GetString());
+        if (nNumber > m_nLastSection)
+            m_nLastSection = nNumber;
+        if (arrNames[i].Mid(1, 1) == QB_StringW(u"D"))
+            LoadTarget(arrNames[i]);
+        else
+            LoadRow(arrNames[i]);
+    }
+}
+
+QB_StringW ZV_ShareLedger::NewSection(char16_t chKind)
+{
+    QB_StringW sSection;
+    sSection.Format("%c%d", (char)chKind, ++m_nLastSection);
+    return sSection;
+}
+
+void ZV_ShareLedger::LoadTarget(const QB_StringW& sSection)
+{
+    const int32_t nConfID = m_IniFile.GetLong(sSection, kConfID, -1);
+    const int32_t nFileID = m_IniFile.GetLong(sSection, kFileID, -1);
+    const QB_StringW sPath = m_IniFile.GetString(sSection, kTarget, QB_StringW());
+    if (nConfID < 0 || nFileID < 0 || nFileID > 0xFFFF || sPath.IsEmpty())
+        return;
+    Target& target = m_mapTargets[TargetKey((uint32_t)nConfID, (uint16_t)nFileID)];
+    target.sSection = sSection;
+    target.sPath = QB_StringU8(sPath).GetString();
 }
 
 void ZV_ShareLedger::LoadRow(const QB_StringW& sSection)
@@ -60,9 +97,6 @@ void ZV_ShareLedger::LoadRow(const QB_StringW& sSection)
     const QB_StringW sPath = m_IniFile.GetString(sSection, kPath, QB_StringW());
     const QB_StringW sLength = m_IniFile.GetString(sSection, kLength, QB_StringW());
     const QB_StringW sTime = m_IniFile.GetString(sSection, kModifyTime, QB_StringW());
-    const int nNumber = atoi(QB_StringA(sSection.Mid(2)).GetString());
-    if (nNumber > m_nLastSection)
-        m_nLastSection = nNumber;
     if (nConfID < 0 || sPath.IsEmpty() || sLength.IsEmpty() || sTime.IsEmpty())
         return;
     Row row;
@@ -99,7 +133,7 @@ bool ZV_ShareLedger::Note(uint32_t ulConfID, const ZV_FileBriefInfo& brief)
         return false;
     Row& row = m_mapRows[KeyOf(ulConfID, sPath)];
     if (row.sSection.IsEmpty())
-        row.sSection.Format("S%d", ++m_nLastSection);
+        row.sSection = NewSection(u'S');
     row.ulLength = brief.m_ulFileLenth;
     row.sModifyTime = brief.m_dtModifyTime.ToText(0, "-").GetString();
     const QB_StringW sWidePath(sPath);
@@ -127,4 +161,41 @@ bool ZV_ShareLedger::Holds(uint32_t ulConfID, const ZV_FileBriefInfo& brief)
     const auto it = m_mapRows.find(KeyOf(ulConfID, LocalPath(brief)));
     return it != m_mapRows.end() && it->second.ulLength == brief.m_ulFileLenth &&
            it->second.sModifyTime == brief.m_dtModifyTime.ToText(0, "-").GetString();
+}
+
+bool ZV_ShareLedger::RememberDownload(uint32_t ulConfID, uint16_t usFileID, const QB_StringU8& sTarget)
+{
+    QB_Lock lock(&m_Lock);
+    Load(true);
+    const QB_StringW sWide(sTarget);
+    if (sTarget.IsEmpty() || !FitsOneLine(sWide))
+        return false;
+    Target& target = m_mapTargets[TargetKey(ulConfID, usFileID)];
+    if (target.sSection.IsEmpty())
+        target.sSection = NewSection(u'D');
+    target.sPath = sTarget.GetString();
+    m_IniFile.SetLong(target.sSection, kConfID, (int32_t)(ulConfID & 0xFFFF));
+    m_IniFile.SetLong(target.sSection, kFileID, usFileID);
+    m_IniFile.SetString(target.sSection, kTarget, sWide);
+    return Save();
+}
+
+bool ZV_ShareLedger::HoldsDownload(uint32_t ulConfID, uint16_t usFileID, const QB_StringU8& sTarget)
+{
+    QB_Lock lock(&m_Lock);
+    Load(false);
+    const auto it = m_mapTargets.find(TargetKey(ulConfID, usFileID));
+    return it != m_mapTargets.end() && !sTarget.IsEmpty() && it->second.sPath == sTarget.GetString();
+}
+
+bool ZV_ShareLedger::ForgetDownload(uint32_t ulConfID, uint16_t usFileID)
+{
+    QB_Lock lock(&m_Lock);
+    Load(false);
+    const auto it = m_mapTargets.find(TargetKey(ulConfID, usFileID));
+    if (it == m_mapTargets.end())
+        return true;
+    m_IniFile.DeleteSection(it->second.sSection);
+    m_mapTargets.erase(it);
+    return Save();
 }

@@ -1,8 +1,10 @@
-// ZV_ShareLedger: a client's own record of the files its user shared, so
-// that a server's word alone never makes the client read a local file.
+// ZV_ShareLedger: a client's own record of the files its user shared and of
+// the downloads its user asked for, so that a server's word alone never
+// makes the client read a local file, nor write one after a restart.
 //
 // One row per conference and local path, with the length and last-write
-// time the file had when it was shared, in "fsshared.ini" beside
+// time the file had when it was shared, and one per conference and FileID
+// with the full path the user downloads it to, in "fsshared.ini" beside
 // "fsinfo.ini". The file is replaced whole on each change, as the catalogue
 // is, so a crash leaves the old record or the new one. A record that can't
 // be read counts as empty (logged): the user then shares again.
@@ -33,6 +35,14 @@ public:
     // last-write second, in this conference.
     bool Holds(uint32_t ulConfID, const ZV_FileBriefInfo& brief);
 
+    // Notes that the user downloads usFileID to sTarget, a full path; the
+    // last download asked for a FileID wins.
+    bool RememberDownload(uint32_t ulConfID, uint16_t usFileID, const QB_StringU8& sTarget);
+    // Whether the user's download of usFileID goes to sTarget.
+    bool HoldsDownload(uint32_t ulConfID, uint16_t usFileID, const QB_StringU8& sTarget);
+    // The user gave the download of usFileID up.
+    bool ForgetDownload(uint32_t ulConfID, uint16_t usFileID);
+
 private:
     struct Row
     {
@@ -46,10 +56,18 @@ private:
     bool m_bLoaded = false;
     int m_nLastSection = 0;
     std::map<std::string, Row> m_mapRows;  // by conference and path
+    struct Target
+    {
+        QB_StringW sSection;
+        std::string sPath;
+    };
+    std::map<uint32_t, Target> m_mapTargets;  // by conference and FileID
 
     static std::string KeyOf(uint32_t ulConfID, const QB_StringU8& sPath);
     void Load(bool bCreate);
     void LoadRow(const QB_StringW& sSection);
+    void LoadTarget(const QB_StringW& sSection);
+    QB_StringW NewSection(char16_t chKind);
     bool Note(uint32_t ulConfID, const ZV_FileBriefInfo& brief);
     bool Save();
 };

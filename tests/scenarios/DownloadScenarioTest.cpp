@@ -198,9 +198,10 @@ TEST_F(DownloadScene, ABlockThatCannotBeReadOrWrittenEndsTheDownloadWith61)
     for (QB_EnvOp op : {QB_EnvOp::Read, QB_EnvOp::Write})
     {
         const size_t nFrom = sim.Journal().Size();
+        // Counted from the request on: asking writes the user's choice down.
+        ASSERT_EQ(0u, Download(Bob(), usFileID));
         sim.GetEnv().ResetCounts();
         sim.GetEnv().FailAt(op, 3);
-        ASSERT_EQ(0u, Download(Bob(), usFileID));
         ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
         sim.GetEnv().ClearFaults();
         const auto vecState = Events(Bob(), zvFsEventDownloadState);

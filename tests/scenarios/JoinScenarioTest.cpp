@@ -4,6 +4,7 @@
 // the file along.
 #include "ZV_SceneFixture.h"
 
+#include "ZV_FileShareSession.h"
 #include "ZV_ListPdu.h"
 #include "ZV_PduFrame.h"
 
@@ -128,7 +129,9 @@ TEST_F(JoinScene, ALateJoinerSeesEveryOneOfAThousandFilesAndDownloadsOne)
         }
         EXPECT_LE(ulSize, (uint32_t)QB_PDU_BUFFER_SIZE) << n;
         if (n + 1 < vecParts.size())
+        {
             EXPECT_GT(ulSize + ZV_UploadListEntrySize(vecParts[n + 1].arrInfo[0]), (uint32_t)QB_PDU_BUFFER_SIZE) << n;
+        }
     }
     ASSERT_EQ(1000u, vecListed.size());
     EXPECT_EQ(vecListed, FilesAdded(lpCarol));
@@ -224,6 +227,51 @@ TEST_F(JoinScene, AUserWhoComesBackFindsEachDownloadAsTheFilesChangedWhileAway)
     ASSERT_EQ(0u, Fs(Bob())->FsResumeDownload(usStopped));
     ASSERT_TRUE(sim.AdvanceTime(2000)) << sim.GetError();
     EXPECT_EQ(vecData[3], QB_ReadWholeFile(Target(Bob(), usStopped)));
+}
+
+// Bob's program restarts in the middle of a download: its new manager has
+// no record of it, but the download his user asked for is in the client's
+// own ledger, so the server's list resumes it where the local file stands.
+// A listed record for a file he never asked for writes nothing.
+TEST_F(JoinScene, AClientRestartedInTheMiddleOfADownloadResumesItWhereItsFileStands)
+{
+    Build();
+    const ZV_Bytes data = ZV_RandomBytes(1024 * 1024, 30);
+    const uint16_t usFileID = Share("long.bin", data);
+    const uint16_t usOther = Share("other.bin", ZV_RandomBytes(40000, 31));
+    ASSERT_EQ(0u, Download(Bob(), usFileID));
+    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, Bob(), 6));
+    const size_t nMark = sim.Journal().Size();
+    ASSERT_TRUE(sim.RestartClient(Bob()));
+    const size_t nStoodAt = LocalSize(Bob(), usFileID);
+    ASSERT_GT(nStoodAt, 0u);
+    ASSERT_LT(nStoodAt, data.size());
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    EXPECT_EQ(data, QB_ReadWholeFile(Target(Bob(), usFileID)));
+    const auto vecPos = StatedPositions(Bob(), usFileID, nMark);
+    ASSERT_FALSE(vecPos.empty());
+    EXPECT_EQ(nStoodAt, vecPos.front());
+    ASSERT_EQ(1u, Events(Bob(), zvFsEventDownloadFinished).size());
+
+    // The same record, moved to another file and path, as a server might
+    // list it: the client has no record and its user asked for neither.
+    ZV_DownloadListResponse forged;
+    forged.user = Bob()->GetUserID();
+    ZV_FileDownloadInfo record;
+    record.SetFileID(usOther);
+    record.SetFilePath(QB_StringU8(QB_ToWindowsPath(tmp.Sub("downloads/Bob/"))));
+    record.SetFileName(QB_StringU8("planted.bin"));
+    record.SetFileLenth(40000);
+    record.SetState(ZV_DLSTATE_RUNNING);
+    forged.arrInfo.Add(record);
+    forged.arrModify.Add(false);
+    ZV_PduBuffer pdu;
+    forged.Save(pdu.Stream());
+    shape.Server()->SendPdu(shape.Server()->GetUserConn(&Bob()->GetUserID(), zvConfClientTypeCommand),
+                            PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE, pdu.Payload(), pdu.PayloadLength(), 1, 1);
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    EXPECT_FALSE(std::filesystem::exists(tmp.Sub("downloads/Bob/planted.bin")));
+    EXPECT_TRUE(StatedPositions(Bob(), usOther, nMark).empty());
 }
 
 // Alice leaves while one file is halfway up and another is complete: the
