@@ -145,6 +145,12 @@ bool ZV_FileCatalog::LoadFile(uint16_t usConfID, uint16_t usFileID, ZV_FileUploa
     return true;
 }
 
+bool ZV_FileCatalog::HasFile(uint16_t usConfID, uint16_t usFileID)
+{
+    QB_Lock lock(&m_Lock);
+    return !FindSection(usConfID, usFileID).IsEmpty();
+}
+
 bool ZV_FileCatalog::DeleteFile(uint16_t usConfID, uint16_t usFileID)
 {
     QB_Lock lock(&m_Lock);

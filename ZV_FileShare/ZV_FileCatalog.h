@@ -57,6 +57,8 @@ public:
     // and the public flag stay as the caller had them. False, and nothing
     // changed, when there is no such row.
     bool LoadFile(uint16_t usConfID, uint16_t usFileID, ZV_FileUploadInfo& fileInfo, QB_StringW& sSection);
+    // Whether the pair has a row.
+    bool HasFile(uint16_t usConfID, uint16_t usFileID);
     // Drops the row; the stored file is the caller's to delete.
     bool DeleteFile(uint16_t usConfID, uint16_t usFileID);
     // Drops every row of the conference and deletes their stored files.

@@ -111,11 +111,17 @@ uint16_t ZV_FileShareMgr::AllocFileID()
     if (m_usNextFileID > usMax || m_usNextFileID < usMin)
         m_usNextFileID = usMin;
     ZV_FileShareSession* lpExisting = nullptr;
+    const uint16_t usConfID = (uint16_t)m_lpConf->GetConfID();
     for (uint32_t i = 0; i < ulRange; ++i)
     {
         const uint16_t usFileID = m_usNextFileID;
         m_usNextFileID = usFileID >= usMax ? usMin : (uint16_t)(usFileID + 1);
-        if (m_mapSession.Lookup(usFileID, lpExisting))
+        // A FileID the catalogue still holds belongs to a stored file that
+        // a restart took out of the map until a linked server lists it
+        // again. Given out anew, its row would be written over and the
+        // stored file lost to every node, and the linked servers would hold
+        // two files under one FileID.
+        if (m_mapSession.Lookup(usFileID, lpExisting) || m_Catalog.HasFile(usConfID, usFileID))
             continue;
         m_mapSession.SetAt(usFileID, nullptr);
         return usFileID;

@@ -10,13 +10,14 @@
 // FileIDs, busy list, timer), _Route.cpp (PDU routing), _Add.cpp and
 // _AddFiles.cpp (sharing one file and several), _Download.cpp, _Transfer.cpp
 // and _Control.cpp (the user side's download, upload, stop and resume),
-// _Links.cpp (restarts after a data link came back), _Storage.cpp (the
+// _Links.cpp (restarts after a link came back), _FileList.cpp (linked
+// servers set against each other's files), _Storage.cpp (the
 // server's storage folder), _Trust.cpp (which local files a server's word
 // may make this client read), _Delete.cpp, _Rights.cpp and _Lookup.cpp (the
 // control of a shared file), _UserGone.cpp (a user who left), _UploadList.cpp,
-// _DownloadList.cpp and _Events.cpp (a client brought in step, host events),
-// _Unserved.cpp (handlers not served yet); ZV_FsEvents.cpp writes the events
-// to the user side. docs/architecture.md has the whole picture.
+// _DownloadList.cpp and _Events.cpp (a client brought in step, host events);
+// ZV_FsEvents.cpp writes the events to the user side. docs/architecture.md
+// has the whole picture.
 #pragma once
 
 #include "IZV_FileShare.h"
@@ -41,6 +42,8 @@
 
 class ZV_FileShareSession;
 struct ZV_AddRequest;
+struct ZV_FileListResponse;
+struct ZV_ListedFiles;
 
 // Sessions by FileID, 97 buckets, with the lock that FileID allocation and
 // the client's merging handlers take. A null value reserves a FileID whose
@@ -279,6 +282,22 @@ public:
     void OnServerLinkUp(uint32_t ulConn);
     void OnUserEnter(const QB_UserID& user);
     void OnRightChange(bool bMoreVisible, const QB_UserID& user);
+
+    // ---- linked servers in step: the file list (ZV_FileShareMgr_FileList.cpp)
+    uint32_t SendGetFileListRequest(uint32_t ulConn, const QB_UserID& requester);
+    uint32_t SendFileList(uint32_t ulConn, uint32_t ulResult, const QB_UserID& sender,
+                          const QB_Array<ZV_FileUploadInfo>& arrInfo, const QB_Array<bool>& arrState,
+                          const QB_Array<uint32_t>& arrMaxPos, const QB_Array<ZV_FileDownloadInfo>& arrDownload);
+    void TakeListedFiles(const ConfPduData* lpCpd, const ZV_FileListResponse& part);
+    bool TakeListedFile(const ConfPduData* lpCpd, const ZV_FileListResponse& part, int i, ZV_ListedFiles& listed);
+    bool TakeListedSession(ZV_FileShareSession* lpFsSession, const ZV_FileUploadInfo& entry, bool bDone);
+    bool PassBackDelete(const ConfPduData* lpCpd, const QB_UserID& sender, const ZV_FileUploadInfo& entry);
+    void TakeListedDownloads(const QB_Array<ZV_FileDownloadInfo>& arrDownload);
+    void NotifyNewDownloadInfo(ZV_FileShareSession* lpFsSession, const QB_Array<ZV_FileDownloadInfo>& arrRecord);
+    // The home server of a file's creator tells the other servers where the
+    // upload stands (ZV_FileShareMgr_Links.cpp); false when the host has
+    // seen that flood already.
+    bool RepublishUpload(ZV_FileShareSession* lpFsSession, const QB_UserID& creator, uint16_t usState);
 
     // ---- what a session and the manager's own helpers ask of the manager
     // The server's durable list of what its storage folder holds.

@@ -42,9 +42,7 @@ void ZV_FileShareMgr::OnServerLinkUp(uint32_t ulConn)
 {
     if (!m_lpConf->IsServerMode())
         return;
-    ZV_PduBuffer pdu;
-    QB_UserID(m_lpConf->GetLocalServerID(), 0).Save(pdu.Stream());
-    ZV_SendToLink(m_lpConf, ulConn, PDU_CONF_GET_FILE_LIST_REQUEST, pdu);
+    SendGetFileListRequest(ulConn, QB_UserID(m_lpConf->GetLocalServerID(), 0));
 }
 
 // The sessions are gathered first: a returning creator's unfinished file

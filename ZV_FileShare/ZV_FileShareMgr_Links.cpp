@@ -35,30 +35,6 @@ void RestartDownload(ZV_FileShareMgr* lpMgr, ZV_FileShareSession* lpFsSession, c
     lpFsSession->SendDownloadDataRequest(ulConn, lpFsSession->FileID(), *lpLocal, download);
 }
 
-// The creator's home server tells its peers whether the upload runs and
-// how far it has come, as a stop or resume would.
-void RepublishUpload(ZV_FileShareMgr* lpMgr, ZV_FileShareSession* lpFsSession, const QB_UserID& creator)
-{
-    IZV_ConfHost* lpConf = lpMgr->m_lpConf;
-    const ZV_ConfUserInfo* lpUser = lpConf->GetUser(&creator);
-    const ZV_FileUploadInfo& info = lpFsSession->FileInfo();
-    if (lpUser == nullptr || lpUser->ulHomeServer != lpConf->GetLocalServerID() ||
-        info.m_BriefInfo.m_usFileState == ZV_FILESTATE_ADDED)
-        return;
-    const uint32_t ulFloodSeq = lpConf->NewFloodSeq(&creator, 0);
-    if (lpConf->IsFloodSeen(&creator, ulFloodSeq))
-        return;
-    ZV_StopUploadAsk ask;
-    ask.usFileID = lpFsSession->FileID();
-    ask.user = creator;
-    ask.ulFloodSeq = ulFloodSeq;
-    ask.bStop = lpFsSession->IsUploadStopped() ? 1 : 0;
-    ask.ulPos = info.m_ulFileWritePos;
-    ZV_PduBuffer pdu;
-    ask.Save(pdu.Stream());
-    ZV_SendToServers(lpConf, zvConnNone, PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST, pdu);
-}
-
 } // namespace
 
 void ZV_FileShareMgr::SendFileDownloadPos(bool bClient, uint32_t ulServerID)
@@ -72,11 +48,26 @@ void ZV_FileShareMgr::SendFileDownloadPos(bool bClient, uint32_t ulServerID)
             const ZV_FileDownloadInfo download = lpFsSession->LocalDownload();
             if (download.m_usState == ZV_DLSTATE_RUNNING)
                 RestartDownload(this, lpFsSession, download, creator, bClient, ulServerID);
-            RepublishUpload(this, lpFsSession, creator);
+            RepublishUpload(lpFsSession, creator, lpFsSession->FileInfo().m_BriefInfo.m_usFileState);
         });
     }
     catch (...)
     {
         QB_WriteLog(2, "error", "ZV_FileShareMgr::SendFileDownloadPos exception.\r\n");
     }
+}
+
+// The creator's home server tells its peers whether the upload runs and
+// how far it has come, as a stop or resume would. False when the host has
+// seen the flood already.
+bool ZV_FileShareMgr::RepublishUpload(ZV_FileShareSession* lpFsSession, const QB_UserID& creator, uint16_t usState)
+{
+    if (!ZV_FileShareSession::IsLocalUser(m_lpConf, creator) || usState == ZV_FILESTATE_ADDED)
+        return true;
+    const uint32_t ulFloodSeq = m_lpConf->NewFloodSeq(&creator, 0);
+    if (m_lpConf->IsFloodSeen(&creator, ulFloodSeq))
+        return false;
+    lpFsSession->FloodStopAsk(PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST, creator, ulFloodSeq,
+                              lpFsSession->IsUploadStopped() ? 1 : 0, lpFsSession->FileInfo().m_ulFileWritePos);
+    return true;
 }

@@ -11,8 +11,9 @@
 // dispatch, the catalogue row), _Add.cpp (the file announced), _Upload.cpp
 // (the upload road), _Download.cpp (the download road, server side),
 // _Fetch.cpp (the downloader's side, client or relay), _Control.cpp (stop,
-// resume, progress, upload errors, the timer) and _Unserved.cpp (slots not
-// served yet); ZV_FsEvents.cpp writes the events.
+// resume, progress, upload errors, the timer), _Entries.cpp (download
+// entries, notices and rights), _Lists.cpp (a client's lists) and
+// _Reconcile.cpp (a linked server's list); ZV_FsEvents.cpp writes the events.
 #pragma once
 
 #include "IZV_FileShare.h"
@@ -254,6 +255,27 @@ public:
     void SetDownloadInfo(const QB_UserID& user, const ZV_FileDownloadInfo& info);
     void RemoveDownloadInfo(const QB_UserID& user);
     void SetLocalDownload(const ZV_FileDownloadInfo& info);
+
+    // ---- a linked server's list of its files (ZV_FileShareSession_Reconcile.cpp)
+    // A file this server hears of first from a peer's list, as listed.
+    void TakePeerFile(uint16_t usFileID, const ZV_FileUploadInfo& entry);
+    // Sets the file against this server's catalogue row and stored bytes,
+    // and fetches from the peer that sent lpCpd what is missing. sSection
+    // gets the row's section, empty for a file new here. 0, or 60 when the
+    // stored file or its folder cannot be opened or made.
+    uint32_t ReconcileFileInfo(const ConfPduData* lpCpd, QB_StringW& sSection);
+    uint32_t CompareStoredFile(const QB_StringW& sFolder, const ZV_FileUploadInfo& row, ZV_FileBriefInfo& brief,
+                               bool& bFetch);
+    uint32_t NameNewStoredFile(const QB_StringW& sFolder, const ZV_FileBriefInfo& brief, bool& bFetch);
+    void CloseStoredFiles();
+    void FetchFromPeer(const ConfPduData* lpCpd);
+    // Server: every download record of this file, appended.
+    void CollectDownloadEntries(QB_Array<ZV_FileDownloadInfo>& arrDownload) const;
+    // Whether this file was set against a peer since the last loss of a
+    // server command link.
+    bool IsSynced() const { return m_bSynced; }
+    void SetSynced() { m_bSynced = true; }
+    void SetUploadDone(bool bDone) { m_bUploadDone = bDone; }
 
     // ---- events to the user side that a session raises
     void NotifyTransferError(uint32_t ulResult, uint16_t usFileID);

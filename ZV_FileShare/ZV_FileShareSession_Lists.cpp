@@ -102,3 +102,14 @@ void ZV_FileShareSession::SetLocalDownload(const ZV_FileDownloadInfo& info)
 {
     m_LocalDownload = info;
 }
+
+void ZV_FileShareSession::CollectDownloadEntries(QB_Array<ZV_FileDownloadInfo>& arrDownload) const
+{
+    for (QB_POSITION pos = m_mapDownload.GetStartPosition(); pos != nullptr;)
+    {
+        QB_UserID user;
+        ZV_FileDownloadInfo entry;
+        m_mapDownload.GetNextAssoc(pos, user, entry);
+        arrDownload.Add(entry);
+    }
+}

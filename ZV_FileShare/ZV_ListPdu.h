@@ -1,6 +1,7 @@
-// ZV_ListPdu: the payloads that bring a client in step with its server: the
+// ZV_ListPdu: the payloads that bring a node in step: for a client, the
 // conference's files with the furthest position of each (8027, 8028) and
-// the user's own downloads (8029, 8030). Beside them the count by which a
+// the user's own downloads (8029, 8030); between servers, each one's whole
+// store and download records (8031, 8032). Beside them the count by which a
 // long list is cut into PDUs.
 //
 // Readers raise the stream's load failure on anything that does not fit;
@@ -130,9 +131,81 @@ struct ZV_DownloadListResponse
     }
 };
 
-// What one record and its position add to an 8028: the record's length
-// word and mask byte, its fields, and the u32 beside it.
-inline uint32_t ZV_UploadListEntrySize(const ZV_FileUploadInfo& info)
+// 8031: the server that asks for a linked server's files.
+struct ZV_FileListRequest
+{
+    QB_UserID requester;
+
+    void Save(QB_ByteStream& stream) const { requester.Save(stream); }
+    void Load(QB_ByteStream& stream) { requester.Load(stream); }
+};
+
+// 8032, one piece of a server's answer, complete in itself: either files
+// (bUploadList 1), each with whether all its bytes arrived and the furthest
+// position known of it, or download records (bUploadList 0). The head stays
+// put while the body of each piece is written behind it.
+struct ZV_FileListResponse
+{
+    uint32_t ulResult = 0;
+    QB_UserID sender;
+    uint8_t bUploadList = 1;
+    QB_Array<ZV_FileUploadInfo> arrInfo;
+    QB_Array<bool> arrState;
+    QB_Array<uint32_t> arrMaxPos;
+    QB_Array<ZV_FileDownloadInfo> arrDownload;
+
+    static constexpr uint32_t kHeadSize = 12;
+
+    void SaveHead(QB_ByteStream& stream) const
+    {
+        stream.WriteU32(ulResult);
+        sender.Save(stream);
+    }
+    void SaveBody(QB_ByteStream& stream) const
+    {
+        stream.WriteU8(bUploadList);
+        if (bUploadList == 0)
+        {
+            SaveSequence(stream, arrDownload);
+            return;
+        }
+        SaveSequence(stream, arrInfo);
+        SaveBoolArray(stream, arrState);
+        SaveU32Array(stream, arrMaxPos);
+    }
+    void Save(QB_ByteStream& stream) const
+    {
+        SaveHead(stream);
+        SaveBody(stream);
+    }
+    // A refusal's body is not read. A peer that sends fewer flags or
+    // positions than files gets the files they cover taken, as in 8028.
+    void Load(QB_ByteStream& stream)
+    {
+        ulResult = stream.ReadU32();
+        sender.Load(stream);
+        bUploadList = stream.ReadU8();
+        if (ulResult != 0)
+            return;
+        if (bUploadList == 0)
+        {
+            LoadSequence(stream, arrDownload);
+            return;
+        }
+        LoadSequence(stream, arrInfo);
+        LoadBoolArray(stream, arrState);
+        LoadU32Array(stream, arrMaxPos);
+        int nCommon = arrInfo.GetSize() < arrState.GetSize() ? arrInfo.GetSize() : arrState.GetSize();
+        nCommon = nCommon < arrMaxPos.GetSize() ? nCommon : arrMaxPos.GetSize();
+        ZV_TrimToSize(arrInfo, nCommon);
+        ZV_TrimToSize(arrState, nCommon);
+        ZV_TrimToSize(arrMaxPos, nCommon);
+    }
+};
+
+// What one upload record adds to a list: its length word and mask byte and
+// its fields. It counts the brief generously, so it is an upper bound.
+inline uint32_t ZV_UploadRecordSize(const ZV_FileUploadInfo& info)
 {
     const uint64_t ullMask = info.m_ullMask;
     uint32_t ulSize = 5;
@@ -144,11 +217,12 @@ inline uint32_t ZV_UploadListEntrySize(const ZV_FileUploadInfo& info)
         ulSize += info.m_BriefInfo.GetSaveSize();
     if (ullMask & ZV_UPLOAD_FILE_WRITE_POS)
         ulSize += 4;
-    return ulSize + 4;
+    return ulSize;
 }
 
-// What one record and its flag add to an 8030.
-inline uint32_t ZV_DownloadListEntrySize(const ZV_FileDownloadInfo& info)
+// What one download record adds to a list: its length word and mask word
+// and its fields.
+inline uint32_t ZV_DownloadRecordSize(const ZV_FileDownloadInfo& info)
 {
     const uint64_t ullMask = info.m_ullMask;
     uint32_t ulSize = 6;
@@ -170,7 +244,25 @@ inline uint32_t ZV_DownloadListEntrySize(const ZV_FileDownloadInfo& info)
     ulSize += (uint32_t)__builtin_popcountll(ullMask & (ZV_DOWNLOAD_STOPPED | ZV_DOWNLOAD_ACTIVE));
     if (ullMask & ZV_DOWNLOAD_USER_ID)
         ulSize += 12;
-    return ulSize + 1;
+    return ulSize;
+}
+
+// What one record and its position add to an 8028.
+inline uint32_t ZV_UploadListEntrySize(const ZV_FileUploadInfo& info)
+{
+    return ZV_UploadRecordSize(info) + 4;
+}
+
+// What one record and its flag add to an 8030.
+inline uint32_t ZV_DownloadListEntrySize(const ZV_FileDownloadInfo& info)
+{
+    return ZV_DownloadRecordSize(info) + 1;
+}
+
+// What one file adds to an 8032: its record, its flag and its position.
+inline uint32_t ZV_FileListEntrySize(const ZV_FileUploadInfo& info)
+{
+    return ZV_UploadRecordSize(info) + 5;
 }
 
 // Cuts a list of nCount entries into pieces: a piece closes before the entry
