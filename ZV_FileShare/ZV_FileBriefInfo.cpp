@@ -82,6 +82,14 @@ uint32_t ZV_FileBriefInfo::GetSaveSize() const
 
 // Length and last-write second are all the record knows of the file. The
 // times meet as text, the form the catalogue keeps them in.
+bool ZV_FileBriefInfo::IsSameFile(const ZV_FileBriefInfo& other) const
+{
+    return m_sFileOldName == other.m_sFileOldName && m_ulFileLenth == other.m_ulFileLenth &&
+           m_sFilePath == other.m_sFilePath && m_sFileType == other.m_sFileType &&
+           m_dtModifyTime.ToText(0, "-") == other.m_dtModifyTime.ToText(0, "-") &&
+           m_dtShareTime.ToText(0, "-") == other.m_dtShareTime.ToText(0, "-") && m_CreatorID == other.m_CreatorID;
+}
+
 bool ZV_FileBriefInfo::IsSameLocalFile() const
 {
     QB_FileEx file;

@@ -53,6 +53,10 @@ public:
     // Whether the file at m_sFilePath + m_sFileOldName still has the length
     // and last-write second that were shared.
     bool IsSameLocalFile() const;
+    // Whether `other` describes the same shared file: a FileID that comes
+    // back with another name, length, place, type, time or creator names
+    // another file. Times compare as their text, to the second.
+    bool IsSameFile(const ZV_FileBriefInfo& other) const;
 
     uint64_t GetMask() const { return m_ullMask; }
     const QB_UserID& GetCreatorID() const { return m_CreatorID; }

@@ -94,6 +94,26 @@ bool ZV_FileShareMgr::IsReservedFileID(uint16_t usFileID)
     return m_mapSession.Lookup(usFileID, lpFsSession) && lpFsSession == nullptr;
 }
 
+// The next FileID from m_usNextFileID on, round the range once, that the map
+// does not hold and fnTaken does not claim; m_usNextFileID moves past it.
+template <typename F>
+uint16_t ZV_FileShareMgr::NextFreeFileID(uint16_t usMin, uint16_t usMax, F&& fnTaken)
+{
+    const uint32_t ulRange = (uint32_t)(usMax - usMin) + 1;
+    ZV_FileShareSession* lpExisting = nullptr;
+    uint16_t usNext = m_usNextFileID;
+    for (uint32_t i = 0; i < ulRange; ++i)
+    {
+        const uint16_t usFileID = usNext;
+        usNext = usFileID >= usMax ? usMin : (uint16_t)(usFileID + 1);
+        if (m_mapSession.Lookup(usFileID, lpExisting) || fnTaken(usFileID))
+            continue;
+        m_usNextFileID = usNext;
+        return usFileID;
+    }
+    return ZV_NO_FILEID;
+}
+
 uint16_t ZV_FileShareMgr::AllocFileID()
 {
     const uint16_t usMin = m_lpConf->GetFileIDMin();
@@ -110,24 +130,25 @@ uint16_t ZV_FileShareMgr::AllocFileID()
         return ZV_NO_FILEID;
     if (m_usNextFileID > usMax || m_usNextFileID < usMin)
         m_usNextFileID = usMin;
-    ZV_FileShareSession* lpExisting = nullptr;
+    // A FileID the catalogue still holds belongs to a stored file that a
+    // restart took out of the map until a linked server lists it again.
+    // Given out anew, its row would be written over and the stored file lost
+    // to every node, and linked servers would hold two files under one
+    // FileID. A FileID deleted here is given out only when no other is free:
+    // a server cut off at the delete still holds the old file, and learns of
+    // the delete only if the FileID still names nothing here when it is back.
     const uint16_t usConfID = (uint16_t)m_lpConf->GetConfID();
-    for (uint32_t i = 0; i < ulRange; ++i)
-    {
-        const uint16_t usFileID = m_usNextFileID;
-        m_usNextFileID = usFileID >= usMax ? usMin : (uint16_t)(usFileID + 1);
-        // A FileID the catalogue still holds belongs to a stored file that
-        // a restart took out of the map until a linked server lists it
-        // again. Given out anew, its row would be written over and the
-        // stored file lost to every node, and the linked servers would hold
-        // two files under one FileID.
-        if (m_mapSession.Lookup(usFileID, lpExisting) || m_Catalog.HasFile(usConfID, usFileID))
-            continue;
+    uint16_t usFileID = NextFreeFileID(usMin, usMax, [&](uint16_t usCandidate) {
+        return m_Catalog.HasFile(usConfID, usCandidate) || m_arrDelFileID.Find(usCandidate) >= 0;
+    });
+    if (usFileID == ZV_NO_FILEID)
+        usFileID = NextFreeFileID(usMin, usMax,
+                                  [&](uint16_t usCandidate) { return m_Catalog.HasFile(usConfID, usCandidate); });
+    if (usFileID != ZV_NO_FILEID)
         m_mapSession.SetAt(usFileID, nullptr);
-        return usFileID;
-    }
-    return ZV_NO_FILEID;
+    return usFileID;
 }
+
 
 void ZV_FileShareMgr::SetSessionBusy(uint8_t bBusy, uint16_t usFileID)
 {
@@ -170,7 +191,9 @@ void ZV_FileShareMgr::OnClientConnect(uint16_t usConnType)
         return;
     if (m_cCmdLink == ZV_LINK_CMD_UP && m_cDataLink != ZV_LINK_IDLE)
         SendFileDownloadPos(true, 0);
-    else if (GetLinkConn(zvConfClientTypeData) != zvConnNone)
+    // Kicked after a loss as well: an upload of this client's rests with the
+    // link until something calls it, and only downloads get the server to.
+    if (GetLinkConn(zvConfClientTypeData) != zvConnNone)
         ZV_SendKick(m_lpConf, GetLinkConn(zvConfClientTypeData));
     m_cDataLink = ZV_LINK_DATA_UP;
 }

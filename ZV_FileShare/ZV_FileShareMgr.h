@@ -186,6 +186,9 @@ public:
     void DropAddedSession(uint16_t usFileID);
     // The session under usFileID goes, and its key.
     void RemoveSession(uint16_t usFileID);
+    // Client: true when usFileID already names this very file here; the
+    // session then takes the new description and keeps its transfers.
+    bool TakeRepeatedFile(uint16_t usFileID, const ZV_FileBriefInfo& brief, uint32_t ulPos);
     // ZV_FileShareMgr_AddFiles.cpp: several files.
     uint32_t SendAddFilesRequest(uint32_t ulConn, const QB_UserID& user, uint32_t ulFloodSeq, uint8_t bStartUpload,
                                  const QB_Array<uint16_t>& arrFileID, const QB_Array<ZV_FileBriefInfo>& arrInfo);
@@ -288,6 +291,8 @@ public:
     uint32_t SendFileList(uint32_t ulConn, uint32_t ulResult, const QB_UserID& sender,
                           const QB_Array<ZV_FileUploadInfo>& arrInfo, const QB_Array<bool>& arrState,
                           const QB_Array<uint32_t>& arrMaxPos, const QB_Array<ZV_FileDownloadInfo>& arrDownload);
+    void ForwardListedFiles(uint32_t ulSkipConn, const QB_Array<ZV_FileUploadInfo>& arrInfo,
+                            const QB_Array<bool>& arrState, const QB_Array<uint32_t>& arrMaxPos);
     void TakeListedFiles(const ConfPduData* lpCpd, const ZV_FileListResponse& part);
     bool TakeListedFile(const ConfPduData* lpCpd, const ZV_FileListResponse& part, int i, ZV_ListedFiles& listed);
     bool TakeListedSession(ZV_FileShareSession* lpFsSession, const ZV_FileUploadInfo& entry, bool bDone);
@@ -335,6 +340,8 @@ private:
     void OnServerConnect(const QB_UserID* lpPeer, uint16_t usConnType);
     void DeleteAllSessions();
     uint32_t FinishServerAdd(ConfPduData* lpCpd, const ZV_AddRequest& ask, ZV_FileShareSession* lpFsSession);
+    template <typename F>
+    uint16_t NextFreeFileID(uint16_t usMin, uint16_t usMax, F&& fnTaken);
 
     friend class ZV_FileShareMgrPeer;
 

@@ -205,6 +205,8 @@ uint32_t ZV_FileShareMgr::HandleAddResponse(ConfPduData* lpCpd)
         return answer.ulResult;
     }
     QB_Lock lock(&m_mapSession);
+    if (TakeRepeatedFile(answer.usFileID, answer.brief, answer.ulWritePos))
+        return ZV_OK;
     ZV_FileShareSession* lpFsSession = lpOwned.get();
     ReplaceSession(answer.usFileID, std::move(lpOwned));
     uint32_t ulResult = ZV_ERR_EXCEPTION;
@@ -225,18 +227,42 @@ uint32_t ZV_FileShareMgr::HandleAddResponse(ConfPduData* lpCpd)
 
 // What stood under the key goes with its open files; nobody else holds a
 // session, so the old one would only leak.
+// On a client, a session that stood under the key was of another file: it
+// goes as a file the server no longer lists goes, with what it had of a
+// download.
 void ZV_FileShareMgr::ReplaceSession(uint16_t usFileID, std::unique_ptr<ZV_FileShareSession> lpFsSession)
 {
     ZV_FileShareSession* lpOld = nullptr;
     const bool bHad = m_mapSession.Lookup(usFileID, lpOld);
+    if (bHad && lpOld != nullptr && m_lpConf->IsClientMode())
+    {
+        DropUnlistedDownload(usFileID, lpOld);
+        SetSessionBusy(0, usFileID);
+        NotifyFileGone(0, usFileID);
+    }
     m_mapSession.SetAt(usFileID, lpFsSession.get());
     lpFsSession.release();
     if (bHad)
         delete lpOld;
 }
 
+// A server announces again a file this client holds when a server link came
+// back and the file was set against the peer's. The session stays, with the
+// transfers it runs; it takes the server's description.
+bool ZV_FileShareMgr::TakeRepeatedFile(uint16_t usFileID, const ZV_FileBriefInfo& brief, uint32_t ulPos)
+{
+    ZV_FileShareSession* lpFsSession = nullptr;
+    if (!m_mapSession.Lookup(usFileID, lpFsSession) || lpFsSession == nullptr ||
+        !lpFsSession->BriefInfo().IsSameFile(brief))
+        return false;
+    lpFsSession->TakeAnnouncedAgain(brief, ulPos);
+    return true;
+}
+
+// A file that goes is no transfer of this client's any more.
 void ZV_FileShareMgr::RemoveSession(uint16_t usFileID)
 {
+    SetSessionBusy(0, usFileID);
     ZV_FileShareSession* lpFsSession = nullptr;
     m_mapSession.Lookup(usFileID, lpFsSession);
     m_mapSession.RemoveKey(usFileID);

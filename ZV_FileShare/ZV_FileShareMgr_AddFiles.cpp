@@ -185,9 +185,11 @@ uint32_t TakeAddedFile(ZV_FileShareMgr& mgr, const ZV_AddFilesResponse& answer, 
     {
         mgr.NotePendingFile(usFileID, (double)ulPos / brief.m_ulFileLenth * 100.0);
     }
+    QB_Lock lock(&mgr.SessionLock());
+    if (mgr.TakeRepeatedFile(usFileID, brief, ulPos))
+        return ZV_OK;
     auto lpOwned = mgr.MakeSession();
     ZV_FileShareSession* lpFsSession = lpOwned.get();
-    QB_Lock lock(&mgr.SessionLock());
     mgr.ReplaceSession(usFileID, std::move(lpOwned));
     // InitCltAddFileInfo catches a throw of the host itself, and says so.
     const uint32_t ulResult =

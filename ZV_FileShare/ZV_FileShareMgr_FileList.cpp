@@ -24,6 +24,10 @@ struct ZV_ListedFiles
     QB_Array<ZV_FileBriefInfo> arrBrief[2];
     QB_Array<ZV_FileUploadInfo> arrRow;
     QB_Array<QB_StringW> arrSection;
+    // Files new to this server, to go on to its other linked servers.
+    QB_Array<ZV_FileUploadInfo> arrNew;
+    QB_Array<bool> arrNewState;
+    QB_Array<uint32_t> arrNewMaxPos;
 
     void Add(int nSeries, ZV_FileShareSession* lpFsSession, const QB_StringW& sSection)
     {
@@ -86,26 +90,23 @@ uint32_t ZV_FileShareMgr::HandleGetFileListRequest(ConfPduData* lpCpd)
     return 0;
 }
 
+namespace {
+
 // The files first, then the download records, each cut into as many PDUs
 // as it needs and each ending with one more PDU, so that an empty list is
-// one empty PDU.
-uint32_t ZV_FileShareMgr::SendFileList(uint32_t ulConn, uint32_t ulResult, const QB_UserID& sender,
-                                       const QB_Array<ZV_FileUploadInfo>& arrInfo, const QB_Array<bool>& arrState,
-                                       const QB_Array<uint32_t>& arrMaxPos,
-                                       const QB_Array<ZV_FileDownloadInfo>& arrDownload)
+// one empty PDU. fnSend sends the buffer once its body is written.
+template <typename FnSend>
+void CutFileList(ZV_FileListResponse& part, const QB_Array<ZV_FileUploadInfo>& arrInfo, const QB_Array<bool>& arrState,
+                 const QB_Array<uint32_t>& arrMaxPos, const QB_Array<ZV_FileDownloadInfo>* lpDownload, FnSend fnSend)
 {
-    ZV_FileListResponse part;
-    part.ulResult = ulResult;
-    part.sender = sender;
     ZV_PduBuffer pdu;
     QB_ByteStream& stream = pdu.Stream();
     part.SaveHead(stream);
     const int32_t nHeadEnd = stream.GetPos();
-    uint32_t ulSent = 0;
-    auto fnSend = [&]() {
+    auto fnFlush = [&]() {
         stream.SeekTo(nHeadEnd);
         part.SaveBody(stream);
-        ulSent = ZV_SendToLink(m_lpConf, ulConn, PDU_CONF_GET_FILE_LIST_RESPONSE, pdu);
+        fnSend(pdu);
     };
     part.bUploadList = 1;
     ZV_CutList(
@@ -120,8 +121,11 @@ uint32_t ZV_FileShareMgr::SendFileList(uint32_t ulConn, uint32_t ulResult, const
                 part.arrState.Add(arrState[i]);
                 part.arrMaxPos.Add(arrMaxPos[i]);
             }
-            fnSend();
+            fnFlush();
         });
+    if (lpDownload == nullptr)
+        return;
+    const QB_Array<ZV_FileDownloadInfo>& arrDownload = *lpDownload;
     part.bUploadList = 0;
     ZV_CutList(
         ZV_FileListResponse::kHeadSize, arrDownload.GetSize(),
@@ -130,9 +134,39 @@ uint32_t ZV_FileShareMgr::SendFileList(uint32_t ulConn, uint32_t ulResult, const
             part.arrDownload.RemoveAll();
             for (int i = nFrom; i < nTo; ++i)
                 part.arrDownload.Add(arrDownload[i]);
-            fnSend();
+            fnFlush();
         });
+}
+
+} // namespace
+
+uint32_t ZV_FileShareMgr::SendFileList(uint32_t ulConn, uint32_t ulResult, const QB_UserID& sender,
+                                       const QB_Array<ZV_FileUploadInfo>& arrInfo, const QB_Array<bool>& arrState,
+                                       const QB_Array<uint32_t>& arrMaxPos,
+                                       const QB_Array<ZV_FileDownloadInfo>& arrDownload)
+{
+    ZV_FileListResponse part;
+    part.ulResult = ulResult;
+    part.sender = sender;
+    uint32_t ulSent = 0;
+    CutFileList(part, arrInfo, arrState, arrMaxPos, &arrDownload, [&](const ZV_PduBuffer& pdu) {
+        ulSent = ZV_SendToLink(m_lpConf, ulConn, PDU_CONF_GET_FILE_LIST_RESPONSE, pdu);
+    });
     return ulSent;
+}
+
+// Files this server first heard of from a peer's list go on, as a list of
+// this server's, to its other linked servers: those behind it would never
+// hear of them otherwise, and one of them may hold the delete of such a
+// file, which it passes back on seeing the file listed.
+void ZV_FileShareMgr::ForwardListedFiles(uint32_t ulSkipConn, const QB_Array<ZV_FileUploadInfo>& arrInfo,
+                                         const QB_Array<bool>& arrState, const QB_Array<uint32_t>& arrMaxPos)
+{
+    ZV_FileListResponse part;
+    part.sender = QB_UserID(m_lpConf->GetLocalServerID(), 0);
+    CutFileList(part, arrInfo, arrState, arrMaxPos, nullptr, [&](ZV_PduBuffer& pdu) {
+        ZV_SendToServers(m_lpConf, ulSkipConn, PDU_CONF_GET_FILE_LIST_RESPONSE, pdu);
+    });
 }
 
 // Each PDU is complete in itself and is acted on at once. The exchange runs
@@ -175,6 +209,8 @@ void ZV_FileShareMgr::TakeListedFiles(const ConfPduData* lpCpd, const ZV_FileLis
                              listed.arrBrief[nSeries]);
     if (!listed.arrRow.IsEmpty())
         m_Catalog.SaveFiles(m_lpConf->GetConfID(), listed.arrRow, listed.arrSection);
+    if (!listed.arrNew.IsEmpty())
+        ForwardListedFiles(lpCpd->ulConn, listed.arrNew, listed.arrNewState, listed.arrNewMaxPos);
 }
 
 // One file of the peer's list. False ends the walk of this PDU.
@@ -186,7 +222,8 @@ bool ZV_FileShareMgr::TakeListedFile(const ConfPduData* lpCpd, const ZV_FileList
     if (!HasNames(entry) || !(entry.m_ullMask & ZV_UPLOAD_FILE_ID) || usFileID == ZV_NO_FILEID)
         return true;
     ZV_FileShareSession* lpFsSession = nullptr;
-    if (m_mapSession.Lookup(usFileID, lpFsSession))
+    const bool bNew = !m_mapSession.Lookup(usFileID, lpFsSession);
+    if (!bNew)
     {
         // A FileID that an add here has reserved is that add's to fill.
         if (lpFsSession == nullptr || !TakeListedSession(lpFsSession, entry, part.arrState[i]))
@@ -206,6 +243,12 @@ bool ZV_FileShareMgr::TakeListedFile(const ConfPduData* lpCpd, const ZV_FileList
     const uint32_t ulResult = lpFsSession->ReconcileFileInfo(lpCpd, sSection);
     lpFsSession->SetUploadDone(part.arrState[i]);
     listed.Add(ulResult == ZV_OK ? 0 : 1, lpFsSession, sSection);
+    if (bNew)
+    {
+        listed.arrNew.Add(lpFsSession->FileInfo());
+        listed.arrNewState.Add(part.arrState[i]);
+        listed.arrNewMaxPos.Add(lpFsSession->MaxPos());
+    }
     return true;
 }
 

@@ -184,7 +184,10 @@ void ZV_FileShareMgr::MergeListedFile(const ZV_FileUploadInfo& entry, uint32_t u
         return;
     QB_Lock lock(&m_mapSession);
     ZV_FileShareSession* lpFsSession = nullptr;
-    if (!m_mapSession.Lookup(entry.m_usFileID, lpFsSession) || lpFsSession == nullptr)
+    // A FileID that names another file now takes a new session; the old
+    // one goes with its download.
+    if (!m_mapSession.Lookup(entry.m_usFileID, lpFsSession) || lpFsSession == nullptr ||
+        !lpFsSession->BriefInfo().IsSameFile(entry.m_BriefInfo))
     {
         std::unique_ptr<ZV_FileShareSession> lpNew = MakeSession();
         lpFsSession = lpNew.get();

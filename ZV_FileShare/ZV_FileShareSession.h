@@ -34,6 +34,7 @@
 
 class ZV_FileShareMgr;
 struct ZV_DownloadBlock;
+struct ZV_DownloadDataRequest;
 struct ZV_DownloadResponse;
 
 using ZV_DownloadMap = QB_Map<QB_UserID, ZV_FileDownloadInfo, QB_HashUserID>;
@@ -126,6 +127,9 @@ public:
     // opens its own file and, if asked, starts the upload. 0 or 60.
     uint32_t InitCltAddFileInfo(IZV_ConfHost* lpConf, uint16_t usFileID, uint32_t ulPos, const ZV_FileBriefInfo& brief,
                                 uint8_t bStartUpload);
+    // Client: the server announced again the file this session holds; the
+    // description is the server's, the transfers stay as they stand.
+    void TakeAnnouncedAgain(const ZV_FileBriefInfo& brief, uint32_t ulPos);
     // sName, or sName with "(n)" before its last dot, whichever the folder
     // does not hold yet.
     static void MakeUniqueFileName(const QB_StringW& sFolder, const QB_StringW& sName, QB_StringW& sDst);
@@ -184,6 +188,7 @@ public:
     void FloodDownloadRequest(const QB_UserID& user, uint32_t ulFloodSeq, const QB_StringU8& sPath, uint32_t ulPos);
     uint32_t StartUploadOnDemand(const QB_UserID& downloader);
     void FloodDownloadStop(const QB_UserID& user, bool bStopped);
+    ZV_FileDownloadInfo* TakeBackDownloader(const ConfPduData* lpCpd, const ZV_DownloadDataRequest& ask);
     void KickDownloadConn(uint32_t ulConn);
     uint32_t SendDownloadBlock(const ConfPduData* lpCpd, uint32_t ulResult, const QB_UserID& user, uint32_t ulPos,
                                uint32_t ulLen, const uint8_t* pData);
@@ -233,6 +238,7 @@ public:
     void NudgeUploader();
     void AskServersForMore();
     void OnClientTimer();
+    void AskAgainIfStalled(uint32_t ulNow);
 
     // ---- download entries, notices and rights (ZV_FileShareSession_Entries.cpp)
     uint32_t SendSetRightRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser, uint8_t bPublic,

@@ -237,3 +237,14 @@ uint32_t ZV_FileShareSession::InitCltAddFileInfo(IZV_ConfHost* lpConf, uint16_t 
         return ZV_ERR_EXCEPTION;
     }
 }
+
+// The creator's own upload state is its client's, whatever the server last
+// saw of it.
+void ZV_FileShareSession::TakeAnnouncedAgain(const ZV_FileBriefInfo& brief, uint32_t ulPos)
+{
+    const uint16_t usState = m_BriefInfo.m_usFileState;
+    m_BriefInfo = brief;
+    if (IsLocalCreator())
+        m_BriefInfo.SetFileState(usState);
+    RaiseMaxPos(ulPos);
+}

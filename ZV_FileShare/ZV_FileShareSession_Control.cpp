@@ -181,6 +181,12 @@ uint32_t ZV_FileShareSession::HandleIsStopUploadResponse(ConfPduData* lpCpd)
         m_BriefInfo.SetFileState(bStop ? ZV_FILESTATE_STOPPED : ZV_FILESTATE_UPLOADING);
         if (IsLocalCreator())
             m_lpMgr->SetSessionBusy(bStop ? 0 : 1, usFileID);
+        // The upload goes on only when the data link is called, and a link
+        // that rests is called again only once kicked; the pump then also
+        // ends an upload whose last block went before this answer came.
+        const uint32_t ulDataConn = m_lpMgr->GetLinkConn(zvConfClientTypeData);
+        if (!bStop && IsLocalCreator() && ulDataConn != zvConnNone)
+            ZV_SendKick(lpConf, ulDataConn);
     }
     if (!IsFileVisible(m_BriefInfo))
         return 0;
@@ -351,11 +357,15 @@ void ZV_FileShareSession::OnServerTimer()
         AskServersForMore();
 }
 
-// A creator whose blocks were lost goes on from what arrived.
+// A creator whose blocks were lost goes on from what arrived. So does one
+// whose file has downloaders and no bytes yet: the start that the first of
+// them sent may have found the creator away, and they would wait for good.
 void ZV_FileShareSession::NudgeUploader()
 {
     const QB_UserID& creator = m_FileInfo.m_BriefInfo.m_CreatorID;
-    if (m_FileInfo.m_BriefInfo.m_usFileState != ZV_FILESTATE_UPLOADING && !m_bUploadDone)
+    const uint16_t usState = m_FileInfo.m_BriefInfo.m_usFileState;
+    const bool bAwaited = usState == ZV_FILESTATE_ADDED && !m_mapDownload.IsEmpty();
+    if (usState != ZV_FILESTATE_UPLOADING && !m_bUploadDone && !bAwaited)
         return;
     const uint32_t ulConn = Conf()->GetUserConn(&creator, zvConfClientTypeCommand);
     if (ulConn == zvConnNone)
@@ -378,15 +388,45 @@ void ZV_FileShareSession::AskServersForMore()
     ZV_SendToServers(lpConf, zvConnNone, PDU_CONF_FS_PROGRESSING_REQUEST, pdu, 1, 0);
 }
 
-// A download that stands still (stopped, or failed) stops counting as busy
-// once nothing has arrived for a while, so the idle wait can begin.
+// A file that stands still stops counting as busy once nothing has moved
+// for a while, so the idle wait can begin: a stopped or failed download, and
+// also one that names no file (a resume of a download never asked for) and
+// the creator's upload once its pump has sent the last block, whose closing
+// progress report may never come (a file the server held whole already, or a
+// report lost with a link). Only a running upload or download keeps it.
 void ZV_FileShareSession::OnClientTimer()
 {
-    if (IsLocalCreator() || m_LocalDownload.m_sFileName.IsEmpty() ||
-        m_LocalDownload.m_usState == ZV_DLSTATE_RUNNING)
-        return;
-    if (ZV_Now() - m_ulLastIoTick >= ZV_CLIENT_STALL_MS)
+    const uint32_t ulNow = ZV_Now();
+    const bool bUploading = IsLocalCreator() && m_BriefInfo.m_usFileState == ZV_FILESTATE_UPLOADING;
+    const bool bDownloading = !m_LocalDownload.m_sFileName.IsEmpty() &&
+                              m_LocalDownload.m_usState == ZV_DLSTATE_RUNNING && !m_bDownloadFailed;
+    if (bDownloading)
+        AskAgainIfStalled(ulNow);
+    else if (!bUploading && ulNow - m_ulLastIoTick >= ZV_CLIENT_STALL_MS)
         m_lpMgr->SetSessionBusy(0, m_usFileID);
+}
+
+// A running download to which nothing came for a stall's time, while the
+// server has bytes beyond it, is one the server no longer knows of: its
+// entry went with a restart, or with a download list that named another
+// file while this client was away. It would wait for good; the client asks
+// again, to the same path from where its file stands. No time-out fails it.
+void ZV_FileShareSession::AskAgainIfStalled(uint32_t ulNow)
+{
+    const ZV_FileDownloadInfo& download = m_LocalDownload;
+    const uint32_t ulConn = m_lpMgr->GetLinkConn(zvConfClientTypeCommand);
+    const uint32_t ulStored =
+        m_BriefInfo.m_usFileState == ZV_FILESTATE_COMPLETE ? m_BriefInfo.m_ulFileLenth : m_ulMaxPos;
+    // The record's tick moves with each block and with a resume.
+    if (ulStored <= download.m_ulDownloadPos || ulNow - m_ulLastIoTick < ZV_CLIENT_STALL_MS ||
+        ulNow - download.m_ulLastTick < ZV_CLIENT_STALL_MS || ulConn == zvConnNone)
+        return;
+    m_ulLastIoTick = ulNow;
+    const QB_StringU8 sPath = download.m_sFilePath + download.m_sFileName;
+    m_sAskedPath = sPath;
+    m_ulAskedPos = download.m_ulDownloadPos;
+    m_bDownloadAsked = true;
+    SendDownloadRequest(ulConn, m_usFileID, m_lpMgr->LocalUser(), 0, sPath, download.m_ulDownloadPos, 0, 0);
 }
 
 // ---------------------------------------------------------------------------

@@ -199,6 +199,8 @@ uint32_t ZV_FileShareSession::HandleDownloadDataRequest(ConfPduData* lpCpd)
     const QB_UserID& user = ask.user;
     const ZV_FileDownloadInfo& record = ask.record;
     ZV_FileDownloadInfo* pEntry = m_mapDownload.Find(user);
+    if (pEntry == nullptr && !IsServerLink(lpCpd->conn_type))
+        pEntry = TakeBackDownloader(lpCpd, ask);
     if (pEntry == nullptr)
         return 0;
     // Active before the kick, so that a host that calls OnSend at once finds
@@ -219,6 +221,28 @@ uint32_t ZV_FileShareSession::HandleDownloadDataRequest(ConfPduData* lpCpd)
     KickDownloadConn(Conf()->GetUserConn(&user, zvConfClientTypeData));
     FloodDownloadStop(user, record.m_bStopped);
     return 0;
+}
+
+// A client that states where its download of this very file stands, while
+// this server has no entry of it, is a downloader the server lost track of:
+// its entry went with a restart, or with a change of rights made while the
+// user was away and undone since. It would wait for good; it is taken back
+// as from a request at the stated position, if it may still have the file.
+ZV_FileDownloadInfo* ZV_FileShareSession::TakeBackDownloader(const ConfPduData* lpCpd, const ZV_DownloadDataRequest& ask)
+{
+    const ZV_FileBriefInfo& brief = m_FileInfo.m_BriefInfo;
+    const ZV_FileDownloadInfo& record = ask.record;
+    if (ask.user != QB_UserID(lpCpd->ulUserMain, lpCpd->ulUserSub) || !MayDownload(brief, ask.user) ||
+        record.m_sFileName.IsEmpty() || record.m_dtShareTime != brief.m_dtShareTime ||
+        record.m_ulDownloadPos > brief.m_ulFileLenth)
+        return nullptr;
+    ZV_DownloadAsk again;
+    again.usFileID = m_usFileID;
+    again.user = ask.user;
+    again.sPath = record.m_sFilePath + record.m_sFileName;
+    again.ulPos = record.m_ulDownloadPos;
+    m_mapDownload[ask.user] = MakeDownloadEntry(*this, again);
+    return m_mapDownload.Find(ask.user);
 }
 
 // Other servers keep their copy of the entry in step with a stop or a go.

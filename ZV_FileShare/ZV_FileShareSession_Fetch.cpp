@@ -76,13 +76,20 @@ void ZV_FileShareSession::TakeDownloadAnswer(const ConfPduData* lpCpd, ZV_Downlo
         m_LocalDownload = record;
         m_LocalDownload.SetLastTick(ZV_Now());
         m_LocalDownload.SetState(ZV_DLSTATE_RUNNING);
+        m_ulLastIoTick = ZV_Now();
     }
     if (Conf()->IsClientMode())
         ReportDownloadAnswer(lpCpd, ulResult, usFileID, user, record);
+    // A refused download stands still until the user asks again.
+    m_bDownloadFailed = ulResult != ZV_OK;
     if (ulResult != ZV_OK)
         return;
     m_bResyncPending = true;
     SendDownloadDataRequest(lpCpd->ulConn, usFileID, user, record);
+    // No block can come for a download that starts at the file's end, an
+    // empty file above all: it is whole as it is.
+    if (!bRelay && record.m_ulDownloadPos >= record.m_ulFileLenth)
+        OnClientBlock(usFileID, true);
 }
 
 // The answer must echo what the user's FsDownload asked: its path, its

@@ -13,17 +13,6 @@ namespace {
 // Read and write, created if missing, keeping what is there.
 constexpr uint32_t kOpenStored = QB_FILE_READWRITE | QB_FILE_OPEN_ALWAYS;
 
-// Whether the row describes the same file as `brief`: a FileID that came
-// back with another name, length, place, type, time or creator is another
-// file. Times compare as their text, to the second.
-bool IsSameFile(const ZV_FileBriefInfo& brief, const ZV_FileBriefInfo& row)
-{
-    return brief.m_sFileOldName == row.m_sFileOldName && brief.m_ulFileLenth == row.m_ulFileLenth &&
-           brief.m_sFilePath == row.m_sFilePath && brief.m_sFileType == row.m_sFileType &&
-           brief.m_dtModifyTime.ToText(0, "-") == row.m_dtModifyTime.ToText(0, "-") &&
-           brief.m_dtShareTime.ToText(0, "-") == row.m_dtShareTime.ToText(0, "-") && brief.m_CreatorID == row.m_CreatorID;
-}
-
 } // namespace
 
 void ZV_FileShareSession::TakePeerFile(uint16_t usFileID, const ZV_FileUploadInfo& entry)
@@ -49,6 +38,11 @@ uint32_t ZV_FileShareSession::ReconcileFileInfo(const ConfPduData* lpCpd, QB_Str
         ulResult = NameNewStoredFile(sFolder, brief, bFetch);
     if (ulResult != ZV_OK)
         return ulResult;
+    // Whole at the peer is not whole here: a file that this server has yet
+    // to fetch is arriving, so that its row says so and a stalled fetch is
+    // looked at again by the timer.
+    if (bFetch && brief.m_usFileState == ZV_FILESTATE_COMPLETE)
+        brief.SetFileState(ZV_FILESTATE_UPLOADING);
     m_FileInfo.SetBriefInfo(brief);
     m_BriefInfo = brief;
     m_bStopUpload = brief.m_usFileState == ZV_FILESTATE_STOPPED;
@@ -65,7 +59,7 @@ uint32_t ZV_FileShareSession::CompareStoredFile(const QB_StringW& sFolder, const
 {
     m_FileInfo.SetFileNewName(row.m_sFileNewName);
     const QB_StringW sPath = sFolder + QB_StringW(row.m_sFileNewName);
-    if (!IsSameFile(brief, row.m_BriefInfo))
+    if (!brief.IsSameFile(row.m_BriefInfo))
     {
         CloseStoredFiles();
         QB_FileEx::Delete(sPath);

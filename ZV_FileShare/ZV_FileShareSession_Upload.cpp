@@ -48,6 +48,7 @@ void ZV_FileShareSession::PumpUpload(ConfPduData* lpCpd)
             return FailLocalRead();
         SendUploadRequest(lpCpd->ulConn, m_usFileID, &m_BriefInfo.m_CreatorID, 0, 0, (uint32_t)nRead, abBlock,
                           m_ulReadPos);
+        m_ulLastIoTick = ZV_Now();
         m_ulReadPos += (uint32_t)nRead;
         if (m_ulReadPos >= m_BriefInfo.m_ulFileLenth)
         {
@@ -57,11 +58,15 @@ void ZV_FileShareSession::PumpUpload(ConfPduData* lpCpd)
     }
 }
 
-// Once the server holds the whole file the local copy no longer matters.
+// Once the server holds the whole file the local copy no longer matters:
+// the upload is over, however it was started again.
 void ZV_FileShareSession::FailLocalRead()
 {
     if (m_ulMaxPos >= m_BriefInfo.m_ulFileLenth)
+    {
+        m_BriefInfo.SetFileState(ZV_FILESTATE_COMPLETE);
         return;
+    }
     m_BriefInfo.SetFileState(ZV_FILESTATE_FAILED);
     NotifyTransferError(ZV_ERR_IO, m_usFileID);
     QB_WriteClientLog("ZV_FileShareMgr.OnSend ret = %d \r\n", (int)ZV_ERR_IO);

@@ -1,0 +1,776 @@
+#include "ZV_RandomScenario.h"
+
+#include "ZV_SimBuilder.h"
+#include "ZV_SimMachine.h"
+
+#include "ZV_DeletePdu.h"
+#include "ZV_FileShareMgr.h"
+#include "ZV_FileShareMgrPeer.h"
+#include "ZV_FileShareSession.h"
+#include "ZV_FileShareSessionPeer.h"
+
+#include "QB_ByteStream.h"
+#include "QB_TestSupport.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <functional>
+#include <sstream>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr uint32_t kConfID = ZV_SimBuilder::kConfID;
+// FileIDs of server n run from 1000 * (n - 1) + 1.
+constexpr uint16_t kFileIDsPerServer = 1000;
+// Sizes around the block, so that ends of blocks and of PDUs are met.
+constexpr uint32_t kSizes[] = {0, 1, 1000, 32767, 32768, 32769, 65543, 98304, 98305, 150000, 250007};
+
+std::u16string Wide(const std::string& sPath)
+{
+    QB_StringW sWide = QB_ToWindowsPath(sPath);
+    return std::u16string(sWide.GetString(), (size_t)sWide.GetLength());
+}
+
+std::string Narrow(const QB_StringU8& s)
+{
+    return std::string(s.GetString(), (size_t)s.GetLength());
+}
+
+ZV_FileShareMgr* Manager(ZV_SimHost* lpNode)
+{
+    return static_cast<ZV_FileShareMgr*>(lpNode->GetModule());
+}
+
+// fn(usFileID, session) for every session a node holds.
+void ForEachSession(ZV_SimHost* lpNode, const std::function<void(uint16_t, ZV_FileShareSession&)>& fn)
+{
+    ZV_SessionMap& map = ZV_FileShareMgrPeer::Sessions(*Manager(lpNode));
+    for (QB_POSITION pos = map.GetStartPosition(); pos != nullptr;)
+    {
+        uint16_t usFileID = 0;
+        ZV_FileShareSession* lpFsSession = nullptr;
+        map.GetNextAssoc(pos, usFileID, lpFsSession);
+        if (lpFsSession != nullptr)
+            fn(usFileID, *lpFsSession);
+    }
+}
+
+} // namespace
+
+struct ZV_RandomScenario::Client
+{
+    ZV_SimHost* lpNode = nullptr;
+    std::string sName;
+    std::string sSources;
+    std::string sDownloads;
+    // Every path the user asked to download to, in host form.
+    std::set<std::string> setTargets;
+    bool bPresent = true;
+};
+
+// A file a user shared: its name is unique in the run, so any record that
+// names it names its source.
+struct ZV_RandomScenario::Share
+{
+    std::string sName;
+    std::string sPath;
+};
+
+// A delete a user asked for, and where the journal stood then.
+struct ZV_RandomScenario::Deleted
+{
+    const Client* lpClient = nullptr;
+    uint16_t usFileID = 0;
+    std::string sName;
+    size_t nJournalAt = 0;
+    bool bConfirmed = false;
+};
+
+std::string ZV_RandomReport::Describe() const
+{
+    std::ostringstream out;
+    out << "seed " << ulSeed << ", " << nSteps << " steps: " << (Passed() ? "passed" : "FAILED") << "\n";
+    for (const std::string& sProblem : vecProblems)
+        out << "  " << sProblem << "\n";
+    if (!Passed())
+    {
+        out << "replay: random_scenarios --seed " << ulSeed << " --steps " << nSteps << " --verbose\n";
+        out << "steps:\n" << sSteps << "journal tail:\n" << sJournalTail;
+    }
+    return out.str();
+}
+
+ZV_RandomScenario::ZV_RandomScenario(ZV_RandomOptions options) : m_options(std::move(options)), m_rng(m_options.ulSeed)
+{
+}
+
+ZV_RandomScenario::~ZV_RandomScenario() = default;
+
+uint32_t ZV_RandomScenario::Random(uint32_t ulBelow)
+{
+    return ulBelow == 0 ? 0 : (uint32_t)(m_rng() % ulBelow);
+}
+
+bool ZV_RandomScenario::Chance(uint32_t ulPercent)
+{
+    return Random(100) < ulPercent;
+}
+
+void ZV_RandomScenario::Note(const std::string& sStep)
+{
+    m_vecSteps.push_back(sStep);
+}
+
+void ZV_RandomScenario::Problem(const std::string& sProblem)
+{
+    if (m_vecProblems.size() < 20)
+        m_vecProblems.push_back(sProblem);
+}
+
+ZV_RandomReport ZV_RandomScenario::Run()
+{
+    ZV_RandomReport report;
+    report.ulSeed = m_options.ulSeed;
+    report.nSteps = m_options.nSteps;
+    if (Build())
+    {
+        for (int i = 0; i < m_options.nSteps && m_vecProblems.empty(); ++i)
+            TakeStep();
+        if (m_vecProblems.empty())
+            Settle();
+        if (m_vecProblems.empty())
+        {
+            CheckDownloads();
+            CheckCatalogues();
+            CheckDeletes();
+            CheckWrites();
+            CheckIdle();
+        }
+    }
+    report.vecProblems = m_vecProblems;
+    const size_t nKept = m_options.bWholeJournal ? SIZE_MAX : 40;
+    const size_t nFirst = m_vecSteps.size() > nKept ? m_vecSteps.size() - nKept : 0;
+    for (size_t i = nFirst; i < m_vecSteps.size(); ++i)
+        report.sSteps += "  " + std::to_string(i) + ": " + m_vecSteps[i] + "\n";
+    if (m_lpSim)
+    {
+        const size_t nSize = m_lpSim->Journal().Size();
+        const size_t nTail = m_options.bWholeJournal ? nSize : 60;
+        report.sJournalTail = m_lpSim->Journal().Dump(nSize > nTail ? nSize - nTail : 0);
+    }
+    return report;
+}
+
+// Two or three servers in a line, one or two users on each.
+bool ZV_RandomScenario::Build()
+{
+    ZV_SimOptions options;
+    options.sRoot = m_options.sRoot + "/nodes";
+    options.nJournalPayloadBytes = 64;
+    options.nJournalEntries = m_options.bWholeJournal ? SIZE_MAX : 4000;
+    m_lpSim = std::make_unique<ZV_SimConference>(ZV_SimModuleApi::Linked(), options);
+    m_nServers = 2 + (int)Random(2);
+    for (int n = 1; n <= m_nServers; ++n)
+        m_lpSim->SetFileIDRange((uint32_t)n, (uint16_t)((n - 1) * kFileIDsPerServer + 1),
+                                (uint16_t)(n * kFileIDsPerServer));
+    const ZV_SimShape shape = ZV_SimBuilder::ServersInALine(*m_lpSim, m_nServers, 0);
+    if (!shape.IsComplete())
+    {
+        Problem("the conference could not be built: " + m_lpSim->GetError());
+        return false;
+    }
+    m_vecServers = shape.vecServers;
+    for (int n = 1; n <= m_nServers; ++n)
+        for (int i = 0, nCount = 1 + (int)Random(2); i < nCount; ++i)
+        {
+            auto lpClient = std::make_unique<Client>();
+            const ZV_SimUser user = ZV_SimBuilder::MakeUser((uint32_t)n, i);
+            lpClient->lpNode = m_lpSim->AddClient(kConfID, user);
+            lpClient->sName = "u" + std::to_string(user.id.m_ulMain);
+            lpClient->sSources = m_options.sRoot + "/src/" + lpClient->sName;
+            lpClient->sDownloads = m_options.sRoot + "/dl/" + lpClient->sName;
+            if (!lpClient->lpNode)
+            {
+                Problem("a client could not join: " + m_lpSim->GetError());
+                return false;
+            }
+            fs::create_directories(lpClient->sSources);
+            m_vecClients.push_back(std::move(lpClient));
+        }
+    Note("servers " + std::to_string(m_nServers) + ", clients " + std::to_string(m_vecClients.size()));
+    Deliver();
+    return m_vecProblems.empty();
+}
+
+// Some delivery after each step: all of it, or a few steps of it, so that
+// the next step may meet PDUs on their way.
+void ZV_RandomScenario::Deliver()
+{
+    if (Chance(50))
+    {
+        if (!m_lpSim->Run())
+            Problem("the conference never settled: " + m_lpSim->GetError());
+        return;
+    }
+    for (uint32_t i = 0, nSteps = Random(400); i < nSteps && m_lpSim->Step(); ++i)
+    {
+    }
+}
+
+void ZV_RandomScenario::TakeStep()
+{
+    using Fn = void (ZV_RandomScenario::*)();
+    static const std::pair<uint32_t, Fn> aSteps[] = {
+        {14, &ZV_RandomScenario::StepShare},
+        {4, &ZV_RandomScenario::StepShareBatch},
+        {4, &ZV_RandomScenario::StepUpload},
+        {18, &ZV_RandomScenario::StepDownload},
+        {8, &ZV_RandomScenario::StepStopOrResumeDownload},
+        {5, &ZV_RandomScenario::StepStopOrResumeUpload},
+        {6, &ZV_RandomScenario::StepRights},
+        {5, &ZV_RandomScenario::StepDelete},
+        {3, &ZV_RandomScenario::StepDropDownload},
+        {10, &ZV_RandomScenario::StepCutOrRestore},
+        {6, &ZV_RandomScenario::StepLeaveOrRejoin},
+        {3, &ZV_RandomScenario::StepRestartServer},
+        {2, &ZV_RandomScenario::StepRestartClient},
+        {2, &ZV_RandomScenario::StepRole},
+        {8, &ZV_RandomScenario::StepTime},
+    };
+    uint32_t ulTotal = 0;
+    for (const auto& step : aSteps)
+        ulTotal += step.first;
+    uint32_t ulPick = Random(ulTotal);
+    for (const auto& step : aSteps)
+    {
+        if (ulPick < step.first)
+        {
+            (this->*step.second)();
+            break;
+        }
+        ulPick -= step.first;
+    }
+    Deliver();
+}
+
+// ---------------------------------------------------------------------------
+// Helpers
+
+ZV_RandomScenario::Client& ZV_RandomScenario::AnyClient()
+{
+    return *m_vecClients[Random((uint32_t)m_vecClients.size())];
+}
+
+bool ZV_RandomScenario::IsPresent(const Client& client)
+{
+    return client.bPresent;
+}
+
+IZV_FileShareMgr* ZV_RandomScenario::Fs(const Client& client)
+{
+    return client.lpNode->GetFileShareMgr();
+}
+
+std::vector<uint16_t> ZV_RandomScenario::KnownFiles(const Client& client, bool bOwnOnly)
+{
+    std::vector<uint16_t> vecFileID;
+    const QB_UserID self = client.lpNode->GetUserID();
+    ForEachSession(client.lpNode, [&](uint16_t usFileID, ZV_FileShareSession& session) {
+        if (!bOwnOnly || session.BriefInfo().m_CreatorID == self)
+            vecFileID.push_back(usFileID);
+    });
+    return vecFileID;
+}
+
+bool ZV_RandomScenario::PickFile(const Client& client, bool bOwnOnly, uint16_t& usFileID)
+{
+    const std::vector<uint16_t> vecFileID = KnownFiles(client, bOwnOnly);
+    if (vecFileID.empty())
+        return false;
+    usFileID = vecFileID[Random((uint32_t)vecFileID.size())];
+    return true;
+}
+
+// A new file of the client's with a name no other file of the run has and
+// bytes of its own.
+std::string ZV_RandomScenario::MakeSource(const Client& client)
+{
+    const std::string sName = "f" + std::to_string(++m_nNextShare) + "_" + client.sName + ".bin";
+    const uint32_t ulSize = kSizes[Random(sizeof kSizes / sizeof kSizes[0])];
+    std::vector<uint8_t> vbData(ulSize);
+    std::mt19937 rngBytes(m_options.ulSeed * 7919u + (uint32_t)m_nNextShare);
+    for (uint8_t& b : vbData)
+        b = (uint8_t)rngBytes();
+    const std::string sPath = client.sSources + "/" + sName;
+    QB_WriteWholeFile(sPath, vbData);
+    m_vecShares.push_back({sName, sPath});
+    return sName;
+}
+
+std::vector<QB_UserID> ZV_RandomScenario::SomeUsers()
+{
+    std::vector<QB_UserID> vecUsers;
+    for (const auto& lpClient : m_vecClients)
+        if (Chance(40))
+            vecUsers.push_back(lpClient->lpNode->GetUserID());
+    return vecUsers;
+}
+
+std::vector<ZV_SimLink*> ZV_RandomScenario::ServerLinks() const
+{
+    std::vector<ZV_SimLink*> vecLinks;
+    for (int n = 1; n < m_nServers; ++n)
+        vecLinks.push_back(m_lpSim->GetServerLink((uint32_t)n, (uint32_t)n + 1));
+    return vecLinks;
+}
+
+bool ZV_RandomScenario::AllServerLinksUp() const
+{
+    for (ZV_SimLink* lpLink : ServerLinks())
+        if (!lpLink->IsUp(zvSimCommand) || !lpLink->IsUp(zvSimData))
+            return false;
+    return true;
+}
+
+const ZV_RandomScenario::Share* ZV_RandomScenario::FindShare(const std::string& sName) const
+{
+    for (const Share& share : m_vecShares)
+        if (share.sName == sName)
+            return &share;
+    return nullptr;
+}
+
+// ---------------------------------------------------------------------------
+// The steps
+
+void ZV_RandomScenario::StepShare()
+{
+    Client& client = AnyClient();
+    const std::string sName = MakeSource(client);
+    const std::vector<QB_UserID> vecRight = SomeUsers();
+    const uint8_t bPublic = Chance(70) ? 1 : 0;
+    const uint8_t bStart = Chance(70) ? 1 : 0;
+    const uint32_t ulResult = Fs(client)->FsAdd(Wide(client.sSources + "/" + sName).c_str(), vecRight.data(),
+                                                (uint32_t)vecRight.size(), bPublic, bStart);
+    Note(client.sName + " shares " + sName + (bPublic ? " public" : " to some") + (bStart ? ", starting" : "") +
+         ": " + std::to_string(ulResult));
+}
+
+void ZV_RandomScenario::StepShareBatch()
+{
+    Client& client = AnyClient();
+    std::vector<std::string> vecNames;
+    for (uint32_t i = 0, nCount = 2 + Random(3); i < nCount; ++i)
+        vecNames.push_back(MakeSource(client));
+    std::vector<std::u16string> vecWide;
+    std::vector<const char16_t*> vecPtr;
+    for (const std::string& sName : vecNames)
+        vecWide.push_back(Wide(sName));
+    for (const std::u16string& s : vecWide)
+        vecPtr.push_back(s.c_str());
+    const uint32_t ulResult = Fs(client)->FsFilesAdd(Wide(client.sSources + "/").c_str(), vecPtr.data(),
+                                                     (uint32_t)vecPtr.size(), nullptr, 0, 1, Chance(70) ? 1 : 0);
+    Note(client.sName + " shares " + std::to_string(vecNames.size()) + " files from " + vecNames.front() + ": " +
+         std::to_string(ulResult));
+}
+
+void ZV_RandomScenario::StepUpload()
+{
+    Client& client = AnyClient();
+    uint16_t usFileID = 0;
+    if (!PickFile(client, true, usFileID))
+        return;
+    Note(client.sName + " uploads " + std::to_string(usFileID) + ": " + std::to_string(Fs(client)->FsUpload(usFileID)));
+}
+
+void ZV_RandomScenario::StepDownload()
+{
+    Client& client = AnyClient();
+    uint16_t usFileID = 0;
+    if (!PickFile(client, false, usFileID))
+        return;
+    const std::string sTarget = client.sDownloads + "/d" + std::to_string(++m_nNextTarget) + ".bin";
+    client.setTargets.insert(sTarget);
+    const uint32_t ulResult = Fs(client)->FsDownload(usFileID, Wide(sTarget).c_str());
+    Note(client.sName + " downloads " + std::to_string(usFileID) + " to " + fs::path(sTarget).filename().string() +
+         ": " + std::to_string(ulResult));
+}
+
+void ZV_RandomScenario::StepStopOrResumeDownload()
+{
+    Client& client = AnyClient();
+    uint16_t usFileID = 0;
+    if (!PickFile(client, false, usFileID))
+        return;
+    const bool bStop = Chance(50);
+    const uint32_t ulResult = bStop ? Fs(client)->FsStopDownload(usFileID) : Fs(client)->FsResumeDownload(usFileID);
+    Note(client.sName + (bStop ? " stops" : " resumes") + " download " + std::to_string(usFileID) + ": " +
+         std::to_string(ulResult));
+}
+
+void ZV_RandomScenario::StepStopOrResumeUpload()
+{
+    Client& client = AnyClient();
+    uint16_t usFileID = 0;
+    if (!PickFile(client, true, usFileID))
+        return;
+    const bool bStop = Chance(50);
+    const uint32_t ulResult = bStop ? Fs(client)->FsStopUpload(usFileID) : Fs(client)->FsResumeUpload(usFileID);
+    Note(client.sName + (bStop ? " stops" : " resumes") + " upload " + std::to_string(usFileID) + ": " +
+         std::to_string(ulResult));
+}
+
+void ZV_RandomScenario::StepRights()
+{
+    Client& client = AnyClient();
+    uint16_t usFileID = 0;
+    if (!PickFile(client, true, usFileID))
+        return;
+    const std::vector<QB_UserID> vecAdd = SomeUsers();
+    const std::vector<QB_UserID> vecRemove = SomeUsers();
+    const uint8_t bPublic = Chance(40) ? 1 : 0;
+    const uint32_t ulResult = Fs(client)->FsSetRight(usFileID, bPublic, vecAdd.data(), (uint32_t)vecAdd.size(),
+                                                     vecRemove.data(), (uint32_t)vecRemove.size());
+    Note(client.sName + " sets the rights of " + std::to_string(usFileID) + (bPublic ? " public" : " to a list") +
+         ": " + std::to_string(ulResult));
+}
+
+// Deletes of the user's own files, and now and then of another's by a user
+// who may.
+void ZV_RandomScenario::StepDelete()
+{
+    Client& client = AnyClient();
+    uint16_t usFileID = 0;
+    if (!PickFile(client, !Chance(20), usFileID))
+        return;
+    ZV_FileShareSession* lpFsSession = nullptr;
+    ZV_FileShareMgrPeer::Sessions(*Manager(client.lpNode)).Lookup(usFileID, lpFsSession);
+    Deleted deleted;
+    deleted.lpClient = &client;
+    deleted.usFileID = usFileID;
+    deleted.sName = lpFsSession ? Narrow(lpFsSession->BriefInfo().m_sFileOldName) : std::string();
+    deleted.nJournalAt = m_lpSim->Journal().Size();
+    m_vecDeleted.push_back(deleted);
+    Note(client.sName + " deletes " + std::to_string(usFileID) + " (" + deleted.sName +
+         "): " + std::to_string(Fs(client)->FsDelUpload(usFileID)));
+}
+
+void ZV_RandomScenario::StepDropDownload()
+{
+    Client& client = AnyClient();
+    uint16_t usFileID = 0;
+    if (!PickFile(client, false, usFileID))
+        return;
+    const uint8_t bDelete = Chance(50) ? 1 : 0;
+    Note(client.sName + " drops download " + std::to_string(usFileID) + (bDelete ? " and its file" : "") + ": " +
+         std::to_string(Fs(client)->FsDelDownload(usFileID, bDelete)));
+}
+
+// A server link, whole or only its data connection, or a client's data
+// connection.
+void ZV_RandomScenario::StepCutOrRestore()
+{
+    ZV_SimLink* lpLink = nullptr;
+    std::string sWhat;
+    if (Chance(50) && m_nServers > 1)
+    {
+        const uint32_t n = 1 + Random((uint32_t)m_nServers - 1);
+        lpLink = m_lpSim->GetServerLink(n, n + 1);
+        sWhat = "server link " + std::to_string(n) + "-" + std::to_string(n + 1);
+    }
+    else
+    {
+        Client& client = AnyClient();
+        if (!IsPresent(client))
+            return;
+        lpLink = m_lpSim->GetClientLink(client.lpNode);
+        sWhat = client.sName + "'s link";
+    }
+    // A client whose command connection goes has left the conference; that
+    // is the step of leaving and coming back.
+    const bool bDataOnly = !lpLink->IsServerLink() || Chance(30);
+    const uint16_t usData = lpLink->IsServerLink() ? zvConfServerTypeData : zvConfClientTypeData;
+    const bool bUp = lpLink->IsUp(zvSimCommand) && lpLink->IsUp(zvSimData);
+    if (bUp)
+        bDataOnly ? m_lpSim->Cut(lpLink, usData) : m_lpSim->CutLink(lpLink);
+    else if (!lpLink->IsUp(zvSimCommand))
+        m_lpSim->RestoreLink(lpLink);
+    else
+        m_lpSim->Restore(lpLink, usData);
+    Note(std::string(bUp ? "cut " : "restore ") + (bUp && bDataOnly ? "the data of " : "") + sWhat);
+}
+
+void ZV_RandomScenario::StepLeaveOrRejoin()
+{
+    Client& client = AnyClient();
+    if (client.bPresent)
+    {
+        client.bPresent = !m_lpSim->Leave(client.lpNode);
+        Note(client.sName + " leaves");
+        return;
+    }
+    const bool bReturning = Chance(50);
+    client.bPresent = m_lpSim->Rejoin(client.lpNode, bReturning);
+    Note(client.sName + (bReturning ? " returns" : " rejoins"));
+}
+
+// A server that restarts forgets the deletes it knew of. Those may come
+// back from a server that has not heard of them yet: one cut off, or one
+// whose lists are still on their way.
+void ZV_RandomScenario::StepRestartServer()
+{
+    const uint32_t n = 1 + Random((uint32_t)m_nServers);
+    if (!AllServerLinksUp() || m_lpSim->GetPending() != 0)
+        m_nDeletesMayReturn = m_vecDeleted.size();
+    if (!m_lpSim->RestartServer(m_vecServers[n - 1]))
+        Problem("server " + std::to_string(n) + " could not restart: " + m_lpSim->GetError());
+    Note("server " + std::to_string(n) + " restarts");
+}
+
+void ZV_RandomScenario::StepRestartClient()
+{
+    Client& client = AnyClient();
+    if (!IsPresent(client))
+        return;
+    if (!m_lpSim->RestartClient(client.lpNode))
+        Problem(client.sName + " could not restart: " + m_lpSim->GetError());
+    Note(client.sName + " restarts");
+}
+
+void ZV_RandomScenario::StepRole()
+{
+    Client& client = AnyClient();
+    if (!IsPresent(client))
+        return;
+    const uint16_t usRole = client.lpNode->GetUserRecord().usRole == zvUserRolePrivileged ? 0 : zvUserRolePrivileged;
+    m_lpSim->SetUserRole(client.lpNode, usRole);
+    Note(client.sName + (usRole ? " becomes privileged" : " is no longer privileged"));
+}
+
+void ZV_RandomScenario::StepTime()
+{
+    const uint32_t ulMs = Chance(30) ? 16000 + Random(10000) : 100 + Random(3000);
+    if (!m_lpSim->AdvanceTime(ulMs))
+        Problem("the conference never settled while the clock moved: " + m_lpSim->GetError());
+    Note("the clock moves " + std::to_string(ulMs) + " ms");
+}
+
+// ---------------------------------------------------------------------------
+// The end: everything comes back, what stands still goes on, and the
+// conference settles.
+
+void ZV_RandomScenario::Settle()
+{
+    Note("settle");
+    for (ZV_SimLink* lpLink : ServerLinks())
+        m_lpSim->RestoreLink(lpLink);
+    for (const auto& lpClient : m_vecClients)
+    {
+        if (!lpClient->bPresent)
+            lpClient->bPresent = m_lpSim->Rejoin(lpClient->lpNode, false);
+        else
+            m_lpSim->RestoreLink(m_lpSim->GetClientLink(lpClient->lpNode));
+    }
+    if (!m_lpSim->Run())
+    {
+        Problem("the conference never settled after everything came back: " + m_lpSim->GetError());
+        return;
+    }
+    for (const auto& lpClient : m_vecClients)
+    {
+        const QB_UserID self = lpClient->lpNode->GetUserID();
+        std::vector<std::pair<uint16_t, bool>> vecResume;
+        ForEachSession(lpClient->lpNode, [&](uint16_t usFileID, ZV_FileShareSession& session) {
+            if (session.BriefInfo().m_CreatorID == self && session.BriefInfo().m_usFileState == ZV_FILESTATE_STOPPED)
+                vecResume.push_back({usFileID, true});
+            if (session.LocalDownload().m_usState == ZV_DLSTATE_STOPPED)
+                vecResume.push_back({usFileID, false});
+        });
+        for (const auto& [usFileID, bUpload] : vecResume)
+            bUpload ? Fs(*lpClient)->FsResumeUpload(usFileID) : Fs(*lpClient)->FsResumeDownload(usFileID);
+    }
+    // Long enough for every stall to be looked at more than once.
+    for (int i = 0; i < 6 && m_vecProblems.empty(); ++i)
+        if (!m_lpSim->AdvanceTime(25000))
+            Problem("the conference never settled: " + m_lpSim->GetError());
+}
+
+// ---------------------------------------------------------------------------
+// The checks
+
+// A finished download is compared with the file its record names.
+void ZV_RandomScenario::CheckDownloads()
+{
+    for (const auto& lpClient : m_vecClients)
+        ForEachSession(lpClient->lpNode, [&](uint16_t usFileID, ZV_FileShareSession& session) {
+            const ZV_FileDownloadInfo& download = session.LocalDownload();
+            if (download.m_usState != ZV_DLSTATE_FINISHED)
+                return;
+            const Share* lpShare = FindShare(Narrow(download.m_sFileFullName));
+            std::string sLocal = Narrow(download.m_sFilePath + download.m_sFileName);
+            std::replace(sLocal.begin(), sLocal.end(), '\\', '/');
+            if (lpShare == nullptr)
+            {
+                Problem(lpClient->sName + " finished a download of " + std::to_string(usFileID) +
+                        " from a file nobody shared: " + Narrow(download.m_sFileFullName));
+                return;
+            }
+            if (fs::exists(sLocal) && QB_ReadWholeFile(sLocal) != QB_ReadWholeFile(lpShare->sPath))
+                Problem(lpClient->sName + "'s download of " + std::to_string(usFileID) + " (" + lpShare->sName +
+                        ") differs from its source");
+        });
+}
+
+// Each row of each catalogue names a stored file inside the conference's
+// folder; a complete row's file has every byte of its source.
+void ZV_RandomScenario::CheckCatalogues()
+{
+    for (int n = 1; n <= m_nServers; ++n)
+    {
+        ZV_SimHost* lpServer = m_vecServers[n - 1];
+        ZV_FileCatalog& catalog = Manager(lpServer)->Catalog();
+        for (uint32_t ulFileID = 1; ulFileID <= (uint32_t)m_nServers * kFileIDsPerServer; ++ulFileID)
+        {
+            ZV_FileUploadInfo row;
+            QB_StringW sSection;
+            if (!catalog.LoadFile((uint16_t)kConfID, (uint16_t)ulFileID, row, sSection))
+                continue;
+            const std::string sWhere = "server " + std::to_string(n) + ", row " + std::to_string(ulFileID);
+            const std::string sStored =
+                lpServer->GetHome() + "store/" + std::to_string(kConfID) + "/" + Narrow(row.m_sFileNewName);
+            std::error_code ec;
+            const uintmax_t nSize = fs::file_size(sStored, ec);
+            const ZV_FileBriefInfo& brief = row.m_BriefInfo;
+            if (ec)
+                Problem(sWhere + ": no stored file " + Narrow(row.m_sFileNewName));
+            else if (nSize > brief.m_ulFileLenth)
+                Problem(sWhere + ": the stored file is longer than the file");
+            else if (brief.m_usFileState == ZV_FILESTATE_COMPLETE)
+            {
+                const Share* lpShare = FindShare(Narrow(brief.m_sFileOldName));
+                if (nSize != brief.m_ulFileLenth)
+                    Problem(sWhere + ": complete, but " + std::to_string(nSize) + " of " +
+                            std::to_string(brief.m_ulFileLenth) + " bytes stored");
+                else if (lpShare == nullptr || QB_ReadWholeFile(sStored) != QB_ReadWholeFile(lpShare->sPath))
+                    Problem(sWhere + ": the stored bytes differ from " + Narrow(brief.m_sFileOldName));
+            }
+        }
+    }
+}
+
+// A delete counts once the user was told it went through. Unless a server
+// forgot it while a linked server was still cut off, no node holds the file
+// again, under its FileID or in a catalogue.
+void ZV_RandomScenario::CheckDeletes()
+{
+    CollectDeletes();
+    for (size_t i = m_nDeletesMayReturn; i < m_vecDeleted.size(); ++i)
+    {
+        const Deleted& deleted = m_vecDeleted[i];
+        if (!deleted.bConfirmed)
+            continue;
+        auto fnHolds = [&](ZV_SimHost* lpNode) {
+            bool bHolds = false;
+            ForEachSession(lpNode, [&](uint16_t usFileID, ZV_FileShareSession& session) {
+                const ZV_FileBriefInfo& brief =
+                    lpNode->IsServer() ? session.FileInfo().m_BriefInfo : session.BriefInfo();
+                bHolds = bHolds || (usFileID == deleted.usFileID && Narrow(brief.m_sFileOldName) == deleted.sName);
+            });
+            return bHolds;
+        };
+        for (ZV_SimHost* lpNode : m_lpSim->GetNodes())
+            if (fnHolds(lpNode))
+                Problem(lpNode->GetName() + " holds " + std::to_string(deleted.usFileID) + " (" + deleted.sName +
+                        "), which " + deleted.lpClient->sName + " deleted");
+    }
+}
+
+// A delete went through when an 8009 with result 0 for its FileID reached
+// the user who asked.
+void ZV_RandomScenario::CollectDeletes()
+{
+    for (Deleted& deleted : m_vecDeleted)
+    {
+        ZV_SimFilter filter;
+        filter.usNumber = PDU_CONF_FS_DEL_UPLOAD_RESPONSE;
+        filter.sPeer = deleted.lpClient->lpNode->GetName();
+        filter.eFate = ZV_SimFate::Delivered;
+        filter.nFrom = deleted.nJournalAt;
+        for (const ZV_SimEntry& entry : m_lpSim->Journal().Find(filter))
+        {
+            QB_ByteStream stream(entry.vbData.data(), (int32_t)entry.vbData.size());
+            ZV_DelUploadResponse answer;
+            try
+            {
+                answer.Load(stream);
+            }
+            catch (...)
+            {
+                continue;
+            }
+            deleted.bConfirmed = deleted.bConfirmed ||
+                                 (answer.head.ulResult == 0 && answer.head.usFileID == deleted.usFileID &&
+                                  answer.head.user == deleted.lpClient->lpNode->GetUserID());
+        }
+    }
+}
+
+// Servers write in their own home folder; a client writes in its home
+// folder and at the paths its user asked for, nowhere else.
+void ZV_RandomScenario::CheckWrites()
+{
+    std::set<std::string> setAllowed;
+    for (const auto& lpClient : m_vecClients)
+        setAllowed.insert(lpClient->setTargets.begin(), lpClient->setTargets.end());
+    for (const auto& entry : fs::recursive_directory_iterator(m_options.sRoot))
+    {
+        if (entry.is_directory())
+            continue;
+        const fs::path relative = fs::relative(entry.path(), m_options.sRoot);
+        const std::vector<std::string> vecPart(relative.begin(), relative.end());
+        const bool bAllowed = vecPart[0] == "src" || setAllowed.count(entry.path().string()) != 0 ||
+                              (vecPart[0] == "nodes" && IsNodeFile(vecPart));
+        if (!bAllowed)
+            Problem("written where no user asked: " + relative.string());
+    }
+}
+
+// nodes/NODE/ holds the host's "confsrv.ini", the catalogue, the share
+// ledger and the logs; a server's store holds its conference's files, one
+// level deep.
+// What a client holds of a file, for a problem's line.
+std::string ZV_RandomScenario::Describe(const Client& client, uint16_t usFileID)
+{
+    ZV_FileShareSession* lpFsSession = nullptr;
+    if (!ZV_FileShareMgrPeer::Sessions(*Manager(client.lpNode)).Lookup(usFileID, lpFsSession) || !lpFsSession)
+        return " (no session)";
+    const ZV_FileDownloadInfo& d = lpFsSession->LocalDownload();
+    const ZV_FileBriefInfo& b = lpFsSession->BriefInfo();
+    const bool bCreator = b.m_CreatorID == client.lpNode->GetUserID();
+    return std::string(" (") + (bCreator ? "creator, " : "") + "file state " + std::to_string(b.m_usFileState) +
+           ", length " + std::to_string(b.m_ulFileLenth) + ", max " + std::to_string(lpFsSession->MaxPos()) +
+           ", download state " + std::to_string(d.m_usState) + " at " + std::to_string(d.m_ulDownloadPos) +
+           (ZV_FileShareSessionPeer::DownloadFailed(*lpFsSession) ? ", failed" : "") + ")";
+}
+
+bool ZV_RandomScenario::IsNodeFile(const std::vector<std::string>& vecPart) const
+{
+    if (vecPart.size() == 3)
+        return vecPart[2] == "confsrv.ini" || vecPart[2] == "fsinfo.ini" || vecPart[2] == "fsshared.ini";
+    if (vecPart.size() >= 4 && vecPart[2] == "log")
+        return true;
+    const bool bServer = vecPart[1].rfind("srv", 0) == 0;
+    return bServer && vecPart.size() == 5 && vecPart[2] == "store" && vecPart[3] == std::to_string(kConfID);
+}
+
+void ZV_RandomScenario::CheckIdle()
+{
+    for (const auto& lpClient : m_vecClients)
+    {
+        const QB_Array<uint16_t>& arrBusy = ZV_FileShareMgrPeer::BusyFileIDs(*Manager(lpClient->lpNode));
+        for (int i = 0; i < arrBusy.GetSize(); ++i)
+            Problem(lpClient->sName + " is still busy with " + std::to_string(arrBusy[i]) + Describe(*lpClient, arrBusy[i]));
+    }
+}

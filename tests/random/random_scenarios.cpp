@@ -1,0 +1,55 @@
+// Runs seeded random conferences beyond the suite's hundred:
+//
+//     random_scenarios --seed 101 --count 1000 --steps 120
+//
+// prints a line for each seed that fails, with the replay command, the last
+// steps and the journal's tail, and a summary; exits 1 if any seed failed.
+#include "ZV_RandomScenario.h"
+
+#include <CLI/CLI.hpp>
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <iostream>
+
+namespace fs = std::filesystem;
+
+int main(int argc, char** argv)
+{
+    CLI::App app{"Seeded random conferences through the simulator"};
+    uint32_t ulSeed = 1;
+    int nCount = 1;
+    int nSteps = 60;
+    bool bVerbose = false;
+    bool bJournal = false;
+    app.add_option("--seed", ulSeed, "first seed");
+    app.add_option("--count", nCount, "how many seeds, from the first on")->check(CLI::PositiveNumber);
+    app.add_option("--steps", nSteps, "random steps of each run")->check(CLI::PositiveNumber);
+    app.add_flag("--verbose", bVerbose, "the whole report of every seed, passed or not");
+    app.add_flag("--journal", bJournal, "every step and the whole journal in a failing seed's report");
+    CLI11_PARSE(app, argc, argv);
+
+    const fs::path root = fs::temp_directory_path() / ("roomcrate-random-" + std::to_string(::getpid()));
+    int nFailed = 0;
+    const auto tStart = std::chrono::steady_clock::now();
+    for (int i = 0; i < nCount; ++i)
+    {
+        const fs::path folder = root / std::to_string(ulSeed + (uint32_t)i);
+        fs::create_directories(folder);
+        ZV_RandomOptions options;
+        options.ulSeed = ulSeed + (uint32_t)i;
+        options.nSteps = nSteps;
+        options.sRoot = folder.string();
+        options.bWholeJournal = bJournal;
+        const ZV_RandomReport report = ZV_RandomScenario(options).Run();
+        if (!report.Passed() || bVerbose)
+            std::cout << report.Describe() << std::flush;
+        nFailed += report.Passed() ? 0 : 1;
+        fs::remove_all(folder);
+    }
+    fs::remove_all(root);
+    const double dSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - tStart).count();
+    std::printf("%d of %d seeds passed, %d steps each, in %.1f s\n", nCount - nFailed, nCount, nSteps, dSeconds);
+    return nFailed == 0 ? 0 : 1;
+}
