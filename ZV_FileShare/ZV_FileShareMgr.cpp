@@ -152,6 +152,12 @@ uint16_t ZV_FileShareMgr::AllocFileID()
 
 void ZV_FileShareMgr::SetSessionBusy(uint8_t bBusy, uint16_t usFileID)
 {
+    // A data link that fell idle and stayed up is in use again: its loss
+    // from now on is a loss, which makes the client say where its downloads
+    // stand when it comes back.
+    if (bBusy && m_cDataLink == ZV_LINK_IDLE && m_lpConf->IsClientMode() &&
+        GetLinkConn(zvConfClientTypeData) != zvConnNone)
+        m_cDataLink = ZV_LINK_DATA_UP;
     const int nIndex = m_arrBusyFileID.Find(usFileID);
     if (bBusy && nIndex < 0)
         m_arrBusyFileID.Add(usFileID);

@@ -69,7 +69,10 @@ uint32_t ZV_FileShareMgr::FsDelDownload(uint16_t usFileID, uint8_t bDeleteFile)
                 return ZV_ERR_RESERVED_FILE;
             download = lpFsSession->LocalDownload();
             sLocalPath = LocalPathOf(download);
-            lpFsSession->CloseFile();
+            // The creator never downloads its own file: its open file is the
+            // one it uploads, and closing it would fail the upload.
+            if (!lpFsSession->IsLocalCreator())
+                lpFsSession->CloseFile();
         }
         else if (m_mapFinishedDownload.Lookup(usFileID, sLocalPath))
             m_mapFinishedDownload.RemoveKey(usFileID);

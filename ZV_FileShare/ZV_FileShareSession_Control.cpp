@@ -181,12 +181,6 @@ uint32_t ZV_FileShareSession::HandleIsStopUploadResponse(ConfPduData* lpCpd)
         m_BriefInfo.SetFileState(bStop ? ZV_FILESTATE_STOPPED : ZV_FILESTATE_UPLOADING);
         if (IsLocalCreator())
             m_lpMgr->SetSessionBusy(bStop ? 0 : 1, usFileID);
-        // The upload goes on only when the data link is called, and a link
-        // that rests is called again only once kicked; the pump then also
-        // ends an upload whose last block went before this answer came.
-        const uint32_t ulDataConn = m_lpMgr->GetLinkConn(zvConfClientTypeData);
-        if (!bStop && IsLocalCreator() && ulDataConn != zvConnNone)
-            ZV_SendKick(lpConf, ulDataConn);
     }
     if (!IsFileVisible(m_BriefInfo))
         return 0;
@@ -393,13 +387,16 @@ void ZV_FileShareSession::AskServersForMore()
 // also one that names no file (a resume of a download never asked for) and
 // the creator's upload once its pump has sent the last block, whose closing
 // progress report may never come (a file the server held whole already, or a
-// report lost with a link). Only a running upload or download keeps it.
+// report lost with a link). Only a running upload or download keeps it; a
+// download of a file the user may not see is not running, whatever the user
+// side resumed: no server sends it.
 void ZV_FileShareSession::OnClientTimer()
 {
     const uint32_t ulNow = ZV_Now();
     const bool bUploading = IsLocalCreator() && m_BriefInfo.m_usFileState == ZV_FILESTATE_UPLOADING;
     const bool bDownloading = !m_LocalDownload.m_sFileName.IsEmpty() &&
-                              m_LocalDownload.m_usState == ZV_DLSTATE_RUNNING && !m_bDownloadFailed;
+                              m_LocalDownload.m_usState == ZV_DLSTATE_RUNNING && !m_bDownloadFailed &&
+                              IsFileVisible(m_BriefInfo);
     if (bDownloading)
         AskAgainIfStalled(ulNow);
     else if (!bUploading && ulNow - m_ulLastIoTick >= ZV_CLIENT_STALL_MS)

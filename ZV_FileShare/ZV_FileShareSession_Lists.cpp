@@ -76,11 +76,6 @@ void ZV_FileShareSession::MergeCreatorState(bool bNew, uint16_t usOldState, uint
         m_lpMgr->SetSessionBusy(1, m_usFileID);
         if (m_BriefInfo.m_usFileState == ZV_FILESTATE_FAILED)
             m_BriefInfo.SetFileState(ZV_FILESTATE_UPLOADING);
-        // A data link that rests is only called again once kicked, and
-        // only its calls move the upload on.
-        const uint32_t ulDataConn = m_lpMgr->GetLinkConn(zvConfClientTypeData);
-        if (ulDataConn != zvConnNone)
-            ZV_SendKick(Conf(), ulDataConn);
         return;
     }
     const uint32_t ulConn = m_lpMgr->GetLinkConn(zvConfClientTypeCommand);

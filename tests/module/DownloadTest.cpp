@@ -2,6 +2,7 @@
 // client's local file and blocks, the relay's store, against a recording host
 // and a file system that fails on demand.
 #include "ZV_FileShareSessionPeer.h"
+#include "ZV_DownloadPdu.h"
 #include "ZV_FileShareMgr.h"
 #include "ZV_FileShareMgrPeer.h"
 #include "ZV_FileShareSession.h"
@@ -444,4 +445,44 @@ TEST_F(Download, FsDownloadAsksTheServerOnTheCommandLinkOrSaysWhyNot)
                          't', 's', '\\', 'a'})
                   .U32(0).U8(0).U8(0).b,
               host.m_vecSent[0].data);
+}
+
+// A running download that nothing reaches for the client's wait, while the
+// server holds more of the file, is asked for again from where the local
+// file stands, to its own path. A refusal of that ask leaves the download
+// standing: it asks no more and stops counting as busy.
+TEST_F(ClientDownload, AsksAgainFromItsPositionWhenNothingCameForTheWaitWhileTheServerHasMore)
+{
+    const ZV_FileDownloadInfo record = Target(tmp.SubW("again"), 98305);
+    ZV_FileShareSessionPeer::BriefInfo(Session()).SetPublic(true);
+    ASSERT_EQ(0u, Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, Asked(record), 0, 11));
+    Take(Block(0, ZV_TestBytes(32768, 4)));
+    ZV_FileShareSessionPeer::MaxPos(Session()) = 32768;
+    host.m_vecSent.clear();
+    env.SetTick(5000 + ZV_CLIENT_STALL_MS + 1);
+    mgr.OnTimer(2);
+    EXPECT_TRUE(host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).empty()) << "the server has nothing more";
+    ZV_FileShareSessionPeer::MaxPos(Session()) = 32769;
+    env.SetTick(5000 + ZV_CLIENT_STALL_MS - 1);
+    mgr.OnTimer(7);
+    EXPECT_TRUE(host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).empty()) << "not waited long enough";
+    env.SetTick(5000 + ZV_CLIENT_STALL_MS);
+    mgr.OnTimer(12);
+    ASSERT_EQ(1u, host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size());
+    const Bytes vbAsk = host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST)[0].data;
+    QB_ByteStream stream(vbAsk.data(), (int32_t)vbAsk.size());
+    ZV_DownloadAsk ask;
+    ask.Load(stream);
+    EXPECT_EQ(host.m_LocalUser, ask.user);
+    EXPECT_EQ(record.m_sFilePath + record.m_sFileName, ask.sPath);
+    EXPECT_EQ(32768u, ask.ulPos);
+    EXPECT_EQ(0, ask.bFromServer);
+
+    Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, Pdu().U16(5).U32(40).U16(5).User(kBob).b, 0, 11);
+    host.m_vecSent.clear();
+    env.SetTick(5000 + 3 * ZV_CLIENT_STALL_MS);
+    mgr.OnTimer(17);
+    EXPECT_TRUE(host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).empty());
+    EXPECT_LT(ZV_FileShareMgrPeer::BusyFileIDs(mgr).Find(5), 0);
+    EXPECT_EQ(32768u, std::filesystem::file_size(tmp.Sub("again/a.bin")));
 }

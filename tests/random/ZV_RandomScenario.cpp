@@ -749,10 +749,45 @@ std::string ZV_RandomScenario::Describe(const Client& client, uint16_t usFileID)
     const ZV_FileDownloadInfo& d = lpFsSession->LocalDownload();
     const ZV_FileBriefInfo& b = lpFsSession->BriefInfo();
     const bool bCreator = b.m_CreatorID == client.lpNode->GetUserID();
-    return std::string(" (") + (bCreator ? "creator, " : "") + "file state " + std::to_string(b.m_usFileState) +
+    return std::string(" (") + (bCreator ? "creator, " : "") + (b.m_bPublic ? "public, " : "") +
+           (lpFsSession->IsFileVisible(b) ? "" : "hidden, ") + "file state " + std::to_string(b.m_usFileState) +
            ", length " + std::to_string(b.m_ulFileLenth) + ", max " + std::to_string(lpFsSession->MaxPos()) +
            ", download state " + std::to_string(d.m_usState) + " at " + std::to_string(d.m_ulDownloadPos) +
            (ZV_FileShareSessionPeer::DownloadFailed(*lpFsSession) ? ", failed" : "") + ")";
+}
+
+// What each server holds of a file, for a problem's line.
+std::string ZV_RandomScenario::DescribeServers(uint16_t usFileID)
+{
+    std::string sText;
+    for (int n = 1; n <= m_nServers; ++n)
+    {
+        ZV_FileShareSession* lpFsSession = nullptr;
+        if (!ZV_FileShareMgrPeer::Sessions(*Manager(m_vecServers[n - 1])).Lookup(usFileID, lpFsSession) ||
+            !lpFsSession)
+        {
+            sText += "; server " + std::to_string(n) + ": none";
+            continue;
+        }
+        ZV_FileShareSession& session = *lpFsSession;
+        const ZV_FileUploadInfo& info = session.FileInfo();
+        sText += "; server " + std::to_string(n) + ": state " + std::to_string(info.m_BriefInfo.m_usFileState) +
+                 ", written " + std::to_string(info.m_ulFileWritePos) + ", max " + std::to_string(session.MaxPos()) +
+                 (session.IsUploadStopped() ? ", stopped" : "") + (info.m_BriefInfo.m_bPublic ? ", public" : "") +
+                 ", rights " + std::to_string(info.m_BriefInfo.m_arrRight.GetSize()) + ", fetch " +
+                 std::to_string(session.LocalDownload().m_usState) + " at " +
+                 std::to_string(session.LocalDownload().m_ulDownloadPos);
+        ZV_DownloadMap& map = ZV_FileShareSessionPeer::Downloads(session);
+        for (QB_POSITION pos = map.GetStartPosition(); pos != nullptr;)
+        {
+            QB_UserID user;
+            ZV_FileDownloadInfo* pEntry = map.GetNextAssoc(pos, user);
+            sText += ", entry " + std::to_string(user.m_ulMain) + " " + std::to_string(pEntry->m_usState) + "@" +
+                     std::to_string(pEntry->m_ulDownloadPos) + (pEntry->m_bActive ? " active" : "") +
+                     (pEntry->m_bStopped ? " stopped" : "");
+        }
+    }
+    return sText;
 }
 
 bool ZV_RandomScenario::IsNodeFile(const std::vector<std::string>& vecPart) const
@@ -771,6 +806,7 @@ void ZV_RandomScenario::CheckIdle()
     {
         const QB_Array<uint16_t>& arrBusy = ZV_FileShareMgrPeer::BusyFileIDs(*Manager(lpClient->lpNode));
         for (int i = 0; i < arrBusy.GetSize(); ++i)
-            Problem(lpClient->sName + " is still busy with " + std::to_string(arrBusy[i]) + Describe(*lpClient, arrBusy[i]));
+            Problem(lpClient->sName + " is still busy with " + std::to_string(arrBusy[i]) +
+                    Describe(*lpClient, arrBusy[i]) + DescribeServers(arrBusy[i]));
     }
 }

@@ -99,6 +99,7 @@ private:
     void CheckWrites();
     void CheckIdle();
     std::string Describe(const Client& client, uint16_t usFileID);
+    std::string DescribeServers(uint16_t usFileID);
     bool IsNodeFile(const std::vector<std::string>& vecPart) const;
 
     // --- helpers

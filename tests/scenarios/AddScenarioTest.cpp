@@ -232,3 +232,30 @@ TEST_F(AddScene, ABatchReachesTheSecondServerWhichStoresItAndServesItsOwnClient)
     ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
     EXPECT_EQ(ZV_Bytes{1}, QB_ReadWholeFile(Target(lpCarol, vecFileID[1])));
 }
+
+// A FileID is given again only when nothing else is free: not while the
+// catalogue holds it for a file a restart took out of sight, and not while
+// a delete of it may still have to reach a server that was away; a FileID
+// freed otherwise, by a creator who left mid-upload, goes first.
+TEST_F(AddScene, AFileIDOfADeletedOrCataloguedFileIsGivenOnlyWhenNoOtherIsFree)
+{
+    sim.SetFileIDRange(1, 1, 3);
+    Build();
+    ASSERT_EQ(1, Share("kept.bin", {1, 2, 3}));
+    ASSERT_TRUE(sim.RestartServer(shape.Server()));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    EXPECT_EQ(2, Share("second.bin", {4})) << "the catalogued 1 stays";
+    std::filesystem::create_directories(tmp.Sub("bob"));
+    QB_WriteWholeFile(tmp.Sub("bob/later.bin"), ZV_Bytes(5000, 1));
+    ASSERT_EQ(0u, Fs(Bob())->FsAdd(ZV_Wide(tmp.Sub("bob/later.bin")).c_str(), nullptr, 0, 1, 0));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    ASSERT_EQ(0u, Fs(Alice())->FsDelUpload(2));
+    ASSERT_TRUE(sim.Leave(Bob()));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    EXPECT_EQ(3, Share("fourth.bin", {7})) << "Bob's 3 went with him; the deleted 2 waits";
+    EXPECT_EQ(2, Share("fifth.bin", {8})) << "only the deleted one is left";
+    EXPECT_EQ(0xFFFF, Share("sixth.bin", {9}));
+    ZV_FileUploadInfo row;
+    ASSERT_TRUE(Row(shape.Server(), 1, row));
+    EXPECT_EQ(QB_StringU8("kept.bin"), row.m_BriefInfo.m_sFileOldName);
+}

@@ -122,6 +122,16 @@ TEST_F(CascadeScene, ARestartedServerKeepsItsStoreAndFetchesOnlyWhatItsDiskLacks
     const size_t nFrom = sim.Journal().Size();
 
     ASSERT_TRUE(sim.RestartServer(Server(3)));
+    // A file still to be fetched is arriving, whatever state the peer gives.
+    ZV_SimFilter lists;
+    lists.usNumber = PDU_CONF_GET_FILE_LIST_RESPONSE;
+    lists.sPeer = Server(3)->GetName();
+    lists.eFate = ZV_SimFate::Delivered;
+    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_GET_FILE_LIST_RESPONSE, Server(3), sim.Journal().Find(lists).size() + 1));
+    ZV_FileUploadInfo arriving;
+    ASSERT_TRUE(Row(Server(3), usB, arriving));
+    EXPECT_EQ(ZV_FILESTATE_UPLOADING, arriving.m_BriefInfo.m_usFileState);
+    EXPECT_EQ(0u, arriving.m_ulFileWritePos);
     ASSERT_TRUE(sim.Run()) << sim.GetError();
     std::map<uint16_t, uint32_t> mapAskedFrom;
     ZV_SimFilter filter;
@@ -366,6 +376,43 @@ TEST_F(CascadeScene, AServerRestartedInTheMiddleOfADownloadGivesItBackOnceAPeerL
     EXPECT_EQ(usFileID, list.arrInfo[0].m_usFileID);
     EXPECT_FALSE(list.arrModify[0]) << "the same file as she began with";
     EXPECT_EQ(data, QB_ReadWholeFile(Target(Erin(), usFileID)));
+}
+
+// Server 1 shares a file while cut off from server 2; when the link comes
+// back, server 2 learns of it from the list and passes it on to server 3,
+// which would hear of it nowhere else. And a file deleted on server 3 while
+// it was away goes for good when server 2, which had forgotten it in a
+// restart, learns of it again from server 1.
+TEST_F(CascadeScene, AListPassesItsNewFilesOnAndADeleteMadeTwoServersAwayComesBack)
+{
+    BuildLine();
+    ASSERT_TRUE(sim.CutLink(Link(1, 2)));
+    const ZV_Bytes data = ZV_RandomBytes(80000, 14);
+    const uint16_t usFileID = Share("behind.bin", data);
+    ASSERT_TRUE(StoredBytes(3, usFileID).empty());
+    ASSERT_TRUE(sim.RestoreLink(Link(1, 2)));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    EXPECT_EQ(data, StoredBytes(3, usFileID));
+    ASSERT_EQ(0u, Download(Erin(), usFileID));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    EXPECT_EQ(data, QB_ReadWholeFile(Target(Erin(), usFileID)));
+
+    ASSERT_TRUE(sim.SetUserRole(Erin(), zvUserRolePrivileged));
+    ASSERT_TRUE(sim.CutLink(Link(1, 2)));
+    ASSERT_TRUE(sim.CutLink(Link(2, 3)));
+    ASSERT_EQ(0u, Fs(Erin())->FsDelUpload(usFileID));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    ASSERT_TRUE(StoredBytes(3, usFileID).empty());
+    ASSERT_TRUE(sim.RestartServer(Server(2)));
+    ASSERT_TRUE(sim.RestoreLink(Link(2, 3)));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    ASSERT_TRUE(sim.RestoreLink(Link(1, 2)));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    for (int n = 1; n <= 3; ++n)
+    {
+        EXPECT_FALSE(HasSession(Server(n), usFileID)) << n;
+        EXPECT_TRUE(StoredBytes(n, usFileID).empty()) << n;
+    }
 }
 
 } // namespace

@@ -1,0 +1,238 @@
+// Nothing waits for good: transfers whose word got lost on the way, or that
+// stand still by the user's hand, go on or stop counting as busy.
+#include "ZV_SceneFixture.h"
+
+#include "ZV_FileShareSession.h"
+
+#include <filesystem>
+
+namespace {
+
+struct StallScene : ZV_Scene
+{
+    bool IsBusy(ZV_SimHost* lpClient) { return !ZV_FileShareMgrPeer::BusyFileIDs(*Manager(lpClient)).IsEmpty(); }
+    // Past the client's wait for a file that stands still.
+    void WaitOut() { ASSERT_TRUE(sim.AdvanceTime(ZV_CLIENT_STALL_MS + 1000)) << sim.GetError(); }
+    // Alice's file, shared and started, without delivering anything yet.
+    void StartShare(const std::string& sName, const ZV_Bytes& data)
+    {
+        std::filesystem::create_directories(tmp.Sub("alice"));
+        QB_WriteWholeFile(tmp.Sub("alice/" + sName), data);
+        ASSERT_EQ(0u, Fs(Alice())->FsAdd(ZV_Wide(tmp.Sub("alice/" + sName)).c_str(), nullptr, 0, 1, 1));
+    }
+    ZV_Bytes StoredOn(ZV_SimHost* lpServer, uint16_t usFileID)
+    {
+        ZV_FileUploadInfo row;
+        return Row(lpServer, usFileID, row) ? QB_ReadWholeFile(Stored(lpServer, row)) : ZV_Bytes();
+    }
+    size_t Asked(ZV_SimHost* lpClient)
+    {
+        return sim.Journal().Pdus(PDU_CONF_FS_DOWNLOAD_REQUEST, lpClient->GetName()).size();
+    }
+};
+
+} // namespace
+
+// The server says the empty file is whole: its creator is no longer busy
+// with it, and a download of it is finished as soon as it is answered.
+TEST_F(StallScene, AnEmptyFileIsWholeAtOnceForItsCreatorAndItsDownloader)
+{
+    Build();
+    const uint16_t usFileID = Share("empty.bin", {});
+    EXPECT_FALSE(IsBusy(Alice()));
+    ASSERT_EQ(0u, Download(Bob(), usFileID));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    EXPECT_EQ(1u, Events(Bob(), zvFsEventDownloadFinished).size());
+    EXPECT_TRUE(std::filesystem::exists(Target(Bob(), usFileID)));
+    EXPECT_FALSE(IsBusy(Bob()));
+}
+
+// An upload started again, or resumed, once the server holds the whole file
+// has nothing to send: it ends without a transfer error, and its creator
+// stops counting as busy after the wait.
+TEST_F(StallScene, AnUploadStartedAgainOrResumedAfterItEndedEndsWithoutAnError)
+{
+    Build();
+    const uint16_t usFileID = Share("done.bin", ZV_RandomBytes(70000, 1));
+    for (bool bResume : {false, true})
+    {
+        ASSERT_EQ(0u, bResume ? Fs(Alice())->FsResumeUpload(usFileID) : Fs(Alice())->FsUpload(usFileID));
+        ASSERT_TRUE(sim.Run()) << sim.GetError();
+        if (!bResume)
+        {
+            EXPECT_TRUE(IsBusy(Alice()));
+        }
+        WaitOut();
+        EXPECT_FALSE(IsBusy(Alice())) << bResume;
+    }
+    EXPECT_TRUE(Events(Alice(), zvFsEventTransferError).empty());
+    ZV_FileUploadInfo row;
+    ASSERT_TRUE(Row(shape.Server(), usFileID, row));
+    EXPECT_EQ(ZV_FILESTATE_COMPLETE, row.m_BriefInfo.m_usFileState);
+}
+
+// Resuming a download that was never asked for, or one of a file the user
+// may no longer see, makes the client busy with nothing to come: only
+// until the wait is out.
+TEST_F(StallScene, AResumeOfADownloadNeverAskedOrOfAHiddenFileStopsCountingAsBusy)
+{
+    Build();
+    const uint16_t usFileID = Share("some.bin", ZV_RandomBytes(200000, 2));
+    ASSERT_EQ(0u, Fs(Bob())->FsResumeDownload(usFileID));
+    EXPECT_TRUE(IsBusy(Bob()));
+    WaitOut();
+    EXPECT_FALSE(IsBusy(Bob()));
+
+    ASSERT_EQ(0u, Download(Bob(), usFileID));
+    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, Bob(), 2));
+    ASSERT_EQ(0u, Fs(Alice())->FsSetRight(usFileID, 0, nullptr, 0, nullptr, 0));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    ASSERT_EQ(0u, Fs(Bob())->FsResumeDownload(usFileID));
+    WaitOut();
+    EXPECT_FALSE(IsBusy(Bob()));
+    EXPECT_FALSE(std::filesystem::exists(Target(Bob(), usFileID)));
+}
+
+// The start that Carol's download sent to Alice through the other server
+// was lost with the link between them. Once it is back, the timer of Alice's
+// server finds the file awaited and starts the upload.
+TEST_F(StallScene, ADownloadWhoseStartWasLostBeginsOnceTheLinkIsBack)
+{
+    Build(true);
+    const ZV_Bytes data = ZV_RandomBytes(100000, 3);
+    const uint16_t usFileID = Share("later.bin", data, false);
+    ASSERT_TRUE(sim.CutLink(sim.GetServerLink(1, 2)));
+    ZV_SimHost* lpCarol = shape.Client(2);
+    ASSERT_EQ(0u, Download(lpCarol, usFileID));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    ASSERT_TRUE(sim.RestoreLink(sim.GetServerLink(1, 2)));
+    ASSERT_TRUE(sim.AdvanceTime(2 * ZV_SERVER_STALL_MS + 2000)) << sim.GetError();
+    EXPECT_EQ(data, QB_ReadWholeFile(Target(lpCarol, usFileID)));
+    EXPECT_FALSE(IsBusy(lpCarol));
+}
+
+// A server link that comes back has each server set its files against the
+// other's and announce them again to its clients. Bob's download of one of
+// them goes on where it stood, asked for once.
+TEST_F(StallScene, AServerLinkThatComesBackLeavesAClientsDownloadRunning)
+{
+    Build(true);
+    const ZV_Bytes data = ZV_RandomBytes(2 * 1024 * 1024, 4);
+    const uint16_t usFileID = Share("long.bin", data);
+    ASSERT_EQ(0u, Download(Bob(), usFileID));
+    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, Bob(), 6));
+    ASSERT_TRUE(sim.CutLink(sim.GetServerLink(1, 2)));
+    ASSERT_TRUE(sim.RestoreLink(sim.GetServerLink(1, 2)));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    EXPECT_FALSE(sim.Journal().PdusTo(PDU_CONF_FS_ADD_FILES_RESPONSE, Bob()->GetName()).empty());
+    EXPECT_EQ(data, QB_ReadWholeFile(Target(Bob(), usFileID)));
+    EXPECT_EQ(1u, Asked(Bob()));
+    EXPECT_FALSE(IsBusy(Bob()));
+}
+
+// While Bob was away his partly downloaded file was deleted. The list he is
+// given on his return does not name it: the download ends, partial file and
+// all. Then the same happens, but the FileID is given to another file
+// meanwhile: the list names the new file, and the old download ends alike.
+TEST_F(StallScene, AFileGoneOrRenamedByItsFileIDOnTheUsersReturnEndsTheOldDownload)
+{
+    sim.SetFileIDRange(1, 1, 1);
+    Build();
+    for (bool bReused : {false, true})
+    {
+        ASSERT_EQ(1, Share(bReused ? "old2.bin" : "old.bin", ZV_RandomBytes(300000, 5)));
+        ASSERT_EQ(0u, Download(Bob(), 1));
+        ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, Bob(), bReused ? 4 : 2));
+        const std::string sOld = Target(Bob(), 1);
+        ASSERT_TRUE(sim.Leave(Bob()));
+        ASSERT_EQ(0u, Fs(Alice())->FsDelUpload(1));
+        ASSERT_TRUE(sim.Run()) << sim.GetError();
+        const ZV_Bytes dataNew = ZV_RandomBytes(40000, 6);
+        if (bReused)
+        {
+            ASSERT_EQ(1, Share("new.bin", dataNew));
+        }
+        ASSERT_TRUE(sim.Rejoin(Bob(), false));
+        ASSERT_TRUE(sim.Run()) << sim.GetError();
+        EXPECT_FALSE(std::filesystem::exists(sOld)) << bReused;
+        EXPECT_FALSE(IsBusy(Bob())) << bReused;
+        EXPECT_EQ(bReused ? 2u : 1u, Events(Bob(), zvFsEventFileGone).size());
+        if (!bReused)
+            continue;
+        ASSERT_EQ(0u, Download(Bob(), 1));
+        ASSERT_TRUE(sim.Run()) << sim.GetError();
+        EXPECT_EQ(dataNew, QB_ReadWholeFile(Target(Bob(), 1)));
+    }
+}
+
+// Bob lost the file while he was away, and got it back: the server dropped
+// his entry on the way. His client states where it stands as it comes back,
+// and the server takes him back as a downloader from there.
+TEST_F(StallScene, ADownloaderWhoseEntryWentWhileHeWasAwayIsTakenBackWhereHeStands)
+{
+    Build();
+    const ZV_Bytes data = ZV_RandomBytes(500000, 7);
+    const uint16_t usFileID = Share("back.bin", data);
+    ASSERT_EQ(0u, Download(Bob(), usFileID));
+    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, Bob(), 3));
+    ASSERT_TRUE(sim.Leave(Bob()));
+    ASSERT_EQ(0u, Fs(Alice())->FsSetRight(usFileID, 0, nullptr, 0, nullptr, 0));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    ASSERT_EQ(0u, Fs(Alice())->FsSetRight(usFileID, 1, nullptr, 0, nullptr, 0));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    ASSERT_TRUE(sim.Rejoin(Bob(), false));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    EXPECT_EQ(data, QB_ReadWholeFile(Target(Bob(), usFileID)));
+    EXPECT_EQ(1u, Asked(Bob()));
+}
+
+// The data links of Alice, who uploads, and of Bob, who downloads after his
+// client had been idle, drop and come back while the command links stand:
+// both transfers go on at once, without waiting for a stall.
+TEST_F(StallScene, TransfersGoOnAtOnceWhenADataLinkComesBack)
+{
+    Build();
+    const ZV_Bytes data = ZV_RandomBytes(1024 * 1024, 8);
+    StartShare("up.bin", data);
+    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_UPLOAD_REQUEST, shape.Server(), 4));
+    ASSERT_TRUE(sim.Cut(sim.GetClientLink(Alice()), zvConfClientTypeData));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    ASSERT_TRUE(sim.Restore(sim.GetClientLink(Alice()), zvConfClientTypeData));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    const uint16_t usFileID = 1;
+    EXPECT_EQ(data, StoredOn(shape.Server(), usFileID));
+
+    ASSERT_TRUE(sim.AdvanceTime(ZV_IDLE_WAIT_MS + 1000)) << sim.GetError();
+    ASSERT_EQ(0u, Download(Bob(), usFileID));
+    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, Bob(), 4));
+    ASSERT_TRUE(sim.Cut(sim.GetClientLink(Bob()), zvConfClientTypeData));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    ASSERT_TRUE(sim.Restore(sim.GetClientLink(Bob()), zvConfClientTypeData));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    EXPECT_EQ(data, QB_ReadWholeFile(Target(Bob(), usFileID)));
+}
+
+// An upload the creator started again while away goes on when the creator
+// is back, and ends; dropping the download of one's own file, which one
+// never downloads, leaves the upload of it alone.
+TEST_F(StallScene, ACreatorsOwnUploadGoesOnWhateverTheCreatorDidMeanwhile)
+{
+    Build();
+    const uint16_t usDone = Share("done.bin", ZV_RandomBytes(40000, 9));
+    ASSERT_TRUE(sim.Leave(Alice()));
+    ASSERT_EQ(0u, Fs(Alice())->FsUpload(usDone));
+    ASSERT_TRUE(sim.Rejoin(Alice(), false));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    WaitOut();
+    EXPECT_FALSE(IsBusy(Alice()));
+    EXPECT_TRUE(Events(Alice(), zvFsEventTransferError).empty());
+
+    const ZV_Bytes data = ZV_RandomBytes(600000, 10);
+    StartShare("mine.bin", data);
+    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_UPLOAD_REQUEST, shape.Server(), 3));
+    const uint16_t usFileID = usDone + 1;
+    ASSERT_EQ(0u, Fs(Alice())->FsDelDownload(usFileID, 0));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    EXPECT_EQ(data, StoredOn(shape.Server(), usFileID));
+    EXPECT_TRUE(Events(Alice(), zvFsEventTransferError).empty());
+}
