@@ -1,6 +1,6 @@
 // Adding a file on one manager with a recording host: the exact bytes of
 // 8001 and 8002, the stored names, and where hostile names land.
-#include "ZV_RecordingHost.h"
+#include "ZV_RecordingNode.h"
 
 #include "ZV_AddPdu.h"
 #include "ZV_FileShareMgr.h"
@@ -24,35 +24,7 @@ Bytes Head(const Bytes& data, size_t n)
     return Bytes(data.begin(), data.begin() + (long)std::min(n, data.size()));
 }
 
-// A manager on a recording host whose home is a fresh folder; a server
-// stores below it in "store".
-struct Node
-{
-    QB_TempFolder tmp;
-    ZV_RecordingHost host;
-    ZV_FileShareMgr mgr;
-
-    explicit Node(bool bServer)
-    {
-        QB_SetEnvironmentVariable("ROOMCRATE_HOME", tmp.Path().c_str());
-        if (bServer)
-            QB_WriteWholeFile(tmp.Sub("confsrv.ini"), "[FileShare]\r\nPath=" + tmp.Sub("store") + "\r\n");
-        host.m_bServer = bServer;
-        host.AddUser(host.m_LocalUser, 1, "Alice");
-        host.Attach(&mgr);
-    }
-    ~Node() { QB_SetEnvironmentVariable("ROOMCRATE_HOME", nullptr); }
-    uint32_t Deliver(uint16_t usPdu, uint16_t usConnType, const Bytes& data)
-    {
-        ConfPduData cpd{};
-        cpd.ulConn = 5;
-        cpd.conn_type = usConnType;
-        cpd.usPdu = usPdu;
-        cpd.ulLen = (uint32_t)data.size();
-        cpd.pData = data.data();
-        return mgr.HandlePdu(&cpd);
-    }
-};
+using Node = ZV_RecordingNode;
 
 Bytes AddRequest(uint16_t usFileID, const QB_StringU8& sName, uint32_t ulFloodSeq = 0)
 {

@@ -1,6 +1,7 @@
-// The payloads that bring a client in step, byte for byte: the asks (8027,
-// 8029), the upload list (8028) and the download list (8030), and the cut
-// of a long list into PDUs at exactly the size of the buffer.
+// The payloads that bring a node in step, byte for byte: the asks (8027,
+// 8029, 8031), the upload list (8028), the download list (8030) and a
+// server's file list (8032), and the cut of a long list into PDUs at exactly
+// the size of the buffer.
 #include "ZV_ListPdu.h"
 
 #include "ZV_PayloadCheck.h"
@@ -112,6 +113,33 @@ TEST(ListPdu, AsksAndBothListsSaveToTheirTableBytesAndEveryShorterPayloadFails)
                                      kAnnBytes,
                                      {0x01, 0x0A, 0, 0, 0, 0x05, 0x10, 0x04, 0x03, 0x02, 0x00},
                                      {0x01, 0x01}}));
+
+    ZV_FileListRequest servers;
+    servers.requester = kAnn;
+    ZV_ExpectPayload(servers, kAnnBytes);
+
+    // A server's files: result, sender, the flag 1, the records, one flag
+    // and one position each.
+    ZV_FileListResponse files;
+    files.sender = kAnn;
+    files.arrInfo.Add(info);
+    files.arrState.Add(true);
+    files.arrMaxPos.Add(0x11121314);
+    ZV_ExpectPayload(files, Join({{0, 0, 0, 0},
+                                  kAnnBytes,
+                                  {0x01},
+                                  {0x01, 0x0B, 0, 0, 0, 0x24, 0x04, 0x03, 0x0D, 0x0C, 0x0B, 0x0A},
+                                  {0x01, 0x01},
+                                  {0x01, 0x14, 0x13, 0x12, 0x11}}));
+    // Its download records: the flag 0 and the records alone.
+    ZV_FileListResponse records;
+    records.sender = kAnn;
+    records.bUploadList = 0;
+    records.arrDownload.Add(record);
+    ZV_ExpectPayload(records, Join({{0, 0, 0, 0},
+                                    kAnnBytes,
+                                    {0x00},
+                                    {0x01, 0x0A, 0, 0, 0, 0x05, 0x10, 0x04, 0x03, 0x02, 0x00}}));
 }
 
 // A peer that sends more positions or flags than records gets the common part.

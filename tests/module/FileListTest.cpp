@@ -1,0 +1,226 @@
+// The file list between linked servers on one manager: what a server
+// answers and how the answer is cut, and what a list does to the sessions,
+// the catalogue, the clients and the fetches of the server that takes it.
+#include "ZV_RecordingNode.h"
+
+#include "ZV_FileShareMgrPeer.h"
+#include "ZV_FileShareSession.h"
+#include "ZV_FileShareSessionPeer.h"
+#include "ZV_ListPdu.h"
+
+#include "QB_FaultEnv.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+const QB_UserID kSelf(1, 0);
+const QB_UserID kPeer(2, 0);
+const QB_UserID kBob(20002, 0);
+
+ZV_FileUploadInfo PeerFile(uint16_t usFileID, const char* pszName, uint32_t ulLength, uint32_t ulWritePos,
+                           uint16_t usState)
+{
+    ZV_FileBriefInfo brief;
+    brief.SetCreatorID(QB_UserID(20001, 0));
+    brief.SetFileOldName(QB_StringU8(pszName));
+    brief.SetFileLenth(ulLength);
+    brief.SetFileState(usState);
+    brief.SetPublic(true);
+    ZV_FileUploadInfo info;
+    info.SetFileID(usFileID);
+    info.SetFileNewName(QB_StringU8(pszName));
+    info.SetBriefInfo(brief);
+    info.SetFileWritePos(ulWritePos);
+    return info;
+}
+
+struct FileList : ::testing::Test
+{
+    QB_FaultEnv env;
+    QB_ScopedEnv scoped{&env};
+    ZV_RecordingNode node{true};
+
+    void SetUp() override { ASSERT_EQ(0u, node.mgr.Initialize()); }
+    std::vector<ZV_FileListResponse> Answers()
+    {
+        std::vector<ZV_FileListResponse> vecParts;
+        for (const ZV_SentPdu& sent : node.host.SentOf(PDU_CONF_GET_FILE_LIST_RESPONSE))
+        {
+            QB_ByteStream stream(sent.data.data(), (int32_t)sent.data.size());
+            vecParts.emplace_back();
+            vecParts.back().Load(stream);
+            EXPECT_LE(sent.data.size(), (size_t)QB_PDU_BUFFER_SIZE);
+        }
+        return vecParts;
+    }
+    void Take(const ZV_FileListResponse& part)
+    {
+        node.host.m_vecSent.clear();
+        node.Deliver(PDU_CONF_GET_FILE_LIST_RESPONSE, zvConfServerTypeCommand, ZV_SavePayloadOf(part));
+    }
+    static Bytes ZV_SavePayloadOf(const ZV_FileListResponse& part)
+    {
+        Bytes vb(QB_PDU_BUFFER_SIZE);
+        QB_ByteStream stream(vb.data(), (int32_t)vb.size(), false);
+        part.Save(stream);
+        vb.resize((size_t)stream.GetPos());
+        return vb;
+    }
+    ZV_FileShareSession* Session(uint16_t usFileID)
+    {
+        ZV_FileShareSession* lpFsSession = nullptr;
+        ZV_FileShareMgrPeer::Sessions(node.mgr).Lookup(usFileID, lpFsSession);
+        return lpFsSession;
+    }
+};
+
+} // namespace
+
+// Nothing held is still two PDUs: the files, then the records. A request
+// from this server itself, or from a client, gets nothing.
+TEST_F(FileList, AnswersALinkedServerWithItsFilesThenItsRecordsAndNobodyElse)
+{
+    const Bytes vbAsk = ZV_Pdu().User(kPeer).b;
+    node.Deliver(PDU_CONF_GET_FILE_LIST_REQUEST, zvConfServerTypeCommand, vbAsk);
+    const std::vector<ZV_SentPdu> vecSent = node.host.SentOf(PDU_CONF_GET_FILE_LIST_RESPONSE);
+    ASSERT_EQ(2u, vecSent.size());
+    EXPECT_EQ(ZV_Pdu().U32(0).User(kSelf).U8(1).U8(0).U8(0).U8(0).b, vecSent[0].data);
+    EXPECT_EQ(ZV_Pdu().U32(0).User(kSelf).U8(0).U8(0).b, vecSent[1].data);
+    EXPECT_EQ(5u, vecSent[0].ulConn);
+
+    node.host.m_vecSent.clear();
+    node.Deliver(PDU_CONF_GET_FILE_LIST_REQUEST, zvConfServerTypeCommand, ZV_Pdu().User(kSelf).b);
+    node.Deliver(PDU_CONF_GET_FILE_LIST_REQUEST, zvConfClientTypeCommand, vbAsk);
+    EXPECT_TRUE(node.host.m_vecSent.empty());
+}
+
+// Files whose counted sizes fill the buffer to the byte go in one PDU; one
+// byte more opens a second. Names stay within what a record may hold.
+TEST_F(FileList, CutsFilesThatFillTheBufferToTheByteIntoOnePduAndOneByteMoreIntoTwo)
+{
+    QB_Array<ZV_FileUploadInfo> arrInfo;
+    QB_Array<bool> arrState;
+    QB_Array<uint32_t> arrMaxPos;
+    uint32_t ulSize = ZV_FileListResponse::kHeadSize;
+    // Files whose stored names are nNameBytes long.
+    auto fnFile = [](uint16_t usFileID, int nNameBytes) {
+        ZV_FileUploadInfo info = PeerFile(usFileID, "file.bin", 100, 100, 3);
+        info.SetFileNewName(QB_StringU8(std::string((size_t)nNameBytes, 'n').c_str()));
+        return info;
+    };
+    auto fnAdd = [&](int nNameBytes) {
+        arrInfo.Add(fnFile((uint16_t)(arrInfo.GetSize() + 1), nNameBytes));
+        arrState.Add(true);
+        arrMaxPos.Add(100);
+        ulSize += ZV_FileListEntrySize(arrInfo[arrInfo.GetSize() - 1]);
+    };
+    std::vector<uint32_t> vecSize(1025);
+    for (int n = 1; n <= 1024; ++n)
+        vecSize[(size_t)n] = ZV_FileListEntrySize(fnFile(1, n));
+    while ((uint32_t)QB_PDU_BUFFER_SIZE - ulSize > 2 * vecSize[1024])
+        fnAdd(1000);
+    // The rest in two files whose names fit a record.
+    const uint32_t ulRest = (uint32_t)QB_PDU_BUFFER_SIZE - ulSize;
+    int nFirst = 0, nLast = 0;
+    for (int a = 1; a <= 1024 && nLast == 0; ++a)
+        for (int b = 1; b < 1024 && nLast == 0; ++b)
+            if (vecSize[(size_t)a] + vecSize[(size_t)b] == ulRest)
+                nFirst = a, nLast = b;
+    ASSERT_GT(nLast, 0);
+    fnAdd(nFirst);
+    fnAdd(nLast);
+    ASSERT_EQ((uint32_t)QB_PDU_BUFFER_SIZE, ulSize);
+    const QB_Array<ZV_FileDownloadInfo> arrNone;
+    node.mgr.SendFileList(5, 0, kSelf, arrInfo, arrState, arrMaxPos, arrNone);
+    std::vector<ZV_FileListResponse> vecParts = Answers();
+    ASSERT_EQ(2u, vecParts.size());
+    EXPECT_EQ(arrInfo.GetSize(), vecParts[0].arrInfo.GetSize());
+
+    node.host.m_vecSent.clear();
+    arrInfo[arrInfo.GetSize() - 1] = fnFile(77, nLast + 1);
+    node.mgr.SendFileList(5, 0, kSelf, arrInfo, arrState, arrMaxPos, arrNone);
+    vecParts = Answers();
+    ASSERT_EQ(3u, vecParts.size());
+    ASSERT_EQ(1, vecParts[1].arrInfo.GetSize());
+    EXPECT_EQ(77, vecParts[1].arrInfo[0].m_usFileID);
+    EXPECT_EQ(1, vecParts[1].bUploadList);
+    EXPECT_EQ(0, vecParts[2].bUploadList);
+}
+
+// Two files new here: each gets a session, a stored name and a fetch from
+// the peer that listed it; the clients hear of both in one series and the
+// catalogue takes both in one write, as arriving. A second list while the
+// link stood changes nothing; after a loss of the link the furthest
+// position still never falls.
+TEST_F(FileList, TakesAPeersNewFilesOnceFetchesWhatItLacksAndSavesThemInOneWrite)
+{
+    ZV_FileListResponse part;
+    part.sender = kPeer;
+    part.arrInfo.Add(PeerFile(1001, "whole.bin", 5000, 5000, 3));
+    part.arrInfo.Add(PeerFile(1002, "half.bin", 8000, 3000, 1));
+    part.arrState.Add(true);
+    part.arrState.Add(false);
+    part.arrMaxPos.Add(5000);
+    part.arrMaxPos.Add(3000);
+    const int nRenames = env.GetCount(QB_EnvOp::Rename);
+    Take(part);
+    EXPECT_EQ(nRenames + 1, env.GetCount(QB_EnvOp::Rename)) << "one catalogue write";
+    for (uint16_t usFileID : {1001, 1002})
+    {
+        ZV_FileUploadInfo row;
+        QB_StringW sSection;
+        ASSERT_TRUE(node.mgr.Catalog().LoadFile(7, usFileID, row, sSection)) << usFileID;
+        EXPECT_EQ(ZV_FILESTATE_UPLOADING, row.m_BriefInfo.m_usFileState) << usFileID;
+        EXPECT_EQ(0u, row.m_ulFileWritePos) << usFileID;
+        ASSERT_NE(nullptr, Session(usFileID));
+    }
+    EXPECT_TRUE(Session(1001)->IsUploadDone());
+    EXPECT_FALSE(Session(1002)->IsUploadDone());
+    EXPECT_EQ(2u, node.host.SentOf(PDU_CONF_FS_PROGRESSING_REQUEST).size());
+    const std::vector<ZV_SentPdu> vecAsks = node.host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST);
+    ASSERT_EQ(2u, vecAsks.size());
+    EXPECT_EQ(5u, vecAsks[0].ulConn);
+    ASSERT_EQ(1u, node.host.SentOf(PDU_CONF_FS_ADD_FILES_RESPONSE).size());
+
+    part.arrMaxPos[0] = 100;
+    Take(part);
+    EXPECT_TRUE(node.host.m_vecSent.empty());
+    EXPECT_EQ(nRenames + 1, env.GetCount(QB_EnvOp::Rename));
+    node.mgr.OnDisconnect(&kPeer, 5, zvConfServerTypeCommand, 0);
+    Take(part);
+    EXPECT_EQ(5000u, Session(1001)->MaxPos());
+}
+
+// A record of a downloader this server already lists changes nothing; a
+// new one is entered resting.
+TEST_F(FileList, TakesOnlyTheRecordsOfDownloadersItDidNotKnow)
+{
+    ZV_FileListResponse part;
+    part.sender = kPeer;
+    part.arrInfo.Add(PeerFile(1001, "whole.bin", 5000, 5000, 3));
+    part.arrState.Add(true);
+    part.arrMaxPos.Add(5000);
+    Take(part);
+    ZV_FileListResponse records;
+    records.sender = kPeer;
+    records.bUploadList = 0;
+    ZV_FileDownloadInfo record;
+    record.SetFileID(1001);
+    record.SetUserID(kBob);
+    record.SetDownloadPos(1000);
+    record.SetActive(true);
+    records.arrDownload.Add(record);
+    Take(records);
+    ZV_FileDownloadInfo* pEntry = Session(1001)->FindDownloadEntry(kBob);
+    ASSERT_NE(nullptr, pEntry);
+    EXPECT_EQ(1000u, pEntry->m_ulDownloadPos);
+    EXPECT_FALSE(pEntry->m_bActive);
+    records.arrDownload[0].SetDownloadPos(4000);
+    Take(records);
+    EXPECT_EQ(1000u, Session(1001)->FindDownloadEntry(kBob)->m_ulDownloadPos);
+}

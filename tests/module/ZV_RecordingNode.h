@@ -1,0 +1,40 @@
+// A manager on a recording host whose home is a fresh folder; a server
+// stores below it in "store". PDUs are handed in as from connection 5.
+#pragma once
+
+#include "ZV_RecordingHost.h"
+
+#include "ZV_FileShareMgr.h"
+
+#include "QB_Env.h"
+#include "QB_TestSupport.h"
+
+#include <vector>
+
+struct ZV_RecordingNode
+{
+    QB_TempFolder tmp;
+    ZV_RecordingHost host;
+    ZV_FileShareMgr mgr;
+
+    explicit ZV_RecordingNode(bool bServer)
+    {
+        QB_SetEnvironmentVariable("ROOMCRATE_HOME", tmp.Path().c_str());
+        if (bServer)
+            QB_WriteWholeFile(tmp.Sub("confsrv.ini"), "[FileShare]\r\nPath=" + tmp.Sub("store") + "\r\n");
+        host.m_bServer = bServer;
+        host.AddUser(host.m_LocalUser, 1, "Alice");
+        host.Attach(&mgr);
+    }
+    ~ZV_RecordingNode() { QB_SetEnvironmentVariable("ROOMCRATE_HOME", nullptr); }
+    uint32_t Deliver(uint16_t usPdu, uint16_t usConnType, const std::vector<uint8_t>& data)
+    {
+        ConfPduData cpd{};
+        cpd.ulConn = 5;
+        cpd.conn_type = usConnType;
+        cpd.usPdu = usPdu;
+        cpd.ulLen = (uint32_t)data.size();
+        cpd.pData = data.data();
+        return mgr.HandlePdu(&cpd);
+    }
+};
