@@ -7,6 +7,7 @@
 #pragma once
 
 #include "ZV_AnswerHead.h"
+#include "ZV_RequestHead.h"
 #include "ZV_FileBriefInfo.h"
 #include "ZV_RecordStream.h"
 
@@ -15,27 +16,16 @@
 #include "QB_UserID.h"
 
 #include <cstdint>
+#include <vector>
 
-// 8001. The head comes apart from the rest because the flood test sits
-// between them.
-struct ZV_AddRequest
+// 8001. The head's user is the file's creator. The head comes apart from
+// the rest because the flood test sits between them.
+struct ZV_AddRequest : ZV_RequestHead
 {
-    uint16_t usFileID = ZV_NO_FILEID;
-    QB_UserID creator;
-    uint32_t ulFloodSeq = 0;
     ZV_FileBriefInfo brief;
     uint8_t bStartUpload = 0;
 
-    // Where usFileID and ulFloodSeq stand in the payload.
-    static constexpr int32_t kFileIDOffset = 0;
-    static constexpr int32_t kFloodSeqOffset = 10;
-
-    void LoadHead(QB_ByteStream& stream)
-    {
-        usFileID = stream.ReadU16();
-        creator.Load(stream);
-        ulFloodSeq = stream.ReadU32();
-    }
+    void LoadHead(QB_ByteStream& stream) { ZV_RequestHead::Load(stream); }
     void LoadBody(QB_ByteStream& stream)
     {
         LoadDelimited(stream, brief);
@@ -48,11 +38,16 @@ struct ZV_AddRequest
     }
     void Save(QB_ByteStream& stream) const
     {
-        stream.WriteU16(usFileID);
-        creator.Save(stream);
-        stream.WriteU32(ulFloodSeq);
+        ZV_RequestHead::Save(stream);
         SaveDelimited(stream, brief);
         stream.WriteU8(bStartUpload);
+    }
+    // Writes this head over the head of a payload that holds one already,
+    // leaving the rest of it as it came.
+    void SaveHeadOver(std::vector<uint8_t>& vbPayload) const
+    {
+        QB_ByteStream stream(vbPayload.data(), (int32_t)vbPayload.size(), false);
+        ZV_RequestHead::Save(stream);
     }
 };
 

@@ -6,32 +6,16 @@
 #pragma once
 
 #include "ZV_AnswerHead.h"
+#include "ZV_RequestHead.h"
 
 #include "QB_ByteStream.h"
 #include "QB_UserID.h"
 
 #include <cstdint>
 
-// 8008. From a client the flood number is 0; the first server fills it in.
-struct ZV_DelUploadRequest
-{
-    uint16_t usFileID = 0xFFFF;
-    QB_UserID user;
-    uint32_t ulFloodSeq = 0;
-
-    void Save(QB_ByteStream& stream) const
-    {
-        stream.WriteU16(usFileID);
-        user.Save(stream);
-        stream.WriteU32(ulFloodSeq);
-    }
-    void Load(QB_ByteStream& stream)
-    {
-        usFileID = stream.ReadU16();
-        user.Load(stream);
-        ulFloodSeq = stream.ReadU32();
-    }
-};
+// 8008 is a request head and nothing more. From a client the flood number
+// is 0; the first server fills it in.
+using ZV_DelUploadRequest = ZV_RequestHead;
 
 // 8009: the answer head and the flood number the first server gave.
 struct ZV_DelUploadResponse

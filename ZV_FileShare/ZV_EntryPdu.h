@@ -7,6 +7,7 @@
 #pragma once
 
 #include "ZV_RecordStream.h"
+#include "ZV_RequestHead.h"
 
 #include "QB_Array.h"
 #include "QB_ByteStream.h"
@@ -14,27 +15,10 @@
 
 #include <cstdint>
 
-// 8010 and 8037 share one layout: the file, whose entry goes (8010) or which
-// server sent the notice first (8037), and the flood number.
-struct ZV_EntryRequest
-{
-    uint16_t usFileID = 0xFFFF;
-    QB_UserID user;
-    uint32_t ulFloodSeq = 0;
-
-    void Save(QB_ByteStream& stream) const
-    {
-        stream.WriteU16(usFileID);
-        user.Save(stream);
-        stream.WriteU32(ulFloodSeq);
-    }
-    void Load(QB_ByteStream& stream)
-    {
-        usFileID = stream.ReadU16();
-        user.Load(stream);
-        ulFloodSeq = stream.ReadU32();
-    }
-};
+// 8010 and 8037 are a request head and nothing more: the file, whose entry
+// goes (8010) or which server sent the notice first (8037), and the flood
+// number.
+using ZV_EntryRequest = ZV_RequestHead;
 
 // 8003. The change itself is read only after the asker passed the creator
 // and flood tests, so the head loads apart.

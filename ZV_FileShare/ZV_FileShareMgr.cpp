@@ -16,17 +16,19 @@ ZV_FileShareMgr::ZV_FileShareMgr()
 ZV_FileShareMgr::~ZV_FileShareMgr()
 {
     // Sessions go; stored files and catalogue rows stay where they are.
-    ForEachSession([](uint16_t, ZV_FileShareSession* lpFsSession) {
+    QB_Array<uint16_t> arrFileID;
+    ForEachSession([&](uint16_t usFileID, ZV_FileShareSession*) { arrFileID.Add(usFileID); });
+    for (int i = 0; i < arrFileID.GetSize(); ++i)
+    {
         try
         {
-            delete lpFsSession;
+            TakeSession(arrFileID[i]);
         }
         catch (...)
         {
             QB_WriteLog(2, "error", "ZV_FileShareMgr::~ZV_FileShareMgr exception.\r\n");
         }
-    });
-    m_mapSession.RemoveAll();
+    }
 }
 
 uint16_t ZV_FileShareMgr::GetModuleType()
@@ -151,6 +153,14 @@ uint16_t ZV_FileShareMgr::AllocFileID()
 
 
 void ZV_FileShareMgr::SetSessionBusy(uint8_t bBusy, uint16_t usFileID)
+{
+    GuardFs("ZV_FileShareMgr::SetSessionBusy exception.\r\n", [&]() -> uint32_t {
+        MarkBusy(bBusy, usFileID);
+        return ZV_OK;
+    });
+}
+
+void ZV_FileShareMgr::MarkBusy(uint8_t bBusy, uint16_t usFileID)
 {
     // A data link that fell idle and stayed up is in use again: its loss
     // from now on is a loss, which makes the client say where its downloads
@@ -289,7 +299,7 @@ void ZV_FileShareMgr::OnTimer(uint32_t ulTick)
         NotifyBusy(1);
         return;
     }
-    const uint32_t ulNow = QB_GetEnv()->GetTickCount();
+    const uint32_t ulNow = ZV_Now();
     if (m_ulIdleSince == 0)
         m_ulIdleSince = ulNow;
     if (ulNow - m_ulIdleSince < ZV_IDLE_WAIT_MS)

@@ -26,6 +26,7 @@
 #include "ZV_FileCatalog.h"
 #include "ZV_FileUploadInfo.h"
 #include "ZV_RequestHead.h"
+#include "ZV_SessionOwner.h"
 #include "ZV_ShareLedger.h"
 
 #include "QB_Array.h"
@@ -41,6 +42,8 @@
 #include <vector>
 
 class ZV_FileShareSession;
+struct ZV_AddFilesRequest;
+struct ZV_AddFilesResponse;
 struct ZV_AddRequest;
 struct ZV_FileListResponse;
 struct ZV_ListedFiles;
@@ -109,7 +112,10 @@ uint32_t GuardFs(const char* pszLine, F&& fnBody, uint32_t ulOnThrow = ZV_ERR_EX
     return ulResult;
 }
 
-class ZV_FileShareMgr : public IZV_FileShareMgr, public IZV_ConfModule
+// The host and the user side reach the manager through its two faces; its
+// sessions through ZV_SessionOwner; tests through ZV_FileShareMgrPeer.
+// Nothing else of it is public.
+class ZV_FileShareMgr : public IZV_FileShareMgr, public IZV_ConfModule, public ZV_SessionOwner
 {
 public:
     ZV_FileShareMgr();
@@ -151,9 +157,28 @@ public:
                              uint32_t nAdd, const QB_UserID* pRemove, uint32_t nRemove) override;
     void SetSessionBusy(uint8_t bBusy, uint16_t usFileID) override;
 
-    // ---- helpers the sessions and handlers share
+private:
+    friend class ZV_FileShareMgrPeer;
+
+    // ---- ZV_SessionOwner
+    IZV_ConfHost* Host() const override { return m_lpConf; }
+    IZV_ConfSink* Sink() const override { return m_lpConfSink; }
     // The client's connection of the given type towards its server, or zvConnNone.
-    uint32_t GetLinkConn(uint16_t usConnType);
+    uint32_t GetLinkConn(uint16_t usConnType) override;
+    // The local user, or null when the host knows none.
+    const QB_UserID* LocalUser() const override;
+    void MarkBusy(uint8_t bBusy, uint16_t usFileID) override;
+    // The server's durable list of what its storage folder holds.
+    ZV_FileCatalog& Catalog() override { return m_Catalog; }
+    // Whether a server's PDU may make this client open the local file that
+    // `brief` names for reading: only a file its user shared, as it was
+    // shared, in this conference.
+    bool IsSharedLocalFile(const ZV_FileBriefInfo& brief) override;
+    void NotifyTransferState(uint8_t bUpload, uint16_t usFileID, uint16_t usState) override;
+    // Client: the local user may no longer have the file.
+    void DropLostDownload(uint16_t usFileID, ZV_FileShareSession* lpFsSession) override;
+
+    // ---- helpers the handlers share
     // A fresh FileID from the host's range, reserved in the map; ZV_NO_FILEID
     // when the range is used up. Server only.
     uint16_t AllocFileID();
@@ -162,8 +187,6 @@ public:
     void SendFileDownloadPos(bool bClient, uint32_t ulServerID);
     // The session of a FileID; 0 with the session, or 82 / 83.
     uint32_t LookupSession(uint16_t usFileID, ZV_FileShareSession*& lpFsSession);
-    // The local user, or an empty identifier when the host knows none.
-    const QB_UserID* LocalUser() const;
 
     // ---- adding files and the storage folder
     // ZV_FileShareMgr_Storage.cpp. A server's removal of one stored file
@@ -186,6 +209,8 @@ public:
     void DropAddedSession(uint16_t usFileID);
     // The session under usFileID goes, and its key.
     void RemoveSession(uint16_t usFileID);
+    // The key goes from the map; its session, if any, is the caller's.
+    std::unique_ptr<ZV_FileShareSession> TakeSession(uint16_t usFileID);
     // Client: true when usFileID already names this very file here; the
     // session then takes the new description and keeps its transfers.
     bool TakeRepeatedFile(uint16_t usFileID, const ZV_FileBriefInfo& brief, uint32_t ulPos);
@@ -200,10 +225,6 @@ public:
     uint32_t SendAddFilesList(uint32_t ulConn, uint32_t ulResult, const QB_UserID& user, uint8_t bStartUpload,
                               const QB_Array<uint16_t>& arrFileID, const QB_Array<uint32_t>& arrPos,
                               const QB_Array<ZV_FileBriefInfo>& arrInfo);
-    // Whether a server's PDU may make this client open the local file that
-    // `brief` names for reading: only a file its user shared, as it was
-    // shared, in this conference.
-    bool IsSharedLocalFile(const ZV_FileBriefInfo& brief);
     // An announcement that names the local user as creator of a file the
     // user did not share: true when that is so, and then logged.
     bool IsUntrustedAdd(const ZV_FileBriefInfo& brief, const char* pszHandler);
@@ -216,7 +237,6 @@ public:
     void NotifyFileHidden(uint32_t ulResult, uint16_t usFileID);
     void NotifyFileGone(uint32_t ulResult, uint16_t usFileID);
     void NotifyBusy(uint8_t bBusy);
-    void NotifyTransferState(uint8_t bUpload, uint16_t usFileID, uint16_t usState);
     void NotifyFilesAdded(const QB_Array<uint16_t>& arrFileID, const QB_Array<ZV_FileBriefInfo>& arrInfo,
                           const QB_Array<double>& arrValue);
 
@@ -250,8 +270,6 @@ public:
     uint32_t CheckDelUpload(ZV_FileShareSession* lpFsSession, const QB_UserID& user);
     // Client: what stays of a deleted file's local download, then the session goes.
     void DropDeletedSession(uint16_t usFileID, ZV_FileShareSession* lpFsSession);
-    // Client: the local user may no longer have the file.
-    void DropLostDownload(uint16_t usFileID, ZV_FileShareSession* lpFsSession);
     // Client: a changed description of one file arrived.
     void TakeNewRights(uint16_t usFileID, const ZV_FileBriefInfo& brief, uint32_t ulMaxPos);
     // Server, host event 4 (ZV_FileShareMgr_UserGone.cpp): what becomes of
@@ -278,7 +296,6 @@ public:
                             const QB_UserID& listUser, uint32_t& ulResult);
     bool ResumeListedDownload(const ConfPduData* lpCpd, ZV_FileShareSession* lpFsSession, ZV_FileDownloadInfo& r,
                               bool bModify, const QB_UserID& listUser, uint32_t& ulResult, uint32_t& ulSize);
-    static uint32_t MeasureLocalFile(QB_FileEx& f, const QB_StringW& sPath, bool bMayCreate, uint32_t& ulSize);
     void RestartListedDownload(const ConfPduData* lpCpd, ZV_FileShareSession* lpFsSession, ZV_FileDownloadInfo& r,
                                bool bModify, const ZV_FileDownloadInfo& d, uint32_t& ulResult, uint32_t& ulSize);
     void DropWithdrawnDownload(uint16_t usFileID, ZV_FileShareSession* lpFsSession, const ZV_FileDownloadInfo& r);
@@ -305,8 +322,6 @@ public:
     bool RepublishUpload(ZV_FileShareSession* lpFsSession, const QB_UserID& creator, uint16_t usState);
 
     // ---- what a session and the manager's own helpers ask of the manager
-    // The server's durable list of what its storage folder holds.
-    ZV_FileCatalog& Catalog() { return m_Catalog; }
     // A new session under this manager's storage folder, not in the map yet.
     std::unique_ptr<ZV_FileShareSession> MakeSession();
     // The lock that FileID allocation and the client's merging handlers take.
@@ -333,17 +348,22 @@ public:
         }
     }
 
-private:
     uint32_t RouteToSession(ConfPduData* lpCpd);
     uint32_t RouteToManager(ConfPduData* lpCpd, bool& bHandled);
     void OnClientConnect(uint16_t usConnType);
     void OnServerConnect(const QB_UserID* lpPeer, uint16_t usConnType);
     void DeleteAllSessions();
+    uint32_t CheckClientAdd(ZV_AddRequest& ask);
     uint32_t FinishServerAdd(ConfPduData* lpCpd, const ZV_AddRequest& ask, ZV_FileShareSession* lpFsSession);
+    bool TakeFileIDs(ConfPduData* lpCpd, ZV_AddFilesRequest& ask);
+    void DropBatch(const QB_Array<uint16_t>& arrFileID, int nMade);
+    void StoreAddedFiles(ConfPduData* lpCpd, const ZV_AddFilesRequest& ask, const QB_StringW& sFolder);
+    uint32_t TakeAddedFile(const ZV_AddFilesResponse& answer, int nIndex, bool bVisible);
+    void ReportPendingFiles();
+    void RestartDownload(ZV_FileShareSession* lpFsSession, const ZV_FileDownloadInfo& download,
+                         const QB_UserID& creator, bool bClient, uint32_t ulServerID);
     template <typename F>
     uint16_t NextFreeFileID(uint16_t usMin, uint16_t usMax, F&& fnTaken);
-
-    friend class ZV_FileShareMgrPeer;
 
     ZV_FileCatalog m_Catalog;
     // A client's record of what its user shared; see ZV_FileShareMgr_Trust.cpp.

@@ -65,31 +65,19 @@ uint32_t FsAddFailed(QB_FileEx& file, uint32_t ulResult)
     return ulResult;
 }
 
+} // namespace
+
 // A client's request: 0 when it may go on, with the FileID it gets.
-uint32_t CheckClientAdd(ZV_FileShareMgr& mgr, ZV_AddRequest& ask)
+uint32_t ZV_FileShareMgr::CheckClientAdd(ZV_AddRequest& ask)
 {
-    if (mgr.m_lpConf->GetUser(&ask.creator) == nullptr)
+    if (m_lpConf->GetUser(&ask.user) == nullptr)
         return ZV_ERR_NOT_IN_CONF;
-    if (!mgr.m_lpConf->CanShareFiles(&ask.creator))
+    if (!m_lpConf->CanShareFiles(&ask.user))
         return ZV_ERR_NOT_ENTITLED;
     if (ask.usFileID == ZV_NO_FILEID)
-        ask.usFileID = mgr.AllocFileID();
+        ask.usFileID = AllocFileID();
     return ask.usFileID == ZV_NO_FILEID ? ZV_ERR_NO_FILEID : ZV_OK;
 }
-
-void PutU16(std::vector<uint8_t>& vb, size_t nAt, uint16_t usValue)
-{
-    vb[nAt] = (uint8_t)usValue;
-    vb[nAt + 1] = (uint8_t)(usValue >> 8);
-}
-
-void PutU32(std::vector<uint8_t>& vb, size_t nAt, uint32_t ulValue)
-{
-    for (int i = 0; i < 4; ++i)
-        vb[nAt + i] = (uint8_t)(ulValue >> (8 * i));
-}
-
-} // namespace
 
 uint32_t ZV_FileShareMgr::FsAdd(const char16_t* szPath, const QB_UserID* pRight, uint32_t nRight, uint8_t bPublic,
                                 uint8_t bStartUpload)
@@ -129,14 +117,14 @@ uint32_t ZV_FileShareMgr::HandleAddRequest(ConfPduData* lpCpd)
     ZV_PayloadReader stream(lpCpd);
     ZV_AddRequest ask;
     ask.LoadHead(stream);
-    if (!ZV_IsNewFlood(m_lpConf, ask.creator, ask.ulFloodSeq))
+    if (!ZV_IsNewFlood(m_lpConf, ask.user, ask.ulFloodSeq))
         return ZV_OK;
     ask.LoadBody(stream);
     const bool bFromClient = lpCpd->conn_type == zvConfClientTypeCommand;
-    const uint32_t ulRefusal = bFromClient ? CheckClientAdd(*this, ask) : ZV_OK;
+    const uint32_t ulRefusal = bFromClient ? CheckClientAdd(ask) : ZV_OK;
     if (ulRefusal != ZV_OK)
     {
-        SendAddResponse(lpCpd->ulConn, ask.usFileID, ulRefusal, ask.usFileID, ask.creator, 0, ask.brief,
+        SendAddResponse(lpCpd->ulConn, ask.usFileID, ulRefusal, ask.usFileID, ask.user, 0, ask.brief,
                         ask.bStartUpload, false);
         return ZV_OK;
     }
@@ -161,8 +149,7 @@ uint32_t ZV_FileShareMgr::FinishServerAdd(ConfPduData* lpCpd, const ZV_AddReques
     // The session reads and forwards the final FileID and flood number; the
     // host's bytes stay untouched, a patched copy goes instead.
     std::vector<uint8_t> vbPayload(lpCpd->pData, lpCpd->pData + lpCpd->ulLen);
-    PutU16(vbPayload, ZV_AddRequest::kFileIDOffset, ask.usFileID);
-    PutU32(vbPayload, ZV_AddRequest::kFloodSeqOffset, ask.ulFloodSeq);
+    ask.SaveHeadOver(vbPayload);
     ConfPduData final = *lpCpd;
     final.pData = vbPayload.data();
     const uint32_t ulResult = lpFsSession->HandleAddRequest(&final);
@@ -175,7 +162,7 @@ uint32_t ZV_FileShareMgr::FinishServerAdd(ConfPduData* lpCpd, const ZV_AddReques
     const int nDeleted = m_arrDelFileID.Find(ask.usFileID);
     if (nDeleted >= 0)
         m_arrDelFileID.RemoveAt(nDeleted);
-    SendAddResponse(ulTarget, ask.usFileID, ulResult, ask.usFileID, ask.creator, 0, ask.brief, ask.bStartUpload,
+    SendAddResponse(ulTarget, ask.usFileID, ulResult, ask.usFileID, ask.user, 0, ask.brief, ask.bStartUpload,
                     ulTarget == zvConnNone);
     return ZV_OK;
 }
@@ -225,25 +212,19 @@ uint32_t ZV_FileShareMgr::HandleAddResponse(ConfPduData* lpCpd)
     return ulResult;
 }
 
-// What stood under the key goes with its open files; nobody else holds a
-// session, so the old one would only leak.
-// On a client, a session that stood under the key was of another file: it
-// goes as a file the server no longer lists goes, with what it had of a
-// download.
+// What stood under the key goes with its open files. On a client it was a
+// session of another file: it goes as a file the server no longer lists
+// goes, with what it had of a download.
 void ZV_FileShareMgr::ReplaceSession(uint16_t usFileID, std::unique_ptr<ZV_FileShareSession> lpFsSession)
 {
-    ZV_FileShareSession* lpOld = nullptr;
-    const bool bHad = m_mapSession.Lookup(usFileID, lpOld);
-    if (bHad && lpOld != nullptr && m_lpConf->IsClientMode())
+    const std::unique_ptr<ZV_FileShareSession> lpGone = TakeSession(usFileID);
+    if (lpGone && m_lpConf->IsClientMode())
     {
-        DropUnlistedDownload(usFileID, lpOld);
-        SetSessionBusy(0, usFileID);
+        DropUnlistedDownload(usFileID, lpGone.get());
+        MarkBusy(0, usFileID);
         NotifyFileGone(0, usFileID);
     }
-    m_mapSession.SetAt(usFileID, lpFsSession.get());
-    lpFsSession.release();
-    if (bHad)
-        delete lpOld;
+    m_mapSession.SetAt(usFileID, lpFsSession.release());
 }
 
 // A server announces again a file this client holds when a server link came
@@ -262,21 +243,23 @@ bool ZV_FileShareMgr::TakeRepeatedFile(uint16_t usFileID, const ZV_FileBriefInfo
 // A file that goes is no transfer of this client's any more.
 void ZV_FileShareMgr::RemoveSession(uint16_t usFileID)
 {
-    SetSessionBusy(0, usFileID);
+    MarkBusy(0, usFileID);
+    TakeSession(usFileID);
+}
+
+std::unique_ptr<ZV_FileShareSession> ZV_FileShareMgr::TakeSession(uint16_t usFileID)
+{
     ZV_FileShareSession* lpFsSession = nullptr;
     m_mapSession.Lookup(usFileID, lpFsSession);
     m_mapSession.RemoveKey(usFileID);
-    delete lpFsSession;
+    return std::unique_ptr<ZV_FileShareSession>(lpFsSession);
 }
 
 // The session is out of the map before its files are touched, so that a
 // second throw there still leaves no key behind.
 void ZV_FileShareMgr::DropAddedSession(uint16_t usFileID)
 {
-    ZV_FileShareSession* lpFsSession = nullptr;
-    m_mapSession.Lookup(usFileID, lpFsSession);
-    m_mapSession.RemoveKey(usFileID);
-    const std::unique_ptr<ZV_FileShareSession> lpOwned(lpFsSession);
+    const std::unique_ptr<ZV_FileShareSession> lpOwned = TakeSession(usFileID);
     if (lpOwned)
         lpOwned->UndoAdd();
 }
@@ -286,7 +269,7 @@ uint32_t ZV_FileShareMgr::SendAddRequest(uint32_t ulConn, uint16_t usFileID, con
 {
     ZV_AddRequest ask;
     ask.usFileID = usFileID;
-    ask.creator = creator;
+    ask.user = creator;
     ask.ulFloodSeq = ulFloodSeq;
     ask.brief = brief;
     ask.bStartUpload = bStartUpload;

@@ -106,99 +106,6 @@ uint32_t SendFilesSeries(IZV_ConfHost* lpConf, uint32_t ulConn, ZV_AddFilesRespo
     return SendFilesPdu(lpConf, ulConn, PDU_CONF_FS_ADD_FILES_RESPONSE, pdu, bToAll);
 }
 
-// From the last file to the first, so that with a range that runs out the
-// files at the batch's end keep their place. False when none is left.
-bool TakeFileIDs(ZV_FileShareMgr& mgr, ConfPduData* lpCpd, ZV_AddFilesRequest& ask)
-{
-    QB_Array<ZV_FileBriefInfo> arrRefused;
-    for (int i = ask.arrFileID.GetSize() - 1; i >= 0; --i)
-    {
-        ask.arrFileID[i] = mgr.AllocFileID();
-        if (ask.arrFileID[i] != ZV_NO_FILEID)
-            continue;
-        arrRefused.Add(ask.arrInfo[i]);
-        ask.arrFileID.RemoveAt(i);
-        ask.arrInfo.RemoveAt(i);
-    }
-    if (arrRefused.IsEmpty())
-        return true;
-    mgr.SendAddFilesResponse(lpCpd->ulConn, ZV_ERR_NOT_ENTITLED, ask.user, ask.bStartUpload, QB_Array<uint16_t>(),
-                         QB_Array<uint32_t>(), arrRefused, ask.bLast, false);
-    return !ask.arrFileID.IsEmpty();
-}
-
-// A batch that threw gives back the FileIDs it reserved and the sessions it
-// made, the first nMade of its files.
-void DropBatch(ZV_FileShareMgr& mgr, const QB_Array<uint16_t>& arrFileID, int nMade)
-{
-    for (int i = 0; i < arrFileID.GetSize(); ++i)
-    {
-        if (i < nMade || mgr.IsReservedFileID(arrFileID[i]))
-            mgr.DropAddedSession(arrFileID[i]);
-    }
-}
-
-// Sessions, stored names, empty files and catalogue rows, then one 8056 for
-// all clients. A batch from a server link is fetched file by file at once.
-void StoreAddedFiles(ZV_FileShareMgr& mgr, ConfPduData* lpCpd, const ZV_AddFilesRequest& ask,
-                     const QB_StringW& sFolder)
-{
-    int nMade = 0;
-    try
-    {
-        const QB_UserID self(mgr.m_lpConf->GetLocalServerID(), 0);
-        QB_Array<uint32_t> arrPos;
-        for (; nMade < ask.arrFileID.GetSize(); ++nMade)
-        {
-            const uint16_t usFileID = ask.arrFileID[nMade];
-            auto lpOwned = mgr.MakeSession();
-            ZV_FileShareSession* lpFsSession = lpOwned.get();
-            mgr.ReplaceSession(usFileID, std::move(lpOwned));
-            QB_StringW sPath;
-            lpFsSession->InitSrvAddFileInfo(sPath, mgr.m_lpConf, usFileID, sFolder, ask.arrInfo[nMade]);
-            arrPos.Add(0);
-            if (lpCpd->conn_type == zvConfServerTypeCommand)
-                lpFsSession->SendDownloadRequest(lpCpd->ulConn, usFileID, &self, 0, QB_StringU8(sPath), 0, 1, 0);
-        }
-        // Cut like a list, should a peer's batch come too near the limit for
-        // the positions to fit; an honest batch makes exactly one PDU.
-        ZV_AddFilesResponse part;
-        part.user = ask.user;
-        part.bStartUpload = ask.bStartUpload;
-        SendFilesSeries(mgr.m_lpConf, zvConnNone, part, ask.arrFileID, arrPos, ask.arrInfo, ask.bLast, true);
-    }
-    catch (...)
-    {
-        DropBatch(mgr, ask.arrFileID, nMade + 1);
-        throw;
-    }
-}
-
-// One file of an 8056 on the client: its session, and its place in the
-// report if the batch is visible.
-uint32_t TakeAddedFile(ZV_FileShareMgr& mgr, const ZV_AddFilesResponse& answer, int nIndex, bool bVisible)
-{
-    const uint16_t usFileID = answer.arrFileID[nIndex];
-    const ZV_FileBriefInfo& brief = answer.arrInfo[nIndex];
-    const uint32_t ulPos = nIndex < answer.arrPos.GetSize() ? answer.arrPos[nIndex] : 0;
-    if (bVisible)
-    {
-        mgr.NotePendingFile(usFileID, (double)ulPos / brief.m_ulFileLenth * 100.0);
-    }
-    QB_Lock lock(&mgr.SessionLock());
-    if (mgr.TakeRepeatedFile(usFileID, brief, ulPos))
-        return ZV_OK;
-    auto lpOwned = mgr.MakeSession();
-    ZV_FileShareSession* lpFsSession = lpOwned.get();
-    mgr.ReplaceSession(usFileID, std::move(lpOwned));
-    // InitCltAddFileInfo catches a throw of the host itself, and says so.
-    const uint32_t ulResult =
-        lpFsSession->InitCltAddFileInfo(mgr.m_lpConf, usFileID, ulPos, brief, answer.bStartUpload);
-    if (ulResult == ZV_ERR_EXCEPTION)
-        mgr.DropAddedSession(usFileID);
-    return ulResult;
-}
-
 template <typename T>
 QB_Array<T> Slice(const QB_Array<T>& arr, int nFrom, int nTo)
 {
@@ -208,16 +115,110 @@ QB_Array<T> Slice(const QB_Array<T>& arr, int nFrom, int nTo)
     return part;
 }
 
+} // namespace
+
+// From the last file to the first, so that with a range that runs out the
+// files at the batch's end keep their place. False when none is left.
+bool ZV_FileShareMgr::TakeFileIDs(ConfPduData* lpCpd, ZV_AddFilesRequest& ask)
+{
+    QB_Array<ZV_FileBriefInfo> arrRefused;
+    for (int i = ask.arrFileID.GetSize() - 1; i >= 0; --i)
+    {
+        ask.arrFileID[i] = AllocFileID();
+        if (ask.arrFileID[i] != ZV_NO_FILEID)
+            continue;
+        arrRefused.Add(ask.arrInfo[i]);
+        ask.arrFileID.RemoveAt(i);
+        ask.arrInfo.RemoveAt(i);
+    }
+    if (arrRefused.IsEmpty())
+        return true;
+    SendAddFilesResponse(lpCpd->ulConn, ZV_ERR_NOT_ENTITLED, ask.user, ask.bStartUpload, QB_Array<uint16_t>(),
+                         QB_Array<uint32_t>(), arrRefused, ask.bLast, false);
+    return !ask.arrFileID.IsEmpty();
+}
+
+// A batch that threw gives back the FileIDs it reserved and the sessions it
+// made, the first nMade of its files.
+void ZV_FileShareMgr::DropBatch(const QB_Array<uint16_t>& arrFileID, int nMade)
+{
+    for (int i = 0; i < arrFileID.GetSize(); ++i)
+    {
+        if (i < nMade || IsReservedFileID(arrFileID[i]))
+            DropAddedSession(arrFileID[i]);
+    }
+}
+
+// Sessions, stored names, empty files and catalogue rows, then one 8056 for
+// all clients. A batch from a server link is fetched file by file at once.
+void ZV_FileShareMgr::StoreAddedFiles(ConfPduData* lpCpd, const ZV_AddFilesRequest& ask, const QB_StringW& sFolder)
+{
+    int nMade = 0;
+    try
+    {
+        const QB_UserID self(m_lpConf->GetLocalServerID(), 0);
+        QB_Array<uint32_t> arrPos;
+        for (; nMade < ask.arrFileID.GetSize(); ++nMade)
+        {
+            const uint16_t usFileID = ask.arrFileID[nMade];
+            auto lpOwned = MakeSession();
+            ZV_FileShareSession* lpFsSession = lpOwned.get();
+            ReplaceSession(usFileID, std::move(lpOwned));
+            QB_StringW sPath;
+            lpFsSession->InitSrvAddFileInfo(sPath, m_lpConf, usFileID, sFolder, ask.arrInfo[nMade]);
+            arrPos.Add(0);
+            if (lpCpd->conn_type == zvConfServerTypeCommand)
+                lpFsSession->SendDownloadRequest(lpCpd->ulConn, usFileID, &self, 0, QB_StringU8(sPath), 0, 1, 0);
+        }
+        // Cut like a list, should a peer's batch come too near the limit for
+        // the positions to fit; an honest batch makes exactly one PDU.
+        ZV_AddFilesResponse part;
+        part.user = ask.user;
+        part.bStartUpload = ask.bStartUpload;
+        SendFilesSeries(m_lpConf, zvConnNone, part, ask.arrFileID, arrPos, ask.arrInfo, ask.bLast, true);
+    }
+    catch (...)
+    {
+        DropBatch(ask.arrFileID, nMade + 1);
+        throw;
+    }
+}
+
+// One file of an 8056 on the client: its session, and its place in the
+// report if the batch is visible.
+uint32_t ZV_FileShareMgr::TakeAddedFile(const ZV_AddFilesResponse& answer, int nIndex, bool bVisible)
+{
+    const uint16_t usFileID = answer.arrFileID[nIndex];
+    const ZV_FileBriefInfo& brief = answer.arrInfo[nIndex];
+    const uint32_t ulPos = nIndex < answer.arrPos.GetSize() ? answer.arrPos[nIndex] : 0;
+    if (bVisible)
+    {
+        NotePendingFile(usFileID, (double)ulPos / brief.m_ulFileLenth * 100.0);
+    }
+    QB_Lock lock(&m_mapSession);
+    if (TakeRepeatedFile(usFileID, brief, ulPos))
+        return ZV_OK;
+    auto lpOwned = MakeSession();
+    ZV_FileShareSession* lpFsSession = lpOwned.get();
+    ReplaceSession(usFileID, std::move(lpOwned));
+    // InitCltAddFileInfo catches a throw of the host itself, and says so.
+    const uint32_t ulResult =
+        lpFsSession->InitCltAddFileInfo(m_lpConf, usFileID, ulPos, brief, answer.bStartUpload);
+    if (ulResult == ZV_ERR_EXCEPTION)
+        DropAddedSession(usFileID);
+    return ulResult;
+}
+
 // A batch gathered over several PDUs can outgrow the one buffer of an
 // event; it is then told in as many 3013 events as it needs, in order,
 // rather than lost. The arrays are emptied first, so a failure to tell
 // cannot make them grow from batch to batch.
-void ReportPendingFiles(ZV_FileShareMgr& mgr)
+void ZV_FileShareMgr::ReportPendingFiles()
 {
     QB_Array<uint16_t> arrFileID;
     QB_Array<double> arrRate;
     QB_Array<ZV_FileBriefInfo> arrInfo;
-    mgr.TakePendingFiles(arrFileID, arrRate, arrInfo);
+    TakePendingFiles(arrFileID, arrRate, arrInfo);
     const int nCount = std::max({arrFileID.GetSize(), arrRate.GetSize(), arrInfo.GetSize()});
     constexpr uint32_t kHead = 2 + 4 + 3 * 5;
     int nFrom = 0;
@@ -230,12 +231,11 @@ void ReportPendingFiles(ZV_FileShareMgr& mgr)
             ulSize += ulEntry;
             continue;
         }
-        mgr.NotifyFilesAdded(Slice(arrFileID, nFrom, i), Slice(arrInfo, nFrom, i), Slice(arrRate, nFrom, i));
+        NotifyFilesAdded(Slice(arrFileID, nFrom, i), Slice(arrInfo, nFrom, i), Slice(arrRate, nFrom, i));
         nFrom = i;
         ulSize = kHead + ulEntry;
     }
 }
-} // namespace
 
 void ZV_FileShareMgr::NotePendingFile(uint16_t usFileID, double dRate)
 {
@@ -400,7 +400,7 @@ uint32_t ZV_FileShareMgr::HandleAddFilesRequest(ConfPduData* lpCpd)
     }
     try
     {
-        if (bFromClient && !TakeFileIDs(*this, lpCpd, ask))
+        if (bFromClient && !TakeFileIDs(lpCpd, ask))
             return ZV_OK;
         if (m_lpConf->HasServerLinks())
         {
@@ -411,10 +411,10 @@ uint32_t ZV_FileShareMgr::HandleAddFilesRequest(ConfPduData* lpCpd)
     }
     catch (...)
     {
-        DropBatch(*this, ask.arrFileID, 0);
+        DropBatch(ask.arrFileID, 0);
         throw;
     }
-    StoreAddedFiles(*this, lpCpd, ask, sFolder);
+    StoreAddedFiles(lpCpd, ask, sFolder);
     return ZV_OK;
 }
 
@@ -439,12 +439,12 @@ uint32_t ZV_FileShareMgr::HandleAddFilesResponse(ConfPduData* lpCpd)
             continue;
         }
         if (ulResult == ZV_OK)
-            ulResult = TakeAddedFile(*this, answer, i, bVisible);
+            ulResult = TakeAddedFile(answer, i, bVisible);
         if (bVisible)
             m_arrPendingInfo.Add(brief);
     }
     if (answer.bLast && bVisible)
-        ReportPendingFiles(*this);
+        ReportPendingFiles();
     return ZV_OK;
 }
 

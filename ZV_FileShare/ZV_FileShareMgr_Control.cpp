@@ -9,17 +9,6 @@
 
 #include <cassert>
 
-namespace {
-
-// Begun and not complete; a failed upload counts, so that a resume can
-// restart it.
-bool IsUnderway(uint16_t usFileState)
-{
-    return usFileState != ZV_FILESTATE_ADDED && usFileState != ZV_FILESTATE_COMPLETE;
-}
-
-} // namespace
-
 // A stopped download still counts as busy.
 uint32_t ZV_FileShareMgr::FsStopDownload(uint16_t usFileID)
 {
@@ -28,9 +17,7 @@ uint32_t ZV_FileShareMgr::FsStopDownload(uint16_t usFileID)
         ZV_FileShareSession* lpFsSession = nullptr;
         if (const uint32_t ulFound = LookupSession(usFileID, lpFsSession); ulFound != ZV_OK)
             return ulFound;
-        ZV_FileDownloadInfo& download = lpFsSession->LocalDownload();
-        if (download.m_usState != ZV_DLSTATE_FINISHED)
-            download.SetState(ZV_DLSTATE_STOPPED);
+        lpFsSession->StopLocalDownload();
         const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
         if (ulConn == zvConnNone)
             return ZV_ERR_NO_CONN;
@@ -46,16 +33,11 @@ uint32_t ZV_FileShareMgr::FsResumeDownload(uint16_t usFileID)
         ZV_FileShareSession* lpFsSession = nullptr;
         if (const uint32_t ulFound = LookupSession(usFileID, lpFsSession); ulFound != ZV_OK)
             return ulFound;
-        ZV_FileDownloadInfo& download = lpFsSession->LocalDownload();
-        if (download.m_usState != ZV_DLSTATE_FINISHED)
-        {
-            download.SetState(ZV_DLSTATE_RUNNING);
-            download.SetLastTick(QB_GetEnv()->GetTickCount());
-        }
+        lpFsSession->ResumeLocalDownload();
         const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
         if (ulConn == zvConnNone)
             return ZV_ERR_NO_CONN;
-        SetSessionBusy(1, usFileID);
+        MarkBusy(1, usFileID);
         return lpFsSession->SendIsStopDownloadRequest(ulConn, usFileID, LocalUser(), 0, 0);
     });
 }
@@ -73,9 +55,7 @@ uint32_t ZV_FileShareMgr::FsStopUpload(uint16_t usFileID)
         const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
         if (ulConn == zvConnNone)
             return ZV_ERR_NO_CONN;
-        ZV_FileBriefInfo& brief = lpFsSession->BriefInfo();
-        if (IsUnderway(brief.m_usFileState))
-            brief.SetFileState(ZV_FILESTATE_STOPPED);
+        lpFsSession->StopLocalUpload(true);
         return lpFsSession->SendIsStopUploadRequest(ulConn, usFileID, LocalUser(), 0, 1, lpFsSession->ReadPos());
     });
 }
@@ -91,9 +71,7 @@ uint32_t ZV_FileShareMgr::FsResumeUpload(uint16_t usFileID)
         const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
         if (ulConn == zvConnNone)
             return ZV_ERR_NO_CONN;
-        ZV_FileBriefInfo& brief = lpFsSession->BriefInfo();
-        if (IsUnderway(brief.m_usFileState))
-            brief.SetFileState(ZV_FILESTATE_UPLOADING);
+        lpFsSession->StopLocalUpload(false);
         return lpFsSession->SendIsStopUploadRequest(ulConn, usFileID, LocalUser(), 0, 0, 0);
     });
 }

@@ -57,7 +57,7 @@ uint32_t ZV_FileShareMgr::FsDelDownload(uint16_t usFileID, uint8_t bDeleteFile)
 {
     assert(m_lpConf && "m_lpConf");
     return GuardFs("ZV_FileShareMgr::FsDelDownload exception.\r\n", [&]() -> uint32_t {
-        SetSessionBusy(0, usFileID);
+        MarkBusy(0, usFileID);
         m_ShareLedger.ForgetDownload(m_lpConf->GetConfID(), usFileID);
         ZV_FileShareSession* lpFsSession = nullptr;
         QB_StringW sLocalPath;
@@ -84,10 +84,7 @@ uint32_t ZV_FileShareMgr::FsDelDownload(uint16_t usFileID, uint8_t bDeleteFile)
             return ZV_ERR_DELETE;
         if (lpFsSession == nullptr)
             return ZV_OK;
-        download.SetDownloadPos(0);
-        download.SetFileName(QB_StringU8(""));
-        download.SetState(ZV_DLSTATE_NEW);
-        lpFsSession->LocalDownload() = download;
+        lpFsSession->ResetLocalDownload(true);
         if (!lpFsSession->IsFileVisible(lpFsSession->BriefInfo()))
             return ZV_OK;
         const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
@@ -179,7 +176,7 @@ uint32_t ZV_FileShareMgr::HandleDelUploadResponse(ConfPduData* lpCpd)
         NotifyFileGone(answer.head.ulResult, usFileID);
         if (answer.head.ulResult != ZV_OK)
             return 0;
-        SetSessionBusy(0, usFileID);
+        MarkBusy(0, usFileID);
         ZV_FileShareSession* lpFsSession = nullptr;
         if (m_mapSession.Lookup(usFileID, lpFsSession) && lpFsSession != nullptr)
             DropDeletedSession(usFileID, lpFsSession);

@@ -189,12 +189,11 @@ bool ZV_FileShareMgr::ResumeListedDownload(const ConfPduData* lpCpd, ZV_FileShar
         r.SetState(ZV_DLSTATE_STOPPED);
         lpFsSession->SendIsStopDownloadRequest(lpCpd->ulConn, usFileID, &me, 0, 1);
     }
-    QB_FileEx& f = lpFsSession->File();
     if (ulResult == ZV_OK)
-        ulResult = MeasureLocalFile(f, sPath, r.m_usState != ZV_DLSTATE_FINISHED, ulSize);
+        ulResult = lpFsSession->MeasureLocalFile(sPath, r.m_usState != ZV_DLSTATE_FINISHED, ulSize);
     if (r.m_usState == ZV_DLSTATE_FINISHED && ulSize == r.m_ulFileLenth && ulResult == ZV_OK)
     {
-        f.Close();
+        lpFsSession->CloseFile();
         ulSize = r.m_ulDownloadPos;
     }
     else if (ulResult == ZV_OK)
@@ -202,28 +201,11 @@ bool ZV_FileShareMgr::ResumeListedDownload(const ConfPduData* lpCpd, ZV_FileShar
     if (ulResult == ZV_ERR_OPEN && d.m_usState == ZV_DLSTATE_FINISHED)
     {
         // A finished download whose file was moved away is no failure.
-        if (f.IsOpen())
-            f.Close();
+        lpFsSession->CloseFile();
         ulResult = ZV_OK;
         ulSize = r.m_ulFileLenth;
     }
     return true;
-}
-
-// 0 with the local file open and its length, or 60. Only an unfinished
-// download may create the file anew.
-uint32_t ZV_FileShareMgr::MeasureLocalFile(QB_FileEx& f, const QB_StringW& sPath, bool bMayCreate, uint32_t& ulSize)
-{
-    // As for any download target, a link planted at the path is not
-    // followed.
-    if (!f.IsOpen() && !f.Open(sPath, QB_FILE_READWRITE | QB_FILE_OPEN_EXISTING | QB_FILE_NO_LINK) &&
-        (!bMayCreate || !f.Open(sPath, QB_FILE_READWRITE | QB_FILE_OPEN_ALWAYS | QB_FILE_NO_LINK)))
-        return ZV_ERR_OPEN;
-    const int32_t nLength = f.GetLength();
-    if (nLength < 0)
-        return ZV_ERR_OPEN;
-    ulSize = (uint32_t)nLength;
-    return ZV_OK;
 }
 
 void ZV_FileShareMgr::RestartListedDownload(const ConfPduData* lpCpd, ZV_FileShareSession* lpFsSession,
@@ -235,7 +217,7 @@ void ZV_FileShareMgr::RestartListedDownload(const ConfPduData* lpCpd, ZV_FileSha
     if (bModify)
     {
         // Another file stands under this FileID now: what is here is of the old one.
-        if (lpFsSession->File().Seek(0, 0) < 0 || !lpFsSession->File().SetEnd())
+        if (!lpFsSession->EmptyLocalFile())
             ulResult = ZV_ERR_IO;
         ulSize = 0;
         r.SetState(ZV_DLSTATE_RUNNING);
@@ -258,7 +240,7 @@ void ZV_FileShareMgr::RestartListedDownload(const ConfPduData* lpCpd, ZV_FileSha
             r.SetStopped(false);
             lpFsSession->SendIsStopDownloadRequest(lpCpd->ulConn, usFileID, &me, 0, 0);
         }
-        SetSessionBusy(1, usFileID);
+        MarkBusy(1, usFileID);
         r.SetState(ZV_DLSTATE_RUNNING);
     }
     lpFsSession->SetResyncPending();
@@ -270,14 +252,13 @@ void ZV_FileShareMgr::RestartListedDownload(const ConfPduData* lpCpd, ZV_FileSha
 void ZV_FileShareMgr::DropWithdrawnDownload(uint16_t usFileID, ZV_FileShareSession* lpFsSession,
                                             const ZV_FileDownloadInfo& r)
 {
-    ZV_FileDownloadInfo& download = lpFsSession->LocalDownload();
+    const ZV_FileDownloadInfo& download = lpFsSession->LocalDownload();
     lpFsSession->CloseFile();
     m_ShareLedger.ForgetDownload(m_lpConf->GetConfID(), usFileID);
     // The record's path is the local one, or the one the user last asked
     // for when a restart took the local record.
     if (r.m_usState != ZV_DLSTATE_FINISHED && download.m_usState != ZV_DLSTATE_FINISHED)
         QB_FileEx::Delete(QB_StringW(r.m_sFilePath + r.m_sFileName));
-    download.SetDownloadPos(0);
-    download.SetState(ZV_DLSTATE_NEW);
-    SetSessionBusy(0, usFileID);
+    lpFsSession->ResetLocalDownload(false);
+    MarkBusy(0, usFileID);
 }

@@ -8,12 +8,10 @@
 
 #include "QB_Log.h"
 
-namespace {
-
-void RestartDownload(ZV_FileShareMgr* lpMgr, ZV_FileShareSession* lpFsSession, const ZV_FileDownloadInfo& download,
-                     const QB_UserID& creator, bool bClient, uint32_t ulServerID)
+void ZV_FileShareMgr::RestartDownload(ZV_FileShareSession* lpFsSession, const ZV_FileDownloadInfo& download,
+                                      const QB_UserID& creator, bool bClient, uint32_t ulServerID)
 {
-    IZV_ConfHost* lpConf = lpMgr->m_lpConf;
+    IZV_ConfHost* lpConf = m_lpConf;
     if (!bClient)
     {
         if (!lpConf->HasServerLinks())
@@ -28,14 +26,12 @@ void RestartDownload(ZV_FileShareMgr* lpMgr, ZV_FileShareSession* lpFsSession, c
         return;
     }
     const QB_UserID* lpLocal = lpConf->GetLocalUserID();
-    const uint32_t ulConn = lpMgr->GetLinkConn(zvConfClientTypeCommand);
+    const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
     if (lpLocal == nullptr || *lpLocal == creator || ulConn == zvConnNone)
         return;
     lpFsSession->SetResyncPending();
     lpFsSession->SendDownloadDataRequest(ulConn, lpFsSession->FileID(), *lpLocal, download);
 }
-
-} // namespace
 
 void ZV_FileShareMgr::SendFileDownloadPos(bool bClient, uint32_t ulServerID)
 {
@@ -47,7 +43,7 @@ void ZV_FileShareMgr::SendFileDownloadPos(bool bClient, uint32_t ulServerID)
             const QB_UserID creator = lpFsSession->FileInfo().m_BriefInfo.m_CreatorID;
             const ZV_FileDownloadInfo download = lpFsSession->LocalDownload();
             if (download.m_usState == ZV_DLSTATE_RUNNING)
-                RestartDownload(this, lpFsSession, download, creator, bClient, ulServerID);
+                RestartDownload(lpFsSession, download, creator, bClient, ulServerID);
             RepublishUpload(lpFsSession, creator, lpFsSession->FileInfo().m_BriefInfo.m_usFileState);
         });
     }

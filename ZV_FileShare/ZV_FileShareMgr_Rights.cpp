@@ -79,11 +79,7 @@ uint32_t ZV_FileShareMgr::FsSetFilesRight(const uint16_t* pFileID, uint32_t nFil
         if (ulSent != ZV_OK)
             return ulSent;
         for (int i = 0; i < arrSession.GetSize(); ++i)
-        {
-            ZV_FileBriefInfo& brief = arrSession[i]->BriefInfo();
-            brief.SetRight(ZV_ChangeRights(brief.m_arrRight, bPublic != 0, arrAdd, arrRemove));
-            brief.SetPublic(bPublic != 0);
-        }
+            arrSession[i]->ChangeLocalRights(bPublic != 0, arrAdd, arrRemove);
         return ZV_OK;
     });
     // The request went out: what failed after it is the client's own view.
@@ -219,14 +215,13 @@ void ZV_FileShareMgr::DropLostDownload(uint16_t usFileID, ZV_FileShareSession* l
     NotifyFileHidden(ZV_OK, usFileID);
     lpFsSession->CloseFile();
     m_ShareLedger.ForgetDownload(m_lpConf->GetConfID(), usFileID);
-    ZV_FileDownloadInfo& download = lpFsSession->LocalDownload();
+    const ZV_FileDownloadInfo& download = lpFsSession->LocalDownload();
     if (download.m_usState != ZV_DLSTATE_FINISHED)
     {
         // A record that never named a file names only its folder.
         if (!download.m_sFileName.IsEmpty())
             QB_FileEx::Delete(QB_StringW(download.m_sFilePath) + QB_StringW(download.m_sFileName));
-        SetSessionBusy(0, usFileID);
+        MarkBusy(0, usFileID);
     }
-    download.SetDownloadPos(0);
-    download.SetState(ZV_DLSTATE_NEW);
+    lpFsSession->ResetLocalDownload(false);
 }

@@ -2,6 +2,7 @@
 // while the conference goes on, and the removal of all of them at its end.
 // A client keeps no store, so it does nothing here.
 #include "ZV_FileShareMgr.h"
+#include "ZV_DeletePdu.h"
 #include "ZV_AnswerHead.h"
 #include "ZV_FileShareSession.h"
 
@@ -69,8 +70,7 @@ void ZV_FileShareMgr::RemoveStoredFile(uint16_t usFileID, ZV_FileShareSession* l
         SendDelUploadResponse(zvConnNone, usFileID, ZV_OK, usFileID, lpUser, ulFloodSeq, true);
     const QB_StringW sPath = lpFsSession->GetConfDir() + QB_StringW(lpFsSession->FileInfo().m_sFileNewName);
     const bool bPlain = ZV_FileCatalog::IsPlainFileName(QB_StringA(lpFsSession->FileInfo().m_sFileNewName));
-    delete lpFsSession;
-    m_mapSession.RemoveKey(usFileID);
+    TakeSession(usFileID);
     // A session without a stored name would name the folder itself.
     if (bPlain)
         QB_FileEx::Delete(sPath);
@@ -83,18 +83,20 @@ uint32_t ZV_FileShareMgr::CleanData()
     {
         if (!m_lpConf->IsServerMode())
             return ZV_OK;
-        // Keys go together at the end: the walk must not lose its place.
-        ForEachSession([&](uint16_t usFileID, ZV_FileShareSession* lpFsSession) {
-            if (lpFsSession == nullptr)
-                return;
-            const QB_StringU8 sName = lpFsSession->FileInfo().m_sFileNewName;
-            const QB_StringW sPath = lpFsSession->GetConfDir() + QB_StringW(sName);
-            delete lpFsSession;
-            m_mapSession.SetAt(usFileID, nullptr);
+        // The keys are gathered first: the walk must not lose its place.
+        QB_Array<uint16_t> arrFileID;
+        ForEachSession([&](uint16_t usFileID, ZV_FileShareSession*) { arrFileID.Add(usFileID); });
+        for (int i = 0; i < arrFileID.GetSize(); ++i)
+        {
+            const std::unique_ptr<ZV_FileShareSession> lpGone = TakeSession(arrFileID[i]);
+            if (!lpGone)
+                continue;
+            const QB_StringU8 sName = lpGone->FileInfo().m_sFileNewName;
+            const QB_StringW sPath = lpGone->GetConfDir() + QB_StringW(sName);
+            lpGone->CloseStoredFiles();
             if (ZV_FileCatalog::IsPlainFileName(QB_StringA(sName)))
                 QB_FileEx::Delete(sPath);
-        });
-        m_mapSession.RemoveAll();
+        }
         m_Catalog.DeleteConf(m_lpConf->GetConfID());
     }
     catch (...)
@@ -108,10 +110,11 @@ uint32_t ZV_FileShareMgr::SendDelUploadResponse(uint32_t ulConn, uint16_t usFile
                                                 uint16_t usFileID2, const QB_UserID* lpUser, uint32_t ulFloodSeq,
                                                 bool bToAll)
 {
+    ZV_DelUploadResponse answer;
+    answer.head = ZV_AnswerHead{{usFileID, ulResult, usFileID2}, *lpUser};
+    answer.ulFloodSeq = ulFloodSeq;
     ZV_PduBuffer pdu;
-    const ZV_AnswerHead head{{usFileID, ulResult, usFileID2}, *lpUser};
-    head.Save(pdu.Stream());
-    pdu.Stream().WriteU32(ulFloodSeq);
+    answer.Save(pdu.Stream());
     if (bToAll)
         return ZV_SendToGroup(m_lpConf, ulConn, PDU_CONF_FS_DEL_UPLOAD_RESPONSE, pdu);
     return ZV_SendToLink(m_lpConf, ulConn, PDU_CONF_FS_DEL_UPLOAD_RESPONSE, pdu);

@@ -20,9 +20,8 @@ uint32_t ZV_FileShareMgr::FsUpload(uint16_t usFileID)
             QB_WriteClientLog("ZV_FileShareMgr.FsUpload ret = %d\r\n", (int)ulFound);
         if (ulFound != ZV_OK)
             return ulFound;
-        SetSessionBusy(1, usFileID);
-        lpFsSession->SetReadPos(0);
-        lpFsSession->BriefInfo().SetFileState(ZV_FILESTATE_UPLOADING);
+        MarkBusy(1, usFileID);
+        lpFsSession->StartLocalUpload();
         const uint32_t ulDataConn = GetLinkConn(zvConfClientTypeData);
         if (ulDataConn != zvConnNone)
             ZV_SendKick(m_lpConf, ulDataConn);
@@ -47,7 +46,7 @@ uint32_t ZV_FileShareMgr::HandleFileStateNotice(ConfPduData* lpCpd)
         if (notice.bUpload && notice.usState == ZV_FILESTATE_COMPLETE && m_lpConf->IsClientMode() &&
             m_mapSession.Lookup(notice.arrFileID[i], lpFsSession) && lpFsSession != nullptr &&
             lpFsSession->IsLocalCreator())
-            SetSessionBusy(0, notice.arrFileID[i]);
+            MarkBusy(0, notice.arrFileID[i]);
     }
     return 0;
 }

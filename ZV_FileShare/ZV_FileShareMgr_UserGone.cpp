@@ -28,8 +28,7 @@ void ZV_FileShareMgr::OnUserGone(ZV_FileShareSession* lpFsSession, QB_UserID use
     const QB_UserID creator = brief.m_CreatorID;
     if (user != creator)
     {
-        if (ZV_FileDownloadInfo* pEntry = lpFsSession->FindDownloadEntry(user))
-            pEntry->SetActive(false);
+        lpFsSession->RestDownloader(user);
         return;
     }
     if (brief.m_usFileState == ZV_FILESTATE_COMPLETE)

@@ -12,8 +12,8 @@
 #include <algorithm>
 #include <cstdint>
 
-ZV_FileShareSession::ZV_FileShareSession(ZV_FileShareMgr* lpMgr, const char* szStorePath)
-    : m_sStorePath(szStorePath), m_ulLastIoTick(QB_GetEnv()->GetTickCount()), m_lpMgr(lpMgr)
+ZV_FileShareSession::ZV_FileShareSession(ZV_SessionOwner* lpMgr, const char* szStorePath)
+    : m_sStorePath(szStorePath), m_ulLastIoTick(ZV_Now()), m_lpMgr(lpMgr)
 {
     m_LocalDownload.m_usFileID = ZV_NO_FILEID;
 }
@@ -30,7 +30,7 @@ ZV_FileShareSession::~ZV_FileShareSession()
 
 IZV_ConfHost* ZV_FileShareSession::Conf() const
 {
-    return m_lpMgr->m_lpConf;
+    return m_lpMgr->Host();
 }
 
 uint32_t ZV_FileShareSession::HandlePdu(ConfPduData* lpCpd)

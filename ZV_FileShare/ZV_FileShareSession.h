@@ -22,6 +22,7 @@
 #include "ZV_FileUploadInfo.h"
 #include "ZV_PduFrame.h"
 #include "ZV_RequestHead.h"
+#include "ZV_SessionOwner.h"
 
 #include "QB_ByteStream.h"
 #include "QB_Env.h"
@@ -32,7 +33,6 @@
 
 #include <cstdint>
 
-class ZV_FileShareMgr;
 struct ZV_DownloadBlock;
 struct ZV_DownloadDataRequest;
 struct ZV_DownloadResponse;
@@ -71,7 +71,7 @@ inline uint32_t ZV_Now()
 class ZV_FileShareSession
 {
 public:
-    ZV_FileShareSession(ZV_FileShareMgr* lpMgr, const char* szStorePath);
+    ZV_FileShareSession(ZV_SessionOwner* lpMgr, const char* szStorePath);
     virtual ~ZV_FileShareSession();
     ZV_FileShareSession(const ZV_FileShareSession&) = delete;
     ZV_FileShareSession& operator=(const ZV_FileShareSession&) = delete;
@@ -298,10 +298,9 @@ public:
     // Server: the stored file's record; client: see BriefInfo.
     const ZV_FileUploadInfo& FileInfo() const { return m_FileInfo; }
     // Client: the file as the server announced it.
-    ZV_FileBriefInfo& BriefInfo() { return m_BriefInfo; }
-    // Client: the local user's download of this file.
-    ZV_FileDownloadInfo& LocalDownload() { return m_LocalDownload; }
     const ZV_FileBriefInfo& BriefInfo() const { return m_BriefInfo; }
+    // Client: the local user's download of this file.
+    const ZV_FileDownloadInfo& LocalDownload() const { return m_LocalDownload; }
     uint32_t MaxPos() const { return m_ulMaxPos; }
     void RaiseMaxPos(uint32_t ulPos)
     {
@@ -311,9 +310,28 @@ public:
     // Server: every byte of the file is stored.
     bool IsUploadDone() const { return m_bUploadDone; }
     // Server: the download entry of a user, or null.
-    ZV_FileDownloadInfo* FindDownloadEntry(const QB_UserID& user) { return m_mapDownload.Find(user); }
-    // The local download file (client) or the stored file (server).
-    QB_FileEx& File() { return m_File; }
+    const ZV_FileDownloadInfo* FindDownloadEntry(const QB_UserID& user) const { return m_mapDownload.Find(user); }
+    // Server: a downloader who left; its entry rests until it asks again.
+    void RestDownloader(const QB_UserID& user);
+    // Client: the user side moves its own transfers (ZV_FileShareSession_Control.cpp).
+    // A download not finished stops, or runs from now on.
+    void StopLocalDownload();
+    void ResumeLocalDownload();
+    // The download ends here: back to no position and no state; bForget
+    // also forgets the file it was written to.
+    void ResetLocalDownload(bool bForget);
+    // The creator's upload starts again from the beginning.
+    void StartLocalUpload();
+    // An upload begun and not complete stops, or goes on.
+    void StopLocalUpload(bool bStop);
+    // The local user's change of this file's rights, as the client sees it
+    // until the server's answer.
+    void ChangeLocalRights(bool bPublic, const QB_Array<QB_UserID>& arrAdd, const QB_Array<QB_UserID>& arrRemove);
+    // Client: the local download file opened, made only if bMayCreate, and
+    // its length; 0 or 60. A link planted at the path is not followed.
+    uint32_t MeasureLocalFile(const QB_StringW& sPath, bool bMayCreate, uint32_t& ulSize);
+    // Client: the local download file cut to nothing; false when it could not be.
+    bool EmptyLocalFile();
     // Closes the local or stored file if it is open.
     void CloseFile()
     {
@@ -364,7 +382,7 @@ private:
     bool m_bStopUpload = false;
     bool m_bDownloadFailed = false;
     uint32_t m_ulReadPos = 0;
-    ZV_FileShareMgr* m_lpMgr;
+    ZV_SessionOwner* m_lpMgr;
     bool m_bCatalogDirty = false;
     // The target and start of the user's last FsDownload, until its answer
     // came.

@@ -8,6 +8,7 @@
 // ten-thousandth of the file.
 #include "ZV_FileShareSession.h"
 #include "ZV_ControlPdu.h"
+#include "ZV_RightsPdu.h"
 #include "ZV_FileShareMgr.h"
 
 #include <cmath>
@@ -180,7 +181,7 @@ uint32_t ZV_FileShareSession::HandleIsStopUploadResponse(ConfPduData* lpCpd)
     {
         m_BriefInfo.SetFileState(bStop ? ZV_FILESTATE_STOPPED : ZV_FILESTATE_UPLOADING);
         if (IsLocalCreator())
-            m_lpMgr->SetSessionBusy(bStop ? 0 : 1, usFileID);
+            m_lpMgr->MarkBusy(bStop ? 0 : 1, usFileID);
     }
     if (!IsFileVisible(m_BriefInfo))
         return 0;
@@ -271,7 +272,7 @@ void ZV_FileShareSession::TakeProgress(uint16_t usFileID, uint32_t ulPos)
     const double dShare = ShareOf(ulPos, ulLength);
     NotifyUploadProgress(usFileID, dShare * 100.0);
     if (dShare >= 1.0 && bCreator)
-        m_lpMgr->SetSessionBusy(0, usFileID);
+        m_lpMgr->MarkBusy(0, usFileID);
 }
 
 // ---------------------------------------------------------------------------
@@ -400,7 +401,7 @@ void ZV_FileShareSession::OnClientTimer()
     if (bDownloading)
         AskAgainIfStalled(ulNow);
     else if (!bUploading && ulNow - m_ulLastIoTick >= ZV_CLIENT_STALL_MS)
-        m_lpMgr->SetSessionBusy(0, m_usFileID);
+        m_lpMgr->MarkBusy(0, m_usFileID);
 }
 
 // A running download to which nothing came for a stall's time, while the
@@ -528,4 +529,69 @@ uint32_t ZV_FileShareSession::SendProgressing(uint32_t ulConn, uint16_t usFileID
         return 0;
     m_ulProgress = ulValue;
     return ZV_SendToGroup(Conf(), ulConn, PDU_CONF_FS_PROGRESSING_RESPONSE, pdu, 0, 0);
+}
+
+// ---------------------------------------------------------------------------
+// Client: the user side moves its own transfers
+
+void ZV_FileShareSession::StopLocalDownload()
+{
+    if (m_LocalDownload.m_usState != ZV_DLSTATE_FINISHED)
+        m_LocalDownload.SetState(ZV_DLSTATE_STOPPED);
+}
+
+// The last tick moves so that the pause is not counted as time spent.
+void ZV_FileShareSession::ResumeLocalDownload()
+{
+    if (m_LocalDownload.m_usState == ZV_DLSTATE_FINISHED)
+        return;
+    m_LocalDownload.SetState(ZV_DLSTATE_RUNNING);
+    m_LocalDownload.SetLastTick(ZV_Now());
+}
+
+void ZV_FileShareSession::ResetLocalDownload(bool bForget)
+{
+    m_LocalDownload.SetDownloadPos(0);
+    m_LocalDownload.SetState(ZV_DLSTATE_NEW);
+    if (bForget)
+        m_LocalDownload.SetFileName(QB_StringU8(""));
+}
+
+void ZV_FileShareSession::StartLocalUpload()
+{
+    m_ulReadPos = 0;
+    m_BriefInfo.SetFileState(ZV_FILESTATE_UPLOADING);
+}
+
+// Begun and not complete; a failed upload counts, so that a resume can
+// restart it.
+void ZV_FileShareSession::StopLocalUpload(bool bStop)
+{
+    const uint16_t usState = m_BriefInfo.m_usFileState;
+    if (usState != ZV_FILESTATE_ADDED && usState != ZV_FILESTATE_COMPLETE)
+        m_BriefInfo.SetFileState(bStop ? ZV_FILESTATE_STOPPED : ZV_FILESTATE_UPLOADING);
+}
+
+void ZV_FileShareSession::ChangeLocalRights(bool bPublic, const QB_Array<QB_UserID>& arrAdd,
+                                            const QB_Array<QB_UserID>& arrRemove)
+{
+    m_BriefInfo.SetRight(ZV_ChangeRights(m_BriefInfo.m_arrRight, bPublic, arrAdd, arrRemove));
+    m_BriefInfo.SetPublic(bPublic);
+}
+
+uint32_t ZV_FileShareSession::MeasureLocalFile(const QB_StringW& sPath, bool bMayCreate, uint32_t& ulSize)
+{
+    if (!m_File.IsOpen() && !m_File.Open(sPath, QB_FILE_READWRITE | QB_FILE_OPEN_EXISTING | QB_FILE_NO_LINK) &&
+        (!bMayCreate || !m_File.Open(sPath, QB_FILE_READWRITE | QB_FILE_OPEN_ALWAYS | QB_FILE_NO_LINK)))
+        return ZV_ERR_OPEN;
+    const int32_t nLength = m_File.GetLength();
+    if (nLength < 0)
+        return ZV_ERR_OPEN;
+    ulSize = (uint32_t)nLength;
+    return ZV_OK;
+}
+
+bool ZV_FileShareSession::EmptyLocalFile()
+{
+    return m_File.Seek(0, QB_SEEK_BEGIN) >= 0 && m_File.SetEnd();
 }

@@ -11,6 +11,18 @@
 
 namespace {
 
+// Where an event goes: the sink, told which host raised it.
+struct ZV_EventTarget
+{
+    IZV_ConfHost* lpConf;
+    IZV_ConfSink* lpSink;
+};
+
+ZV_EventTarget TargetOf(const ZV_SessionOwner* lpOwner)
+{
+    return {lpOwner->Host(), lpOwner->Sink()};
+}
+
 class ZV_EventBuffer
 {
 public:
@@ -21,9 +33,9 @@ public:
         m_stream.WriteU16(usEvent);
     }
     QB_ByteStream& Stream() { return m_stream; }
-    void Raise(IZV_ConfModule* lpModule)
+    void Raise(const ZV_EventTarget& target)
     {
-        lpModule->m_lpConfSink->OnConfEvent(lpModule->m_lpConf, m_usEvent, (uint32_t)m_stream.GetPos(), m_abData);
+        target.lpSink->OnConfEvent(target.lpConf, m_usEvent, (uint32_t)m_stream.GetPos(), m_abData);
     }
 
 private:
@@ -32,9 +44,9 @@ private:
     QB_ByteStream m_stream;
 };
 
-bool HasSink(IZV_ConfModule* lpModule)
+bool HasSink(const ZV_EventTarget& target)
 {
-    return lpModule != nullptr && lpModule->m_lpConfSink != nullptr;
+    return target.lpSink != nullptr;
 }
 
 // Result, FileID: the head that most events share.
@@ -44,36 +56,36 @@ void WriteHead(QB_ByteStream& stream, uint32_t ulResult, uint16_t usFileID)
     stream.WriteU16(usFileID);
 }
 
-void RaiseBriefEvent(IZV_ConfModule* lpModule, uint16_t usEvent, uint32_t ulResult, uint16_t usFileID,
+void RaiseBriefEvent(const ZV_EventTarget& target, uint16_t usEvent, uint32_t ulResult, uint16_t usFileID,
                      const ZV_FileBriefInfo& brief, double dPercent)
 {
-    if (!HasSink(lpModule))
+    if (!HasSink(target))
         return;
     ZV_EventBuffer event(usEvent);
     WriteHead(event.Stream(), ulResult, usFileID);
     SaveDelimited(event.Stream(), brief);
     event.Stream().WriteDouble(dPercent);
-    event.Raise(lpModule);
+    event.Raise(target);
 }
 
-void RaiseResultEvent(IZV_ConfModule* lpModule, uint16_t usEvent, uint32_t ulResult, uint16_t usFileID)
+void RaiseResultEvent(const ZV_EventTarget& target, uint16_t usEvent, uint32_t ulResult, uint16_t usFileID)
 {
-    if (!HasSink(lpModule))
+    if (!HasSink(target))
         return;
     ZV_EventBuffer event(usEvent);
     WriteHead(event.Stream(), ulResult, usFileID);
-    event.Raise(lpModule);
+    event.Raise(target);
 }
 
 // Events 3005 and 3007 carry a trailing byte of value 1.
-void RaiseEndEvent(IZV_ConfModule* lpModule, uint16_t usEvent, uint32_t ulResult, uint16_t usFileID)
+void RaiseEndEvent(const ZV_EventTarget& target, uint16_t usEvent, uint32_t ulResult, uint16_t usFileID)
 {
-    if (!HasSink(lpModule))
+    if (!HasSink(target))
         return;
     ZV_EventBuffer event(usEvent);
     WriteHead(event.Stream(), ulResult, usFileID);
     event.Stream().WriteU8(1);
-    event.Raise(lpModule);
+    event.Raise(target);
 }
 
 } // namespace
@@ -84,40 +96,40 @@ void RaiseEndEvent(IZV_ConfModule* lpModule, uint16_t usEvent, uint32_t ulResult
 void ZV_FileShareMgr::NotifyFileAdded(uint32_t ulResult, uint16_t usFileID, const ZV_FileBriefInfo& brief,
                                       double dPercent)
 {
-    RaiseBriefEvent(this, zvFsEventFileAdded, ulResult, usFileID, brief, dPercent);
+    RaiseBriefEvent(TargetOf(this), zvFsEventFileAdded, ulResult, usFileID, brief, dPercent);
 }
 
 void ZV_FileShareMgr::NotifyRightChanged(uint32_t ulResult, uint16_t usFileID, const ZV_FileBriefInfo& brief,
                                          double dPercent)
 {
-    RaiseBriefEvent(this, zvFsEventRightChanged, ulResult, usFileID, brief, dPercent);
+    RaiseBriefEvent(TargetOf(this), zvFsEventRightChanged, ulResult, usFileID, brief, dPercent);
 }
 
 void ZV_FileShareMgr::NotifyFileHidden(uint32_t ulResult, uint16_t usFileID)
 {
-    RaiseResultEvent(this, zvFsEventFileHidden, ulResult, usFileID);
+    RaiseResultEvent(TargetOf(this), zvFsEventFileHidden, ulResult, usFileID);
 }
 
 void ZV_FileShareMgr::NotifyFileGone(uint32_t ulResult, uint16_t usFileID)
 {
-    RaiseEndEvent(this, zvFsEventFileGone, ulResult, usFileID);
+    RaiseEndEvent(TargetOf(this), zvFsEventFileGone, ulResult, usFileID);
 }
 
 void ZV_FileShareMgr::NotifyBusy(uint8_t bBusy)
 {
-    if (!HasSink(this))
+    if (!HasSink(TargetOf(this)))
         return;
     ZV_EventBuffer event(zvFsEventBusy);
     event.Stream().WriteU32(0);
     event.Stream().WriteU8(bBusy);
-    event.Raise(this);
+    event.Raise(TargetOf(this));
 }
 
 // The three arrays may differ in length; each carries its own count.
 void ZV_FileShareMgr::NotifyFilesAdded(const QB_Array<uint16_t>& arrFileID, const QB_Array<ZV_FileBriefInfo>& arrInfo,
                                        const QB_Array<double>& arrValue)
 {
-    if (!HasSink(this))
+    if (!HasSink(TargetOf(this)))
         return;
     ZV_EventBuffer event(zvFsEventFilesAdded);
     QB_ByteStream& stream = event.Stream();
@@ -131,20 +143,20 @@ void ZV_FileShareMgr::NotifyFilesAdded(const QB_Array<uint16_t>& arrFileID, cons
     stream.WriteCount((uint32_t)arrValue.GetSize());
     for (int i = 0; i < arrValue.GetSize(); ++i)
         stream.WriteDouble(arrValue[i]);
-    event.Raise(this);
+    event.Raise(TargetOf(this));
 }
 
 // Unlike the others, the direction comes before the FileID.
 void ZV_FileShareMgr::NotifyTransferState(uint8_t bUpload, uint16_t usFileID, uint16_t usState)
 {
-    if (!HasSink(this))
+    if (!HasSink(TargetOf(this)))
         return;
     ZV_EventBuffer event(zvFsEventTransferState);
     event.Stream().WriteU32(0);
     event.Stream().WriteU8(bUpload);
     event.Stream().WriteU16(usFileID);
     event.Stream().WriteU16(usState);
-    event.Raise(this);
+    event.Raise(TargetOf(this));
 }
 
 // ---------------------------------------------------------------------------
@@ -152,56 +164,56 @@ void ZV_FileShareMgr::NotifyTransferState(uint8_t bUpload, uint16_t usFileID, ui
 
 void ZV_FileShareSession::NotifyTransferError(uint32_t ulResult, uint16_t usFileID)
 {
-    RaiseResultEvent(m_lpMgr, zvFsEventTransferError, ulResult, usFileID);
+    RaiseResultEvent(TargetOf(m_lpMgr), zvFsEventTransferError, ulResult, usFileID);
 }
 
 void ZV_FileShareSession::NotifyDownloadState(uint32_t ulResult, uint16_t usFileID,
                                               const ZV_FileDownloadInfo& download, double dPercent)
 {
-    if (!HasSink(m_lpMgr))
+    if (!HasSink(TargetOf(m_lpMgr)))
         return;
     ZV_EventBuffer event(zvFsEventDownloadState);
     WriteHead(event.Stream(), ulResult, usFileID);
     SaveDelimited(event.Stream(), download);
     event.Stream().WriteDouble(dPercent);
-    event.Raise(m_lpMgr);
+    event.Raise(TargetOf(m_lpMgr));
 }
 
 void ZV_FileShareSession::NotifyDownloadFinished(uint32_t ulResult, uint16_t usFileID)
 {
-    RaiseEndEvent(m_lpMgr, zvFsEventDownloadFinished, ulResult, usFileID);
+    RaiseEndEvent(TargetOf(m_lpMgr), zvFsEventDownloadFinished, ulResult, usFileID);
 }
 
 void ZV_FileShareSession::NotifyUploadProgress(uint16_t usFileID, double dPercent)
 {
-    if (!HasSink(m_lpMgr))
+    if (!HasSink(TargetOf(m_lpMgr)))
         return;
     ZV_EventBuffer event(zvFsEventUploadProgress);
     WriteHead(event.Stream(), 0, usFileID);
     event.Stream().WriteDouble(dPercent);
-    event.Raise(m_lpMgr);
+    event.Raise(TargetOf(m_lpMgr));
 }
 
 void ZV_FileShareSession::NotifyDownloadProgress(uint32_t ulResult, uint16_t usFileID, double dPercent,
                                                  uint32_t ulUsedTime)
 {
-    if (!HasSink(m_lpMgr))
+    if (!HasSink(TargetOf(m_lpMgr)))
         return;
     ZV_EventBuffer event(zvFsEventDownloadProgress);
     WriteHead(event.Stream(), ulResult, usFileID);
     event.Stream().WriteDouble(dPercent);
     event.Stream().WriteU32(ulUsedTime);
-    event.Raise(m_lpMgr);
+    event.Raise(TargetOf(m_lpMgr));
 }
 
 void ZV_FileShareSession::NotifyStopResult(uint32_t ulResult, uint16_t usFileID, uint8_t bStop)
 {
-    if (!HasSink(m_lpMgr))
+    if (!HasSink(TargetOf(m_lpMgr)))
         return;
     ZV_EventBuffer event(zvFsEventStopResult);
     WriteHead(event.Stream(), ulResult, usFileID);
     event.Stream().WriteU8(bStop);
-    event.Raise(m_lpMgr);
+    event.Raise(TargetOf(m_lpMgr));
 }
 
 void ZV_FileShareSession::NotifyTransferState(uint8_t bUpload, uint16_t usFileID, uint16_t usState)

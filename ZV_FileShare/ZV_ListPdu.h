@@ -37,27 +37,18 @@ struct ZV_ListRequest
     }
 };
 
-// 8028, one piece of an answer. The head stays put while the body of each
-// piece is written behind it; a refusal ends behind the result.
-struct ZV_UploadListResponse
+// 8028, one piece of an answer, on the answer head. The head stays put
+// while the body of each piece is written behind it; a refusal ends behind
+// the result.
+struct ZV_UploadListResponse : ZV_AnswerHead
 {
-    uint16_t usRouteID = 0;
-    uint32_t ulResult = 0;
-    uint16_t usFileID = 0;
-    QB_UserID user;
     QB_Array<ZV_FileUploadInfo> arrInfo;
     QB_Array<uint32_t> arrMaxPos;
     uint8_t bLast = 1;
 
     static constexpr uint32_t kHeadSize = 16;
 
-    void SaveHead(QB_ByteStream& stream) const
-    {
-        stream.WriteU16(usRouteID);
-        stream.WriteU32(ulResult);
-        stream.WriteU16(usFileID);
-        user.Save(stream);
-    }
+    void SaveHead(QB_ByteStream& stream) const { ZV_AnswerHead::Save(stream); }
     void SaveBody(QB_ByteStream& stream) const
     {
         SaveSequence(stream, arrInfo);

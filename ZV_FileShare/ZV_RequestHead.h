@@ -16,7 +16,7 @@ constexpr uint16_t ZV_NO_FILEID = 0xFFFF;
 
 struct ZV_RequestHead
 {
-    uint16_t usFileID = 0;
+    uint16_t usFileID = ZV_NO_FILEID;
     QB_UserID user;
     uint32_t ulFloodSeq = 0;
 

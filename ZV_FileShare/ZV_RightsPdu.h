@@ -9,6 +9,7 @@
 
 #include "ZV_FileBriefInfo.h"
 #include "ZV_RecordStream.h"
+#include "ZV_RequestHead.h"
 
 #include "QB_Array.h"
 #include "QB_ByteStream.h"
@@ -39,7 +40,7 @@ inline QB_Array<QB_UserID> ZV_ChangeRights(const QB_Array<QB_UserID>& arrRight, 
 struct ZV_SetRightResponse
 {
     uint32_t ulResult = 0;
-    uint16_t usFileID = 0xFFFF;
+    uint16_t usFileID = ZV_NO_FILEID;
     QB_UserID user;
     ZV_FileBriefInfo brief;
     uint32_t ulMaxPos = 0;

@@ -30,9 +30,9 @@ Bytes AddRequest(uint16_t usFileID, const QB_StringU8& sName, uint32_t ulFloodSe
 {
     ZV_AddRequest ask;
     ask.usFileID = usFileID;
-    ask.creator = QB_UserID(10001, 0);
+    ask.user = QB_UserID(10001, 0);
     ask.ulFloodSeq = ulFloodSeq;
-    ask.brief.SetCreatorID(ask.creator);
+    ask.brief.SetCreatorID(ask.user);
     ask.brief.SetFileOldName(sName);
     ask.brief.SetPublic(true);
     Bytes data(70000);

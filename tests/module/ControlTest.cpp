@@ -40,7 +40,7 @@ struct ControlFixture : public ::testing::Test
         host.m_bServer = bServer;
         host.m_bHasServerLinks = bServer;
         env.SetTick(50000);
-        lpSession = new ZV_FileShareSession(&mgr, "C:\\Store\\");
+        lpSession = &ZV_FileShareMgrPeer::Adopt(mgr, 5, "C:\\Store\\");
         ZV_FileShareSessionPeer::FileID(*lpSession) = 5;
         ZV_FileBriefInfo brief;
         brief.SetCreatorID(kAlice);
@@ -50,7 +50,6 @@ struct ControlFixture : public ::testing::Test
         ZV_FileShareSessionPeer::BriefInfo(*lpSession) = brief;
         ZV_FileShareSessionPeer::FileInfo(*lpSession).SetBriefInfo(brief);
         ZV_FileShareSessionPeer::FileInfo(*lpSession).SetFileNewName(QB_StringU8("song.ogg"));
-        ZV_FileShareMgrPeer::Sessions(mgr).SetAt(5, lpSession);
     }
     void Deliver(uint16_t usPdu, const Pdu& pdu, uint16_t usType = zvConfClientTypeCommand, uint32_t ulConn = 100020,
                  const QB_UserID& peer = kBob)

@@ -82,10 +82,9 @@ struct DownloadFixture : public ::testing::Test
     }
     ZV_FileShareSession& AddSession()
     {
-        auto* lpFsSession = new ZV_FileShareSession(&mgr, QB_StringA(tmp.PathW()).GetString());
-        ZV_FileShareSessionPeer::FileID(*lpFsSession) = 5;
-        ZV_FileShareMgrPeer::Sessions(mgr).SetAt(5, lpFsSession);
-        return *lpFsSession;
+        ZV_FileShareSession& session = ZV_FileShareMgrPeer::Adopt(mgr, 5, QB_StringA(tmp.PathW()).GetString());
+        ZV_FileShareSessionPeer::FileID(session) = 5;
+        return session;
     }
     // A stored "song.ogg" of 98305 bytes by Alice, of which ulWritePos have come.
     ZV_FileShareSession& AddStoredFile(uint32_t ulWritePos, bool bPublic = true)
@@ -199,7 +198,6 @@ TEST_F(Download, OrdersTheCreatorToUploadBeforeAnsweringOrSaysWhyItCannot)
         if (ulResult != 56)
             host.Link(kAlice).bCommand = ulResult == 0;
         host.m_vecSent.clear();
-        delete ZV_FileShareMgrPeer::Sessions(mgr)[5];
         AddStoredFile(0);
         Deliver(PDU_CONF_FS_DOWNLOAD_REQUEST, Request());
         ASSERT_EQ(ulResult ? 1u : 2u, host.m_vecSent.size()) << ulResult;

@@ -1,5 +1,6 @@
 // The thirteen events to the user side, byte for byte.
 #include "ZV_FileShareMgr.h"
+#include "ZV_FileShareMgrPeer.h"
 #include "ZV_FileShareSession.h"
 #include "ZV_RecordingHost.h"
 
@@ -53,17 +54,17 @@ TEST(Events, AreWrittenByteForByteAsTheUserSideReadsThem)
     QB_Array<double> arrValue;
 
     const EventCase aCases[] = {
-        {"file added", [&](auto& m, auto&) { m.NotifyFileAdded(0, 9, brief, 50.0); }, 3000,
+        {"file added", [&](auto& m, auto&) { ZV_FileShareMgrPeer::NotifyFileAdded(m, 0, 9, brief, 50.0); }, 3000,
          Cat({{0xB8, 0x0B, 0, 0, 0, 0, 9, 0}, kEmptyBrief, F64(50.0)})},
         {"transfer error", [&](auto&, auto& s) { s.NotifyTransferError(61, 9); }, 3001,
          {0xB9, 0x0B, 61, 0, 0, 0, 9, 0}},
         {"download state", [&](auto&, auto& s) { s.NotifyDownloadState(0, 9, download, 100.0); }, 3002,
          Cat({{0xBA, 0x0B, 0, 0, 0, 0, 9, 0}, kDownload, F64(100.0)})},
-        {"right changed", [&](auto& m, auto&) { m.NotifyRightChanged(40, 9, brief, 0.0); }, 3003,
+        {"right changed", [&](auto& m, auto&) { ZV_FileShareMgrPeer::NotifyRightChanged(m, 40, 9, brief, 0.0); }, 3003,
          Cat({{0xBB, 0x0B, 40, 0, 0, 0, 9, 0}, kEmptyBrief, F64(0.0)})},
-        {"file hidden", [&](auto& m, auto&) { m.NotifyFileHidden(0, 0x1234); }, 3004,
+        {"file hidden", [&](auto& m, auto&) { ZV_FileShareMgrPeer::NotifyFileHidden(m, 0, 0x1234); }, 3004,
          {0xBC, 0x0B, 0, 0, 0, 0, 0x34, 0x12}},
-        {"file gone", [&](auto& m, auto&) { m.NotifyFileGone(0, 9); }, 3005, {0xBD, 0x0B, 0, 0, 0, 0, 9, 0, 1}},
+        {"file gone", [&](auto& m, auto&) { ZV_FileShareMgrPeer::NotifyFileGone(m, 0, 9); }, 3005, {0xBD, 0x0B, 0, 0, 0, 0, 9, 0, 1}},
         {"download finished", [&](auto&, auto& s) { s.NotifyDownloadFinished(0, 9); }, 3007,
          {0xBF, 0x0B, 0, 0, 0, 0, 9, 0, 1}},
         {"upload progress", [&](auto&, auto& s) { s.NotifyUploadProgress(9, 12.5); }, 3008,
@@ -74,8 +75,8 @@ TEST(Events, AreWrittenByteForByteAsTheUserSideReadsThem)
          {0xC2, 0x0B, 16, 0, 0, 0, 9, 0, 1}},
         {"transfer state", [&](auto&, auto& s) { s.NotifyTransferState(1, 9, 2); }, 3011,
          {0xC3, 0x0B, 0, 0, 0, 0, 1, 9, 0, 2, 0}},
-        {"busy", [&](auto& m, auto&) { m.NotifyBusy(1); }, 3012, {0xC4, 0x0B, 0, 0, 0, 0, 1}},
-        {"files added", [&](auto& m, auto&) { m.NotifyFilesAdded(arrID, arrInfo, arrValue); }, 3013,
+        {"busy", [&](auto& m, auto&) { ZV_FileShareMgrPeer::NotifyBusy(m, 1); }, 3012, {0xC4, 0x0B, 0, 0, 0, 0, 1}},
+        {"files added", [&](auto& m, auto&) { ZV_FileShareMgrPeer::NotifyFilesAdded(m, arrID, arrInfo, arrValue); }, 3013,
          Cat({{0xC5, 0x0B, 0, 0, 0, 0}, {2, 5, 0, 6, 0}, {1}, kEmptyBrief, {0}})},
     };
     for (const EventCase& c : aCases)

@@ -136,14 +136,14 @@ TEST_F(FileList, CutsFilesThatFillTheBufferToTheByteIntoOnePduAndOneByteMoreInto
     fnAdd(nLast);
     ASSERT_EQ((uint32_t)QB_PDU_BUFFER_SIZE, ulSize);
     const QB_Array<ZV_FileDownloadInfo> arrNone;
-    node.mgr.SendFileList(5, 0, kSelf, arrInfo, arrState, arrMaxPos, arrNone);
+    ZV_FileShareMgrPeer::SendFileList(node.mgr, 5, kSelf, arrInfo, arrState, arrMaxPos, arrNone);
     std::vector<ZV_FileListResponse> vecParts = Answers();
     ASSERT_EQ(2u, vecParts.size());
     EXPECT_EQ(arrInfo.GetSize(), vecParts[0].arrInfo.GetSize());
 
     node.host.m_vecSent.clear();
     arrInfo[arrInfo.GetSize() - 1] = fnFile(77, nLast + 1);
-    node.mgr.SendFileList(5, 0, kSelf, arrInfo, arrState, arrMaxPos, arrNone);
+    ZV_FileShareMgrPeer::SendFileList(node.mgr, 5, kSelf, arrInfo, arrState, arrMaxPos, arrNone);
     vecParts = Answers();
     ASSERT_EQ(3u, vecParts.size());
     ASSERT_EQ(1, vecParts[1].arrInfo.GetSize());
@@ -174,7 +174,7 @@ TEST_F(FileList, TakesAPeersNewFilesOnceFetchesWhatItLacksAndSavesThemInOneWrite
     {
         ZV_FileUploadInfo row;
         QB_StringW sSection;
-        ASSERT_TRUE(node.mgr.Catalog().LoadFile(7, usFileID, row, sSection)) << usFileID;
+        ASSERT_TRUE(ZV_FileShareMgrPeer::Catalog(node.mgr).LoadFile(7, usFileID, row, sSection)) << usFileID;
         EXPECT_EQ(ZV_FILESTATE_UPLOADING, row.m_BriefInfo.m_usFileState) << usFileID;
         EXPECT_EQ(0u, row.m_ulFileWritePos) << usFileID;
         ASSERT_NE(nullptr, Session(usFileID));
@@ -216,7 +216,7 @@ TEST_F(FileList, TakesOnlyTheRecordsOfDownloadersItDidNotKnow)
     record.SetActive(true);
     records.arrDownload.Add(record);
     Take(records);
-    ZV_FileDownloadInfo* pEntry = Session(1001)->FindDownloadEntry(kBob);
+    const ZV_FileDownloadInfo* pEntry = Session(1001)->FindDownloadEntry(kBob);
     ASSERT_NE(nullptr, pEntry);
     EXPECT_EQ(1000u, pEntry->m_ulDownloadPos);
     EXPECT_FALSE(pEntry->m_bActive);

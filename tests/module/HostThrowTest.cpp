@@ -17,7 +17,8 @@
 
 namespace {
 
-struct ZV_ThrowingHost : public ZV_RecordingHost
+// Throws from every send once told to, not only at the Nth call.
+struct ZV_SendThrowingHost : public ZV_RecordingHost
 {
     bool m_bThrow = false;
     uint32_t SendPdu(uint32_t ulConn, uint16_t usPdu, const uint8_t* pData, uint32_t ulLen, uint8_t b1,
@@ -38,7 +39,7 @@ TEST(HostThrow, EachUserCallGives1AndLogsItsOwnLineInTheDaysErrorLog)
     QB_SetEnvironmentVariable("ROOMCRATE_HOME", home.Path().c_str());
     std::FILE* lpTrace = std::tmpfile();
     ZV_SetTraceStream(lpTrace);
-    ZV_ThrowingHost host;
+    ZV_SendThrowingHost host;
     host.AddUser(host.m_LocalUser, 1, "Alice");
     ZV_FileShareMgr mgr;
     host.Attach(&mgr);

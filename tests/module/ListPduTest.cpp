@@ -51,6 +51,7 @@ std::vector<Bytes> CutUploadList(const QB_Array<ZV_FileUploadInfo>& arrInfo)
         ZV_UploadListResponse::kHeadSize, arrInfo.GetSize(), [&](int i) { return ZV_UploadListEntrySize(arrInfo[i]); },
         [&](int nFrom, int nTo, bool bLast) {
             ZV_UploadListResponse part;
+            part.usRouteID = part.usFileID = 0;
             for (int i = nFrom; i < nTo; ++i)
             {
                 part.arrInfo.Add(arrInfo[i]);

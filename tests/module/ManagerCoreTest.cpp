@@ -97,10 +97,10 @@ TEST(FileIDAllocation, GivesFreeIDsOfTheRangeFromTheNextOneOnWrappingOnceThenNon
         host.m_usFileIDMax = c.usMax;
         ZV_FileShareMgrPeer::NextFileID(mgr) = c.usNext;
         for (uint16_t usFileID : c.vecTaken)
-            ZV_FileShareMgrPeer::Sessions(mgr).SetAt(usFileID, new ZV_FileShareSession(&mgr, ""));
+            ZV_FileShareMgrPeer::Adopt(mgr, usFileID, "");
         std::vector<uint16_t> vecGiven;
         for (size_t i = 0; i < c.vecExpected.size(); ++i)
-            vecGiven.push_back(mgr.AllocFileID());
+            vecGiven.push_back(ZV_FileShareMgrPeer::AllocFileID(mgr));
         EXPECT_EQ(c.vecExpected, vecGiven) << c.szName;
         ZV_FileShareSession* lpReserved = reinterpret_cast<ZV_FileShareSession*>(1);
         ASSERT_TRUE(ZV_FileShareMgrPeer::Sessions(mgr).Lookup(c.vecExpected[0], lpReserved));

@@ -99,7 +99,7 @@ struct Node
     {
         ZV_FileUploadInfo info;
         QB_StringW sSection;
-        return mgr.Catalog().LoadFile(7, usFileID, info, sSection);
+        return ZV_FileShareMgrPeer::Catalog(mgr).LoadFile(7, usFileID, info, sSection);
     }
     // Nothing of an add: no key, no stored file, no row of the FileIDs it
     // would take.
@@ -114,7 +114,7 @@ Bytes AddRequest(uint16_t usFileID, uint32_t ulFloodSeq)
 {
     ZV_AddRequest ask;
     ask.usFileID = usFileID;
-    ask.creator = kBob;
+    ask.user = kBob;
     ask.ulFloodSeq = ulFloodSeq;
     ask.brief = Brief("a.txt");
     return Saved(ask);

@@ -102,7 +102,7 @@ TEST(PduCodec, AddPayloadsAreTheirExactBytes)
 {
     ZV_AddRequest ask;
     ask.usFileID = 0xFFFF;
-    ask.creator = kUser;
+    ask.user = kUser;
     ask.ulFloodSeq = 0x0a0b0c0d;
     ask.bStartUpload = 1;
     auto answer = Answer<ZV_AddResponse>(ZV_OK);
@@ -125,6 +125,13 @@ TEST(PduCodec, AddPayloadsAreTheirExactBytes)
         Case("8055", files, std::string(kUserHex) + "0d 0c 0b 0a 00 01 07 01 01 06 00 00 00 01 00 00"),
         Case("8056", added, std::string("00 00 00 00 ") + kUserHex + "01 01 07 01 01 00 80 00 00 01 06 00 00 00 01 00 01"),
     });
+
+    // The FileID and flood number the first server gives go over a client's
+    // 8001 as it came; the rest of it stays byte for byte.
+    std::vector<uint8_t> vbPayload = ZV_FromHex(std::string("ff ff ") + kUserHex + "00 00 00 00 06 00 00 00 01 00 01");
+    ask.usFileID = 0x0107;
+    ask.SaveHeadOver(vbPayload);
+    EXPECT_EQ(ZV_FromHex(std::string("07 01 ") + kUserHex + "0d 0c 0b 0a 06 00 00 00 01 00 01"), vbPayload);
 }
 
 TEST(PduCodec, UploadPayloadsAreTheirExactBytesAndABlockIsAtMostOneBlockLong)

@@ -132,7 +132,8 @@ struct ZV_FuzzNode
     void AddSession(uint16_t usFileID)
     {
         std::filesystem::create_directories(home.Path() + "/store/7");
-        auto* lpFsSession = new ZV_FileShareSession(lpMgr.get(), (home.Path() + "/store/").c_str());
+        ZV_FileShareSession* lpFsSession =
+            &ZV_FileShareMgrPeer::Adopt(*lpMgr, usFileID, (home.Path() + "/store/").c_str());
         ZV_FileShareSessionPeer::FileID(*lpFsSession) = usFileID;
         ZV_FileShareSessionPeer::BriefInfo(*lpFsSession).SetCreatorID(QB_UserID(10001, 0));
         ZV_FileShareSessionPeer::BriefInfo(*lpFsSession).SetFileOldName(QB_StringU8("report.pdf"));
@@ -142,7 +143,6 @@ struct ZV_FuzzNode
         ZV_FileShareSessionPeer::FileInfo(*lpFsSession).SetFileID(usFileID);
         ZV_FileShareSessionPeer::FileInfo(*lpFsSession).SetFileNewName(QB_StringU8(("stored" + std::to_string(usFileID)).c_str()));
         ZV_FileShareSessionPeer::FileInfo(*lpFsSession).SetBriefInfo(ZV_FileShareSessionPeer::BriefInfo(*lpFsSession));
-        ZV_FileShareMgrPeer::Sessions(*lpMgr).SetAt(usFileID, lpFsSession);
     }
 
     uint32_t Deliver(uint16_t usPdu, uint16_t usConnType, const std::vector<uint8_t>& vb)

@@ -66,8 +66,6 @@ struct UploadFixture : public ::testing::Test
     // file, opened as the add leaves it; on a server the store, not yet made.
     void Make(bool bServer, size_t nSize)
     {
-        if (ZV_FileShareMgrPeer::Sessions(mgr).Lookup(5, lpSession))
-            delete lpSession;
         host.m_vecSent.clear();
         host.m_vecEvents.clear();
         host.Attach(&mgr);
@@ -77,13 +75,12 @@ struct UploadFixture : public ::testing::Test
         std::filesystem::create_directories(tmp.Sub("log"));
         std::filesystem::create_directories(tmp.Sub("7"));
         data = ZV_TestBytes(nSize, (unsigned)nSize);
-        lpSession = new ZV_FileShareSession(&mgr, QB_StringA(tmp.PathW()).GetString());
+        lpSession = &ZV_FileShareMgrPeer::Adopt(mgr, 5, QB_StringA(tmp.PathW()).GetString());
         ZV_FileShareSessionPeer::FileID(*lpSession) = 5;
         ZV_FileShareSessionPeer::BriefInfo(*lpSession).SetCreatorID(kAlice);
         ZV_FileShareSessionPeer::BriefInfo(*lpSession).SetFileLenth((uint32_t)nSize);
         ZV_FileShareSessionPeer::FileInfo(*lpSession).SetBriefInfo(ZV_FileShareSessionPeer::BriefInfo(*lpSession));
         ZV_FileShareSessionPeer::FileInfo(*lpSession).SetFileNewName(QB_StringU8("song.ogg"));
-        ZV_FileShareMgrPeer::Sessions(mgr).SetAt(5, lpSession);
         if (bServer)
             return;
         QB_WriteWholeFile(tmp.Sub("song.ogg"), data);

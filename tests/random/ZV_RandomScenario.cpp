@@ -630,7 +630,7 @@ void ZV_RandomScenario::CheckCatalogues()
     for (int n = 1; n <= m_nServers; ++n)
     {
         ZV_SimHost* lpServer = m_vecServers[n - 1];
-        ZV_FileCatalog& catalog = Manager(lpServer)->Catalog();
+        ZV_FileCatalog& catalog = ZV_FileShareMgrPeer::Catalog(*Manager(lpServer));
         for (uint32_t ulFileID = 1; ulFileID <= (uint32_t)m_nServers * kFileIDsPerServer; ++ulFileID)
         {
             ZV_FileUploadInfo row;

@@ -114,7 +114,7 @@ struct ZV_Scene : public ::testing::Test
     static bool Row(ZV_SimHost* lpServer, uint16_t usFileID, ZV_FileUploadInfo& row)
     {
         QB_StringW sSection;
-        return Manager(lpServer)->Catalog().LoadFile(ZV_SimBuilder::kConfID, usFileID, row, sSection);
+        return ZV_FileShareMgrPeer::Catalog(*Manager(lpServer)).LoadFile(ZV_SimBuilder::kConfID, usFileID, row, sSection);
     }
     static std::string Stored(ZV_SimHost* lpServer, const ZV_FileUploadInfo& row)
     {

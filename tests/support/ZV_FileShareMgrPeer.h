@@ -3,6 +3,9 @@
 #pragma once
 
 #include "ZV_FileShareMgr.h"
+#include "ZV_FileShareSession.h"
+
+#include <memory>
 
 class ZV_FileShareMgrPeer
 {
@@ -11,4 +14,48 @@ public:
     static QB_Array<uint16_t>& BusyFileIDs(ZV_FileShareMgr& mgr) { return mgr.m_arrBusyFileID; }
     static char& DataLink(ZV_FileShareMgr& mgr) { return mgr.m_cDataLink; }
     static uint16_t& NextFileID(ZV_FileShareMgr& mgr) { return mgr.m_usNextFileID; }
+    // The manager's own events to the user side and what the tests ask of
+    // it directly.
+    static void NotifyFileAdded(ZV_FileShareMgr& mgr, uint32_t ulResult, uint16_t usFileID,
+                                const ZV_FileBriefInfo& brief, double dPercent)
+    {
+        mgr.NotifyFileAdded(ulResult, usFileID, brief, dPercent);
+    }
+    static void NotifyRightChanged(ZV_FileShareMgr& mgr, uint32_t ulResult, uint16_t usFileID,
+                                   const ZV_FileBriefInfo& brief, double dPercent)
+    {
+        mgr.NotifyRightChanged(ulResult, usFileID, brief, dPercent);
+    }
+    static void NotifyFileHidden(ZV_FileShareMgr& mgr, uint32_t ulResult, uint16_t usFileID)
+    {
+        mgr.NotifyFileHidden(ulResult, usFileID);
+    }
+    static void NotifyFileGone(ZV_FileShareMgr& mgr, uint32_t ulResult, uint16_t usFileID)
+    {
+        mgr.NotifyFileGone(ulResult, usFileID);
+    }
+    static void NotifyBusy(ZV_FileShareMgr& mgr, uint8_t bBusy) { mgr.NotifyBusy(bBusy); }
+    static void NotifyFilesAdded(ZV_FileShareMgr& mgr, const QB_Array<uint16_t>& arrFileID,
+                                 const QB_Array<ZV_FileBriefInfo>& arrInfo, const QB_Array<double>& arrValue)
+    {
+        mgr.NotifyFilesAdded(arrFileID, arrInfo, arrValue);
+    }
+    static ZV_FileCatalog& Catalog(ZV_FileShareMgr& mgr) { return mgr.Catalog(); }
+    static uint16_t AllocFileID(ZV_FileShareMgr& mgr) { return mgr.AllocFileID(); }
+    static uint32_t SendFileList(ZV_FileShareMgr& mgr, uint32_t ulConn, const QB_UserID& sender,
+                                 const QB_Array<ZV_FileUploadInfo>& arrInfo, const QB_Array<bool>& arrState,
+                                 const QB_Array<uint32_t>& arrMaxPos, const QB_Array<ZV_FileDownloadInfo>& arrDownload)
+    {
+        return mgr.SendFileList(ulConn, 0, sender, arrInfo, arrState, arrMaxPos, arrDownload);
+    }
+    // A new session under usFileID, the manager's from here on; one that
+    // stood there goes.
+    static ZV_FileShareSession& Adopt(ZV_FileShareMgr& mgr, uint16_t usFileID, const char* szStorePath)
+    {
+        auto lpOwned = std::make_unique<ZV_FileShareSession>(&mgr, szStorePath);
+        ZV_FileShareSession& session = *lpOwned;
+        mgr.TakeSession(usFileID);
+        mgr.m_mapSession.SetAt(usFileID, lpOwned.release());
+        return session;
+    }
 };
