@@ -121,6 +121,7 @@ uint16_t ZV_FileShareMgr::AllocFileID()
     const uint16_t usMin = m_lpConf->GetFileIDMin();
     const uint16_t usMax = m_lpConf->GetFileIDMax();
     QB_Lock lock(&m_mapSession);
+    // A host that gives an empty range gives no FileID to take.
     if (usMax < usMin)
         return ZV_NO_FILEID;
     // A map that holds as many FileIDs as the range has numbers counts as

@@ -113,6 +113,8 @@ uint32_t ZV_FileShareMgr::SendDelUploadRequest(uint32_t ulConn, uint16_t usFileI
 // Server: the request
 
 // A server link's request is not checked: the first server decided for all.
+// A client removes nothing on a request: only the server's answer (8009)
+// tells it that the file went.
 uint32_t ZV_FileShareMgr::HandleDelUploadRequest(ConfPduData* lpCpd)
 {
     ZV_TraceRecv("PDU_CONF_FS_DEL_UPLOAD_REQUEST");
@@ -138,7 +140,9 @@ uint32_t ZV_FileShareMgr::HandleDelUploadRequest(ConfPduData* lpCpd)
     ZV_PduBuffer pdu;
     ask.Save(pdu.Stream());
     ZV_SendToServers(m_lpConf, zvConnNone, PDU_CONF_FS_DEL_UPLOAD_REQUEST, pdu, 1, 1, false);
-    // A reserved FileID has no file to remove yet.
+    // A reserved FileID has no file to remove yet, and is not remembered as
+    // deleted: the add that reserved it will make a file under it, which a
+    // peer's list must not then see deleted.
     if (ulResult != ZV_OK || lpFsSession == nullptr)
         return 0;
     RemoveStoredFile(ask.usFileID, lpFsSession, &ask.user, ask.ulFloodSeq);
@@ -147,6 +151,9 @@ uint32_t ZV_FileShareMgr::HandleDelUploadRequest(ConfPduData* lpCpd)
     return 0;
 }
 
+// A reserved FileID answers 83: the add that reserved it is still under
+// way, and there is nothing yet to delete. With a host that calls the
+// manager one call at a time no other PDU can meet such a FileID.
 uint32_t ZV_FileShareMgr::CheckDelUpload(ZV_FileShareSession* lpFsSession, const QB_UserID& user)
 {
     if (lpFsSession == nullptr)

@@ -128,12 +128,16 @@ uint32_t ZV_FileShareMgr::HandleSetFilesRightRequest(ConfPduData* lpCpd)
     ZV_PayloadReader stream(lpCpd);
     ZV_SetFilesRightRequest ask;
     ask.LoadHead(stream);
+    // Rights are the servers' to keep. A batch of no file asks nothing, and
+    // has no first file whose creator could be checked.
     if (!m_lpConf->IsServerMode() || ask.arrFileID.GetSize() == 0)
         return 0;
     QB_Array<ZV_FileShareSession*> arrSession;
     for (int i = 0; i < ask.arrFileID.GetSize(); ++i)
     {
         ZV_FileShareSession* lpFsSession = nullptr;
+        // A reserved FileID answers 83 rather than 82: it is known here, it
+        // only has no file yet.
         const uint32_t ulFound = LookupSession(ask.arrFileID[i], lpFsSession);
         if (ulFound != ZV_OK)
         {
@@ -170,6 +174,8 @@ uint32_t ZV_FileShareMgr::HandleSetRightResponse(ConfPduData* lpCpd)
         ZV_PayloadReader stream(lpCpd);
         ZV_SetRightResponse answer;
         answer.Load(stream);
+        // A file's new description is for clients; servers learn rights
+        // from the request itself.
         if (m_lpConf->IsServerMode())
             return 0;
         if (answer.ulResult != ZV_OK)
@@ -204,6 +210,7 @@ void ZV_FileShareMgr::TakeNewRights(uint16_t usFileID, const ZV_FileBriefInfo& b
         DropLostDownload(usFileID, lpFsSession);
     if (lpFsSession->IsFileVisible(brief))
     {
+        // An empty file is whole: no division by its length.
         const double dPercent = brief.m_ulFileLenth == 0 ? 100.0 : 100.0 * ulMaxPos / brief.m_ulFileLenth;
         NotifyRightChanged(ZV_OK, usFileID, brief, dPercent);
     }

@@ -10,6 +10,8 @@
 
 // Without a data link the start marker still goes: the server then knows
 // the upload is coming before the link is up. A caught exception gives 0.
+// The call is a client's; on a server, whose host has no link to a server
+// of its own, it sends nothing, so it needs no assertion to be safe.
 uint32_t ZV_FileShareMgr::FsUpload(uint16_t usFileID)
 {
     assert(m_lpConf && "m_lpConf");

@@ -24,8 +24,11 @@ QB_UserID PeerOf(const ConfPduData* lpCpd)
 // ---------------------------------------------------------------------------
 // 8010: a downloader gives its download up
 
-// A client may drop only its own entry; a server link's flood counts as
-// decided. A download in flight ends because OnSend finds no entry.
+// A client may drop only its own entry: another user's is that user's
+// download, and a client that could end it could stop anyone's transfer. A
+// server link's flood counts as decided. A client keeps no entries, so the
+// PDU means nothing there. A download in flight ends because OnSend finds no
+// entry.
 uint32_t ZV_FileShareSession::HandleDelDownloadRequest(ConfPduData* lpCpd)
 {
     ZV_TraceRecv("PDU_CONF_FS_DEL_DOWNLOAD_REQUEST");
@@ -66,6 +69,8 @@ uint32_t ZV_FileShareSession::HandleNoticeDelDownloadInfoRequest(ConfPduData* lp
     ZV_PayloadReader stream(lpCpd);
     ZV_EntryRequest notice;
     notice.Load(stream);
+    // Only servers keep entries and relay; a client could otherwise make a
+    // server forget its downloaders and fetch from whom the client says.
     if (!lpConf->IsServerMode() || !IsFromServer(lpCpd) || lpConf->IsFloodSeen(&notice.user, notice.ulFloodSeq))
         return 0;
     notice.usFileID = m_usFileID;
@@ -92,6 +97,7 @@ uint32_t ZV_FileShareSession::HandleSetRightRequest(ConfPduData* lpCpd)
     ZV_PayloadReader stream(lpCpd);
     ZV_SetRightRequest ask;
     ask.head.Load(stream);
+    // Rights are the servers' to keep; a client hears of them by 8004.
     if (!lpConf->IsServerMode())
         return 0;
     if (ask.head.user != m_FileInfo.m_BriefInfo.m_CreatorID)

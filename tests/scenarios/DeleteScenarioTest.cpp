@@ -186,3 +186,44 @@ TEST_F(DeleteScene, DroppingADownloadEndsItOnTheServerAndDeletesTheLocalFileOnly
     EXPECT_EQ(0u, Fs(Bob())->FsDelDownload(usFileID, 0));
     EXPECT_EQ(data, QB_ReadWholeFile(sTarget));
 }
+
+// The delete floods between the two servers and comes back to the first;
+// each acts on it once. The same delete again, from the server link or as
+// the answer to a client, changes nothing.
+TEST_F(DeleteScene, TheSameDeleteArrivingAgainIsTakenOnce)
+{
+    Build(true);
+    const uint16_t usFileID = Share("twice.bin", ZV_RandomBytes(40000, 14));
+    const size_t nFrom = sim.Journal().Size();
+    ASSERT_EQ(0u, Fs(Alice())->FsDelUpload(usFileID));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    ZV_SimFilter flood;
+    flood.usNumber = PDU_CONF_FS_DEL_UPLOAD_REQUEST;
+    flood.sNode = shape.Server(1)->GetName();
+    flood.nFrom = nFrom;
+    const std::vector<ZV_SimEntry> vecBack = sim.Journal().Find(flood);
+    ASSERT_EQ(1u, vecBack.size()) << "the second server passes it on, back to the first too";
+    ZV_SimFilter answers;
+    answers.usNumber = PDU_CONF_FS_DEL_UPLOAD_RESPONSE;
+    answers.sPeer = Bob()->GetName();
+    answers.nFrom = nFrom;
+    const std::vector<ZV_SimEntry> vecAnswers = sim.Journal().Find(answers);
+    ASSERT_EQ(1u, vecAnswers.size());
+    for (int n = 0; n < 2; ++n)
+    {
+        const QB_Array<uint16_t>& arrDeleted = ZV_FileShareMgrPeer::DeletedFileIDs(*Manager(shape.Server((size_t)n)));
+        EXPECT_EQ(1, arrDeleted.GetSize()) << n;
+        EXPECT_EQ(0, arrDeleted.Find(usFileID)) << n;
+    }
+
+    const std::vector<uint8_t>& vbFlood = vecBack[0].vbData;
+    shape.Server(1)->SendPduToServers(zvConnNone, zvConfServerTypeCommand, PDU_CONF_FS_DEL_UPLOAD_REQUEST,
+                                      vbFlood.data(), (uint32_t)vbFlood.size(), 1, 1);
+    const std::vector<uint8_t>& vbAnswer = vecAnswers[0].vbData;
+    shape.Server()->SendPdu(shape.Server()->GetUserConn(&Bob()->GetUserID(), zvConfClientTypeCommand),
+                            PDU_CONF_FS_DEL_UPLOAD_RESPONSE, vbAnswer.data(), (uint32_t)vbAnswer.size(), 1, 1);
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    EXPECT_EQ(1u, Events(Bob(), zvFsEventFileGone).size());
+    EXPECT_EQ(2u, sim.Journal().Find(answers).size()) << "the replayed answer reached Bob";
+    EXPECT_EQ(1, ZV_FileShareMgrPeer::DeletedFileIDs(*Manager(shape.Server())).GetSize());
+}

@@ -3,7 +3,9 @@
 // it went.
 #include "ZV_SceneFixture.h"
 
+#include "ZV_AddPdu.h"
 #include "ZV_FileDownloadInfo.h"
+#include "ZV_PduFrame.h"
 #include "ZV_RecordStream.h"
 
 #include <algorithm>
@@ -217,5 +219,42 @@ TEST_F(DownloadScene, ABlockThatCannotBeReadOrWrittenEndsTheDownloadWith61)
         EXPECT_EQ(2u * 32768, QB_ReadWholeFile(Target(Bob(), usFileID)).size());
         EXPECT_TRUE(Events(Bob(), zvFsEventDownloadFinished).empty());
         usFileID = Share("again.bin", data);
+    }
+}
+
+// A download of a file with no bytes yet orders its creator to upload: a
+// creator the host knows at this server but without a link gives 56, one
+// whose command connection is down 16. Bob is told the code; his entry
+// stays for when the creator can be reached.
+TEST_F(DownloadScene, ADownloadWhoseCreatorCannotBeOrderedToUploadSaysWhy)
+{
+    Build(true);
+    ZV_SimUser zed = ZV_SimBuilder::MakeUser(1, 7);
+    sim.GetUsers(ZV_SimBuilder::kConfID).Put(zed);
+    ZV_AddRequest ask;
+    ask.usFileID = 1500;
+    ask.user = zed.id;
+    ask.ulFloodSeq = sim.NewFloodSeq();
+    ask.brief.SetCreatorID(zed.id);
+    ask.brief.SetFileOldName(QB_StringU8("zed.bin"));
+    ask.brief.SetFileLenth(1000);
+    ask.brief.SetPublic(true);
+    ZV_PduBuffer pdu;
+    ask.Save(pdu.Stream());
+    ZV_SimHost* lpServer2 = shape.Server(1);
+    lpServer2->SendPduToServers(zvConnNone, zvConfServerTypeCommand, PDU_CONF_FS_ADD_REQUEST,
+                                pdu.WithConfWord(ZV_SimBuilder::kConfID), pdu.WithConfWordLength(), 1, 1);
+    const uint16_t usAlice = Share("later.bin", ZV_RandomBytes(1000, 9), false);
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    ASSERT_TRUE(sim.Cut(sim.GetClientLink(Alice()), zvConfClientTypeCommand));
+    for (const auto& [usFileID, ulResult] : {std::pair<uint16_t, uint32_t>{1500, ZV_ERR_NO_CREATOR_LINK},
+                                             std::pair<uint16_t, uint32_t>{usAlice, ZV_ERR_NO_CONN}})
+    {
+        ASSERT_EQ(0u, Download(Bob(), usFileID));
+        ASSERT_TRUE(sim.Run()) << sim.GetError();
+        const auto vecState = Events(Bob(), zvFsEventDownloadState);
+        ASSERT_FALSE(vecState.empty());
+        EXPECT_EQ(ulResult, ZV_ResultOf(vecState.back())) << usFileID;
+        EXPECT_EQ(usFileID, vecState.back().vbData.at(6) | vecState.back().vbData.at(7) << 8);
     }
 }

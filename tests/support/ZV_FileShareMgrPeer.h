@@ -14,6 +14,7 @@ public:
     static QB_Array<uint16_t>& BusyFileIDs(ZV_FileShareMgr& mgr) { return mgr.m_arrBusyFileID; }
     static char& DataLink(ZV_FileShareMgr& mgr) { return mgr.m_cDataLink; }
     static uint16_t& NextFileID(ZV_FileShareMgr& mgr) { return mgr.m_usNextFileID; }
+    static const QB_Array<uint16_t>& DeletedFileIDs(ZV_FileShareMgr& mgr) { return mgr.m_arrDelFileID; }
     // The manager's own events to the user side and what the tests ask of
     // it directly.
     static void NotifyFileAdded(ZV_FileShareMgr& mgr, uint32_t ulResult, uint16_t usFileID,
