@@ -18,7 +18,8 @@ there talks to the real file system.
 The checkout this is run from is never written. Its files (tracked and
 untracked, minus ignored ones) are copied into a work folder, configured once
 (ccache if present, no benchmarks, no sanitized build) and built; the fast
-test programs (base_tests, module_tests, scenario_tests, sim_tests) must pass
+test programs (base_tests, module_tests, scenario_tests, sim_tests, and the
+seeded random conferences of random_tests) must pass
 there before any mutant is tried. Then, one mutant at a time: the file is
 changed in the copy, the test programs are rebuilt incrementally, those that
 were relinked run with a time-out (first failure stops them), and the file
@@ -54,7 +55,7 @@ from pathlib import Path
 DEFAULT_FILES = "ZV_FileShare/*.cpp,QB_Base/Src/*.cpp"
 SOURCE_GLOBS = ["ZV_FileShare/*.cpp", "ZV_FileShare/*.h", "QB_Base/Src/*.cpp", "QB_Base/Include/*.h"]
 LEFT_OUT = ["*Posix.cpp"]
-TEST_PROGRAMS = ["base_tests", "module_tests", "scenario_tests", "sim_tests"]
+TEST_PROGRAMS = ["base_tests", "module_tests", "scenario_tests", "sim_tests", "random_tests"]
 KEYWORDS = {"if", "for", "while", "switch", "return", "sizeof", "alignof", "decltype", "catch",
             "static_assert", "new", "delete", "throw", "case", "else", "do", "co_return",
             "operator", "typeid", "noexcept", "alignas", "template"}

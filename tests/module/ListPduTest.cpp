@@ -1,7 +1,6 @@
 // The payloads that bring a node in step, byte for byte: the asks (8027,
 // 8029, 8031), the upload list (8028), the download list (8030) and a
-// server's file list (8032), and the cut of a long list into PDUs at exactly
-// the size of the buffer.
+// server's file list (8032); an empty upload list is one last piece.
 #include "ZV_ListPdu.h"
 
 #include "ZV_PayloadCheck.h"
@@ -23,26 +22,6 @@ Bytes Join(std::initializer_list<Bytes> parts)
     return out;
 }
 
-// A server's record of a file as the list carries it, its stored name
-// nNameBytes long.
-ZV_FileUploadInfo ServerRecord(uint16_t usFileID, int nNameBytes)
-{
-    ZV_FileBriefInfo brief;
-    brief.SetCreatorID(kAnn);
-    brief.SetCreatorName(QB_StringU8("Ann"));
-    brief.SetFileOldName(QB_StringU8("report.pdf"));
-    brief.SetFileLenth(100000);
-    brief.SetFileState(3);
-    brief.SetPublic(true);
-    ZV_FileUploadInfo info;
-    info.SetFileID(usFileID);
-    info.SetBriefInfo(brief);
-    info.SetFileWritePos(100000);
-    info.m_sFileNewName = QB_StringU8(std::string((size_t)nNameBytes, 'n').c_str());
-    info.m_ullMask |= ZV_UPLOAD_FILE_NEW_NAME;
-    return info;
-}
-
 // The pieces an upload list is sent in, each as the PDU's payload.
 std::vector<Bytes> CutUploadList(const QB_Array<ZV_FileUploadInfo>& arrInfo)
 {
@@ -61,14 +40,6 @@ std::vector<Bytes> CutUploadList(const QB_Array<ZV_FileUploadInfo>& arrInfo)
             vecPdu.push_back(ZV_SavePayload(part));
         });
     return vecPdu;
-}
-
-uint32_t ListedSize(const QB_Array<ZV_FileUploadInfo>& arrInfo)
-{
-    uint32_t ulSize = ZV_UploadListResponse::kHeadSize;
-    for (int i = 0; i < arrInfo.GetSize(); ++i)
-        ulSize += ZV_UploadListEntrySize(arrInfo[i]);
-    return ulSize;
 }
 
 } // namespace
@@ -156,37 +127,6 @@ TEST(ListPdu, AListWithMoreFlagsThanRecordsKeepsOnlyThoseWithARecord)
     loaded.Load(stream);
     EXPECT_EQ(1, loaded.arrInfo.GetSize());
     EXPECT_EQ(1, loaded.arrModify.GetSize());
-}
-
-// Records whose counted sizes fill the buffer to the byte go in one PDU;
-// one record more opens a second PDU that holds it alone. Every piece fits
-// the buffer as it is really written.
-TEST(ListPdu, AnUploadListOfExactlyOnePduGoesInOneAndOneRecordMoreInTwo)
-{
-    QB_Array<ZV_FileUploadInfo> arrInfo;
-    while (ListedSize(arrInfo) + ZV_UploadListEntrySize(ServerRecord(1, 1000)) <= (uint32_t)QB_PDU_BUFFER_SIZE)
-        arrInfo.Add(ServerRecord((uint16_t)(arrInfo.GetSize() + 1), 1000));
-    const uint32_t ulGap = (uint32_t)QB_PDU_BUFFER_SIZE - ListedSize(arrInfo);
-    ASSERT_GT(ulGap, 0u);
-    arrInfo[arrInfo.GetSize() - 1] = ServerRecord((uint16_t)arrInfo.GetSize(), 1000 + (int)ulGap);
-    ASSERT_EQ((uint32_t)QB_PDU_BUFFER_SIZE, ListedSize(arrInfo));
-
-    const std::vector<Bytes> vecOne = CutUploadList(arrInfo);
-    ASSERT_EQ(1u, vecOne.size());
-    EXPECT_EQ(1, vecOne[0].back()) << "bLast";
-
-    arrInfo.Add(ServerRecord(999, 10));
-    const std::vector<Bytes> vecTwo = CutUploadList(arrInfo);
-    ASSERT_EQ(2u, vecTwo.size());
-    EXPECT_EQ(0, vecTwo[0].back()) << "bLast of the first";
-    EXPECT_EQ(1, vecTwo[1].back()) << "bLast of the second";
-    QB_ByteStream stream(vecTwo[1].data(), (int32_t)vecTwo[1].size());
-    ZV_UploadListResponse second;
-    second.Load(stream);
-    ASSERT_EQ(1, second.arrInfo.GetSize());
-    EXPECT_EQ(999, second.arrInfo[0].m_usFileID);
-    for (const Bytes& vbPdu : vecTwo)
-        EXPECT_LE(vbPdu.size(), (size_t)QB_PDU_BUFFER_SIZE);
 }
 
 TEST(ListPdu, AnEmptyListIsOneLastPiece)

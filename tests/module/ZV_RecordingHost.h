@@ -76,6 +76,7 @@ public:
     uint32_t m_ulCmdConn = 11;   // client: command connection to the server, zvConnNone when down
     uint32_t m_ulDataConn = 12;  // client: data connection
     bool m_bHasServerLinks = false;
+    std::set<uint32_t> m_setLinkedServer;  // server ids with a command link, on connection 900 + id
     std::map<std::pair<uint32_t, uint32_t>, ZV_ConfUserInfo> m_mapUsers;
     uint32_t m_ulNextFloodSeq = 100;
     std::set<std::pair<uint64_t, uint32_t>> m_setFloodSeen;
@@ -114,7 +115,10 @@ public:
     uint16_t GetFileIDMin() override { return m_usFileIDMin; }
     uint16_t GetFileIDMax() override { return m_usFileIDMax; }
     uint32_t GetUserConn(const QB_UserID*, uint16_t) override { return zvConnNone; }
-    uint32_t GetServerConn(uint32_t, uint16_t, uint32_t) override { return zvConnNone; }
+    uint32_t GetServerConn(uint32_t ulServer, uint16_t, uint32_t) override
+    {
+        return m_setLinkedServer.count(ulServer) ? 900 + ulServer : zvConnNone;
+    }
     IZV_ConfLink* GetUserLink(const QB_UserID*) override { return nullptr; }
     IZV_ConfLink* GetServerLink() override { return m_bServer ? nullptr : this; }
     const ZV_ConfUserInfo* GetUser(const QB_UserID* lpUser) override

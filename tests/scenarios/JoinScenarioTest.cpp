@@ -177,8 +177,11 @@ TEST_F(JoinScene, AUserWhoComesBackFindsEachDownloadAsTheFilesChangedWhileAway)
     ASSERT_EQ(0u, Fs(Alice())->FsSetRight(usHidden, 0, nullptr, 0, nullptr, 0));
     EXPECT_EQ(16u, Fs(Bob())->FsStopDownload(usStopped)) << "no link while away";
     ASSERT_TRUE(sim.Run()) << sim.GetError();
-    // The second file's bytes change on the server; the list tells Bob that
-    // the file under that FileID is not the one he began with.
+    // The second file's bytes change on the server. A server marks a listed
+    // record as of another file only when a linked server gave its FileID to
+    // a new file while this one was away; that takes a cascade to bring
+    // about, so here Bob's server's own list is replayed with the mark set,
+    // which is what he would be sent then.
     ZV_FileUploadInfo row;
     ASSERT_TRUE(Row(shape.Server(), usAnew, row));
     const ZV_Bytes anew = ZV_RandomBytes(nSize, 99);

@@ -1,0 +1,346 @@
+// The two lists that bring one user in step, on one manager: how a server
+// cuts them at the buffer's size and rests, renews or withdraws each record
+// it lists, and what a client does with a record whose right is gone and
+// with a file the server no longer lists.
+#include "ZV_RecordingNode.h"
+
+#include "ZV_FileShareMgrPeer.h"
+#include "ZV_FileShareSession.h"
+#include "ZV_FileShareSessionPeer.h"
+#include "ZV_ListPdu.h"
+#include "ZV_PayloadCheck.h"
+
+#include "QB_FaultEnv.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <functional>
+#include <string>
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+using Peer = ZV_FileShareSessionPeer;
+
+const QB_UserID kAnn(20001, 0);   // creates every file
+const QB_UserID kBob(20002, 0);   // downloads
+const QB_UserID kCarol(20003, 0);
+
+QB_DateTimeEx SharedOn(int nDay)
+{
+    QB_DateTimeEx dt;
+    dt.SetDateTime(2026, 11, nDay, 10, 0, 0, 0);
+    return dt;
+}
+
+ZV_FileBriefInfo Brief(bool bPublic, const QB_UserID* lpRight = nullptr)
+{
+    QB_Array<QB_UserID> arrRight;
+    if (lpRight != nullptr)
+        arrRight.Add(*lpRight);
+    ZV_FileBriefInfo brief;
+    brief.SetCreatorID(kAnn);
+    brief.SetFileOldName(QB_StringU8("f.bin"));
+    brief.SetFileLenth(5000);
+    brief.SetFileState(ZV_FILESTATE_COMPLETE);
+    brief.SetShareTime(SharedOn(20));
+    brief.SetPublic(bPublic);
+    brief.SetRight(arrRight);
+    return brief;
+}
+
+ZV_FileDownloadInfo Record(uint16_t usFileID, const std::string& sFolder, const std::string& sName, uint16_t usState,
+                           int nShareDay = 20)
+{
+    ZV_FileDownloadInfo record;
+    record.SetFileID(usFileID);
+    record.SetFilePath(QB_StringU8(sFolder.c_str()));
+    record.SetFileName(QB_StringU8(sName.c_str()));
+    record.SetFileLenth(5000);
+    record.SetShareTime(SharedOn(nShareDay));
+    record.SetState(usState);
+    record.SetActive(true);
+    record.SetUserID(kBob);
+    return record;
+}
+
+// Name lengths, up to what a record may hold, whose entries fill the buffer
+// behind a head of ulHead bytes to the byte, as the sender counts them.
+std::vector<int> NamesThatFill(uint32_t ulHead, const std::function<uint32_t(int)>& fnSize)
+{
+    std::vector<uint32_t> vecSize(1025);
+    for (int n = 1; n <= 1024; ++n)
+        vecSize[(size_t)n] = fnSize(n);
+    std::vector<int> vecName;
+    uint32_t ulSize = ulHead;
+    while ((uint32_t)QB_PDU_BUFFER_SIZE - ulSize > 2 * vecSize[1024])
+    {
+        vecName.push_back(1000);
+        ulSize += vecSize[1000];
+    }
+    const uint32_t ulRest = (uint32_t)QB_PDU_BUFFER_SIZE - ulSize;
+    for (int a = 1; a <= 1024; ++a)
+        for (int b = 1; b <= 1024; ++b)
+            if (vecSize[(size_t)a] + vecSize[(size_t)b] == ulRest)
+            {
+                vecName.push_back(a);
+                vecName.push_back(b);
+                return vecName;
+            }
+    ADD_FAILURE() << "no two names fill the rest of " << ulRest;
+    return vecName;
+}
+
+struct SessionLists : ::testing::Test
+{
+    QB_FaultEnv env;
+    QB_ScopedEnv scoped{&env};
+
+    static uint32_t Deliver(ZV_RecordingNode& node, uint16_t usPdu, const Bytes& data, const QB_UserID& from)
+    {
+        ConfPduData cpd{};
+        cpd.ulUserMain = from.m_ulMain;
+        cpd.ulUserSub = from.m_ulSub;
+        cpd.ulConn = 5;
+        cpd.conn_type = zvConfClientTypeCommand;
+        cpd.usPdu = usPdu;
+        cpd.ulLen = (uint32_t)data.size();
+        cpd.pData = data.data();
+        return node.mgr.HandlePdu(&cpd);
+    }
+    static ZV_FileShareSession& AddFile(ZV_RecordingNode& node, uint16_t usFileID, const ZV_FileBriefInfo& brief,
+                                        int nNameBytes = 5)
+    {
+        ZV_FileShareSession& session = ZV_FileShareMgrPeer::Adopt(node.mgr, usFileID, node.tmp.Path().c_str());
+        Peer::FileID(session) = usFileID;
+        Peer::FileInfo(session).SetFileID(usFileID);
+        Peer::FileInfo(session).SetFileNewName(QB_StringU8(std::string((size_t)nNameBytes, 'n').c_str()));
+        Peer::FileInfo(session).SetBriefInfo(brief);
+        Peer::BriefInfo(session) = brief;
+        return session;
+    }
+    static ZV_FileDownloadInfo Held(ZV_FileShareSession& session, const QB_UserID& user)
+    {
+        ZV_FileDownloadInfo info;
+        EXPECT_TRUE(session.GetDownloadInfo(user, info));
+        return info;
+    }
+    template <class TList> static std::vector<TList> Pieces(ZV_RecordingNode& node, uint16_t usPdu)
+    {
+        std::vector<TList> vecParts;
+        for (const ZV_SentPdu& sent : node.host.SentOf(usPdu))
+        {
+            EXPECT_LE(sent.data.size(), (size_t)QB_PDU_BUFFER_SIZE);
+            QB_ByteStream stream(sent.data.data(), (int32_t)sent.data.size());
+            vecParts.emplace_back();
+            vecParts.back().Load(stream);
+        }
+        return vecParts;
+    }
+};
+
+} // namespace
+
+// Files whose entries, as counted, fill the buffer to the byte go in one
+// last piece; one file more makes two pieces, the second holding one entry.
+TEST_F(SessionLists, AnUploadListThatFillsTheBufferIsOnePieceAndOneFileMoreIsTwo)
+{
+    ZV_RecordingNode node(true);
+    ZV_FileUploadInfo probe;
+    probe.SetFileID(1);
+    probe.SetBriefInfo(Brief(true));
+    const std::vector<int> vecName = NamesThatFill(ZV_UploadListResponse::kHeadSize, [&](int n) {
+        probe.SetFileNewName(QB_StringU8(std::string((size_t)n, 'n').c_str()));
+        return ZV_UploadListEntrySize(probe);
+    });
+    for (size_t i = 0; i < vecName.size(); ++i)
+        AddFile(node, (uint16_t)(i + 1), Brief(true), vecName[i]);
+    const Bytes vbAsk = ZV_Pdu().U16(3).User(kBob).b;
+    Deliver(node, PDU_CONF_GET_UPLOAD_SESSION_LIST_REQUEST, vbAsk, kBob);
+    const auto vecSent = node.host.SentOf(PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE);
+    ASSERT_EQ(1u, vecSent.size());
+    EXPECT_LE(vecSent[0].data.size(), (size_t)QB_PDU_BUFFER_SIZE);
+    EXPECT_EQ(1, vecSent[0].data.back()) << "bLast";
+
+    node.host.m_vecSent.clear();
+    AddFile(node, 900, Brief(true), 1);
+    Deliver(node, PDU_CONF_GET_UPLOAD_SESSION_LIST_REQUEST, vbAsk, kBob);
+    const auto vecParts = Pieces<ZV_UploadListResponse>(node, PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE);
+    ASSERT_EQ(2u, vecParts.size());
+    EXPECT_EQ(0, vecParts[0].bLast);
+    EXPECT_EQ(1, vecParts[1].bLast);
+    EXPECT_EQ((int)vecName.size(), vecParts[0].arrInfo.GetSize());
+    EXPECT_EQ(1, vecParts[1].arrInfo.GetSize());
+}
+
+// The same for a user's download records, asked for by the user.
+TEST_F(SessionLists, ADownloadListThatFillsTheBufferIsOnePieceAndOneRecordMoreIsTwo)
+{
+    ZV_RecordingNode node(true);
+    const std::vector<int> vecName = NamesThatFill(ZV_DownloadListResponse::kHeadSize, [&](int n) {
+        return ZV_DownloadListEntrySize(Record(1, "C:\\dl\\", std::string((size_t)n, 'n'), ZV_DLSTATE_RUNNING));
+    });
+    for (size_t i = 0; i < vecName.size(); ++i)
+    {
+        const uint16_t usFileID = (uint16_t)(i + 1);
+        AddFile(node, usFileID, Brief(true))
+            .SetDownloadInfo(kBob, Record(usFileID, "C:\\dl\\", std::string((size_t)vecName[i], 'n'),
+                                          ZV_DLSTATE_RUNNING));
+    }
+    const Bytes vbAsk = ZV_Pdu().U16(3).User(kBob).b;
+    Deliver(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_REQUEST, vbAsk, kBob);
+    const auto vecSent = node.host.SentOf(PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE);
+    ASSERT_EQ(1u, vecSent.size());
+    EXPECT_LE(vecSent[0].data.size(), (size_t)QB_PDU_BUFFER_SIZE);
+
+    node.host.m_vecSent.clear();
+    AddFile(node, 900, Brief(true)).SetDownloadInfo(kBob, Record(900, "C:\\dl\\", "x", ZV_DLSTATE_RUNNING));
+    Deliver(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_REQUEST, vbAsk, kBob);
+    const auto vecParts = Pieces<ZV_DownloadListResponse>(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE);
+    ASSERT_EQ(2u, vecParts.size());
+    EXPECT_EQ((int)vecName.size(), vecParts[0].arrInfo.GetSize());
+    EXPECT_EQ(1, vecParts[1].arrInfo.GetSize());
+    EXPECT_EQ(1, vecParts[1].arrModify.GetSize());
+}
+
+// Listing a record rests it; a record of a file shared anew under its
+// FileID is marked once and renamed to the file as it is now; a record
+// whose user lost the right goes here and on every linked server, and is
+// listed all the same, unless its flood was seen already.
+TEST_F(SessionLists, AServerRestsRenewsOrWithdrawsEachRecordItLists)
+{
+    ZV_RecordingNode node(true);
+    node.host.m_bHasServerLinks = true;
+    ZV_FileShareSession& same = AddFile(node, 5, Brief(true));
+    same.SetDownloadInfo(kBob, Record(5, "C:\\dl\\", "same.bin", ZV_DLSTATE_RUNNING));
+    ZV_FileShareSession& anew = AddFile(node, 6, Brief(true));
+    anew.SetDownloadInfo(kBob, Record(6, "C:\\dl\\", "anew.bin", ZV_DLSTATE_RUNNING, 19));
+    ZV_FileShareSession& hidden = AddFile(node, 7, Brief(false, &kCarol));
+    hidden.SetDownloadInfo(kBob, Record(7, "C:\\dl\\", "hidden.bin", ZV_DLSTATE_RUNNING));
+    AddFile(node, 8, Brief(true)).SetDownloadInfo(kCarol, Record(8, "C:\\dl\\", "carol.bin", ZV_DLSTATE_RUNNING));
+
+    const Bytes vbAsk = ZV_Pdu().U16(0).User(kBob).b;
+    Deliver(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_REQUEST, vbAsk, kBob);
+    auto vecParts = Pieces<ZV_DownloadListResponse>(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE);
+    ASSERT_EQ(1u, vecParts.size());
+    std::map<uint16_t, bool> mapModify;
+    for (int i = 0; i < vecParts[0].arrInfo.GetSize(); ++i)
+        mapModify[vecParts[0].arrInfo[i].m_usFileID] = vecParts[0].arrModify[i];
+    EXPECT_EQ((std::map<uint16_t, bool>{{5, false}, {6, true}, {7, false}}), mapModify);
+    EXPECT_FALSE(Held(same, kBob).m_bActive) << "nothing is sent until Bob asks again";
+    EXPECT_TRUE(Held(anew, kBob).m_dtShareTime == SharedOn(20));
+    ZV_FileDownloadInfo gone;
+    EXPECT_FALSE(hidden.GetDownloadInfo(kBob, gone));
+    const auto vecDrop = node.host.SentOf(PDU_CONF_FS_DEL_DOWNLOAD_REQUEST);
+    ASSERT_EQ(1u, vecDrop.size());
+    EXPECT_EQ("servers", vecDrop[0].sRoute);
+    EXPECT_EQ(ZV_Pdu().U16(7).U16(7).User(kBob).U32(100).b, vecDrop[0].data);
+
+    node.host.m_vecSent.clear();
+    Deliver(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_REQUEST, vbAsk, kBob);
+    vecParts = Pieces<ZV_DownloadListResponse>(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE);
+    ASSERT_EQ(1u, vecParts.size());
+    ASSERT_EQ(2, vecParts[0].arrModify.GetSize());
+    EXPECT_FALSE(vecParts[0].arrModify[0] || vecParts[0].arrModify[1]) << "a renewed record restarts once";
+
+    node.host.m_vecSent.clear();
+    ZV_FileShareSession& seen = AddFile(node, 9, Brief(false));
+    seen.SetDownloadInfo(kBob, Record(9, "C:\\dl\\", "seen.bin", ZV_DLSTATE_RUNNING));
+    node.host.m_setFloodSeen.insert({(uint64_t)kBob.m_ulMain << 32, node.host.m_ulNextFloodSeq});
+    Deliver(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_REQUEST, vbAsk, kBob);
+    vecParts = Pieces<ZV_DownloadListResponse>(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE);
+    ASSERT_EQ(1u, vecParts.size());
+    EXPECT_EQ(2, vecParts[0].arrInfo.GetSize()) << "the seen record is not listed";
+    EXPECT_TRUE(seen.GetDownloadInfo(kBob, gone)) << "and stays";
+    EXPECT_TRUE(node.host.SentOf(PDU_CONF_FS_DEL_DOWNLOAD_REQUEST).empty());
+}
+
+// A client told of a record whose file it may no longer have: the partial
+// file goes, the finished one stays, neither asks for blocks or raises a
+// state, and the file is no longer busy. A public file alongside resumes
+// where its local file stands.
+TEST_F(SessionLists, AClientGivesUpAListedDownloadWhoseRightIsGone)
+{
+    ZV_RecordingNode node(false);
+    ASSERT_EQ(0u, node.mgr.Initialize());
+    const std::string sFolder = QB_StringU8(QB_ToWindowsPath(node.tmp.Sub("dl/"))).GetString();
+    std::filesystem::create_directories(node.tmp.Sub("dl"));
+    ZV_DownloadListResponse list;
+    list.user = node.host.m_LocalUser;
+    const struct
+    {
+        uint16_t usFileID;
+        bool bPublic;
+        uint16_t usState;
+        const char* pszName;
+    } aFiles[] = {{5, false, ZV_DLSTATE_RUNNING, "partial.bin"},
+                  {6, false, ZV_DLSTATE_FINISHED, "finished.bin"},
+                  {7, true, ZV_DLSTATE_RUNNING, "public.bin"}};
+    for (const auto& file : aFiles)
+    {
+        ZV_FileShareSession& session = AddFile(node, file.usFileID, Brief(file.bPublic));
+        ZV_FileDownloadInfo record = Record(file.usFileID, sFolder, file.pszName, file.usState);
+        record.SetUserID(node.host.m_LocalUser);
+        Peer::LocalDownload(session) = record;
+        QB_WriteWholeFile(node.tmp.Sub(std::string("dl/") + file.pszName),
+                          ZV_TestBytes(file.usState == ZV_DLSTATE_FINISHED ? 5000 : 1200, file.usFileID));
+        ZV_FileShareMgrPeer::BusyFileIDs(node.mgr).Add(file.usFileID);
+        list.arrInfo.Add(record);
+        list.arrModify.Add(false);
+    }
+    Deliver(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE, ZV_SavePayload(list), kBob);
+
+    EXPECT_FALSE(std::filesystem::exists(node.tmp.Sub("dl/partial.bin")));
+    EXPECT_TRUE(std::filesystem::exists(node.tmp.Sub("dl/finished.bin")));
+    EXPECT_EQ(1, ZV_FileShareMgrPeer::BusyFileIDs(node.mgr).GetSize());
+    const auto vecAsks = node.host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST);
+    ASSERT_EQ(1u, vecAsks.size());
+    QB_ByteStream ask(vecAsks[0].data.data(), (int32_t)vecAsks[0].data.size());
+    EXPECT_EQ(7, ask.ReadU16());
+    ask.Skip(8);
+    ZV_FileDownloadInfo asked;
+    LoadDelimited(ask, asked);
+    EXPECT_EQ(1200u, asked.m_ulDownloadPos);
+    size_t nStates = 0;
+    for (const ZV_RaisedEvent& event : node.host.m_vecEvents)
+        nStates += event.usEvent == zvFsEventDownloadState;
+    EXPECT_EQ(1u, nStates);
+}
+
+// A file the server no longer lists goes from the client, and with it a
+// partial download; a finished one stays, and its path is kept so that the
+// user can still delete it later.
+TEST_F(SessionLists, AClientDropsEveryUnlistedFileKeepingOnlyAFinishedDownload)
+{
+    ZV_RecordingNode node(false);
+    ASSERT_EQ(0u, node.mgr.Initialize());
+    const std::string sFolder = QB_StringU8(QB_ToWindowsPath(node.tmp.Sub("dl/"))).GetString();
+    std::filesystem::create_directories(node.tmp.Sub("dl"));
+    const struct
+    {
+        uint16_t usFileID;
+        uint16_t usState;
+        const char* pszName;
+    } aFiles[] = {{5, ZV_DLSTATE_FINISHED, "finished.bin"}, {6, ZV_DLSTATE_RUNNING, "partial.bin"}};
+    for (const auto& file : aFiles)
+    {
+        ZV_FileShareSession& session = AddFile(node, file.usFileID, Brief(true));
+        Peer::LocalDownload(session) = Record(file.usFileID, sFolder, file.pszName, file.usState);
+        QB_WriteWholeFile(node.tmp.Sub(std::string("dl/") + file.pszName), ZV_TestBytes(100, 1));
+    }
+    ZV_UploadListResponse list;
+    list.user = node.host.m_LocalUser;
+    list.bLast = 1;
+    Deliver(node, PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE, ZV_SavePayload(list), kBob);
+
+    EXPECT_EQ(0, ZV_FileShareMgrPeer::Sessions(node.mgr).GetCount());
+    EXPECT_TRUE(std::filesystem::exists(node.tmp.Sub("dl/finished.bin")));
+    EXPECT_FALSE(std::filesystem::exists(node.tmp.Sub("dl/partial.bin")));
+    size_t nGone = 0;
+    for (const ZV_RaisedEvent& event : node.host.m_vecEvents)
+        nGone += event.usEvent == zvFsEventFileGone;
+    EXPECT_EQ(2u, nGone);
+    EXPECT_EQ(0u, node.mgr.FsDelDownload(5, 1));
+    EXPECT_FALSE(std::filesystem::exists(node.tmp.Sub("dl/finished.bin")));
+}
