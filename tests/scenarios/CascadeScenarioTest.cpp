@@ -81,9 +81,7 @@ TEST_F(CascadeScene, TheMiddleServerCutOffDuringTheUploadCatchesUpWhenItsLinksCo
 {
     BuildLine();
     const ZV_Bytes data = ZV_RandomBytes(2 * 1024 * 1024 + 3, 2);
-    std::filesystem::create_directories(tmp.Sub("alice"));
-    QB_WriteWholeFile(tmp.Sub("alice/cut.bin"), data);
-    ASSERT_EQ(0u, Fs(Alice())->FsAdd(ZV_Wide(tmp.Sub("alice/cut.bin")).c_str(), nullptr, 0, 1, 1));
+    StartShare("cut.bin", data);
     ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, Server(2), 5));
     ASSERT_TRUE(sim.CutLink(Link(1, 2)));
     ASSERT_TRUE(sim.CutLink(Link(2, 3)));
@@ -246,9 +244,7 @@ TEST_F(CascadeScene, AServerDataLinkThatComesBackRestartsTheFetchAndRepublishesT
 {
     BuildLine();
     const ZV_Bytes data = ZV_RandomBytes(1024 * 1024, 10);
-    std::filesystem::create_directories(tmp.Sub("alice"));
-    QB_WriteWholeFile(tmp.Sub("alice/data.bin"), data);
-    ASSERT_EQ(0u, Fs(Alice())->FsAdd(ZV_Wide(tmp.Sub("alice/data.bin")).c_str(), nullptr, 0, 1, 1));
+    StartShare("data.bin", data);
     ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, Server(2), 3));
     ASSERT_TRUE(sim.Cut(Link(1, 2), zvConfServerTypeData));
     ASSERT_TRUE(sim.Run()) << sim.GetError();
@@ -287,9 +283,7 @@ TEST_F(CascadeScene, AStopMadeWhileTheMiddleServerWasAwayReachesItWhenTheLinkCom
 {
     BuildLine();
     const ZV_Bytes data = ZV_RandomBytes(512 * 1024, 11);
-    std::filesystem::create_directories(tmp.Sub("alice"));
-    QB_WriteWholeFile(tmp.Sub("alice/slow.bin"), data);
-    ASSERT_EQ(0u, Fs(Alice())->FsAdd(ZV_Wide(tmp.Sub("alice/slow.bin")).c_str(), nullptr, 0, 1, 1));
+    StartShare("slow.bin", data);
     ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, Server(2), 2));
     const uint16_t usFileID = LastAddedFileID();
     ASSERT_TRUE(sim.CutLink(Link(1, 2)));
@@ -321,9 +315,7 @@ TEST_F(CascadeScene, TheMiddleServerPassesOnTheEndOfAnUploadAndAStoppedDownload)
 {
     BuildLine();
     const ZV_Bytes data = ZV_RandomBytes(3 * 1024 * 1024, 12);
-    std::filesystem::create_directories(tmp.Sub("alice"));
-    QB_WriteWholeFile(tmp.Sub("alice/long.bin"), data);
-    ASSERT_EQ(0u, Fs(Alice())->FsAdd(ZV_Wide(tmp.Sub("alice/long.bin")).c_str(), nullptr, 0, 1, 1));
+    StartShare("long.bin", data);
     ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_UPLOAD_FINISH_Response, Server(3), 1));
     const uint16_t usFileID = LastAddedFileID();
     ASSERT_NE(data, StoredBytes(3, usFileID));

@@ -13,13 +13,6 @@ struct StallScene : ZV_Scene
     bool IsBusy(ZV_SimHost* lpClient) { return !ZV_FileShareMgrPeer::BusyFileIDs(*Manager(lpClient)).IsEmpty(); }
     // Past the client's wait for a file that stands still.
     void WaitOut() { ASSERT_TRUE(sim.AdvanceTime(ZV_CLIENT_STALL_MS + 1000)) << sim.GetError(); }
-    // Alice's file, shared and started, without delivering anything yet.
-    void StartShare(const std::string& sName, const ZV_Bytes& data)
-    {
-        std::filesystem::create_directories(tmp.Sub("alice"));
-        QB_WriteWholeFile(tmp.Sub("alice/" + sName), data);
-        ASSERT_EQ(0u, Fs(Alice())->FsAdd(ZV_Wide(tmp.Sub("alice/" + sName)).c_str(), nullptr, 0, 1, 1));
-    }
     ZV_Bytes StoredOn(ZV_SimHost* lpServer, uint16_t usFileID)
     {
         ZV_FileUploadInfo row;

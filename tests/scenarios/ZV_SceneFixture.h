@@ -69,13 +69,18 @@ struct ZV_Scene : public ::testing::Test
 
     // Alice shares `data` as `sName`; the FileID is what the server gave,
     // 0xFFFF when she was told of none.
-    uint16_t Share(const std::string& sName, const ZV_Bytes& data, bool bStartUpload = true)
+    // Alice's file, shared, without delivering anything yet.
+    void StartShare(const std::string& sName, const ZV_Bytes& data, bool bStartUpload = true)
     {
         std::filesystem::create_directories(tmp.Sub("alice"));
-        const std::string sPath = tmp.Sub("alice/" + sName);
-        QB_WriteWholeFile(sPath, data);
+        QB_WriteWholeFile(tmp.Sub("alice/" + sName), data);
+        EXPECT_EQ(0u, Fs(Alice())->FsAdd(ZV_Wide(tmp.Sub("alice/" + sName)).c_str(), nullptr, 0, 1,
+                                         bStartUpload ? 1 : 0));
+    }
+    uint16_t Share(const std::string& sName, const ZV_Bytes& data, bool bStartUpload = true)
+    {
         const size_t nBefore = Events(Alice(), zvFsEventFileAdded).size();
-        EXPECT_EQ(0u, Fs(Alice())->FsAdd(ZV_Wide(sPath).c_str(), nullptr, 0, 1, bStartUpload ? 1 : 0));
+        StartShare(sName, data, bStartUpload);
         EXPECT_TRUE(sim.Run()) << sim.GetError();
         const auto vecAdded = Events(Alice(), zvFsEventFileAdded);
         if (vecAdded.size() == nBefore)
