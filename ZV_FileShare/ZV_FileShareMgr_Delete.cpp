@@ -152,8 +152,8 @@ uint32_t ZV_FileShareMgr::HandleDelUploadRequest(ConfPduData* lpCpd)
 }
 
 // A reserved FileID answers 83: the add that reserved it is still under
-// way, and there is nothing yet to delete. With a host that calls the
-// manager one call at a time no other PDU can meet such a FileID.
+// way, and there is nothing yet to delete. Only a host that hands the
+// manager a PDU while the add is still sending can meet such a FileID.
 uint32_t ZV_FileShareMgr::CheckDelUpload(ZV_FileShareSession* lpFsSession, const QB_UserID& user)
 {
     if (lpFsSession == nullptr)

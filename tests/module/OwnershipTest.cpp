@@ -5,10 +5,12 @@
 #include "ZV_ThrowingHost.h"
 
 #include "ZV_AddPdu.h"
+#include "ZV_DeletePdu.h"
 #include "ZV_DownloadPdu.h"
 #include "ZV_FileShareMgr.h"
 #include "ZV_FileShareMgrPeer.h"
 #include "ZV_FileShareSession.h"
+#include "ZV_RightsPdu.h"
 
 #include "QB_FaultEnv.h"
 #include "QB_TestSupport.h"
@@ -280,4 +282,48 @@ TEST(Ownership, AThrowAtAnyHostCallOfAUserSideShareLeavesNoFileOpen)
         EXPECT_EQ(0, env.m_nLive);
     }
     EXPECT_FALSE(bThrew) << "the shares never got through";
+}
+
+// A host may hand the manager a PDU while it is still sending. A batch that
+// ran out of FileIDs refuses its first file while the others stand
+// reserved; a delete or a change of rights meeting one of those answers 83
+// and takes nothing, and the batch then makes both files.
+TEST(Ownership, ARequestMeetingAFileIDABatchStillHoldsReservedIsAnswered83)
+{
+    Node node(true);
+    node.host.m_usFileIDMax = 2;
+    ZV_AddFilesRequest ask;
+    ask.user = kBob;
+    for (const char* pszName : {"a.txt", "b.txt", "c.txt"})
+    {
+        ask.arrFileID.Add(ZV_NO_FILEID);
+        ask.arrInfo.Add(Brief(pszName));
+    }
+    bool bAsked = false;
+    node.host.m_fnOnSend = [&](uint16_t usPdu) {
+        if (usPdu != PDU_CONF_FS_ADD_FILES_RESPONSE || bAsked)
+            return;
+        bAsked = true;
+        ZV_DelUploadRequest del;
+        del.usFileID = 1;
+        del.user = kBob;
+        node.Deliver(PDU_CONF_FS_DEL_UPLOAD_REQUEST, zvConfClientTypeCommand, Saved(del));
+        ZV_SetFilesRightRequest right;
+        right.arrFileID.Add(2);
+        right.user = kBob;
+        node.Deliver(PDU_CONF_FS_SET_FILES_RIGHT_REQUEST, zvConfClientTypeCommand, Saved(right));
+    };
+    node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, zvConfClientTypeCommand, Saved(ask));
+
+    ASSERT_TRUE(bAsked);
+    const auto vecDel = node.host.SentOf(PDU_CONF_FS_DEL_UPLOAD_RESPONSE);
+    ASSERT_EQ(1u, vecDel.size());
+    EXPECT_EQ(ZV_Pdu().U16(1).U32(83).U16(1).User(kBob).U32(101).b, vecDel[0].data);
+    const auto vecRight = node.host.SentOf(PDU_CONF_FS_SET_FILES_RIGHT_RESPONSE);
+    ASSERT_EQ(1u, vecRight.size());
+    EXPECT_EQ(ZV_Pdu().U8(1).U16(2).U32(83).U8(1).U16(2).User(kBob).U32(0).b, vecRight[0].data);
+    EXPECT_TRUE(node.host.SentOf(PDU_CONF_FS_DEL_UPLOAD_REQUEST).empty()) << "a refused delete goes to no server";
+    EXPECT_TRUE(node.Session(1) != nullptr && node.Session(2) != nullptr);
+    EXPECT_TRUE(node.HasRow(1) && node.HasRow(2));
+    EXPECT_EQ(2u, node.StoredFiles());
 }

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <set>
 #include <string>
@@ -84,6 +85,9 @@ public:
     // What the module did.
     std::vector<ZV_SentPdu> m_vecSent;
     std::vector<ZV_RaisedEvent> m_vecEvents;
+    // Called after each send is recorded, as a host that hands the manager
+    // a PDU while it is still sending would.
+    std::function<void(uint16_t usPdu)> m_fnOnSend;
 
     void AddUser(const QB_UserID& id, uint32_t ulHome, const char* szName, uint16_t usRole = 0, uint32_t ulFlags = 0)
     {
@@ -181,6 +185,8 @@ private:
     {
         m_vecSent.push_back({szRoute, ulConn, usPdu,
                              pData ? std::vector<uint8_t>(pData, pData + ulLen) : std::vector<uint8_t>(), b1, b2});
+        if (m_fnOnSend)
+            m_fnOnSend(usPdu);
         return 0;
     }
 };
