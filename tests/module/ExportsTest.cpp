@@ -12,6 +12,7 @@ TEST(Exports, MakeAManagerOnlyForTheExactInterfaceNameAndHandItsUserSideForTypeF
 {
     const char* const aszWrong[] = {
         "IZV_FileShareMgr 1.0 ", "IZV_FileShareMgr 1.1", "IZV_FileShareMgr", "", "izv_filesharemgr 1.0",
+        "JZV_FileShareMgr 1.0",
     };
     const int nBefore = g_listFileShareMgr.GetCount();
     for (const char* szName : aszWrong)
