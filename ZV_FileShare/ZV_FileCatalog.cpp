@@ -77,7 +77,7 @@ int ZV_FileCatalog::Open()
     }
     catch (...)
     {
-        QB_WriteLog(2, "error", "xxxxxxxxxxxxxxxxxxxxxxxxx\r\n");
+        QB_WriteLog(QB_LOG_DAILY, "error", "xxxxxxxxxxxxxxxxxxxxxxxxx\r\n");
         return zvCatalogException;
     }
 }
@@ -124,7 +124,7 @@ bool ZV_FileCatalog::Flush()
 {
     if (!m_bOpened || m_IniFile.Flush())
         return true;
-    QB_WriteLog(2, "error", "ZV_FileCatalog::Flush failed.\r\n");
+    QB_WriteLog(QB_LOG_DAILY, "error", "ZV_FileCatalog::Flush failed.\r\n");
     return false;
 }
 

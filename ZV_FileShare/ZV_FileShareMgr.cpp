@@ -26,7 +26,7 @@ ZV_FileShareMgr::~ZV_FileShareMgr()
         }
         catch (...)
         {
-            QB_WriteLog(2, "error", "ZV_FileShareMgr::~ZV_FileShareMgr exception.\r\n");
+            QB_WriteLog(QB_LOG_DAILY, "error", "ZV_FileShareMgr::~ZV_FileShareMgr exception.\r\n");
         }
     }
 }
@@ -190,7 +190,7 @@ uint32_t ZV_FileShareMgr::OnConnect(const QB_UserID* lpPeer, uint32_t, uint16_t 
     }
     catch (...)
     {
-        QB_WriteLog(2, "error", "ZV_FileShareMgr::OnConnect exception.\r\n");
+        QB_WriteLog(QB_LOG_DAILY, "error", "ZV_FileShareMgr::OnConnect exception.\r\n");
     }
     return 0;
 }
@@ -245,7 +245,7 @@ uint32_t ZV_FileShareMgr::OnDisconnect(const QB_UserID* lpPeer, uint32_t ulConn,
             }
             catch (...)
             {
-                QB_WriteLog(2, "error", "ZV_FileShareMgr::OnDisconnect exception.\r\n");
+                QB_WriteLog(QB_LOG_DAILY, "error", "ZV_FileShareMgr::OnDisconnect exception.\r\n");
             }
         });
     }
@@ -274,7 +274,7 @@ uint32_t ZV_FileShareMgr::OnSend(ConfPduData* lpCpd)
         }
         catch (...)
         {
-            QB_WriteLog(2, "error", "ZV_FileShareMgr::OnSend.OnSend exception.\r\n");
+            QB_WriteLog(QB_LOG_DAILY, "error", "ZV_FileShareMgr::OnSend.OnSend exception.\r\n");
         }
     });
     return 0;

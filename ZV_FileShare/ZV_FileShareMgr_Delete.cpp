@@ -190,7 +190,7 @@ uint32_t ZV_FileShareMgr::HandleDelUploadResponse(ConfPduData* lpCpd)
     }
     catch (...)
     {
-        QB_WriteLog(2, "error", "ZV_FileShareMgr::HandleDelUploadResponse exception.\r\n");
+        QB_WriteLog(QB_LOG_DAILY, "error", "ZV_FileShareMgr::HandleDelUploadResponse exception.\r\n");
     }
     return 0;
 }

@@ -33,7 +33,7 @@ uint32_t ZV_FileShareMgr::HandleGetDownloadSessionListRequest(ConfPduData* lpCpd
     }
     catch (...)
     {
-        QB_WriteLog(2, "error", "ZV_FileShareMgr::HandleGetDownloadSessionListRequest exception.\r\n");
+        QB_WriteLog(QB_LOG_DAILY, "error", "ZV_FileShareMgr::HandleGetDownloadSessionListRequest exception.\r\n");
     }
     return 0;
 }
@@ -125,7 +125,7 @@ uint32_t ZV_FileShareMgr::HandleGetDownloadSessionListResponse(ConfPduData* lpCp
     }
     catch (...)
     {
-        QB_WriteLog(2, "error", "ZV_FileShareMgr::HandleGetDownloadSessionListResponse exception.\r\n");
+        QB_WriteLog(QB_LOG_DAILY, "error", "ZV_FileShareMgr::HandleGetDownloadSessionListResponse exception.\r\n");
     }
     return 0;
 }
@@ -147,7 +147,7 @@ void ZV_FileShareMgr::TakeListedDownload(const ConfPduData* lpCpd, ZV_FileDownlo
     }
     if (m_lpConfSink == nullptr)
         return;
-    QB_WriteLog(2, "HandleGetDownloadSessionListResponse...fileshare", "ulResult=%d.\r\n", (int)ulResult);
+    QB_WriteLog(QB_LOG_DAILY, "HandleGetDownloadSessionListResponse...fileshare", "ulResult=%d.\r\n", (int)ulResult);
     const double dPercent = r.m_ulFileLenth == 0 ? 100.0 : (double)ulSize / r.m_ulFileLenth * 100.0;
     lpFsSession->NotifyDownloadState(ulResult, usFileID, r, dPercent);
 }

@@ -32,7 +32,7 @@ uint32_t ZV_FileShareMgr::OnEvent(uint16_t usEvent, uintptr_t a1, uintptr_t a2, 
     }
     catch (...)
     {
-        QB_WriteLog(2, "error", "ZV_FileShareMgr::OnEvent exception.\r\n");
+        QB_WriteLog(QB_LOG_DAILY, "error", "ZV_FileShareMgr::OnEvent exception.\r\n");
     }
     return 0;
 }
@@ -89,7 +89,7 @@ void ZV_FileShareMgr::OnUserEnter(const QB_UserID& user)
     }
     catch (...)
     {
-        QB_WriteLog(2, "error", "ZV_FileShareMgr::OnEvent #1 exception.\r\n");
+        QB_WriteLog(QB_LOG_DAILY, "error", "ZV_FileShareMgr::OnEvent #1 exception.\r\n");
     }
 }
 

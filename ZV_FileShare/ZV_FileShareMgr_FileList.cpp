@@ -85,7 +85,7 @@ uint32_t ZV_FileShareMgr::HandleGetFileListRequest(ConfPduData* lpCpd)
     }
     catch (...)
     {
-        QB_WriteLog(2, "error", "ZV_FileShareMgr::HandleGetFileListRequest exception.\r\n");
+        QB_WriteLog(QB_LOG_DAILY, "error", "ZV_FileShareMgr::HandleGetFileListRequest exception.\r\n");
     }
     return 0;
 }
@@ -190,7 +190,7 @@ uint32_t ZV_FileShareMgr::HandleGetFileListResponse(ConfPduData* lpCpd)
     }
     catch (...)
     {
-        QB_WriteLog(2, "error", "ZV_FileShareMgr::HandleGetFileListResponse exception.\r\n");
+        QB_WriteLog(QB_LOG_DAILY, "error", "ZV_FileShareMgr::HandleGetFileListResponse exception.\r\n");
     }
     return 0;
 }

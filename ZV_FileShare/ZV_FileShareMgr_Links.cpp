@@ -49,7 +49,7 @@ void ZV_FileShareMgr::SendFileDownloadPos(bool bClient, uint32_t ulServerID)
     }
     catch (...)
     {
-        QB_WriteLog(2, "error", "ZV_FileShareMgr::SendFileDownloadPos exception.\r\n");
+        QB_WriteLog(QB_LOG_DAILY, "error", "ZV_FileShareMgr::SendFileDownloadPos exception.\r\n");
     }
 }
 

@@ -188,7 +188,7 @@ uint32_t ZV_FileShareMgr::HandleSetRightResponse(ConfPduData* lpCpd)
     }
     catch (...)
     {
-        QB_WriteLog(2, "error", "ZV_FileShareMgr::HandleSetRightResponse.AddRight exception.\r\n");
+        QB_WriteLog(QB_LOG_DAILY, "error", "ZV_FileShareMgr::HandleSetRightResponse.AddRight exception.\r\n");
     }
     return 0;
 }

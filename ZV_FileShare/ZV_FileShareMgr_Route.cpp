@@ -23,7 +23,7 @@ uint32_t ZV_FileShareMgr::HandlePdu(ConfPduData* lpCpd)
     }
     catch (...)
     {
-        QB_WriteLog(2, "error", "ZV_FileShareMgr::HandlePdu exception = %u.\r\n", (unsigned)lpCpd->usPdu);
+        QB_WriteLog(QB_LOG_DAILY, "error", "ZV_FileShareMgr::HandlePdu exception = %u.\r\n", (unsigned)lpCpd->usPdu);
         return ZV_ERR_NO_HANDLER;
     }
 }

@@ -57,7 +57,7 @@ uint32_t ZV_FileShareMgr::Initialize()
     }
     catch (...)
     {
-        QB_WriteLog(2, "error", "ZV_FileShareMgr::Initialize() exception.\r\n");
+        QB_WriteLog(QB_LOG_DAILY, "error", "ZV_FileShareMgr::Initialize() exception.\r\n");
     }
     return ZV_OK;
 }
@@ -101,7 +101,7 @@ uint32_t ZV_FileShareMgr::CleanData()
     }
     catch (...)
     {
-        QB_WriteLog(2, "error", "ZV_FileShareMgr::CleanData exception.\r\n");
+        QB_WriteLog(QB_LOG_DAILY, "error", "ZV_FileShareMgr::CleanData exception.\r\n");
     }
     return ZV_OK;
 }

@@ -53,7 +53,7 @@ uint32_t ZV_FileShareMgr::HandleGetUploadSessionListRequest(ConfPduData* lpCpd)
     }
     catch (...)
     {
-        QB_WriteLog(2, "error", "ZV_FileShareMgr::HandleGetUploadSessionListRequest exception.\r\n");
+        QB_WriteLog(QB_LOG_DAILY, "error", "ZV_FileShareMgr::HandleGetUploadSessionListRequest exception.\r\n");
     }
     return 0;
 }
@@ -117,7 +117,7 @@ uint32_t ZV_FileShareMgr::HandleGetUploadSessionListResponse(ConfPduData* lpCpd)
     }
     catch (...)
     {
-        QB_WriteLog(2, "error", "ZV_FileShareMgr::HandleGetUploadSessionListResponse exception.\r\n");
+        QB_WriteLog(QB_LOG_DAILY, "error", "ZV_FileShareMgr::HandleGetUploadSessionListResponse exception.\r\n");
     }
     // An answer that ends, or that has grown past any honest one, goes.
     m_listUpload.RemoveAll();

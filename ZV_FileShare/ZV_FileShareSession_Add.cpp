@@ -233,7 +233,7 @@ uint32_t ZV_FileShareSession::InitCltAddFileInfo(IZV_ConfHost* lpConf, uint16_t 
     }
     catch (...)
     {
-        QB_WriteLog(2, "error", "ZV_FileShareMgr::InitCltAddFileInfo exception.\r\n");
+        QB_WriteLog(QB_LOG_DAILY, "error", "ZV_FileShareMgr::InitCltAddFileInfo exception.\r\n");
         return ZV_ERR_EXCEPTION;
     }
 }

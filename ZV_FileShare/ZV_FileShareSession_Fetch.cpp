@@ -152,7 +152,7 @@ uint32_t ZV_FileShareSession::OpenDownloadFile(const QB_StringW& sPath, uint32_t
 void ZV_FileShareSession::ReportDownloadAnswer(const ConfPduData* lpCpd, uint32_t ulResult, uint16_t usFileID,
                                                const QB_UserID& user, const ZV_FileDownloadInfo& record)
 {
-    QB_WriteLog(2, "fileshare", "HandleDownloadResponse...ulResult=%d.\r\n", (int)ulResult);
+    QB_WriteLog(QB_LOG_DAILY, "fileshare", "HandleDownloadResponse...ulResult=%d.\r\n", (int)ulResult);
     NotifyDownloadState(ulResult, usFileID, record, 0.0);
     if (ulResult != ZV_OK)
         SendDelDownloadRequest(lpCpd->ulConn, usFileID, &user, 0);
@@ -305,7 +305,7 @@ void ZV_FileShareSession::FailDownload(const ConfPduData* lpCpd, uint32_t ulResu
     }
     const uint32_t ulCmdConn = m_lpMgr->GetLinkConn(zvConfClientTypeCommand);
     SendIsStopDownloadRequest(ulCmdConn != zvConnNone ? ulCmdConn : lpCpd->ulConn, usFileID, &user, 0, 1);
-    QB_WriteLog(2, "fileshare", "HandleDownloadDataResponse...ulResult=%d.\r\n", (int)ulResult);
+    QB_WriteLog(QB_LOG_DAILY, "fileshare", "HandleDownloadDataResponse...ulResult=%d.\r\n", (int)ulResult);
     NotifyDownloadState(ulResult, usFileID, m_LocalDownload,
                         Percent(m_LocalDownload.m_ulDownloadPos, m_LocalDownload.m_ulFileLenth));
 }

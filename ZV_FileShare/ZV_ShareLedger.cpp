@@ -52,7 +52,7 @@ void ZV_ShareLedger::Load(bool bCreate)
     m_bLoaded = true;
     if (!m_IniFile.Open(QB_StringW(sPath.c_str()), true))
     {
-        QB_WriteLog(2, "error", "ZV_ShareLedger::Load failed.\r\n");
+        QB_WriteLog(QB_LOG_DAILY, "error", "ZV_ShareLedger::Load failed.\r\n");
         return;
     }
     QB_Array<QB_StringW> arrNames;
@@ -150,7 +150,7 @@ bool ZV_ShareLedger::Save()
 {
     if (m_IniFile.Flush())
         return true;
-    QB_WriteLog(2, "error", "ZV_ShareLedger::Flush failed.\r\n");
+    QB_WriteLog(QB_LOG_DAILY, "error", "ZV_ShareLedger::Flush failed.\r\n");
     return false;
 }
 

@@ -15,6 +15,13 @@ extern QB_Locker g_lckLog;
 // suffix starts a new file every hour (mode 1), day (2), month (3), year (4)
 // or never (any other mode: ".txt"). A null or empty name adds no "_NAME".
 // The caller puts the line end into the format.
+enum QB_LogRotation : int
+{
+    QB_LOG_HOURLY = 1,
+    QB_LOG_DAILY = 2,
+    QB_LOG_MONTHLY = 3,
+    QB_LOG_YEARLY = 4,
+};
 void QB_WriteLog(int nMode, const char* pszName, const char* pszFormat, ...) __attribute__((format(printf, 3, 4)));
 
 // Appends to log\log_error_client.txt, which never rotates. Takes no lock:
