@@ -135,3 +135,66 @@ TEST(ListPdu, AnEmptyListIsOneLastPiece)
     ASSERT_EQ(1u, vecPdu.size());
     EXPECT_EQ(Join({Bytes(16, 0), {0x00, 0x00, 0x01}}), vecPdu[0]);
 }
+
+// What the cut counts for each entry: the mask word as 6 and a user as 12,
+// each text with its count form, so a counted list always fits its PDU.
+TEST(ListPdu, EntriesAreCountedFieldByFieldAndNeverBelowTheirBytes)
+{
+    QB_Array<QB_UserID> arrRight;
+    arrRight.Add(kAnn);
+    arrRight.Add(kAnn);
+    ZV_FileBriefInfo full;
+    full.SetCreatorID(kAnn);
+    full.SetCreatorName("Ann");
+    full.SetFilePath("C:\\d\\");
+    full.SetFileOldName("a.txt");
+    full.SetFileType("txt");
+    full.SetFileLenth(9);
+    full.SetShareTime(QB_DateTimeEx());
+    full.SetModifyTime(QB_DateTimeEx());
+    full.SetFileState(zvFileStateComplete);
+    full.SetRight(arrRight);
+    full.SetPublic(true);
+    ZV_FileBriefInfo longName;
+    longName.SetFileOldName(QB_StringU8(std::string(200, 'n').c_str()));
+    ZV_FileBriefInfo noRight;
+    noRight.SetRight(QB_Array<QB_UserID>());
+    // 6, 12, 1+3, 1+5, 1+5, 1+3, 4, 8, 8, 2, 4+2*12, 1.
+    EXPECT_EQ(89u, full.GetSaveSize());
+    EXPECT_EQ(6u, ZV_FileBriefInfo().GetSaveSize());
+    EXPECT_EQ(6u + 2 + 200, longName.GetSaveSize());
+    EXPECT_EQ(10u, noRight.GetSaveSize());
+    EXPECT_LE(ZV_SavePayload(full).size(), 89u);
+
+    ZV_FileBriefInfo length;
+    length.SetFileLenth(5);
+    ZV_FileUploadInfo upload;
+    upload.SetFileID(7);
+    upload.SetFileNewName("a(1).txt");
+    upload.SetBriefInfo(length);
+    upload.SetFileWritePos(5);
+    // 5, 2, 1+8, 6+4, 4; then the position in 8028, the flag and the
+    // position in 8032.
+    EXPECT_EQ(34u, ZV_UploadListEntrySize(upload));
+    EXPECT_EQ(35u, ZV_FileListEntrySize(upload));
+    EXPECT_LE(ZV_SavePayload(upload).size() + 4, 34u);
+
+    ZV_FileDownloadInfo download;
+    download.SetFileID(0x0102);
+    download.SetFilePath("D:\\");
+    download.SetFileFullName("a.txt");
+    download.SetFileName("b.txt");
+    download.SetFileType("txt");
+    download.SetFileLenth(1000);
+    download.SetUsedTime(250);
+    download.SetLastTick(1);
+    download.SetShareTime(QB_DateTimeEx());
+    download.SetDownloadPos(500);
+    download.SetState(zvDownloadStateRunning);
+    download.SetStopped(true);
+    download.SetActive(false);
+    download.SetUserID(kAnn);
+    // 6, 2, 1+3, 1+5, 1+5, 1+3, 4*4, 8, 2, 1, 1, 12; then the modify flag.
+    EXPECT_EQ(69u, ZV_DownloadListEntrySize(download));
+    EXPECT_LE(ZV_SavePayload(download).size() + 1, 69u);
+}

@@ -209,3 +209,34 @@ TEST(DelimitedRecord, RefusesALengthOutsideItsViewBeforeReadingAnyField)
         EXPECT_EQ(Saved(brief), kFullBrief) << "nothing was loaded";
     }
 }
+
+// Two descriptions name the same file when name, folder, type, length,
+// creator and both times agree; the times as the catalogue writes them,
+// fraction of a second included.
+TEST(ShareRecords, DescriptionsNameTheSameFileOnlyWhenEveryIdentifyingFieldAgrees)
+{
+    ZV_FileBriefInfo fraction = FullBrief();
+    fraction.SetShareTime(Raw(734577, 265080005));
+    fraction.SetModifyTime(Raw(734577, 265080007));
+    const struct
+    {
+        const char* pszName;
+        std::function<void(ZV_FileBriefInfo&)> fnChange;
+        bool bSame;
+    } aCases[] = {
+        {"a copy", [](ZV_FileBriefInfo&) {}, true},
+        {"another state and public flag", [](ZV_FileBriefInfo& b) { b.SetFileState(0), b.SetPublic(false); }, true},
+        {"another length", [](ZV_FileBriefInfo& b) { b.SetFileLenth(6); }, false},
+        {"another creator", [](ZV_FileBriefInfo& b) { b.SetCreatorID(QB_UserID(1, 0)); }, false},
+        {"another folder", [](ZV_FileBriefInfo& b) { b.SetFilePath("C:\\e\\"); }, false},
+        {"a share time a tick later", [](ZV_FileBriefInfo& b) { b.SetShareTime(Raw(734577, 265080006)); }, false},
+        {"a write time a tick later", [](ZV_FileBriefInfo& b) { b.SetModifyTime(Raw(734577, 265080008)); }, false},
+    };
+    for (const auto& c : aCases)
+    {
+        ZV_FileBriefInfo other = fraction;
+        c.fnChange(other);
+        EXPECT_EQ(c.bSame, fraction.IsSameFile(other)) << c.pszName;
+        EXPECT_EQ(c.bSame, other.IsSameFile(fraction)) << c.pszName;
+    }
+}
