@@ -214,3 +214,36 @@ TEST(AddFile, RefusesBeforeSendingAPathTheRecordsOrTheCatalogueCannotHold)
             << row.szRow;
     }
 }
+
+// A shared file that went from the disk before its server's answer came
+// cannot be uploaded: the answer is refused with 60, said in the client log
+// and handed back to the host, and nothing goes out.
+TEST(AddFile, ClientRefusesTheAnswerForItsOwnFileOnceTheFileWentFromTheDisk)
+{
+    Node node(false);
+    fs::create_directories(node.tmp.Sub("log"));
+    const std::string sPath = node.tmp.Sub("report.doc");
+    QB_WriteWholeFile(sPath, "12345");
+    const std::u16string sWide(sPath.begin(), sPath.end());
+    ASSERT_EQ(0u, node.mgr.FsAdd(sWide.c_str(), nullptr, 0, 1, 1));
+    QB_ByteStream stream(node.host.m_vecSent[0].data.data(), (int32_t)node.host.m_vecSent[0].data.size());
+    ZV_AddRequest ask;
+    ask.Load(stream);
+    fs::remove(sPath);
+    node.host.m_vecSent.clear();
+
+    ZV_AddResponse answer;
+    answer.usRouteID = answer.usFileID = 3;
+    answer.user = ask.user;
+    answer.brief = ask.brief;
+    answer.bStartUpload = 1;
+    Bytes data(4096);
+    QB_ByteStream out(data.data(), (int32_t)data.size(), false);
+    answer.Save(out);
+    data.resize((size_t)out.GetPos());
+    EXPECT_EQ(60u, node.Deliver(PDU_CONF_FS_ADD_RESPONSE, zvConfClientTypeCommand, data));
+    const std::vector<uint8_t> vbLog = QB_ReadWholeFile(node.tmp.Sub("log/log_error_client.txt"));
+    const std::string sLog(vbLog.begin(), vbLog.end());
+    EXPECT_NE(std::string::npos, sLog.find("ZV_FileShareMgr.HandleAddResponse ret = 60")) << sLog;
+    EXPECT_TRUE(node.host.m_vecSent.empty());
+}

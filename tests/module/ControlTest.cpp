@@ -215,6 +215,14 @@ TEST_F(Control, ManagerTimerWorksOnItsConferencesSlotAndReportsIdleAfterFifteenS
     EXPECT_EQ(ZV_LINK_IDLE, ZV_FileShareMgrPeer::DataLink(mgr));
     ASSERT_EQ(3u, host.m_vecEvents.size());
     EXPECT_EQ(Pdu().U16(3012).U32(0).U8(0).b, host.m_vecEvents.back().data);
+    // The report repeats, each time after a new wait of its own.
+    env.AdvanceTick(5000);
+    mgr.OnTimer(27);
+    EXPECT_EQ(3u, host.m_vecEvents.size()) << "the next wait starts at the next slot";
+    env.AdvanceTick(15000);
+    mgr.OnTimer(32);
+    ASSERT_EQ(4u, host.m_vecEvents.size());
+    EXPECT_EQ(Pdu().U16(3012).U32(0).U8(0).b, host.m_vecEvents.back().data);
 }
 
 TEST_F(Control, StalledServerFileIsLookedAtOnceAfterTwentySecondsAndACompleteOneIsMarked)
