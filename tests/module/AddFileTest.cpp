@@ -247,3 +247,44 @@ TEST(AddFile, ClientRefusesTheAnswerForItsOwnFileOnceTheFileWentFromTheDisk)
     EXPECT_NE(std::string::npos, sLog.find("ZV_FileShareMgr.HandleAddResponse ret = 60")) << sLog;
     EXPECT_TRUE(node.host.m_vecSent.empty());
 }
+
+// A batch answer is cut before the description that would bring its count
+// to the buffer's size: the count starts at the head of 13 bytes plus 33,
+// and a description counts its bound plus 6. With names of 7 bytes, 64
+// folders of 992 bytes count 1014 each and one of 506 counts 528: 65424 in
+// all, which fill the first piece to 65470, and the next file goes in a
+// second.
+TEST(AddFile, ABatchAnswerIsCutBeforeTheDescriptionThatWouldFillTheBuffer)
+{
+    Node node(true);
+    ASSERT_EQ(0u, node.mgr.Initialize());
+    ZV_AddFilesRequest ask;
+    ask.user = node.host.m_LocalUser;
+    std::vector<size_t> vecFolder(64, 992);
+    vecFolder.push_back(506);
+    vecFolder.push_back(1);
+    for (size_t i = 0; i < vecFolder.size(); ++i)
+    {
+        ZV_FileBriefInfo brief;
+        brief.SetFilePath(QB_StringU8(std::string(vecFolder[i], 'p').c_str()));
+        brief.SetFileOldName(QB_StringU8((std::to_string(100 + i) + ".txt").c_str()));
+        ask.arrFileID.Add(ZV_NO_FILEID);
+        ask.arrInfo.Add(brief);
+    }
+    Bytes data(QB_PDU_BUFFER_SIZE);
+    QB_ByteStream out(data.data(), (int32_t)data.size(), false);
+    ask.Save(out);
+    data.resize((size_t)out.GetPos());
+    node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, zvConfClientTypeCommand, data);
+
+    std::vector<std::pair<int, int>> vecPiece;
+    for (const ZV_SentPdu& sent : node.host.SentOf(PDU_CONF_FS_ADD_FILES_RESPONSE))
+    {
+        QB_ByteStream stream(sent.data.data(), (int32_t)sent.data.size());
+        ZV_AddFilesResponse part;
+        part.Load(stream);
+        EXPECT_EQ(0u, part.ulResult);
+        vecPiece.push_back({part.arrInfo.GetSize(), part.bLast});
+    }
+    EXPECT_EQ((std::vector<std::pair<int, int>>{{65, 0}, {1, 1}}), vecPiece);
+}
