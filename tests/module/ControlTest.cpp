@@ -244,3 +244,29 @@ TEST_F(Control, StalledServerFileIsLookedAtOnceAfterTwentySecondsAndACompleteOne
     mgr.OnTimer(17);
     EXPECT_EQ(ZV_FILESTATE_COMPLETE, ZV_FileShareSessionPeer::FileInfo(*lpSession).m_BriefInfo.m_usFileState);
 }
+
+// The user side's stop of a download, and its giving one up: the stop goes
+// with flood number 0 for the server to fill in, and the give-up stops the
+// transfer before it drops the download record.
+TEST_F(Control, ClientStopsADownloadAndGivesOneUpWithTheRequestsOfTheUserSide)
+{
+    Make(false);
+    host.m_LocalUser = kBob;
+    ZV_FileDownloadInfo& local = ZV_FileShareSessionPeer::LocalDownload(*lpSession);
+    local.SetFilePath("C:\\dl\\");
+    local.SetFileName("song.ogg");
+    local.SetState(ZV_DLSTATE_RUNNING);
+    Clear();
+    ASSERT_EQ(0u, mgr.FsStopDownload(5));
+    ASSERT_EQ(0u, mgr.FsDelDownload(5, 0));
+
+    const Bytes stop = Pdu().U16(5).User(kBob).U32(0).U8(1).b;
+    const Bytes drop = Pdu().U16(5).User(kBob).U32(0).b;
+    std::vector<std::pair<uint16_t, Bytes>> vecSent;
+    for (const ZV_SentPdu& sent : host.m_vecSent)
+        vecSent.push_back({sent.usPdu, sent.data});
+    EXPECT_EQ((std::vector<std::pair<uint16_t, Bytes>>{{PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST, stop},
+                                                        {PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST, stop},
+                                                        {PDU_CONF_FS_DEL_DOWNLOAD_REQUEST, drop}}),
+              vecSent);
+}

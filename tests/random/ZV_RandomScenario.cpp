@@ -147,6 +147,7 @@ ZV_RandomReport ZV_RandomScenario::Run()
             CheckDeletes();
             CheckWrites();
             CheckIdle();
+            CheckFlags();
         }
     }
     report.vecProblems = m_vecProblems;
@@ -808,5 +809,31 @@ void ZV_RandomScenario::CheckIdle()
         for (int i = 0; i < arrBusy.GetSize(); ++i)
             Problem(lpClient->sName + " is still busy with " + std::to_string(arrBusy[i]) +
                     Describe(*lpClient, arrBusy[i]) + DescribeServers(arrBusy[i]));
+    }
+}
+
+// Every PDU ends in the two flags of its kind. The group's progress report
+// uses 0, 0 while the transfer runs and 1, 1 at its end, and a server's 8037
+// is 1, 0 only as the upload list sends it; the scene of the wire flags
+// tells those cases apart.
+void ZV_RandomScenario::CheckFlags()
+{
+    ZV_SimFilter filter;
+    filter.eKind = ZV_SimEntryKind::Pdu;
+    for (const ZV_SimEntry& entry : m_lpSim->Journal().Find(filter))
+    {
+        const std::pair<uint8_t, uint8_t> flags(entry.bFlag1, entry.bFlag2);
+        const bool bRunningReport = entry.usNumber == PDU_CONF_FS_PROGRESSING_RESPONSE &&
+                                    entry.eRoute == ZV_SimRoute::Group && flags == std::make_pair<uint8_t, uint8_t>(0, 0);
+        const bool bListNotice = entry.usNumber == PDU_CONF_FS_NOTICE_DEL_DOWNLOAD_INFO_REQUEST &&
+                                 flags == std::make_pair<uint8_t, uint8_t>(1, 0);
+        std::pair<uint8_t, uint8_t> expected(1, 1);
+        if (entry.usNumber == 257)
+            expected = {0, 0};
+        else if (entry.usNumber == PDU_CONF_FS_PROGRESSING_REQUEST)
+            expected = {1, 0};
+        if (flags != expected && !bRunningReport && !bListNotice)
+            Problem("PDU " + std::to_string(entry.usNumber) + " from " + entry.sNode + " to " + entry.sPeer +
+                    " sent with flags " + std::to_string(flags.first) + ", " + std::to_string(flags.second));
     }
 }

@@ -98,6 +98,7 @@ private:
     void CheckDeletes();
     void CheckWrites();
     void CheckIdle();
+    void CheckFlags();
     std::string Describe(const Client& client, uint16_t usFileID);
     std::string DescribeServers(uint16_t usFileID);
     bool IsNodeFile(const std::vector<std::string>& vecPart) const;

@@ -86,6 +86,7 @@ TEST_F(AddScene, ABatchTooLargeForOnePduGoesOutInSeveralAndIsReportedWhole)
     {
         EXPECT_LT(vecRequests[i].vbData.size(), 65471u);
         EXPECT_EQ(i + 1 == vecRequests.size() ? 1 : 0, vecRequests[i].vbData.back()) << "bLast of PDU " << i;
+        EXPECT_TRUE(vecRequests[i].bFlag1 == 1 && vecRequests[i].bFlag2 == 1) << "flags of PDU " << i;
         // Each PDU holds as many FileIDs as records: its own, none of the last one's.
         QB_ByteStream stream(vecRequests[i].vbData.data(), (int32_t)vecRequests[i].vbData.size());
         ZV_AddFilesRequest ask;
