@@ -245,6 +245,7 @@ TEST_F(JoinScene, AClientRestartedInTheMiddleOfADownloadResumesItWhereItsFileSta
     ASSERT_EQ(0u, Download(Bob(), usFileID));
     ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, Bob(), 6));
     const size_t nMark = sim.Journal().Size();
+    std::filesystem::create_directories(Bob()->GetHome() + "log");
     ASSERT_TRUE(sim.RestartClient(Bob()));
     const size_t nStoodAt = LocalSize(Bob(), usFileID);
     ASSERT_GT(nStoodAt, 0u);
@@ -255,6 +256,12 @@ TEST_F(JoinScene, AClientRestartedInTheMiddleOfADownloadResumesItWhereItsFileSta
     ASSERT_FALSE(vecPos.empty());
     EXPECT_EQ(nStoodAt, vecPos.front());
     ASSERT_EQ(1u, Events(Bob(), zvFsEventDownloadFinished).size());
+    // The resumed download is written down in the dated log of the list.
+    size_t nLogged = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(Bob()->GetHome() + "log"))
+        if (entry.path().filename().string().rfind("log_HandleGetDownloadSessionListResponse...fileshare_", 0) == 0)
+            nLogged += QB_CountInFiles(entry.path().string(), "ulResult=0.\r\n");
+    EXPECT_EQ(1u, nLogged);
 
     // The same record, moved to another file and path, as a server might
     // list it: the client has no record and its user asked for neither.
