@@ -344,3 +344,73 @@ TEST_F(SessionLists, AClientDropsEveryUnlistedFileKeepingOnlyAFinishedDownload)
     EXPECT_EQ(0u, node.mgr.FsDelDownload(5, 1));
     EXPECT_FALSE(std::filesystem::exists(node.tmp.Sub("dl/finished.bin")));
 }
+
+// A client takes its own downloads in the list as its disk and its stops
+// say: a finished one whose file is whole stays finished, one whose file
+// was moved away is no failure, one that arrived whole while the link was
+// down is finished, and one stopped while the link was down is stopped at
+// the server too.
+TEST_F(SessionLists, AClientTakesItsListedDownloadsAsItsDiskAndItsStopsSay)
+{
+    ZV_RecordingNode node(false);
+    ASSERT_EQ(0u, node.mgr.Initialize());
+    const QB_UserID me = node.host.m_LocalUser;
+    const std::string sFolder = QB_StringU8(QB_ToWindowsPath(node.tmp.Sub("dl/"))).GetString();
+    std::filesystem::create_directories(node.tmp.Sub("dl"));
+    const struct
+    {
+        uint16_t usFileID;
+        uint16_t usHeld;
+        uint16_t usListed;
+        size_t nOnDisk;
+    } aFiles[] = {{5, ZV_DLSTATE_FINISHED, ZV_DLSTATE_FINISHED, 5000},
+                  {6, ZV_DLSTATE_FINISHED, ZV_DLSTATE_FINISHED, 0},
+                  {7, ZV_DLSTATE_STOPPED, ZV_DLSTATE_RUNNING, 1200},
+                  {8, ZV_DLSTATE_RUNNING, ZV_DLSTATE_RUNNING, 5000}};
+    ZV_DownloadListResponse list;
+    list.user = me;
+    for (const auto& file : aFiles)
+    {
+        const std::string sName = std::to_string(file.usFileID) + ".bin";
+        ZV_FileShareSession& session = AddFile(node, file.usFileID, Brief(true));
+        ZV_FileDownloadInfo record = Record(file.usFileID, sFolder, sName, file.usListed);
+        record.SetUserID(me);
+        record.SetDownloadPos(file.usListed == ZV_DLSTATE_FINISHED ? 5000 : 0);
+        list.arrInfo.Add(record);
+        record.SetState(file.usHeld);
+        Peer::LocalDownload(session) = record;
+        if (file.nOnDisk > 0)
+            QB_WriteWholeFile(node.tmp.Sub("dl/" + sName), ZV_TestBytes(file.nOnDisk, file.usFileID));
+        list.arrModify.Add(false);
+    }
+    Deliver(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE, ZV_SavePayload(list), kBob);
+
+    std::map<uint16_t, std::pair<uint32_t, double>> mapState;
+    for (const ZV_RaisedEvent& event : node.host.m_vecEvents)
+    {
+        QB_ByteStream stream(event.data.data(), (int32_t)event.data.size());
+        if (event.usEvent != zvFsEventDownloadState || stream.ReadU16() != zvFsEventDownloadState)
+            continue;
+        const uint32_t ulResult = stream.ReadU32();
+        const uint16_t usFileID = stream.ReadU16();
+        ZV_FileDownloadInfo record;
+        LoadDelimited(stream, record);
+        mapState[usFileID] = {ulResult, stream.ReadDouble()};
+    }
+    using State = std::pair<uint32_t, double>;
+    EXPECT_EQ((std::map<uint16_t, State>{{5, {0, 100.0}}, {6, {0, 100.0}}, {7, {0, 24.0}}, {8, {0, 100.0}}}),
+              mapState);
+    const auto vecStops = node.host.SentOf(PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST);
+    ASSERT_EQ(1u, vecStops.size());
+    EXPECT_EQ(ZV_Pdu().U16(7).User(me).U32(0).U8(1).b, vecStops[0].data);
+    // The stopped one says where it stands, and that it stays stopped.
+    const auto vecAsks = node.host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST);
+    ASSERT_EQ(1u, vecAsks.size());
+    QB_ByteStream ask(vecAsks[0].data.data(), (int32_t)vecAsks[0].data.size());
+    EXPECT_EQ(7, ask.ReadU16());
+    ask.Skip(8);
+    ZV_FileDownloadInfo asked;
+    LoadDelimited(ask, asked);
+    EXPECT_EQ(1200u, asked.m_ulDownloadPos);
+    EXPECT_EQ(ZV_DLSTATE_STOPPED, asked.m_usState);
+}
