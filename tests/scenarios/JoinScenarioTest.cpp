@@ -387,7 +387,8 @@ TEST_F(JoinScene, ARightChangeTellsTheLocalUserOfTheFilesItCouldNotSee)
         ASSERT_EQ(1u, vecRaised.size()) << row.pszName;
         EXPECT_EQ(row.usRaised, vecRaised[0].usNumber) << row.pszName;
         QB_ByteStream event(vecRaised[0].vbData.data(), (int32_t)vecRaised[0].vbData.size());
-        event.Skip(6);
+        event.Skip(2);
+        EXPECT_EQ(0u, event.ReadU32()) << row.pszName;
         EXPECT_EQ(usClosed, event.ReadU16()) << row.pszName;
     }
 }
