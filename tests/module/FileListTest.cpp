@@ -215,12 +215,28 @@ TEST_F(FileList, TakesOnlyTheRecordsOfDownloadersItDidNotKnow)
     record.SetDownloadPos(1000);
     record.SetActive(true);
     records.arrDownload.Add(record);
+    node.host.AddUser(kBob, kSelf.m_ulMain, "Bob");
+    node.host.m_mapUserConn[{kBob.m_ulMain, kBob.m_ulSub}] = 77;
     Take(records);
     const ZV_FileDownloadInfo* pEntry = Session(1001)->FindDownloadEntry(kBob);
     ASSERT_NE(nullptr, pEntry);
     EXPECT_EQ(1000u, pEntry->m_ulDownloadPos);
     EXPECT_FALSE(pEntry->m_bActive);
+    // Bob, homed here, hears of it in a download list of that one record.
+    const auto vecTold = node.host.SentOf(PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE);
+    ASSERT_EQ(1u, vecTold.size());
+    EXPECT_EQ(77u, vecTold[0].ulConn);
+    QB_ByteStream stream(vecTold[0].data.data(), (int32_t)vecTold[0].data.size());
+    ZV_DownloadListResponse told;
+    told.Load(stream);
+    EXPECT_EQ(kBob, told.user);
+    ASSERT_EQ(1, told.arrInfo.GetSize());
+    EXPECT_EQ(1001, told.arrInfo[0].m_usFileID);
+    EXPECT_EQ(1000u, told.arrInfo[0].m_ulDownloadPos);
+    EXPECT_FALSE(told.arrModify[0]) << "the file is the one the record began with";
+
     records.arrDownload[0].SetDownloadPos(4000);
     Take(records);
     EXPECT_EQ(1000u, Session(1001)->FindDownloadEntry(kBob)->m_ulDownloadPos);
+    EXPECT_TRUE(node.host.SentOf(PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE).empty());
 }

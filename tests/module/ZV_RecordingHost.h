@@ -79,6 +79,7 @@ public:
     bool m_bHasServerLinks = false;
     std::set<uint32_t> m_setLinkedServer;  // server ids with a command link, on connection 900 + id
     std::map<std::pair<uint32_t, uint32_t>, ZV_ConfUserInfo> m_mapUsers;
+    std::map<std::pair<uint32_t, uint32_t>, uint32_t> m_mapUserConn;  // server: a user's command connection
     uint32_t m_ulNextFloodSeq = 100;
     std::set<std::pair<uint64_t, uint32_t>> m_setFloodSeen;
 
@@ -118,7 +119,11 @@ public:
     bool CanShareFiles(const QB_UserID*) override { return true; }
     uint16_t GetFileIDMin() override { return m_usFileIDMin; }
     uint16_t GetFileIDMax() override { return m_usFileIDMax; }
-    uint32_t GetUserConn(const QB_UserID*, uint16_t) override { return zvConnNone; }
+    uint32_t GetUserConn(const QB_UserID* lpUser, uint16_t usType) override
+    {
+        auto it = m_mapUserConn.find({lpUser->m_ulMain, lpUser->m_ulSub});
+        return it == m_mapUserConn.end() || usType != zvConfClientTypeCommand ? zvConnNone : it->second;
+    }
     uint32_t GetServerConn(uint32_t ulServer, uint16_t, uint32_t) override
     {
         return m_setLinkedServer.count(ulServer) ? 900 + ulServer : zvConnNone;
