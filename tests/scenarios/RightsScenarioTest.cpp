@@ -170,4 +170,12 @@ TEST_F(RightsScene, OnlyTheCreatorChangesRightsAndABatchIsTakenOrRefusedWhole)
     EXPECT_EQ(1u, sim.Journal().PdusTo(PDU_CONF_FS_SET_FILES_RIGHT_REQUEST, shape.Server(1)->GetName()).size());
     EXPECT_EQ(2u, Events(lpCarol, zvFsEventFileHidden).size());
     EXPECT_EQ(2u, Events(Bob(), zvFsEventRightChanged).size());
+    for (uint16_t usFileID : aBoth)
+    {
+        ZV_FileShareSession* lpOwn = nullptr;
+        ZV_FileShareMgrPeer::Sessions(*Manager(Alice())).Lookup(usFileID, lpOwn);
+        ASSERT_NE(nullptr, lpOwn);
+        EXPECT_FALSE(lpOwn->BriefInfo().m_bPublic) << "Alice's own record changed with the request";
+        EXPECT_GE(lpOwn->BriefInfo().m_arrRight.Find(bob), 0);
+    }
 }
