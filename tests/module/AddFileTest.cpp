@@ -4,9 +4,11 @@
 
 #include "ZV_AddPdu.h"
 #include "ZV_FileShareMgr.h"
+#include "ZV_FileShareMgrPeer.h"
 #include "ZV_FileShareSession.h"
 
 #include "QB_Env.h"
+#include "QB_FaultEnv.h"
 #include "QB_TestSupport.h"
 
 #include <gtest/gtest.h>
@@ -287,4 +289,46 @@ TEST(AddFile, ABatchAnswerIsCutBeforeTheDescriptionThatWouldFillTheBuffer)
         vecPiece.push_back({part.arrInfo.GetSize(), part.bLast});
     }
     EXPECT_EQ((std::vector<std::pair<int, int>>{{65, 0}, {1, 1}}), vecPiece);
+}
+
+// A batch whose conference folder cannot be made stores nothing: a client's
+// batch is refused with 60 to the asker, a linked server's with 60 to every
+// client, carrying the FileIDs that server gave; neither goes further.
+TEST(AddFile, ABatchWhoseFolderCannotBeMadeIsRefusedWith60AndGoesNoFurther)
+{
+    Node node(true);
+    ASSERT_EQ(0u, node.mgr.Initialize());
+    node.host.m_bHasServerLinks = true;
+    QB_FaultEnv env;
+    QB_ScopedEnv scoped{&env};
+    env.FailAt(QB_EnvOp::MakeFolder, 1, true);
+    struct { uint16_t usConnType; uint16_t usFileID; const char* szRoute; } aCases[] = {
+        {zvConfClientTypeCommand, ZV_NO_FILEID, "link"}, {zvConfServerTypeCommand, 7, "group"}};
+    for (const auto& c : aCases)
+    {
+        node.host.m_vecSent.clear();
+        ZV_AddFilesRequest ask;
+        ask.user = node.host.m_LocalUser;
+        ZV_FileBriefInfo brief;
+        brief.SetFileOldName(QB_StringU8("a.txt"));
+        ask.arrFileID.Add(c.usFileID);
+        ask.arrInfo.Add(brief);
+        Bytes data(QB_PDU_BUFFER_SIZE);
+        QB_ByteStream out(data.data(), (int32_t)data.size(), false);
+        ask.Save(out);
+        data.resize((size_t)out.GetPos());
+        node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, c.usConnType, data);
+
+        ASSERT_EQ(1u, node.host.m_vecSent.size()) << c.szRoute;
+        const ZV_SentPdu& sent = node.host.m_vecSent[0];
+        EXPECT_EQ(PDU_CONF_FS_ADD_FILES_RESPONSE, sent.usPdu);
+        EXPECT_EQ(c.szRoute, sent.sRoute);
+        QB_ByteStream stream(sent.data.data(), (int32_t)sent.data.size());
+        ZV_AddFilesResponse answer;
+        answer.Load(stream);
+        EXPECT_EQ(ZV_ERR_OPEN, answer.ulResult);
+        ASSERT_EQ(1, answer.arrFileID.GetSize());
+        EXPECT_EQ(c.usFileID, answer.arrFileID[0]);
+        EXPECT_EQ(0, ZV_FileShareMgrPeer::Sessions(node.mgr).GetCount());
+    }
 }
