@@ -140,6 +140,20 @@ struct SessionLists : ::testing::Test
     }
 };
 
+// The one 8012 the node sent, for usFileID, and the record it carries.
+::testing::AssertionResult OnlyDataAsk(ZV_RecordingNode& node, uint16_t usFileID, ZV_FileDownloadInfo& asked)
+{
+    const auto vecAsks = node.host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST);
+    if (vecAsks.size() != 1)
+        return ::testing::AssertionFailure() << vecAsks.size() << " data requests";
+    QB_ByteStream ask(vecAsks[0].data.data(), (int32_t)vecAsks[0].data.size());
+    if (ask.ReadU16() != usFileID)
+        return ::testing::AssertionFailure() << "another FileID";
+    ask.Skip(8);
+    LoadDelimited(ask, asked);
+    return ::testing::AssertionSuccess();
+}
+
 } // namespace
 
 // Files whose entries, as counted, fill the buffer to the byte go in one
@@ -294,13 +308,8 @@ TEST_F(SessionLists, AClientGivesUpAListedDownloadWhoseRightIsGone)
     EXPECT_FALSE(std::filesystem::exists(node.tmp.Sub("dl/partial.bin")));
     EXPECT_TRUE(std::filesystem::exists(node.tmp.Sub("dl/finished.bin")));
     EXPECT_EQ(1, ZV_FileShareMgrPeer::BusyFileIDs(node.mgr).GetSize());
-    const auto vecAsks = node.host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST);
-    ASSERT_EQ(1u, vecAsks.size());
-    QB_ByteStream ask(vecAsks[0].data.data(), (int32_t)vecAsks[0].data.size());
-    EXPECT_EQ(7, ask.ReadU16());
-    ask.Skip(8);
     ZV_FileDownloadInfo asked;
-    LoadDelimited(ask, asked);
+    ASSERT_TRUE(OnlyDataAsk(node, 7, asked));
     EXPECT_EQ(1200u, asked.m_ulDownloadPos);
     size_t nStates = 0;
     for (const ZV_RaisedEvent& event : node.host.m_vecEvents)
@@ -404,13 +413,8 @@ TEST_F(SessionLists, AClientTakesItsListedDownloadsAsItsDiskAndItsStopsSay)
     ASSERT_EQ(1u, vecStops.size());
     EXPECT_EQ(ZV_Pdu().U16(7).User(me).U32(0).U8(1).b, vecStops[0].data);
     // The stopped one says where it stands, and that it stays stopped.
-    const auto vecAsks = node.host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST);
-    ASSERT_EQ(1u, vecAsks.size());
-    QB_ByteStream ask(vecAsks[0].data.data(), (int32_t)vecAsks[0].data.size());
-    EXPECT_EQ(7, ask.ReadU16());
-    ask.Skip(8);
     ZV_FileDownloadInfo asked;
-    LoadDelimited(ask, asked);
+    ASSERT_TRUE(OnlyDataAsk(node, 7, asked));
     EXPECT_EQ(1200u, asked.m_ulDownloadPos);
     EXPECT_EQ(ZV_DLSTATE_STOPPED, asked.m_usState);
 }
