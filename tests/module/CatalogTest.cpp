@@ -145,6 +145,13 @@ TEST_F(Catalog, WritesANewRowAsAGuidSectionWithItsKeysInReverseOfTheSetOrderAndU
     Lines updated = expected;
     updated[3] = "FileState=3";
     EXPECT_EQ(updated, Utf16Lines(Ini()));
+
+    // Line ends in a name from a peer, first and last characters included,
+    // become blanks rather than keys of their own.
+    fileInfo.m_BriefInfo.SetFileOldName(QB_StringU8("\nFileID=9\r"));
+    m_catalog.SaveFile(12, fileInfo);
+    updated[10] = "FileOldName= FileID=9 ";
+    EXPECT_EQ(updated, Utf16Lines(Ini()));
 }
 
 TEST_F(Catalog, DeleteFileDropsOnlyItsRowAndDeleteConfTheConferencesRowsAndStoredFiles)
