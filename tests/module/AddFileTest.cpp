@@ -3,6 +3,7 @@
 #include "ZV_RecordingNode.h"
 
 #include "ZV_AddPdu.h"
+#include "ZV_DownloadPdu.h"
 #include "ZV_FileShareMgr.h"
 #include "ZV_FileShareMgrPeer.h"
 #include "ZV_FileShareSession.h"
@@ -14,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <stdexcept>
 
 namespace fs = std::filesystem;
 
@@ -41,6 +43,25 @@ Bytes AddRequest(uint16_t usFileID, const QB_StringU8& sName, uint32_t ulFloodSe
     QB_ByteStream stream(data.data(), (int32_t)data.size(), false);
     ask.Save(stream);
     data.resize((size_t)stream.GetPos());
+    return data;
+}
+
+// 8055 from the node's own user, one description named sName per FileID.
+Bytes BatchRequest(const Node& node, const std::vector<uint16_t>& vecFileID)
+{
+    ZV_AddFilesRequest ask;
+    ask.user = node.host.m_LocalUser;
+    for (uint16_t usFileID : vecFileID)
+    {
+        ZV_FileBriefInfo brief;
+        brief.SetFileOldName(QB_StringU8((std::to_string(usFileID) + ".txt").c_str()));
+        ask.arrFileID.Add(usFileID);
+        ask.arrInfo.Add(brief);
+    }
+    Bytes data(QB_PDU_BUFFER_SIZE);
+    QB_ByteStream out(data.data(), (int32_t)data.size(), false);
+    ask.Save(out);
+    data.resize((size_t)out.GetPos());
     return data;
 }
 
@@ -253,42 +274,47 @@ TEST(AddFile, ClientRefusesTheAnswerForItsOwnFileOnceTheFileWentFromTheDisk)
 // A batch answer is cut before the description that would bring its count
 // to the buffer's size: the count starts at the head of 13 bytes plus 33,
 // and a description counts its bound plus 6. With names of 7 bytes, 64
-// folders of 992 bytes count 1014 each and one of 506 counts 528: 65424 in
-// all, which fill the first piece to 65470, and the next file goes in a
-// second.
+// folders of 992 bytes count 1014 each, 64942 with the start. A 65th
+// description of 528 brings it to 65470 and stays; one of 529 would reach
+// 65471 and goes in the second piece.
 TEST(AddFile, ABatchAnswerIsCutBeforeTheDescriptionThatWouldFillTheBuffer)
 {
-    Node node(true);
-    ASSERT_EQ(0u, node.mgr.Initialize());
-    ZV_AddFilesRequest ask;
-    ask.user = node.host.m_LocalUser;
-    std::vector<size_t> vecFolder(64, 992);
-    vecFolder.push_back(506);
-    vecFolder.push_back(1);
-    for (size_t i = 0; i < vecFolder.size(); ++i)
+    using Pieces = std::vector<std::pair<int, int>>;
+    const std::pair<size_t, Pieces> aCases[] = {{506, {{65, 0}, {1, 1}}}, {507, {{64, 0}, {2, 1}}}};
+    for (const auto& [nFolder, expected] : aCases)
     {
-        ZV_FileBriefInfo brief;
-        brief.SetFilePath(QB_StringU8(std::string(vecFolder[i], 'p').c_str()));
-        brief.SetFileOldName(QB_StringU8((std::to_string(100 + i) + ".txt").c_str()));
-        ask.arrFileID.Add(ZV_NO_FILEID);
-        ask.arrInfo.Add(brief);
-    }
-    Bytes data(QB_PDU_BUFFER_SIZE);
-    QB_ByteStream out(data.data(), (int32_t)data.size(), false);
-    ask.Save(out);
-    data.resize((size_t)out.GetPos());
-    node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, zvConfClientTypeCommand, data);
+        Node node(true);
+        ASSERT_EQ(0u, node.mgr.Initialize());
+        ZV_AddFilesRequest ask;
+        ask.user = node.host.m_LocalUser;
+        std::vector<size_t> vecFolder(64, 992);
+        vecFolder.push_back(nFolder);
+        vecFolder.push_back(1);
+        for (size_t i = 0; i < vecFolder.size(); ++i)
+        {
+            ZV_FileBriefInfo brief;
+            brief.SetFilePath(QB_StringU8(std::string(vecFolder[i], 'p').c_str()));
+            brief.SetFileOldName(QB_StringU8((std::to_string(100 + i) + ".txt").c_str()));
+            ask.arrFileID.Add(ZV_NO_FILEID);
+            ask.arrInfo.Add(brief);
+        }
+        Bytes data(QB_PDU_BUFFER_SIZE);
+        QB_ByteStream out(data.data(), (int32_t)data.size(), false);
+        ask.Save(out);
+        data.resize((size_t)out.GetPos());
+        node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, zvConfClientTypeCommand, data);
 
-    std::vector<std::pair<int, int>> vecPiece;
-    for (const ZV_SentPdu& sent : node.host.SentOf(PDU_CONF_FS_ADD_FILES_RESPONSE))
-    {
-        QB_ByteStream stream(sent.data.data(), (int32_t)sent.data.size());
-        ZV_AddFilesResponse part;
-        part.Load(stream);
-        EXPECT_EQ(0u, part.ulResult);
-        vecPiece.push_back({part.arrInfo.GetSize(), part.bLast});
+        Pieces vecPiece;
+        for (const ZV_SentPdu& sent : node.host.SentOf(PDU_CONF_FS_ADD_FILES_RESPONSE))
+        {
+            QB_ByteStream stream(sent.data.data(), (int32_t)sent.data.size());
+            ZV_AddFilesResponse part;
+            part.Load(stream);
+            EXPECT_EQ(0u, part.ulResult);
+            vecPiece.push_back({part.arrInfo.GetSize(), part.bLast});
+        }
+        EXPECT_EQ(expected, vecPiece) << nFolder;
     }
-    EXPECT_EQ((std::vector<std::pair<int, int>>{{65, 0}, {1, 1}}), vecPiece);
 }
 
 // A batch whose conference folder cannot be made stores nothing: a client's
@@ -307,17 +333,7 @@ TEST(AddFile, ABatchWhoseFolderCannotBeMadeIsRefusedWith60AndGoesNoFurther)
     for (const auto& c : aCases)
     {
         node.host.m_vecSent.clear();
-        ZV_AddFilesRequest ask;
-        ask.user = node.host.m_LocalUser;
-        ZV_FileBriefInfo brief;
-        brief.SetFileOldName(QB_StringU8("a.txt"));
-        ask.arrFileID.Add(c.usFileID);
-        ask.arrInfo.Add(brief);
-        Bytes data(QB_PDU_BUFFER_SIZE);
-        QB_ByteStream out(data.data(), (int32_t)data.size(), false);
-        ask.Save(out);
-        data.resize((size_t)out.GetPos());
-        node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, c.usConnType, data);
+        node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, c.usConnType, BatchRequest(node, {c.usFileID}));
 
         ASSERT_EQ(1u, node.host.m_vecSent.size()) << c.szRoute;
         const ZV_SentPdu& sent = node.host.m_vecSent[0];
@@ -331,4 +347,52 @@ TEST(AddFile, ABatchWhoseFolderCannotBeMadeIsRefusedWith60AndGoesNoFurther)
         EXPECT_EQ(c.usFileID, answer.arrFileID[0]);
         EXPECT_EQ(0, ZV_FileShareMgrPeer::Sessions(node.mgr).GetCount());
     }
+}
+
+// A linked server's batch: each file fetched from that link at once as a
+// server's own download from 0, one 8056 to every client with a position
+// of 0 for each. A host that throws at the first fetch takes back that
+// file only; a file the server held before under the next FileID stays.
+TEST(AddFile, ALinkedServersBatchIsFetchedFileByFileAndAThrowTakesBackOnlyWhatItMade)
+{
+    Node node(true);
+    ASSERT_EQ(0u, node.mgr.Initialize());
+    node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, zvConfServerTypeCommand, BatchRequest(node, {7, 8}));
+
+    const auto vecFetch = node.host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST);
+    ASSERT_EQ(2u, vecFetch.size());
+    for (size_t i = 0; i < vecFetch.size(); ++i)
+    {
+        EXPECT_EQ("link", vecFetch[i].sRoute);
+        EXPECT_EQ(5u, vecFetch[i].ulConn);
+        QB_ByteStream stream(vecFetch[i].data.data(), (int32_t)vecFetch[i].data.size());
+        ZV_DownloadAsk ask;
+        ask.Load(stream);
+        EXPECT_EQ(7 + i, ask.usFileID);
+        EXPECT_EQ(0u, ask.ulPos);
+        EXPECT_EQ(1, ask.bFromServer);
+        EXPECT_EQ(0, ask.bFlooded);
+    }
+    const auto vecTold = node.host.SentOf(PDU_CONF_FS_ADD_FILES_RESPONSE);
+    ASSERT_EQ(1u, vecTold.size());
+    EXPECT_EQ("group", vecTold[0].sRoute);
+    QB_ByteStream stream(vecTold[0].data.data(), (int32_t)vecTold[0].data.size());
+    ZV_AddFilesResponse told;
+    told.Load(stream);
+    EXPECT_EQ(2, told.arrFileID.GetSize());
+    ASSERT_EQ(2, told.arrPos.GetSize());
+    EXPECT_EQ(0u, told.arrPos[0] + told.arrPos[1]);
+    EXPECT_EQ(1, told.bLast);
+
+    ZV_FileShareSession* lpBefore = nullptr;
+    ZV_FileShareMgrPeer::Sessions(node.mgr).Lookup(8, lpBefore);
+    node.host.m_fnOnSend = [](uint16_t usPdu) {
+        if (usPdu == PDU_CONF_FS_DOWNLOAD_REQUEST)
+            throw std::runtime_error("host gone");
+    };
+    node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, zvConfServerTypeCommand, BatchRequest(node, {9, 8}));
+    ZV_FileShareSession* lpAfter = nullptr;
+    EXPECT_FALSE(ZV_FileShareMgrPeer::Sessions(node.mgr).Lookup(9, lpAfter));
+    ASSERT_TRUE(ZV_FileShareMgrPeer::Sessions(node.mgr).Lookup(8, lpAfter));
+    EXPECT_EQ(lpBefore, lpAfter);
 }
