@@ -208,6 +208,10 @@ TEST_F(Catalog, ReadsHandEditedRowsWithoutTrustingThem)
     EXPECT_EQ(QB_DateTimeEx(), b.m_dtShareTime);
     EXPECT_EQ(QB_DateTimeEx(), b.m_dtModifyTime) << "a half-parsed time is not kept";
     EXPECT_EQ(zvFileStateAdded, b.m_usFileState) << "a row without a state is a file just added";
+
+    QB_WriteWholeFile(Ini(), "[s]\r\nConfID=1\r\nFileID=2\r\n");
+    ZV_FileCatalog bare;
+    EXPECT_EQ(0u, Loaded(Opened(bare), 1, 2).m_BriefInfo.m_ulFileLenth) << "a row without a length is empty";
 }
 
 // Every step of a save that can fail: the file beside, its bytes, its sync,

@@ -207,7 +207,9 @@ TEST_F(AddScene, ABatchReachesTheSecondServerWhichStoresItAndServesItsOwnClient)
             QB_Array<ZV_FileBriefInfo> arrInfo;
             LoadSequence(stream, arrInfo);
             EXPECT_EQ(arrFileID.GetSize(), arrInfo.GetSize()) << lpClient->GetName();
-            for (uint32_t n = stream.ReadCount(); n > 0; --n)
+            const uint32_t nRates = stream.ReadCount();
+            EXPECT_EQ((uint32_t)arrFileID.GetSize(), nRates) << lpClient->GetName();
+            for (uint32_t n = nRates; n > 0; --n)
                 EXPECT_EQ(0.0, stream.ReadDouble()) << lpClient->GetName();
         }
         std::sort(vec.begin(), vec.end());
