@@ -248,7 +248,7 @@ TEST_F(Control, StalledServerFileIsLookedAtOnceAfterTwentySecondsAndACompleteOne
 // The user side's stop of a download, and its giving one up: the stop goes
 // with flood number 0 for the server to fill in, and the give-up stops the
 // transfer before it drops the download record.
-TEST_F(Control, ClientStopsADownloadAndGivesOneUpWithTheRequestsOfTheUserSide)
+TEST_F(Control, ClientStopsResumesAndGivesUpADownloadWithTheRequestsOfTheUserSide)
 {
     Make(false);
     host.m_LocalUser = kBob;
@@ -258,14 +258,17 @@ TEST_F(Control, ClientStopsADownloadAndGivesOneUpWithTheRequestsOfTheUserSide)
     local.SetState(ZV_DLSTATE_RUNNING);
     Clear();
     ASSERT_EQ(0u, mgr.FsStopDownload(5));
+    ASSERT_EQ(0u, mgr.FsResumeDownload(5));
     ASSERT_EQ(0u, mgr.FsDelDownload(5, 0));
 
     const Bytes stop = Pdu().U16(5).User(kBob).U32(0).U8(1).b;
+    const Bytes resume = Pdu().U16(5).User(kBob).U32(0).U8(0).b;
     const Bytes drop = Pdu().U16(5).User(kBob).U32(0).b;
     std::vector<std::pair<uint16_t, Bytes>> vecSent;
     for (const ZV_SentPdu& sent : host.m_vecSent)
         vecSent.push_back({sent.usPdu, sent.data});
     EXPECT_EQ((std::vector<std::pair<uint16_t, Bytes>>{{PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST, stop},
+                                                        {PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST, resume},
                                                         {PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST, stop},
                                                         {PDU_CONF_FS_DEL_DOWNLOAD_REQUEST, drop}}),
               vecSent);
