@@ -259,7 +259,9 @@ TEST_F(Control, ClientStopsResumesAndGivesUpADownloadWithTheRequestsOfTheUserSid
     Clear();
     ASSERT_EQ(0u, mgr.FsStopDownload(5));
     ASSERT_EQ(0u, mgr.FsResumeDownload(5));
+    EXPECT_GE(ZV_FileShareMgrPeer::BusyFileIDs(mgr).Find(5), 0) << "resumed";
     ASSERT_EQ(0u, mgr.FsDelDownload(5, 0));
+    EXPECT_LT(ZV_FileShareMgrPeer::BusyFileIDs(mgr).Find(5), 0) << "given up";
 
     const Bytes stop = Pdu().U16(5).User(kBob).U32(0).U8(1).b;
     const Bytes resume = Pdu().U16(5).User(kBob).U32(0).U8(0).b;
