@@ -140,17 +140,21 @@ struct SessionLists : ::testing::Test
     }
 };
 
-// The one 8012 the node sent, for usFileID, and the record it carries.
+// The one 8012 the node sent for usFileID, and the record it carries.
 ::testing::AssertionResult OnlyDataAsk(ZV_RecordingNode& node, uint16_t usFileID, ZV_FileDownloadInfo& asked)
 {
-    const auto vecAsks = node.host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST);
-    if (vecAsks.size() != 1)
-        return ::testing::AssertionFailure() << vecAsks.size() << " data requests";
-    QB_ByteStream ask(vecAsks[0].data.data(), (int32_t)vecAsks[0].data.size());
-    if (ask.ReadU16() != usFileID)
-        return ::testing::AssertionFailure() << "another FileID";
-    ask.Skip(8);
-    LoadDelimited(ask, asked);
+    size_t nFound = 0;
+    for (const ZV_SentPdu& sent : node.host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST))
+    {
+        QB_ByteStream ask(sent.data.data(), (int32_t)sent.data.size());
+        if (ask.ReadU16() != usFileID)
+            continue;
+        ask.Skip(8);
+        LoadDelimited(ask, asked);
+        ++nFound;
+    }
+    if (nFound != 1)
+        return ::testing::AssertionFailure() << nFound << " data requests for " << usFileID;
     return ::testing::AssertionSuccess();
 }
 
@@ -375,7 +379,9 @@ TEST_F(SessionLists, AClientTakesItsListedDownloadsAsItsDiskAndItsStopsSay)
     } aFiles[] = {{5, ZV_DLSTATE_FINISHED, ZV_DLSTATE_FINISHED, 5000},
                   {6, ZV_DLSTATE_FINISHED, ZV_DLSTATE_FINISHED, 0},
                   {7, ZV_DLSTATE_STOPPED, ZV_DLSTATE_RUNNING, 1200},
-                  {8, ZV_DLSTATE_RUNNING, ZV_DLSTATE_RUNNING, 5000}};
+                  {8, ZV_DLSTATE_RUNNING, ZV_DLSTATE_RUNNING, 5000},
+                  {9, ZV_DLSTATE_NEW, ZV_DLSTATE_RUNNING, 0},
+                  {10, ZV_DLSTATE_RUNNING, ZV_DLSTATE_STOPPED, 1000}};
     ZV_DownloadListResponse list;
     list.user = me;
     for (const auto& file : aFiles)
@@ -407,11 +413,22 @@ TEST_F(SessionLists, AClientTakesItsListedDownloadsAsItsDiskAndItsStopsSay)
         mapState[usFileID] = {ulResult, stream.ReadDouble()};
     }
     using State = std::pair<uint32_t, double>;
-    EXPECT_EQ((std::map<uint16_t, State>{{5, {0, 100.0}}, {6, {0, 100.0}}, {7, {0, 24.0}}, {8, {0, 100.0}}}),
+    EXPECT_EQ((std::map<uint16_t, State>{
+                  {5, {0, 100.0}}, {6, {0, 100.0}}, {7, {0, 24.0}}, {8, {0, 100.0}}, {10, {0, 20.0}}}),
               mapState);
+    // A download this client never had an answer for is given up; one it
+    // ran while the server had it stopped is resumed there.
+    const auto vecDrops = node.host.SentOf(PDU_CONF_FS_DEL_DOWNLOAD_REQUEST);
+    ASSERT_EQ(1u, vecDrops.size());
+    EXPECT_EQ(ZV_Pdu().U16(9).User(me).U32(0).b, vecDrops[0].data);
     const auto vecStops = node.host.SentOf(PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST);
-    ASSERT_EQ(1u, vecStops.size());
+    ASSERT_EQ(2u, vecStops.size());
     EXPECT_EQ(ZV_Pdu().U16(7).User(me).U32(0).U8(1).b, vecStops[0].data);
+    EXPECT_EQ(ZV_Pdu().U16(10).User(me).U32(0).U8(0).b, vecStops[1].data);
+    ZV_FileDownloadInfo resumed;
+    ASSERT_TRUE(OnlyDataAsk(node, 10, resumed));
+    EXPECT_EQ(1000u, resumed.m_ulDownloadPos);
+    EXPECT_EQ(ZV_DLSTATE_RUNNING, resumed.m_usState);
     // The stopped one says where it stands, and that it stays stopped.
     ZV_FileDownloadInfo asked;
     ASSERT_TRUE(OnlyDataAsk(node, 7, asked));
