@@ -4,6 +4,7 @@
 #include "ZV_FileShareMgr.h"
 #include "ZV_PduFrame.h"
 #include "ZV_RecordingHost.h"
+#include "ZV_ThrowingHost.h"
 
 #include "QB_Env.h"
 #include "QB_TestSupport.h"
@@ -83,5 +84,83 @@ TEST(HostThrow, EachUserCallGives1AndLogsItsOwnLineInTheDaysErrorLog)
             << entry.path();
     ZV_SetTraceStream(nullptr);
     std::fclose(lpTrace);
+    QB_SetEnvironmentVariable("ROOMCRATE_HOME", nullptr);
+}
+
+// Each entry that catches a throw itself writes a line of its own to the
+// day's error log, so that a host author can tell which road a fault ended.
+// The host throws at its first call, then its second, and so on, until the
+// line is written or the entry makes no more calls; a PDU comes empty.
+TEST(HostThrow, EachEntryThatCatchesAThrowItselfLogsItsOwnLine)
+{
+    using Run = std::function<void(ZV_FileShareMgr&)>;
+    const QB_UserID bob(10002, 0);
+    auto Pdu = [](uint16_t usPdu, uint16_t usConnType, const ZV_PduBuffer* lpPayload = nullptr) -> Run {
+        return [=](ZV_FileShareMgr& mgr) {
+            ConfPduData cpd{};
+            cpd.ulConn = 5;
+            cpd.conn_type = usConnType;
+            cpd.usPdu = usPdu;
+            if (lpPayload != nullptr)
+            {
+                cpd.ulLen = (uint32_t)lpPayload->PayloadLength();
+                cpd.pData = lpPayload->Payload();
+            }
+            mgr.HandlePdu(&cpd);
+        };
+    };
+    ZV_AddResponse answer;
+    answer.usRouteID = answer.usFileID = 5;
+    answer.user = bob;
+    answer.brief.SetCreatorID(bob);
+    answer.brief.SetFileOldName(QB_StringU8("a.bin"));
+    answer.brief.SetPublic(true);
+    ZV_PduBuffer added;
+    answer.Save(added.Stream());
+    const struct
+    {
+        const char* szLine;
+        bool bServer;
+        Run fnRun;
+    } aEntries[] = {
+        {"HandleGetUploadSessionListRequest", true, Pdu(PDU_CONF_GET_UPLOAD_SESSION_LIST_REQUEST, zvConfClientTypeCommand)},
+        {"HandleGetUploadSessionListResponse", false, Pdu(PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE, zvConfClientTypeCommand)},
+        {"HandleGetDownloadSessionListRequest", true, Pdu(PDU_CONF_GET_DOWNLOAD_SESSION_LIST_REQUEST, zvConfClientTypeCommand)},
+        {"HandleGetDownloadSessionListResponse", false, Pdu(PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE, zvConfClientTypeCommand)},
+        {"HandleGetFileListRequest", true, Pdu(PDU_CONF_GET_FILE_LIST_REQUEST, zvConfServerTypeCommand)},
+        {"HandleGetFileListResponse", true, Pdu(PDU_CONF_GET_FILE_LIST_RESPONSE, zvConfServerTypeCommand)},
+        {"HandleDelUploadResponse", false, Pdu(PDU_CONF_FS_DEL_UPLOAD_RESPONSE, zvConfClientTypeCommand)},
+        {"InitCltAddFileInfo", false, Pdu(PDU_CONF_FS_ADD_RESPONSE, zvConfClientTypeCommand, &added)},
+        {"OnConnect", false, [](ZV_FileShareMgr& mgr) { mgr.OnConnect(nullptr, 11, zvConfClientTypeCommand, 0); }},
+        {"OnEvent", true, [](ZV_FileShareMgr& mgr) { mgr.OnEvent(zvConfEventServerLink, 0, 6, 0, 0); }},
+        {"OnEvent #1", true, [&](ZV_FileShareMgr& mgr) { mgr.OnEvent(zvConfEventUserEnter, 0, (uintptr_t)&bob, 0, 0); }},
+        {"SetSessionBusy", false, [](ZV_FileShareMgr& mgr) { mgr.SetSessionBusy(1, 5); }},
+        {"CleanData", true, [](ZV_FileShareMgr& mgr) { mgr.CleanData(); }},
+    };
+    for (const auto& entry : aEntries)
+    {
+        const std::string sLine = std::string("ZV_FileShareMgr::") + entry.szLine + " exception.\r\n";
+        bool bLogged = false;
+        for (int nNth = 1; nNth <= 40 && !bLogged; ++nNth)
+        {
+            QB_TempFolder home;
+            std::filesystem::create_directories(home.Path() + "/log");
+            QB_WriteWholeFile(home.Sub("confsrv.ini"), "[FileShare]\r\nPath=" + home.Sub("store") + "\r\n");
+            QB_SetEnvironmentVariable("ROOMCRATE_HOME", home.Path().c_str());
+            ZV_ThrowingHost host;
+            host.m_bServer = entry.bServer;
+            host.AddUser(host.m_LocalUser, 1, "Alice");
+            host.AddUser(bob, 1, "Bob");
+            ZV_FileShareMgr mgr;
+            host.Attach(&mgr);
+            ASSERT_EQ(0u, mgr.Initialize());
+            host.ThrowAt(nNth);
+            EXPECT_NO_THROW(entry.fnRun(mgr)) << entry.szLine << " at call " << nNth;
+            bLogged = QB_CountInFiles(home.Path() + "/log", sLine) == 1;
+            if (!host.Threw())
+                break;
+        }
+        EXPECT_TRUE(bLogged) << sLine;
+    }
     QB_SetEnvironmentVariable("ROOMCRATE_HOME", nullptr);
 }
