@@ -55,6 +55,9 @@ struct FileList : ::testing::Test
             vecParts.emplace_back();
             vecParts.back().Load(stream);
             EXPECT_LE(sent.data.size(), (size_t)QB_PDU_BUFFER_SIZE);
+            // Nothing in a piece that its reader would drop, such as the
+            // states or positions of files another piece carries.
+            EXPECT_EQ(sent.data, ZV_SavePayloadOf(vecParts.back()));
         }
         return vecParts;
     }

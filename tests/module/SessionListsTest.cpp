@@ -135,6 +135,7 @@ struct SessionLists : ::testing::Test
             QB_ByteStream stream(sent.data.data(), (int32_t)sent.data.size());
             vecParts.emplace_back();
             vecParts.back().Load(stream);
+            EXPECT_EQ(sent.data, ZV_SavePayload(vecParts.back())) << "nothing its reader would drop";
         }
         return vecParts;
     }
