@@ -115,6 +115,15 @@ TEST_F(RightsScene, ANarrowedFileLeavesTheLoserInTheMiddleOfHisDownloadAndOpensT
     ASSERT_EQ(0u, Fs(Alice())->FsSetRight(usFileID, 1, &carol, 1, nullptr, 0));
     ASSERT_TRUE(sim.Run()) << sim.GetError();
     EXPECT_EQ(nQuiet, sim.Journal().Events(zvFsEventRightChanged).size());
+
+    // Carol, first and only of the named, loses the file when her name goes.
+    ASSERT_EQ(0u, Fs(Alice())->FsSetRight(usFileID, 0, &carol, 1, nullptr, 0));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    EXPECT_TRUE(Events(lpCarol, zvFsEventFileHidden).empty());
+    ASSERT_EQ(0u, Fs(Alice())->FsSetRight(usFileID, 0, nullptr, 0, &carol, 1));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    EXPECT_EQ(1u, Events(lpCarol, zvFsEventFileHidden).size());
+    EXPECT_EQ(data, QB_ReadWholeFile(Target(lpCarol, usFileID))) << "finished, so hers to keep";
 }
 
 // Only the creator changes rights: Bob's change of Alice's file comes back
