@@ -369,6 +369,29 @@ TEST_F(ClientDownload, TakesBlocksInOrderIgnoresDuplicatesAndAsksOnceAcrossAGap)
     EXPECT_LT(ZV_FileShareMgrPeer::BusyFileIDs(mgr).Find(5), 0);
 }
 
+// A data link back from a loss makes the client ask for its position; a
+// block past that position meanwhile is one the answer will bring again,
+// so it asks nothing more.
+TEST_F(ClientDownload, AfterItsDataLinkCameBackItAsksForItsPositionOnceAlsoAcrossAGap)
+{
+    Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, Asked(Target(tmp.SubW("dl"), 98305)), 0, 11);
+    const Bytes data = ZV_TestBytes(98305, 2);
+    auto Part = [&](uint32_t ulPos) {
+        return Block(ulPos, Bytes(data.begin() + ulPos, data.begin() + ulPos + 32768));
+    };
+    EXPECT_EQ(0u, Take(Part(0)));
+    mgr.OnConnect(&kBob, 11, zvConfClientTypeCommand, 0);
+    mgr.OnConnect(&kBob, 12, zvConfClientTypeData, 0);
+    mgr.OnDisconnect(&kBob, 12, zvConfClientTypeData, 0);
+    host.m_vecSent.clear();
+    mgr.OnConnect(&kBob, 12, zvConfClientTypeData, 0);
+    const auto vecAsked = host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST);
+    ASSERT_EQ(1u, vecAsked.size());
+    EXPECT_EQ(32768u, RecordOf(vecAsked[0].data).m_ulDownloadPos);
+    EXPECT_EQ(0u, Take(Part(65536)));
+    EXPECT_EQ(1u, host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST).size());
+}
+
 TEST_F(ClientDownload, RefusesABadBlockUnwrittenStopsTheDownloadAndIgnoresTheRest)
 {
     Bytes truncated = Block(0, ZV_TestBytes(50, 4)).b;
