@@ -175,16 +175,16 @@ TEST_F(RightsScene, OnlyTheCreatorChangesRightsAndABatchIsTakenOrRefusedWhole)
     // loses both; Bob is told of both.
     nMark = sim.Journal().Size();
     EXPECT_EQ(0u, Fs(Alice())->FsSetFilesRight(aBoth, 2, 0, &bob, 1, nullptr, 0));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    EXPECT_EQ(1u, sim.Journal().PdusTo(PDU_CONF_FS_SET_FILES_RIGHT_REQUEST, shape.Server(1)->GetName()).size());
-    EXPECT_EQ(2u, Events(lpCarol, zvFsEventFileHidden).size());
-    EXPECT_EQ(2u, Events(Bob(), zvFsEventRightChanged).size());
     for (uint16_t usFileID : aBoth)
     {
         ZV_FileShareSession* lpOwn = nullptr;
         ZV_FileShareMgrPeer::Sessions(*Manager(Alice())).Lookup(usFileID, lpOwn);
         ASSERT_NE(nullptr, lpOwn);
-        EXPECT_FALSE(lpOwn->BriefInfo().m_bPublic) << "Alice's own record changed with the request";
+        EXPECT_FALSE(lpOwn->BriefInfo().m_bPublic) << "Alice's own view changes as the request leaves";
         EXPECT_GE(lpOwn->BriefInfo().m_arrRight.Find(bob), 0);
     }
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    EXPECT_EQ(1u, sim.Journal().PdusTo(PDU_CONF_FS_SET_FILES_RIGHT_REQUEST, shape.Server(1)->GetName()).size());
+    EXPECT_EQ(2u, Events(lpCarol, zvFsEventFileHidden).size());
+    EXPECT_EQ(2u, Events(Bob(), zvFsEventRightChanged).size());
 }
