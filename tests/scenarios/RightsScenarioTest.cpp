@@ -88,6 +88,7 @@ TEST_F(RightsScene, ANarrowedFileLeavesTheLoserInTheMiddleOfHisDownloadAndOpensT
     EXPECT_TRUE(Events(Bob(), zvFsEventRightChanged).empty());
     EXPECT_FALSE(std::filesystem::exists(Target(Bob(), usFileID)));
     EXPECT_TRUE(Events(Bob(), zvFsEventDownloadFinished).empty());
+    EXPECT_LT(ZV_FileShareMgrPeer::BusyFileIDs(*Manager(Bob())).Find(usFileID), 0) << "nothing left to wait for";
     EXPECT_EQ(1u, Events(lpCarol, zvFsEventRightChanged).size());
     EXPECT_EQ(1u, Events(Alice(), zvFsEventRightChanged).size()) << "the creator keeps the file in view";
     EXPECT_TRUE(Events(Alice(), zvFsEventFileHidden).empty());
@@ -111,6 +112,9 @@ TEST_F(RightsScene, ANarrowedFileLeavesTheLoserInTheMiddleOfHisDownloadAndOpensT
     ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
     EXPECT_FALSE(std::filesystem::exists(Target(Bob(), usFileID))) << "his download went with the right";
     EXPECT_TRUE(sim.Journal().Find(blocks).empty());
+    ASSERT_EQ(0u, Download(Bob(), usFileID));
+    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
+    EXPECT_EQ(data, QB_ReadWholeFile(Target(Bob(), usFileID))) << "asked for anew, it comes whole";
     const size_t nQuiet = sim.Journal().Events(zvFsEventRightChanged).size();
     ASSERT_EQ(0u, Fs(Alice())->FsSetRight(usFileID, 1, &carol, 1, nullptr, 0));
     ASSERT_TRUE(sim.Run()) << sim.GetError();
