@@ -7,6 +7,7 @@
 #include "ZV_FileShareMgrPeer.h"
 #include "ZV_FileShareSession.h"
 #include "ZV_FileShareSessionPeer.h"
+#include "ZV_AddPdu.h"
 #include "ZV_ListPdu.h"
 #include "ZV_PayloadCheck.h"
 
@@ -14,6 +15,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -357,6 +359,64 @@ TEST_F(SessionLists, AClientDropsEveryUnlistedFileKeepingOnlyAFinishedDownload)
     EXPECT_EQ(2u, nGone);
     EXPECT_EQ(0u, node.mgr.FsDelDownload(5, 1));
     EXPECT_FALSE(std::filesystem::exists(node.tmp.Sub("dl/finished.bin")));
+}
+
+// Each upload list a client takes is told in 3013 with the files it names
+// and, for each, how much of it the server holds in ten-thousandths (an
+// empty file is whole); nothing of an earlier list comes along.
+TEST_F(SessionLists, AClientTellsEachUploadListWithItsOwnFilesAndHowMuchOfEachTheServerHolds)
+{
+    ZV_RecordingNode node(false);
+    ASSERT_EQ(0u, node.mgr.Initialize());
+    using Told = std::vector<std::pair<uint16_t, double>>;
+    auto Deliver3013 = [&](uint16_t usPdu, const Bytes& data) {
+        node.host.m_vecEvents.clear();
+        Deliver(node, usPdu, data, kBob);
+        Told told;
+        for (const ZV_RaisedEvent& event : node.host.m_vecEvents)
+        {
+            if (event.usEvent != zvFsEventFilesAdded)
+                continue;
+            QB_ByteStream stream(event.data.data(), (int32_t)event.data.size());
+            stream.Skip(6);
+            QB_Array<uint16_t> arrFileID;
+            LoadU16Array(stream, arrFileID);
+            QB_Array<ZV_FileBriefInfo> arrInfo;
+            LoadSequence(stream, arrInfo);
+            EXPECT_EQ(arrFileID.GetSize(), arrInfo.GetSize());
+            EXPECT_EQ((uint32_t)arrFileID.GetSize(), stream.ReadCount());
+            for (int i = 0; i < arrFileID.GetSize(); ++i)
+                told.push_back({arrFileID[i], stream.ReadDouble()});
+        }
+        return told;
+    };
+    auto Take = [&](const std::vector<std::array<uint32_t, 3>>& vecFiles) {
+        ZV_UploadListResponse list;
+        list.user = node.host.m_LocalUser;
+        for (const auto& [ulFileID, ulLength, ulMaxPos] : vecFiles)
+        {
+            ZV_FileBriefInfo brief = Brief(true);
+            brief.SetFileLenth(ulLength);
+            ZV_FileUploadInfo info;
+            info.SetFileID((uint16_t)ulFileID);
+            info.SetBriefInfo(brief);
+            list.arrInfo.Add(info);
+            list.arrMaxPos.Add(ulMaxPos);
+        }
+        return Deliver3013(PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE, ZV_SavePayload(list));
+    };
+    EXPECT_EQ((Told{{5, 2500.0}, {6, 10000.0}}), Take({{5, 4000, 1000}, {6, 0, 0}}));
+    EXPECT_EQ((Told{{7, 5000.0}}), Take({{7, 4000, 2000}}));
+
+    // A batch told after a list carries its own file alone, in percent.
+    ZV_AddFilesResponse batch;
+    batch.user = kAnn;
+    batch.arrFileID.Add(8);
+    batch.arrPos.Add(1000);
+    ZV_FileBriefInfo brief = Brief(true);
+    brief.SetFileLenth(4000);
+    batch.arrInfo.Add(brief);
+    EXPECT_EQ((Told{{8, 25.0}}), Deliver3013(PDU_CONF_FS_ADD_FILES_RESPONSE, ZV_SavePayload(batch)));
 }
 
 // A client takes its own downloads in the list as its disk and its stops
