@@ -151,6 +151,34 @@ TEST(AddFile, KeepsEveryHostileNameInsideTheConferenceFolder)
     EXPECT_TRUE(fs::is_empty(node.tmp.Sub("store/7")));
 }
 
+// A long shared name is cut at a whole character to 245 bytes as the
+// library writes UTF-8 (a surrogate pair as two halves of 3) and to the
+// units the folder leaves; an extension of up to 16 units, dot included,
+// stays behind the cut.
+TEST(AddFile, CutsALongStoredNameAtAWholeCharacterKeepingAShortExtension)
+{
+    const QB_StringW sFolder(u"C:\\s\\");
+    std::u16string sPairs;
+    for (int i = 0; i < 50; ++i)
+        sPairs += u"\xD800\xDC00";
+    const std::u16string sExt = u".eeeeeeeeeeeeeee";
+    const struct
+    {
+        std::u16string sName;
+        std::u16string sStored;
+    } aCases[] = {
+        {std::u16string(300, u'a') + sExt, std::u16string(228, u'a') + sExt},
+        {std::u16string(300, u'a') + u".ffffffffffffffff", std::u16string(244, u'a')},
+        {sPairs, sPairs.substr(0, 80)},
+    };
+    for (const auto& c : aCases)
+    {
+        const QB_StringW sName(c.sName.data(), (int)c.sName.size());
+        const QB_StringW sStored = ZV_FileShareSession::MakeStoredFileName(sFolder, sName);
+        EXPECT_EQ(c.sStored, std::u16string(sStored.GetString(), (size_t)sStored.GetLength())) << c.sName.size();
+    }
+}
+
 namespace {
 
 // The name of the one file a request carries, or "" without a request.
