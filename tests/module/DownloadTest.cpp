@@ -2,10 +2,12 @@
 // client's local file and blocks, the relay's store, against a recording host
 // and a file system that fails on demand.
 #include "ZV_FileShareSessionPeer.h"
+#include "ZV_AddPdu.h"
 #include "ZV_DownloadPdu.h"
 #include "ZV_FileShareMgr.h"
 #include "ZV_FileShareMgrPeer.h"
 #include "ZV_FileShareSession.h"
+#include "ZV_PayloadCheck.h"
 #include "ZV_RecordingHost.h"
 
 #include "QB_FaultEnv.h"
@@ -483,7 +485,13 @@ TEST_F(ClientDownload, AsksAgainFromItsPositionWhenNothingCameForTheWaitWhileThe
     env.SetTick(5000 + ZV_CLIENT_STALL_MS + 1);
     mgr.OnTimer(2);
     EXPECT_TRUE(host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).empty()) << "the server has nothing more";
-    ZV_FileShareSessionPeer::MaxPos(Session()) = 32769;
+    // The server announces the file again, holding a byte more.
+    ZV_AddFilesResponse again;
+    again.user = kAlice;
+    again.arrFileID.Add(5);
+    again.arrPos.Add(32769);
+    again.arrInfo.Add(Session().BriefInfo());
+    Deliver(PDU_CONF_FS_ADD_FILES_RESPONSE, ZV_SavePayload(again), zvConfClientTypeCommand, 11);
     env.SetTick(5000 + ZV_CLIENT_STALL_MS - 1);
     mgr.OnTimer(7);
     EXPECT_TRUE(host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).empty()) << "not waited long enough";
