@@ -245,6 +245,50 @@ TEST_F(Control, StalledServerFileIsLookedAtOnceAfterTwentySecondsAndACompleteOne
     EXPECT_EQ(ZV_FILESTATE_COMPLETE, ZV_FileShareSessionPeer::FileInfo(*lpSession).m_BriefInfo.m_usFileState);
 }
 
+// A client hears in 8022 how much of an upload its server holds: 3008 in
+// percent, and the file complete once the server holds it all. Its
+// creator then is no longer busy with it.
+TEST_F(Control, ClientTakesHowMuchOfAnUploadItsServerHolds)
+{
+    Make(false);
+    for (const QB_UserID& local : {kBob, kAlice})
+    {
+        host.m_LocalUser = local;
+        const bool bCreator = local == kAlice;
+        mgr.SetSessionBusy(1, 5);
+        Clear();
+        Deliver(PDU_CONF_FS_PROGRESSING_RESPONSE, Pdu().U16(5).User(kAlice).U32(250000));
+        if (!bCreator)
+            EXPECT_EQ(ZV_FILESTATE_UPLOADING, lpSession->BriefInfo().m_usFileState);
+        Deliver(PDU_CONF_FS_PROGRESSING_RESPONSE, Pdu().U16(5).User(kAlice).U32(1000000));
+        std::vector<Bytes> vecEvents;
+        for (const auto& event : host.m_vecEvents)
+            vecEvents.push_back(event.data);
+        EXPECT_EQ((std::vector<Bytes>{Pdu().U16(3008).U32(0).U16(5).F64(25.0).b,
+                                      Pdu().U16(3008).U32(0).U16(5).F64(100.0).b}),
+                  vecEvents);
+        EXPECT_EQ(bCreator, ZV_FileShareMgrPeer::BusyFileIDs(mgr).Find(5) < 0);
+        if (!bCreator)
+            EXPECT_EQ(ZV_FILESTATE_COMPLETE, lpSession->BriefInfo().m_usFileState);
+    }
+}
+
+// A client with nothing running is no longer busy with a file once its
+// last transfer lies a stall's wait behind it, to the millisecond.
+TEST_F(Control, ClientIsNoLongerBusyWithAFileAStallAfterItsLastTransfer)
+{
+    Make(false);
+    host.m_LocalUser = kBob;
+    mgr.SetSessionBusy(1, 5);
+    ZV_FileShareSessionPeer::LastIoTick(*lpSession) = 50000;
+    env.SetTick(50000 + ZV_CLIENT_STALL_MS - 1);
+    mgr.OnTimer(2);
+    EXPECT_GE(ZV_FileShareMgrPeer::BusyFileIDs(mgr).Find(5), 0);
+    env.SetTick(50000 + ZV_CLIENT_STALL_MS);
+    mgr.OnTimer(7);
+    EXPECT_LT(ZV_FileShareMgrPeer::BusyFileIDs(mgr).Find(5), 0);
+}
+
 // The user side's stop of a download, and its giving one up: the stop goes
 // with flood number 0 for the server to fill in, and the give-up stops the
 // transfer before it drops the download record.
