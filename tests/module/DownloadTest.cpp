@@ -220,11 +220,15 @@ TEST_F(Download, PushesThreeBlocksPerCallRestsAtTheWritePositionAndGoesOnWhenWok
     OnSend();
     EXPECT_TRUE(host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE).empty()) << "inactive until the data request";
 
+    env.SetTick(10000);
     Deliver(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST, Pdu().U16(5).User(kBob).Record(ZV_FileDownloadInfo()).b);
     ASSERT_EQ(1u, host.SentOf(PDU_CONF_FS_KICK).size());
     EXPECT_EQ(100024u, host.SentOf(PDU_CONF_FS_KICK)[0].ulConn);
 
+    // The time spent counts from the first block, between blocks sent.
+    env.SetTick(11000);
     OnSend();
+    EXPECT_EQ(0u, ZV_FileShareSessionPeer::Downloads(session).Find(kBob)->m_ulUsedTime);
     const Bytes stored = ZV_TestBytes(98305, 1);
     auto vecBlocks = host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE);
     ASSERT_EQ(2u, vecBlocks.size());
@@ -238,7 +242,9 @@ TEST_F(Download, PushesThreeBlocksPerCallRestsAtTheWritePositionAndGoesOnWhenWok
     ZV_FileShareSessionPeer::MaxPos(session) = 98305;
     session.WakeDownloaders(40000);
     EXPECT_EQ(2u, host.SentOf(PDU_CONF_FS_KICK).size());
+    env.SetTick(13000);
     OnSend();
+    EXPECT_EQ(2000u, ZV_FileShareSessionPeer::Downloads(session).Find(kBob)->m_ulUsedTime);
     vecBlocks = host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE);
     ASSERT_EQ(4u, vecBlocks.size());
     EXPECT_EQ(Block(72768, Bytes(stored.begin() + 72768, stored.end())).b, vecBlocks[3].data);
@@ -250,6 +256,13 @@ TEST_F(Download, PushesThreeBlocksPerCallRestsAtTheWritePositionAndGoesOnWhenWok
     ZV_FileShareSessionPeer::FileInfo(session).m_BriefInfo.m_bPublic = false;
     OnSend();
     EXPECT_EQ(4u, host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE).size());
+
+    // A data request that says the download is stopped leaves it stopped.
+    ZV_FileDownloadInfo stopped;
+    stopped.SetStopped(true);
+    Deliver(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST, Pdu().U16(5).User(kBob).Record(stopped).b);
+    EXPECT_TRUE(ZV_FileShareSessionPeer::Downloads(session).Find(kBob)->m_bStopped);
+    EXPECT_EQ(ZV_DLSTATE_STOPPED, ZV_FileShareSessionPeer::Downloads(session).Find(kBob)->m_usState);
 }
 
 namespace {
