@@ -263,6 +263,10 @@ TEST_F(Download, PushesThreeBlocksPerCallRestsAtTheWritePositionAndGoesOnWhenWok
     Deliver(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST, Pdu().U16(5).User(kBob).Record(stopped).b);
     EXPECT_TRUE(ZV_FileShareSessionPeer::Downloads(session).Find(kBob)->m_bStopped);
     EXPECT_EQ(ZV_DLSTATE_STOPPED, ZV_FileShareSessionPeer::Downloads(session).Find(kBob)->m_usState);
+    const auto vecStops = host.SentOf(PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST);
+    ASSERT_FALSE(vecStops.empty());
+    EXPECT_EQ("servers", vecStops.back().sRoute) << "the other servers keep their copy in step";
+    EXPECT_EQ(1, vecStops.back().data.back());
 }
 
 namespace {
