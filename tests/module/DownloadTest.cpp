@@ -269,6 +269,22 @@ TEST_F(Download, PushesThreeBlocksPerCallRestsAtTheWritePositionAndGoesOnWhenWok
     EXPECT_EQ(1, vecStops.back().data.back());
 }
 
+// A store that cannot be read ends the push with 61: on the downloader's
+// command link if it has one, otherwise on the link being sent on, as an
+// empty block.
+TEST_F(Download, AStoreThatCannotBeReadIsToldAsAnEmptyBlockWith61WhereNoCommandLinkIs)
+{
+    AddStoredFile(40000);
+    Deliver(PDU_CONF_FS_DOWNLOAD_REQUEST, Request());
+    Deliver(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST, Pdu().U16(5).User(kBob).Record(ZV_FileDownloadInfo()).b);
+    env.FailAt(QB_EnvOp::Read, 1);
+    OnSend();
+    const auto vecBlocks = host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE);
+    ASSERT_EQ(1u, vecBlocks.size());
+    EXPECT_EQ(100024u, vecBlocks[0].ulConn);
+    EXPECT_EQ(Block(0, {}, 40000, ZV_ERR_IO).b, vecBlocks[0].data);
+}
+
 namespace {
 
 // A client's download of song.ogg (ulLength bytes) into `sFolder`\a.bin.
