@@ -360,12 +360,18 @@ TEST_F(ClientDownload, MakesTheFoldersAndCutsTheLocalFileAtTheEntrysPosition)
 TEST_F(ClientDownload, GivesUpWithTheReasonWhenRefusedOrWhenTheTargetCannotBeMade)
 {
     struct { const char* szName; uint32_t ulServerResult; QB_EnvOp eFault; uint32_t ulResult; } aCases[] = {
-        {"refused", 40, QB_EnvOp::Count_, 40}, {"no folder", 0, QB_EnvOp::MakeFolder, 60}};
+        {"refused", 40, QB_EnvOp::Count_, 40}, {"no folder", 0, QB_EnvOp::MakeFolder, 60},
+        {"cannot be cut", 0, QB_EnvOp::SetEnd, 60}};
     for (const auto& c : aCases)
     {
         host.m_vecSent.clear();
         host.m_vecEvents.clear();
         env.ClearFaults();
+        if (c.eFault == QB_EnvOp::SetEnd)
+        {
+            std::filesystem::create_directories(tmp.Sub(c.szName));
+            QB_WriteWholeFile(tmp.Sub(std::string(c.szName) + "/a.bin"), ZV_TestBytes(10, 3));
+        }
         if (c.eFault != QB_EnvOp::Count_)
             env.FailAt(c.eFault, 1);
         const ZV_FileDownloadInfo record = Target(tmp.SubW(c.szName), 98305);
