@@ -1,6 +1,7 @@
 // Stop, resume, the relay's progress and upload errors on one manager,
 // against a recording host and a clock the test moves.
 #include "ZV_FileShareSessionPeer.h"
+#include "ZV_DownloadPdu.h"
 #include "ZV_FileShareMgr.h"
 #include "ZV_FileShareMgrPeer.h"
 #include "ZV_FileShareSession.h"
@@ -287,6 +288,30 @@ TEST_F(Control, ClientIsNoLongerBusyWithAFileAStallAfterItsLastTransfer)
     env.SetTick(50000 + ZV_CLIENT_STALL_MS);
     mgr.OnTimer(7);
     EXPECT_LT(ZV_FileShareMgrPeer::BusyFileIDs(mgr).Find(5), 0);
+}
+
+// A server told by a peer that the peer is now the file's source forgets
+// that peer's entries and asks it, as a server, for what it lacks, from its
+// own write position and without a flood.
+TEST_F(Control, ServerToldThatAPeerIsTheSourceAsksItForWhatItLacks)
+{
+    Make(true);
+    ZV_FileShareSessionPeer::FileInfo(*lpSession).SetFileWritePos(40000);
+    const QB_UserID peer(2, 0);
+    Clear();
+    Deliver(PDU_CONF_FS_NOTICE_DEL_DOWNLOAD_INFO_REQUEST, Pdu().U16(5).User(peer).U32(77), zvConfServerTypeCommand,
+            900, peer);
+    const auto vecAsks = host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST);
+    ASSERT_EQ(1u, vecAsks.size());
+    EXPECT_EQ(900u, vecAsks[0].ulConn);
+    QB_ByteStream stream(vecAsks[0].data.data(), (int32_t)vecAsks[0].data.size());
+    ZV_DownloadAsk ask;
+    ask.Load(stream);
+    EXPECT_EQ(kSelf, ask.user);
+    EXPECT_EQ(0u, ask.ulFloodSeq);
+    EXPECT_EQ(40000u, ask.ulPos);
+    EXPECT_EQ(1, ask.bFromServer);
+    EXPECT_EQ(0, ask.bFlooded);
 }
 
 // The user side's stop of a download, and its giving one up: the stop goes
