@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <string>
 
 namespace {
@@ -75,6 +76,13 @@ TEST_F(ShareLedger, ADamagedRecordCountsAsEmptyAndAFailedSaveHoldsForThisRunOnly
     EXPECT_TRUE(ledger.Holds(7, Shared("new.txt")));
     EXPECT_FALSE(ZV_ShareLedger().Holds(7, Shared("new.txt")));
     EXPECT_TRUE(ZV_ShareLedger().Holds(7, Shared()));
+
+    // A record that cannot be opened holds nothing, and the day's log says so.
+    std::filesystem::create_directories(m_home.Sub("log"));
+    m_env.FailAt(QB_EnvOp::Open, 1);
+    EXPECT_FALSE(ZV_ShareLedger().Holds(7, Shared()));
+    m_env.ClearFaults();
+    EXPECT_EQ(1u, QB_CountInFiles(m_home.Sub("log"), "ZV_ShareLedger::Load failed.\r\n"));
 }
 
 // A download target outlives the run until the user gives the download up;
