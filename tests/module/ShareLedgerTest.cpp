@@ -111,4 +111,7 @@ TEST_F(ShareLedger, KeepsEachRowOfBothKindsAcrossRunsUntilTheDownloadIsGivenUp)
     ASSERT_TRUE(later.ForgetDownload(7, 42));
     EXPECT_FALSE(ZV_ShareLedger().HoldsDownload(7, 42, sTarget));
     EXPECT_TRUE(ZV_ShareLedger().HoldsDownload(7, 43, QB_StringU8("C:\\d\\x.bin")));
+    // Given up as the first thing of a run, too.
+    ASSERT_TRUE(ZV_ShareLedger().ForgetDownload(7, 43));
+    EXPECT_FALSE(ZV_ShareLedger().HoldsDownload(7, 43, QB_StringU8("C:\\d\\x.bin")));
 }
