@@ -260,7 +260,9 @@ TEST_F(Control, ClientTakesHowMuchOfAnUploadItsServerHolds)
         Clear();
         Deliver(PDU_CONF_FS_PROGRESSING_RESPONSE, Pdu().U16(5).User(kAlice).U32(250000));
         if (!bCreator)
+        {
             EXPECT_EQ(ZV_FILESTATE_UPLOADING, lpSession->BriefInfo().m_usFileState);
+        }
         Deliver(PDU_CONF_FS_PROGRESSING_RESPONSE, Pdu().U16(5).User(kAlice).U32(1000000));
         std::vector<Bytes> vecEvents;
         for (const auto& event : host.m_vecEvents)
@@ -270,7 +272,9 @@ TEST_F(Control, ClientTakesHowMuchOfAnUploadItsServerHolds)
                   vecEvents);
         EXPECT_EQ(bCreator, ZV_FileShareMgrPeer::BusyFileIDs(mgr).Find(5) < 0);
         if (!bCreator)
+        {
             EXPECT_EQ(ZV_FILESTATE_COMPLETE, lpSession->BriefInfo().m_usFileState);
+        }
     }
 }
 
