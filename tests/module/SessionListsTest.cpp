@@ -419,6 +419,24 @@ TEST_F(SessionLists, AClientTellsEachUploadListWithItsOwnFilesAndHowMuchOfEachTh
     EXPECT_EQ((Told{{8, 25.0}}), Deliver3013(PDU_CONF_FS_ADD_FILES_RESPONSE, ZV_SavePayload(batch)));
 }
 
+// A server's view is its store: an upload list sent to it is taken as
+// handled and changes nothing.
+TEST_F(SessionLists, AServerTakesNoUploadListFromAnyone)
+{
+    ZV_RecordingNode node(true);
+    ASSERT_EQ(0u, node.mgr.Initialize());
+    ZV_UploadListResponse list;
+    list.user = kBob;
+    ZV_FileUploadInfo info;
+    info.SetFileID(5);
+    info.SetBriefInfo(Brief(true));
+    list.arrInfo.Add(info);
+    list.arrMaxPos.Add(0);
+    EXPECT_EQ(0u, Deliver(node, PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE, ZV_SavePayload(list), kBob));
+    EXPECT_EQ(0, ZV_FileShareMgrPeer::Sessions(node.mgr).GetCount());
+    EXPECT_TRUE(node.host.m_vecEvents.empty());
+}
+
 // The creator's client keeps a stop of its upload that the server has not
 // heard of, and tells the server, with flood 0 for the server to fill in.
 TEST_F(SessionLists, TheCreatorsClientKeepsAStopTheServerMissedAndTellsItSo)
