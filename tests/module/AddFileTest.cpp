@@ -7,6 +7,7 @@
 #include "ZV_FileShareMgr.h"
 #include "ZV_FileShareMgrPeer.h"
 #include "ZV_FileShareSession.h"
+#include "ZV_PayloadCheck.h"
 
 #include "QB_Env.h"
 #include "QB_FaultEnv.h"
@@ -58,11 +59,7 @@ Bytes BatchRequest(const Node& node, const std::vector<uint16_t>& vecFileID)
         ask.arrFileID.Add(usFileID);
         ask.arrInfo.Add(brief);
     }
-    Bytes data(QB_PDU_BUFFER_SIZE);
-    QB_ByteStream out(data.data(), (int32_t)data.size(), false);
-    ask.Save(out);
-    data.resize((size_t)out.GetPos());
-    return data;
+    return ZV_SavePayload(ask);
 }
 
 ZV_AddResponse ParseResponse(const Bytes& data)
@@ -326,11 +323,7 @@ TEST(AddFile, ABatchAnswerIsCutBeforeTheDescriptionThatWouldFillTheBuffer)
             ask.arrFileID.Add(ZV_NO_FILEID);
             ask.arrInfo.Add(brief);
         }
-        Bytes data(QB_PDU_BUFFER_SIZE);
-        QB_ByteStream out(data.data(), (int32_t)data.size(), false);
-        ask.Save(out);
-        data.resize((size_t)out.GetPos());
-        node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, zvConfClientTypeCommand, data);
+        node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, zvConfClientTypeCommand, ZV_SavePayload(ask));
 
         Pieces vecPiece;
         for (const ZV_SentPdu& sent : node.host.SentOf(PDU_CONF_FS_ADD_FILES_RESPONSE))
