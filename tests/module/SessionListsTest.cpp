@@ -419,6 +419,34 @@ TEST_F(SessionLists, AClientTellsEachUploadListWithItsOwnFilesAndHowMuchOfEachTh
     EXPECT_EQ((Told{{8, 25.0}}), Deliver3013(PDU_CONF_FS_ADD_FILES_RESPONSE, ZV_SavePayload(batch)));
 }
 
+// A user who enters at this server is sent both lists on the command
+// connection unasked; one homed on another server is its server's to serve.
+TEST_F(SessionLists, AServerPushesBothListsToAUserWhoEntersThereOnly)
+{
+    ZV_RecordingNode node(true);
+    ASSERT_EQ(0u, node.mgr.Initialize());
+    node.host.AddUser(kBob, node.host.m_ulServerID, "Bob");
+    node.host.AddUser(kCarol, node.host.m_ulServerID + 1, "Carol");
+    node.host.m_mapUserConn[{kBob.m_ulMain, kBob.m_ulSub}] = 33;
+    node.host.m_mapUserConn[{kCarol.m_ulMain, kCarol.m_ulSub}] = 34;
+    AddFile(node, 5, Brief(true)).SetDownloadInfo(kBob, Record(5, "C:\\dl\\", "5.bin", ZV_DLSTATE_RUNNING));
+    AddFile(node, 6, Brief(true)).SetDownloadInfo(kCarol, Record(6, "C:\\dl\\", "6.bin", ZV_DLSTATE_RUNNING));
+
+    EXPECT_EQ(0u, node.mgr.OnEvent(zvConfEventUserEnter, 0, (uintptr_t)&kCarol, 0, 0));
+    EXPECT_TRUE(node.host.m_vecSent.empty());
+
+    EXPECT_EQ(0u, node.mgr.OnEvent(zvConfEventUserEnter, 0, (uintptr_t)&kBob, 0, 0));
+    const auto vecUploads = Pieces<ZV_UploadListResponse>(node, PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE);
+    const auto vecDownloads = Pieces<ZV_DownloadListResponse>(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE);
+    ASSERT_EQ(1u, vecUploads.size());
+    ASSERT_EQ(1u, vecDownloads.size());
+    EXPECT_EQ(2, vecUploads[0].arrInfo.GetSize());
+    ASSERT_EQ(1, vecDownloads[0].arrInfo.GetSize());
+    EXPECT_EQ(5, vecDownloads[0].arrInfo[0].m_usFileID);
+    for (const ZV_SentPdu& sent : node.host.m_vecSent)
+        EXPECT_EQ(33u, sent.ulConn) << sent.usPdu;
+}
+
 // A server's view is its store: an upload list sent to it is taken as
 // handled and changes nothing.
 TEST_F(SessionLists, AServerTakesNoUploadListFromAnyone)

@@ -346,9 +346,14 @@ TEST_F(JoinScene, ARightChangeTellsTheLocalUserOfTheFilesItCouldNotSee)
     std::filesystem::create_directories(tmp.Sub("alice"));
     QB_WriteWholeFile(tmp.Sub("alice/closed.bin"), ZV_RandomBytes(1000, 4));
     ASSERT_EQ(0u, Fs(Alice())->FsAdd(ZV_Wide(tmp.Sub("alice/closed.bin")).c_str(), nullptr, 0, 0, 1));
+    // Bob first among those allowed: a file he may see already is not told.
+    QB_WriteWholeFile(tmp.Sub("alice/granted.bin"), ZV_RandomBytes(1000, 5));
+    const QB_UserID aGranted[] = {Bob()->GetUserID(), Alice()->GetUserID()};
+    ASSERT_EQ(0u, Fs(Alice())->FsAdd(ZV_Wide(tmp.Sub("alice/granted.bin")).c_str(), aGranted, 2, 0, 1));
     ASSERT_TRUE(sim.Run()) << sim.GetError();
     const auto vecAdded = Events(Alice(), zvFsEventFileAdded);
-    QB_ByteStream stream(vecAdded.back().vbData.data(), (int32_t)vecAdded.back().vbData.size());
+    ASSERT_GE(vecAdded.size(), 2u);
+    QB_ByteStream stream(vecAdded[vecAdded.size() - 2].vbData.data(), (int32_t)vecAdded[vecAdded.size() - 2].vbData.size());
     stream.Skip(6);
     const uint16_t usClosed = stream.ReadU16();
     ASSERT_NE(usOpen, usClosed);
