@@ -220,13 +220,15 @@ void ZV_FileShareMgr::ReportPendingFiles()
     QB_Array<ZV_FileBriefInfo> arrInfo;
     TakePendingFiles(arrFileID, arrRate, arrInfo);
     const int nCount = std::max({arrFileID.GetSize(), arrRate.GetSize(), arrInfo.GetSize()});
+    // The three counts are reckoned at their longest, so an estimate that
+    // meets the buffer to the byte still fits it.
     constexpr uint32_t kHead = 2 + 4 + 3 * 5;
     int nFrom = 0;
     uint32_t ulSize = kHead;
     for (int i = 0; i <= nCount; ++i)
     {
         const uint32_t ulEntry = i < arrInfo.GetSize() ? arrInfo[i].GetSaveSize() + 4 + 2 + 8 : 2 + 8;
-        if (i < nCount && (ulSize + ulEntry < (uint32_t)QB_PDU_BUFFER_SIZE || i == nFrom))
+        if (i < nCount && (ulSize + ulEntry <= (uint32_t)QB_PDU_BUFFER_SIZE || i == nFrom))
         {
             ulSize += ulEntry;
             continue;

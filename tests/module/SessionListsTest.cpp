@@ -447,6 +447,63 @@ TEST_F(SessionLists, AServerPushesBothListsToAUserWhoEntersThereOnly)
         EXPECT_EQ(33u, sent.ulConn) << sent.usPdu;
 }
 
+// A batch gathered over several 8056s is told in as few 3013 events as the
+// event buffer holds: files whose entries, as counted, fill it to the byte
+// are one event; one file more makes two, the second holding one file. A
+// file the answer gives no position for is told at 0.
+TEST_F(SessionLists, ABatchThatFillsTheEventBufferIsOneEventAndOneFileMoreIsTwo)
+{
+    auto Named = [](int n) {
+        ZV_FileBriefInfo brief = Brief(true);
+        brief.SetFileOldName(QB_StringU8(std::string((size_t)n, 'n').c_str()));
+        return brief;
+    };
+    // Event number, result, and three counts of at most five bytes each.
+    const std::vector<int> vecName =
+        NamesThatFill(2 + 4 + 3 * 5, [&](int n) { return Named(n).GetSaveSize() + 4 + 2 + 8; });
+    auto Told = [&](ZV_RecordingNode& node, uint16_t usFirst, size_t nFiles) {
+        for (size_t i = 0; i < nFiles; ++i)
+        {
+            ZV_AddFilesResponse piece;
+            piece.user = kAnn;
+            piece.arrFileID.Add((uint16_t)(usFirst + i));
+            piece.arrInfo.Add(Named(i < vecName.size() ? vecName[i] : 1));
+            piece.bLast = i + 1 == nFiles;
+            Deliver(node, PDU_CONF_FS_ADD_FILES_RESPONSE, ZV_SavePayload(piece), kAnn);
+        }
+        std::vector<std::pair<int, std::vector<double>>> vecTold;
+        for (const ZV_RaisedEvent& event : node.host.m_vecEvents)
+        {
+            if (event.usEvent != zvFsEventFilesAdded)
+                continue;
+            EXPECT_LE(event.data.size(), (size_t)QB_PDU_BUFFER_SIZE);
+            QB_ByteStream stream(event.data.data(), (int32_t)event.data.size());
+            stream.Skip(6);
+            QB_Array<uint16_t> arrFileID;
+            LoadU16Array(stream, arrFileID);
+            QB_Array<ZV_FileBriefInfo> arrInfo;
+            LoadSequence(stream, arrInfo);
+            std::vector<double> vecRate(stream.ReadCount());
+            for (double& dRate : vecRate)
+                dRate = stream.ReadDouble();
+            vecTold.push_back({arrFileID.GetSize(), vecRate});
+        }
+        return vecTold;
+    };
+    ZV_RecordingNode node(false);
+    ASSERT_EQ(0u, node.mgr.Initialize());
+    auto vecTold = Told(node, 1, vecName.size());
+    ASSERT_EQ(1u, vecTold.size());
+    EXPECT_EQ((int)vecName.size(), vecTold[0].first);
+    EXPECT_EQ(std::vector<double>(vecName.size(), 0.0), vecTold[0].second);
+
+    node.host.m_vecEvents.clear();
+    vecTold = Told(node, 100, vecName.size() + 1);
+    ASSERT_EQ(2u, vecTold.size());
+    EXPECT_EQ((int)vecName.size(), vecTold[0].first);
+    EXPECT_EQ(1, vecTold[1].first);
+}
+
 // A server's view is its store: an upload list sent to it is taken as
 // handled and changes nothing.
 TEST_F(SessionLists, AServerTakesNoUploadListFromAnyone)
