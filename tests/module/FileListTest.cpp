@@ -194,9 +194,16 @@ TEST_F(FileList, TakesAPeersNewFilesOnceFetchesWhatItLacksAndSavesThemInOneWrite
     Take(part);
     EXPECT_TRUE(node.host.m_vecSent.empty());
     EXPECT_EQ(nRenames + 1, env.GetCount(QB_EnvOp::Rename));
+    // After a lost server link the list is set against what this server
+    // holds once: the creator's server tells where each upload stands.
+    node.host.AddUser(QB_UserID(20001, 0), kSelf.m_ulMain, "Ann");
+    node.host.m_bHasServerLinks = true;
     node.mgr.OnDisconnect(&kPeer, 5, zvConfServerTypeCommand, 0);
     Take(part);
     EXPECT_EQ(5000u, Session(1001)->MaxPos());
+    EXPECT_EQ(2u, node.host.SentOf(PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST).size());
+    Take(part);
+    EXPECT_TRUE(node.host.m_vecSent.empty());
 }
 
 // A record of a downloader this server already lists changes nothing; a
