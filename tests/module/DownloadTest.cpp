@@ -467,10 +467,18 @@ TEST_F(Download, RelayWritesIntoItsOwnStoreWhateverPathTheRecordNames)
     ZV_FileShareSession& session = AddStoredFile(0);
     ZV_FileShareSessionPeer::ServerFile(session).Close();
     const QB_UserID self(1, 0), upstream(2, 0);
-    ZV_FileDownloadInfo record = Target(QB_StringW(u"C:\\elsewhere"), 98305);
+    // The upstream's record names another folder and a length of its own.
+    ZV_FileDownloadInfo record = Target(QB_StringW(u"C:\\elsewhere"), 4096);
     record.SetUserID(self);
     Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, Answer(record, 0, self), zvConfServerTypeCommand, 20, upstream);
-    ASSERT_EQ(1u, host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST).size());
+    const auto vecAsks = host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST);
+    ASSERT_EQ(1u, vecAsks.size());
+    QB_ByteStream ask(vecAsks[0].data.data(), (int32_t)vecAsks[0].data.size());
+    ask.Skip(2 + 8);
+    ZV_FileDownloadInfo asked;
+    LoadDelimited(ask, asked);
+    EXPECT_EQ(98305u, asked.m_ulFileLenth);
+    EXPECT_EQ(QB_StringW(QB_ToWindowsPath(tmp.Sub("7/song.ogg"))), QB_StringW(asked.m_sFilePath + asked.m_sFileName));
 
     const Bytes data = ZV_TestBytes(98305, 5);
     for (uint32_t ulPos : {0u, 32768u, 65536u, 98304u})
