@@ -243,6 +243,8 @@ TEST(AddFile, RefusesBeforeSendingAPathTheRecordsOrTheCatalogueCannotHold)
         {"a folder and no name", false, sTmp, u"", ZV_ERR_OPEN},
         {"a batch name with a backslash", true, sTmp, u"sub\\b.txt", ZV_ERR_OPEN},
         {"a batch name with a slash", true, sTmp, u"sub/b.txt", ZV_ERR_OPEN},
+        {"a batch name that starts with a backslash", true, sTmp, u"\\c.txt", ZV_ERR_OPEN},
+        {"a batch name that starts with a slash", true, sTmp, u"/d.txt", ZV_ERR_OPEN},
         {"an empty batch name", true, sTmp, u"", ZV_ERR_OPEN},
     };
     for (const auto& row : aRows)
