@@ -58,9 +58,8 @@ QB_Array<QB_UserID> RightsOf(const QB_UserID* pRight, uint32_t nRight)
     return arrRight;
 }
 
-uint32_t FsAddFailed(QB_FileEx& file, uint32_t ulResult)
+uint32_t FsAddFailed(uint32_t ulResult)
 {
-    file.Close();
     QB_WriteClientLog("ZV_File.FsAdd ret = %d\r\n", (int)ulResult);
     return ulResult;
 }
@@ -85,29 +84,28 @@ uint32_t ZV_FileShareMgr::FsAdd(const char16_t* szPath, const QB_UserID* pRight,
     QB_FileEx file;
     // A rights list too long for one PDU ends in the guard, not in the
     // caller: an exception that crossed into the host's user side would end
-    // a program that never saw this module's types. The file is closed on
-    // every road.
+    // a program that never saw this module's types. The file closes as it
+    // goes out of scope, on every road.
     const uint32_t ulResult = GuardFs("ZV_FileShareMgr::FsAdd exception.\r\n", [&]() -> uint32_t {
         const QB_StringW sPath = QB_WithBackslashes(szPath);
         if (!file.Open(sPath, QB_FILE_READ | QB_FILE_SHARE_DENY_WRITE | QB_FILE_OPEN_EXISTING))
-            return FsAddFailed(file, ZV_ERR_OPEN);
+            return FsAddFailed(ZV_ERR_OPEN);
         // A path the records or the catalogue can't hold would make a share
         // with an empty or changed name, whose bytes could never be found.
         if (ZV_CheckSharePath(file.GetFullPath(), true) != ZV_SharePathProblem::None)
-            return FsAddFailed(file, ZV_ERR_OPEN);
+            return FsAddFailed(ZV_ERR_OPEN);
         const ZV_ConfUserInfo* lpUser = m_lpConf->GetUser(m_lpConf->GetLocalUserID());
         if (lpUser == nullptr)
-            return FsAddFailed(file, ZV_ERR_NOT_IN_CONF);
+            return FsAddFailed(ZV_ERR_NOT_IN_CONF);
         ZV_FileBriefInfo brief;
         FillBrief(brief, m_lpConf, *lpUser, file, sPath, RightsOf(pRight, nRight), bPublic);
         brief.SetFilePath(ThroughAnsi(sPath.Left(sPath.ReverseFind(u'\\') + 1)));
         const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
         if (ulConn == zvConnNone)
-            return FsAddFailed(file, ZV_ERR_NO_CONN);
+            return FsAddFailed(ZV_ERR_NO_CONN);
         m_ShareLedger.Remember(m_lpConf->GetConfID(), brief);
         return SendAddRequest(ulConn, ZV_NO_FILEID, *m_lpConf->GetLocalUserID(), 0, brief, bStartUpload);
     });
-    file.Close();
     return ulResult;
 }
 

@@ -78,7 +78,10 @@ TEST(AddFile, ClientSendsItsRequestWithTheFileInWindowsForm)
     const std::string sPath = node.tmp.Sub("report.doc");
     QB_WriteWholeFile(sPath, "12345");
     const std::u16string sWide(sPath.begin(), sPath.end());
+    QB_DateTimeEx dtBefore, dtAfter;
+    dtBefore.SetToNow();
     ASSERT_EQ(0u, node.mgr.FsAdd(sWide.c_str(), nullptr, 0, 1, 1));
+    dtAfter.SetToNow();
 
     ASSERT_EQ(1u, node.host.m_vecSent.size());
     const ZV_SentPdu& sent = node.host.m_vecSent[0];
@@ -97,6 +100,8 @@ TEST(AddFile, ClientSendsItsRequestWithTheFileInWindowsForm)
     EXPECT_EQ(5u, ask.brief.m_ulFileLenth);
     EXPECT_EQ(0u, ask.brief.m_ullMask & ZV_BRIEF_RIGHT) << "a public file carries no rights";
     EXPECT_TRUE(ask.brief.IsSameLocalFile());
+    const QB_StringA sShared = ask.brief.m_dtShareTime.ToText(2);
+    EXPECT_TRUE(sShared == dtBefore.ToText(2) || sShared == dtAfter.ToText(2)) << "shared now: " << sShared.GetString();
 }
 
 TEST(AddFile, ServerAnswersAllClientsAndFloodsTheFinalFileIDAndFloodNumber)
