@@ -296,7 +296,7 @@ TEST_F(Control, ClientIsNoLongerBusyWithAFileAStallAfterItsLastTransfer)
 
 // A server told by a peer that the peer is now the file's source forgets
 // that peer's entries and asks it, as a server, for what it lacks, from its
-// own write position and without a flood.
+// own write position and without a flood, once for each flood.
 TEST_F(Control, ServerToldThatAPeerIsTheSourceAsksItForWhatItLacks)
 {
     Make(true);
@@ -316,6 +316,10 @@ TEST_F(Control, ServerToldThatAPeerIsTheSourceAsksItForWhatItLacks)
     EXPECT_EQ(40000u, ask.ulPos);
     EXPECT_EQ(1, ask.bFromServer);
     EXPECT_EQ(0, ask.bFlooded);
+    EXPECT_EQ(QB_StringU8("C:\\Store\\7\\song.ogg"), ask.sPath);
+    Deliver(PDU_CONF_FS_NOTICE_DEL_DOWNLOAD_INFO_REQUEST, Pdu().U16(5).User(peer).U32(77), zvConfServerTypeCommand,
+            900, peer);
+    EXPECT_EQ(1u, host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size()) << "the same flood again asks nothing";
 }
 
 // The user side's stop of a download, and its giving one up: the stop goes

@@ -428,6 +428,7 @@ TEST_F(ClientDownload, AfterItsDataLinkCameBackItAsksForItsPositionOnceAlsoAcros
     mgr.OnConnect(&kBob, 12, zvConfClientTypeData, 0);
     const auto vecAsked = host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST);
     ASSERT_EQ(1u, vecAsked.size());
+    EXPECT_TRUE(vecAsked[0].sRoute == "link" && vecAsked[0].ulConn == 11u) << "on the command link";
     EXPECT_EQ(32768u, RecordOf(vecAsked[0].data).m_ulDownloadPos);
     EXPECT_EQ(0u, Take(Part(65536)));
     EXPECT_EQ(1u, host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST).size());

@@ -522,34 +522,6 @@ TEST_F(SessionLists, AServerTakesNoUploadListFromAnyone)
     EXPECT_TRUE(node.host.m_vecEvents.empty());
 }
 
-// The creator's client keeps a stop of its upload that the server has not
-// heard of, and tells the server, with flood 0 for the server to fill in.
-TEST_F(SessionLists, TheCreatorsClientKeepsAStopTheServerMissedAndTellsItSo)
-{
-    ZV_RecordingNode node(false);
-    ASSERT_EQ(0u, node.mgr.Initialize());
-    const QB_UserID me = node.host.m_LocalUser;
-    ZV_FileBriefInfo brief = Brief(true);
-    brief.SetCreatorID(me);
-    brief.SetFileState(ZV_FILESTATE_STOPPED);
-    ZV_FileShareSession& session = AddFile(node, 5, brief);
-    brief.SetFileState(ZV_FILESTATE_UPLOADING);
-    ZV_UploadListResponse list;
-    list.user = me;
-    ZV_FileUploadInfo info;
-    info.SetFileID(5);
-    info.SetBriefInfo(brief);
-    info.SetFileWritePos(1200);
-    list.arrInfo.Add(info);
-    list.arrMaxPos.Add(1200);
-    Deliver(node, PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE, ZV_SavePayload(list), kBob);
-
-    EXPECT_EQ(ZV_FILESTATE_STOPPED, session.BriefInfo().m_usFileState);
-    const auto vecStops = node.host.SentOf(PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST);
-    ASSERT_EQ(1u, vecStops.size());
-    EXPECT_EQ(ZV_Pdu().U16(5).User(me).U32(0).U8(1).U32(1200).b, vecStops[0].data);
-}
-
 // A client takes its own downloads in the list as its disk and its stops
 // say: a finished one whose file is whole stays finished, one whose file
 // was moved away is no failure, one that arrived whole while the link was

@@ -68,6 +68,7 @@ TEST_F(CascadeScene, AFileSharedAtOneEndIsStoredOnEveryServerAndDownloadedAtTheO
     ASSERT_EQ(0u, Download(Erin(), usFileID));
     ASSERT_TRUE(sim.Run()) << sim.GetError();
     EXPECT_EQ(data, QB_ReadWholeFile(Target(Erin(), usFileID)));
+    EXPECT_EQ(1u, Events(Erin(), zvFsEventDownloadFinished).size());
     for (int n = 1; n <= 3; ++n)
     {
         EXPECT_EQ(data, StoredBytes(n, usFileID)) << n;
@@ -75,6 +76,13 @@ TEST_F(CascadeScene, AFileSharedAtOneEndIsStoredOnEveryServerAndDownloadedAtTheO
         ASSERT_TRUE(Row(Server(n), usFileID, row)) << n;
         EXPECT_EQ(ZV_FILESTATE_COMPLETE, row.m_BriefInfo.m_usFileState) << n;
     }
+    // Each server passes the blocks on over its data link to the next, and
+    // only the first hears from Alice.
+    const auto vecPassed = sim.Journal().Pdus(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, Server(1)->GetName());
+    EXPECT_FALSE(vecPassed.empty());
+    for (const auto& entry : vecPassed)
+        EXPECT_EQ(ZV_SimRoute::OnLink, entry.eRoute);
+    EXPECT_TRUE(sim.Journal().PdusTo(PDU_CONF_FS_UPLOAD_REQUEST, Server(2)->GetName()).empty());
 }
 
 TEST_F(CascadeScene, TheMiddleServerCutOffDuringTheUploadCatchesUpWhenItsLinksComeBack)

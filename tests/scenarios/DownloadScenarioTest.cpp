@@ -59,66 +59,6 @@ TEST_F(DownloadScene, EveryFileAroundTheBlockEdgesArrivesByteIdenticalInTheStore
         EXPECT_TRUE(Events(lpClient, zvFsEventTransferError).empty()) << lpClient->GetName();
 }
 
-TEST_F(DownloadScene, GoesOnFromTheLocalPositionAfterTheDataLinkComesBack)
-{
-    Build(false);
-    ZV_SimHost* lpBob = Bob();
-    ZV_SimLink* lpBobLink = sim.GetClientLink(lpBob);
-    const ZV_Bytes data = ZV_RandomBytes(4 * 1024 * 1024, 4);
-    const uint16_t usFileID = Share("long.bin", data);
-    ASSERT_EQ(0u, Download(lpBob, usFileID));
-    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, lpBob, 40));
-    ASSERT_TRUE(sim.Cut(lpBobLink, zvConfClientTypeData));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    const size_t nHad = QB_ReadWholeFile(Target(lpBob, usFileID)).size();
-    ASSERT_LT(nHad, data.size());
-
-    const size_t nFrom = sim.Journal().Size();
-    ASSERT_TRUE(sim.Restore(lpBobLink, zvConfClientTypeData));
-    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
-    EXPECT_EQ(data, QB_ReadWholeFile(Target(lpBob, usFileID)));
-    // Bob said where he stood, on his command link, and the server went on
-    // from there.
-    ZV_SimFilter filter;
-    filter.usNumber = PDU_CONF_FS_DOWNLOAD_DATA_REQUEST;
-    filter.sNode = lpBob->GetName();
-    filter.nFrom = nFrom;
-    const auto vecStated = sim.Journal().Find(filter);
-    ASSERT_EQ(1u, vecStated.size());
-    EXPECT_EQ(ZV_SimRoute::Pdu, vecStated[0].eRoute);
-    QB_ByteStream stream(vecStated[0].vbData.data(), (int32_t)vecStated[0].vbData.size());
-    stream.Skip(10);
-    ZV_FileDownloadInfo stated;
-    LoadDelimited(stream, stated);
-    EXPECT_EQ(nHad, stated.m_ulDownloadPos);
-    EXPECT_EQ(1u, Events(lpBob, zvFsEventDownloadFinished).size());
-}
-
-TEST_F(DownloadScene, ARelayServerFetchesIntoItsStoreAndServesItsOwnClient)
-{
-    Build(true);
-    ZV_SimHost* lpCarol = shape.Client(2);
-    const ZV_Bytes data = ZV_RandomBytes(300000, 6);
-    const uint16_t usFileID = Share("far.bin", data);
-    ASSERT_EQ(0u, Download(lpCarol, usFileID));
-    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
-
-    EXPECT_EQ(data, QB_ReadWholeFile(Target(lpCarol, usFileID)));
-    EXPECT_EQ(1u, Events(lpCarol, zvFsEventDownloadFinished).size());
-    for (ZV_SimHost* lpServer : shape.vecServers)
-    {
-        ZV_FileUploadInfo row;
-        ASSERT_TRUE(Row(lpServer, usFileID, row)) << lpServer->GetName();
-        EXPECT_EQ(data, QB_ReadWholeFile(Stored(lpServer, row))) << lpServer->GetName();
-    }
-    // Server 1 pushed to server 2 over their data link, and server 2 to
-    // Carol; Alice sent server 2 at most the start marker.
-    EXPECT_FALSE(sim.Journal().PdusTo(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, shape.Server(1)->GetName()).empty());
-    for (const auto& entry : sim.Journal().Pdus(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, shape.Server(0)->GetName()))
-        EXPECT_EQ(ZV_SimRoute::OnLink, entry.eRoute);
-    EXPECT_LE(sim.Journal().PdusTo(PDU_CONF_FS_UPLOAD_REQUEST, shape.Server(1)->GetName()).size(), 1u);
-}
-
 TEST_F(DownloadScene, AFirstDownloaderStartsTheUploadRestsWhereItStandsAndGoesOnWhenItDoes)
 {
     Build(false);

@@ -1,12 +1,8 @@
 // Download entries between linked servers, through the simulator: a user's
-// dropped download ends on every server, and a notice that a file's source
-// moved turns a server round to fetch from the neighbour that sent it.
+// dropped download ends on every server.
 #include "ZV_SceneFixture.h"
 
 #include "ZV_EntryPdu.h"
-#include "ZV_PduFrame.h"
-
-#include <filesystem>
 
 using EntryScene = ZV_Scene;
 
@@ -36,48 +32,4 @@ TEST_F(EntryScene, ADroppedDownloadEndsOnEveryServerAndKeepsTheLocalFileWhenAske
     EXPECT_GT(nKept, 0u);
     EXPECT_LT(nKept, 3u * 1024 * 1024);
     EXPECT_TRUE(Events(lpCarol, zvFsEventDownloadFinished).empty());
-}
-
-// The second server says it is the file's source now: the first drops the
-// entries of it and asks it, as a relay, for the file from its own write
-// position on. The same notice again changes nothing.
-TEST_F(EntryScene, ANoticeThatTheSourceMovedTurnsTheServerRoundOnceForEachFlood)
-{
-    Build(true);
-    const uint16_t usFileID = Share("turn.bin", ZV_RandomBytes(100000, 42));
-    ZV_EntryRequest notice;
-    notice.usFileID = usFileID;
-    notice.user = QB_UserID(shape.Server(1)->GetLocalServerID(), 0);
-    notice.ulFloodSeq = sim.NewFloodSeq();
-    for (int nTimes = 1; nTimes <= 2; ++nTimes)
-    {
-        const size_t nMark = sim.Journal().Size();
-        ZV_PduBuffer pdu;
-        notice.Save(pdu.Stream());
-        shape.Server(1)->SendPduToServers(zvConnNone, zvConfServerTypeCommand,
-                                          PDU_CONF_FS_NOTICE_DEL_DOWNLOAD_INFO_REQUEST,
-                                          pdu.WithConfWord(ZV_SimBuilder::kConfID), pdu.WithConfWordLength(), 1, 0);
-        ASSERT_TRUE(sim.Run()) << sim.GetError();
-        ZV_SimFilter filter;
-        filter.eKind = ZV_SimEntryKind::Pdu;
-        filter.usNumber = PDU_CONF_FS_DOWNLOAD_REQUEST;
-        filter.sNode = shape.Server(0)->GetName();
-        filter.nFrom = nMark;
-        const auto vecAsked = sim.Journal().Find(filter);
-        ASSERT_EQ(nTimes == 1 ? 1u : 0u, vecAsked.size()) << nTimes;
-        if (vecAsked.empty())
-            continue;
-        EXPECT_EQ(shape.Server(1)->GetName(), vecAsked[0].sPeer);
-        QB_ByteStream stream(vecAsked[0].vbData.data(), (int32_t)vecAsked[0].vbData.size());
-        EXPECT_EQ(usFileID, stream.ReadU16());
-        QB_UserID asker;
-        asker.Load(stream);
-        EXPECT_EQ(QB_UserID(shape.Server(0)->GetLocalServerID(), 0), asker);
-        stream.ReadU32();
-        QB_StringU8 sPath;
-        stream.ReadString(sPath);
-        EXPECT_NE(std::string::npos, std::string(sPath.GetString()).find("turn.bin"));
-        EXPECT_EQ(100000u, stream.ReadU32()) << "from its own write position";
-        EXPECT_EQ(1u, stream.ReadU8()) << "as a server";
-    }
 }

@@ -203,6 +203,7 @@ TEST_F(StallScene, TransfersGoOnAtOnceWhenADataLinkComesBack)
     ASSERT_TRUE(sim.Restore(sim.GetClientLink(Bob()), zvConfClientTypeData));
     ASSERT_TRUE(sim.Run()) << sim.GetError();
     EXPECT_EQ(data, QB_ReadWholeFile(Target(Bob(), usFileID)));
+    EXPECT_EQ(1u, Events(Bob(), zvFsEventDownloadFinished).size());
 }
 
 // An upload the creator started again while away goes on when the creator
