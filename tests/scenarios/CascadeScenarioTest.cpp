@@ -283,6 +283,16 @@ TEST_F(CascadeScene, AServerDataLinkThatComesBackRestartsTheFetchAndRepublishesT
     EXPECT_EQ(Alice()->GetUserID(), ask.user);
     EXPECT_EQ(0, ask.bStop);
     EXPECT_EQ(data.size(), ask.ulPos);
+    // The others only pass that one flood on.
+    filter.sNode.clear();
+    filter.eRoute.reset();
+    for (const ZV_SimEntry& entry : sim.Journal().Find(filter))
+    {
+        QB_ByteStream passed(entry.vbData.data() + 2, (int32_t)entry.vbData.size() - 2);
+        ZV_StopUploadAsk flood;
+        flood.Load(passed);
+        EXPECT_EQ(ask.ulFloodSeq, flood.ulFloodSeq) << entry.sNode;
+    }
 }
 
 // The creator's server set itself against the middle server's list and

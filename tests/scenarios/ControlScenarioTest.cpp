@@ -138,39 +138,3 @@ TEST_F(ControlScene, AnUploadThatCannotReadFailsEverywhereUntilItsCreatorResumes
     EXPECT_EQ(data, QB_ReadWholeFile(Target(lpCarol, usFileID)));
 }
 
-// When the data link between the servers comes back, the creator's home
-// server tells the other how far the upload stands, as a resume would;
-// the other server, not the creator's home, says nothing.
-TEST_F(ControlScene, AServerLinkComingBackRepublishesTheUploadFromTheCreatorsHomeAlone)
-{
-    Build(true);
-    const ZV_Bytes data = ZV_RandomBytes(3 * 32768 + 5, 13);
-    const uint16_t usFileID = Share("told.bin", data);
-    ZV_SimLink* lpLink = sim.GetServerLink(shape.Server(0)->GetLocalServerID(), shape.Server(1)->GetLocalServerID());
-    ASSERT_NE(nullptr, lpLink);
-    ASSERT_TRUE(sim.Cut(lpLink, zvConfServerTypeData));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    ZV_SimFilter told;
-    told.usNumber = PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST;
-    told.nFrom = sim.Journal().Size();
-    ASSERT_TRUE(sim.Restore(lpLink, zvConfServerTypeData));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    const auto vecTold = sim.Journal().Find(told);
-    ASSERT_FALSE(vecTold.empty());
-    EXPECT_EQ(shape.Server(0)->GetName(), vecTold[0].sNode);
-    // Behind the conference word: FileID, creator, flood number, bStop,
-    // position. The other server only passes the one flood on.
-    uint32_t ulFloodSeq = 0;
-    for (const ZV_SimEntry& entry : vecTold)
-    {
-        QB_ByteStream stream(entry.vbData.data(), (int32_t)entry.vbData.size());
-        stream.Skip(2);
-        EXPECT_EQ(usFileID, stream.ReadU16());
-        stream.Skip(8);
-        const uint32_t ulSeq = stream.ReadU32();
-        EXPECT_EQ(ulFloodSeq == 0 ? ulSeq : ulFloodSeq, ulSeq) << entry.sNode;
-        ulFloodSeq = ulSeq;
-        EXPECT_EQ(0, stream.ReadU8());
-        EXPECT_EQ(data.size(), stream.ReadU32());
-    }
-}
