@@ -9,6 +9,7 @@
 #include "ZV_FileShareSessionPeer.h"
 #include "ZV_AddPdu.h"
 #include "ZV_ListPdu.h"
+#include "ZV_FilesAddedEvent.h"
 #include "ZV_PayloadCheck.h"
 
 #include "QB_FaultEnv.h"
@@ -377,16 +378,9 @@ TEST_F(SessionLists, AClientTellsEachUploadListWithItsOwnFilesAndHowMuchOfEachTh
         {
             if (event.usEvent != zvFsEventFilesAdded)
                 continue;
-            QB_ByteStream stream(event.data.data(), (int32_t)event.data.size());
-            stream.Skip(6);
-            QB_Array<uint16_t> arrFileID;
-            LoadU16Array(stream, arrFileID);
-            QB_Array<ZV_FileBriefInfo> arrInfo;
-            LoadSequence(stream, arrInfo);
-            EXPECT_EQ(arrFileID.GetSize(), arrInfo.GetSize());
-            EXPECT_EQ((uint32_t)arrFileID.GetSize(), stream.ReadCount());
-            for (int i = 0; i < arrFileID.GetSize(); ++i)
-                told.push_back({arrFileID[i], stream.ReadDouble()});
+            const ZV_FilesAddedEvent one = ZV_ReadFilesAdded(event.data);
+            for (size_t i = 0; i < one.vecFileID.size(); ++i)
+                told.push_back({one.vecFileID[i], one.vecRate[i]});
         }
         return told;
     };
@@ -477,16 +471,8 @@ TEST_F(SessionLists, ABatchThatFillsTheEventBufferIsOneEventAndOneFileMoreIsTwo)
             if (event.usEvent != zvFsEventFilesAdded)
                 continue;
             EXPECT_LE(event.data.size(), (size_t)QB_PDU_BUFFER_SIZE);
-            QB_ByteStream stream(event.data.data(), (int32_t)event.data.size());
-            stream.Skip(6);
-            QB_Array<uint16_t> arrFileID;
-            LoadU16Array(stream, arrFileID);
-            QB_Array<ZV_FileBriefInfo> arrInfo;
-            LoadSequence(stream, arrInfo);
-            std::vector<double> vecRate(stream.ReadCount());
-            for (double& dRate : vecRate)
-                dRate = stream.ReadDouble();
-            vecTold.push_back({arrFileID.GetSize(), vecRate});
+            const ZV_FilesAddedEvent one = ZV_ReadFilesAdded(event.data);
+            vecTold.push_back({(int)one.vecFileID.size(), one.vecRate});
         }
         return vecTold;
     };

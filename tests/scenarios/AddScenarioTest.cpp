@@ -105,15 +105,7 @@ TEST_F(AddScene, ABatchTooLargeForOnePduGoesOutInSeveralAndIsReportedWhole)
         vecExpected[i] = (uint16_t)(i + 1);
     for (ZV_SimHost* lpClient : shape.vecClients)
     {
-        std::vector<uint16_t> vecReported;
-        for (const auto& report : Events(lpClient, zvFsEventFilesAdded))
-        {
-            QB_ByteStream stream(report.vbData.data(), (int32_t)report.vbData.size());
-            stream.Skip(6);
-            QB_Array<uint16_t> arrFileID;
-            LoadU16Array(stream, arrFileID);
-            vecReported.insert(vecReported.end(), arrFileID.GetData(), arrFileID.GetData() + arrFileID.GetSize());
-        }
+        std::vector<uint16_t> vecReported = FilesAdded(lpClient);
         std::sort(vecReported.begin(), vecReported.end());
         EXPECT_EQ(vecExpected, vecReported) << lpClient->GetName();
     }
@@ -197,20 +189,10 @@ TEST_F(AddScene, ABatchReachesTheSecondServerWhichStoresItAndServesItsOwnClient)
         std::vector<uint16_t> vec;
         for (const auto& report : Events(lpClient, zvFsEventFilesAdded))
         {
-            QB_ByteStream stream(report.vbData.data(), (int32_t)report.vbData.size());
-            stream.Skip(6);
-            QB_Array<uint16_t> arrFileID;
-            LoadU16Array(stream, arrFileID);
-            vec.insert(vec.end(), arrFileID.GetData(), arrFileID.GetData() + arrFileID.GetSize());
-            // One record for each FileID, and nothing of a file just added
-            // has arrived anywhere yet.
-            QB_Array<ZV_FileBriefInfo> arrInfo;
-            LoadSequence(stream, arrInfo);
-            EXPECT_EQ(arrFileID.GetSize(), arrInfo.GetSize()) << lpClient->GetName();
-            const uint32_t nRates = stream.ReadCount();
-            EXPECT_EQ((uint32_t)arrFileID.GetSize(), nRates) << lpClient->GetName();
-            for (uint32_t n = nRates; n > 0; --n)
-                EXPECT_EQ(0.0, stream.ReadDouble()) << lpClient->GetName();
+            const ZV_FilesAddedEvent told = ZV_ReadFilesAdded(report.vbData);
+            vec.insert(vec.end(), told.vecFileID.begin(), told.vecFileID.end());
+            // Nothing of a file just added has arrived anywhere yet.
+            EXPECT_EQ(std::vector<double>(told.vecRate.size(), 0.0), told.vecRate) << lpClient->GetName();
         }
         std::sort(vec.begin(), vec.end());
         return vec;

@@ -36,21 +36,6 @@ struct JoinScene : public ZV_Scene
         }
         return vecParts;
     }
-    // FileIDs of every event 3013 of the node, in order.
-    std::vector<uint16_t> FilesAdded(ZV_SimHost* lpNode)
-    {
-        std::vector<uint16_t> vecFileID;
-        for (const ZV_SimEntry& event : Events(lpNode, zvFsEventFilesAdded))
-        {
-            QB_ByteStream stream(event.vbData.data(), (int32_t)event.vbData.size());
-            stream.Skip(6);
-            QB_Array<uint16_t> arrFileID;
-            LoadU16Array(stream, arrFileID);
-            for (int i = 0; i < arrFileID.GetSize(); ++i)
-                vecFileID.push_back(arrFileID[i]);
-        }
-        return vecFileID;
-    }
     // Download positions that a client's 8012s stated for a file.
     std::vector<uint32_t> StatedPositions(ZV_SimHost* lpFrom, uint16_t usFileID, size_t nFrom)
     {

@@ -90,16 +90,7 @@ TEST_F(UserCallScene, FilesSharedWithAListAreShownToTheUsersOnItAlone)
     ASSERT_TRUE(sim.Run()) << sim.GetError();
 
     auto Told = [&](ZV_SimHost* lpClient) {
-        size_t nFiles = Events(lpClient, zvFsEventFileAdded).size();
-        for (const auto& report : Events(lpClient, zvFsEventFilesAdded))
-        {
-            QB_ByteStream stream(report.vbData.data(), (int32_t)report.vbData.size());
-            stream.Skip(6);
-            QB_Array<uint16_t> arrFileID;
-            LoadU16Array(stream, arrFileID);
-            nFiles += (size_t)arrFileID.GetSize();
-        }
-        return nFiles;
+        return Events(lpClient, zvFsEventFileAdded).size() + FilesAdded(lpClient).size();
     };
     EXPECT_EQ(3u, Told(Alice()));
     EXPECT_EQ(3u, Told(Bob()));

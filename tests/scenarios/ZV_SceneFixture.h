@@ -9,6 +9,7 @@
 
 #include "ZV_FileShareMgr.h"
 #include "ZV_FileShareMgrPeer.h"
+#include "ZV_FilesAddedEvent.h"
 #include "ZV_FileUploadInfo.h"
 
 #include "QB_ByteStream.h"
@@ -100,6 +101,17 @@ struct ZV_Scene : public ::testing::Test
     std::vector<ZV_SimEntry> Events(ZV_SimHost* lpNode, uint16_t usEvent)
     {
         return sim.Journal().Events(usEvent, lpNode->GetName());
+    }
+    // FileIDs of every event 3013 of the node, in order.
+    std::vector<uint16_t> FilesAdded(ZV_SimHost* lpNode)
+    {
+        std::vector<uint16_t> vecFileID;
+        for (const ZV_SimEntry& event : Events(lpNode, zvFsEventFilesAdded))
+        {
+            const std::vector<uint16_t> vecTold = ZV_ReadFilesAdded(event.vbData).vecFileID;
+            vecFileID.insert(vecFileID.end(), vecTold.begin(), vecTold.end());
+        }
+        return vecFileID;
     }
     // Steps until `usPdu` has reached `lpTo` nTimes.
     bool StepUntilDelivered(uint16_t usPdu, ZV_SimHost* lpTo, size_t nTimes)
