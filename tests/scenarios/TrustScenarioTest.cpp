@@ -149,9 +149,14 @@ TEST_F(TrustScene, AClientUploadsOnlyWhatItsUserSharedWhateverTheServerAnnounces
     batch.SaveHead(pduBatch.Stream());
     batch.SaveBody(pduBatch.Stream());
     size_t nMark = sim.Journal().Size();
+    const size_t nAdded = Events(Alice(), zvFsEventFileAdded).size();
     SendFromServer(Alice(), PDU_CONF_FS_ADD_FILES_RESPONSE, pduBatch);
     EXPECT_EQ(0u, SentSince(Alice(), nMark, PDU_CONF_FS_UPLOAD_REQUEST));
-    EXPECT_EQ(zvResultUntrusted, LastResult(Alice(), zvFsEventFileAdded));
+    const auto vecAdded = Events(Alice(), zvFsEventFileAdded);
+    ASSERT_EQ(nAdded + 1, vecAdded.size()) << "the forged file is told by itself";
+    const ZV_Bytes& vbTold = vecAdded.back().vbData;
+    EXPECT_EQ(ZV_Bytes({0xB8, 0x0B, 90, 0, 0, 0, 0xB6, 0x03}), ZV_Bytes(vbTold.begin(), vbTold.begin() + 8))
+        << "3000, result 90, FileID 950";
     EXPECT_EQ(1u, LogLines(Alice(), "ZV_FileShareMgr.HandleAddFilesResponse ret = 90"));
     EXPECT_EQ(nullptr, Session(Alice(), 950));
     EXPECT_NE(nullptr, Session(Alice(), 951));
