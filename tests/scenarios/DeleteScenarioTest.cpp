@@ -224,6 +224,8 @@ TEST_F(DeleteScene, TheSameDeleteArrivingAgainIsTakenOnce)
                             PDU_CONF_FS_DEL_UPLOAD_RESPONSE, vbAnswer.data(), (uint32_t)vbAnswer.size(), 1, 1);
     ASSERT_TRUE(sim.Run()) << sim.GetError();
     EXPECT_EQ(1u, Events(Bob(), zvFsEventFileGone).size());
-    EXPECT_EQ(2u, sim.Journal().Find(answers).size()) << "the replayed answer reached Bob";
+    const std::vector<ZV_SimEntry> vecReplayed = sim.Journal().Find(answers);
+    ASSERT_EQ(2u, vecReplayed.size()) << "the replayed answer reached Bob";
+    EXPECT_EQ(0u, vecReplayed[1].ulResult) << "and was taken as handled";
     EXPECT_EQ(1, ZV_FileShareMgrPeer::DeletedFileIDs(*Manager(shape.Server())).GetSize());
 }
