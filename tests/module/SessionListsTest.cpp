@@ -241,6 +241,8 @@ TEST_F(SessionLists, AServerRestsRenewsOrWithdrawsEachRecordItLists)
     ZV_FileShareSession& hidden = AddFile(node, 7, Brief(false, &kCarol));
     hidden.SetDownloadInfo(kBob, Record(7, "C:\\dl\\", "hidden.bin", ZV_DLSTATE_RUNNING));
     AddFile(node, 8, Brief(true)).SetDownloadInfo(kCarol, Record(8, "C:\\dl\\", "carol.bin", ZV_DLSTATE_RUNNING));
+    ZV_FileShareSession& granted = AddFile(node, 4, Brief(false, &kBob));
+    granted.SetDownloadInfo(kBob, Record(4, "C:\\dl\\", "granted.bin", ZV_DLSTATE_RUNNING));
 
     const Bytes vbAsk = ZV_Pdu().U16(0).User(kBob).b;
     Deliver(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_REQUEST, vbAsk, kBob);
@@ -249,7 +251,7 @@ TEST_F(SessionLists, AServerRestsRenewsOrWithdrawsEachRecordItLists)
     std::map<uint16_t, bool> mapModify;
     for (int i = 0; i < vecParts[0].arrInfo.GetSize(); ++i)
         mapModify[vecParts[0].arrInfo[i].m_usFileID] = vecParts[0].arrModify[i];
-    EXPECT_EQ((std::map<uint16_t, bool>{{5, false}, {6, true}, {7, false}}), mapModify);
+    EXPECT_EQ((std::map<uint16_t, bool>{{4, false}, {5, false}, {6, true}, {7, false}}), mapModify);
     EXPECT_FALSE(Held(same, kBob).m_bActive) << "nothing is sent until Bob asks again";
     EXPECT_TRUE(Held(anew, kBob).m_dtShareTime == SharedOn(20));
     ZV_FileDownloadInfo gone;
@@ -263,8 +265,9 @@ TEST_F(SessionLists, AServerRestsRenewsOrWithdrawsEachRecordItLists)
     Deliver(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_REQUEST, vbAsk, kBob);
     vecParts = Pieces<ZV_DownloadListResponse>(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE);
     ASSERT_EQ(1u, vecParts.size());
-    ASSERT_EQ(2, vecParts[0].arrModify.GetSize());
-    EXPECT_FALSE(vecParts[0].arrModify[0] || vecParts[0].arrModify[1]) << "a renewed record restarts once";
+    ASSERT_EQ(3, vecParts[0].arrModify.GetSize());
+    EXPECT_FALSE(vecParts[0].arrModify[0] || vecParts[0].arrModify[1] || vecParts[0].arrModify[2])
+        << "a renewed record restarts once";
 
     node.host.m_vecSent.clear();
     ZV_FileShareSession& seen = AddFile(node, 9, Brief(false));
@@ -273,7 +276,7 @@ TEST_F(SessionLists, AServerRestsRenewsOrWithdrawsEachRecordItLists)
     Deliver(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_REQUEST, vbAsk, kBob);
     vecParts = Pieces<ZV_DownloadListResponse>(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE);
     ASSERT_EQ(1u, vecParts.size());
-    EXPECT_EQ(2, vecParts[0].arrInfo.GetSize()) << "the seen record is not listed";
+    EXPECT_EQ(3, vecParts[0].arrInfo.GetSize()) << "the seen record is not listed";
     EXPECT_TRUE(seen.GetDownloadInfo(kBob, gone)) << "and stays";
     EXPECT_TRUE(node.host.SentOf(PDU_CONF_FS_DEL_DOWNLOAD_REQUEST).empty());
 }
