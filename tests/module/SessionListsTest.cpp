@@ -283,8 +283,8 @@ TEST_F(SessionLists, AServerRestsRenewsOrWithdrawsEachRecordItLists)
 
 // A client told of a record whose file it may no longer have: the partial
 // file goes, the finished one stays, neither asks for blocks or raises a
-// state, and the file is no longer busy. A public file alongside resumes
-// where its local file stands.
+// state, and the file is no longer busy. A file whose allowed list names
+// the user first resumes where its local file stands.
 TEST_F(SessionLists, AClientGivesUpAListedDownloadWhoseRightIsGone)
 {
     ZV_RecordingNode node(false);
@@ -296,15 +296,16 @@ TEST_F(SessionLists, AClientGivesUpAListedDownloadWhoseRightIsGone)
     const struct
     {
         uint16_t usFileID;
-        bool bPublic;
+        bool bAllowed;
         uint16_t usState;
         const char* pszName;
     } aFiles[] = {{5, false, ZV_DLSTATE_RUNNING, "partial.bin"},
                   {6, false, ZV_DLSTATE_FINISHED, "finished.bin"},
-                  {7, true, ZV_DLSTATE_RUNNING, "public.bin"}};
+                  {7, true, ZV_DLSTATE_RUNNING, "allowed.bin"}};
     for (const auto& file : aFiles)
     {
-        ZV_FileShareSession& session = AddFile(node, file.usFileID, Brief(file.bPublic));
+        ZV_FileShareSession& session =
+            AddFile(node, file.usFileID, Brief(false, file.bAllowed ? &node.host.m_LocalUser : nullptr));
         ZV_FileDownloadInfo record = Record(file.usFileID, sFolder, file.pszName, file.usState);
         record.SetUserID(node.host.m_LocalUser);
         Peer::LocalDownload(session) = record;
