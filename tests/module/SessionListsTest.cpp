@@ -553,6 +553,8 @@ TEST_F(SessionLists, AClientTakesItsListedDownloadsAsItsDiskAndItsStopsSay)
         list.arrModify.Add(false);
     }
     Deliver(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE, ZV_SavePayload(list), kBob);
+    EXPECT_EQ(0u, QB_OpenHandlesTo(node.tmp.Sub("dl/5.bin"))) << "a finished download leaves its file closed";
+    EXPECT_EQ(1u, QB_OpenHandlesTo(node.tmp.Sub("dl/8.bin"))) << "a running one holds its own";
 
     std::map<uint16_t, std::pair<uint32_t, double>> mapState;
     for (const ZV_RaisedEvent& event : node.host.m_vecEvents)

@@ -125,6 +125,19 @@ std::string QB_ToHex(const std::vector<uint8_t>& vbData)
     return s;
 }
 
+size_t QB_OpenHandlesTo(const std::string& sPath)
+{
+    std::error_code ec;
+    const fs::path target = fs::canonical(sPath, ec);
+    size_t n = 0;
+    for (const auto& entry : fs::directory_iterator("/proc/self/fd", ec))
+    {
+        std::error_code ecLink;
+        n += !target.empty() && fs::read_symlink(entry.path(), ecLink) == target;
+    }
+    return n;
+}
+
 size_t QB_CountInFiles(const std::string& sPath, const std::string& sWhat)
 {
     std::string sText;

@@ -41,6 +41,9 @@ bool QB_WriteWholeFile(const std::string& sPath, const std::vector<uint8_t>& vbD
 bool QB_WriteWholeFile(const std::string& sPath, const std::string& sText);
 // How often the text occurs in the file, or in all files of the folder.
 size_t QB_CountInFiles(const std::string& sPath, const std::string& sWhat);
+// Descriptors of this process open on the file: a file left open is one
+// its user could neither move nor delete on Windows.
+size_t QB_OpenHandlesTo(const std::string& sPath);
 
 // "01 ab ff" for messages of byte comparisons.
 std::string QB_ToHex(const std::vector<uint8_t>& vbData);
