@@ -322,14 +322,15 @@ TEST_F(JoinScene, ACreatorWhoLeavesMidUploadTakesTheFileFromEveryoneOnLinkedServ
 }
 
 // Event 14 concerns the files the local user could not see: more visible
-// raises 3000 for each, fewer raises 3004; for another user, or under a
+// raises 3000 for each, with how much of it the server holds, fewer raises
+// 3004; for another user, or under a
 // number the manager does not serve, nothing happens.
 TEST_F(JoinScene, ARightChangeTellsTheLocalUserOfTheFilesItCouldNotSee)
 {
     Build();
     const uint16_t usOpen = Share("open.bin", ZV_RandomBytes(1000, 3));
     std::filesystem::create_directories(tmp.Sub("alice"));
-    QB_WriteWholeFile(tmp.Sub("alice/closed.bin"), ZV_RandomBytes(1000, 4));
+    QB_WriteWholeFile(tmp.Sub("alice/closed.bin"), ZV_Bytes());
     ASSERT_EQ(0u, Fs(Alice())->FsAdd(ZV_Wide(tmp.Sub("alice/closed.bin")).c_str(), nullptr, 0, 0, 1));
     // Bob first among those allowed: a file he may see already is not told.
     QB_WriteWholeFile(tmp.Sub("alice/granted.bin"), ZV_RandomBytes(1000, 5));
@@ -380,6 +381,12 @@ TEST_F(JoinScene, ARightChangeTellsTheLocalUserOfTheFilesItCouldNotSee)
         event.Skip(2);
         EXPECT_EQ(0u, event.ReadU32()) << row.pszName;
         EXPECT_EQ(usClosed, event.ReadU16()) << row.pszName;
+        if (row.usRaised == zvFsEventFileAdded)
+        {
+            ZV_FileBriefInfo brief;
+            LoadDelimited(event, brief);
+            EXPECT_EQ(100.0, event.ReadDouble()) << "an empty file is whole";
+        }
     }
 }
 
