@@ -97,16 +97,10 @@ TEST(HostThrow, EachEntryThatCatchesAThrowItselfLogsItsOwnLine)
     const QB_UserID bob(10002, 0);
     auto Pdu = [](uint16_t usPdu, uint16_t usConnType, const ZV_PduBuffer* lpPayload = nullptr) -> Run {
         return [=](ZV_FileShareMgr& mgr) {
-            ConfPduData cpd{};
-            cpd.ulConn = 5;
-            cpd.conn_type = usConnType;
-            cpd.usPdu = usPdu;
+            std::vector<uint8_t> data;
             if (lpPayload != nullptr)
-            {
-                cpd.ulLen = (uint32_t)lpPayload->PayloadLength();
-                cpd.pData = lpPayload->Payload();
-            }
-            mgr.HandlePdu(&cpd);
+                data.assign(lpPayload->Payload(), lpPayload->Payload() + lpPayload->PayloadLength());
+            ZV_Deliver(mgr, usPdu, usConnType, data, 5, QB_UserID());
         };
     };
     ZV_AddResponse answer;

@@ -15,16 +15,9 @@ struct ManagerFixture : public ::testing::Test
     ZV_FileShareMgr mgr;
     void SetUp() override { host.Attach(&mgr); }
 
-    uint32_t Deliver(uint16_t usPdu, std::vector<uint8_t> data)
+    uint32_t Deliver(uint16_t usPdu, const std::vector<uint8_t>& data)
     {
-        ConfPduData cpd{};
-        cpd.ulUserMain = 10002;
-        cpd.ulConn = 5;
-        cpd.conn_type = zvConfClientTypeCommand;
-        cpd.usPdu = usPdu;
-        cpd.ulLen = (uint32_t)data.size();
-        cpd.pData = data.empty() ? nullptr : data.data();
-        return mgr.HandlePdu(&cpd);
+        return ZV_Deliver(mgr, usPdu, zvConfClientTypeCommand, data);
     }
 };
 

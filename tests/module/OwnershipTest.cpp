@@ -77,14 +77,7 @@ struct Node
     ~Node() { QB_SetEnvironmentVariable("ROOMCRATE_HOME", nullptr); }
     void Deliver(uint16_t usPdu, uint16_t usConnType, const Bytes& data)
     {
-        ConfPduData cpd{};
-        cpd.ulUserMain = kBob.m_ulMain;
-        cpd.ulConn = 5;
-        cpd.conn_type = usConnType;
-        cpd.usPdu = usPdu;
-        cpd.ulLen = (uint32_t)data.size();
-        cpd.pData = data.data();
-        mgr.HandlePdu(&cpd);
+        ZV_Deliver(mgr, usPdu, usConnType, data, 5, QB_UserID(kBob.m_ulMain, 0));
     }
     ZV_FileShareSession* Session(uint16_t usFileID = kFileID)
     {

@@ -102,15 +102,7 @@ struct SessionLists : ::testing::Test
 
     static uint32_t Deliver(ZV_RecordingNode& node, uint16_t usPdu, const Bytes& data, const QB_UserID& from)
     {
-        ConfPduData cpd{};
-        cpd.ulUserMain = from.m_ulMain;
-        cpd.ulUserSub = from.m_ulSub;
-        cpd.ulConn = 5;
-        cpd.conn_type = zvConfClientTypeCommand;
-        cpd.usPdu = usPdu;
-        cpd.ulLen = (uint32_t)data.size();
-        cpd.pData = data.data();
-        return node.mgr.HandlePdu(&cpd);
+        return ZV_Deliver(node.mgr, usPdu, zvConfClientTypeCommand, data, 5, from);
     }
     static ZV_FileShareSession& AddFile(ZV_RecordingNode& node, uint16_t usFileID, const ZV_FileBriefInfo& brief,
                                         int nNameBytes = 5)

@@ -48,6 +48,17 @@ inline std::vector<uint8_t> ZV_TestBytes(size_t nSize, unsigned nSeed)
     return data;
 }
 
+// Hands a payload to a module as a host does: from a peer, on a connection
+// of the given type. An empty payload comes as a null pointer.
+inline uint32_t ZV_Deliver(IZV_ConfModule& module, uint16_t usPdu, uint16_t usConnType,
+                           const std::vector<uint8_t>& data, uint32_t ulConn = 5,
+                           const QB_UserID& from = QB_UserID(10002, 0))
+{
+    ConfPduData cpd{from.m_ulMain, from.m_ulSub, ulConn, 0, usConnType, usPdu, 0, 0, 0, (uint32_t)data.size(),
+                    data.empty() ? nullptr : data.data()};
+    return module.HandlePdu(&cpd);
+}
+
 struct ZV_SentPdu
 {
     std::string sRoute;  // "link", "group", "onlink", "serverdata", "servers"

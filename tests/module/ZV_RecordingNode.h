@@ -29,12 +29,6 @@ struct ZV_RecordingNode
     ~ZV_RecordingNode() { QB_SetEnvironmentVariable("ROOMCRATE_HOME", nullptr); }
     uint32_t Deliver(uint16_t usPdu, uint16_t usConnType, const std::vector<uint8_t>& data)
     {
-        ConfPduData cpd{};
-        cpd.ulConn = 5;
-        cpd.conn_type = usConnType;
-        cpd.usPdu = usPdu;
-        cpd.ulLen = (uint32_t)data.size();
-        cpd.pData = data.data();
-        return mgr.HandlePdu(&cpd);
+        return ZV_Deliver(mgr, usPdu, usConnType, data, 5, QB_UserID());
     }
 };
