@@ -121,69 +121,79 @@ public:
     }
 
     // ---- IZV_ConfHost
-    uint32_t GetConfID() override { return m_ulConfID; }
-    uint32_t GetClientCount() override { return 0; }
-    const QB_UserID* GetLocalUserID() override { return &m_LocalUser; }
-    uint32_t GetLocalServerID() override { return m_ulServerID; }
-    bool IsServerMode() override { return m_bServer; }
-    bool IsClientMode() override { return !m_bServer; }
-    bool CanShareFiles(const QB_UserID*) override { return true; }
-    uint16_t GetFileIDMin() override { return m_usFileIDMin; }
-    uint16_t GetFileIDMax() override { return m_usFileIDMax; }
+    uint32_t GetConfID() override { return Called(), m_ulConfID; }
+    uint32_t GetClientCount() override { return Called(), 0; }
+    const QB_UserID* GetLocalUserID() override { return Called(), &m_LocalUser; }
+    uint32_t GetLocalServerID() override { return Called(), m_ulServerID; }
+    bool IsServerMode() override { return Called(), m_bServer; }
+    bool IsClientMode() override { return Called(), !m_bServer; }
+    bool CanShareFiles(const QB_UserID*) override { return Called(), true; }
+    uint16_t GetFileIDMin() override { return Called(), m_usFileIDMin; }
+    uint16_t GetFileIDMax() override { return Called(), m_usFileIDMax; }
     uint32_t GetUserConn(const QB_UserID* lpUser, uint16_t usType) override
     {
+        Called();
         auto it = m_mapUserConn.find({lpUser->m_ulMain, lpUser->m_ulSub});
         return it == m_mapUserConn.end() || usType != zvConfClientTypeCommand ? zvConnNone : it->second;
     }
     uint32_t GetServerConn(uint32_t ulServer, uint16_t, uint32_t) override
     {
+        Called();
         return m_setLinkedServer.count(ulServer) ? 900 + ulServer : zvConnNone;
     }
-    IZV_ConfLink* GetUserLink(const QB_UserID*) override { return nullptr; }
-    IZV_ConfLink* GetServerLink() override { return m_bServer ? nullptr : this; }
+    IZV_ConfLink* GetUserLink(const QB_UserID*) override { return Called(), nullptr; }
+    IZV_ConfLink* GetServerLink() override { return Called(), m_bServer ? nullptr : this; }
     const ZV_ConfUserInfo* GetUser(const QB_UserID* lpUser) override
     {
+        Called();
         auto it = m_mapUsers.find({lpUser->m_ulMain, lpUser->m_ulSub});
         return it == m_mapUsers.end() ? nullptr : &it->second;
     }
     uint32_t SendPdu(uint32_t ulConn, uint16_t usPdu, const uint8_t* pData, uint32_t ulLen, uint8_t b1,
                      uint8_t b2) override
     {
+        Called();
         return Record("link", ulConn, usPdu, pData, ulLen, b1, b2);
     }
     uint32_t SendPduToGroup(uint32_t ulSkip, uint32_t, uint16_t usPdu, const uint8_t* pData, uint32_t ulLen,
                             uint8_t b1, uint8_t b2) override
     {
+        Called();
         return Record("group", ulSkip, usPdu, pData, ulLen, b1, b2);
     }
     uint32_t SendPduOnLink(uint32_t ulConn, uint16_t usPdu, const uint8_t* pData, uint32_t ulLen, uint8_t b1,
                            uint8_t b2) override
     {
+        Called();
         return Record("onlink", ulConn, usPdu, pData, ulLen, b1, b2);
     }
     uint32_t SendPduToServerData(uint32_t ulServer, uint16_t, uint16_t usPdu, const uint8_t* pData, uint32_t ulLen,
                                  uint8_t b1, uint8_t b2) override
     {
+        Called();
         return Record("serverdata", ulServer, usPdu, pData, ulLen, b1, b2);
     }
     uint32_t SendPduToServers(uint32_t ulSkip, uint16_t, uint16_t usPdu, const uint8_t* pData, uint32_t ulLen,
                               uint8_t b1, uint8_t b2) override
     {
+        Called();
         return Record("servers", ulSkip, usPdu, pData, ulLen, b1, b2);
     }
-    bool HasServerLinks() override { return m_bHasServerLinks; }
-    uint32_t NewFloodSeq(const QB_UserID*, uint32_t) override { return m_ulNextFloodSeq++; }
+    bool HasServerLinks() override { return Called(), m_bHasServerLinks; }
+    uint32_t NewFloodSeq(const QB_UserID*, uint32_t) override { return Called(), m_ulNextFloodSeq++; }
     bool IsFloodSeen(const QB_UserID* lpOrigin, uint32_t ulSeq) override
     {
+        Called();
         const uint64_t ullKey = ((uint64_t)lpOrigin->m_ulMain << 32) | lpOrigin->m_ulSub;
         return !m_setFloodSeen.insert({ullKey, ulSeq}).second;
     }
     bool IsResponseFloodSeen(const QB_UserID* lpOrigin, uint32_t ulSeq) override { return IsFloodSeen(lpOrigin, ulSeq); }
 
     // ---- IZV_ConfLink: the client's link to its server
-    uint32_t LinkReserved0() override { return 0; }
+    uint32_t LinkReserved0() override { return Called(), 0; }
     uint32_t GetConn(uint16_t usConnType) override
     {
+        Called();
         return usConnType == zvConfClientTypeCommand ? m_ulCmdConn
                : usConnType == zvConfClientTypeData  ? m_ulDataConn
                                                      : zvConnNone;
@@ -192,8 +202,13 @@ public:
     // ---- IZV_ConfSink
     void OnConfEvent(IZV_ConfHost*, uint16_t usEvent, uint32_t ulLen, const uint8_t* pData) override
     {
+        Called();
         m_vecEvents.push_back({usEvent, std::vector<uint8_t>(pData, pData + ulLen)});
     }
+
+protected:
+    // Every call of the host passes here first.
+    virtual void Called() {}
 
 private:
     uint32_t Record(const char* szRoute, uint32_t ulConn, uint16_t usPdu, const uint8_t* pData, uint32_t ulLen,
