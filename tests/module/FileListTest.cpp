@@ -6,6 +6,7 @@
 #include "ZV_FileShareMgrPeer.h"
 #include "ZV_FileShareSession.h"
 #include "ZV_FileShareSessionPeer.h"
+#include "ZV_AddPdu.h"
 #include "ZV_ListPdu.h"
 
 #include "QB_FaultEnv.h"
@@ -204,6 +205,37 @@ TEST_F(FileList, TakesAPeersNewFilesOnceFetchesWhatItLacksAndSavesThemInOneWrite
     EXPECT_EQ(2u, node.host.SentOf(PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST).size());
     Take(part);
     EXPECT_TRUE(node.host.m_vecSent.empty());
+}
+
+// The clients learn the new files in one 8056 that starts no upload; a file
+// whose folder could not be made is announced and kept in the catalogue
+// all the same, in a second series after the files that could.
+TEST_F(FileList, AnnouncesNewFilesToItsClientsAndThoseItCannotStoreInASeriesOfTheirOwn)
+{
+    ZV_FileListResponse part;
+    part.sender = kPeer;
+    for (uint16_t usFileID : {1001, 1002})
+    {
+        part.arrInfo.Add(PeerFile(usFileID, "f.bin", 5000, 5000, 3));
+        part.arrState.Add(true);
+        part.arrMaxPos.Add(5000);
+    }
+    env.FailAt(QB_EnvOp::MakeFolder, 1);
+    Take(part);
+    std::vector<std::vector<uint16_t>> vecSeries;
+    for (const ZV_SentPdu& sent : node.host.SentOf(PDU_CONF_FS_ADD_FILES_RESPONSE))
+    {
+        QB_ByteStream stream(sent.data.data(), (int32_t)sent.data.size());
+        ZV_AddFilesResponse answer;
+        answer.Load(stream);
+        EXPECT_EQ(0, answer.bStartUpload);
+        vecSeries.emplace_back(answer.arrFileID.GetData(), answer.arrFileID.GetData() + answer.arrFileID.GetSize());
+    }
+    EXPECT_EQ((std::vector<std::vector<uint16_t>>{{1002}, {1001}}), vecSeries);
+    ZV_FileUploadInfo row;
+    QB_StringW sSection;
+    EXPECT_TRUE(ZV_FileShareMgrPeer::Catalog(node.mgr).LoadFile(7, 1001, row, sSection));
+    EXPECT_EQ(1u, node.host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size()) << "no fetch for the file not stored";
 }
 
 // A record of a downloader this server already lists changes nothing; a
