@@ -59,58 +59,70 @@ ZV_FileDownloadInfo ActiveEntry(const QB_UserID& user)
 
 TEST(UserGone, EachLeaverEndsAsItsRoleAndHomeDecide)
 {
-    for (const Row& row : kRows)
+    for (uint32_t ulClients : {0u, 1u})
     {
-        QB_FaultEnv env;
-        QB_ScopedEnv scoped(&env);
-        ZV_RecordingNode node(true);
-        ASSERT_EQ(0u, node.mgr.Initialize());
-        if (row.nAnnHome != 0)
-            node.host.AddUser(kAnn, (uint32_t)row.nAnnHome, "Ann");
-        if (row.bHomeLinked)
-            node.host.m_setLinkedServer.insert(2);
-        ZV_FileShareSession& session = ZV_FileShareMgrPeer::Adopt(
-            node.mgr, 5, QB_StringA(QB_ToWindowsPath(node.tmp.Sub("store/"))).GetString());
-        Peer::FileID(session) = 5;
-        ZV_FileBriefInfo brief;
-        brief.SetCreatorID(kAnn);
-        brief.SetFileLenth(1000);
-        brief.SetFileState(row.usFileState);
-        Peer::FileInfo(session).SetFileID(5);
-        Peer::FileInfo(session).SetFileNewName(QB_StringU8("song.ogg"));
-        Peer::FileInfo(session).SetBriefInfo(brief);
-        Peer::UploadDone(session) = row.bUploadDone;
-        session.SetDownloadInfo(kBob, ActiveEntry(kBob));
-        session.SetDownloadInfo(kCarol, ActiveEntry(kCarol));
-        ASSERT_TRUE(ZV_FileShareMgrPeer::Catalog(node.mgr).SaveFile(7, Peer::FileInfo(session))) << row.pszName;
-        const std::string sStored = node.tmp.Sub("store/7/song.ogg");
-        std::filesystem::create_directories(std::filesystem::path(sStored).parent_path());
-        QB_WriteWholeFile(sStored, "stored bytes");
-        if (row.bFloodSeen)
-            node.host.m_setFloodSeen.insert({(uint64_t)kAnn.m_ulMain << 32, node.host.m_ulNextFloodSeq});
-
-        EXPECT_EQ(0u, node.mgr.OnEvent(zvConfEventUserLeave, 0, (uintptr_t)&row.leaver, 0, 0));
-
-        ZV_FileShareSession* lpLeft = nullptr;
-        ZV_FileShareMgrPeer::Sessions(node.mgr).Lookup(5, lpLeft);
-        EXPECT_EQ(!row.bRemoved, lpLeft != nullptr) << row.pszName;
-        EXPECT_EQ(!row.bRemoved, std::filesystem::exists(sStored)) << row.pszName;
-        EXPECT_EQ(!row.bRemoved, ZV_FileShareMgrPeer::Catalog(node.mgr).HasFile(7, 5)) << row.pszName;
-        const auto vecDelete = node.host.SentOf(PDU_CONF_FS_DEL_UPLOAD_REQUEST);
-        ASSERT_EQ(row.bDeleteSent ? 1u : 0u, vecDelete.size()) << row.pszName;
-        if (row.bDeleteSent)
+        for (const Row& row : kRows)
         {
-            EXPECT_EQ("servers", vecDelete[0].sRoute);
-            EXPECT_EQ(ZV_Pdu().U16(7).U16(5).User(kAnn).U32(100).b, vecDelete[0].data) << row.pszName;
-            EXPECT_EQ(1, vecDelete[0].bFlag1);
-            EXPECT_EQ(1, vecDelete[0].bFlag2);
+            SCOPED_TRACE(ulClients);
+            QB_FaultEnv env;
+            QB_ScopedEnv scoped(&env);
+            ZV_RecordingNode node(true);
+            ASSERT_EQ(0u, node.mgr.Initialize());
+            node.host.m_ulClientCount = ulClients;
+            if (row.nAnnHome != 0)
+                node.host.AddUser(kAnn, (uint32_t)row.nAnnHome, "Ann");
+            if (row.bHomeLinked)
+                node.host.m_setLinkedServer.insert(2);
+            ZV_FileShareSession& session = ZV_FileShareMgrPeer::Adopt(
+                node.mgr, 5, QB_StringA(QB_ToWindowsPath(node.tmp.Sub("store/"))).GetString());
+            Peer::FileID(session) = 5;
+            ZV_FileBriefInfo brief;
+            brief.SetCreatorID(kAnn);
+            brief.SetFileLenth(1000);
+            brief.SetFileState(row.usFileState);
+            Peer::FileInfo(session).SetFileID(5);
+            Peer::FileInfo(session).SetFileNewName(QB_StringU8("song.ogg"));
+            Peer::FileInfo(session).SetBriefInfo(brief);
+            Peer::UploadDone(session) = row.bUploadDone;
+            session.SetDownloadInfo(kBob, ActiveEntry(kBob));
+            session.SetDownloadInfo(kCarol, ActiveEntry(kCarol));
+            ASSERT_TRUE(ZV_FileShareMgrPeer::Catalog(node.mgr).SaveFile(7, Peer::FileInfo(session))) << row.pszName;
+            const std::string sStored = node.tmp.Sub("store/7/song.ogg");
+            std::filesystem::create_directories(std::filesystem::path(sStored).parent_path());
+            QB_WriteWholeFile(sStored, "stored bytes");
+            if (row.bFloodSeen)
+                node.host.m_setFloodSeen.insert({(uint64_t)kAnn.m_ulMain << 32, node.host.m_ulNextFloodSeq});
+
+            EXPECT_EQ(0u, node.mgr.OnEvent(zvConfEventUserLeave, 0, (uintptr_t)&row.leaver, 0, 0));
+
+            ZV_FileShareSession* lpLeft = nullptr;
+            ZV_FileShareMgrPeer::Sessions(node.mgr).Lookup(5, lpLeft);
+            EXPECT_EQ(!row.bRemoved, lpLeft != nullptr) << row.pszName;
+            EXPECT_EQ(!row.bRemoved, std::filesystem::exists(sStored)) << row.pszName;
+            EXPECT_EQ(!row.bRemoved, ZV_FileShareMgrPeer::Catalog(node.mgr).HasFile(7, 5)) << row.pszName;
+            const auto vecDelete = node.host.SentOf(PDU_CONF_FS_DEL_UPLOAD_REQUEST);
+            ASSERT_EQ(row.bDeleteSent ? 1u : 0u, vecDelete.size()) << row.pszName;
+            if (row.bDeleteSent)
+            {
+                EXPECT_EQ("servers", vecDelete[0].sRoute);
+                EXPECT_EQ(ZV_Pdu().U16(7).U16(5).User(kAnn).U32(100).b, vecDelete[0].data) << row.pszName;
+                EXPECT_EQ(1, vecDelete[0].bFlag1);
+                EXPECT_EQ(1, vecDelete[0].bFlag2);
+            }
+            // The clients, if any, hear that the file is gone.
+            const auto vecGone = node.host.SentOf(PDU_CONF_FS_DEL_UPLOAD_RESPONSE);
+            ASSERT_EQ(row.bRemoved && ulClients > 0 ? 1u : 0u, vecGone.size()) << row.pszName;
+            if (!vecGone.empty())
+            {
+                EXPECT_EQ("group", vecGone[0].sRoute);
+            }
+            if (lpLeft == nullptr)
+                continue;
+            ZV_FileDownloadInfo entry;
+            ASSERT_TRUE(lpLeft->GetDownloadInfo(kBob, entry));
+            EXPECT_EQ(row.bBobActive, entry.m_bActive) << row.pszName;
+            ASSERT_TRUE(lpLeft->GetDownloadInfo(kCarol, entry));
+            EXPECT_TRUE(entry.m_bActive) << row.pszName << ": only the leaver's entry rests";
         }
-        if (lpLeft == nullptr)
-            continue;
-        ZV_FileDownloadInfo entry;
-        ASSERT_TRUE(lpLeft->GetDownloadInfo(kBob, entry));
-        EXPECT_EQ(row.bBobActive, entry.m_bActive) << row.pszName;
-        ASSERT_TRUE(lpLeft->GetDownloadInfo(kCarol, entry));
-        EXPECT_TRUE(entry.m_bActive) << row.pszName << ": only the leaver's entry rests";
     }
 }

@@ -81,6 +81,7 @@ public:
     // What the host answers.
     uint32_t m_ulConfID = 7;
     bool m_bServer = false;
+    uint32_t m_ulClientCount = 0;  // server: clients in the conference
     uint32_t m_ulServerID = 1;
     QB_UserID m_LocalUser{10001, 0};
     uint16_t m_usFileIDMin = 1;
@@ -122,7 +123,7 @@ public:
 
     // ---- IZV_ConfHost
     uint32_t GetConfID() override { return Called(), m_ulConfID; }
-    uint32_t GetClientCount() override { return Called(), 0; }
+    uint32_t GetClientCount() override { return Called(), m_ulClientCount; }
     const QB_UserID* GetLocalUserID() override { return Called(), &m_LocalUser; }
     uint32_t GetLocalServerID() override { return Called(), m_ulServerID; }
     bool IsServerMode() override { return Called(), m_bServer; }
