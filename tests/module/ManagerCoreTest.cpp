@@ -55,6 +55,7 @@ TEST_F(ManagerRouting, HandsAPduToTheSessionItsFirstWordNamesAndAnswersFiveForNu
         {"half a FileID", PDU_CONF_FS_DOWNLOAD_REQUEST, {7}, 5},
         {"rights of several files", PDU_CONF_FS_SET_FILES_RIGHT_RESPONSE, {0x02, 0x01, 1, 2, 3}, 5},
         {"reserved", 8053, {0x02, 0x01}, 0},
+        {"reserved", 8054, {0x02, 0x01}, 0},
         {"no slot in the range", 8019, {0x02, 0x01}, 5},
         {"below the range", 100, {0x02, 0x01}, 5},
         {"above the range", 9000, {0x02, 0x01}, 5},
