@@ -2,6 +2,7 @@
 // session or opens a file leaves no session, key, stored file, catalogue row
 // or open file of that road behind, and the road works the next time.
 #include "ZV_FileShareSessionPeer.h"
+#include "ZV_RecordingNode.h"
 #include "ZV_ThrowingHost.h"
 
 #include "ZV_AddPdu.h"
@@ -11,6 +12,7 @@
 #include "ZV_FileShareMgrPeer.h"
 #include "ZV_FileShareSession.h"
 #include "ZV_RightsPdu.h"
+#include "ZV_PayloadCheck.h"
 
 #include "QB_FaultEnv.h"
 #include "QB_TestSupport.h"
@@ -32,16 +34,6 @@ const QB_UserID kBob(10002, 0);
 constexpr uint16_t kFileID = 7;
 constexpr uint32_t kLength = 5;
 
-template <typename T>
-Bytes Saved(const T& value)
-{
-    Bytes data(4096);
-    QB_ByteStream stream(data.data(), (int32_t)data.size(), false);
-    value.Save(stream);
-    data.resize((size_t)stream.GetPos());
-    return data;
-}
-
 ZV_FileBriefInfo Brief(const char* pszName)
 {
     ZV_FileBriefInfo brief;
@@ -54,27 +46,16 @@ ZV_FileBriefInfo Brief(const char* pszName)
 
 // One node, server or client, with Alice as its local user and Bob homed
 // at another server.
-struct Node
+struct Node : ZV_BasicNode<ZV_ThrowingHost>
 {
-    QB_TempFolder tmp;
-    ZV_ThrowingHost host;
-    ZV_FileShareMgr mgr;
-
-    explicit Node(bool bServer)
+    explicit Node(bool bServer) : ZV_BasicNode(bServer)
     {
-        QB_SetEnvironmentVariable("ROOMCRATE_HOME", tmp.Path().c_str());
-        QB_WriteWholeFile(tmp.Sub("confsrv.ini"), "[FileShare]\r\nPath=" + tmp.Sub("store") + "\r\n");
-        host.m_bServer = bServer;
-        host.m_LocalUser = kAlice;
-        host.AddUser(kAlice, 1, "Alice");
         host.AddUser(kBob, 2, "Bob");
-        host.Attach(&mgr);
         if (bServer)
         {
             EXPECT_EQ(0u, mgr.Initialize());
         }
     }
-    ~Node() { QB_SetEnvironmentVariable("ROOMCRATE_HOME", nullptr); }
     void Deliver(uint16_t usPdu, uint16_t usConnType, const Bytes& data)
     {
         ZV_Deliver(mgr, usPdu, usConnType, data, 5, QB_UserID(kBob.m_ulMain, 0));
@@ -112,7 +93,7 @@ Bytes AddRequest(uint16_t usFileID, uint32_t ulFloodSeq)
     ask.user = kBob;
     ask.ulFloodSeq = ulFloodSeq;
     ask.brief = Brief("a.txt");
-    return Saved(ask);
+    return ZV_SavePayload(ask);
 }
 
 Bytes AddAnswer()
@@ -121,7 +102,7 @@ Bytes AddAnswer()
     answer.usRouteID = answer.usFileID = kFileID;
     answer.user = kBob;
     answer.brief = Brief("a.txt");
-    return Saved(answer);
+    return ZV_SavePayload(answer);
 }
 
 Bytes AddFilesRequest()
@@ -133,7 +114,7 @@ Bytes AddFilesRequest()
         ask.arrFileID.Add(ZV_NO_FILEID);
         ask.arrInfo.Add(Brief(pszName));
     }
-    return Saved(ask);
+    return ZV_SavePayload(ask);
 }
 
 Bytes DownloadAnswer(const QB_StringW& sPath, const QB_StringW& sName)
@@ -146,7 +127,7 @@ Bytes DownloadAnswer(const QB_StringW& sPath, const QB_StringW& sName)
     answer.record.SetFileName(QB_StringU8(sName));
     answer.record.SetFileLenth(kLength);
     answer.record.SetUserID(kAlice);
-    return Saved(answer);
+    return ZV_SavePayload(answer);
 }
 
 // A relay's store of a file that Bob's home server announced.
@@ -300,13 +281,13 @@ TEST(Ownership, ARequestMeetingAFileIDABatchStillHoldsReservedIsAnswered83)
         ZV_DelUploadRequest del;
         del.usFileID = 1;
         del.user = kBob;
-        node.Deliver(PDU_CONF_FS_DEL_UPLOAD_REQUEST, zvConfClientTypeCommand, Saved(del));
+        node.Deliver(PDU_CONF_FS_DEL_UPLOAD_REQUEST, zvConfClientTypeCommand, ZV_SavePayload(del));
         ZV_SetFilesRightRequest right;
         right.arrFileID.Add(2);
         right.user = kBob;
-        node.Deliver(PDU_CONF_FS_SET_FILES_RIGHT_REQUEST, zvConfClientTypeCommand, Saved(right));
+        node.Deliver(PDU_CONF_FS_SET_FILES_RIGHT_REQUEST, zvConfClientTypeCommand, ZV_SavePayload(right));
     };
-    node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, zvConfClientTypeCommand, Saved(ask));
+    node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, zvConfClientTypeCommand, ZV_SavePayload(ask));
 
     ASSERT_TRUE(bAsked);
     const auto vecDel = node.host.SentOf(PDU_CONF_FS_DEL_UPLOAD_RESPONSE);

@@ -1,5 +1,6 @@
 // A manager on a recording host whose home is a fresh folder; a server
-// stores below it in "store". PDUs are handed in as from connection 5.
+// stores below it in "store". PDUs are handed in as from connection 5. The
+// host may be any recording host, a throwing one among them.
 #pragma once
 
 #include "ZV_RecordingHost.h"
@@ -11,13 +12,14 @@
 
 #include <vector>
 
-struct ZV_RecordingNode
+template <class THost>
+struct ZV_BasicNode
 {
     QB_TempFolder tmp;
-    ZV_RecordingHost host;
+    THost host;
     ZV_FileShareMgr mgr;
 
-    explicit ZV_RecordingNode(bool bServer)
+    explicit ZV_BasicNode(bool bServer)
     {
         QB_SetEnvironmentVariable("ROOMCRATE_HOME", tmp.Path().c_str());
         if (bServer)
@@ -26,9 +28,11 @@ struct ZV_RecordingNode
         host.AddUser(host.m_LocalUser, 1, "Alice");
         host.Attach(&mgr);
     }
-    ~ZV_RecordingNode() { QB_SetEnvironmentVariable("ROOMCRATE_HOME", nullptr); }
+    ~ZV_BasicNode() { QB_SetEnvironmentVariable("ROOMCRATE_HOME", nullptr); }
     uint32_t Deliver(uint16_t usPdu, uint16_t usConnType, const std::vector<uint8_t>& data)
     {
         return ZV_Deliver(mgr, usPdu, usConnType, data, 5, QB_UserID());
     }
 };
+
+using ZV_RecordingNode = ZV_BasicNode<ZV_RecordingHost>;
