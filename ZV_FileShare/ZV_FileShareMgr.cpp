@@ -161,7 +161,7 @@ void ZV_FileShareMgr::SetSessionBusy(uint8_t bBusy, uint16_t usFileID)
     });
 }
 
-void ZV_FileShareMgr::MarkBusy(uint8_t bBusy, uint16_t usFileID)
+void ZV_FileShareMgr::MarkBusy(bool bBusy, uint16_t usFileID)
 {
     // A data link that fell idle and stayed up is in use again: its loss
     // from now on is a loss, which makes the client say where its downloads

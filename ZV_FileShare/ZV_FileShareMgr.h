@@ -167,7 +167,7 @@ private:
     uint32_t GetLinkConn(uint16_t usConnType) override;
     // The local user, or null when the host knows none.
     const QB_UserID* LocalUser() const override;
-    void MarkBusy(uint8_t bBusy, uint16_t usFileID) override;
+    void MarkBusy(bool bBusy, uint16_t usFileID) override;
     // The server's durable list of what its storage folder holds.
     ZV_FileCatalog& Catalog() override { return m_Catalog; }
     // Whether a server's PDU may make this client open the local file that

@@ -219,7 +219,7 @@ void ZV_FileShareMgr::ReplaceSession(uint16_t usFileID, std::unique_ptr<ZV_FileS
     if (lpGone && m_lpConf->IsClientMode())
     {
         DropUnlistedDownload(usFileID, lpGone.get());
-        MarkBusy(0, usFileID);
+        MarkBusy(false, usFileID);
         NotifyFileGone(0, usFileID);
     }
     m_mapSession.SetAt(usFileID, lpFsSession.release());
@@ -241,7 +241,7 @@ bool ZV_FileShareMgr::TakeRepeatedFile(uint16_t usFileID, const ZV_FileBriefInfo
 // A file that goes is no transfer of this client's any more.
 void ZV_FileShareMgr::RemoveSession(uint16_t usFileID)
 {
-    MarkBusy(0, usFileID);
+    MarkBusy(false, usFileID);
     TakeSession(usFileID);
 }
 

@@ -37,7 +37,7 @@ uint32_t ZV_FileShareMgr::FsResumeDownload(uint16_t usFileID)
         const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
         if (ulConn == zvConnNone)
             return ZV_ERR_NO_CONN;
-        MarkBusy(1, usFileID);
+        MarkBusy(true, usFileID);
         return lpFsSession->SendIsStopDownloadRequest(ulConn, usFileID, LocalUser(), 0, 0);
     });
 }

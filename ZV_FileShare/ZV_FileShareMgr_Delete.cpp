@@ -57,7 +57,7 @@ uint32_t ZV_FileShareMgr::FsDelDownload(uint16_t usFileID, uint8_t bDeleteFile)
 {
     assert(m_lpConf && "m_lpConf");
     return GuardFs("ZV_FileShareMgr::FsDelDownload exception.\r\n", [&]() -> uint32_t {
-        MarkBusy(0, usFileID);
+        MarkBusy(false, usFileID);
         m_ShareLedger.ForgetDownload(m_lpConf->GetConfID(), usFileID);
         ZV_FileShareSession* lpFsSession = nullptr;
         QB_StringW sLocalPath;
@@ -183,7 +183,7 @@ uint32_t ZV_FileShareMgr::HandleDelUploadResponse(ConfPduData* lpCpd)
         NotifyFileGone(answer.head.ulResult, usFileID);
         if (answer.head.ulResult != ZV_OK)
             return 0;
-        MarkBusy(0, usFileID);
+        MarkBusy(false, usFileID);
         ZV_FileShareSession* lpFsSession = nullptr;
         if (m_mapSession.Lookup(usFileID, lpFsSession) && lpFsSession != nullptr)
             DropDeletedSession(usFileID, lpFsSession);

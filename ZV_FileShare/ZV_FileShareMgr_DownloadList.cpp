@@ -240,7 +240,7 @@ void ZV_FileShareMgr::RestartListedDownload(const ConfPduData* lpCpd, ZV_FileSha
             r.SetStopped(false);
             lpFsSession->SendIsStopDownloadRequest(lpCpd->ulConn, usFileID, &me, 0, 0);
         }
-        MarkBusy(1, usFileID);
+        MarkBusy(true, usFileID);
         r.SetState(ZV_DLSTATE_RUNNING);
     }
     lpFsSession->SetResyncPending();
@@ -260,5 +260,5 @@ void ZV_FileShareMgr::DropWithdrawnDownload(uint16_t usFileID, ZV_FileShareSessi
     if (r.m_usState != ZV_DLSTATE_FINISHED && download.m_usState != ZV_DLSTATE_FINISHED)
         QB_FileEx::Delete(QB_StringW(r.m_sFilePath + r.m_sFileName));
     lpFsSession->ResetLocalDownload(false);
-    MarkBusy(0, usFileID);
+    MarkBusy(false, usFileID);
 }

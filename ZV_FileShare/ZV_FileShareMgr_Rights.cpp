@@ -228,7 +228,7 @@ void ZV_FileShareMgr::DropLostDownload(uint16_t usFileID, ZV_FileShareSession* l
         // A record that never named a file names only its folder.
         if (!download.m_sFileName.IsEmpty())
             QB_FileEx::Delete(QB_StringW(download.m_sFilePath) + QB_StringW(download.m_sFileName));
-        MarkBusy(0, usFileID);
+        MarkBusy(false, usFileID);
     }
     lpFsSession->ResetLocalDownload(false);
 }

@@ -22,7 +22,7 @@ uint32_t ZV_FileShareMgr::FsUpload(uint16_t usFileID)
             QB_WriteClientLog("ZV_FileShareMgr.FsUpload ret = %d\r\n", (int)ulFound);
         if (ulFound != ZV_OK)
             return ulFound;
-        MarkBusy(1, usFileID);
+        MarkBusy(true, usFileID);
         lpFsSession->StartLocalUpload();
         const uint32_t ulDataConn = GetLinkConn(zvConfClientTypeData);
         if (ulDataConn != zvConnNone)
@@ -48,7 +48,7 @@ uint32_t ZV_FileShareMgr::HandleFileStateNotice(ConfPduData* lpCpd)
         if (notice.bUpload && notice.usState == ZV_FILESTATE_COMPLETE && m_lpConf->IsClientMode() &&
             m_mapSession.Lookup(notice.arrFileID[i], lpFsSession) && lpFsSession != nullptr &&
             lpFsSession->IsLocalCreator())
-            MarkBusy(0, notice.arrFileID[i]);
+            MarkBusy(false, notice.arrFileID[i]);
     }
     return 0;
 }

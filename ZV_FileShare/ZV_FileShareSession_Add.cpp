@@ -221,7 +221,7 @@ uint32_t ZV_FileShareSession::InitCltAddFileInfo(IZV_ConfHost* lpConf, uint16_t 
         }
         if (bStartUpload)
         {
-            m_lpMgr->MarkBusy(1, usFileID);
+            m_lpMgr->MarkBusy(true, usFileID);
             m_BriefInfo.SetFileState(ZV_FILESTATE_UPLOADING);
             m_ulReadPos = 0;
             // A data link that rests is only called again once kicked.

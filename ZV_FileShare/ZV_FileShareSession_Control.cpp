@@ -181,7 +181,7 @@ uint32_t ZV_FileShareSession::HandleIsStopUploadResponse(ConfPduData* lpCpd)
     {
         m_BriefInfo.SetFileState(bStop ? ZV_FILESTATE_STOPPED : ZV_FILESTATE_UPLOADING);
         if (IsLocalCreator())
-            m_lpMgr->MarkBusy(bStop ? 0 : 1, usFileID);
+            m_lpMgr->MarkBusy(!bStop, usFileID);
     }
     if (!IsFileVisible(m_BriefInfo))
         return 0;
@@ -272,7 +272,7 @@ void ZV_FileShareSession::TakeProgress(uint16_t usFileID, uint32_t ulPos)
     const double dShare = ShareOf(ulPos, ulLength);
     NotifyUploadProgress(usFileID, dShare * 100.0);
     if (dShare >= 1.0 && bCreator)
-        m_lpMgr->MarkBusy(0, usFileID);
+        m_lpMgr->MarkBusy(false, usFileID);
 }
 
 // ---------------------------------------------------------------------------
@@ -401,7 +401,7 @@ void ZV_FileShareSession::OnClientTimer()
     if (bDownloading)
         AskAgainIfStalled(ulNow);
     else if (!bUploading && ulNow - m_ulLastIoTick >= ZV_CLIENT_STALL_MS)
-        m_lpMgr->MarkBusy(0, m_usFileID);
+        m_lpMgr->MarkBusy(false, m_usFileID);
 }
 
 // A running download to which nothing came for a stall's time, while the

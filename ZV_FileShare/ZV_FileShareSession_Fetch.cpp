@@ -157,7 +157,7 @@ void ZV_FileShareSession::ReportDownloadAnswer(const ConfPduData* lpCpd, uint32_
     if (ulResult != ZV_OK)
         SendDelDownloadRequest(lpCpd->ulConn, usFileID, &user, 0);
     else
-        m_lpMgr->MarkBusy(1, usFileID);
+        m_lpMgr->MarkBusy(true, usFileID);
 }
 
 // ---------------------------------------------------------------------------
@@ -244,7 +244,7 @@ void ZV_FileShareSession::OnClientBlock(uint16_t usFileID, bool bFinished)
         download.SetState(ZV_DLSTATE_FINISHED);
         m_File.Close();
         NotifyDownloadFinished(ZV_OK, usFileID);
-        m_lpMgr->MarkBusy(0, usFileID);
+        m_lpMgr->MarkBusy(false, usFileID);
     }
     if (bFinished || download.m_ulDownloadPos == ZV_BLOCK_SIZE)
         NotifyTransferState(0, usFileID, download.m_usState);

@@ -73,7 +73,7 @@ void ZV_FileShareSession::MergeCreatorState(bool bNew, uint16_t usOldState, uint
         if (!m_File.IsOpen() && m_lpMgr->IsSharedLocalFile(m_BriefInfo) && m_BriefInfo.IsSameLocalFile())
             m_File.Open(QB_StringW(m_BriefInfo.m_sFilePath + m_BriefInfo.m_sFileOldName),
                         QB_FILE_READ | QB_FILE_SHARE_DENY_WRITE | QB_FILE_OPEN_EXISTING);
-        m_lpMgr->MarkBusy(1, m_usFileID);
+        m_lpMgr->MarkBusy(true, m_usFileID);
         if (m_BriefInfo.m_usFileState == ZV_FILESTATE_FAILED)
             m_BriefInfo.SetFileState(ZV_FILESTATE_UPLOADING);
         return;

@@ -111,7 +111,7 @@ void ZV_FileShareSession::TakeUploadAnswer(uint32_t ulResult, uint16_t usFileID,
     if (ulPos < m_BriefInfo.m_ulFileLenth && m_BriefInfo.m_usFileState != ZV_FILESTATE_STOPPED)
     {
         m_BriefInfo.SetFileState(ZV_FILESTATE_UPLOADING);
-        m_lpMgr->MarkBusy(1, usFileID);
+        m_lpMgr->MarkBusy(true, usFileID);
     }
     m_ulReadPos = ulPos;
     const uint32_t ulDataConn = m_lpMgr->GetLinkConn(zvConfClientTypeData);

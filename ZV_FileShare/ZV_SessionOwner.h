@@ -26,7 +26,7 @@ public:
     // The local user, or null when the host knows none.
     virtual const QB_UserID* LocalUser() const = 0;
     // Client: whether usFileID counts among the transfers in progress.
-    virtual void MarkBusy(uint8_t bBusy, uint16_t usFileID) = 0;
+    virtual void MarkBusy(bool bBusy, uint16_t usFileID) = 0;
     // Server: the durable list of the stored files.
     virtual ZV_FileCatalog& Catalog() = 0;
     // Client: whether the local user shared the very file `brief` names.
