@@ -75,12 +75,7 @@ struct FileList : ::testing::Test
         vb.resize((size_t)stream.GetPos());
         return vb;
     }
-    ZV_FileShareSession* Session(uint16_t usFileID)
-    {
-        ZV_FileShareSession* lpFsSession = nullptr;
-        ZV_FileShareMgrPeer::Sessions(node.mgr).Lookup(usFileID, lpFsSession);
-        return lpFsSession;
-    }
+    ZV_FileShareSession* Session(uint16_t usFileID) { return ZV_FileShareMgrPeer::Find(node.mgr, usFileID); }
 };
 
 } // namespace

@@ -60,12 +60,7 @@ struct Node : ZV_BasicNode<ZV_ThrowingHost>
     {
         ZV_Deliver(mgr, usPdu, usConnType, data, 5, QB_UserID(kBob.m_ulMain, 0));
     }
-    ZV_FileShareSession* Session(uint16_t usFileID = kFileID)
-    {
-        ZV_FileShareSession* lpFsSession = nullptr;
-        ZV_FileShareMgrPeer::Sessions(mgr).Lookup(usFileID, lpFsSession);
-        return lpFsSession;
-    }
+    ZV_FileShareSession* Session(uint16_t usFileID = kFileID) { return ZV_FileShareMgrPeer::Find(mgr, usFileID); }
     size_t StoredFiles() const
     {
         const fs::path folder = tmp.Sub("store/7");

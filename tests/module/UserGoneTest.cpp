@@ -95,8 +95,7 @@ TEST(UserGone, EachLeaverEndsAsItsRoleAndHomeDecide)
 
             EXPECT_EQ(0u, node.mgr.OnEvent(zvConfEventUserLeave, 0, (uintptr_t)&row.leaver, 0, 0));
 
-            ZV_FileShareSession* lpLeft = nullptr;
-            ZV_FileShareMgrPeer::Sessions(node.mgr).Lookup(5, lpLeft);
+            ZV_FileShareSession* lpLeft = ZV_FileShareMgrPeer::Find(node.mgr, 5);
             EXPECT_EQ(!row.bRemoved, lpLeft != nullptr) << row.pszName;
             EXPECT_EQ(!row.bRemoved, std::filesystem::exists(sStored)) << row.pszName;
             EXPECT_EQ(!row.bRemoved, ZV_FileShareMgrPeer::Catalog(node.mgr).HasFile(7, 5)) << row.pszName;

@@ -38,9 +38,7 @@ struct TrustScene : public ZV_Scene
     }
     ZV_FileShareSession* Session(ZV_SimHost* lpNode, uint16_t usFileID)
     {
-        ZV_FileShareSession* lpFsSession = nullptr;
-        ZV_FileShareMgrPeer::Sessions(*Manager(lpNode)).Lookup(usFileID, lpFsSession);
-        return lpFsSession;
+        return ZV_FileShareMgrPeer::Find(*Manager(lpNode), usFileID);
     }
     size_t LogLines(ZV_SimHost* lpClient, const std::string& sLine) const
     {

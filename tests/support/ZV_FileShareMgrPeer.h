@@ -11,6 +11,13 @@ class ZV_FileShareMgrPeer
 {
 public:
     static ZV_SessionMap& Sessions(ZV_FileShareMgr& mgr) { return mgr.m_mapSession; }
+    // The session under usFileID; null when there is none, or only a reservation.
+    static ZV_FileShareSession* Find(ZV_FileShareMgr& mgr, uint16_t usFileID)
+    {
+        ZV_FileShareSession* lpFsSession = nullptr;
+        mgr.m_mapSession.Lookup(usFileID, lpFsSession);
+        return lpFsSession;
+    }
     static QB_Array<uint16_t>& BusyFileIDs(ZV_FileShareMgr& mgr) { return mgr.m_arrBusyFileID; }
     static char& DataLink(ZV_FileShareMgr& mgr) { return mgr.m_cDataLink; }
     static uint16_t& NextFileID(ZV_FileShareMgr& mgr) { return mgr.m_usNextFileID; }
