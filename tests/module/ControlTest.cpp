@@ -1,13 +1,15 @@
-// Stop, resume, the relay's progress and upload errors on one manager,
+// Stop, resume, rights, the relay's progress and upload errors on one manager,
 // against a recording host and a clock the test moves.
 #include "ZV_FileShareSessionPeer.h"
 #include "ZV_DownloadPdu.h"
+#include "ZV_EntryPdu.h"
 #include "ZV_FileShareMgr.h"
 #include "ZV_FileShareMgrPeer.h"
 #include "ZV_FileShareSession.h"
 #include "ZV_RecordingHost.h"
 
 #include "QB_FaultEnv.h"
+#include "ZV_PayloadCheck.h"
 
 #include <gtest/gtest.h>
 
@@ -320,6 +322,41 @@ TEST_F(Control, ServerToldThatAPeerIsTheSourceAsksItForWhatItLacks)
     Deliver(PDU_CONF_FS_NOTICE_DEL_DOWNLOAD_INFO_REQUEST, Pdu().U16(5).User(peer).U32(77), zvConfServerTypeCommand,
             900, peer);
     EXPECT_EQ(1u, host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size()) << "the same flood again asks nothing";
+}
+
+// The creator's right change goes on to the other servers, and the entries
+// of users no longer allowed go at once; a linked server's entry stays, as
+// that server judges its own users by the same new list.
+TEST_F(Control, ServerTakesARightChangeFromTheCreatorAndDropsTheEntriesOfUsersWhoLostTheFile)
+{
+    Make(true);
+    const QB_UserID kCarol(10003, 0), kRelay(2, 0), kUnlinked(3, 0);
+    host.m_setLinkedServer.insert(kRelay.m_ulMain);
+    for (const QB_UserID& user : {kBob, kCarol, kRelay, kUnlinked})
+    {
+        ZV_FileDownloadInfo entry;
+        entry.SetFileID(5);
+        entry.SetUserID(user);
+        entry.SetActive(true);
+        lpSession->SetDownloadInfo(user, entry);
+    }
+    Clear();
+    ZV_SetRightRequest ask;
+    ask.head.usFileID = 5;
+    ask.head.user = kAlice;
+    ask.head.ulFloodSeq = 77;
+    ask.arrAdd.Add(kCarol);
+    Deliver(PDU_CONF_FS_SET_RIGHT_REQUEST, Pdu().Data(ZV_SavePayload(ask)), zvConfClientTypeCommand, 100010, kAlice);
+
+    std::vector<bool> vecHeld;
+    ZV_FileDownloadInfo held;
+    for (const QB_UserID& user : {kBob, kCarol, kRelay, kUnlinked})
+        vecHeld.push_back(lpSession->GetDownloadInfo(user, held));
+    EXPECT_EQ((std::vector<bool>{false, true, true, false}), vecHeld);
+    const auto vecFlood = host.SentOf(PDU_CONF_FS_SET_RIGHT_REQUEST);
+    ASSERT_EQ(1u, vecFlood.size());
+    EXPECT_EQ(Pdu().U16(7).Data(ZV_SavePayload(ask)).b, vecFlood[0].data) << "behind the conference word";
+    EXPECT_EQ(1u, host.SentOf(PDU_CONF_FS_SET_RIGHT_RESPONSE).size());
 }
 
 // The user side's stop of a download, and its giving one up: the stop goes
