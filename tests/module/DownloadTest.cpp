@@ -394,6 +394,7 @@ TEST_F(ClientDownload, TakesBlocksInOrderIgnoresDuplicatesAndAsksOnceAcrossAGap)
     auto Part = [&](uint32_t ulPos, uint32_t ulLen) {
         return Block(ulPos, Bytes(data.begin() + ulPos, data.begin() + ulPos + ulLen));
     };
+    env.SetTick(5700);
     for (const Pdu& block : {Part(0, 32768), Part(0, 32768), Part(65536, 32768), Part(98304, 1), Part(32768, 32768),
                              Part(65536, 32768), Part(98304, 1)})
         EXPECT_EQ(0u, Take(block));
@@ -404,6 +405,12 @@ TEST_F(ClientDownload, TakesBlocksInOrderIgnoresDuplicatesAndAsksOnceAcrossAGap)
     EXPECT_EQ(32768u, RecordOf(vecAsked[0].data).m_ulDownloadPos);
     EXPECT_EQ(data, QB_ReadWholeFile(tmp.Sub("dl/a.bin")));
     EXPECT_EQ(4u, ResultsOf(zvFsEventDownloadProgress).size());
+    for (const ZV_RaisedEvent& event : host.m_vecEvents)
+        if (event.usEvent == zvFsEventDownloadProgress)
+        {
+            EXPECT_EQ(Pdu().U32(700).b, Bytes(event.data.end() - 4, event.data.end())) << "time spent since the answer";
+            break;
+        }
     EXPECT_EQ(1u, ResultsOf(zvFsEventDownloadFinished).size());
     EXPECT_EQ(2u, ResultsOf(zvFsEventTransferState).size()) << "at the first block's end and at the finish";
     EXPECT_FALSE(ZV_FileShareSessionPeer::File(Session()).IsOpen());
