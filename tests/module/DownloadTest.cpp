@@ -504,6 +504,21 @@ TEST_F(Download, RelayWritesIntoItsOwnStoreWhateverPathTheRecordNames)
     EXPECT_TRUE(host.m_vecEvents.empty()) << "a server has no user side";
 }
 
+// A stored name that would lead out of the store folder opens nothing, and
+// the relay asks for no blocks.
+TEST_F(Download, RelayWhoseStoredNameLeavesItsFolderAsksForNothing)
+{
+    ZV_FileShareSession& session = AddStoredFile(0);
+    ZV_FileShareSessionPeer::ServerFile(session).Close();
+    ZV_FileShareSessionPeer::FileInfo(session).SetFileNewName(QB_StringU8("..\\song.ogg"));
+    const QB_UserID self(1, 0), upstream(2, 0);
+    ZV_FileDownloadInfo record = Target(QB_StringW(u"C:\\elsewhere"), 98305);
+    record.SetUserID(self);
+    Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, Answer(record, 0, self), zvConfServerTypeCommand, 20, upstream);
+    EXPECT_TRUE(host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST).empty());
+    EXPECT_FALSE(std::filesystem::exists(tmp.Sub("song.ogg")));
+}
+
 TEST_F(Download, FsDownloadAsksTheServerOnTheCommandLinkOrSaysWhyNot)
 {
     host.m_bServer = false;
