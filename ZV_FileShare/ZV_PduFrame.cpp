@@ -51,14 +51,14 @@ uint32_t ZV_SendToGroup(IZV_ConfHost* lpConf, uint32_t ulSkipConn, uint16_t usPd
     return lpConf->SendPduToGroup(ulSkipConn, 0, usPdu, pdu.Payload(), pdu.PayloadLength(), bFlag1, bFlag2);
 }
 
-uint32_t ZV_SendToServers(IZV_ConfHost* lpConf, uint32_t ulSkipConn, uint16_t usPdu, ZV_PduBuffer& pdu,
-                          uint8_t bFlag1, uint8_t bFlag2, bool bGuarded)
+void ZV_SendToServers(IZV_ConfHost* lpConf, uint32_t ulSkipConn, uint16_t usPdu, ZV_PduBuffer& pdu,
+                      uint8_t bFlag1, uint8_t bFlag2, bool bGuarded)
 {
     if (bGuarded && !lpConf->HasServerLinks())
-        return 0;
+        return;
     const uint8_t* pData = pdu.WithConfWord(lpConf->GetConfID());
-    return lpConf->SendPduToServers(ulSkipConn, zvConfServerTypeCommand, usPdu, pData, pdu.WithConfWordLength(),
-                                    bFlag1, bFlag2);
+    lpConf->SendPduToServers(ulSkipConn, zvConfServerTypeCommand, usPdu, pData, pdu.WithConfWordLength(), bFlag1,
+                             bFlag2);
 }
 
 uint32_t ZV_SendToServerData(IZV_ConfHost* lpConf, uint32_t ulServerMain, uint16_t usPdu, ZV_PduBuffer& pdu,

@@ -50,9 +50,10 @@ uint32_t ZV_SendToLink(IZV_ConfHost* lpConf, uint32_t ulConn, uint16_t usPdu, co
 uint32_t ZV_SendToGroup(IZV_ConfHost* lpConf, uint32_t ulSkipConn, uint16_t usPdu, const ZV_PduBuffer& pdu,
                         uint8_t bFlag1 = 1, uint8_t bFlag2 = 1);
 // To every linked server. Most floods are skipped when the host has no
-// server links; bGuarded false sends regardless.
-uint32_t ZV_SendToServers(IZV_ConfHost* lpConf, uint32_t ulSkipConn, uint16_t usPdu, ZV_PduBuffer& pdu,
-                          uint8_t bFlag1 = 1, uint8_t bFlag2 = 1, bool bGuarded = true);
+// server links; bGuarded false sends regardless. What the host answers is
+// of no use to a flood, so nothing is given back.
+void ZV_SendToServers(IZV_ConfHost* lpConf, uint32_t ulSkipConn, uint16_t usPdu, ZV_PduBuffer& pdu,
+                      uint8_t bFlag1 = 1, uint8_t bFlag2 = 1, bool bGuarded = true);
 uint32_t ZV_SendToServerData(IZV_ConfHost* lpConf, uint32_t ulServerMain, uint16_t usPdu, ZV_PduBuffer& pdu,
                              uint8_t bFlag1 = 1, uint8_t bFlag2 = 1);
 uint32_t ZV_SendOnServerLink(IZV_ConfHost* lpConf, uint32_t ulConn, uint16_t usPdu, ZV_PduBuffer& pdu,
