@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <string>
 
 namespace {
@@ -231,6 +232,35 @@ TEST_F(FileList, AnnouncesNewFilesToItsClientsAndThoseItCannotStoreInASeriesOfTh
     QB_StringW sSection;
     EXPECT_TRUE(ZV_FileShareMgrPeer::Catalog(node.mgr).LoadFile(7, 1001, row, sSection));
     EXPECT_EQ(1u, node.host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size()) << "no fetch for the file not stored";
+}
+
+// A new file never takes the name of one already in the store, and a FileID
+// the catalogue holds for another file loses the old bytes before the new
+// ones are fetched.
+TEST_F(FileList, KeepsEachStoredFileApartFromTheFilesAPeerLists)
+{
+    std::filesystem::create_directories(node.tmp.Sub("store/7"));
+    QB_WriteWholeFile(node.tmp.Sub("store/7/new.bin"), "not the peer's");
+    ASSERT_TRUE(ZV_FileShareMgrPeer::Catalog(node.mgr).SaveFile(7, PeerFile(1004, "old.bin", 8000, 8000, 3)));
+    QB_WriteWholeFile(node.tmp.Sub("store/7/old.bin"), ZV_TestBytes(8000, 4));
+    ZV_FileListResponse part;
+    part.sender = kPeer;
+    for (const char* pszName : {"new.bin", "old.bin"})
+    {
+        const ZV_FileUploadInfo info = PeerFile(pszName[0] == 'n' ? 1003 : 1004, pszName, 5000, 5000, 3);
+        part.arrInfo.Add(info);
+        part.arrState.Add(true);
+        part.arrMaxPos.Add(5000);
+    }
+    Take(part);
+    const Bytes vbMine = QB_ReadWholeFile(node.tmp.Sub("store/7/new.bin"));
+    EXPECT_EQ("not the peer's", std::string(vbMine.begin(), vbMine.end()));
+    ZV_FileUploadInfo row;
+    QB_StringW sSection;
+    ASSERT_TRUE(ZV_FileShareMgrPeer::Catalog(node.mgr).LoadFile(7, 1003, row, sSection));
+    EXPECT_EQ(QB_StringU8("new(1).bin"), row.m_sFileNewName);
+    EXPECT_FALSE(std::filesystem::exists(node.tmp.Sub("store/7/old.bin")));
+    EXPECT_EQ(2u, node.host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size());
 }
 
 // A record of a downloader this server already lists changes nothing; a
