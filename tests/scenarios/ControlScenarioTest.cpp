@@ -2,6 +2,9 @@
 // fetches, and the bytes on Bob's disk and the events of both say how it went.
 #include "ZV_SceneFixture.h"
 
+#include "ZV_ControlPdu.h"
+#include "ZV_PayloadCheck.h"
+
 struct ControlScene : public ZV_Scene
 {
     // The state of an upload (bUpload 1) or download (0) that a user was
@@ -87,6 +90,13 @@ TEST_F(ControlScene, AnUploadsStopAndResumeReachBothServersTheirCataloguesAndThe
     EXPECT_EQ(std::vector<uint16_t>({1, 1}), RowStates());
     ASSERT_EQ(2u, Events(Alice(), zvFsEventStopResult).size());
     EXPECT_EQ(0, Events(Alice(), zvFsEventStopResult)[1].vbData.at(8)) << "a resume";
+    // Flood number 0 for the server to fill in; a resume names no position.
+    const auto vecResume = sim.Journal().Pdus(PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST, Alice()->GetName());
+    ASSERT_EQ(2u, vecResume.size());
+    ZV_StopUploadAsk resumed;
+    resumed.usFileID = usFileID;
+    resumed.user = Alice()->GetUserID();
+    EXPECT_EQ(ZV_SavePayload(resumed), vecResume[1].vbData);
     for (ZV_SimHost* lpClient : shape.vecClients)
         EXPECT_EQ(1, ToldState(lpClient, 1)) << lpClient->GetName();
     ZV_SimFilter restart;
