@@ -99,11 +99,8 @@ bool ZV_FileBriefInfo::IsSameLocalFile() const
     QB_DateTimeEx dtLastWrite;
     // Sizes are 32-bit words: files from 2 GB on come back negative and are
     // compared as the unsigned length they stand for.
-    bool bSame = file.GetTimes(&stCreation, &stLastWrite, &stLastAccess) && dtLastWrite.SetFromSystemTime(stLastWrite) &&
-                 (uint32_t)file.GetLength() == m_ulFileLenth &&
-                 dtLastWrite.ToText(0, "-") == m_dtModifyTime.ToText(0, "-");
-    file.Close();
-    return bSame;
+    return file.GetTimes(&stCreation, &stLastWrite, &stLastAccess) && dtLastWrite.SetFromSystemTime(stLastWrite) &&
+           (uint32_t)file.GetLength() == m_ulFileLenth && dtLastWrite.ToText(0, "-") == m_dtModifyTime.ToText(0, "-");
 }
 
 bool ZV_FileBriefInfo::SetCreatorName(const QB_StringU8& sValue)

@@ -39,7 +39,7 @@ uint32_t ZV_FileShareMgr::Initialize()
     try
     {
         const QB_StringW sHome = HomeFolder();
-        QB_IniFileEx iniFile(17, 17);
+        QB_IniFileEx iniFile;
         if (!iniFile.Open(sHome + u"confsrv.ini", false))
             return ZV_ERR_CONFIG;
         const QB_StringA sDefault = DefaultStorePath(sHome);

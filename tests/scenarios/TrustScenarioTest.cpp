@@ -126,6 +126,8 @@ TEST_F(TrustScene, AClientUploadsOnlyWhatItsUserSharedWhateverTheServerAnnounces
         SendFromServer(Alice(), PDU_CONF_FS_ADD_RESPONSE, pdu);
         EXPECT_EQ(0u, SentSince(Alice(), nMark, PDU_CONF_FS_UPLOAD_REQUEST)) << c.szName;
         EXPECT_EQ(zvResultUntrusted, LastResult(Alice(), zvFsEventFileAdded)) << c.szName;
+        EXPECT_EQ(zvResultUntrusted, sim.Journal().PdusTo(PDU_CONF_FS_ADD_RESPONSE, Alice()->GetName()).back().ulResult)
+            << c.szName << ": and handed back to the host";
         EXPECT_EQ(nLogged + 1, LogLines(Alice(), "ZV_FileShareMgr.HandleAddResponse ret = 90")) << c.szName;
         EXPECT_EQ(nullptr, Session(Alice(), usFileID)) << c.szName;
     }
