@@ -3,6 +3,7 @@
 #include "ZV_FileShareSessionPeer.h"
 #include "ZV_DownloadPdu.h"
 #include "ZV_EntryPdu.h"
+#include "ZV_RightsPdu.h"
 #include "ZV_FileShareMgr.h"
 #include "ZV_FileShareMgrPeer.h"
 #include "ZV_FileShareSession.h"
@@ -357,6 +358,17 @@ TEST_F(Control, ServerTakesARightChangeFromTheCreatorAndDropsTheEntriesOfUsersWh
     ASSERT_EQ(1u, vecFlood.size());
     EXPECT_EQ(Pdu().U16(7).Data(ZV_SavePayload(ask)).b, vecFlood[0].data) << "behind the conference word";
     EXPECT_EQ(1u, host.SentOf(PDU_CONF_FS_SET_RIGHT_RESPONSE).size());
+
+    // The answer's description is for clients: a server takes it as handled
+    // and changes nothing.
+    Clear();
+    ZV_SetRightResponse answer;
+    answer.usFileID = 5;
+    answer.user = kAlice;
+    answer.brief.SetPublic(true);
+    Deliver(PDU_CONF_FS_SET_RIGHT_RESPONSE, Pdu().Data(ZV_SavePayload(answer)), zvConfServerTypeCommand, 900, kRelay);
+    EXPECT_TRUE(host.m_vecSent.empty() && host.m_vecEvents.empty());
+    EXPECT_FALSE(ZV_FileShareSessionPeer::FileInfo(*lpSession).m_BriefInfo.m_bPublic);
 }
 
 // The user side's stop of a download, and its giving one up: the stop goes
