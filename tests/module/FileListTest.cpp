@@ -261,6 +261,22 @@ TEST_F(FileList, KeepsEachStoredFileApartFromTheFilesAPeerLists)
     EXPECT_EQ(QB_StringU8("new(1).bin"), row.m_sFileNewName);
     EXPECT_FALSE(std::filesystem::exists(node.tmp.Sub("store/7/old.bin")));
     EXPECT_EQ(2u, node.host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size());
+
+    // The same file under another stored name at the peer keeps this
+    // server's name.
+    ZV_FileUploadInfo kept = PeerFile(1005, "song.bin", 5000, 5000, 3);
+    kept.SetFileNewName(QB_StringU8("song(2).bin"));
+    ASSERT_TRUE(ZV_FileShareMgrPeer::Catalog(node.mgr).SaveFile(7, kept));
+    QB_WriteWholeFile(node.tmp.Sub("store/7/song(2).bin"), ZV_TestBytes(5000, 5));
+    ZV_FileListResponse same;
+    same.sender = kPeer;
+    same.arrInfo.Add(PeerFile(1005, "song.bin", 5000, 5000, 3));
+    same.arrState.Add(true);
+    same.arrMaxPos.Add(5000);
+    Take(same);
+    ASSERT_TRUE(ZV_FileShareMgrPeer::Catalog(node.mgr).LoadFile(7, 1005, row, sSection));
+    EXPECT_EQ(QB_StringU8("song(2).bin"), row.m_sFileNewName);
+    EXPECT_TRUE(node.host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).empty()) << "the stored file is whole";
 }
 
 // A record of a downloader this server already lists changes nothing; a
