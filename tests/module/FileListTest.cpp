@@ -14,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <initializer_list>
 #include <string>
 
 namespace {
@@ -62,6 +63,19 @@ struct FileList : ::testing::Test
             EXPECT_EQ(sent.data, ZV_SavePayloadOf(vecParts.back()));
         }
         return vecParts;
+    }
+    // The peer's list of the given files, each one whole there.
+    static ZV_FileListResponse Whole(std::initializer_list<ZV_FileUploadInfo> files)
+    {
+        ZV_FileListResponse part;
+        part.sender = kPeer;
+        for (const ZV_FileUploadInfo& info : files)
+        {
+            part.arrInfo.Add(info);
+            part.arrState.Add(true);
+            part.arrMaxPos.Add(info.m_ulFileWritePos);
+        }
+        return part;
     }
     void Take(const ZV_FileListResponse& part)
     {
@@ -208,16 +222,8 @@ TEST_F(FileList, TakesAPeersNewFilesOnceFetchesWhatItLacksAndSavesThemInOneWrite
 // all the same, in a second series after the files that could.
 TEST_F(FileList, AnnouncesNewFilesToItsClientsAndThoseItCannotStoreInASeriesOfTheirOwn)
 {
-    ZV_FileListResponse part;
-    part.sender = kPeer;
-    for (uint16_t usFileID : {1001, 1002})
-    {
-        part.arrInfo.Add(PeerFile(usFileID, "f.bin", 5000, 5000, 3));
-        part.arrState.Add(true);
-        part.arrMaxPos.Add(5000);
-    }
     env.FailAt(QB_EnvOp::MakeFolder, 1);
-    Take(part);
+    Take(Whole({PeerFile(1001, "f.bin", 5000, 5000, 3), PeerFile(1002, "f.bin", 5000, 5000, 3)}));
     std::vector<std::vector<uint16_t>> vecSeries;
     for (const ZV_SentPdu& sent : node.host.SentOf(PDU_CONF_FS_ADD_FILES_RESPONSE))
     {
@@ -243,16 +249,7 @@ TEST_F(FileList, KeepsEachStoredFileApartFromTheFilesAPeerLists)
     QB_WriteWholeFile(node.tmp.Sub("store/7/new.bin"), "not the peer's");
     ASSERT_TRUE(ZV_FileShareMgrPeer::Catalog(node.mgr).SaveFile(7, PeerFile(1004, "old.bin", 8000, 8000, 3)));
     QB_WriteWholeFile(node.tmp.Sub("store/7/old.bin"), ZV_TestBytes(8000, 4));
-    ZV_FileListResponse part;
-    part.sender = kPeer;
-    for (const char* pszName : {"new.bin", "old.bin"})
-    {
-        const ZV_FileUploadInfo info = PeerFile(pszName[0] == 'n' ? 1003 : 1004, pszName, 5000, 5000, 3);
-        part.arrInfo.Add(info);
-        part.arrState.Add(true);
-        part.arrMaxPos.Add(5000);
-    }
-    Take(part);
+    Take(Whole({PeerFile(1003, "new.bin", 5000, 5000, 3), PeerFile(1004, "old.bin", 5000, 5000, 3)}));
     const Bytes vbMine = QB_ReadWholeFile(node.tmp.Sub("store/7/new.bin"));
     EXPECT_EQ("not the peer's", std::string(vbMine.begin(), vbMine.end()));
     ZV_FileUploadInfo row;
@@ -268,12 +265,7 @@ TEST_F(FileList, KeepsEachStoredFileApartFromTheFilesAPeerLists)
     kept.SetFileNewName(QB_StringU8("song(2).bin"));
     ASSERT_TRUE(ZV_FileShareMgrPeer::Catalog(node.mgr).SaveFile(7, kept));
     QB_WriteWholeFile(node.tmp.Sub("store/7/song(2).bin"), ZV_TestBytes(5000, 5));
-    ZV_FileListResponse same;
-    same.sender = kPeer;
-    same.arrInfo.Add(PeerFile(1005, "song.bin", 5000, 5000, 3));
-    same.arrState.Add(true);
-    same.arrMaxPos.Add(5000);
-    Take(same);
+    Take(Whole({PeerFile(1005, "song.bin", 5000, 5000, 3)}));
     ASSERT_TRUE(ZV_FileShareMgrPeer::Catalog(node.mgr).LoadFile(7, 1005, row, sSection));
     EXPECT_EQ(QB_StringU8("song(2).bin"), row.m_sFileNewName);
     EXPECT_TRUE(node.host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).empty()) << "the stored file is whole";
@@ -283,12 +275,7 @@ TEST_F(FileList, KeepsEachStoredFileApartFromTheFilesAPeerLists)
 // new one is entered resting.
 TEST_F(FileList, TakesOnlyTheRecordsOfDownloadersItDidNotKnow)
 {
-    ZV_FileListResponse part;
-    part.sender = kPeer;
-    part.arrInfo.Add(PeerFile(1001, "whole.bin", 5000, 5000, 3));
-    part.arrState.Add(true);
-    part.arrMaxPos.Add(5000);
-    Take(part);
+    Take(Whole({PeerFile(1001, "whole.bin", 5000, 5000, 3)}));
     ZV_FileListResponse records;
     records.sender = kPeer;
     records.bUploadList = 0;
