@@ -4,6 +4,7 @@
 #include "ZV_FileShareMgr.h"
 #include "ZV_AddPdu.h"
 #include "ZV_FileShareSession.h"
+#include "ZV_ListPdu.h"
 #include "ZV_SharePath.h"
 
 #include "QB_FileEx.h"
@@ -220,23 +221,15 @@ void ZV_FileShareMgr::ReportPendingFiles()
     QB_Array<ZV_FileBriefInfo> arrInfo;
     TakePendingFiles(arrFileID, arrRate, arrInfo);
     const int nCount = std::max({arrFileID.GetSize(), arrRate.GetSize(), arrInfo.GetSize()});
-    // The three counts are reckoned at their longest, so an estimate that
-    // meets the buffer to the byte still fits it.
+    // Event number, result, and the three counts reckoned at their longest,
+    // so an estimate that meets the buffer to the byte still fits it.
     constexpr uint32_t kHead = 2 + 4 + 3 * 5;
-    int nFrom = 0;
-    uint32_t ulSize = kHead;
-    for (int i = 0; i <= nCount; ++i)
-    {
-        const uint32_t ulEntry = i < arrInfo.GetSize() ? arrInfo[i].GetSaveSize() + 4 + 2 + 8 : 2 + 8;
-        if (i < nCount && (ulSize + ulEntry <= (uint32_t)QB_PDU_BUFFER_SIZE || i == nFrom))
-        {
-            ulSize += ulEntry;
-            continue;
-        }
-        NotifyFilesAdded(Slice(arrFileID, nFrom, i), Slice(arrInfo, nFrom, i), Slice(arrRate, nFrom, i));
-        nFrom = i;
-        ulSize = kHead + ulEntry;
-    }
+    ZV_CutList(
+        kHead, nCount,
+        [&](int i) { return i < arrInfo.GetSize() ? ZV_FilesAddedEntrySize(arrInfo[i]) : 2 + 8; },
+        [&](int nFrom, int nTo, bool) {
+            NotifyFilesAdded(Slice(arrFileID, nFrom, nTo), Slice(arrInfo, nFrom, nTo), Slice(arrRate, nFrom, nTo));
+        });
 }
 
 void ZV_FileShareMgr::NotePendingFile(uint16_t usFileID, double dRate)

@@ -20,13 +20,6 @@ bool IsClientLink(const ConfPduData* lpCpd)
     return lpCpd->conn_type == zvConfClientTypeCommand || lpCpd->conn_type == zvConfClientTypeData;
 }
 
-// Event 3013 takes its payload in one buffer: a long list is told in as
-// many events as it needs, in the list's order.
-uint32_t FilesAddedEntrySize(const ZV_FileBriefInfo& brief)
-{
-    return 2 + 4 + brief.GetSaveSize() + 8;
-}
-
 } // namespace
 
 uint32_t ZV_FileShareMgr::HandleGetUploadSessionListRequest(ConfPduData* lpCpd)
@@ -204,7 +197,7 @@ void ZV_FileShareMgr::MergeListedFile(const ZV_FileUploadInfo& entry, uint32_t u
 void ZV_FileShareMgr::RaisePendingFiles()
 {
     ZV_CutList(
-        15, m_arrPendingFileID.GetSize(), [&](int i) { return FilesAddedEntrySize(m_arrPendingInfo[i]); },
+        15, m_arrPendingFileID.GetSize(), [&](int i) { return ZV_FilesAddedEntrySize(m_arrPendingInfo[i]); },
         [&](int nFrom, int nTo, bool) {
             if (nFrom == nTo)
                 return;

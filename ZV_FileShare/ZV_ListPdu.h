@@ -256,6 +256,13 @@ inline uint32_t ZV_FileListEntrySize(const ZV_FileUploadInfo& info)
     return ZV_UploadRecordSize(info) + 5;
 }
 
+// What one file adds to a "files added" event (3013): its FileID, its
+// delimited record and its rate.
+inline uint32_t ZV_FilesAddedEntrySize(const ZV_FileBriefInfo& brief)
+{
+    return 2 + 4 + brief.GetSaveSize() + 8;
+}
+
 // Cuts a list of nCount entries into pieces: a piece closes before the entry
 // that would take the running size, which starts at the head's size, above
 // the PDU buffer. fnFlush(nFrom, nTo, bLast) sends entries [nFrom, nTo); the
