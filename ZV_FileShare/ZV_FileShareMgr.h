@@ -7,7 +7,8 @@
 // follows the link states, and serves the user side's Fs operations.
 //
 // The definition is split by concern: ZV_FileShareMgr.cpp (life, links,
-// FileIDs, busy list, timer), _Route.cpp (PDU routing), _Add.cpp and
+// FileIDs, busy list, timer), _Route.cpp (PDU routing), _Gate.cpp (what a
+// server takes from a client's link), _Add.cpp and
 // _AddFiles.cpp (sharing one file and several), _Download.cpp, _Transfer.cpp
 // and _Control.cpp (the user side's download, upload, stop and resume),
 // _Links.cpp (restarts after a link came back), _FileList.cpp (linked
@@ -350,6 +351,11 @@ private:
 
     uint32_t RouteToSession(ConfPduData* lpCpd);
     uint32_t RouteToManager(ConfPduData* lpCpd, bool& bHandled);
+    // ZV_FileShareMgr_Gate.cpp: false for a PDU a server refuses from a
+    // client's link, which is then logged and, where it has one, answered.
+    bool AdmitPdu(const ConfPduData* lpCpd);
+    void AnswerRefusal(uint16_t usAnswer, const ConfPduData* lpCpd);
+    void AnswerRefusedAdd(uint16_t usAnswer, QB_ByteStream& stream, uint32_t ulConn);
     void OnClientConnect(uint16_t usConnType);
     void OnServerConnect(const QB_UserID* lpPeer, uint16_t usConnType);
     void DeleteAllSessions();

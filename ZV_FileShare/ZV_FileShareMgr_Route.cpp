@@ -17,6 +17,8 @@ uint32_t ZV_FileShareMgr::HandlePdu(ConfPduData* lpCpd)
     // own handlers as well as the sessions'.
     try
     {
+        if (!AdmitPdu(lpCpd))
+            return ZV_OK;
         bool bHandled = false;
         const uint32_t ulResult = RouteToManager(lpCpd, bHandled);
         return bHandled ? ulResult : RouteToSession(lpCpd);

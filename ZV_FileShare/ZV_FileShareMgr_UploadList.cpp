@@ -15,11 +15,6 @@ namespace {
 // FileIDs are u16, so an honest answer never holds more entries than this.
 constexpr int kMaxListed = 0x10000;
 
-bool IsClientLink(const ConfPduData* lpCpd)
-{
-    return lpCpd->conn_type == zvConfClientTypeCommand || lpCpd->conn_type == zvConfClientTypeData;
-}
-
 } // namespace
 
 uint32_t ZV_FileShareMgr::HandleGetUploadSessionListRequest(ConfPduData* lpCpd)
@@ -30,10 +25,10 @@ uint32_t ZV_FileShareMgr::HandleGetUploadSessionListRequest(ConfPduData* lpCpd)
         ZV_PayloadReader stream(lpCpd);
         ZV_ListRequest ask;
         ask.Load(stream);
-        // A client asks for itself: the list for a creator also ends this
-        // server's fetch of the creator's unfinished files.
-        if (!m_lpConf->IsServerMode() ||
-            (IsClientLink(lpCpd) && ask.user != QB_UserID(lpCpd->ulUserMain, lpCpd->ulUserSub)))
+        // A client asks only for itself (the manager sees to it): the list
+        // for a creator also ends this server's fetch of the creator's
+        // unfinished files.
+        if (!m_lpConf->IsServerMode())
             return 0;
         QB_Array<ZV_FileUploadInfo> arrInfo;
         QB_Array<uint32_t> arrMaxPos;

@@ -188,7 +188,7 @@ public:
     void FloodDownloadRequest(const QB_UserID& user, uint32_t ulFloodSeq, const QB_StringU8& sPath, uint32_t ulPos);
     uint32_t StartUploadOnDemand(const QB_UserID& downloader);
     void FloodDownloadStop(const QB_UserID& user, bool bStopped);
-    ZV_FileDownloadInfo* TakeBackDownloader(const ConfPduData* lpCpd, const ZV_DownloadDataRequest& ask);
+    ZV_FileDownloadInfo* TakeBackDownloader(const ZV_DownloadDataRequest& ask);
     void KickDownloadConn(uint32_t ulConn);
     uint32_t SendDownloadBlock(const ConfPduData* lpCpd, uint32_t ulResult, const QB_UserID& user, uint32_t ulPos,
                                uint32_t ulLen, const uint8_t* pData);

@@ -12,6 +12,7 @@
 #include "ZV_ControlPdu.h"
 #include "ZV_DownloadPdu.h"
 #include "ZV_FileShareMgr.h"
+#include "ZV_PduTable.h"
 #include "ZV_UploadPdu.h"
 
 #include <algorithm>
@@ -21,11 +22,6 @@ namespace {
 
 // Blocks a server sends for one OnSend call of the host.
 constexpr int kBlocksPerSend = 3;
-
-bool IsServerLink(uint16_t usConnType)
-{
-    return usConnType != zvConfClientTypeCommand && usConnType != zvConfClientTypeData;
-}
 
 bool HasRight(const ZV_FileBriefInfo& brief, const QB_UserID& user)
 {
@@ -199,13 +195,13 @@ uint32_t ZV_FileShareSession::HandleDownloadDataRequest(ConfPduData* lpCpd)
     const QB_UserID& user = ask.user;
     const ZV_FileDownloadInfo& record = ask.record;
     ZV_FileDownloadInfo* pEntry = m_mapDownload.Find(user);
-    if (pEntry == nullptr && !IsServerLink(lpCpd->conn_type))
-        pEntry = TakeBackDownloader(lpCpd, ask);
+    if (pEntry == nullptr && !ZV_IsServerLink(lpCpd->conn_type))
+        pEntry = TakeBackDownloader(ask);
     if (pEntry == nullptr)
         return 0;
     // Active before the kick, so that a host that calls OnSend at once finds
     // the entry ready.
-    if (IsServerLink(lpCpd->conn_type))
+    if (ZV_IsServerLink(lpCpd->conn_type))
     {
         *pEntry = record;
         pEntry->SetUserID(user);
@@ -228,12 +224,11 @@ uint32_t ZV_FileShareSession::HandleDownloadDataRequest(ConfPduData* lpCpd)
 // its entry went with a restart, or with a change of rights made while the
 // user was away and undone since. It would wait for good; it is taken back
 // as from a request at the stated position, if it may still have the file.
-ZV_FileDownloadInfo* ZV_FileShareSession::TakeBackDownloader(const ConfPduData* lpCpd, const ZV_DownloadDataRequest& ask)
+ZV_FileDownloadInfo* ZV_FileShareSession::TakeBackDownloader(const ZV_DownloadDataRequest& ask)
 {
     const ZV_FileBriefInfo& brief = m_FileInfo.m_BriefInfo;
     const ZV_FileDownloadInfo& record = ask.record;
-    if (ask.user != QB_UserID(lpCpd->ulUserMain, lpCpd->ulUserSub) || !MayDownload(brief, ask.user) ||
-        record.m_sFileName.IsEmpty() || record.m_dtShareTime != brief.m_dtShareTime ||
+    if (!MayDownload(brief, ask.user) || record.m_sFileName.IsEmpty() || record.m_dtShareTime != brief.m_dtShareTime ||
         record.m_ulDownloadPos > brief.m_ulFileLenth)
         return nullptr;
     ZV_DownloadAsk again;

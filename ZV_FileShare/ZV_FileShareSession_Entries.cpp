@@ -9,11 +9,6 @@
 
 namespace {
 
-bool IsFromServer(const ConfPduData* lpCpd)
-{
-    return lpCpd->conn_type == zvConfServerTypeCommand || lpCpd->conn_type == zvConfServerTypeData;
-}
-
 QB_UserID PeerOf(const ConfPduData* lpCpd)
 {
     return QB_UserID(lpCpd->ulUserMain, lpCpd->ulUserSub);
@@ -24,11 +19,9 @@ QB_UserID PeerOf(const ConfPduData* lpCpd)
 // ---------------------------------------------------------------------------
 // 8010: a downloader gives its download up
 
-// A client may drop only its own entry: another user's is that user's
-// download, and a client that could end it could stop anyone's transfer. A
-// server link's flood counts as decided. A client keeps no entries, so the
-// PDU means nothing there. A download in flight ends because OnSend finds no
-// entry.
+// A client drops only its own entry, as the manager sees to: another user's
+// is that user's download. A client keeps no entries, so the PDU means
+// nothing there. A download in flight ends because OnSend finds no entry.
 uint32_t ZV_FileShareSession::HandleDelDownloadRequest(ConfPduData* lpCpd)
 {
     ZV_TraceRecv("PDU_CONF_FS_DEL_DOWNLOAD_REQUEST");
@@ -36,7 +29,7 @@ uint32_t ZV_FileShareSession::HandleDelDownloadRequest(ConfPduData* lpCpd)
     ZV_PayloadReader stream(lpCpd);
     ZV_EntryRequest ask;
     ask.Load(stream);
-    if (!lpConf->IsServerMode() || (!IsFromServer(lpCpd) && ask.user != PeerOf(lpCpd)))
+    if (!lpConf->IsServerMode())
         return 0;
     if (!ZV_IsNewFlood(lpConf, ask.user, ask.ulFloodSeq))
         return 0;
@@ -69,9 +62,9 @@ uint32_t ZV_FileShareSession::HandleNoticeDelDownloadInfoRequest(ConfPduData* lp
     ZV_PayloadReader stream(lpCpd);
     ZV_EntryRequest notice;
     notice.Load(stream);
-    // Only servers keep entries and relay; a client could otherwise make a
-    // server forget its downloaders and fetch from whom the client says.
-    if (!lpConf->IsServerMode() || !IsFromServer(lpCpd) || lpConf->IsFloodSeen(&notice.user, notice.ulFloodSeq))
+    // Only servers keep entries and relay, and only a server's link brings
+    // this (the manager drops it from a client's).
+    if (!lpConf->IsServerMode() || lpConf->IsFloodSeen(&notice.user, notice.ulFloodSeq))
         return 0;
     notice.usFileID = m_usFileID;
     ZV_PduBuffer pdu;

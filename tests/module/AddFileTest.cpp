@@ -55,6 +55,7 @@ Bytes BatchRequest(const Node& node, const std::vector<uint16_t>& vecFileID)
     for (uint16_t usFileID : vecFileID)
     {
         ZV_FileBriefInfo brief;
+        brief.SetCreatorID(ask.user);
         brief.SetFileOldName(QB_StringU8((std::to_string(usFileID) + ".txt").c_str()));
         ask.arrFileID.Add(usFileID);
         ask.arrInfo.Add(brief);
@@ -305,26 +306,27 @@ TEST(AddFile, ClientRefusesTheAnswerForItsOwnFileOnceTheFileWentFromTheDisk)
 
 // A batch answer is cut before the description that would bring its count
 // to the buffer's size: the count starts at the head of 13 bytes plus 33,
-// and a description counts its bound plus 6. With names of 7 bytes, 64
-// folders of 992 bytes count 1014 each, 64942 with the start. A 65th
-// description of 528 brings it to 65470 and stays; one of 529 would reach
-// 65471 and goes in the second piece.
+// and a description counts its bound plus 6. With the creator and names of
+// 7 bytes, 64 folders of 980 bytes count 1014 each, 64942 with the start. A
+// 65th description of 528 brings it to 65470 and stays; one of 529 would
+// reach 65471 and goes in the second piece.
 TEST(AddFile, ABatchAnswerIsCutBeforeTheDescriptionThatWouldFillTheBuffer)
 {
     using Pieces = std::vector<std::pair<int, int>>;
-    const std::pair<size_t, Pieces> aCases[] = {{506, {{65, 0}, {1, 1}}}, {507, {{64, 0}, {2, 1}}}};
+    const std::pair<size_t, Pieces> aCases[] = {{494, {{65, 0}, {1, 1}}}, {495, {{64, 0}, {2, 1}}}};
     for (const auto& [nFolder, expected] : aCases)
     {
         Node node(true);
         ASSERT_EQ(0u, node.mgr.Initialize());
         ZV_AddFilesRequest ask;
         ask.user = node.host.m_LocalUser;
-        std::vector<size_t> vecFolder(64, 992);
+        std::vector<size_t> vecFolder(64, 980);
         vecFolder.push_back(nFolder);
         vecFolder.push_back(1);
         for (size_t i = 0; i < vecFolder.size(); ++i)
         {
             ZV_FileBriefInfo brief;
+            brief.SetCreatorID(ask.user);
             brief.SetFilePath(QB_StringU8(std::string(vecFolder[i], 'p').c_str()));
             brief.SetFileOldName(QB_StringU8((std::to_string(100 + i) + ".txt").c_str()));
             ask.arrFileID.Add(ZV_NO_FILEID);

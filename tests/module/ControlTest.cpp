@@ -121,7 +121,8 @@ TEST_F(Control, ServerTakesAnUploadsStopOrResumeFromItsCreatorOnlyAndConfirmsItT
     {
         Clear();
         ZV_FileShareSessionPeer::FileInfo(*lpSession).m_BriefInfo.SetFileState(c.usFrom);
-        Deliver(PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST, Pdu().U16(5).User(c.user).U32(0).U8(c.bStop).U32(70000));
+        Deliver(PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST, Pdu().U16(5).User(c.user).U32(0).U8(c.bStop).U32(70000),
+                zvConfClientTypeCommand, 100020, c.user);
         const auto vecAnswer = host.SentOf(PDU_CONF_FS_IS_STOP_UPLOAD_RESPONSE);
         ASSERT_EQ(c.answer.empty() ? 0u : 1u, vecAnswer.size()) << c.szName;
         if (!c.answer.empty())

@@ -244,12 +244,12 @@ TEST_F(Upload, ServerRefusesABlockItCannotTakeAndTheNextBlockShowsWhatItRemember
         Make(true, 98305);
         if (c.eFault != QB_EnvOp::Count_)
             env.FailAt(c.eFault, 1);
-        Deliver(PDU_CONF_FS_UPLOAD_REQUEST, Block(0, ZV_TestBytes(c.nLen, 9), c.sender));
+        Deliver(PDU_CONF_FS_UPLOAD_REQUEST, Block(0, ZV_TestBytes(c.nLen, 9), c.sender), c.sender);
         EXPECT_EQ(Answer(c.ulResult, 0, c.sender), Joined(host.SentOf(PDU_CONF_FS_UPLOAD_RESPONSE))) << c.szName;
         EXPECT_EQ(ZV_FILESTATE_FAILED, Row().m_usFileState) << c.szName;
         EXPECT_EQ(0u, Stored().size()) << c.szName;
 
-        Deliver(PDU_CONF_FS_UPLOAD_REQUEST, Block(c.ulNextPos, Slice(data, c.ulNextPos, 100), c.sender));
+        Deliver(PDU_CONF_FS_UPLOAD_REQUEST, Block(c.ulNextPos, Slice(data, c.ulNextPos, 100), c.sender), c.sender);
         EXPECT_EQ(1 + c.nNextAnswers, host.SentOf(PDU_CONF_FS_UPLOAD_RESPONSE).size()) << c.szName;
         EXPECT_EQ(c.ulWritePos, ZV_FileShareSessionPeer::FileInfo(*lpSession).m_ulFileWritePos) << c.szName;
         EXPECT_EQ(Slice(data, 0, c.ulWritePos), Stored()) << c.szName;
