@@ -4,6 +4,7 @@
 #include "ZV_FileShareMgr.h"
 #include "ZV_AddPdu.h"
 #include "ZV_FileShareSession.h"
+#include "ZV_PduTable.h"
 #include "ZV_SharePath.h"
 
 #include "QB_FileEx.h"
@@ -66,15 +67,18 @@ uint32_t FsAddFailed(uint32_t ulResult)
 
 } // namespace
 
-// A client's request: 0 when it may go on, with the FileID it gets.
+// A client's request: 0 when it may go on, with the FileID it gets. Only a
+// server gives FileIDs: one a client chose could name a file already here,
+// whose session, stored file and row the add would then take over, or lie
+// outside this server's range and clash with a linked server's files. So a
+// client's request that names one is refused, whatever the number.
 uint32_t ZV_FileShareMgr::CheckClientAdd(ZV_AddRequest& ask)
 {
     if (m_lpConf->GetUser(&ask.user) == nullptr)
         return ZV_ERR_NOT_IN_CONF;
-    if (!m_lpConf->CanShareFiles(&ask.user))
+    if (!m_lpConf->CanShareFiles(&ask.user) || ask.usFileID != ZV_NO_FILEID)
         return ZV_ERR_NOT_ENTITLED;
-    if (ask.usFileID == ZV_NO_FILEID)
-        ask.usFileID = AllocFileID();
+    ask.usFileID = AllocFileID();
     return ask.usFileID == ZV_NO_FILEID ? ZV_ERR_NO_FILEID : ZV_OK;
 }
 
@@ -118,7 +122,7 @@ uint32_t ZV_FileShareMgr::HandleAddRequest(ConfPduData* lpCpd)
     if (!ZV_IsNewFlood(m_lpConf, ask.user, ask.ulFloodSeq))
         return ZV_OK;
     ask.LoadBody(stream);
-    const bool bFromClient = lpCpd->conn_type == zvConfClientTypeCommand;
+    const bool bFromClient = !ZV_IsServerLink(lpCpd->conn_type);
     const uint32_t ulRefusal = bFromClient ? CheckClientAdd(ask) : ZV_OK;
     if (ulRefusal != ZV_OK)
     {
@@ -143,7 +147,7 @@ uint32_t ZV_FileShareMgr::HandleAddRequest(ConfPduData* lpCpd)
 uint32_t ZV_FileShareMgr::FinishServerAdd(ConfPduData* lpCpd, const ZV_AddRequest& ask,
                                           ZV_FileShareSession* lpFsSession)
 {
-    const bool bFromClient = lpCpd->conn_type == zvConfClientTypeCommand;
+    const bool bFromClient = !ZV_IsServerLink(lpCpd->conn_type);
     // The session reads and forwards the final FileID and flood number; the
     // host's bytes stay untouched, a patched copy goes instead.
     std::vector<uint8_t> vbPayload(lpCpd->pData, lpCpd->pData + lpCpd->ulLen);

@@ -5,6 +5,7 @@
 #include "ZV_AddPdu.h"
 #include "ZV_FileShareSession.h"
 #include "ZV_ListPdu.h"
+#include "ZV_PduTable.h"
 #include "ZV_SharePath.h"
 
 #include "QB_FileEx.h"
@@ -105,6 +106,14 @@ uint32_t SendFilesSeries(IZV_ConfHost* lpConf, uint32_t ulConn, ZV_AddFilesRespo
     part.bLast = bLastFinal;
     part.SaveBody(stream);
     return SendFilesPdu(lpConf, ulConn, PDU_CONF_FS_ADD_FILES_RESPONSE, pdu, bToAll);
+}
+
+bool NamesFileID(const QB_Array<uint16_t>& arrFileID)
+{
+    for (int i = 0; i < arrFileID.GetSize(); ++i)
+        if (arrFileID[i] != ZV_NO_FILEID)
+            return true;
+    return false;
 }
 
 template <typename T>
@@ -368,12 +377,13 @@ uint32_t ZV_FileShareMgr::HandleAddFilesRequest(ConfPduData* lpCpd)
     if (!ZV_IsNewFlood(m_lpConf, ask.user, ask.ulFloodSeq))
         return ZV_OK;
     ask.LoadBody(stream);
-    const bool bFromClient = lpCpd->conn_type == zvConfClientTypeCommand;
+    const bool bFromClient = !ZV_IsServerLink(lpCpd->conn_type);
     const QB_Array<uint32_t> arrNoPos;
     uint32_t ulRefusal = ZV_OK;
+    // As for one file: only a server gives FileIDs (CheckClientAdd).
     if (bFromClient && m_lpConf->GetUser(&ask.user) == nullptr)
         ulRefusal = ZV_ERR_NOT_IN_CONF;
-    else if (bFromClient && !m_lpConf->CanShareFiles(&ask.user))
+    else if (bFromClient && (!m_lpConf->CanShareFiles(&ask.user) || NamesFileID(ask.arrFileID)))
         ulRefusal = ZV_ERR_NOT_ENTITLED;
     if (ulRefusal != ZV_OK)
     {

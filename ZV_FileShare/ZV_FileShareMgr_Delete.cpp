@@ -5,6 +5,7 @@
 #include "ZV_FileShareMgr.h"
 #include "ZV_DeletePdu.h"
 #include "ZV_FileShareSession.h"
+#include "ZV_PduTable.h"
 
 #include "QB_Env.h"
 #include "QB_FileEx.h"
@@ -125,7 +126,7 @@ uint32_t ZV_FileShareMgr::HandleDelUploadRequest(ConfPduData* lpCpd)
         return 0;
     ZV_FileShareSession* lpFsSession = nullptr;
     uint32_t ulResult = m_mapSession.Lookup(ask.usFileID, lpFsSession) ? ZV_OK : ZV_ERR_UNKNOWN_FILE;
-    if (lpCpd->conn_type == zvConfClientTypeCommand)
+    if (!ZV_IsServerLink(lpCpd->conn_type))
     {
         if (ulResult == ZV_OK)
             ulResult = CheckDelUpload(lpFsSession, ask.user);

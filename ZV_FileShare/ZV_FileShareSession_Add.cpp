@@ -3,6 +3,7 @@
 // the file as announced and, for its creator, the open file and the start of
 // the upload.
 #include "ZV_FileShareSession.h"
+#include "ZV_PduTable.h"
 #include "ZV_AddPdu.h"
 #include "ZV_FileShareMgr.h"
 #include "ZV_SharePath.h"
@@ -147,13 +148,13 @@ uint32_t ZV_FileShareSession::HandleAddRequest(ConfPduData* lpCpd)
     ask.LoadHead(stream);
     ask.LoadBody(stream);
     const QB_StringW sFolder = GetConfDir();
-    if (!MakeDirs(sFolder) && lpCpd->conn_type == zvConfClientTypeCommand)
+    const bool bFromClient = !ZV_IsServerLink(lpCpd->conn_type);
+    if (!MakeDirs(sFolder) && bFromClient)
         return ZV_ERR_OPEN;
     QB_StringW sPath;
     // A client is told that its file could not be recorded, rather than
     // have it stored without a row that outlives a restart.
-    if (!InitSrvAddFileInfo(sPath, Conf(), ask.usFileID, sFolder, ask.brief) &&
-        lpCpd->conn_type == zvConfClientTypeCommand)
+    if (!InitSrvAddFileInfo(sPath, Conf(), ask.usFileID, sFolder, ask.brief) && bFromClient)
     {
         UndoServerAdd(sPath);
         return ZV_ERR_IO;
