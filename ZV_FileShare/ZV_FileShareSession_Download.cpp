@@ -109,6 +109,13 @@ uint32_t ZV_FileShareSession::HandleDownloadRequest(ConfPduData* lpCpd)
     ask.Load(stream);
     if (!lpConf->IsServerMode())
         return 0;
+    // Only a relay skips the rights test, and only a server is one: a
+    // client that says it is gets what an unentitled user gets.
+    if (ask.bFromServer && !ZV_IsServerLink(lpCpd->conn_type))
+    {
+        SendDownloadResponse(lpCpd->ulConn, m_usFileID, ZV_ERR_NOT_ENTITLED, m_usFileID, &ask.user, nullptr);
+        return 0;
+    }
     if (!ask.bFromServer)
     {
         if (!ZV_IsNewFlood(lpConf, ask.user, ask.ulFloodSeq))

@@ -16,6 +16,8 @@
 
 #include "QB_Log.h"
 
+#include <algorithm>
+
 namespace {
 
 // Blocks a client sends for one OnSend call of the host.
@@ -32,9 +34,10 @@ constexpr uint32_t kOpenLocalFile = QB_FILE_READ | QB_FILE_OPEN_EXISTING;
 // Client: the pump on the data link
 
 // A file that ends before its shared length gives no bytes where some are
-// due; that is a failed read, not an endless run of empty blocks. Each
-// block is read at its own position, so no seek goes before the pass; a
-// closed file fails the first read as it would have failed the seek.
+// due; that is a failed read, not an endless run of empty blocks. One that
+// grew gives no more than its shared length, which is all the server takes.
+// Each block is read at its own position, so no seek goes before the pass;
+// a closed file fails the first read as it would have failed the seek.
 void ZV_FileShareSession::PumpUpload(ConfPduData* lpCpd)
 {
     IZV_ConfHost* lpConf = Conf();
@@ -43,7 +46,9 @@ void ZV_FileShareSession::PumpUpload(ConfPduData* lpCpd)
     uint8_t abBlock[ZV_BLOCK_SIZE];
     for (int i = 0; i < kBlocksPerSend; ++i)
     {
-        const int32_t nRead = m_File.ReadAt(m_ulReadPos, abBlock, (int32_t)ZV_BLOCK_SIZE);
+        const int64_t nLeft = (int64_t)m_BriefInfo.m_ulFileLenth - m_ulReadPos;
+        const int32_t nRead = (int32_t)std::min<int64_t>(m_File.ReadAt(m_ulReadPos, abBlock, (int32_t)ZV_BLOCK_SIZE),
+                                                          std::max<int64_t>(nLeft, 0));
         if (nRead < 0 || (nRead == 0 && m_ulReadPos < m_BriefInfo.m_ulFileLenth))
             return FailLocalRead();
         SendUploadRequest(lpCpd->ulConn, m_usFileID, &m_BriefInfo.m_CreatorID, 0, 0, (uint32_t)nRead, abBlock,
@@ -168,12 +173,21 @@ uint32_t ZV_FileShareSession::HandleUploadRequest(ConfPduData* lpCpd)
     if (m_bStopUpload)
         return 0;
     const bool bFits = block.LoadData(stream);
-    m_ulLastIoTick = ZV_Now();
     uint32_t ulConn = Conf()->GetUserConn(&block.user, zvConfClientTypeCommand);
     if (ulConn == zvConnNone)
         ulConn = lpCpd->ulConn;
+    // The file holds the length it was announced with, which every client
+    // was told and downloads to: a block that would run past it is refused
+    // unwritten, as a failed write, and changes nothing here.
+    const ZV_FileBriefInfo& brief = m_FileInfo.m_BriefInfo;
+    if (bFits && block.user == brief.m_CreatorID && (uint64_t)block.ulPos + block.ulLen > brief.m_ulFileLenth)
+    {
+        SendUploadResponse(ulConn, m_usFileID, ZV_ERR_IO, m_usFileID, &block.user, 0, m_FileInfo.m_ulFileWritePos);
+        return 0;
+    }
+    m_ulLastIoTick = ZV_Now();
     uint32_t ulResult = ZV_OK;
-    if (block.user != m_FileInfo.m_BriefInfo.m_CreatorID)
+    if (block.user != brief.m_CreatorID)
         ulResult = ZV_ERR_NOT_ENTITLED;
     else if (!bFits)
         ulResult = ZV_ERR_IO;
