@@ -353,6 +353,8 @@ private:
     uint32_t RouteToManager(ConfPduData* lpCpd, bool& bHandled);
     // ZV_FileShareMgr_Gate.cpp: false for a PDU a server refuses from a
     // client's link, which is then logged and, where it has one, answered.
+    // A server takes nothing from a client's link that its row in
+    // ZV_PduTable.h does not allow, and nothing whose number has no row.
     bool AdmitPdu(const ConfPduData* lpCpd);
     void AnswerRefusal(uint16_t usAnswer, const ConfPduData* lpCpd);
     void AnswerRefusedAdd(uint16_t usAnswer, QB_ByteStream& stream, uint32_t ulConn);

@@ -82,14 +82,15 @@ QB_UserID ForeignUser(ZV_UserField eUser, const ConfPduData* lpCpd, const QB_Use
 }
 
 // The one line a server writes for a PDU it refused from a client's link.
-void LogRefusedPdu(const ZV_PduRow& row, const QB_UserID* lpNamed, const QB_UserID& link)
+void LogRefusedPdu(const ConfPduData* lpCpd, const ZV_PduRow* lpRow, const QB_UserID* lpNamed)
 {
     char szNamed[24] = "none";
     if (lpNamed != nullptr)
         std::snprintf(szNamed, sizeof szNamed, "%u:%u", (unsigned)lpNamed->m_ulMain, (unsigned)lpNamed->m_ulSub);
     QB_WriteLog(QB_LOG_DAILY, "fileshare",
                 "ZV_FileShareMgr::HandlePdu refused %u (%s) from a client link: payload user %s, link user %u:%u.\r\n",
-                (unsigned)row.usPdu, row.pszName, szNamed, (unsigned)link.m_ulMain, (unsigned)link.m_ulSub);
+                (unsigned)lpCpd->usPdu, lpRow ? lpRow->pszName : "unknown", szNamed, (unsigned)lpCpd->ulUserMain,
+                (unsigned)lpCpd->ulUserSub);
 }
 
 } // namespace
@@ -97,18 +98,19 @@ void LogRefusedPdu(const ZV_PduRow& row, const QB_UserID* lpNamed, const QB_User
 bool ZV_FileShareMgr::AdmitPdu(const ConfPduData* lpCpd)
 {
     const ZV_PduRow* lpRow = ZV_FindPduRow(lpCpd->usPdu);
-    if (lpRow == nullptr || ZV_IsServerLink(lpCpd->conn_type) || !m_lpConf->IsServerMode())
+    if ((lpRow != nullptr && lpRow->eSender == ZV_PduSender::Nobody) || ZV_IsServerLink(lpCpd->conn_type) ||
+        !m_lpConf->IsServerMode())
         return true;
-    const QB_UserID link = LinkUser(lpCpd);
-    if (lpRow->eSender == ZV_PduSender::Server)
+    if (lpRow == nullptr || lpRow->eSender == ZV_PduSender::Server)
     {
-        LogRefusedPdu(*lpRow, nullptr, link);
+        LogRefusedPdu(lpCpd, lpRow, nullptr);
         return false;
     }
+    const QB_UserID link = LinkUser(lpCpd);
     const QB_UserID named = ForeignUser(lpRow->eUser, lpCpd, link);
     if (named == link)
         return true;
-    LogRefusedPdu(*lpRow, &named, link);
+    LogRefusedPdu(lpCpd, lpRow, &named);
     if (lpRow->usAnswer != 0)
         AnswerRefusal(lpRow->usAnswer, lpCpd);
     return false;

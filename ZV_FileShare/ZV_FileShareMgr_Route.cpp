@@ -2,6 +2,7 @@
 // everything else to the session of the FileID in the payload's first u16.
 #include "ZV_FileShareMgr.h"
 #include "ZV_FileShareSession.h"
+#include "ZV_PduTable.h"
 
 #include "QB_ByteStream.h"
 #include "QB_Log.h"
@@ -17,8 +18,10 @@ uint32_t ZV_FileShareMgr::HandlePdu(ConfPduData* lpCpd)
     // own handlers as well as the sessions'.
     try
     {
+        // A refused request was dealt with; a number without a row is one
+        // nothing takes.
         if (!AdmitPdu(lpCpd))
-            return ZV_OK;
+            return ZV_FindPduRow(lpCpd->usPdu) != nullptr ? ZV_OK : ZV_ERR_NO_HANDLER;
         bool bHandled = false;
         const uint32_t ulResult = RouteToManager(lpCpd, bHandled);
         return bHandled ? ulResult : RouteToSession(lpCpd);

@@ -1,13 +1,13 @@
-// ZV_PduTable: one row for each PDU a server acts on, keyed by its number:
-// who may send it to a server, where a client's request names the user it
-// is made for, and which answer carries a refusal back to the asker.
+// ZV_PduTable: one row for each PDU number of the protocol, keyed by the
+// number: who may send it to a server, where a client's request names the
+// user it is made for, and which answer carries a refusal back to the asker.
 //
 // A server takes a client's request only in the name of the user the host
 // reports for the client's link, and nothing from a client that only
 // servers send; the manager checks both here before any handler runs
-// (ZV_FileShareMgr_Gate.cpp), so a new handler cannot forget it. A number
-// nothing acts on (8011, 8041, the reserved 8053 and 8054, numbers outside
-// the protocol) has no row and goes its way: nothing comes of it.
+// (ZV_FileShareMgr_Gate.cpp). A number without a row is taken from no
+// client's link, so a new handler cannot be reached from one before its
+// row says who may send it.
 #pragma once
 
 #include "IZV_FileShare.h"
@@ -19,6 +19,7 @@ enum class ZV_PduSender : uint8_t
 {
     Client,  // a client, in its own name; servers pass it on in the client's
     Server,  // only a linked server, or a server answering its clients
+    Nobody,  // nothing acts on it, so it goes its way from any link
 };
 
 // Where a client's request names the user it acts for.
@@ -60,6 +61,8 @@ inline constexpr ZV_PduRow kPduTable[] = {
     {PDU_CONF_FS_DEL_UPLOAD_RESPONSE, "PDU_CONF_FS_DEL_UPLOAD_RESPONSE", ZV_PduSender::Server, ZV_UserField::None, 0},
     {PDU_CONF_FS_DEL_DOWNLOAD_REQUEST, "PDU_CONF_FS_DEL_DOWNLOAD_REQUEST", ZV_PduSender::Client,
      ZV_UserField::BehindFileID, 0},
+    {PDU_CONF_FS_DEL_DOWNLOAD_RESPONSE, "PDU_CONF_FS_DEL_DOWNLOAD_RESPONSE", ZV_PduSender::Nobody, ZV_UserField::None,
+     0},
     {PDU_CONF_FS_DOWNLOAD_DATA_REQUEST, "PDU_CONF_FS_DOWNLOAD_DATA_REQUEST", ZV_PduSender::Client,
      ZV_UserField::BehindFileID, 0},
     {PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, "PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE", ZV_PduSender::Server,
@@ -94,13 +97,17 @@ inline constexpr ZV_PduRow kPduTable[] = {
      ZV_UserField::None, 0},
     {PDU_CONF_FS_SET_FILES_RIGHT_REQUEST, "PDU_CONF_FS_SET_FILES_RIGHT_REQUEST", ZV_PduSender::Client,
      ZV_UserField::BehindFileIDs, PDU_CONF_FS_SET_FILES_RIGHT_RESPONSE},
+    {PDU_CONF_FS_SET_FILES_RIGHT_RESPONSE, "PDU_CONF_FS_SET_FILES_RIGHT_RESPONSE", ZV_PduSender::Nobody,
+     ZV_UserField::None, 0},
     {PDU_CONF_FS_FILE_STATE_NOTICE, "PDU_CONF_FS_FILE_STATE_NOTICE", ZV_PduSender::Server, ZV_UserField::None, 0},
+    {PDU_CONF_FS_RESERVED0, "PDU_CONF_FS_RESERVED0", ZV_PduSender::Nobody, ZV_UserField::None, 0},
+    {PDU_CONF_FS_RESERVED1, "PDU_CONF_FS_RESERVED1", ZV_PduSender::Nobody, ZV_UserField::None, 0},
     {PDU_CONF_FS_ADD_FILES_REQUEST, "PDU_CONF_FS_ADD_FILES_REQUEST", ZV_PduSender::Client,
      ZV_UserField::AddFilesRequest, PDU_CONF_FS_ADD_FILES_RESPONSE},
     {PDU_CONF_FS_ADD_FILES_RESPONSE, "PDU_CONF_FS_ADD_FILES_RESPONSE", ZV_PduSender::Server, ZV_UserField::None, 0},
 };
 
-// The row of a PDU number; null for a number nothing acts on.
+// The row of a PDU number; null for a number outside the protocol.
 constexpr const ZV_PduRow* ZV_FindPduRow(uint16_t usPdu)
 {
     for (const ZV_PduRow& row : kPduTable)
@@ -115,7 +122,7 @@ constexpr bool ZV_RowsAreConsistent()
 {
     for (const ZV_PduRow& row : kPduTable)
         if ((row.eSender == ZV_PduSender::Client) == (row.eUser == ZV_UserField::None) ||
-            (row.eSender == ZV_PduSender::Server && row.usAnswer != 0) || ZV_FindPduRow(row.usPdu) != &row)
+            (row.eSender != ZV_PduSender::Client && row.usAnswer != 0) || ZV_FindPduRow(row.usPdu) != &row)
             return false;
     return true;
 }

@@ -1,6 +1,6 @@
 // What one server takes from a client's link. Mallory's client sends, in
 // Alice's or Bob's name, every request a client may send, and every number
-// only servers send; then, in her own name, adds that choose a FileID, a
+// only servers send or none; then, in her own name, adds that choose a FileID, a
 // relay's download request and a block past the file's end. Each leaves the
 // server as it was (sessions, entries, stored files, catalogue), sends
 // nothing on, and is answered to Mallory alone where it has an answer.
@@ -170,6 +170,7 @@ TEST(ClientLink, NoRequestActsInAnotherUsersNameChoosesAFileIDOrWritesPastTheEnd
         {"a file list asked for", kMallory, 8031, Pdu().User(kServer2).b, "none", 0, 0, 0, kServer2},
         {"a file list", kMallory, 8032, Pdu().U32(0).User(kServer2).U8(1).U8(1).b, "none", 0, 0, 0, kNobody},
         {"a file's source moved", kMallory, 8037, Pdu().U16(kFile).User(kServer2).U32(9).b, "none", 0, 0, 0, kServer2},
+        {"a number outside the protocol", kMallory, 9000, Pdu().U16(kFile).User(kAlice).b, "none", 0, 0, 0, kNobody},
         // In her own name.
         {"an add that chooses Alice's FileID", kMallory, 8001, Add(kFile, kMallory, kMallory), nullptr, 8002, 2, 40,
          kNobody},
@@ -186,7 +187,7 @@ TEST(ClientLink, NoRequestActsInAnotherUsersNameChoosesAFileIDOrWritesPastTheEnd
         SCOPED_TRACE(c.szName);
         ServerNode node;
         const std::string sBefore = node.Held();
-        node.Send(c.from, c.usPdu, c.payload, c.usType);
+        ZV_Deliver(node.mgr, c.usPdu, c.usType, c.payload, ConnOf(c.from), c.from);
         EXPECT_EQ(sBefore, node.Held());
         EXPECT_EQ(c.usAnswer != 0 ? 1u : 0u, node.host.m_vecSent.size());
         if (c.usAnswer != 0 && node.host.m_vecSent.size() == 1)
