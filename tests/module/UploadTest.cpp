@@ -116,11 +116,15 @@ using Upload = UploadFixture;
 
 TEST_F(Upload, FsUploadStartsThePumpWhichSendsThreeBlocksPerCallUntilTheSharedLength)
 {
-    struct { size_t nSize; std::vector<size_t> vecCalls; } aCases[] = {
-        {98305, {3, 1}}, {32768, {1}}, {0, {1}}};
+    // The last: a file that grew by 10000 bytes after it was shared.
+    struct { size_t nSize; std::vector<size_t> vecCalls; size_t nGrown; } aCases[] = {
+        {98305, {3, 1}, 0}, {32768, {1}, 0}, {0, {1}, 0}, {40000, {2}, 10000}};
     for (const auto& c : aCases)
     {
         Make(false, c.nSize);
+        Bytes grown = data;
+        grown.resize(c.nSize + c.nGrown, 'g');
+        QB_WriteWholeFile(tmp.Sub("song.ogg"), grown);
         ASSERT_EQ(0u, FsUpload(5));
         ASSERT_EQ(2u, host.m_vecSent.size());
         EXPECT_TRUE(host.m_vecSent[0].usPdu == PDU_CONF_FS_KICK && host.m_vecSent[0].ulConn == 12);
