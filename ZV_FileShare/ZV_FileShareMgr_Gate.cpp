@@ -15,7 +15,7 @@
 
 #include "QB_Log.h"
 
-#include <cstdio>
+#include <string>
 
 namespace {
 
@@ -84,13 +84,12 @@ QB_UserID ForeignUser(ZV_UserField eUser, const ConfPduData* lpCpd, const QB_Use
 // The one line a server writes for a PDU it refused from a client's link.
 void LogRefusedPdu(const ConfPduData* lpCpd, const ZV_PduRow* lpRow, const QB_UserID* lpNamed)
 {
-    char szNamed[24] = "none";
-    if (lpNamed != nullptr)
-        std::snprintf(szNamed, sizeof szNamed, "%u:%u", (unsigned)lpNamed->m_ulMain, (unsigned)lpNamed->m_ulSub);
+    const std::string sNamed =
+        lpNamed ? std::to_string(lpNamed->m_ulMain) + ":" + std::to_string(lpNamed->m_ulSub) : std::string("none");
     QB_WriteLog(QB_LOG_DAILY, "fileshare",
                 "ZV_FileShareMgr::HandlePdu refused %u (%s) from a client link: payload user %s, link user %u:%u.\r\n",
-                (unsigned)lpCpd->usPdu, lpRow ? lpRow->pszName : "unknown", szNamed, (unsigned)lpCpd->ulUserMain,
-                (unsigned)lpCpd->ulUserSub);
+                (unsigned)lpCpd->usPdu, lpRow ? lpRow->pszName : "unknown", sNamed.c_str(),
+                (unsigned)lpCpd->ulUserMain, (unsigned)lpCpd->ulUserSub);
 }
 
 } // namespace
@@ -131,20 +130,21 @@ void ZV_FileShareMgr::AnswerRefusal(uint16_t usAnswer, const ConfPduData* lpCpd)
         SendSetFilesRightResponse(ulConn, ask.arrFileID, ZV_ERR_NOT_ENTITLED, ask.user, ask.ulFloodSeq);
         return;
     }
-    const uint16_t usFileID = stream.ReadU16();
-    QB_UserID user;
-    user.Load(stream);
+    // 8003, 8008 and 8014 each begin with a whole request head.
+    ZV_RequestHead ask;
+    ask.Load(stream);
     ZV_FileShareSession probe(this, m_strPath.GetString());
     switch (usAnswer)
     {
     case PDU_CONF_FS_SET_RIGHT_RESPONSE:
-        probe.SendSetRightResponse(ulConn, ZV_ERR_NOT_ENTITLED, usFileID, &user, nullptr, 0, false);
+        probe.SendSetRightResponse(ulConn, ZV_ERR_NOT_ENTITLED, ask.usFileID, &ask.user, nullptr, 0, false);
         break;
     case PDU_CONF_FS_DEL_UPLOAD_RESPONSE:
-        SendDelUploadResponse(ulConn, usFileID, ZV_ERR_NOT_ENTITLED, usFileID, &user, 0, false);
+        SendDelUploadResponse(ulConn, ask.usFileID, ZV_ERR_NOT_ENTITLED, ask.usFileID, &ask.user, ask.ulFloodSeq,
+                              false);
         break;
     case PDU_CONF_FS_DOWNLOAD_RESPONSE:
-        probe.SendDownloadResponse(ulConn, usFileID, ZV_ERR_NOT_ENTITLED, usFileID, &user, nullptr);
+        probe.SendDownloadResponse(ulConn, ask.usFileID, ZV_ERR_NOT_ENTITLED, ask.usFileID, &ask.user, nullptr);
         break;
     }
 }
