@@ -41,7 +41,8 @@ bool Utf8ToUtf16(const std::string& s, std::u16string& sOut)
     for (size_t i = 0; i < s.size();)
     {
         const unsigned char b = (unsigned char)s[i];
-        const size_t nMore = b < 0x80 ? 0 : (b & 0xE0) == 0xC0 ? 1 : (b & 0xF0) == 0xE0 ? 2 : (b & 0xF8) == 0xF0 ? 3 : 4;
+        const size_t nMore = b < 0x80 ? 0 : (b & 0xE0) == 0xC0 ? 1 : (b & 0xF0) == 0xE0 ? 2
+                                                                  : (b & 0xF8) == 0xF0 ? 3 : 4;
         if (nMore == 4 || i + nMore >= s.size())
             return false;
         char32_t ch = nMore ? b & (0x3F >> nMore) : b;

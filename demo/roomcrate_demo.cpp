@@ -502,8 +502,8 @@ private:
             StopIfInterrupted();
             if (nShown == 0)
                 std::cout << "  (nothing)\n";
-            std::cout << "\nIts catalogue, fsinfo.ini:\n" << Indented(ReadText(fs::path(lpServer->GetHome()) / "fsinfo.ini"))
-                      << "\n";
+            const fs::path catalogue = fs::path(lpServer->GetHome()) / "fsinfo.ini";
+            std::cout << "\nIts catalogue, fsinfo.ini:\n" << Indented(ReadText(catalogue)) << "\n";
         }
     }
 

@@ -27,8 +27,8 @@ DemoRun RunDemo(const fs::path& cwd, const fs::path& tmp, const std::string& sAr
 {
     fs::create_directories(tmp);
     const fs::path out = cwd / "demo-output.txt";
-    const std::string sCommand = "cd '" + cwd.string() + "' && " + sEnv + " TMPDIR='" + tmp.string() + "' '" ROOMCRATE_DEMO
-                                 "' " + sArgs + " >'" + out.string() + "' 2>&1";
+    const std::string sCommand = "cd '" + cwd.string() + "' && " + sEnv + " TMPDIR='" + tmp.string() +
+                                 "' '" ROOMCRATE_DEMO "' " + sArgs + " >'" + out.string() + "' 2>&1";
     DemoRun run;
     const int nStatus = std::system(sCommand.c_str());
     run.nExit = WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -1;
