@@ -3,6 +3,8 @@
 #include "QB_Plex.h"
 
 #include <cstdio>
+#include <cstdlib>
+#include <string>
 
 ZV_PduBuffer::ZV_PduBuffer() : m_stream(m_abData + kConfWordSize, QB_PDU_BUFFER_SIZE, false)
 {
@@ -83,7 +85,28 @@ uint32_t ZV_SendKick(IZV_ConfHost* lpConf, uint32_t ulConn)
 
 namespace {
 std::FILE* g_lpTraceStream = nullptr;
+
+// A host without a stream of its own to give names a file instead, in the
+// environment; read at each line, as ROOMCRATE_HOME is read at each call.
+constexpr const char* kTraceFileVariable = "ROOMCRATE_TRACE";
+
+// Opened and closed for each line: trace lines are few (no data block has
+// one), and nothing stays open that the host may want to move or delete.
+// A file that cannot be opened loses no line: it goes where it would have
+// gone without the variable.
+bool AppendToTraceFile(const char* pszLine)
+{
+    const char* pszFile = std::getenv(kTraceFileVariable);
+    if (pszFile == nullptr || *pszFile == '\0')
+        return false;
+    std::FILE* lpFile = std::fopen(pszFile, "ab");
+    if (lpFile == nullptr)
+        return false;
+    std::fputs(pszLine, lpFile);
+    std::fclose(lpFile);
+    return true;
 }
+} // namespace
 
 void ZV_SetTraceStream(std::FILE* lpStream)
 {
@@ -94,7 +117,14 @@ void ZV_SetTraceStream(std::FILE* lpStream)
 
 void ZV_TraceRecv(const char* pszPduName)
 {
-    std::fprintf(g_lpTraceStream ? g_lpTraceStream : stdout, "recv a %s\r\n", pszPduName);
+    if (g_lpTraceStream != nullptr)
+    {
+        std::fprintf(g_lpTraceStream, "recv a %s\r\n", pszPduName);
+        return;
+    }
+    const std::string sLine = std::string("recv a ") + pszPduName + "\r\n";
+    if (!AppendToTraceFile(sLine.c_str()))
+        std::fputs(sLine.c_str(), stdout);
 }
 
 bool ZV_IsNewFlood(IZV_ConfHost* lpConf, const QB_UserID& origin, uint32_t& ulFloodSeq)

@@ -144,8 +144,14 @@ uint32_t ZV_SimHost::DeliverPdu(const ZV_SimMachine& peer, uint32_t ulConn, uint
     cpd.usPdu = usPdu;
     cpd.ulLen = ulLen;
     cpd.pData = pData;
-    HomeScope scope(m_sHome);
-    return m_lpModule->HandlePdu(&cpd);
+    uint32_t ulResult = 0;
+    {
+        HomeScope scope(m_sHome);
+        ulResult = m_lpModule->HandlePdu(&cpd);
+    }
+    if (m_fnPdu)
+        m_fnPdu(*this, usPdu, ulResult);
+    return ulResult;
 }
 
 void ZV_SimHost::DeliverOnSend(const ZV_SimMachine& peer, uint32_t ulConn, uint16_t usConnType)

@@ -26,6 +26,7 @@ class ZV_SimHost final : public IZV_ConfHost, public IZV_ConfSink
 {
 public:
     using EventCallback = std::function<void(ZV_SimHost& host, uint16_t usEvent, const std::vector<uint8_t>& vbData)>;
+    using PduCallback = std::function<void(ZV_SimHost& host, uint16_t usPdu, uint32_t ulResult)>;
 
     // lpUser names the local user of a client node; a server node passes
     // null and is QB_UserID(server id, 0). sHome may be empty: the node then
@@ -58,6 +59,9 @@ public:
     // leaves it there, since the caller goes on to call into the manager.
     IZV_FileShareMgr* GetFileShareMgr();
     void SetEventCallback(EventCallback fnCallback) { m_fnEvent = std::move(fnCallback); }
+    // Called after the manager's HandlePdu has returned, with what it gave:
+    // whatever the handler wrote meanwhile (its trace line) was this node's.
+    void SetPduCallback(PduCallback fnCallback) { m_fnPdu = std::move(fnCallback); }
 
     // The host's calls into the manager.
     uint32_t DeliverPdu(const ZV_SimMachine& peer, uint32_t ulConn, uint16_t usConnType, uint16_t usPdu,
@@ -135,6 +139,7 @@ private:
     IZV_ConfModule* m_lpModule = nullptr;
     uint32_t m_ulInitResult = 0;
     EventCallback m_fnEvent;
+    PduCallback m_fnPdu;
     std::set<FloodKey> m_setFloodSeen;
     std::set<FloodKey> m_setResponseFloodSeen;
 };
