@@ -2,11 +2,11 @@
 // 8001 and 8002, the stored names, and where hostile names land.
 #include "ZV_RecordingNode.h"
 
-#include "ZV_AddPdu.h"
-#include "ZV_DownloadPdu.h"
-#include "ZV_FileShareMgr.h"
+#include "add/ZV_AddPdu.h"
+#include "download/ZV_DownloadPdu.h"
+#include "core/ZV_FileShareMgr.h"
 #include "ZV_FileShareMgrPeer.h"
-#include "ZV_FileShareSession.h"
+#include "core/ZV_FileShareSession.h"
 #include "ZV_PayloadCheck.h"
 
 #include "QB_Env.h"

@@ -1,6 +1,6 @@
 #include "QB_FaultEnv.h"
 #include "QB_TestSupport.h"
-#include "ZV_FileCatalog.h"
+#include "records/ZV_FileCatalog.h"
 
 #include <gtest/gtest.h>
 

@@ -6,8 +6,8 @@
 // sends nothing on, and is answered to Mallory alone where it has an answer.
 #include "ZV_RecordingNode.h"
 
-#include "ZV_AddPdu.h"
-#include "ZV_DownloadPdu.h"
+#include "add/ZV_AddPdu.h"
+#include "download/ZV_DownloadPdu.h"
 #include "ZV_PayloadCheck.h"
 #include "ZV_ServerHeld.h"
 

@@ -2,9 +2,9 @@
 // download entries and one file's rights (8010, 8037, 8003), and the
 // rights the manager handles itself (8004, 8040, 8041). Every prefix of a
 // payload must fail to load, and nothing is written past the buffer.
-#include "ZV_DeletePdu.h"
-#include "ZV_EntryPdu.h"
-#include "ZV_RightsPdu.h"
+#include "delete/ZV_DeletePdu.h"
+#include "rights/ZV_EntryPdu.h"
+#include "rights/ZV_RightsPdu.h"
 
 #include "ZV_PayloadCheck.h"
 

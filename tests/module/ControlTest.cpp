@@ -1,12 +1,12 @@
 // Stop, resume, rights, the relay's progress and upload errors on one manager,
 // against a recording host and a clock the test moves.
 #include "ZV_FileShareSessionPeer.h"
-#include "ZV_DownloadPdu.h"
-#include "ZV_EntryPdu.h"
-#include "ZV_RightsPdu.h"
-#include "ZV_FileShareMgr.h"
+#include "download/ZV_DownloadPdu.h"
+#include "rights/ZV_EntryPdu.h"
+#include "rights/ZV_RightsPdu.h"
+#include "core/ZV_FileShareMgr.h"
 #include "ZV_FileShareMgrPeer.h"
-#include "ZV_FileShareSession.h"
+#include "core/ZV_FileShareSession.h"
 #include "ZV_RecordingHost.h"
 
 #include "QB_FaultEnv.h"

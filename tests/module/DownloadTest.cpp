@@ -2,11 +2,11 @@
 // client's local file and blocks, the relay's store, against a recording host
 // and a file system that fails on demand.
 #include "ZV_FileShareSessionPeer.h"
-#include "ZV_AddPdu.h"
-#include "ZV_DownloadPdu.h"
-#include "ZV_FileShareMgr.h"
+#include "add/ZV_AddPdu.h"
+#include "download/ZV_DownloadPdu.h"
+#include "core/ZV_FileShareMgr.h"
 #include "ZV_FileShareMgrPeer.h"
-#include "ZV_FileShareSession.h"
+#include "core/ZV_FileShareSession.h"
 #include "ZV_PayloadCheck.h"
 #include "ZV_RecordingHost.h"
 

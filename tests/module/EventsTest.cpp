@@ -1,7 +1,7 @@
 // The thirteen events to the user side, byte for byte.
-#include "ZV_FileShareMgr.h"
+#include "core/ZV_FileShareMgr.h"
 #include "ZV_FileShareMgrPeer.h"
-#include "ZV_FileShareSession.h"
+#include "core/ZV_FileShareSession.h"
 #include "ZV_RecordingHost.h"
 
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
 // Making and destroying managers through the exports, and the registry behind them.
 #include "IZV_FileShare.h"
-#include "ZV_ManagerRegistry.h"
+#include "core/ZV_ManagerRegistry.h"
 #include "ZV_ResultText.h"
 
 #include <gtest/gtest.h>

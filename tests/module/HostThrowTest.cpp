@@ -1,8 +1,8 @@
 // A host that throws from under a user-side call: the call gives 1 and
 // writes its own line to the day's error log; nothing reaches the caller.
-#include "ZV_AddPdu.h"
-#include "ZV_FileShareMgr.h"
-#include "ZV_PduFrame.h"
+#include "add/ZV_AddPdu.h"
+#include "core/ZV_FileShareMgr.h"
+#include "wire/ZV_PduFrame.h"
 #include "ZV_RecordingHost.h"
 #include "ZV_ThrowingHost.h"
 

@@ -1,7 +1,7 @@
 // The payloads that bring a node in step, byte for byte: the asks (8027,
 // 8029, 8031), the upload list (8028), the download list (8030) and a
 // server's file list (8032); an empty upload list is one last piece.
-#include "ZV_ListPdu.h"
+#include "lists/ZV_ListPdu.h"
 
 #include "ZV_PayloadCheck.h"
 

@@ -1,8 +1,8 @@
 // The manager on its own: routing, FileIDs and link states,
 // against a host that records what the manager sends.
-#include "ZV_FileShareMgr.h"
+#include "core/ZV_FileShareMgr.h"
 #include "ZV_FileShareMgrPeer.h"
-#include "ZV_FileShareSession.h"
+#include "core/ZV_FileShareSession.h"
 #include "ZV_RecordingHost.h"
 
 #include <gtest/gtest.h>

@@ -1,13 +1,13 @@
 // Every payload the module writes or reads, as exact bytes: one table per
 // header of payloads. Each row saves a known value to its bytes, loads them
 // back, and fails on every cut of them.
-#include "ZV_AddPdu.h"
-#include "ZV_ControlPdu.h"
-#include "ZV_DownloadPdu.h"
-#include "ZV_FileShareMgr.h"
-#include "ZV_FileShareSession.h"
+#include "add/ZV_AddPdu.h"
+#include "control/ZV_ControlPdu.h"
+#include "download/ZV_DownloadPdu.h"
+#include "core/ZV_FileShareMgr.h"
+#include "core/ZV_FileShareSession.h"
 #include "ZV_PayloadCheck.h"
-#include "ZV_UploadPdu.h"
+#include "upload/ZV_UploadPdu.h"
 
 #include <gtest/gtest.h>
 

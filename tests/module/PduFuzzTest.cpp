@@ -2,10 +2,10 @@
 // client. Each payload sits in a heap block of exactly its size, so a build
 // with the address sanitizer sees any read past it.
 #include "ZV_FileShareSessionPeer.h"
-#include "ZV_FileShareMgr.h"
+#include "core/ZV_FileShareMgr.h"
 #include "ZV_FileShareMgrPeer.h"
-#include "ZV_FileShareSession.h"
-#include "ZV_PduFrame.h"
+#include "core/ZV_FileShareSession.h"
+#include "wire/ZV_PduFrame.h"
 #include "ZV_RecordingHost.h"
 
 #include "QB_Env.h"

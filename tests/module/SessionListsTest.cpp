@@ -5,10 +5,10 @@
 #include "ZV_RecordingNode.h"
 
 #include "ZV_FileShareMgrPeer.h"
-#include "ZV_FileShareSession.h"
+#include "core/ZV_FileShareSession.h"
 #include "ZV_FileShareSessionPeer.h"
-#include "ZV_AddPdu.h"
-#include "ZV_ListPdu.h"
+#include "add/ZV_AddPdu.h"
+#include "lists/ZV_ListPdu.h"
 #include "ZV_FilesAddedEvent.h"
 #include "ZV_PayloadCheck.h"
 

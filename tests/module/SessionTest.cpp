@@ -1,6 +1,6 @@
 // The session object: its folder, and who may see a file.
-#include "ZV_FileShareMgr.h"
-#include "ZV_FileShareSession.h"
+#include "core/ZV_FileShareMgr.h"
+#include "core/ZV_FileShareSession.h"
 #include "ZV_RecordingHost.h"
 
 #include <gtest/gtest.h>

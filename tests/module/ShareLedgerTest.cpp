@@ -2,7 +2,7 @@
 // the file only as it was shared, and shrug off a damaged file.
 #include "QB_FaultEnv.h"
 #include "QB_TestSupport.h"
-#include "ZV_ShareLedger.h"
+#include "records/ZV_ShareLedger.h"
 
 #include <gtest/gtest.h>
 

@@ -1,8 +1,8 @@
 #include "QB_TestSupport.h"
-#include "ZV_FileBriefInfo.h"
-#include "ZV_FileDownloadInfo.h"
-#include "ZV_FileUploadInfo.h"
-#include "ZV_RecordStream.h"
+#include "records/ZV_FileBriefInfo.h"
+#include "records/ZV_FileDownloadInfo.h"
+#include "records/ZV_FileUploadInfo.h"
+#include "wire/ZV_RecordStream.h"
 
 #include <gtest/gtest.h>
 

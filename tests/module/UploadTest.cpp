@@ -2,12 +2,12 @@
 // writes at its write position, against a recording host and a file system
 // that fails on demand.
 #include "ZV_FileShareSessionPeer.h"
-#include "ZV_FileShareMgr.h"
+#include "core/ZV_FileShareMgr.h"
 #include "ZV_FileShareMgrPeer.h"
-#include "ZV_FileShareSession.h"
-#include "ZV_ListPdu.h"
-#include "ZV_ControlPdu.h"
-#include "ZV_PduFrame.h"
+#include "core/ZV_FileShareSession.h"
+#include "lists/ZV_ListPdu.h"
+#include "control/ZV_ControlPdu.h"
+#include "wire/ZV_PduFrame.h"
 #include "ZV_RecordingHost.h"
 
 #include "QB_FaultEnv.h"

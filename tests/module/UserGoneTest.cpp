@@ -4,7 +4,7 @@
 #include "ZV_RecordingNode.h"
 
 #include "ZV_FileShareMgrPeer.h"
-#include "ZV_FileShareSession.h"
+#include "core/ZV_FileShareSession.h"
 #include "ZV_FileShareSessionPeer.h"
 
 #include "QB_FaultEnv.h"

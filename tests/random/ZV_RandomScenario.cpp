@@ -3,10 +3,10 @@
 #include "ZV_SimBuilder.h"
 #include "ZV_SimMachine.h"
 
-#include "ZV_DeletePdu.h"
-#include "ZV_FileShareMgr.h"
+#include "delete/ZV_DeletePdu.h"
+#include "core/ZV_FileShareMgr.h"
 #include "ZV_FileShareMgrPeer.h"
-#include "ZV_FileShareSession.h"
+#include "core/ZV_FileShareSession.h"
 #include "ZV_FileShareSessionPeer.h"
 
 #include "QB_ByteStream.h"

@@ -3,8 +3,8 @@
 #include "ZV_FileShareMgrPeer.h"
 #include "ZV_SceneFixture.h"
 
-#include "ZV_AddPdu.h"
-#include "ZV_RecordStream.h"
+#include "add/ZV_AddPdu.h"
+#include "wire/ZV_RecordStream.h"
 
 #include <algorithm>
 #include <set>

@@ -3,11 +3,11 @@
 // store, and the servers get back in step after cuts, restarts and deletes.
 #include "ZV_SceneFixture.h"
 
-#include "ZV_FileShareSession.h"
-#include "ZV_ControlPdu.h"
-#include "ZV_DownloadPdu.h"
-#include "ZV_ListPdu.h"
-#include "ZV_UploadPdu.h"
+#include "core/ZV_FileShareSession.h"
+#include "control/ZV_ControlPdu.h"
+#include "download/ZV_DownloadPdu.h"
+#include "lists/ZV_ListPdu.h"
+#include "upload/ZV_UploadPdu.h"
 
 #include <filesystem>
 #include <map>

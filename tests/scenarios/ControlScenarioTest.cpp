@@ -2,7 +2,7 @@
 // fetches, and the bytes on Bob's disk and the events of both say how it went.
 #include "ZV_SceneFixture.h"
 
-#include "ZV_ControlPdu.h"
+#include "control/ZV_ControlPdu.h"
 #include "ZV_PayloadCheck.h"
 
 struct ControlScene : public ZV_Scene

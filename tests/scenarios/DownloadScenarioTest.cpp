@@ -3,10 +3,10 @@
 // it went.
 #include "ZV_SceneFixture.h"
 
-#include "ZV_AddPdu.h"
-#include "ZV_FileDownloadInfo.h"
-#include "ZV_PduFrame.h"
-#include "ZV_RecordStream.h"
+#include "add/ZV_AddPdu.h"
+#include "records/ZV_FileDownloadInfo.h"
+#include "wire/ZV_PduFrame.h"
+#include "wire/ZV_RecordStream.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -4,9 +4,9 @@
 // the file along.
 #include "ZV_SceneFixture.h"
 
-#include "ZV_FileShareSession.h"
-#include "ZV_ListPdu.h"
-#include "ZV_PduFrame.h"
+#include "core/ZV_FileShareSession.h"
+#include "lists/ZV_ListPdu.h"
+#include "wire/ZV_PduFrame.h"
 
 #include <filesystem>
 

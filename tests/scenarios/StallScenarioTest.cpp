@@ -2,7 +2,7 @@
 // stand still by the user's hand, go on or stop counting as busy.
 #include "ZV_SceneFixture.h"
 
-#include "ZV_FileShareSession.h"
+#include "core/ZV_FileShareSession.h"
 
 #include <filesystem>
 

@@ -2,8 +2,8 @@
 // turns out to hold: a PDU of every number a handler takes is sent to Bob.
 #include "ZV_SceneFixture.h"
 
-#include "ZV_AddPdu.h"
-#include "ZV_PduFrame.h"
+#include "add/ZV_AddPdu.h"
+#include "wire/ZV_PduFrame.h"
 
 #include <cstdio>
 

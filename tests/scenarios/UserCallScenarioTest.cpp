@@ -3,7 +3,7 @@
 // file shared with a list of users.
 #include "ZV_SceneFixture.h"
 
-#include "ZV_RecordStream.h"
+#include "wire/ZV_RecordStream.h"
 
 #include <functional>
 

@@ -2,8 +2,8 @@
 // that state moves this file, not the tests.
 #pragma once
 
-#include "ZV_FileShareMgr.h"
-#include "ZV_FileShareSession.h"
+#include "core/ZV_FileShareMgr.h"
+#include "core/ZV_FileShareSession.h"
 
 #include <memory>
 

@@ -2,7 +2,7 @@
 // that state moves this file, not the tests.
 #pragma once
 
-#include "ZV_FileShareSession.h"
+#include "core/ZV_FileShareSession.h"
 
 class ZV_FileShareSessionPeer
 {

@@ -1,0 +1,169 @@
+// A session's life, its dispatch of PDUs to the slots, and the helpers that
+// every road of the bytes shares.
+#include "core/ZV_FileShareSession.h"
+#include "download/ZV_DownloadPdu.h"
+#include "records/ZV_FileCatalog.h"
+#include "core/ZV_FileShareMgr.h"
+#include "records/ZV_SharePath.h"
+#include "wire/ZV_RecordStream.h"
+
+#include "QB_Env.h"
+
+#include <algorithm>
+#include <cstdint>
+
+ZV_FileShareSession::ZV_FileShareSession(ZV_SessionOwner* lpMgr, const char* szStorePath)
+    : m_sStorePath(szStorePath), m_ulLastIoTick(ZV_Now()), m_lpMgr(lpMgr)
+{
+    m_LocalDownload.m_usFileID = ZV_NO_FILEID;
+}
+
+// Files are closed, records freed; nothing on disk is touched here.
+ZV_FileShareSession::~ZV_FileShareSession()
+{
+    if (m_ServerFile.IsOpen())
+        m_ServerFile.Close();
+    if (m_File.IsOpen())
+        m_File.Close();
+    m_mapDownload.RemoveAll();
+}
+
+IZV_ConfHost* ZV_FileShareSession::Conf() const
+{
+    return m_lpMgr->Host();
+}
+
+uint32_t ZV_FileShareSession::HandlePdu(ConfPduData* lpCpd)
+{
+    switch (lpCpd->usPdu)
+    {
+    case PDU_CONF_FS_SET_RIGHT_REQUEST: return HandleSetRightRequest(lpCpd);
+    case PDU_CONF_FS_UPLOAD_REQUEST: return HandleUploadRequest(lpCpd);
+    case PDU_CONF_FS_UPLOAD_RESPONSE: return HandleUploadResponse(lpCpd);
+    case PDU_CONF_FS_UPLOAD_FINISH_Response: return HandleUploadFinishResponse(lpCpd);
+    case PDU_CONF_FS_DEL_DOWNLOAD_REQUEST: return HandleDelDownloadRequest(lpCpd);
+    case PDU_CONF_FS_DEL_DOWNLOAD_RESPONSE: return HandleDelDownloadResponse(lpCpd);
+    case PDU_CONF_FS_DOWNLOAD_DATA_REQUEST: return HandleDownloadDataRequest(lpCpd);
+    case PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE: return HandleDownloadDataResponse(lpCpd);
+    case PDU_CONF_FS_DOWNLOAD_REQUEST: return HandleDownloadRequest(lpCpd);
+    case PDU_CONF_FS_DOWNLOAD_RESPONSE: return HandleDownloadResponse(lpCpd);
+    case PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST: return HandleIsStopDownloadRequest(lpCpd);
+    case PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST: return HandleIsStopUploadRequest(lpCpd);
+    case PDU_CONF_FS_IS_STOP_UPLOAD_RESPONSE: return HandleIsStopUploadResponse(lpCpd);
+    case PDU_CONF_FS_PROGRESSING_REQUEST: return HandleProgressingRequest(lpCpd);
+    case PDU_CONF_FS_PROGRESSING_RESPONSE: return HandleProgressingResponse(lpCpd);
+    case PDU_CONF_FS_UPLOAD_ERROR_REQUEST: return HandleUploadErrorRequest(lpCpd);
+    case PDU_CONF_FS_UPLOAD_ERROR_RESPONSE: return HandleUploadErrorResponse(lpCpd);
+    case PDU_CONF_FS_NOTICE_DEL_DOWNLOAD_INFO_REQUEST: return HandleNoticeDelDownloadInfoRequest(lpCpd);
+    case PDU_CONF_FS_RESERVED0: return SessionReserved0(lpCpd);
+    case PDU_CONF_FS_RESERVED1: return SessionReserved1(lpCpd);
+    default: return ZV_ERR_NO_HANDLER;
+    }
+}
+
+// Bytes move only on data links: the server pushes to the downloader the
+// host names, the creator's client pushes to its server.
+uint32_t ZV_FileShareSession::OnSend(ConfPduData* lpCpd)
+{
+    if (lpCpd->conn_type != zvConfClientTypeData && lpCpd->conn_type != zvConfServerTypeData)
+        return 0;
+    const QB_UserID peer(lpCpd->ulUserMain, lpCpd->ulUserSub);
+    if (Conf()->IsServerMode())
+        PumpDownload(lpCpd, peer);
+    else if (peer == m_BriefInfo.m_CreatorID)
+        PumpUpload(lpCpd);
+    return 0;
+}
+
+uint32_t ZV_FileShareSession::OnConnect(uint32_t, uint32_t, uint32_t)
+{
+    return 0;
+}
+
+// A dropped link neither stops nor fails the transfer: positions, entries
+// and open files stay, and a later request continues from them. Only the
+// loss of a server command link says that this file may be out of step.
+uint32_t ZV_FileShareSession::OnDisconnect(const QB_UserID*, uint32_t, uint16_t usConnType)
+{
+    if (usConnType == zvConfServerTypeCommand)
+        m_bSynced = false;
+    return 0;
+}
+
+uint32_t ZV_FileShareSession::SessionReserved0(ConfPduData*)
+{
+    return 0;
+}
+
+uint32_t ZV_FileShareSession::SessionReserved1(ConfPduData*)
+{
+    return 0;
+}
+
+QB_StringW ZV_FileShareSession::GetConfDir() const
+{
+    QB_StringA sDir;
+    sDir.Format("%s%u\\", m_sStorePath.GetString(), (unsigned)Conf()->GetConfID());
+    QB_StringW sWide(sDir);
+    // As long as a path buffer of Windows holds, terminator and all.
+    return sWide.Left(ZV_MAX_SHARE_PATH + 1);
+}
+
+bool ZV_FileShareSession::IsFileVisible(const ZV_FileBriefInfo& brief) const
+{
+    IZV_ConfHost* lpConf = Conf();
+    const QB_UserID* lpLocal = lpConf->GetLocalUserID();
+    if (brief.m_bPublic)
+        return true;
+    if (lpLocal && (brief.m_arrRight.Find(*lpLocal) >= 0 || brief.m_CreatorID == *lpLocal))
+        return true;
+    const ZV_ConfUserInfo* lpUser = lpLocal ? lpConf->GetUser(lpLocal) : nullptr;
+    return lpUser && lpUser->usRole == zvUserRolePrivileged;
+}
+
+bool ZV_FileShareSession::IsLocalUser(IZV_ConfHost* lpConf, const QB_UserID& id)
+{
+    const ZV_ConfUserInfo* lpUser = lpConf->GetUser(&id);
+    return lpUser && lpUser->ulHomeServer == lpConf->GetLocalServerID();
+}
+
+uint32_t ZV_FileShareSession::SendDownloadDataRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID& user,
+                                                      const ZV_FileDownloadInfo& download)
+{
+    ZV_DownloadDataRequest ask;
+    ask.usFileID = usFileID;
+    ask.user = user;
+    ask.record = download;
+    ZV_PduBuffer pdu;
+    ask.Save(pdu.Stream());
+    return ZV_SendToLink(Conf(), ulConn, PDU_CONF_FS_DOWNLOAD_DATA_REQUEST, pdu);
+}
+
+bool ZV_FileShareSession::SaveToCatalog()
+{
+    m_bCatalogDirty = !m_lpMgr->Catalog().SaveFile(Conf()->GetConfID(), m_FileInfo);
+    return !m_bCatalogDirty;
+}
+
+void ZV_FileShareSession::UndoServerAdd(const QB_StringW& sPath)
+{
+    m_lpMgr->Catalog().DeleteFile((uint16_t)Conf()->GetConfID(), m_usFileID);
+    m_bCatalogDirty = false;
+    QB_FileEx::Delete(sPath);
+}
+
+void ZV_FileShareSession::UndoAdd()
+{
+    if (m_FileInfo.m_sFileNewName.IsEmpty() || !Conf()->IsServerMode())
+        return;
+    UndoServerAdd(GetConfDir() + QB_StringW(m_FileInfo.m_sFileNewName));
+}
+
+// A far position is reached in two steps.
+bool ZV_FileShareSession::SeekTo(QB_FileEx& file, uint32_t ulPos)
+{
+    const uint32_t ulFirst = std::min<uint32_t>(ulPos, INT32_MAX);
+    if ((uint32_t)file.Seek((int32_t)ulFirst, QB_SEEK_BEGIN) != ulFirst)
+        return false;
+    return ulPos == ulFirst || (uint32_t)file.Seek((int32_t)(ulPos - ulFirst), QB_SEEK_CURRENT) == ulPos;
+}

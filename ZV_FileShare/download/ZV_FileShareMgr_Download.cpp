@@ -1,0 +1,31 @@
+// FsDownload: the user side asks for a file. Only the request goes out here;
+// the local file is made when the server's answer comes (the session's
+// download road).
+#include "core/ZV_FileShareMgr.h"
+#include "core/ZV_FileShareSession.h"
+
+#include "QB_FileEx.h"
+#include "QB_Log.h"
+
+#include <cassert>
+
+uint32_t ZV_FileShareMgr::FsDownload(uint16_t usFileID, const char16_t* szLocalPath)
+{
+    assert(m_lpConf && "m_lpConf");
+    return GuardFs("ZV_FileShareMgr::FsDownload exception.\r\n", [&]() -> uint32_t {
+        ZV_FileShareSession* lpFsSession = nullptr;
+        const uint32_t ulResult = LookupSession(usFileID, lpFsSession);
+        if (ulResult != ZV_OK)
+            return ulResult;
+        const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
+        if (ulConn == zvConnNone)
+            return ZV_ERR_NO_CONN;
+        const QB_StringU8 sPath(QB_WithBackslashes(szLocalPath));
+        // The one answer this client will take is the one for this path;
+        // after a restart, the server's list may resume a download only to
+        // the path its user last asked for.
+        lpFsSession->ExpectDownload(sPath);
+        m_ShareLedger.RememberDownload(m_lpConf->GetConfID(), usFileID, sPath);
+        return lpFsSession->SendDownloadRequest(ulConn, usFileID, m_lpConf->GetLocalUserID(), 0, sPath, 0, 0, 0);
+    });
+}
