@@ -53,7 +53,7 @@ from dataclasses import dataclass
 from pathlib import Path
 
 DEFAULT_FILES = "ZV_FileShare/*.cpp,QB_Base/Src/*.cpp"
-SOURCE_GLOBS = ["ZV_FileShare/*.cpp", "ZV_FileShare/*.h", "QB_Base/Src/*.cpp", "QB_Base/Include/*.h"]
+SOURCE_GLOBS = ["ZV_FileShare/**/*.cpp", "ZV_FileShare/**/*.h", "QB_Base/Src/*.cpp", "QB_Base/Include/*.h"]
 LEFT_OUT = ["*Posix.cpp"]
 TEST_PROGRAMS = ["base_tests", "module_tests", "scenario_tests", "sim_tests", "random_tests"]
 KEYWORDS = {"if", "for", "while", "switch", "return", "sizeof", "alignof", "decltype", "catch",

@@ -6,19 +6,13 @@
 // session of the FileID in the payload's first u16), allocates FileIDs,
 // follows the link states, and serves the user side's Fs operations.
 //
-// The definition is split by concern: ZV_FileShareMgr.cpp (life, links,
-// FileIDs, busy list, timer), _Route.cpp (PDU routing), _Gate.cpp (what a
-// server takes from a client's link), _Add.cpp and
-// _AddFiles.cpp (sharing one file and several), _Download.cpp, _Upload.cpp
-// and _Control.cpp (the user side's download, upload, stop and resume),
-// _Links.cpp (restarts after a link came back), _FileList.cpp (linked
-// servers set against each other's files), _Storage.cpp (the
-// server's storage folder), _Trust.cpp (which local files a server's word
-// may make this client read), _Delete.cpp, _Rights.cpp and _Lookup.cpp (the
-// control of a shared file), _UserGone.cpp (a user who left), _UploadList.cpp,
-// _DownloadList.cpp and _Events.cpp (a client brought in step, host events);
-// ZV_FsEvents.cpp writes the events to the user side. docs/architecture.md
-// has the whole picture.
+// The definition is split by road: the sources of this folder (life, links,
+// FileIDs, the busy list and the timer; routing; the gate of a client's
+// link; restarts after a link came back; the storage folder; look-ups;
+// trust in a server's word) and one ZV_FileShareMgr_*.cpp in the folder of
+// each road (add/, upload/, download/, control/, delete/, rights/, lists/,
+// filelist/, hostevents/). ZV_FsEvents.cpp writes the events to the user
+// side. docs/architecture.md has the whole picture.
 #pragma once
 
 #include "IZV_FileShare.h"

@@ -7,13 +7,13 @@
 // whose file's creator is homed elsewhere is a relay: it downloads the file
 // from its neighbour through the same members a client uses.
 //
-// The definition is split by concern: ZV_FileShareSession.cpp (life,
-// dispatch, the catalogue row), _Add.cpp (the file announced), _Upload.cpp
-// (the upload road), _Download.cpp (the download road, server side),
-// _Fetch.cpp (the downloader's side, client or relay), _Control.cpp (stop,
-// resume, progress, upload errors, the timer), _Entries.cpp (download
-// entries, notices and rights), _Lists.cpp (a client's lists) and
-// _Reconcile.cpp (a linked server's list); ZV_FsEvents.cpp writes the events.
+// The definition is split by road: ZV_FileShareSession.cpp here (life,
+// dispatch, the catalogue row) and one ZV_FileShareSession_*.cpp in the
+// folder of each road: add/ (the file announced), upload/, download/ (the
+// server's side, and _Fetch.cpp the downloader's, client or relay),
+// control/ (stop, resume, progress, upload errors, the timer), rights/
+// (download entries, notices and rights), lists/ (a client's lists) and
+// filelist/ (a linked server's list); ZV_FsEvents.cpp writes the events.
 #pragma once
 
 #include "IZV_FileShare.h"
