@@ -292,7 +292,7 @@ RETURN_CODE = re.compile(
 
 def returns(text, code):
     for m in RETURN_CODE.finditer(code):
-        if m.group(1) in ("ZV_OK",):
+        if m.group(1) in ("zvResultOk",):
             continue
         yield m.start(1), m.end(1), "0"
 

@@ -45,7 +45,7 @@ void FillBrief(ZV_FileBriefInfo& brief, IZV_ConfHost* lpConf, const ZV_ConfUserI
     dtNow.SetToNow();
     brief.SetShareTime(dtNow);
     brief.SetModifyTime(LastWriteTime(file));
-    brief.SetFileState(ZV_FILESTATE_ADDED);
+    brief.SetFileState(zvFileStateAdded);
     brief.SetPublic(bPublic != 0);
     if (!bPublic)
         brief.SetRight(arrRight);
@@ -75,11 +75,11 @@ uint32_t FsAddFailed(uint32_t ulResult)
 uint32_t ZV_FileShareMgr::CheckClientAdd(ZV_AddRequest& ask)
 {
     if (m_lpConf->GetUser(&ask.user) == nullptr)
-        return ZV_ERR_NOT_IN_CONF;
+        return zvResultNotInConf;
     if (!m_lpConf->CanShareFiles(&ask.user) || ask.usFileID != ZV_NO_FILEID)
-        return ZV_ERR_NOT_ENTITLED;
+        return zvResultNotEntitled;
     ask.usFileID = AllocFileID();
-    return ask.usFileID == ZV_NO_FILEID ? ZV_ERR_NO_FILEID : ZV_OK;
+    return ask.usFileID == ZV_NO_FILEID ? zvResultNoFileID : zvResultOk;
 }
 
 uint32_t ZV_FileShareMgr::FsAdd(const char16_t* szPath, const QB_UserID* pRight, uint32_t nRight, uint8_t bPublic,
@@ -93,20 +93,20 @@ uint32_t ZV_FileShareMgr::FsAdd(const char16_t* szPath, const QB_UserID* pRight,
     const uint32_t ulResult = GuardFs("ZV_FileShareMgr::FsAdd exception.\r\n", [&]() -> uint32_t {
         const QB_StringW sPath = QB_WithBackslashes(szPath);
         if (!file.Open(sPath, QB_FILE_READ | QB_FILE_SHARE_DENY_WRITE | QB_FILE_OPEN_EXISTING))
-            return FsAddFailed(ZV_ERR_OPEN);
+            return FsAddFailed(zvResultCannotOpen);
         // A path the records or the catalogue can't hold would make a share
         // with an empty or changed name, whose bytes could never be found.
         if (ZV_CheckSharePath(file.GetFullPath(), true) != ZV_SharePathProblem::None)
-            return FsAddFailed(ZV_ERR_OPEN);
+            return FsAddFailed(zvResultCannotOpen);
         const ZV_ConfUserInfo* lpUser = m_lpConf->GetUser(m_lpConf->GetLocalUserID());
         if (lpUser == nullptr)
-            return FsAddFailed(ZV_ERR_NOT_IN_CONF);
+            return FsAddFailed(zvResultNotInConf);
         ZV_FileBriefInfo brief;
         FillBrief(brief, m_lpConf, *lpUser, file, sPath, RightsOf(pRight, nRight), bPublic);
         brief.SetFilePath(ThroughAnsi(sPath.Left(sPath.ReverseFind(u'\\') + 1)));
         const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
         if (ulConn == zvConnNone)
-            return FsAddFailed(ZV_ERR_NO_CONN);
+            return FsAddFailed(zvResultNoConnection);
         m_ShareLedger.Remember(m_lpConf->GetConfID(), brief);
         return SendAddRequest(ulConn, ZV_NO_FILEID, *m_lpConf->GetLocalUserID(), 0, brief, bStartUpload);
     });
@@ -120,15 +120,15 @@ uint32_t ZV_FileShareMgr::HandleAddRequest(ConfPduData* lpCpd)
     ZV_AddRequest ask;
     ask.LoadHead(stream);
     if (!ZV_IsNewFlood(m_lpConf, ask.user, ask.ulFloodSeq))
-        return ZV_OK;
+        return zvResultOk;
     ask.LoadBody(stream);
     const bool bFromClient = !ZV_IsServerLink(lpCpd->conn_type);
-    const uint32_t ulRefusal = bFromClient ? CheckClientAdd(ask) : ZV_OK;
-    if (ulRefusal != ZV_OK)
+    const uint32_t ulRefusal = bFromClient ? CheckClientAdd(ask) : zvResultOk;
+    if (ulRefusal != zvResultOk)
     {
         SendAddResponse(lpCpd->ulConn, ask.usFileID, ulRefusal, ask.usFileID, ask.user, 0, ask.brief,
                         ask.bStartUpload, false);
-        return ZV_OK;
+        return zvResultOk;
     }
     auto lpOwned = MakeSession();
     ZV_FileShareSession* lpFsSession = lpOwned.get();
@@ -156,7 +156,7 @@ uint32_t ZV_FileShareMgr::FinishServerAdd(ConfPduData* lpCpd, const ZV_AddReques
     final.pData = vbPayload.data();
     const uint32_t ulResult = lpFsSession->HandleAddRequest(&final);
     uint32_t ulTarget = zvConnNone;
-    if (ulResult != ZV_OK && bFromClient)
+    if (ulResult != zvResultOk && bFromClient)
     {
         ulTarget = lpCpd->ulConn;
         RemoveSession(ask.usFileID);
@@ -166,7 +166,7 @@ uint32_t ZV_FileShareMgr::FinishServerAdd(ConfPduData* lpCpd, const ZV_AddReques
         m_arrDelFileID.RemoveAt(nDeleted);
     SendAddResponse(ulTarget, ask.usFileID, ulResult, ask.usFileID, ask.user, 0, ask.brief, ask.bStartUpload,
                     ulTarget == zvConnNone);
-    return ZV_OK;
+    return zvResultOk;
 }
 
 uint32_t ZV_FileShareMgr::HandleAddResponse(ConfPduData* lpCpd)
@@ -180,25 +180,25 @@ uint32_t ZV_FileShareMgr::HandleAddResponse(ConfPduData* lpCpd)
     const double dPercent = (double)answer.ulWritePos / answer.brief.m_ulFileLenth * 100.0;
     // A file said to be the local user's that the user never shared gets
     // no session, so no later PDU can make this client read it.
-    if (answer.ulResult == ZV_OK && IsUntrustedAdd(answer.brief, "ZV_FileShareMgr.HandleAddResponse"))
+    if (answer.ulResult == zvResultOk && IsUntrustedAdd(answer.brief, "ZV_FileShareMgr.HandleAddResponse"))
     {
-        NotifyFileAdded(ZV_ERR_UNTRUSTED, answer.usFileID, answer.brief, dPercent);
-        return ZV_ERR_UNTRUSTED;
+        NotifyFileAdded(zvResultUntrusted, answer.usFileID, answer.brief, dPercent);
+        return zvResultUntrusted;
     }
     auto lpOwned = MakeSession();
     if (lpOwned->IsFileVisible(answer.brief))
         NotifyFileAdded(answer.ulResult, answer.usFileID, answer.brief, dPercent);
-    if (answer.ulResult != ZV_OK)
+    if (answer.ulResult != zvResultOk)
     {
         QB_WriteClientLog("ZV_FileShareMgr.HandleAddResponse ret = %d\r\n", (int)answer.ulResult);
         return answer.ulResult;
     }
     QB_Lock lock(&m_mapSession);
     if (TakeRepeatedFile(answer.usFileID, answer.brief, answer.ulWritePos))
-        return ZV_OK;
+        return zvResultOk;
     ZV_FileShareSession* lpFsSession = lpOwned.get();
     ReplaceSession(answer.usFileID, std::move(lpOwned));
-    uint32_t ulResult = ZV_ERR_EXCEPTION;
+    uint32_t ulResult = zvResultException;
     try
     {
         ulResult = lpFsSession->HandleAddResponse(lpCpd);
@@ -209,7 +209,7 @@ uint32_t ZV_FileShareMgr::HandleAddResponse(ConfPduData* lpCpd)
         throw;
     }
     // A session that caught a throw of the host on its way is not whole.
-    if (ulResult == ZV_ERR_EXCEPTION)
+    if (ulResult == zvResultException)
         DropAddedSession(answer.usFileID);
     return ulResult;
 }

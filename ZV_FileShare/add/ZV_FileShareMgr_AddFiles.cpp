@@ -41,7 +41,7 @@ ZV_FileBriefInfo MakeBrief(IZV_ConfHost* lpConf, const ZV_ConfUserInfo& user, QB
     dtNow.SetToNow();
     brief.SetShareTime(dtNow);
     brief.SetModifyTime(LastWriteTime(file));
-    brief.SetFileState(ZV_FILESTATE_ADDED);
+    brief.SetFileState(zvFileStateAdded);
     brief.SetPublic(bPublic != 0);
     if (!bPublic)
         brief.SetRight(arrRight);
@@ -143,7 +143,7 @@ bool ZV_FileShareMgr::TakeFileIDs(ConfPduData* lpCpd, ZV_AddFilesRequest& ask)
     }
     if (arrRefused.IsEmpty())
         return true;
-    SendAddFilesResponse(lpCpd->ulConn, ZV_ERR_NOT_ENTITLED, ask.user, ask.bStartUpload, QB_Array<uint16_t>(),
+    SendAddFilesResponse(lpCpd->ulConn, zvResultNotEntitled, ask.user, ask.bStartUpload, QB_Array<uint16_t>(),
                          QB_Array<uint32_t>(), arrRefused, ask.bLast, false);
     return !ask.arrFileID.IsEmpty();
 }
@@ -207,14 +207,14 @@ uint32_t ZV_FileShareMgr::TakeAddedFile(const ZV_AddFilesResponse& answer, int n
     }
     QB_Lock lock(&m_mapSession);
     if (TakeRepeatedFile(usFileID, brief, ulPos))
-        return ZV_OK;
+        return zvResultOk;
     auto lpOwned = MakeSession();
     ZV_FileShareSession* lpFsSession = lpOwned.get();
     ReplaceSession(usFileID, std::move(lpOwned));
     // InitCltAddFileInfo catches a throw of the host itself, and says so.
     const uint32_t ulResult =
         lpFsSession->InitCltAddFileInfo(m_lpConf, usFileID, ulPos, brief, answer.bStartUpload);
-    if (ulResult == ZV_ERR_EXCEPTION)
+    if (ulResult == zvResultException)
         DropAddedSession(usFileID);
     return ulResult;
 }
@@ -262,15 +262,15 @@ uint32_t ZV_FileShareMgr::FsFilesAdd(const char16_t* szFolder, const char16_t* c
                                      const QB_UserID* pRight, uint32_t nRight, uint8_t bPublic, uint8_t bStartUpload)
 {
     if (m_lpConf == nullptr)
-        return ZV_ERR_NO_HOST;
+        return zvResultNoHost;
     return GuardFs("ZV_FileShareMgr::FsFilesAdd exception.\r\n", [&]() -> uint32_t {
         const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
         if (ulConn == zvConnNone)
-            return ZV_ERR_NO_CONN;
+            return zvResultNoConnection;
         const ZV_ConfUserInfo* lpUser = m_lpConf->GetUser(m_lpConf->GetLocalUserID());
         if (lpUser == nullptr)
-            return ZV_ERR_NOT_IN_CONF;
-        uint32_t ulResult = ZV_OK;
+            return zvResultNotInConf;
+        uint32_t ulResult = zvResultOk;
         QB_StringW sFolder = QB_WithBackslashes(szFolder);
         if (sFolder.IsEmpty() || sFolder[sFolder.GetLength() - 1] != u'\\')
             sFolder += u'\\';
@@ -284,8 +284,8 @@ uint32_t ZV_FileShareMgr::FsFilesAdd(const char16_t* szFolder, const char16_t* c
             QB_FileEx file;
             if (!OpenBatchFile(file, sFolder, ppNames[i]))
             {
-                ulResult = ZV_ERR_OPEN;
-                QB_WriteClientLog("ZV_File.FsFilesAdd[%d] ret = %d\r\n", (int)i, (int)ZV_ERR_OPEN);
+                ulResult = zvResultCannotOpen;
+                QB_WriteClientLog("ZV_File.FsFilesAdd[%d] ret = %d\r\n", (int)i, (int)zvResultCannotOpen);
                 continue;
             }
             arrInfo.Add(MakeBrief(m_lpConf, *lpUser, file, sFolder, file.GetPath(), arrRight, bPublic));
@@ -375,21 +375,21 @@ uint32_t ZV_FileShareMgr::HandleAddFilesRequest(ConfPduData* lpCpd)
     ZV_AddFilesRequest ask;
     ask.LoadHead(stream);
     if (!ZV_IsNewFlood(m_lpConf, ask.user, ask.ulFloodSeq))
-        return ZV_OK;
+        return zvResultOk;
     ask.LoadBody(stream);
     const bool bFromClient = !ZV_IsServerLink(lpCpd->conn_type);
     const QB_Array<uint32_t> arrNoPos;
-    uint32_t ulRefusal = ZV_OK;
+    uint32_t ulRefusal = zvResultOk;
     // As for one file: only a server gives FileIDs (CheckClientAdd).
     if (bFromClient && m_lpConf->GetUser(&ask.user) == nullptr)
-        ulRefusal = ZV_ERR_NOT_IN_CONF;
+        ulRefusal = zvResultNotInConf;
     else if (bFromClient && (!m_lpConf->CanShareFiles(&ask.user) || NamesFileID(ask.arrFileID)))
-        ulRefusal = ZV_ERR_NOT_ENTITLED;
-    if (ulRefusal != ZV_OK)
+        ulRefusal = zvResultNotEntitled;
+    if (ulRefusal != zvResultOk)
     {
         SendAddFilesResponse(lpCpd->ulConn, ulRefusal, ask.user, ask.bStartUpload, ask.arrFileID, arrNoPos,
                              ask.arrInfo, ask.bLast, false);
-        return ZV_OK;
+        return zvResultOk;
     }
     QB_StringW sFolder;
     {
@@ -399,14 +399,14 @@ uint32_t ZV_FileShareMgr::HandleAddFilesRequest(ConfPduData* lpCpd)
     if (!MakeDirs(sFolder))
     {
         if (bFromClient || lpCpd->conn_type == zvConfServerTypeCommand)
-            SendAddFilesResponse(bFromClient ? lpCpd->ulConn : zvConnNone, ZV_ERR_OPEN, ask.user, ask.bStartUpload,
-                                 ask.arrFileID, arrNoPos, ask.arrInfo, ask.bLast, !bFromClient);
-        return ZV_OK;
+            SendAddFilesResponse(bFromClient ? lpCpd->ulConn : zvConnNone, zvResultCannotOpen, ask.user,
+                                 ask.bStartUpload, ask.arrFileID, arrNoPos, ask.arrInfo, ask.bLast, !bFromClient);
+        return zvResultOk;
     }
     try
     {
         if (bFromClient && !TakeFileIDs(lpCpd, ask))
-            return ZV_OK;
+            return zvResultOk;
         if (m_lpConf->HasServerLinks())
         {
             ZV_PduBuffer pdu;
@@ -420,7 +420,7 @@ uint32_t ZV_FileShareMgr::HandleAddFilesRequest(ConfPduData* lpCpd)
         throw;
     }
     StoreAddedFiles(lpCpd, ask, sFolder);
-    return ZV_OK;
+    return zvResultOk;
 }
 
 uint32_t ZV_FileShareMgr::HandleAddFilesResponse(ConfPduData* lpCpd)
@@ -440,16 +440,16 @@ uint32_t ZV_FileShareMgr::HandleAddFilesResponse(ConfPduData* lpCpd)
         // Told by itself and left out of the batch, which goes on.
         if (IsUntrustedAdd(brief, "ZV_FileShareMgr.HandleAddFilesResponse"))
         {
-            NotifyFileAdded(ZV_ERR_UNTRUSTED, answer.arrFileID[i], brief, 0.0);
+            NotifyFileAdded(zvResultUntrusted, answer.arrFileID[i], brief, 0.0);
             continue;
         }
-        if (ulResult == ZV_OK)
+        if (ulResult == zvResultOk)
             ulResult = TakeAddedFile(answer, i, bVisible);
         if (bVisible)
             m_arrPendingInfo.Add(brief);
     }
     if (answer.bLast && bVisible)
         ReportPendingFiles();
-    return ZV_OK;
+    return zvResultOk;
 }
 

@@ -150,14 +150,14 @@ uint32_t ZV_FileShareSession::HandleAddRequest(ConfPduData* lpCpd)
     const QB_StringW sFolder = GetConfDir();
     const bool bFromClient = !ZV_IsServerLink(lpCpd->conn_type);
     if (!MakeDirs(sFolder) && bFromClient)
-        return ZV_ERR_OPEN;
+        return zvResultCannotOpen;
     QB_StringW sPath;
     // A client is told that its file could not be recorded, rather than
     // have it stored without a row that outlives a restart.
     if (!InitSrvAddFileInfo(sPath, Conf(), ask.usFileID, sFolder, ask.brief) && bFromClient)
     {
         UndoServerAdd(sPath);
-        return ZV_ERR_IO;
+        return zvResultCannotAccess;
     }
     if (Conf()->HasServerLinks())
     {
@@ -171,7 +171,7 @@ uint32_t ZV_FileShareSession::HandleAddRequest(ConfPduData* lpCpd)
         const QB_UserID self(Conf()->GetLocalServerID(), 0);
         SendDownloadRequest(lpCpd->ulConn, ask.usFileID, &self, 0, QB_StringU8(sPath), 0, 1, 0);
     }
-    return ZV_OK;
+    return zvResultOk;
 }
 
 bool ZV_FileShareSession::InitSrvAddFileInfo(QB_StringW& sPath, IZV_ConfHost* lpConf, uint16_t usFileID,
@@ -188,7 +188,7 @@ bool ZV_FileShareSession::InitSrvAddFileInfo(QB_StringW& sPath, IZV_ConfHost* lp
     QB_FileEx file;
     if (file.Open(sFolder + sDst, QB_FILE_READWRITE | QB_FILE_OPEN_ALWAYS))
         file.Close();
-    m_bStopUpload = brief.m_usFileState == ZV_FILESTATE_STOPPED;
+    m_bStopUpload = brief.m_usFileState == zvFileStateStopped;
     sPath = sFolder + sDst;
     return SaveToCatalog();
 }
@@ -212,30 +212,30 @@ uint32_t ZV_FileShareSession::InitCltAddFileInfo(IZV_ConfHost* lpConf, uint16_t 
         m_ulMaxPos = ulPos;
         const QB_UserID* lpLocal = lpConf->GetLocalUserID();
         if (lpLocal == nullptr || !(brief.m_CreatorID == *lpLocal))
-            return ZV_OK;
+            return zvResultOk;
         if (!m_File.IsOpen() &&
             !m_File.Open(QB_StringW(brief.m_sFilePath + brief.m_sFileOldName),
                          QB_FILE_READ | QB_FILE_SHARE_DENY_WRITE | QB_FILE_OPEN_EXISTING))
         {
-            QB_WriteClientLog("ZV_FileShareMgr.HandleAddResponse ret = %d\r\n", (int)ZV_ERR_OPEN);
-            return ZV_ERR_OPEN;
+            QB_WriteClientLog("ZV_FileShareMgr.HandleAddResponse ret = %d\r\n", (int)zvResultCannotOpen);
+            return zvResultCannotOpen;
         }
         if (bStartUpload)
         {
             m_lpMgr->MarkBusy(true, usFileID);
-            m_BriefInfo.SetFileState(ZV_FILESTATE_UPLOADING);
+            m_BriefInfo.SetFileState(zvFileStateUploading);
             m_ulReadPos = 0;
             // A data link that rests is only called again once kicked.
             const uint32_t ulDataConn = m_lpMgr->GetLinkConn(zvConfClientTypeData);
             if (ulDataConn != zvConnNone)
                 ZV_SendKick(lpConf, ulDataConn);
         }
-        return ZV_OK;
+        return zvResultOk;
     }
     catch (...)
     {
         QB_WriteLog(QB_LOG_DAILY, "error", "ZV_FileShareMgr::InitCltAddFileInfo exception.\r\n");
-        return ZV_ERR_EXCEPTION;
+        return zvResultException;
     }
 }
 

@@ -15,12 +15,12 @@ uint32_t ZV_FileShareMgr::FsStopDownload(uint16_t usFileID)
     assert(m_lpConf && "m_lpConf");
     return GuardFs("ZV_FileShareMgr::FsStopDownload exception.\r\n", [&]() -> uint32_t {
         ZV_FileShareSession* lpFsSession = nullptr;
-        if (const uint32_t ulFound = LookupSession(usFileID, lpFsSession); ulFound != ZV_OK)
+        if (const uint32_t ulFound = LookupSession(usFileID, lpFsSession); ulFound != zvResultOk)
             return ulFound;
         lpFsSession->StopLocalDownload();
         const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
         if (ulConn == zvConnNone)
-            return ZV_ERR_NO_CONN;
+            return zvResultNoConnection;
         return lpFsSession->SendIsStopDownloadRequest(ulConn, usFileID, LocalUser(), 0, 1);
     });
 }
@@ -31,12 +31,12 @@ uint32_t ZV_FileShareMgr::FsResumeDownload(uint16_t usFileID)
     assert(m_lpConf && "m_lpConf");
     return GuardFs("ZV_FileShareMgr::FsResumeDownload exception.\r\n", [&]() -> uint32_t {
         ZV_FileShareSession* lpFsSession = nullptr;
-        if (const uint32_t ulFound = LookupSession(usFileID, lpFsSession); ulFound != ZV_OK)
+        if (const uint32_t ulFound = LookupSession(usFileID, lpFsSession); ulFound != zvResultOk)
             return ulFound;
         lpFsSession->ResumeLocalDownload();
         const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
         if (ulConn == zvConnNone)
-            return ZV_ERR_NO_CONN;
+            return zvResultNoConnection;
         MarkBusy(true, usFileID);
         return lpFsSession->SendIsStopDownloadRequest(ulConn, usFileID, LocalUser(), 0, 0);
     });
@@ -49,12 +49,12 @@ uint32_t ZV_FileShareMgr::FsStopUpload(uint16_t usFileID)
     assert(m_lpConf && "m_lpConf");
     return GuardFs("ZV_FileShareMgr::FsStopUpload exception.\r\n", [&]() -> uint32_t {
         ZV_FileShareSession* lpFsSession = nullptr;
-        if (const uint32_t ulFound = LookupSession(usFileID, lpFsSession); ulFound != ZV_OK)
+        if (const uint32_t ulFound = LookupSession(usFileID, lpFsSession); ulFound != zvResultOk)
             return ulFound;
         lpFsSession->SetUploadStopped(true);
         const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
         if (ulConn == zvConnNone)
-            return ZV_ERR_NO_CONN;
+            return zvResultNoConnection;
         lpFsSession->StopLocalUpload(true);
         return lpFsSession->SendIsStopUploadRequest(ulConn, usFileID, LocalUser(), 0, 1, lpFsSession->ReadPos());
     });
@@ -65,12 +65,12 @@ uint32_t ZV_FileShareMgr::FsResumeUpload(uint16_t usFileID)
     assert(m_lpConf && "m_lpConf");
     return GuardFs("ZV_FileShareMgr::FsResumeUpload exception.\r\n", [&]() -> uint32_t {
         ZV_FileShareSession* lpFsSession = nullptr;
-        if (const uint32_t ulFound = LookupSession(usFileID, lpFsSession); ulFound != ZV_OK)
+        if (const uint32_t ulFound = LookupSession(usFileID, lpFsSession); ulFound != zvResultOk)
             return ulFound;
         lpFsSession->SetUploadStopped(false);
         const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
         if (ulConn == zvConnNone)
-            return ZV_ERR_NO_CONN;
+            return zvResultNoConnection;
         lpFsSession->StopLocalUpload(false);
         return lpFsSession->SendIsStopUploadRequest(ulConn, usFileID, LocalUser(), 0, 0, 0);
     });

@@ -51,15 +51,15 @@ uint32_t ZV_FileShareSession::HandleIsStopDownloadRequest(ConfPduData* lpCpd)
         return 0;
     FloodStopAsk(PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST, ask.user, ask.ulFloodSeq, ask.bStop, 0);
     ZV_FileDownloadInfo* pEntry = m_mapDownload.Find(ask.user);
-    if (pEntry == nullptr || pEntry->m_usState == ZV_DLSTATE_FINISHED)
+    if (pEntry == nullptr || pEntry->m_usState == zvDownloadStateFinished)
         return 0;
     pEntry->SetStopped(ask.bStop != 0);
-    pEntry->SetState(ZV_DLSTATE_STOPPED);
+    pEntry->SetState(zvDownloadStateStopped);
     if (!ask.bStop)
     {
         // The pause does not count as time spent downloading.
         pEntry->SetLastTick(ZV_Now());
-        pEntry->SetState(ZV_DLSTATE_RUNNING);
+        pEntry->SetState(zvDownloadStateRunning);
         if (pEntry->m_bActive)
             KickDownloadConn(lpConf->GetUserConn(&ask.user, zvConfClientTypeData));
     }
@@ -104,11 +104,11 @@ uint32_t ZV_FileShareSession::HandleIsStopUploadRequest(ConfPduData* lpCpd)
     {
         if (ask.user != brief.m_CreatorID)
         {
-            SendIsStopUploadResponse(lpCpd->ulConn, m_usFileID, ZV_ERR_NOT_ENTITLED, m_usFileID, &ask.user,
+            SendIsStopUploadResponse(lpCpd->ulConn, m_usFileID, zvResultNotEntitled, m_usFileID, &ask.user,
                                      ask.bStop, 0);
             return 0;
         }
-        if (brief.m_usFileState == ZV_FILESTATE_ADDED || brief.m_usFileState == ZV_FILESTATE_COMPLETE)
+        if (brief.m_usFileState == zvFileStateAdded || brief.m_usFileState == zvFileStateComplete)
             return 0;
     }
     // The first server speaks for what it holds, not for what the client read.
@@ -134,20 +134,20 @@ void ZV_FileShareSession::StopUpload(const QB_UserID& user, uint32_t ulPos)
 {
     if (m_ulMaxPos < ulPos)
         m_ulMaxPos = ulPos;
-    SendIsStopUploadResponse(zvConnNone, m_usFileID, ZV_OK, m_usFileID, &user, 1, m_ulMaxPos);
-    m_FileInfo.m_BriefInfo.SetFileState(ZV_FILESTATE_STOPPED);
+    SendIsStopUploadResponse(zvConnNone, m_usFileID, zvResultOk, m_usFileID, &user, 1, m_ulMaxPos);
+    m_FileInfo.m_BriefInfo.SetFileState(zvFileStateStopped);
 }
 
 // The 8006 to the uploader is what restarts it, from the write position:
 // blocks dropped while the upload stood still are sent again.
 void ZV_FileShareSession::ResumeUpload(const ConfPduData* lpCpd, const QB_UserID& user, uint32_t ulFloodSeq)
 {
-    SendIsStopUploadResponse(zvConnNone, m_usFileID, ZV_OK, m_usFileID, &user, 0, 0);
-    m_FileInfo.m_BriefInfo.SetFileState(ZV_FILESTATE_UPLOADING);
+    SendIsStopUploadResponse(zvConnNone, m_usFileID, zvResultOk, m_usFileID, &user, 0, 0);
+    m_FileInfo.m_BriefInfo.SetFileState(zvFileStateUploading);
     if (IsClientRequest(lpCpd))
     {
         m_bResyncPending = true;
-        SendUploadResponse(lpCpd->ulConn, m_usFileID, ZV_OK, m_usFileID, &user, ulFloodSeq,
+        SendUploadResponse(lpCpd->ulConn, m_usFileID, zvResultOk, m_usFileID, &user, ulFloodSeq,
                            m_FileInfo.m_ulFileWritePos);
     }
     // Downloaders do not count the pause as time spent.
@@ -177,15 +177,15 @@ uint32_t ZV_FileShareSession::HandleIsStopUploadResponse(ConfPduData* lpCpd)
     const uint32_t ulPos = answer.ulPos;
     if (lpConf->IsServerMode())
         return 0;
-    if (ulResult == ZV_OK)
+    if (ulResult == zvResultOk)
     {
-        m_BriefInfo.SetFileState(bStop ? ZV_FILESTATE_STOPPED : ZV_FILESTATE_UPLOADING);
+        m_BriefInfo.SetFileState(bStop ? zvFileStateStopped : zvFileStateUploading);
         if (IsLocalCreator())
             m_lpMgr->MarkBusy(!bStop, usFileID);
     }
     if (!IsFileVisible(m_BriefInfo))
         return 0;
-    if (ulResult == ZV_OK)
+    if (ulResult == zvResultOk)
     {
         if (bStop)
             NotifyUploadProgress(usFileID, ShareOf(ulPos, m_BriefInfo.m_ulFileLenth) * 100.0);
@@ -264,7 +264,7 @@ void ZV_FileShareSession::TakeProgress(uint16_t usFileID, uint32_t ulPos)
     const bool bCreator = IsLocalCreator();
     m_ulMaxPos = ulPos;
     if (!bCreator)
-        m_BriefInfo.SetFileState(ulPos < ulLength ? ZV_FILESTATE_UPLOADING : ZV_FILESTATE_COMPLETE);
+        m_BriefInfo.SetFileState(ulPos < ulLength ? zvFileStateUploading : zvFileStateComplete);
     if (bCreator && ulPos >= ulLength && m_File.IsOpen())
         m_File.Close();
     if (!IsFileVisible(m_BriefInfo))
@@ -287,7 +287,7 @@ uint32_t ZV_FileShareSession::HandleUploadErrorRequest(ConfPduData* lpCpd)
     ask.Load(stream);
     if (!lpConf->IsServerMode())
         return 0;
-    if (IsClientRequest(lpCpd) && m_FileInfo.m_BriefInfo.m_usFileState == ZV_FILESTATE_COMPLETE)
+    if (IsClientRequest(lpCpd) && m_FileInfo.m_BriefInfo.m_usFileState == zvFileStateComplete)
         return 0;
     if (!ZV_IsNewFlood(lpConf, ask.user, ask.ulFloodSeq))
         return 0;
@@ -299,8 +299,8 @@ uint32_t ZV_FileShareSession::HandleUploadErrorRequest(ConfPduData* lpCpd)
         ask.Save(pdu.Stream());
         ZV_SendToServers(lpConf, zvConnNone, PDU_CONF_FS_UPLOAD_ERROR_REQUEST, pdu);
     }
-    m_FileInfo.m_BriefInfo.SetFileState(ZV_FILESTATE_FAILED);
-    SendUploadErrorResponse(zvConnNone, m_usFileID, ZV_OK, m_usFileID);
+    m_FileInfo.m_BriefInfo.SetFileState(zvFileStateFailed);
+    SendUploadErrorResponse(zvConnNone, m_usFileID, zvResultOk, m_usFileID);
     return 0;
 }
 
@@ -313,7 +313,7 @@ uint32_t ZV_FileShareSession::HandleUploadErrorResponse(ConfPduData* lpCpd)
     ZV_UploadErrorResponse answer;
     answer.Load(stream);
     if (Conf()->IsClientMode() && IsFileVisible(m_BriefInfo))
-        NotifyTransferError(ZV_ERR_IO, answer.usFileID);
+        NotifyTransferError(zvResultCannotAccess, answer.usFileID);
     return 0;
 }
 
@@ -333,11 +333,11 @@ void ZV_FileShareSession::OnServerTimer()
     if (m_bCatalogDirty)
         SaveToCatalog();
     ZV_FileBriefInfo& brief = m_FileInfo.m_BriefInfo;
-    if (brief.m_usFileState == ZV_FILESTATE_COMPLETE)
+    if (brief.m_usFileState == zvFileStateComplete)
         return;
     if (m_FileInfo.m_ulFileWritePos >= brief.m_ulFileLenth)
     {
-        brief.SetFileState(ZV_FILESTATE_COMPLETE);
+        brief.SetFileState(zvFileStateComplete);
         return;
     }
     const uint32_t ulNow = ZV_Now();
@@ -359,14 +359,14 @@ void ZV_FileShareSession::NudgeUploader()
 {
     const QB_UserID& creator = m_FileInfo.m_BriefInfo.m_CreatorID;
     const uint16_t usState = m_FileInfo.m_BriefInfo.m_usFileState;
-    const bool bAwaited = usState == ZV_FILESTATE_ADDED && !m_mapDownload.IsEmpty();
-    if (usState != ZV_FILESTATE_UPLOADING && !m_bUploadDone && !bAwaited)
+    const bool bAwaited = usState == zvFileStateAdded && !m_mapDownload.IsEmpty();
+    if (usState != zvFileStateUploading && !m_bUploadDone && !bAwaited)
         return;
     const uint32_t ulConn = Conf()->GetUserConn(&creator, zvConfClientTypeCommand);
     if (ulConn == zvConnNone)
         return;
     m_bResyncPending = true;
-    SendUploadResponse(ulConn, m_usFileID, ZV_OK, m_usFileID, &creator, 0, m_FileInfo.m_ulFileWritePos);
+    SendUploadResponse(ulConn, m_usFileID, zvResultOk, m_usFileID, &creator, 0, m_FileInfo.m_ulFileWritePos);
 }
 
 void ZV_FileShareSession::AskServersForMore()
@@ -394,9 +394,9 @@ void ZV_FileShareSession::AskServersForMore()
 void ZV_FileShareSession::OnClientTimer()
 {
     const uint32_t ulNow = ZV_Now();
-    const bool bUploading = IsLocalCreator() && m_BriefInfo.m_usFileState == ZV_FILESTATE_UPLOADING;
+    const bool bUploading = IsLocalCreator() && m_BriefInfo.m_usFileState == zvFileStateUploading;
     const bool bDownloading = !m_LocalDownload.m_sFileName.IsEmpty() &&
-                              m_LocalDownload.m_usState == ZV_DLSTATE_RUNNING && !m_bDownloadFailed &&
+                              m_LocalDownload.m_usState == zvDownloadStateRunning && !m_bDownloadFailed &&
                               IsFileVisible(m_BriefInfo);
     if (bDownloading)
         AskAgainIfStalled(ulNow);
@@ -414,7 +414,7 @@ void ZV_FileShareSession::AskAgainIfStalled(uint32_t ulNow)
     const ZV_FileDownloadInfo& download = m_LocalDownload;
     const uint32_t ulConn = m_lpMgr->GetLinkConn(zvConfClientTypeCommand);
     const uint32_t ulStored =
-        m_BriefInfo.m_usFileState == ZV_FILESTATE_COMPLETE ? m_BriefInfo.m_ulFileLenth : m_ulMaxPos;
+        m_BriefInfo.m_usFileState == zvFileStateComplete ? m_BriefInfo.m_ulFileLenth : m_ulMaxPos;
     // The record's tick moves with each block and with a resume.
     if (ulStored <= download.m_ulDownloadPos || ulNow - m_ulLastIoTick < ZV_CLIENT_STALL_MS ||
         ulNow - download.m_ulLastTick < ZV_CLIENT_STALL_MS || ulConn == zvConnNone)
@@ -471,7 +471,7 @@ uint32_t ZV_FileShareSession::SendIsStopUploadResponse(uint32_t ulConn, uint16_t
     answer.ulPos = ulPos;
     ZV_PduBuffer pdu;
     answer.Save(pdu.Stream());
-    if (ulResult != ZV_OK)
+    if (ulResult != zvResultOk)
         return ZV_SendToLink(Conf(), ulConn, PDU_CONF_FS_IS_STOP_UPLOAD_RESPONSE, pdu);
     return ZV_SendToGroup(Conf(), zvConnNone, PDU_CONF_FS_IS_STOP_UPLOAD_RESPONSE, pdu);
 }
@@ -498,7 +498,7 @@ uint32_t ZV_FileShareSession::SendUploadErrorResponse(uint32_t ulConn, uint16_t 
     answer.usFileID = usFileID2;
     ZV_PduBuffer pdu;
     answer.Save(pdu.Stream());
-    if (ulResult != ZV_OK)
+    if (ulResult != zvResultOk)
         return ZV_SendToLink(Conf(), ulConn, PDU_CONF_FS_UPLOAD_ERROR_RESPONSE, pdu);
     return ZV_SendToGroup(Conf(), zvConnNone, PDU_CONF_FS_UPLOAD_ERROR_RESPONSE, pdu);
 }
@@ -536,23 +536,23 @@ uint32_t ZV_FileShareSession::SendProgressing(uint32_t ulConn, uint16_t usFileID
 
 void ZV_FileShareSession::StopLocalDownload()
 {
-    if (m_LocalDownload.m_usState != ZV_DLSTATE_FINISHED)
-        m_LocalDownload.SetState(ZV_DLSTATE_STOPPED);
+    if (m_LocalDownload.m_usState != zvDownloadStateFinished)
+        m_LocalDownload.SetState(zvDownloadStateStopped);
 }
 
 // The last tick moves so that the pause is not counted as time spent.
 void ZV_FileShareSession::ResumeLocalDownload()
 {
-    if (m_LocalDownload.m_usState == ZV_DLSTATE_FINISHED)
+    if (m_LocalDownload.m_usState == zvDownloadStateFinished)
         return;
-    m_LocalDownload.SetState(ZV_DLSTATE_RUNNING);
+    m_LocalDownload.SetState(zvDownloadStateRunning);
     m_LocalDownload.SetLastTick(ZV_Now());
 }
 
 void ZV_FileShareSession::ResetLocalDownload(bool bForget)
 {
     m_LocalDownload.SetDownloadPos(0);
-    m_LocalDownload.SetState(ZV_DLSTATE_NEW);
+    m_LocalDownload.SetState(zvDownloadStateNew);
     if (bForget)
         m_LocalDownload.SetFileName(QB_StringU8(""));
 }
@@ -560,7 +560,7 @@ void ZV_FileShareSession::ResetLocalDownload(bool bForget)
 void ZV_FileShareSession::StartLocalUpload()
 {
     m_ulReadPos = 0;
-    m_BriefInfo.SetFileState(ZV_FILESTATE_UPLOADING);
+    m_BriefInfo.SetFileState(zvFileStateUploading);
 }
 
 // Begun and not complete; a failed upload counts, so that a resume can
@@ -568,8 +568,8 @@ void ZV_FileShareSession::StartLocalUpload()
 void ZV_FileShareSession::StopLocalUpload(bool bStop)
 {
     const uint16_t usState = m_BriefInfo.m_usFileState;
-    if (usState != ZV_FILESTATE_ADDED && usState != ZV_FILESTATE_COMPLETE)
-        m_BriefInfo.SetFileState(bStop ? ZV_FILESTATE_STOPPED : ZV_FILESTATE_UPLOADING);
+    if (usState != zvFileStateAdded && usState != zvFileStateComplete)
+        m_BriefInfo.SetFileState(bStop ? zvFileStateStopped : zvFileStateUploading);
 }
 
 void ZV_FileShareSession::ChangeLocalRights(bool bPublic, const QB_Array<QB_UserID>& arrAdd,
@@ -583,12 +583,12 @@ uint32_t ZV_FileShareSession::MeasureLocalFile(const QB_StringW& sPath, bool bMa
 {
     if (!m_File.IsOpen() && !m_File.Open(sPath, QB_FILE_READWRITE | QB_FILE_OPEN_EXISTING | QB_FILE_NO_LINK) &&
         (!bMayCreate || !m_File.Open(sPath, QB_FILE_READWRITE | QB_FILE_OPEN_ALWAYS | QB_FILE_NO_LINK)))
-        return ZV_ERR_OPEN;
+        return zvResultCannotOpen;
     const int32_t nLength = m_File.GetLength();
     if (nLength < 0)
-        return ZV_ERR_OPEN;
+        return zvResultCannotOpen;
     ulSize = (uint32_t)nLength;
-    return ZV_OK;
+    return zvResultOk;
 }
 
 bool ZV_FileShareSession::EmptyLocalFile()

@@ -73,8 +73,8 @@ uint32_t ZV_FileShareMgr::LookupSession(uint16_t usFileID, ZV_FileShareSession*&
 {
     lpFsSession = nullptr;
     if (!m_mapSession.Lookup(usFileID, lpFsSession))
-        return ZV_ERR_UNKNOWN_FILE;
-    return lpFsSession ? ZV_OK : ZV_ERR_RESERVED_FILE;
+        return zvResultUnknownFile;
+    return lpFsSession ? zvResultOk : zvResultReservedFile;
 }
 
 // A host that knows no local user still gets a well-formed request.
@@ -157,7 +157,7 @@ void ZV_FileShareMgr::SetSessionBusy(uint8_t bBusy, uint16_t usFileID)
 {
     GuardFs("ZV_FileShareMgr::SetSessionBusy exception.\r\n", [&]() -> uint32_t {
         MarkBusy(bBusy, usFileID);
-        return ZV_OK;
+        return zvResultOk;
     });
 }
 
@@ -166,9 +166,9 @@ void ZV_FileShareMgr::MarkBusy(bool bBusy, uint16_t usFileID)
     // A data link that fell idle and stayed up is in use again: its loss
     // from now on is a loss, which makes the client say where its downloads
     // stand when it comes back.
-    if (bBusy && m_cDataLink == ZV_LINK_IDLE && m_lpConf->IsClientMode() &&
+    if (bBusy && m_cDataLink == zvLinkIdle && m_lpConf->IsClientMode() &&
         GetLinkConn(zvConfClientTypeData) != zvConnNone)
-        m_cDataLink = ZV_LINK_DATA_UP;
+        m_cDataLink = zvLinkDataUp;
     const int nIndex = m_arrBusyFileID.Find(usFileID);
     if (bBusy && nIndex < 0)
         m_arrBusyFileID.Add(usFileID);
@@ -201,18 +201,18 @@ void ZV_FileShareMgr::OnClientConnect(uint16_t usConnType)
 {
     if (usConnType == zvConfClientTypeCommand)
     {
-        m_cCmdLink = ZV_LINK_CMD_UP;
+        m_cCmdLink = zvLinkCmdUp;
         return;
     }
     if (usConnType != zvConfClientTypeData)
         return;
-    if (m_cCmdLink == ZV_LINK_CMD_UP && m_cDataLink != ZV_LINK_IDLE)
+    if (m_cCmdLink == zvLinkCmdUp && m_cDataLink != zvLinkIdle)
         SendFileDownloadPos(true, 0);
     // Kicked after a loss as well: an upload of this client's rests with the
     // link until something calls it, and only downloads get the server to.
     if (GetLinkConn(zvConfClientTypeData) != zvConnNone)
         ZV_SendKick(m_lpConf, GetLinkConn(zvConfClientTypeData));
-    m_cDataLink = ZV_LINK_DATA_UP;
+    m_cDataLink = zvLinkDataUp;
 }
 
 // The first complete pair of server links sends nothing; each further data
@@ -220,14 +220,14 @@ void ZV_FileShareMgr::OnClientConnect(uint16_t usConnType)
 void ZV_FileShareMgr::OnServerConnect(const QB_UserID* lpPeer, uint16_t usConnType)
 {
     if (usConnType == zvConfServerTypeCommand)
-        m_cCmdLink = ZV_LINK_CMD_UP;
+        m_cCmdLink = zvLinkCmdUp;
     else if (usConnType == zvConfServerTypeData)
-        m_cDataLink = ZV_LINK_DATA_UP;
+        m_cDataLink = zvLinkDataUp;
     else
         return;
-    if (m_cCmdLink == ZV_LINK_CMD_UP && m_cDataLink == ZV_LINK_DATA_UP)
-        m_cCmdLink = ZV_LINK_PAIRED;
-    else if (m_cCmdLink == ZV_LINK_PAIRED && m_cDataLink == ZV_LINK_DATA_UP)
+    if (m_cCmdLink == zvLinkCmdUp && m_cDataLink == zvLinkDataUp)
+        m_cCmdLink = zvLinkPaired;
+    else if (m_cCmdLink == zvLinkPaired && m_cDataLink == zvLinkDataUp)
         SendFileDownloadPos(false, lpPeer ? lpPeer->m_ulMain : 0);
 }
 
@@ -252,14 +252,14 @@ uint32_t ZV_FileShareMgr::OnDisconnect(const QB_UserID* lpPeer, uint32_t ulConn,
     if (bServer)
     {
         if (usConnType == zvConfServerTypeCommand)
-            m_cCmdLink = m_cDataLink = ZV_LINK_DOWN;
+            m_cCmdLink = m_cDataLink = zvLinkDown;
         else if (usConnType == zvConfServerTypeData)
-            m_cDataLink = ZV_LINK_DOWN;
+            m_cDataLink = zvLinkDown;
     }
     else if (usConnType == zvConfClientTypeCommand)
-        m_cCmdLink = m_cDataLink = ZV_LINK_DOWN;
-    else if (usConnType == zvConfClientTypeData && m_cDataLink == ZV_LINK_DATA_UP)
-        m_cDataLink = ZV_LINK_DOWN;
+        m_cCmdLink = m_cDataLink = zvLinkDown;
+    else if (usConnType == zvConfClientTypeData && m_cDataLink == zvLinkDataUp)
+        m_cDataLink = zvLinkDown;
     return 0;
 }
 
@@ -306,7 +306,7 @@ void ZV_FileShareMgr::OnTimer(uint32_t ulTick)
     if (ulNow - m_ulIdleSince < ZV_IDLE_WAIT_MS)
         return;
     // Idle long enough: the data link may fall, and that is no loss.
-    m_cDataLink = ZV_LINK_IDLE;
+    m_cDataLink = zvLinkIdle;
     NotifyBusy(0);
     m_ulIdleSince = 0;
 }

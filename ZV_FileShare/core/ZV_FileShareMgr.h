@@ -55,44 +55,22 @@ public:
 // Local paths of finished downloads whose session went with the file.
 using ZV_FinishedDownloadMap = QB_Map<uint16_t, QB_StringW, QB_HashShift4>;
 
-// Result codes that travel in Fs results, ulResult fields and events; the
-// public header holds the numbers.
-enum : uint32_t
-{
-    ZV_OK = zvResultOk,
-    ZV_ERR_EXCEPTION = zvResultException,
-    ZV_ERR_NO_HANDLER = zvResultNoHandler,
-    ZV_ERR_CONFIG = zvResultNoConfig,
-    ZV_ERR_NO_CONN = zvResultNoConnection,
-    ZV_ERR_NO_HOST = zvResultNoHost,
-    ZV_ERR_NOT_IN_CONF = zvResultNotInConf,
-    ZV_ERR_NOT_ENTITLED = zvResultNotEntitled,
-    ZV_ERR_NO_CREATOR_LINK = zvResultNoCreatorLink,
-    ZV_ERR_OPEN = zvResultCannotOpen,
-    ZV_ERR_IO = zvResultCannotAccess,
-    ZV_ERR_DELETE = zvResultCannotDelete,
-    ZV_ERR_UNKNOWN_FILE = zvResultUnknownFile,
-    ZV_ERR_RESERVED_FILE = zvResultReservedFile,
-    ZV_ERR_NO_FILEID = zvResultNoFileID,
-    ZV_ERR_UNTRUSTED = zvResultUntrusted,
-};
-
 // States of m_cCmdLink and m_cDataLink. A data link that is down because
 // nothing needed it (idle) is no loss; one that was lost (down) is, and
 // makes a client report where its downloads stand when it comes back.
 enum : char
 {
-    ZV_LINK_DOWN = '0',
-    ZV_LINK_CMD_UP = '1',
-    ZV_LINK_DATA_UP = '2',
-    ZV_LINK_PAIRED = '3',
-    ZV_LINK_IDLE = '4',
+    zvLinkDown = '0',
+    zvLinkCmdUp = '1',
+    zvLinkDataUp = '2',
+    zvLinkPaired = '3',
+    zvLinkIdle = '4',
 };
 
 // Runs one user-side operation. A caught exception gives ulOnThrow and
 // writes the operation's line; state changed before it stays changed.
 template <typename F>
-uint32_t GuardFs(const char* pszLine, F&& fnBody, uint32_t ulOnThrow = ZV_ERR_EXCEPTION)
+uint32_t GuardFs(const char* pszLine, F&& fnBody, uint32_t ulOnThrow = zvResultException)
 {
     uint32_t ulResult = ulOnThrow;
     try
@@ -370,8 +348,8 @@ private:
     ZV_FileCatalog m_Catalog;
     // A client's record of what its user shared; see ZV_FileShareMgr_Trust.cpp.
     ZV_ShareLedger m_ShareLedger;
-    char m_cCmdLink = ZV_LINK_DOWN;
-    char m_cDataLink = ZV_LINK_IDLE;
+    char m_cCmdLink = zvLinkDown;
+    char m_cDataLink = zvLinkIdle;
     uint16_t m_usNextFileID = 1;
     ZV_SessionMap m_mapSession;
     ZV_FinishedDownloadMap m_mapFinishedDownload{97};

@@ -127,7 +127,7 @@ void ZV_FileShareMgr::AnswerRefusal(uint16_t usAnswer, const ConfPduData* lpCpd)
     {
         ZV_SetFilesRightRequest ask;
         ask.LoadHead(stream);
-        SendSetFilesRightResponse(ulConn, ask.arrFileID, ZV_ERR_NOT_ENTITLED, ask.user, ask.ulFloodSeq);
+        SendSetFilesRightResponse(ulConn, ask.arrFileID, zvResultNotEntitled, ask.user, ask.ulFloodSeq);
         return;
     }
     // 8003, 8008 and 8014 each begin with a whole request head.
@@ -137,14 +137,14 @@ void ZV_FileShareMgr::AnswerRefusal(uint16_t usAnswer, const ConfPduData* lpCpd)
     switch (usAnswer)
     {
     case PDU_CONF_FS_SET_RIGHT_RESPONSE:
-        probe.SendSetRightResponse(ulConn, ZV_ERR_NOT_ENTITLED, ask.usFileID, &ask.user, nullptr, 0, false);
+        probe.SendSetRightResponse(ulConn, zvResultNotEntitled, ask.usFileID, &ask.user, nullptr, 0, false);
         break;
     case PDU_CONF_FS_DEL_UPLOAD_RESPONSE:
-        SendDelUploadResponse(ulConn, ask.usFileID, ZV_ERR_NOT_ENTITLED, ask.usFileID, &ask.user, ask.ulFloodSeq,
+        SendDelUploadResponse(ulConn, ask.usFileID, zvResultNotEntitled, ask.usFileID, &ask.user, ask.ulFloodSeq,
                               false);
         break;
     case PDU_CONF_FS_DOWNLOAD_RESPONSE:
-        probe.SendDownloadResponse(ulConn, ask.usFileID, ZV_ERR_NOT_ENTITLED, ask.usFileID, &ask.user, nullptr);
+        probe.SendDownloadResponse(ulConn, ask.usFileID, zvResultNotEntitled, ask.usFileID, &ask.user, nullptr);
         break;
     }
 }
@@ -155,12 +155,12 @@ void ZV_FileShareMgr::AnswerRefusedAdd(uint16_t usAnswer, QB_ByteStream& stream,
     {
         ZV_AddRequest ask;
         ask.Load(stream);
-        SendAddResponse(ulConn, ask.usFileID, ZV_ERR_NOT_ENTITLED, ask.usFileID, ask.user, 0, ask.brief,
+        SendAddResponse(ulConn, ask.usFileID, zvResultNotEntitled, ask.usFileID, ask.user, 0, ask.brief,
                         ask.bStartUpload, false);
         return;
     }
     ZV_AddFilesRequest ask;
     ask.Load(stream);
-    SendAddFilesResponse(ulConn, ZV_ERR_NOT_ENTITLED, ask.user, ask.bStartUpload, ask.arrFileID, {}, ask.arrInfo,
+    SendAddFilesResponse(ulConn, zvResultNotEntitled, ask.user, ask.bStartUpload, ask.arrFileID, {}, ask.arrInfo,
                          ask.bLast, false);
 }

@@ -42,7 +42,7 @@ void ZV_FileShareMgr::SendFileDownloadPos(bool bClient, uint32_t ulServerID)
                 return;
             const QB_UserID creator = lpFsSession->FileInfo().m_BriefInfo.m_CreatorID;
             const ZV_FileDownloadInfo download = lpFsSession->LocalDownload();
-            if (download.m_usState == ZV_DLSTATE_RUNNING)
+            if (download.m_usState == zvDownloadStateRunning)
                 RestartDownload(lpFsSession, download, creator, bClient, ulServerID);
             RepublishUpload(lpFsSession, creator, lpFsSession->FileInfo().m_BriefInfo.m_usFileState);
         });
@@ -58,7 +58,7 @@ void ZV_FileShareMgr::SendFileDownloadPos(bool bClient, uint32_t ulServerID)
 // seen the flood already.
 bool ZV_FileShareMgr::RepublishUpload(ZV_FileShareSession* lpFsSession, const QB_UserID& creator, uint16_t usState)
 {
-    if (!ZV_FileShareSession::IsLocalUser(m_lpConf, creator) || usState == ZV_FILESTATE_ADDED)
+    if (!ZV_FileShareSession::IsLocalUser(m_lpConf, creator) || usState == zvFileStateAdded)
         return true;
     const uint32_t ulFloodSeq = m_lpConf->NewFloodSeq(&creator, 0);
     if (m_lpConf->IsFloodSeen(&creator, ulFloodSeq))

@@ -44,11 +44,11 @@ uint32_t ZV_FileShareMgr::FsGetFileInfoByFileID(uint16_t usFileID, ZV_FsFileInfo
     // A throw still answers 0: the record may be partly filled by then.
     return GuardFs("ZV_FileShareMgr::FsGetFileInfoByFileID exception.\r\n", [&]() -> uint32_t {
         ZV_FileShareSession* lpFsSession = nullptr;
-        if (const uint32_t ulFound = LookupSession(usFileID, lpFsSession); ulFound != ZV_OK)
+        if (const uint32_t ulFound = LookupSession(usFileID, lpFsSession); ulFound != zvResultOk)
             return ulFound;
         assert(m_lpConf && "m_lpConf");
         if (lpInfo == nullptr)
-            return ZV_ERR_EXCEPTION;
+            return zvResultException;
         const ZV_FileBriefInfo& brief = lpFsSession->BriefInfo();
         lpInfo->ulCreatorSub = brief.m_CreatorID.m_ulSub;
         lpInfo->ulCreatorMain = brief.m_CreatorID.m_ulMain;
@@ -60,6 +60,6 @@ uint32_t ZV_FileShareMgr::FsGetFileInfoByFileID(uint16_t usFileID, ZV_FsFileInfo
         lpInfo->dtShareTime = FlatTime(brief.m_dtShareTime);
         lpInfo->dtModifyTime = FlatTime(brief.m_dtModifyTime);
         lpInfo->usFileState = brief.m_usFileState;
-        return ZV_OK;
-    }, ZV_OK);
+        return zvResultOk;
+    }, zvResultOk);
 }

@@ -12,7 +12,7 @@
 uint32_t ZV_FileShareMgr::HandlePdu(ConfPduData* lpCpd)
 {
     if (lpCpd == nullptr)
-        return ZV_ERR_NO_HANDLER;
+        return zvResultNoHandler;
     // A truncated or malformed payload raises out of the stream; nothing may
     // leave towards the host, so every road is caught here, the manager's
     // own handlers as well as the sessions'.
@@ -21,7 +21,7 @@ uint32_t ZV_FileShareMgr::HandlePdu(ConfPduData* lpCpd)
         // A refused request was dealt with; a number without a row is one
         // nothing takes.
         if (!AdmitPdu(lpCpd))
-            return ZV_FindPduRow(lpCpd->usPdu) != nullptr ? ZV_OK : ZV_ERR_NO_HANDLER;
+            return ZV_FindPduRow(lpCpd->usPdu) != nullptr ? zvResultOk : zvResultNoHandler;
         bool bHandled = false;
         const uint32_t ulResult = RouteToManager(lpCpd, bHandled);
         return bHandled ? ulResult : RouteToSession(lpCpd);
@@ -29,7 +29,7 @@ uint32_t ZV_FileShareMgr::HandlePdu(ConfPduData* lpCpd)
     catch (...)
     {
         QB_WriteLog(QB_LOG_DAILY, "error", "ZV_FileShareMgr::HandlePdu exception = %u.\r\n", (unsigned)lpCpd->usPdu);
-        return ZV_ERR_NO_HANDLER;
+        return zvResultNoHandler;
     }
 }
 
@@ -54,8 +54,8 @@ uint32_t ZV_FileShareMgr::RouteToManager(ConfPduData* lpCpd, bool& bHandled)
     case PDU_CONF_FS_ADD_FILES_REQUEST: return HandleAddFilesRequest(lpCpd);
     case PDU_CONF_FS_ADD_FILES_RESPONSE: return HandleAddFilesResponse(lpCpd);
     // Nothing reads the answer to a rights change of several files.
-    case PDU_CONF_FS_SET_FILES_RIGHT_RESPONSE: return ZV_ERR_NO_HANDLER;
-    default: bHandled = false; return ZV_ERR_NO_HANDLER;
+    case PDU_CONF_FS_SET_FILES_RIGHT_RESPONSE: return zvResultNoHandler;
+    default: bHandled = false; return zvResultNoHandler;
     }
 }
 
@@ -67,9 +67,9 @@ uint32_t ZV_FileShareMgr::RouteToSession(ConfPduData* lpCpd)
     const uint16_t usFileID = stream.ReadU16();
     ZV_FileShareSession* lpFsSession = nullptr;
     if (!m_mapSession.Lookup(usFileID, lpFsSession))
-        return ZV_OK;
+        return zvResultOk;
     assert(lpFsSession != NULL && "lpFsSession != NULL");
     if (lpFsSession == nullptr)
-        return ZV_OK;
+        return zvResultOk;
     return lpFsSession->HandlePdu(lpCpd);
 }

@@ -34,14 +34,14 @@ QB_StringW HomeFolder()
 uint32_t ZV_FileShareMgr::Initialize()
 {
     if (!m_lpConf->IsServerMode())
-        return ZV_OK;
+        return zvResultOk;
     m_usNextFileID = m_lpConf->GetFileIDMin();
     try
     {
         const QB_StringW sHome = HomeFolder();
         QB_IniFileEx iniFile;
         if (!iniFile.Open(sHome + u"confsrv.ini", false))
-            return ZV_ERR_CONFIG;
+            return zvResultNoConfig;
         const QB_StringA sDefault = DefaultStorePath(sHome);
         m_strPath = iniFile.GetString(QB_StringA("FileShare"), QB_StringA("Path"), sDefault);
         m_strPath.TrimLeft();
@@ -59,7 +59,7 @@ uint32_t ZV_FileShareMgr::Initialize()
     {
         QB_WriteLog(QB_LOG_DAILY, "error", "ZV_FileShareMgr::Initialize() exception.\r\n");
     }
-    return ZV_OK;
+    return zvResultOk;
 }
 
 void ZV_FileShareMgr::RemoveStoredFile(uint16_t usFileID, ZV_FileShareSession* lpFsSession, const QB_UserID* lpUser,
@@ -67,7 +67,7 @@ void ZV_FileShareMgr::RemoveStoredFile(uint16_t usFileID, ZV_FileShareSession* l
 {
     lpFsSession->SetUploadStopped(true);
     if (m_lpConf->GetClientCount() > 0)
-        SendDelUploadResponse(zvConnNone, usFileID, ZV_OK, usFileID, lpUser, ulFloodSeq, true);
+        SendDelUploadResponse(zvConnNone, usFileID, zvResultOk, usFileID, lpUser, ulFloodSeq, true);
     const QB_StringW sPath = lpFsSession->GetConfDir() + QB_StringW(lpFsSession->FileInfo().m_sFileNewName);
     const bool bPlain = ZV_FileCatalog::IsPlainFileName(QB_StringA(lpFsSession->FileInfo().m_sFileNewName));
     TakeSession(usFileID);
@@ -82,7 +82,7 @@ uint32_t ZV_FileShareMgr::CleanData()
     try
     {
         if (!m_lpConf->IsServerMode())
-            return ZV_OK;
+            return zvResultOk;
         // The keys are gathered first: the walk must not lose its place.
         QB_Array<uint16_t> arrFileID;
         ForEachSession([&](uint16_t usFileID, ZV_FileShareSession*) { arrFileID.Add(usFileID); });
@@ -103,7 +103,7 @@ uint32_t ZV_FileShareMgr::CleanData()
     {
         QB_WriteLog(QB_LOG_DAILY, "error", "ZV_FileShareMgr::CleanData exception.\r\n");
     }
-    return ZV_OK;
+    return zvResultOk;
 }
 
 uint32_t ZV_FileShareMgr::SendDelUploadResponse(uint32_t ulConn, uint16_t usFileID, uint32_t ulResult,

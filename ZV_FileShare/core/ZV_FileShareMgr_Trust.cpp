@@ -19,6 +19,6 @@ bool ZV_FileShareMgr::IsUntrustedAdd(const ZV_FileBriefInfo& brief, const char* 
     const QB_UserID* lpLocal = m_lpConf->GetLocalUserID();
     if (lpLocal == nullptr || !(brief.m_CreatorID == *lpLocal) || IsSharedLocalFile(brief))
         return false;
-    QB_WriteClientLog("%s ret = %d\r\n", pszHandler, (int)ZV_ERR_UNTRUSTED);
+    QB_WriteClientLog("%s ret = %d\r\n", pszHandler, (int)zvResultUntrusted);
     return true;
 }

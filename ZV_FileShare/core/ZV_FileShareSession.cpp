@@ -57,7 +57,7 @@ uint32_t ZV_FileShareSession::HandlePdu(ConfPduData* lpCpd)
     case PDU_CONF_FS_NOTICE_DEL_DOWNLOAD_INFO_REQUEST: return HandleNoticeDelDownloadInfoRequest(lpCpd);
     case PDU_CONF_FS_RESERVED0: return SessionReserved0(lpCpd);
     case PDU_CONF_FS_RESERVED1: return SessionReserved1(lpCpd);
-    default: return ZV_ERR_NO_HANDLER;
+    default: return zvResultNoHandler;
     }
 }
 

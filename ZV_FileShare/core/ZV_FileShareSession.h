@@ -39,21 +39,6 @@ struct ZV_DownloadResponse;
 
 using ZV_DownloadMap = QB_Map<QB_UserID, ZV_FileDownloadInfo, QB_HashUserID>;
 
-// Transfer states of a file (m_usFileState) and of a download (m_usState).
-enum : uint16_t
-{
-    ZV_FILESTATE_ADDED = 0,
-    ZV_FILESTATE_UPLOADING = 1,
-    ZV_FILESTATE_STOPPED = 2,
-    ZV_FILESTATE_COMPLETE = 3,
-    ZV_FILESTATE_FAILED = 4,
-
-    ZV_DLSTATE_NEW = 0,
-    ZV_DLSTATE_RUNNING = 1,
-    ZV_DLSTATE_STOPPED = 2,
-    ZV_DLSTATE_FINISHED = 3,
-};
-
 // Waits of the timer, in milliseconds. A server looks at a file that has
 // stalled after the first; a client lets a resting download stop counting
 // as busy after the second, and reports its data link idle when nothing has

@@ -41,12 +41,12 @@ uint32_t ZV_FileShareMgr::FsDelUpload(uint16_t usFileID)
     assert(m_lpConf && "m_lpConf");
     return GuardFs("ZV_FileShareMgr::FsDelUpload exception.\r\n", [&]() -> uint32_t {
         ZV_FileShareSession* lpFsSession = nullptr;
-        if (const uint32_t ulFound = LookupSession(usFileID, lpFsSession); ulFound != ZV_OK)
+        if (const uint32_t ulFound = LookupSession(usFileID, lpFsSession); ulFound != zvResultOk)
             return ulFound;
         lpFsSession->SetUploadStopped(true);
         const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
         if (ulConn == zvConnNone)
-            return ZV_ERR_NO_CONN;
+            return zvResultNoConnection;
         return SendDelUploadRequest(ulConn, usFileID, LocalUser(), 0, false);
     });
 }
@@ -67,7 +67,7 @@ uint32_t ZV_FileShareMgr::FsDelDownload(uint16_t usFileID, uint8_t bDeleteFile)
         {
             assert(lpFsSession != nullptr && "lpFsSession != NULL");
             if (lpFsSession == nullptr)
-                return ZV_ERR_RESERVED_FILE;
+                return zvResultReservedFile;
             download = lpFsSession->LocalDownload();
             sLocalPath = LocalPathOf(download);
             // The creator never downloads its own file: its open file is the
@@ -78,19 +78,19 @@ uint32_t ZV_FileShareMgr::FsDelDownload(uint16_t usFileID, uint8_t bDeleteFile)
         else if (m_mapFinishedDownload.Lookup(usFileID, sLocalPath))
             m_mapFinishedDownload.RemoveKey(usFileID);
         else
-            return ZV_OK;
+            return zvResultOk;
         // A record that never named a file names only its folder.
         const bool bNamesFile = lpFsSession == nullptr || !download.m_sFileName.IsEmpty();
         if (bDeleteFile && bNamesFile && IsFileAt(sLocalPath) && !QB_FileEx::Delete(sLocalPath))
-            return ZV_ERR_DELETE;
+            return zvResultCannotDelete;
         if (lpFsSession == nullptr)
-            return ZV_OK;
+            return zvResultOk;
         lpFsSession->ResetLocalDownload(true);
         if (!lpFsSession->IsFileVisible(lpFsSession->BriefInfo()))
-            return ZV_OK;
+            return zvResultOk;
         const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
         if (ulConn == zvConnNone)
-            return ZV_ERR_NO_CONN;
+            return zvResultNoConnection;
         lpFsSession->SendIsStopDownloadRequest(ulConn, usFileID, LocalUser(), 0, 1);
         return lpFsSession->SendDelDownloadRequest(ulConn, usFileID, LocalUser(), 0);
     });
@@ -125,12 +125,12 @@ uint32_t ZV_FileShareMgr::HandleDelUploadRequest(ConfPduData* lpCpd)
     if (!m_lpConf->IsServerMode() || !ZV_IsNewFlood(m_lpConf, ask.user, ask.ulFloodSeq))
         return 0;
     ZV_FileShareSession* lpFsSession = nullptr;
-    uint32_t ulResult = m_mapSession.Lookup(ask.usFileID, lpFsSession) ? ZV_OK : ZV_ERR_UNKNOWN_FILE;
+    uint32_t ulResult = m_mapSession.Lookup(ask.usFileID, lpFsSession) ? zvResultOk : zvResultUnknownFile;
     if (!ZV_IsServerLink(lpCpd->conn_type))
     {
-        if (ulResult == ZV_OK)
+        if (ulResult == zvResultOk)
             ulResult = CheckDelUpload(lpFsSession, ask.user);
-        if (ulResult != ZV_OK)
+        if (ulResult != zvResultOk)
         {
             SendDelUploadResponse(lpCpd->ulConn, ask.usFileID, ulResult, ask.usFileID, &ask.user, ask.ulFloodSeq,
                                   false);
@@ -144,7 +144,7 @@ uint32_t ZV_FileShareMgr::HandleDelUploadRequest(ConfPduData* lpCpd)
     // A reserved FileID has no file to remove yet, and is not remembered as
     // deleted: the add that reserved it will make a file under it, which a
     // peer's list must not then see deleted.
-    if (ulResult != ZV_OK || lpFsSession == nullptr)
+    if (ulResult != zvResultOk || lpFsSession == nullptr)
         return 0;
     RemoveStoredFile(ask.usFileID, lpFsSession, &ask.user, ask.ulFloodSeq);
     if (m_arrDelFileID.Find(ask.usFileID) < 0)
@@ -158,13 +158,13 @@ uint32_t ZV_FileShareMgr::HandleDelUploadRequest(ConfPduData* lpCpd)
 uint32_t ZV_FileShareMgr::CheckDelUpload(ZV_FileShareSession* lpFsSession, const QB_UserID& user)
 {
     if (lpFsSession == nullptr)
-        return ZV_ERR_RESERVED_FILE;
+        return zvResultReservedFile;
     const ZV_ConfUserInfo* lpUser = m_lpConf->GetUser(&user);
     if (lpUser == nullptr)
-        return ZV_ERR_NOT_IN_CONF;
+        return zvResultNotInConf;
     if (user == lpFsSession->FileInfo().m_BriefInfo.m_CreatorID || lpUser->usRole == zvUserRolePrivileged)
-        return ZV_OK;
-    return ZV_ERR_NOT_ENTITLED;
+        return zvResultOk;
+    return zvResultNotEntitled;
 }
 
 // ---------------------------------------------------------------------------
@@ -182,7 +182,7 @@ uint32_t ZV_FileShareMgr::HandleDelUploadResponse(ConfPduData* lpCpd)
         if (m_lpConf->IsResponseFloodSeen(&answer.head.user, answer.ulFloodSeq))
             return 0;
         NotifyFileGone(answer.head.ulResult, usFileID);
-        if (answer.head.ulResult != ZV_OK)
+        if (answer.head.ulResult != zvResultOk)
             return 0;
         MarkBusy(false, usFileID);
         ZV_FileShareSession* lpFsSession = nullptr;
@@ -205,7 +205,7 @@ void ZV_FileShareMgr::DropDeletedSession(uint16_t usFileID, ZV_FileShareSession*
     m_ShareLedger.ForgetDownload(m_lpConf->GetConfID(), usFileID);
     const ZV_FileDownloadInfo& download = lpFsSession->LocalDownload();
     const bool bNamed = !download.m_sFileName.IsEmpty() && !download.m_sFilePath.IsEmpty();
-    if (download.m_usState == ZV_DLSTATE_FINISHED || download.m_usState == ZV_DLSTATE_NEW)
+    if (download.m_usState == zvDownloadStateFinished || download.m_usState == zvDownloadStateNew)
     {
         if (bNamed)
             m_mapFinishedDownload[usFileID] = LocalPathOf(download);

@@ -15,11 +15,11 @@ uint32_t ZV_FileShareMgr::FsDownload(uint16_t usFileID, const char16_t* szLocalP
     return GuardFs("ZV_FileShareMgr::FsDownload exception.\r\n", [&]() -> uint32_t {
         ZV_FileShareSession* lpFsSession = nullptr;
         const uint32_t ulResult = LookupSession(usFileID, lpFsSession);
-        if (ulResult != ZV_OK)
+        if (ulResult != zvResultOk)
             return ulResult;
         const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
         if (ulConn == zvConnNone)
-            return ZV_ERR_NO_CONN;
+            return zvResultNoConnection;
         const QB_StringU8 sPath(QB_WithBackslashes(szLocalPath));
         // The one answer this client will take is the one for this path;
         // after a restart, the server's list may resume a download only to

@@ -58,7 +58,7 @@ ZV_FileDownloadInfo MakeDownloadEntry(const ZV_FileShareSession& session, const 
     entry.SetLastTick(ZV_Now());
     entry.SetShareTime(brief.m_dtShareTime);
     entry.SetDownloadPos(ask.ulPos);
-    entry.SetState(ZV_DLSTATE_NEW);
+    entry.SetState(zvDownloadStateNew);
     entry.SetStopped(false);
     entry.SetActive(false);
     entry.SetUserID(ask.user);
@@ -71,10 +71,10 @@ void AdvanceEntry(ZV_FileDownloadInfo& entry, uint32_t ulCount)
     const uint32_t ulNow = ZV_Now();
     entry.SetUsedTime(entry.m_ulDownloadPos == 0 ? 0 : entry.m_ulUsedTime + (ulNow - entry.m_ulLastTick));
     entry.SetLastTick(ulNow);
-    entry.SetState(ZV_DLSTATE_RUNNING);
+    entry.SetState(zvDownloadStateRunning);
     entry.SetDownloadPos(entry.m_ulDownloadPos + ulCount);
     if (entry.m_ulDownloadPos == entry.m_ulFileLenth)
-        entry.SetState(ZV_DLSTATE_FINISHED);
+        entry.SetState(zvDownloadStateFinished);
 }
 
 bool MaySend(const ZV_FileDownloadInfo& entry, uint32_t ulWritePos)
@@ -113,7 +113,7 @@ uint32_t ZV_FileShareSession::HandleDownloadRequest(ConfPduData* lpCpd)
     // client that says it is gets what an unentitled user gets.
     if (ask.bFromServer && !ZV_IsServerLink(lpCpd->conn_type))
     {
-        SendDownloadResponse(lpCpd->ulConn, m_usFileID, ZV_ERR_NOT_ENTITLED, m_usFileID, &ask.user, nullptr);
+        SendDownloadResponse(lpCpd->ulConn, m_usFileID, zvResultNotEntitled, m_usFileID, &ask.user, nullptr);
         return 0;
     }
     if (!ask.bFromServer)
@@ -123,7 +123,7 @@ uint32_t ZV_FileShareSession::HandleDownloadRequest(ConfPduData* lpCpd)
         if (!MayDownload(m_FileInfo.m_BriefInfo, ask.user))
         {
             if (!ask.bFlooded)
-                SendDownloadResponse(lpCpd->ulConn, m_usFileID, ZV_ERR_NOT_ENTITLED, m_usFileID, &ask.user, nullptr);
+                SendDownloadResponse(lpCpd->ulConn, m_usFileID, zvResultNotEntitled, m_usFileID, &ask.user, nullptr);
             return 0;
         }
     }
@@ -136,7 +136,7 @@ uint32_t ZV_FileShareSession::HandleDownloadRequest(ConfPduData* lpCpd)
     // client reached answers.
     if (ask.bFlooded)
         return 0;
-    uint32_t ulResult = ZV_OK;
+    uint32_t ulResult = zvResultOk;
     if (m_FileInfo.m_ulFileWritePos == 0 && lpCpd->conn_type == zvConfClientTypeCommand)
         ulResult = StartUploadOnDemand(ask.user);
     SendDownloadResponse(lpCpd->ulConn, m_usFileID, ulResult, m_usFileID, &ask.user, &entry);
@@ -169,16 +169,16 @@ uint32_t ZV_FileShareSession::StartUploadOnDemand(const QB_UserID& downloader)
     {
         IZV_ConfLink* lpLink = lpConf->GetUserLink(&creator);
         if (lpLink == nullptr)
-            return ZV_ERR_NO_CREATOR_LINK;
+            return zvResultNoCreatorLink;
         const uint32_t ulConn = lpLink->GetConn(zvConfClientTypeCommand);
         if (ulConn == zvConnNone)
-            return ZV_ERR_NO_CONN;
+            return zvResultNoConnection;
         m_bResyncPending = true;
-        SendUploadResponse(ulConn, m_usFileID, ZV_OK, m_usFileID, &creator, 0, 0);
-        return ZV_OK;
+        SendUploadResponse(ulConn, m_usFileID, zvResultOk, m_usFileID, &creator, 0, 0);
+        return zvResultOk;
     }
     if (!lpConf->HasServerLinks())
-        return ZV_OK;
+        return zvResultOk;
     ZV_UploadResponse answer;
     answer.usRouteID = m_usFileID;
     answer.usFileID = m_usFileID;
@@ -187,7 +187,7 @@ uint32_t ZV_FileShareSession::StartUploadOnDemand(const QB_UserID& downloader)
     ZV_PduBuffer pdu;
     answer.Save(pdu.Stream());
     ZV_SendToServers(lpConf, zvConnNone, PDU_CONF_FS_UPLOAD_RESPONSE, pdu);
-    return ZV_OK;
+    return zvResultOk;
 }
 
 // ---------------------------------------------------------------------------
@@ -219,7 +219,7 @@ uint32_t ZV_FileShareSession::HandleDownloadDataRequest(ConfPduData* lpCpd)
     pEntry->SetLastTick(ZV_Now());
     pEntry->SetDownloadPos(record.m_ulDownloadPos);
     pEntry->SetStopped(record.m_bStopped);
-    pEntry->SetState(record.m_bStopped ? ZV_DLSTATE_STOPPED : ZV_DLSTATE_RUNNING);
+    pEntry->SetState(record.m_bStopped ? zvDownloadStateStopped : zvDownloadStateRunning);
     pEntry->SetActive(true);
     KickDownloadConn(Conf()->GetUserConn(&user, zvConfClientTypeData));
     FloodDownloadStop(user, record.m_bStopped);
@@ -304,8 +304,8 @@ void ZV_FileShareSession::SendNextBlocks(ConfPduData* lpCpd, const QB_UserID* pU
         if (!bReadable)
             break;
         AdvanceEntry(*pEntry, (uint32_t)nRead);
-        SendDownloadBlock(lpCpd, ZV_OK, *pUser, ulPos, (uint32_t)nRead, abBlock);
-        if (lpCpd->conn_type == zvConfClientTypeData && pEntry->m_usState == ZV_DLSTATE_FINISHED)
+        SendDownloadBlock(lpCpd, zvResultOk, *pUser, ulPos, (uint32_t)nRead, abBlock);
+        if (lpCpd->conn_type == zvConfClientTypeData && pEntry->m_usState == zvDownloadStateFinished)
             FloodFinishedDownload(*pUser, *pEntry);
         if (pEntry->m_ulDownloadPos >= m_ulMaxPos)
             break;
@@ -316,9 +316,10 @@ void ZV_FileShareSession::SendNextBlocks(ConfPduData* lpCpd, const QB_UserID* pU
     IZV_ConfLink* lpLink = Conf()->GetUserLink(pUser);
     const uint32_t ulConn = lpLink ? lpLink->GetConn(zvConfClientTypeCommand) : zvConnNone;
     if (ulConn != zvConnNone)
-        SendDownloadDataResponse(ulConn, m_usFileID, ZV_ERR_IO, m_usFileID, pUser, pEntry->m_ulDownloadPos, 0, nullptr);
+        SendDownloadDataResponse(ulConn, m_usFileID, zvResultCannotAccess, m_usFileID, pUser, pEntry->m_ulDownloadPos, 0,
+                                 nullptr);
     else
-        SendDownloadBlock(lpCpd, ZV_ERR_IO, *pUser, pEntry->m_ulDownloadPos, 0, nullptr);
+        SendDownloadBlock(lpCpd, zvResultCannotAccess, *pUser, pEntry->m_ulDownloadPos, 0, nullptr);
 }
 
 // To a client on the link OnSend came for; to a relay on the server data

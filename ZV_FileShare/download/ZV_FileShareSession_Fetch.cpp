@@ -61,28 +61,28 @@ void ZV_FileShareSession::TakeDownloadAnswer(const ConfPduData* lpCpd, ZV_Downlo
     const QB_UserID& user = answer.user;
     ZV_FileDownloadInfo& record = answer.record;
     const bool bRelay = Conf()->IsServerMode();
-    if (ulResult == ZV_OK && !bRelay && CheckDownloadAnswer(usFileID, record) != ZV_OK)
+    if (ulResult == zvResultOk && !bRelay && CheckDownloadAnswer(usFileID, record) != zvResultOk)
         return;
     m_bDownloadFailed = false;
     // A new path means a new file: what an earlier download left open
     // belongs to the old path.
-    if (ulResult == ZV_OK && !bRelay && m_File.IsOpen() &&
+    if (ulResult == zvResultOk && !bRelay && m_File.IsOpen() &&
         m_File.GetPath() != QB_StringW(record.m_sFilePath + record.m_sFileName))
         m_File.Close();
-    if (ulResult == ZV_OK && !m_File.IsOpen())
+    if (ulResult == zvResultOk && !m_File.IsOpen())
         ulResult = bRelay ? OpenRelayTarget(record) : OpenDownloadTarget(record);
-    if (ulResult == ZV_OK)
+    if (ulResult == zvResultOk)
     {
         m_LocalDownload = record;
         m_LocalDownload.SetLastTick(ZV_Now());
-        m_LocalDownload.SetState(ZV_DLSTATE_RUNNING);
+        m_LocalDownload.SetState(zvDownloadStateRunning);
         m_ulLastIoTick = ZV_Now();
     }
     if (Conf()->IsClientMode())
         ReportDownloadAnswer(lpCpd, ulResult, usFileID, user, record);
     // A refused download stands still until the user asks again.
-    m_bDownloadFailed = ulResult != ZV_OK;
-    if (ulResult != ZV_OK)
+    m_bDownloadFailed = ulResult != zvResultOk;
+    if (ulResult != zvResultOk)
         return;
     m_bResyncPending = true;
     SendDownloadDataRequest(lpCpd->ulConn, usFileID, user, record);
@@ -102,19 +102,19 @@ uint32_t ZV_FileShareSession::CheckDownloadAnswer(uint16_t usFileID, const ZV_Fi
         record.m_ulDownloadPos == m_ulAskedPos && record.m_ulFileLenth == m_BriefInfo.m_ulFileLenth)
     {
         m_bDownloadAsked = false;
-        return ZV_OK;
+        return zvResultOk;
     }
-    QB_WriteClientLog("ZV_FileShareMgr.HandleDownloadResponse ret = %d\r\n", (int)ZV_ERR_UNTRUSTED);
+    QB_WriteClientLog("ZV_FileShareMgr.HandleDownloadResponse ret = %d\r\n", (int)zvResultUntrusted);
     if (m_bDownloadAsked)
-        NotifyDownloadState(ZV_ERR_UNTRUSTED, usFileID, record, 0.0);
-    return ZV_ERR_UNTRUSTED;
+        NotifyDownloadState(zvResultUntrusted, usFileID, record, 0.0);
+    return zvResultUntrusted;
 }
 
 // A client writes where its user asked, making the folders on the way.
 uint32_t ZV_FileShareSession::OpenDownloadTarget(const ZV_FileDownloadInfo& record)
 {
     if (!MakeDirs(QB_StringW(record.m_sFilePath)))
-        return ZV_ERR_OPEN;
+        return zvResultCannotOpen;
     return OpenDownloadFile(QB_StringW(record.m_sFilePath + record.m_sFileName), record.m_ulDownloadPos,
                             record.m_ulFileLenth, kOpenClientTarget);
 }
@@ -126,7 +126,7 @@ uint32_t ZV_FileShareSession::OpenRelayTarget(ZV_FileDownloadInfo& record)
     const QB_StringU8& sName = m_FileInfo.m_sFileNewName;
     const QB_StringW sDir = GetConfDir();
     if (!ZV_FileCatalog::IsPlainFileName(QB_StringA(sName)) || !MakeDirs(sDir))
-        return ZV_ERR_OPEN;
+        return zvResultCannotOpen;
     record.SetFilePath(QB_StringU8(sDir));
     record.SetFileName(sName);
     record.SetFileLenth(m_FileInfo.m_BriefInfo.m_ulFileLenth);
@@ -142,11 +142,11 @@ uint32_t ZV_FileShareSession::OpenDownloadFile(const QB_StringW& sPath, uint32_t
                                                uint32_t ulMode)
 {
     if (ulPos > ulLength || !m_File.Open(sPath, ulMode))
-        return ZV_ERR_OPEN;
+        return zvResultCannotOpen;
     if ((uint32_t)m_File.GetLength() == ulPos || (SeekTo(m_File, ulPos) && m_File.SetEnd()))
-        return ZV_OK;
+        return zvResultOk;
     m_File.Close();
-    return ZV_ERR_OPEN;
+    return zvResultCannotOpen;
 }
 
 void ZV_FileShareSession::ReportDownloadAnswer(const ConfPduData* lpCpd, uint32_t ulResult, uint16_t usFileID,
@@ -154,7 +154,7 @@ void ZV_FileShareSession::ReportDownloadAnswer(const ConfPduData* lpCpd, uint32_
 {
     QB_WriteLog(QB_LOG_DAILY, "fileshare", "HandleDownloadResponse...ulResult=%d.\r\n", (int)ulResult);
     NotifyDownloadState(ulResult, usFileID, record, 0.0);
-    if (ulResult != ZV_OK)
+    if (ulResult != zvResultOk)
         SendDelDownloadRequest(lpCpd->ulConn, usFileID, &user, 0);
     else
         m_lpMgr->MarkBusy(true, usFileID);
@@ -173,9 +173,9 @@ uint32_t ZV_FileShareSession::HandleDownloadDataResponse(ConfPduData* lpCpd)
     ZV_DownloadBlock block;
     block.ZV_AnswerHead::Load(stream);
     uint32_t ulResult = block.ulResult;
-    if (ulResult == ZV_OK)
+    if (ulResult == zvResultOk)
         ulResult = TakeDownloadBlock(lpCpd, stream, block);
-    if (ulResult != ZV_OK)
+    if (ulResult != zvResultOk)
         FailDownload(lpCpd, ulResult, block.usFileID, block.user);
     return 0;
 }
@@ -185,17 +185,18 @@ uint32_t ZV_FileShareSession::HandleDownloadDataResponse(ConfPduData* lpCpd)
 // length the file was announced with, and a local file never grows beyond
 // it (rather than being written whole with the position stopping at the
 // length).
-uint32_t ZV_FileShareSession::TakeDownloadBlock(const ConfPduData* lpCpd, QB_ByteStream& stream, ZV_DownloadBlock& block)
+uint32_t ZV_FileShareSession::TakeDownloadBlock(const ConfPduData* lpCpd, QB_ByteStream& stream,
+                                                ZV_DownloadBlock& block)
 {
     const uint16_t usFileID = block.usFileID;
     const QB_UserID& user = block.user;
     ZV_FileDownloadInfo& download = m_LocalDownload;
-    if (download.m_sFileName.IsEmpty() || download.m_usState == ZV_DLSTATE_FINISHED)
-        return ZV_OK;
+    if (download.m_sFileName.IsEmpty() || download.m_usState == zvDownloadStateFinished)
+        return zvResultOk;
     if (!block.LoadBlock(stream))
-        return ZV_ERR_IO;
+        return zvResultCannotAccess;
     if (block.ulPos < download.m_ulDownloadPos)
-        return ZV_OK;
+        return zvResultOk;
     if (block.ulPos > download.m_ulDownloadPos)
     {
         // One request for the position is enough; the blocks behind the gap
@@ -206,18 +207,18 @@ uint32_t ZV_FileShareSession::TakeDownloadBlock(const ConfPduData* lpCpd, QB_Byt
             const ZV_FileDownloadInfo copy = download;
             SendDownloadDataRequest(lpCpd->ulConn, usFileID, user, copy);
         }
-        return ZV_OK;
+        return zvResultOk;
     }
     m_bResyncPending = false;
     if ((uint64_t)block.ulPos + block.ulLen > download.m_ulFileLenth ||
         m_File.WriteAt(block.ulPos, block.pData, (int32_t)block.ulLen) != (int32_t)block.ulLen)
-        return ZV_ERR_IO;
+        return zvResultCannotAccess;
     const bool bFinished = AdvanceLocalDownload(block.ulLen);
     if (Conf()->IsServerMode())
         OnRelayBlock(usFileID, user, block.ulPos, block.ulMaxPos, bFinished);
     else
         OnClientBlock(usFileID, bFinished);
-    return ZV_OK;
+    return zvResultOk;
 }
 
 bool ZV_FileShareSession::AdvanceLocalDownload(uint32_t ulCount)
@@ -229,21 +230,21 @@ bool ZV_FileShareSession::AdvanceLocalDownload(uint32_t ulCount)
     download.SetLastTick(ulNow);
     const uint64_t ullPos = std::min<uint64_t>((uint64_t)download.m_ulDownloadPos + ulCount, download.m_ulFileLenth);
     download.SetDownloadPos((uint32_t)ullPos);
-    if (download.m_usState == ZV_DLSTATE_NEW)
-        download.SetState(ZV_DLSTATE_RUNNING);
+    if (download.m_usState == zvDownloadStateNew)
+        download.SetState(zvDownloadStateRunning);
     return download.m_ulDownloadPos >= download.m_ulFileLenth;
 }
 
 void ZV_FileShareSession::OnClientBlock(uint16_t usFileID, bool bFinished)
 {
     ZV_FileDownloadInfo& download = m_LocalDownload;
-    NotifyDownloadProgress(ZV_OK, usFileID, Percent(download.m_ulDownloadPos, download.m_ulFileLenth),
+    NotifyDownloadProgress(zvResultOk, usFileID, Percent(download.m_ulDownloadPos, download.m_ulFileLenth),
                            download.m_ulUsedTime);
     if (bFinished)
     {
-        download.SetState(ZV_DLSTATE_FINISHED);
+        download.SetState(zvDownloadStateFinished);
         m_File.Close();
-        NotifyDownloadFinished(ZV_OK, usFileID);
+        NotifyDownloadFinished(zvResultOk, usFileID);
         m_lpMgr->MarkBusy(false, usFileID);
     }
     if (bFinished || download.m_ulDownloadPos == ZV_BLOCK_SIZE)
@@ -270,15 +271,15 @@ void ZV_FileShareSession::OnRelayBlock(uint16_t usFileID, const QB_UserID& user,
     ZV_FileBriefInfo& brief = m_FileInfo.m_BriefInfo;
     if (bFinished)
     {
-        m_LocalDownload.SetState(ZV_DLSTATE_FINISHED);
+        m_LocalDownload.SetState(zvDownloadStateFinished);
         m_File.Close();
-        brief.SetFileState(ZV_FILESTATE_COMPLETE);
+        brief.SetFileState(zvFileStateComplete);
         SaveToCatalog();
         m_bUploadDone = true;
     }
-    else if (brief.m_usFileState == ZV_FILESTATE_ADDED)
+    else if (brief.m_usFileState == zvFileStateAdded)
     {
-        brief.SetFileState(ZV_FILESTATE_UPLOADING);
+        brief.SetFileState(zvFileStateUploading);
         SaveToCatalog();
     }
     if (!m_ServerFile.IsOpen())

@@ -242,7 +242,7 @@ bool ZV_FileShareMgr::TakeListedFile(const ConfPduData* lpCpd, const ZV_FileList
     QB_StringW sSection;
     const uint32_t ulResult = lpFsSession->ReconcileFileInfo(lpCpd, sSection);
     lpFsSession->SetUploadDone(part.arrState[i]);
-    listed.Add(ulResult == ZV_OK ? 0 : 1, lpFsSession, sSection);
+    listed.Add(ulResult == zvResultOk ? 0 : 1, lpFsSession, sSection);
     if (bNew)
     {
         listed.arrNew.Add(lpFsSession->FileInfo());

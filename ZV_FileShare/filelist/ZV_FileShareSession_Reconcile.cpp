@@ -28,7 +28,7 @@ uint32_t ZV_FileShareSession::ReconcileFileInfo(const ConfPduData* lpCpd, QB_Str
     const QB_StringW sFolder = GetConfDir();
     ZV_FileUploadInfo row;
     bool bFetch = false;
-    uint32_t ulResult = ZV_OK;
+    uint32_t ulResult = zvResultOk;
     // A row whose stored name could leave the folder is no row of ours: the
     // file gets a fresh name, and the row is written over with it.
     if (m_lpMgr->Catalog().LoadFile((uint16_t)Conf()->GetConfID(), m_usFileID, row, sSection) &&
@@ -36,19 +36,19 @@ uint32_t ZV_FileShareSession::ReconcileFileInfo(const ConfPduData* lpCpd, QB_Str
         ulResult = CompareStoredFile(sFolder, row, brief, bFetch);
     else
         ulResult = NameNewStoredFile(sFolder, brief, bFetch);
-    if (ulResult != ZV_OK)
+    if (ulResult != zvResultOk)
         return ulResult;
     // Whole at the peer is not whole here: a file that this server has yet
     // to fetch is arriving, so that its row says so and a stalled fetch is
     // looked at again by the timer.
-    if (bFetch && brief.m_usFileState == ZV_FILESTATE_COMPLETE)
-        brief.SetFileState(ZV_FILESTATE_UPLOADING);
+    if (bFetch && brief.m_usFileState == zvFileStateComplete)
+        brief.SetFileState(zvFileStateUploading);
     m_FileInfo.SetBriefInfo(brief);
     m_BriefInfo = brief;
-    m_bStopUpload = brief.m_usFileState == ZV_FILESTATE_STOPPED;
+    m_bStopUpload = brief.m_usFileState == zvFileStateStopped;
     if (bFetch)
         FetchFromPeer(lpCpd);
-    return ZV_OK;
+    return zvResultOk;
 }
 
 // The stored name of this server holds, whatever the peer calls the file.
@@ -65,20 +65,20 @@ uint32_t ZV_FileShareSession::CompareStoredFile(const QB_StringW& sFolder, const
         QB_FileEx::Delete(sPath);
         m_FileInfo.SetFileWritePos(0);
         bFetch = true;
-        return ZV_OK;
+        return zvResultOk;
     }
     if (!m_ServerFile.IsOpen() && (!MakeDirs(sFolder) || !m_ServerFile.Open(sPath, kOpenStored)))
-        return ZV_ERR_OPEN;
+        return zvResultCannotOpen;
     const uint32_t ulLength = (uint32_t)m_ServerFile.GetLength();
     const uint32_t ulPos = m_FileInfo.m_ulFileWritePos;
     if (ulLength < ulPos)
         bFetch = true;
     else if (ulLength == brief.m_ulFileLenth)
-        brief.SetFileState(ZV_FILESTATE_COMPLETE);
+        brief.SetFileState(zvFileStateComplete);
     else if (ulLength > ulPos)
         brief.SetFileState(row.m_BriefInfo.m_usFileState);
     m_FileInfo.SetFileWritePos(ulLength);
-    return ZV_OK;
+    return zvResultOk;
 }
 
 // A file this server never stored gets a name of its own before anything
@@ -91,7 +91,7 @@ uint32_t ZV_FileShareSession::NameNewStoredFile(const QB_StringW& sFolder, const
     QB_StringW sName;
     MakeUniqueFileName(sFolder, MakeStoredFileName(sFolder, QB_StringW(brief.m_sFileOldName)), sName);
     m_FileInfo.SetFileNewName(sName);
-    return MakeDirs(sFolder) ? ZV_OK : ZV_ERR_OPEN;
+    return MakeDirs(sFolder) ? zvResultOk : zvResultCannotOpen;
 }
 
 void ZV_FileShareSession::CloseStoredFiles()

@@ -31,7 +31,7 @@ void ZV_FileShareMgr::OnUserGone(ZV_FileShareSession* lpFsSession, QB_UserID use
         lpFsSession->RestDownloader(user);
         return;
     }
-    if (brief.m_usFileState == ZV_FILESTATE_COMPLETE)
+    if (brief.m_usFileState == zvFileStateComplete)
         return;
     const ZV_ConfUserInfo* lpCreator = m_lpConf->GetUser(&creator);
     const bool bHomeHere = lpCreator != nullptr && lpCreator->ulHomeServer == m_lpConf->GetLocalServerID();

@@ -161,7 +161,7 @@ bool ZV_FileShareMgr::ResumeListedDownload(const ConfPduData* lpCpd, ZV_FileShar
     const bool bRecord = d.m_usFileID != ZV_NO_FILEID;
     const QB_UserID me = *LocalUser();
     const QB_StringW sPath(r.m_sFilePath + r.m_sFileName);
-    if (bRecord && d.m_usState == ZV_DLSTATE_NEW)
+    if (bRecord && d.m_usState == zvDownloadStateNew)
     {
         lpFsSession->SendDelDownloadRequest(lpCpd->ulConn, usFileID, &me, 0);
         return false;
@@ -182,26 +182,26 @@ bool ZV_FileShareMgr::ResumeListedDownload(const ConfPduData* lpCpd, ZV_FileShar
         DropWithdrawnDownload(usFileID, lpFsSession, r);
         return false;
     }
-    if (!bModify && d.m_usState == ZV_DLSTATE_STOPPED && r.m_usState != ZV_DLSTATE_STOPPED)
+    if (!bModify && d.m_usState == zvDownloadStateStopped && r.m_usState != zvDownloadStateStopped)
     {
         r.SetStopped(true);
-        r.SetState(ZV_DLSTATE_STOPPED);
+        r.SetState(zvDownloadStateStopped);
         lpFsSession->SendIsStopDownloadRequest(lpCpd->ulConn, usFileID, &me, 0, 1);
     }
-    if (ulResult == ZV_OK)
-        ulResult = lpFsSession->MeasureLocalFile(sPath, r.m_usState != ZV_DLSTATE_FINISHED, ulSize);
-    if (r.m_usState == ZV_DLSTATE_FINISHED && ulSize == r.m_ulFileLenth && ulResult == ZV_OK)
+    if (ulResult == zvResultOk)
+        ulResult = lpFsSession->MeasureLocalFile(sPath, r.m_usState != zvDownloadStateFinished, ulSize);
+    if (r.m_usState == zvDownloadStateFinished && ulSize == r.m_ulFileLenth && ulResult == zvResultOk)
     {
         lpFsSession->CloseFile();
         ulSize = r.m_ulDownloadPos;
     }
-    else if (ulResult == ZV_OK)
+    else if (ulResult == zvResultOk)
         RestartListedDownload(lpCpd, lpFsSession, r, bModify, d, ulResult, ulSize);
-    if (ulResult == ZV_ERR_OPEN && d.m_usState == ZV_DLSTATE_FINISHED)
+    if (ulResult == zvResultCannotOpen && d.m_usState == zvDownloadStateFinished)
     {
         // A finished download whose file was moved away is no failure.
         lpFsSession->CloseFile();
-        ulResult = ZV_OK;
+        ulResult = zvResultOk;
         ulSize = r.m_ulFileLenth;
     }
     return true;
@@ -217,30 +217,30 @@ void ZV_FileShareMgr::RestartListedDownload(const ConfPduData* lpCpd, ZV_FileSha
     {
         // Another file stands under this FileID now: what is here is of the old one.
         if (!lpFsSession->EmptyLocalFile())
-            ulResult = ZV_ERR_IO;
+            ulResult = zvResultCannotAccess;
         ulSize = 0;
-        r.SetState(ZV_DLSTATE_RUNNING);
+        r.SetState(zvDownloadStateRunning);
     }
     r.SetDownloadPos(ulSize);
     r.SetLastTick(ZV_Now());
-    if (ulResult != ZV_OK)
+    if (ulResult != zvResultOk)
         return;
     if (ulSize >= r.m_ulFileLenth)
     {
-        r.SetState(ZV_DLSTATE_FINISHED);
+        r.SetState(zvDownloadStateFinished);
         return;
     }
-    const bool bStaysStopped =
-        r.m_usState == ZV_DLSTATE_STOPPED && (d.m_usFileID == ZV_NO_FILEID || d.m_usState != ZV_DLSTATE_RUNNING);
+    const bool bStaysStopped = r.m_usState == zvDownloadStateStopped &&
+                               (d.m_usFileID == ZV_NO_FILEID || d.m_usState != zvDownloadStateRunning);
     if (!bStaysStopped)
     {
-        if (r.m_usState == ZV_DLSTATE_STOPPED)
+        if (r.m_usState == zvDownloadStateStopped)
         {
             r.SetStopped(false);
             lpFsSession->SendIsStopDownloadRequest(lpCpd->ulConn, usFileID, &me, 0, 0);
         }
         MarkBusy(true, usFileID);
-        r.SetState(ZV_DLSTATE_RUNNING);
+        r.SetState(zvDownloadStateRunning);
     }
     lpFsSession->SetResyncPending();
     lpFsSession->SendDownloadDataRequest(lpCpd->ulConn, usFileID, me, r);
@@ -256,7 +256,7 @@ void ZV_FileShareMgr::DropWithdrawnDownload(uint16_t usFileID, ZV_FileShareSessi
     m_ShareLedger.ForgetDownload(m_lpConf->GetConfID(), usFileID);
     // The record's path is the local one, or the one the user last asked
     // for when a restart took the local record.
-    if (r.m_usState != ZV_DLSTATE_FINISHED && download.m_usState != ZV_DLSTATE_FINISHED)
+    if (r.m_usState != zvDownloadStateFinished && download.m_usState != zvDownloadStateFinished)
         QB_FileEx::Delete(QB_StringW(r.m_sFilePath + r.m_sFileName));
     lpFsSession->ResetLocalDownload(false);
     MarkBusy(false, usFileID);

@@ -156,7 +156,7 @@ void ZV_FileShareMgr::DropUnlistedDownload(uint16_t usFileID, ZV_FileShareSessio
     if (download.m_sFileName.IsEmpty())
         return;
     const QB_StringW sPath(download.m_sFilePath + download.m_sFileName);
-    if (download.m_usState == ZV_DLSTATE_FINISHED)
+    if (download.m_usState == zvDownloadStateFinished)
     {
         m_mapFinishedDownload[usFileID] = sPath;
         return;

@@ -13,7 +13,7 @@ uint32_t ZV_FileShareSession::CollectUploadInfo(QB_Array<ZV_FileUploadInfo>& arr
 {
     IZV_ConfHost* lpConf = Conf();
     const ZV_FileBriefInfo& brief = m_FileInfo.m_BriefInfo;
-    if (user == brief.m_CreatorID && brief.m_usFileState != ZV_FILESTATE_COMPLETE)
+    if (user == brief.m_CreatorID && brief.m_usFileState != zvFileStateComplete)
     {
         const QB_UserID self(lpConf->GetLocalServerID(), 0);
         m_mapDownload.RemoveKey(self);
@@ -61,12 +61,12 @@ void ZV_FileShareSession::MergeCreatorState(bool bNew, uint16_t usOldState, uint
     uint16_t usState = m_BriefInfo.m_usFileState;
     if (!bNew && usOldState == usState)
         return;
-    if (!bNew && usOldState != ZV_FILESTATE_COMPLETE)
+    if (!bNew && usOldState != zvFileStateComplete)
     {
         m_BriefInfo.SetFileState(usOldState);
         usState = usOldState;
     }
-    if (usState == ZV_FILESTATE_UPLOADING || usState == ZV_FILESTATE_FAILED)
+    if (usState == zvFileStateUploading || usState == zvFileStateFailed)
     {
         // Only the very file the user shared is opened on the server's word;
         // a failed open shows later as a failed read.
@@ -74,12 +74,12 @@ void ZV_FileShareSession::MergeCreatorState(bool bNew, uint16_t usOldState, uint
             m_File.Open(QB_StringW(m_BriefInfo.m_sFilePath + m_BriefInfo.m_sFileOldName),
                         QB_FILE_READ | QB_FILE_SHARE_DENY_WRITE | QB_FILE_OPEN_EXISTING);
         m_lpMgr->MarkBusy(true, m_usFileID);
-        if (m_BriefInfo.m_usFileState == ZV_FILESTATE_FAILED)
-            m_BriefInfo.SetFileState(ZV_FILESTATE_UPLOADING);
+        if (m_BriefInfo.m_usFileState == zvFileStateFailed)
+            m_BriefInfo.SetFileState(zvFileStateUploading);
         return;
     }
     const uint32_t ulConn = m_lpMgr->GetLinkConn(zvConfClientTypeCommand);
-    if (!bNew && usState == ZV_FILESTATE_STOPPED && ulConn != zvConnNone)
+    if (!bNew && usState == zvFileStateStopped && ulConn != zvConnNone)
         SendIsStopUploadRequest(ulConn, m_usFileID, m_lpMgr->LocalUser(), 0, 1, ulWritePos);
 }
 

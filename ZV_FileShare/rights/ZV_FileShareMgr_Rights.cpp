@@ -40,11 +40,11 @@ uint32_t ZV_FileShareMgr::FsSetRight(uint16_t usFileID, uint8_t bPublic, const Q
     assert(m_lpConf && "m_lpConf");
     return GuardFs("ZV_FileShareMgr::FsSetRight exception.\r\n", [&]() -> uint32_t {
         ZV_FileShareSession* lpFsSession = nullptr;
-        if (const uint32_t ulFound = LookupSession(usFileID, lpFsSession); ulFound != ZV_OK)
+        if (const uint32_t ulFound = LookupSession(usFileID, lpFsSession); ulFound != zvResultOk)
             return ulFound;
         const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
         if (ulConn == zvConnNone)
-            return ZV_ERR_NO_CONN;
+            return zvResultNoConnection;
         return lpFsSession->SendSetRightRequest(ulConn, usFileID, LocalUser(), bPublic, UsersOf(pAdd, nAdd),
                                                 UsersOf(pRemove, nRemove));
     });
@@ -64,26 +64,26 @@ uint32_t ZV_FileShareMgr::FsSetFilesRight(const uint16_t* pFileID, uint32_t nFil
         for (uint32_t i = 0; pFileID != nullptr && i < nFileID; ++i)
         {
             ZV_FileShareSession* lpFsSession = nullptr;
-            if (const uint32_t ulFound = LookupSession(pFileID[i], lpFsSession); ulFound != ZV_OK)
+            if (const uint32_t ulFound = LookupSession(pFileID[i], lpFsSession); ulFound != zvResultOk)
                 return ulFound;
             arrFileID.Add(pFileID[i]);
             arrSession.Add(lpFsSession);
         }
         const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
         if (ulConn == zvConnNone)
-            return ZV_ERR_NO_CONN;
+            return zvResultNoConnection;
         const QB_Array<QB_UserID> arrAdd = UsersOf(pAdd, nAdd);
         const QB_Array<QB_UserID> arrRemove = UsersOf(pRemove, nRemove);
         const uint32_t ulSent = SendSetFilesRightRequest(ulConn, arrFileID, LocalUser(), bPublic, arrAdd, arrRemove);
         bSent = true;
-        if (ulSent != ZV_OK)
+        if (ulSent != zvResultOk)
             return ulSent;
         for (int i = 0; i < arrSession.GetSize(); ++i)
             arrSession[i]->ChangeLocalRights(bPublic != 0, arrAdd, arrRemove);
-        return ZV_OK;
+        return zvResultOk;
     });
     // The request went out: what failed after it is the client's own view.
-    return bSent && ulResult == ZV_ERR_EXCEPTION ? ZV_OK : ulResult;
+    return bSent && ulResult == zvResultException ? zvResultOk : ulResult;
 }
 
 uint32_t ZV_FileShareMgr::SendSetFilesRightRequest(uint32_t ulConn, const QB_Array<uint16_t>& arrFileID,
@@ -139,7 +139,7 @@ uint32_t ZV_FileShareMgr::HandleSetFilesRightRequest(ConfPduData* lpCpd)
         // A reserved FileID answers 83 rather than 82: it is known here, it
         // only has no file yet.
         const uint32_t ulFound = LookupSession(ask.arrFileID[i], lpFsSession);
-        if (ulFound != ZV_OK)
+        if (ulFound != zvResultOk)
         {
             SendSetFilesRightResponse(lpCpd->ulConn, ask.arrFileID, ulFound, ask.user, ask.ulFloodSeq);
             return 0;
@@ -148,7 +148,7 @@ uint32_t ZV_FileShareMgr::HandleSetFilesRightRequest(ConfPduData* lpCpd)
     }
     if (arrSession[0]->FileInfo().m_BriefInfo.m_CreatorID != ask.user)
     {
-        SendSetFilesRightResponse(lpCpd->ulConn, ask.arrFileID, ZV_ERR_NOT_ENTITLED, ask.user, ask.ulFloodSeq);
+        SendSetFilesRightResponse(lpCpd->ulConn, ask.arrFileID, zvResultNotEntitled, ask.user, ask.ulFloodSeq);
         return 0;
     }
     if (!ZV_IsNewFlood(m_lpConf, ask.user, ask.ulFloodSeq))
@@ -178,7 +178,7 @@ uint32_t ZV_FileShareMgr::HandleSetRightResponse(ConfPduData* lpCpd)
         // from the request itself.
         if (m_lpConf->IsServerMode())
             return 0;
-        if (answer.ulResult != ZV_OK)
+        if (answer.ulResult != zvResultOk)
         {
             NotifyFileHidden(answer.ulResult, answer.usFileID);
             return 0;
@@ -212,18 +212,18 @@ void ZV_FileShareMgr::TakeNewRights(uint16_t usFileID, const ZV_FileBriefInfo& b
     {
         // An empty file is whole: no division by its length.
         const double dPercent = brief.m_ulFileLenth == 0 ? 100.0 : 100.0 * ulMaxPos / brief.m_ulFileLenth;
-        NotifyRightChanged(ZV_OK, usFileID, brief, dPercent);
+        NotifyRightChanged(zvResultOk, usFileID, brief, dPercent);
     }
 }
 
 // A finished download is the user's file now and stays; a partial one goes.
 void ZV_FileShareMgr::DropLostDownload(uint16_t usFileID, ZV_FileShareSession* lpFsSession)
 {
-    NotifyFileHidden(ZV_OK, usFileID);
+    NotifyFileHidden(zvResultOk, usFileID);
     lpFsSession->CloseFile();
     m_ShareLedger.ForgetDownload(m_lpConf->GetConfID(), usFileID);
     const ZV_FileDownloadInfo& download = lpFsSession->LocalDownload();
-    if (download.m_usState != ZV_DLSTATE_FINISHED)
+    if (download.m_usState != zvDownloadStateFinished)
     {
         // A record that never named a file names only its folder.
         if (!download.m_sFileName.IsEmpty())

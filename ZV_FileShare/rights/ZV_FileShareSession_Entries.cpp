@@ -95,7 +95,7 @@ uint32_t ZV_FileShareSession::HandleSetRightRequest(ConfPduData* lpCpd)
         return 0;
     if (ask.head.user != m_FileInfo.m_BriefInfo.m_CreatorID)
     {
-        SendSetRightResponse(lpCpd->ulConn, ZV_ERR_NOT_ENTITLED, m_usFileID, &ask.head.user, nullptr, 0, false);
+        SendSetRightResponse(lpCpd->ulConn, zvResultNotEntitled, m_usFileID, &ask.head.user, nullptr, 0, false);
         return 0;
     }
     if (!ZV_IsNewFlood(lpConf, ask.head.user, ask.head.ulFloodSeq))
@@ -132,7 +132,7 @@ void ZV_FileShareSession::ApplyRights(uint8_t bPublic, const QB_Array<QB_UserID>
         pEntry->SetActive(false);
         m_mapDownload.RemoveKey(user);
     }
-    SendSetRightResponse(zvConnNone, ZV_OK, m_usFileID, &brief.m_CreatorID, &brief, m_ulMaxPos, true);
+    SendSetRightResponse(zvConnNone, zvResultOk, m_usFileID, &brief.m_CreatorID, &brief, m_ulMaxPos, true);
 }
 
 void ZV_FileShareSession::SetBriefInfo(const ZV_FileBriefInfo& brief)

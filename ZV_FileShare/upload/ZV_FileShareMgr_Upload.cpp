@@ -18,9 +18,9 @@ uint32_t ZV_FileShareMgr::FsUpload(uint16_t usFileID)
     return GuardFs("ZV_FileShareMgr::FsUpload exception.\r\n", [&]() -> uint32_t {
         ZV_FileShareSession* lpFsSession = nullptr;
         const uint32_t ulFound = LookupSession(usFileID, lpFsSession);
-        if (ulFound == ZV_ERR_UNKNOWN_FILE)
+        if (ulFound == zvResultUnknownFile)
             QB_WriteClientLog("ZV_FileShareMgr.FsUpload ret = %d\r\n", (int)ulFound);
-        if (ulFound != ZV_OK)
+        if (ulFound != zvResultOk)
             return ulFound;
         MarkBusy(true, usFileID);
         lpFsSession->StartLocalUpload();
@@ -30,8 +30,8 @@ uint32_t ZV_FileShareMgr::FsUpload(uint16_t usFileID)
         lpFsSession->NotifyUploadProgress(usFileID, 0.0);
         lpFsSession->SendUploadRequest(GetLinkConn(zvConfClientTypeCommand), usFileID, LocalUser(), 0, 1, 0, nullptr,
                                        0);
-        return ZV_OK;
-    }, ZV_OK);
+        return zvResultOk;
+    }, zvResultOk);
 }
 
 uint32_t ZV_FileShareMgr::HandleFileStateNotice(ConfPduData* lpCpd)
@@ -45,7 +45,7 @@ uint32_t ZV_FileShareMgr::HandleFileStateNotice(ConfPduData* lpCpd)
         // The server holds the whole file: the creator's upload is over. An
         // empty file's upload reports no progress, which would end it.
         ZV_FileShareSession* lpFsSession = nullptr;
-        if (notice.bUpload && notice.usState == ZV_FILESTATE_COMPLETE && m_lpConf->IsClientMode() &&
+        if (notice.bUpload && notice.usState == zvFileStateComplete && m_lpConf->IsClientMode() &&
             m_mapSession.Lookup(notice.arrFileID[i], lpFsSession) && lpFsSession != nullptr &&
             lpFsSession->IsLocalCreator())
             MarkBusy(false, notice.arrFileID[i]);

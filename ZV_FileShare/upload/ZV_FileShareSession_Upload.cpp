@@ -41,7 +41,7 @@ constexpr uint32_t kOpenLocalFile = QB_FILE_READ | QB_FILE_OPEN_EXISTING;
 void ZV_FileShareSession::PumpUpload(ConfPduData* lpCpd)
 {
     IZV_ConfHost* lpConf = Conf();
-    if (lpConf->IsServerMode() || !lpConf->IsClientMode() || m_BriefInfo.m_usFileState != ZV_FILESTATE_UPLOADING)
+    if (lpConf->IsServerMode() || !lpConf->IsClientMode() || m_BriefInfo.m_usFileState != zvFileStateUploading)
         return;
     uint8_t abBlock[ZV_BLOCK_SIZE];
     for (int i = 0; i < kBlocksPerSend; ++i)
@@ -57,7 +57,7 @@ void ZV_FileShareSession::PumpUpload(ConfPduData* lpCpd)
         m_ulReadPos += (uint32_t)nRead;
         if (m_ulReadPos >= m_BriefInfo.m_ulFileLenth)
         {
-            m_BriefInfo.SetFileState(ZV_FILESTATE_COMPLETE);
+            m_BriefInfo.SetFileState(zvFileStateComplete);
             return;
         }
     }
@@ -69,12 +69,12 @@ void ZV_FileShareSession::FailLocalRead()
 {
     if (m_ulMaxPos >= m_BriefInfo.m_ulFileLenth)
     {
-        m_BriefInfo.SetFileState(ZV_FILESTATE_COMPLETE);
+        m_BriefInfo.SetFileState(zvFileStateComplete);
         return;
     }
-    m_BriefInfo.SetFileState(ZV_FILESTATE_FAILED);
-    NotifyTransferError(ZV_ERR_IO, m_usFileID);
-    QB_WriteClientLog("ZV_FileShareMgr.OnSend ret = %d \r\n", (int)ZV_ERR_IO);
+    m_BriefInfo.SetFileState(zvFileStateFailed);
+    NotifyTransferError(zvResultCannotAccess, m_usFileID);
+    QB_WriteClientLog("ZV_FileShareMgr.OnSend ret = %d \r\n", (int)zvResultCannotAccess);
     const uint32_t ulConn = m_lpMgr->GetLinkConn(zvConfClientTypeCommand);
     if (ulConn != zvConnNone)
         SendUploadErrorRequest(ulConn, m_usFileID, &m_BriefInfo.m_CreatorID, 0, m_ulReadPos);
@@ -102,20 +102,20 @@ uint32_t ZV_FileShareSession::HandleUploadResponse(ConfPduData* lpCpd)
 // neither sends a byte.
 void ZV_FileShareSession::TakeUploadAnswer(uint32_t ulResult, uint16_t usFileID, uint32_t ulPos)
 {
-    if (ulResult == ZV_OK && (ulPos > m_BriefInfo.m_ulFileLenth || !m_lpMgr->IsSharedLocalFile(m_BriefInfo)))
-        ulResult = ZV_ERR_UNTRUSTED;
-    if (ulResult == ZV_OK && !m_File.IsOpen() && m_BriefInfo.IsSameLocalFile() &&
+    if (ulResult == zvResultOk && (ulPos > m_BriefInfo.m_ulFileLenth || !m_lpMgr->IsSharedLocalFile(m_BriefInfo)))
+        ulResult = zvResultUntrusted;
+    if (ulResult == zvResultOk && !m_File.IsOpen() && m_BriefInfo.IsSameLocalFile() &&
         !m_File.Open(QB_StringW(m_BriefInfo.m_sFilePath + m_BriefInfo.m_sFileOldName), kOpenLocalFile))
-        ulResult = ZV_ERR_OPEN;
-    if (ulResult != ZV_OK)
+        ulResult = zvResultCannotOpen;
+    if (ulResult != zvResultOk)
     {
         NotifyTransferError(ulResult, usFileID);
         QB_WriteClientLog("ZV_FileShareMgr.HandleUploadResponse ret = %d\r\n", (int)ulResult);
         return;
     }
-    if (ulPos < m_BriefInfo.m_ulFileLenth && m_BriefInfo.m_usFileState != ZV_FILESTATE_STOPPED)
+    if (ulPos < m_BriefInfo.m_ulFileLenth && m_BriefInfo.m_usFileState != zvFileStateStopped)
     {
-        m_BriefInfo.SetFileState(ZV_FILESTATE_UPLOADING);
+        m_BriefInfo.SetFileState(zvFileStateUploading);
         m_lpMgr->MarkBusy(true, usFileID);
     }
     m_ulReadPos = ulPos;
@@ -139,7 +139,7 @@ void ZV_FileShareSession::PassOnUploadStart(const QB_UserID& user, uint32_t ulFl
         if (lpLink == nullptr)
             return;
         m_bResyncPending = true;
-        SendUploadResponse(lpLink->GetConn(zvConfClientTypeCommand), m_usFileID, ZV_OK, m_usFileID, &creator,
+        SendUploadResponse(lpLink->GetConn(zvConfClientTypeCommand), m_usFileID, zvResultOk, m_usFileID, &creator,
                            ulFloodSeq, 0);
         return;
     }
@@ -182,15 +182,16 @@ uint32_t ZV_FileShareSession::HandleUploadRequest(ConfPduData* lpCpd)
     const ZV_FileBriefInfo& brief = m_FileInfo.m_BriefInfo;
     if (bFits && block.user == brief.m_CreatorID && (uint64_t)block.ulPos + block.ulLen > brief.m_ulFileLenth)
     {
-        SendUploadResponse(ulConn, m_usFileID, ZV_ERR_IO, m_usFileID, &block.user, 0, m_FileInfo.m_ulFileWritePos);
+        SendUploadResponse(ulConn, m_usFileID, zvResultCannotAccess, m_usFileID, &block.user, 0,
+                           m_FileInfo.m_ulFileWritePos);
         return 0;
     }
     m_ulLastIoTick = ZV_Now();
-    uint32_t ulResult = ZV_OK;
+    uint32_t ulResult = zvResultOk;
     if (block.user != brief.m_CreatorID)
-        ulResult = ZV_ERR_NOT_ENTITLED;
+        ulResult = zvResultNotEntitled;
     else if (!bFits)
-        ulResult = ZV_ERR_IO;
+        ulResult = zvResultCannotAccess;
     TakeUploadBlock(ulConn, ulResult, block.user, block.ulPos, block.ulLen, block.pData);
     return 0;
 }
@@ -200,8 +201,8 @@ void ZV_FileShareSession::TakeStartMarker(const QB_UserID& user, uint32_t ulFloo
     IZV_ConfHost* lpConf = Conf();
     if (!ZV_IsNewFlood(lpConf, user, ulFloodSeq))
         return;
-    if (m_FileInfo.m_BriefInfo.m_usFileState == ZV_FILESTATE_ADDED)
-        m_FileInfo.m_BriefInfo.SetFileState(ZV_FILESTATE_UPLOADING);
+    if (m_FileInfo.m_BriefInfo.m_usFileState == zvFileStateAdded)
+        m_FileInfo.m_BriefInfo.SetFileState(zvFileStateUploading);
     if (!lpConf->HasServerLinks())
         return;
     ZV_UploadRequest marker;
@@ -220,26 +221,26 @@ void ZV_FileShareSession::TakeStartMarker(const QB_UserID& user, uint32_t ulFloo
 void ZV_FileShareSession::TakeUploadBlock(uint32_t ulConn, uint32_t ulResult, const QB_UserID& user, uint32_t ulPos,
                                           uint32_t ulLen, const uint8_t* pData)
 {
-    if (ulResult == ZV_OK && !m_ServerFile.IsOpen())
+    if (ulResult == zvResultOk && !m_ServerFile.IsOpen())
         ulResult = OpenStoreFile();
     const uint32_t ulWritePos = m_FileInfo.m_ulFileWritePos;
-    if (ulResult == ZV_OK && ulPos < ulWritePos)
+    if (ulResult == zvResultOk && ulPos < ulWritePos)
         return;
-    if (ulResult == ZV_OK && ulPos > ulWritePos)
+    if (ulResult == zvResultOk && ulPos > ulWritePos)
     {
         if (m_bResyncPending)
             return;
         m_bResyncPending = true;
-        SendUploadResponse(ulConn, m_usFileID, ZV_OK, m_usFileID, &user, 0, ulWritePos);
+        SendUploadResponse(ulConn, m_usFileID, zvResultOk, m_usFileID, &user, 0, ulWritePos);
         return;
     }
     m_bResyncPending = false;
-    if (ulResult == ZV_OK && m_ServerFile.WriteAt(ulWritePos, pData, (int32_t)ulLen) != (int32_t)ulLen)
-        ulResult = ZV_ERR_IO;
-    if (ulResult != ZV_OK)
+    if (ulResult == zvResultOk && m_ServerFile.WriteAt(ulWritePos, pData, (int32_t)ulLen) != (int32_t)ulLen)
+        ulResult = zvResultCannotAccess;
+    if (ulResult != zvResultOk)
     {
         m_bResyncPending = true;
-        m_FileInfo.m_BriefInfo.SetFileState(ZV_FILESTATE_FAILED);
+        m_FileInfo.m_BriefInfo.SetFileState(zvFileStateFailed);
         SendUploadResponse(ulConn, m_usFileID, ulResult, m_usFileID, &user, 0, ulWritePos);
         return;
     }
@@ -250,17 +251,17 @@ void ZV_FileShareSession::TakeUploadBlock(uint32_t ulConn, uint32_t ulResult, co
 // file that cannot be opened is tried again with the next block.
 uint32_t ZV_FileShareSession::OpenStoreFile()
 {
-    m_FileInfo.m_BriefInfo.SetFileState(ZV_FILESTATE_UPLOADING);
+    m_FileInfo.m_BriefInfo.SetFileState(zvFileStateUploading);
     SaveToCatalog();
     if (m_ServerFile.Open(GetConfDir() + QB_StringW(m_FileInfo.m_sFileNewName), kOpenStoreFile))
-        return ZV_OK;
-    return ZV_ERR_OPEN;
+        return zvResultOk;
+    return zvResultCannotOpen;
 }
 
 void ZV_FileShareSession::StoreUploadedBlock(const QB_UserID& user, uint32_t ulPos, uint32_t ulLen)
 {
     if (m_FileInfo.m_ulFileWritePos == 0)
-        SendFileStateNotice(m_usFileID, ZV_FILESTATE_UPLOADING, 1);
+        SendFileStateNotice(m_usFileID, zvFileStateUploading, 1);
     const uint32_t ulNewPos = m_FileInfo.m_ulFileWritePos + ulLen;
     m_FileInfo.SetFileWritePos(ulNewPos);
     if (ulNewPos > m_ulMaxPos)
@@ -277,7 +278,7 @@ void ZV_FileShareSession::StoreUploadedBlock(const QB_UserID& user, uint32_t ulP
 void ZV_FileShareSession::FinishUpload()
 {
     IZV_ConfHost* lpConf = Conf();
-    m_FileInfo.m_BriefInfo.SetFileState(ZV_FILESTATE_COMPLETE);
+    m_FileInfo.m_BriefInfo.SetFileState(zvFileStateComplete);
     SaveToCatalog();
     m_bUploadDone = true;
     if (lpConf->HasServerLinks())
@@ -285,7 +286,7 @@ void ZV_FileShareSession::FinishUpload()
         const QB_UserID self(lpConf->GetLocalServerID(), 0);
         FloodUploadFinish(self, lpConf->NewFloodSeq(&self, 0));
     }
-    SendFileStateNotice(m_usFileID, ZV_FILESTATE_COMPLETE, 1);
+    SendFileStateNotice(m_usFileID, zvFileStateComplete, 1);
 }
 
 // ---------------------------------------------------------------------------

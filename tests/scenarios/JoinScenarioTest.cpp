@@ -257,7 +257,7 @@ TEST_F(JoinScene, AClientRestartedInTheMiddleOfADownloadResumesItWhereItsFileSta
     record.SetFilePath(QB_StringU8(QB_ToWindowsPath(tmp.Sub("downloads/Bob/"))));
     record.SetFileName(QB_StringU8("planted.bin"));
     record.SetFileLenth(40000);
-    record.SetState(ZV_DLSTATE_RUNNING);
+    record.SetState(zvDownloadStateRunning);
     forged.arrInfo.Add(record);
     forged.arrModify.Add(false);
     ZV_PduBuffer pdu;

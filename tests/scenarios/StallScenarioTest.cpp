@@ -61,7 +61,7 @@ TEST_F(StallScene, AnUploadStartedAgainOrResumedAfterItEndedEndsWithoutAnError)
     EXPECT_TRUE(Events(Alice(), zvFsEventTransferError).empty());
     ZV_FileUploadInfo row;
     ASSERT_TRUE(Row(shape.Server(), usFileID, row));
-    EXPECT_EQ(ZV_FILESTATE_COMPLETE, row.m_BriefInfo.m_usFileState);
+    EXPECT_EQ(zvFileStateComplete, row.m_BriefInfo.m_usFileState);
 }
 
 // Resuming a download that was never asked for, or one of a file the user

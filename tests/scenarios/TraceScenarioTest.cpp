@@ -74,7 +74,7 @@ TEST_F(TraceScene, EveryHandlerPrintsItsLineAsItStartsAndANumberNoneTakesGives5)
         if (usPdu == PDU_CONF_GET_FILE_LIST_RESPONSE)
             EXPECT_EQ(usFileID, ulResult);
         else
-            EXPECT_TRUE(ulResult == 0 || ulResult == ZV_ERR_NO_HANDLER) << szName << " gave " << ulResult;
+            EXPECT_TRUE(ulResult == 0 || ulResult == zvResultNoHandler) << szName << " gave " << ulResult;
     }
     // Numbers that no handler takes, and the answer to a rights change of
     // several files that nothing reads, print nothing and give 5.
@@ -89,8 +89,8 @@ TEST_F(TraceScene, EveryHandlerPrintsItsLineAsItStartsAndANumberNoneTakesGives5)
     filter.nFrom = nFrom;
     ASSERT_EQ(4u, sim.Journal().Find(filter).size());
     for (const ZV_SimEntry& entry : sim.Journal().Find(filter))
-        EXPECT_EQ(ZV_ERR_NO_HANDLER, entry.ulResult) << entry.usNumber;
-    EXPECT_EQ(ZV_ERR_NO_HANDLER, Bob()->GetModule()->HandlePdu(nullptr));
+        EXPECT_EQ(zvResultNoHandler, entry.ulResult) << entry.usNumber;
+    EXPECT_EQ(zvResultNoHandler, Bob()->GetModule()->HandlePdu(nullptr));
     ZV_SetTraceStream(nullptr);
     std::fclose(lpTrace);
 }

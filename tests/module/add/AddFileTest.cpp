@@ -235,23 +235,23 @@ TEST(AddFile, RefusesBeforeSendingAPathTheRecordsOrTheCatalogueCannotHold)
         uint32_t ulResult;
     } aRows[] = {
         {"a full path of 259 characters", false, sTmp, PaddedName(sTmp, 259), 0},
-        {"a full path of 260 characters", false, sTmp, PaddedName(sTmp, 260), ZV_ERR_OPEN},
-        {"a full path of 261 characters", false, sTmp, PaddedName(sTmp, 261), ZV_ERR_OPEN},
+        {"a full path of 260 characters", false, sTmp, PaddedName(sTmp, 260), zvResultCannotOpen},
+        {"a full path of 261 characters", false, sTmp, PaddedName(sTmp, 261), zvResultCannotOpen},
         {"a batch's path of 259 characters", true, sTmp, PaddedName(sTmp, 259), 0},
-        {"a batch's path of 260 characters", true, sTmp, PaddedName(sTmp, 260), ZV_ERR_OPEN},
+        {"a batch's path of 260 characters", true, sTmp, PaddedName(sTmp, 260), zvResultCannotOpen},
         {"Windows-1252 letters beyond ASCII", false, sTmp, u"caf\u00E9 \u20AC.txt", 0},
-        {"a character outside the BMP", false, sTmp, u"smile\U0001F600.txt", ZV_ERR_OPEN},
-        {"a batch name outside the BMP", true, sTmp, u"smile\U0001F600.txt", ZV_ERR_OPEN},
-        {"a lone surrogate, whose file is found as U+FFFD", false, sTmp, u"lone\xD800.txt", ZV_ERR_OPEN},
-        {"a name outside Windows-1252", false, sTmp, u"\u4E2D.txt", ZV_ERR_OPEN},
-        {"a folder outside Windows-1252", false, sWideFolder, u"a.txt", ZV_ERR_OPEN},
+        {"a character outside the BMP", false, sTmp, u"smile\U0001F600.txt", zvResultCannotOpen},
+        {"a batch name outside the BMP", true, sTmp, u"smile\U0001F600.txt", zvResultCannotOpen},
+        {"a lone surrogate, whose file is found as U+FFFD", false, sTmp, u"lone\xD800.txt", zvResultCannotOpen},
+        {"a name outside Windows-1252", false, sTmp, u"\u4E2D.txt", zvResultCannotOpen},
+        {"a folder outside Windows-1252", false, sWideFolder, u"a.txt", zvResultCannotOpen},
         {"a batch's folder outside Windows-1252", true, sWideFolder, u"a.txt", 0},
-        {"a folder and no name", false, sTmp, u"", ZV_ERR_OPEN},
-        {"a batch name with a backslash", true, sTmp, u"sub\\b.txt", ZV_ERR_OPEN},
-        {"a batch name with a slash", true, sTmp, u"sub/b.txt", ZV_ERR_OPEN},
-        {"a batch name that starts with a backslash", true, sTmp, u"\\c.txt", ZV_ERR_OPEN},
-        {"a batch name that starts with a slash", true, sTmp, u"/d.txt", ZV_ERR_OPEN},
-        {"an empty batch name", true, sTmp, u"", ZV_ERR_OPEN},
+        {"a folder and no name", false, sTmp, u"", zvResultCannotOpen},
+        {"a batch name with a backslash", true, sTmp, u"sub\\b.txt", zvResultCannotOpen},
+        {"a batch name with a slash", true, sTmp, u"sub/b.txt", zvResultCannotOpen},
+        {"a batch name that starts with a backslash", true, sTmp, u"\\c.txt", zvResultCannotOpen},
+        {"a batch name that starts with a slash", true, sTmp, u"/d.txt", zvResultCannotOpen},
+        {"an empty batch name", true, sTmp, u"", zvResultCannotOpen},
     };
     for (const auto& row : aRows)
     {
@@ -372,7 +372,7 @@ TEST(AddFile, ABatchWhoseFolderCannotBeMadeIsRefusedWith60AndGoesNoFurther)
         QB_ByteStream stream(sent.data.data(), (int32_t)sent.data.size());
         ZV_AddFilesResponse answer;
         answer.Load(stream);
-        EXPECT_EQ(ZV_ERR_OPEN, answer.ulResult);
+        EXPECT_EQ(zvResultCannotOpen, answer.ulResult);
         ASSERT_EQ(1, answer.arrFileID.GetSize());
         EXPECT_EQ(c.usFileID, answer.arrFileID[0]);
         EXPECT_EQ(0, ZV_FileShareMgrPeer::Sessions(node.mgr).GetCount());

@@ -50,7 +50,7 @@ struct ControlFixture : public ::testing::Test
         brief.SetCreatorID(kAlice);
         brief.SetFileLenth(1000000);
         brief.SetPublic(true);
-        brief.SetFileState(ZV_FILESTATE_UPLOADING);
+        brief.SetFileState(zvFileStateUploading);
         ZV_FileShareSessionPeer::BriefInfo(*lpSession) = brief;
         ZV_FileShareSessionPeer::FileInfo(*lpSession).SetBriefInfo(brief);
         ZV_FileShareSessionPeer::FileInfo(*lpSession).SetFileNewName(QB_StringU8("song.ogg"));
@@ -75,9 +75,9 @@ TEST_F(Control, ServerStopsAndResumesADownloadEntryOnceAndLeavesAFinishedOneAlon
 {
     Make(true);
     struct { const char* szName; QB_UserID user; uint8_t bStop; uint16_t usFrom, usTo; size_t nKicks; } aCases[] = {
-        {"stop", kBob, 1, ZV_DLSTATE_RUNNING, ZV_DLSTATE_STOPPED, 0},
-        {"resume", kBob, 0, ZV_DLSTATE_STOPPED, ZV_DLSTATE_RUNNING, 1},
-        {"finished", kBob, 0, ZV_DLSTATE_FINISHED, ZV_DLSTATE_FINISHED, 0},
+        {"stop", kBob, 1, zvDownloadStateRunning, zvDownloadStateStopped, 0},
+        {"resume", kBob, 0, zvDownloadStateStopped, zvDownloadStateRunning, 1},
+        {"finished", kBob, 0, zvDownloadStateFinished, zvDownloadStateFinished, 0},
         {"no entry", QB_UserID(10003, 0), 1, 0, 0, 0}};
     for (const auto& c : aCases)
     {
@@ -97,7 +97,7 @@ TEST_F(Control, ServerStopsAndResumesADownloadEntryOnceAndLeavesAFinishedOneAlon
         const ZV_FileDownloadInfo& after = *ZV_FileShareSessionPeer::Downloads(*lpSession).Find(kBob);
         EXPECT_EQ(c.usTo, after.m_usState) << c.szName;
         EXPECT_EQ(c.nKicks, host.SentOf(PDU_CONF_FS_KICK).size()) << c.szName;
-        if (c.usFrom == ZV_DLSTATE_STOPPED)
+        if (c.usFrom == zvDownloadStateStopped)
         {
             EXPECT_EQ(env.GetTickCount(), after.m_ulLastTick) << "the pause is not counted";
         }
@@ -174,7 +174,7 @@ TEST_F(Control, AFailedUploadIsMarkedOnEveryServerAndToldToEveryClientAsAReadFai
     Deliver(PDU_CONF_FS_UPLOAD_ERROR_REQUEST, Pdu().U16(5).User(kAlice).U32(0).U32(12345), 0, 100010, kAlice);
     Deliver(PDU_CONF_FS_UPLOAD_ERROR_REQUEST, Pdu().U16(5).User(kAlice).U32(100).U32(12345),
             zvConfServerTypeCommand, 20, QB_UserID(2, 0));
-    EXPECT_EQ(ZV_FILESTATE_FAILED, ZV_FileShareSessionPeer::FileInfo(*lpSession).m_BriefInfo.m_usFileState);
+    EXPECT_EQ(zvFileStateFailed, ZV_FileShareSessionPeer::FileInfo(*lpSession).m_BriefInfo.m_usFileState);
     EXPECT_EQ(12345u, ZV_FileShareSessionPeer::MaxPos(*lpSession));
     ASSERT_EQ(2u, host.m_vecSent.size()) << "one flood, one answer, and the echo is dropped";
     EXPECT_EQ(Pdu().U16(7).U16(5).User(kAlice).U32(100).U32(12345).b, host.m_vecSent[0].data);
@@ -182,7 +182,7 @@ TEST_F(Control, AFailedUploadIsMarkedOnEveryServerAndToldToEveryClientAsAReadFai
     EXPECT_EQ(Pdu().U16(5).U32(0).U16(5).b, host.m_vecSent[1].data);
 
     Clear();
-    ZV_FileShareSessionPeer::FileInfo(*lpSession).m_BriefInfo.SetFileState(ZV_FILESTATE_COMPLETE);
+    ZV_FileShareSessionPeer::FileInfo(*lpSession).m_BriefInfo.SetFileState(zvFileStateComplete);
     Deliver(PDU_CONF_FS_UPLOAD_ERROR_REQUEST, Pdu().U16(5).User(kAlice).U32(0).U32(1), 0, 100010, kAlice);
     EXPECT_TRUE(host.m_vecSent.empty()) << "a complete file stays complete";
 
@@ -199,7 +199,7 @@ TEST_F(Control, ManagerTimerWorksOnItsConferencesSlotAndReportsIdleAfterFifteenS
 {
     host.Attach(&mgr);
     mgr.SetSessionBusy(1, 5);
-    ZV_FileShareMgrPeer::DataLink(mgr) = ZV_LINK_DATA_UP;
+    ZV_FileShareMgrPeer::DataLink(mgr) = zvLinkDataUp;
     env.SetTick(1000);
     std::vector<uint32_t> vecWorked;
     for (uint32_t ulTick = 0; ulTick < 10; ++ulTick)
@@ -214,10 +214,10 @@ TEST_F(Control, ManagerTimerWorksOnItsConferencesSlotAndReportsIdleAfterFifteenS
     mgr.OnTimer(12);
     env.AdvanceTick(14999);
     mgr.OnTimer(17);
-    EXPECT_NE(ZV_LINK_IDLE, ZV_FileShareMgrPeer::DataLink(mgr)) << "one millisecond short of the idle wait";
+    EXPECT_NE(zvLinkIdle, ZV_FileShareMgrPeer::DataLink(mgr)) << "one millisecond short of the idle wait";
     env.AdvanceTick(1);
     mgr.OnTimer(22);
-    EXPECT_EQ(ZV_LINK_IDLE, ZV_FileShareMgrPeer::DataLink(mgr));
+    EXPECT_EQ(zvLinkIdle, ZV_FileShareMgrPeer::DataLink(mgr));
     ASSERT_EQ(3u, host.m_vecEvents.size());
     EXPECT_EQ(Pdu().U16(3012).U32(0).U8(0).b, host.m_vecEvents.back().data);
     // The report repeats, each time after a new wait of its own.
@@ -247,7 +247,7 @@ TEST_F(Control, StalledServerFileIsLookedAtOnceAfterTwentySecondsAndACompleteOne
     EXPECT_FALSE(ZV_FileShareSessionPeer::Pulling(*lpSession));
     ZV_FileShareSessionPeer::FileInfo(*lpSession).SetFileWritePos(1000000);
     mgr.OnTimer(17);
-    EXPECT_EQ(ZV_FILESTATE_COMPLETE, ZV_FileShareSessionPeer::FileInfo(*lpSession).m_BriefInfo.m_usFileState);
+    EXPECT_EQ(zvFileStateComplete, ZV_FileShareSessionPeer::FileInfo(*lpSession).m_BriefInfo.m_usFileState);
 }
 
 // A client hears in 8022 how much of an upload its server holds: 3008 in
@@ -265,7 +265,7 @@ TEST_F(Control, ClientTakesHowMuchOfAnUploadItsServerHolds)
         Deliver(PDU_CONF_FS_PROGRESSING_RESPONSE, Pdu().U16(5).User(kAlice).U32(250000));
         if (!bCreator)
         {
-            EXPECT_EQ(ZV_FILESTATE_UPLOADING, lpSession->BriefInfo().m_usFileState);
+            EXPECT_EQ(zvFileStateUploading, lpSession->BriefInfo().m_usFileState);
         }
         Deliver(PDU_CONF_FS_PROGRESSING_RESPONSE, Pdu().U16(5).User(kAlice).U32(1000000));
         std::vector<Bytes> vecEvents;
@@ -277,7 +277,7 @@ TEST_F(Control, ClientTakesHowMuchOfAnUploadItsServerHolds)
         EXPECT_EQ(bCreator, ZV_FileShareMgrPeer::BusyFileIDs(mgr).Find(5) < 0);
         if (!bCreator)
         {
-            EXPECT_EQ(ZV_FILESTATE_COMPLETE, lpSession->BriefInfo().m_usFileState);
+            EXPECT_EQ(zvFileStateComplete, lpSession->BriefInfo().m_usFileState);
         }
     }
 }
@@ -382,7 +382,7 @@ TEST_F(Control, ClientStopsResumesAndGivesUpADownloadWithTheRequestsOfTheUserSid
     ZV_FileDownloadInfo& local = ZV_FileShareSessionPeer::LocalDownload(*lpSession);
     local.SetFilePath("C:\\dl\\");
     local.SetFileName("song.ogg");
-    local.SetState(ZV_DLSTATE_RUNNING);
+    local.SetState(zvDownloadStateRunning);
     Clear();
     ASSERT_EQ(0u, mgr.FsStopDownload(5));
     ASSERT_EQ(0u, mgr.FsResumeDownload(5));

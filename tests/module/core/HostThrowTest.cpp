@@ -74,7 +74,7 @@ TEST(HostThrow, EachUserCallGives1AndLogsItsOwnLineInTheDaysErrorLog)
     host.m_bThrow = true;
     for (const auto& [szLine, fnCall] : aCalls)
     {
-        EXPECT_EQ(ZV_ERR_EXCEPTION, fnCall()) << szLine;
+        EXPECT_EQ(zvResultException, fnCall()) << szLine;
         EXPECT_EQ(1u, QB_CountInFiles(home.Path() + "/log", std::string(szLine) + "\r\n")) << szLine;
     }
     // A log of the day, "error" by name.

@@ -248,7 +248,7 @@ TEST_F(Download, PushesThreeBlocksPerCallRestsAtTheWritePositionAndGoesOnWhenWok
     vecBlocks = host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE);
     ASSERT_EQ(4u, vecBlocks.size());
     EXPECT_EQ(Block(72768, Bytes(stored.begin() + 72768, stored.end())).b, vecBlocks[3].data);
-    EXPECT_EQ(ZV_DLSTATE_FINISHED, ZV_FileShareSessionPeer::Downloads(session).Find(kBob)->m_usState);
+    EXPECT_EQ(zvDownloadStateFinished, ZV_FileShareSessionPeer::Downloads(session).Find(kBob)->m_usState);
     EXPECT_EQ(1u, host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST).size()) << "the servers learn Bob has finished";
 
     // Nothing more is sent, and a user who lost the right gets nothing.
@@ -262,7 +262,7 @@ TEST_F(Download, PushesThreeBlocksPerCallRestsAtTheWritePositionAndGoesOnWhenWok
     stopped.SetStopped(true);
     Deliver(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST, Pdu().U16(5).User(kBob).Record(stopped).b);
     EXPECT_TRUE(ZV_FileShareSessionPeer::Downloads(session).Find(kBob)->m_bStopped);
-    EXPECT_EQ(ZV_DLSTATE_STOPPED, ZV_FileShareSessionPeer::Downloads(session).Find(kBob)->m_usState);
+    EXPECT_EQ(zvDownloadStateStopped, ZV_FileShareSessionPeer::Downloads(session).Find(kBob)->m_usState);
     const auto vecStops = host.SentOf(PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST);
     ASSERT_FALSE(vecStops.empty());
     EXPECT_EQ("servers", vecStops.back().sRoute) << "the other servers keep their copy in step";
@@ -282,7 +282,7 @@ TEST_F(Download, AStoreThatCannotBeReadIsToldAsAnEmptyBlockWith61WhereNoCommandL
     const auto vecBlocks = host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE);
     ASSERT_EQ(1u, vecBlocks.size());
     EXPECT_EQ(100024u, vecBlocks[0].ulConn);
-    EXPECT_EQ(Block(0, {}, 40000, ZV_ERR_IO).b, vecBlocks[0].data);
+    EXPECT_EQ(Block(0, {}, 40000, zvResultCannotAccess).b, vecBlocks[0].data);
 }
 
 namespace {
@@ -350,7 +350,7 @@ TEST_F(ClientDownload, MakesTheFoldersAndCutsTheLocalFileAtTheEntrysPosition)
         EXPECT_EQ(c.nKept, std::filesystem::file_size(tmp.Sub("new/deeper/a.bin"))) << c.szName;
         ASSERT_EQ(1u, host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST).size()) << c.szName;
         EXPECT_EQ(Pdu().U16(5).User(kBob).Record(record).b, host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST)[0].data);
-        EXPECT_EQ(ZV_DLSTATE_RUNNING, ZV_FileShareSessionPeer::LocalDownload(Session()).m_usState);
+        EXPECT_EQ(zvDownloadStateRunning, ZV_FileShareSessionPeer::LocalDownload(Session()).m_usState);
         QB_WriteWholeFile(tmp.Sub("new/deeper/a.bin"), ZV_TestBytes(10, 3));
     }
     EXPECT_EQ(std::vector<uint32_t>(2, 0), ResultsOf(zvFsEventDownloadState));
@@ -496,11 +496,11 @@ TEST_F(Download, RelayWritesIntoItsOwnStoreWhateverPathTheRecordNames)
                 zvConfServerTypeData, 24, upstream);
         if (ulPos == 0)
         {
-            EXPECT_EQ(ZV_FILESTATE_UPLOADING, ZV_FileShareSessionPeer::FileInfo(session).m_BriefInfo.m_usFileState);
+            EXPECT_EQ(zvFileStateUploading, ZV_FileShareSessionPeer::FileInfo(session).m_BriefInfo.m_usFileState);
         }
     }
     EXPECT_EQ(data, QB_ReadWholeFile(tmp.Sub("7/song.ogg")));
-    EXPECT_EQ(ZV_FILESTATE_COMPLETE, ZV_FileShareSessionPeer::FileInfo(session).m_BriefInfo.m_usFileState);
+    EXPECT_EQ(zvFileStateComplete, ZV_FileShareSessionPeer::FileInfo(session).m_BriefInfo.m_usFileState);
     EXPECT_TRUE(host.m_vecEvents.empty()) << "a server has no user side";
 }
 

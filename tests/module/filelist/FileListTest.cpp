@@ -189,7 +189,7 @@ TEST_F(FileList, TakesAPeersNewFilesOnceFetchesWhatItLacksAndSavesThemInOneWrite
         ZV_FileUploadInfo row;
         QB_StringW sSection;
         ASSERT_TRUE(ZV_FileShareMgrPeer::Catalog(node.mgr).LoadFile(7, usFileID, row, sSection)) << usFileID;
-        EXPECT_EQ(ZV_FILESTATE_UPLOADING, row.m_BriefInfo.m_usFileState) << usFileID;
+        EXPECT_EQ(zvFileStateUploading, row.m_BriefInfo.m_usFileState) << usFileID;
         EXPECT_EQ(0u, row.m_ulFileWritePos) << usFileID;
         ASSERT_NE(nullptr, Session(usFileID));
     }

@@ -36,14 +36,14 @@ struct Row
 };
 
 const Row kRows[] = {
-    {"creator homed here, upload unfinished", kAnn, 1, false, ZV_FILESTATE_UPLOADING, false, false, true, true, true},
-    {"creator homed here, flood seen", kAnn, 1, false, ZV_FILESTATE_UPLOADING, false, true, false, true, true},
-    {"creator homed here, file complete", kAnn, 1, false, ZV_FILESTATE_COMPLETE, false, false, false, false, true},
-    {"creator homed on a linked server", kAnn, 2, true, ZV_FILESTATE_UPLOADING, false, false, false, false, true},
-    {"creator homed on an unlinked server", kAnn, 2, false, ZV_FILESTATE_UPLOADING, false, false, true, false, true},
-    {"creator the host no longer knows", kAnn, 0, false, ZV_FILESTATE_STOPPED, false, false, true, false, true},
-    {"a downloader of an unfinished file", kBob, 1, false, ZV_FILESTATE_UPLOADING, false, false, false, false, false},
-    {"a downloader of a stored file", kBob, 1, false, ZV_FILESTATE_COMPLETE, true, false, false, false, true},
+    {"creator homed here, upload unfinished", kAnn, 1, false, zvFileStateUploading, false, false, true, true, true},
+    {"creator homed here, flood seen", kAnn, 1, false, zvFileStateUploading, false, true, false, true, true},
+    {"creator homed here, file complete", kAnn, 1, false, zvFileStateComplete, false, false, false, false, true},
+    {"creator homed on a linked server", kAnn, 2, true, zvFileStateUploading, false, false, false, false, true},
+    {"creator homed on an unlinked server", kAnn, 2, false, zvFileStateUploading, false, false, true, false, true},
+    {"creator the host no longer knows", kAnn, 0, false, zvFileStateStopped, false, false, true, false, true},
+    {"a downloader of an unfinished file", kBob, 1, false, zvFileStateUploading, false, false, false, false, false},
+    {"a downloader of a stored file", kBob, 1, false, zvFileStateComplete, true, false, false, false, true},
 };
 
 ZV_FileDownloadInfo ActiveEntry(const QB_UserID& user)

@@ -46,7 +46,7 @@ ZV_FileBriefInfo Brief(bool bPublic, const QB_UserID* lpRight = nullptr)
     brief.SetCreatorID(kAnn);
     brief.SetFileOldName(QB_StringU8("f.bin"));
     brief.SetFileLenth(5000);
-    brief.SetFileState(ZV_FILESTATE_COMPLETE);
+    brief.SetFileState(zvFileStateComplete);
     brief.SetShareTime(SharedOn(20));
     brief.SetPublic(bPublic);
     brief.SetRight(arrRight);
@@ -193,14 +193,14 @@ TEST_F(SessionLists, ADownloadListThatFillsTheBufferIsOnePieceAndOneRecordMoreIs
 {
     ZV_RecordingNode node(true);
     const std::vector<int> vecName = NamesThatFill(ZV_DownloadListResponse::kHeadSize, [&](int n) {
-        return ZV_DownloadListEntrySize(Record(1, "C:\\dl\\", std::string((size_t)n, 'n'), ZV_DLSTATE_RUNNING));
+        return ZV_DownloadListEntrySize(Record(1, "C:\\dl\\", std::string((size_t)n, 'n'), zvDownloadStateRunning));
     });
     for (size_t i = 0; i < vecName.size(); ++i)
     {
         const uint16_t usFileID = (uint16_t)(i + 1);
         AddFile(node, usFileID, Brief(true))
             .SetDownloadInfo(kBob, Record(usFileID, "C:\\dl\\", std::string((size_t)vecName[i], 'n'),
-                                          ZV_DLSTATE_RUNNING));
+                                          zvDownloadStateRunning));
     }
     const Bytes vbAsk = ZV_Pdu().U16(3).User(kBob).b;
     Deliver(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_REQUEST, vbAsk, kBob);
@@ -209,7 +209,7 @@ TEST_F(SessionLists, ADownloadListThatFillsTheBufferIsOnePieceAndOneRecordMoreIs
     EXPECT_LE(vecSent[0].data.size(), (size_t)QB_PDU_BUFFER_SIZE);
 
     node.host.m_vecSent.clear();
-    AddFile(node, 900, Brief(true)).SetDownloadInfo(kBob, Record(900, "C:\\dl\\", "x", ZV_DLSTATE_RUNNING));
+    AddFile(node, 900, Brief(true)).SetDownloadInfo(kBob, Record(900, "C:\\dl\\", "x", zvDownloadStateRunning));
     Deliver(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_REQUEST, vbAsk, kBob);
     const auto vecParts = Pieces<ZV_DownloadListResponse>(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE);
     ASSERT_EQ(2u, vecParts.size());
@@ -227,14 +227,14 @@ TEST_F(SessionLists, AServerRestsRenewsOrWithdrawsEachRecordItLists)
     ZV_RecordingNode node(true);
     node.host.m_bHasServerLinks = true;
     ZV_FileShareSession& same = AddFile(node, 5, Brief(true));
-    same.SetDownloadInfo(kBob, Record(5, "C:\\dl\\", "same.bin", ZV_DLSTATE_RUNNING));
+    same.SetDownloadInfo(kBob, Record(5, "C:\\dl\\", "same.bin", zvDownloadStateRunning));
     ZV_FileShareSession& anew = AddFile(node, 6, Brief(true));
-    anew.SetDownloadInfo(kBob, Record(6, "C:\\dl\\", "anew.bin", ZV_DLSTATE_RUNNING, 19));
+    anew.SetDownloadInfo(kBob, Record(6, "C:\\dl\\", "anew.bin", zvDownloadStateRunning, 19));
     ZV_FileShareSession& hidden = AddFile(node, 7, Brief(false, &kCarol));
-    hidden.SetDownloadInfo(kBob, Record(7, "C:\\dl\\", "hidden.bin", ZV_DLSTATE_RUNNING));
-    AddFile(node, 8, Brief(true)).SetDownloadInfo(kCarol, Record(8, "C:\\dl\\", "carol.bin", ZV_DLSTATE_RUNNING));
+    hidden.SetDownloadInfo(kBob, Record(7, "C:\\dl\\", "hidden.bin", zvDownloadStateRunning));
+    AddFile(node, 8, Brief(true)).SetDownloadInfo(kCarol, Record(8, "C:\\dl\\", "carol.bin", zvDownloadStateRunning));
     ZV_FileShareSession& granted = AddFile(node, 4, Brief(false, &kBob));
-    granted.SetDownloadInfo(kBob, Record(4, "C:\\dl\\", "granted.bin", ZV_DLSTATE_RUNNING));
+    granted.SetDownloadInfo(kBob, Record(4, "C:\\dl\\", "granted.bin", zvDownloadStateRunning));
 
     const Bytes vbAsk = ZV_Pdu().U16(0).User(kBob).b;
     Deliver(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_REQUEST, vbAsk, kBob);
@@ -263,7 +263,7 @@ TEST_F(SessionLists, AServerRestsRenewsOrWithdrawsEachRecordItLists)
 
     node.host.m_vecSent.clear();
     ZV_FileShareSession& seen = AddFile(node, 9, Brief(false));
-    seen.SetDownloadInfo(kBob, Record(9, "C:\\dl\\", "seen.bin", ZV_DLSTATE_RUNNING));
+    seen.SetDownloadInfo(kBob, Record(9, "C:\\dl\\", "seen.bin", zvDownloadStateRunning));
     node.host.m_setFloodSeen.insert({(uint64_t)kBob.m_ulMain << 32, node.host.m_ulNextFloodSeq});
     Deliver(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_REQUEST, vbAsk, kBob);
     vecParts = Pieces<ZV_DownloadListResponse>(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE);
@@ -291,9 +291,9 @@ TEST_F(SessionLists, AClientGivesUpAListedDownloadWhoseRightIsGone)
         bool bAllowed;
         uint16_t usState;
         const char* pszName;
-    } aFiles[] = {{5, false, ZV_DLSTATE_RUNNING, "partial.bin"},
-                  {6, false, ZV_DLSTATE_FINISHED, "finished.bin"},
-                  {7, true, ZV_DLSTATE_RUNNING, "allowed.bin"}};
+    } aFiles[] = {{5, false, zvDownloadStateRunning, "partial.bin"},
+                  {6, false, zvDownloadStateFinished, "finished.bin"},
+                  {7, true, zvDownloadStateRunning, "allowed.bin"}};
     for (const auto& file : aFiles)
     {
         ZV_FileShareSession& session =
@@ -302,7 +302,7 @@ TEST_F(SessionLists, AClientGivesUpAListedDownloadWhoseRightIsGone)
         record.SetUserID(node.host.m_LocalUser);
         Peer::LocalDownload(session) = record;
         QB_WriteWholeFile(node.tmp.Sub(std::string("dl/") + file.pszName),
-                          ZV_TestBytes(file.usState == ZV_DLSTATE_FINISHED ? 5000 : 1200, file.usFileID));
+                          ZV_TestBytes(file.usState == zvDownloadStateFinished ? 5000 : 1200, file.usFileID));
         ZV_FileShareMgrPeer::BusyFileIDs(node.mgr).Add(file.usFileID);
         list.arrInfo.Add(record);
         list.arrModify.Add(false);
@@ -335,7 +335,7 @@ TEST_F(SessionLists, AClientDropsEveryUnlistedFileKeepingOnlyAFinishedDownload)
         uint16_t usFileID;
         uint16_t usState;
         const char* pszName;
-    } aFiles[] = {{5, ZV_DLSTATE_FINISHED, "finished.bin"}, {6, ZV_DLSTATE_RUNNING, "partial.bin"}};
+    } aFiles[] = {{5, zvDownloadStateFinished, "finished.bin"}, {6, zvDownloadStateRunning, "partial.bin"}};
     for (const auto& file : aFiles)
     {
         ZV_FileShareSession& session = AddFile(node, file.usFileID, Brief(true));
@@ -419,8 +419,8 @@ TEST_F(SessionLists, AServerPushesBothListsToAUserWhoEntersThereOnly)
     node.host.AddUser(kCarol, node.host.m_ulServerID + 1, "Carol");
     node.host.m_mapUserConn[{kBob.m_ulMain, kBob.m_ulSub}] = 33;
     node.host.m_mapUserConn[{kCarol.m_ulMain, kCarol.m_ulSub}] = 34;
-    AddFile(node, 5, Brief(true)).SetDownloadInfo(kBob, Record(5, "C:\\dl\\", "5.bin", ZV_DLSTATE_RUNNING));
-    AddFile(node, 6, Brief(true)).SetDownloadInfo(kCarol, Record(6, "C:\\dl\\", "6.bin", ZV_DLSTATE_RUNNING));
+    AddFile(node, 5, Brief(true)).SetDownloadInfo(kBob, Record(5, "C:\\dl\\", "5.bin", zvDownloadStateRunning));
+    AddFile(node, 6, Brief(true)).SetDownloadInfo(kCarol, Record(6, "C:\\dl\\", "6.bin", zvDownloadStateRunning));
 
     EXPECT_EQ(0u, node.mgr.OnEvent(zvConfEventUserEnter, 0, (uintptr_t)&kCarol, 0, 0));
     EXPECT_TRUE(node.host.m_vecSent.empty());
@@ -522,12 +522,12 @@ TEST_F(SessionLists, AClientTakesItsListedDownloadsAsItsDiskAndItsStopsSay)
         uint16_t usHeld;
         uint16_t usListed;
         size_t nOnDisk;
-    } aFiles[] = {{5, ZV_DLSTATE_FINISHED, ZV_DLSTATE_FINISHED, 5000},
-                  {6, ZV_DLSTATE_FINISHED, ZV_DLSTATE_FINISHED, 0},
-                  {7, ZV_DLSTATE_STOPPED, ZV_DLSTATE_RUNNING, 1200},
-                  {8, ZV_DLSTATE_RUNNING, ZV_DLSTATE_RUNNING, 5000},
-                  {9, ZV_DLSTATE_NEW, ZV_DLSTATE_RUNNING, 0},
-                  {10, ZV_DLSTATE_RUNNING, ZV_DLSTATE_STOPPED, 1000}};
+    } aFiles[] = {{5, zvDownloadStateFinished, zvDownloadStateFinished, 5000},
+                  {6, zvDownloadStateFinished, zvDownloadStateFinished, 0},
+                  {7, zvDownloadStateStopped, zvDownloadStateRunning, 1200},
+                  {8, zvDownloadStateRunning, zvDownloadStateRunning, 5000},
+                  {9, zvDownloadStateNew, zvDownloadStateRunning, 0},
+                  {10, zvDownloadStateRunning, zvDownloadStateStopped, 1000}};
     ZV_DownloadListResponse list;
     list.user = me;
     for (const auto& file : aFiles)
@@ -536,7 +536,7 @@ TEST_F(SessionLists, AClientTakesItsListedDownloadsAsItsDiskAndItsStopsSay)
         ZV_FileShareSession& session = AddFile(node, file.usFileID, Brief(true));
         ZV_FileDownloadInfo record = Record(file.usFileID, sFolder, sName, file.usListed);
         record.SetUserID(me);
-        record.SetDownloadPos(file.usListed == ZV_DLSTATE_FINISHED ? 5000 : 0);
+        record.SetDownloadPos(file.usListed == zvDownloadStateFinished ? 5000 : 0);
         list.arrInfo.Add(record);
         record.SetState(file.usHeld);
         Peer::LocalDownload(session) = record;
@@ -576,10 +576,10 @@ TEST_F(SessionLists, AClientTakesItsListedDownloadsAsItsDiskAndItsStopsSay)
     ZV_FileDownloadInfo resumed;
     ASSERT_TRUE(OnlyDataAsk(node, 10, resumed));
     EXPECT_EQ(1000u, resumed.m_ulDownloadPos);
-    EXPECT_EQ(ZV_DLSTATE_RUNNING, resumed.m_usState);
+    EXPECT_EQ(zvDownloadStateRunning, resumed.m_usState);
     // The stopped one says where it stands, and that it stays stopped.
     ZV_FileDownloadInfo asked;
     ASSERT_TRUE(OnlyDataAsk(node, 7, asked));
     EXPECT_EQ(1200u, asked.m_ulDownloadPos);
-    EXPECT_EQ(ZV_DLSTATE_STOPPED, asked.m_usState);
+    EXPECT_EQ(zvDownloadStateStopped, asked.m_usState);
 }

@@ -136,7 +136,7 @@ TEST_F(Upload, FsUploadStartsThePumpWhichSendsThreeBlocksPerCallUntilTheSharedLe
         uint32_t ulPos = 0;
         for (size_t nBlocks : c.vecCalls)
         {
-            EXPECT_EQ(ZV_FILESTATE_UPLOADING, ZV_FileShareSessionPeer::BriefInfo(*lpSession).m_usFileState) << c.nSize;
+            EXPECT_EQ(zvFileStateUploading, ZV_FileShareSessionPeer::BriefInfo(*lpSession).m_usFileState) << c.nSize;
             const auto vecBlocks = OnSend();
             ASSERT_EQ(nBlocks, vecBlocks.size()) << c.nSize;
             for (const auto& sent : vecBlocks)
@@ -146,7 +146,7 @@ TEST_F(Upload, FsUploadStartsThePumpWhichSendsThreeBlocksPerCallUntilTheSharedLe
                 ulPos += (uint32_t)std::min<size_t>(ZV_BLOCK_SIZE, c.nSize - ulPos);
             }
         }
-        EXPECT_EQ(ZV_FILESTATE_COMPLETE, ZV_FileShareSessionPeer::BriefInfo(*lpSession).m_usFileState) << c.nSize;
+        EXPECT_EQ(zvFileStateComplete, ZV_FileShareSessionPeer::BriefInfo(*lpSession).m_usFileState) << c.nSize;
         EXPECT_TRUE(OnSend().empty()) << c.nSize << ": nothing after the last block";
         EXPECT_TRUE(host.m_vecEvents.size() == 1 && ClientLog().empty()) << c.nSize;
     }
@@ -189,7 +189,7 @@ TEST_F(Upload, ClientThatCannotReadItsFileFailsAndSaysSoUnlessTheServerHoldsItAl
         const bool bReported = c.ulMaxPos == 0;
         EXPECT_EQ(c.nSent, OnSend().size()) << c.szName;
         // With every byte at the server the upload is simply over.
-        EXPECT_EQ(bReported ? ZV_FILESTATE_FAILED : ZV_FILESTATE_COMPLETE,
+        EXPECT_EQ(bReported ? zvFileStateFailed : zvFileStateComplete,
                   ZV_FileShareSessionPeer::BriefInfo(*lpSession).m_usFileState)
             << c.szName;
         EXPECT_EQ(bReported ? Pdu().U16(5).User(kAlice).U32(0).U32(c.ulReadPos).b : Bytes(),
@@ -207,7 +207,7 @@ TEST_F(Upload, ServerTakesTheStartMarkerThenWritesOnlyAtItsWritePositionAsksOnce
     host.m_bHasServerLinks = true;
     EXPECT_EQ(0u, Deliver(PDU_CONF_FS_UPLOAD_REQUEST, Pdu().U16(5).User(kAlice).U32(0).U8(1).b));
     EXPECT_EQ(0u, Deliver(PDU_CONF_FS_UPLOAD_REQUEST, Pdu().U16(5).User(kAlice).U32(100).U8(1).b, QB_UserID(2, 0)));
-    EXPECT_EQ(ZV_FILESTATE_UPLOADING, Row().m_usFileState);
+    EXPECT_EQ(zvFileStateUploading, Row().m_usFileState);
     ASSERT_EQ(1u, host.m_vecSent.size()) << "the start marker goes on to the servers once";
     EXPECT_EQ(Pdu().U16(7).U16(5).User(kAlice).U32(100).U8(1).b, host.m_vecSent[0].data);
     EXPECT_EQ("servers", host.m_vecSent[0].sRoute);
@@ -225,7 +225,7 @@ TEST_F(Upload, ServerTakesTheStartMarkerThenWritesOnlyAtItsWritePositionAsksOnce
     }
     EXPECT_EQ(Answer(0, 32768), host.SentOf(PDU_CONF_FS_UPLOAD_RESPONSE)[0].data);
     EXPECT_EQ(100024u, host.SentOf(PDU_CONF_FS_UPLOAD_RESPONSE)[0].ulConn);
-    EXPECT_EQ(ZV_FILESTATE_COMPLETE, Row().m_usFileState);
+    EXPECT_EQ(zvFileStateComplete, Row().m_usFileState);
     // To the clients: uploading at the first block, complete at the last.
     EXPECT_EQ((Bytes{1, 5, 0, 1, 0, 1, 1, 5, 0, 3, 0, 1}), Joined(host.SentOf(PDU_CONF_FS_FILE_STATE_NOTICE)));
     EXPECT_EQ("group", host.SentOf(PDU_CONF_FS_FILE_STATE_NOTICE)[0].sRoute);
@@ -250,7 +250,7 @@ TEST_F(Upload, ServerRefusesABlockItCannotTakeAndTheNextBlockShowsWhatItRemember
             env.FailAt(c.eFault, 1);
         Deliver(PDU_CONF_FS_UPLOAD_REQUEST, Block(0, ZV_TestBytes(c.nLen, 9), c.sender), c.sender);
         EXPECT_EQ(Answer(c.ulResult, 0, c.sender), Joined(host.SentOf(PDU_CONF_FS_UPLOAD_RESPONSE))) << c.szName;
-        EXPECT_EQ(ZV_FILESTATE_FAILED, Row().m_usFileState) << c.szName;
+        EXPECT_EQ(zvFileStateFailed, Row().m_usFileState) << c.szName;
         EXPECT_EQ(0u, Stored().size()) << c.szName;
 
         Deliver(PDU_CONF_FS_UPLOAD_REQUEST, Block(c.ulNextPos, Slice(data, c.ulNextPos, 100), c.sender), c.sender);

@@ -46,7 +46,7 @@ const uint8_t kData[] = {0xaa, 0xbb, 0xcc};
 
 // FileID 0x0107 routed and answered, result 40, the user.
 template <typename T>
-T Answer(uint32_t ulResult = ZV_ERR_NOT_ENTITLED)
+T Answer(uint32_t ulResult = zvResultNotEntitled)
 {
     T value;
     value.usRouteID = 0x0107;
@@ -105,7 +105,7 @@ TEST(PduCodec, AddPayloadsAreTheirExactBytes)
     ask.user = kUser;
     ask.ulFloodSeq = 0x0a0b0c0d;
     ask.bStartUpload = 1;
-    auto answer = Answer<ZV_AddResponse>(ZV_OK);
+    auto answer = Answer<ZV_AddResponse>(zvResultOk);
     answer.ulWritePos = 0x8000;
     ZV_AddFilesRequest files;
     files.user = kUser;
@@ -161,13 +161,13 @@ TEST(PduCodec, DownloadPayloadsAreTheirExactBytesAndABlockIsAtMostOneBlockLong)
     ask.sPath = "D:\\x";
     ask.ulPos = 0x8000;
     ask.bFromServer = 1;
-    auto answer = Answer<ZV_DownloadResponse>(ZV_OK);
+    auto answer = Answer<ZV_DownloadResponse>(zvResultOk);
     answer.record = RecordOf7();
     ZV_DownloadDataRequest position;
     position.usFileID = 0x0107;
     position.user = kUser;
     position.record = RecordOf7();
-    auto block = Answer<ZV_DownloadBlock>(ZV_OK);
+    auto block = Answer<ZV_DownloadBlock>(zvResultOk);
     block.ulPos = 0x8000;
     block.ulLen = sizeof kData;
     block.pData = kData;
@@ -186,7 +186,7 @@ TEST(PduCodec, DownloadPayloadsAreTheirExactBytesAndABlockIsAtMostOneBlockLong)
     QB_ByteStream stream(refusal.data(), (int32_t)refusal.size());
     ZV_DownloadResponse refused;
     EXPECT_NO_THROW(refused.Load(stream));
-    EXPECT_EQ(refused.ulResult, ZV_ERR_NOT_ENTITLED);
+    EXPECT_EQ(refused.ulResult, zvResultNotEntitled);
 }
 
 TEST(PduCodec, ControlPayloadsAreTheirExactBytes)
@@ -213,7 +213,7 @@ TEST(PduCodec, ControlPayloadsAreTheirExactBytes)
     ZV_FileStateNotice notice;
     notice.arrFileID.Add(0x0107);
     notice.arrFileID.Add(0x0108);
-    notice.usState = ZV_FILESTATE_COMPLETE;
+    notice.usState = zvFileStateComplete;
     notice.bUpload = 1;
     Walk({
         Case("8016", stopDownload, kRequestHex + "01"),

@@ -138,7 +138,7 @@ struct ZV_FuzzNode
         ZV_FileShareSessionPeer::BriefInfo(*lpFsSession).SetCreatorID(QB_UserID(10001, 0));
         ZV_FileShareSessionPeer::BriefInfo(*lpFsSession).SetFileOldName(QB_StringU8("report.pdf"));
         ZV_FileShareSessionPeer::BriefInfo(*lpFsSession).SetFileLenth(usFileID == 1 ? 0 : 100000 * usFileID);
-        ZV_FileShareSessionPeer::BriefInfo(*lpFsSession).SetFileState(usFileID == 3 ? ZV_FILESTATE_COMPLETE : ZV_FILESTATE_UPLOADING);
+        ZV_FileShareSessionPeer::BriefInfo(*lpFsSession).SetFileState(usFileID == 3 ? zvFileStateComplete : zvFileStateUploading);
         ZV_FileShareSessionPeer::BriefInfo(*lpFsSession).SetPublic(true);
         ZV_FileShareSessionPeer::FileInfo(*lpFsSession).SetFileID(usFileID);
         ZV_FileShareSessionPeer::FileInfo(*lpFsSession).SetFileNewName(QB_StringU8(("stored" + std::to_string(usFileID)).c_str()));
@@ -176,7 +176,7 @@ void FuzzRole(bool bServer, uint32_t ulSeed)
     std::filesystem::current_path(cwd);
     // Still routing after all that: a payload too short for a FileID is
     // answered with 5, whatever came before.
-    EXPECT_EQ(ZV_ERR_NO_HANDLER, node.Deliver(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST, zvConfClientTypeCommand, {0x01}))
+    EXPECT_EQ(zvResultNoHandler, node.Deliver(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST, zvConfClientTypeCommand, {0x01}))
         << "seed " << ulSeed;
 }
 
