@@ -115,7 +115,6 @@ uint32_t ZV_FileShareMgr::FsAdd(const char16_t* szPath, const QB_UserID* pRight,
 
 uint32_t ZV_FileShareMgr::HandleAddRequest(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_ADD_REQUEST");
     ZV_PayloadReader stream(lpCpd);
     ZV_AddRequest ask;
     ask.LoadHead(stream);
@@ -171,7 +170,6 @@ uint32_t ZV_FileShareMgr::FinishServerAdd(ConfPduData* lpCpd, const ZV_AddReques
 
 uint32_t ZV_FileShareMgr::HandleAddResponse(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_ADD_RESPONSE");
     ZV_PayloadReader stream(lpCpd);
     ZV_AddResponse answer;
     answer.Load(stream);

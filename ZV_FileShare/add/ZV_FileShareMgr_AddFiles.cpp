@@ -370,7 +370,6 @@ uint32_t ZV_FileShareMgr::SendAddFilesList(uint32_t ulConn, uint32_t ulResult, c
 
 uint32_t ZV_FileShareMgr::HandleAddFilesRequest(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_ADD_FILES_REQUEST");
     ZV_PayloadReader stream(lpCpd);
     ZV_AddFilesRequest ask;
     ask.LoadHead(stream);
@@ -425,7 +424,6 @@ uint32_t ZV_FileShareMgr::HandleAddFilesRequest(ConfPduData* lpCpd)
 
 uint32_t ZV_FileShareMgr::HandleAddFilesResponse(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_ADD_FILES_RESPONSE");
     ZV_PayloadReader stream(lpCpd);
     ZV_AddFilesResponse answer;
     answer.Load(stream);

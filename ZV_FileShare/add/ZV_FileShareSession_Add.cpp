@@ -142,7 +142,7 @@ void ZV_FileShareSession::MakeUniqueFileName(const QB_StringW& sFolder, const QB
 
 uint32_t ZV_FileShareSession::HandleAddRequest(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_ADD_REQUEST");
+    ZV_TraceRecv(PDU_CONF_FS_ADD_REQUEST);
     ZV_PayloadReader stream(lpCpd);
     ZV_AddRequest ask;
     ask.LoadHead(stream);
@@ -195,7 +195,7 @@ bool ZV_FileShareSession::InitSrvAddFileInfo(QB_StringW& sPath, IZV_ConfHost* lp
 
 uint32_t ZV_FileShareSession::HandleAddResponse(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_ADD_RESPONSE");
+    ZV_TraceRecv(PDU_CONF_FS_ADD_RESPONSE);
     ZV_PayloadReader stream(lpCpd);
     ZV_AddResponse answer;
     answer.Load(stream);

@@ -40,7 +40,6 @@ double ShareOf(uint32_t ulPos, uint32_t ulLength)
 
 uint32_t ZV_FileShareSession::HandleIsStopDownloadRequest(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST");
     IZV_ConfHost* lpConf = Conf();
     ZV_PayloadReader stream(lpCpd);
     ZV_StopDownloadAsk ask;
@@ -92,7 +91,6 @@ void ZV_FileShareSession::FloodStopAsk(uint16_t usPdu, const QB_UserID& user, ui
 
 uint32_t ZV_FileShareSession::HandleIsStopUploadRequest(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST");
     IZV_ConfHost* lpConf = Conf();
     ZV_PayloadReader stream(lpCpd);
     ZV_StopUploadAsk ask;
@@ -166,7 +164,6 @@ void ZV_FileShareSession::ResumeUpload(const ConfPduData* lpCpd, const QB_UserID
 
 uint32_t ZV_FileShareSession::HandleIsStopUploadResponse(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_IS_STOP_UPLOAD_RESPONSE");
     IZV_ConfHost* lpConf = Conf();
     ZV_PayloadReader stream(lpCpd);
     ZV_StopUploadResponse answer;
@@ -207,7 +204,6 @@ bool ZV_FileShareSession::IsLocalCreator() const
 
 uint32_t ZV_FileShareSession::HandleProgressingRequest(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_PROGRESSING_REQUEST");
     ZV_PayloadReader stream(lpCpd);
     ZV_ProgressRequest progress;
     progress.Load(stream);
@@ -280,7 +276,6 @@ void ZV_FileShareSession::TakeProgress(uint16_t usFileID, uint32_t ulPos)
 
 uint32_t ZV_FileShareSession::HandleUploadErrorRequest(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_UPLOAD_ERROR_REQUEST");
     IZV_ConfHost* lpConf = Conf();
     ZV_PayloadReader stream(lpCpd);
     ZV_UploadErrorAsk ask;
@@ -308,7 +303,6 @@ uint32_t ZV_FileShareSession::HandleUploadErrorRequest(ConfPduData* lpCpd)
 // a failed read.
 uint32_t ZV_FileShareSession::HandleUploadErrorResponse(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_UPLOAD_ERROR_RESPONSE");
     ZV_PayloadReader stream(lpCpd);
     ZV_UploadErrorResponse answer;
     answer.Load(stream);

@@ -5,6 +5,7 @@
 #include "records/ZV_FileCatalog.h"
 #include "core/ZV_FileShareMgr.h"
 #include "records/ZV_SharePath.h"
+#include "wire/ZV_PduTable.h"
 #include "wire/ZV_RecordStream.h"
 
 #include "QB_Env.h"
@@ -33,30 +34,18 @@ IZV_ConfHost* ZV_FileShareSession::Conf() const
     return m_lpMgr->Host();
 }
 
+// The rows of the PDU table that a session handles, each after its trace
+// line; any other number gives 5.
 uint32_t ZV_FileShareSession::HandlePdu(ConfPduData* lpCpd)
 {
+    const ZV_PduRow* lpRow = ZV_FindPduRow(lpCpd->usPdu);
+    if (lpRow == nullptr || lpRow->eHandler != ZV_PduHandler::Session)
+        return zvResultNoHandler;
+    if (lpRow->eTrace != ZV_PduTrace::None)
+        ZV_TraceRecv(lpCpd->usPdu);
     switch (lpCpd->usPdu)
     {
-    case PDU_CONF_FS_SET_RIGHT_REQUEST: return HandleSetRightRequest(lpCpd);
-    case PDU_CONF_FS_UPLOAD_REQUEST: return HandleUploadRequest(lpCpd);
-    case PDU_CONF_FS_UPLOAD_RESPONSE: return HandleUploadResponse(lpCpd);
-    case PDU_CONF_FS_UPLOAD_FINISH_Response: return HandleUploadFinishResponse(lpCpd);
-    case PDU_CONF_FS_DEL_DOWNLOAD_REQUEST: return HandleDelDownloadRequest(lpCpd);
-    case PDU_CONF_FS_DEL_DOWNLOAD_RESPONSE: return HandleDelDownloadResponse(lpCpd);
-    case PDU_CONF_FS_DOWNLOAD_DATA_REQUEST: return HandleDownloadDataRequest(lpCpd);
-    case PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE: return HandleDownloadDataResponse(lpCpd);
-    case PDU_CONF_FS_DOWNLOAD_REQUEST: return HandleDownloadRequest(lpCpd);
-    case PDU_CONF_FS_DOWNLOAD_RESPONSE: return HandleDownloadResponse(lpCpd);
-    case PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST: return HandleIsStopDownloadRequest(lpCpd);
-    case PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST: return HandleIsStopUploadRequest(lpCpd);
-    case PDU_CONF_FS_IS_STOP_UPLOAD_RESPONSE: return HandleIsStopUploadResponse(lpCpd);
-    case PDU_CONF_FS_PROGRESSING_REQUEST: return HandleProgressingRequest(lpCpd);
-    case PDU_CONF_FS_PROGRESSING_RESPONSE: return HandleProgressingResponse(lpCpd);
-    case PDU_CONF_FS_UPLOAD_ERROR_REQUEST: return HandleUploadErrorRequest(lpCpd);
-    case PDU_CONF_FS_UPLOAD_ERROR_RESPONSE: return HandleUploadErrorResponse(lpCpd);
-    case PDU_CONF_FS_NOTICE_DEL_DOWNLOAD_INFO_REQUEST: return HandleNoticeDelDownloadInfoRequest(lpCpd);
-    case PDU_CONF_FS_RESERVED0: return SessionReserved0(lpCpd);
-    case PDU_CONF_FS_RESERVED1: return SessionReserved1(lpCpd);
+        ZV_PDU_CASES(Session)
     default: return zvResultNoHandler;
     }
 }

@@ -118,7 +118,6 @@ uint32_t ZV_FileShareMgr::SendDelUploadRequest(uint32_t ulConn, uint16_t usFileI
 // tells it that the file went.
 uint32_t ZV_FileShareMgr::HandleDelUploadRequest(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_DEL_UPLOAD_REQUEST");
     ZV_PayloadReader stream(lpCpd);
     ZV_DelUploadRequest ask;
     ask.Load(stream);
@@ -172,7 +171,6 @@ uint32_t ZV_FileShareMgr::CheckDelUpload(ZV_FileShareSession* lpFsSession, const
 
 uint32_t ZV_FileShareMgr::HandleDelUploadResponse(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_DEL_UPLOAD_RESPONSE");
     try
     {
         ZV_PayloadReader stream(lpCpd);

@@ -102,7 +102,6 @@ ZV_DownloadBlock MakeDownloadBlock(const ZV_AnswerHead& head, uint32_t ulPos, ui
 
 uint32_t ZV_FileShareSession::HandleDownloadRequest(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_DOWNLOAD_REQUEST");
     IZV_ConfHost* lpConf = Conf();
     ZV_PayloadReader stream(lpCpd);
     ZV_DownloadAsk ask;
@@ -195,7 +194,6 @@ uint32_t ZV_FileShareSession::StartUploadOnDemand(const QB_UserID& downloader)
 
 uint32_t ZV_FileShareSession::HandleDownloadDataRequest(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_DOWNLOAD_DATA_REQUEST");
     ZV_PayloadReader stream(lpCpd);
     ZV_DownloadDataRequest ask;
     ask.Load(stream);

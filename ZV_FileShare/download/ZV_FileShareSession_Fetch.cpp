@@ -31,7 +31,6 @@ double Percent(uint32_t ulPos, uint32_t ulLength)
 
 uint32_t ZV_FileShareSession::HandleDownloadResponse(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_DOWNLOAD_RESPONSE");
     ZV_PayloadReader stream(lpCpd);
     ZV_DownloadResponse answer;
     answer.Load(stream);

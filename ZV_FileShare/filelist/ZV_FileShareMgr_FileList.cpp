@@ -60,7 +60,6 @@ uint32_t ZV_FileShareMgr::SendGetFileListRequest(uint32_t ulConn, const QB_UserI
 // Only a linked server may ask, and a server never answers itself.
 uint32_t ZV_FileShareMgr::HandleGetFileListRequest(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_GET_FILE_LIST_REQUEST");
     try
     {
         ZV_PayloadReader stream(lpCpd);
@@ -173,7 +172,6 @@ void ZV_FileShareMgr::ForwardListedFiles(uint32_t ulSkipConn, const QB_Array<ZV_
 // between servers only: a client's view comes from its own server's lists.
 uint32_t ZV_FileShareMgr::HandleGetFileListResponse(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_GET_FILE_LIST_RESPONSE");
     ZV_FileListResponse part;
     try
     {

@@ -11,7 +11,6 @@
 
 uint32_t ZV_FileShareMgr::HandleGetDownloadSessionListRequest(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_GET_DOWNLOAD_SESSION_LIST_REQUEST");
     try
     {
         ZV_PayloadReader stream(lpCpd);
@@ -110,7 +109,6 @@ uint32_t ZV_FileShareMgr::SendDownloadList(uint32_t ulConn, uint32_t ulResult, c
 // failed stops the data requests of the entries behind it in this PDU.
 uint32_t ZV_FileShareMgr::HandleGetDownloadSessionListResponse(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE");
     try
     {
         if (!m_lpConf->IsClientMode())

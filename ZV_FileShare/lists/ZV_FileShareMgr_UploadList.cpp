@@ -19,7 +19,6 @@ constexpr int kMaxListed = 0x10000;
 
 uint32_t ZV_FileShareMgr::HandleGetUploadSessionListRequest(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_GET_UPLOAD_SESSION_LIST_REQUEST");
     try
     {
         ZV_PayloadReader stream(lpCpd);
@@ -82,7 +81,6 @@ uint32_t ZV_FileShareMgr::SendUploadList(uint32_t ulConn, uint16_t usFileID, uin
 
 uint32_t ZV_FileShareMgr::HandleGetUploadSessionListResponse(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE");
     try
     {
         // A server's view is its store, never a peer's word of it.

@@ -124,7 +124,6 @@ uint32_t ZV_FileShareMgr::SendSetFilesRightResponse(uint32_t ulConn, const QB_Ar
 // creator's say over a file that stands behind the first.
 uint32_t ZV_FileShareMgr::HandleSetFilesRightRequest(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_SET_FILES_RIGHT_REQUEST");
     ZV_PayloadReader stream(lpCpd);
     ZV_SetFilesRightRequest ask;
     ask.LoadHead(stream);
@@ -168,7 +167,6 @@ uint32_t ZV_FileShareMgr::HandleSetFilesRightRequest(ConfPduData* lpCpd)
 
 uint32_t ZV_FileShareMgr::HandleSetRightResponse(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_SET_RIGHT_RESPONSE");
     try
     {
         ZV_PayloadReader stream(lpCpd);

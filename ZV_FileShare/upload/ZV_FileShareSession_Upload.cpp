@@ -85,7 +85,6 @@ void ZV_FileShareSession::FailLocalRead()
 
 uint32_t ZV_FileShareSession::HandleUploadResponse(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_UPLOAD_RESPONSE");
     ZV_PayloadReader stream(lpCpd);
     ZV_UploadResponse answer;
     answer.Load(stream);
@@ -294,7 +293,6 @@ void ZV_FileShareSession::FinishUpload()
 
 uint32_t ZV_FileShareSession::HandleUploadFinishResponse(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_UPLOAD_FINISH_Response");
     ZV_PayloadReader stream(lpCpd);
     ZV_UploadFinish finish;
     finish.Load(stream);
