@@ -208,8 +208,8 @@ void ZV_FileShareMgr::TakeNewRights(uint16_t usFileID, const ZV_FileBriefInfo& b
         DropLostDownload(usFileID, lpFsSession);
     if (lpFsSession->IsFileVisible(brief))
     {
-        // An empty file is whole: no division by its length.
-        const double dPercent = brief.m_ulFileLenth == 0 ? 100.0 : 100.0 * ulMaxPos / brief.m_ulFileLenth;
+        // An empty file is whole; otherwise the share first, then the percent.
+        const double dPercent = brief.m_ulFileLenth == 0 ? 100.0 : (double)ulMaxPos / brief.m_ulFileLenth * 100.0;
         NotifyRightChanged(zvResultOk, usFileID, brief, dPercent);
     }
 }
