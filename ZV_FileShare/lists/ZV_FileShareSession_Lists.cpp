@@ -26,7 +26,9 @@ uint32_t ZV_FileShareSession::CollectUploadInfo(QB_Array<ZV_FileUploadInfo>& arr
             notice.ulFloodSeq = ulFloodSeq;
             ZV_PduBuffer pdu;
             notice.Save(pdu.Stream());
-            ZV_SendToServers(lpConf, zvConnNone, PDU_CONF_FS_NOTICE_DEL_DOWNLOAD_INFO_REQUEST, pdu);
+            // The server that starts this notice sends it with the flags 1, 0;
+            // those that pass it on use 1, 1, as for any flood.
+            ZV_SendToServers(lpConf, zvConnNone, PDU_CONF_FS_NOTICE_DEL_DOWNLOAD_INFO_REQUEST, pdu, 1, 0);
         }
     }
     arrInfo.Add(m_FileInfo);

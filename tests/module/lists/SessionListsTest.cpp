@@ -437,6 +437,34 @@ TEST_F(SessionLists, AServerPushesBothListsToAUserWhoEntersThereOnly)
         EXPECT_EQ(33u, sent.ulConn) << sent.usPdu;
 }
 
+// A creator who enters while a file's upload is unfinished uploads it again
+// from its own client: this server is no longer a downloader of the file,
+// and tells the other servers so once, with the flags 1, 0.
+TEST_F(SessionLists, ACreatorWhoEntersWithAnUnfinishedUploadEndsThisServersFetchWithOneNotice)
+{
+    ZV_RecordingNode node(true);
+    ASSERT_EQ(0u, node.mgr.Initialize());
+    node.host.m_bHasServerLinks = true;
+    node.host.AddUser(kAnn, node.host.m_ulServerID, "Ann");
+    node.host.m_mapUserConn[{kAnn.m_ulMain, kAnn.m_ulSub}] = 33;
+    ZV_FileBriefInfo brief = Brief(true);
+    brief.SetFileState(zvFileStateUploading);
+    const QB_UserID self(node.host.m_ulServerID, 0);
+    ZV_FileShareSession& session = AddFile(node, 5, brief);
+    session.SetDownloadInfo(self, Record(5, "C:\\store\\", "n", zvDownloadStateRunning));
+
+    EXPECT_EQ(0u, node.mgr.OnEvent(zvConfEventUserEnter, 0, (uintptr_t)&kAnn, 0, 0));
+    const auto vecNotice = node.host.SentOf(PDU_CONF_FS_NOTICE_DEL_DOWNLOAD_INFO_REQUEST);
+    ASSERT_EQ(1u, vecNotice.size());
+    EXPECT_EQ("servers", vecNotice[0].sRoute);
+    // The conference word, the FileID, this server, the flood's number.
+    EXPECT_EQ(ZV_FromHex("07 00 05 00 01 00 00 00 00 00 00 00 64 00 00 00"), vecNotice[0].data);
+    EXPECT_EQ(1, vecNotice[0].bFlag1);
+    EXPECT_EQ(0, vecNotice[0].bFlag2);
+    ZV_FileDownloadInfo info;
+    EXPECT_FALSE(session.GetDownloadInfo(self, info));
+}
+
 // A batch gathered over several 8056s is told in as few 3013 events as the
 // event buffer holds: files whose entries, as counted, fill it to the byte
 // are one event; one file more makes two, the second holding one file. A
