@@ -5,6 +5,7 @@
 #include "add/ZV_AddPdu.h"
 #include "core/ZV_FileShareSession.h"
 #include "lists/ZV_ListPdu.h"
+#include "wire/ZV_CutList.h"
 #include "wire/ZV_PduTable.h"
 #include "records/ZV_SharePath.h"
 
@@ -70,9 +71,16 @@ uint32_t SendFilesPdu(IZV_ConfHost* lpConf, uint32_t ulConn, uint16_t usPdu, con
     return ZV_SendToLink(lpConf, ulConn, usPdu, pdu);
 }
 
-// A series of 8056 whose last PDU carries bLastFinal. A PDU is cut before
-// the entry that would bring the running size to the buffer's size; the
-// estimate keeps room for each entry's FileID and position.
+template <typename T>
+QB_Array<T> Slice(const QB_Array<T>& arr, int nFrom, int nTo)
+{
+    QB_Array<T> part;
+    for (int i = nFrom; i < nTo && i < arr.GetSize(); ++i)
+        part.Add(arr[i]);
+    return part;
+}
+
+// A series of 8056 whose last PDU carries bLastFinal, cut as a batch is.
 uint32_t SendFilesSeries(IZV_ConfHost* lpConf, uint32_t ulConn, ZV_AddFilesResponse& part,
                          const QB_Array<uint16_t>& arrFileID, const QB_Array<uint32_t>& arrPos,
                          const QB_Array<ZV_FileBriefInfo>& arrInfo, uint8_t bLastFinal, bool bToAll)
@@ -81,31 +89,21 @@ uint32_t SendFilesSeries(IZV_ConfHost* lpConf, uint32_t ulConn, ZV_AddFilesRespo
     QB_ByteStream& stream = pdu.Stream();
     part.SaveHead(stream);
     const int32_t nHeadEnd = stream.GetPos();
-    uint32_t ulRunning = (uint32_t)nHeadEnd + 33;
     const int nCount = arrFileID.GetSize() < arrInfo.GetSize() ? arrFileID.GetSize() : arrInfo.GetSize();
-    for (int i = 0; i < nCount; ++i)
-    {
-        const uint32_t ulSize = ZV_AddFilesEntrySize(arrInfo[i]);
-        if (ulSize + ulRunning >= (uint32_t)QB_PDU_BUFFER_SIZE && !part.arrFileID.IsEmpty())
-        {
-            part.bLast = 0;
-            part.SaveBody(stream);
-            SendFilesPdu(lpConf, ulConn, PDU_CONF_FS_ADD_FILES_RESPONSE, pdu, bToAll);
-            part.arrFileID.RemoveAll();
-            part.arrPos.RemoveAll();
-            part.arrInfo.RemoveAll();
+    uint32_t ulSent = 0;
+    ZV_CutList(
+        (uint32_t)nHeadEnd + ZV_BATCH_HEAD_ROOM, nCount, [&](int i) { return ZV_AddFilesEntrySize(arrInfo[i]); },
+        [&](int nFrom, int nTo, bool bLast) {
+            part.arrFileID = Slice(arrFileID, nFrom, nTo);
+            part.arrPos = Slice(arrPos, nFrom, nTo);
+            part.arrInfo = Slice(arrInfo, nFrom, nTo);
+            part.bLast = bLast ? bLastFinal : 0;
             stream.SeekTo(nHeadEnd);
-            ulRunning = (uint32_t)nHeadEnd + 33;
-        }
-        part.arrFileID.Add(arrFileID[i]);
-        if (i < arrPos.GetSize())
-            part.arrPos.Add(arrPos[i]);
-        part.arrInfo.Add(arrInfo[i]);
-        ulRunning += ulSize;
-    }
-    part.bLast = bLastFinal;
-    part.SaveBody(stream);
-    return SendFilesPdu(lpConf, ulConn, PDU_CONF_FS_ADD_FILES_RESPONSE, pdu, bToAll);
+            part.SaveBody(stream);
+            ulSent = SendFilesPdu(lpConf, ulConn, PDU_CONF_FS_ADD_FILES_RESPONSE, pdu, bToAll);
+        },
+        ZV_BATCH_CUT_LIMIT);
+    return ulSent;
 }
 
 bool NamesFileID(const QB_Array<uint16_t>& arrFileID)
@@ -114,15 +112,6 @@ bool NamesFileID(const QB_Array<uint16_t>& arrFileID)
         if (arrFileID[i] != ZV_NO_FILEID)
             return true;
     return false;
-}
-
-template <typename T>
-QB_Array<T> Slice(const QB_Array<T>& arr, int nFrom, int nTo)
-{
-    QB_Array<T> part;
-    for (int i = nFrom; i < nTo && i < arr.GetSize(); ++i)
-        part.Add(arr[i]);
-    return part;
 }
 
 } // namespace
@@ -315,27 +304,20 @@ uint32_t ZV_FileShareMgr::SendAddFilesRequest(uint32_t ulConn, const QB_UserID& 
     QB_ByteStream& stream = pdu.Stream();
     part.SaveHead(stream);
     const int32_t nHeadEnd = stream.GetPos();
-    uint32_t ulEstimate = (uint32_t)nHeadEnd + 33;
-    for (int i = 0; i < arrInfo.GetSize() && i < arrFileID.GetSize(); ++i)
-    {
-        const uint32_t ulSize = ZV_AddFilesEntrySize(arrInfo[i]);
-        if (ulSize + ulEstimate >= (uint32_t)QB_PDU_BUFFER_SIZE && !part.arrFileID.IsEmpty())
-        {
-            part.bLast = 0;
-            part.SaveBody(stream);
-            ZV_SendToLink(m_lpConf, ulConn, PDU_CONF_FS_ADD_FILES_REQUEST, pdu, 1, 1);
-            part.arrFileID.RemoveAll();
-            part.arrInfo.RemoveAll();
+    const int nCount = arrFileID.GetSize() < arrInfo.GetSize() ? arrFileID.GetSize() : arrInfo.GetSize();
+    uint32_t ulSent = 0;
+    ZV_CutList(
+        (uint32_t)nHeadEnd + ZV_BATCH_HEAD_ROOM, nCount, [&](int i) { return ZV_AddFilesEntrySize(arrInfo[i]); },
+        [&](int nFrom, int nTo, bool bLast) {
+            part.arrFileID = Slice(arrFileID, nFrom, nTo);
+            part.arrInfo = Slice(arrInfo, nFrom, nTo);
+            part.bLast = bLast ? 1 : 0;
             stream.SeekTo(nHeadEnd);
-            ulEstimate = (uint32_t)nHeadEnd + 33;
-        }
-        part.arrFileID.Add(arrFileID[i]);
-        part.arrInfo.Add(arrInfo[i]);
-        ulEstimate += ulSize;
-    }
-    part.bLast = 1;
-    part.SaveBody(stream);
-    return ZV_SendToLink(m_lpConf, ulConn, PDU_CONF_FS_ADD_FILES_REQUEST, pdu, 1, 1);
+            part.SaveBody(stream);
+            ulSent = ZV_SendToLink(m_lpConf, ulConn, PDU_CONF_FS_ADD_FILES_REQUEST, pdu);
+        },
+        ZV_BATCH_CUT_LIMIT);
+    return ulSent;
 }
 
 uint32_t ZV_FileShareMgr::SendAddFilesResponse(uint32_t ulConn, uint32_t ulResult, const QB_UserID& user,

@@ -8,6 +8,7 @@
 #include "core/ZV_FileShareSession.h"
 #include "delete/ZV_DeletePdu.h"
 #include "lists/ZV_ListPdu.h"
+#include "wire/ZV_CutList.h"
 
 #include "QB_Log.h"
 

@@ -6,6 +6,7 @@
 #include "rights/ZV_EntryPdu.h"
 #include "core/ZV_FileShareSession.h"
 #include "lists/ZV_ListPdu.h"
+#include "wire/ZV_CutList.h"
 
 #include "QB_Log.h"
 

@@ -5,6 +5,7 @@
 #include "core/ZV_FileShareMgr.h"
 #include "core/ZV_FileShareSession.h"
 #include "lists/ZV_ListPdu.h"
+#include "wire/ZV_CutList.h"
 
 #include "QB_Log.h"
 
