@@ -6,6 +6,7 @@
 #include "core/ZV_FileShareSession.h"
 #include "wire/ZV_PduTable.h"
 #include "records/ZV_SharePath.h"
+#include "core/ZV_Percent.h"
 
 #include "QB_FileEx.h"
 #include "QB_Log.h"
@@ -175,7 +176,8 @@ uint32_t ZV_FileShareMgr::HandleAddResponse(ConfPduData* lpCpd)
     answer.Load(stream);
     if (!m_lpConf->IsClientMode())
         return answer.ulResult;
-    const double dPercent = (double)answer.ulWritePos / answer.brief.m_ulFileLenth * 100.0;
+    // As an add has always shown it: an empty file's share is not a number.
+    const double dPercent = ZV_PercentOfShare(answer.ulWritePos, answer.brief.m_ulFileLenth, ZV_IfEmpty::Quotient);
     // A file said to be the local user's that the user never shared gets
     // no session, so no later PDU can make this client read it.
     if (answer.ulResult == zvResultOk && IsUntrustedAdd(answer.brief, "ZV_FileShareMgr.HandleAddResponse"))

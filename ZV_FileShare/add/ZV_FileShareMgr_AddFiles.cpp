@@ -8,6 +8,7 @@
 #include "wire/ZV_CutList.h"
 #include "wire/ZV_PduTable.h"
 #include "records/ZV_SharePath.h"
+#include "core/ZV_Percent.h"
 
 #include "QB_FileEx.h"
 #include "QB_Log.h"
@@ -190,10 +191,9 @@ uint32_t ZV_FileShareMgr::TakeAddedFile(const ZV_AddFilesResponse& answer, int n
     const uint16_t usFileID = answer.arrFileID[nIndex];
     const ZV_FileBriefInfo& brief = answer.arrInfo[nIndex];
     const uint32_t ulPos = nIndex < answer.arrPos.GetSize() ? answer.arrPos[nIndex] : 0;
+    // In percent, and as for one file an empty file's share is not a number.
     if (bVisible)
-    {
-        NotePendingFile(usFileID, (double)ulPos / brief.m_ulFileLenth * 100.0);
-    }
+        NotePendingFile(usFileID, ZV_PercentOfShare(ulPos, brief.m_ulFileLenth, ZV_IfEmpty::Quotient));
     QB_Lock lock(&m_mapSession);
     if (TakeRepeatedFile(usFileID, brief, ulPos))
         return zvResultOk;

@@ -10,8 +10,7 @@
 #include "control/ZV_ControlPdu.h"
 #include "rights/ZV_RightsPdu.h"
 #include "core/ZV_FileShareMgr.h"
-
-#include <cmath>
+#include "core/ZV_Percent.h"
 
 namespace {
 
@@ -19,18 +18,12 @@ namespace {
 // flood over 0x1000 and up.
 constexpr uint16_t kFirstServerConnType = 23;
 
-// Progress is published in ten-thousandths of the file.
-constexpr uint32_t kProgressScale = 10000;
+// A whole file's progress, in ten-thousandths.
+constexpr uint32_t kProgressWhole = 10000;
 
 bool IsClientRequest(const ConfPduData* lpCpd)
 {
     return lpCpd->conn_type < kFirstServerConnType;
-}
-
-// The share of the file that has arrived; an empty file is whole at once.
-double ShareOf(uint32_t ulPos, uint32_t ulLength)
-{
-    return ulLength == 0 ? 1.0 : (double)ulPos / ulLength;
 }
 
 } // namespace
@@ -185,7 +178,7 @@ uint32_t ZV_FileShareSession::HandleIsStopUploadResponse(ConfPduData* lpCpd)
     if (ulResult == zvResultOk)
     {
         if (bStop)
-            NotifyUploadProgress(usFileID, ShareOf(ulPos, m_BriefInfo.m_ulFileLenth) * 100.0);
+            NotifyUploadProgress(usFileID, ZV_PercentOfShare(ulPos, m_BriefInfo.m_ulFileLenth, ZV_IfEmpty::Whole));
         NotifyTransferState(1, usFileID, m_BriefInfo.m_usFileState);
         m_LocalDownload.SetLastTick(ZV_Now());
     }
@@ -265,9 +258,8 @@ void ZV_FileShareSession::TakeProgress(uint16_t usFileID, uint32_t ulPos)
         m_File.Close();
     if (!IsFileVisible(m_BriefInfo))
         return;
-    const double dShare = ShareOf(ulPos, ulLength);
-    NotifyUploadProgress(usFileID, dShare * 100.0);
-    if (dShare >= 1.0 && bCreator)
+    NotifyUploadProgress(usFileID, ZV_PercentOfShare(ulPos, ulLength, ZV_IfEmpty::Whole));
+    if (ulPos >= ulLength && bCreator)
         m_lpMgr->MarkBusy(false, usFileID);
 }
 
@@ -515,10 +507,10 @@ uint32_t ZV_FileShareSession::SendProgressing(uint32_t ulConn, uint16_t usFileID
     const uint32_t ulLength = m_FileInfo.m_BriefInfo.m_ulFileLenth;
     if (ulPos >= ulLength)
     {
-        m_ulProgress = kProgressScale;
+        m_ulProgress = kProgressWhole;
         return ZV_SendToGroup(Conf(), ulConn, PDU_CONF_FS_PROGRESSING_RESPONSE, pdu);
     }
-    const uint32_t ulValue = (uint32_t)std::floor((double)ulPos / ulLength * (double)kProgressScale);
+    const uint32_t ulValue = ZV_ProgressStep(ulPos, ulLength);
     if (ulValue == m_ulProgress)
         return 0;
     m_ulProgress = ulValue;

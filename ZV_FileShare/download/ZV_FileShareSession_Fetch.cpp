@@ -5,6 +5,7 @@
 #include "download/ZV_DownloadPdu.h"
 #include "core/ZV_FileShareMgr.h"
 #include "upload/ZV_UploadPdu.h"
+#include "core/ZV_Percent.h"
 
 #include "QB_FileEx.h"
 #include "QB_Log.h"
@@ -18,11 +19,6 @@ constexpr uint32_t kOpenForDownload = QB_FILE_READWRITE | QB_FILE_OPEN_ALWAYS;
 // A client's target besides: a link planted at the user's path would make
 // the client write where the link points.
 constexpr uint32_t kOpenClientTarget = kOpenForDownload | QB_FILE_NO_LINK;
-
-double Percent(uint32_t ulPos, uint32_t ulLength)
-{
-    return ulLength == 0 ? 100.0 : 100.0 * ulPos / ulLength;
-}
 
 } // namespace
 
@@ -237,7 +233,8 @@ bool ZV_FileShareSession::AdvanceLocalDownload(uint32_t ulCount)
 void ZV_FileShareSession::OnClientBlock(uint16_t usFileID, bool bFinished)
 {
     ZV_FileDownloadInfo& download = m_LocalDownload;
-    NotifyDownloadProgress(zvResultOk, usFileID, Percent(download.m_ulDownloadPos, download.m_ulFileLenth),
+    NotifyDownloadProgress(zvResultOk, usFileID,
+                           ZV_PercentScaledFirst(download.m_ulDownloadPos, download.m_ulFileLenth, ZV_IfEmpty::Whole),
                            download.m_ulUsedTime);
     if (bFinished)
     {
@@ -307,7 +304,8 @@ void ZV_FileShareSession::FailDownload(const ConfPduData* lpCpd, uint32_t ulResu
     SendIsStopDownloadRequest(ulCmdConn != zvConnNone ? ulCmdConn : lpCpd->ulConn, usFileID, &user, 0, 1);
     QB_WriteLog(QB_LOG_DAILY, "fileshare", "HandleDownloadDataResponse...ulResult=%d.\r\n", (int)ulResult);
     NotifyDownloadState(ulResult, usFileID, m_LocalDownload,
-                        Percent(m_LocalDownload.m_ulDownloadPos, m_LocalDownload.m_ulFileLenth));
+                        ZV_PercentScaledFirst(m_LocalDownload.m_ulDownloadPos, m_LocalDownload.m_ulFileLenth,
+                                              ZV_IfEmpty::Whole));
 }
 
 // The relay's clients hear of it as of a failed upload, and the upstream

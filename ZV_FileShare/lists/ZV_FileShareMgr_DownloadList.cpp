@@ -7,6 +7,7 @@
 #include "core/ZV_FileShareSession.h"
 #include "lists/ZV_ListPdu.h"
 #include "wire/ZV_CutList.h"
+#include "core/ZV_Percent.h"
 
 #include "QB_Log.h"
 
@@ -146,8 +147,8 @@ void ZV_FileShareMgr::TakeListedDownload(const ConfPduData* lpCpd, ZV_FileDownlo
     if (m_lpConfSink == nullptr)
         return;
     QB_WriteLog(QB_LOG_DAILY, "HandleGetDownloadSessionListResponse...fileshare", "ulResult=%d.\r\n", (int)ulResult);
-    const double dPercent = r.m_ulFileLenth == 0 ? 100.0 : (double)ulSize / r.m_ulFileLenth * 100.0;
-    lpFsSession->NotifyDownloadState(ulResult, usFileID, r, dPercent);
+    lpFsSession->NotifyDownloadState(ulResult, usFileID, r,
+                                     ZV_PercentOfShare(ulSize, r.m_ulFileLenth, ZV_IfEmpty::Whole));
 }
 
 // False when the entry ends before the local record takes it.

@@ -6,6 +6,7 @@
 #include "core/ZV_FileShareSession.h"
 #include "lists/ZV_ListPdu.h"
 #include "wire/ZV_CutList.h"
+#include "core/ZV_Percent.h"
 
 #include "QB_Log.h"
 
@@ -185,7 +186,8 @@ void ZV_FileShareMgr::MergeListedFile(const ZV_FileUploadInfo& entry, uint32_t u
     const uint32_t ulLength = lpFsSession->BriefInfo().m_ulFileLenth;
     m_arrPendingFileID.Add(entry.m_usFileID);
     m_arrPendingInfo.Add(lpFsSession->BriefInfo());
-    m_arrPendingRate.Add(ulLength == 0 ? 10000.0 : (double)ulMaxPos / ulLength * 10000.0);
+    // On a scale of 10000, unlike a batch's percent.
+    m_arrPendingRate.Add(ZV_TenThousandthsOfShare(ulMaxPos, ulLength, ZV_IfEmpty::Whole));
 }
 
 void ZV_FileShareMgr::RaisePendingFiles()

@@ -6,6 +6,7 @@
 #include "rights/ZV_EntryPdu.h"
 #include "core/ZV_FileShareSession.h"
 #include "rights/ZV_RightsPdu.h"
+#include "core/ZV_Percent.h"
 
 #include "QB_FileEx.h"
 #include "QB_Log.h"
@@ -207,11 +208,8 @@ void ZV_FileShareMgr::TakeNewRights(uint16_t usFileID, const ZV_FileBriefInfo& b
     if (local != brief.m_CreatorID && MayHave(old, local) && !MayHave(brief, local))
         DropLostDownload(usFileID, lpFsSession);
     if (lpFsSession->IsFileVisible(brief))
-    {
-        // An empty file is whole; otherwise the share first, then the percent.
-        const double dPercent = brief.m_ulFileLenth == 0 ? 100.0 : (double)ulMaxPos / brief.m_ulFileLenth * 100.0;
-        NotifyRightChanged(zvResultOk, usFileID, brief, dPercent);
-    }
+        NotifyRightChanged(zvResultOk, usFileID, brief,
+                           ZV_PercentOfShare(ulMaxPos, brief.m_ulFileLenth, ZV_IfEmpty::Whole));
 }
 
 // A finished download is the user's file now and stays; a partial one goes.
