@@ -297,8 +297,6 @@ private:
     // ---- what a session and the manager's own helpers ask of the manager
     // A new session under this manager's storage folder, not in the map yet.
     std::unique_ptr<ZV_FileShareSession> MakeSession();
-    // The lock that FileID allocation and the client's merging handlers take.
-    QB_Locker& SessionLock() { return m_mapSession; }
     // Whether usFileID is reserved by an add whose session is not made yet.
     bool IsReservedFileID(uint16_t usFileID);
     // The files of a batch the user side will hear of in one report, and
@@ -332,7 +330,6 @@ private:
     void AnswerRefusedAdd(uint16_t usAnswer, QB_ByteStream& stream, uint32_t ulConn);
     void OnClientConnect(uint16_t usConnType);
     void OnServerConnect(const QB_UserID* lpPeer, uint16_t usConnType);
-    void DeleteAllSessions();
     uint32_t CheckClientAdd(ZV_AddRequest& ask);
     uint32_t FinishServerAdd(ConfPduData* lpCpd, const ZV_AddRequest& ask, ZV_FileShareSession* lpFsSession);
     bool TakeFileIDs(ConfPduData* lpCpd, ZV_AddFilesRequest& ask);

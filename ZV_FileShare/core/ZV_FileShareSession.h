@@ -326,7 +326,6 @@ public:
     bool IsUploadStopped() const { return m_bStopUpload; }
     void SetUploadStopped(bool bStopped) { m_bStopUpload = bStopped; }
     uint32_t ReadPos() const { return m_ulReadPos; }
-    void SetReadPos(uint32_t ulPos) { m_ulReadPos = ulPos; }
     // The next block that does not fit asks once for the position.
     void SetResyncPending() { m_bResyncPending = true; }
     // Client: the one download answer this session will take is one for
