@@ -108,6 +108,8 @@ uint32_t ZV_FileShareMgr::FsAdd(const char16_t* szPath, const QB_UserID* pRight,
         const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
         if (ulConn == zvConnNone)
             return FsAddFailed(zvResultNoConnection);
+        // A failed save is logged by the ledger; the row holds for this run,
+        // and after a restart the user shares again.
         m_ShareLedger.Remember(m_lpConf->GetConfID(), brief);
         return SendAddRequest(ulConn, ZV_NO_FILEID, *m_lpConf->GetLocalUserID(), 0, brief, bStartUpload);
     });

@@ -283,6 +283,8 @@ uint32_t ZV_FileShareMgr::FsFilesAdd(const char16_t* szFolder, const char16_t* c
         }
         if (!arrInfo.IsEmpty())
         {
+            // A failed save is logged by the ledger; the rows hold for this run,
+            // and after a restart the user shares again.
             m_ShareLedger.Remember(m_lpConf->GetConfID(), arrInfo);
             SendAddFilesRequest(ulConn, *m_lpConf->GetLocalUserID(), 0, bStartUpload, arrFileID, arrInfo);
         }

@@ -72,6 +72,7 @@ void ZV_FileShareMgr::RemoveStoredFile(uint16_t usFileID, ZV_FileShareSession* l
     const bool bPlain = ZV_FileCatalog::IsPlainFileName(QB_StringA(lpFsSession->FileInfo().m_sFileNewName));
     TakeSession(usFileID);
     // A session without a stored name would name the folder itself.
+    // Tried once: a stored file that stays is no row's and goes to no one.
     if (bPlain)
         QB_FileEx::Delete(sPath);
     m_Catalog.DeleteFile((uint16_t)m_lpConf->GetConfID(), usFileID);
@@ -94,6 +95,7 @@ uint32_t ZV_FileShareMgr::CleanData()
             const QB_StringU8 sName = lpGone->FileInfo().m_sFileNewName;
             const QB_StringW sPath = lpGone->GetConfDir() + QB_StringW(sName);
             lpGone->CloseStoredFiles();
+            // Tried once: a stored file that stays is no row's and goes to no one.
             if (ZV_FileCatalog::IsPlainFileName(QB_StringA(sName)))
                 QB_FileEx::Delete(sPath);
         }

@@ -138,6 +138,7 @@ void ZV_FileShareSession::UndoServerAdd(const QB_StringW& sPath)
 {
     m_lpMgr->Catalog().DeleteFile((uint16_t)Conf()->GetConfID(), m_usFileID);
     m_bCatalogDirty = false;
+    // An empty file that stays is no row's; a later add of its name takes a counter.
     QB_FileEx::Delete(sPath);
 }
 

@@ -59,6 +59,7 @@ uint32_t ZV_FileShareMgr::FsDelDownload(uint16_t usFileID, uint8_t bDeleteFile)
     assert(m_lpConf && "m_lpConf");
     return GuardFs("ZV_FileShareMgr::FsDelDownload exception.\r\n", [&]() -> uint32_t {
         MarkBusy(false, usFileID);
+        // A row the ledger fails to forget (logged) names only a target this user chose.
         m_ShareLedger.ForgetDownload(m_lpConf->GetConfID(), usFileID);
         ZV_FileShareSession* lpFsSession = nullptr;
         QB_StringW sLocalPath;
@@ -199,7 +200,8 @@ uint32_t ZV_FileShareMgr::HandleDelUploadResponse(ConfPduData* lpCpd)
 // creator's own shared file is never a download record, so it stays.
 void ZV_FileShareMgr::DropDeletedSession(uint16_t usFileID, ZV_FileShareSession* lpFsSession)
 {
-    // A file shared later under the same FileID is not what the user asked for.
+    // A file shared later under the same FileID is not what the user asked
+    // for. A row the ledger fails to forget (logged) names only that target.
     m_ShareLedger.ForgetDownload(m_lpConf->GetConfID(), usFileID);
     const ZV_FileDownloadInfo& download = lpFsSession->LocalDownload();
     const bool bNamed = !download.m_sFileName.IsEmpty() && !download.m_sFilePath.IsEmpty();
@@ -211,6 +213,7 @@ void ZV_FileShareMgr::DropDeletedSession(uint16_t usFileID, ZV_FileShareSession*
     else
     {
         lpFsSession->CloseFile();
+        // Tried once: a partial file that stays is the user's to remove.
         if (bNamed)
             QB_FileEx::Delete(LocalPathOf(download));
     }

@@ -62,6 +62,7 @@ uint32_t ZV_FileShareSession::CompareStoredFile(const QB_StringW& sFolder, const
     if (!brief.IsSameFile(row.m_BriefInfo))
     {
         CloseStoredFiles();
+        // One that stays is cut to nothing when the fetch opens it at 0.
         QB_FileEx::Delete(sPath);
         m_FileInfo.SetFileWritePos(0);
         bFetch = true;

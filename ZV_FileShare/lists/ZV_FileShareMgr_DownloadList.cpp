@@ -253,9 +253,11 @@ void ZV_FileShareMgr::DropWithdrawnDownload(uint16_t usFileID, ZV_FileShareSessi
 {
     const ZV_FileDownloadInfo& download = lpFsSession->LocalDownload();
     lpFsSession->CloseFile();
+    // A row the ledger fails to forget (logged) names only a target this user chose.
     m_ShareLedger.ForgetDownload(m_lpConf->GetConfID(), usFileID);
     // The record's path is the local one, or the one the user last asked
-    // for when a restart took the local record.
+    // for when a restart took the local record. Tried once: a partial file
+    // that stays is the user's to remove.
     if (r.m_usState != zvDownloadStateFinished && download.m_usState != zvDownloadStateFinished)
         QB_FileEx::Delete(QB_StringW(r.m_sFilePath + r.m_sFileName));
     lpFsSession->ResetLocalDownload(false);

@@ -162,6 +162,7 @@ void ZV_FileShareMgr::DropUnlistedDownload(uint16_t usFileID, ZV_FileShareSessio
         return;
     }
     lpFsSession->CloseFile();
+    // Tried once: a partial file that stays is the user's to remove.
     QB_FileEx::Delete(sPath);
 }
 

@@ -217,11 +217,13 @@ void ZV_FileShareMgr::DropLostDownload(uint16_t usFileID, ZV_FileShareSession* l
 {
     NotifyFileHidden(zvResultOk, usFileID);
     lpFsSession->CloseFile();
+    // A row the ledger fails to forget (logged) names only a target this user chose.
     m_ShareLedger.ForgetDownload(m_lpConf->GetConfID(), usFileID);
     const ZV_FileDownloadInfo& download = lpFsSession->LocalDownload();
     if (download.m_usState != zvDownloadStateFinished)
     {
         // A record that never named a file names only its folder.
+        // Tried once: a partial file that stays is the user's to remove.
         if (!download.m_sFileName.IsEmpty())
             QB_FileEx::Delete(QB_StringW(download.m_sFilePath) + QB_StringW(download.m_sFileName));
         MarkBusy(false, usFileID);
