@@ -196,7 +196,7 @@ uint32_t ZV_FileShareMgr::HandleAddResponse(ConfPduData* lpCpd)
         return answer.ulResult;
     }
     QB_Lock lock(&m_mapSession);
-    if (TakeRepeatedFile(answer.usFileID, answer.brief, answer.ulWritePos))
+    if (RefreshKnownFile(answer.usFileID, answer.brief, answer.ulWritePos))
         return zvResultOk;
     ZV_FileShareSession* lpFsSession = lpOwned.get();
     ReplaceSession(answer.usFileID, std::move(lpOwned));
@@ -221,7 +221,7 @@ uint32_t ZV_FileShareMgr::HandleAddResponse(ConfPduData* lpCpd)
 // goes, with what it had of a download.
 void ZV_FileShareMgr::ReplaceSession(uint16_t usFileID, std::unique_ptr<ZV_FileShareSession> lpFsSession)
 {
-    const std::unique_ptr<ZV_FileShareSession> lpGone = TakeSession(usFileID);
+    const std::unique_ptr<ZV_FileShareSession> lpGone = DetachSession(usFileID);
     if (lpGone && m_lpConf->IsClientMode())
     {
         DropUnlistedDownload(usFileID, lpGone.get());
@@ -234,13 +234,13 @@ void ZV_FileShareMgr::ReplaceSession(uint16_t usFileID, std::unique_ptr<ZV_FileS
 // A server announces again a file this client holds when a server link came
 // back and the file was set against the peer's. The session stays, with the
 // transfers it runs; it takes the server's description.
-bool ZV_FileShareMgr::TakeRepeatedFile(uint16_t usFileID, const ZV_FileBriefInfo& brief, uint32_t ulPos)
+bool ZV_FileShareMgr::RefreshKnownFile(uint16_t usFileID, const ZV_FileBriefInfo& brief, uint32_t ulPos)
 {
     ZV_FileShareSession* lpFsSession = nullptr;
     if (!m_mapSession.Lookup(usFileID, lpFsSession) || lpFsSession == nullptr ||
         !lpFsSession->BriefInfo().IsSameFile(brief))
         return false;
-    lpFsSession->TakeAnnouncedAgain(brief, ulPos);
+    lpFsSession->ApplyAnnouncedAgain(brief, ulPos);
     return true;
 }
 
@@ -248,10 +248,10 @@ bool ZV_FileShareMgr::TakeRepeatedFile(uint16_t usFileID, const ZV_FileBriefInfo
 void ZV_FileShareMgr::RemoveSession(uint16_t usFileID)
 {
     MarkBusy(false, usFileID);
-    TakeSession(usFileID);
+    DetachSession(usFileID);
 }
 
-std::unique_ptr<ZV_FileShareSession> ZV_FileShareMgr::TakeSession(uint16_t usFileID)
+std::unique_ptr<ZV_FileShareSession> ZV_FileShareMgr::DetachSession(uint16_t usFileID)
 {
     ZV_FileShareSession* lpFsSession = nullptr;
     m_mapSession.Lookup(usFileID, lpFsSession);
@@ -263,7 +263,7 @@ std::unique_ptr<ZV_FileShareSession> ZV_FileShareMgr::TakeSession(uint16_t usFil
 // second throw there still leaves no key behind.
 void ZV_FileShareMgr::DropAddedSession(uint16_t usFileID)
 {
-    const std::unique_ptr<ZV_FileShareSession> lpOwned = TakeSession(usFileID);
+    const std::unique_ptr<ZV_FileShareSession> lpOwned = DetachSession(usFileID);
     if (lpOwned)
         lpOwned->UndoAdd();
 }

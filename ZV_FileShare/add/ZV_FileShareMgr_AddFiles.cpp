@@ -119,7 +119,7 @@ bool NamesFileID(const QB_Array<uint16_t>& arrFileID)
 
 // From the last file to the first, so that with a range that runs out the
 // files at the batch's end keep their place. False when none is left.
-bool ZV_FileShareMgr::TakeFileIDs(ConfPduData* lpCpd, ZV_AddFilesRequest& ask)
+bool ZV_FileShareMgr::AllocBatchFileIDs(ConfPduData* lpCpd, ZV_AddFilesRequest& ask)
 {
     QB_Array<ZV_FileBriefInfo> arrRefused;
     for (int i = ask.arrFileID.GetSize() - 1; i >= 0; --i)
@@ -186,7 +186,7 @@ void ZV_FileShareMgr::StoreAddedFiles(ConfPduData* lpCpd, const ZV_AddFilesReque
 
 // One file of an 8056 on the client: its session, and its place in the
 // report if the batch is visible.
-uint32_t ZV_FileShareMgr::TakeAddedFile(const ZV_AddFilesResponse& answer, int nIndex, bool bVisible)
+uint32_t ZV_FileShareMgr::ApplyAnnouncedFile(const ZV_AddFilesResponse& answer, int nIndex, bool bVisible)
 {
     const uint16_t usFileID = answer.arrFileID[nIndex];
     const ZV_FileBriefInfo& brief = answer.arrInfo[nIndex];
@@ -195,7 +195,7 @@ uint32_t ZV_FileShareMgr::TakeAddedFile(const ZV_AddFilesResponse& answer, int n
     if (bVisible)
         NotePendingFile(usFileID, ZV_PercentOfShare(ulPos, brief.m_ulFileLenth, ZV_IfEmpty::Quotient));
     QB_Lock lock(&m_mapSession);
-    if (TakeRepeatedFile(usFileID, brief, ulPos))
+    if (RefreshKnownFile(usFileID, brief, ulPos))
         return zvResultOk;
     auto lpOwned = MakeSession();
     ZV_FileShareSession* lpFsSession = lpOwned.get();
@@ -217,7 +217,7 @@ void ZV_FileShareMgr::ReportPendingFiles()
     QB_Array<uint16_t> arrFileID;
     QB_Array<double> arrRate;
     QB_Array<ZV_FileBriefInfo> arrInfo;
-    TakePendingFiles(arrFileID, arrRate, arrInfo);
+    DrainPendingFiles(arrFileID, arrRate, arrInfo);
     const int nCount = std::max({arrFileID.GetSize(), arrRate.GetSize(), arrInfo.GetSize()});
     // Event number, result, and the three counts reckoned at their longest,
     // so an estimate that meets the buffer to the byte still fits it.
@@ -236,8 +236,8 @@ void ZV_FileShareMgr::NotePendingFile(uint16_t usFileID, double dRate)
     m_arrPendingRate.Add(dRate);
 }
 
-void ZV_FileShareMgr::TakePendingFiles(QB_Array<uint16_t>& arrFileID, QB_Array<double>& arrRate,
-                                       QB_Array<ZV_FileBriefInfo>& arrInfo)
+void ZV_FileShareMgr::DrainPendingFiles(QB_Array<uint16_t>& arrFileID, QB_Array<double>& arrRate,
+                                        QB_Array<ZV_FileBriefInfo>& arrInfo)
 {
     arrFileID = m_arrPendingFileID;
     arrRate = m_arrPendingRate;
@@ -388,7 +388,7 @@ uint32_t ZV_FileShareMgr::HandleAddFilesRequest(ConfPduData* lpCpd)
     }
     try
     {
-        if (bFromClient && !TakeFileIDs(lpCpd, ask))
+        if (bFromClient && !AllocBatchFileIDs(lpCpd, ask))
             return zvResultOk;
         if (m_lpConf->HasServerLinks())
         {
@@ -426,7 +426,7 @@ uint32_t ZV_FileShareMgr::HandleAddFilesResponse(ConfPduData* lpCpd)
             continue;
         }
         if (ulResult == zvResultOk)
-            ulResult = TakeAddedFile(answer, i, bVisible);
+            ulResult = ApplyAnnouncedFile(answer, i, bVisible);
         if (bVisible)
             m_arrPendingInfo.Add(brief);
     }

@@ -241,7 +241,7 @@ uint32_t ZV_FileShareSession::InitCltAddFileInfo(IZV_ConfHost* lpConf, uint16_t 
 
 // The creator's own upload state is its client's, whatever the server last
 // saw of it.
-void ZV_FileShareSession::TakeAnnouncedAgain(const ZV_FileBriefInfo& brief, uint32_t ulPos)
+void ZV_FileShareSession::ApplyAnnouncedAgain(const ZV_FileBriefInfo& brief, uint32_t ulPos)
 {
     const uint16_t usState = m_BriefInfo.m_usFileState;
     m_BriefInfo = brief;

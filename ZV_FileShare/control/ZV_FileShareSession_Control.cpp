@@ -217,7 +217,7 @@ uint32_t ZV_FileShareSession::HandleProgressingResponse(ConfPduData* lpCpd)
     if (lpCpd->conn_type == zvConfServerTypeCommand)
         PullFromUpstream(lpCpd, progress.user);
     else if (Conf()->IsClientMode())
-        TakeProgress(progress.usFileID, progress.ulPos);
+        ApplyProgress(progress.usFileID, progress.ulPos);
     return 0;
 }
 
@@ -247,7 +247,7 @@ void ZV_FileShareSession::PullFromUpstream(const ConfPduData* lpCpd, const QB_Us
 // A client hears how far the file has arrived at the server. The creator's
 // client keeps its file open until everything has arrived, so that it can
 // send again from any position the server names.
-void ZV_FileShareSession::TakeProgress(uint16_t usFileID, uint32_t ulPos)
+void ZV_FileShareSession::ApplyProgress(uint16_t usFileID, uint32_t ulPos)
 {
     const uint32_t ulLength = m_BriefInfo.m_ulFileLenth;
     const bool bCreator = IsLocalCreator();

@@ -70,7 +70,7 @@ void ZV_FileShareMgr::RemoveStoredFile(uint16_t usFileID, ZV_FileShareSession* l
         SendDelUploadResponse(zvConnNone, usFileID, zvResultOk, usFileID, lpUser, ulFloodSeq, true);
     const QB_StringW sPath = lpFsSession->GetConfDir() + QB_StringW(lpFsSession->FileInfo().m_sFileNewName);
     const bool bPlain = ZV_FileCatalog::IsPlainFileName(QB_StringA(lpFsSession->FileInfo().m_sFileNewName));
-    TakeSession(usFileID);
+    DetachSession(usFileID);
     // A session without a stored name would name the folder itself.
     // Tried once: a stored file that stays is no row's and goes to no one.
     if (bPlain)
@@ -89,7 +89,7 @@ uint32_t ZV_FileShareMgr::CleanData()
         ForEachSession([&](uint16_t usFileID, ZV_FileShareSession*) { arrFileID.Add(usFileID); });
         for (int i = 0; i < arrFileID.GetSize(); ++i)
         {
-            const std::unique_ptr<ZV_FileShareSession> lpGone = TakeSession(arrFileID[i]);
+            const std::unique_ptr<ZV_FileShareSession> lpGone = DetachSession(arrFileID[i]);
             if (!lpGone)
                 continue;
             const QB_StringU8 sName = lpGone->FileInfo().m_sFileNewName;

@@ -114,7 +114,7 @@ public:
                                 uint8_t bStartUpload);
     // Client: the server announced again the file this session holds; the
     // description is the server's, the transfers stay as they stand.
-    void TakeAnnouncedAgain(const ZV_FileBriefInfo& brief, uint32_t ulPos);
+    void ApplyAnnouncedAgain(const ZV_FileBriefInfo& brief, uint32_t ulPos);
     // sName, or sName with "(n)" before its last dot, whichever the folder
     // does not hold yet.
     static void MakeUniqueFileName(const QB_StringW& sFolder, const QB_StringW& sName, QB_StringW& sDst);
@@ -131,12 +131,12 @@ public:
     uint32_t SendFileStateNotice(uint16_t usFileID, uint16_t usState, uint8_t bUpload);
     // Creator's client: a local file that cannot be read ends the upload.
     void FailLocalRead();
-    void TakeUploadAnswer(uint32_t ulResult, uint16_t usFileID, uint32_t ulPos);
+    void ApplyUploadAnswer(uint32_t ulResult, uint16_t usFileID, uint32_t ulPos);
     // Server side of the upload road.
     void PassOnUploadStart(const QB_UserID& user, uint32_t ulFloodSeq);
-    void TakeStartMarker(const QB_UserID& user, uint32_t ulFloodSeq);
-    void TakeUploadBlock(uint32_t ulConn, uint32_t ulResult, const QB_UserID& user, uint32_t ulPos, uint32_t ulLen,
-                         const uint8_t* pData);
+    void ApplyStartMarker(const QB_UserID& user, uint32_t ulFloodSeq);
+    void WriteUploadBlock(uint32_t ulConn, uint32_t ulResult, const QB_UserID& user, uint32_t ulPos, uint32_t ulLen,
+                          const uint8_t* pData);
     uint32_t OpenStoreFile();
     void StoreUploadedBlock(const QB_UserID& user, uint32_t ulPos, uint32_t ulLen);
     void FinishUpload();
@@ -173,7 +173,7 @@ public:
     void FloodDownloadRequest(const QB_UserID& user, uint32_t ulFloodSeq, const QB_StringU8& sPath, uint32_t ulPos);
     uint32_t StartUploadOnDemand(const QB_UserID& downloader);
     void FloodDownloadStop(const QB_UserID& user, bool bStopped);
-    ZV_FileDownloadInfo* TakeBackDownloader(const ZV_DownloadDataRequest& ask);
+    ZV_FileDownloadInfo* ReadmitDownloader(const ZV_DownloadDataRequest& ask);
     void KickDownloadConn(uint32_t ulConn);
     uint32_t SendDownloadBlock(const ConfPduData* lpCpd, uint32_t ulResult, const QB_UserID& user, uint32_t ulPos,
                                uint32_t ulLen, const uint8_t* pData);
@@ -186,8 +186,8 @@ public:
     uint32_t OpenDownloadFile(const QB_StringW& sPath, uint32_t ulPos, uint32_t ulLength, uint32_t ulMode);
     void ReportDownloadAnswer(const ConfPduData* lpCpd, uint32_t ulResult, uint16_t usFileID, const QB_UserID& user,
                               const ZV_FileDownloadInfo& record);
-    void TakeDownloadAnswer(const ConfPduData* lpCpd, ZV_DownloadResponse& answer);
-    uint32_t TakeDownloadBlock(const ConfPduData* lpCpd, QB_ByteStream& stream, ZV_DownloadBlock& block);
+    void ApplyDownloadAnswer(const ConfPduData* lpCpd, ZV_DownloadResponse& answer);
+    uint32_t WriteDownloadBlock(const ConfPduData* lpCpd, QB_ByteStream& stream, ZV_DownloadBlock& block);
     // True when the position has reached the file's length.
     bool AdvanceLocalDownload(uint32_t ulCount);
     void OnClientBlock(uint16_t usFileID, bool bFinished);
@@ -215,7 +215,7 @@ public:
     void ResumeUpload(const ConfPduData* lpCpd, const QB_UserID& user, uint32_t ulFloodSeq);
     // 8022 on a server link makes a relay fetch; on a client it is progress.
     void PullFromUpstream(const ConfPduData* lpCpd, const QB_UserID& user);
-    void TakeProgress(uint16_t usFileID, uint32_t ulPos);
+    void ApplyProgress(uint16_t usFileID, uint32_t ulPos);
     bool IsLocalCreator() const;
     // The timer by role; a stalled server file nudges its uploader or asks
     // the other servers whether they have more.
@@ -249,7 +249,7 @@ public:
 
     // ---- a linked server's list of its files (ZV_FileShareSession_Reconcile.cpp)
     // A file this server hears of first from a peer's list, as listed.
-    void TakePeerFile(uint16_t usFileID, const ZV_FileUploadInfo& entry);
+    void InitPeerFileInfo(uint16_t usFileID, const ZV_FileUploadInfo& entry);
     // Sets the file against this server's catalogue row and stored bytes,
     // and fetches from the peer that sent lpCpd what is missing. sSection
     // gets the row's section, empty for a file new here. 0, or 60 when the

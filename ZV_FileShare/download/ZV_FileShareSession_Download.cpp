@@ -201,7 +201,7 @@ uint32_t ZV_FileShareSession::HandleDownloadDataRequest(ConfPduData* lpCpd)
     const ZV_FileDownloadInfo& record = ask.record;
     ZV_FileDownloadInfo* pEntry = m_mapDownload.Find(user);
     if (pEntry == nullptr && !ZV_IsServerLink(lpCpd->conn_type))
-        pEntry = TakeBackDownloader(ask);
+        pEntry = ReadmitDownloader(ask);
     if (pEntry == nullptr)
         return 0;
     // Active before the kick, so that a host that calls OnSend at once finds
@@ -229,7 +229,7 @@ uint32_t ZV_FileShareSession::HandleDownloadDataRequest(ConfPduData* lpCpd)
 // its entry went with a restart, or with a change of rights made while the
 // user was away and undone since. It would wait for good; it is taken back
 // as from a request at the stated position, if it may still have the file.
-ZV_FileDownloadInfo* ZV_FileShareSession::TakeBackDownloader(const ZV_DownloadDataRequest& ask)
+ZV_FileDownloadInfo* ZV_FileShareSession::ReadmitDownloader(const ZV_DownloadDataRequest& ask)
 {
     const ZV_FileBriefInfo& brief = m_FileInfo.m_BriefInfo;
     const ZV_FileDownloadInfo& record = ask.record;

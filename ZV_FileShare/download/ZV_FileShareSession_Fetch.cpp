@@ -35,7 +35,7 @@ uint32_t ZV_FileShareSession::HandleDownloadResponse(ConfPduData* lpCpd)
     const ZV_FileDownloadInfo before = m_LocalDownload;
     try
     {
-        TakeDownloadAnswer(lpCpd, answer);
+        ApplyDownloadAnswer(lpCpd, answer);
     }
     catch (...)
     {
@@ -49,7 +49,7 @@ uint32_t ZV_FileShareSession::HandleDownloadResponse(ConfPduData* lpCpd)
     return 0;
 }
 
-void ZV_FileShareSession::TakeDownloadAnswer(const ConfPduData* lpCpd, ZV_DownloadResponse& answer)
+void ZV_FileShareSession::ApplyDownloadAnswer(const ConfPduData* lpCpd, ZV_DownloadResponse& answer)
 {
     uint32_t ulResult = answer.ulResult;
     const uint16_t usFileID = answer.usFileID;
@@ -169,7 +169,7 @@ uint32_t ZV_FileShareSession::HandleDownloadDataResponse(ConfPduData* lpCpd)
     block.ZV_AnswerHead::Load(stream);
     uint32_t ulResult = block.ulResult;
     if (ulResult == zvResultOk)
-        ulResult = TakeDownloadBlock(lpCpd, stream, block);
+        ulResult = WriteDownloadBlock(lpCpd, stream, block);
     if (ulResult != zvResultOk)
         FailDownload(lpCpd, ulResult, block.usFileID, block.user);
     return 0;
@@ -180,8 +180,8 @@ uint32_t ZV_FileShareSession::HandleDownloadDataResponse(ConfPduData* lpCpd)
 // length the file was announced with, and a local file never grows beyond
 // it (rather than being written whole with the position stopping at the
 // length).
-uint32_t ZV_FileShareSession::TakeDownloadBlock(const ConfPduData* lpCpd, QB_ByteStream& stream,
-                                                ZV_DownloadBlock& block)
+uint32_t ZV_FileShareSession::WriteDownloadBlock(const ConfPduData* lpCpd, QB_ByteStream& stream,
+                                                 ZV_DownloadBlock& block)
 {
     const uint16_t usFileID = block.usFileID;
     const QB_UserID& user = block.user;

@@ -183,9 +183,9 @@ uint32_t ZV_FileShareMgr::HandleGetFileListResponse(ConfPduData* lpCpd)
         if (lpCpd->conn_type != zvConfServerTypeCommand || !m_lpConf->IsServerMode())
             return 0;
         if (part.bUploadList == 0)
-            TakeListedDownloads(part.arrDownload);
+            EnterListedDownloads(part.arrDownload);
         else
-            TakeListedFiles(lpCpd, part);
+            ApplyListedFiles(lpCpd, part);
     }
     catch (...)
     {
@@ -194,11 +194,11 @@ uint32_t ZV_FileShareMgr::HandleGetFileListResponse(ConfPduData* lpCpd)
     return 0;
 }
 
-void ZV_FileShareMgr::TakeListedFiles(const ConfPduData* lpCpd, const ZV_FileListResponse& part)
+void ZV_FileShareMgr::ApplyListedFiles(const ConfPduData* lpCpd, const ZV_FileListResponse& part)
 {
     ZV_ListedFiles listed;
     for (int i = 0; i < part.arrInfo.GetSize(); ++i)
-        if (!TakeListedFile(lpCpd, part, i, listed))
+        if (!ApplyListedFile(lpCpd, part, i, listed))
             break;
     const QB_UserID* lpLocal = LocalUser();
     const QB_UserID local = lpLocal != nullptr ? *lpLocal : QB_UserID();
@@ -213,8 +213,8 @@ void ZV_FileShareMgr::TakeListedFiles(const ConfPduData* lpCpd, const ZV_FileLis
 }
 
 // One file of the peer's list. False ends the walk of this PDU.
-bool ZV_FileShareMgr::TakeListedFile(const ConfPduData* lpCpd, const ZV_FileListResponse& part, int i,
-                                     ZV_ListedFiles& listed)
+bool ZV_FileShareMgr::ApplyListedFile(const ConfPduData* lpCpd, const ZV_FileListResponse& part, int i,
+                                      ZV_ListedFiles& listed)
 {
     const ZV_FileUploadInfo& entry = part.arrInfo[i];
     const uint16_t usFileID = entry.m_usFileID;
@@ -225,7 +225,7 @@ bool ZV_FileShareMgr::TakeListedFile(const ConfPduData* lpCpd, const ZV_FileList
     if (!bNew)
     {
         // A FileID that an add here has reserved is that add's to fill.
-        if (lpFsSession == nullptr || !TakeListedSession(lpFsSession, entry, part.arrState[i]))
+        if (lpFsSession == nullptr || !RecheckListedSession(lpFsSession, entry, part.arrState[i]))
             return true;
     }
     else if (m_arrDelFileID.Find(usFileID) >= 0)
@@ -233,7 +233,7 @@ bool ZV_FileShareMgr::TakeListedFile(const ConfPduData* lpCpd, const ZV_FileList
     else
     {
         std::unique_ptr<ZV_FileShareSession> lpNew = MakeSession();
-        lpNew->TakePeerFile(usFileID, entry);
+        lpNew->InitPeerFileInfo(usFileID, entry);
         lpFsSession = lpNew.get();
         ReplaceSession(usFileID, std::move(lpNew));
     }
@@ -255,7 +255,7 @@ bool ZV_FileShareMgr::TakeListedFile(const ConfPduData* lpCpd, const ZV_FileList
 // the peer, and is set against the disk once after each loss of a server
 // link. False skips the entry. The file's home server tells the others
 // where the upload stands.
-bool ZV_FileShareMgr::TakeListedSession(ZV_FileShareSession* lpFsSession, const ZV_FileUploadInfo& entry, bool bDone)
+bool ZV_FileShareMgr::RecheckListedSession(ZV_FileShareSession* lpFsSession, const ZV_FileUploadInfo& entry, bool bDone)
 {
     if (!lpFsSession->IsUploadDone())
         lpFsSession->SetUploadDone(bDone);
@@ -290,7 +290,7 @@ bool ZV_FileShareMgr::PassBackDelete(const ConfPduData* lpCpd, const QB_UserID& 
 // entered, resting, and told by its own server that the download stands.
 // Records are taken in the order of the sessions, and within one file in
 // the order of the list.
-void ZV_FileShareMgr::TakeListedDownloads(const QB_Array<ZV_FileDownloadInfo>& arrDownload)
+void ZV_FileShareMgr::EnterListedDownloads(const QB_Array<ZV_FileDownloadInfo>& arrDownload)
 {
     std::unordered_map<uint16_t, std::vector<int>> mapByFileID;
     for (int i = 0; i < arrDownload.GetSize(); ++i)

@@ -15,7 +15,7 @@ constexpr uint32_t kOpenStored = QB_FILE_READWRITE | QB_FILE_OPEN_ALWAYS;
 
 } // namespace
 
-void ZV_FileShareSession::TakePeerFile(uint16_t usFileID, const ZV_FileUploadInfo& entry)
+void ZV_FileShareSession::InitPeerFileInfo(uint16_t usFileID, const ZV_FileUploadInfo& entry)
 {
     m_usFileID = usFileID;
     m_FileInfo = entry;

@@ -120,7 +120,7 @@ uint32_t ZV_FileShareMgr::HandleGetDownloadSessionListResponse(ConfPduData* lpCp
         list.Load(stream);
         uint32_t ulResult = list.ulResult;
         for (int i = 0; i < list.arrInfo.GetSize(); ++i)
-            TakeListedDownload(lpCpd, list.arrInfo[i], list.arrModify[i], list.user, ulResult);
+            ApplyListedDownload(lpCpd, list.arrInfo[i], list.arrModify[i], list.user, ulResult);
     }
     catch (...)
     {
@@ -130,8 +130,8 @@ uint32_t ZV_FileShareMgr::HandleGetDownloadSessionListResponse(ConfPduData* lpCp
 }
 
 // One listed record, under the lock of the map; the event goes after it.
-void ZV_FileShareMgr::TakeListedDownload(const ConfPduData* lpCpd, ZV_FileDownloadInfo r, bool bModify,
-                                         const QB_UserID& listUser, uint32_t& ulResult)
+void ZV_FileShareMgr::ApplyListedDownload(const ConfPduData* lpCpd, ZV_FileDownloadInfo r, bool bModify,
+                                          const QB_UserID& listUser, uint32_t& ulResult)
 {
     const uint16_t usFileID = r.m_usFileID;
     ZV_FileShareSession* lpFsSession = nullptr;

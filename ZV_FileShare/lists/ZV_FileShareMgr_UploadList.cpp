@@ -101,7 +101,7 @@ uint32_t ZV_FileShareMgr::HandleGetUploadSessionListResponse(ConfPduData* lpCpd)
         if (!part.bLast && m_listUpload.GetCount() <= kMaxListed)
             return 0;
         if (part.bLast)
-            TakeUploadList();
+            ApplyUploadList();
     }
     catch (...)
     {
@@ -113,7 +113,7 @@ uint32_t ZV_FileShareMgr::HandleGetUploadSessionListResponse(ConfPduData* lpCpd)
     return 0;
 }
 
-void ZV_FileShareMgr::TakeUploadList()
+void ZV_FileShareMgr::ApplyUploadList()
 {
     const int nListed = m_listUpload.GetCount() + 1;
     m_arrPendingFileID.SetSize(0, nListed);

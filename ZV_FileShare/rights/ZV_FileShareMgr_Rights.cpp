@@ -183,7 +183,7 @@ uint32_t ZV_FileShareMgr::HandleSetRightResponse(ConfPduData* lpCpd)
             return 0;
         }
         QB_Lock lock(&m_mapSession);
-        TakeNewRights(answer.usFileID, answer.brief, answer.ulMaxPos);
+        ApplyNewRights(answer.usFileID, answer.brief, answer.ulMaxPos);
     }
     catch (...)
     {
@@ -194,7 +194,7 @@ uint32_t ZV_FileShareMgr::HandleSetRightResponse(ConfPduData* lpCpd)
 
 // The loss comes first, so that the user side hears "gone" before any new
 // view of the file.
-void ZV_FileShareMgr::TakeNewRights(uint16_t usFileID, const ZV_FileBriefInfo& brief, uint32_t ulMaxPos)
+void ZV_FileShareMgr::ApplyNewRights(uint16_t usFileID, const ZV_FileBriefInfo& brief, uint32_t ulMaxPos)
 {
     ZV_FileShareSession* lpFsSession = nullptr;
     if (!m_mapSession.Lookup(usFileID, lpFsSession) || lpFsSession == nullptr)
