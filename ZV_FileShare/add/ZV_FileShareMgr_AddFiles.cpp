@@ -81,30 +81,51 @@ QB_Array<T> Slice(const QB_Array<T>& arr, int nFrom, int nTo)
     return part;
 }
 
-// A series of 8056 whose last PDU carries bLastFinal, cut as a batch is.
-uint32_t SendFilesSeries(IZV_ConfHost* lpConf, uint32_t ulConn, ZV_AddFilesResponse& part,
-                         const QB_Array<uint16_t>& arrFileID, const QB_Array<uint32_t>& arrPos,
-                         const QB_Array<ZV_FileBriefInfo>& arrInfo, uint8_t bLastFinal, bool bToAll)
+// A batch of 8055 or 8056 (`part`), cut on the batches' count:
+// fnFill(nFrom, nTo, bLast) puts entries [nFrom, nTo) into the part, whose
+// body is then written behind its head and sent by fnSend. The result is
+// the last send's.
+template <typename TPart, typename FnFill, typename FnSend>
+uint32_t SendBatch(TPart& part, int nCount, const QB_Array<ZV_FileBriefInfo>& arrInfo, FnFill fnFill, FnSend fnSend)
 {
     ZV_PduBuffer pdu;
     QB_ByteStream& stream = pdu.Stream();
     part.SaveHead(stream);
     const int32_t nHeadEnd = stream.GetPos();
-    const int nCount = arrFileID.GetSize() < arrInfo.GetSize() ? arrFileID.GetSize() : arrInfo.GetSize();
     uint32_t ulSent = 0;
     ZV_CutList(
         (uint32_t)nHeadEnd + ZV_BATCH_HEAD_ROOM, nCount, [&](int i) { return ZV_AddFilesEntrySize(arrInfo[i]); },
+        [&](int nFrom, int nTo, bool bLast) {
+            fnFill(nFrom, nTo, bLast);
+            stream.SeekTo(nHeadEnd);
+            part.SaveBody(stream);
+            ulSent = fnSend(pdu);
+        },
+        ZV_BATCH_CUT_LIMIT);
+    return ulSent;
+}
+
+int CommonCount(const QB_Array<uint16_t>& arrFileID, const QB_Array<ZV_FileBriefInfo>& arrInfo)
+{
+    return arrFileID.GetSize() < arrInfo.GetSize() ? arrFileID.GetSize() : arrInfo.GetSize();
+}
+
+// A series of 8056 whose last PDU carries bLastFinal.
+uint32_t SendFilesSeries(IZV_ConfHost* lpConf, uint32_t ulConn, ZV_AddFilesResponse& part,
+                         const QB_Array<uint16_t>& arrFileID, const QB_Array<uint32_t>& arrPos,
+                         const QB_Array<ZV_FileBriefInfo>& arrInfo, uint8_t bLastFinal, bool bToAll)
+{
+    return SendBatch(
+        part, CommonCount(arrFileID, arrInfo), arrInfo,
         [&](int nFrom, int nTo, bool bLast) {
             part.arrFileID = Slice(arrFileID, nFrom, nTo);
             part.arrPos = Slice(arrPos, nFrom, nTo);
             part.arrInfo = Slice(arrInfo, nFrom, nTo);
             part.bLast = bLast ? bLastFinal : 0;
-            stream.SeekTo(nHeadEnd);
-            part.SaveBody(stream);
-            ulSent = SendFilesPdu(lpConf, ulConn, PDU_CONF_FS_ADD_FILES_RESPONSE, pdu, bToAll);
         },
-        ZV_BATCH_CUT_LIMIT);
-    return ulSent;
+        [&](const ZV_PduBuffer& pdu) {
+            return SendFilesPdu(lpConf, ulConn, PDU_CONF_FS_ADD_FILES_RESPONSE, pdu, bToAll);
+        });
 }
 
 bool NamesFileID(const QB_Array<uint16_t>& arrFileID)
@@ -302,24 +323,14 @@ uint32_t ZV_FileShareMgr::SendAddFilesRequest(uint32_t ulConn, const QB_UserID& 
     part.user = user;
     part.ulFloodSeq = ulFloodSeq;
     part.bStartUpload = bStartUpload;
-    ZV_PduBuffer pdu;
-    QB_ByteStream& stream = pdu.Stream();
-    part.SaveHead(stream);
-    const int32_t nHeadEnd = stream.GetPos();
-    const int nCount = arrFileID.GetSize() < arrInfo.GetSize() ? arrFileID.GetSize() : arrInfo.GetSize();
-    uint32_t ulSent = 0;
-    ZV_CutList(
-        (uint32_t)nHeadEnd + ZV_BATCH_HEAD_ROOM, nCount, [&](int i) { return ZV_AddFilesEntrySize(arrInfo[i]); },
+    return SendBatch(
+        part, CommonCount(arrFileID, arrInfo), arrInfo,
         [&](int nFrom, int nTo, bool bLast) {
             part.arrFileID = Slice(arrFileID, nFrom, nTo);
             part.arrInfo = Slice(arrInfo, nFrom, nTo);
             part.bLast = bLast ? 1 : 0;
-            stream.SeekTo(nHeadEnd);
-            part.SaveBody(stream);
-            ulSent = ZV_SendToLink(m_lpConf, ulConn, PDU_CONF_FS_ADD_FILES_REQUEST, pdu);
         },
-        ZV_BATCH_CUT_LIMIT);
-    return ulSent;
+        [&](const ZV_PduBuffer& pdu) { return ZV_SendToLink(m_lpConf, ulConn, PDU_CONF_FS_ADD_FILES_REQUEST, pdu); });
 }
 
 uint32_t ZV_FileShareMgr::SendAddFilesResponse(uint32_t ulConn, uint32_t ulResult, const QB_UserID& user,

@@ -5,7 +5,6 @@
 #include "core/ZV_FileShareSession.h"
 #include "wire/ZV_PduTable.h"
 #include "add/ZV_AddPdu.h"
-#include "core/ZV_FileShareMgr.h"
 #include "records/ZV_SharePath.h"
 
 #include "QB_Env.h"

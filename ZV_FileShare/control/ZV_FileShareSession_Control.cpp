@@ -9,7 +9,6 @@
 #include "core/ZV_FileShareSession.h"
 #include "control/ZV_ControlPdu.h"
 #include "rights/ZV_RightsPdu.h"
-#include "core/ZV_FileShareMgr.h"
 #include "core/ZV_Percent.h"
 
 namespace {

@@ -38,6 +38,7 @@
 
 class ZV_FileShareSession;
 struct ZV_AddFilesRequest;
+struct ZV_EventTarget;
 struct ZV_AddFilesResponse;
 struct ZV_AddRequest;
 struct ZV_FileListResponse;
@@ -204,7 +205,8 @@ private:
 
     // ---- the roads of the bytes are the sessions' (ZV_FileShareSession_*.cpp)
 
-    // ---- events to the user side that the manager raises
+    // ---- events to the user side that the manager raises (ZV_FileShareMgr_Notify.cpp)
+    ZV_EventTarget Events() const;
     void NotifyFileAdded(uint32_t ulResult, uint16_t usFileID, const ZV_FileBriefInfo& brief, double dPercent);
     void NotifyRightChanged(uint32_t ulResult, uint16_t usFileID, const ZV_FileBriefInfo& brief, double dPercent);
     void NotifyFileHidden(uint32_t ulResult, uint16_t usFileID);

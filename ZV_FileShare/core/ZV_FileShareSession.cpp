@@ -3,7 +3,6 @@
 #include "core/ZV_FileShareSession.h"
 #include "download/ZV_DownloadPdu.h"
 #include "records/ZV_FileCatalog.h"
-#include "core/ZV_FileShareMgr.h"
 #include "records/ZV_SharePath.h"
 #include "wire/ZV_PduTable.h"
 #include "wire/ZV_RecordStream.h"
@@ -126,6 +125,13 @@ uint32_t ZV_FileShareSession::SendDownloadDataRequest(uint32_t ulConn, uint16_t 
     ZV_PduBuffer pdu;
     ask.Save(pdu.Stream());
     return ZV_SendToLink(Conf(), ulConn, PDU_CONF_FS_DOWNLOAD_DATA_REQUEST, pdu);
+}
+
+uint32_t ZV_FileShareSession::AskForBlocks(uint32_t ulConn, uint16_t usFileID, const QB_UserID& user,
+                                           const ZV_FileDownloadInfo& download)
+{
+    m_bResyncPending = true;
+    return SendDownloadDataRequest(ulConn, usFileID, user, download);
 }
 
 bool ZV_FileShareSession::SaveToCatalog()

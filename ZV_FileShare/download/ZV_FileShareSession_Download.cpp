@@ -11,7 +11,6 @@
 #include "core/ZV_FileShareSession.h"
 #include "control/ZV_ControlPdu.h"
 #include "download/ZV_DownloadPdu.h"
-#include "core/ZV_FileShareMgr.h"
 #include "wire/ZV_PduTable.h"
 #include "upload/ZV_UploadPdu.h"
 

@@ -3,9 +3,9 @@
 // (8015) and takes the blocks (8013) that fit its position.
 #include "core/ZV_FileShareSession.h"
 #include "download/ZV_DownloadPdu.h"
-#include "core/ZV_FileShareMgr.h"
 #include "upload/ZV_UploadPdu.h"
 #include "core/ZV_Percent.h"
+#include "records/ZV_FileCatalog.h"
 
 #include "QB_FileEx.h"
 #include "QB_Log.h"
@@ -79,8 +79,7 @@ void ZV_FileShareSession::ApplyDownloadAnswer(const ConfPduData* lpCpd, ZV_Downl
     m_bDownloadFailed = ulResult != zvResultOk;
     if (ulResult != zvResultOk)
         return;
-    m_bResyncPending = true;
-    SendDownloadDataRequest(lpCpd->ulConn, usFileID, user, record);
+    AskForBlocks(lpCpd->ulConn, usFileID, user, record);
     // No block can come for a download that starts at the file's end, an
     // empty file above all: it is whole as it is.
     if (!bRelay && record.m_ulDownloadPos >= record.m_ulFileLenth)
@@ -198,9 +197,8 @@ uint32_t ZV_FileShareSession::WriteDownloadBlock(const ConfPduData* lpCpd, QB_By
         // are dropped until one fits.
         if (!m_bResyncPending)
         {
-            m_bResyncPending = true;
             const ZV_FileDownloadInfo copy = download;
-            SendDownloadDataRequest(lpCpd->ulConn, usFileID, user, copy);
+            AskForBlocks(lpCpd->ulConn, usFileID, user, copy);
         }
         return zvResultOk;
     }

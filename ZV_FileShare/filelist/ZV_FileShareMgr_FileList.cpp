@@ -259,9 +259,8 @@ bool ZV_FileShareMgr::RecheckListedSession(ZV_FileShareSession* lpFsSession, con
 {
     if (!lpFsSession->IsUploadDone())
         lpFsSession->SetUploadDone(bDone);
-    if (lpFsSession->IsSynced())
+    if (!lpFsSession->MarkSynced())
         return false;
-    lpFsSession->SetSynced();
     return RepublishUpload(lpFsSession, entry.m_BriefInfo.m_CreatorID, entry.m_BriefInfo.m_usFileState);
 }
 

@@ -4,7 +4,6 @@
 #include "core/ZV_FileShareSession.h"
 #include "control/ZV_ControlPdu.h"
 #include "records/ZV_FileCatalog.h"
-#include "core/ZV_FileShareMgr.h"
 
 #include "QB_FileEx.h"
 
@@ -93,6 +92,13 @@ uint32_t ZV_FileShareSession::NameNewStoredFile(const QB_StringW& sFolder, const
     MakeUniqueFileName(sFolder, MakeStoredFileName(sFolder, QB_StringW(brief.m_sFileOldName)), sName);
     m_FileInfo.SetFileNewName(sName);
     return MakeDirs(sFolder) ? zvResultOk : zvResultCannotOpen;
+}
+
+bool ZV_FileShareSession::MarkSynced()
+{
+    const bool bWasOut = !m_bSynced;
+    m_bSynced = true;
+    return bWasOut;
 }
 
 void ZV_FileShareSession::CloseStoredFiles()

@@ -44,9 +44,10 @@ uint32_t ZV_FileShareMgr::HandleGetDownloadSessionListRequest(ConfPduData* lpCpd
 void ZV_FileShareMgr::CollectDownloadInfo(uint16_t usFileID, ZV_FileShareSession* lpFsSession, const QB_UserID& user,
                                           QB_Array<ZV_FileDownloadInfo>& arrInfo, QB_Array<bool>& arrModify)
 {
-    ZV_FileDownloadInfo info;
-    if (!lpFsSession->GetDownloadInfo(user, info))
+    const ZV_FileDownloadInfo* pEntry = lpFsSession->FindDownloadEntry(user);
+    if (pEntry == nullptr)
         return;
+    ZV_FileDownloadInfo info = *pEntry;
     const ZV_FileBriefInfo& brief = lpFsSession->FileInfo().m_BriefInfo;
     bool bModify = false;
     if (!brief.m_bPublic && brief.m_arrRight.Find(user) < 0)
@@ -242,8 +243,7 @@ void ZV_FileShareMgr::RestartListedDownload(const ConfPduData* lpCpd, ZV_FileSha
         MarkBusy(true, usFileID);
         r.SetState(zvDownloadStateRunning);
     }
-    lpFsSession->SetResyncPending();
-    lpFsSession->SendDownloadDataRequest(lpCpd->ulConn, usFileID, me, r);
+    lpFsSession->AskForBlocks(lpCpd->ulConn, usFileID, me, r);
 }
 
 // The right went while the user was away: the partial file goes, and the

@@ -4,7 +4,6 @@
 // rights (8003), which each server answers to all its clients with 8004.
 #include "core/ZV_FileShareSession.h"
 #include "rights/ZV_EntryPdu.h"
-#include "core/ZV_FileShareMgr.h"
 #include "rights/ZV_RightsPdu.h"
 
 namespace {

@@ -11,7 +11,6 @@
 // flood between servers), then the senders.
 #include "core/ZV_FileShareSession.h"
 #include "control/ZV_ControlPdu.h"
-#include "core/ZV_FileShareMgr.h"
 #include "upload/ZV_UploadPdu.h"
 
 #include "QB_Log.h"

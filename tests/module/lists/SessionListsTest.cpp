@@ -118,7 +118,7 @@ struct SessionLists : ::testing::Test
     static ZV_FileDownloadInfo Held(ZV_FileShareSession& session, const QB_UserID& user)
     {
         ZV_FileDownloadInfo info;
-        EXPECT_TRUE(session.GetDownloadInfo(user, info));
+        EXPECT_TRUE(ZV_FileShareSessionPeer::Downloads(session).Lookup(user, info));
         return info;
     }
     template <class TList> static std::vector<TList> Pieces(ZV_RecordingNode& node, uint16_t usPdu)
@@ -247,7 +247,7 @@ TEST_F(SessionLists, AServerRestsRenewsOrWithdrawsEachRecordItLists)
     EXPECT_FALSE(Held(same, kBob).m_bActive) << "nothing is sent until Bob asks again";
     EXPECT_TRUE(Held(anew, kBob).m_dtShareTime == SharedOn(20));
     ZV_FileDownloadInfo gone;
-    EXPECT_FALSE(hidden.GetDownloadInfo(kBob, gone));
+    EXPECT_FALSE(ZV_FileShareSessionPeer::Downloads(hidden).Lookup(kBob, gone));
     const auto vecDrop = node.host.SentOf(PDU_CONF_FS_DEL_DOWNLOAD_REQUEST);
     ASSERT_EQ(1u, vecDrop.size());
     EXPECT_EQ("servers", vecDrop[0].sRoute);
@@ -269,7 +269,7 @@ TEST_F(SessionLists, AServerRestsRenewsOrWithdrawsEachRecordItLists)
     vecParts = Pieces<ZV_DownloadListResponse>(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE);
     ASSERT_EQ(1u, vecParts.size());
     EXPECT_EQ(3, vecParts[0].arrInfo.GetSize()) << "the seen record is not listed";
-    EXPECT_TRUE(seen.GetDownloadInfo(kBob, gone)) << "and stays";
+    EXPECT_TRUE(ZV_FileShareSessionPeer::Downloads(seen).Lookup(kBob, gone)) << "and stays";
     EXPECT_TRUE(node.host.SentOf(PDU_CONF_FS_DEL_DOWNLOAD_REQUEST).empty());
 }
 
@@ -462,7 +462,7 @@ TEST_F(SessionLists, ACreatorWhoEntersWithAnUnfinishedUploadEndsThisServersFetch
     EXPECT_EQ(1, vecNotice[0].bFlag1);
     EXPECT_EQ(0, vecNotice[0].bFlag2);
     ZV_FileDownloadInfo info;
-    EXPECT_FALSE(session.GetDownloadInfo(self, info));
+    EXPECT_FALSE(ZV_FileShareSessionPeer::Downloads(session).Lookup(self, info));
 }
 
 // A batch gathered over several 8056s is told in as few 3013 events as the
