@@ -109,6 +109,14 @@ QB_FileHandle QB_FaultEnv::OpenFile(const std::u16string& sPath, uint32_t ulMode
     return Fails(QB_EnvOp::Open) ? QB_INVALID_FILE : m_lpTarget->OpenFile(sPath, ulMode);
 }
 
+QB_FileHandle QB_FaultEnv::OpenFileBelow(const std::u16string& sBase, const std::u16string& sBelow, uint32_t ulMode,
+                                         bool* pbLink)
+{
+    if (pbLink != nullptr)
+        *pbLink = false;
+    return Fails(QB_EnvOp::Open) ? QB_INVALID_FILE : m_lpTarget->OpenFileBelow(sBase, sBelow, ulMode, pbLink);
+}
+
 bool QB_FaultEnv::CloseFile(QB_FileHandle hFile)
 {
     return m_lpTarget->CloseFile(hFile);
@@ -148,6 +156,11 @@ bool QB_FaultEnv::GetFileTimes(QB_FileHandle hFile, QB_SystemTime* pCreation, QB
                                QB_SystemTime* pLastAccess)
 {
     return m_lpTarget->GetFileTimes(hFile, pCreation, pLastWrite, pLastAccess);
+}
+
+bool QB_FaultEnv::GetFileId(QB_FileHandle hFile, uint64_t* pDevice, uint64_t* pNumber)
+{
+    return m_lpTarget->GetFileId(hFile, pDevice, pNumber);
 }
 
 bool QB_FaultEnv::DeleteFile(const std::u16string& sPath)
