@@ -44,6 +44,14 @@ uint32_t ZV_FileShareMgr::FsDelUpload(uint16_t usFileID)
         if (const uint32_t ulFound = LookupSession(usFileID, lpFsSession); ulFound != zvResultOk)
             return ulFound;
         lpFsSession->SetUploadStopped(true);
+        // The user withdraws the share whatever the server answers: no word
+        // of a server makes this client read the file again.
+        if (lpFsSession->IsLocalCreator())
+        {
+            m_ShareLedger.Forget(m_lpConf->GetConfID(), lpFsSession->BriefInfo());
+            lpFsSession->WithdrawLocalShare();
+            MarkBusy(false, usFileID);
+        }
         const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
         if (ulConn == zvConnNone)
             return zvResultNoConnection;
@@ -203,6 +211,10 @@ void ZV_FileShareMgr::DropDeletedSession(uint16_t usFileID, ZV_FileShareSession*
     // A file shared later under the same FileID is not what the user asked
     // for. A row the ledger fails to forget (logged) names only that target.
     m_ShareLedger.ForgetDownload(m_lpConf->GetConfID(), usFileID);
+    // A file of the user's own that left the conference is shared again
+    // only by the user.
+    if (lpFsSession->IsLocalCreator())
+        m_ShareLedger.Forget(m_lpConf->GetConfID(), lpFsSession->BriefInfo());
     const ZV_FileDownloadInfo& download = lpFsSession->LocalDownload();
     const bool bNamed = !download.m_sFileName.IsEmpty() && !download.m_sFilePath.IsEmpty();
     if (download.m_usState == zvDownloadStateFinished || download.m_usState == zvDownloadStateNew)
