@@ -275,6 +275,9 @@ public:
     uint32_t NameNewStoredFile(const QB_StringW& sFolder, const ZV_FileBriefInfo& brief, bool& bFetch);
     void CloseStoredFiles();
     void FetchFromPeer(const ConfPduData* lpCpd);
+    // A catalogue row taken back at start, measured against its stored
+    // file; false when the file is not there or the row names none.
+    bool RestoreStoredFile(const ZV_FileUploadInfo& row);
     // Server: every download record of this file, appended.
     void CollectDownloadEntries(QB_Array<ZV_FileDownloadInfo>& arrDownload) const;
     // Whether this file was set against a peer since the last loss of a

@@ -8,10 +8,14 @@
 
 #include "QB_FileEx.h"
 
+#include <algorithm>
+
 namespace {
 
 // Read and write, created if missing, keeping what is there.
 constexpr uint32_t kOpenStored = QB_FILE_READWRITE | QB_FILE_OPEN_ALWAYS;
+// A stored file taken back at start must be there already.
+constexpr uint32_t kOpenRestored = QB_FILE_READWRITE | QB_FILE_OPEN_EXISTING;
 
 } // namespace
 
@@ -92,6 +96,31 @@ uint32_t ZV_FileShareSession::NameNewStoredFile(const QB_StringW& sFolder, const
     MakeUniqueFileName(sFolder, MakeStoredFileName(sFolder, QB_StringW(brief.m_sFileOldName)), sName);
     m_FileInfo.SetFileNewName(sName);
     return MakeDirs(sFolder) ? ZV_OK : ZV_ERR_OPEN;
+}
+
+// The disk is the truth about how far a file came: a file as long as its
+// row is complete; a shorter one arrives from where it ends, and a stopped
+// one stays stopped. Bytes beyond the row's length are never served.
+bool ZV_FileShareSession::RestoreStoredFile(const ZV_FileUploadInfo& row)
+{
+    if (!ZV_FileCatalog::IsPlainFileName(QB_StringA(row.m_sFileNewName)) ||
+        !m_ServerFile.Open(GetConfDir() + QB_StringW(row.m_sFileNewName), kOpenRestored))
+        return false;
+    TakePeerFile(row.m_usFileID, row);
+    ZV_FileBriefInfo brief = row.m_BriefInfo;
+    const uint32_t ulLength = std::min((uint32_t)m_ServerFile.GetLength(), brief.m_ulFileLenth);
+    m_bUploadDone = ulLength == brief.m_ulFileLenth;
+    if (m_bUploadDone)
+        brief.SetFileState(ZV_FILESTATE_COMPLETE);
+    else if (brief.m_usFileState != ZV_FILESTATE_STOPPED)
+        brief.SetFileState(ZV_FILESTATE_UPLOADING);
+    m_FileInfo.SetBriefInfo(brief);
+    m_FileInfo.SetFileWritePos(ulLength);
+    m_BriefInfo = brief;
+    m_bStopUpload = brief.m_usFileState == ZV_FILESTATE_STOPPED;
+    m_ulMaxPos = ulLength;
+    m_bSynced = false;
+    return true;
 }
 
 void ZV_FileShareSession::CloseStoredFiles()
