@@ -1,0 +1,132 @@
+// ZV_NetConnection: one TCP connection of the network host. It opens with
+// the hello and the welcome, then reads frames one at a time and hands each
+// whole to its owner, and writes what the owner queues, in order.
+//
+// A peer's bytes are checked here before the owner sees them: a hello or a
+// frame head that is wrong, a payload longer than a module sends, or a
+// stream that ends inside a frame closes the connection with a log line.
+// What the owner queues is counted until the kernel took it, so that the
+// owner can hold its OnSend pump while the count is at the bound; a peer
+// that lets the count grow past the hard limit (it stopped reading, while
+// the other side kept sending it answers) is closed rather than let the
+// memory grow.
+//
+// Everything runs on the thread of the io_context; nothing here locks.
+#pragma once
+
+#include "ZV_NetWire.h"
+
+#include <asio.hpp>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <string>
+#include <vector>
+
+class ZV_NetConnection;
+
+// A dial towards a port of this machine where nothing listens may be given
+// that very port as its own and connect to itself; such a socket is closed
+// and the dial tried again.
+bool ZV_IsSelfConnected(asio::ip::tcp::socket& socket);
+
+class ZV_NetConnectionOwner
+{
+public:
+    // Accepting side: the answer to a hello. Anything but zvNetAccepted is
+    // written and the connection closed.
+    virtual ZV_NetWelcome OnHello(ZV_NetConnection& conn, const ZV_NetHello& hello);
+    // Dialling side: false closes the connection.
+    virtual bool OnWelcome(ZV_NetConnection& conn, const ZV_NetWelcome& welcome);
+    // Both sides, once the opening is through; frames may be queued now.
+    virtual void OnOpened(ZV_NetConnection& conn) = 0;
+    // A whole frame; false closes the connection (the owner logs why).
+    virtual bool OnFrame(ZV_NetConnection& conn, const ZV_NetFrameHead& head, const uint8_t* pData) = 0;
+    // The queued bytes went below the bound.
+    virtual void OnRoom(ZV_NetConnection& conn) {}
+    // Once, when the connection is gone for whatever reason.
+    virtual void OnClosed(ZV_NetConnection& conn) = 0;
+
+protected:
+    ~ZV_NetConnectionOwner() = default;
+};
+
+struct ZV_NetLimits
+{
+    // Bytes queued on one connection at which the OnSend pump holds.
+    size_t nQueueBound = 1u << 20;
+    // Bytes queued at which the connection is closed.
+    size_t nQueueHardLimit = 16u << 20;
+    // Time a peer has for its hello or welcome.
+    std::chrono::milliseconds msOpening{10000};
+    // Bytes a second this side reads at most; 0 is no limit.
+    uint64_t ullReadRate = 0;
+};
+
+class ZV_NetConnection : public std::enable_shared_from_this<ZV_NetConnection>
+{
+public:
+    ZV_NetConnection(asio::ip::tcp::socket socket, uint32_t ulNumber, ZV_NetConnectionOwner* lpOwner,
+                     const ZV_NetLimits& limits);
+    ZV_NetConnection(const ZV_NetConnection&) = delete;
+    ZV_NetConnection& operator=(const ZV_NetConnection&) = delete;
+
+    // The accepting side waits for a hello; the dialling side sends one.
+    void Accept();
+    void Dial(const ZV_NetHello& hello);
+
+    uint32_t GetNumber() const { return m_ulNumber; }
+    // What the connection is, for log lines; the owner names it once known.
+    const std::string& GetName() const { return m_sName; }
+    void SetName(std::string sName) { m_sName = std::move(sName); }
+    const ZV_NetHello& GetHello() const { return m_hello; }
+    bool IsOpen() const { return m_eState == State::Open; }
+
+    // Queues a frame; false when the connection is closed or closes now.
+    bool Send(const ZV_NetFrameHead& head, const uint8_t* pData);
+    size_t GetQueuedBytes() const { return m_nQueued; }
+    bool IsFull() const { return m_nQueued >= m_limits.nQueueBound; }
+
+    // Closes with a log line (empty: none), after what is queued went out
+    // when bFlush is set; the owner hears OnClosed once, from the io_context.
+    void Close(const std::string& sReason, bool bFlush = false);
+
+private:
+    enum class State
+    {
+        Opening,
+        Open,
+        Closing,
+        Closed,
+    };
+
+    void ReadOpening(bool bHello);
+    void TakeOpening(bool bHello);
+    void ReadHead();
+    void ReadPayload();
+    void ReadAfterThrottle(size_t nBytes);
+    void Queue(std::vector<uint8_t> vbFrame);
+    void WriteNext();
+    void OnReadError(const asio::error_code& ec, const char* pszWhere);
+    void Finish();
+
+    asio::ip::tcp::socket m_socket;
+    asio::steady_timer m_timer;
+    uint32_t m_ulNumber;
+    ZV_NetConnectionOwner* m_lpOwner;
+    ZV_NetLimits m_limits;
+    std::string m_sName;
+    State m_eState = State::Opening;
+    ZV_NetHello m_hello;
+    std::array<uint8_t, kNetFrameHeadSize> m_abHead{};
+    std::array<uint8_t, std::max(kNetHelloSize, kNetWelcomeSize)> m_abOpening{};
+    ZV_NetFrameHead m_head;
+    std::vector<uint8_t> m_vbPayload;
+    std::deque<std::vector<uint8_t>> m_queue;
+    size_t m_nQueued = 0;
+    size_t m_nWriting = 0;  // frames of the queue's front in the write under way
+    std::chrono::steady_clock::time_point m_tpNextRead{};
+};
