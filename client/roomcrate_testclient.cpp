@@ -222,8 +222,12 @@ private:
                 return Finish(kExitFailed, "the download was refused: " + std::to_string(ulResult));
             break;
         case zvFsEventDownloadProgress:
-            if (ev.Has(16))
+            // The first report of a download, then one a tenth.
+            if (ev.Has(16) && m_mapTenths.emplace(usFileID, -1).first->second != (int)(ev.F64(8) / 10))
+            {
+                m_mapTenths[usFileID] = (int)(ev.F64(8) / 10);
                 std::cout << "progress " << usFileID << " " << ev.F64(8) << std::endl;
+            }
             break;
         case zvFsEventDownloadFinished:
             if (ulResult != 0)
@@ -332,6 +336,7 @@ private:
     bool m_bAwaitingAdd = false;
     std::map<std::string, uint16_t> m_mapNames;
     std::map<uint16_t, uint32_t> m_mapLength;
+    std::map<uint16_t, int> m_mapTenths;
     std::set<uint16_t> m_setFetching;
     std::set<uint16_t> m_setFinished;
     std::set<uint16_t> m_setUploaded;
