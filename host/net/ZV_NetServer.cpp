@@ -76,6 +76,13 @@ bool ZV_NetServer::Start()
                        m_api.GetError();
             return false;
         }
+        if (lpNode->GetInitializeResult() != 0)
+        {
+            m_sError = "conference " + std::to_string(confConfig.ulConfID) + ": the manager could not read " +
+                       confConfig.sHome + "confsrv.ini (result " + std::to_string(lpNode->GetInitializeResult()) + ")";
+            lpNode->Stop(m_api);
+            return false;
+        }
         Conference conf{std::move(lpNode), ZV_NetPresence(m_config.msGrace), {}};
         for (const ZV_NetUserConfig& userConfig : confConfig.vecUsers)
             if (userConfig.ulHomeServer == ulSelf)
