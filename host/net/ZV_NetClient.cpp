@@ -22,6 +22,8 @@ ZV_NetClient::~ZV_NetClient()
 
 bool ZV_NetClient::Start()
 {
+    if (!m_config.sTrust.empty() && !(m_security.lpTls = ZV_MakeClientTls(m_config.sTrust, m_sError)))
+        return false;
     const QB_UserID self(m_config.ulUser, 0);
     ZV_HostUserTable users;
     ZV_HostUser record;
@@ -30,7 +32,10 @@ bool ZV_NetClient::Start()
     users.Put(record);
     m_lpNode = std::make_unique<ZV_NetNode>(this, m_config.ulConfID, self, false, m_config.sHome, std::move(users));
     if (!m_lpNode->Start(m_api))
+    {
+        m_sError = "the module made no manager: " + m_api.GetError();
         return false;
+    }
     StartTimer({m_lpNode.get()});
     Dial();
     return true;
@@ -59,7 +64,7 @@ std::vector<ZV_HostLink*> ZV_NetClient::LinksOf(const ZV_NetNode&) const
 // The command connection first, then the data connection.
 void ZV_NetClient::Dial()
 {
-    if (m_eLink == Link::Stopped || m_eLink == Link::Replaced)
+    if (IsOver())
         return;
     m_bBusy = true;
     const bool bData = m_lpLink->GetConnection(zvHostCommand) != nullptr;
@@ -69,7 +74,7 @@ void ZV_NetClient::Dial()
         m_config.sServer, std::to_string(m_config.usPort),
         [this, lpResolver, lpSocket, bData](const asio::error_code& ec,
                                             asio::ip::tcp::resolver::results_type results) {
-            if (m_eLink == Link::Stopped || m_eLink == Link::Replaced)
+            if (IsOver())
                 return;
             if (ec)
             {
@@ -78,28 +83,31 @@ void ZV_NetClient::Dial()
             }
             asio::async_connect(*lpSocket, results, [this, lpSocket, bData](const asio::error_code& ecConnect,
                                                                             const asio::ip::tcp::endpoint&) {
-                if (m_eLink == Link::Stopped || m_eLink == Link::Replaced)
+                if (IsOver())
                     return;
                 if (ecConnect || ZV_IsSelfConnected(*lpSocket))
                 {
                     m_bBusy = false;
                     return Redial();
                 }
-                m_lpDialing = MakeConnection(std::move(*lpSocket));
+                m_lpDialing = MakeConnection(std::move(*lpSocket), m_security);
                 m_lpDialing->SetName(std::string(bData ? "data" : "command") + " connection " +
                                      std::to_string(m_lpDialing->GetNumber()) + " to the server");
                 ZV_NetHello hello;
                 hello.usKind = bData ? zvConfClientTypeData : zvConfClientTypeCommand;
                 hello.ulConfID = m_config.ulConfID;
                 hello.ulWho = m_config.ulUser;
-                m_lpDialing->Dial(hello);
+                ZV_NetLoginAs loginAs;
+                if (!m_config.sSecret.empty())
+                    loginAs = {m_config.sName, m_config.sSecret};
+                m_lpDialing->Dial(hello, std::move(loginAs), m_config.sServer);
             });
         });
 }
 
 void ZV_NetClient::Redial()
 {
-    if (m_eLink == Link::Stopped || m_eLink == Link::Replaced || m_bBusy)
+    if (IsOver() || m_bBusy)
         return;
     m_bBusy = true;
     m_redial.expires_after(m_msBackoff);
@@ -170,6 +178,15 @@ void ZV_NetClient::OnClosed(ZV_NetConnection& conn)
     {
         m_lpDialing.reset();
         m_bBusy = false;
+        // Dialling again would meet the same refusal, or the same stranger.
+        if (conn.GetFailure() != ZV_NetConnection::Failure::None)
+        {
+            Stop(false);
+            m_eLink = Link::Refused;
+            if (m_fnLink)
+                m_fnLink(Link::Refused);
+            return;
+        }
         return Redial();
     }
     const int nChannel = m_lpLink->ChannelOfConnection(&conn);

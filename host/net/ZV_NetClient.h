@@ -28,6 +28,12 @@ struct ZV_NetClientConfig
     std::chrono::milliseconds msRedialMin{100};
     std::chrono::milliseconds msRedialMax{2000};
     ZV_NetLimits limits;
+    // The user's secret; the client logs in under sName when it is set,
+    // and then takes only a server that proves it holds its keys.
+    std::string sSecret;
+    // Certificates the server's must lead to; when set, the client speaks
+    // TLS and takes only a certificate for sServer.
+    std::string sTrust;
 };
 
 class ZV_NetClient final : public ZV_NetHost
@@ -39,6 +45,7 @@ public:
         Down,      // dialling, or waiting to dial again
         Up,        // both connections stand
         Replaced,  // another login of the user took this one's place; no more dialling
+        Refused,   // the server refused the login, or did not prove who it is; no more dialling
         Stopped,
     };
     using LinkCallback = std::function<void(Link eLink)>;
@@ -46,8 +53,10 @@ public:
     ZV_NetClient(asio::io_context& io, ZV_NetClientConfig config, ZV_ModuleApi& api);
     ~ZV_NetClient() override;
 
-    // Makes the manager and starts dialling; false when the module made none.
+    // Makes the manager and starts dialling; false, with the reason in
+    // GetError, when the module made none or the trust file is unreadable.
     bool Start();
+    const std::string& GetError() const { return m_sError; }
     // Says goodbye (when bGoodbye: the server counts the user as gone at
     // once) and closes both connections; no more dialling.
     void Stop(bool bGoodbye);
@@ -67,6 +76,8 @@ private:
     bool OnFrame(ZV_NetConnection& conn, const ZV_NetFrameHead& head, const uint8_t* pData) override;
     void OnClosed(ZV_NetConnection& conn) override;
 
+    // No more dialling: stopped, replaced or refused.
+    bool IsOver() const { return m_eLink == Link::Stopped || m_eLink == Link::Replaced || m_eLink == Link::Refused; }
     void Dial();
     void Redial();
     void SetLink(Link eLink);
@@ -81,4 +92,6 @@ private:
     bool m_bBusy = false;
     Link m_eLink = Link::Down;
     LinkCallback m_fnLink;
+    ZV_NetSecurity m_security;
+    std::string m_sError;
 };

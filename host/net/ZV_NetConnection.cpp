@@ -1,5 +1,7 @@
 #include "ZV_NetConnection.h"
 
+#include "IZV_FileShare.h"
+
 #include <spdlog/spdlog.h>
 
 #include <algorithm>
@@ -33,89 +35,348 @@ bool ZV_NetConnectionOwner::OnWelcome(ZV_NetConnection&, const ZV_NetWelcome&)
 }
 
 ZV_NetConnection::ZV_NetConnection(asio::ip::tcp::socket socket, uint32_t ulNumber, ZV_NetConnectionOwner* lpOwner,
-                                   const ZV_NetLimits& limits)
+                                   const ZV_NetLimits& limits, const ZV_NetSecurity& security)
     : m_socket(std::move(socket)),
       m_timer(m_socket.get_executor()),
+      m_deadline(m_socket.get_executor()),
       m_ulNumber(ulNumber),
       m_lpOwner(lpOwner),
       m_limits(limits),
+      m_security(security),
       m_sName("connection " + std::to_string(ulNumber))
 {
     asio::error_code ec;
     m_socket.set_option(asio::ip::tcp::no_delay(true), ec);
+    const auto endpoint = m_socket.remote_endpoint(ec);
+    m_sAddress = ec ? "?" : endpoint.address().to_string();
+    if (m_security.lpTls)
+        m_lpTls = std::make_unique<ZV_TlsStream>(std::move(m_socket), *m_security.lpTls);
 }
+
+template <typename Buffers, typename Handler>
+void ZV_NetConnection::AsyncRead(const Buffers& buffers, Handler&& fnHandler)
+{
+    if (m_lpTls)
+        asio::async_read(*m_lpTls, buffers, std::forward<Handler>(fnHandler));
+    else
+        asio::async_read(m_socket, buffers, std::forward<Handler>(fnHandler));
+}
+
+template <typename Buffers, typename Handler>
+void ZV_NetConnection::AsyncWrite(const Buffers& buffers, Handler&& fnHandler)
+{
+    if (m_lpTls)
+        asio::async_write(*m_lpTls, buffers, std::forward<Handler>(fnHandler));
+    else
+        asio::async_write(m_socket, buffers, std::forward<Handler>(fnHandler));
+}
+
+// ---------------------------------------------------------------------------
+// The opening
 
 void ZV_NetConnection::Accept()
 {
-    ReadOpening(true);
+    ArmDeadline(m_limits.msOpening);
+    if (m_lpTls)
+        return Handshake(true);
+    ReadHello();
 }
 
-void ZV_NetConnection::Dial(const ZV_NetHello& hello)
+void ZV_NetConnection::Dial(const ZV_NetHello& hello, ZV_NetLoginAs loginAs, const std::string& sHost)
 {
     m_hello = hello;
-    const auto abHello = ZV_WriteHello(hello);
-    Queue(std::vector<uint8_t>(abHello.begin(), abHello.end()));
-    ReadOpening(false);
+    m_loginAs = std::move(loginAs);
+    ArmDeadline(m_limits.msOpening);
+    if (!m_lpTls)
+        return SendHello();
+    ZV_ExpectPeerName(*m_lpTls, sHost);
+    Handshake(false);
 }
 
-// A peer that says nothing is not let to hold a connection open for good.
-void ZV_NetConnection::ReadOpening(bool bHello)
+// A peer that says nothing, or takes its time over a login, is not let to
+// hold a connection open for good.
+void ZV_NetConnection::ArmDeadline(std::chrono::milliseconds msLeft)
 {
     auto lpSelf = shared_from_this();
-    m_timer.expires_after(m_limits.msOpening);
-    m_timer.async_wait([this, lpSelf](const asio::error_code& ec) {
+    m_deadline.expires_after(msLeft);
+    m_deadline.async_wait([this, lpSelf](const asio::error_code& ec) {
         if (!ec && m_eState == State::Opening)
             Close("it did not open in time");
     });
-    const size_t nSize = bHello ? kNetHelloSize : kNetWelcomeSize;
-    asio::async_read(m_socket, asio::buffer(m_abOpening.data(), nSize),
-                     [this, lpSelf, bHello](const asio::error_code& ec, size_t) {
-                         if (ec)
-                             return OnReadError(ec, bHello ? "before its hello" : "before its welcome");
-                         m_timer.cancel();
-                         TakeOpening(bHello);
-                     });
 }
 
-void ZV_NetConnection::TakeOpening(bool bHello)
+void ZV_NetConnection::Handshake(bool bAccept)
+{
+    auto lpSelf = shared_from_this();
+    m_lpTls->async_handshake(bAccept ? asio::ssl::stream_base::server : asio::ssl::stream_base::client,
+                             [this, lpSelf, bAccept](const asio::error_code& ec) {
+                                 if (m_eState != State::Opening)
+                                     return;
+                                 if (ec)
+                                 {
+                                     bool bUntrusted = false;
+                                     const std::string sWhy = ZV_TlsFailure(*m_lpTls, ec, bUntrusted);
+                                     if (bUntrusted)
+                                         m_eFailure = Failure::Untrusted;
+                                     return Close(sWhy);
+                                 }
+                                 m_binding = ZV_BindingOf(m_lpTls->native_handle());
+                                 if (bAccept)
+                                     ReadHello();
+                                 else
+                                     SendHello();
+                             });
+}
+
+void ZV_NetConnection::ReadHello()
+{
+    auto lpSelf = shared_from_this();
+    AsyncRead(asio::buffer(m_abOpening.data(), kNetHelloSize), [this, lpSelf](const asio::error_code& ec, size_t) {
+        if (ec)
+            return OnReadError(ec, "before its hello");
+        TakeHello();
+    });
+}
+
+void ZV_NetConnection::TakeHello()
 {
     if (m_eState != State::Opening)
         return;
-    if (bHello)
+    const ZV_NetFault eFault = ZV_ReadHello(m_abOpening.data(), m_hello);
+    if (eFault == ZV_NetFault::UnknownVersion)
     {
-        ZV_NetFault eFault = ZV_ReadHello(m_abOpening.data(), m_hello);
         ZV_NetWelcome welcome;
-        if (eFault == ZV_NetFault::UnknownVersion)
-            welcome.usResult = zvNetUnknownVersion;
-        else if (eFault != ZV_NetFault::None)
-            return Close("its hello was refused: " + ZV_NetFaultText(eFault));
-        else
-            welcome = m_lpOwner->OnHello(*this, m_hello);
-        const auto abWelcome = ZV_WriteWelcome(welcome);
-        Queue(std::vector<uint8_t>(abWelcome.begin(), abWelcome.end()));
-        if (welcome.usResult != zvNetAccepted)
-            return Close("its hello was refused: " + ZV_NetResultText(welcome.usResult), true);
+        welcome.usResult = zvNetUnknownVersion;
+        SendWelcome(welcome, {});
+        return Close("its hello was refused: " + ZV_NetResultText(welcome.usResult), true);
     }
-    else
+    if (eFault != ZV_NetFault::None)
+        return Close("its hello was refused: " + ZV_NetFaultText(eFault));
+    if (m_security.lpCredentials)
+        return AskLogin();
+    AnswerHello({});
+}
+
+// An address that failed to log in lately waits before its login is even
+// offered; the opening's deadline waits as long on top.
+void ZV_NetConnection::AskLogin()
+{
+    const auto msWait = m_security.lpGuard ? m_security.lpGuard->DelayOf(m_sAddress, ZV_LoginGuard::Clock::now())
+                                           : std::chrono::milliseconds(0);
+    if (msWait.count() == 0)
+        return OfferLogin();
+    spdlog::warn("{}: failed logins from {} lately: {}; its login waits {} ms", m_sName, m_sAddress,
+                 m_security.lpGuard->FailuresOf(m_sAddress), msWait.count());
+    ArmDeadline(msWait + m_limits.msOpening);
+    auto lpSelf = shared_from_this();
+    m_timer.expires_after(msWait);
+    m_timer.async_wait([this, lpSelf](const asio::error_code& ec) {
+        if (!ec && m_eState == State::Opening)
+            OfferLogin();
+    });
+}
+
+// A server link logs in under its server's number, a client under its
+// user's name; each in the credentials' own table.
+void ZV_NetConnection::OfferLogin()
+{
+    const bool bServer = m_hello.usKind == zvConfServerTypeCommand || m_hello.usKind == zvConfServerTypeData;
+    m_lpLoginServer = std::make_unique<ZV_LoginServer>(
+        *m_security.lpCredentials, bServer ? ZV_LoginKind::Server : ZV_LoginKind::User, m_binding);
+    ZV_NetWelcome welcome;
+    welcome.usResult = zvNetLogIn;
+    SendWelcome(welcome, ZV_LoginMechanism(m_binding));
+    ReadLogin();
+}
+
+void ZV_NetConnection::ReadLogin()
+{
+    auto lpSelf = shared_from_this();
+    AsyncRead(asio::buffer(m_abOpening.data(), kNetLoginHeadSize), [this, lpSelf](const asio::error_code& ec, size_t) {
+        if (ec)
+            return OnReadError(ec, "inside its login");
+        if (m_eState != State::Opening)
+            return;
+        ZV_NetLoginHead head;
+        const ZV_NetFault eFault = ZV_ReadLoginHead(m_abOpening.data(), head);
+        if (eFault != ZV_NetFault::None)
+            return RefuseLogin(ZV_NetFaultText(eFault));
+        m_vbOpening.resize(head.bMechanismLen + head.usDataLen);
+        AsyncRead(asio::buffer(m_vbOpening), [this, lpSelf, head](const asio::error_code& ecBody, size_t) {
+            if (ecBody)
+                return OnReadError(ecBody, "inside its login");
+            if (m_eState != State::Opening)
+                return;
+            const char* p = (const char*)m_vbOpening.data();
+            TakeLogin(std::string(p, head.bMechanismLen), std::string(p + head.bMechanismLen, head.usDataLen));
+        });
+    });
+}
+
+void ZV_NetConnection::TakeLogin(const std::string& sMechanism, const std::string& sData)
+{
+    const bool bFirst = !m_bLoginBegun;
+    if (bFirst != !sMechanism.empty())
+        return RefuseLogin("its login names a mechanism out of turn");
+    m_bLoginBegun = true;
+    const ZV_LoginStep step = bFirst ? m_lpLoginServer->Start(sMechanism, sData) : m_lpLoginServer->Step(sData);
+    switch (step.eState)
+    {
+    case ZV_LoginStep::State::More:
     {
         ZV_NetWelcome welcome;
-        ZV_NetFault eFault = ZV_ReadWelcome(m_abOpening.data(), welcome);
+        welcome.usResult = zvNetLogIn;
+        SendWelcome(welcome, step.sData);
+        return ReadLogin();
+    }
+    case ZV_LoginStep::State::Refused: return RefuseLogin(step.sWhy);
+    case ZV_LoginStep::State::Done:
+        m_sLogin = m_lpLoginServer->GetName();
+        m_lpLoginServer.reset();
+        return AnswerHello(step.sData);
+    }
+}
+
+void ZV_NetConnection::RefuseLogin(const std::string& sWhy)
+{
+    if (m_security.lpGuard)
+        m_security.lpGuard->Fail(m_sAddress, ZV_LoginGuard::Clock::now());
+    spdlog::warn("{} closed: its login was refused: {}", m_sName, sWhy);
+    ZV_NetWelcome welcome;
+    welcome.usResult = zvNetLoginRefused;
+    SendWelcome(welcome, {});
+    Close({}, true);
+}
+
+void ZV_NetConnection::SendWelcome(ZV_NetWelcome welcome, const std::string& sLoginData)
+{
+    welcome.usLoginLen = (uint16_t)sLoginData.size();
+    const auto abWelcome = ZV_WriteWelcome(welcome);
+    std::vector<uint8_t> vb(abWelcome.begin(), abWelcome.end());
+    vb.insert(vb.end(), sLoginData.begin(), sLoginData.end());
+    Queue(std::move(vb));
+}
+
+// The owner's answer, with the server's last word of the login when it
+// lets the peer in.
+void ZV_NetConnection::AnswerHello(const std::string& sLoginData)
+{
+    const ZV_NetWelcome welcome = m_lpOwner->OnHello(*this, m_hello);
+    const bool bAccepted = welcome.usResult == zvNetAccepted;
+    SendWelcome(welcome, bAccepted ? sLoginData : std::string());
+    // A login of one user that asks in another's name counts as a failed
+    // one: it is a try at someone else's account.
+    if (welcome.usResult == zvNetNotThatUser && m_security.lpGuard)
+    {
+        m_security.lpGuard->Fail(m_sAddress, ZV_LoginGuard::Clock::now());
+        spdlog::warn("{} closed: its login as \"{}\" is not the one its hello names", m_sName, m_sLogin);
+        return Close({}, true);
+    }
+    if (!bAccepted)
+        return Close("its hello was refused: " + ZV_NetResultText(welcome.usResult), true);
+    Opened();
+}
+
+void ZV_NetConnection::SendHello()
+{
+    const auto abHello = ZV_WriteHello(m_hello);
+    Queue(std::vector<uint8_t>(abHello.begin(), abHello.end()));
+    ReadWelcome();
+}
+
+void ZV_NetConnection::ReadWelcome()
+{
+    auto lpSelf = shared_from_this();
+    AsyncRead(asio::buffer(m_abOpening.data(), kNetWelcomeSize), [this, lpSelf](const asio::error_code& ec, size_t) {
+        if (ec)
+            return OnReadError(ec, "before its welcome");
+        if (m_eState != State::Opening)
+            return;
+        ZV_NetWelcome welcome;
+        const ZV_NetFault eFault = ZV_ReadWelcome(m_abOpening.data(), welcome);
         if (eFault != ZV_NetFault::None)
             return Close("its welcome was not understood: " + ZV_NetFaultText(eFault));
-        if (welcome.usResult != zvNetAccepted)
-            return Close("the server refused it: " + ZV_NetResultText(welcome.usResult));
-        if (!m_lpOwner->OnWelcome(*this, welcome))
-            return Close("its welcome did not fit");
+        m_vbOpening.resize(welcome.usLoginLen);
+        AsyncRead(asio::buffer(m_vbOpening), [this, lpSelf, welcome](const asio::error_code& ecData, size_t) {
+            if (ecData)
+                return OnReadError(ecData, "inside its welcome");
+            if (m_eState == State::Opening)
+                TakeWelcome(welcome, std::string(m_vbOpening.begin(), m_vbOpening.end()));
+        });
+    });
+}
+
+void ZV_NetConnection::TakeWelcome(const ZV_NetWelcome& welcome, const std::string& sData)
+{
+    if (welcome.usResult == zvNetLogIn)
+    {
+        if (m_loginAs.sName.empty())
+        {
+            m_eFailure = Failure::Refused;
+            return Close("the server asks for a login, and this side has none to give");
+        }
+        std::string sMechanism;
+        ZV_LoginStep step;
+        if (!m_lpLoginClient)
+        {
+            m_lpLoginClient = std::make_unique<ZV_LoginClient>(m_loginAs.sName, m_loginAs.sSecret, m_binding);
+            step = m_lpLoginClient->Start(sData);
+            sMechanism = m_lpLoginClient->GetMechanism();
+        }
+        else
+            step = m_lpLoginClient->Step(sData);
+        if (step.eState != ZV_LoginStep::State::More)
+            return Distrust(step.sWhy);
+        const auto abHead = ZV_WriteLoginHead({(uint8_t)sMechanism.size(), (uint16_t)step.sData.size()});
+        std::vector<uint8_t> vb(abHead.begin(), abHead.end());
+        vb.insert(vb.end(), sMechanism.begin(), sMechanism.end());
+        vb.insert(vb.end(), step.sData.begin(), step.sData.end());
+        Queue(std::move(vb));
+        return ReadWelcome();
     }
+    if (welcome.usResult != zvNetAccepted)
+    {
+        if (welcome.usResult == zvNetLoginRefused || welcome.usResult == zvNetNotThatUser)
+            m_eFailure = Failure::Refused;
+        return Close("the server refused it: " + ZV_NetResultText(welcome.usResult));
+    }
+    // A side with a secret takes only a server that proves it holds the
+    // keys of that secret.
+    if (!m_loginAs.sName.empty() && !m_lpLoginClient)
+        return Distrust("the server let it in without a login, and so proved nothing of itself");
+    if (m_lpLoginClient)
+    {
+        const ZV_LoginStep step = m_lpLoginClient->Step(sData);
+        if (step.eState != ZV_LoginStep::State::Done)
+            return Distrust(step.sWhy);
+        m_lpLoginClient.reset();
+    }
+    if (!m_lpOwner->OnWelcome(*this, welcome))
+        return Close("its welcome did not fit");
+    Opened();
+}
+
+void ZV_NetConnection::Distrust(const std::string& sWhy)
+{
+    m_eFailure = Failure::Untrusted;
+    Close("its login failed: " + sWhy);
+}
+
+void ZV_NetConnection::Opened()
+{
+    m_deadline.cancel();
     m_eState = State::Open;
     ReadHead();
     m_lpOwner->OnOpened(*this);
 }
 
+// ---------------------------------------------------------------------------
+// Frames
+
 void ZV_NetConnection::ReadHead()
 {
     auto lpSelf = shared_from_this();
-    asio::async_read(m_socket, asio::buffer(m_abHead), [this, lpSelf](const asio::error_code& ec, size_t nRead) {
+    AsyncRead(asio::buffer(m_abHead), [this, lpSelf](const asio::error_code& ec, size_t nRead) {
         if (ec)
             return OnReadError(ec, nRead > 0 ? "inside a frame head" : nullptr);
         if (m_eState != State::Open)
@@ -132,7 +393,7 @@ void ZV_NetConnection::ReadPayload()
 {
     auto lpSelf = shared_from_this();
     m_vbPayload.resize(m_head.ulLen);
-    asio::async_read(m_socket, asio::buffer(m_vbPayload), [this, lpSelf](const asio::error_code& ec, size_t) {
+    AsyncRead(asio::buffer(m_vbPayload), [this, lpSelf](const asio::error_code& ec, size_t) {
         if (ec)
             return OnReadError(ec, m_head.ulLen > 0 ? "inside a frame" : nullptr);
         if (m_eState != State::Open)
@@ -170,7 +431,8 @@ void ZV_NetConnection::OnReadError(const asio::error_code& ec, const char* pszWh
     if (pszWhere)
         Close("the stream ended " + std::string(pszWhere));
     else
-        Close(ec == asio::error::eof ? "the peer closed it" : "it broke: " + ec.message());
+        Close(ec == asio::error::eof || ec == asio::ssl::error::stream_truncated ? "the peer closed it"
+                                                                                  : "it broke: " + ec.message());
 }
 
 bool ZV_NetConnection::Send(const ZV_NetFrameHead& head, const uint8_t* pData)
@@ -210,7 +472,7 @@ void ZV_NetConnection::WriteNext()
     for (size_t i = 0; i < m_nWriting; ++i)
         vecBuffers.push_back(asio::buffer(m_queue[i]));
     auto lpSelf = shared_from_this();
-    asio::async_write(m_socket, vecBuffers, [this, lpSelf](const asio::error_code& ec, size_t) {
+    AsyncWrite(vecBuffers, [this, lpSelf](const asio::error_code& ec, size_t) {
         const bool bWasFull = IsFull();
         for (size_t i = 0; i < m_nWriting; ++i)
         {
@@ -246,6 +508,7 @@ void ZV_NetConnection::Close(const std::string& sReason, bool bFlush)
         spdlog::info("{} closed: {}", m_sName, sReason);
     m_eState = State::Closing;
     m_timer.cancel();
+    m_deadline.cancel();
     if (!bFlush || m_nWriting == 0)
         Finish();
     // Otherwise the write under way finishes the close when the queue is out.
@@ -259,9 +522,10 @@ void ZV_NetConnection::Finish()
         return;
     m_eState = State::Closed;
     asio::error_code ec;
-    m_socket.shutdown(asio::ip::tcp::socket::shutdown_both, ec);
-    m_socket.close(ec);
+    Socket().shutdown(asio::ip::tcp::socket::shutdown_both, ec);
+    Socket().close(ec);
     m_timer.cancel();
+    m_deadline.cancel();
     // A write under way still holds its frames; its end lets them go.
     if (m_nWriting == 0)
     {
@@ -269,5 +533,5 @@ void ZV_NetConnection::Finish()
         m_nQueued = 0;
     }
     auto lpSelf = shared_from_this();
-    asio::post(m_socket.get_executor(), [this, lpSelf] { m_lpOwner->OnClosed(*this); });
+    asio::post(m_timer.get_executor(), [this, lpSelf] { m_lpOwner->OnClosed(*this); });
 }

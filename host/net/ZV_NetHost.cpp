@@ -84,9 +84,10 @@ ZV_NetHost::ZV_NetHost(asio::io_context& io, const ZV_NetLimits& limits)
 {
 }
 
-std::shared_ptr<ZV_NetConnection> ZV_NetHost::MakeConnection(asio::ip::tcp::socket socket)
+std::shared_ptr<ZV_NetConnection> ZV_NetHost::MakeConnection(asio::ip::tcp::socket socket,
+                                                             const ZV_NetSecurity& security)
 {
-    auto lpConn = std::make_shared<ZV_NetConnection>(std::move(socket), NewConnNumber(), this, m_limits);
+    auto lpConn = std::make_shared<ZV_NetConnection>(std::move(socket), NewConnNumber(), this, m_limits, security);
     m_mapConnections[lpConn->GetNumber()] = lpConn;
     return lpConn;
 }

@@ -45,7 +45,9 @@ public:
 
 protected:
     uint32_t NewConnNumber() { return ++m_ulLastConn; }
-    std::shared_ptr<ZV_NetConnection> MakeConnection(asio::ip::tcp::socket socket);
+    // A connection that opens with the security given: the accepting
+    // side's, or the dialling side's.
+    std::shared_ptr<ZV_NetConnection> MakeConnection(asio::ip::tcp::socket socket, const ZV_NetSecurity& security);
     // Calls every node's timer a few times a second from now on.
     void StartTimer(std::vector<ZV_NetNode*> vecNodes);
     void StopTimer();

@@ -26,7 +26,11 @@ const char* ChannelText(int nChannel)
 }  // namespace
 
 ZV_NetServer::ZV_NetServer(asio::io_context& io, ZV_NetServerConfig config, ZV_ModuleApi& api)
-    : ZV_NetHost(io, config.limits), m_config(std::move(config)), m_api(api), m_acceptor(io)
+    : ZV_NetHost(io, config.limits),
+      m_config(std::move(config)),
+      m_api(api),
+      m_guard(m_config.msLoginDelay),
+      m_acceptor(io)
 {
     // Two servers' numbers differ in their low byte, which leads each
     // number; the rest starts where the clock says, so that a restarted
@@ -51,9 +55,51 @@ uint32_t ZV_NetServer::NextFloodSeq()
     return ulSeq;
 }
 
+// Said once at start: what a peer must prove, and whether anyone between
+// can read along.
+bool ZV_NetServer::StartSecurity()
+{
+    if (!m_config.sCertificate.empty())
+    {
+        m_accepting.lpTls = ZV_MakeServerTls(m_config.sCertificate, m_config.sPrivateKey, m_sError);
+        if (!m_accepting.lpTls)
+            return false;
+    }
+    else
+        spdlog::warn("no certificate is configured: traffic is in the clear, file names and contents included, and "
+                     "anyone on the way can read or change it");
+    if (!m_config.sTrust.empty())
+    {
+        m_dialling.lpTls = ZV_MakeClientTls(m_config.sTrust, m_sError);
+        if (!m_dialling.lpTls)
+            return false;
+    }
+    if (!m_config.bLogins)
+    {
+        spdlog::warn("logins are off: whoever reaches this server may claim to be any of its users or peers");
+        return true;
+    }
+    m_accepting.lpCredentials = &m_config.credentials;
+    m_accepting.lpGuard = &m_guard;
+    std::set<std::string> setWarned;
+    for (const ZV_NetConferenceConfig& conf : m_config.vecConferences)
+        for (const ZV_NetUserConfig& user : conf.vecUsers)
+            if (user.ulHomeServer == m_config.ulServerID && !m_config.credentials.Find(ZV_LoginKind::User, user.sName) &&
+                setWarned.insert(user.sName).second)
+                spdlog::warn("user \"{}\" has no credentials and cannot log in (roomcrate-server passwd)", user.sName);
+    for (const ZV_NetPeerConfig& peer : m_config.vecPeers)
+        if (peer.ulServerID < m_config.ulServerID &&
+            !m_config.credentials.Find(ZV_LoginKind::Server, std::to_string(peer.ulServerID)))
+            spdlog::warn("server {} has no link secret here and cannot log in (roomcrate-server passwd --peer)",
+                         peer.ulServerID);
+    return true;
+}
+
 bool ZV_NetServer::Start()
 {
     const uint32_t ulSelf = m_config.ulServerID;
+    if (!StartSecurity())
+        return false;
     for (const ZV_NetConferenceConfig& confConfig : m_config.vecConferences)
     {
         ZV_HostUserTable users;
@@ -172,7 +218,7 @@ void ZV_NetServer::Accept()
         {
             asio::error_code ecPeer;
             const auto endpoint = socket.remote_endpoint(ecPeer);
-            auto lpConn = MakeConnection(std::move(socket));
+            auto lpConn = MakeConnection(std::move(socket), m_accepting);
             lpConn->SetName("connection " + std::to_string(lpConn->GetNumber()) + " from " +
                             (ecPeer ? std::string("?") : endpoint.address().to_string() + ":" +
                                                              std::to_string(endpoint.port())));
@@ -266,7 +312,16 @@ ZV_NetLink* ZV_NetServer::FindLinkOf(const ZV_NetConnection& conn, Conference** 
 
 ZV_NetWelcome ZV_NetServer::OnHello(ZV_NetConnection& conn, const ZV_NetHello& hello)
 {
-    ZV_NetWelcome welcome = IsServerKind(hello.usKind) ? AnswerServer(hello) : AnswerClient(hello);
+    // With logins on, a connection comes this far only with a login; the
+    // check stands here too, so that no path lets one in without.
+    const std::string& sLogin = conn.GetLogin();
+    if (m_config.bLogins && sLogin.empty())
+    {
+        ZV_NetWelcome welcome;
+        welcome.usResult = zvNetNotThatUser;
+        return welcome;
+    }
+    ZV_NetWelcome welcome = IsServerKind(hello.usKind) ? AnswerServer(hello, sLogin) : AnswerClient(hello, sLogin);
     if (welcome.usResult != zvNetAccepted)
         return welcome;
     if (IsServerKind(hello.usKind))
@@ -279,7 +334,9 @@ ZV_NetWelcome ZV_NetServer::OnHello(ZV_NetConnection& conn, const ZV_NetHello& h
     return welcome;
 }
 
-ZV_NetWelcome ZV_NetServer::AnswerClient(const ZV_NetHello& hello) const
+// The user the login proved is the user the hello names, or the hello is
+// refused: what the host reports on the link is the proved user.
+ZV_NetWelcome ZV_NetServer::AnswerClient(const ZV_NetHello& hello, const std::string& sLogin) const
 {
     ZV_NetWelcome welcome;
     welcome.ulServerID = m_config.ulServerID;
@@ -291,8 +348,11 @@ ZV_NetWelcome ZV_NetServer::AnswerClient(const ZV_NetHello& hello) const
     }
     const QB_UserID user(hello.ulWho, 0);
     auto itLink = it->second.mapLinks.find(user);
-    if (itLink == it->second.mapLinks.end())
+    const ZV_HostUser* lpUser = it->second.lpNode->GetUsers().Find(user);
+    if (itLink == it->second.mapLinks.end() || !lpUser)
         welcome.usResult = zvNetUnknownUser;
+    else if (!sLogin.empty() && lpUser->sName != sLogin)
+        welcome.usResult = zvNetNotThatUser;
     else if (hello.usKind == zvConfClientTypeData && !itLink->second->GetConnection(zvHostCommand))
         welcome.usResult = zvNetNoCommandLink;
     if (welcome.usResult != zvNetAccepted)
@@ -300,19 +360,21 @@ ZV_NetWelcome ZV_NetServer::AnswerClient(const ZV_NetHello& hello) const
     ZV_NetNode& node = *it->second.lpNode;
     welcome.usFileIDMin = node.GetFileIDMin();
     welcome.usFileIDMax = node.GetFileIDMax();
-    welcome.usRole = node.GetUsers().Find(user)->usRole;
+    welcome.usRole = lpUser->usRole;
     return welcome;
 }
 
 // The server of the lower number dials; one that should be waiting for this
 // server's call is refused, so that two servers never hold two links.
-ZV_NetWelcome ZV_NetServer::AnswerServer(const ZV_NetHello& hello) const
+ZV_NetWelcome ZV_NetServer::AnswerServer(const ZV_NetHello& hello, const std::string& sLogin) const
 {
     ZV_NetWelcome welcome;
     welcome.ulServerID = m_config.ulServerID;
     auto it = m_mapPeers.find(hello.ulWho);
     if (it == m_mapPeers.end() || it->second->bDials || hello.ulConfID != 0)
         welcome.usResult = zvNetUnknownServer;
+    else if (!sLogin.empty() && sLogin != std::to_string(hello.ulWho))
+        welcome.usResult = zvNetNotThatUser;
     else if (hello.usKind == zvConfServerTypeData && !it->second->lpLink->GetConnection(zvHostCommand))
         welcome.usResult = zvNetNoCommandLink;
     return welcome;
@@ -549,7 +611,7 @@ void ZV_NetServer::Dial(Peer& peer)
                                         lpPeer->bBusy = false;
                                         return Redial(*lpPeer);
                                     }
-                                    auto lpConn = MakeConnection(std::move(*lpSocket));
+                                    auto lpConn = MakeConnection(std::move(*lpSocket), m_dialling);
                                     lpConn->SetName("server " + std::to_string(ulPeer) + " " +
                                                     ChannelText(bData ? zvHostData : zvHostCommand) +
                                                     " connection " + std::to_string(lpConn->GetNumber()));
@@ -557,7 +619,11 @@ void ZV_NetServer::Dial(Peer& peer)
                                     ZV_NetHello hello;
                                     hello.usKind = bData ? zvConfServerTypeData : zvConfServerTypeCommand;
                                     hello.ulWho = m_config.ulServerID;
-                                    lpConn->Dial(hello);
+                                    // A linked server logs in under its number.
+                                    ZV_NetLoginAs loginAs;
+                                    if (!lpPeer->config.sSecret.empty())
+                                        loginAs = {std::to_string(m_config.ulServerID), lpPeer->config.sSecret};
+                                    lpConn->Dial(hello, std::move(loginAs), lpPeer->config.sAddress);
                                 });
         });
 }

@@ -7,10 +7,13 @@
 // linked servers, and a home server; the module knows the user as
 // QB_UserID(number, 0), and a server as QB_UserID(server number, 0), so
 // user and server numbers never meet. A client names its user in its hello
-// and the server reports that user on both of its connections; the module
-// believes nothing else about who is asking. One login per user: a second
-// command connection of a user replaces the first, which is told so and
-// closed. Links and departures: see ZV_NetPresence.
+// and proves it with a login under the user's name (a linked server under
+// its number); the server reports that user on both of its connections,
+// and the module believes nothing else about who is asking. One login per
+// user: a second command connection of a user replaces the first, which is
+// told so and closed. Links and departures: see ZV_NetPresence.
+//
+// Security: see docs/security.md, "The network host of this repository".
 #pragma once
 
 #include "ZV_NetHost.h"
@@ -51,6 +54,8 @@ struct ZV_NetPeerConfig
     std::string sAddress;  // dialled when this server's number is the lower
     uint16_t usPort = 0;
     std::vector<uint32_t> vecConferences;
+    // The link secret this server logs in with when it dials; empty: none.
+    std::string sSecret;
 };
 
 struct ZV_NetServerConfig
@@ -64,6 +69,16 @@ struct ZV_NetServerConfig
     ZV_NetLimits limits;
     std::vector<ZV_NetConferenceConfig> vecConferences;
     std::vector<ZV_NetPeerConfig> vecPeers;
+    // TLS on every connection that comes in when both are set.
+    std::string sCertificate;
+    std::string sPrivateKey;
+    // The certificates of the peers this server dials lead to one of these;
+    // when set, those peers are dialled on TLS.
+    std::string sTrust;
+    // A login is asked of every connection that comes in when set.
+    bool bLogins = false;
+    ZV_Credentials credentials;
+    std::chrono::milliseconds msLoginDelay{1000};
 };
 
 class ZV_NetServer final : public ZV_NetHost
@@ -122,8 +137,9 @@ private:
     void OnClosed(ZV_NetConnection& conn) override;
     void OnTick() override;
 
-    ZV_NetWelcome AnswerClient(const ZV_NetHello& hello) const;
-    ZV_NetWelcome AnswerServer(const ZV_NetHello& hello) const;
+    bool StartSecurity();
+    ZV_NetWelcome AnswerClient(const ZV_NetHello& hello, const std::string& sLogin) const;
+    ZV_NetWelcome AnswerServer(const ZV_NetHello& hello, const std::string& sLogin) const;
     void OpenClient(ZV_NetConnection& conn);
     bool ClientFrame(Conference& conf, ZV_NetLink& link, ZV_NetConnection& conn, const ZV_NetFrameHead& head,
                      const uint8_t* pData);
@@ -144,6 +160,9 @@ private:
 
     ZV_NetServerConfig m_config;
     ZV_ModuleApi& m_api;
+    ZV_LoginGuard m_guard;
+    ZV_NetSecurity m_accepting;
+    ZV_NetSecurity m_dialling;
     asio::ip::tcp::acceptor m_acceptor;
     uint16_t m_usPort = 0;
     std::map<uint32_t, Conference> m_mapConfs;

@@ -78,6 +78,7 @@ std::array<uint8_t, kNetWelcomeSize> ZV_WriteWelcome(const ZV_NetWelcome& welcom
     Put16(&ab[12], welcome.usFileIDMin);
     Put16(&ab[14], welcome.usFileIDMax);
     Put16(&ab[16], welcome.usRole);
+    Put16(&ab[18], welcome.usLoginLen);
     return ab;
 }
 
@@ -91,7 +92,8 @@ ZV_NetFault ZV_ReadWelcome(const uint8_t* pData, ZV_NetWelcome& welcome)
     welcome.usFileIDMin = Get16(pData + 12);
     welcome.usFileIDMax = Get16(pData + 14);
     welcome.usRole = Get16(pData + 16);
-    return ZV_NetFault::None;
+    welcome.usLoginLen = Get16(pData + 18);
+    return welcome.usLoginLen > kNetMaxLoginData ? ZV_NetFault::LoginTooLong : ZV_NetFault::None;
 }
 
 std::array<uint8_t, kNetFrameHeadSize> ZV_WriteFrameHead(const ZV_NetFrameHead& head)
@@ -115,6 +117,22 @@ ZV_NetFault ZV_ReadFrameHead(const uint8_t* pData, ZV_NetFrameHead& head)
     return head.ulLen > kNetMaxPayload ? ZV_NetFault::TooLong : ZV_NetFault::None;
 }
 
+std::array<uint8_t, kNetLoginHeadSize> ZV_WriteLoginHead(const ZV_NetLoginHead& head)
+{
+    std::array<uint8_t, kNetLoginHeadSize> ab{};
+    ab[0] = head.bMechanismLen;
+    Put16(&ab[1], head.usDataLen);
+    return ab;
+}
+
+ZV_NetFault ZV_ReadLoginHead(const uint8_t* pData, ZV_NetLoginHead& head)
+{
+    head.bMechanismLen = pData[0];
+    head.usDataLen = Get16(pData + 1);
+    return head.bMechanismLen > kNetMaxMechanism || head.usDataLen > kNetMaxLoginData ? ZV_NetFault::LoginTooLong
+                                                                                      : ZV_NetFault::None;
+}
+
 std::string ZV_NetFaultText(ZV_NetFault eFault)
 {
     switch (eFault)
@@ -124,6 +142,7 @@ std::string ZV_NetFaultText(ZV_NetFault eFault)
     case ZV_NetFault::UnknownVersion: return "its protocol version is unknown";
     case ZV_NetFault::UnknownKind: return "it names no kind of link";
     case ZV_NetFault::TooLong: return "its payload would be longer than 65471 bytes";
+    case ZV_NetFault::LoginTooLong: return "its login message would be longer than a login's";
     }
     return "unknown fault";
 }
@@ -139,6 +158,9 @@ std::string ZV_NetResultText(uint16_t usResult)
     case zvNetWrongKind: return "wrong kind of link";
     case zvNetUnknownServer: return "server not a peer that dials here";
     case zvNetNoCommandLink: return "a data link before the command link";
+    case zvNetLogIn: return "a login is asked for";
+    case zvNetLoginRefused: return "login refused";
+    case zvNetNotThatUser: return "the login is not the one the hello names";
     }
     return "refused (" + std::to_string(usResult) + ")";
 }

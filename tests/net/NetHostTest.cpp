@@ -22,20 +22,26 @@ Bytes Of(const std::array<uint8_t, N>& ab)
 
 TEST(NetWire, WritesEachOpeningAndFrameHeadAsTheProtocolPageShowsAndReadsThemBack)
 {
-    const ZV_NetHello hello{1, zvConfClientTypeData, 100, 10001};
-    const Bytes vbHello = {'R', 'C', 'R', 'T', 0x01, 0x00, 0x04, 0x00, 0x64, 0x00, 0x00, 0x00, 0x11, 0x27, 0x00, 0x00};
+    const ZV_NetHello hello{2, zvConfClientTypeData, 100, 10001};
+    const Bytes vbHello = {'R', 'C', 'R', 'T', 0x02, 0x00, 0x04, 0x00, 0x64, 0x00, 0x00, 0x00, 0x11, 0x27, 0x00, 0x00};
     EXPECT_EQ(Of(ZV_WriteHello(hello)), vbHello);
     ZV_NetHello helloRead;
     ASSERT_EQ(ZV_ReadHello(vbHello.data(), helloRead), ZV_NetFault::None);
     EXPECT_EQ(Of(ZV_WriteHello(helloRead)), vbHello);
 
-    const ZV_NetWelcome welcome{1, zvNetAccepted, 2, 1001, 2000, 1};
-    const Bytes vbWelcome = {'R',  'C',  'R',  'T',  0x01, 0x00, 0x00, 0x00, 0x02, 0x00,
-                             0x00, 0x00, 0xE9, 0x03, 0xD0, 0x07, 0x01, 0x00, 0x00, 0x00};
+    const ZV_NetWelcome welcome{2, zvNetAccepted, 2, 1001, 2000, 1, 44};
+    const Bytes vbWelcome = {'R',  'C',  'R',  'T',  0x02, 0x00, 0x00, 0x00, 0x02, 0x00,
+                             0x00, 0x00, 0xE9, 0x03, 0xD0, 0x07, 0x01, 0x00, 0x2C, 0x00};
     EXPECT_EQ(Of(ZV_WriteWelcome(welcome)), vbWelcome);
     ZV_NetWelcome welcomeRead;
     ASSERT_EQ(ZV_ReadWelcome(vbWelcome.data(), welcomeRead), ZV_NetFault::None);
     EXPECT_EQ(Of(ZV_WriteWelcome(welcomeRead)), vbWelcome);
+
+    const Bytes vbLogin = {0x0D, 0x2A, 0x00};
+    EXPECT_EQ(Of(ZV_WriteLoginHead({13, 42})), vbLogin);
+    ZV_NetLoginHead loginRead;
+    ASSERT_EQ(ZV_ReadLoginHead(vbLogin.data(), loginRead), ZV_NetFault::None);
+    EXPECT_EQ(Of(ZV_WriteLoginHead(loginRead)), vbLogin);
 
     const ZV_NetFrameHead head{100, 8005, 1, 0, 32782};
     const Bytes vbHead = {0x64, 0x00, 0x45, 0x1F, 0x01, 0x00, 0x0E, 0x80, 0x00, 0x00};
@@ -54,9 +60,9 @@ TEST(NetWire, RefusesWhatNoPeerOfThisVersionSends)
         ZV_NetFault eFault;
     } aRows[] = {
         {"a hello of another magic", {'R', 'C', 'R', 'X', 0x01}, ZV_NetFault::BadMagic},
-        {"a hello of version 2", Of(ZV_WriteHello({2, 0, 100, 1})), ZV_NetFault::UnknownVersion},
-        {"a hello of kind 1", Of(ZV_WriteHello({1, 1, 100, 1})), ZV_NetFault::UnknownKind},
-        {"a hello of kind 0x1004", Of(ZV_WriteHello({1, 0x1004, 0, 1})), ZV_NetFault::None},
+        {"a hello of version 1", Of(ZV_WriteHello({1, 0, 100, 1})), ZV_NetFault::UnknownVersion},
+        {"a hello of kind 1", Of(ZV_WriteHello({2, 1, 100, 1})), ZV_NetFault::UnknownKind},
+        {"a hello of kind 0x1004", Of(ZV_WriteHello({2, 0x1004, 0, 1})), ZV_NetFault::None},
     };
     for (const auto& row : aRows)
     {
@@ -65,6 +71,24 @@ TEST(NetWire, RefusesWhatNoPeerOfThisVersionSends)
         ZV_NetHello hello;
         EXPECT_EQ(ZV_ReadHello(vb.data(), hello), row.eFault) << row.szCase;
     }
+    const struct
+    {
+        const char* szCase;
+        ZV_NetLoginHead head;
+        ZV_NetFault eFault;
+    } aLogins[] = {
+        {"the longest mechanism name and login data", {20, 4096}, ZV_NetFault::None},
+        {"a mechanism name of 21", {21, 10}, ZV_NetFault::LoginTooLong},
+        {"login data of 4097", {0, 4097}, ZV_NetFault::LoginTooLong},
+    };
+    for (const auto& row : aLogins)
+    {
+        ZV_NetLoginHead head;
+        EXPECT_EQ(ZV_ReadLoginHead(ZV_WriteLoginHead(row.head).data(), head), row.eFault) << row.szCase;
+    }
+    ZV_NetWelcome welcome;
+    welcome.usLoginLen = 4097;
+    EXPECT_EQ(ZV_ReadWelcome(ZV_WriteWelcome(welcome).data(), welcome), ZV_NetFault::LoginTooLong);
     for (uint32_t ulLen : {kNetMaxPayload, kNetMaxPayload + 1, 0xFFFFFFFFu})
     {
         ZV_NetFrameHead head;
