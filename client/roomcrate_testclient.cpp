@@ -10,7 +10,12 @@
 // end; "await NAME" waits for a download of NAME asked for before a restart
 // to finish; "list" prints what the server lists; "stay" stays until
 // SIGINT or SIGTERM. Exit: 0 done, 1 a step failed, 2 usage, 3 another login
-// of the user took this one's place, 4 the time ran out.
+// of the user took this one's place, 4 the time ran out, 5 the server
+// refused the login or could not prove who it is.
+//
+// With --secret-file the client logs in under --name; with --trust it speaks
+// TLS and takes only a server certificate for the --server host that leads
+// to one of the trust file's.
 #include "ZV_ModuleApi.h"
 #include "ZV_NetClient.h"
 
@@ -20,6 +25,7 @@
 
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <map>
 #include <set>
@@ -36,6 +42,7 @@ enum : int
     kExitUsage = 2,
     kExitReplaced = 3,
     kExitTimeOut = 4,
+    kExitRefused = 5,
 };
 
 std::u16string Utf16(const std::string& s)
@@ -128,6 +135,8 @@ public:
     {
     }
 
+    const std::string& GetError() const { return m_client.GetError(); }
+
     bool Start()
     {
         if (!m_client.Start())
@@ -136,6 +145,8 @@ public:
         m_client.SetLinkCallback([this](ZV_NetClient::Link eLink) {
             if (eLink == ZV_NetClient::Link::Replaced)
                 Finish(kExitReplaced, "another login of this user took this one's place");
+            else if (eLink == ZV_NetClient::Link::Refused)
+                Finish(kExitRefused, "the server refused the login, or did not prove who it is");
             else if (eLink == ZV_NetClient::Link::Up)
                 Settle();
         });
@@ -380,6 +391,12 @@ int main(int argc, char** argv)
     app.add_option("--rate", ullRate, "bytes a second the client reads at most");
     app.add_option("--timeout", dTimeout, "seconds before the client gives up (default 60)");
     app.add_flag("--no-goodbye", bNoGoodbye, "leave without a goodbye, as a lost link does");
+    std::string sSecretFile;
+    app.add_option("--secret-file", sSecretFile, "log in under --name with the secret on the file's first line "
+                                                 "(- for standard input)");
+    app.add_option("--trust", config.sTrust, "speak TLS, and take only a server certificate that leads to one of "
+                                             "this file's")
+        ->check(CLI::ExistingFile);
     app.add_option("steps", vecWords, "share PATH | share-later PATH | get NAME TARGET | await NAME | list | stay")
         ->required();
     app.set_version_flag("--version", std::string("roomcrate-testclient ") + ROOMCRATE_VERSION);
@@ -387,13 +404,27 @@ int main(int argc, char** argv)
 
     std::vector<Step> vecSteps;
     const size_t nColon = sServer.rfind(':');
-    if (!ParseSteps(vecWords, vecSteps) || nColon == std::string::npos)
+    const std::string sPort = nColon == std::string::npos ? std::string() : sServer.substr(nColon + 1);
+    if (!ParseSteps(vecWords, vecSteps) || sPort.empty() || sPort.size() > 5 ||
+        sPort.find_first_not_of("0123456789") != std::string::npos || std::stoul(sPort) > 65535)
     {
         std::cerr << "roomcrate-testclient: the steps or the server do not read right (--help says more)\n";
         return kExitUsage;
     }
+    if (!sSecretFile.empty())
+    {
+        std::ifstream file;
+        if (sSecretFile != "-")
+            file.open(sSecretFile);
+        std::getline(sSecretFile == "-" ? std::cin : file, config.sSecret);
+        if (config.sSecret.empty() || config.sName.empty())
+        {
+            std::cerr << "roomcrate-testclient: a login needs --name and a secret on the file's first line\n";
+            return kExitUsage;
+        }
+    }
     config.sServer = sServer.substr(0, nColon);
-    config.usPort = (uint16_t)std::stoul(sServer.substr(nColon + 1));
+    config.usPort = (uint16_t)std::stoul(sPort);
     std::filesystem::create_directories(std::filesystem::path(sHome) / "log");
     config.sHome = std::filesystem::absolute(sHome).string() + "/";
     config.limits.ullReadRate = ullRate;
@@ -410,7 +441,10 @@ int main(int argc, char** argv)
     {
         TestClient client(io, config, api, vecSteps, !bNoGoodbye);
         if (!client.Start())
+        {
+            std::cerr << "roomcrate-testclient: " << client.GetError() << "\n";
             return kExitFailed;
+        }
         asio::steady_timer timeout(io, std::chrono::milliseconds((int64_t)(dTimeout * 1000)));
         timeout.async_wait([&](const asio::error_code& ec) {
             if (!ec)

@@ -3,6 +3,7 @@
 #include <asio.hpp>
 #include <toml++/toml.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -111,6 +112,19 @@ public:
         return (path.is_absolute() ? path : m_pathBase / path).lexically_normal();
     }
 
+    // The path of a file the server reads at start, which must be there.
+    std::string File(const toml::table& table, const char* pszKey, const std::string& sWhere)
+    {
+        const std::string sPath = Text(table, pszKey, sWhere, std::string());
+        if (sPath.empty())
+            return {};
+        const fs::path path = Path(sPath);
+        std::ifstream file(path);
+        if (!file)
+            Fail(table[pszKey].node()->source(), sWhere + ": \"" + pszKey + "\": " + path.string() + " cannot be read");
+        return path.string();
+    }
+
     ZV_ServerConfig& m_config;
     fs::path m_pathBase;
 };
@@ -155,7 +169,8 @@ bool ZV_ServerConfig::Load(const std::string& sPath)
     }
     const std::string sServer = "[server]";
     reader.OnlyKeys(*lpServer,
-                    {"number", "listen", "port", "port_file", "home", "grace_seconds", "queue_bound", "log_level"},
+                    {"number", "listen", "port", "port_file", "home", "grace_seconds", "queue_bound", "log_level",
+                     "certificate", "private_key", "trust", "logins", "credentials", "login_delay_ms"},
                     sServer);
     net.ulServerID = (uint32_t)reader.Integer(*lpServer, "number", sServer, 1, kU32Max);
     net.sListen = reader.Text(*lpServer, "listen", sServer, std::string("127.0.0.1"));
@@ -176,6 +191,19 @@ bool ZV_ServerConfig::Load(const std::string& sPath)
     if (!setLevels.count(m_settings.sLogLevel))
         reader.Fail((*lpServer)["log_level"].node()->source(),
                     sServer + ": \"log_level\" must be trace, debug, info, warn, error, critical or off");
+    net.sCertificate = reader.File(*lpServer, "certificate", sServer);
+    net.sPrivateKey = reader.File(*lpServer, "private_key", sServer);
+    if (net.sCertificate.empty() != net.sPrivateKey.empty())
+        reader.Fail(lpServer->source(), sServer + ": \"certificate\" and \"private_key\" go together");
+    net.sTrust = reader.File(*lpServer, "trust", sServer);
+    net.bLogins = reader.Flag(*lpServer, "logins", sServer, true);
+    const fs::path pathConfig = fs::absolute(fs::path(sPath));
+    m_settings.sCredentials =
+        lpServer->contains("credentials")
+            ? reader.Path(reader.Text(*lpServer, "credentials", sServer)).string()
+            : (pathConfig.parent_path() / pathConfig.stem()).string() + ".credentials";
+    net.msLoginDelay =
+        std::chrono::milliseconds(reader.Integer(*lpServer, "login_delay_ms", sServer, 1, 60000, 1000));
 
     // Peers first: a user's home server must be one of them or this one.
     std::set<uint32_t> setServers = {net.ulServerID};
@@ -185,7 +213,7 @@ bool ZV_ServerConfig::Load(const std::string& sPath)
         vecPeerPlaces.push_back(lpPeer->source());
         ZV_NetPeerConfig peer;
         const std::string sWhere = "[[peer]]";
-        reader.OnlyKeys(*lpPeer, {"number", "address", "port", "conferences"}, sWhere);
+        reader.OnlyKeys(*lpPeer, {"number", "address", "port", "conferences", "secret_file"}, sWhere);
         peer.ulServerID = (uint32_t)reader.Integer(*lpPeer, "number", sWhere, 1, kU32Max);
         if (!setServers.insert(peer.ulServerID).second)
             reader.Fail(lpPeer->source(), sWhere + ": server " + std::to_string(peer.ulServerID) +
@@ -195,6 +223,23 @@ bool ZV_ServerConfig::Load(const std::string& sPath)
         peer.sAddress = reader.Text(*lpPeer, "address", sWhere, bDials ? std::optional<std::string>() : "");
         peer.usPort = (uint16_t)reader.Integer(*lpPeer, "port", sWhere, 1, 65535,
                                                bDials ? std::optional<int64_t>() : 1);
+        // What this server dials, it dials as the servers that dial it are
+        // let in: on TLS when it has a certificate, with a login when it
+        // asks for them.
+        if (bDials && !net.sCertificate.empty() && net.sTrust.empty())
+            reader.Fail(lpPeer->source(), sWhere + ": server " + std::to_string(peer.ulServerID) +
+                                              " is dialled on TLS, so [server] needs \"trust\"");
+        if (bDials && net.bLogins && !lpPeer->contains("secret_file"))
+            reader.Fail(lpPeer->source(), sWhere + ": server " + std::to_string(peer.ulServerID) +
+                                              " is dialled with a login, so \"secret_file\" is missing");
+        if (const std::string sSecretFile = reader.File(*lpPeer, "secret_file", sWhere); !sSecretFile.empty())
+        {
+            std::ifstream file(sSecretFile);
+            std::getline(file, peer.sSecret);
+            if (peer.sSecret.empty())
+                reader.Fail((*lpPeer)["secret_file"].node()->source(),
+                            sWhere + ": \"secret_file\": its first line, the secret, is empty");
+        }
         if (const toml::node* lpConfs = lpPeer->get("conferences"))
         {
             const toml::array* lpArray = lpConfs->as_array();
@@ -240,6 +285,7 @@ bool ZV_ServerConfig::Load(const std::string& sPath)
         conf.usFileIDMax = (uint16_t)llMax;
         conf.sHome = m_settings.sHome + "conference-" + std::to_string(conf.ulConfID) + "/";
         std::set<uint32_t> setUsers;
+        std::set<std::string> setNames;
         for (const toml::table* lpUser : reader.Tables(*lpConf, "user"))
         {
             ZV_NetUserConfig user;
@@ -255,6 +301,11 @@ bool ZV_ServerConfig::Load(const std::string& sPath)
                 reader.Fail(lpUser->source(), sUser + ": \"role\" must be \"member\" or \"privileged\"");
             if (!setUsers.insert(user.ulNumber).second)
                 reader.Fail(lpUser->source(), sUser + ": user " + std::to_string(user.ulNumber) + " appears twice");
+            // A user logs in under the name, so it names one user only.
+            else if (std::any_of(user.sName.begin(), user.sName.end(), [](char c) { return (unsigned char)c < 0x20; }) ||
+                     !setNames.insert(user.sName).second)
+                reader.Fail(lpUser->source(), sUser + ": the name \"" + user.sName +
+                                                  "\" is another user's, or holds a control character");
             // The module tells users and servers apart by number alone.
             if (setServers.count(user.ulNumber))
                 reader.Fail(lpUser->source(), sUser + ": user number " + std::to_string(user.ulNumber) +
@@ -278,6 +329,12 @@ bool ZV_ServerConfig::Load(const std::string& sPath)
                                                   " is not hosted here");
     }
     return m_vecErrors.empty();
+}
+
+bool ZV_ServerConfig::LoadCredentials()
+{
+    ZV_NetServerConfig& net = m_settings.net;
+    return !net.bLogins || net.credentials.Load(m_settings.sCredentials, m_vecErrors);
 }
 
 bool ZV_ServerConfig::PrepareHomes()

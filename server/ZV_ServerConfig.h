@@ -16,6 +16,9 @@ struct ZV_ServerSettings
     std::string sHome;
     // Where the chosen port is written; empty: nowhere.
     std::string sPortFile;
+    // The credentials file: beside the configuration, named as it is with
+    // ".credentials" for its extension, unless set.
+    std::string sCredentials;
     std::string sLogLevel = "info";
 };
 
@@ -32,6 +35,9 @@ public:
     // which asks the module to take its catalogue back at start; false with
     // the reason in GetErrors.
     bool PrepareHomes();
+    // The credentials file into the settings when logins are on; false with
+    // its problems in GetErrors.
+    bool LoadCredentials();
 
 private:
     ZV_ServerSettings m_settings;

@@ -3,6 +3,8 @@
 //
 //     roomcrate-server CONFIG       run until SIGINT or SIGTERM, then exit 0
 //     roomcrate-server --check CONFIG
+//     roomcrate-server passwd --config CONFIG NAME         a user's secret
+//     roomcrate-server passwd --config CONFIG --peer N     the link secret of server N
 //
 // Log lines go to standard error with their level; the module's own trace
 // lines go to standard output, and its logs to each conference's "log/".
@@ -13,6 +15,9 @@
 #include <CLI/CLI.hpp>
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
+
+#include <termios.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <cstdio>
@@ -35,6 +40,84 @@ bool WritePortFile(const std::string& sPath, uint16_t usPort)
     std::error_code ec;
     std::filesystem::rename(sTemp, sPath, ec);
     return !ec;
+}
+
+// From a terminal twice and without echo; otherwise the first line of
+// standard input, so that a script can pipe it in. Never from the command
+// line, where every user of the machine could read it.
+bool ReadSecret(const std::string& sWhose, std::string& sSecret)
+{
+    auto ReadLine = [](std::string& sLine) {
+        std::getline(std::cin, sLine);
+        if (!sLine.empty() && sLine.back() == '\r')
+            sLine.pop_back();
+    };
+    if (!isatty(STDIN_FILENO))
+    {
+        ReadLine(sSecret);
+        return !sSecret.empty();
+    }
+    termios old{};
+    tcgetattr(STDIN_FILENO, &old);
+    termios quiet = old;
+    quiet.c_lflag &= ~(tcflag_t)ECHO;
+    tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet);
+    std::string sAgain;
+    std::cerr << "Secret of " << sWhose << ": " << std::flush;
+    ReadLine(sSecret);
+    std::cerr << "\nOnce more: " << std::flush;
+    ReadLine(sAgain);
+    std::cerr << "\n";
+    tcsetattr(STDIN_FILENO, TCSAFLUSH, &old);
+    if (sSecret != sAgain)
+    {
+        std::cerr << "roomcrate-server: the two differ; nothing was written\n";
+        return false;
+    }
+    return !sSecret.empty();
+}
+
+// Writes the keys of one secret into the credentials file of the
+// configuration, keeping every other line.
+int Passwd(const std::string& sConfig, const std::string& sName, bool bPeer)
+{
+    ZV_ServerConfig config;
+    if (!config.Load(sConfig))
+    {
+        for (const std::string& sError : config.GetErrors())
+            std::cerr << sError << "\n";
+        return 1;
+    }
+    if (bPeer && (sName.empty() || sName.find_first_not_of("0123456789") != std::string::npos))
+    {
+        std::cerr << "roomcrate-server: a peer is named by its server number\n";
+        return 2;
+    }
+    const std::string& sPath = config.GetSettings().sCredentials;
+    ZV_Credentials credentials;
+    std::vector<std::string> vecErrors;
+    if (std::filesystem::exists(sPath) && !credentials.Load(sPath, vecErrors))
+    {
+        for (const std::string& sError : vecErrors)
+            std::cerr << sError << "\n";
+        return 1;
+    }
+    const std::string sWhose = (bPeer ? "server " : "user ") + sName;
+    std::string sSecret;
+    if (!ReadSecret(sWhose, sSecret))
+    {
+        std::cerr << "roomcrate-server: no secret was given\n";
+        return 1;
+    }
+    credentials.Put(bPeer ? ZV_LoginKind::Server : ZV_LoginKind::User, sName, ZV_Credentials::Derive(sSecret));
+    std::string sError;
+    if (!credentials.Save(sPath, sError))
+    {
+        std::cerr << "roomcrate-server: " << sError << "\n";
+        return 1;
+    }
+    std::cout << "the keys of " << sWhose << " are in " << sPath << "\n";
+    return 0;
 }
 
 void SetUpLog(const std::string& sLevel)
@@ -105,7 +188,18 @@ int main(int argc, char** argv)
     app.set_version_flag("--version", std::string("roomcrate-server ") + ROOMCRATE_VERSION);
     app.footer("Signals: SIGINT and SIGTERM close every link and exit 0. README.md, \"Run a server\", shows a "
                "configuration.");
+    CLI::App* lpPasswd = app.add_subcommand(
+        "passwd", "write the keys of a user's secret (or with --peer, of a linked server's link secret) into the "
+                  "configuration's credentials file; the secret is read from the terminal without echo, or from "
+                  "standard input");
+    std::string sPasswdConfig, sName;
+    bool bPeer = false;
+    lpPasswd->add_option("--config", sPasswdConfig, "the TOML configuration")->required()->check(CLI::ExistingFile);
+    lpPasswd->add_option("name", sName, "the user's name, or with --peer the server's number")->required();
+    lpPasswd->add_flag("--peer", bPeer, "the link secret of the server of that number, which dials this one");
     CLI11_PARSE(app, argc, argv);
+    if (*lpPasswd)
+        return Passwd(sPasswdConfig, sName, bPeer);
     const std::string sPath = sCheck.empty() ? sConfig : sCheck;
     if (sPath.empty())
     {
@@ -113,7 +207,7 @@ int main(int argc, char** argv)
         return 2;
     }
     ZV_ServerConfig config;
-    if (!config.Load(sPath))
+    if (!config.Load(sPath) || !config.LoadCredentials())
     {
         for (const std::string& sError : config.GetErrors())
             std::cerr << sError << "\n";

@@ -13,6 +13,7 @@ namespace {
 const std::string kServer = "[server]\nnumber = 1\nport = 0\nhome = \"h\"\n";
 const std::string kConference = "\n[[conference]]\nid = 100\nfile_ids = [1, 1000]\n";
 const std::string kAlice = "\n[[conference.user]]\nnumber = 10001\nname = \"alice\"\n";
+const std::string kPeer = "\n[[peer]]\nnumber = 2\naddress = \"127.0.0.1\"\nport = 7000\n";
 
 }  // namespace
 
@@ -47,6 +48,21 @@ TEST(ServerConfig, RefusesEachWrongOrMissingSettingWithItsLineAndReason)
          ":6: [[peer]]: \"address\" is missing"},
         {"a text where a number goes", "[server]\nnumber = \"one\"\nport = 0\nhome = \"h\"\n" + kConference,
          ":2: [server]: \"number\" must be a whole number"},
+        {"a certificate without its key", kServer + "certificate = \"server.toml\"\n" + kConference,
+         ":1: [server]: \"certificate\" and \"private_key\" go together"},
+        {"a certificate that is not there", kServer + "certificate = \"c.pem\"\nprivate_key = \"server.toml\"\n" +
+                                                kConference,
+         ":5: [server]: \"certificate\": "},
+        {"a peer dialled with a login without its secret", kServer + kPeer + kConference,
+         ":6: [[peer]]: server 2 is dialled with a login, so \"secret_file\" is missing"},
+        {"a peer dialled on TLS without a trust file",
+         kServer + "certificate = \"server.toml\"\nprivate_key = \"server.toml\"\nlogins = false\n" + kPeer +
+             kConference,
+         ":9: [[peer]]: server 2 is dialled on TLS, so [server] needs \"trust\""},
+        {"two users of one name", kServer + kConference + kAlice + "\n[[conference.user]]\nnumber = 10002\nname = \"alice\"\n",
+         ":14: conference 100, [[conference.user]]: the name \"alice\" is another user's"},
+        {"no wait after a failed login", kServer + "login_delay_ms = 0\n" + kConference,
+         ":5: [server]: \"login_delay_ms\" must be a whole number from 1"},
         {"broken TOML", kServer + "[[conference]\n", ":5: "},
     };
     for (const auto& row : aRows)
