@@ -1,5 +1,6 @@
 // roomcrate-server and the test client as people run them: real processes
-// on loopback, each step bounded in time, the bytes compared at the end.
+// on loopback, each step bounded in time, the bytes compared at the end;
+// each test in the clear without logins, and on TLS with logins.
 #include "ZV_NetProcess.h"
 #include "ZV_TestProxy.h"
 
@@ -17,17 +18,29 @@ constexpr size_t kMiB = 1 << 20;
 // enough to be cut, killed or have its server restarted in the middle.
 const std::vector<std::string> kSlow = {"--rate", "600000"};
 
-struct NetProcess : ::testing::Test
+struct NetProcess : ::testing::TestWithParam<ZV_NetMode>
 {
     QB_TempFolder tmp;
     std::string sDir = tmp.Path();
+    ZV_NetSetup setup{sDir, GetParam()};
 
     std::string At(const std::string& sName) const { return sDir + "/" + sName; }
+    int RunClient(const std::string& sName, uint32_t ulUser, const std::string& sServer,
+                  const std::vector<std::string>& vecSteps, const std::vector<std::string>& vecOptions = {})
+    {
+        return ZV_RunClient(setup, sName, ulUser, sServer, vecSteps, vecOptions);
+    }
+    std::unique_ptr<ZV_Process> StartClient(const std::string& sName, uint32_t ulUser, const std::string& sServer,
+                                            const std::vector<std::string>& vecSteps,
+                                            const std::vector<std::string>& vecOptions = {})
+    {
+        return ZV_StartClient(setup, sName, ulUser, sServer, vecSteps, vecOptions);
+    }
     // Alice shares a file of nBytes and leaves once the server has it all.
     void AliceShares(const std::string& sServer, const std::string& sName, size_t nBytes)
     {
         ZV_WriteRandomFile(At(sName), nBytes, (unsigned)nBytes);
-        ASSERT_EQ(0, ZV_RunClient(sDir, "alice", kAlice, sServer, {"share", sName}));
+        ASSERT_EQ(0, RunClient("alice", kAlice, sServer, {"share", sName}));
     }
     // Waits until a download has some bytes and not all of them.
     bool PartWay(const std::string& sTarget, uint64_t ullBytes)
@@ -49,18 +62,19 @@ double FirstProgress(const std::string& sOut)
 
 }  // namespace
 
-TEST_F(NetProcess, TwoClientsOfOneServerShareAndFetchAFileByteForByte)
+TEST_P(NetProcess, TwoClientsOfOneServerShareAndFetchAFileByteForByte)
 {
-    ZV_ServerUnderTest server(At("srv1"), 1);
+    ZV_ServerUnderTest server(setup, At("srv1"), 1);
     ASSERT_TRUE(server.Start());
     AliceShares(server.GetAddress(), "a.bin", 5 * kMiB + 123);
-    EXPECT_EQ(0, ZV_RunClient(sDir, "bob", kBob, server.GetAddress(), {"get", "a.bin", "b.bin"}));
+    EXPECT_EQ(0, RunClient("bob", kBob, server.GetAddress(), {"get", "a.bin", "b.bin"}));
     EXPECT_TRUE(ZV_SameFiles(At("a.bin"), At("b.bin")));
     EXPECT_EQ(0, server.Stop());
+    EXPECT_EQ(QB_CountInFiles(server.GetDir() + "/server.err", "traffic is in the clear"), GetParam().bTls ? 0u : 1u);
 }
 
 // Server 2 waits for server 1's call; the file travels through both.
-TEST_F(NetProcess, AFileSharedAtOneServerIsFetchedAtItsLinkedServer)
+TEST_P(NetProcess, AFileSharedAtOneServerIsFetchedAtItsLinkedServer)
 {
     auto Users = [](uint32_t ulServer) {
         std::string s;
@@ -69,58 +83,58 @@ TEST_F(NetProcess, AFileSharedAtOneServerIsFetchedAtItsLinkedServer)
                  std::to_string(i) + "\"\nhome = " + std::to_string(ulServer) + "\n";
         return s;
     };
-    ZV_ServerUnderTest server2(At("srv2"), 2, "\n[[peer]]\nnumber = 1\n" + Users(1), 600, 1001);
+    ZV_ServerUnderTest server2(setup, At("srv2"), 2, Users(1), 600, 1001);
+    server2.AddPeer(1, 0);
     ASSERT_TRUE(server2.Start());
-    ZV_ServerUnderTest server1(
-        At("srv1"), 1,
-        "\n[[peer]]\nnumber = 2\naddress = \"127.0.0.1\"\nport = " + std::to_string(server2.GetPort()) + "\n" + Users(2));
+    ZV_ServerUnderTest server1(setup, At("srv1"), 1, Users(2));
+    server1.AddPeer(2, server2.GetPort());
     ASSERT_TRUE(server1.Start());
     ASSERT_TRUE(ZV_WaitFor([&] { return server1.Log().find("server link to server 2 is up") != std::string::npos; }));
     AliceShares(server1.GetAddress(), "a.bin", 3 * kMiB);
-    EXPECT_EQ(0, ZV_RunClient(sDir, "dave", 20001, server2.GetAddress(), {"get", "a.bin", "d.bin"}));
+    EXPECT_EQ(0, RunClient("dave", 20001, server2.GetAddress(), {"get", "a.bin", "d.bin"}));
     EXPECT_TRUE(ZV_SameFiles(At("a.bin"), At("d.bin")));
     EXPECT_TRUE(ZV_SameFiles(At("a.bin"), server2.Stored("a.bin"))) << "server 2 keeps a copy of its own";
 }
 
 // The restarted client asks for nothing: its server lists the download,
 // and the client goes on from what its file holds.
-TEST_F(NetProcess, AClientKilledInTheMiddleOfADownloadGoesOnWhereItsFileStandsOnceStartedAgain)
+TEST_P(NetProcess, AClientKilledInTheMiddleOfADownloadGoesOnWhereItsFileStandsOnceStartedAgain)
 {
-    ZV_ServerUnderTest server(At("srv1"), 1);
+    ZV_ServerUnderTest server(setup, At("srv1"), 1);
     ASSERT_TRUE(server.Start());
     AliceShares(server.GetAddress(), "a.bin", 2 * kMiB);
-    auto lpBob = ZV_StartClient(sDir, "bob", kBob, server.GetAddress(), {"get", "a.bin", "b.bin"}, kSlow);
+    auto lpBob = StartClient("bob", kBob, server.GetAddress(), {"get", "a.bin", "b.bin"}, kSlow);
     ASSERT_TRUE(PartWay("b.bin", kMiB / 2));
     lpBob->Signal(SIGKILL);
     lpBob->Wait();
     std::filesystem::rename(At("bob.out"), At("bob-first.out"));
-    EXPECT_EQ(0, ZV_RunClient(sDir, "bob", kBob, server.GetAddress(), {"await", "a.bin"}));
+    EXPECT_EQ(0, RunClient("bob", kBob, server.GetAddress(), {"await", "a.bin"}));
     EXPECT_TRUE(ZV_SameFiles(At("a.bin"), At("b.bin")));
     EXPECT_GE(FirstProgress(ZV_ReadText(At("bob.out"))), 20.0) << "it started again from its file's end";
 }
 
-TEST_F(NetProcess, AServerStoppedAndStartedAgainShowsItsFilesAndItsClientsGoOn)
+TEST_P(NetProcess, AServerStoppedAndStartedAgainShowsItsFilesAndItsClientsGoOn)
 {
-    ZV_ServerUnderTest server(At("srv1"), 1);
+    ZV_ServerUnderTest server(setup, At("srv1"), 1);
     ASSERT_TRUE(server.Start(true));
     AliceShares(server.GetAddress(), "a.bin", 2 * kMiB);
-    auto lpBob = ZV_StartClient(sDir, "bob", kBob, server.GetAddress(), {"get", "a.bin", "b.bin"}, kSlow);
+    auto lpBob = StartClient("bob", kBob, server.GetAddress(), {"get", "a.bin", "b.bin"}, kSlow);
     ASSERT_TRUE(PartWay("b.bin", kMiB / 2));
     ASSERT_EQ(0, server.Stop()) << "SIGTERM is a clean exit";
     ASSERT_TRUE(server.Start());
     EXPECT_EQ(0, lpBob->Wait());
     EXPECT_TRUE(ZV_SameFiles(At("a.bin"), At("b.bin")));
-    EXPECT_EQ(0, ZV_RunClient(sDir, "carol", kCarol, server.GetAddress(), {"get", "a.bin", "c.bin"}));
+    EXPECT_EQ(0, RunClient("carol", kCarol, server.GetAddress(), {"get", "a.bin", "c.bin"}));
     EXPECT_TRUE(ZV_SameFiles(At("a.bin"), At("c.bin")));
 }
 
-TEST_F(NetProcess, ADownloadWhoseLinkIsCutAndRestoredWithinTheGracePeriodEndsByteForByte)
+TEST_P(NetProcess, ADownloadWhoseLinkIsCutAndRestoredWithinTheGracePeriodEndsByteForByte)
 {
-    ZV_ServerUnderTest server(At("srv1"), 1);
+    ZV_ServerUnderTest server(setup, At("srv1"), 1);
     ASSERT_TRUE(server.Start());
     AliceShares(server.GetAddress(), "a.bin", 2 * kMiB);
     ZV_TestProxy proxy(ZV_FreeLowPort(), server.GetPort());
-    auto lpBob = ZV_StartClient(sDir, "bob", kBob, proxy.GetAddress(), {"get", "a.bin", "b.bin"}, kSlow);
+    auto lpBob = StartClient("bob", kBob, proxy.GetAddress(), {"get", "a.bin", "b.bin"}, kSlow);
     ASSERT_TRUE(PartWay("b.bin", kMiB / 2));
     proxy.Cut();
     ASSERT_TRUE(ZV_WaitFor([&] { return server.Log().find("bob (10002) lost its link") != std::string::npos; }));
@@ -131,13 +145,14 @@ TEST_F(NetProcess, ADownloadWhoseLinkIsCutAndRestoredWithinTheGracePeriodEndsByt
     EXPECT_EQ(sLog.find("bob (10002) left"), sLog.find("bob (10002) left conference 100: said goodbye"))
         << "bob only lost his link, and left at his goodbye";
     EXPECT_EQ(sLog.find(", returning"), std::string::npos);
+    EXPECT_EQ(proxy.Recorded().find("RCRT") == std::string::npos, GetParam().bTls) << "on TLS no byte shows";
 }
 
 // A user who left (event 4) takes an upload that never began with him; one
 // who only lost the link keeps it through the grace period.
-TEST_F(NetProcess, AUserLeavesOnAGoodbyeOrWhenNotBackWithinTheGracePeriod)
+TEST_P(NetProcess, AUserLeavesOnAGoodbyeOrWhenNotBackWithinTheGracePeriod)
 {
-    ZV_ServerUnderTest server(At("srv1"), 1, {}, 2);
+    ZV_ServerUnderTest server(setup, At("srv1"), 1, {}, 2);
     ASSERT_TRUE(server.Start());
     const struct
     {
@@ -154,7 +169,7 @@ TEST_F(NetProcess, AUserLeavesOnAGoodbyeOrWhenNotBackWithinTheGracePeriod)
         SCOPED_TRACE(row.szCase);
         const std::string sName = "later" + std::to_string(++nRow) + ".bin";
         ZV_WriteRandomFile(At(sName), 1000, nRow);
-        ASSERT_EQ(0, ZV_RunClient(sDir, "alice", kAlice, server.GetAddress(), {"share-later", sName}, row.vecOptions));
+        ASSERT_EQ(0, RunClient("alice", kAlice, server.GetAddress(), {"share-later", sName}, row.vecOptions));
         auto Gone = [&] { return !std::filesystem::exists(server.Stored(sName)); };
         EXPECT_EQ(ZV_WaitFor(Gone, std::chrono::seconds(1)), row.bGoneAtOnce);
         EXPECT_TRUE(ZV_WaitFor(Gone, std::chrono::seconds(5)));
@@ -163,14 +178,17 @@ TEST_F(NetProcess, AUserLeavesOnAGoodbyeOrWhenNotBackWithinTheGracePeriod)
               std::string::npos);
 }
 
-TEST_F(NetProcess, ASecondLoginOfAUserTakesThePlaceOfTheFirst)
+TEST_P(NetProcess, ASecondLoginOfAUserTakesThePlaceOfTheFirst)
 {
-    ZV_ServerUnderTest server(At("srv1"), 1);
+    ZV_ServerUnderTest server(setup, At("srv1"), 1);
     ASSERT_TRUE(server.Start());
-    auto lpFirst = ZV_StartClient(sDir, "first", kBob, server.GetAddress(), {"stay"});
+    auto lpFirst = StartClient("first", kBob, server.GetAddress(), {"stay"});
     ASSERT_TRUE(ZV_WaitFor([&] { return server.Log().find("bob (10002) is in conference 100") != std::string::npos; }));
-    auto lpSecond = ZV_StartClient(sDir, "second", kBob, server.GetAddress(), {"stay"});
+    auto lpSecond = StartClient("second", kBob, server.GetAddress(), {"stay"});
     EXPECT_EQ(3, lpFirst->Wait(std::chrono::seconds(10))) << "the first is told and stops";
     EXPECT_TRUE(lpSecond->IsRunning());
     EXPECT_NE(server.Log().find("bob (10002) logs in again"), std::string::npos);
 }
+
+INSTANTIATE_TEST_SUITE_P(Modes, NetProcess, ::testing::Values(kNetClear, kNetSecure),
+                         [](const auto& info) { return std::string(info.param.szName); });

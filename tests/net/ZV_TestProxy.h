@@ -1,6 +1,8 @@
 // A TCP relay on loopback that a test can cut and restore: while cut it
 // holds no connection and takes none, as a network that went away. It
-// listens on a port given, so that it can listen there again.
+// listens on a port given, so that it can listen there again. It keeps the
+// first bytes the first connection sent, as someone on the way would see
+// them.
 #pragma once
 
 #include <asio.hpp>
@@ -40,6 +42,12 @@ public:
     {
         OnThread([this] { Listen(m_usPort); });
     }
+    std::string Recorded()
+    {
+        std::string sRecorded;
+        OnThread([&] { sRecorded = m_sRecorded; });
+        return sRecorded;
+    }
 
 private:
     struct Pair
@@ -47,6 +55,7 @@ private:
         explicit Pair(asio::io_context& io) : client(io), server(io) {}
         asio::ip::tcp::socket client;
         asio::ip::tcp::socket server;
+        bool bRecorded = false;
         std::array<char, 65536> abUp{}, abDown{};
     };
 
@@ -101,6 +110,8 @@ private:
                 return;
             Accept();
             m_pairs.push_back(lpPair);
+            lpPair->bRecorded = !m_bRecording;
+            m_bRecording = true;
             const asio::ip::tcp::endpoint target(asio::ip::address_v4::loopback(), m_usTarget);
             lpPair->server.async_connect(target, [this, lpPair](const asio::error_code& ecConnect) {
                 if (ecConnect)
@@ -122,6 +133,8 @@ private:
                 to.shutdown(asio::ip::tcp::socket::shutdown_send, ecClose);
                 return;
             }
+            if (lpPair->bRecorded && &from == &lpPair->client && m_sRecorded.size() < kRecordLimit)
+                m_sRecorded.append(abBuffer.data(), nRead);
             asio::async_write(to, asio::buffer(abBuffer.data(), nRead),
                               [=, this, &from, &to, &abBuffer](const asio::error_code& ecWrite, size_t) {
                                   if (!ecWrite)
@@ -130,8 +143,11 @@ private:
         });
     }
 
+    static constexpr size_t kRecordLimit = 1 << 16;
     uint16_t m_usTarget;
     uint16_t m_usPort = 0;
+    bool m_bRecording = false;
+    std::string m_sRecorded;
     asio::io_context m_io;
     asio::ip::tcp::acceptor m_acceptor;
     std::list<std::shared_ptr<Pair>> m_pairs;
