@@ -104,6 +104,16 @@ TEST(NetLogin, ProvesTheSecretOfItsNameOnItsOwnChannelOnce)
         EXPECT_EQ(Exchange(client, server, ZV_LoginMechanism(row.server), nullptr, row.lpReplay, row.bTamper),
                   row.szOutcome);
     }
+    // A name without credentials is challenged as a name with them is, under
+    // the same salt each time, so that nobody learns which names exist.
+    auto SaltOf = [&](const std::string& sName) {
+        ZV_LoginClient client(sName, "a guess", {});
+        ZV_LoginServer server(credentials, ZV_LoginKind::User, {});
+        const ZV_LoginStep challenge = server.Start("SCRAM-SHA-256", client.Start("SCRAM-SHA-256").sData);
+        return challenge.eState == State::More ? challenge.sData.substr(challenge.sData.find(",s=")) : "refused";
+    };
+    EXPECT_EQ(SaltOf("mallory"), SaltOf("mallory"));
+    EXPECT_NE(SaltOf("mallory"), SaltOf("mallorie"));
     // A client on TLS takes no offer without channel binding, nor one in the
     // clear an offer it cannot bind.
     EXPECT_EQ(ZV_LoginClient("alice", "open sesame", Tls('a')).Start("SCRAM-SHA-256").eState, State::Refused);

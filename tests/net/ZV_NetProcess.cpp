@@ -435,7 +435,7 @@ bool ZV_RawPeer::SendAndSeeClosed(uint16_t usPort, const std::vector<uint8_t>& v
         return false;
     size_t nSent = 0;
     ZV_NetHello hello;
-    if (m_setup.GetMode().bLogins && vbSent.size() >= kNetHelloSize &&
+    if (m_bLogIn && m_setup.GetMode().bLogins && vbSent.size() >= kNetHelloSize &&
         ZV_ReadHello(vbSent.data(), hello) == ZV_NetFault::None)
     {
         nSent = kNetHelloSize;
@@ -452,4 +452,10 @@ bool ZV_RawPeer::SendAndSeeClosed(uint16_t usPort, const std::vector<uint8_t>& v
     {
     }
     return nRead == 0 || errno == ECONNRESET;
+}
+
+std::string ZV_RawPeer::BindingOf(uint16_t usPort)
+{
+    RawChannel channel(usPort, m_setup.TrustFile());
+    return channel.IsUp() ? channel.Binding().sExporter : std::string();
 }

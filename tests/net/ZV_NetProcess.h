@@ -159,10 +159,14 @@ int ZV_RunClient(const ZV_NetSetup& setup, const std::string& sName, uint32_t ul
 class ZV_RawPeer
 {
 public:
-    explicit ZV_RawPeer(const ZV_NetSetup& setup) : m_setup(setup) {}
+    // bLogIn false: the bytes go as they are even where a login is asked.
+    explicit ZV_RawPeer(const ZV_NetSetup& setup, bool bLogIn = true) : m_setup(setup), m_bLogIn(bLogIn) {}
     // False when the server kept the connection open past a few seconds.
     bool SendAndSeeClosed(uint16_t usPort, const std::vector<uint8_t>& vbSent, bool bEndStream);
+    // What a TLS session with the server binds its login to.
+    std::string BindingOf(uint16_t usPort);
 
 private:
     const ZV_NetSetup& m_setup;
+    bool m_bLogIn;
 };
