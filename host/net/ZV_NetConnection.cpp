@@ -5,11 +5,16 @@
 #include <spdlog/spdlog.h>
 
 #include <algorithm>
+#include <cstring>
 
 namespace {
 
 // Frames handed to the kernel in one write.
 constexpr size_t kFramesPerWrite = 64;
+// What one read may take: a few of the longest frames on a connection that
+// carries a bulk transfer, and a little on one that does not.
+constexpr size_t kReadBuffer = 4 * (kNetFrameHeadSize + kNetMaxPayload);
+constexpr size_t kFirstReadBuffer = 4096;
 
 }  // namespace
 
@@ -366,62 +371,100 @@ void ZV_NetConnection::Opened()
 {
     m_deadline.cancel();
     m_eState = State::Open;
-    ReadHead();
+    m_vbRead.resize(kFirstReadBuffer);
+    ReadFrames();
     m_lpOwner->OnOpened(*this);
 }
 
 // ---------------------------------------------------------------------------
 // Frames
 
-void ZV_NetConnection::ReadHead()
+// Reads take what the socket holds, up to the buffer, and hand on every
+// whole frame in it; a frame is handed on from the buffer itself. A bulk
+// transfer so costs one read for several blocks rather than two for each.
+void ZV_NetConnection::ReadFrames()
 {
-    auto lpSelf = shared_from_this();
-    AsyncRead(asio::buffer(m_abHead), [this, lpSelf](const asio::error_code& ec, size_t nRead) {
-        if (ec)
-            return OnReadError(ec, nRead > 0 ? "inside a frame head" : nullptr);
-        if (m_eState != State::Open)
-            return;
-        ZV_NetFault eFault = ZV_ReadFrameHead(m_abHead.data(), m_head);
+    while (m_eState == State::Open && m_nReadEnd - m_nReadBegin >= kNetFrameHeadSize)
+    {
+        const uint8_t* pFrame = m_vbRead.data() + m_nReadBegin;
+        ZV_NetFrameHead head;
+        const ZV_NetFault eFault = ZV_ReadFrameHead(pFrame, head);
         if (eFault != ZV_NetFault::None)
-            return Close("a frame was refused: " + ZV_NetFaultText(eFault) + " (" + std::to_string(m_head.ulLen) +
+            return Close("a frame was refused: " + ZV_NetFaultText(eFault) + " (" + std::to_string(head.ulLen) +
                          ")");
-        ReadPayload();
-    });
-}
-
-void ZV_NetConnection::ReadPayload()
-{
-    auto lpSelf = shared_from_this();
-    m_vbPayload.resize(m_head.ulLen);
-    AsyncRead(asio::buffer(m_vbPayload), [this, lpSelf](const asio::error_code& ec, size_t) {
-        if (ec)
-            return OnReadError(ec, m_head.ulLen > 0 ? "inside a frame" : nullptr);
-        if (m_eState != State::Open)
-            return;
-        if (!m_lpOwner->OnFrame(*this, m_head, m_vbPayload.data()))
+        const size_t nFrame = kNetFrameHeadSize + head.ulLen;
+        if (m_nReadEnd - m_nReadBegin < nFrame)
+            break;
+        m_nReadBegin += nFrame;
+        if (!m_lpOwner->OnFrame(*this, head, pFrame + kNetFrameHeadSize))
             return Close({});
+        if (Throttled(nFrame))
+            return;
+    }
+    if (m_eState != State::Open)
+        return;
+    MakeRoom();
+    auto lpSelf = shared_from_this();
+    auto fnRead = [this, lpSelf](const asio::error_code& ec, size_t nRead) {
+        // A read that filled the buffer left more behind: a bulk transfer,
+        // which takes fewer reads with a larger buffer.
+        if (m_nReadEnd + nRead == m_vbRead.size() && m_vbRead.size() < kReadBuffer)
+            m_vbRead.resize(std::min(2 * m_vbRead.size(), kReadBuffer));
+        m_nReadEnd += nRead;
+        const size_t nKept = m_nReadEnd - m_nReadBegin;
+        if (ec)
+            return OnReadError(ec, nKept == 0 ? nullptr : nKept < kNetFrameHeadSize ? "inside a frame head"
+                                                                                     : "inside a frame");
         if (m_eState == State::Open)
-            ReadAfterThrottle(kNetFrameHeadSize + m_head.ulLen);
-    });
+            ReadFrames();
+    };
+    const auto buffer = asio::buffer(m_vbRead.data() + m_nReadEnd, m_vbRead.size() - m_nReadEnd);
+    if (m_lpTls)
+        m_lpTls->async_read_some(buffer, std::move(fnRead));
+    else
+        m_socket.async_read_some(buffer, std::move(fnRead));
 }
 
-// A read rate holds the next read back until the bytes read so far fit it;
+// The frame under way fits behind what is kept, and a read has room.
+void ZV_NetConnection::MakeRoom()
+{
+    size_t nNeed = kNetFrameHeadSize;
+    if (m_nReadEnd - m_nReadBegin >= kNetFrameHeadSize)
+    {
+        ZV_NetFrameHead head;
+        ZV_ReadFrameHead(m_vbRead.data() + m_nReadBegin, head);
+        nNeed += head.ulLen;
+    }
+    if (m_nReadBegin == m_nReadEnd)
+        m_nReadBegin = m_nReadEnd = 0;
+    else if (m_vbRead.size() - m_nReadBegin < nNeed || m_nReadEnd == m_vbRead.size())
+    {
+        std::memmove(m_vbRead.data(), m_vbRead.data() + m_nReadBegin, m_nReadEnd - m_nReadBegin);
+        m_nReadEnd -= m_nReadBegin;
+        m_nReadBegin = 0;
+    }
+    if (m_vbRead.size() < nNeed)
+        m_vbRead.resize(nNeed);
+}
+
+// A read rate holds the frames back until the bytes taken so far fit it;
 // the peer's side then fills up and its sender holds, as with a slow link.
-void ZV_NetConnection::ReadAfterThrottle(size_t nBytes)
+bool ZV_NetConnection::Throttled(size_t nBytes)
 {
     if (m_limits.ullReadRate == 0)
-        return ReadHead();
+        return false;
     const auto tpNow = std::chrono::steady_clock::now();
     m_tpNextRead = std::max(m_tpNextRead, tpNow) +
                    std::chrono::microseconds(nBytes * 1000000 / m_limits.ullReadRate);
     if (m_tpNextRead <= tpNow)
-        return ReadHead();
+        return false;
     auto lpSelf = shared_from_this();
     m_timer.expires_at(m_tpNextRead);
     m_timer.async_wait([this, lpSelf](const asio::error_code& ec) {
         if (!ec && m_eState == State::Open)
-            ReadHead();
+            ReadFrames();
     });
+    return true;
 }
 
 void ZV_NetConnection::OnReadError(const asio::error_code& ec, const char* pszWhere)
@@ -439,11 +482,18 @@ bool ZV_NetConnection::Send(const ZV_NetFrameHead& head, const uint8_t* pData)
 {
     if (m_eState != State::Open)
         return false;
-    std::vector<uint8_t> vbFrame(kNetFrameHeadSize + head.ulLen);
+    std::vector<uint8_t> vbFrame;
+    if (!m_vecSpare.empty())
+    {
+        vbFrame = std::move(m_vecSpare.back());
+        m_vecSpare.pop_back();
+        m_nSpare -= vbFrame.capacity();
+        vbFrame.clear();
+    }
     const auto abHead = ZV_WriteFrameHead(head);
-    std::copy(abHead.begin(), abHead.end(), vbFrame.begin());
+    vbFrame.insert(vbFrame.end(), abHead.begin(), abHead.end());
     if (head.ulLen > 0)
-        std::copy(pData, pData + head.ulLen, vbFrame.begin() + kNetFrameHeadSize);
+        vbFrame.insert(vbFrame.end(), pData, pData + head.ulLen);
     Queue(std::move(vbFrame));
     if (m_nQueued <= m_limits.nQueueHardLimit)
         return true;
@@ -451,12 +501,20 @@ bool ZV_NetConnection::Send(const ZV_NetFrameHead& head, const uint8_t* pData)
     return false;
 }
 
+// The write waits for the handlers already due, so that what they queue
+// (a block and the notices about it) goes out in one write.
 void ZV_NetConnection::Queue(std::vector<uint8_t> vbFrame)
 {
     m_nQueued += vbFrame.size();
     m_queue.push_back(std::move(vbFrame));
-    if (m_nWriting == 0)
-        WriteNext();
+    if (m_nWriting > 0 || m_bWriteDue)
+        return;
+    m_bWriteDue = true;
+    asio::post(m_timer.get_executor(), [this, lpSelf = shared_from_this()] {
+        m_bWriteDue = false;
+        if (m_nWriting == 0)
+            WriteNext();
+    });
 }
 
 void ZV_NetConnection::WriteNext()
@@ -477,6 +535,7 @@ void ZV_NetConnection::WriteNext()
         for (size_t i = 0; i < m_nWriting; ++i)
         {
             m_nQueued -= m_queue.front().size();
+            Spare(std::move(m_queue.front()));
             m_queue.pop_front();
         }
         m_nWriting = 0;
@@ -500,6 +559,17 @@ void ZV_NetConnection::WriteNext()
     });
 }
 
+// Frames written leave their buffers for the next ones, up to the queue's
+// bound, so that a bulk transfer neither allocates nor clears a buffer per
+// frame.
+void ZV_NetConnection::Spare(std::vector<uint8_t> vbFrame)
+{
+    if (m_nSpare + vbFrame.capacity() > m_limits.nQueueBound)
+        return;
+    m_nSpare += vbFrame.capacity();
+    m_vecSpare.push_back(std::move(vbFrame));
+}
+
 void ZV_NetConnection::Close(const std::string& sReason, bool bFlush)
 {
     if (m_eState == State::Closed || m_eState == State::Closing)
@@ -509,6 +579,8 @@ void ZV_NetConnection::Close(const std::string& sReason, bool bFlush)
     m_eState = State::Closing;
     m_timer.cancel();
     m_deadline.cancel();
+    if (bFlush && m_nWriting == 0 && !m_queue.empty())
+        WriteNext();
     if (!bFlush || m_nWriting == 0)
         Finish();
     // Otherwise the write under way finishes the close when the queue is out.

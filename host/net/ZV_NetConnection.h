@@ -169,10 +169,11 @@ private:
     void Distrust(const std::string& sWhy);
     void Opened();
 
-    void ReadHead();
-    void ReadPayload();
-    void ReadAfterThrottle(size_t nBytes);
+    void ReadFrames();
+    void MakeRoom();
+    bool Throttled(size_t nBytes);
     void Queue(std::vector<uint8_t> vbFrame);
+    void Spare(std::vector<uint8_t> vbFrame);
     void WriteNext();
     void OnReadError(const asio::error_code& ec, const char* pszWhere);
     void Finish();
@@ -196,13 +197,16 @@ private:
     bool m_bLoginBegun = false;
     std::unique_ptr<ZV_LoginClient> m_lpLoginClient;
     std::string m_sLogin;
-    std::array<uint8_t, kNetFrameHeadSize> m_abHead{};
     std::array<uint8_t, std::max(kNetHelloSize, kNetWelcomeSize)> m_abOpening{};
     std::vector<uint8_t> m_vbOpening;
-    ZV_NetFrameHead m_head;
-    std::vector<uint8_t> m_vbPayload;
+    std::vector<uint8_t> m_vbRead;  // frames read and not yet handed on: [m_nReadBegin, m_nReadEnd)
+    size_t m_nReadBegin = 0;
+    size_t m_nReadEnd = 0;
     std::deque<std::vector<uint8_t>> m_queue;
+    std::vector<std::vector<uint8_t>> m_vecSpare;  // buffers of frames written, for the next
+    size_t m_nSpare = 0;                            // their capacity
     size_t m_nQueued = 0;
     size_t m_nWriting = 0;  // frames of the queue's front in the write under way
+    bool m_bWriteDue = false;
     std::chrono::steady_clock::time_point m_tpNextRead{};
 };
