@@ -1,7 +1,10 @@
 # Installs the project's build into a fresh prefix, then builds the example
 # host against that prefix alone: once through find_package(roomcrate) in
 # C++17 and runs it, once by hand with the flags of roomcrate.pc.
-# Run as: cmake -DBUILD_DIR= -DEXAMPLE_DIR= -DWORK_DIR= -DCXX= [-DLAUNCHER=] -P InstallAndBuildExample.cmake
+# With SERVER set, roomcrate-server is there too, beside the library, and
+# runs from the prefix.
+# Run as: cmake -DBUILD_DIR= -DEXAMPLE_DIR= -DWORK_DIR= -DCXX= [-DLAUNCHER=] [-DSERVER=ON]
+#               -P InstallAndBuildExample.cmake
 function(run)
   execute_process(COMMAND ${ARGN} RESULT_VARIABLE RC OUTPUT_VARIABLE OUT ERROR_VARIABLE OUT)
   if(NOT RC EQUAL 0)
@@ -25,8 +28,16 @@ set(EXPECTED include/roomcrate/IZV_FileShare.h include/roomcrate/QB_ByteStreamBa
     lib/libroomcrate.so lib/libroomcrate.so.1 lib/libroomcrate.so.1.0.0 lib/pkgconfig/roomcrate.pc)
 string(REGEX REPLACE "roomcrateTargets-[a-z]+\\.cmake" "roomcrateTargets-relwithdebinfo.cmake" INSTALLED
        "${INSTALLED}")
+if(SERVER)
+  list(PREPEND EXPECTED bin/roomcrate-server)
+  list(APPEND EXPECTED share/roomcrate/roomcrate-server.service share/roomcrate/roomcrate-server.toml)
+endif()
 if(NOT INSTALLED STREQUAL EXPECTED)
   message(FATAL_ERROR "installed:\n${INSTALLED}\nexpected:\n${EXPECTED}")
+endif()
+
+if(SERVER)
+  run(${PREFIX}/bin/roomcrate-server --version)
 endif()
 
 set(LAUNCH)
