@@ -183,6 +183,7 @@ private:
             m_bSettled = true;
             Advance();
         });
+        Advance();
     }
 
     void Learn(uint16_t usFileID)
@@ -265,9 +266,10 @@ private:
     // Runs the steps while each is done; a step that waits returns false.
     void Advance()
     {
-        while (!m_bFinished && m_bSettled && m_client.GetLink() == ZV_NetClient::Link::Up &&
-               m_nStep < m_vecSteps.size())
+        while (!m_bFinished && m_client.GetLink() == ZV_NetClient::Link::Up && m_nStep < m_vecSteps.size())
         {
+            if (!m_bSettled && NeedsLists(m_vecSteps[m_nStep]))
+                return;
             if (!RunStep(m_vecSteps[m_nStep]))
                 return;
             ++m_nStep;
@@ -276,6 +278,9 @@ private:
         if (m_nStep == m_vecSteps.size())
             Finish(kExitDone, {});
     }
+
+    // A share needs nothing of what the server lists.
+    static bool NeedsLists(const Step& step) { return step.sVerb != "share" && step.sVerb != "share-later"; }
 
     bool RunStep(const Step& step)
     {

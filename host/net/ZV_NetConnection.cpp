@@ -529,6 +529,15 @@ void ZV_NetConnection::WriteNext()
     m_nWriting = std::min(m_queue.size(), kFramesPerWrite);
     for (size_t i = 0; i < m_nWriting; ++i)
         vecBuffers.push_back(asio::buffer(m_queue[i]));
+    // TLS writes one buffer at a time, and ends a record with each: the
+    // frames go as one piece, so that records are whole and few.
+    if (m_lpTls && m_nWriting > 1)
+    {
+        m_vbTlsOut.clear();
+        for (size_t i = 0; i < m_nWriting; ++i)
+            m_vbTlsOut.insert(m_vbTlsOut.end(), m_queue[i].begin(), m_queue[i].end());
+        vecBuffers.assign(1, asio::buffer(m_vbTlsOut));
+    }
     auto lpSelf = shared_from_this();
     AsyncWrite(vecBuffers, [this, lpSelf](const asio::error_code& ec, size_t) {
         const bool bWasFull = IsFull();

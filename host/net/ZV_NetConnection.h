@@ -208,5 +208,6 @@ private:
     size_t m_nQueued = 0;
     size_t m_nWriting = 0;  // frames of the queue's front in the write under way
     bool m_bWriteDue = false;
+    std::vector<uint8_t> m_vbTlsOut;  // the frames of a write on TLS, in one piece
     std::chrono::steady_clock::time_point m_tpNextRead{};
 };
