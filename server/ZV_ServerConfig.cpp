@@ -3,7 +3,6 @@
 #include <asio.hpp>
 #include <toml++/toml.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -302,10 +301,9 @@ bool ZV_ServerConfig::Load(const std::string& sPath)
             if (!setUsers.insert(user.ulNumber).second)
                 reader.Fail(lpUser->source(), sUser + ": user " + std::to_string(user.ulNumber) + " appears twice");
             // A user logs in under the name, so it names one user only.
-            else if (std::any_of(user.sName.begin(), user.sName.end(), [](char c) { return (unsigned char)c < 0x20; }) ||
-                     !setNames.insert(user.sName).second)
+            else if (!ZV_Credentials::IsGoodName(user.sName) || !setNames.insert(user.sName).second)
                 reader.Fail(lpUser->source(), sUser + ": the name \"" + user.sName +
-                                                  "\" is another user's, or holds a control character");
+                                                  "\" is another user's, holds a control character or ends in a space");
             // The module tells users and servers apart by number alone.
             if (setServers.count(user.ulNumber))
                 reader.Fail(lpUser->source(), sUser + ": user number " + std::to_string(user.ulNumber) +

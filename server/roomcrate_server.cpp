@@ -93,6 +93,11 @@ int Passwd(const std::string& sConfig, const std::string& sName, bool bPeer)
         std::cerr << "roomcrate-server: a peer is named by its server number\n";
         return 2;
     }
+    if (!ZV_Credentials::IsGoodName(sName))
+    {
+        std::cerr << "roomcrate-server: a name holds no control character and no space at either end\n";
+        return 2;
+    }
     const std::string& sPath = config.GetSettings().sCredentials;
     ZV_Credentials credentials;
     std::vector<std::string> vecErrors;

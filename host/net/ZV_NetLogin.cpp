@@ -85,6 +85,12 @@ struct ZV_SaslCallback
 // ---------------------------------------------------------------------------
 // ZV_Credentials
 
+bool ZV_Credentials::IsGoodName(const std::string& sName)
+{
+    return !sName.empty() && sName.front() != ' ' && sName.back() != ' ' &&
+           std::none_of(sName.begin(), sName.end(), [](char c) { return (unsigned char)c < 0x20 || c == 0x7F; });
+}
+
 ZV_ScramKeys ZV_Credentials::Derive(const std::string& sSecret, uint32_t ulIterations)
 {
     ZV_ScramKeys keys;

@@ -44,6 +44,9 @@ public:
     // RFC 7677's least; a login costs this many HMACs at each end.
     static constexpr uint32_t kIterations = 4096;
 
+    // A name the file can hold: not empty, no control character, no space
+    // at either end.
+    static bool IsGoodName(const std::string& sName);
     // The keys of a secret, under a fresh random salt.
     static ZV_ScramKeys Derive(const std::string& sSecret, uint32_t ulIterations = kIterations);
 

@@ -61,6 +61,8 @@ TEST(ServerConfig, RefusesEachWrongOrMissingSettingWithItsLineAndReason)
          ":9: [[peer]]: server 2 is dialled on TLS, so [server] needs \"trust\""},
         {"two users of one name", kServer + kConference + kAlice + "\n[[conference.user]]\nnumber = 10002\nname = \"alice\"\n",
          ":14: conference 100, [[conference.user]]: the name \"alice\" is another user's"},
+        {"a name that ends in a space", kServer + kConference + "\n[[conference.user]]\nnumber = 10002\nname = \"bob \"\n",
+         ":10: conference 100, [[conference.user]]: the name \"bob \" is another user's, holds"},
         {"no wait after a failed login", kServer + "login_delay_ms = 0\n" + kConference,
          ":5: [server]: \"login_delay_ms\" must be a whole number from 1"},
         {"broken TOML", kServer + "[[conference]\n", ":5: "},
