@@ -438,7 +438,7 @@ int main(int argc, char** argv)
     lpLogger->set_pattern("%Y-%m-%d %H:%M:%S.%e %l %v");
     spdlog::set_default_logger(lpLogger);
 
-    asio::io_context io;
+    asio::io_context io(1);
     ZV_ModuleApi api = ZV_ModuleApi::Linked();
     if (!api.Start())
         return kExitFailed;

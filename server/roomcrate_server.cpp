@@ -144,7 +144,8 @@ int Run(ZV_ServerConfig& config)
             spdlog::critical("{}", sError);
         return 1;
     }
-    asio::io_context io;
+    // One thread runs every handler, so the io_context needs no locks of its own.
+    asio::io_context io(1);
     ZV_ModuleApi api = ZV_ModuleApi::Linked();
     if (!api.Start())
     {
