@@ -109,12 +109,13 @@ void ZV_CliShell::Open()
     m_session.SetWatching(true);
     if (const char* szHome = std::getenv("HOME"))
         m_sHistory = std::string(szHome) + "/.roomcrate_history";
+    // Before the line editor starts, so that it writes where roomcrate does.
+    rl_outstream = m_lpTerminal;
     using_history();
     read_history(m_sHistory.c_str());
     rl_attempted_completion_function = &ZV_CliShell::Complete;
     // Output between prompts: the line being typed goes away first and
     // comes back after.
-    rl_outstream = m_lpTerminal;
     m_out.SetLineHooks([this] { std::fputs("\r\x1b[2K", m_lpTerminal), std::fflush(m_lpTerminal); },
                        [] { rl_forced_update_display(); });
     m_out.Note("connected; `help` lists the commands, Ctrl-D leaves");

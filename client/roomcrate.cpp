@@ -12,7 +12,6 @@
 #include <spdlog/spdlog.h>
 #include <unistd.h>
 
-#include <ext/stdio_filebuf.h>
 #include <fcntl.h>
 
 #include <cstdlib>
@@ -45,6 +44,28 @@ With --json each line of standard output is one JSON object, its "type" one of:
   rights   (allow, deny) id, name, public, allowed
   event    (shell) event, id, name
   error    message, and where known id, name, code (the module's result code), matches)";
+
+// An ostream's bytes to a FILE, which the shell's line editor writes to
+// as well.
+class ZV_FileBuffer : public std::streambuf
+{
+public:
+    explicit ZV_FileBuffer(FILE* lpFile) : m_lpFile(lpFile) {}
+
+protected:
+    int_type overflow(int_type c) override
+    {
+        return c == traits_type::eof() || std::fputc(c, m_lpFile) != EOF ? traits_type::not_eof(c) : traits_type::eof();
+    }
+    std::streamsize xsputn(const char* pc, std::streamsize n) override
+    {
+        return (std::streamsize)std::fwrite(pc, 1, (size_t)n, m_lpFile);
+    }
+    int sync() override { return std::fflush(m_lpFile) == 0 ? 0 : -1; }
+
+private:
+    FILE* m_lpFile;
+};
 
 std::function<const char*(const char*)> Env()
 {
@@ -128,7 +149,10 @@ int main(int argc, char** argv)
     // it was given.
     std::fflush(stdout);
     FILE* lpOut = fdopen(dup(STDOUT_FILENO), "w");
-    __gnu_cxx::stdio_filebuf<char> outBuffer(lpOut, std::ios::out);
+    // The shell's line editor writes a character at a time.
+    if (command.sVerb == "shell")
+        setvbuf(lpOut, nullptr, _IONBF, 0);
+    ZV_FileBuffer outBuffer(lpOut);
     std::ostream outStream(&outBuffer);
     ZV_CliOutput out(outStream, std::cerr, bJson, bQuiet, isatty(STDERR_FILENO) != 0);
     if (!vecRightsArgs.empty())

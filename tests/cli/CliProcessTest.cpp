@@ -6,6 +6,11 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <pty.h>
+#include <sys/wait.h>
+#include <poll.h>
+#include <unistd.h>
+
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -201,6 +206,61 @@ TEST_P(CliProcess, WhatCannotBeDoneIsSaidInOneLineWithItsExitCode)
         EXPECT_NE(vecErr[0].find(row.szSays), std::string::npos) << row.szName << ": " << vecErr[0];
         EXPECT_EQ("", Out(kBob)) << row.szName;
     }
+}
+
+// The shell on a pseudo-terminal, as a person at a terminal sees it: a
+// progress bar, a stop and a resume of the running download, and an event
+// of another user's share.
+TEST_P(CliProcess, TheShellShowsABarAStopAResumeAndAnotherUsersShare)
+{
+    ASSERT_TRUE(server.Start());
+    ZV_WriteRandomFile(At("a.bin"), 2 * kMiB, 9);
+    ZV_WriteRandomFile(At("late.bin"), 100, 10);
+    ASSERT_EQ(0, Run(kAlice, {"share", "a.bin"})) << Err(kAlice);
+    const std::string sConfig = Config(kBob, server.GetAddress());
+    int nTerminal = -1;
+    const pid_t nPid = forkpty(&nTerminal, nullptr, nullptr, nullptr);
+    ASSERT_GE(nPid, 0);
+    if (nPid == 0)
+    {
+        setenv("TERM", "xterm", 0);
+        if (chdir(sDir.c_str()) == 0)
+            execl(ROOMCRATE_CLIENT, ROOMCRATE_CLIENT, "--config", sConfig.c_str(), "--rate", "500000", "shell",
+                  (char*)nullptr);
+        _exit(127);
+    }
+    std::string sScreen;
+    auto Until = [&](const std::string& sWhat) {
+        return ZV_WaitFor([&] {
+            pollfd pfd{nTerminal, POLLIN, 0};
+            char ac[4096];
+            while (poll(&pfd, 1, 50) > 0)
+            {
+                const ssize_t n = read(nTerminal, ac, sizeof ac);
+                if (n <= 0)
+                    break;
+                sScreen.append(ac, (size_t)n);
+            }
+            return sScreen.find(sWhat) != std::string::npos;
+        });
+    };
+    auto Type = [&](const std::string& sLine) { return write(nTerminal, sLine.data(), sLine.size()) > 0; };
+    EXPECT_TRUE(Until("roomcrate> ")) << sScreen;
+    ASSERT_TRUE(Type("get a.bin -o in\n"));
+    EXPECT_TRUE(Until("a.bin [#")) << sScreen;
+    ASSERT_TRUE(Type("stop a.bin\n"));
+    EXPECT_TRUE(Until("stopped ")) << sScreen;
+    ASSERT_TRUE(Type("resume a.bin\n"));
+    EXPECT_TRUE(Until("resumed ")) << sScreen;
+    ASSERT_EQ(0, Run(kAlice, {"share", "late.bin"})) << Err(kAlice);
+    EXPECT_TRUE(Until("* new file: ")) << sScreen;
+    EXPECT_TRUE(Until("fetched ")) << sScreen;
+    ASSERT_TRUE(Type("quit\n"));
+    int nStatus = -1;
+    EXPECT_TRUE(ZV_WaitFor([&] { return waitpid(nPid, &nStatus, WNOHANG) == nPid; }));
+    EXPECT_TRUE(WIFEXITED(nStatus) && WEXITSTATUS(nStatus) == 0) << nStatus;
+    close(nTerminal);
+    EXPECT_TRUE(ZV_SameFiles(At("a.bin"), At("in/a.bin")));
 }
 
 INSTANTIATE_TEST_SUITE_P(Modes, CliProcess, ::testing::Values(kNetClear, kNetSecure),
