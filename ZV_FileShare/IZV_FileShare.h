@@ -27,6 +27,10 @@
 // sink records them and acts after the call returns. zvCreateInstance and
 // zvDestroyInstance may come from any thread. ROOMCRATE_HOME is read at each
 // call and belongs to the whole process.
+//
+// Trace lines. Each PDU handler writes "recv a NAME" and CR LF as it starts,
+// on standard output, or appended to the file that the environment variable
+// ROOMCRATE_TRACE names; that one too is read at each line.
 #pragma once
 
 #include "QB_UserID.h"

@@ -11,7 +11,8 @@
 //
 // Exit status 0 when Bob's copy is identical to Alice's file. The scratch
 // folder below the system's temporary folder goes at the end unless --keep.
-#include "IZV_FileShare.h"
+#include <roomcrate/IZV_FileShare.h>
+#include <roomcrate/ZV_Version.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -428,9 +429,26 @@ int Run(const fs::path& root)
 
 }  // namespace
 
+const char kUsage[] = "usage: minimal_host [--keep]\n"
+                      "  One server and two clients in this process, on roomcrate " ROOMCRATE_VERSION ": Alice\n"
+                      "  shares a file, Bob downloads it, and the two copies are compared.\n"
+                      "  --keep  keep the scratch folder (homes, store, both copies) at the end\n"
+                      "  --help  this text\n";
+
 int main(int argc, char** argv)
 {
-    const bool bKeep = argc > 1 && std::strcmp(argv[1], "--keep") == 0;
+    const std::string sArg = argc > 1 ? argv[1] : "";
+    if (sArg == "--help" || sArg == "-h")
+    {
+        std::cout << kUsage;
+        return 0;
+    }
+    if (argc > 2 || (argc == 2 && sArg != "--keep"))
+    {
+        std::cerr << kUsage;
+        return 2;
+    }
+    const bool bKeep = sArg == "--keep";
     std::string sTemplate = (fs::temp_directory_path() / "roomcrate-example-XXXXXX").string();
     if (!mkdtemp(sTemplate.data()))
     {

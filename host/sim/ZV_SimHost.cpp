@@ -38,7 +38,10 @@ ZV_SimJournal& ZV_SimHost::Journal() const
 uint32_t ZV_SimHost::DeliverPdu(const ZV_SimMachine& peer, uint32_t ulConn, uint16_t usConnType, uint16_t usPdu,
                                 const uint8_t* pData, uint32_t ulLen)
 {
-    return CallHandlePdu(peer.GetID(), ulConn, usConnType, usPdu, pData, ulLen);
+    const uint32_t ulResult = CallHandlePdu(peer.GetID(), ulConn, usConnType, usPdu, pData, ulLen);
+    if (m_fnPdu)
+        m_fnPdu(*this, usPdu, ulResult);
+    return ulResult;
 }
 
 void ZV_SimHost::DeliverOnSend(const ZV_SimMachine& peer, uint32_t ulConn, uint16_t usConnType)

@@ -19,6 +19,7 @@ class ZV_SimHost final : public ZV_HostNode
 {
 public:
     using EventCallback = std::function<void(ZV_SimHost& host, uint16_t usEvent, const std::vector<uint8_t>& vbData)>;
+    using PduCallback = std::function<void(ZV_SimHost& host, uint16_t usPdu, uint32_t ulResult)>;
 
     // lpUser names the local user of a client node; a server node passes
     // null and is QB_UserID(server id, 0). sHome may be empty: the node then
@@ -36,6 +37,9 @@ public:
     ZV_SimUser& GetUserRecord() { return m_user; }
 
     void SetEventCallback(EventCallback fnCallback) { m_fnEvent = std::move(fnCallback); }
+    // Called after the manager's HandlePdu has returned, with what it gave:
+    // whatever the handler wrote meanwhile (its trace line) was this node's.
+    void SetPduCallback(PduCallback fnCallback) { m_fnPdu = std::move(fnCallback); }
 
     // The host's calls into the manager, journaled.
     uint32_t DeliverPdu(const ZV_SimMachine& peer, uint32_t ulConn, uint16_t usConnType, uint16_t usPdu,
@@ -75,4 +79,5 @@ private:
     ZV_SimUser m_user;
     std::string m_sName;
     EventCallback m_fnEvent;
+    PduCallback m_fnPdu;
 };

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -20,13 +21,14 @@ struct DemoRun
     size_t nLeftBehind = 0;  // entries the demo left in the temporary folder
 };
 
-// Runs the demo in `cwd` with `sArgs` (shell words) and TMPDIR at `tmp`.
-DemoRun RunDemo(const fs::path& cwd, const fs::path& tmp, const std::string& sArgs)
+// Runs the demo in `cwd` with `sArgs` (shell words), TMPDIR at `tmp` and
+// the variables of `sEnv` (shell assignments).
+DemoRun RunDemo(const fs::path& cwd, const fs::path& tmp, const std::string& sArgs, const std::string& sEnv = "")
 {
     fs::create_directories(tmp);
     const fs::path out = cwd / "demo-output.txt";
-    const std::string sCommand = "cd '" + cwd.string() + "' && TMPDIR='" + tmp.string() + "' '" ROOMCRATE_DEMO "' " +
-                                 sArgs + " >'" + out.string() + "' 2>&1";
+    const std::string sCommand = "cd '" + cwd.string() + "' && " + sEnv + " TMPDIR='" + tmp.string() +
+                                 "' '" ROOMCRATE_DEMO "' " + sArgs + " >'" + out.string() + "' 2>&1";
     DemoRun run;
     const int nStatus = std::system(sCommand.c_str());
     run.nExit = WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -1;
@@ -61,32 +63,50 @@ TEST(Demo, SaysWhatBecameOfEveryFileNamedFromTheFolderItRunsIn)
         size_t nLeftBehind;
     } aRows[] = {
         {"help", "--help", 0, {"usage: run-demo", "--keep"}, {"Conference"}, 0},
-        {"a missing file", "nosuch.txt", 2, {"not a file: nosuch.txt"}, {"Conference"}, 0},
-        {"two files of one name and an empty one",
+        {"a missing file, in one line", "nosuch.txt", 2, {"run-demo: no such file: nosuch.txt\n"}, {"usage"}, 0},
+        {"a folder, in one line", "a", 2, {"run-demo: not a file: a\n"}, {"usage"}, 0},
+        {"two files of one name and an empty one, all too small to stop",
          "a/report.txt b/report.txt empty.bin",
          0,
-         {sCwd + "/a/report.txt: identical to report.txt\n", sCwd + "/b/report.txt: identical to report(1).txt\n",
-          sCwd + "/empty.bin: identical to empty.bin\n", "Every file arrived byte for byte."},
-         {"stalled", "Everything the demo made"},
+         {"Bob's report.txt is identical to Alice's " + sCwd + "/a/report.txt\n",
+          "Bob's report(1).txt is identical to Alice's " + sCwd + "/b/report.txt\n",
+          "Bob's empty.bin is identical to Alice's " + sCwd + "/empty.bin\n", "Every file arrived byte for byte.",
+          "all 10 bytes arrived before the stop could reach the server"},
+         {"stalled", "stopped with", "Everything the demo made"},
          0},
         {"names the system cannot hold, refused before anything is sent",
          "'back\\slash.txt' 'smile\xF0\x9F\x98\x80.txt' a/report.txt",
          1,
          {"cannot share " + sCwd + "/back\\slash.txt: its path holds a \"\\\"",
           "cannot share " + sCwd + "/smile\xF0\x9F\x98\x80.txt: its name or folder holds a character",
-          "a/report.txt: identical to report.txt\n", "2 could not be shared"},
+          "Bob's report.txt is identical to Alice's " + sCwd + "/a/report.txt\n", "2 could not be shared"},
          {"sees file #2", "failed:"},
+         0},
+        {"every file refused: no step without a file",
+         "'back\\slash.txt'",
+         1,
+         {"Nothing could be shared, so there is nothing to store, download or check.\n"},
+         {"stores the conference's files", "downloads every file", "Checking"},
          0},
         {"the generated files, a late joiner given them all, a download stopped and resumed, one hidden and one "
          "deleted",
          "",
          0,
-         {", nothing more.", "arrived identical to its source.",
+         {"of 1,048,583 bytes on disk", ", nothing more.", "arrived identical to its source.",
           "[Bob] may no longer have \"notes.txt\"", "asks for it anyway: the user is not allowed",
-          "[Bob] \"photo.jpg\" is gone from the conference.", "held 3 file(s) and now holds 2.",
+          "[Bob] \"photo.jpg\" is gone from the conference.", "server 1's store held 3 file(s) and now holds 2.",
           "Bob no longer knows of it.", "Carol was given 3 of the 3 shared file(s) on entering.",
-          "Carol's copy arrived identical to its source."},
+          "Carol's copy arrived identical to its source.", "Carol no longer knows of it."},
          {"MORE", "STILL KNOWS", "DID NOT", "NOT REFUSED"},
+         0},
+        {"linked servers: who sits where, both stores, trace lines by node",
+         "--linked --trace a/report.txt",
+         0,
+         {"on servers 1 and 2, linked: Alice joins on server 1, Carol on server 2.\n",
+          "Server 2 stores the conference's files in", "  [server 1] recv a PDU_CONF_FS_ADD_REQUEST\n",
+          "  [Carol] recv a PDU_CONF_FS_ADD_RESPONSE\n", "Dave enters the conference on server 1",
+          "server 2's store held 1 file(s) and now holds 0.", "Dave no longer knows of it."},
+         {"\r", "STILL KNOWS"},
          0},
         {"the scratch folder kept on request", "--keep a/report.txt", 0, {"Everything the demo made is in "}, {}, 1},
     };
@@ -100,5 +120,47 @@ TEST(Demo, SaysWhatBecameOfEveryFileNamedFromTheFolderItRunsIn)
         for (const std::string& sNot : row.vecNotSaid)
             EXPECT_EQ(std::string::npos, run.sOutput.find(sNot)) << row.szRow << ": " << sNot << "\n" << run.sOutput;
         EXPECT_EQ(row.nLeftBehind, run.nLeftBehind) << row.szRow;
+    }
+}
+
+// Ctrl-C at any stage ends the demo at once: one line, exit status 130, and
+// the scratch folder gone. The demo raises the signal itself at the start of
+// the stage the variable names, as a person pressing Ctrl-C then would.
+TEST(Demo, AnInterruptAtAnyStageEndsItWithOneLineAndStatus130)
+{
+    QB_TempFolder tmp;
+    const fs::path cwd = tmp.Sub("cwd");
+    fs::create_directories(cwd);
+    const struct
+    {
+        const char* szStage;
+        const char* szLastSaid;  // the stage's first line, which comes before the end
+    } aRows[] = {
+        {"join", "Conference 100 on server 1: Alice and Bob join.\n"},
+        {"share", "Alice shares notes.txt by itself.\n"},
+        {"store", "Server 1 stores the conference's files in "},
+        {"download", "Bob downloads every file:\n  notes.txt  ["},
+        {"check", "Checking every download against its own source:\n"},
+        {"late", "A late joiner: Carol enters the conference"},
+        {"stop", "Bob downloads photo.jpg once more and stops partway.\n"},
+        {"rights", "Alice takes from everyone else the right to notes.txt.\n"},
+        {"delete", "Alice deletes photo.jpg from the conference.\n"},
+    };
+    for (const auto& row : aRows)
+    {
+        const DemoRun run = RunDemo(cwd, tmp.Sub(std::string("t-") + row.szStage), "",
+                                    std::string("ROOMCRATE_DEMO_INTERRUPT=") + row.szStage);
+        EXPECT_EQ(130, run.nExit) << row.szStage << "\n" << run.sOutput;
+        // Nothing after the stage's first line but the rest of that line and
+        // the one line that ends the demo.
+        const std::string sEnd = "Interrupted.\n";
+        const size_t nAt = run.sOutput.find(row.szLastSaid) + std::string(row.szLastSaid).size();
+        const size_t nEnd = run.sOutput.size() - std::min(run.sOutput.size(), sEnd.size());
+        ASSERT_LE(nAt, nEnd) << row.szStage << "\n" << run.sOutput;
+        EXPECT_EQ(nEnd, run.sOutput.find("Interrupted")) << row.szStage << "\n" << run.sOutput;
+        EXPECT_EQ(sEnd, run.sOutput.substr(nEnd)) << row.szStage;
+        const size_t nBreak = run.sOutput.substr(nAt, nEnd - nAt).find('\n');
+        EXPECT_TRUE(nBreak == std::string::npos || nAt + nBreak + 1 == nEnd) << row.szStage << "\n" << run.sOutput;
+        EXPECT_EQ(0u, run.nLeftBehind) << row.szStage;
     }
 }

@@ -1,11 +1,12 @@
 // A manager on a recording host whose home is a fresh folder; a server
-// stores below it in "store". PDUs are handed in as from connection 5. The
-// host may be any recording host, a throwing one among them.
+// stores below it in "store". PDUs are handed in as from connection 5, whose
+// user is the host's local user (Alice). The host may be any recording
+// host, a throwing one among them.
 #pragma once
 
 #include "ZV_RecordingHost.h"
 
-#include "ZV_FileShareMgr.h"
+#include "core/ZV_FileShareMgr.h"
 
 #include "QB_Env.h"
 #include "QB_TestSupport.h"
@@ -31,7 +32,7 @@ struct ZV_BasicNode
     ~ZV_BasicNode() { QB_SetEnvironmentVariable("ROOMCRATE_HOME", nullptr); }
     uint32_t Deliver(uint16_t usPdu, uint16_t usConnType, const std::vector<uint8_t>& data)
     {
-        return ZV_Deliver(mgr, usPdu, usConnType, data, 5, QB_UserID());
+        return ZV_Deliver(mgr, usPdu, usConnType, data, 5, host.m_LocalUser);
     }
 };
 

@@ -3,7 +3,7 @@
 # depends on the libraries the server needs, and, unpacked into the scratch
 # folder (dpkg-deb -x), that its server runs from there, writes credentials
 # for the example configuration and finds that configuration sound.
-# Run as: cmake -DBUILD_DIR= -DWORK_DIR= -P DebPackage.cmake
+# Run as: cmake -DBUILD_DIR= -DWORK_DIR= -DVERSION= -P DebPackage.cmake
 function(run)
   execute_process(COMMAND ${ARGN} RESULT_VARIABLE RC OUTPUT_VARIABLE OUT ERROR_VARIABLE ERR INPUT_FILE ${INPUT})
   if(NOT RC EQUAL 0)
@@ -43,10 +43,11 @@ string(REGEX REPLACE "lib/[^;]*-linux-gnu/" "lib/" LISTED "${LISTED}")
 string(REGEX REPLACE "roomcrateTargets-[a-z]+\\.cmake" "roomcrateTargets-CONFIG.cmake" LISTED "${LISTED}")
 set(EXPECTED usr/bin/roomcrate-server
     usr/include/roomcrate/IZV_FileShare.h usr/include/roomcrate/QB_ByteStreamBase.h usr/include/roomcrate/QB_UserID.h
-    usr/include/roomcrate/ZV_ResultText.h
+    usr/include/roomcrate/ZV_ResultText.h usr/include/roomcrate/ZV_Version.h
     usr/lib/cmake/roomcrate/roomcrateConfig.cmake usr/lib/cmake/roomcrate/roomcrateConfigVersion.cmake
     usr/lib/cmake/roomcrate/roomcrateTargets-CONFIG.cmake usr/lib/cmake/roomcrate/roomcrateTargets.cmake
-    usr/lib/libroomcrate.so usr/lib/libroomcrate.so.1 usr/lib/libroomcrate.so.1.0.0 usr/lib/pkgconfig/roomcrate.pc
+    usr/lib/libroomcrate.so usr/lib/libroomcrate.so.1 usr/lib/libroomcrate.so.${VERSION} usr/lib/pkgconfig/roomcrate.pc
+    usr/share/doc/roomcrate/CHANGELOG.md usr/share/doc/roomcrate/LICENSE
     usr/share/roomcrate/roomcrate-server.service usr/share/roomcrate/roomcrate-server.toml)
 if(NOT LISTED STREQUAL EXPECTED)
   message(FATAL_ERROR "packed:\n${LISTED}\nexpected:\n${EXPECTED}")

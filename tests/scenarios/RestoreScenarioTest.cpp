@@ -57,11 +57,11 @@ TEST_F(RestoreScene, TakesEachCatalogueRowBackAsItsStoredFileStandsWhenAsked)
         uint16_t usState;
     };
     const Case aRows[] = {
-        {"a whole file", [](const std::string&) {}, true, kLength, ZV_FILESTATE_COMPLETE},
+        {"a whole file", [](const std::string&) {}, true, kLength, zvFileStateComplete},
         {"a file cut short", [](const std::string& s) { std::filesystem::resize_file(s, 40000); }, true, 40000,
-         ZV_FILESTATE_UPLOADING},
+         zvFileStateUploading},
         {"a file with bytes behind its length", [](const std::string& s) { std::filesystem::resize_file(s, kLength + 9); },
-         true, kLength, ZV_FILESTATE_COMPLETE},
+         true, kLength, zvFileStateComplete},
         {"a file gone from the store", [](const std::string& s) { std::filesystem::remove(s); }, false, 0, 0},
     };
     std::vector<uint16_t> vecFileID;
@@ -83,14 +83,14 @@ TEST_F(RestoreScene, TakesEachCatalogueRowBackAsItsStoredFileStandsWhenAsked)
         ASSERT_EQ(lpFsSession != nullptr, row.bKept);
         EXPECT_EQ(Row(shape.Server(), vecFileID[i], stored), row.bKept) << "a row without its file is dropped";
         ZV_FsFileInfo info{};
-        EXPECT_EQ(Fs(Bob())->FsGetFileInfoByFileID(vecFileID[i], &info), row.bKept ? 0u : ZV_ERR_UNKNOWN_FILE)
+        EXPECT_EQ(Fs(Bob())->FsGetFileInfoByFileID(vecFileID[i], &info), row.bKept ? 0u : zvResultUnknownFile)
             << "the upload list Bob got on his return";
         if (!row.bKept)
             continue;
         EXPECT_EQ(lpFsSession->FileInfo().m_ulFileWritePos, row.ulPos);
         EXPECT_EQ(stored.m_ulFileWritePos, row.ulPos);
         EXPECT_EQ(lpFsSession->FileInfo().m_BriefInfo.m_usFileState, row.usState);
-        EXPECT_EQ(lpFsSession->IsUploadDone(), row.usState == ZV_FILESTATE_COMPLETE);
+        EXPECT_EQ(lpFsSession->IsUploadDone(), row.usState == zvFileStateComplete);
     }
 
     // Bob may still have the whole file, and gets its bytes.

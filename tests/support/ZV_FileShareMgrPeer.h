@@ -2,8 +2,8 @@
 // that state moves this file, not the tests.
 #pragma once
 
-#include "ZV_FileShareMgr.h"
-#include "ZV_FileShareSession.h"
+#include "core/ZV_FileShareMgr.h"
+#include "core/ZV_FileShareSession.h"
 
 #include <memory>
 
@@ -11,6 +11,16 @@ class ZV_FileShareMgrPeer
 {
 public:
     static ZV_SessionMap& Sessions(ZV_FileShareMgr& mgr) { return mgr.m_mapSession; }
+    // fn(usFileID, session) for each session in the map's order; a
+    // reservation has none and is left out.
+    template <typename F>
+    static void ForEach(ZV_FileShareMgr& mgr, F&& fn)
+    {
+        mgr.ForEachSession([&](uint16_t usFileID, ZV_FileShareSession* lpFsSession) {
+            if (lpFsSession != nullptr)
+                fn(usFileID, lpFsSession);
+        });
+    }
     // The session under usFileID; null when there is none, or only a reservation.
     static ZV_FileShareSession* Find(ZV_FileShareMgr& mgr, uint16_t usFileID)
     {
@@ -62,7 +72,7 @@ public:
     {
         auto lpOwned = std::make_unique<ZV_FileShareSession>(&mgr, szStorePath);
         ZV_FileShareSession& session = *lpOwned;
-        mgr.TakeSession(usFileID);
+        mgr.DetachSession(usFileID);
         mgr.m_mapSession.SetAt(usFileID, lpOwned.release());
         return session;
     }

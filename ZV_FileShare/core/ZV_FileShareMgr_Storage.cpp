@@ -1,0 +1,170 @@
+// The server's storage folder: where it lies, the removal of one stored file
+// while the conference goes on, and the removal of all of them at its end.
+// A client keeps no store, so it does nothing here.
+#include "core/ZV_FileShareMgr.h"
+#include "delete/ZV_DeletePdu.h"
+#include "wire/ZV_AnswerHead.h"
+#include "core/ZV_FileShareSession.h"
+
+#include "QB_Env.h"
+#include "QB_FileEx.h"
+#include "QB_IniFileEx.h"
+#include "QB_Log.h"
+
+#include <string>
+
+namespace {
+
+// Where the conference files go when "confsrv.ini" names no folder: beside
+// the configuration, so that a server works out of the box wherever it is
+// installed.
+QB_StringA DefaultStorePath(const QB_StringW& sHome)
+{
+    return QB_StringA(sHome + u"FileShare\\");
+}
+
+QB_StringW HomeFolder()
+{
+    const std::u16string sFolder = QB_GetEnv()->GetModuleFolder();
+    return QB_StringW(sFolder.data(), (int)sFolder.size());
+}
+
+} // namespace
+
+uint32_t ZV_FileShareMgr::Initialize()
+{
+    if (!m_lpConf->IsServerMode())
+        return zvResultOk;
+    m_usNextFileID = m_lpConf->GetFileIDMin();
+    try
+    {
+        const QB_StringW sHome = HomeFolder();
+        QB_IniFileEx iniFile;
+        if (!iniFile.Open(sHome + u"confsrv.ini", false))
+            return zvResultNoConfig;
+        const QB_StringA sDefault = DefaultStorePath(sHome);
+        m_strPath = iniFile.GetString(QB_StringA("FileShare"), QB_StringA("Path"), sDefault);
+        m_strPath.TrimLeft();
+        m_strPath.TrimRight();
+        if (m_strPath.IsEmpty())
+            m_strPath = sDefault;
+        // A "Path" written with slashes by a Linux administrator is as good.
+        m_strPath = QB_WithBackslashes(m_strPath);
+        if (m_strPath[m_strPath.GetLength() - 1] != '\\')
+            m_strPath += '\\';
+        m_Catalog.Open();
+        m_Catalog.SetRootPath(m_strPath);
+        if (iniFile.GetLong(QB_StringA("FileShare"), QB_StringA("RestoreCatalog"), 0) != 0)
+        {
+            m_Catalog.SetKeepRights(true);
+            RestoreStoredFiles();
+        }
+    }
+    catch (...)
+    {
+        QB_WriteLog(QB_LOG_DAILY, "error", "ZV_FileShareMgr::Initialize() exception.\r\n");
+    }
+    return zvResultOk;
+}
+
+// A lone server learns its live files only from the lists of linked
+// servers, so after a restart it would hide every stored file, and the
+// clients that come back would drop their partial downloads on its upload
+// list. With "RestoreCatalog" set the server takes its catalogue's rows of
+// this conference back as sessions, each measured against its stored file:
+// a whole file is complete, a short one is arriving from where its bytes
+// end, and a row whose file is gone is dropped, since nothing could serve
+// it; one whose file is there but would not open stays for the next start.
+// Each restored file is set against the first list of a linked server
+// all the same, as after the loss of a server link.
+void ZV_FileShareMgr::RestoreStoredFiles()
+{
+    const uint16_t usConfID = (uint16_t)m_lpConf->GetConfID();
+    QB_Array<ZV_FileUploadInfo> arrRow;
+    QB_Array<QB_StringW> arrSection;
+    m_Catalog.LoadConf(usConfID, arrRow, arrSection);
+    QB_Array<ZV_FileUploadInfo> arrKept;
+    QB_Array<QB_StringW> arrKeptSection;
+    for (int i = 0; i < arrRow.GetSize(); ++i)
+    {
+        const uint16_t usFileID = arrRow[i].m_usFileID;
+        ZV_FileShareSession* lpExisting = nullptr;
+        if (usFileID == ZV_NO_FILEID || m_mapSession.Lookup(usFileID, lpExisting))
+            continue;
+        std::unique_ptr<ZV_FileShareSession> lpNew = MakeSession();
+        if (!lpNew->RestoreStoredFile(arrRow[i]))
+        {
+            const QB_StringA sName(arrRow[i].m_sFileNewName);
+            const QB_StringW sPath = lpNew->GetConfDir() + QB_StringW(sName);
+            const std::u16string sStd(sPath.GetString(), (size_t)sPath.GetLength());
+            if (!ZV_FileCatalog::IsPlainFileName(sName) || QB_GetEnv()->GetFileAttributes(sStd) == QB_ATTR_INVALID)
+                m_Catalog.DeleteFile(usConfID, usFileID);
+            continue;
+        }
+        arrKept.Add(lpNew->FileInfo());
+        arrKeptSection.Add(arrSection[i]);
+        ReplaceSession(usFileID, std::move(lpNew));
+    }
+    if (!arrKept.IsEmpty())
+        m_Catalog.SaveFiles(usConfID, arrKept, arrKeptSection);
+}
+
+void ZV_FileShareMgr::RemoveStoredFile(uint16_t usFileID, ZV_FileShareSession* lpFsSession, const QB_UserID* lpUser,
+                                       uint32_t ulFloodSeq)
+{
+    lpFsSession->SetUploadStopped(true);
+    if (m_lpConf->GetClientCount() > 0)
+        SendDelUploadResponse(zvConnNone, usFileID, zvResultOk, usFileID, lpUser, ulFloodSeq, true);
+    const QB_StringW sPath = lpFsSession->GetConfDir() + QB_StringW(lpFsSession->FileInfo().m_sFileNewName);
+    const bool bPlain = ZV_FileCatalog::IsPlainFileName(QB_StringA(lpFsSession->FileInfo().m_sFileNewName));
+    DetachSession(usFileID);
+    // A session without a stored name would name the folder itself.
+    // Tried once: a stored file that stays is no row's and goes to no one.
+    if (bPlain)
+        QB_FileEx::Delete(sPath);
+    m_Catalog.DeleteFile((uint16_t)m_lpConf->GetConfID(), usFileID);
+}
+
+uint32_t ZV_FileShareMgr::CleanData()
+{
+    try
+    {
+        if (!m_lpConf->IsServerMode())
+            return zvResultOk;
+        // The keys are gathered first: the walk must not lose its place.
+        QB_Array<uint16_t> arrFileID;
+        ForEachSession([&](uint16_t usFileID, ZV_FileShareSession*) { arrFileID.Add(usFileID); });
+        for (int i = 0; i < arrFileID.GetSize(); ++i)
+        {
+            const std::unique_ptr<ZV_FileShareSession> lpGone = DetachSession(arrFileID[i]);
+            if (!lpGone)
+                continue;
+            const QB_StringU8 sName = lpGone->FileInfo().m_sFileNewName;
+            const QB_StringW sPath = lpGone->GetConfDir() + QB_StringW(sName);
+            lpGone->CloseStoredFiles();
+            // Tried once: a stored file that stays is no row's and goes to no one.
+            if (ZV_FileCatalog::IsPlainFileName(QB_StringA(sName)))
+                QB_FileEx::Delete(sPath);
+        }
+        m_Catalog.DeleteConf(m_lpConf->GetConfID());
+    }
+    catch (...)
+    {
+        QB_WriteLog(QB_LOG_DAILY, "error", "ZV_FileShareMgr::CleanData exception.\r\n");
+    }
+    return zvResultOk;
+}
+
+uint32_t ZV_FileShareMgr::SendDelUploadResponse(uint32_t ulConn, uint16_t usFileID, uint32_t ulResult,
+                                                uint16_t usFileID2, const QB_UserID* lpUser, uint32_t ulFloodSeq,
+                                                bool bToAll)
+{
+    ZV_DelUploadResponse answer;
+    answer.head = ZV_AnswerHead{{usFileID, ulResult, usFileID2}, *lpUser};
+    answer.ulFloodSeq = ulFloodSeq;
+    ZV_PduBuffer pdu;
+    answer.Save(pdu.Stream());
+    if (bToAll)
+        return ZV_SendToGroup(m_lpConf, ulConn, PDU_CONF_FS_DEL_UPLOAD_RESPONSE, pdu);
+    return ZV_SendToLink(m_lpConf, ulConn, PDU_CONF_FS_DEL_UPLOAD_RESPONSE, pdu);
+}
