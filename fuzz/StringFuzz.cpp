@@ -124,6 +124,7 @@ public:
 
 private:
     static constexpr int kSlots = 3;
+    static constexpr size_t kMaxLength = 2048;
     using Model = std::basic_string<C>;
 
     ZV_FuzzReader& m_in;
@@ -143,6 +144,13 @@ private:
 
     void Step()
     {
+        // Appending a string to itself doubles it; a cap keeps each run short.
+        for (int i = 0; i < kSlots; ++i)
+            if (m_asModel[i].size() > kMaxLength)
+            {
+                m_as[i].Truncate((int)kMaxLength);
+                m_asModel[i].resize(kMaxLength);
+            }
         const int a = m_in.Range(0, kSlots - 1);
         const int b = m_in.Range(0, kSlots - 1);
         S& s = m_as[a];

@@ -8,6 +8,7 @@
 #     fuzz/run.sh [BUILD_FOLDER] [SECONDS_EACH] [HARNESS...]
 #
 # prints one line per harness: executions, coverage (cov) and features (ft).
+#     FUZZ_CORPUS=/var/tmp/roomcrate-corpus nice -n 19 fuzz/run.sh build-fuzz 600
 set -euo pipefail
 here="$(cd "$(dirname "$0")" && pwd)"
 build="${1:-build-fuzz}"
@@ -22,15 +23,26 @@ else
         [ "$name" = fuzz_seeds ] || harnesses+=("${name#fuzz_}")
     done
 fi
-scratch="$(mktemp -d "${TMPDIR:-/tmp}/roomcrate-fuzz.XXXXXX")"
-trap 'rm -rf "$scratch"' EXIT
+# FUZZ_CORPUS names a folder that keeps the corpora a run grows, for a
+# longer run in several goes; by default they go with the run.
+if [ -n "${FUZZ_CORPUS:-}" ]; then
+    scratch="$FUZZ_CORPUS"
+    mkdir -p "$scratch"
+else
+    scratch="$(mktemp -d "${TMPDIR:-/tmp}/roomcrate-fuzz.XXXXXX")"
+    trap 'rm -rf "$scratch"' EXIT
+fi
+# A failing or slow input is kept under the build folder, out of git's sight.
+artifacts="$build/fuzz-artifacts"
+mkdir -p "$artifacts"
 # A smaller quarantine keeps a long run's memory in bounds.
 export ASAN_OPTIONS="${ASAN_OPTIONS:-quarantine_size_mb=64:detect_leaks=1}"
 
 for name in "${harnesses[@]}"; do
     exe="$build/fuzz/fuzz_$name"
     mkdir -p "$scratch/$name"
-    args=(-max_total_time="$seconds" -timeout=25 -rss_limit_mb=2560 -print_final_stats=1)
+    args=(-max_total_time="$seconds" -timeout=25 -rss_limit_mb=2560 -print_final_stats=1
+          -artifact_prefix="$artifacts/")
     for dict in "$here/$name.dict" "$here/pdu.dict"; do
         if [ -f "$dict" ]; then
             args+=(-dict="$dict")
@@ -41,7 +53,7 @@ for name in "${harnesses[@]}"; do
     [ -d "$here/corpus/$name" ] && seeds=("$here/corpus/$name")
     if ! "$exe" "${args[@]}" "$scratch/$name" "${seeds[@]}" >"$scratch/$name.log" 2>&1; then
         tail -n 40 "$scratch/$name.log"
-        echo "fuzz_$name FAILED" >&2
+        echo "fuzz_$name FAILED; the input is in $artifacts" >&2
         exit 1
     fi
     execs="$(sed -n 's/^stat::number_of_executed_units: *//p' "$scratch/$name.log")"
