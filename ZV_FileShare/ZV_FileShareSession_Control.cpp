@@ -394,6 +394,12 @@ void ZV_FileShareSession::AskServersForMore()
 void ZV_FileShareSession::OnClientTimer()
 {
     const uint32_t ulNow = ZV_Now();
+    // An upload started or resumed once the server held the whole file has
+    // nothing to send, and its pump may never run (the data link was down
+    // when it began): after the wait it is over, as a failed read would say.
+    if (IsLocalCreator() && m_BriefInfo.m_usFileState == ZV_FILESTATE_UPLOADING &&
+        m_ulMaxPos >= m_BriefInfo.m_ulFileLenth && ulNow - m_ulLastIoTick >= ZV_CLIENT_STALL_MS)
+        m_BriefInfo.SetFileState(ZV_FILESTATE_COMPLETE);
     const bool bUploading = IsLocalCreator() && m_BriefInfo.m_usFileState == ZV_FILESTATE_UPLOADING;
     const bool bDownloading = !m_LocalDownload.m_sFileName.IsEmpty() &&
                               m_LocalDownload.m_usState == ZV_DLSTATE_RUNNING && !m_bDownloadFailed &&

@@ -1,0 +1,116 @@
+// What each user is told of a file: nothing about a file the user may not
+// see, and, once a conference has settled, the name, length and state its
+// server holds. Each scene was found by the random conferences.
+#include "ZV_SceneFixture.h"
+
+#include "ZV_FileShareSession.h"
+#include "ZV_RecordStream.h"
+
+#include <filesystem>
+
+namespace {
+
+struct ViewScene : public ZV_Scene
+{
+    // A file of Alice's, public or for her alone, shared and delivered.
+    uint16_t ShareOwn(const std::string& sName, size_t nSize, bool bPublic, bool bStart = true)
+    {
+        std::filesystem::create_directories(tmp.Sub("alice"));
+        QB_WriteWholeFile(tmp.Sub("alice/" + sName), ZV_RandomBytes(nSize, 7));
+        const size_t nBefore = Events(Alice(), zvFsEventFileAdded).size();
+        EXPECT_EQ(0u, Fs(Alice())->FsAdd(ZV_Wide(tmp.Sub("alice/" + sName)).c_str(), nullptr, 0, bPublic ? 1 : 0,
+                                         bStart ? 1 : 0));
+        EXPECT_TRUE(sim.Run()) << sim.GetError();
+        const auto vecAdded = Events(Alice(), zvFsEventFileAdded);
+        if (vecAdded.size() == nBefore)
+            return 0xFFFF;
+        QB_ByteStream stream(vecAdded.back().vbData.data(), (int32_t)vecAdded.back().vbData.size());
+        stream.Skip(6);
+        return stream.ReadU16();
+    }
+    // Events of the node that name the FileID right behind their result
+    // (all but 3011, 3012 and 3013).
+    size_t EventsAbout(ZV_SimHost* lpNode, uint16_t usFileID, uint16_t usEvent)
+    {
+        size_t n = 0;
+        for (const ZV_SimEntry& event : Events(lpNode, usEvent))
+        {
+            QB_ByteStream stream(event.vbData.data(), (int32_t)event.vbData.size());
+            stream.Skip(6);
+            n += stream.ReadU16() == usFileID ? 1 : 0;
+        }
+        return n;
+    }
+    // The upload states 3011 told the node of the file, in order.
+    std::vector<uint16_t> UploadStates(ZV_SimHost* lpNode, uint16_t usFileID)
+    {
+        std::vector<uint16_t> vecState;
+        for (const ZV_SimEntry& event : Events(lpNode, zvFsEventTransferState))
+        {
+            QB_ByteStream stream(event.vbData.data(), (int32_t)event.vbData.size());
+            stream.Skip(6);
+            const uint8_t bUpload = stream.ReadU8();
+            const uint16_t usTold = stream.ReadU16();
+            const uint16_t usState = stream.ReadU16();
+            if (bUpload && usTold == usFileID)
+                vecState.push_back(usState);
+        }
+        return vecState;
+    }
+    // The state of the description that the node's last 3000 or 3013 gave
+    // for the file; 0xFFFF when none did.
+    uint16_t ToldState(ZV_SimHost* lpNode, uint16_t usFileID)
+    {
+        ZV_SimFilter filter;
+        filter.eKind = ZV_SimEntryKind::Event;
+        filter.sNode = lpNode->GetName();
+        uint16_t usState = 0xFFFF;
+        for (const ZV_SimEntry& event : sim.Journal().Find(filter))
+        {
+            if (event.usNumber == zvFsEventFilesAdded)
+            {
+                const ZV_FilesAddedEvent told = ZV_ReadFilesAdded(event.vbData);
+                for (size_t i = 0; i < told.vecFileID.size(); ++i)
+                    if (told.vecFileID[i] == usFileID)
+                        usState = told.arrInfo[(int)i].m_usFileState;
+            }
+            if (event.usNumber != zvFsEventFileAdded)
+                continue;
+            QB_ByteStream stream(event.vbData.data(), (int32_t)event.vbData.size());
+            stream.Skip(6);
+            ZV_FileBriefInfo brief;
+            if (stream.ReadU16() != usFileID)
+                continue;
+            LoadDelimited(stream, brief);
+            usState = brief.m_usFileState;
+        }
+        return usState;
+    }
+    static ZV_FileShareSession* SessionOf(ZV_SimHost* lpNode, uint16_t usFileID)
+    {
+        return ZV_FileShareMgrPeer::Find(*Manager(lpNode), usFileID);
+    }
+};
+
+} // namespace
+
+// Alice asks to upload a file the server already holds whole while her
+// data connection is down, then stops and resumes it: the server takes
+// none of it, and her client is not left waiting for an upload that never
+// ends.
+TEST_F(ViewScene, UploadingAWholeFileAgainLeavesTheCreatorIdle)
+{
+    Build();
+    const uint16_t usFileID = ShareOwn("done.bin", 40000, true);
+    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
+    ZV_SimLink* lpLink = sim.GetClientLink(Alice());
+    ASSERT_TRUE(sim.Cut(lpLink, zvConfClientTypeData));
+    ASSERT_EQ(0u, Fs(Alice())->FsUpload(usFileID));
+    ASSERT_EQ(0u, Fs(Alice())->FsStopUpload(usFileID));
+    ASSERT_TRUE(sim.Run() && sim.Restore(lpLink, zvConfClientTypeData) && sim.Run()) << sim.GetError();
+    ASSERT_EQ(0u, Fs(Alice())->FsResumeUpload(usFileID));
+    ASSERT_TRUE(sim.AdvanceTime(60000)) << sim.GetError();
+
+    EXPECT_EQ(0, ZV_FileShareMgrPeer::BusyFileIDs(*Manager(Alice())).GetSize());
+    EXPECT_EQ(ZV_FILESTATE_COMPLETE, SessionOf(Alice(), usFileID)->BriefInfo().m_usFileState);
+}
