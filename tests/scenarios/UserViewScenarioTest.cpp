@@ -94,6 +94,21 @@ struct ViewScene : public ZV_Scene
 
 } // namespace
 
+// Alice's empty file is whole at the server's first look, though she never
+// uploaded it; when she comes back as a returning user it stays hers.
+TEST_F(ViewScene, AReturningCreatorKeepsAFileTheServerHoldsWhole)
+{
+    Build();
+    const uint16_t usFileID = ShareOwn("empty.bin", 0, true, false);
+    ASSERT_TRUE(sim.AdvanceTime(2000)) << sim.GetError();
+    ASSERT_TRUE(sim.Leave(Alice()));
+    ASSERT_TRUE(sim.Rejoin(Alice(), true) && sim.Run()) << sim.GetError();
+
+    EXPECT_EQ(0u, EventsAbout(Alice(), usFileID, zvFsEventFileGone));
+    EXPECT_NE(nullptr, SessionOf(Alice(), usFileID));
+    EXPECT_NE(nullptr, SessionOf(shape.Server(), usFileID));
+}
+
 // Alice asks to upload a file the server already holds whole while her
 // data connection is down, then stops and resumes it: the server takes
 // none of it, and her client is not left waiting for an upload that never
