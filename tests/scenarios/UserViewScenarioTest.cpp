@@ -94,6 +94,22 @@ struct ViewScene : public ZV_Scene
 
 } // namespace
 
+// Bob, beside Alice, was away while her file went up: the list he gets on
+// his return says the file is whole, and so is he told, though an old
+// state of his own stood in his client's record.
+TEST_F(ViewScene, AUserBesideTheCreatorTakesTheStateTheListSays)
+{
+    Build();
+    const uint16_t usFileID = ShareOwn("later.bin", 40000, true, false);
+    ASSERT_TRUE(sim.Leave(Bob()));
+    ASSERT_EQ(0u, Fs(Alice())->FsUpload(usFileID));
+    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
+    ASSERT_TRUE(sim.Rejoin(Bob(), false) && sim.Run()) << sim.GetError();
+
+    EXPECT_EQ(ZV_FILESTATE_COMPLETE, ToldState(Bob(), usFileID));
+    EXPECT_EQ(ZV_FILESTATE_COMPLETE, SessionOf(Bob(), usFileID)->BriefInfo().m_usFileState);
+}
+
 // Alice's empty file is whole at the server's first look, though she never
 // uploaded it; when she comes back as a returning user it stays hers.
 TEST_F(ViewScene, AReturningCreatorKeepsAFileTheServerHoldsWhole)
