@@ -94,6 +94,23 @@ struct ViewScene : public ZV_Scene
 
 } // namespace
 
+// Two files come to the second server by its list when the link returns,
+// one for Alice alone and one for all: Carol there is told of the one she
+// may see, and of nothing else, whichever the list names first.
+TEST_F(ViewScene, AFileListOfSeveralCreatorsIsToldToEachUserFileByFile)
+{
+    Build(true);
+    ZV_SimHost* lpCarol = shape.Client(2);
+    ZV_SimLink* lpLink = sim.GetServerLink(1, 2);
+    ASSERT_TRUE(sim.CutLink(lpLink));
+    const uint16_t usPrivate = ShareOwn("mine.bin", 10, false);
+    const uint16_t usPublic = ShareOwn("ours.bin", 10, true);
+    ASSERT_TRUE(sim.RestoreLink(lpLink) && sim.Run()) << sim.GetError();
+
+    EXPECT_EQ(std::vector<uint16_t>({usPublic}), FilesAdded(lpCarol));
+    EXPECT_NE(usPrivate, usPublic);
+}
+
 // Bob, beside Alice, was away while her file went up: the list he gets on
 // his return says the file is whole, and so is he told, though an old
 // state of his own stood in his client's record.
