@@ -41,12 +41,15 @@ uint32_t ZV_FileShareMgr::HandleFileStateNotice(ConfPduData* lpCpd)
     notice.Load(stream);
     for (int i = 0; i < notice.arrFileID.GetSize(); ++i)
     {
+        ZV_FileShareSession* lpFsSession = nullptr;
+        if (!m_mapSession.Lookup(notice.arrFileID[i], lpFsSession) || lpFsSession == nullptr)
+            continue;
+        if (notice.bUpload)
+            lpFsSession->TakeNoticedState(notice.usState);
         NotifyTransferState(notice.bUpload, notice.arrFileID[i], notice.usState);
         // The server holds the whole file: the creator's upload is over. An
         // empty file's upload reports no progress, which would end it.
-        ZV_FileShareSession* lpFsSession = nullptr;
         if (notice.bUpload && notice.usState == ZV_FILESTATE_COMPLETE && m_lpConf->IsClientMode() &&
-            m_mapSession.Lookup(notice.arrFileID[i], lpFsSession) && lpFsSession != nullptr &&
             lpFsSession->IsLocalCreator())
             MarkBusy(false, notice.arrFileID[i]);
     }

@@ -302,6 +302,8 @@ public:
     // Client: the local user's download of this file.
     const ZV_FileDownloadInfo& LocalDownload() const { return m_LocalDownload; }
     uint32_t MaxPos() const { return m_ulMaxPos; }
+    // Client: the server's notice of the file's state (8052).
+    void TakeNoticedState(uint16_t usState);
     void RaiseMaxPos(uint32_t ulPos)
     {
         if (ulPos > m_ulMaxPos)

@@ -196,6 +196,15 @@ uint32_t ZV_FileShareSession::HandleIsStopUploadResponse(ConfPduData* lpCpd)
     return 0;
 }
 
+// The record follows what the server holds, so that the description a
+// later event carries says so; only the creator's own upload, which its
+// client runs and may have stopped meanwhile, waits for the whole file.
+void ZV_FileShareSession::TakeNoticedState(uint16_t usState)
+{
+    if (!IsLocalCreator() || usState == ZV_FILESTATE_COMPLETE)
+        m_BriefInfo.SetFileState(usState);
+}
+
 bool ZV_FileShareSession::IsLocalCreator() const
 {
     const QB_UserID* lpLocal = Conf()->GetLocalUserID();
@@ -338,6 +347,8 @@ void ZV_FileShareSession::OnServerTimer()
     if (m_FileInfo.m_ulFileWritePos >= brief.m_ulFileLenth)
     {
         brief.SetFileState(ZV_FILESTATE_COMPLETE);
+        // The clients hold the file's state as this server last told it.
+        SendFileStateNotice(m_usFileID, ZV_FILESTATE_COMPLETE, 1);
         return;
     }
     const uint32_t ulNow = ZV_Now();

@@ -275,11 +275,13 @@ void ZV_FileShareSession::OnRelayBlock(uint16_t usFileID, const QB_UserID& user,
         brief.SetFileState(ZV_FILESTATE_COMPLETE);
         SaveToCatalog();
         m_bUploadDone = true;
+        SendFileStateNotice(usFileID, ZV_FILESTATE_COMPLETE, 1);
     }
     else if (brief.m_usFileState == ZV_FILESTATE_ADDED)
     {
         brief.SetFileState(ZV_FILESTATE_UPLOADING);
         SaveToCatalog();
+        SendFileStateNotice(usFileID, ZV_FILESTATE_UPLOADING, 1);
     }
     if (!m_ServerFile.IsOpen())
         OpenRelayServedFile();

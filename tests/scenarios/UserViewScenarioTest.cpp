@@ -94,6 +94,24 @@ struct ViewScene : public ZV_Scene
 
 } // namespace
 
+// Alice's public file reaches the second server as a relay's copy: Carol
+// there is told its upload began and ended, as Bob beside Alice is. An
+// empty file that nobody uploads is complete at the server's first look,
+// and Bob is told so too.
+TEST_F(ViewScene, EveryServerTellsItsClientsWhenItsCopyOfAFileBeginsAndIsWhole)
+{
+    Build(true);
+    ZV_SimHost* lpCarol = shape.Client(2);
+    const uint16_t usFileID = ShareOwn("relayed.bin", 100000, true);
+    const uint16_t usEmpty = ShareOwn("empty.bin", 0, true, false);
+    ASSERT_TRUE(sim.AdvanceTime(30000)) << sim.GetError();
+
+    EXPECT_EQ(std::vector<uint16_t>({ZV_FILESTATE_UPLOADING, ZV_FILESTATE_COMPLETE}), UploadStates(Bob(), usFileID));
+    EXPECT_EQ(std::vector<uint16_t>({ZV_FILESTATE_UPLOADING, ZV_FILESTATE_COMPLETE}), UploadStates(lpCarol, usFileID));
+    ASSERT_FALSE(UploadStates(Bob(), usEmpty).empty());
+    EXPECT_EQ(ZV_FILESTATE_COMPLETE, UploadStates(Bob(), usEmpty).back());
+}
+
 // Two files come to the second server by its list when the link returns,
 // one for Alice alone and one for all: Carol there is told of the one she
 // may see, and of nothing else, whichever the list names first.
@@ -140,6 +158,23 @@ TEST_F(ViewScene, AReturningCreatorKeepsAFileTheServerHoldsWhole)
     EXPECT_EQ(0u, EventsAbout(Alice(), usFileID, zvFsEventFileGone));
     EXPECT_NE(nullptr, SessionOf(Alice(), usFileID));
     EXPECT_NE(nullptr, SessionOf(shape.Server(), usFileID));
+}
+
+// Carol, behind the second server, may not see Alice's file. It reaches
+// her server by the list when the server link returns, already whole at
+// the first server, so no progress report tells of its end. Made
+// privileged, she is told of it as it stands: whole.
+TEST_F(ViewScene, AFileThatComesIntoViewIsToldInTheStateItHasReached)
+{
+    Build(true);
+    ZV_SimHost* lpCarol = shape.Client(2);
+    ZV_SimLink* lpLink = sim.GetServerLink(1, 2);
+    ASSERT_TRUE(sim.CutLink(lpLink));
+    const uint16_t usFileID = ShareOwn("hidden.bin", 100000, false);
+    ASSERT_TRUE(sim.RestoreLink(lpLink) && sim.AdvanceTime(1000)) << sim.GetError();
+    ASSERT_TRUE(sim.SetUserRole(lpCarol, zvUserRolePrivileged) && sim.Run()) << sim.GetError();
+
+    EXPECT_EQ(ZV_FILESTATE_COMPLETE, ToldState(lpCarol, usFileID));
 }
 
 // Alice asks to upload a file the server already holds whole while her
