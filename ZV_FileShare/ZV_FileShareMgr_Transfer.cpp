@@ -46,6 +46,10 @@ uint32_t ZV_FileShareMgr::HandleFileStateNotice(ConfPduData* lpCpd)
             continue;
         if (notice.bUpload)
             lpFsSession->TakeNoticedState(notice.usState);
+        // The notice goes to every client; it is news only to a user who
+        // may see the file.
+        if (!lpFsSession->IsFileVisible(lpFsSession->BriefInfo()))
+            continue;
         NotifyTransferState(notice.bUpload, notice.arrFileID[i], notice.usState);
         // The server holds the whole file: the creator's upload is over. An
         // empty file's upload reports no progress, which would end it.
