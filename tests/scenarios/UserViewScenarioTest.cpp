@@ -217,3 +217,33 @@ TEST_F(ViewScene, UploadingAWholeFileAgainLeavesTheCreatorIdle)
     EXPECT_EQ(0, ZV_FileShareMgrPeer::BusyFileIDs(*Manager(Alice())).GetSize());
     EXPECT_EQ(ZV_FILESTATE_COMPLETE, SessionOf(Alice(), usFileID)->BriefInfo().m_usFileState);
 }
+
+// The first server has one FileID. Alice deletes her file while the second
+// server is cut off and shares another, which takes the same number. When
+// the link returns, both servers hold the new file under it and nobody the
+// deleted one; Carol on the second server is told the old one went.
+TEST_F(ViewScene, AFileIDGivenOutAgainWhileAServerWasAwayNamesTheNewFileEverywhere)
+{
+    sim.SetFileIDRange(1, 1, 1);
+    Build(true);
+    ZV_SimHost* lpCarol = shape.Client(2);
+    const uint16_t usOld = ShareOwn("old.bin", 1000, true);
+    ZV_SimLink* lpLink = sim.GetServerLink(1, 2);
+    ASSERT_TRUE(sim.CutLink(lpLink));
+    ASSERT_EQ(0u, Fs(Alice())->FsDelUpload(usOld));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    const uint16_t usNew = ShareOwn("new.bin", 2000, true);
+    ASSERT_EQ(usOld, usNew);
+    ASSERT_TRUE(sim.RestoreLink(lpLink) && sim.AdvanceTime(30000)) << sim.GetError();
+
+    for (int n = 0; n < 2; ++n)
+    {
+        ZV_FileShareSession* lpFsSession = SessionOf(shape.Server(n), usNew);
+        ASSERT_NE(nullptr, lpFsSession) << "server " << n + 1;
+        EXPECT_EQ("new.bin", std::string(lpFsSession->FileInfo().m_BriefInfo.m_sFileOldName.GetString()))
+            << "server " << n + 1;
+    }
+    ASSERT_NE(nullptr, SessionOf(lpCarol, usNew));
+    EXPECT_EQ("new.bin", std::string(SessionOf(lpCarol, usNew)->BriefInfo().m_sFileOldName.GetString()));
+    EXPECT_EQ(1u, EventsAbout(lpCarol, usOld, zvFsEventFileGone));
+}
