@@ -14,8 +14,14 @@
 // - nothing was written outside a storage folder or a path a user asked to
 //   download to;
 // - no client is left busy.
+// - every user side was told only of files its user may have, and once the
+//   conference has settled what it was told is what its server holds for
+//   that user (ZV_UserView).
 //
-// The same seed and step count give the same run.
+// The same seed and step count give the same run. With small FileID
+// ranges a server soon runs out of numbers, so that deletes, the reuse of
+// a freed number and two servers' different files under one number come
+// up in every run.
 #pragma once
 
 #include "ZV_SimConference.h"
@@ -35,12 +41,15 @@ struct ZV_RandomOptions
     std::string sRoot;
     // Keep the whole journal, and report all of it and every step.
     bool bWholeJournal = false;
+    // A handful of FileIDs per server instead of a thousand.
+    bool bSmallFileIDs = false;
 };
 
 struct ZV_RandomReport
 {
     uint32_t ulSeed = 0;
     int nSteps = 0;
+    bool bSmallFileIDs = false;
     std::vector<std::string> vecProblems;
     // The steps as taken, one a line, and the last of the journal.
     std::string sSteps;
@@ -99,6 +108,7 @@ private:
     void CheckWrites();
     void CheckIdle();
     void CheckFlags();
+    void CheckViews();
     std::string Describe(const Client& client, uint16_t usFileID);
     std::string DescribeServers(uint16_t usFileID);
     bool IsNodeFile(const std::vector<std::string>& vecPart) const;
@@ -115,6 +125,7 @@ private:
     std::vector<ZV_SimLink*> ServerLinks() const;
     const Share* FindShare(const std::string& sName) const;
     void CollectDeletes();
+    uint16_t FileIDsPerServer() const;
     uint32_t Random(uint32_t ulBelow);
     bool Chance(uint32_t ulPercent);
 
