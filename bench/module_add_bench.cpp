@@ -16,8 +16,8 @@
 
 #include "QB_Env.h"
 #include "QB_Plex.h"
-#include "ZV_FileCatalog.h"
-#include "ZV_PduFrame.h"
+#include "records/ZV_FileCatalog.h"
+#include "wire/ZV_PduFrame.h"
 
 #include <benchmark/benchmark.h>
 

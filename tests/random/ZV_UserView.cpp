@@ -1,9 +1,9 @@
 #include "ZV_UserView.h"
 
-#include "ZV_FileShareMgr.h"
+#include "core/ZV_FileShareMgr.h"
 #include "ZV_FileShareMgrPeer.h"
-#include "ZV_FileShareSession.h"
-#include "ZV_RecordStream.h"
+#include "core/ZV_FileShareSession.h"
+#include "wire/ZV_RecordStream.h"
 
 #include "QB_ByteStream.h"
 
@@ -124,7 +124,7 @@ void ZV_UserView::OnEvent(uint16_t usEvent, const std::vector<uint8_t>& vbData)
             if (MayHave(usFileID, false, sWhat) && m_mapFiles.count(usFileID))
             {
                 const ZV_ToldFile& told = m_mapFiles[usFileID];
-                Learn(usFileID, told.sName, told.ulLength, ZV_FILESTATE_FAILED);
+                Learn(usFileID, told.sName, told.ulLength, zvFileStateFailed);
             }
             break;
         default:  // an upload's progress, a stop's answer

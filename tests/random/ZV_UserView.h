@@ -18,7 +18,7 @@
 #include "ZV_SimHost.h"
 #include "ZV_SimJournal.h"
 
-#include "ZV_FileBriefInfo.h"
+#include "records/ZV_FileBriefInfo.h"
 
 #include <cstdint>
 #include <functional>

@@ -3,8 +3,8 @@
 // server holds. Each scene was found by the random conferences.
 #include "ZV_SceneFixture.h"
 
-#include "ZV_FileShareSession.h"
-#include "ZV_RecordStream.h"
+#include "core/ZV_FileShareSession.h"
+#include "wire/ZV_RecordStream.h"
 
 #include <filesystem>
 
@@ -126,10 +126,10 @@ TEST_F(ViewScene, EveryServerTellsItsClientsWhenItsCopyOfAFileBeginsAndIsWhole)
     const uint16_t usEmpty = ShareOwn("empty.bin", 0, true, false);
     ASSERT_TRUE(sim.AdvanceTime(30000)) << sim.GetError();
 
-    EXPECT_EQ(std::vector<uint16_t>({ZV_FILESTATE_UPLOADING, ZV_FILESTATE_COMPLETE}), UploadStates(Bob(), usFileID));
-    EXPECT_EQ(std::vector<uint16_t>({ZV_FILESTATE_UPLOADING, ZV_FILESTATE_COMPLETE}), UploadStates(lpCarol, usFileID));
+    EXPECT_EQ(std::vector<uint16_t>({zvFileStateUploading, zvFileStateComplete}), UploadStates(Bob(), usFileID));
+    EXPECT_EQ(std::vector<uint16_t>({zvFileStateUploading, zvFileStateComplete}), UploadStates(lpCarol, usFileID));
     ASSERT_FALSE(UploadStates(Bob(), usEmpty).empty());
-    EXPECT_EQ(ZV_FILESTATE_COMPLETE, UploadStates(Bob(), usEmpty).back());
+    EXPECT_EQ(zvFileStateComplete, UploadStates(Bob(), usEmpty).back());
 }
 
 // Two files come to the second server by its list when the link returns,
@@ -161,8 +161,8 @@ TEST_F(ViewScene, AUserBesideTheCreatorTakesTheStateTheListSays)
     ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
     ASSERT_TRUE(sim.Rejoin(Bob(), false) && sim.Run()) << sim.GetError();
 
-    EXPECT_EQ(ZV_FILESTATE_COMPLETE, ToldState(Bob(), usFileID));
-    EXPECT_EQ(ZV_FILESTATE_COMPLETE, SessionOf(Bob(), usFileID)->BriefInfo().m_usFileState);
+    EXPECT_EQ(zvFileStateComplete, ToldState(Bob(), usFileID));
+    EXPECT_EQ(zvFileStateComplete, SessionOf(Bob(), usFileID)->BriefInfo().m_usFileState);
 }
 
 // Alice's empty file is whole at the server's first look, though she never
@@ -194,7 +194,7 @@ TEST_F(ViewScene, AFileThatComesIntoViewIsToldInTheStateItHasReached)
     ASSERT_TRUE(sim.RestoreLink(lpLink) && sim.AdvanceTime(1000)) << sim.GetError();
     ASSERT_TRUE(sim.SetUserRole(lpCarol, zvUserRolePrivileged) && sim.Run()) << sim.GetError();
 
-    EXPECT_EQ(ZV_FILESTATE_COMPLETE, ToldState(lpCarol, usFileID));
+    EXPECT_EQ(zvFileStateComplete, ToldState(lpCarol, usFileID));
 }
 
 // Alice asks to upload a file the server already holds whole while her
@@ -215,7 +215,7 @@ TEST_F(ViewScene, UploadingAWholeFileAgainLeavesTheCreatorIdle)
     ASSERT_TRUE(sim.AdvanceTime(60000)) << sim.GetError();
 
     EXPECT_EQ(0, ZV_FileShareMgrPeer::BusyFileIDs(*Manager(Alice())).GetSize());
-    EXPECT_EQ(ZV_FILESTATE_COMPLETE, SessionOf(Alice(), usFileID)->BriefInfo().m_usFileState);
+    EXPECT_EQ(zvFileStateComplete, SessionOf(Alice(), usFileID)->BriefInfo().m_usFileState);
 }
 
 // The first server has one FileID. Alice deletes her file while the second
