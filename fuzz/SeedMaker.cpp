@@ -7,7 +7,10 @@
 // One folder per harness, one small file per seed; the repository keeps
 // what this writes.
 #include "ZV_FuzzInput.h"
+#include "ZV_FuzzPayloads.h"
 #include "ZV_FuzzSeeds.h"
+
+#include "wire/ZV_PduTable.h"
 
 #include "QB_ByteStream.h"
 #include "QB_DatetimeEx.h"
@@ -18,6 +21,8 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <random>
+#include <string_view>
 
 namespace fs = std::filesystem;
 
@@ -158,6 +163,90 @@ void IniSeeds(ZV_SeedFolder& out, const fs::path& scratch)
     }
 }
 
+// Each payload of a header as its encoder writes a default one, behind
+// the byte that picks it.
+void PayloadSeeds(const fs::path& root)
+{
+    for (const char* pszHeader : {"add", "control", "delete", "download", "lists", "rights", "upload"})
+    {
+        ZV_SeedFolder out(root / (std::string("payload_") + pszHeader));
+        uint8_t bPick = 0;
+        for (const ZV_PayloadRow& row : kPayloadRows)
+        {
+            if (std::string_view(row.pszHeader) != pszHeader)
+                continue;
+            ZV_FuzzWriter w;
+            w.Byte(bPick++);
+            w.Raw(row.fnSeed());
+            out.Add(row.pszName, w);
+        }
+    }
+}
+
+// Every number of the table once, on a link of each kind: a FileID of the
+// three files, Bob, and room for the fields behind.
+void PduSeeds(ZV_SeedFolder& out)
+{
+    const size_t nRows = std::size(kPduTable);
+    for (bool bServer : {true, false})
+        for (size_t nConn = 0; nConn < 4; ++nConn)
+        {
+            ZV_FuzzWriter w;
+            w.Bool(bServer);
+            for (size_t nRow = 0; nRow < nRows; ++nRow)
+            {
+                w.Range(2, 0, 5);  // a delivery
+                w.Range(nRow, (size_t)0, nRows + 1);
+                w.Range(nConn, (size_t)0, (size_t)3);
+                w.Range((size_t)1, (size_t)0, (size_t)2);
+                ZV_FuzzWriter payload;
+                payload.Int<uint16_t>((uint16_t)(1 + nRow % 3));
+                payload.Int<uint32_t>(10002);
+                payload.Int<uint32_t>(0);
+                for (int i = 0; i < 6; ++i)
+                    payload.Int<uint32_t>(0);
+                w.Int<uint16_t>((uint16_t)payload.Data().size());
+                w.Raw(payload.Data());
+                if (nRow % 8 == 7)
+                    w.Range(0, 0, 5), w.Range<uint32_t>(61000, 0, 120000);  // the clock
+            }
+            out.Add((bServer ? "server" : "client") + std::to_string(nConn), w);
+        }
+}
+
+// A configuration, a catalogue of two rows as the catalogue writes it, and
+// no shares; then the catalogue in UTF-16.
+void StartupSeeds(ZV_SeedFolder& out, const fs::path& scratch)
+{
+    for (bool bUnicode : {false, true})
+    {
+        const std::string sConfig = "[FileShare]\r\nMaxSize=100\r\n";
+        const std::vector<uint8_t> vbCatalog = IniFile(scratch, bUnicode);
+        ZV_FuzzWriter w;
+        w.Int<uint16_t>((uint16_t)sConfig.size());
+        w.Raw(sConfig);
+        w.Int<uint16_t>((uint16_t)vbCatalog.size());
+        w.Raw(vbCatalog);
+        w.Raw(std::string("[7]\r\n1=C:\\Users\\a\\report.pdf\r\n"));
+        out.Add(bUnicode ? "unicode" : "ansi", w);
+    }
+}
+
+// The draws of a few seeded runs: what the random conferences' generator
+// gives, byte by byte.
+void ConferenceSeeds(ZV_SeedFolder& out)
+{
+    for (uint32_t ulSeed : {1u, 2u, 3u, 4u})
+    {
+        std::mt19937 rng(ulSeed);
+        std::vector<uint8_t> vb(600);
+        for (uint8_t& b : vb)
+            b = (uint8_t)rng();
+        vb[0] = 39;  // the most steps
+        out.Add("run" + std::to_string(ulSeed), vb);
+    }
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -177,6 +266,11 @@ int main(int argc, char** argv)
     UserIDSeeds(userid);
     DateTimeSeeds(datetime);
     IniSeeds(ini, scratch);
+    PayloadSeeds(root);
+    ZV_SeedFolder pdu(root / "pdu"), startup(root / "startup"), conference(root / "conference");
+    PduSeeds(pdu);
+    StartupSeeds(startup, scratch);
+    ConferenceSeeds(conference);
     fs::remove_all(scratch);
     return 0;
 }

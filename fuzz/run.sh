@@ -43,12 +43,14 @@ for name in "${harnesses[@]}"; do
     mkdir -p "$scratch/$name"
     args=(-max_total_time="$seconds" -timeout=25 -rss_limit_mb=2560 -print_final_stats=1
           -artifact_prefix="$artifacts/")
-    for dict in "$here/$name.dict" "$here/pdu.dict"; do
-        if [ -f "$dict" ]; then
-            args+=(-dict="$dict")
-            break
-        fi
-    done
+    # PDU numbers and field values for what reads payloads; ini words for
+    # what reads ini files.
+    case "$name" in
+        payload_* | pdu) dict="$here/pdu.dict" ;;
+        startup) dict="$here/ini.dict" ;;
+        *) dict="$here/$name.dict" ;;
+    esac
+    [ -f "$dict" ] && args+=(-dict="$dict")
     seeds=()
     [ -d "$here/corpus/$name" ] && seeds=("$here/corpus/$name")
     if ! "$exe" "${args[@]}" "$scratch/$name" "${seeds[@]}" >"$scratch/$name.log" 2>&1; then

@@ -1,5 +1,6 @@
 #include "ZV_RandomScenario.h"
 #include "ZV_UserView.h"
+#include "wire/ZV_PduTable.h"
 
 #include "ZV_SimBuilder.h"
 #include "ZV_SimMachine.h"
@@ -120,7 +121,9 @@ uint16_t ZV_RandomScenario::FileIDsPerServer() const
 
 uint32_t ZV_RandomScenario::Random(uint32_t ulBelow)
 {
-    return ulBelow == 0 ? 0 : (uint32_t)(m_rng() % ulBelow);
+    if (ulBelow == 0)
+        return 0;
+    return m_options.fnDraw ? m_options.fnDraw(ulBelow) % ulBelow : (uint32_t)(m_rng() % ulBelow);
 }
 
 bool ZV_RandomScenario::Chance(uint32_t ulPercent)
@@ -149,6 +152,9 @@ ZV_RandomReport ZV_RandomScenario::Run()
     {
         for (int i = 0; i < m_options.nSteps && m_vecProblems.empty(); ++i)
             TakeStep();
+        // The disk mends before the conference settles.
+        if (m_lpSim)
+            m_lpSim->GetEnv().ClearFaults();
         if (m_vecProblems.empty())
             Settle();
         if (m_vecProblems.empty())
@@ -244,7 +250,7 @@ void ZV_RandomScenario::TakeStep()
     const bool bFew = m_options.bSmallFileIDs;
     const uint32_t ulShares = bFew ? 22 : 14;
     const uint32_t ulDeletes = bFew ? 16 : 5;
-    const std::pair<uint32_t, Fn> aSteps[] = {
+    std::vector<std::pair<uint32_t, Fn>> aSteps = {
         {ulShares, &ZV_RandomScenario::StepShare},
         {4, &ZV_RandomScenario::StepShareBatch},
         {4, &ZV_RandomScenario::StepUpload},
@@ -261,6 +267,11 @@ void ZV_RandomScenario::TakeStep()
         {2, &ZV_RandomScenario::StepRole},
         {8, &ZV_RandomScenario::StepTime},
     };
+    if (m_options.fnDraw)
+    {
+        aSteps.push_back({8, &ZV_RandomScenario::StepHostilePdu});
+        aSteps.push_back({3, &ZV_RandomScenario::StepFileFault});
+    }
     uint32_t ulTotal = 0;
     for (const auto& step : aSteps)
         ulTotal += step.first;
@@ -904,4 +915,43 @@ void ZV_RandomScenario::CheckViews()
                         "), which its server does not hold for it" + Describe(*lpClient, usFileID) +
                         DescribeServers(usFileID));
     }
+}
+
+// A client sends its server a PDU of any number the table knows, or none,
+// with any payload, on either of its links: its server takes it only in
+// the name of the link's user, so that whatever it does the others see as
+// that user's doing, and every check still holds.
+void ZV_RandomScenario::StepHostilePdu()
+{
+    Client& client = AnyClient();
+    if (!IsPresent(client))
+        return;
+    const uint32_t ulRow = Random((uint32_t)std::size(kPduTable) + 1);
+    const uint16_t usPdu = ulRow < std::size(kPduTable) ? kPduTable[ulRow].usPdu : (uint16_t)Random(65536);
+    const uint16_t usConnType = Chance(50) ? zvConfClientTypeCommand : zvConfClientTypeData;
+    std::vector<uint8_t> vbPayload(Random(Chance(10) ? 70000 : 120));
+    for (uint8_t& b : vbPayload)
+        b = (uint8_t)Random(256);
+    const uint32_t ulConn = client.lpHome->GetUserConn(&client.lpNode->GetUserID(), usConnType);
+    if (ulConn == zvConnNone)
+        return;
+    client.lpHome->DeliverPdu(*client.lpNode->GetMachine(), ulConn, usConnType, usPdu, vbPayload.data(),
+                              (uint32_t)vbPayload.size());
+    Note(client.sName + " sends its server " + std::to_string(usPdu) + " of " + std::to_string(vbPayload.size()) +
+         " bytes");
+    Deliver();
+}
+
+// The next file operation of a kind fails, once or for good until the
+// next such step.
+void ZV_RandomScenario::StepFileFault()
+{
+    QB_FaultEnv& env = m_lpSim->GetEnv();
+    env.ClearFaults();
+    if (Chance(30))
+        return Note("file operations succeed");
+    const auto op = (QB_EnvOp)Random((uint32_t)QB_EnvOp::Count_);
+    const int nNth = 1 + (int)Random(20);
+    env.FailAt(op, nNth, Chance(20));
+    Note("file operation " + std::to_string((int)op) + " fails at the " + std::to_string(nNth) + "th");
 }

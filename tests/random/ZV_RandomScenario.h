@@ -30,6 +30,7 @@
 #include <memory>
 #include <random>
 #include <set>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -43,6 +44,11 @@ struct ZV_RandomOptions
     bool bWholeJournal = false;
     // A handful of FileIDs per server instead of a thousand.
     bool bSmallFileIDs = false;
+    // Draws a number below its bound in place of the seeded generator, so
+    // that a fuzzer's input steers the run. Such a run also has a client
+    // send its server PDUs of any number and payload, and file operations
+    // fail.
+    std::function<uint32_t(uint32_t)> fnDraw;
 };
 
 struct ZV_RandomReport
@@ -109,6 +115,8 @@ private:
     void CheckIdle();
     void CheckFlags();
     void CheckViews();
+    void StepHostilePdu();
+    void StepFileFault();
     std::string Describe(const Client& client, uint16_t usFileID);
     std::string DescribeServers(uint16_t usFileID);
     bool IsNodeFile(const std::vector<std::string>& vecPart) const;
