@@ -47,7 +47,8 @@ uint32_t ZV_FileShareMgr::HandleFileStateNotice(ConfPduData* lpCpd)
         if (notice.bUpload)
             lpFsSession->TakeNoticedState(notice.usState);
         // The notice goes to every client; it is news only to a user who
-        // may see the file.
+        // may see the file, and of a file this client holds (the wire is
+        // the same, the user side is told less).
         if (!lpFsSession->IsFileVisible(lpFsSession->BriefInfo()))
             continue;
         NotifyTransferState(notice.bUpload, notice.arrFileID[i], notice.usState);
