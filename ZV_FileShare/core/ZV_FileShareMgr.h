@@ -169,6 +169,9 @@ private:
                           uint32_t ulFloodSeq);
     // Whether a file of this description was deleted here since the start.
     bool WasDeleted(const ZV_FileBriefInfo& brief) const;
+    // Initialize with "RestoreCatalog" set: the catalogue's rows of this
+    // conference as sessions again.
+    void RestoreStoredFiles();
     uint32_t SendDelUploadResponse(uint32_t ulConn, uint16_t usFileID, uint32_t ulResult, uint16_t usFileID2,
                                    const QB_UserID* lpUser, uint32_t ulFloodSeq, bool bToAll);
     // ZV_FileShareMgr_Add.cpp: one file.
