@@ -226,7 +226,8 @@ void ZV_FileShareMgr::ReplaceSession(uint16_t usFileID, std::unique_ptr<ZV_FileS
     {
         DropUnlistedDownload(usFileID, lpGone.get());
         MarkBusy(false, usFileID);
-        NotifyFileGone(0, usFileID);
+        if (lpGone->IsFileVisible(lpGone->BriefInfo()))
+            NotifyFileGone(0, usFileID);
     }
     m_mapSession.SetAt(usFileID, lpFsSession.release());
 }

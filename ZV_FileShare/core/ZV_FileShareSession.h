@@ -162,6 +162,8 @@ public:
     // server said so.
     bool IsUploadDone() const { return m_bUploadDone; }
     void SetUploadDone(bool bDone) { m_bUploadDone = bDone; }
+    // Client: the server's notice of the file's state (8052).
+    void TakeNoticedState(uint16_t usState);
 
     // ---- the download (download/); the user side's part on a client
     uint32_t SendDownloadRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser, uint32_t ulFloodSeq,

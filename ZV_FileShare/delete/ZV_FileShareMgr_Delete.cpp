@@ -180,12 +180,16 @@ uint32_t ZV_FileShareMgr::HandleDelUploadResponse(ConfPduData* lpCpd)
         const uint16_t usFileID = answer.head.usFileID;
         if (m_lpConf->IsResponseFloodSeen(&answer.head.user, answer.ulFloodSeq))
             return 0;
-        NotifyFileGone(answer.head.ulResult, usFileID);
+        ZV_FileShareSession* lpFsSession = nullptr;
+        m_mapSession.Lookup(usFileID, lpFsSession);
+        // A refusal answers the user's own request; a delete is news only to
+        // a user who could see the file.
+        if (answer.head.ulResult != zvResultOk || (lpFsSession && lpFsSession->IsFileVisible(lpFsSession->BriefInfo())))
+            NotifyFileGone(answer.head.ulResult, usFileID);
         if (answer.head.ulResult != zvResultOk)
             return 0;
         MarkBusy(false, usFileID);
-        ZV_FileShareSession* lpFsSession = nullptr;
-        if (m_mapSession.Lookup(usFileID, lpFsSession) && lpFsSession != nullptr)
+        if (lpFsSession != nullptr)
             DropDeletedSession(usFileID, lpFsSession);
     }
     catch (...)

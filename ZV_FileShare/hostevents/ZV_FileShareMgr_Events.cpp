@@ -79,7 +79,10 @@ void ZV_FileShareMgr::OnUserEnter(const QB_UserID& user)
             if (user == lpFsSession->FileInfo().m_BriefInfo.m_CreatorID && bReturning && !lpFsSession->IsUploadDone())
             {
                 OnUserGone(lpFsSession, user);
-                continue;
+                // A file that is whole here stays, and so stays in the list:
+                // left out, it would leave the creator's client for good.
+                if (!m_mapSession.Lookup(usFileID, lpFsSession) || lpFsSession == nullptr)
+                    continue;
             }
             ulResult = lpFsSession->CollectUploadInfo(arrInfo, arrMaxPos, user);
             CollectDownloadInfo(usFileID, lpFsSession, user, arrDownload, arrModify);

@@ -41,13 +41,19 @@ uint32_t ZV_FileShareMgr::HandleFileStateNotice(ConfPduData* lpCpd)
     notice.Load(stream);
     for (int i = 0; i < notice.arrFileID.GetSize(); ++i)
     {
+        ZV_FileShareSession* lpFsSession = nullptr;
+        m_mapSession.Lookup(notice.arrFileID[i], lpFsSession);
+        if (lpFsSession != nullptr && notice.bUpload)
+            lpFsSession->TakeNoticedState(notice.usState);
+        // The notice goes to every client; of a file this client holds it is
+        // news only to a user who may see the file.
+        if (lpFsSession != nullptr && !lpFsSession->IsFileVisible(lpFsSession->BriefInfo()))
+            continue;
         NotifyTransferState(notice.bUpload, notice.arrFileID[i], notice.usState);
         // The server holds the whole file: the creator's upload is over. An
         // empty file's upload reports no progress, which would end it.
-        ZV_FileShareSession* lpFsSession = nullptr;
         if (notice.bUpload && notice.usState == zvFileStateComplete && m_lpConf->IsClientMode() &&
-            m_mapSession.Lookup(notice.arrFileID[i], lpFsSession) && lpFsSession != nullptr &&
-            lpFsSession->IsLocalCreator())
+            lpFsSession != nullptr && lpFsSession->IsLocalCreator())
             MarkBusy(false, notice.arrFileID[i]);
     }
     return 0;
