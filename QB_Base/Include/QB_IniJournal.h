@@ -45,13 +45,16 @@ public:
     static constexpr uint32_t kQuietMs = 10000;
 
     QB_IniJournal(uint32_t nSectionTableSize, uint32_t nKeyTableSize);
+    ~QB_IniJournal();
     QB_IniJournal(const QB_IniJournal&) = delete;
     QB_IniJournal& operator=(const QB_IniJournal&) = delete;
 
     // Loads the ini file as QB_IniFileEx::Open does and replays the journal
     // over it; a journal that held changes is folded in at once. False when
     // the ini file can't be read: the journal is then left alone, and
-    // Commit rewrites the ini file whole as it would without one.
+    // Commit rewrites the ini file whole as it would without one. The same
+    // holds, Open giving true, when another QB_IniJournal of this process
+    // has the path open: one journal has one writer.
     bool Open(const QB_StringW& sPath, bool bCreateUnicode);
     const QB_IniFileEx& Ini() const { return m_IniFile; }
 
@@ -67,6 +70,9 @@ public:
     bool Commit();
     // Folds the journal in if it holds changes and none came for kQuietMs.
     void RewriteIfQuiet();
+    // The owner is done: the journal is folded in if it holds changes, so
+    // that a clean stop leaves the ini file current, and let go.
+    void Close();
     // Rewrites the ini file from memory and starts the journal afresh.
     bool Rewrite();
 
@@ -93,6 +99,7 @@ private:
     uint32_t m_ulRewriteAt = kMinRewriteBytes;
     uint32_t m_ulLastChangeTick = 0;
     std::vector<Change> m_vecPending;
+    std::u16string m_sHeldPath;     // the journal's full path while this object writes it
 
     void Note(bool bRemove, const QB_StringW& sSection, const QB_StringW& sKey, const QB_StringW& sValue);
     void Replay(const std::string& sBytes, int& nRecords);
@@ -101,4 +108,7 @@ private:
     bool Append(const std::string& sBytes);
     bool OpenForAppend();
     uint32_t Bound() const;
+    bool Hold();
+    void MakeDurable(const QB_StringW& sPath);
+    void Release();
 };

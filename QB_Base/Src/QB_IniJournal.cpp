@@ -6,7 +6,9 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <mutex>
 #include <new>
+#include <set>
 
 namespace {
 
@@ -158,6 +160,10 @@ uint32_t GetU32(const char* p)
     return ul;
 }
 
+// Journals open in this process, by their full path.
+std::mutex g_HeldMutex;
+std::set<std::u16string> g_setHeld;
+
 } // namespace
 
 QB_IniJournal::QB_IniJournal(uint32_t nSectionTableSize, uint32_t nKeyTableSize)
@@ -165,25 +171,60 @@ QB_IniJournal::QB_IniJournal(uint32_t nSectionTableSize, uint32_t nKeyTableSize)
 {
 }
 
+QB_IniJournal::~QB_IniJournal()
+{
+    Release();
+}
+
+// Two owners appending to one journal from their own ends would write over
+// each other's records; the second owner of a path therefore goes without
+// one and rewrites the file per commit.
+bool QB_IniJournal::Hold()
+{
+    m_sHeldPath = QB_GetEnv()->GetFullPathName(std::u16string(m_sJournalPath.View()));
+    std::lock_guard<std::mutex> lock(g_HeldMutex);
+    if (g_setHeld.insert(m_sHeldPath).second)
+        return true;
+    m_sHeldPath.clear();
+    return false;
+}
+
+void QB_IniJournal::Release()
+{
+    if (m_sHeldPath.empty())
+        return;
+    std::lock_guard<std::mutex> lock(g_HeldMutex);
+    g_setHeld.erase(m_sHeldPath);
+    m_sHeldPath.clear();
+}
+
 bool QB_IniJournal::Open(const QB_StringW& sPath, bool bCreateUnicode)
 {
     m_File.Close();
+    Release();
     m_vecPending.clear();
     m_ulEnd = 0;
     m_bBroken = m_bTornTail = false;
     m_bNameDurable = true;
     m_sJournalPath = sPath + u".journal";
     const bool bExisted = QB_GetEnv()->GetFileAttributes(std::u16string(sPath.View())) != QB_ATTR_INVALID;
-    m_bJournaled = m_IniFile.Open(sPath, bCreateUnicode);
-    if (!m_bJournaled)
-        return false;
-    // A journal can outlive a file whose making was never synced, and would
-    // then be replayed over an empty ANSI one; so a new file is made durable
-    // before anything is journaled against it.
-    if (!bExisted)
-        m_IniFile.Flush();
+    if (!m_IniFile.Open(sPath, bCreateUnicode))
+        return m_bJournaled = false;
+    m_bJournaled = Hold();
     int nRecords = 0;
     std::string sBytes;
+    if (!m_bJournaled)
+    {
+        // Another owner writes the journal: its changes are read, not folded in.
+        if (ReadAll(m_sJournalPath, sBytes))
+            Replay(sBytes, nRecords);
+        return true;
+    }
+    // A journal can outlive a file whose making was never synced, and would
+    // then be replayed over an empty ANSI one; so a new file is made durable,
+    // as it stands, before anything is journaled against it.
+    if (!bExisted)
+        MakeDurable(sPath);
     if (ReadAll(m_sJournalPath, sBytes))
         Replay(sBytes, nRecords);
     m_ulRewriteAt = Bound();
@@ -332,6 +373,15 @@ std::string QB_IniJournal::EncodePending()
     return sBytes;
 }
 
+void QB_IniJournal::Close()
+{
+    if (m_bJournaled && (m_ulEnd > kHeadSize || m_bBroken || !m_vecPending.empty()))
+        Rewrite();
+    m_File.Close();
+    Release();
+    m_bJournaled = false;
+}
+
 void QB_IniJournal::RewriteIfQuiet()
 {
     const bool bHolds = m_ulEnd > kHeadSize || m_bBroken || !m_vecPending.empty();
@@ -343,6 +393,8 @@ void QB_IniJournal::RewriteIfQuiet()
 // a crash between the two replays changes the file already holds.
 bool QB_IniJournal::Rewrite()
 {
+    if (!m_bJournaled)
+        return m_IniFile.Flush();
     if (!m_IniFile.Flush())
     {
         // A file that can't be replaced now is tried again a bound later,
@@ -359,6 +411,17 @@ bool QB_IniJournal::Rewrite()
     m_bTornTail = !bCut;
     m_bBroken = false;
     return true;
+}
+
+// A failure leaves the journal to write the file whole at its first commit.
+void QB_IniJournal::MakeDurable(const QB_StringW& sPath)
+{
+    QB_FileEx file;
+    std::u16string sFolder = QB_GetEnv()->GetFullPathName(std::u16string(sPath.View()));
+    sFolder.erase(sFolder.rfind(u'\\') + 1);
+    if (!file.Open(sPath, QB_FILE_READWRITE | QB_FILE_OPEN_EXISTING | QB_FILE_NO_LINK) || !file.Sync() ||
+        !QB_GetEnv()->FlushFolder(sFolder))
+        m_bBroken = true;
 }
 
 bool QB_IniJournal::OpenForAppend()
