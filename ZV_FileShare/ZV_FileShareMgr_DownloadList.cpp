@@ -7,6 +7,7 @@
 #include "ZV_FileShareSession.h"
 #include "ZV_ListPdu.h"
 
+#include "QB_Env.h"
 #include "QB_Log.h"
 
 uint32_t ZV_FileShareMgr::HandleGetDownloadSessionListRequest(ConfPduData* lpCpd)
@@ -188,7 +189,14 @@ bool ZV_FileShareMgr::ResumeListedDownload(const ConfPduData* lpCpd, ZV_FileShar
         r.SetState(ZV_DLSTATE_STOPPED);
         lpFsSession->SendIsStopDownloadRequest(lpCpd->ulConn, usFileID, &me, 0, 1);
     }
-    if (ulResult == ZV_OK)
+    // A finished download that is whole on disk is only measured, by its
+    // folder entry: nothing will be written to it, and opening thousands of
+    // files would make a returning user's join cost far more than its list.
+    // Anything else is opened as before, since it may be written.
+    if (ulResult == ZV_OK && r.m_usState == ZV_DLSTATE_FINISHED &&
+        QB_GetEnv()->GetFileSizeByName(std::u16string(sPath.View())) == (int64_t)r.m_ulFileLenth)
+        ulSize = r.m_ulFileLenth;
+    else if (ulResult == ZV_OK)
         ulResult = lpFsSession->MeasureLocalFile(sPath, r.m_usState != ZV_DLSTATE_FINISHED, ulSize);
     if (r.m_usState == ZV_DLSTATE_FINISHED && ulSize == r.m_ulFileLenth && ulResult == ZV_OK)
     {

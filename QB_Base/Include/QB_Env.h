@@ -85,8 +85,8 @@ public:
     // Names.
     virtual bool DeleteFile(const std::u16string& sPath) = 0;
     virtual uint32_t GetFileAttributes(const std::u16string& sPath) = 0;
-    // Size of the plain file that a path names, or -1 when it names none,
-    // from the folder's entry alone: no handle is opened.
+    // Size of the plain file that a path names, or -1 when it names none
+    // (a link names none), from the folder's entry alone: no handle is opened.
     virtual int64_t GetFileSizeByName(const std::u16string& sPath) = 0;
     virtual bool CreateDirectory(const std::u16string& sPath) = 0;
     // Gives `sFrom` the name `sTo` in one step, replacing a file of that

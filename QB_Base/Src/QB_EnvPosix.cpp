@@ -619,7 +619,7 @@ int64_t QB_EnvPosix::GetFileSizeByName(const std::u16string& sPath)
 {
     std::string sSystem = QB_PathToSystem(sPath);
     struct stat st;
-    if (sSystem.empty() || stat(sSystem.c_str(), &st) != 0 || !S_ISREG(st.st_mode))
+    if (sSystem.empty() || lstat(sSystem.c_str(), &st) != 0 || !S_ISREG(st.st_mode))
         return -1;
     return (int64_t)st.st_size;
 }
