@@ -19,9 +19,9 @@
 
 #include "QB_Env.h"
 #include "QB_Plex.h"
-#include "ZV_FileCatalog.h"
-#include "ZV_PduFrame.h"
-#include "ZV_ShareLedger.h"
+#include "records/ZV_FileCatalog.h"
+#include "records/ZV_ShareLedger.h"
+#include "wire/ZV_PduFrame.h"
 
 #include <benchmark/benchmark.h>
 

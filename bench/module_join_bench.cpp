@@ -20,8 +20,9 @@
 #include "ZV_SimConference.h"
 
 #include "QB_Plex.h"
-#include "ZV_ListPdu.h"
-#include "ZV_PduFrame.h"
+#include "lists/ZV_ListPdu.h"
+#include "wire/ZV_CutList.h"
+#include "wire/ZV_PduFrame.h"
 
 #include <benchmark/benchmark.h>
 

@@ -23,7 +23,7 @@
 
 #include "QB_ByteStream.h"
 #include "QB_String.h"
-#include "ZV_PduFrame.h"
+#include "wire/ZV_PduFrame.h"
 
 #include <fcntl.h>
 #include <sys/resource.h>

@@ -4,7 +4,7 @@
 #pragma once
 
 #include "IZV_FileShare.h"
-#include "ZV_RecordStream.h"
+#include "wire/ZV_RecordStream.h"
 
 #include <cstdint>
 #include <cstring>

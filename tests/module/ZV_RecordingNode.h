@@ -6,7 +6,7 @@
 
 #include "ZV_RecordingHost.h"
 
-#include "ZV_FileShareMgr.h"
+#include "core/ZV_FileShareMgr.h"
 
 #include "QB_Env.h"
 #include "QB_TestSupport.h"

@@ -3,10 +3,10 @@
 #include "ZV_SimBuilder.h"
 #include "ZV_SimMachine.h"
 
-#include "ZV_DeletePdu.h"
-#include "ZV_FileShareMgr.h"
+#include "delete/ZV_DeletePdu.h"
+#include "core/ZV_FileShareMgr.h"
 #include "ZV_FileShareMgrPeer.h"
-#include "ZV_FileShareSession.h"
+#include "core/ZV_FileShareSession.h"
 #include "ZV_FileShareSessionPeer.h"
 
 #include "QB_ByteStream.h"
@@ -584,9 +584,9 @@ void ZV_RandomScenario::Settle()
         const QB_UserID self = lpClient->lpNode->GetUserID();
         std::vector<std::pair<uint16_t, bool>> vecResume;
         ForEachSession(lpClient->lpNode, [&](uint16_t usFileID, ZV_FileShareSession& session) {
-            if (session.BriefInfo().m_CreatorID == self && session.BriefInfo().m_usFileState == ZV_FILESTATE_STOPPED)
+            if (session.BriefInfo().m_CreatorID == self && session.BriefInfo().m_usFileState == zvFileStateStopped)
                 vecResume.push_back({usFileID, true});
-            if (session.LocalDownload().m_usState == ZV_DLSTATE_STOPPED)
+            if (session.LocalDownload().m_usState == zvDownloadStateStopped)
                 vecResume.push_back({usFileID, false});
         });
         for (const auto& [usFileID, bUpload] : vecResume)
@@ -607,7 +607,7 @@ void ZV_RandomScenario::CheckDownloads()
     for (const auto& lpClient : m_vecClients)
         ForEachSession(lpClient->lpNode, [&](uint16_t usFileID, ZV_FileShareSession& session) {
             const ZV_FileDownloadInfo& download = session.LocalDownload();
-            if (download.m_usState != ZV_DLSTATE_FINISHED)
+            if (download.m_usState != zvDownloadStateFinished)
                 return;
             const Share* lpShare = FindShare(Narrow(download.m_sFileFullName));
             std::string sLocal = Narrow(download.m_sFilePath + download.m_sFileName);
@@ -648,7 +648,7 @@ void ZV_RandomScenario::CheckCatalogues()
                 Problem(sWhere + ": no stored file " + Narrow(row.m_sFileNewName));
             else if (nSize > brief.m_ulFileLenth)
                 Problem(sWhere + ": the stored file is longer than the file");
-            else if (brief.m_usFileState == ZV_FILESTATE_COMPLETE)
+            else if (brief.m_usFileState == zvFileStateComplete)
             {
                 const Share* lpShare = FindShare(Narrow(brief.m_sFileOldName));
                 if (nSize != brief.m_ulFileLenth)

@@ -3,8 +3,8 @@
 #include "ZV_FileShareMgrPeer.h"
 #include "ZV_SceneFixture.h"
 
-#include "ZV_AddPdu.h"
-#include "ZV_RecordStream.h"
+#include "add/ZV_AddPdu.h"
+#include "wire/ZV_RecordStream.h"
 
 #include <algorithm>
 #include <set>
@@ -48,17 +48,17 @@ TEST_F(AddScene, RefusesWithTheRightCodeAndCreatesNothing)
 {
     sim.SetFileIDRange(1, 1, 1);
     Build();
-    EXPECT_EQ(ZV_ERR_OPEN, Fs(Alice())->FsAdd(u"/no/such/file.txt", nullptr, 0, 1, 0));
+    EXPECT_EQ(zvResultCannotOpen, Fs(Alice())->FsAdd(u"/no/such/file.txt", nullptr, 0, 1, 0));
 
     sim.GetEnv().FailAt(QB_EnvOp::MakeFolder, 1, true);
     Share("a.txt", {1}, false);
     sim.GetEnv().ClearFaults();
-    EXPECT_EQ(ZV_ERR_OPEN, LastAddResult(Alice()));
+    EXPECT_EQ(zvResultCannotOpen, LastAddResult(Alice()));
     EXPECT_EQ(0, ZV_FileShareMgrPeer::Sessions(*Manager(shape.Server())).GetCount());
 
     EXPECT_EQ(1u, Share("a.txt", {1}, false)) << "the only FileID, freed by the refusal";
     Share("a.txt", {1}, false);
-    EXPECT_EQ(ZV_ERR_NO_FILEID, LastAddResult(Alice()));
+    EXPECT_EQ(zvResultNoFileID, LastAddResult(Alice()));
     EXPECT_EQ(1u, Events(Bob(), zvFsEventFileAdded).size()) << "a refusal goes to the requester alone";
     EXPECT_EQ(1u, StoredCount());
 
@@ -66,10 +66,10 @@ TEST_F(AddScene, RefusesWithTheRightCodeAndCreatesNothing)
     alice.bCanShare = false;
     sim.GetUsers(ZV_SimBuilder::kConfID).Put(alice);
     Share("a.txt", {1}, false);
-    EXPECT_EQ(ZV_ERR_NOT_ENTITLED, LastAddResult(Alice()));
+    EXPECT_EQ(zvResultNotEntitled, LastAddResult(Alice()));
 
     sim.GetUsers(ZV_SimBuilder::kConfID).Remove(alice.id);
-    EXPECT_EQ(ZV_ERR_NOT_IN_CONF, Fs(Alice())->FsAdd(ZV_Wide(tmp.Sub("alice/a.txt")).c_str(), nullptr, 0, 1, 0));
+    EXPECT_EQ(zvResultNotInConf, Fs(Alice())->FsAdd(ZV_Wide(tmp.Sub("alice/a.txt")).c_str(), nullptr, 0, 1, 0));
 }
 
 TEST_F(AddScene, ABatchTooLargeForOnePduGoesOutInSeveralAndIsReportedWhole)
@@ -147,7 +147,7 @@ TEST_F(AddScene, ARangeThatRunsOutInABatchRefusesTheFirstFilesWith40AndKeepsTheL
     for (size_t i = 0; i < 2; ++i)
     {
         QB_ByteStream stream(vecToAlice[i].vbData.data(), (int32_t)vecToAlice[i].vbData.size());
-        EXPECT_EQ(i == 0 ? ZV_ERR_NOT_ENTITLED : ZV_OK, stream.ReadU32()) << i;
+        EXPECT_EQ(i == 0 ? zvResultNotEntitled : zvResultOk, stream.ReadU32()) << i;
         stream.Skip(9);
         QB_Array<uint16_t> arrFileID;
         LoadU16Array(stream, arrFileID);

@@ -3,11 +3,11 @@
 // store, and the servers get back in step after cuts, restarts and deletes.
 #include "ZV_SceneFixture.h"
 
-#include "ZV_FileShareSession.h"
-#include "ZV_ControlPdu.h"
-#include "ZV_DownloadPdu.h"
-#include "ZV_ListPdu.h"
-#include "ZV_UploadPdu.h"
+#include "core/ZV_FileShareSession.h"
+#include "control/ZV_ControlPdu.h"
+#include "download/ZV_DownloadPdu.h"
+#include "lists/ZV_ListPdu.h"
+#include "upload/ZV_UploadPdu.h"
 
 #include <filesystem>
 #include <map>
@@ -74,7 +74,7 @@ TEST_F(CascadeScene, AFileSharedAtOneEndIsStoredOnEveryServerAndDownloadedAtTheO
         EXPECT_EQ(data, StoredBytes(n, usFileID)) << n;
         ZV_FileUploadInfo row;
         ASSERT_TRUE(Row(Server(n), usFileID, row)) << n;
-        EXPECT_EQ(ZV_FILESTATE_COMPLETE, row.m_BriefInfo.m_usFileState) << n;
+        EXPECT_EQ(zvFileStateComplete, row.m_BriefInfo.m_usFileState) << n;
     }
     // Each server passes the blocks on over its data link to the next, and
     // only the first hears from Alice.
@@ -136,7 +136,7 @@ TEST_F(CascadeScene, ARestartedServerKeepsItsStoreAndFetchesOnlyWhatItsDiskLacks
     ASSERT_TRUE(StepUntilDelivered(PDU_CONF_GET_FILE_LIST_RESPONSE, Server(3), sim.Journal().Find(lists).size() + 1));
     ZV_FileUploadInfo arriving;
     ASSERT_TRUE(Row(Server(3), usB, arriving));
-    EXPECT_EQ(ZV_FILESTATE_UPLOADING, arriving.m_BriefInfo.m_usFileState);
+    EXPECT_EQ(zvFileStateUploading, arriving.m_BriefInfo.m_usFileState);
     EXPECT_EQ(0u, arriving.m_ulFileWritePos);
     ASSERT_TRUE(sim.Run()) << sim.GetError();
     std::map<uint16_t, uint32_t> mapAskedFrom;
@@ -159,7 +159,7 @@ TEST_F(CascadeScene, ARestartedServerKeepsItsStoreAndFetchesOnlyWhatItsDiskLacks
     ZV_FileUploadInfo after;
     ASSERT_TRUE(Row(Server(3), usA, after));
     EXPECT_EQ(rowA.m_sFileNewName, after.m_sFileNewName);
-    EXPECT_EQ(ZV_FILESTATE_COMPLETE, after.m_BriefInfo.m_usFileState);
+    EXPECT_EQ(zvFileStateComplete, after.m_BriefInfo.m_usFileState);
 
     for (uint16_t usFileID : {usA, usB, usC})
         ASSERT_EQ(0u, Download(Erin(), usFileID)) << usFileID;
@@ -203,8 +203,8 @@ TEST_F(CascadeScene, AFileDeletedWhileALinkWasDownGoesFromTheFarSideWhenTheLinkC
     ZV_FsFileInfo info;
     for (ZV_SimHost* lpClient : {Carol(), Erin()})
     {
-        EXPECT_EQ(ZV_ERR_UNKNOWN_FILE, Fs(lpClient)->FsGetFileInfoByFileID(usFileID, &info)) << lpClient->GetName();
-        EXPECT_EQ(ZV_OK, Fs(lpClient)->FsGetFileInfoByFileID(usKept, &info)) << lpClient->GetName();
+        EXPECT_EQ(zvResultUnknownFile, Fs(lpClient)->FsGetFileInfoByFileID(usFileID, &info)) << lpClient->GetName();
+        EXPECT_EQ(zvResultOk, Fs(lpClient)->FsGetFileInfoByFileID(usKept, &info)) << lpClient->GetName();
     }
 }
 
@@ -309,7 +309,7 @@ TEST_F(CascadeScene, AStopMadeWhileTheMiddleServerWasAwayReachesItWhenTheLinkCom
     ASSERT_TRUE(sim.Run()) << sim.GetError();
     ZV_FileUploadInfo row;
     ASSERT_TRUE(Row(Server(2), usFileID, row));
-    ASSERT_NE(ZV_FILESTATE_STOPPED, row.m_BriefInfo.m_usFileState);
+    ASSERT_NE(zvFileStateStopped, row.m_BriefInfo.m_usFileState);
     const size_t nFrom = sim.Journal().Size();
 
     ASSERT_TRUE(sim.RestoreLink(Link(1, 2)));
@@ -317,7 +317,7 @@ TEST_F(CascadeScene, AStopMadeWhileTheMiddleServerWasAwayReachesItWhenTheLinkCom
     for (int n = 2; n <= 3; ++n)
     {
         ASSERT_TRUE(Row(Server(n), usFileID, row)) << n;
-        EXPECT_EQ(ZV_FILESTATE_STOPPED, row.m_BriefInfo.m_usFileState) << n;
+        EXPECT_EQ(zvFileStateStopped, row.m_BriefInfo.m_usFileState) << n;
     }
     ZV_SimFilter filter;
     filter.usNumber = PDU_CONF_FS_IS_STOP_UPLOAD_RESPONSE;

@@ -2,7 +2,7 @@
 // fetches, and the bytes on Bob's disk and the events of both say how it went.
 #include "ZV_SceneFixture.h"
 
-#include "ZV_ControlPdu.h"
+#include "control/ZV_ControlPdu.h"
 #include "ZV_PayloadCheck.h"
 
 struct ControlScene : public ZV_Scene
@@ -131,7 +131,7 @@ TEST_F(ControlScene, AnUploadThatCannotReadFailsEverywhereUntilItsCreatorResumes
         ASSERT_EQ(lpClient == Alice() ? 2u : 1u, vecError.size()) << lpClient->GetName();
         for (const auto& error : vecError)
         {
-            EXPECT_EQ(ZV_ERR_IO, ZV_ResultOf(error));
+            EXPECT_EQ(zvResultCannotAccess, ZV_ResultOf(error));
             EXPECT_EQ(usFileID, error.vbData.at(6) | error.vbData.at(7) << 8);
         }
     }

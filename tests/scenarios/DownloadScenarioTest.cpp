@@ -3,10 +3,10 @@
 // it went.
 #include "ZV_SceneFixture.h"
 
-#include "ZV_AddPdu.h"
-#include "ZV_FileDownloadInfo.h"
-#include "ZV_PduFrame.h"
-#include "ZV_RecordStream.h"
+#include "add/ZV_AddPdu.h"
+#include "records/ZV_FileDownloadInfo.h"
+#include "wire/ZV_PduFrame.h"
+#include "wire/ZV_RecordStream.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -149,7 +149,7 @@ TEST_F(DownloadScene, ABlockThatCannotBeReadOrWrittenEndsTheDownloadWith61)
         sim.GetEnv().ClearFaults();
         const auto vecState = Events(Bob(), zvFsEventDownloadState);
         ASSERT_FALSE(vecState.empty());
-        EXPECT_EQ(ZV_ERR_IO, ZV_ResultOf(vecState.back()));
+        EXPECT_EQ(zvResultCannotAccess, ZV_ResultOf(vecState.back()));
         EXPECT_EQ(usFileID, vecState.back().vbData.at(6) | vecState.back().vbData.at(7) << 8);
         ZV_SimFilter stop;
         stop.usNumber = PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST;
@@ -187,8 +187,8 @@ TEST_F(DownloadScene, ADownloadWhoseCreatorCannotBeOrderedToUploadSaysWhy)
     const uint16_t usAlice = Share("later.bin", ZV_RandomBytes(1000, 9), false);
     ASSERT_TRUE(sim.Run()) << sim.GetError();
     ASSERT_TRUE(sim.Cut(sim.GetClientLink(Alice()), zvConfClientTypeCommand));
-    for (const auto& [usFileID, ulResult] : {std::pair<uint16_t, uint32_t>{1500, ZV_ERR_NO_CREATOR_LINK},
-                                             std::pair<uint16_t, uint32_t>{usAlice, ZV_ERR_NO_CONN}})
+    for (const auto& [usFileID, ulResult] : {std::pair<uint16_t, uint32_t>{1500, zvResultNoCreatorLink},
+                                             std::pair<uint16_t, uint32_t>{usAlice, zvResultNoConnection}})
     {
         ASSERT_EQ(0u, Download(Bob(), usFileID));
         ASSERT_TRUE(sim.Run()) << sim.GetError();

@@ -2,7 +2,7 @@
 // dropped download ends on every server.
 #include "ZV_SceneFixture.h"
 
-#include "ZV_EntryPdu.h"
+#include "rights/ZV_EntryPdu.h"
 
 using EntryScene = ZV_Scene;
 

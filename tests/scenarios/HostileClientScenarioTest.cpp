@@ -6,13 +6,13 @@
 // other scenario tests'.
 #include "ZV_SceneFixture.h"
 
-#include "ZV_AddPdu.h"
-#include "ZV_DownloadPdu.h"
-#include "ZV_EntryPdu.h"
+#include "add/ZV_AddPdu.h"
+#include "download/ZV_DownloadPdu.h"
+#include "rights/ZV_EntryPdu.h"
 #include "ZV_PayloadCheck.h"
-#include "ZV_RightsPdu.h"
+#include "rights/ZV_RightsPdu.h"
 #include "ZV_ServerHeld.h"
-#include "ZV_UploadPdu.h"
+#include "upload/ZV_UploadPdu.h"
 
 namespace {
 

@@ -4,9 +4,9 @@
 // the file along.
 #include "ZV_SceneFixture.h"
 
-#include "ZV_FileShareSession.h"
-#include "ZV_ListPdu.h"
-#include "ZV_PduFrame.h"
+#include "core/ZV_FileShareSession.h"
+#include "lists/ZV_ListPdu.h"
+#include "wire/ZV_PduFrame.h"
 
 #include <filesystem>
 
@@ -257,7 +257,7 @@ TEST_F(JoinScene, AClientRestartedInTheMiddleOfADownloadResumesItWhereItsFileSta
     record.SetFilePath(QB_StringU8(QB_ToWindowsPath(tmp.Sub("downloads/Bob/"))));
     record.SetFileName(QB_StringU8("planted.bin"));
     record.SetFileLenth(40000);
-    record.SetState(ZV_DLSTATE_RUNNING);
+    record.SetState(zvDownloadStateRunning);
     forged.arrInfo.Add(record);
     forged.arrModify.Add(false);
     ZV_PduBuffer pdu;

@@ -3,8 +3,8 @@
 // character without a write past the field, whatever a server announced.
 #include "ZV_SceneFixture.h"
 
-#include "ZV_AddPdu.h"
-#include "ZV_PduFrame.h"
+#include "add/ZV_AddPdu.h"
+#include "wire/ZV_PduFrame.h"
 
 #include <cstring>
 #include <string>

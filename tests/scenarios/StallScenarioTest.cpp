@@ -2,7 +2,7 @@
 // stand still by the user's hand, go on or stop counting as busy.
 #include "ZV_SceneFixture.h"
 
-#include "ZV_FileShareSession.h"
+#include "core/ZV_FileShareSession.h"
 
 #include <filesystem>
 
@@ -61,7 +61,7 @@ TEST_F(StallScene, AnUploadStartedAgainOrResumedAfterItEndedEndsWithoutAnError)
     EXPECT_TRUE(Events(Alice(), zvFsEventTransferError).empty());
     ZV_FileUploadInfo row;
     ASSERT_TRUE(Row(shape.Server(), usFileID, row));
-    EXPECT_EQ(ZV_FILESTATE_COMPLETE, row.m_BriefInfo.m_usFileState);
+    EXPECT_EQ(zvFileStateComplete, row.m_BriefInfo.m_usFileState);
 }
 
 // Resuming a download that was never asked for, or one of a file the user

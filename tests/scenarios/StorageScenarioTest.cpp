@@ -57,5 +57,5 @@ TEST_F(StorageScene, StoresUnderThePathOfConfsrvIniOrBesideItWhenTheFileNamesNon
     std::filesystem::create_directory(sIni);
     lpServer->Stop(api);
     ASSERT_TRUE(lpServer->Start(api));
-    EXPECT_EQ(ZV_ERR_CONFIG, lpServer->GetInitializeResult());
+    EXPECT_EQ(zvResultNoConfig, lpServer->GetInitializeResult());
 }

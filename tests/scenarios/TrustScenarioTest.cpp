@@ -4,11 +4,11 @@
 #include "ZV_FileShareMgrPeer.h"
 #include "ZV_SceneFixture.h"
 
-#include "ZV_AddPdu.h"
-#include "ZV_FileDownloadInfo.h"
-#include "ZV_FileShareSession.h"
-#include "ZV_PduFrame.h"
-#include "ZV_RecordStream.h"
+#include "add/ZV_AddPdu.h"
+#include "records/ZV_FileDownloadInfo.h"
+#include "core/ZV_FileShareSession.h"
+#include "wire/ZV_PduFrame.h"
+#include "wire/ZV_RecordStream.h"
 
 #include <string>
 

@@ -48,7 +48,7 @@ TEST_F(UploadScene, AFailedCatalogueSaveRefusesTheAddOrIsMadeGoodOnTheTimer)
     sim.GetEnv().FailAt(QB_EnvOp::Sync, 1, true);
     Share("second.bin", data);
     sim.GetEnv().ClearFaults();
-    EXPECT_EQ(ZV_ERR_IO, ZV_ResultOf(Events(Alice(), zvFsEventFileAdded).back()));
+    EXPECT_EQ(zvResultCannotAccess, ZV_ResultOf(Events(Alice(), zvFsEventFileAdded).back()));
     EXPECT_EQ(1, ZV_FileShareMgrPeer::Sessions(*Manager(shape.Server())).GetCount());
     const std::string sStore = shape.Server()->GetHome() + "store/" + std::to_string(ZV_SimBuilder::kConfID);
     EXPECT_EQ(1, std::distance(std::filesystem::directory_iterator(sStore), {}));

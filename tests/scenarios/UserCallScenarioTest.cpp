@@ -3,7 +3,7 @@
 // file shared with a list of users.
 #include "ZV_SceneFixture.h"
 
-#include "ZV_RecordStream.h"
+#include "wire/ZV_RecordStream.h"
 
 #include <functional>
 
@@ -26,25 +26,25 @@ TEST_F(UserCallScene, EachCallSaysWhyItCannotGoAndSendsNothing)
         uint32_t ulUnlinked;  // with the command link down
     };
     const Call aCalls[] = {
-        {"FsAdd", [&](uint16_t) { return lpFs->FsAdd(sPath.c_str(), nullptr, 0, 1, 0); }, ZV_ERR_NO_CONN},
+        {"FsAdd", [&](uint16_t) { return lpFs->FsAdd(sPath.c_str(), nullptr, 0, 1, 0); }, zvResultNoConnection},
         {"FsFilesAdd", [&](uint16_t) { return lpFs->FsFilesAdd(sFolder.c_str(), apNames, 1, nullptr, 0, 1, 0); },
-         ZV_ERR_NO_CONN},
-        {"FsDownload", [&](uint16_t usID) { return lpFs->FsDownload(usID, sTarget.c_str()); }, ZV_ERR_NO_CONN},
-        {"FsStopDownload", [&](uint16_t usID) { return lpFs->FsStopDownload(usID); }, ZV_ERR_NO_CONN},
-        {"FsResumeDownload", [&](uint16_t usID) { return lpFs->FsResumeDownload(usID); }, ZV_ERR_NO_CONN},
-        {"FsStopUpload", [&](uint16_t usID) { return lpFs->FsStopUpload(usID); }, ZV_ERR_NO_CONN},
-        {"FsResumeUpload", [&](uint16_t usID) { return lpFs->FsResumeUpload(usID); }, ZV_ERR_NO_CONN},
+         zvResultNoConnection},
+        {"FsDownload", [&](uint16_t usID) { return lpFs->FsDownload(usID, sTarget.c_str()); }, zvResultNoConnection},
+        {"FsStopDownload", [&](uint16_t usID) { return lpFs->FsStopDownload(usID); }, zvResultNoConnection},
+        {"FsResumeDownload", [&](uint16_t usID) { return lpFs->FsResumeDownload(usID); }, zvResultNoConnection},
+        {"FsStopUpload", [&](uint16_t usID) { return lpFs->FsStopUpload(usID); }, zvResultNoConnection},
+        {"FsResumeUpload", [&](uint16_t usID) { return lpFs->FsResumeUpload(usID); }, zvResultNoConnection},
         // The start marker waits for the link; the call itself succeeds.
-        {"FsUpload", [&](uint16_t usID) { return lpFs->FsUpload(usID); }, ZV_OK},
+        {"FsUpload", [&](uint16_t usID) { return lpFs->FsUpload(usID); }, zvResultOk},
         {"FsSetRight", [&](uint16_t usID) { return lpFs->FsSetRight(usID, 1, nullptr, 0, nullptr, 0); },
-         ZV_ERR_NO_CONN},
+         zvResultNoConnection},
         {"FsSetFilesRight",
-         [&](uint16_t usID) { return lpFs->FsSetFilesRight(&usID, 1, 1, nullptr, 0, nullptr, 0); }, ZV_ERR_NO_CONN},
-        {"FsDelDownload", [&](uint16_t usID) { return lpFs->FsDelDownload(usID, 0); }, ZV_ERR_NO_CONN},
-        {"FsDelUpload", [&](uint16_t usID) { return lpFs->FsDelUpload(usID); }, ZV_ERR_NO_CONN},
+         [&](uint16_t usID) { return lpFs->FsSetFilesRight(&usID, 1, 1, nullptr, 0, nullptr, 0); }, zvResultNoConnection},
+        {"FsDelDownload", [&](uint16_t usID) { return lpFs->FsDelDownload(usID, 0); }, zvResultNoConnection},
+        {"FsDelUpload", [&](uint16_t usID) { return lpFs->FsDelUpload(usID); }, zvResultNoConnection},
         // What the client holds of a file needs no link.
         {"FsGetFileInfoByFileID", [&](uint16_t usID) { ZV_FsFileInfo info{}; return lpFs->FsGetFileInfoByFileID(usID, &info); },
-         ZV_OK},
+         zvResultOk},
     };
     ZV_SimFilter fromAlice;
     fromAlice.eKind = ZV_SimEntryKind::Pdu;
@@ -57,7 +57,7 @@ TEST_F(UserCallScene, EachCallSaysWhyItCannotGoAndSendsNothing)
         const std::string sName = call.szName;
         if (sName.find("Add") == std::string::npos)
         {
-            EXPECT_EQ(sName == "FsDelDownload" ? ZV_OK : ZV_ERR_UNKNOWN_FILE, call.fn(0x4321)) << sName;
+            EXPECT_EQ(sName == "FsDelDownload" ? zvResultOk : zvResultUnknownFile, call.fn(0x4321)) << sName;
         }
     }
     EXPECT_TRUE(sim.Journal().Find(fromAlice).empty());
@@ -103,7 +103,7 @@ TEST_F(UserCallScene, FilesSharedWithAListAreShownToTheUsersOnItAlone)
     ASSERT_TRUE(sim.Run()) << sim.GetError();
     const auto vecAnswer = Events(lpCarol, zvFsEventDownloadState);
     ASSERT_EQ(1u, vecAnswer.size());
-    EXPECT_EQ(ZV_ERR_NOT_ENTITLED, ZV_ResultOf(vecAnswer[0]));
+    EXPECT_EQ(zvResultNotEntitled, ZV_ResultOf(vecAnswer[0]));
     const auto vecAsked = sim.Journal().PdusTo(PDU_CONF_FS_DOWNLOAD_REQUEST, shape.Server()->GetName());
     ASSERT_EQ(1u, vecAsked.size());
     EXPECT_EQ(0u, vecAsked[0].ulResult);

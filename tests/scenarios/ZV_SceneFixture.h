@@ -7,10 +7,10 @@
 #include "ZV_SimBuilder.h"
 #include "ZV_SimConference.h"
 
-#include "ZV_FileShareMgr.h"
+#include "core/ZV_FileShareMgr.h"
 #include "ZV_FileShareMgrPeer.h"
 #include "ZV_FilesAddedEvent.h"
-#include "ZV_FileUploadInfo.h"
+#include "records/ZV_FileUploadInfo.h"
 
 #include "QB_ByteStream.h"
 #include "QB_TestSupport.h"

@@ -2,8 +2,8 @@
 // that state moves this file, not the tests.
 #pragma once
 
-#include "ZV_FileShareMgr.h"
-#include "ZV_FileShareSession.h"
+#include "core/ZV_FileShareMgr.h"
+#include "core/ZV_FileShareSession.h"
 
 #include <memory>
 
@@ -72,7 +72,7 @@ public:
     {
         auto lpOwned = std::make_unique<ZV_FileShareSession>(&mgr, szStorePath);
         ZV_FileShareSession& session = *lpOwned;
-        mgr.TakeSession(usFileID);
+        mgr.DetachSession(usFileID);
         mgr.m_mapSession.SetAt(usFileID, lpOwned.release());
         return session;
     }

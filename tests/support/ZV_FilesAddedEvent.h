@@ -3,8 +3,8 @@
 // the three lists agree in length and that nothing follows them.
 #pragma once
 
-#include "ZV_FileBriefInfo.h"
-#include "ZV_RecordStream.h"
+#include "records/ZV_FileBriefInfo.h"
+#include "wire/ZV_RecordStream.h"
 
 #include <gtest/gtest.h>
 

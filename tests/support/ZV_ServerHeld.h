@@ -5,7 +5,7 @@
 
 #include "ZV_FileShareMgrPeer.h"
 #include "ZV_FileShareSessionPeer.h"
-#include "ZV_RecordStream.h"
+#include "wire/ZV_RecordStream.h"
 
 #include "QB_TestSupport.h"
 

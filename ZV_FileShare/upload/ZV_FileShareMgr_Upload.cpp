@@ -1,0 +1,54 @@
+// The manager's part in the upload road: the user side's start of an
+// upload, and the file state notice that the manager dispatches itself.
+#include "core/ZV_FileShareMgr.h"
+#include "core/ZV_FileShareSession.h"
+#include "control/ZV_ControlPdu.h"
+
+#include "QB_Log.h"
+
+#include <cassert>
+
+// Without a data link the start marker still goes: the server then knows
+// the upload is coming before the link is up. A caught exception gives 0.
+// The call is a client's; on a server, whose host has no link to a server
+// of its own, it sends nothing, so it needs no assertion to be safe.
+uint32_t ZV_FileShareMgr::FsUpload(uint16_t usFileID)
+{
+    assert(m_lpConf && "m_lpConf");
+    return GuardFs("ZV_FileShareMgr::FsUpload exception.\r\n", [&]() -> uint32_t {
+        ZV_FileShareSession* lpFsSession = nullptr;
+        const uint32_t ulFound = LookupSession(usFileID, lpFsSession);
+        if (ulFound == zvResultUnknownFile)
+            QB_WriteClientLog("ZV_FileShareMgr.FsUpload ret = %d\r\n", (int)ulFound);
+        if (ulFound != zvResultOk)
+            return ulFound;
+        MarkBusy(true, usFileID);
+        lpFsSession->StartLocalUpload();
+        const uint32_t ulDataConn = GetLinkConn(zvConfClientTypeData);
+        if (ulDataConn != zvConnNone)
+            ZV_SendKick(m_lpConf, ulDataConn);
+        lpFsSession->NotifyUploadProgress(usFileID, 0.0);
+        lpFsSession->SendUploadRequest(GetLinkConn(zvConfClientTypeCommand), usFileID, LocalUser(), 0, 1, 0, nullptr,
+                                       0);
+        return zvResultOk;
+    }, zvResultOk);
+}
+
+uint32_t ZV_FileShareMgr::HandleFileStateNotice(ConfPduData* lpCpd)
+{
+    ZV_PayloadReader stream(lpCpd);
+    ZV_FileStateNotice notice;
+    notice.Load(stream);
+    for (int i = 0; i < notice.arrFileID.GetSize(); ++i)
+    {
+        NotifyTransferState(notice.bUpload, notice.arrFileID[i], notice.usState);
+        // The server holds the whole file: the creator's upload is over. An
+        // empty file's upload reports no progress, which would end it.
+        ZV_FileShareSession* lpFsSession = nullptr;
+        if (notice.bUpload && notice.usState == zvFileStateComplete && m_lpConf->IsClientMode() &&
+            m_mapSession.Lookup(notice.arrFileID[i], lpFsSession) && lpFsSession != nullptr &&
+            lpFsSession->IsLocalCreator())
+            MarkBusy(false, notice.arrFileID[i]);
+    }
+    return 0;
+}

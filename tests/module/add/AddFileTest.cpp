@@ -1,0 +1,430 @@
+// Adding a file on one manager with a recording host: the exact bytes of
+// 8001 and 8002, the stored names, and where hostile names land.
+#include "ZV_RecordingNode.h"
+
+#include "add/ZV_AddPdu.h"
+#include "download/ZV_DownloadPdu.h"
+#include "core/ZV_FileShareMgr.h"
+#include "ZV_FileShareMgrPeer.h"
+#include "ZV_FileShareSessionPeer.h"
+#include "core/ZV_FileShareSession.h"
+#include "ZV_PayloadCheck.h"
+
+#include "QB_Env.h"
+#include "QB_FaultEnv.h"
+#include "QB_TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <stdexcept>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+Bytes Head(const Bytes& data, size_t n)
+{
+    return Bytes(data.begin(), data.begin() + (long)std::min(n, data.size()));
+}
+
+using Node = ZV_RecordingNode;
+
+Bytes AddRequest(uint16_t usFileID, const QB_StringU8& sName, uint32_t ulFloodSeq = 0)
+{
+    ZV_AddRequest ask;
+    ask.usFileID = usFileID;
+    ask.user = QB_UserID(10001, 0);
+    ask.ulFloodSeq = ulFloodSeq;
+    ask.brief.SetCreatorID(ask.user);
+    ask.brief.SetFileOldName(sName);
+    ask.brief.SetPublic(true);
+    Bytes data(70000);
+    QB_ByteStream stream(data.data(), (int32_t)data.size(), false);
+    ask.Save(stream);
+    data.resize((size_t)stream.GetPos());
+    return data;
+}
+
+// 8055 from the node's own user, one description named sName per FileID.
+Bytes BatchRequest(const Node& node, const std::vector<uint16_t>& vecFileID)
+{
+    ZV_AddFilesRequest ask;
+    ask.user = node.host.m_LocalUser;
+    for (uint16_t usFileID : vecFileID)
+    {
+        ZV_FileBriefInfo brief;
+        brief.SetCreatorID(ask.user);
+        brief.SetFileOldName(QB_StringU8((std::to_string(usFileID) + ".txt").c_str()));
+        ask.arrFileID.Add(usFileID);
+        ask.arrInfo.Add(brief);
+    }
+    return ZV_SavePayload(ask);
+}
+
+ZV_AddResponse ParseResponse(const Bytes& data)
+{
+    QB_ByteStream stream(data.data(), (int32_t)data.size());
+    ZV_AddResponse answer;
+    answer.Load(stream);
+    return answer;
+}
+
+} // namespace
+
+TEST(AddFile, ClientSendsItsRequestWithTheFileInWindowsForm)
+{
+    Node node(false);
+    const std::string sPath = node.tmp.Sub("report.doc");
+    QB_WriteWholeFile(sPath, "12345");
+    const std::u16string sWide(sPath.begin(), sPath.end());
+    QB_DateTimeEx dtBefore, dtAfter;
+    dtBefore.SetToNow();
+    ASSERT_EQ(0u, node.mgr.FsAdd(sWide.c_str(), nullptr, 0, 1, 1));
+    dtAfter.SetToNow();
+
+    ASSERT_EQ(1u, node.host.m_vecSent.size());
+    const ZV_SentPdu& sent = node.host.m_vecSent[0];
+    EXPECT_EQ("link", sent.sRoute);
+    EXPECT_EQ(11u, sent.ulConn);
+    EXPECT_EQ(PDU_CONF_FS_ADD_REQUEST, sent.usPdu);
+    EXPECT_EQ((Bytes{0xff, 0xff, 0x11, 0x27, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}), Head(sent.data, 14));
+    EXPECT_EQ(1, sent.data.back());
+    QB_ByteStream stream(sent.data.data(), (int32_t)sent.data.size());
+    ZV_AddRequest ask;
+    ask.LoadHead(stream);
+    ask.LoadBody(stream);
+    EXPECT_EQ(QB_StringU8(node.tmp.PathW()), ask.brief.m_sFilePath);
+    EXPECT_EQ(QB_StringU8("report.doc"), ask.brief.m_sFileOldName);
+    EXPECT_EQ(QB_StringU8("doc"), ask.brief.m_sFileType);
+    EXPECT_EQ(5u, ask.brief.m_ulFileLenth);
+    EXPECT_EQ(0u, ask.brief.m_ullMask & ZV_BRIEF_RIGHT) << "a public file carries no rights";
+    EXPECT_TRUE(ask.brief.IsSameLocalFile());
+    const QB_StringA sShared = ask.brief.m_dtShareTime.ToText(2);
+    EXPECT_TRUE(sShared == dtBefore.ToText(2) || sShared == dtAfter.ToText(2)) << "shared now: " << sShared.GetString();
+}
+
+TEST(AddFile, ServerAnswersAllClientsAndFloodsTheFinalFileIDAndFloodNumber)
+{
+    Node node(true);
+    node.host.m_bHasServerLinks = true;
+    ASSERT_EQ(0u, node.mgr.Initialize());
+    ASSERT_EQ(0u, node.Deliver(PDU_CONF_FS_ADD_REQUEST, zvConfClientTypeCommand, AddRequest(0xFFFF, "a.txt")));
+
+    const auto vecFlood = node.host.SentOf(PDU_CONF_FS_ADD_REQUEST);
+    ASSERT_EQ(1u, vecFlood.size());
+    EXPECT_EQ("servers", vecFlood[0].sRoute);
+    EXPECT_EQ((Bytes{0x07, 0, 0x01, 0, 0x11, 0x27, 0, 0, 0, 0, 0, 0, 0x64, 0, 0, 0}), Head(vecFlood[0].data, 16));
+    const auto vecAnswer = node.host.SentOf(PDU_CONF_FS_ADD_RESPONSE);
+    ASSERT_EQ(1u, vecAnswer.size());
+    EXPECT_EQ("group", vecAnswer[0].sRoute);
+    EXPECT_EQ((Bytes{0x01, 0, 0, 0, 0, 0, 0x01, 0, 0x11, 0x27, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}),
+              Head(vecAnswer[0].data, 20));
+    EXPECT_TRUE(fs::exists(node.tmp.Sub("store/7/a.txt")));
+}
+
+TEST(AddFile, KeepsEveryHostileNameInsideTheConferenceFolder)
+{
+    Node node(true);
+    ASSERT_EQ(0u, node.mgr.Initialize());
+    const QB_StringU8 aNames[] = {"..\\..\\evil.txt", "../../evil.txt", "C:\\evil.txt", "", "..", ".", " ",
+                                  "a/b\\c:d", QB_StringU8(std::string(1024, 'x').c_str()),
+                                  QB_StringU8((std::string(1000, 'y') + "/../z.doc").c_str())};
+    uint16_t usFileID = 1;
+    for (const QB_StringU8& sName : aNames)
+        ASSERT_EQ(0u, node.Deliver(PDU_CONF_FS_ADD_REQUEST, zvConfServerTypeCommand, AddRequest(usFileID++, sName)));
+
+    size_t nStored = 0;
+    for (const auto& entry : fs::recursive_directory_iterator(node.tmp.Path()))
+    {
+        const std::string sRel = fs::relative(entry.path(), node.tmp.Path()).string();
+        if (entry.is_directory() || sRel == "confsrv.ini" || sRel.rfind("fsinfo.ini", 0) == 0 ||
+            sRel.rfind("log/", 0) == 0)
+            continue;
+        EXPECT_EQ(node.tmp.Sub("store/7"), entry.path().parent_path().string()) << sRel;
+        ++nStored;
+    }
+    EXPECT_EQ(std::size(aNames), nStored);
+    // The shared name travels on as the user gave it.
+    const auto vecAnswer = node.host.SentOf(PDU_CONF_FS_ADD_RESPONSE);
+    ASSERT_EQ(std::size(aNames), vecAnswer.size());
+    EXPECT_EQ(aNames[0], ParseResponse(vecAnswer[0].data).brief.m_sFileOldName);
+    // Every stored name is one the catalogue will delete at the end.
+    EXPECT_EQ(0u, node.mgr.CleanData());
+    EXPECT_TRUE(fs::is_empty(node.tmp.Sub("store/7")));
+}
+
+// A long shared name is cut at a whole character to 245 bytes as the
+// library writes UTF-8 (a surrogate pair as two halves of 3) and to the
+// units the folder leaves; an extension of up to 16 units, dot included,
+// stays behind the cut.
+TEST(AddFile, CutsALongStoredNameAtAWholeCharacterKeepingAShortExtension)
+{
+    const QB_StringW sFolder(u"C:\\s\\");
+    std::u16string sPairs;
+    for (int i = 0; i < 50; ++i)
+        sPairs += u"\xD800\xDC00";
+    const std::u16string sExt = u".eeeeeeeeeeeeeee";
+    const struct
+    {
+        std::u16string sName;
+        std::u16string sStored;
+    } aCases[] = {
+        {std::u16string(300, u'a') + sExt, std::u16string(228, u'a') + sExt},
+        {std::u16string(300, u'a') + u".ffffffffffffffff", std::u16string(244, u'a')},
+        {sPairs, sPairs.substr(0, 80)},
+    };
+    for (const auto& c : aCases)
+    {
+        const QB_StringW sName(c.sName.data(), (int)c.sName.size());
+        const QB_StringW sStored = ZV_FileShareSessionPeer::MakeStoredFileName(sFolder, sName);
+        EXPECT_EQ(c.sStored, std::u16string(sStored.GetString(), (size_t)sStored.GetLength())) << c.sName.size();
+    }
+}
+
+namespace {
+
+// The name of the one file a request carries, or "" without a request.
+QB_StringW SharedName(const ZV_RecordingHost& host)
+{
+    for (const ZV_SentPdu& sent : host.m_vecSent)
+    {
+        QB_ByteStream stream(sent.data.data(), (int32_t)sent.data.size());
+        if (sent.usPdu == PDU_CONF_FS_ADD_REQUEST)
+        {
+            ZV_AddRequest ask;
+            ask.LoadHead(stream);
+            ask.LoadBody(stream);
+            return QB_StringW(ask.brief.m_sFileOldName);
+        }
+        if (sent.usPdu == PDU_CONF_FS_ADD_FILES_REQUEST)
+        {
+            ZV_AddFilesRequest ask;
+            ask.LoadHead(stream);
+            ask.LoadBody(stream);
+            return ask.arrInfo.GetSize() == 1 ? QB_StringW(ask.arrInfo[0].m_sFileOldName) : QB_StringW(u"?");
+        }
+    }
+    return QB_StringW();
+}
+
+// A name of "x"s ending in ".txt" that makes folder, backslash and name
+// nLength characters long.
+std::u16string PaddedName(const std::u16string& sFolder, size_t nLength)
+{
+    return std::u16string(nLength - sFolder.size() - 1 - 4, u'x') + u".txt";
+}
+
+} // namespace
+
+// A share must keep its name on every node and in the catalogue, and its
+// creator must find the file again by folder and name to upload it: what
+// cannot is refused with 60 before anything goes out.
+TEST(AddFile, RefusesBeforeSendingAPathTheRecordsOrTheCatalogueCannotHold)
+{
+    Node node(false);
+    const QB_StringW sTmpW = node.tmp.PathW();
+    const std::u16string sTmp(sTmpW.View().substr(0, (size_t)sTmpW.GetLength() - 1));
+    const std::u16string sWideFolder = sTmp + u"\\\u4E2D";
+    const struct
+    {
+        const char* szRow;
+        bool bBatch;
+        std::u16string sFolder;
+        std::u16string sName;
+        uint32_t ulResult;
+    } aRows[] = {
+        {"a full path of 259 characters", false, sTmp, PaddedName(sTmp, 259), 0},
+        {"a full path of 260 characters", false, sTmp, PaddedName(sTmp, 260), zvResultCannotOpen},
+        {"a full path of 261 characters", false, sTmp, PaddedName(sTmp, 261), zvResultCannotOpen},
+        {"a batch's path of 259 characters", true, sTmp, PaddedName(sTmp, 259), 0},
+        {"a batch's path of 260 characters", true, sTmp, PaddedName(sTmp, 260), zvResultCannotOpen},
+        {"Windows-1252 letters beyond ASCII", false, sTmp, u"caf\u00E9 \u20AC.txt", 0},
+        {"a character outside the BMP", false, sTmp, u"smile\U0001F600.txt", zvResultCannotOpen},
+        {"a batch name outside the BMP", true, sTmp, u"smile\U0001F600.txt", zvResultCannotOpen},
+        {"a lone surrogate, whose file is found as U+FFFD", false, sTmp, u"lone\xD800.txt", zvResultCannotOpen},
+        {"a name outside Windows-1252", false, sTmp, u"\u4E2D.txt", zvResultCannotOpen},
+        {"a folder outside Windows-1252", false, sWideFolder, u"a.txt", zvResultCannotOpen},
+        {"a batch's folder outside Windows-1252", true, sWideFolder, u"a.txt", 0},
+        {"a folder and no name", false, sTmp, u"", zvResultCannotOpen},
+        {"a batch name with a backslash", true, sTmp, u"sub\\b.txt", zvResultCannotOpen},
+        {"a batch name with a slash", true, sTmp, u"sub/b.txt", zvResultCannotOpen},
+        {"a batch name that starts with a backslash", true, sTmp, u"\\c.txt", zvResultCannotOpen},
+        {"a batch name that starts with a slash", true, sTmp, u"/d.txt", zvResultCannotOpen},
+        {"an empty batch name", true, sTmp, u"", zvResultCannotOpen},
+    };
+    for (const auto& row : aRows)
+    {
+        const std::u16string sPath = row.sFolder + u"\\" + row.sName;
+        const fs::path onDisk = QB_PathToSystem(sPath);
+        fs::create_directories(onDisk.parent_path());
+        if (!row.sName.empty())
+            QB_WriteWholeFile(onDisk.string(), "abc");
+        node.host.m_vecSent.clear();
+        const char16_t* pszName = row.sName.c_str();
+        const uint32_t ulResult = row.bBatch ? node.mgr.FsFilesAdd(row.sFolder.c_str(), &pszName, 1, nullptr, 0, 1, 0)
+                                             : node.mgr.FsAdd(sPath.c_str(), nullptr, 0, 1, 0);
+        EXPECT_EQ(row.ulResult, ulResult) << row.szRow;
+        EXPECT_EQ(row.ulResult == 0 ? 1u : 0u, node.host.m_vecSent.size()) << row.szRow;
+        EXPECT_EQ(row.ulResult == 0 ? QB_StringW(row.sName.c_str()) : QB_StringW(), SharedName(node.host))
+            << row.szRow;
+    }
+}
+
+// A shared file that went from the disk before its server's answer came
+// cannot be uploaded: the answer is refused with 60, said in the client log
+// and handed back to the host, and nothing goes out.
+TEST(AddFile, ClientRefusesTheAnswerForItsOwnFileOnceTheFileWentFromTheDisk)
+{
+    Node node(false);
+    fs::create_directories(node.tmp.Sub("log"));
+    const std::string sPath = node.tmp.Sub("report.doc");
+    QB_WriteWholeFile(sPath, "12345");
+    const std::u16string sWide(sPath.begin(), sPath.end());
+    ASSERT_EQ(0u, node.mgr.FsAdd(sWide.c_str(), nullptr, 0, 1, 1));
+    QB_ByteStream stream(node.host.m_vecSent[0].data.data(), (int32_t)node.host.m_vecSent[0].data.size());
+    ZV_AddRequest ask;
+    ask.Load(stream);
+    fs::remove(sPath);
+    node.host.m_vecSent.clear();
+
+    ZV_AddResponse answer;
+    answer.usRouteID = answer.usFileID = 3;
+    answer.user = ask.user;
+    answer.brief = ask.brief;
+    answer.bStartUpload = 1;
+    Bytes data(4096);
+    QB_ByteStream out(data.data(), (int32_t)data.size(), false);
+    answer.Save(out);
+    data.resize((size_t)out.GetPos());
+    EXPECT_EQ(60u, node.Deliver(PDU_CONF_FS_ADD_RESPONSE, zvConfClientTypeCommand, data));
+    const std::vector<uint8_t> vbLog = QB_ReadWholeFile(node.tmp.Sub("log/log_error_client.txt"));
+    const std::string sLog(vbLog.begin(), vbLog.end());
+    EXPECT_NE(std::string::npos, sLog.find("ZV_FileShareMgr.HandleAddResponse ret = 60")) << sLog;
+    EXPECT_TRUE(node.host.m_vecSent.empty());
+}
+
+// A batch answer is cut before the description that would bring its count
+// to the buffer's size: the count starts at the head of 13 bytes plus 33,
+// and a description counts its bound plus 6. With the creator and names of
+// 7 bytes, 64 folders of 980 bytes count 1014 each, 64942 with the start. A
+// 65th description of 528 brings it to 65470 and stays; one of 529 would
+// reach 65471 and goes in the second piece.
+TEST(AddFile, ABatchAnswerIsCutBeforeTheDescriptionThatWouldFillTheBuffer)
+{
+    using Pieces = std::vector<std::pair<int, int>>;
+    const std::pair<size_t, Pieces> aCases[] = {{494, {{65, 0}, {1, 1}}}, {495, {{64, 0}, {2, 1}}}};
+    for (const auto& [nFolder, expected] : aCases)
+    {
+        Node node(true);
+        ASSERT_EQ(0u, node.mgr.Initialize());
+        ZV_AddFilesRequest ask;
+        ask.user = node.host.m_LocalUser;
+        std::vector<size_t> vecFolder(64, 980);
+        vecFolder.push_back(nFolder);
+        vecFolder.push_back(1);
+        for (size_t i = 0; i < vecFolder.size(); ++i)
+        {
+            ZV_FileBriefInfo brief;
+            brief.SetCreatorID(ask.user);
+            brief.SetFilePath(QB_StringU8(std::string(vecFolder[i], 'p').c_str()));
+            brief.SetFileOldName(QB_StringU8((std::to_string(100 + i) + ".txt").c_str()));
+            ask.arrFileID.Add(ZV_NO_FILEID);
+            ask.arrInfo.Add(brief);
+        }
+        node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, zvConfClientTypeCommand, ZV_SavePayload(ask));
+
+        Pieces vecPiece;
+        for (const ZV_SentPdu& sent : node.host.SentOf(PDU_CONF_FS_ADD_FILES_RESPONSE))
+        {
+            QB_ByteStream stream(sent.data.data(), (int32_t)sent.data.size());
+            ZV_AddFilesResponse part;
+            part.Load(stream);
+            EXPECT_EQ(0u, part.ulResult);
+            vecPiece.push_back({part.arrInfo.GetSize(), part.bLast});
+        }
+        EXPECT_EQ(expected, vecPiece) << nFolder;
+    }
+}
+
+// A batch whose conference folder cannot be made stores nothing: a client's
+// batch is refused with 60 to the asker, a linked server's with 60 to every
+// client, carrying the FileIDs that server gave; neither goes further.
+TEST(AddFile, ABatchWhoseFolderCannotBeMadeIsRefusedWith60AndGoesNoFurther)
+{
+    Node node(true);
+    ASSERT_EQ(0u, node.mgr.Initialize());
+    node.host.m_bHasServerLinks = true;
+    QB_FaultEnv env;
+    QB_ScopedEnv scoped{&env};
+    env.FailAt(QB_EnvOp::MakeFolder, 1, true);
+    struct { uint16_t usConnType; uint16_t usFileID; const char* szRoute; } aCases[] = {
+        {zvConfClientTypeCommand, ZV_NO_FILEID, "link"}, {zvConfServerTypeCommand, 7, "group"}};
+    for (const auto& c : aCases)
+    {
+        node.host.m_vecSent.clear();
+        node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, c.usConnType, BatchRequest(node, {c.usFileID}));
+
+        ASSERT_EQ(1u, node.host.m_vecSent.size()) << c.szRoute;
+        const ZV_SentPdu& sent = node.host.m_vecSent[0];
+        EXPECT_EQ(PDU_CONF_FS_ADD_FILES_RESPONSE, sent.usPdu);
+        EXPECT_EQ(c.szRoute, sent.sRoute);
+        QB_ByteStream stream(sent.data.data(), (int32_t)sent.data.size());
+        ZV_AddFilesResponse answer;
+        answer.Load(stream);
+        EXPECT_EQ(zvResultCannotOpen, answer.ulResult);
+        ASSERT_EQ(1, answer.arrFileID.GetSize());
+        EXPECT_EQ(c.usFileID, answer.arrFileID[0]);
+        EXPECT_EQ(0, ZV_FileShareMgrPeer::Sessions(node.mgr).GetCount());
+    }
+}
+
+// A linked server's batch: each file fetched from that link at once as a
+// server's own download from 0, one 8056 to every client with a position
+// of 0 for each. A host that throws at the first fetch takes back that
+// file only; a file the server held before under the next FileID stays.
+TEST(AddFile, ALinkedServersBatchIsFetchedFileByFileAndAThrowTakesBackOnlyWhatItMade)
+{
+    Node node(true);
+    ASSERT_EQ(0u, node.mgr.Initialize());
+    node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, zvConfServerTypeCommand, BatchRequest(node, {7, 8}));
+
+    const auto vecFetch = node.host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST);
+    ASSERT_EQ(2u, vecFetch.size());
+    for (size_t i = 0; i < vecFetch.size(); ++i)
+    {
+        EXPECT_EQ("link", vecFetch[i].sRoute);
+        EXPECT_EQ(5u, vecFetch[i].ulConn);
+        QB_ByteStream stream(vecFetch[i].data.data(), (int32_t)vecFetch[i].data.size());
+        ZV_DownloadAsk ask;
+        ask.Load(stream);
+        EXPECT_EQ(7 + i, ask.usFileID);
+        EXPECT_EQ(0u, ask.ulPos);
+        EXPECT_EQ(1, ask.bFromServer);
+        EXPECT_EQ(0, ask.bFlooded);
+    }
+    const auto vecTold = node.host.SentOf(PDU_CONF_FS_ADD_FILES_RESPONSE);
+    ASSERT_EQ(1u, vecTold.size());
+    EXPECT_EQ("group", vecTold[0].sRoute);
+    QB_ByteStream stream(vecTold[0].data.data(), (int32_t)vecTold[0].data.size());
+    ZV_AddFilesResponse told;
+    told.Load(stream);
+    EXPECT_EQ(2, told.arrFileID.GetSize());
+    ASSERT_EQ(2, told.arrPos.GetSize());
+    EXPECT_EQ(0u, told.arrPos[0] + told.arrPos[1]);
+    EXPECT_EQ(1, told.bLast);
+
+    ZV_FileShareSession* lpBefore = nullptr;
+    ZV_FileShareMgrPeer::Sessions(node.mgr).Lookup(8, lpBefore);
+    node.host.m_fnOnSend = [](uint16_t usPdu) {
+        if (usPdu == PDU_CONF_FS_DOWNLOAD_REQUEST)
+            throw std::runtime_error("host gone");
+    };
+    node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, zvConfServerTypeCommand, BatchRequest(node, {9, 8}));
+    ZV_FileShareSession* lpAfter = nullptr;
+    EXPECT_FALSE(ZV_FileShareMgrPeer::Sessions(node.mgr).Lookup(9, lpAfter));
+    ASSERT_TRUE(ZV_FileShareMgrPeer::Sessions(node.mgr).Lookup(8, lpAfter));
+    EXPECT_EQ(lpBefore, lpAfter);
+}

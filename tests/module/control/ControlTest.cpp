@@ -1,0 +1,404 @@
+// Stop, resume, rights, the relay's progress and upload errors on one manager,
+// against a recording host and a clock the test moves.
+#include "ZV_FileShareSessionPeer.h"
+#include "download/ZV_DownloadPdu.h"
+#include "rights/ZV_EntryPdu.h"
+#include "rights/ZV_RightsPdu.h"
+#include "core/ZV_FileShareMgr.h"
+#include "ZV_FileShareMgrPeer.h"
+#include "core/ZV_FileShareSession.h"
+#include "ZV_RecordingHost.h"
+
+#include "QB_FaultEnv.h"
+#include "ZV_PayloadCheck.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+const QB_UserID kAlice(10001, 0);  // the creator
+const QB_UserID kBob(10002, 0);    // a downloader: commands on 100020, data on 100024
+const QB_UserID kSelf(1, 0);       // this server
+
+using Pdu = ZV_Pdu;
+
+struct LinkedHost : public ZV_RecordingHost
+{
+    uint32_t GetUserConn(const QB_UserID* lpUser, uint16_t usType) override { return lpUser->m_ulMain * 10 + usType; }
+};
+
+struct ControlFixture : public ::testing::Test
+{
+    QB_FaultEnv env;
+    QB_ScopedEnv scoped{&env};
+    LinkedHost host;
+    ZV_FileShareMgr mgr;
+    ZV_FileShareSession* lpSession = nullptr;
+
+    // Alice's "song.ogg" of 1,000,000 bytes as FileID 5, stored as the role says.
+    void Make(bool bServer)
+    {
+        host.Attach(&mgr);
+        host.m_bServer = bServer;
+        host.m_bHasServerLinks = bServer;
+        env.SetTick(50000);
+        lpSession = &ZV_FileShareMgrPeer::Adopt(mgr, 5, "C:\\Store\\");
+        ZV_FileShareSessionPeer::FileID(*lpSession) = 5;
+        ZV_FileBriefInfo brief;
+        brief.SetCreatorID(kAlice);
+        brief.SetFileLenth(1000000);
+        brief.SetPublic(true);
+        brief.SetFileState(zvFileStateUploading);
+        ZV_FileShareSessionPeer::BriefInfo(*lpSession) = brief;
+        ZV_FileShareSessionPeer::FileInfo(*lpSession).SetBriefInfo(brief);
+        ZV_FileShareSessionPeer::FileInfo(*lpSession).SetFileNewName(QB_StringU8("song.ogg"));
+    }
+    void Deliver(uint16_t usPdu, const Pdu& pdu, uint16_t usType = zvConfClientTypeCommand, uint32_t ulConn = 100020,
+                 const QB_UserID& peer = kBob)
+    {
+        ConfPduData cpd{peer.m_ulMain, peer.m_ulSub, ulConn, 0, usType, usPdu, 0, 0, 0, (uint32_t)pdu.b.size(),
+                        pdu.b.data()};
+        EXPECT_EQ(0u, mgr.HandlePdu(&cpd));
+    }
+    void Clear() { host.m_vecSent.clear(); host.m_vecEvents.clear(); }
+};
+
+using Control = ControlFixture;
+
+
+
+} // namespace
+
+TEST_F(Control, ServerStopsAndResumesADownloadEntryOnceAndLeavesAFinishedOneAlone)
+{
+    Make(true);
+    struct { const char* szName; QB_UserID user; uint8_t bStop; uint16_t usFrom, usTo; size_t nKicks; } aCases[] = {
+        {"stop", kBob, 1, zvDownloadStateRunning, zvDownloadStateStopped, 0},
+        {"resume", kBob, 0, zvDownloadStateStopped, zvDownloadStateRunning, 1},
+        {"finished", kBob, 0, zvDownloadStateFinished, zvDownloadStateFinished, 0},
+        {"no entry", QB_UserID(10003, 0), 1, 0, 0, 0}};
+    for (const auto& c : aCases)
+    {
+        Clear();
+        ZV_FileDownloadInfo entry;
+        entry.SetState(c.usFrom);
+        entry.SetActive(true);
+        ZV_FileShareSessionPeer::Downloads(*lpSession).SetAt(kBob, entry);
+        env.AdvanceTick(1000);
+        const uint32_t ulSeq = host.m_ulNextFloodSeq;
+        Deliver(PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST, Pdu().U16(5).User(c.user).U32(0).U8(c.bStop));
+        Deliver(PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST, Pdu().U16(5).User(c.user).U32(ulSeq).U8(c.bStop),
+                zvConfServerTypeCommand, 20, QB_UserID(2, 0));
+        const auto vecFlood = host.SentOf(PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST);
+        ASSERT_EQ(1u, vecFlood.size()) << c.szName << ": the echo of the flood is dropped";
+        EXPECT_EQ(Pdu().U16(7).U16(5).User(c.user).U32(ulSeq).U8(c.bStop).b, vecFlood[0].data) << c.szName;
+        const ZV_FileDownloadInfo& after = *ZV_FileShareSessionPeer::Downloads(*lpSession).Find(kBob);
+        EXPECT_EQ(c.usTo, after.m_usState) << c.szName;
+        EXPECT_EQ(c.nKicks, host.SentOf(PDU_CONF_FS_KICK).size()) << c.szName;
+        if (c.usFrom == zvDownloadStateStopped)
+        {
+            EXPECT_EQ(env.GetTickCount(), after.m_ulLastTick) << "the pause is not counted";
+        }
+    }
+}
+
+TEST_F(Control, ServerTakesAnUploadsStopOrResumeFromItsCreatorOnlyAndConfirmsItToEveryClient)
+{
+    Make(true);
+    ZV_FileShareSessionPeer::FileInfo(*lpSession).SetFileWritePos(40000);
+    ZV_FileShareSessionPeer::MaxPos(*lpSession) = 30000;
+    struct { const char* szName; QB_UserID user; uint16_t usFrom; uint8_t bStop; Bytes answer; const char* szRoute;
+             uint16_t usTo; } aCases[] = {
+        {"not the creator", kBob, 1, 1, Pdu().U16(5).U32(40).U16(5).User(kBob).U8(1).U32(0).b, "link", 1},
+        {"not begun", kAlice, 0, 1, {}, "", 0},
+        {"complete", kAlice, 3, 0, {}, "", 3},
+        // The server's own write position stands for the client's read position.
+        {"stop", kAlice, 1, 1, Pdu().U16(5).U32(0).U16(5).User(kAlice).U8(1).U32(40000).b, "group", 2},
+        {"resume", kAlice, 2, 0, Pdu().U16(5).U32(0).U16(5).User(kAlice).U8(0).U32(0).b, "group", 1}};
+    for (const auto& c : aCases)
+    {
+        Clear();
+        ZV_FileShareSessionPeer::FileInfo(*lpSession).m_BriefInfo.SetFileState(c.usFrom);
+        Deliver(PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST, Pdu().U16(5).User(c.user).U32(0).U8(c.bStop).U32(70000),
+                zvConfClientTypeCommand, 100020, c.user);
+        const auto vecAnswer = host.SentOf(PDU_CONF_FS_IS_STOP_UPLOAD_RESPONSE);
+        ASSERT_EQ(c.answer.empty() ? 0u : 1u, vecAnswer.size()) << c.szName;
+        if (!c.answer.empty())
+        {
+            EXPECT_EQ(c.answer, vecAnswer[0].data) << c.szName;
+            EXPECT_EQ(c.szRoute, vecAnswer[0].sRoute) << c.szName;
+        }
+        EXPECT_EQ(c.usTo, ZV_FileShareSessionPeer::FileInfo(*lpSession).m_BriefInfo.m_usFileState) << c.szName;
+    }
+    EXPECT_FALSE(ZV_FileShareSessionPeer::StopUpload(*lpSession));
+    EXPECT_TRUE(ZV_FileShareSessionPeer::ResyncPending(*lpSession)) << "the resume sets the uploader back to the write position";
+    EXPECT_EQ(40000u, ZV_FileShareSessionPeer::MaxPos(*lpSession));
+}
+
+TEST_F(Control, RelayFetchesOnceFromAnUpstreamWithMoreAndAnswersAPeerThatIsShort)
+{
+    Make(true);
+    ZV_FileShareSessionPeer::FileInfo(*lpSession).SetFileWritePos(40000);
+    for (int i = 0; i < 2; ++i)
+        Deliver(PDU_CONF_FS_PROGRESSING_RESPONSE, Pdu().U16(5).User(kSelf).U32(0), zvConfServerTypeCommand, 20,
+                QB_UserID(2, 0));
+    ASSERT_EQ(1u, host.SentOf(PDU_CONF_FS_PROGRESSING_REQUEST).size());
+    const ZV_SentPdu forget = host.SentOf(PDU_CONF_FS_PROGRESSING_REQUEST)[0];
+    EXPECT_EQ(Pdu().U16(7).U16(5).User(kSelf).U32(40000).U8(1).b, forget.data);
+    EXPECT_EQ(20u, forget.ulConn);
+    EXPECT_EQ(0u, forget.bFlag2);
+    ASSERT_EQ(1u, host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size());
+    Pdu ask = Pdu().U16(5).User(kSelf).U32(0).U8(19);
+    for (char ch : std::string("C:\\Store\\7\\song.ogg"))
+        ask.U8((uint8_t)ch);
+    EXPECT_EQ(ask.U32(40000).U8(1).U8(0).b, host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST)[0].data);
+
+    Clear();
+    ZV_FileShareSessionPeer::Downloads(*lpSession).SetAt(QB_UserID(2, 0), ZV_FileDownloadInfo());
+    for (uint32_t ulPos : {40000u, 39999u})
+        Deliver(PDU_CONF_FS_PROGRESSING_REQUEST, Pdu().U16(5).User(QB_UserID(2, 0)).U32(ulPos).U8(0),
+                zvConfServerTypeCommand, 20, QB_UserID(2, 0));
+    ASSERT_EQ(1u, host.m_vecSent.size()) << "a peer as far as this server gets no answer";
+    EXPECT_EQ(Pdu().U16(5).User(QB_UserID(2, 0)).U32(0).b, host.m_vecSent[0].data);
+    EXPECT_EQ(20u, host.m_vecSent[0].ulConn);
+    Deliver(PDU_CONF_FS_PROGRESSING_REQUEST, Pdu().U16(5).User(QB_UserID(2, 0)).U32(0).U8(1),
+            zvConfServerTypeCommand, 20, QB_UserID(2, 0));
+    EXPECT_EQ(0, ZV_FileShareSessionPeer::Downloads(*lpSession).GetCount());
+}
+
+TEST_F(Control, AFailedUploadIsMarkedOnEveryServerAndToldToEveryClientAsAReadFailure)
+{
+    Make(true);
+    Deliver(PDU_CONF_FS_UPLOAD_ERROR_REQUEST, Pdu().U16(5).User(kAlice).U32(0).U32(12345), 0, 100010, kAlice);
+    Deliver(PDU_CONF_FS_UPLOAD_ERROR_REQUEST, Pdu().U16(5).User(kAlice).U32(100).U32(12345),
+            zvConfServerTypeCommand, 20, QB_UserID(2, 0));
+    EXPECT_EQ(zvFileStateFailed, ZV_FileShareSessionPeer::FileInfo(*lpSession).m_BriefInfo.m_usFileState);
+    EXPECT_EQ(12345u, ZV_FileShareSessionPeer::MaxPos(*lpSession));
+    ASSERT_EQ(2u, host.m_vecSent.size()) << "one flood, one answer, and the echo is dropped";
+    EXPECT_EQ(Pdu().U16(7).U16(5).User(kAlice).U32(100).U32(12345).b, host.m_vecSent[0].data);
+    EXPECT_EQ("group", host.m_vecSent[1].sRoute);
+    EXPECT_EQ(Pdu().U16(5).U32(0).U16(5).b, host.m_vecSent[1].data);
+
+    Clear();
+    ZV_FileShareSessionPeer::FileInfo(*lpSession).m_BriefInfo.SetFileState(zvFileStateComplete);
+    Deliver(PDU_CONF_FS_UPLOAD_ERROR_REQUEST, Pdu().U16(5).User(kAlice).U32(0).U32(1), 0, 100010, kAlice);
+    EXPECT_TRUE(host.m_vecSent.empty()) << "a complete file stays complete";
+
+    host.m_bServer = false;
+    Deliver(PDU_CONF_FS_UPLOAD_ERROR_RESPONSE, Pdu().U16(5).U32(0).U16(5), 0, 11);
+    ASSERT_EQ(1u, host.m_vecEvents.size());
+    EXPECT_EQ(Pdu().U16(zvFsEventTransferError).U32(61).U16(5).b, host.m_vecEvents[0].data);
+}
+
+// ---------------------------------------------------------------------------
+// The timers, driven by the test's clock
+
+TEST_F(Control, ManagerTimerWorksOnItsConferencesSlotAndReportsIdleAfterFifteenSeconds)
+{
+    host.Attach(&mgr);
+    mgr.SetSessionBusy(1, 5);
+    ZV_FileShareMgrPeer::DataLink(mgr) = zvLinkDataUp;
+    env.SetTick(1000);
+    std::vector<uint32_t> vecWorked;
+    for (uint32_t ulTick = 0; ulTick < 10; ++ulTick)
+    {
+        const size_t nBefore = host.m_vecEvents.size();
+        mgr.OnTimer(ulTick);
+        if (host.m_vecEvents.size() > nBefore)
+            vecWorked.push_back(ulTick);
+    }
+    EXPECT_EQ(std::vector<uint32_t>({2, 7}), vecWorked) << "conference 7 works on the ticks of remainder 2";
+    mgr.SetSessionBusy(0, 5);
+    mgr.OnTimer(12);
+    env.AdvanceTick(14999);
+    mgr.OnTimer(17);
+    EXPECT_NE(zvLinkIdle, ZV_FileShareMgrPeer::DataLink(mgr)) << "one millisecond short of the idle wait";
+    env.AdvanceTick(1);
+    mgr.OnTimer(22);
+    EXPECT_EQ(zvLinkIdle, ZV_FileShareMgrPeer::DataLink(mgr));
+    ASSERT_EQ(3u, host.m_vecEvents.size());
+    EXPECT_EQ(Pdu().U16(3012).U32(0).U8(0).b, host.m_vecEvents.back().data);
+    // The report repeats, each time after a new wait of its own.
+    env.AdvanceTick(5000);
+    mgr.OnTimer(27);
+    EXPECT_EQ(3u, host.m_vecEvents.size()) << "the next wait starts at the next slot";
+    env.AdvanceTick(15000);
+    mgr.OnTimer(32);
+    ASSERT_EQ(4u, host.m_vecEvents.size());
+    EXPECT_EQ(Pdu().U16(3012).U32(0).U8(0).b, host.m_vecEvents.back().data);
+}
+
+TEST_F(Control, StalledServerFileIsLookedAtOnceAfterTwentySecondsAndACompleteOneIsMarked)
+{
+    Make(true);
+    ZV_FileShareSessionPeer::FileInfo(*lpSession).SetFileWritePos(40000);
+    ZV_FileShareSessionPeer::LastIoTick(*lpSession) = 50000;
+    ZV_FileShareSessionPeer::Pulling(*lpSession) = true;
+    env.SetTick(70000);
+    mgr.OnTimer(2);
+    EXPECT_TRUE(host.m_vecSent.empty()) << "exactly 20000 ms is not yet a stall";
+    env.SetTick(70001);
+    mgr.OnTimer(7);
+    mgr.OnTimer(12);
+    ASSERT_EQ(1u, host.m_vecSent.size()) << "Alice is not homed here: the servers are asked, once";
+    EXPECT_EQ(Pdu().U16(7).U16(5).User(kSelf).U32(40000).U8(0).b, host.m_vecSent[0].data) << "conference word first";
+    EXPECT_FALSE(ZV_FileShareSessionPeer::Pulling(*lpSession));
+    ZV_FileShareSessionPeer::FileInfo(*lpSession).SetFileWritePos(1000000);
+    mgr.OnTimer(17);
+    EXPECT_EQ(zvFileStateComplete, ZV_FileShareSessionPeer::FileInfo(*lpSession).m_BriefInfo.m_usFileState);
+}
+
+// A client hears in 8022 how much of an upload its server holds: 3008 in
+// percent, and the file complete once the server holds it all. Its
+// creator then is no longer busy with it.
+TEST_F(Control, ClientTakesHowMuchOfAnUploadItsServerHolds)
+{
+    Make(false);
+    for (const QB_UserID& local : {kBob, kAlice})
+    {
+        host.m_LocalUser = local;
+        const bool bCreator = local == kAlice;
+        mgr.SetSessionBusy(1, 5);
+        Clear();
+        Deliver(PDU_CONF_FS_PROGRESSING_RESPONSE, Pdu().U16(5).User(kAlice).U32(250000));
+        if (!bCreator)
+        {
+            EXPECT_EQ(zvFileStateUploading, lpSession->BriefInfo().m_usFileState);
+        }
+        Deliver(PDU_CONF_FS_PROGRESSING_RESPONSE, Pdu().U16(5).User(kAlice).U32(1000000));
+        std::vector<Bytes> vecEvents;
+        for (const auto& event : host.m_vecEvents)
+            vecEvents.push_back(event.data);
+        EXPECT_EQ((std::vector<Bytes>{Pdu().U16(3008).U32(0).U16(5).F64(25.0).b,
+                                      Pdu().U16(3008).U32(0).U16(5).F64(100.0).b}),
+                  vecEvents);
+        EXPECT_EQ(bCreator, ZV_FileShareMgrPeer::BusyFileIDs(mgr).Find(5) < 0);
+        if (!bCreator)
+        {
+            EXPECT_EQ(zvFileStateComplete, lpSession->BriefInfo().m_usFileState);
+        }
+    }
+}
+
+// A client with nothing running is no longer busy with a file once its
+// last transfer lies a stall's wait behind it, to the millisecond.
+TEST_F(Control, ClientIsNoLongerBusyWithAFileAStallAfterItsLastTransfer)
+{
+    Make(false);
+    host.m_LocalUser = kBob;
+    mgr.SetSessionBusy(1, 5);
+    ZV_FileShareSessionPeer::LastIoTick(*lpSession) = 50000;
+    env.SetTick(50000 + ZV_CLIENT_STALL_MS - 1);
+    mgr.OnTimer(2);
+    EXPECT_GE(ZV_FileShareMgrPeer::BusyFileIDs(mgr).Find(5), 0);
+    env.SetTick(50000 + ZV_CLIENT_STALL_MS);
+    mgr.OnTimer(7);
+    EXPECT_LT(ZV_FileShareMgrPeer::BusyFileIDs(mgr).Find(5), 0);
+}
+
+// A server told by a peer that the peer is now the file's source forgets
+// that peer's entries and asks it, as a server, for what it lacks, from its
+// own write position and without a flood, once for each flood.
+TEST_F(Control, ServerToldThatAPeerIsTheSourceAsksItForWhatItLacks)
+{
+    Make(true);
+    ZV_FileShareSessionPeer::FileInfo(*lpSession).SetFileWritePos(40000);
+    const QB_UserID peer(2, 0);
+    Clear();
+    Deliver(PDU_CONF_FS_NOTICE_DEL_DOWNLOAD_INFO_REQUEST, Pdu().U16(5).User(peer).U32(77), zvConfServerTypeCommand,
+            900, peer);
+    const auto vecAsks = host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST);
+    ASSERT_EQ(1u, vecAsks.size());
+    EXPECT_EQ(900u, vecAsks[0].ulConn);
+    QB_ByteStream stream(vecAsks[0].data.data(), (int32_t)vecAsks[0].data.size());
+    ZV_DownloadAsk ask;
+    ask.Load(stream);
+    EXPECT_EQ(kSelf, ask.user);
+    EXPECT_EQ(0u, ask.ulFloodSeq);
+    EXPECT_EQ(40000u, ask.ulPos);
+    EXPECT_EQ(1, ask.bFromServer);
+    EXPECT_EQ(0, ask.bFlooded);
+    EXPECT_EQ(QB_StringU8("C:\\Store\\7\\song.ogg"), ask.sPath);
+    Deliver(PDU_CONF_FS_NOTICE_DEL_DOWNLOAD_INFO_REQUEST, Pdu().U16(5).User(peer).U32(77), zvConfServerTypeCommand,
+            900, peer);
+    EXPECT_EQ(1u, host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size()) << "the same flood again asks nothing";
+}
+
+// The creator's right change goes on to the other servers, and the entries
+// of users no longer allowed go at once; a linked server's entry stays, as
+// that server judges its own users by the same new list.
+TEST_F(Control, ServerTakesARightChangeFromTheCreatorAndDropsTheEntriesOfUsersWhoLostTheFile)
+{
+    Make(true);
+    const QB_UserID kCarol(10003, 0), kRelay(2, 0), kUnlinked(3, 0);
+    host.m_setLinkedServer.insert(kRelay.m_ulMain);
+    for (const QB_UserID& user : {kBob, kCarol, kRelay, kUnlinked})
+    {
+        ZV_FileDownloadInfo entry;
+        entry.SetFileID(5);
+        entry.SetUserID(user);
+        entry.SetActive(true);
+        lpSession->SetDownloadInfo(user, entry);
+    }
+    Clear();
+    ZV_SetRightRequest ask;
+    ask.head.usFileID = 5;
+    ask.head.user = kAlice;
+    ask.head.ulFloodSeq = 77;
+    ask.arrAdd.Add(kCarol);
+    Deliver(PDU_CONF_FS_SET_RIGHT_REQUEST, Pdu().Data(ZV_SavePayload(ask)), zvConfClientTypeCommand, 100010, kAlice);
+
+    std::vector<bool> vecHeld;
+    ZV_FileDownloadInfo held;
+    for (const QB_UserID& user : {kBob, kCarol, kRelay, kUnlinked})
+        vecHeld.push_back(ZV_FileShareSessionPeer::Downloads(*lpSession).Lookup(user, held));
+    EXPECT_EQ((std::vector<bool>{false, true, true, false}), vecHeld);
+    const auto vecFlood = host.SentOf(PDU_CONF_FS_SET_RIGHT_REQUEST);
+    ASSERT_EQ(1u, vecFlood.size());
+    EXPECT_EQ(Pdu().U16(7).Data(ZV_SavePayload(ask)).b, vecFlood[0].data) << "behind the conference word";
+    EXPECT_EQ(1u, host.SentOf(PDU_CONF_FS_SET_RIGHT_RESPONSE).size());
+
+    // The answer's description is for clients: a server takes it as handled
+    // and changes nothing.
+    Clear();
+    ZV_SetRightResponse answer;
+    answer.usFileID = 5;
+    answer.user = kAlice;
+    answer.brief.SetPublic(true);
+    Deliver(PDU_CONF_FS_SET_RIGHT_RESPONSE, Pdu().Data(ZV_SavePayload(answer)), zvConfServerTypeCommand, 900, kRelay);
+    EXPECT_TRUE(host.m_vecSent.empty() && host.m_vecEvents.empty());
+    EXPECT_FALSE(ZV_FileShareSessionPeer::FileInfo(*lpSession).m_BriefInfo.m_bPublic);
+}
+
+// The user side's stop of a download, and its giving one up: the stop goes
+// with flood number 0 for the server to fill in, and the give-up stops the
+// transfer before it drops the download record.
+TEST_F(Control, ClientStopsResumesAndGivesUpADownloadWithTheRequestsOfTheUserSide)
+{
+    Make(false);
+    host.m_LocalUser = kBob;
+    ZV_FileDownloadInfo& local = ZV_FileShareSessionPeer::LocalDownload(*lpSession);
+    local.SetFilePath("C:\\dl\\");
+    local.SetFileName("song.ogg");
+    local.SetState(zvDownloadStateRunning);
+    Clear();
+    ASSERT_EQ(0u, mgr.FsStopDownload(5));
+    ASSERT_EQ(0u, mgr.FsResumeDownload(5));
+    EXPECT_GE(ZV_FileShareMgrPeer::BusyFileIDs(mgr).Find(5), 0) << "resumed";
+    ASSERT_EQ(0u, mgr.FsDelDownload(5, 0));
+    EXPECT_LT(ZV_FileShareMgrPeer::BusyFileIDs(mgr).Find(5), 0) << "given up";
+
+    const Bytes stop = Pdu().U16(5).User(kBob).U32(0).U8(1).b;
+    const Bytes resume = Pdu().U16(5).User(kBob).U32(0).U8(0).b;
+    const Bytes drop = Pdu().U16(5).User(kBob).U32(0).b;
+    std::vector<std::pair<uint16_t, Bytes>> vecSent;
+    for (const ZV_SentPdu& sent : host.m_vecSent)
+        vecSent.push_back({sent.usPdu, sent.data});
+    EXPECT_EQ((std::vector<std::pair<uint16_t, Bytes>>{{PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST, stop},
+                                                        {PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST, resume},
+                                                        {PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST, stop},
+                                                        {PDU_CONF_FS_DEL_DOWNLOAD_REQUEST, drop}}),
+              vecSent);
+}

@@ -1,0 +1,105 @@
+// The manager on its own: routing, FileIDs and link states,
+// against a host that records what the manager sends.
+#include "core/ZV_FileShareMgr.h"
+#include "ZV_FileShareMgrPeer.h"
+#include "core/ZV_FileShareSession.h"
+#include "ZV_RecordingHost.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+struct ManagerFixture : public ::testing::Test
+{
+    ZV_RecordingHost host;
+    ZV_FileShareMgr mgr;
+    void SetUp() override { host.Attach(&mgr); }
+
+    uint32_t Deliver(uint16_t usPdu, const std::vector<uint8_t>& data)
+    {
+        return ZV_Deliver(mgr, usPdu, zvConfClientTypeCommand, data);
+    }
+};
+
+// A session that records which PDUs reached it.
+class ZV_ProbeSession : public ZV_FileShareSession
+{
+public:
+    using ZV_FileShareSession::ZV_FileShareSession;
+    std::vector<uint16_t> m_vecSeen;
+    uint32_t HandleDownloadRequest(ConfPduData* lpCpd) override
+    {
+        m_vecSeen.push_back(lpCpd->usPdu);
+        return 0;
+    }
+};
+
+} // namespace
+
+using ManagerRouting = ManagerFixture;
+
+TEST_F(ManagerRouting, HandsAPduToTheSessionItsFirstWordNamesAndAnswersFiveForNumbersWithoutASlot)
+{
+    auto* lpProbe = new ZV_ProbeSession(&mgr, "");
+    ZV_FileShareMgrPeer::Sessions(mgr).SetAt(0x0102, lpProbe);
+    const struct
+    {
+        const char* szName;
+        uint16_t usPdu;
+        std::vector<uint8_t> data;
+        uint32_t ulResult;
+    } aCases[] = {
+        {"to the session", PDU_CONF_FS_DOWNLOAD_REQUEST, {0x02, 0x01, 0xAA}, 0},
+        {"unknown FileID", PDU_CONF_FS_DOWNLOAD_REQUEST, {8, 0, 1, 2}, 0},
+        {"no FileID", PDU_CONF_FS_DOWNLOAD_REQUEST, {}, 5},
+        {"half a FileID", PDU_CONF_FS_DOWNLOAD_REQUEST, {7}, 5},
+        {"rights of several files", PDU_CONF_FS_SET_FILES_RIGHT_RESPONSE, {0x02, 0x01, 1, 2, 3}, 5},
+        {"reserved", 8053, {0x02, 0x01}, 0},
+        {"reserved", 8054, {0x02, 0x01}, 0},
+        {"no slot in the range", 8019, {0x02, 0x01}, 5},
+        {"below the range", 100, {0x02, 0x01}, 5},
+        {"above the range", 9000, {0x02, 0x01}, 5},
+    };
+    for (const auto& c : aCases)
+        EXPECT_EQ(c.ulResult, Deliver(c.usPdu, c.data)) << c.szName << " " << c.usPdu;
+    EXPECT_EQ(std::vector<uint16_t>{PDU_CONF_FS_DOWNLOAD_REQUEST}, lpProbe->m_vecSeen);
+    EXPECT_TRUE(host.m_vecSent.empty());
+    EXPECT_TRUE(host.m_vecEvents.empty());
+}
+
+TEST(FileIDAllocation, GivesFreeIDsOfTheRangeFromTheNextOneOnWrappingOnceThenNoneOnceTheMapHoldsAsManyAsTheRange)
+{
+    const struct
+    {
+        const char* szName;
+        uint16_t usMin, usMax, usNext;
+        std::vector<uint16_t> vecTaken, vecExpected;
+    } aCases[] = {
+        {"a single ID", 42, 42, 42, {}, {42, 0xFFFF}},
+        {"wraps and skips taken IDs", 10, 14, 15, {10, 12}, {11, 13, 14, 0xFFFF}},
+        // The next ID as constructed, before the range is known, and IDs
+        // learnt from a server with another range: they count towards a
+        // full map, so two numbers of the range stay unused.
+        {"outside the range", 1001, 1004, 1, {5, 6}, {1001, 1002, 0xFFFF}},
+    };
+    for (const auto& c : aCases)
+    {
+        ZV_RecordingHost host;
+        ZV_FileShareMgr mgr;
+        host.Attach(&mgr);
+        host.m_usFileIDMin = c.usMin;
+        host.m_usFileIDMax = c.usMax;
+        ZV_FileShareMgrPeer::NextFileID(mgr) = c.usNext;
+        for (uint16_t usFileID : c.vecTaken)
+            ZV_FileShareMgrPeer::Adopt(mgr, usFileID, "");
+        std::vector<uint16_t> vecGiven;
+        for (size_t i = 0; i < c.vecExpected.size(); ++i)
+            vecGiven.push_back(ZV_FileShareMgrPeer::AllocFileID(mgr));
+        EXPECT_EQ(c.vecExpected, vecGiven) << c.szName;
+        ZV_FileShareSession* lpReserved = reinterpret_cast<ZV_FileShareSession*>(1);
+        ASSERT_TRUE(ZV_FileShareMgrPeer::Sessions(mgr).Lookup(c.vecExpected[0], lpReserved));
+        EXPECT_EQ(nullptr, lpReserved) << "a fresh FileID is reserved without a session";
+    }
+}
+
+using LinkStates = ManagerFixture;

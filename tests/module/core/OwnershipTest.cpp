@@ -1,0 +1,298 @@
+// A throw of the host or the user side at any call of a road that makes a
+// session or opens a file leaves no session, key, stored file, catalogue row
+// or open file of that road behind, and the road works the next time.
+#include "ZV_FileShareSessionPeer.h"
+#include "ZV_RecordingNode.h"
+#include "ZV_ThrowingHost.h"
+
+#include "add/ZV_AddPdu.h"
+#include "delete/ZV_DeletePdu.h"
+#include "download/ZV_DownloadPdu.h"
+#include "core/ZV_FileShareMgr.h"
+#include "ZV_FileShareMgrPeer.h"
+#include "core/ZV_FileShareSession.h"
+#include "rights/ZV_RightsPdu.h"
+#include "ZV_PayloadCheck.h"
+
+#include "QB_FaultEnv.h"
+#include "QB_TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <functional>
+#include <string>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+const QB_UserID kAlice(10001, 0);
+const QB_UserID kBob(10002, 0);
+constexpr uint16_t kFileID = 7;
+constexpr uint32_t kLength = 5;
+
+ZV_FileBriefInfo Brief(const char* pszName)
+{
+    ZV_FileBriefInfo brief;
+    brief.SetCreatorID(kBob);
+    brief.SetFileOldName(QB_StringU8(pszName));
+    brief.SetFileLenth(kLength);
+    brief.SetPublic(true);
+    return brief;
+}
+
+// One node, server or client, with Alice as its local user and Bob homed
+// at another server.
+struct Node : ZV_BasicNode<ZV_ThrowingHost>
+{
+    explicit Node(bool bServer) : ZV_BasicNode(bServer)
+    {
+        host.AddUser(kBob, 2, "Bob");
+        if (bServer)
+        {
+            EXPECT_EQ(0u, mgr.Initialize());
+        }
+    }
+    void Deliver(uint16_t usPdu, uint16_t usConnType, const Bytes& data)
+    {
+        ZV_Deliver(mgr, usPdu, usConnType, data, 5, QB_UserID(kBob.m_ulMain, 0));
+    }
+    ZV_FileShareSession* Session(uint16_t usFileID = kFileID) { return ZV_FileShareMgrPeer::Find(mgr, usFileID); }
+    size_t StoredFiles() const
+    {
+        const fs::path folder = tmp.Sub("store/7");
+        return fs::exists(folder) ? (size_t)std::distance(fs::directory_iterator(folder), {}) : 0;
+    }
+    bool HasRow(uint16_t usFileID)
+    {
+        ZV_FileUploadInfo info;
+        QB_StringW sSection;
+        return ZV_FileShareMgrPeer::Catalog(mgr).LoadFile(7, usFileID, info, sSection);
+    }
+    // Nothing of an add: no key, no stored file, no row of the FileIDs it
+    // would take.
+    bool HoldsNoAdd()
+    {
+        return ZV_FileShareMgrPeer::Sessions(mgr).GetCount() == 0 && StoredFiles() == 0 && !HasRow(1) && !HasRow(2) &&
+               !HasRow(kFileID);
+    }
+};
+
+Bytes AddRequest(uint16_t usFileID, uint32_t ulFloodSeq)
+{
+    ZV_AddRequest ask;
+    ask.usFileID = usFileID;
+    ask.user = kBob;
+    ask.ulFloodSeq = ulFloodSeq;
+    ask.brief = Brief("a.txt");
+    return ZV_SavePayload(ask);
+}
+
+Bytes AddAnswer()
+{
+    ZV_AddResponse answer;
+    answer.usRouteID = answer.usFileID = kFileID;
+    answer.user = kBob;
+    answer.brief = Brief("a.txt");
+    return ZV_SavePayload(answer);
+}
+
+Bytes AddFilesRequest()
+{
+    ZV_AddFilesRequest ask;
+    ask.user = kBob;
+    for (const char* pszName : {"a.txt", "b.txt"})
+    {
+        ask.arrFileID.Add(ZV_NO_FILEID);
+        ask.arrInfo.Add(Brief(pszName));
+    }
+    return ZV_SavePayload(ask);
+}
+
+Bytes DownloadAnswer(const QB_StringW& sPath, const QB_StringW& sName)
+{
+    ZV_DownloadResponse answer;
+    answer.usRouteID = answer.usFileID = kFileID;
+    answer.user = kAlice;
+    answer.record.SetFileID(kFileID);
+    answer.record.SetFilePath(QB_StringU8(sPath));
+    answer.record.SetFileName(QB_StringU8(sName));
+    answer.record.SetFileLenth(kLength);
+    answer.record.SetUserID(kAlice);
+    return ZV_SavePayload(answer);
+}
+
+// A relay's store of a file that Bob's home server announced.
+void AddFromServer(Node& node)
+{
+    node.Deliver(PDU_CONF_FS_ADD_REQUEST, zvConfServerTypeCommand, AddRequest(kFileID, 300));
+}
+
+bool HasOpenFile(Node& node)
+{
+    return node.Session() != nullptr && ZV_FileShareSessionPeer::File(*node.Session()).IsOpen();
+}
+
+// Counts the file handles the platform gave out and has not taken back.
+class LiveHandleEnv : public QB_FaultEnv
+{
+public:
+    QB_FileHandle OpenFile(const std::u16string& sPath, uint32_t ulMode) override
+    {
+        const QB_FileHandle hFile = QB_FaultEnv::OpenFile(sPath, ulMode);
+        m_nLive += hFile != QB_INVALID_FILE;
+        return hFile;
+    }
+    bool CloseFile(QB_FileHandle hFile) override
+    {
+        const bool bClosed = QB_FaultEnv::CloseFile(hFile);
+        m_nLive -= bClosed;
+        return bClosed;
+    }
+    int m_nLive = 0;
+};
+
+struct Road
+{
+    const char* pszName;
+    bool bServer;
+    std::function<void(Node&)> fnPrepare;
+    std::function<void(Node&)> fnAct;
+    // Whether the act left what it makes; false after every throw.
+    std::function<bool(Node&)> fnMade;
+    std::function<bool(Node&)> fnClean;
+};
+
+} // namespace
+
+TEST(Ownership, AThrowAtAnyHostCallOfAnAddOrADownloadAnswerLeavesNothingOfItBehind)
+{
+    const Road aRoads[] = {
+        {"a client's add at its server", true, [](Node&) {},
+         [](Node& n) { n.Deliver(PDU_CONF_FS_ADD_REQUEST, zvConfClientTypeCommand, AddRequest(ZV_NO_FILEID, 0)); },
+         [](Node& n) { return n.Session(1) != nullptr && n.StoredFiles() == 1 && n.HasRow(1); },
+         [](Node& n) { return n.HoldsNoAdd(); }},
+        {"a server's add, which starts the relay's fetch", true, [](Node&) {}, AddFromServer,
+         [](Node& n) { return n.Session() != nullptr && n.HasRow(kFileID) &&
+                               n.host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size() == 1; },
+         [](Node& n) { return n.HoldsNoAdd(); }},
+        {"a client's batch at its server", true, [](Node&) {},
+         [](Node& n) { n.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, zvConfClientTypeCommand, AddFilesRequest()); },
+         [](Node& n) { return ZV_FileShareMgrPeer::Sessions(n.mgr).GetCount() == 2 && n.StoredFiles() == 2 && n.HasRow(1) && n.HasRow(2); },
+         [](Node& n) { return n.HoldsNoAdd(); }},
+        {"an add answer at a client", false, [](Node&) {},
+         [](Node& n) { n.Deliver(PDU_CONF_FS_ADD_RESPONSE, zvConfClientTypeCommand, AddAnswer()); },
+         [](Node& n) { return n.Session() != nullptr; },
+         [](Node& n) { return ZV_FileShareMgrPeer::Sessions(n.mgr).GetCount() == 0; }},
+        {"a download answer at a client", false,
+         [](Node& n) {
+             n.Deliver(PDU_CONF_FS_ADD_RESPONSE, zvConfClientTypeCommand, AddAnswer());
+             const QB_StringW sPath = n.tmp.SubW("dl/a.bin");
+             ASSERT_EQ(0u, n.mgr.FsDownload(kFileID, sPath.GetString()));
+         },
+         [](Node& n) {
+             n.Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, zvConfClientTypeCommand,
+                       DownloadAnswer(n.tmp.SubW("dl") + u"\\", u"a.bin"));
+         },
+         HasOpenFile,
+         [](Node& n) { return !HasOpenFile(n) && ZV_FileShareSessionPeer::LocalDownload(*n.Session()).m_sFileName.IsEmpty(); }},
+        {"a relay's download answer", true, AddFromServer,
+         [](Node& n) {
+             n.Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, zvConfServerTypeCommand,
+                       DownloadAnswer(QB_StringW(u"C:\\elsewhere\\"), u"a.txt"));
+         },
+         HasOpenFile,
+         [](Node& n) { return !HasOpenFile(n) && ZV_FileShareSessionPeer::LocalDownload(*n.Session()).m_sFileName.IsEmpty(); }},
+    };
+    for (const Road& road : aRoads)
+    {
+        bool bThrew = true;
+        for (int nNth = 1; bThrew && nNth < 100; ++nNth)
+        {
+            SCOPED_TRACE(std::string(road.pszName) + ", throwing at call " + std::to_string(nNth));
+            Node node(road.bServer);
+            road.fnPrepare(node);
+            node.host.ThrowAt(nNth);
+            road.fnAct(node);
+            bThrew = node.host.Threw();
+            EXPECT_EQ(!bThrew, road.fnMade(node));
+            if (bThrew)
+            {
+                EXPECT_TRUE(road.fnClean(node));
+            }
+            node.host.ThrowAt(0);
+        }
+        EXPECT_FALSE(bThrew) << road.pszName << ": the road never got through";
+    }
+}
+
+TEST(Ownership, AThrowAtAnyHostCallOfAUserSideShareLeavesNoFileOpen)
+{
+    const char16_t* apszNames[] = {u"a.txt", u"b.txt"};
+    bool bThrew = true;
+    for (int nNth = 1; bThrew && nNth < 100; ++nNth)
+    {
+        SCOPED_TRACE("throwing at call " + std::to_string(nNth));
+        Node node(false);
+        ASSERT_TRUE(QB_WriteWholeFile(node.tmp.Sub("a.txt"), "alpha"));
+        ASSERT_TRUE(QB_WriteWholeFile(node.tmp.Sub("b.txt"), "beta"));
+        LiveHandleEnv env;
+        QB_ScopedEnv scope(&env);
+        node.host.ThrowAt(nNth);
+        node.mgr.FsFilesAdd(node.tmp.PathW().GetString(), apszNames, 2, nullptr, 0, 1, 0);
+        bThrew = node.host.Threw();
+        node.host.ThrowAt(nNth);
+        node.mgr.FsAdd(node.tmp.SubW("a.txt").GetString(), nullptr, 0, 1, 0);
+        bThrew = bThrew || node.host.Threw();
+        node.host.ThrowAt(0);
+        EXPECT_EQ(0, env.m_nLive);
+    }
+    EXPECT_FALSE(bThrew) << "the shares never got through";
+}
+
+// A host may hand the manager a PDU while it is still sending. A batch that
+// ran out of FileIDs refuses its first file while the others stand
+// reserved; a delete or a change of rights meeting one of those answers 83
+// and takes nothing, and the batch then makes both files.
+TEST(Ownership, ARequestMeetingAFileIDABatchStillHoldsReservedIsAnswered83)
+{
+    Node node(true);
+    node.host.m_usFileIDMax = 2;
+    ZV_AddFilesRequest ask;
+    ask.user = kBob;
+    for (const char* pszName : {"a.txt", "b.txt", "c.txt"})
+    {
+        ask.arrFileID.Add(ZV_NO_FILEID);
+        ask.arrInfo.Add(Brief(pszName));
+    }
+    bool bAsked = false;
+    node.host.m_fnOnSend = [&](uint16_t usPdu) {
+        if (usPdu != PDU_CONF_FS_ADD_FILES_RESPONSE || bAsked)
+            return;
+        bAsked = true;
+        ZV_DelUploadRequest del;
+        del.usFileID = 1;
+        del.user = kBob;
+        node.Deliver(PDU_CONF_FS_DEL_UPLOAD_REQUEST, zvConfClientTypeCommand, ZV_SavePayload(del));
+        ZV_SetFilesRightRequest right;
+        right.arrFileID.Add(2);
+        right.user = kBob;
+        node.Deliver(PDU_CONF_FS_SET_FILES_RIGHT_REQUEST, zvConfClientTypeCommand, ZV_SavePayload(right));
+    };
+    node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, zvConfClientTypeCommand, ZV_SavePayload(ask));
+
+    ASSERT_TRUE(bAsked);
+    const auto vecDel = node.host.SentOf(PDU_CONF_FS_DEL_UPLOAD_RESPONSE);
+    ASSERT_EQ(1u, vecDel.size());
+    EXPECT_EQ(ZV_Pdu().U16(1).U32(83).U16(1).User(kBob).U32(101).b, vecDel[0].data);
+    const auto vecRight = node.host.SentOf(PDU_CONF_FS_SET_FILES_RIGHT_RESPONSE);
+    ASSERT_EQ(1u, vecRight.size());
+    EXPECT_EQ(ZV_Pdu().U8(1).U16(2).U32(83).U8(1).U16(2).User(kBob).U32(0).b, vecRight[0].data);
+    EXPECT_TRUE(node.host.SentOf(PDU_CONF_FS_DEL_UPLOAD_REQUEST).empty()) << "a refused delete goes to no server";
+    EXPECT_TRUE(node.Session(1) != nullptr && node.Session(2) != nullptr);
+    EXPECT_TRUE(node.HasRow(1) && node.HasRow(2));
+    EXPECT_EQ(2u, node.StoredFiles());
+}

@@ -1,0 +1,312 @@
+// The file list between linked servers on one manager: what a server
+// answers and how the answer is cut, and what a list does to the sessions,
+// the catalogue, the clients and the fetches of the server that takes it.
+#include "ZV_RecordingNode.h"
+
+#include "ZV_FileShareMgrPeer.h"
+#include "core/ZV_FileShareSession.h"
+#include "ZV_FileShareSessionPeer.h"
+#include "add/ZV_AddPdu.h"
+#include "lists/ZV_ListPdu.h"
+
+#include "QB_FaultEnv.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <initializer_list>
+#include <string>
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+const QB_UserID kSelf(1, 0);
+const QB_UserID kPeer(2, 0);
+const QB_UserID kBob(20002, 0);
+
+ZV_FileUploadInfo PeerFile(uint16_t usFileID, const char* pszName, uint32_t ulLength, uint32_t ulWritePos,
+                           uint16_t usState)
+{
+    ZV_FileBriefInfo brief;
+    brief.SetCreatorID(QB_UserID(20001, 0));
+    brief.SetFileOldName(QB_StringU8(pszName));
+    brief.SetFileLenth(ulLength);
+    brief.SetFileState(usState);
+    brief.SetPublic(true);
+    ZV_FileUploadInfo info;
+    info.SetFileID(usFileID);
+    info.SetFileNewName(QB_StringU8(pszName));
+    info.SetBriefInfo(brief);
+    info.SetFileWritePos(ulWritePos);
+    return info;
+}
+
+struct FileList : ::testing::Test
+{
+    QB_FaultEnv env;
+    QB_ScopedEnv scoped{&env};
+    ZV_RecordingNode node{true};
+
+    void SetUp() override { ASSERT_EQ(0u, node.mgr.Initialize()); }
+    std::vector<ZV_FileListResponse> Answers()
+    {
+        std::vector<ZV_FileListResponse> vecParts;
+        for (const ZV_SentPdu& sent : node.host.SentOf(PDU_CONF_GET_FILE_LIST_RESPONSE))
+        {
+            QB_ByteStream stream(sent.data.data(), (int32_t)sent.data.size());
+            vecParts.emplace_back();
+            vecParts.back().Load(stream);
+            EXPECT_LE(sent.data.size(), (size_t)QB_PDU_BUFFER_SIZE);
+            // Nothing in a piece that its reader would drop, such as the
+            // states or positions of files another piece carries.
+            EXPECT_EQ(sent.data, ZV_SavePayloadOf(vecParts.back()));
+        }
+        return vecParts;
+    }
+    // The peer's list of the given files, each one whole there.
+    static ZV_FileListResponse Whole(std::initializer_list<ZV_FileUploadInfo> files)
+    {
+        ZV_FileListResponse part;
+        part.sender = kPeer;
+        for (const ZV_FileUploadInfo& info : files)
+        {
+            part.arrInfo.Add(info);
+            part.arrState.Add(true);
+            part.arrMaxPos.Add(info.m_ulFileWritePos);
+        }
+        return part;
+    }
+    void Take(const ZV_FileListResponse& part)
+    {
+        node.host.m_vecSent.clear();
+        node.Deliver(PDU_CONF_GET_FILE_LIST_RESPONSE, zvConfServerTypeCommand, ZV_SavePayloadOf(part));
+    }
+    static Bytes ZV_SavePayloadOf(const ZV_FileListResponse& part)
+    {
+        Bytes vb(QB_PDU_BUFFER_SIZE);
+        QB_ByteStream stream(vb.data(), (int32_t)vb.size(), false);
+        part.Save(stream);
+        vb.resize((size_t)stream.GetPos());
+        return vb;
+    }
+    ZV_FileShareSession* Session(uint16_t usFileID) { return ZV_FileShareMgrPeer::Find(node.mgr, usFileID); }
+};
+
+} // namespace
+
+// Nothing held is still two PDUs: the files, then the records. A request
+// from this server itself, or from a client, gets nothing.
+TEST_F(FileList, AnswersALinkedServerWithItsFilesThenItsRecordsAndNobodyElse)
+{
+    const Bytes vbAsk = ZV_Pdu().User(kPeer).b;
+    node.Deliver(PDU_CONF_GET_FILE_LIST_REQUEST, zvConfServerTypeCommand, vbAsk);
+    const std::vector<ZV_SentPdu> vecSent = node.host.SentOf(PDU_CONF_GET_FILE_LIST_RESPONSE);
+    ASSERT_EQ(2u, vecSent.size());
+    EXPECT_EQ(ZV_Pdu().U32(0).User(kSelf).U8(1).U8(0).U8(0).U8(0).b, vecSent[0].data);
+    EXPECT_EQ(ZV_Pdu().U32(0).User(kSelf).U8(0).U8(0).b, vecSent[1].data);
+    EXPECT_EQ(5u, vecSent[0].ulConn);
+
+    node.host.m_vecSent.clear();
+    node.Deliver(PDU_CONF_GET_FILE_LIST_REQUEST, zvConfServerTypeCommand, ZV_Pdu().User(kSelf).b);
+    node.Deliver(PDU_CONF_GET_FILE_LIST_REQUEST, zvConfClientTypeCommand, vbAsk);
+    EXPECT_TRUE(node.host.m_vecSent.empty());
+}
+
+// Files whose counted sizes fill the buffer to the byte go in one PDU; one
+// byte more opens a second. Names stay within what a record may hold.
+TEST_F(FileList, CutsFilesThatFillTheBufferToTheByteIntoOnePduAndOneByteMoreIntoTwo)
+{
+    QB_Array<ZV_FileUploadInfo> arrInfo;
+    QB_Array<bool> arrState;
+    QB_Array<uint32_t> arrMaxPos;
+    uint32_t ulSize = ZV_FileListResponse::kHeadSize;
+    // Files whose stored names are nNameBytes long.
+    auto fnFile = [](uint16_t usFileID, int nNameBytes) {
+        ZV_FileUploadInfo info = PeerFile(usFileID, "file.bin", 100, 100, 3);
+        info.SetFileNewName(QB_StringU8(std::string((size_t)nNameBytes, 'n').c_str()));
+        return info;
+    };
+    auto fnAdd = [&](int nNameBytes) {
+        arrInfo.Add(fnFile((uint16_t)(arrInfo.GetSize() + 1), nNameBytes));
+        arrState.Add(true);
+        arrMaxPos.Add(100);
+        ulSize += ZV_FileListEntrySize(arrInfo[arrInfo.GetSize() - 1]);
+    };
+    std::vector<uint32_t> vecSize(1025);
+    for (int n = 1; n <= 1024; ++n)
+        vecSize[(size_t)n] = ZV_FileListEntrySize(fnFile(1, n));
+    while ((uint32_t)QB_PDU_BUFFER_SIZE - ulSize > 2 * vecSize[1024])
+        fnAdd(1000);
+    // The rest in two files whose names fit a record.
+    const uint32_t ulRest = (uint32_t)QB_PDU_BUFFER_SIZE - ulSize;
+    int nFirst = 0, nLast = 0;
+    for (int a = 1; a <= 1024 && nLast == 0; ++a)
+        for (int b = 1; b < 1024 && nLast == 0; ++b)
+            if (vecSize[(size_t)a] + vecSize[(size_t)b] == ulRest)
+                nFirst = a, nLast = b;
+    ASSERT_GT(nLast, 0);
+    fnAdd(nFirst);
+    fnAdd(nLast);
+    ASSERT_EQ((uint32_t)QB_PDU_BUFFER_SIZE, ulSize);
+    const QB_Array<ZV_FileDownloadInfo> arrNone;
+    ZV_FileShareMgrPeer::SendFileList(node.mgr, 5, kSelf, arrInfo, arrState, arrMaxPos, arrNone);
+    std::vector<ZV_FileListResponse> vecParts = Answers();
+    ASSERT_EQ(2u, vecParts.size());
+    EXPECT_EQ(arrInfo.GetSize(), vecParts[0].arrInfo.GetSize());
+
+    node.host.m_vecSent.clear();
+    arrInfo[arrInfo.GetSize() - 1] = fnFile(77, nLast + 1);
+    ZV_FileShareMgrPeer::SendFileList(node.mgr, 5, kSelf, arrInfo, arrState, arrMaxPos, arrNone);
+    vecParts = Answers();
+    ASSERT_EQ(3u, vecParts.size());
+    ASSERT_EQ(1, vecParts[1].arrInfo.GetSize());
+    EXPECT_EQ(77, vecParts[1].arrInfo[0].m_usFileID);
+    EXPECT_EQ(1, vecParts[1].bUploadList);
+    EXPECT_EQ(0, vecParts[2].bUploadList);
+}
+
+// Two files new here: each gets a session, a stored name and a fetch from
+// the peer that listed it; the clients hear of both in one series and the
+// catalogue takes both in one write, as arriving. A second list while the
+// link stood changes nothing; after a loss of the link the furthest
+// position still never falls.
+TEST_F(FileList, TakesAPeersNewFilesOnceFetchesWhatItLacksAndSavesThemInOneWrite)
+{
+    ZV_FileListResponse part;
+    part.sender = kPeer;
+    part.arrInfo.Add(PeerFile(1001, "whole.bin", 5000, 5000, 3));
+    part.arrInfo.Add(PeerFile(1002, "half.bin", 8000, 3000, 1));
+    part.arrState.Add(true);
+    part.arrState.Add(false);
+    part.arrMaxPos.Add(5000);
+    part.arrMaxPos.Add(3000);
+    const int nRenames = env.GetCount(QB_EnvOp::Rename);
+    Take(part);
+    EXPECT_EQ(nRenames + 1, env.GetCount(QB_EnvOp::Rename)) << "one catalogue write";
+    for (uint16_t usFileID : {1001, 1002})
+    {
+        ZV_FileUploadInfo row;
+        QB_StringW sSection;
+        ASSERT_TRUE(ZV_FileShareMgrPeer::Catalog(node.mgr).LoadFile(7, usFileID, row, sSection)) << usFileID;
+        EXPECT_EQ(zvFileStateUploading, row.m_BriefInfo.m_usFileState) << usFileID;
+        EXPECT_EQ(0u, row.m_ulFileWritePos) << usFileID;
+        ASSERT_NE(nullptr, Session(usFileID));
+    }
+    EXPECT_TRUE(Session(1001)->IsUploadDone());
+    EXPECT_FALSE(Session(1002)->IsUploadDone());
+    EXPECT_EQ(2u, node.host.SentOf(PDU_CONF_FS_PROGRESSING_REQUEST).size());
+    const std::vector<ZV_SentPdu> vecAsks = node.host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST);
+    ASSERT_EQ(2u, vecAsks.size());
+    EXPECT_EQ(5u, vecAsks[0].ulConn);
+    ASSERT_EQ(1u, node.host.SentOf(PDU_CONF_FS_ADD_FILES_RESPONSE).size());
+
+    part.arrMaxPos[0] = 100;
+    Take(part);
+    EXPECT_TRUE(node.host.m_vecSent.empty());
+    EXPECT_EQ(nRenames + 1, env.GetCount(QB_EnvOp::Rename));
+    // After a lost server link the list is set against what this server
+    // holds once: the creator's server tells where each upload stands.
+    node.host.AddUser(QB_UserID(20001, 0), kSelf.m_ulMain, "Ann");
+    node.host.m_bHasServerLinks = true;
+    node.mgr.OnDisconnect(&kPeer, 5, zvConfServerTypeCommand, 0);
+    Take(part);
+    EXPECT_EQ(5000u, Session(1001)->MaxPos());
+    EXPECT_EQ(2u, node.host.SentOf(PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST).size());
+    Take(part);
+    EXPECT_TRUE(node.host.m_vecSent.empty());
+}
+
+// The clients learn the new files in one 8056 that starts no upload; a file
+// whose folder could not be made is announced and kept in the catalogue
+// all the same, in a second series after the files that could.
+TEST_F(FileList, AnnouncesNewFilesToItsClientsAndThoseItCannotStoreInASeriesOfTheirOwn)
+{
+    env.FailAt(QB_EnvOp::MakeFolder, 1);
+    Take(Whole({PeerFile(1001, "f.bin", 5000, 5000, 3), PeerFile(1002, "f.bin", 5000, 5000, 3)}));
+    std::vector<std::vector<uint16_t>> vecSeries;
+    for (const ZV_SentPdu& sent : node.host.SentOf(PDU_CONF_FS_ADD_FILES_RESPONSE))
+    {
+        QB_ByteStream stream(sent.data.data(), (int32_t)sent.data.size());
+        ZV_AddFilesResponse answer;
+        answer.Load(stream);
+        EXPECT_EQ(0, answer.bStartUpload);
+        vecSeries.emplace_back(answer.arrFileID.GetData(), answer.arrFileID.GetData() + answer.arrFileID.GetSize());
+    }
+    EXPECT_EQ((std::vector<std::vector<uint16_t>>{{1002}, {1001}}), vecSeries);
+    ZV_FileUploadInfo row;
+    QB_StringW sSection;
+    EXPECT_TRUE(ZV_FileShareMgrPeer::Catalog(node.mgr).LoadFile(7, 1001, row, sSection));
+    EXPECT_EQ(1u, node.host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size()) << "no fetch for the file not stored";
+}
+
+// A new file never takes the name of one already in the store, and a FileID
+// the catalogue holds for another file loses the old bytes before the new
+// ones are fetched.
+TEST_F(FileList, KeepsEachStoredFileApartFromTheFilesAPeerLists)
+{
+    std::filesystem::create_directories(node.tmp.Sub("store/7"));
+    QB_WriteWholeFile(node.tmp.Sub("store/7/new.bin"), "not the peer's");
+    ASSERT_TRUE(ZV_FileShareMgrPeer::Catalog(node.mgr).SaveFile(7, PeerFile(1004, "old.bin", 8000, 8000, 3)));
+    QB_WriteWholeFile(node.tmp.Sub("store/7/old.bin"), ZV_TestBytes(8000, 4));
+    Take(Whole({PeerFile(1003, "new.bin", 5000, 5000, 3), PeerFile(1004, "old.bin", 5000, 5000, 3)}));
+    const Bytes vbMine = QB_ReadWholeFile(node.tmp.Sub("store/7/new.bin"));
+    EXPECT_EQ("not the peer's", std::string(vbMine.begin(), vbMine.end()));
+    ZV_FileUploadInfo row;
+    QB_StringW sSection;
+    ASSERT_TRUE(ZV_FileShareMgrPeer::Catalog(node.mgr).LoadFile(7, 1003, row, sSection));
+    EXPECT_EQ(QB_StringU8("new(1).bin"), row.m_sFileNewName);
+    EXPECT_FALSE(std::filesystem::exists(node.tmp.Sub("store/7/old.bin")));
+    EXPECT_EQ(2u, node.host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size());
+
+    // The same file under another stored name at the peer keeps this
+    // server's name.
+    ZV_FileUploadInfo kept = PeerFile(1005, "song.bin", 5000, 5000, 3);
+    kept.SetFileNewName(QB_StringU8("song(2).bin"));
+    ASSERT_TRUE(ZV_FileShareMgrPeer::Catalog(node.mgr).SaveFile(7, kept));
+    QB_WriteWholeFile(node.tmp.Sub("store/7/song(2).bin"), ZV_TestBytes(5000, 5));
+    Take(Whole({PeerFile(1005, "song.bin", 5000, 5000, 3)}));
+    ASSERT_TRUE(ZV_FileShareMgrPeer::Catalog(node.mgr).LoadFile(7, 1005, row, sSection));
+    EXPECT_EQ(QB_StringU8("song(2).bin"), row.m_sFileNewName);
+    EXPECT_TRUE(node.host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).empty()) << "the stored file is whole";
+}
+
+// A record of a downloader this server already lists changes nothing; a
+// new one is entered resting.
+TEST_F(FileList, TakesOnlyTheRecordsOfDownloadersItDidNotKnow)
+{
+    Take(Whole({PeerFile(1001, "whole.bin", 5000, 5000, 3)}));
+    ZV_FileListResponse records;
+    records.sender = kPeer;
+    records.bUploadList = 0;
+    ZV_FileDownloadInfo record;
+    record.SetFileID(1001);
+    record.SetUserID(kBob);
+    record.SetDownloadPos(1000);
+    record.SetActive(true);
+    records.arrDownload.Add(record);
+    node.host.AddUser(kBob, kSelf.m_ulMain, "Bob");
+    node.host.m_mapUserConn[{kBob.m_ulMain, kBob.m_ulSub}] = 77;
+    Take(records);
+    const ZV_FileDownloadInfo* pEntry = Session(1001)->FindDownloadEntry(kBob);
+    ASSERT_NE(nullptr, pEntry);
+    EXPECT_EQ(1000u, pEntry->m_ulDownloadPos);
+    EXPECT_FALSE(pEntry->m_bActive);
+    // Bob, homed here, hears of it in a download list of that one record.
+    const auto vecTold = node.host.SentOf(PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE);
+    ASSERT_EQ(1u, vecTold.size());
+    EXPECT_EQ(77u, vecTold[0].ulConn);
+    QB_ByteStream stream(vecTold[0].data.data(), (int32_t)vecTold[0].data.size());
+    ZV_DownloadListResponse told;
+    told.Load(stream);
+    EXPECT_EQ(kBob, told.user);
+    ASSERT_EQ(1, told.arrInfo.GetSize());
+    EXPECT_EQ(1001, told.arrInfo[0].m_usFileID);
+    EXPECT_EQ(1000u, told.arrInfo[0].m_ulDownloadPos);
+    EXPECT_FALSE(told.arrModify[0]) << "the file is the one the record began with";
+
+    records.arrDownload[0].SetDownloadPos(4000);
+    Take(records);
+    EXPECT_EQ(1000u, Session(1001)->FindDownloadEntry(kBob)->m_ulDownloadPos);
+    EXPECT_TRUE(node.host.SentOf(PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE).empty());
+}

@@ -1,0 +1,124 @@
+// The client's record of what its user shared: it must outlive the run, hold
+// the file only as it was shared, and shrug off a damaged file.
+#include "QB_FaultEnv.h"
+#include "QB_TestSupport.h"
+#include "records/ZV_ShareLedger.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+
+namespace {
+
+ZV_FileBriefInfo Shared(const char* pszName = "report.pdf")
+{
+    ZV_FileBriefInfo brief;
+    brief.SetFilePath(QB_StringU8("C:\\Users\\ann\\"));
+    brief.SetFileOldName(QB_StringU8(pszName));
+    brief.SetFileLenth(40000);
+    QB_DateTimeEx dt;
+    dt.SetDateTime(2026, 11, 23, 21, 0, 5, 0);
+    brief.SetModifyTime(dt);
+    return brief;
+}
+
+class ShareLedger : public ::testing::Test
+{
+protected:
+    ShareLedger() { QB_SetEnvironmentVariable("ROOMCRATE_HOME", m_home.Path().c_str()); }
+    ~ShareLedger() override { QB_SetEnvironmentVariable("ROOMCRATE_HOME", nullptr); }
+
+    QB_TempFolder m_home;
+    QB_FaultEnv m_env;
+    QB_ScopedEnv m_scope{&m_env};
+};
+
+} // namespace
+
+TEST_F(ShareLedger, HoldsAFileSharedInAnEarlierRunOnlyAsItWasSharedInItsConference)
+{
+    ASSERT_TRUE(ZV_ShareLedger().Remember(7, Shared()));
+    ZV_FileBriefInfo grown = Shared(), touched = Shared(), moved = Shared();
+    grown.SetFileLenth(0xFFFFFFFFu);
+    QB_DateTimeEx dt;
+    dt.SetDateTime(2026, 11, 23, 21, 0, 6, 0);
+    touched.SetModifyTime(dt);
+    moved.SetFilePath(QB_StringU8("C:\\Users\\ann\\x\\..\\"));
+    struct { const char* szName; uint32_t ulConfID; ZV_FileBriefInfo brief; bool bHeld; } aCases[] = {
+        {"as shared", 7, Shared(), true},
+        {"in another conference", 8, Shared(), false},
+        {"another length", 7, grown, false},
+        {"another last-write second", 7, touched, false},
+        {"the same file by another path", 7, moved, false},
+        {"a file never shared", 7, Shared("secret.txt"), false}};
+    ZV_ShareLedger later;
+    for (const auto& c : aCases)
+        EXPECT_EQ(c.bHeld, later.Holds(c.ulConfID, c.brief)) << c.szName;
+}
+
+TEST_F(ShareLedger, ADamagedRecordCountsAsEmptyAndAFailedSaveHoldsForThisRunOnly)
+{
+    const std::string sLedger = m_home.Sub("fsshared.ini");
+    for (const std::string& sDamage : {std::string("\xFF\xFE[S1]\r\nConfID=7", 16), std::string("[S1\r\n\0=\r\n;", 11),
+                                       std::string("\xFF\xFE\x01", 3)})
+    {
+        QB_WriteWholeFile(sLedger, sDamage);
+        ZV_ShareLedger ledger;
+        EXPECT_FALSE(ledger.Holds(7, Shared()));
+        EXPECT_TRUE(ledger.Remember(7, Shared()));
+        EXPECT_TRUE(ZV_ShareLedger().Holds(7, Shared()));
+    }
+    // Nothing reaches the disk: neither the journal nor the whole file.
+    ZV_ShareLedger ledger;
+    m_env.FailAt(QB_EnvOp::Write, 1, true);
+    EXPECT_FALSE(ledger.Remember(7, Shared("new.txt")));
+    m_env.ClearFaults();
+    EXPECT_TRUE(ledger.Holds(7, Shared("new.txt")));
+    EXPECT_FALSE(ZV_ShareLedger().Holds(7, Shared("new.txt")));
+    EXPECT_TRUE(ZV_ShareLedger().Holds(7, Shared()));
+
+    // A download target under a number no FileID has is no target at all.
+    QB_WriteWholeFile(sLedger, "[D1]\r\nConfID=7\r\nFileID=65536\r\nTarget=C:\\a.bin\r\n"
+                               "[D2]\r\nConfID=7\r\nFileID=65535\r\nTarget=C:\\b.bin\r\n");
+    EXPECT_FALSE(ZV_ShareLedger().HoldsDownload(7, 0, QB_StringU8("C:\\a.bin")));
+    EXPECT_TRUE(ZV_ShareLedger().HoldsDownload(7, 65535, QB_StringU8("C:\\b.bin")));
+
+    // A record that cannot be opened holds nothing, and the day's log says so.
+    std::filesystem::create_directories(m_home.Sub("log"));
+    m_env.FailAt(QB_EnvOp::Open, 1);
+    EXPECT_FALSE(ZV_ShareLedger().Holds(7, Shared()));
+    m_env.ClearFaults();
+    EXPECT_EQ(1u, QB_CountInFiles(m_home.Sub("log"), "ZV_ShareLedger::Load failed.\r\n"));
+}
+
+// A download target outlives the run until the user gives the download up;
+// rows of both kinds, written in several runs, never take each other's
+// place.
+TEST_F(ShareLedger, KeepsEachRowOfBothKindsAcrossRunsUntilTheDownloadIsGivenUp)
+{
+    const QB_StringU8 sTarget("C:\\Users\\ann\\Downloads\\report.pdf");
+    {
+        ZV_ShareLedger ledger;
+        for (int i = 0; i < 12; ++i)
+            ASSERT_TRUE(ledger.Remember(7, Shared(("f" + std::to_string(i) + ".bin").c_str())));
+        ASSERT_TRUE(ledger.RememberDownload(7, 42, sTarget));
+    }
+    ASSERT_TRUE(ZV_ShareLedger().Remember(7, Shared("late.bin")));
+    ASSERT_TRUE(ZV_ShareLedger().RememberDownload(7, 43, QB_StringU8("C:\\d\\x.bin")));
+    ZV_ShareLedger later;
+    for (int i = 0; i < 12; ++i)
+        EXPECT_TRUE(later.Holds(7, Shared(("f" + std::to_string(i) + ".bin").c_str()))) << i;
+    EXPECT_TRUE(later.Holds(7, Shared("late.bin")));
+    EXPECT_TRUE(later.HoldsDownload(7, 42, sTarget));
+    EXPECT_TRUE(later.HoldsDownload(7, 43, QB_StringU8("C:\\d\\x.bin")));
+    EXPECT_FALSE(later.HoldsDownload(8, 42, sTarget)) << "another conference";
+    EXPECT_FALSE(later.HoldsDownload(7, 44, sTarget)) << "another FileID";
+    EXPECT_FALSE(later.HoldsDownload(7, 42, QB_StringU8("C:\\Users\\ann\\.profile"))) << "another path";
+    ASSERT_TRUE(later.ForgetDownload(7, 42));
+    EXPECT_FALSE(ZV_ShareLedger().HoldsDownload(7, 42, sTarget));
+    EXPECT_TRUE(ZV_ShareLedger().HoldsDownload(7, 43, QB_StringU8("C:\\d\\x.bin")));
+    // Given up as the first thing of a run, too.
+    ASSERT_TRUE(ZV_ShareLedger().ForgetDownload(7, 43));
+    EXPECT_FALSE(ZV_ShareLedger().HoldsDownload(7, 43, QB_StringU8("C:\\d\\x.bin")));
+}

@@ -1,0 +1,322 @@
+// The upload road on one manager: the creator's pump and start, the server's
+// writes at its write position, against a recording host and a file system
+// that fails on demand.
+#include "ZV_FileShareSessionPeer.h"
+#include "core/ZV_FileShareMgr.h"
+#include "ZV_FileShareMgrPeer.h"
+#include "core/ZV_FileShareSession.h"
+#include "lists/ZV_ListPdu.h"
+#include "control/ZV_ControlPdu.h"
+#include "wire/ZV_PduFrame.h"
+#include "ZV_RecordingHost.h"
+
+#include "QB_FaultEnv.h"
+#include "QB_TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+const QB_UserID kAlice(10001, 0);  // the creator: commands on 11, data on 12
+const QB_UserID kBob(10002, 0);
+
+using Pdu = ZV_Pdu;
+
+Bytes Slice(const Bytes& data, size_t nPos, size_t nLen)
+{
+    return Bytes(data.begin() + nPos, data.begin() + std::min(data.size(), nPos + nLen));
+}
+// The payloads of all PDUs sent, or of all events raised, end to end.
+template <class T> Bytes Joined(const std::vector<T>& vec)
+{
+    Bytes all;
+    for (const auto& item : vec)
+        all.insert(all.end(), item.data.begin(), item.data.end());
+    return all;
+}
+
+// 8005 with a data block, and 8006, as the wire has them.
+Bytes Block(uint32_t ulPos, const Bytes& data, const QB_UserID& user = kAlice)
+{
+    return Pdu().U16(5).User(user).U32(0).U8(0).U32((uint32_t)data.size()).U32(ulPos).Data(data).b;
+}
+Bytes Answer(uint32_t ulResult, uint32_t ulPos, const QB_UserID& user = kAlice)
+{
+    return Pdu().U16(5).U32(ulResult).U16(5).User(user).U32(0).U32(ulPos).b;
+}
+
+struct UploadFixture : public ::testing::Test
+{
+    QB_FaultEnv env;
+    QB_ScopedEnv scoped{&env};
+    QB_TempFolder tmp;
+    ZV_RecordingHost host;
+    ZV_FileShareMgr mgr;
+    ZV_FileShareSession* lpSession = nullptr;
+    Bytes data;
+
+    UploadFixture() { QB_SetEnvironmentVariable("ROOMCRATE_HOME", tmp.Path().c_str()); }
+    ~UploadFixture() override { QB_SetEnvironmentVariable("ROOMCRATE_HOME", nullptr); }
+
+    // Alice's "song.ogg" of nSize bytes as FileID 5: on a client her local
+    // file, opened as the add leaves it; on a server the store, not yet made.
+    void Make(bool bServer, size_t nSize)
+    {
+        host.m_vecSent.clear();
+        host.m_vecEvents.clear();
+        host.Attach(&mgr);
+        host.m_bServer = bServer;
+        env.ClearFaults();
+        env.SetTimeT(1300260108);
+        std::filesystem::create_directories(tmp.Sub("log"));
+        std::filesystem::create_directories(tmp.Sub("7"));
+        data = ZV_TestBytes(nSize, (unsigned)nSize);
+        lpSession = &ZV_FileShareMgrPeer::Adopt(mgr, 5, QB_StringA(tmp.PathW()).GetString());
+        ZV_FileShareSessionPeer::FileID(*lpSession) = 5;
+        ZV_FileShareSessionPeer::BriefInfo(*lpSession).SetCreatorID(kAlice);
+        ZV_FileShareSessionPeer::BriefInfo(*lpSession).SetFileLenth((uint32_t)nSize);
+        ZV_FileShareSessionPeer::FileInfo(*lpSession).SetBriefInfo(ZV_FileShareSessionPeer::BriefInfo(*lpSession));
+        ZV_FileShareSessionPeer::FileInfo(*lpSession).SetFileNewName(QB_StringU8("song.ogg"));
+        if (bServer)
+            return;
+        QB_WriteWholeFile(tmp.Sub("song.ogg"), data);
+        ZV_FileShareSessionPeer::File(*lpSession).Open(tmp.SubW("song.ogg"), QB_FILE_READ | QB_FILE_OPEN_EXISTING);
+    }
+    uint32_t Deliver(uint16_t usPdu, const Bytes& payload, const QB_UserID& peer = kAlice, uint32_t ulConn = 100024)
+    {
+        ConfPduData cpd{peer.m_ulMain, peer.m_ulSub, ulConn, 0, zvConfClientTypeData, usPdu, 0, 0, 0,
+                        (uint32_t)payload.size(), payload.data()};
+        return mgr.HandlePdu(&cpd);
+    }
+    // One call of the host for Alice's data link; the blocks it sent.
+    std::vector<ZV_SentPdu> OnSend()
+    {
+        host.m_vecSent.clear();
+        ConfPduData cpd{kAlice.m_ulMain, kAlice.m_ulSub, 12, 0, zvConfClientTypeData, 0, 0, 0, 0, 0, nullptr};
+        mgr.OnSend(&cpd);
+        return host.SentOf(PDU_CONF_FS_UPLOAD_REQUEST);
+    }
+    std::string ClientLog() const
+    {
+        const Bytes log = QB_ReadWholeFile(tmp.Sub("log/log_error_client.txt"));
+        return std::string(log.begin(), log.end());
+    }
+    uint32_t FsUpload(uint16_t usFileID) { return static_cast<IZV_FileShareMgr&>(mgr).FsUpload(usFileID); }
+    const ZV_FileBriefInfo& Row() const { return ZV_FileShareSessionPeer::FileInfo(*lpSession).m_BriefInfo; }
+    Bytes Stored() const { return QB_ReadWholeFile(tmp.Sub("7/song.ogg")); }
+};
+
+using Upload = UploadFixture;
+
+} // namespace
+
+TEST_F(Upload, FsUploadStartsThePumpWhichSendsThreeBlocksPerCallUntilTheSharedLength)
+{
+    // The last: a file that grew by 10000 bytes after it was shared.
+    struct { size_t nSize; std::vector<size_t> vecCalls; size_t nGrown; } aCases[] = {
+        {98305, {3, 1}, 0}, {32768, {1}, 0}, {0, {1}, 0}, {40000, {2}, 10000}};
+    for (const auto& c : aCases)
+    {
+        Make(false, c.nSize);
+        Bytes grown = data;
+        grown.resize(c.nSize + c.nGrown, 'g');
+        QB_WriteWholeFile(tmp.Sub("song.ogg"), grown);
+        ASSERT_EQ(0u, FsUpload(5));
+        ASSERT_EQ(2u, host.m_vecSent.size());
+        EXPECT_TRUE(host.m_vecSent[0].usPdu == PDU_CONF_FS_KICK && host.m_vecSent[0].ulConn == 12);
+        EXPECT_EQ(11u, host.m_vecSent[1].ulConn);
+        EXPECT_EQ(Pdu().U16(5).User(kAlice).U32(0).U8(1).b, host.m_vecSent[1].data) << "the start marker";
+        // 3008 with 0.0 percent, whose eight bytes are all zero.
+        EXPECT_EQ(Pdu().U16(zvFsEventUploadProgress).U32(0).U16(5).U32(0).U32(0).b, Joined(host.m_vecEvents));
+
+        uint32_t ulPos = 0;
+        for (size_t nBlocks : c.vecCalls)
+        {
+            EXPECT_EQ(zvFileStateUploading, ZV_FileShareSessionPeer::BriefInfo(*lpSession).m_usFileState) << c.nSize;
+            const auto vecBlocks = OnSend();
+            ASSERT_EQ(nBlocks, vecBlocks.size()) << c.nSize;
+            for (const auto& sent : vecBlocks)
+            {
+                EXPECT_EQ(12u, sent.ulConn);
+                EXPECT_EQ(Block(ulPos, Slice(data, ulPos, ZV_BLOCK_SIZE)), sent.data) << c.nSize << " at " << ulPos;
+                ulPos += (uint32_t)std::min<size_t>(ZV_BLOCK_SIZE, c.nSize - ulPos);
+            }
+        }
+        EXPECT_EQ(zvFileStateComplete, ZV_FileShareSessionPeer::BriefInfo(*lpSession).m_usFileState) << c.nSize;
+        EXPECT_TRUE(OnSend().empty()) << c.nSize << ": nothing after the last block";
+        EXPECT_TRUE(host.m_vecEvents.size() == 1 && ClientLog().empty()) << c.nSize;
+    }
+}
+
+TEST_F(Upload, FsUploadRefusesUnknownAndReservedFilesAndSendsTheStartMarkerEvenWithoutADataLink)
+{
+    Make(false, 10);
+    EXPECT_EQ(82u, FsUpload(6));
+    ZV_FileShareMgrPeer::Sessions(mgr).SetAt(6, nullptr);
+    EXPECT_EQ(83u, FsUpload(6));
+    EXPECT_EQ("2011-03-16 07:21:48 : ZV_FileShareMgr.FsUpload ret = 82\r\n", ClientLog()) << "no line for 83";
+    EXPECT_TRUE(host.m_vecSent.empty());
+
+    host.m_ulDataConn = zvConnNone;
+    EXPECT_EQ(0u, FsUpload(5));
+    ASSERT_EQ(1u, host.m_vecSent.size());
+    EXPECT_TRUE(host.m_vecSent[0].usPdu == PDU_CONF_FS_UPLOAD_REQUEST && host.m_vecSent[0].ulConn == 11);
+}
+
+TEST_F(Upload, ClientThatCannotReadItsFileFailsAndSaysSoUnlessTheServerHoldsItAll)
+{
+    struct { const char* szName; QB_EnvOp eFault; int nNth; size_t nShrunkTo; uint32_t ulMaxPos; uint32_t ulReadPos;
+             size_t nSent; } aCases[] = {
+        {"first read fails", QB_EnvOp::Read, 1, 98305, 0, 0, 0},
+        {"second read fails", QB_EnvOp::Read, 2, 98305, 0, 32768, 1},
+        {"file shrank since it was shared", QB_EnvOp::Count_, 0, 40000, 0, 40000, 2},
+        {"server has it all", QB_EnvOp::Read, 1, 98305, 98305, 0, 0}};
+    std::string sLog;
+    for (const auto& c : aCases)
+    {
+        Make(false, 98305);
+        data.resize(c.nShrunkTo);
+        QB_WriteWholeFile(tmp.Sub("song.ogg"), data);
+        ZV_FileShareSessionPeer::MaxPos(*lpSession) = c.ulMaxPos;
+        FsUpload(5);
+        host.m_vecEvents.clear();
+        if (c.eFault != QB_EnvOp::Count_)
+            env.FailAt(c.eFault, c.nNth);
+        const bool bReported = c.ulMaxPos == 0;
+        EXPECT_EQ(c.nSent, OnSend().size()) << c.szName;
+        // With every byte at the server the upload is simply over.
+        EXPECT_EQ(bReported ? zvFileStateFailed : zvFileStateComplete,
+                  ZV_FileShareSessionPeer::BriefInfo(*lpSession).m_usFileState)
+            << c.szName;
+        EXPECT_EQ(bReported ? Pdu().U16(5).User(kAlice).U32(0).U32(c.ulReadPos).b : Bytes(),
+                  Joined(host.SentOf(PDU_CONF_FS_UPLOAD_ERROR_REQUEST))) << c.szName << ": 8035";
+        EXPECT_EQ(bReported ? Pdu().U16(zvFsEventTransferError).U32(61).U16(5).b : Bytes(), Joined(host.m_vecEvents))
+            << c.szName;
+        sLog += bReported ? "2011-03-16 07:21:48 : ZV_FileShareMgr.OnSend ret = 61 \r\n" : "";
+        EXPECT_EQ(sLog, ClientLog()) << c.szName;
+    }
+}
+
+TEST_F(Upload, ServerTakesTheStartMarkerThenWritesOnlyAtItsWritePositionAsksOnceAcrossAGapAndFinishes)
+{
+    Make(true, 98305);
+    host.m_bHasServerLinks = true;
+    EXPECT_EQ(0u, Deliver(PDU_CONF_FS_UPLOAD_REQUEST, Pdu().U16(5).User(kAlice).U32(0).U8(1).b));
+    EXPECT_EQ(0u, Deliver(PDU_CONF_FS_UPLOAD_REQUEST, Pdu().U16(5).User(kAlice).U32(100).U8(1).b, QB_UserID(2, 0)));
+    EXPECT_EQ(zvFileStateUploading, Row().m_usFileState);
+    ASSERT_EQ(1u, host.m_vecSent.size()) << "the start marker goes on to the servers once";
+    EXPECT_EQ(Pdu().U16(7).U16(5).User(kAlice).U32(100).U8(1).b, host.m_vecSent[0].data);
+    EXPECT_EQ("servers", host.m_vecSent[0].sRoute);
+
+    struct { const char* szName; uint32_t ulPos; uint32_t ulWritePos; size_t nAnswers; } aSteps[] = {
+        {"first", 0, 32768, 0}, {"duplicate", 0, 32768, 0}, {"gap", 65536, 32768, 1},
+        {"behind the gap", 98304, 32768, 1}, {"at the position", 32768, 65536, 1},
+        {"next", 65536, 98304, 1}, {"last", 98304, 98305, 1}};
+    for (const auto& s : aSteps)
+    {
+        EXPECT_EQ(0u, Deliver(PDU_CONF_FS_UPLOAD_REQUEST, Block(s.ulPos, Slice(data, s.ulPos, ZV_BLOCK_SIZE))));
+        EXPECT_EQ(s.ulWritePos, ZV_FileShareSessionPeer::FileInfo(*lpSession).m_ulFileWritePos) << s.szName;
+        EXPECT_EQ(s.nAnswers, host.SentOf(PDU_CONF_FS_UPLOAD_RESPONSE).size()) << s.szName;
+        EXPECT_EQ(Slice(data, 0, s.ulWritePos), Stored()) << s.szName;
+    }
+    EXPECT_EQ(Answer(0, 32768), host.SentOf(PDU_CONF_FS_UPLOAD_RESPONSE)[0].data);
+    EXPECT_EQ(100024u, host.SentOf(PDU_CONF_FS_UPLOAD_RESPONSE)[0].ulConn);
+    EXPECT_EQ(zvFileStateComplete, Row().m_usFileState);
+    // To the clients: uploading at the first block, complete at the last.
+    EXPECT_EQ((Bytes{1, 5, 0, 1, 0, 1, 1, 5, 0, 3, 0, 1}), Joined(host.SentOf(PDU_CONF_FS_FILE_STATE_NOTICE)));
+    EXPECT_EQ("group", host.SentOf(PDU_CONF_FS_FILE_STATE_NOTICE)[0].sRoute);
+    EXPECT_EQ(Pdu().U16(7).U16(5).User(QB_UserID(1, 0)).U32(101).b,
+              Joined(host.SentOf(PDU_CONF_FS_UPLOAD_FINISH_Response)));
+    EXPECT_EQ(4u, host.SentOf(PDU_CONF_FS_PROGRESSING_RESPONSE).size()) << "one per block that moved the position";
+}
+
+TEST_F(Upload, ServerRefusesABlockItCannotTakeAndTheNextBlockShowsWhatItRemembers)
+{
+    struct { const char* szName; QB_UserID sender; size_t nLen; QB_EnvOp eFault; uint32_t ulResult; uint32_t ulNextPos;
+             size_t nNextAnswers; uint32_t ulWritePos; } aCases[] = {
+        {"not the creator", kBob, 100, QB_EnvOp::Count_, 40, 0, 1, 0},
+        {"longer than a block", kAlice, 32769, QB_EnvOp::Count_, 61, 32768, 0, 0},
+        {"store not opened", kAlice, 100, QB_EnvOp::Open, 60, 0, 0, 100},
+        {"write fails", kAlice, 100, QB_EnvOp::Write, 61, 32768, 0, 0}};
+    for (const auto& c : aCases)
+    {
+        std::filesystem::remove_all(tmp.Sub("7"));
+        Make(true, 98305);
+        if (c.eFault != QB_EnvOp::Count_)
+            env.FailAt(c.eFault, 1);
+        Deliver(PDU_CONF_FS_UPLOAD_REQUEST, Block(0, ZV_TestBytes(c.nLen, 9), c.sender), c.sender);
+        EXPECT_EQ(Answer(c.ulResult, 0, c.sender), Joined(host.SentOf(PDU_CONF_FS_UPLOAD_RESPONSE))) << c.szName;
+        EXPECT_EQ(zvFileStateFailed, Row().m_usFileState) << c.szName;
+        EXPECT_EQ(0u, Stored().size()) << c.szName;
+
+        Deliver(PDU_CONF_FS_UPLOAD_REQUEST, Block(c.ulNextPos, Slice(data, c.ulNextPos, 100), c.sender), c.sender);
+        EXPECT_EQ(1 + c.nNextAnswers, host.SentOf(PDU_CONF_FS_UPLOAD_RESPONSE).size()) << c.szName;
+        EXPECT_EQ(c.ulWritePos, ZV_FileShareSessionPeer::FileInfo(*lpSession).m_ulFileWritePos) << c.szName;
+        EXPECT_EQ(Slice(data, 0, c.ulWritePos), Stored()) << c.szName;
+    }
+}
+
+TEST_F(Upload, StateNoticeRaisesOneTransferStateEventPerFileAndIgnoresATruncatedOne)
+{
+    Make(false, 10);
+    EXPECT_EQ(0u, Deliver(PDU_CONF_FS_FILE_STATE_NOTICE, Pdu().U8(2).U16(5).U16(300).U16(4).U8(1).b));
+    EXPECT_EQ(5u, Deliver(PDU_CONF_FS_FILE_STATE_NOTICE, Pdu().U8(2).U16(5).U16(300).U16(4).b));
+    ASSERT_EQ(2u, host.m_vecEvents.size());
+    EXPECT_EQ(Pdu().U16(zvFsEventTransferState).U32(0).U8(1).U16(5).U16(4).b, host.m_vecEvents[0].data);
+    EXPECT_EQ(Pdu().U16(zvFsEventTransferState).U32(0).U8(1).U16(300).U16(4).b, host.m_vecEvents[1].data);
+}
+
+// The server's list wins, except where the creator's own client is ahead of
+// it on whether its upload runs.
+TEST_F(Upload, TheCreatorsClientKeepsItsOwnRunOrStopAgainstTheServersListAndTellsTheServerOfAStop)
+{
+    struct
+    {
+        const char* pszName;
+        uint16_t usLocal, usServer, usAfter;
+        bool bStopSent;
+    } aCases[] = {
+        {"complete here, running there: takes the server's state", 3, 1, 1, false},
+        {"failed here, running there: runs again", 4, 1, 1, false},
+        {"running here, stopped there: keeps running", 1, 2, 1, false},
+        {"the same on both sides", 2, 2, 2, false},
+        {"stopped here, running there: stays stopped and says so", 2, 1, 2, true},
+    };
+    for (const auto& c : aCases)
+    {
+        SCOPED_TRACE(c.pszName);
+        Make(false, 100000);
+        host.AddUser(kAlice, host.m_ulServerID, "Alice");
+        ZV_FileShareSessionPeer::BriefInfo(*lpSession).SetFileState(c.usLocal);
+        ZV_UploadListResponse list;
+        ZV_FileUploadInfo entry;
+        entry.SetFileID(5);
+        entry.SetFileWritePos(40000);
+        ZV_FileBriefInfo brief = ZV_FileShareSessionPeer::BriefInfo(*lpSession);
+        brief.SetFileState(c.usServer);
+        entry.SetBriefInfo(brief);
+        list.arrInfo.Add(entry);
+        list.arrMaxPos.Add(40000);
+        ZV_PduBuffer pdu;
+        list.Save(pdu.Stream());
+        const Bytes payload(pdu.Payload(), pdu.Payload() + pdu.PayloadLength());
+        ConfPduData cpd{0, 0, 11, 0, zvConfClientTypeCommand, PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE, 0, 0, 0,
+                        (uint32_t)payload.size(), payload.data()};
+        mgr.HandlePdu(&cpd);
+
+        ZV_FsFileInfo info{};
+        ASSERT_EQ(0u, static_cast<IZV_FileShareMgr&>(mgr).FsGetFileInfoByFileID(5, &info));
+        EXPECT_EQ(c.usAfter, info.usFileState);
+        const auto vecStop = host.SentOf(PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST);
+        ASSERT_EQ(c.bStopSent ? 1u : 0u, vecStop.size());
+        if (c.bStopSent)
+        {
+            // Flood number 0, for the server to fill in.
+            EXPECT_EQ(Pdu().U16(5).User(kAlice).U32(0).U8(1).U32(40000).b, vecStop[0].data);
+        }
+    }
+}
