@@ -342,14 +342,19 @@ bool QB_IniJournal::Commit()
         return m_IniFile.Flush();
     if (m_vecPending.empty() && !m_bBroken)
         return true;
-    if (!m_bBroken && Append(EncodePending()))
+    bool bDone = !m_bBroken && Append(EncodePending());
+    if (bDone)
     {
         m_vecPending.clear();
         if (m_ulEnd >= m_ulRewriteAt)
             Rewrite();  // the changes are durable already; this only bounds the journal
-        return true;
     }
-    return Rewrite();
+    else
+        bDone = Rewrite();
+    // No handle is held between commits: an open costs little beside the
+    // sync, and the owner's files stay closed while nothing is saved.
+    m_File.Close();
+    return bDone;
 }
 
 // The pending changes as one record, so that a commit is replayed whole
@@ -407,6 +412,7 @@ bool QB_IniJournal::Rewrite()
     if (m_ulEnd == 0 && !m_bTornTail && !m_bBroken)
         return true;
     const bool bCut = OpenForAppend() && m_File.Seek(0, QB_SEEK_BEGIN) == 0 && m_File.SetEnd();
+    m_File.Close();
     m_ulEnd = 0;
     m_bTornTail = !bCut;
     m_bBroken = false;
@@ -428,7 +434,9 @@ bool QB_IniJournal::OpenForAppend()
 {
     if (m_File.IsOpen())
         return true;
-    m_bNameDurable = QB_GetEnv()->GetFileAttributes(std::u16string(m_sJournalPath.View())) != QB_ATTR_INVALID;
+    // A name made now, or made before and not yet synced, is synced with the next append.
+    if (QB_GetEnv()->GetFileAttributes(std::u16string(m_sJournalPath.View())) == QB_ATTR_INVALID)
+        m_bNameDurable = false;
     return m_File.Open(m_sJournalPath, QB_FILE_READWRITE | QB_FILE_OPEN_ALWAYS | QB_FILE_NO_LINK);
 }
 
