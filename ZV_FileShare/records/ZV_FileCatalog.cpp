@@ -79,7 +79,11 @@ int ZV_FileCatalog::Open()
         QB_StringW sPath = Wide(sFolder) + u"fsinfo.ini";
         m_bRowIndexValid = false;
         m_bOpened = true;
-        return m_Journal.Open(sPath, true) ? zvCatalogOpened : zvCatalogNotOpened;
+        if (!m_Journal.Open(sPath, true))
+            return zvCatalogNotOpened;
+        // Built now, so that the first save does not pay for every row.
+        BuildRowIndex();
+        return zvCatalogOpened;
     }
     catch (...)
     {

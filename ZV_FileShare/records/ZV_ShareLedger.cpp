@@ -112,6 +112,12 @@ void ZV_ShareLedger::LoadRow(const QB_StringW& sSection)
     m_mapRows[KeyOf((uint32_t)nConfID, QB_StringU8(sPath))] = row;
 }
 
+void ZV_ShareLedger::Preload()
+{
+    QB_Lock lock(&m_Lock);
+    Load(false);
+}
+
 bool ZV_ShareLedger::Remember(uint32_t ulConfID, const ZV_FileBriefInfo& brief)
 {
     QB_Lock lock(&m_Lock);

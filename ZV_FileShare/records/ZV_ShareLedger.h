@@ -34,6 +34,8 @@ public:
     bool Remember(uint32_t ulConfID, const ZV_FileBriefInfo& brief);
     // The same for a batch, with one save: each save syncs the whole file.
     bool Remember(uint32_t ulConfID, const QB_Array<ZV_FileBriefInfo>& arrInfo);
+    // Reads the record if there is one, as the first look-up would.
+    void Preload();
     // Folds the journal into the file once changes have stopped for a while.
     void OnTimer();
     // Whether the user shared this very file: same path, length and
