@@ -451,7 +451,7 @@ bool QB_IniJournal::Append(const std::string& sBytes)
     if (m_ulEnd < kHeadSize)
     {
         m_ulEnd = 0;
-        m_bTornTail = true;  // a head cut short, or none
+        m_bTornTail = m_File.GetLength() != 0;  // a head cut short; a new journal has nothing to cut
         sWrite.assign(kMagic, kHeadSize);
     }
     sWrite += sBytes;
