@@ -167,6 +167,9 @@ private:
     // while the conference goes on: session, file and catalogue row.
     void RemoveStoredFile(uint16_t usFileID, ZV_FileShareSession* lpFsSession, const QB_UserID* lpUser,
                           uint32_t ulFloodSeq);
+    // Initialize with "RestoreCatalog" set: the catalogue's rows of this
+    // conference as sessions again.
+    void RestoreStoredFiles();
     uint32_t SendDelUploadResponse(uint32_t ulConn, uint16_t usFileID, uint32_t ulResult, uint16_t usFileID2,
                                    const QB_UserID* lpUser, uint32_t ulFloodSeq, bool bToAll);
     // ZV_FileShareMgr_Add.cpp: one file.

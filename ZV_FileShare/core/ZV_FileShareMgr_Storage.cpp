@@ -59,12 +59,59 @@ uint32_t ZV_FileShareMgr::Initialize()
             m_strPath += '\\';
         m_Catalog.Open();
         m_Catalog.SetRootPath(m_strPath);
+        if (iniFile.GetLong(QB_StringA("FileShare"), QB_StringA("RestoreCatalog"), 0) != 0)
+        {
+            m_Catalog.SetKeepRights(true);
+            RestoreStoredFiles();
+        }
     }
     catch (...)
     {
         QB_WriteLog(QB_LOG_DAILY, "error", "ZV_FileShareMgr::Initialize() exception.\r\n");
     }
     return zvResultOk;
+}
+
+// A lone server learns its live files only from the lists of linked
+// servers, so after a restart it would hide every stored file, and the
+// clients that come back would drop their partial downloads on its upload
+// list. With "RestoreCatalog" set the server takes its catalogue's rows of
+// this conference back as sessions, each measured against its stored file:
+// a whole file is complete, a short one is arriving from where its bytes
+// end, and a row whose file is gone is dropped, since nothing could serve
+// it; one whose file is there but would not open stays for the next start.
+// Each restored file is set against the first list of a linked server
+// all the same, as after the loss of a server link.
+void ZV_FileShareMgr::RestoreStoredFiles()
+{
+    const uint16_t usConfID = (uint16_t)m_lpConf->GetConfID();
+    QB_Array<ZV_FileUploadInfo> arrRow;
+    QB_Array<QB_StringW> arrSection;
+    m_Catalog.LoadConf(usConfID, arrRow, arrSection);
+    QB_Array<ZV_FileUploadInfo> arrKept;
+    QB_Array<QB_StringW> arrKeptSection;
+    for (int i = 0; i < arrRow.GetSize(); ++i)
+    {
+        const uint16_t usFileID = arrRow[i].m_usFileID;
+        ZV_FileShareSession* lpExisting = nullptr;
+        if (usFileID == ZV_NO_FILEID || m_mapSession.Lookup(usFileID, lpExisting))
+            continue;
+        std::unique_ptr<ZV_FileShareSession> lpNew = MakeSession();
+        if (!lpNew->RestoreStoredFile(arrRow[i]))
+        {
+            const QB_StringA sName(arrRow[i].m_sFileNewName);
+            const QB_StringW sPath = lpNew->GetConfDir() + QB_StringW(sName);
+            const std::u16string sStd(sPath.GetString(), (size_t)sPath.GetLength());
+            if (!ZV_FileCatalog::IsPlainFileName(sName) || QB_GetEnv()->GetFileAttributes(sStd) == QB_ATTR_INVALID)
+                m_Catalog.DeleteFile(usConfID, usFileID);
+            continue;
+        }
+        arrKept.Add(lpNew->FileInfo());
+        arrKeptSection.Add(arrSection[i]);
+        ReplaceSession(usFileID, std::move(lpNew));
+    }
+    if (!arrKept.IsEmpty())
+        m_Catalog.SaveFiles(usConfID, arrKept, arrKeptSection);
 }
 
 void ZV_FileShareMgr::RemoveStoredFile(uint16_t usFileID, ZV_FileShareSession* lpFsSession, const QB_UserID* lpUser,

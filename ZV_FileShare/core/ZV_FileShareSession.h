@@ -253,6 +253,10 @@ public:
     // True once after each loss of a server command link: the file is to
     // be set against a peer's list again.
     bool MarkSynced();
+    // A catalogue row taken back at start ("RestoreCatalog"), measured
+    // against its stored file; false when the file is not there or the row
+    // names none.
+    bool RestoreStoredFile(const ZV_FileUploadInfo& row);
     // Closes the stored file and the fetched one.
     void CloseStoredFiles();
 

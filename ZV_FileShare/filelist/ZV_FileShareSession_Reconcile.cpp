@@ -7,10 +7,14 @@
 
 #include "QB_FileEx.h"
 
+#include <algorithm>
+
 namespace {
 
 // Read and write, created if missing, keeping what is there.
 constexpr uint32_t kOpenStored = QB_FILE_READWRITE | QB_FILE_OPEN_ALWAYS;
+// A stored file taken back at start must be there already.
+constexpr uint32_t kOpenRestored = QB_FILE_READWRITE | QB_FILE_OPEN_EXISTING;
 
 } // namespace
 
@@ -99,6 +103,31 @@ bool ZV_FileShareSession::MarkSynced()
     const bool bWasOut = !m_bSynced;
     m_bSynced = true;
     return bWasOut;
+}
+
+// The disk is the truth about how far a file came: a file as long as its
+// row is complete; a shorter one arrives from where it ends, and a stopped
+// one stays stopped. Bytes beyond the row's length are never served.
+bool ZV_FileShareSession::RestoreStoredFile(const ZV_FileUploadInfo& row)
+{
+    if (!ZV_FileCatalog::IsPlainFileName(QB_StringA(row.m_sFileNewName)) ||
+        !m_ServerFile.Open(GetConfDir() + QB_StringW(row.m_sFileNewName), kOpenRestored))
+        return false;
+    InitPeerFileInfo(row.m_usFileID, row);
+    ZV_FileBriefInfo brief = row.m_BriefInfo;
+    const uint32_t ulLength = std::min((uint32_t)m_ServerFile.GetLength(), brief.m_ulFileLenth);
+    m_bUploadDone = ulLength == brief.m_ulFileLenth;
+    if (m_bUploadDone)
+        brief.SetFileState(zvFileStateComplete);
+    else if (brief.m_usFileState != zvFileStateStopped)
+        brief.SetFileState(zvFileStateUploading);
+    m_FileInfo.SetBriefInfo(brief);
+    m_FileInfo.SetFileWritePos(ulLength);
+    m_BriefInfo = brief;
+    m_bStopUpload = brief.m_usFileState == zvFileStateStopped;
+    m_ulMaxPos = ulLength;
+    m_bSynced = false;
+    return true;
 }
 
 void ZV_FileShareSession::CloseStoredFiles()

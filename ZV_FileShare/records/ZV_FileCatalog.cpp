@@ -23,6 +23,9 @@ const char16_t kFileLenth[] = u"FileLenth";
 const char16_t kFilePath[] = u"FilePath";
 const char16_t kFileState[] = u"FileState";
 const char16_t kFileValidity[] = u"FileValidity";
+const char16_t kCreatorName[] = u"CreatorName";
+const char16_t kPublic[] = u"Public";
+const char16_t kRights[] = u"Rights";
 
 // 32 hex digits over the GUID's fields; the third field's digits are lower
 // case, as the catalogues already on disk have them. The first three fields
@@ -166,6 +169,30 @@ bool ZV_FileCatalog::LoadFile(uint16_t usConfID, uint16_t usFileID, ZV_FileUploa
     return true;
 }
 
+void ZV_FileCatalog::LoadConf(uint16_t usConfID, QB_Array<ZV_FileUploadInfo>& arrFileInfo,
+                              QB_Array<QB_StringW>& arrSection)
+{
+    QB_Lock lock(&m_Lock);
+    QB_Array<QB_StringW> arrNames;
+    m_Journal.Ini().GetSectionNames(arrNames);
+    for (int i = 0; i < arrNames.GetSize(); ++i)
+    {
+        const QB_StringW& sSection = arrNames[i];
+        if (GetLow16(sSection, kConfID) != usConfID)
+            continue;
+        ZV_FileUploadInfo fileInfo;
+        ZV_FileBriefInfo briefInfo;
+        fileInfo.SetFileID(GetLow16(sSection, kFileID));
+        fileInfo.SetFileNewName(GetText(sSection, kFileNewName));
+        fileInfo.SetFileWritePos((uint32_t)m_Journal.Ini().GetLong(sSection, kFileWritePos, 0));
+        ReadBrief(sSection, briefInfo);
+        ReadRights(sSection, briefInfo);
+        fileInfo.SetBriefInfo(briefInfo);
+        arrFileInfo.Add(fileInfo);
+        arrSection.Add(sSection);
+    }
+}
+
 bool ZV_FileCatalog::HasFile(uint16_t usConfID, uint16_t usFileID)
 {
     QB_Lock lock(&m_Lock);
@@ -280,6 +307,41 @@ void ZV_FileCatalog::WriteRow(const QB_StringW& sSection, const ZV_FileUploadInf
     SetText(sSection, kFilePath, briefInfo.m_sFilePath);
     m_Journal.SetLong(sSection, kFileState, briefInfo.m_usFileState);
     m_Journal.SetString(sSection, kFileValidity, QB_StringW(u"1"));
+    if (m_bKeepRights)
+        WriteRights(sSection, briefInfo);
+}
+
+// The users go as their text forms, one blank between two.
+void ZV_FileCatalog::WriteRights(const QB_StringW& sSection, const ZV_FileBriefInfo& briefInfo)
+{
+    std::string sRights;
+    for (int i = 0; i < briefInfo.m_arrRight.GetSize(); ++i)
+        sRights += (i > 0 ? " " : "") + briefInfo.m_arrRight[i].ToText();
+    SetText(sSection, kCreatorName, briefInfo.m_sCreatorName);
+    m_Journal.SetLong(sSection, kPublic, briefInfo.m_bPublic ? 1 : 0);
+    m_Journal.SetString(sSection, kRights, QB_StringW(QB_StringA(sRights.c_str())));
+}
+
+// A row written without its rights reads as a file for its creator alone:
+// nobody else is given a file on a guess. A user whose text does not parse
+// is left out.
+void ZV_FileCatalog::ReadRights(const QB_StringW& sSection, ZV_FileBriefInfo& briefInfo) const
+{
+    briefInfo.SetCreatorName(GetText(sSection, kCreatorName));
+    briefInfo.SetPublic(m_Journal.Ini().GetLong(sSection, kPublic, 0) != 0);
+    const std::string sRights = QB_StringA(m_Journal.Ini().GetString(sSection, kRights, QB_StringW())).GetString();
+    QB_Array<QB_UserID> arrRight;
+    for (size_t nFrom = 0; nFrom < sRights.size();)
+    {
+        size_t nEnd = sRights.find(' ', nFrom);
+        if (nEnd == std::string::npos)
+            nEnd = sRights.size();
+        QB_UserID user;
+        if (nEnd > nFrom && user.FromText(sRights.substr(nFrom, nEnd - nFrom).c_str()) != 0)
+            arrRight.Add(user);
+        nFrom = nEnd + 1;
+    }
+    briefInfo.SetRight(arrRight);
 }
 
 // Text setters refuse what is too long, and then the caller's field stays.

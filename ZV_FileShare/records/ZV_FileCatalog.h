@@ -68,6 +68,17 @@ public:
     // Drops every row of the conference and deletes their stored files.
     bool DeleteConf(uint32_t ulConfID);
 
+    // Rows that also keep who may have the file (the public flag, the list
+    // of users and the creator's name), for a server that takes its rows
+    // back as live files when it starts: without them every file it shows
+    // again would be its creator's alone. Off unless the server asks for it,
+    // so that a catalogue keeps its usual keys.
+    void SetKeepRights(bool bKeep) { m_bKeepRights = bKeep; }
+    bool KeepsRights() const { return m_bKeepRights; }
+    // Every row of the conference with its section, in the order of a walk
+    // of the sections, the kept rights included.
+    void LoadConf(uint16_t usConfID, QB_Array<ZV_FileUploadInfo>& arrFileInfo, QB_Array<QB_StringW>& arrSection);
+
     // A stored name that stays inside its conference's folder.
     static bool IsPlainFileName(const QB_StringA& sName);
 
@@ -85,6 +96,7 @@ private:
     mutable std::unordered_map<uint32_t, QB_StringW> m_mapRowByPair;
     mutable bool m_bRowIndexValid = false;
     bool m_bOpened = false;
+    bool m_bKeepRights = false;
 
     static uint32_t PairKey(uint16_t usConfID, uint16_t usFileID) { return (uint32_t)usConfID << 16 | usFileID; }
     bool Flush();
@@ -93,6 +105,8 @@ private:
     QB_StringW NewSection(uint32_t ulConfID, uint16_t usFileID);
     void WriteRow(const QB_StringW& sSection, const ZV_FileUploadInfo& fileInfo);
     void ReadBrief(const QB_StringW& sSection, ZV_FileBriefInfo& briefInfo) const;
+    void WriteRights(const QB_StringW& sSection, const ZV_FileBriefInfo& briefInfo);
+    void ReadRights(const QB_StringW& sSection, ZV_FileBriefInfo& briefInfo) const;
     void DeleteStoredFile(const QB_StringA& sFolder, const QB_StringA& sName) const;
     void SetText(const QB_StringW& sSection, const char16_t* pszKey, const QB_StringU8& sValue);
     QB_StringU8 GetText(const QB_StringW& sSection, const char16_t* pszKey) const;

@@ -3,6 +3,7 @@
 // moved to another server (8037), and the creator's change of the file's
 // rights (8003), which each server answers to all its clients with 8004.
 #include "core/ZV_FileShareSession.h"
+#include "records/ZV_FileCatalog.h"
 #include "rights/ZV_EntryPdu.h"
 #include "rights/ZV_RightsPdu.h"
 
@@ -104,10 +105,10 @@ uint32_t ZV_FileShareSession::HandleSetRightRequest(ConfPduData* lpCpd)
     return 0;
 }
 
-// Rights are not part of the catalogue, so nothing is saved. A user who lost
-// the file stops receiving at once, since the entry is gone. The entries of
-// linked servers stay: a relay serves users of its own, whom their server
-// judges by the same new list.
+// Rights are saved only by a catalogue that keeps them, one whose rows come
+// back as files at start. A user who lost the file stops receiving at once,
+// since the entry is gone. The entries of linked servers stay: a relay
+// serves users of its own, whom their server judges by the same new list.
 void ZV_FileShareSession::ApplyRights(uint8_t bPublic, const QB_Array<QB_UserID>& arrAdd,
                                       const QB_Array<QB_UserID>& arrRemove)
 {
@@ -116,6 +117,8 @@ void ZV_FileShareSession::ApplyRights(uint8_t bPublic, const QB_Array<QB_UserID>
     brief.SetRight(ZV_ChangeRights(brief.m_arrRight, bPublic != 0, arrAdd, arrRemove));
     brief.SetPublic(bPublic != 0);
     m_FileInfo.SetBriefInfo(brief);
+    if (m_lpMgr->Catalog().KeepsRights())
+        SaveToCatalog();
     for (QB_POSITION pos = m_mapDownload.GetStartPosition(); !bPublic && pos != nullptr;)
     {
         QB_UserID user;

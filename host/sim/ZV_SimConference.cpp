@@ -26,11 +26,11 @@ ZV_SimConference::ZV_SimConference(ZV_SimModuleApi api, ZV_SimOptions options)
       m_env(QB_GetEnv()),
       m_envInstalled(&m_env),
       m_api(std::move(api)),
-      m_network(&m_journal, m_options.nInFlightBound)
+      m_network(&m_journal, m_options.nInFlightBound),
+      m_timer(m_options.ulTimerPeriod)
 {
     m_journal.SetPayloadLimit(m_options.nJournalPayloadBytes);
     m_journal.SetEntryLimit(m_options.nJournalEntries);
-    m_ullNextTimer = m_options.ulTimerPeriod;
     SetElapsed(0);
     // Calls into the managers write the variable only when the folder
     // changes, so it must start from a value the simulator knows.

@@ -18,6 +18,7 @@
 #pragma once
 
 #include "QB_FaultEnv.h"
+#include "ZV_HostTimer.h"
 #include "ZV_SimHost.h"
 #include "ZV_SimJournal.h"
 #include "ZV_SimModuleApi.h"
@@ -167,8 +168,7 @@ private:
     std::vector<std::unique_ptr<ZV_SimMachine>> m_vecMachines;
     std::vector<std::unique_ptr<ZV_SimHost>> m_vecNodes;
     uint64_t m_ullElapsed = 0;
-    uint64_t m_ullNextTimer = 0;
-    uint32_t m_ulTimerCount = 0;
+    ZV_HostTimer m_timer;
     uint32_t m_ulLastFloodSeq = 0;
     std::string m_sError;
 };

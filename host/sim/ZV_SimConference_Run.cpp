@@ -92,19 +92,15 @@ bool ZV_SimConference::AdvanceTime(uint32_t ulMs)
 {
     if (!Run())
         return false;
-    uint64_t ullEnd = m_ullElapsed + ulMs;
-    while (m_options.ulTimerPeriod > 0 && m_ullNextTimer <= ullEnd)
-    {
-        SetElapsed(m_ullNextTimer);
-        m_ullNextTimer += m_options.ulTimerPeriod;
-        // A host's timer hands over a running count of its calls, not the
-        // clock: a module that works on every fifth call relies on it.
-        ++m_ulTimerCount;
+    const uint64_t ullEnd = m_ullElapsed + ulMs;
+    const bool bSettled = m_timer.RunUntil(ullEnd, [this](uint64_t ullDue, uint32_t ulTick) {
+        SetElapsed(ullDue);
         for (const auto& lpNode : m_vecNodes)
-            lpNode->DeliverTimer(m_ulTimerCount);
-        if (!Run())
-            return false;
-    }
+            lpNode->DeliverTimer(ulTick);
+        return Run();
+    });
+    if (!bSettled)
+        return false;
     SetElapsed(ullEnd);
     return true;
 }

@@ -1,54 +1,11 @@
 #include "ZV_SimHost.h"
 
-#include "QB_Env.h"
 #include "ZV_SimConference.h"
 #include "ZV_SimMachine.h"
-#include "ZV_SimModuleApi.h"
 
 #include <algorithm>
 
 namespace {
-
-constexpr const char* kHomeVariable = "ROOMCRATE_HOME";
-
-// The folder ROOMCRATE_HOME points at now, as PointHome last wrote it.
-std::string g_sCurrentHome;
-// The folder of the innermost call into a manager; null outside calls.
-const std::string* g_lpCallHome = nullptr;
-
-// The variable is written only when the folder changes: a run of calls
-// into one node costs no write at all, and a transfer that goes back and
-// forth between two nodes one write per call.
-void PointHomeIfChanged(const std::string& sHome)
-{
-    if (sHome != g_sCurrentHome)
-        ZV_SimHost::PointHome(sHome);
-}
-
-// Every call into a manager runs inside one of these. Calls nest when a
-// user-side callback calls into another node's manager, so the caller's
-// folder is put back at the end of an inner call; after the outermost call
-// the folder stays, since nothing of the module runs until the next one.
-class HomeScope
-{
-public:
-    explicit HomeScope(const std::string& sHome) : m_lpPrevious(g_lpCallHome)
-    {
-        g_lpCallHome = &sHome;
-        PointHomeIfChanged(sHome);
-    }
-    ~HomeScope()
-    {
-        g_lpCallHome = m_lpPrevious;
-        if (m_lpPrevious)
-            PointHomeIfChanged(*m_lpPrevious);
-    }
-    HomeScope(const HomeScope&) = delete;
-    HomeScope& operator=(const HomeScope&) = delete;
-
-private:
-    const std::string* m_lpPrevious;
-};
 
 std::string NodeName(const ZV_SimMachine* lpMachine, uint32_t ulConfID)
 {
@@ -57,28 +14,15 @@ std::string NodeName(const ZV_SimMachine* lpMachine, uint32_t ulConfID)
 
 }  // namespace
 
-void ZV_SimHost::PointHome(const std::string& sHome)
-{
-    g_sCurrentHome = sHome;
-    QB_SetEnvironmentVariable(kHomeVariable, sHome.empty() ? nullptr : sHome.c_str());
-}
-
 ZV_SimHost::ZV_SimHost(ZV_SimConference* lpWorld, uint32_t nIndex, ZV_SimMachine* lpMachine, uint32_t ulConfID,
                        const ZV_SimUser* lpUser, std::string sHome)
-    : m_lpWorld(lpWorld),
+    : ZV_HostNode(ulConfID, lpUser ? lpUser->id : lpMachine->GetID(), lpMachine->IsServer(), std::move(sHome)),
+      m_lpWorld(lpWorld),
       m_nIndex(nIndex),
       m_lpMachine(lpMachine),
-      m_ulConfID(ulConfID),
       m_user(lpUser ? *lpUser : ZV_SimUser{}),
-      m_idLocal(lpUser ? lpUser->id : lpMachine->GetID()),
-      m_sName(NodeName(lpMachine, ulConfID)),
-      m_sHome(std::move(sHome))
+      m_sName(NodeName(lpMachine, ulConfID))
 {
-}
-
-bool ZV_SimHost::IsServer() const
-{
-    return m_lpMachine->IsServer();
 }
 
 ZV_SimNetwork& ZV_SimHost::Net() const
@@ -91,64 +35,10 @@ ZV_SimJournal& ZV_SimHost::Journal() const
     return m_lpWorld->Journal();
 }
 
-bool ZV_SimHost::Start(ZV_SimModuleApi& api)
-{
-    HomeScope scope(m_sHome);
-    m_lpModule = api.CreateInstance();
-    if (!m_lpModule)
-        return false;
-    // The module never assigns these itself; they must be in place before
-    // its first call.
-    m_lpModule->m_lpConf = this;
-    m_lpModule->m_lpConfSink = this;
-    m_ulInitResult = m_lpModule->Initialize();
-    return true;
-}
-
-void ZV_SimHost::Stop(ZV_SimModuleApi& api)
-{
-    if (!m_lpModule)
-        return;
-    HomeScope scope(m_sHome);
-    api.DestroyInstance(m_lpModule);
-    m_lpModule = nullptr;
-}
-
-IZV_FileShareMgr* ZV_SimHost::GetFileShareMgr()
-{
-    void* lpFace = nullptr;
-    PointHome(m_sHome);
-    if (!m_lpModule || !m_lpModule->GetInterface(zvInterfaceFileShareMgr, &lpFace))
-        return nullptr;
-    return static_cast<IZV_FileShareMgr*>(lpFace);
-}
-
-// A client link is named by its client at both ends; a client has no other
-// kind of link, so on a client the fields name the client itself.
-void ZV_SimHost::SetUserFields(ConfPduData& cpd, const ZV_SimMachine& peer) const
-{
-    const QB_UserID& user = IsServer() ? peer.GetID() : m_lpMachine->GetID();
-    cpd.ulUserMain = user.m_ulMain;
-    cpd.ulUserSub = user.m_ulSub;
-}
-
 uint32_t ZV_SimHost::DeliverPdu(const ZV_SimMachine& peer, uint32_t ulConn, uint16_t usConnType, uint16_t usPdu,
                                 const uint8_t* pData, uint32_t ulLen)
 {
-    if (!m_lpModule)
-        return zvSimSendRefused;
-    ConfPduData cpd{};
-    SetUserFields(cpd, peer);
-    cpd.ulConn = ulConn;
-    cpd.conn_type = usConnType;
-    cpd.usPdu = usPdu;
-    cpd.ulLen = ulLen;
-    cpd.pData = pData;
-    uint32_t ulResult = 0;
-    {
-        HomeScope scope(m_sHome);
-        ulResult = m_lpModule->HandlePdu(&cpd);
-    }
+    const uint32_t ulResult = CallHandlePdu(peer.GetID(), ulConn, usConnType, usPdu, pData, ulLen);
     if (m_fnPdu)
         m_fnPdu(*this, usPdu, ulResult);
     return ulResult;
@@ -157,35 +47,18 @@ uint32_t ZV_SimHost::DeliverPdu(const ZV_SimMachine& peer, uint32_t ulConn, uint
 void ZV_SimHost::DeliverOnSend(const ZV_SimMachine& peer, uint32_t ulConn, uint16_t usConnType)
 {
     JournalCall(ZV_SimCall::OnSend, peer.GetName(), ulConn, usConnType);
-    if (!m_lpModule)
-        return;
-    ConfPduData cpd{};
-    SetUserFields(cpd, peer);
-    cpd.ulConn = ulConn;
-    cpd.conn_type = usConnType;
-    HomeScope scope(m_sHome);
-    m_lpModule->OnSend(&cpd);
+    CallOnSend(peer.GetID(), ulConn, usConnType);
 }
 
 void ZV_SimHost::DeliverLinkChange(bool bUp, const ZV_SimMachine& peer, uint32_t ulConn, uint16_t usConnType)
 {
     JournalCall(bUp ? ZV_SimCall::OnConnect : ZV_SimCall::OnDisconnect, peer.GetName(), ulConn, usConnType);
-    if (!m_lpModule)
-        return;
-    QB_UserID idPeer = peer.GetID();
-    HomeScope scope(m_sHome);
-    if (bUp)
-        m_lpModule->OnConnect(&idPeer, ulConn, usConnType, 0);
-    else
-        m_lpModule->OnDisconnect(&idPeer, ulConn, usConnType, 0);
+    CallLinkChange(bUp, peer.GetID(), ulConn, usConnType);
 }
 
 void ZV_SimHost::DeliverTimer(uint32_t ulTick)
 {
-    if (!m_lpModule)
-        return;
-    HomeScope scope(m_sHome);
-    m_lpModule->OnTimer(ulTick);
+    CallTimer(ulTick);
 }
 
 uint32_t ZV_SimHost::DeliverEvent(uint16_t usEvent, uintptr_t a1, uintptr_t a2, const std::string& sArg2)
@@ -200,10 +73,7 @@ uint32_t ZV_SimHost::DeliverEvent(uint16_t usEvent, uintptr_t a1, uintptr_t a2, 
     // A pointer in a2 would make two runs of one scenario journal apart.
     entry.ulConn = sArg2.empty() ? (uint32_t)a2 : zvConnNone;
     Journal().Add(std::move(entry));
-    if (!m_lpModule)
-        return 0;
-    HomeScope scope(m_sHome);
-    return m_lpModule->OnEvent(usEvent, a1, a2, 0, 0);
+    return CallEvent(usEvent, a1, a2);
 }
 
 void ZV_SimHost::JournalCall(ZV_SimCall eCall, const std::string& sPeer, uint32_t ulConn, uint16_t usConnType)
@@ -233,4 +103,83 @@ void ZV_SimHost::OnConfEvent(IZV_ConfHost* lpConf, uint16_t usEvent, uint32_t ul
     Journal().Add(std::move(entry));
     if (m_fnEvent)
         m_fnEvent(*this, usEvent, vbData);
+}
+
+// ---------------------------------------------------------------------------
+// The node's place among the machines, and its links.
+
+std::vector<ZV_HostLink*> ZV_SimHost::Links() const
+{
+    std::vector<ZV_HostLink*> vecLinks;
+    for (const ZV_SimLinkEnd& end : Net().LinksOf(this))
+        vecLinks.push_back(end.lpLink->GetHostEnd(end.nSide));
+    return vecLinks;
+}
+
+ZV_SimMachine* ZV_SimHost::GetHomeServer() const
+{
+    return IsServer() ? m_lpMachine : m_lpWorld->FindMachine(m_user.ulHomeServer);
+}
+
+uint32_t ZV_SimHost::GetLocalServerID()
+{
+    return IsServer() ? m_lpMachine->GetServerID() : m_user.ulHomeServer;
+}
+
+uint16_t ZV_SimHost::GetFileIDMin()
+{
+    ZV_SimMachine* lpServer = GetHomeServer();
+    return lpServer ? lpServer->GetFileIDMin() : 0;
+}
+
+uint16_t ZV_SimHost::GetFileIDMax()
+{
+    ZV_SimMachine* lpServer = GetHomeServer();
+    return lpServer ? lpServer->GetFileIDMax() : 0;
+}
+
+const ZV_HostUserTable& ZV_SimHost::Users() const
+{
+    return m_lpWorld->GetUsers(GetConfID());
+}
+
+uint32_t ZV_SimHost::NextFloodSeq()
+{
+    return m_lpWorld->NewFloodSeq();
+}
+
+// ---------------------------------------------------------------------------
+// Sends go into the network's queue, which journals each.
+
+ZV_SimSend ZV_SimHost::ToSimSend(const ZV_HostSend& send)
+{
+    ZV_SimSend simSend;
+    simSend.lpFrom = this;
+    simSend.eRoute = send.eRoute;
+    if (send.lpLink)
+        simSend.end = ZV_SimLink::EndOf(send.lpLink);
+    simSend.nChannel = send.nChannel;
+    simSend.ulConn = send.ulConn;
+    simSend.usConnType = send.usConnType;
+    simSend.usPdu = send.usPdu;
+    simSend.pData = send.pData;
+    simSend.ulLen = send.ulLen;
+    simSend.bFlag1 = send.bFlag1;
+    simSend.bFlag2 = send.bFlag2;
+    return simSend;
+}
+
+uint32_t ZV_SimHost::Carry(const ZV_HostSend& send)
+{
+    return Net().Send(ToSimSend(send));
+}
+
+uint32_t ZV_SimHost::Kick(const ZV_HostSend& send)
+{
+    return Net().Send(ToSimSend(send));
+}
+
+uint32_t ZV_SimHost::Refuse(const ZV_HostSend& send)
+{
+    return Net().Refuse(ToSimSend(send));
 }

@@ -10,6 +10,8 @@
 // index it was given.
 #pragma once
 
+#include "ZV_HostNode.h"
+
 #include <cstdint>
 #include <deque>
 #include <optional>
@@ -25,14 +27,7 @@ enum class ZV_SimEntryKind
 };
 
 // The host operation a PDU was sent with.
-enum class ZV_SimRoute
-{
-    Pdu,         // SendPdu
-    Group,       // SendPduToGroup
-    Servers,     // SendPduToServers
-    ServerData,  // SendPduToServerData
-    OnLink,      // SendPduOnLink
-};
+using ZV_SimRoute = ZV_HostRoute;
 
 enum class ZV_SimFate
 {

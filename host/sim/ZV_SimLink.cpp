@@ -79,3 +79,9 @@ uint32_t ZV_SimLink::End::GetConn(uint16_t usConnType)
     int nChannel = m_lpLink->ChannelOf(usConnType);
     return nChannel < 0 ? zvConnNone : m_lpLink->GetConn(m_nSide, nChannel);
 }
+
+ZV_SimLinkEnd ZV_SimLink::EndOf(ZV_HostLink* lpHostEnd)
+{
+    End* lpEnd = static_cast<End*>(lpHostEnd);
+    return {lpEnd->m_lpLink, lpEnd->m_nSide};
+}

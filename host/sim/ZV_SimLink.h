@@ -7,6 +7,7 @@
 #pragma once
 
 #include "IZV_FileShare.h"
+#include "ZV_HostNode.h"
 
 #include <cstdint>
 
@@ -14,9 +15,11 @@ class ZV_SimMachine;
 
 enum
 {
-    zvSimCommand = 0,
-    zvSimData = 1,
+    zvSimCommand = zvHostCommand,
+    zvSimData = zvHostData,
 };
+
+struct ZV_SimLinkEnd;
 
 class ZV_SimLink
 {
@@ -52,9 +55,12 @@ public:
 
     // What GetUserLink and GetServerLink hand to the module of nSide.
     IZV_ConfLink* GetEnd(int nSide) { return &m_aEnd[nSide]; }
+    // The link as the node of nSide keeps it, and back.
+    ZV_HostLink* GetHostEnd(int nSide) { return &m_aEnd[nSide]; }
+    static ZV_SimLinkEnd EndOf(ZV_HostLink* lpHostEnd);
 
 private:
-    class End final : public IZV_ConfLink
+    class End final : public IZV_ConfLink, public ZV_HostLink
     {
     public:
         ZV_SimLink* m_lpLink = nullptr;
@@ -62,6 +68,10 @@ private:
 
         uint32_t LinkReserved0() override { return 0; }
         uint32_t GetConn(uint16_t usConnType) override;
+        bool IsServerLink() const override { return m_lpLink->IsServerLink(); }
+        const QB_UserID& GetPeer() const override { return m_lpLink->PeerOf(m_nSide); }
+        uint32_t ConnOn(int nChannel) const override { return m_lpLink->GetConn(m_nSide, nChannel); }
+        IZV_ConfLink* GetFace() override { return this; }
     };
 
     struct Conn
@@ -75,4 +85,14 @@ private:
     ZV_SimMachine* m_alpMachine[2];
     Conn m_aConn[2];
     End m_aEnd[2];
+};
+
+// A link as one of its ends sees it.
+struct ZV_SimLinkEnd
+{
+    ZV_SimLink* lpLink = nullptr;
+    int nSide = 0;
+
+    explicit operator bool() const { return lpLink != nullptr; }
+    uint32_t GetConn(int nChannel) const { return lpLink->GetConn(nSide, nChannel); }
 };

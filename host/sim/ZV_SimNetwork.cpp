@@ -7,11 +7,6 @@
 
 namespace {
 
-bool CarriesConfWord(ZV_SimRoute eRoute)
-{
-    return eRoute == ZV_SimRoute::Servers || eRoute == ZV_SimRoute::ServerData || eRoute == ZV_SimRoute::OnLink;
-}
-
 bool HostsConf(const ZV_SimMachine* lpMachine, uint32_t ulConfID)
 {
     return lpMachine->FindNode(ulConfID) != nullptr;
@@ -183,7 +178,7 @@ uint32_t ZV_SimNetwork::Send(const ZV_SimSend& send)
     task.nChannel = send.nChannel;
     task.nFromSide = send.end.nSide;
     task.usPdu = send.usPdu;
-    task.bConfWord = lpLink->IsServerLink() && CarriesConfWord(send.eRoute);
+    task.bConfWord = lpLink->IsServerLink() && ZV_CarriesConfWord(send.eRoute);
     // The sender's buffer is its own again when Send returns.
     task.vbData.assign(send.pData, send.pData + send.ulLen);
     task.nEntry = m_lpJournal->Add(std::move(entry));
@@ -191,7 +186,7 @@ uint32_t ZV_SimNetwork::Send(const ZV_SimSend& send)
 
     Pump& pump = PumpOf(send.lpFrom, lpLink, send.nChannel);
     ++pump.nInFlight;
-    ++pump.nSent;
+    pump.pump.OnPdu();
     return 0;
 }
 
@@ -217,9 +212,8 @@ uint32_t ZV_SimNetwork::Kick(const ZV_SimSend& send, ZV_SimEntry entry)
     entry.eFate = ZV_SimFate::Kick;
     m_lpJournal->Add(std::move(entry));
     Pump& pump = PumpOf(send.lpFrom, send.end.lpLink, send.nChannel);
-    ++pump.nSent;
-    if (pump.eState == Pump::State::Resting)
-        ScheduleOrBlock(pump, send.lpFrom, send.end.lpLink, send.nChannel, send.end.nSide);
+    if (pump.pump.OnKick(IsFull(pump)))
+        Schedule(send.lpFrom, send.end.lpLink, send.nChannel, send.end.nSide);
     return 0;
 }
 
@@ -228,14 +222,8 @@ ZV_SimNetwork::Pump& ZV_SimNetwork::PumpOf(const ZV_SimHost* lpNode, const ZV_Si
     return m_mapPumps[PumpKey(lpNode->GetIndex(), lpLink->GetID(), nChannel)];
 }
 
-void ZV_SimNetwork::ScheduleOrBlock(Pump& pump, ZV_SimHost* lpNode, ZV_SimLink* lpLink, int nChannel, int nSide)
+void ZV_SimNetwork::Schedule(ZV_SimHost* lpNode, ZV_SimLink* lpLink, int nChannel, int nSide)
 {
-    if (pump.nInFlight >= m_nInFlightBound)
-    {
-        pump.eState = Pump::State::Blocked;
-        return;
-    }
-    pump.eState = Pump::State::Scheduled;
     Task task;
     task.bOnSend = true;
     task.lpFrom = lpNode;
@@ -261,30 +249,23 @@ bool ZV_SimNetwork::Step()
 void ZV_SimNetwork::RunOnSend(const Task& task)
 {
     ZV_SimLink* lpLink = task.lpLink;
-    uint32_t nSentBefore = 0;
-    {
-        Pump& pump = PumpOf(task.lpFrom, lpLink, task.nChannel);
-        pump.eState = Pump::State::Running;
-        nSentBefore = pump.nSent;
-    }
+    const uint32_t nMark = PumpOf(task.lpFrom, lpLink, task.nChannel).pump.BeginCall();
     task.lpFrom->DeliverOnSend(*lpLink->GetMachine(1 - task.nFromSide), lpLink->GetConn(task.nFromSide, task.nChannel),
                                lpLink->GetConnType(task.nChannel));
     // A connection cut during the call took its pumps with it.
     if (!lpLink->IsUp(task.nChannel))
         return;
     Pump& pump = PumpOf(task.lpFrom, lpLink, task.nChannel);
-    if (pump.nSent == nSentBefore)
-        pump.eState = Pump::State::Resting;
-    else
-        ScheduleOrBlock(pump, task.lpFrom, lpLink, task.nChannel, task.nFromSide);
+    if (pump.pump.EndCall(nMark, IsFull(pump)))
+        Schedule(task.lpFrom, lpLink, task.nChannel, task.nFromSide);
 }
 
 void ZV_SimNetwork::Deliver(Task& task)
 {
     Pump& pump = PumpOf(task.lpFrom, task.lpLink, task.nChannel);
     --pump.nInFlight;
-    if (pump.eState == Pump::State::Blocked)
-        ScheduleOrBlock(pump, task.lpFrom, task.lpLink, task.nChannel, task.nFromSide);
+    if (pump.pump.OnRoom(IsFull(pump)))
+        Schedule(task.lpFrom, task.lpLink, task.nChannel, task.nFromSide);
 
     ZV_SimFate eFate = ZV_SimFate::Delivered;
     ZV_SimHost* lpTo = FindReceiver(task, &eFate);

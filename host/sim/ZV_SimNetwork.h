@@ -8,6 +8,7 @@
 #pragma once
 
 #include "ZV_SimJournal.h"
+#include "ZV_HostPump.h"
 #include "ZV_SimLink.h"
 
 #include <deque>
@@ -18,16 +19,6 @@
 
 class ZV_SimHost;
 class ZV_SimMachine;
-
-// A link as one of its ends sees it.
-struct ZV_SimLinkEnd
-{
-    ZV_SimLink* lpLink = nullptr;
-    int nSide = 0;
-
-    explicit operator bool() const { return lpLink != nullptr; }
-    uint32_t GetConn(int nChannel) const { return lpLink->GetConn(nSide, nChannel); }
-};
 
 // One PDU as a send operation of the host hands it over.
 struct ZV_SimSend
@@ -45,11 +36,8 @@ struct ZV_SimSend
     uint8_t bFlag2 = 0;
 };
 
-// What a send operation gives the module when the host can't carry it out:
-// the module's own code for "no connection of the needed type".
-constexpr uint32_t zvSimSendRefused = 16;
-// Senders build payloads in a buffer of this size, conference word included.
-constexpr uint32_t zvSimMaxPayload = 65471;
+constexpr uint32_t zvSimSendRefused = zvHostSendRefused;
+constexpr uint32_t zvSimMaxPayload = zvHostMaxPayload;
 
 class ZV_SimNetwork
 {
@@ -105,19 +93,12 @@ private:
         size_t nSkip = 0;  // leading bytes the receiving host took off
     };
 
-    // What the host does about OnSend for one node on one connection.
+    // What the host does about OnSend for one node on one connection, and
+    // the PDUs that node has in flight there.
     struct Pump
     {
-        enum class State
-        {
-            Resting,    // waits for a kick
-            Scheduled,  // an OnSend call is queued
-            Running,    // inside the OnSend call
-            Blocked,    // wants to go on, but the connection holds too much
-        };
-        State eState = State::Resting;
+        ZV_HostPump pump;
         uint32_t nInFlight = 0;
-        uint32_t nSent = 0;  // kicks included, so that a call that only kicks goes on
     };
     using PumpKey = std::tuple<uint32_t, uint32_t, int>;
 
@@ -125,7 +106,8 @@ private:
     std::string ReceiverName(const ZV_SimSend& send) const;
     uint32_t Kick(const ZV_SimSend& send, ZV_SimEntry entry);
     Pump& PumpOf(const ZV_SimHost* lpNode, const ZV_SimLink* lpLink, int nChannel);
-    void ScheduleOrBlock(Pump& pump, ZV_SimHost* lpNode, ZV_SimLink* lpLink, int nChannel, int nSide);
+    void Schedule(ZV_SimHost* lpNode, ZV_SimLink* lpLink, int nChannel, int nSide);
+    bool IsFull(const Pump& pump) const { return pump.nInFlight >= m_nInFlightBound; }
     void RunOnSend(const Task& task);
     void Deliver(Task& task);
     ZV_SimHost* FindReceiver(Task& task, ZV_SimFate* lpeFate) const;

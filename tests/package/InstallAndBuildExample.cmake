@@ -6,7 +6,9 @@
 # <roomcrate/IZV_FileShare.h>, against that prefix alone: through
 # find_package(roomcrate), run to move its file, and by hand with the flags
 # of roomcrate.pc; both builds name the version of <roomcrate/ZV_Version.h>.
-# Run as: cmake -DBUILD_DIR= -DEXAMPLE_DIR= -DWORK_DIR= -DCXX= -DOBJDUMP= -DVERSION= [-DLAUNCHER=]
+# With SERVER set, roomcrate-server is there too, beside the library, and
+# runs from the prefix.
+# Run as: cmake -DBUILD_DIR= -DEXAMPLE_DIR= -DWORK_DIR= -DCXX= -DOBJDUMP= -DVERSION= [-DLAUNCHER=] [-DSERVER=ON]
 #               -P InstallAndBuildExample.cmake
 function(run)
   execute_process(COMMAND ${ARGN} RESULT_VARIABLE RC OUTPUT_VARIABLE OUT ERROR_VARIABLE OUT)
@@ -38,15 +40,26 @@ set(EXPECTED include/roomcrate/IZV_FileShare.h include/roomcrate/QB_ByteStreamBa
     lib/cmake/roomcrate/roomcrateTargets-CONFIG.cmake lib/cmake/roomcrate/roomcrateTargets.cmake
     lib/libroomcrate.so lib/libroomcrate.so.1 lib/libroomcrate.so.${VERSION} lib/pkgconfig/roomcrate.pc
     share/doc/roomcrate/CHANGELOG.md share/doc/roomcrate/LICENSE)
+if(SERVER)
+  list(PREPEND EXPECTED bin/roomcrate-server)
+  list(APPEND EXPECTED share/roomcrate/roomcrate-server.service share/roomcrate/roomcrate-server.toml)
+endif()
 if(NOT INSTALLED STREQUAL EXPECTED)
   message(FATAL_ERROR "installed:\n${INSTALLED}\nexpected:\n${EXPECTED}")
 endif()
 
 file(GLOB_RECURSE LIBRARY ${PREFIX}/libroomcrate.so.${VERSION})
-run(${OBJDUMP} -h ${LIBRARY})
-if(OUT MATCHES "\\.debug_")
-  message(FATAL_ERROR "the installed library carries debug information:\n${OUT}")
+set(BINARIES ${LIBRARY})
+if(SERVER)
+  run(${PREFIX}/bin/roomcrate-server --version)
+  list(APPEND BINARIES ${PREFIX}/bin/roomcrate-server)
 endif()
+foreach(BINARY IN LISTS BINARIES)
+  run(${OBJDUMP} -h ${BINARY})
+  if(OUT MATCHES "\\.debug_")
+    message(FATAL_ERROR "${BINARY} is installed with debug information:\n${OUT}")
+  endif()
+endforeach()
 
 file(GLOB_RECURSE TARGETS_FILE ${PREFIX}/roomcrateTargets.cmake)
 file(READ ${TARGETS_FILE} TARGETS)

@@ -1,15 +1,15 @@
-#include "ZV_SimModuleApi.h"
+#include "ZV_ModuleApi.h"
 
 #include "QB_Library.h"
 
 #include <cstring>
 #include <utility>
 
-ZV_SimModuleApi ZV_SimModuleApi::FromExports(PfnInitialize pfnInitialize, PfnUninitialize pfnUninitialize,
+ZV_ModuleApi ZV_ModuleApi::FromExports(PfnInitialize pfnInitialize, PfnUninitialize pfnUninitialize,
                                              PfnGetInterfaceName pfnGetInterfaceName, PfnCreateInstance pfnCreate,
                                              PfnDestroyInstance pfnDestroy)
 {
-    ZV_SimModuleApi api;
+    ZV_ModuleApi api;
     api.m_pfnInitialize = pfnInitialize;
     api.m_pfnUninitialize = pfnUninitialize;
     api.m_pfnGetInterfaceName = pfnGetInterfaceName;
@@ -20,14 +20,14 @@ ZV_SimModuleApi ZV_SimModuleApi::FromExports(PfnInitialize pfnInitialize, PfnUni
     return api;
 }
 
-ZV_SimModuleApi ZV_SimModuleApi::FromFactory(PfnCreateInstance pfnCreate, PfnDestroyInstance pfnDestroy)
+ZV_ModuleApi ZV_ModuleApi::FromFactory(PfnCreateInstance pfnCreate, PfnDestroyInstance pfnDestroy)
 {
     return FromExports(nullptr, nullptr, nullptr, pfnCreate, pfnDestroy);
 }
 
-ZV_SimModuleApi ZV_SimModuleApi::Load(const std::string& sPath)
+ZV_ModuleApi ZV_ModuleApi::Load(const std::string& sPath)
 {
-    ZV_SimModuleApi api;
+    ZV_ModuleApi api;
     api.m_hLibrary = QB_LoadLibrary(sPath.c_str());
     if (!api.m_hLibrary)
     {
@@ -55,12 +55,12 @@ ZV_SimModuleApi ZV_SimModuleApi::Load(const std::string& sPath)
     return api;
 }
 
-ZV_SimModuleApi::ZV_SimModuleApi(ZV_SimModuleApi&& api) noexcept
+ZV_ModuleApi::ZV_ModuleApi(ZV_ModuleApi&& api) noexcept
 {
     *this = std::move(api);
 }
 
-ZV_SimModuleApi& ZV_SimModuleApi::operator=(ZV_SimModuleApi&& api) noexcept
+ZV_ModuleApi& ZV_ModuleApi::operator=(ZV_ModuleApi&& api) noexcept
 {
     if (this != &api)
     {
@@ -77,12 +77,12 @@ ZV_SimModuleApi& ZV_SimModuleApi::operator=(ZV_SimModuleApi&& api) noexcept
     return *this;
 }
 
-ZV_SimModuleApi::~ZV_SimModuleApi()
+ZV_ModuleApi::~ZV_ModuleApi()
 {
     Release();
 }
 
-void ZV_SimModuleApi::Release()
+void ZV_ModuleApi::Release()
 {
     Stop();
     if (m_hLibrary)
@@ -90,7 +90,7 @@ void ZV_SimModuleApi::Release()
     m_hLibrary = nullptr;
 }
 
-bool ZV_SimModuleApi::Start()
+bool ZV_ModuleApi::Start()
 {
     if (!IsUsable())
         return false;
@@ -101,14 +101,14 @@ bool ZV_SimModuleApi::Start()
     return m_bStarted;
 }
 
-void ZV_SimModuleApi::Stop()
+void ZV_ModuleApi::Stop()
 {
     if (m_bStarted && m_pfnUninitialize)
         m_pfnUninitialize();
     m_bStarted = false;
 }
 
-IZV_ConfModule* ZV_SimModuleApi::CreateInstance()
+IZV_ConfModule* ZV_ModuleApi::CreateInstance()
 {
     if (!IsUsable())
         return nullptr;
@@ -122,7 +122,7 @@ IZV_ConfModule* ZV_SimModuleApi::CreateInstance()
     return m_pfnCreate(szName);
 }
 
-void ZV_SimModuleApi::DestroyInstance(IZV_ConfModule* lpModule)
+void ZV_ModuleApi::DestroyInstance(IZV_ConfModule* lpModule)
 {
     if (lpModule && m_pfnDestroy)
         m_pfnDestroy(lpModule);

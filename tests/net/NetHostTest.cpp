@@ -1,0 +1,194 @@
+// The network host in this process, on a manager that records what it is
+// told: its bytes on the wire, who is in the conference, and the OnSend pump
+// of a reader that never reads.
+#include "ZV_NetServer.h"
+#include "ZV_NetPresence.h"
+#include "ZV_NetWire.h"
+#include "ZV_SimFakeModule.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+template <size_t N>
+Bytes Of(const std::array<uint8_t, N>& ab)
+{
+    return Bytes(ab.begin(), ab.end());
+}
+
+}  // namespace
+
+TEST(NetWire, WritesEachOpeningAndFrameHeadAsTheProtocolPageShowsAndReadsThemBack)
+{
+    const ZV_NetHello hello{2, zvConfClientTypeData, 100, 10001};
+    const Bytes vbHello = {'R', 'C', 'R', 'T', 0x02, 0x00, 0x04, 0x00, 0x64, 0x00, 0x00, 0x00, 0x11, 0x27, 0x00, 0x00};
+    EXPECT_EQ(Of(ZV_WriteHello(hello)), vbHello);
+    ZV_NetHello helloRead;
+    ASSERT_EQ(ZV_ReadHello(vbHello.data(), helloRead), ZV_NetFault::None);
+    EXPECT_EQ(Of(ZV_WriteHello(helloRead)), vbHello);
+
+    const ZV_NetWelcome welcome{2, zvNetAccepted, 2, 1001, 2000, 1, 44};
+    const Bytes vbWelcome = {'R',  'C',  'R',  'T',  0x02, 0x00, 0x00, 0x00, 0x02, 0x00,
+                             0x00, 0x00, 0xE9, 0x03, 0xD0, 0x07, 0x01, 0x00, 0x2C, 0x00};
+    EXPECT_EQ(Of(ZV_WriteWelcome(welcome)), vbWelcome);
+    ZV_NetWelcome welcomeRead;
+    ASSERT_EQ(ZV_ReadWelcome(vbWelcome.data(), welcomeRead), ZV_NetFault::None);
+    EXPECT_EQ(Of(ZV_WriteWelcome(welcomeRead)), vbWelcome);
+
+    const Bytes vbLogin = {0x0D, 0x2A, 0x00};
+    EXPECT_EQ(Of(ZV_WriteLoginHead({13, 42})), vbLogin);
+    ZV_NetLoginHead loginRead;
+    ASSERT_EQ(ZV_ReadLoginHead(vbLogin.data(), loginRead), ZV_NetFault::None);
+    EXPECT_EQ(Of(ZV_WriteLoginHead(loginRead)), vbLogin);
+
+    const ZV_NetFrameHead head{100, 8005, 1, 0, 32782};
+    const Bytes vbHead = {0x64, 0x00, 0x45, 0x1F, 0x01, 0x00, 0x0E, 0x80, 0x00, 0x00};
+    EXPECT_EQ(Of(ZV_WriteFrameHead(head)), vbHead);
+    ZV_NetFrameHead headRead;
+    ASSERT_EQ(ZV_ReadFrameHead(vbHead.data(), headRead), ZV_NetFault::None);
+    EXPECT_EQ(Of(ZV_WriteFrameHead(headRead)), vbHead);
+}
+
+TEST(NetWire, RefusesWhatNoPeerOfThisVersionSends)
+{
+    const struct
+    {
+        const char* szCase;
+        Bytes vb;
+        ZV_NetFault eFault;
+    } aRows[] = {
+        {"a hello of another magic", {'R', 'C', 'R', 'X', 0x01}, ZV_NetFault::BadMagic},
+        {"a hello of version 1", Of(ZV_WriteHello({1, 0, 100, 1})), ZV_NetFault::UnknownVersion},
+        {"a hello of kind 1", Of(ZV_WriteHello({2, 1, 100, 1})), ZV_NetFault::UnknownKind},
+        {"a hello of kind 0x1004", Of(ZV_WriteHello({2, 0x1004, 0, 1})), ZV_NetFault::None},
+    };
+    for (const auto& row : aRows)
+    {
+        Bytes vb = row.vb;
+        vb.resize(kNetHelloSize);
+        ZV_NetHello hello;
+        EXPECT_EQ(ZV_ReadHello(vb.data(), hello), row.eFault) << row.szCase;
+    }
+    const struct
+    {
+        const char* szCase;
+        ZV_NetLoginHead head;
+        ZV_NetFault eFault;
+    } aLogins[] = {
+        {"the longest mechanism name and login data", {20, 4096}, ZV_NetFault::None},
+        {"a mechanism name of 21", {21, 10}, ZV_NetFault::LoginTooLong},
+        {"login data of 4097", {0, 4097}, ZV_NetFault::LoginTooLong},
+    };
+    for (const auto& row : aLogins)
+    {
+        ZV_NetLoginHead head;
+        EXPECT_EQ(ZV_ReadLoginHead(ZV_WriteLoginHead(row.head).data(), head), row.eFault) << row.szCase;
+    }
+    ZV_NetWelcome welcome;
+    welcome.usLoginLen = 4097;
+    EXPECT_EQ(ZV_ReadWelcome(ZV_WriteWelcome(welcome).data(), welcome), ZV_NetFault::LoginTooLong);
+    for (uint32_t ulLen : {kNetMaxPayload, kNetMaxPayload + 1, 0xFFFFFFFFu})
+    {
+        ZV_NetFrameHead head;
+        head.ulLen = ulLen;
+        const auto ab = ZV_WriteFrameHead(head);
+        EXPECT_EQ(ZV_ReadFrameHead(ab.data(), head),
+                  ulLen <= kNetMaxPayload ? ZV_NetFault::None : ZV_NetFault::TooLong) << ulLen;
+    }
+}
+
+// Steps: 'a' both links stand (the answer is the returning flag), 'l' the
+// command link is lost, 'g' a goodbye (the answer is whether event 4 is
+// due), '+' the clock moves on by a second and the expired leave (the
+// answer is whether the user was among them).
+TEST(NetPresence, MakesALeaveOfAGoodbyeOrOfALinkNotBackInTimeAndFlagsOnlyTheReturnOfOneWhoLeft)
+{
+    const struct
+    {
+        const char* szCase;
+        const char* szSteps;
+        const char* szAnswers;  // per step: 1 or 0, '-' for none
+    } aRows[] = {
+        {"first arrival", "a", "0"},
+        {"lost and back within the grace", "al+a", "0-00"},
+        {"lost and not back in time", "al++a", "0-011"},
+        {"goodbye and back", "aga", "011"},
+        {"a goodbye of one already gone", "al++g", "0-010"},
+        {"lost twice, the second time not back", "al+al++", "0-00-01"},
+    };
+    for (const auto& row : aRows)
+    {
+        SCOPED_TRACE(row.szCase);
+        const QB_UserID alice(10001, 0);
+        ZV_NetPresence presence(std::chrono::milliseconds(1500));
+        auto tpNow = ZV_NetPresence::Clock::now();
+        std::string sAnswers;
+        for (const char* p = row.szSteps; *p; ++p)
+        {
+            switch (*p)
+            {
+            case 'a': sAnswers += presence.Arrive(alice) ? '1' : '0'; break;
+            case 'l': presence.Lose(alice, tpNow); sAnswers += '-'; break;
+            case 'g': sAnswers += presence.Leave(alice) ? '1' : '0'; break;
+            case '+':
+                tpNow += std::chrono::seconds(1);
+                sAnswers += presence.Expire(tpNow).empty() ? '0' : '1';
+                break;
+            }
+        }
+        EXPECT_EQ(sAnswers, row.szAnswers);
+    }
+}
+
+// The manager pushes three blocks on every OnSend call; the peer reads
+// nothing. The host stops calling once the connection holds its bound, and
+// keeps the connection: a slow reader is not a broken one.
+TEST(NetHost, HoldsTheOnSendPumpOfAReaderThatNeverReadsAtTheQueueBound)
+{
+    QB_TempFolder tmp;
+    asio::io_context io;
+    ZV_ModuleApi api = ZV_SimFakeApi();
+    ZV_NetServerConfig config;
+    config.ulServerID = 1;
+    config.limits.nQueueBound = 256 * 1024;
+    config.vecConferences.push_back({100, 1, 1000, tmp.Path() + "/", {{10001, "alice", 1, false, true}}});
+    ZV_NetServer server(io, config, api);
+    ASSERT_TRUE(server.Start()) << server.GetError();
+    auto& fake = *static_cast<ZV_SimFakeModule*>(server.FindNode(100)->GetModule());
+    static const uint8_t abBlock[32768] = {};
+    fake.fnOnEvent = [](ZV_SimFakeModule& self, uint16_t usEvent, uintptr_t, uintptr_t a2) {
+        if (usEvent == zvConfEventUserEnter)
+            self.m_lpConf->SendPdu(self.m_lpConf->GetUserConn((const QB_UserID*)a2, zvConfClientTypeData),
+                                   PDU_CONF_FS_KICK, nullptr, 0, 0, 0);
+    };
+    fake.fnOnSend = [](ZV_SimFakeModule& self, const ConfPduData& cpd) {
+        for (int i = 0; i < 3; ++i)
+            self.m_lpConf->SendPdu(cpd.ulConn, 8013, abBlock, sizeof abBlock, 1, 1);
+    };
+
+    asio::ip::tcp::socket command(io), data(io);
+    for (auto* lpSocket : {&command, &data})
+    {
+        lpSocket->connect({asio::ip::address_v4::loopback(), server.GetPort()});
+        const uint16_t usKind = lpSocket == &data ? zvConfClientTypeData : zvConfClientTypeCommand;
+        asio::write(*lpSocket, asio::buffer(ZV_WriteHello({zvNetVersion, usKind, 100, 10001})));
+        io.run_for(std::chrono::milliseconds(200));
+        std::array<uint8_t, kNetWelcomeSize> abWelcome;
+        asio::read(*lpSocket, asio::buffer(abWelcome));
+    }
+    io.run_for(std::chrono::milliseconds(1500));
+    const auto vecConnects = fake.CallsOf("OnConnect");
+    ASSERT_EQ(vecConnects.size(), 2u);
+    const uint32_t ulData = vecConnects[1].ulConn;
+    const size_t nCalls = fake.CallsOf("OnSend").size();
+    const size_t nQueued = server.GetQueuedBytes(ulData);
+    EXPECT_GE(nQueued, config.limits.nQueueBound);
+    EXPECT_LE(nQueued, config.limits.nQueueBound + 3 * (sizeof abBlock + kNetFrameHeadSize)) << "one call's worth";
+    io.run_for(std::chrono::milliseconds(500));
+    EXPECT_EQ(fake.CallsOf("OnSend").size(), nCalls) << "the pump holds";
+    EXPECT_EQ(server.GetQueuedBytes(ulData), nQueued) << "and the connection stays";
+    server.Stop();
+    io.run_for(std::chrono::milliseconds(200));
+}

@@ -1,0 +1,209 @@
+// Logins of the network host: what proves a secret and what does not, the
+// credentials file, and the slowing down of an address that keeps failing.
+#include "ZV_NetLogin.h"
+
+#include "QB_TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+namespace {
+
+using State = ZV_LoginStep::State;
+
+ZV_ChannelBinding Tls(char cFill)
+{
+    return {true, std::string(32, cFill)};
+}
+
+// What a client sent in one login, in order.
+struct Transcript
+{
+    std::vector<std::string> vecClient;
+};
+
+// Runs one login through; "done", or which side refused. A replay sends the
+// client messages of an earlier login to the server in place of a client's;
+// a tamper flips a byte of the server's last word.
+std::string Exchange(ZV_LoginClient& client, ZV_LoginServer& server, const std::string& sOffer,
+                     Transcript* lpRecord = nullptr, const Transcript* lpReplay = nullptr, bool bTamper = false)
+{
+    if (lpReplay)
+    {
+        ZV_LoginStep answer = server.Start(client.GetMechanism(), lpReplay->vecClient.at(0));
+        for (size_t i = 1; i < lpReplay->vecClient.size() && answer.eState == State::More; ++i)
+            answer = server.Step(lpReplay->vecClient[i]);
+        return answer.eState == State::Refused ? "server refused" : "done";
+    }
+    ZV_LoginStep step = client.Start(sOffer);
+    for (int nRound = 0; step.eState == State::More; ++nRound)
+    {
+        if (lpRecord)
+            lpRecord->vecClient.push_back(step.sData);
+        const ZV_LoginStep answer =
+            nRound == 0 ? server.Start(client.GetMechanism(), step.sData) : server.Step(step.sData);
+        if (answer.eState == State::Refused)
+            return "server refused";
+        std::string sServer = answer.sData;
+        if (bTamper && answer.eState == State::Done)
+            sServer[sServer.size() / 2] ^= 1;
+        step = client.Step(sServer);
+        if (step.eState == State::Refused)
+            return "client refused";
+        if ((step.eState == State::Done) != (answer.eState == State::Done))
+            return "out of step";
+    }
+    return step.eState == State::Done ? "done" : "client refused";
+}
+
+}  // namespace
+
+TEST(NetLogin, ProvesTheSecretOfItsNameOnItsOwnChannelOnce)
+{
+    ZV_Credentials credentials;
+    credentials.Put(ZV_LoginKind::User, "alice", ZV_Credentials::Derive("open sesame"));
+    credentials.Put(ZV_LoginKind::Server, "1", ZV_Credentials::Derive("link secret"));
+    Transcript first;
+    {
+        ZV_LoginClient client("alice", "open sesame", {});
+        ZV_LoginServer server(credentials, ZV_LoginKind::User, {});
+        ASSERT_EQ(Exchange(client, server, "SCRAM-SHA-256", &first), "done");
+        EXPECT_EQ(server.GetName(), "alice");
+    }
+    const struct
+    {
+        const char* szCase;
+        std::string sName, sSecret;
+        ZV_LoginKind eKind;
+        ZV_ChannelBinding client, server;
+        const Transcript* lpReplay;
+        bool bTamper;
+        const char* szOutcome;
+    } aRows[] = {
+        {"the right secret on TLS", "alice", "open sesame", ZV_LoginKind::User, Tls('a'), Tls('a'), nullptr, false,
+         "done"},
+        {"a linked server's secret", "1", "link secret", ZV_LoginKind::Server, {}, {}, nullptr, false, "done"},
+        {"a wrong secret", "alice", "open sesamE", ZV_LoginKind::User, {}, {}, nullptr, false, "server refused"},
+        {"a name without credentials", "mallory", "open sesame", ZV_LoginKind::User, {}, {}, nullptr, false,
+         "server refused"},
+        {"a server's secret as a user's", "1", "link secret", ZV_LoginKind::User, {}, {}, nullptr, false,
+         "server refused"},
+        {"a login made on another TLS channel", "alice", "open sesame", ZV_LoginKind::User, Tls('a'), Tls('b'),
+         nullptr, false, "server refused"},
+        {"a replay of an earlier login", "alice", "open sesame", ZV_LoginKind::User, {}, {}, &first, false,
+         "server refused"},
+        {"a server whose last word is not the keys'", "alice", "open sesame", ZV_LoginKind::User, {}, {}, nullptr,
+         true, "client refused"},
+    };
+    for (const auto& row : aRows)
+    {
+        SCOPED_TRACE(row.szCase);
+        ZV_LoginClient client(row.sName, row.sSecret, row.client);
+        ZV_LoginServer server(credentials, row.eKind, row.server);
+        EXPECT_EQ(Exchange(client, server, ZV_LoginMechanism(row.server), nullptr, row.lpReplay, row.bTamper),
+                  row.szOutcome);
+    }
+    // A name without credentials is challenged as a name with them is, under
+    // the same salt each time, so that nobody learns which names exist.
+    auto SaltOf = [&](const std::string& sName) {
+        ZV_LoginClient client(sName, "a guess", {});
+        ZV_LoginServer server(credentials, ZV_LoginKind::User, {});
+        const ZV_LoginStep challenge = server.Start("SCRAM-SHA-256", client.Start("SCRAM-SHA-256").sData);
+        return challenge.eState == State::More ? challenge.sData.substr(challenge.sData.find(",s=")) : "refused";
+    };
+    EXPECT_EQ(SaltOf("mallory"), SaltOf("mallory"));
+    EXPECT_NE(SaltOf("mallory"), SaltOf("mallorie"));
+    // A client on TLS takes no offer without channel binding, nor one in the
+    // clear an offer it cannot bind.
+    EXPECT_EQ(ZV_LoginClient("alice", "open sesame", Tls('a')).Start("SCRAM-SHA-256").eState, State::Refused);
+    EXPECT_EQ(ZV_LoginClient("alice", "open sesame", {}).Start("SCRAM-SHA-256-PLUS").eState, State::Refused);
+}
+
+TEST(NetLogin, KeepsKeysButNoSecretInAPrivateCredentialsFileAndRefusesABrokenLine)
+{
+    QB_TempFolder tmp;
+    const std::string sPath = tmp.Path() + "/server.credentials";
+    ZV_Credentials written;
+    written.Put(ZV_LoginKind::User, "alice smith", ZV_Credentials::Derive("open sesame"));
+    written.Put(ZV_LoginKind::Server, "2", ZV_Credentials::Derive("link secret"));
+    std::string sError;
+    ASSERT_TRUE(written.Save(sPath, sError)) << sError;
+    struct stat st {};
+    ASSERT_EQ(stat(sPath.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    EXPECT_EQ(QB_CountInFiles(sPath, "open sesame") + QB_CountInFiles(sPath, "link secret"), 0u);
+    ZV_Credentials read;
+    std::vector<std::string> vecErrors;
+    ASSERT_TRUE(read.Load(sPath, vecErrors));
+    ZV_LoginClient client("alice smith", "open sesame", {});
+    ZV_LoginServer server(read, ZV_LoginKind::User, {});
+    EXPECT_EQ(Exchange(client, server, "SCRAM-SHA-256"), "done");
+    ASSERT_NE(read.Find(ZV_LoginKind::Server, "2"), nullptr);
+    EXPECT_EQ(read.Find(ZV_LoginKind::Server, "2")->ulIterations, ZV_Credentials::kIterations);
+
+    const std::string sKey = " AAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA=";
+    const struct
+    {
+        const char* szCase;
+        std::string sLine;
+        const char* szError;
+    } aRows[] = {
+        {"another kind", "admin 4096 c2FsdA==" + sKey + sKey + " x", "begins with \"user\" or \"server\""},
+        {"no name", "user 4096 c2FsdA==" + sKey + sKey, "names nobody"},
+        {"too few iterations", "user 4095 c2FsdA==" + sKey + sKey + " x", "from 4096 to 10000000"},
+        {"a count that is no number", "user 4k c2FsdA==" + sKey + sKey + " x", "from 4096 to 10000000"},
+        {"a short key", "user 4096 c2FsdA== c2FsdA==" + sKey + " x", "the keys of 32 bytes"},
+        {"a salt that is no base64", "user 4096 ***" + sKey + sKey + " x", "must be base64"},
+        {"a name twice", "user 4096 c2FsdA==" + sKey + sKey + " x\nuser 4096 c2FsdA==" + sKey + sKey + " x",
+         ":3: user \"x\" appears twice"},
+    };
+    for (const auto& row : aRows)
+    {
+        SCOPED_TRACE(row.szCase);
+        QB_WriteWholeFile(sPath, "# a comment\n" + row.sLine + "\n");
+        vecErrors.clear();
+        EXPECT_FALSE(read.Load(sPath, vecErrors));
+        ASSERT_EQ(vecErrors.size(), 1u);
+        EXPECT_NE(vecErrors[0].find(row.szError), std::string::npos) << vecErrors[0];
+        EXPECT_EQ(vecErrors[0].rfind(sPath + ":", 0), 0u) << vecErrors[0];
+    }
+}
+
+// Steps: 'f' a failed login from the address, '?' how long its next login
+// waits (in units of the setting), 'o' the same for another address, '+'
+// the guard's memory runs out.
+TEST(NetLogin, SlowsDownAnAddressThatFailsDoublingUpTo32TimesAndForgetsItLater)
+{
+    const struct
+    {
+        const char* szCase;
+        const char* szSteps;
+        std::vector<int> vecWaits;
+    } aRows[] = {
+        {"no failure", "?", {0}},
+        {"one failure", "f?", {1}},
+        {"doubling", "f?f?f?", {1, 2, 4}},
+        {"at most 32 times", "ffffff?f?", {32, 32}},
+        {"another address", "fff?o", {4, 0}},
+        {"forgotten a while after the last failure", "ff?+?", {2, 0}},
+    };
+    for (const auto& row : aRows)
+    {
+        SCOPED_TRACE(row.szCase);
+        const std::chrono::milliseconds msUnit(100);
+        ZV_LoginGuard guard(msUnit);
+        auto tpNow = ZV_LoginGuard::Clock::now();
+        std::vector<int> vecWaits;
+        for (const char* p = row.szSteps; *p; ++p)
+        {
+            if (*p == 'f')
+                guard.Fail("10.0.0.1", tpNow);
+            else if (*p == '+')
+                tpNow += ZV_LoginGuard::kMemory + std::chrono::seconds(1);
+            else
+                vecWaits.push_back((int)(guard.DelayOf(*p == '?' ? "10.0.0.1" : "10.0.0.2", tpNow) / msUnit));
+        }
+        EXPECT_EQ(vecWaits, row.vecWaits);
+    }
+}

@@ -1,0 +1,141 @@
+// A server told by "RestoreCatalog" to take its catalogue back at start: the
+// stored files as they stand on disk, with who may have them, and nothing of
+// the kind without the setting.
+#include "ZV_SceneFixture.h"
+
+#include <functional>
+
+namespace {
+
+void WriteConfig(ZV_SimHost* lpServer, bool bRestore)
+{
+    std::string sStore = lpServer->GetHome() + "store/";
+    std::replace(sStore.begin(), sStore.end(), '/', '\\');
+    QB_WriteWholeFile(lpServer->GetHome() + "confsrv.ini",
+                      "[FileShare]\r\nPath=" + sStore + "\r\n" + (bRestore ? "RestoreCatalog=1\r\n" : ""));
+}
+
+}  // namespace
+
+struct RestoreScene : ZV_Scene
+{
+    // Alice's file for Bob alone, uploaded whole.
+    uint16_t ShareWithBob(const std::string& sName, const ZV_Bytes& data)
+    {
+        std::filesystem::create_directories(tmp.Sub("alice"));
+        QB_WriteWholeFile(tmp.Sub("alice/" + sName), data);
+        const size_t nBefore = Events(Alice(), zvFsEventFileAdded).size();
+        EXPECT_EQ(0u, Fs(Alice())->FsAdd(ZV_Wide(tmp.Sub("alice/" + sName)).c_str(), &Bob()->GetUserID(), 1, 0, 1));
+        EXPECT_TRUE(sim.Run()) << sim.GetError();
+        const auto vecAdded = Events(Alice(), zvFsEventFileAdded);
+        if (vecAdded.size() == nBefore)
+            return 0xFFFF;
+        QB_ByteStream stream(vecAdded.back().vbData.data(), (int32_t)vecAdded.back().vbData.size());
+        stream.Skip(6);
+        return stream.ReadU16();
+    }
+    void Restart(bool bRestore)
+    {
+        WriteConfig(shape.Server(), bRestore);
+        ASSERT_TRUE(sim.RestartServer(shape.Server())) << sim.GetError();
+        ASSERT_TRUE(sim.Run()) << sim.GetError();
+    }
+};
+
+TEST_F(RestoreScene, TakesEachCatalogueRowBackAsItsStoredFileStandsWhenAsked)
+{
+    const uint32_t kLength = 100000;
+    const ZV_Bytes data = ZV_RandomBytes(kLength, 7);
+    Build();
+    Restart(true);
+    struct Case
+    {
+        const char* szCase;
+        std::function<void(const std::string& sStored)> fnDisk;
+        bool bKept;
+        uint32_t ulPos;
+        uint16_t usState;
+    };
+    const Case aRows[] = {
+        {"a whole file", [](const std::string&) {}, true, kLength, zvFileStateComplete},
+        {"a file cut short", [](const std::string& s) { std::filesystem::resize_file(s, 40000); }, true, 40000,
+         zvFileStateUploading},
+        {"a file with bytes behind its length", [](const std::string& s) { std::filesystem::resize_file(s, kLength + 9); },
+         true, kLength, zvFileStateComplete},
+        {"a file gone from the store", [](const std::string& s) { std::filesystem::remove(s); }, false, 0, 0},
+    };
+    std::vector<uint16_t> vecFileID;
+    for (const Case& row : aRows)
+    {
+        vecFileID.push_back(ShareWithBob(std::string(row.szCase) + ".bin", data));
+        ZV_FileUploadInfo stored;
+        ASSERT_TRUE(Row(shape.Server(), vecFileID.back(), stored)) << row.szCase;
+        row.fnDisk(Stored(shape.Server(), stored));
+    }
+    Restart(true);
+
+    for (size_t i = 0; i < std::size(aRows); ++i)
+    {
+        const Case& row = aRows[i];
+        SCOPED_TRACE(row.szCase);
+        ZV_FileShareSession* lpFsSession = ZV_FileShareMgrPeer::Find(*Manager(shape.Server()), vecFileID[i]);
+        ZV_FileUploadInfo stored;
+        ASSERT_EQ(lpFsSession != nullptr, row.bKept);
+        EXPECT_EQ(Row(shape.Server(), vecFileID[i], stored), row.bKept) << "a row without its file is dropped";
+        ZV_FsFileInfo info{};
+        EXPECT_EQ(Fs(Bob())->FsGetFileInfoByFileID(vecFileID[i], &info), row.bKept ? 0u : zvResultUnknownFile)
+            << "the upload list Bob got on his return";
+        if (!row.bKept)
+            continue;
+        EXPECT_EQ(lpFsSession->FileInfo().m_ulFileWritePos, row.ulPos);
+        EXPECT_EQ(stored.m_ulFileWritePos, row.ulPos);
+        EXPECT_EQ(lpFsSession->FileInfo().m_BriefInfo.m_usFileState, row.usState);
+        EXPECT_EQ(lpFsSession->IsUploadDone(), row.usState == zvFileStateComplete);
+    }
+
+    // Bob may still have the whole file, and gets its bytes.
+    ASSERT_EQ(0u, Download(Bob(), vecFileID[0]));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    EXPECT_EQ(QB_ReadWholeFile(Target(Bob(), vecFileID[0])), data);
+}
+
+// Rights live in the rows only when the server asked for its catalogue back;
+// a change of them is saved at once, so that a restart never gives a user a
+// file he lost. Without the setting nothing comes back and the rows keep
+// their usual keys.
+TEST_F(RestoreScene, KeepsWhoMayHaveAFileAcrossARestartAndTakesNothingBackWithoutTheSetting)
+{
+    Build();
+    const struct
+    {
+        const char* szCase;
+        bool bRestore;
+        bool bRevoke;
+        bool bBobGetsIt;
+    } aRows[] = {
+        {"no setting", false, false, false},
+        {"rights kept", true, false, true},
+        {"Bob's right taken away before the restart", true, true, false},
+    };
+    int nRow = 0;
+    for (const auto& row : aRows)
+    {
+        SCOPED_TRACE(row.szCase);
+        Restart(row.bRestore);
+        ++nRow;
+        const ZV_Bytes data = ZV_RandomBytes(5000, nRow);
+        const uint16_t usFileID = ShareWithBob("r" + std::to_string(nRow) + ".bin", data);
+        if (row.bRevoke)
+        {
+            ASSERT_EQ(0u, Fs(Alice())->FsSetRight(usFileID, 0, nullptr, 0, &Bob()->GetUserID(), 1));
+            ASSERT_TRUE(sim.Run());
+        }
+        Restart(row.bRestore);
+        EXPECT_EQ(ZV_FileShareMgrPeer::Find(*Manager(shape.Server()), usFileID) != nullptr, row.bRestore);
+        Download(Bob(), usFileID);
+        ASSERT_TRUE(sim.Run()) << sim.GetError();
+        EXPECT_EQ(QB_ReadWholeFile(Target(Bob(), usFileID)) == data, row.bBobGetsIt);
+        const std::string sKey("R\0i\0g\0h\0t\0s\0=", 13);  // the file is UTF-16
+        EXPECT_EQ(QB_CountInFiles(shape.Server()->GetHome() + "fsinfo.ini", sKey) > 0, row.bRestore);
+    }
+}
