@@ -294,7 +294,11 @@ void ZV_FileShareMgr::OnTimer(uint32_t ulTick)
             lpFsSession->OnTimer(ulTick);
     });
     if (!m_lpConf->IsClientMode())
+    {
+        m_Catalog.OnTimer();
         return;
+    }
+    m_ShareLedger.OnTimer();
     if (!m_arrBusyFileID.IsEmpty())
     {
         NotifyBusy(1);

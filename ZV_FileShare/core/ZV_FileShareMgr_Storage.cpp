@@ -34,7 +34,12 @@ QB_StringW HomeFolder()
 uint32_t ZV_FileShareMgr::Initialize()
 {
     if (!m_lpConf->IsServerMode())
+    {
+        // Read now rather than at the user's first share, which would
+        // otherwise pay for every row the record holds.
+        m_ShareLedger.Preload();
         return zvResultOk;
+    }
     m_usNextFileID = m_lpConf->GetFileIDMin();
     try
     {

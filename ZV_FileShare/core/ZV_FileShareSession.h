@@ -326,6 +326,7 @@ private:
     void FloodDownloadStop(const QB_UserID& user, bool bStopped);
     ZV_FileDownloadInfo* ReadmitDownloader(const ZV_DownloadDataRequest& ask);
     void KickDownloadConn(uint32_t ulConn);
+    uint32_t SendBlockPdu(const ConfPduData* lpCpd, ZV_PduBuffer& pdu);
     uint32_t SendDownloadBlock(const ConfPduData* lpCpd, uint32_t ulResult, const QB_UserID& user, uint32_t ulPos,
                                uint32_t ulLen, const uint8_t* pData);
     void FloodFinishedDownload(const QB_UserID& user, const ZV_FileDownloadInfo& entry);

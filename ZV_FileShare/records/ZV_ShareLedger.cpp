@@ -32,8 +32,14 @@ bool FitsOneLine(const QB_StringW& s)
 
 } // namespace
 
-ZV_ShareLedger::ZV_ShareLedger() : m_Lock("ZV_ShareLedger::m_Lock"), m_IniFile(17, 17)
+ZV_ShareLedger::ZV_ShareLedger() : m_Lock("ZV_ShareLedger::m_Lock"), m_Journal(17, 17)
 {
+}
+
+ZV_ShareLedger::~ZV_ShareLedger()
+{
+    QB_Lock lock(&m_Lock);
+    m_Journal.Close();
 }
 
 std::string ZV_ShareLedger::KeyOf(uint32_t ulConfID, const QB_StringU8& sPath)
@@ -50,13 +56,13 @@ void ZV_ShareLedger::Load(bool bCreate)
     if (m_bLoaded || (!bCreate && QB_GetEnv()->GetFileAttributes(sPath) == QB_ATTR_INVALID))
         return;
     m_bLoaded = true;
-    if (!m_IniFile.Open(QB_StringW(sPath.c_str()), true))
+    if (!m_Journal.Open(QB_StringW(sPath.c_str()), true))
     {
         QB_WriteLog(QB_LOG_DAILY, "error", "ZV_ShareLedger::Load failed.\r\n");
         return;
     }
     QB_Array<QB_StringW> arrNames;
-    m_IniFile.GetSectionNames(arrNames);
+    m_Journal.Ini().GetSectionNames(arrNames);
     for (int i = 0; i < arrNames.GetSize(); ++i)
     {
         // Names come as the file has them, "[S12]" or "[D13]". Rows are
@@ -81,9 +87,9 @@ QB_StringW ZV_ShareLedger::NewSection(char16_t chKind)
 
 void ZV_ShareLedger::LoadTarget(const QB_StringW& sSection)
 {
-    const int32_t nConfID = m_IniFile.GetLong(sSection, kConfID, -1);
-    const int32_t nFileID = m_IniFile.GetLong(sSection, kFileID, -1);
-    const QB_StringW sPath = m_IniFile.GetString(sSection, kTarget, QB_StringW());
+    const int32_t nConfID = m_Journal.Ini().GetLong(sSection, kConfID, -1);
+    const int32_t nFileID = m_Journal.Ini().GetLong(sSection, kFileID, -1);
+    const QB_StringW sPath = m_Journal.Ini().GetString(sSection, kTarget, QB_StringW());
     if (nConfID < 0 || nFileID < 0 || nFileID > 0xFFFF || sPath.IsEmpty())
         return;
     Target& target = m_mapTargets[TargetKey((uint32_t)nConfID, (uint16_t)nFileID)];
@@ -93,17 +99,23 @@ void ZV_ShareLedger::LoadTarget(const QB_StringW& sSection)
 
 void ZV_ShareLedger::LoadRow(const QB_StringW& sSection)
 {
-    const int32_t nConfID = m_IniFile.GetLong(sSection, kConfID, -1);
-    const QB_StringW sPath = m_IniFile.GetString(sSection, kPath, QB_StringW());
-    const QB_StringW sLength = m_IniFile.GetString(sSection, kLength, QB_StringW());
-    const QB_StringW sTime = m_IniFile.GetString(sSection, kModifyTime, QB_StringW());
+    const int32_t nConfID = m_Journal.Ini().GetLong(sSection, kConfID, -1);
+    const QB_StringW sPath = m_Journal.Ini().GetString(sSection, kPath, QB_StringW());
+    const QB_StringW sLength = m_Journal.Ini().GetString(sSection, kLength, QB_StringW());
+    const QB_StringW sTime = m_Journal.Ini().GetString(sSection, kModifyTime, QB_StringW());
     if (nConfID < 0 || sPath.IsEmpty() || sLength.IsEmpty() || sTime.IsEmpty())
         return;
     Row row;
     row.sSection = sSection;
-    row.ulLength = (uint32_t)m_IniFile.GetLong(sSection, kLength, 0);
+    row.ulLength = (uint32_t)m_Journal.Ini().GetLong(sSection, kLength, 0);
     row.sModifyTime = QB_StringA(sTime).GetString();
     m_mapRows[KeyOf((uint32_t)nConfID, QB_StringU8(sPath))] = row;
+}
+
+void ZV_ShareLedger::Preload()
+{
+    QB_Lock lock(&m_Lock);
+    Load(false);
 }
 
 bool ZV_ShareLedger::Remember(uint32_t ulConfID, const ZV_FileBriefInfo& brief)
@@ -139,19 +151,29 @@ bool ZV_ShareLedger::Note(uint32_t ulConfID, const ZV_FileBriefInfo& brief)
     const QB_StringW sWidePath(sPath);
     if (!FitsOneLine(sWidePath))
         return false;
-    m_IniFile.SetLong(row.sSection, kConfID, (int32_t)(ulConfID & 0xFFFF));
-    m_IniFile.SetString(row.sSection, kPath, sWidePath);
-    m_IniFile.SetLong(row.sSection, kLength, (int32_t)row.ulLength);
-    m_IniFile.SetString(row.sSection, kModifyTime, QB_StringW(QB_StringA(row.sModifyTime.c_str())));
+    m_Journal.SetLong(row.sSection, kConfID, (int32_t)(ulConfID & 0xFFFF));
+    m_Journal.SetString(row.sSection, kPath, sWidePath);
+    m_Journal.SetLong(row.sSection, kLength, (int32_t)row.ulLength);
+    m_Journal.SetString(row.sSection, kModifyTime, QB_StringW(QB_StringA(row.sModifyTime.c_str())));
     return true;
 }
 
+// Appended to the journal beside the file and synced rather than the file
+// rewritten: a user who shares thousands of files would otherwise write
+// the whole record again for each of them.
 bool ZV_ShareLedger::Save()
 {
-    if (m_IniFile.Flush())
+    if (m_Journal.Commit())
         return true;
     QB_WriteLog(QB_LOG_DAILY, "error", "ZV_ShareLedger::Flush failed.\r\n");
     return false;
+}
+
+void ZV_ShareLedger::OnTimer()
+{
+    QB_Lock lock(&m_Lock);
+    if (m_bLoaded)
+        m_Journal.RewriteIfQuiet();
 }
 
 bool ZV_ShareLedger::Holds(uint32_t ulConfID, const ZV_FileBriefInfo& brief)
@@ -174,9 +196,9 @@ bool ZV_ShareLedger::RememberDownload(uint32_t ulConfID, uint16_t usFileID, cons
     if (target.sSection.IsEmpty())
         target.sSection = NewSection(u'D');
     target.sPath = sTarget.GetString();
-    m_IniFile.SetLong(target.sSection, kConfID, (int32_t)(ulConfID & 0xFFFF));
-    m_IniFile.SetLong(target.sSection, kFileID, usFileID);
-    m_IniFile.SetString(target.sSection, kTarget, sWide);
+    m_Journal.SetLong(target.sSection, kConfID, (int32_t)(ulConfID & 0xFFFF));
+    m_Journal.SetLong(target.sSection, kFileID, usFileID);
+    m_Journal.SetString(target.sSection, kTarget, sWide);
     return Save();
 }
 
@@ -195,7 +217,7 @@ bool ZV_ShareLedger::ForgetDownload(uint32_t ulConfID, uint16_t usFileID)
     const auto it = m_mapTargets.find(TargetKey(ulConfID, usFileID));
     if (it == m_mapTargets.end())
         return true;
-    m_IniFile.DeleteSection(it->second.sSection);
+    m_Journal.DeleteSection(it->second.sSection);
     m_mapTargets.erase(it);
     return Save();
 }

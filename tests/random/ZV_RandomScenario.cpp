@@ -827,7 +827,8 @@ std::string ZV_RandomScenario::DescribeServers(uint16_t usFileID)
 bool ZV_RandomScenario::IsNodeFile(const std::vector<std::string>& vecPart) const
 {
     if (vecPart.size() == 3)
-        return vecPart[2] == "confsrv.ini" || vecPart[2] == "fsinfo.ini" || vecPart[2] == "fsshared.ini";
+        return vecPart[2] == "confsrv.ini" || vecPart[2].rfind("fsinfo.ini", 0) == 0 ||
+               vecPart[2].rfind("fsshared.ini", 0) == 0;
     if (vecPart.size() >= 4 && vecPart[2] == "log")
         return true;
     const bool bServer = vecPart[1].rfind("srv", 0) == 0;

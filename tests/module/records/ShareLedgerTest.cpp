@@ -69,8 +69,9 @@ TEST_F(ShareLedger, ADamagedRecordCountsAsEmptyAndAFailedSaveHoldsForThisRunOnly
         EXPECT_TRUE(ledger.Remember(7, Shared()));
         EXPECT_TRUE(ZV_ShareLedger().Holds(7, Shared()));
     }
+    // Nothing reaches the disk: neither the journal nor the whole file.
     ZV_ShareLedger ledger;
-    m_env.FailAt(QB_EnvOp::Sync, 1, true);
+    m_env.FailAt(QB_EnvOp::Write, 1, true);
     EXPECT_FALSE(ledger.Remember(7, Shared("new.txt")));
     m_env.ClearFaults();
     EXPECT_TRUE(ledger.Holds(7, Shared("new.txt")));
