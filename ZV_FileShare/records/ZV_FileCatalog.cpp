@@ -73,7 +73,8 @@ int ZV_FileCatalog::Open()
         QB_StringW sPath = Wide(sFolder) + u"fsinfo.ini";
         m_bRowIndexValid = false;
         m_bOpened = true;
-        return m_IniFile.Open(sPath, true) ? zvCatalogOpened : zvCatalogNotOpened;
+        m_bUnread = !m_IniFile.Open(sPath, true);
+        return m_bUnread ? zvCatalogNotOpened : zvCatalogOpened;
     }
     catch (...)
     {
@@ -120,9 +121,12 @@ bool ZV_FileCatalog::SaveFiles(uint32_t ulConfID, const QB_Array<ZV_FileUploadIn
 // The file on disk keeps the last catalogue that was written whole; a row
 // whose save failed stays in memory and goes out with the next good save.
 // A catalogue that was never opened (a client's) has no file to keep.
+// A catalogue that could not be read is never written: the file on disk may
+// hold every row, and the empty one in memory would replace them all. Its
+// saves fail until a later Open reads it.
 bool ZV_FileCatalog::Flush()
 {
-    if (!m_bOpened || m_IniFile.Flush())
+    if (!m_bOpened || (!m_bUnread && m_IniFile.Flush()))
         return true;
     QB_WriteLog(QB_LOG_DAILY, "error", "ZV_FileCatalog::Flush failed.\r\n");
     return false;
