@@ -18,6 +18,7 @@
 
 #include "QB_Plex.h"
 #include "lists/ZV_ListPdu.h"
+#include "wire/ZV_CutList.h"
 #include "wire/ZV_PduFrame.h"
 
 #include <benchmark/benchmark.h>

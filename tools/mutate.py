@@ -27,6 +27,15 @@ is put back. A mutant is caught when a test program fails, crashes or runs
 out of time; it survives when they all pass. A mutant that does not compile
 counts for nothing.
 
+With --matrix FILE the run also records which test cases fail for each
+mutant (the kill matrix): no program stops at its first failure, every
+program that was relinked runs whole, and its GoogleTest XML output is read.
+One JSON line per mutant is appended to FILE as soon as it is done, and a
+rerun with the same FILE skips the mutants already in it, so a sample of
+hundreds can be spread over several sittings. --matrix-report FILE reads a
+matrix back and lists, per test case, the mutants it kills and how many of
+those no other test kills: a test with none is a candidate to fold or drop.
+
 Mutant ids are a hash of the file, the operator, the changed text and its
 place among identical lines, so they survive edits elsewhere in the file.
 The equivalent list (see --equivalent) names ids of mutants that cannot
@@ -36,11 +45,14 @@ Examples:
   nice -n 19 tools/mutate.py --list --files 'ZV_FileShare/*.cpp' | head
   nice -n 19 tools/mutate.py --sample 50 --seed 1 --files 'ZV_FileShare/*.cpp'
   nice -n 19 tools/mutate.py                    # every mutant: a night
+  nice -n 19 tools/mutate.py --sample 400 --seed 7 --matrix kill.jsonl   # resumable
+  tools/mutate.py --matrix-report kill.jsonl
 """
 
 import argparse
 import fnmatch
 import hashlib
+import json
 import os
 import random
 import re
@@ -49,6 +61,7 @@ import signal
 import subprocess
 import sys
 import time
+import xml.etree.ElementTree as ET
 from dataclasses import dataclass
 from pathlib import Path
 
@@ -406,6 +419,65 @@ def run_tests(exes, timeouts, log):
     return "passed"
 
 
+def failed_cases(xml_path):
+    """The names (Suite.Case) of the failed cases of one GoogleTest XML report."""
+    try:
+        root = ET.parse(xml_path).getroot()
+    except (ET.ParseError, OSError):
+        return None
+    return sorted(f"{case.get('classname')}.{case.get('name')}" for case in root.iter("testcase")
+                  if case.find("failure") is not None)
+
+
+def run_matrix(exes, timeouts, log, xml_dir):
+    """Runs every program whole; the outcome and the failed cases, by program.
+
+    A program that crashes or runs out of time leaves no usable report: it is
+    recorded by its name alone, since any of its cases may be the one."""
+    outcome, killed = "passed", []
+    for name, exe in sorted(exes.items(), key=lambda kv: timeouts[kv[0]]):
+        xml_path = xml_dir / f"{name}.xml"
+        if xml_path.exists():
+            xml_path.unlink()
+        code, _ = run([str(exe), f"--gtest_output=xml:{xml_path}", "--gtest_brief=1"], cwd=exe.parent,
+                      timeout=timeouts[name], log=log)
+        if code == 0:
+            continue
+        outcome = "timeout" if code is None else "failed"
+        cases = failed_cases(xml_path) if code is not None else None
+        killed += cases if cases else [f"{name}.*"]
+    return outcome, killed
+
+
+def read_matrix(path):
+    rows = {}
+    if path.is_file():
+        for line in path.read_text().splitlines():
+            try:
+                row = json.loads(line)
+            except json.JSONDecodeError:
+                continue  # a line cut by an interrupted run: that mutant runs again
+            rows[row["id"]] = row
+    return rows
+
+
+def matrix_report(path):
+    rows = [r for r in read_matrix(path).values() if r["outcome"] in ("failed", "timeout", "passed")]
+    if not rows:
+        sys.exit(f"mutate: no mutant in {path}")
+    by_test = {}
+    for row in rows:
+        for test in row["killed"]:
+            by_test.setdefault(test, set()).add(row["id"])
+    killers = {r["id"]: len(r["killed"]) for r in rows}
+    caught = sum(1 for r in rows if r["killed"])
+    print(f"{len(rows)} mutants, {caught} caught ({100 * caught / len(rows):.1f}%), {len(by_test)} tests kill any")
+    print(f"{'kills':>5} {'alone':>5}  test")
+    for test, ids in sorted(by_test.items(), key=lambda kv: (sum(killers[i] == 1 for i in kv[1]), len(kv[1]))):
+        print(f"{len(ids):5} {sum(killers[i] == 1 for i in ids):5}  {test}")
+    return 0
+
+
 # ---------------------------------------------------------------------------
 
 def parse_args():
@@ -425,6 +497,10 @@ def parse_args():
                    help="work folder for the copy and its build (default /tmp/roomcrate-mutate-<user>); "
                         "kept between runs so that the next build is incremental")
     p.add_argument("--report", metavar="FILE", help="where to write the report (default WORK/report.txt)")
+    p.add_argument("--matrix", metavar="FILE",
+                   help="record the failed test cases of each mutant, one JSON line each, appended to FILE; "
+                        "mutants already in FILE are skipped")
+    p.add_argument("--matrix-report", metavar="FILE", help="only read a matrix and list what each test kills")
     p.add_argument("--jobs", type=int, default=2, help="build jobs (default 2)")
     p.add_argument("--timeout-factor", type=float, default=3.0,
                    help="a test program runs out of time at this many times its clean run, +10 s (default 3)")
@@ -491,6 +567,8 @@ def report(results, elapsed, out_path):
 
 def main():
     args = parse_args()
+    if args.matrix_report:
+        return matrix_report(Path(args.matrix_report))
     checkout = Path(subprocess.run(["git", "rev-parse", "--show-toplevel"], cwd=Path(__file__).parent,
                                    check=True, capture_output=True, text=True).stdout.strip())
     ops = set(args.ops.split(","))
@@ -534,12 +612,18 @@ def main():
     print("mutate: clean run passes: " + ", ".join(f"{n} {t:.0f} s limit" for n, t in sorted(timeouts.items())),
           flush=True)
 
+    matrix = Path(args.matrix).resolve() if args.matrix else None
+    done = read_matrix(matrix) if matrix else {}
     results = []
     started = time.monotonic()
     for n, m in enumerate(mutants, 1):
         if m.mid in equivalent:
             results.append((m, "equivalent"))
             continue
+        if m.mid in done:
+            results.append((m, done[m.mid]["outcome"]))
+            continue
+        killed = []
         path = copy / m.file
         clean = path.read_text(encoding="utf-8")
         before = {name: stamp(exe) for name, exe in exes.items()}
@@ -550,10 +634,18 @@ def main():
                 outcome = "nobuild"
             else:
                 relinked = {k: e for k, e in exes.items() if stamp(e) != before[k]}
-                outcome = run_tests(relinked, timeouts, log) if relinked else "passed"
+                if matrix and relinked:
+                    outcome, killed = run_matrix(relinked, timeouts, log, work)
+                else:
+                    outcome = run_tests(relinked, timeouts, log) if relinked else "passed"
         finally:
             path.write_text(clean, encoding="utf-8")
         results.append((m, outcome))
+        if matrix:
+            with open(matrix, "a") as out:
+                out.write(json.dumps({"id": m.mid, "file": m.file, "line": m.line, "op": m.op,
+                                      "change": f"{short(m.before)} -> {short(m.after)}",
+                                      "outcome": outcome, "killed": killed}) + "\n")
         spent = time.monotonic() - started
         print(f"[{n}/{len(mutants)} {spent / n:.0f} s each] {outcome:8} {m.describe()}", flush=True)
 

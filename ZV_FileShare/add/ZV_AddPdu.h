@@ -174,6 +174,12 @@ struct ZV_AddFilesResponse
     }
 };
 
+// Both batch writers (8055, 8056) count a PDU's size from its head plus this
+// room, and cut before a description that would bring the count to the
+// buffer's size: one byte tighter than the lists (wire/ZV_CutList.h).
+constexpr uint32_t ZV_BATCH_HEAD_ROOM = 33;
+constexpr uint32_t ZV_BATCH_CUT_LIMIT = (uint32_t)QB_PDU_BUFFER_SIZE - 1;
+
 // What one description adds to a batch PDU, by the count both batch writers
 // use: the record's own bound plus six, a little more than the record's
 // length word, its FileID and its position need.

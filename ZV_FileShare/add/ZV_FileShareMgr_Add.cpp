@@ -6,6 +6,7 @@
 #include "core/ZV_FileShareSession.h"
 #include "wire/ZV_PduTable.h"
 #include "records/ZV_SharePath.h"
+#include "core/ZV_Percent.h"
 
 #include "QB_FileEx.h"
 #include "QB_Log.h"
@@ -109,6 +110,8 @@ uint32_t ZV_FileShareMgr::FsAdd(const char16_t* szPath, const QB_UserID* pRight,
         const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
         if (ulConn == zvConnNone)
             return FsAddFailed(zvResultNoConnection);
+        // A failed save is logged by the ledger; the row holds for this run,
+        // and after a restart the user shares again.
         m_ShareLedger.Remember(m_lpConf->GetConfID(), brief);
         return SendAddRequest(ulConn, ZV_NO_FILEID, *m_lpConf->GetLocalUserID(), 0, brief, bStartUpload);
     });
@@ -117,7 +120,6 @@ uint32_t ZV_FileShareMgr::FsAdd(const char16_t* szPath, const QB_UserID* pRight,
 
 uint32_t ZV_FileShareMgr::HandleAddRequest(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_ADD_REQUEST");
     ZV_PayloadReader stream(lpCpd);
     ZV_AddRequest ask;
     ask.LoadHead(stream);
@@ -173,13 +175,13 @@ uint32_t ZV_FileShareMgr::FinishServerAdd(ConfPduData* lpCpd, const ZV_AddReques
 
 uint32_t ZV_FileShareMgr::HandleAddResponse(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_ADD_RESPONSE");
     ZV_PayloadReader stream(lpCpd);
     ZV_AddResponse answer;
     answer.Load(stream);
     if (!m_lpConf->IsClientMode())
         return answer.ulResult;
-    const double dPercent = (double)answer.ulWritePos / answer.brief.m_ulFileLenth * 100.0;
+    // As an add has always shown it: an empty file's share is not a number.
+    const double dPercent = ZV_PercentOfShare(answer.ulWritePos, answer.brief.m_ulFileLenth, ZV_IfEmpty::Quotient);
     // A file said to be the local user's that the user never shared gets
     // no session, so no later PDU can make this client read it.
     if (answer.ulResult == zvResultOk && IsUntrustedAdd(answer.brief, "ZV_FileShareMgr.HandleAddResponse"))
@@ -196,7 +198,7 @@ uint32_t ZV_FileShareMgr::HandleAddResponse(ConfPduData* lpCpd)
         return answer.ulResult;
     }
     QB_Lock lock(&m_mapSession);
-    if (TakeRepeatedFile(answer.usFileID, answer.brief, answer.ulWritePos))
+    if (RefreshKnownFile(answer.usFileID, answer.brief, answer.ulWritePos))
         return zvResultOk;
     ZV_FileShareSession* lpFsSession = lpOwned.get();
     ReplaceSession(answer.usFileID, std::move(lpOwned));
@@ -221,7 +223,7 @@ uint32_t ZV_FileShareMgr::HandleAddResponse(ConfPduData* lpCpd)
 // goes, with what it had of a download.
 void ZV_FileShareMgr::ReplaceSession(uint16_t usFileID, std::unique_ptr<ZV_FileShareSession> lpFsSession)
 {
-    const std::unique_ptr<ZV_FileShareSession> lpGone = TakeSession(usFileID);
+    const std::unique_ptr<ZV_FileShareSession> lpGone = DetachSession(usFileID);
     if (lpGone && m_lpConf->IsClientMode())
     {
         DropUnlistedDownload(usFileID, lpGone.get());
@@ -234,13 +236,13 @@ void ZV_FileShareMgr::ReplaceSession(uint16_t usFileID, std::unique_ptr<ZV_FileS
 // A server announces again a file this client holds when a server link came
 // back and the file was set against the peer's. The session stays, with the
 // transfers it runs; it takes the server's description.
-bool ZV_FileShareMgr::TakeRepeatedFile(uint16_t usFileID, const ZV_FileBriefInfo& brief, uint32_t ulPos)
+bool ZV_FileShareMgr::RefreshKnownFile(uint16_t usFileID, const ZV_FileBriefInfo& brief, uint32_t ulPos)
 {
     ZV_FileShareSession* lpFsSession = nullptr;
     if (!m_mapSession.Lookup(usFileID, lpFsSession) || lpFsSession == nullptr ||
         !lpFsSession->BriefInfo().IsSameFile(brief))
         return false;
-    lpFsSession->TakeAnnouncedAgain(brief, ulPos);
+    lpFsSession->ApplyAnnouncedAgain(brief, ulPos);
     return true;
 }
 
@@ -248,10 +250,10 @@ bool ZV_FileShareMgr::TakeRepeatedFile(uint16_t usFileID, const ZV_FileBriefInfo
 void ZV_FileShareMgr::RemoveSession(uint16_t usFileID)
 {
     MarkBusy(false, usFileID);
-    TakeSession(usFileID);
+    DetachSession(usFileID);
 }
 
-std::unique_ptr<ZV_FileShareSession> ZV_FileShareMgr::TakeSession(uint16_t usFileID)
+std::unique_ptr<ZV_FileShareSession> ZV_FileShareMgr::DetachSession(uint16_t usFileID)
 {
     ZV_FileShareSession* lpFsSession = nullptr;
     m_mapSession.Lookup(usFileID, lpFsSession);
@@ -263,7 +265,7 @@ std::unique_ptr<ZV_FileShareSession> ZV_FileShareMgr::TakeSession(uint16_t usFil
 // second throw there still leaves no key behind.
 void ZV_FileShareMgr::DropAddedSession(uint16_t usFileID)
 {
-    const std::unique_ptr<ZV_FileShareSession> lpOwned = TakeSession(usFileID);
+    const std::unique_ptr<ZV_FileShareSession> lpOwned = DetachSession(usFileID);
     if (lpOwned)
         lpOwned->UndoAdd();
 }

@@ -5,8 +5,10 @@
 #include "add/ZV_AddPdu.h"
 #include "core/ZV_FileShareSession.h"
 #include "lists/ZV_ListPdu.h"
+#include "wire/ZV_CutList.h"
 #include "wire/ZV_PduTable.h"
 #include "records/ZV_SharePath.h"
+#include "core/ZV_Percent.h"
 
 #include "QB_FileEx.h"
 #include "QB_Log.h"
@@ -70,42 +72,60 @@ uint32_t SendFilesPdu(IZV_ConfHost* lpConf, uint32_t ulConn, uint16_t usPdu, con
     return ZV_SendToLink(lpConf, ulConn, usPdu, pdu);
 }
 
-// A series of 8056 whose last PDU carries bLastFinal. A PDU is cut before
-// the entry that would bring the running size to the buffer's size; the
-// estimate keeps room for each entry's FileID and position.
-uint32_t SendFilesSeries(IZV_ConfHost* lpConf, uint32_t ulConn, ZV_AddFilesResponse& part,
-                         const QB_Array<uint16_t>& arrFileID, const QB_Array<uint32_t>& arrPos,
-                         const QB_Array<ZV_FileBriefInfo>& arrInfo, uint8_t bLastFinal, bool bToAll)
+template <typename T>
+QB_Array<T> Slice(const QB_Array<T>& arr, int nFrom, int nTo)
+{
+    QB_Array<T> part;
+    for (int i = nFrom; i < nTo && i < arr.GetSize(); ++i)
+        part.Add(arr[i]);
+    return part;
+}
+
+// A batch of 8055 or 8056 (`part`), cut on the batches' count:
+// fnFill(nFrom, nTo, bLast) puts entries [nFrom, nTo) into the part, whose
+// body is then written behind its head and sent by fnSend. The result is
+// the last send's.
+template <typename TPart, typename FnFill, typename FnSend>
+uint32_t SendBatch(TPart& part, int nCount, const QB_Array<ZV_FileBriefInfo>& arrInfo, FnFill fnFill, FnSend fnSend)
 {
     ZV_PduBuffer pdu;
     QB_ByteStream& stream = pdu.Stream();
     part.SaveHead(stream);
     const int32_t nHeadEnd = stream.GetPos();
-    uint32_t ulRunning = (uint32_t)nHeadEnd + 33;
-    const int nCount = arrFileID.GetSize() < arrInfo.GetSize() ? arrFileID.GetSize() : arrInfo.GetSize();
-    for (int i = 0; i < nCount; ++i)
-    {
-        const uint32_t ulSize = ZV_AddFilesEntrySize(arrInfo[i]);
-        if (ulSize + ulRunning >= (uint32_t)QB_PDU_BUFFER_SIZE && !part.arrFileID.IsEmpty())
-        {
-            part.bLast = 0;
-            part.SaveBody(stream);
-            SendFilesPdu(lpConf, ulConn, PDU_CONF_FS_ADD_FILES_RESPONSE, pdu, bToAll);
-            part.arrFileID.RemoveAll();
-            part.arrPos.RemoveAll();
-            part.arrInfo.RemoveAll();
+    uint32_t ulSent = 0;
+    ZV_CutList(
+        (uint32_t)nHeadEnd + ZV_BATCH_HEAD_ROOM, nCount, [&](int i) { return ZV_AddFilesEntrySize(arrInfo[i]); },
+        [&](int nFrom, int nTo, bool bLast) {
+            fnFill(nFrom, nTo, bLast);
             stream.SeekTo(nHeadEnd);
-            ulRunning = (uint32_t)nHeadEnd + 33;
-        }
-        part.arrFileID.Add(arrFileID[i]);
-        if (i < arrPos.GetSize())
-            part.arrPos.Add(arrPos[i]);
-        part.arrInfo.Add(arrInfo[i]);
-        ulRunning += ulSize;
-    }
-    part.bLast = bLastFinal;
-    part.SaveBody(stream);
-    return SendFilesPdu(lpConf, ulConn, PDU_CONF_FS_ADD_FILES_RESPONSE, pdu, bToAll);
+            part.SaveBody(stream);
+            ulSent = fnSend(pdu);
+        },
+        ZV_BATCH_CUT_LIMIT);
+    return ulSent;
+}
+
+int CommonCount(const QB_Array<uint16_t>& arrFileID, const QB_Array<ZV_FileBriefInfo>& arrInfo)
+{
+    return arrFileID.GetSize() < arrInfo.GetSize() ? arrFileID.GetSize() : arrInfo.GetSize();
+}
+
+// A series of 8056 whose last PDU carries bLastFinal.
+uint32_t SendFilesSeries(IZV_ConfHost* lpConf, uint32_t ulConn, ZV_AddFilesResponse& part,
+                         const QB_Array<uint16_t>& arrFileID, const QB_Array<uint32_t>& arrPos,
+                         const QB_Array<ZV_FileBriefInfo>& arrInfo, uint8_t bLastFinal, bool bToAll)
+{
+    return SendBatch(
+        part, CommonCount(arrFileID, arrInfo), arrInfo,
+        [&](int nFrom, int nTo, bool bLast) {
+            part.arrFileID = Slice(arrFileID, nFrom, nTo);
+            part.arrPos = Slice(arrPos, nFrom, nTo);
+            part.arrInfo = Slice(arrInfo, nFrom, nTo);
+            part.bLast = bLast ? bLastFinal : 0;
+        },
+        [&](const ZV_PduBuffer& pdu) {
+            return SendFilesPdu(lpConf, ulConn, PDU_CONF_FS_ADD_FILES_RESPONSE, pdu, bToAll);
+        });
 }
 
 bool NamesFileID(const QB_Array<uint16_t>& arrFileID)
@@ -116,20 +136,11 @@ bool NamesFileID(const QB_Array<uint16_t>& arrFileID)
     return false;
 }
 
-template <typename T>
-QB_Array<T> Slice(const QB_Array<T>& arr, int nFrom, int nTo)
-{
-    QB_Array<T> part;
-    for (int i = nFrom; i < nTo && i < arr.GetSize(); ++i)
-        part.Add(arr[i]);
-    return part;
-}
-
 } // namespace
 
 // From the last file to the first, so that with a range that runs out the
 // files at the batch's end keep their place. False when none is left.
-bool ZV_FileShareMgr::TakeFileIDs(ConfPduData* lpCpd, ZV_AddFilesRequest& ask)
+bool ZV_FileShareMgr::AllocBatchFileIDs(ConfPduData* lpCpd, ZV_AddFilesRequest& ask)
 {
     QB_Array<ZV_FileBriefInfo> arrRefused;
     for (int i = ask.arrFileID.GetSize() - 1; i >= 0; --i)
@@ -196,17 +207,16 @@ void ZV_FileShareMgr::StoreAddedFiles(ConfPduData* lpCpd, const ZV_AddFilesReque
 
 // One file of an 8056 on the client: its session, and its place in the
 // report if the batch is visible.
-uint32_t ZV_FileShareMgr::TakeAddedFile(const ZV_AddFilesResponse& answer, int nIndex, bool bVisible)
+uint32_t ZV_FileShareMgr::ApplyAnnouncedFile(const ZV_AddFilesResponse& answer, int nIndex, bool bVisible)
 {
     const uint16_t usFileID = answer.arrFileID[nIndex];
     const ZV_FileBriefInfo& brief = answer.arrInfo[nIndex];
     const uint32_t ulPos = nIndex < answer.arrPos.GetSize() ? answer.arrPos[nIndex] : 0;
+    // In percent, and as for one file an empty file's share is not a number.
     if (bVisible)
-    {
-        NotePendingFile(usFileID, (double)ulPos / brief.m_ulFileLenth * 100.0);
-    }
+        NotePendingFile(usFileID, ZV_PercentOfShare(ulPos, brief.m_ulFileLenth, ZV_IfEmpty::Quotient));
     QB_Lock lock(&m_mapSession);
-    if (TakeRepeatedFile(usFileID, brief, ulPos))
+    if (RefreshKnownFile(usFileID, brief, ulPos))
         return zvResultOk;
     auto lpOwned = MakeSession();
     ZV_FileShareSession* lpFsSession = lpOwned.get();
@@ -228,7 +238,7 @@ void ZV_FileShareMgr::ReportPendingFiles()
     QB_Array<uint16_t> arrFileID;
     QB_Array<double> arrRate;
     QB_Array<ZV_FileBriefInfo> arrInfo;
-    TakePendingFiles(arrFileID, arrRate, arrInfo);
+    DrainPendingFiles(arrFileID, arrRate, arrInfo);
     const int nCount = std::max({arrFileID.GetSize(), arrRate.GetSize(), arrInfo.GetSize()});
     // Event number, result, and the three counts reckoned at their longest,
     // so an estimate that meets the buffer to the byte still fits it.
@@ -247,8 +257,8 @@ void ZV_FileShareMgr::NotePendingFile(uint16_t usFileID, double dRate)
     m_arrPendingRate.Add(dRate);
 }
 
-void ZV_FileShareMgr::TakePendingFiles(QB_Array<uint16_t>& arrFileID, QB_Array<double>& arrRate,
-                                       QB_Array<ZV_FileBriefInfo>& arrInfo)
+void ZV_FileShareMgr::DrainPendingFiles(QB_Array<uint16_t>& arrFileID, QB_Array<double>& arrRate,
+                                        QB_Array<ZV_FileBriefInfo>& arrInfo)
 {
     arrFileID = m_arrPendingFileID;
     arrRate = m_arrPendingRate;
@@ -294,6 +304,8 @@ uint32_t ZV_FileShareMgr::FsFilesAdd(const char16_t* szFolder, const char16_t* c
         }
         if (!arrInfo.IsEmpty())
         {
+            // A failed save is logged by the ledger; the rows hold for this run,
+            // and after a restart the user shares again.
             m_ShareLedger.Remember(m_lpConf->GetConfID(), arrInfo);
             SendAddFilesRequest(ulConn, *m_lpConf->GetLocalUserID(), 0, bStartUpload, arrFileID, arrInfo);
         }
@@ -311,31 +323,14 @@ uint32_t ZV_FileShareMgr::SendAddFilesRequest(uint32_t ulConn, const QB_UserID& 
     part.user = user;
     part.ulFloodSeq = ulFloodSeq;
     part.bStartUpload = bStartUpload;
-    ZV_PduBuffer pdu;
-    QB_ByteStream& stream = pdu.Stream();
-    part.SaveHead(stream);
-    const int32_t nHeadEnd = stream.GetPos();
-    uint32_t ulEstimate = (uint32_t)nHeadEnd + 33;
-    for (int i = 0; i < arrInfo.GetSize() && i < arrFileID.GetSize(); ++i)
-    {
-        const uint32_t ulSize = ZV_AddFilesEntrySize(arrInfo[i]);
-        if (ulSize + ulEstimate >= (uint32_t)QB_PDU_BUFFER_SIZE && !part.arrFileID.IsEmpty())
-        {
-            part.bLast = 0;
-            part.SaveBody(stream);
-            ZV_SendToLink(m_lpConf, ulConn, PDU_CONF_FS_ADD_FILES_REQUEST, pdu, 1, 1);
-            part.arrFileID.RemoveAll();
-            part.arrInfo.RemoveAll();
-            stream.SeekTo(nHeadEnd);
-            ulEstimate = (uint32_t)nHeadEnd + 33;
-        }
-        part.arrFileID.Add(arrFileID[i]);
-        part.arrInfo.Add(arrInfo[i]);
-        ulEstimate += ulSize;
-    }
-    part.bLast = 1;
-    part.SaveBody(stream);
-    return ZV_SendToLink(m_lpConf, ulConn, PDU_CONF_FS_ADD_FILES_REQUEST, pdu, 1, 1);
+    return SendBatch(
+        part, CommonCount(arrFileID, arrInfo), arrInfo,
+        [&](int nFrom, int nTo, bool bLast) {
+            part.arrFileID = Slice(arrFileID, nFrom, nTo);
+            part.arrInfo = Slice(arrInfo, nFrom, nTo);
+            part.bLast = bLast ? 1 : 0;
+        },
+        [&](const ZV_PduBuffer& pdu) { return ZV_SendToLink(m_lpConf, ulConn, PDU_CONF_FS_ADD_FILES_REQUEST, pdu); });
 }
 
 uint32_t ZV_FileShareMgr::SendAddFilesResponse(uint32_t ulConn, uint32_t ulResult, const QB_UserID& user,
@@ -370,7 +365,6 @@ uint32_t ZV_FileShareMgr::SendAddFilesList(uint32_t ulConn, uint32_t ulResult, c
 
 uint32_t ZV_FileShareMgr::HandleAddFilesRequest(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_ADD_FILES_REQUEST");
     ZV_PayloadReader stream(lpCpd);
     ZV_AddFilesRequest ask;
     ask.LoadHead(stream);
@@ -405,7 +399,7 @@ uint32_t ZV_FileShareMgr::HandleAddFilesRequest(ConfPduData* lpCpd)
     }
     try
     {
-        if (bFromClient && !TakeFileIDs(lpCpd, ask))
+        if (bFromClient && !AllocBatchFileIDs(lpCpd, ask))
             return zvResultOk;
         if (m_lpConf->HasServerLinks())
         {
@@ -425,7 +419,6 @@ uint32_t ZV_FileShareMgr::HandleAddFilesRequest(ConfPduData* lpCpd)
 
 uint32_t ZV_FileShareMgr::HandleAddFilesResponse(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_ADD_FILES_RESPONSE");
     ZV_PayloadReader stream(lpCpd);
     ZV_AddFilesResponse answer;
     answer.Load(stream);
@@ -444,7 +437,7 @@ uint32_t ZV_FileShareMgr::HandleAddFilesResponse(ConfPduData* lpCpd)
             continue;
         }
         if (ulResult == zvResultOk)
-            ulResult = TakeAddedFile(answer, i, bVisible);
+            ulResult = ApplyAnnouncedFile(answer, i, bVisible);
         if (bVisible)
             m_arrPendingInfo.Add(brief);
     }

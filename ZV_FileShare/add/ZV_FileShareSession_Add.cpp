@@ -5,7 +5,6 @@
 #include "core/ZV_FileShareSession.h"
 #include "wire/ZV_PduTable.h"
 #include "add/ZV_AddPdu.h"
-#include "core/ZV_FileShareMgr.h"
 #include "records/ZV_SharePath.h"
 
 #include "QB_Env.h"
@@ -142,7 +141,7 @@ void ZV_FileShareSession::MakeUniqueFileName(const QB_StringW& sFolder, const QB
 
 uint32_t ZV_FileShareSession::HandleAddRequest(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_ADD_REQUEST");
+    ZV_TraceRecv(PDU_CONF_FS_ADD_REQUEST);
     ZV_PayloadReader stream(lpCpd);
     ZV_AddRequest ask;
     ask.LoadHead(stream);
@@ -195,7 +194,7 @@ bool ZV_FileShareSession::InitSrvAddFileInfo(QB_StringW& sPath, IZV_ConfHost* lp
 
 uint32_t ZV_FileShareSession::HandleAddResponse(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_ADD_RESPONSE");
+    ZV_TraceRecv(PDU_CONF_FS_ADD_RESPONSE);
     ZV_PayloadReader stream(lpCpd);
     ZV_AddResponse answer;
     answer.Load(stream);
@@ -241,7 +240,7 @@ uint32_t ZV_FileShareSession::InitCltAddFileInfo(IZV_ConfHost* lpConf, uint16_t 
 
 // The creator's own upload state is its client's, whatever the server last
 // saw of it.
-void ZV_FileShareSession::TakeAnnouncedAgain(const ZV_FileBriefInfo& brief, uint32_t ulPos)
+void ZV_FileShareSession::ApplyAnnouncedAgain(const ZV_FileBriefInfo& brief, uint32_t ulPos)
 {
     const uint16_t usState = m_BriefInfo.m_usFileState;
     m_BriefInfo = brief;

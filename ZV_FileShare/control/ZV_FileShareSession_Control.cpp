@@ -9,9 +9,7 @@
 #include "core/ZV_FileShareSession.h"
 #include "control/ZV_ControlPdu.h"
 #include "rights/ZV_RightsPdu.h"
-#include "core/ZV_FileShareMgr.h"
-
-#include <cmath>
+#include "core/ZV_Percent.h"
 
 namespace {
 
@@ -19,18 +17,12 @@ namespace {
 // flood over 0x1000 and up.
 constexpr uint16_t kFirstServerConnType = 23;
 
-// Progress is published in ten-thousandths of the file.
-constexpr uint32_t kProgressScale = 10000;
+// A whole file's progress, in ten-thousandths.
+constexpr uint32_t kProgressWhole = 10000;
 
 bool IsClientRequest(const ConfPduData* lpCpd)
 {
     return lpCpd->conn_type < kFirstServerConnType;
-}
-
-// The share of the file that has arrived; an empty file is whole at once.
-double ShareOf(uint32_t ulPos, uint32_t ulLength)
-{
-    return ulLength == 0 ? 1.0 : (double)ulPos / ulLength;
 }
 
 } // namespace
@@ -40,7 +32,6 @@ double ShareOf(uint32_t ulPos, uint32_t ulLength)
 
 uint32_t ZV_FileShareSession::HandleIsStopDownloadRequest(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST");
     IZV_ConfHost* lpConf = Conf();
     ZV_PayloadReader stream(lpCpd);
     ZV_StopDownloadAsk ask;
@@ -92,7 +83,6 @@ void ZV_FileShareSession::FloodStopAsk(uint16_t usPdu, const QB_UserID& user, ui
 
 uint32_t ZV_FileShareSession::HandleIsStopUploadRequest(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST");
     IZV_ConfHost* lpConf = Conf();
     ZV_PayloadReader stream(lpCpd);
     ZV_StopUploadAsk ask;
@@ -166,7 +156,6 @@ void ZV_FileShareSession::ResumeUpload(const ConfPduData* lpCpd, const QB_UserID
 
 uint32_t ZV_FileShareSession::HandleIsStopUploadResponse(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_IS_STOP_UPLOAD_RESPONSE");
     IZV_ConfHost* lpConf = Conf();
     ZV_PayloadReader stream(lpCpd);
     ZV_StopUploadResponse answer;
@@ -188,7 +177,7 @@ uint32_t ZV_FileShareSession::HandleIsStopUploadResponse(ConfPduData* lpCpd)
     if (ulResult == zvResultOk)
     {
         if (bStop)
-            NotifyUploadProgress(usFileID, ShareOf(ulPos, m_BriefInfo.m_ulFileLenth) * 100.0);
+            NotifyUploadProgress(usFileID, ZV_PercentOfShare(ulPos, m_BriefInfo.m_ulFileLenth, ZV_IfEmpty::Whole));
         NotifyTransferState(1, usFileID, m_BriefInfo.m_usFileState);
         m_LocalDownload.SetLastTick(ZV_Now());
     }
@@ -207,7 +196,6 @@ bool ZV_FileShareSession::IsLocalCreator() const
 
 uint32_t ZV_FileShareSession::HandleProgressingRequest(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_PROGRESSING_REQUEST");
     ZV_PayloadReader stream(lpCpd);
     ZV_ProgressRequest progress;
     progress.Load(stream);
@@ -228,7 +216,7 @@ uint32_t ZV_FileShareSession::HandleProgressingResponse(ConfPduData* lpCpd)
     if (lpCpd->conn_type == zvConfServerTypeCommand)
         PullFromUpstream(lpCpd, progress.user);
     else if (Conf()->IsClientMode())
-        TakeProgress(progress.usFileID, progress.ulPos);
+        ApplyProgress(progress.usFileID, progress.ulPos);
     return 0;
 }
 
@@ -258,7 +246,7 @@ void ZV_FileShareSession::PullFromUpstream(const ConfPduData* lpCpd, const QB_Us
 // A client hears how far the file has arrived at the server. The creator's
 // client keeps its file open until everything has arrived, so that it can
 // send again from any position the server names.
-void ZV_FileShareSession::TakeProgress(uint16_t usFileID, uint32_t ulPos)
+void ZV_FileShareSession::ApplyProgress(uint16_t usFileID, uint32_t ulPos)
 {
     const uint32_t ulLength = m_BriefInfo.m_ulFileLenth;
     const bool bCreator = IsLocalCreator();
@@ -269,9 +257,8 @@ void ZV_FileShareSession::TakeProgress(uint16_t usFileID, uint32_t ulPos)
         m_File.Close();
     if (!IsFileVisible(m_BriefInfo))
         return;
-    const double dShare = ShareOf(ulPos, ulLength);
-    NotifyUploadProgress(usFileID, dShare * 100.0);
-    if (dShare >= 1.0 && bCreator)
+    NotifyUploadProgress(usFileID, ZV_PercentOfShare(ulPos, ulLength, ZV_IfEmpty::Whole));
+    if (ulPos >= ulLength && bCreator)
         m_lpMgr->MarkBusy(false, usFileID);
 }
 
@@ -280,7 +267,6 @@ void ZV_FileShareSession::TakeProgress(uint16_t usFileID, uint32_t ulPos)
 
 uint32_t ZV_FileShareSession::HandleUploadErrorRequest(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_UPLOAD_ERROR_REQUEST");
     IZV_ConfHost* lpConf = Conf();
     ZV_PayloadReader stream(lpCpd);
     ZV_UploadErrorAsk ask;
@@ -308,7 +294,6 @@ uint32_t ZV_FileShareSession::HandleUploadErrorRequest(ConfPduData* lpCpd)
 // a failed read.
 uint32_t ZV_FileShareSession::HandleUploadErrorResponse(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_UPLOAD_ERROR_RESPONSE");
     ZV_PayloadReader stream(lpCpd);
     ZV_UploadErrorResponse answer;
     answer.Load(stream);
@@ -521,10 +506,10 @@ uint32_t ZV_FileShareSession::SendProgressing(uint32_t ulConn, uint16_t usFileID
     const uint32_t ulLength = m_FileInfo.m_BriefInfo.m_ulFileLenth;
     if (ulPos >= ulLength)
     {
-        m_ulProgress = kProgressScale;
+        m_ulProgress = kProgressWhole;
         return ZV_SendToGroup(Conf(), ulConn, PDU_CONF_FS_PROGRESSING_RESPONSE, pdu);
     }
-    const uint32_t ulValue = (uint32_t)std::floor((double)ulPos / ulLength * (double)kProgressScale);
+    const uint32_t ulValue = ZV_ProgressStep(ulPos, ulLength);
     if (ulValue == m_ulProgress)
         return 0;
     m_ulProgress = ulValue;

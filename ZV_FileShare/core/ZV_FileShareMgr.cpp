@@ -22,7 +22,7 @@ ZV_FileShareMgr::~ZV_FileShareMgr()
     {
         try
         {
-            TakeSession(arrFileID[i]);
+            DetachSession(arrFileID[i]);
         }
         catch (...)
         {

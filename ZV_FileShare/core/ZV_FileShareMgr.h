@@ -38,6 +38,7 @@
 
 class ZV_FileShareSession;
 struct ZV_AddFilesRequest;
+struct ZV_EventTarget;
 struct ZV_AddFilesResponse;
 struct ZV_AddRequest;
 struct ZV_FileListResponse;
@@ -183,10 +184,10 @@ private:
     // The session under usFileID goes, and its key.
     void RemoveSession(uint16_t usFileID);
     // The key goes from the map; its session, if any, is the caller's.
-    std::unique_ptr<ZV_FileShareSession> TakeSession(uint16_t usFileID);
+    std::unique_ptr<ZV_FileShareSession> DetachSession(uint16_t usFileID);
     // Client: true when usFileID already names this very file here; the
     // session then takes the new description and keeps its transfers.
-    bool TakeRepeatedFile(uint16_t usFileID, const ZV_FileBriefInfo& brief, uint32_t ulPos);
+    bool RefreshKnownFile(uint16_t usFileID, const ZV_FileBriefInfo& brief, uint32_t ulPos);
     // ZV_FileShareMgr_AddFiles.cpp: several files.
     uint32_t SendAddFilesRequest(uint32_t ulConn, const QB_UserID& user, uint32_t ulFloodSeq, uint8_t bStartUpload,
                                  const QB_Array<uint16_t>& arrFileID, const QB_Array<ZV_FileBriefInfo>& arrInfo);
@@ -204,7 +205,8 @@ private:
 
     // ---- the roads of the bytes are the sessions' (ZV_FileShareSession_*.cpp)
 
-    // ---- events to the user side that the manager raises
+    // ---- events to the user side that the manager raises (ZV_FileShareMgr_Notify.cpp)
+    ZV_EventTarget Events() const;
     void NotifyFileAdded(uint32_t ulResult, uint16_t usFileID, const ZV_FileBriefInfo& brief, double dPercent);
     void NotifyRightChanged(uint32_t ulResult, uint16_t usFileID, const ZV_FileBriefInfo& brief, double dPercent);
     void NotifyFileHidden(uint32_t ulResult, uint16_t usFileID);
@@ -244,7 +246,7 @@ private:
     // Client: what stays of a deleted file's local download, then the session goes.
     void DropDeletedSession(uint16_t usFileID, ZV_FileShareSession* lpFsSession);
     // Client: a changed description of one file arrived.
-    void TakeNewRights(uint16_t usFileID, const ZV_FileBriefInfo& brief, uint32_t ulMaxPos);
+    void ApplyNewRights(uint16_t usFileID, const ZV_FileBriefInfo& brief, uint32_t ulMaxPos);
     // Server, host event 4 (ZV_FileShareMgr_UserGone.cpp): what becomes of
     // the files and downloads of a user who left.
     void OnUserLeave(const QB_UserID& user);
@@ -256,7 +258,7 @@ private:
     uint32_t SendUploadList(uint32_t ulConn, uint16_t usFileID, uint32_t ulResult, uint16_t usFileID2,
                             const QB_UserID& user, const QB_Array<ZV_FileUploadInfo>& arrInfo,
                             const QB_Array<uint32_t>& arrMaxPos);
-    void TakeUploadList();
+    void ApplyUploadList();
     void DropUnlistedSessions(const std::vector<bool>& vecListed);
     void DropUnlistedDownload(uint16_t usFileID, ZV_FileShareSession* lpFsSession);
     void MergeListedFile(const ZV_FileUploadInfo& entry, uint32_t ulMaxPos);
@@ -265,8 +267,8 @@ private:
                               const QB_Array<ZV_FileDownloadInfo>& arrInfo, const QB_Array<bool>& arrModify);
     void CollectDownloadInfo(uint16_t usFileID, ZV_FileShareSession* lpFsSession, const QB_UserID& user,
                              QB_Array<ZV_FileDownloadInfo>& arrInfo, QB_Array<bool>& arrModify);
-    void TakeListedDownload(const ConfPduData* lpCpd, ZV_FileDownloadInfo r, bool bModify,
-                            const QB_UserID& listUser, uint32_t& ulResult);
+    void ApplyListedDownload(const ConfPduData* lpCpd, ZV_FileDownloadInfo r, bool bModify,
+                             const QB_UserID& listUser, uint32_t& ulResult);
     bool ResumeListedDownload(const ConfPduData* lpCpd, ZV_FileShareSession* lpFsSession, ZV_FileDownloadInfo& r,
                               bool bModify, const QB_UserID& listUser, uint32_t& ulResult, uint32_t& ulSize);
     void RestartListedDownload(const ConfPduData* lpCpd, ZV_FileShareSession* lpFsSession, ZV_FileDownloadInfo& r,
@@ -283,11 +285,11 @@ private:
                           const QB_Array<uint32_t>& arrMaxPos, const QB_Array<ZV_FileDownloadInfo>& arrDownload);
     void ForwardListedFiles(uint32_t ulSkipConn, const QB_Array<ZV_FileUploadInfo>& arrInfo,
                             const QB_Array<bool>& arrState, const QB_Array<uint32_t>& arrMaxPos);
-    void TakeListedFiles(const ConfPduData* lpCpd, const ZV_FileListResponse& part);
-    bool TakeListedFile(const ConfPduData* lpCpd, const ZV_FileListResponse& part, int i, ZV_ListedFiles& listed);
-    bool TakeListedSession(ZV_FileShareSession* lpFsSession, const ZV_FileUploadInfo& entry, bool bDone);
+    void ApplyListedFiles(const ConfPduData* lpCpd, const ZV_FileListResponse& part);
+    bool ApplyListedFile(const ConfPduData* lpCpd, const ZV_FileListResponse& part, int i, ZV_ListedFiles& listed);
+    bool RecheckListedSession(ZV_FileShareSession* lpFsSession, const ZV_FileUploadInfo& entry, bool bDone);
     bool PassBackDelete(const ConfPduData* lpCpd, const QB_UserID& sender, const ZV_FileUploadInfo& entry);
-    void TakeListedDownloads(const QB_Array<ZV_FileDownloadInfo>& arrDownload);
+    void EnterListedDownloads(const QB_Array<ZV_FileDownloadInfo>& arrDownload);
     void NotifyNewDownloadInfo(ZV_FileShareSession* lpFsSession, const QB_Array<ZV_FileDownloadInfo>& arrRecord);
     // The home server of a file's creator tells the other servers where the
     // upload stands (ZV_FileShareMgr_Links.cpp); false when the host has
@@ -297,15 +299,13 @@ private:
     // ---- what a session and the manager's own helpers ask of the manager
     // A new session under this manager's storage folder, not in the map yet.
     std::unique_ptr<ZV_FileShareSession> MakeSession();
-    // The lock that FileID allocation and the client's merging handlers take.
-    QB_Locker& SessionLock() { return m_mapSession; }
     // Whether usFileID is reserved by an add whose session is not made yet.
     bool IsReservedFileID(uint16_t usFileID);
     // The files of a batch the user side will hear of in one report, and
     // their taking out for that report.
     void NotePendingFile(uint16_t usFileID, double dRate);
-    void TakePendingFiles(QB_Array<uint16_t>& arrFileID, QB_Array<double>& arrRate,
-                          QB_Array<ZV_FileBriefInfo>& arrInfo);
+    void DrainPendingFiles(QB_Array<uint16_t>& arrFileID, QB_Array<double>& arrRate,
+                           QB_Array<ZV_FileBriefInfo>& arrInfo);
 
     // fn(usFileID, lpFsSession) for every key of the map in its walk order,
     // a reserved key (null session) included.
@@ -332,13 +332,12 @@ private:
     void AnswerRefusedAdd(uint16_t usAnswer, QB_ByteStream& stream, uint32_t ulConn);
     void OnClientConnect(uint16_t usConnType);
     void OnServerConnect(const QB_UserID* lpPeer, uint16_t usConnType);
-    void DeleteAllSessions();
     uint32_t CheckClientAdd(ZV_AddRequest& ask);
     uint32_t FinishServerAdd(ConfPduData* lpCpd, const ZV_AddRequest& ask, ZV_FileShareSession* lpFsSession);
-    bool TakeFileIDs(ConfPduData* lpCpd, ZV_AddFilesRequest& ask);
+    bool AllocBatchFileIDs(ConfPduData* lpCpd, ZV_AddFilesRequest& ask);
     void DropBatch(const QB_Array<uint16_t>& arrFileID, int nMade);
     void StoreAddedFiles(ConfPduData* lpCpd, const ZV_AddFilesRequest& ask, const QB_StringW& sFolder);
-    uint32_t TakeAddedFile(const ZV_AddFilesResponse& answer, int nIndex, bool bVisible);
+    uint32_t ApplyAnnouncedFile(const ZV_AddFilesResponse& answer, int nIndex, bool bVisible);
     void ReportPendingFiles();
     void RestartDownload(ZV_FileShareSession* lpFsSession, const ZV_FileDownloadInfo& download,
                          const QB_UserID& creator, bool bClient, uint32_t ulServerID);

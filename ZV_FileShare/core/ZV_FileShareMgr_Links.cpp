@@ -29,8 +29,7 @@ void ZV_FileShareMgr::RestartDownload(ZV_FileShareSession* lpFsSession, const ZV
     const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
     if (lpLocal == nullptr || *lpLocal == creator || ulConn == zvConnNone)
         return;
-    lpFsSession->SetResyncPending();
-    lpFsSession->SendDownloadDataRequest(ulConn, lpFsSession->FileID(), *lpLocal, download);
+    lpFsSession->AskForBlocks(ulConn, lpFsSession->FileID(), *lpLocal, download);
 }
 
 void ZV_FileShareMgr::SendFileDownloadPos(bool bClient, uint32_t ulServerID)

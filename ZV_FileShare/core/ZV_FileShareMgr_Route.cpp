@@ -33,29 +33,20 @@ uint32_t ZV_FileShareMgr::HandlePdu(ConfPduData* lpCpd)
     }
 }
 
+// The rows of the PDU table that the manager handles, each after its trace
+// line; a row that nobody handles gives 5 and is looked for in no session.
 uint32_t ZV_FileShareMgr::RouteToManager(ConfPduData* lpCpd, bool& bHandled)
 {
-    bHandled = true;
+    const ZV_PduRow* lpRow = ZV_FindPduRow(lpCpd->usPdu);
+    bHandled = lpRow != nullptr && lpRow->eHandler != ZV_PduHandler::Session;
+    if (!bHandled || lpRow->eHandler == ZV_PduHandler::Nobody)
+        return zvResultNoHandler;
+    if (lpRow->eTrace != ZV_PduTrace::None)
+        ZV_TraceRecv(lpCpd->usPdu);
     switch (lpCpd->usPdu)
     {
-    case PDU_CONF_FS_ADD_REQUEST: return HandleAddRequest(lpCpd);
-    case PDU_CONF_FS_ADD_RESPONSE: return HandleAddResponse(lpCpd);
-    case PDU_CONF_FS_SET_RIGHT_RESPONSE: return HandleSetRightResponse(lpCpd);
-    case PDU_CONF_FS_DEL_UPLOAD_REQUEST: return HandleDelUploadRequest(lpCpd);
-    case PDU_CONF_FS_DEL_UPLOAD_RESPONSE: return HandleDelUploadResponse(lpCpd);
-    case PDU_CONF_GET_UPLOAD_SESSION_LIST_REQUEST: return HandleGetUploadSessionListRequest(lpCpd);
-    case PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE: return HandleGetUploadSessionListResponse(lpCpd);
-    case PDU_CONF_GET_DOWNLOAD_SESSION_LIST_REQUEST: return HandleGetDownloadSessionListRequest(lpCpd);
-    case PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE: return HandleGetDownloadSessionListResponse(lpCpd);
-    case PDU_CONF_GET_FILE_LIST_REQUEST: return HandleGetFileListRequest(lpCpd);
-    case PDU_CONF_GET_FILE_LIST_RESPONSE: return HandleGetFileListResponse(lpCpd);
-    case PDU_CONF_FS_SET_FILES_RIGHT_REQUEST: return HandleSetFilesRightRequest(lpCpd);
-    case PDU_CONF_FS_FILE_STATE_NOTICE: return HandleFileStateNotice(lpCpd);
-    case PDU_CONF_FS_ADD_FILES_REQUEST: return HandleAddFilesRequest(lpCpd);
-    case PDU_CONF_FS_ADD_FILES_RESPONSE: return HandleAddFilesResponse(lpCpd);
-    // Nothing reads the answer to a rights change of several files.
-    case PDU_CONF_FS_SET_FILES_RIGHT_RESPONSE: return zvResultNoHandler;
-    default: bHandled = false; return zvResultNoHandler;
+        ZV_PDU_CASES(Manager)
+    default: return zvResultNoHandler;
     }
 }
 

@@ -70,8 +70,9 @@ void ZV_FileShareMgr::RemoveStoredFile(uint16_t usFileID, ZV_FileShareSession* l
         SendDelUploadResponse(zvConnNone, usFileID, zvResultOk, usFileID, lpUser, ulFloodSeq, true);
     const QB_StringW sPath = lpFsSession->GetConfDir() + QB_StringW(lpFsSession->FileInfo().m_sFileNewName);
     const bool bPlain = ZV_FileCatalog::IsPlainFileName(QB_StringA(lpFsSession->FileInfo().m_sFileNewName));
-    TakeSession(usFileID);
+    DetachSession(usFileID);
     // A session without a stored name would name the folder itself.
+    // Tried once: a stored file that stays is no row's and goes to no one.
     if (bPlain)
         QB_FileEx::Delete(sPath);
     m_Catalog.DeleteFile((uint16_t)m_lpConf->GetConfID(), usFileID);
@@ -88,12 +89,13 @@ uint32_t ZV_FileShareMgr::CleanData()
         ForEachSession([&](uint16_t usFileID, ZV_FileShareSession*) { arrFileID.Add(usFileID); });
         for (int i = 0; i < arrFileID.GetSize(); ++i)
         {
-            const std::unique_ptr<ZV_FileShareSession> lpGone = TakeSession(arrFileID[i]);
+            const std::unique_ptr<ZV_FileShareSession> lpGone = DetachSession(arrFileID[i]);
             if (!lpGone)
                 continue;
             const QB_StringU8 sName = lpGone->FileInfo().m_sFileNewName;
             const QB_StringW sPath = lpGone->GetConfDir() + QB_StringW(sName);
             lpGone->CloseStoredFiles();
+            // Tried once: a stored file that stays is no row's and goes to no one.
             if (ZV_FileCatalog::IsPlainFileName(QB_StringA(sName)))
                 QB_FileEx::Delete(sPath);
         }

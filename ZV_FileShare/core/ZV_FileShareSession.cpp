@@ -3,8 +3,8 @@
 #include "core/ZV_FileShareSession.h"
 #include "download/ZV_DownloadPdu.h"
 #include "records/ZV_FileCatalog.h"
-#include "core/ZV_FileShareMgr.h"
 #include "records/ZV_SharePath.h"
+#include "wire/ZV_PduTable.h"
 #include "wire/ZV_RecordStream.h"
 
 #include "QB_Env.h"
@@ -33,30 +33,18 @@ IZV_ConfHost* ZV_FileShareSession::Conf() const
     return m_lpMgr->Host();
 }
 
+// The rows of the PDU table that a session handles, each after its trace
+// line; any other number gives 5.
 uint32_t ZV_FileShareSession::HandlePdu(ConfPduData* lpCpd)
 {
+    const ZV_PduRow* lpRow = ZV_FindPduRow(lpCpd->usPdu);
+    if (lpRow == nullptr || lpRow->eHandler != ZV_PduHandler::Session)
+        return zvResultNoHandler;
+    if (lpRow->eTrace != ZV_PduTrace::None)
+        ZV_TraceRecv(lpCpd->usPdu);
     switch (lpCpd->usPdu)
     {
-    case PDU_CONF_FS_SET_RIGHT_REQUEST: return HandleSetRightRequest(lpCpd);
-    case PDU_CONF_FS_UPLOAD_REQUEST: return HandleUploadRequest(lpCpd);
-    case PDU_CONF_FS_UPLOAD_RESPONSE: return HandleUploadResponse(lpCpd);
-    case PDU_CONF_FS_UPLOAD_FINISH_Response: return HandleUploadFinishResponse(lpCpd);
-    case PDU_CONF_FS_DEL_DOWNLOAD_REQUEST: return HandleDelDownloadRequest(lpCpd);
-    case PDU_CONF_FS_DEL_DOWNLOAD_RESPONSE: return HandleDelDownloadResponse(lpCpd);
-    case PDU_CONF_FS_DOWNLOAD_DATA_REQUEST: return HandleDownloadDataRequest(lpCpd);
-    case PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE: return HandleDownloadDataResponse(lpCpd);
-    case PDU_CONF_FS_DOWNLOAD_REQUEST: return HandleDownloadRequest(lpCpd);
-    case PDU_CONF_FS_DOWNLOAD_RESPONSE: return HandleDownloadResponse(lpCpd);
-    case PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST: return HandleIsStopDownloadRequest(lpCpd);
-    case PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST: return HandleIsStopUploadRequest(lpCpd);
-    case PDU_CONF_FS_IS_STOP_UPLOAD_RESPONSE: return HandleIsStopUploadResponse(lpCpd);
-    case PDU_CONF_FS_PROGRESSING_REQUEST: return HandleProgressingRequest(lpCpd);
-    case PDU_CONF_FS_PROGRESSING_RESPONSE: return HandleProgressingResponse(lpCpd);
-    case PDU_CONF_FS_UPLOAD_ERROR_REQUEST: return HandleUploadErrorRequest(lpCpd);
-    case PDU_CONF_FS_UPLOAD_ERROR_RESPONSE: return HandleUploadErrorResponse(lpCpd);
-    case PDU_CONF_FS_NOTICE_DEL_DOWNLOAD_INFO_REQUEST: return HandleNoticeDelDownloadInfoRequest(lpCpd);
-    case PDU_CONF_FS_RESERVED0: return SessionReserved0(lpCpd);
-    case PDU_CONF_FS_RESERVED1: return SessionReserved1(lpCpd);
+        ZV_PDU_CASES(Session)
     default: return zvResultNoHandler;
     }
 }
@@ -139,6 +127,13 @@ uint32_t ZV_FileShareSession::SendDownloadDataRequest(uint32_t ulConn, uint16_t 
     return ZV_SendToLink(Conf(), ulConn, PDU_CONF_FS_DOWNLOAD_DATA_REQUEST, pdu);
 }
 
+uint32_t ZV_FileShareSession::AskForBlocks(uint32_t ulConn, uint16_t usFileID, const QB_UserID& user,
+                                           const ZV_FileDownloadInfo& download)
+{
+    m_bResyncPending = true;
+    return SendDownloadDataRequest(ulConn, usFileID, user, download);
+}
+
 bool ZV_FileShareSession::SaveToCatalog()
 {
     m_bCatalogDirty = !m_lpMgr->Catalog().SaveFile(Conf()->GetConfID(), m_FileInfo);
@@ -149,6 +144,7 @@ void ZV_FileShareSession::UndoServerAdd(const QB_StringW& sPath)
 {
     m_lpMgr->Catalog().DeleteFile((uint16_t)Conf()->GetConfID(), m_usFileID);
     m_bCatalogDirty = false;
+    // An empty file that stays is no row's; a later add of its name takes a counter.
     QB_FileEx::Delete(sPath);
 }
 

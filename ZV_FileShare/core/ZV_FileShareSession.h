@@ -13,7 +13,8 @@
 // server's side, and _Fetch.cpp the downloader's, client or relay),
 // control/ (stop, resume, progress, upload errors, the timer), rights/
 // (download entries, notices and rights), lists/ (a client's lists) and
-// filelist/ (a linked server's list); ZV_FsEvents.cpp writes the events.
+// filelist/ (a linked server's list); ZV_FileShareSession_Notify.cpp here
+// writes the events a session raises.
 #pragma once
 
 #include "IZV_FileShare.h"
@@ -34,6 +35,7 @@
 #include <cstdint>
 
 struct ZV_DownloadBlock;
+struct ZV_EventTarget;
 struct ZV_DownloadDataRequest;
 struct ZV_DownloadResponse;
 
@@ -61,12 +63,16 @@ public:
     ZV_FileShareSession(const ZV_FileShareSession&) = delete;
     ZV_FileShareSession& operator=(const ZV_FileShareSession&) = delete;
 
-    // The slots, in their fixed order.
+    // The slots, in their fixed order. The manager calls the first five; the
+    // handlers of the PDUs behind them are the dispatch's (HandlePdu), and
+    // private.
     virtual uint32_t HandlePdu(ConfPduData* lpCpd);
     virtual uint32_t OnSend(ConfPduData* lpCpd);
     virtual void OnTimer(uint32_t ulTick);
     virtual uint32_t OnConnect(uint32_t ulArg1, uint32_t ulArg2, uint32_t ulArg3);
     virtual uint32_t OnDisconnect(const QB_UserID* lpPeer, uint32_t ulConn, uint16_t usConnType);
+
+private:
     virtual uint32_t HandleUploadRequest(ConfPduData* lpCpd);
     virtual uint32_t HandleUploadResponse(ConfPduData* lpCpd);
     virtual uint32_t HandleUploadFinishResponse(ConfPduData* lpCpd);
@@ -88,19 +94,37 @@ public:
     virtual uint32_t SessionReserved0(ConfPduData* lpCpd);
     virtual uint32_t SessionReserved1(ConfPduData* lpCpd);
 
+public:
+    // ---- what the manager asks of a session, by road. Nothing else of it
+    // is public: what only its own sources use is below, and tests reach
+    // that through ZV_FileShareSessionPeer.
+
+    // The file: its key, its records, how far it is known to have come.
+    uint16_t FileID() const { return m_usFileID; }
+    // Server: the stored file's record; client: the copy the server's list
+    // delivered (the client's view of the file is BriefInfo).
+    const ZV_FileUploadInfo& FileInfo() const { return m_FileInfo; }
+    // Client: the file as the server announced it.
+    const ZV_FileBriefInfo& BriefInfo() const { return m_BriefInfo; }
+    // The download this node itself performs: a client's, or a relay's.
+    const ZV_FileDownloadInfo& LocalDownload() const { return m_LocalDownload; }
+    uint32_t MaxPos() const { return m_ulMaxPos; }
+    void RaiseMaxPos(uint32_t ulPos)
+    {
+        if (ulPos > m_ulMaxPos)
+            m_ulMaxPos = ulPos;
+    }
     // The conference's folder: m_sStorePath, the conference id, a backslash.
     QB_StringW GetConfDir() const;
     // Whether the local user may see a file described by `brief`.
     bool IsFileVisible(const ZV_FileBriefInfo& brief) const;
+    // Whether the local user shared this file.
+    bool IsLocalCreator() const;
+    // Whether `id` is homed on this server.
     static bool IsLocalUser(IZV_ConfHost* lpConf, const QB_UserID& id);
 
-    // 8012, the downloader's statement of where it stands.
-    uint32_t SendDownloadDataRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID& user,
-                                     const ZV_FileDownloadInfo& download);
-
-    // ---- adding a file (declarations of the add road go here)
-    // ZV_FileShareSession_Add.cpp. The manager makes the session and hands
-    // it the PDU that announced the file.
+    // ---- adding a file (add/ZV_FileShareSession_Add.cpp). The manager makes
+    // the session and hands it the PDU that announced the file.
     uint32_t HandleAddRequest(ConfPduData* lpCpd);
     uint32_t HandleAddResponse(ConfPduData* lpCpd);
     // Server: the stored name, the empty stored file and the catalogue row;
@@ -114,66 +138,187 @@ public:
                                 uint8_t bStartUpload);
     // Client: the server announced again the file this session holds; the
     // description is the server's, the transfers stay as they stand.
-    void TakeAnnouncedAgain(const ZV_FileBriefInfo& brief, uint32_t ulPos);
+    void ApplyAnnouncedAgain(const ZV_FileBriefInfo& brief, uint32_t ulPos);
+    // An add that threw takes back what it made: on a server the stored
+    // file and the row, once the stored name was chosen.
+    void UndoAdd();
+
+    // ---- the upload (upload/); the user side's part on the creator's client
+    // The start marker (bStart 1) of FsUpload, and the blocks of the pump.
+    uint32_t SendUploadRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser, uint32_t ulFloodSeq,
+                               uint8_t bStart, uint32_t ulLen, const uint8_t* pData, uint32_t ulPos);
+    // Event 3008.
+    void NotifyUploadProgress(uint16_t usFileID, double dPercent);
+    // The creator's upload starts again from the beginning.
+    void StartLocalUpload();
+    // An upload begun and not complete stops, or goes on.
+    void StopLocalUpload(bool bStop);
+    // A stopped upload sends no block on a client and takes none on a server.
+    bool IsUploadStopped() const { return m_bStopUpload; }
+    void SetUploadStopped(bool bStopped) { m_bStopUpload = bStopped; }
+    // Client: where the upload reads next.
+    uint32_t ReadPos() const { return m_ulReadPos; }
+    // Server: every byte of the file is stored, here or where a linked
+    // server said so.
+    bool IsUploadDone() const { return m_bUploadDone; }
+    void SetUploadDone(bool bDone) { m_bUploadDone = bDone; }
+
+    // ---- the download (download/); the user side's part on a client
+    uint32_t SendDownloadRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser, uint32_t ulFloodSeq,
+                                 const QB_StringU8& sPath, uint32_t ulPos, uint8_t bFromServer, uint8_t bFlooded);
+    uint32_t SendDownloadResponse(uint32_t ulConn, uint16_t usFileID, uint32_t ulResult, uint16_t usFileID2,
+                                  const QB_UserID* pUser, const ZV_FileDownloadInfo* pInfo);
+    // 8012, the downloader's statement of where it stands, which asks for
+    // blocks from there; the next block that does not fit asks once more.
+    uint32_t AskForBlocks(uint32_t ulConn, uint16_t usFileID, const QB_UserID& user,
+                          const ZV_FileDownloadInfo& download);
+    // 8010: the server drops pUser's entry. A download that cannot start
+    // sends it, as do the operations that give a download up.
+    uint32_t SendDelDownloadRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser, uint32_t ulFloodSeq);
+    // Client: the one download answer this session will take is one for
+    // sPath from its start.
+    void ExpectDownload(const QB_StringU8& sPath)
+    {
+        m_sAskedPath = sPath;
+        m_ulAskedPos = 0;
+        m_bDownloadAsked = true;
+    }
+    // Event 3002.
+    void NotifyDownloadState(uint32_t ulResult, uint16_t usFileID, const ZV_FileDownloadInfo& download,
+                             double dPercent);
+    // Client: the local download file opened, made only if bMayCreate, and
+    // its length; 0 or 60. A link planted at the path is not followed.
+    uint32_t MeasureLocalFile(const QB_StringW& sPath, bool bMayCreate, uint32_t& ulSize);
+    // Client: the local download file cut to nothing; false when it could not be.
+    bool EmptyLocalFile();
+    void SetLocalDownload(const ZV_FileDownloadInfo& info);
+    // The download ends here: back to no position and no state; bForget
+    // also forgets the file it was written to.
+    void ResetLocalDownload(bool bForget);
+    // A download not finished stops, or runs from now on.
+    void StopLocalDownload();
+    void ResumeLocalDownload();
+    // Closes the local file, or a relay's fetched one, if it is open.
+    void CloseFile()
+    {
+        if (m_File.IsOpen())
+            m_File.Close();
+    }
+
+    // ---- stop and resume (control/)
+    uint32_t SendIsStopDownloadRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser,
+                                       uint32_t ulFloodSeq, uint8_t bStop);
+    uint32_t SendIsStopUploadRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser, uint32_t ulFloodSeq,
+                                     uint8_t bStop, uint32_t ulPos);
+    // Server: 8016 or 8017 to the other servers, with the flood's number.
+    void FloodStopAsk(uint16_t usPdu, const QB_UserID& user, uint32_t ulFloodSeq, uint8_t bStop, uint32_t ulPos);
+
+    // ---- rights (rights/ZV_FileShareSession_Entries.cpp)
+    uint32_t SendSetRightRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser, uint8_t bPublic,
+                                 const QB_Array<QB_UserID>& arrAdd, const QB_Array<QB_UserID>& arrRemove);
+    uint32_t SendSetRightResponse(uint32_t ulConn, uint32_t ulResult, uint16_t usFileID, const QB_UserID* pUser,
+                                  const ZV_FileBriefInfo* pBrief, uint32_t ulMaxPos, bool bToAll);
+    // Server: a change of rights on this file, its downloaders who lost the
+    // file dropped, and the new description to every client.
+    void ApplyRights(uint8_t bPublic, const QB_Array<QB_UserID>& arrAdd, const QB_Array<QB_UserID>& arrRemove);
+    // Client: the file's new description.
+    void SetBriefInfo(const ZV_FileBriefInfo& brief);
+    // The local user's change of this file's rights, as the client sees it
+    // until the server's answer.
+    void ChangeLocalRights(bool bPublic, const QB_Array<QB_UserID>& arrAdd, const QB_Array<QB_UserID>& arrRemove);
+
+    // ---- the lists that bring a client in step (lists/ZV_FileShareSession_Lists.cpp)
+    // Server: this file's record and furthest position, appended for user.
+    uint32_t CollectUploadInfo(QB_Array<ZV_FileUploadInfo>& arrInfo, QB_Array<uint32_t>& arrMaxPos,
+                               const QB_UserID& user);
+    // Client: takes the server's record; true when the local user may see the file.
+    bool MergeCltFileInfo(const ZV_FileUploadInfo& entry, uint32_t ulMaxPos);
+    // Server: the download entry of a user, or null; a new or changed one;
+    // one that goes; one that rests until its downloader asks again.
+    const ZV_FileDownloadInfo* FindDownloadEntry(const QB_UserID& user) const { return m_mapDownload.Find(user); }
+    void SetDownloadInfo(const QB_UserID& user, const ZV_FileDownloadInfo& info);
+    void RemoveDownloadInfo(const QB_UserID& user);
+    void RestDownloader(const QB_UserID& user);
+
+    // ---- a linked server's list of its files (filelist/ZV_FileShareSession_Reconcile.cpp)
+    // A file this server hears of first from a peer's list, as listed.
+    void InitPeerFileInfo(uint16_t usFileID, const ZV_FileUploadInfo& entry);
+    // Sets the file against this server's catalogue row and stored bytes,
+    // and fetches from the peer that sent lpCpd what is missing. sSection
+    // gets the row's section, empty for a file new here. 0, or 60 when the
+    // stored file or its folder cannot be opened or made.
+    uint32_t ReconcileFileInfo(const ConfPduData* lpCpd, QB_StringW& sSection);
+    // Server: every download record of this file, appended.
+    void CollectDownloadEntries(QB_Array<ZV_FileDownloadInfo>& arrDownload) const;
+    // True once after each loss of a server command link: the file is to
+    // be set against a peer's list again.
+    bool MarkSynced();
+    // Closes the stored file and the fetched one.
+    void CloseStoredFiles();
+
+private:
+    friend class ZV_FileShareSessionPeer;
+
+    // The host itself, for what a session sends and for the host's own word
+    // on roles, users, links and floods: the owner would only pass each of
+    // these on as it is, so a session asks the host, through this one member;
+    // what belongs to the conference as a whole it asks of its owner.
+    IZV_ConfHost* Conf() const;
+    // The user side's sink, and the host it is told raised an event.
+    ZV_EventTarget Events() const;
+
+    // ---- the add (add/)
     // sName, or sName with "(n)" before its last dot, whichever the folder
     // does not hold yet.
     static void MakeUniqueFileName(const QB_StringW& sFolder, const QB_StringW& sName, QB_StringW& sDst);
     // A name that can only ever mean a file directly inside sFolder, made
     // from whatever a peer sent as the shared name.
     static QB_StringW MakeStoredFileName(const QB_StringW& sFolder, const QB_StringW& sName);
-
-    // ---- the upload road (ZV_FileShareSession_Upload.cpp)
-    uint32_t SendUploadRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser, uint32_t ulFloodSeq,
-                               uint8_t bStart, uint32_t ulLen, const uint8_t* pData, uint32_t ulPos);
-    uint32_t SendUploadResponse(uint32_t ulConn, uint16_t usFileID, uint32_t ulResult, uint16_t usFileID2,
-                                const QB_UserID* pUser, uint32_t ulFloodSeq, uint32_t ulPos);
-    // 8052 for all clients: a transfer of usFileID changed state.
-    uint32_t SendFileStateNotice(uint16_t usFileID, uint16_t usState, uint8_t bUpload);
-    // Creator's client: a local file that cannot be read ends the upload.
-    void FailLocalRead();
-    void TakeUploadAnswer(uint32_t ulResult, uint16_t usFileID, uint32_t ulPos);
-    // Server side of the upload road.
-    void PassOnUploadStart(const QB_UserID& user, uint32_t ulFloodSeq);
-    void TakeStartMarker(const QB_UserID& user, uint32_t ulFloodSeq);
-    void TakeUploadBlock(uint32_t ulConn, uint32_t ulResult, const QB_UserID& user, uint32_t ulPos, uint32_t ulLen,
-                         const uint8_t* pData);
-    uint32_t OpenStoreFile();
-    void StoreUploadedBlock(const QB_UserID& user, uint32_t ulPos, uint32_t ulLen);
-    void FinishUpload();
-    void FloodUploadFinish(const QB_UserID& server, uint32_t ulFloodSeq);
     // The server's row of this file in the catalogue takes m_FileInfo. A
     // failed save leaves m_bCatalogDirty set, and the timer saves again.
     bool SaveToCatalog();
     // An add refused after its row was made takes the row and the empty
     // stored file back out.
     void UndoServerAdd(const QB_StringW& sPath);
-    // An add that threw takes back what it made: on a server the stored
-    // file and the row, once the stored name was chosen.
-    void UndoAdd();
+
+    // ---- the upload (upload/ZV_FileShareSession_Upload.cpp)
+    // The creator's client's pump, which OnSend drives.
+    void PumpUpload(ConfPduData* lpCpd);
+    uint32_t SendUploadResponse(uint32_t ulConn, uint16_t usFileID, uint32_t ulResult, uint16_t usFileID2,
+                                const QB_UserID* pUser, uint32_t ulFloodSeq, uint32_t ulPos);
+    // 8052 for all clients: a transfer of usFileID changed state.
+    uint32_t SendFileStateNotice(uint16_t usFileID, uint16_t usState, uint8_t bUpload);
+    // Creator's client: a local file that cannot be read ends the upload.
+    void FailLocalRead();
+    void ApplyUploadAnswer(uint32_t ulResult, uint16_t usFileID, uint32_t ulPos);
+    // Server side of the upload road.
+    void PassOnUploadStart(const QB_UserID& user, uint32_t ulFloodSeq);
+    void ApplyStartMarker(const QB_UserID& user, uint32_t ulFloodSeq);
+    void WriteUploadBlock(uint32_t ulConn, uint32_t ulResult, const QB_UserID& user, uint32_t ulPos, uint32_t ulLen,
+                          const uint8_t* pData);
+    uint32_t OpenStoreFile();
+    void StoreUploadedBlock(const QB_UserID& user, uint32_t ulPos, uint32_t ulLen);
+    void FinishUpload();
+    void FloodUploadFinish(const QB_UserID& server, uint32_t ulFloodSeq);
     // Positions run to 4 GB while a seek takes 31 bits.
     static bool SeekTo(QB_FileEx& file, uint32_t ulPos);
 
-    // ---- the download road (ZV_FileShareSession_Download.cpp for the server
-    // side, ZV_FileShareSession_Fetch.cpp for the downloader's)
-    uint32_t SendDownloadRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser, uint32_t ulFloodSeq,
-                                 const QB_StringU8& sPath, uint32_t ulPos, uint8_t bFromServer, uint8_t bFlooded);
-    uint32_t SendDownloadResponse(uint32_t ulConn, uint16_t usFileID, uint32_t ulResult, uint16_t usFileID2,
-                                  const QB_UserID* pUser, const ZV_FileDownloadInfo* pInfo);
+    // ---- the download (download/ZV_FileShareSession_Download.cpp for the
+    // server's side, ZV_FileShareSession_Fetch.cpp for the downloader's)
+    uint32_t SendDownloadDataRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID& user,
+                                     const ZV_FileDownloadInfo& download);
     uint32_t SendDownloadDataResponse(uint32_t ulConn, uint16_t usFileID, uint32_t ulResult, uint16_t usFileID2,
                                       const QB_UserID* pUser, uint32_t ulPos, uint32_t ulLen, const uint8_t* pData);
-    // The server's pump for one downloader, and the kick of those that wait
-    // at a position the upload has just passed.
+    // The server's pump for one downloader, which OnSend drives, and the kick
+    // of those that wait at a position the upload has just passed.
+    void PumpDownload(ConfPduData* lpCpd, const QB_UserID& peer);
     void SendNextBlocks(ConfPduData* lpCpd, const QB_UserID* pUser, ZV_FileDownloadInfo* pEntry);
     void WakeDownloaders(uint32_t ulPos);
-
-    // 8010: the server drops pUser's entry. A download that cannot start
-    // sends it, as do the operations that give a download up.
-    uint32_t SendDelDownloadRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser, uint32_t ulFloodSeq);
     // Server side of the download road.
     void FloodDownloadRequest(const QB_UserID& user, uint32_t ulFloodSeq, const QB_StringU8& sPath, uint32_t ulPos);
     uint32_t StartUploadOnDemand(const QB_UserID& downloader);
     void FloodDownloadStop(const QB_UserID& user, bool bStopped);
-    ZV_FileDownloadInfo* TakeBackDownloader(const ZV_DownloadDataRequest& ask);
+    ZV_FileDownloadInfo* ReadmitDownloader(const ZV_DownloadDataRequest& ask);
     void KickDownloadConn(uint32_t ulConn);
     uint32_t SendDownloadBlock(const ConfPduData* lpCpd, uint32_t ulResult, const QB_UserID& user, uint32_t ulPos,
                                uint32_t ulLen, const uint8_t* pData);
@@ -186,8 +331,8 @@ public:
     uint32_t OpenDownloadFile(const QB_StringW& sPath, uint32_t ulPos, uint32_t ulLength, uint32_t ulMode);
     void ReportDownloadAnswer(const ConfPduData* lpCpd, uint32_t ulResult, uint16_t usFileID, const QB_UserID& user,
                               const ZV_FileDownloadInfo& record);
-    void TakeDownloadAnswer(const ConfPduData* lpCpd, ZV_DownloadResponse& answer);
-    uint32_t TakeDownloadBlock(const ConfPduData* lpCpd, QB_ByteStream& stream, ZV_DownloadBlock& block);
+    void ApplyDownloadAnswer(const ConfPduData* lpCpd, ZV_DownloadResponse& answer);
+    uint32_t WriteDownloadBlock(const ConfPduData* lpCpd, QB_ByteStream& stream, ZV_DownloadBlock& block);
     // True when the position has reached the file's length.
     bool AdvanceLocalDownload(uint32_t ulCount);
     void OnClientBlock(uint16_t usFileID, bool bFinished);
@@ -197,11 +342,8 @@ public:
     void FailDownload(const ConfPduData* lpCpd, uint32_t ulResult, uint16_t usFileID, const QB_UserID& user);
     void FailRelayDownload(const ConfPduData* lpCpd, uint32_t ulResult, uint16_t usFileID, const QB_UserID& user);
 
-    // ---- stop, resume, progress, errors (ZV_FileShareSession_Control.cpp)
-    uint32_t SendIsStopDownloadRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser,
-                                       uint32_t ulFloodSeq, uint8_t bStop);
-    uint32_t SendIsStopUploadRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser, uint32_t ulFloodSeq,
-                                     uint8_t bStop, uint32_t ulPos);
+    // ---- stop, resume, progress, errors and the timer
+    // (control/ZV_FileShareSession_Control.cpp)
     uint32_t SendIsStopUploadResponse(uint32_t ulConn, uint16_t usFileID, uint32_t ulResult, uint16_t usFileID2,
                                       const QB_UserID* pUser, uint8_t bStop, uint32_t ulPos);
     uint32_t SendUploadErrorRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser, uint32_t ulFloodSeq,
@@ -209,14 +351,12 @@ public:
     uint32_t SendUploadErrorResponse(uint32_t ulConn, uint16_t usFileID, uint32_t ulResult, uint16_t usFileID2);
     uint32_t SendProgressing(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser, uint32_t ulPos,
                              bool bThrottle);
-    // Server side: the flood of 8016 and 8017, and the two halves of 8017.
-    void FloodStopAsk(uint16_t usPdu, const QB_UserID& user, uint32_t ulFloodSeq, uint8_t bStop, uint32_t ulPos);
+    // Server side: the two halves of 8017.
     void StopUpload(const QB_UserID& user, uint32_t ulPos);
     void ResumeUpload(const ConfPduData* lpCpd, const QB_UserID& user, uint32_t ulFloodSeq);
     // 8022 on a server link makes a relay fetch; on a client it is progress.
     void PullFromUpstream(const ConfPduData* lpCpd, const QB_UserID& user);
-    void TakeProgress(uint16_t usFileID, uint32_t ulPos);
-    bool IsLocalCreator() const;
+    void ApplyProgress(uint16_t usFileID, uint32_t ulPos);
     // The timer by role; a stalled server file nudges its uploader or asks
     // the other servers whether they have more.
     void OnServerTimer();
@@ -225,128 +365,22 @@ public:
     void OnClientTimer();
     void AskAgainIfStalled(uint32_t ulNow);
 
-    // ---- download entries, notices and rights (ZV_FileShareSession_Entries.cpp)
-    uint32_t SendSetRightRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser, uint8_t bPublic,
-                                 const QB_Array<QB_UserID>& arrAdd, const QB_Array<QB_UserID>& arrRemove);
-    uint32_t SendSetRightResponse(uint32_t ulConn, uint32_t ulResult, uint16_t usFileID, const QB_UserID* pUser,
-                                  const ZV_FileBriefInfo* pBrief, uint32_t ulMaxPos, bool bToAll);
-    // Server: a change of rights on this file, its downloaders who lost the
-    // file dropped, and the new description to every client.
-    void ApplyRights(uint8_t bPublic, const QB_Array<QB_UserID>& arrAdd, const QB_Array<QB_UserID>& arrRemove);
-    void SetBriefInfo(const ZV_FileBriefInfo& brief);
-
-    // ---- staying in step: the upload and download lists (ZV_FileShareSession_Lists.cpp)
-    // Server: this file's record and furthest position, appended for user.
-    uint32_t CollectUploadInfo(QB_Array<ZV_FileUploadInfo>& arrInfo, QB_Array<uint32_t>& arrMaxPos,
-                               const QB_UserID& user);
-    // Client: takes the server's record; true when the local user may see the file.
-    bool MergeCltFileInfo(const ZV_FileUploadInfo& entry, uint32_t ulMaxPos);
+    // ---- the creator's client in step with the server's list (lists/)
     void MergeCreatorState(bool bNew, uint16_t usOldState, uint32_t ulWritePos);
-    bool GetDownloadInfo(const QB_UserID& user, ZV_FileDownloadInfo& info) const;
-    void SetDownloadInfo(const QB_UserID& user, const ZV_FileDownloadInfo& info);
-    void RemoveDownloadInfo(const QB_UserID& user);
-    void SetLocalDownload(const ZV_FileDownloadInfo& info);
 
-    // ---- a linked server's list of its files (ZV_FileShareSession_Reconcile.cpp)
-    // A file this server hears of first from a peer's list, as listed.
-    void TakePeerFile(uint16_t usFileID, const ZV_FileUploadInfo& entry);
-    // Sets the file against this server's catalogue row and stored bytes,
-    // and fetches from the peer that sent lpCpd what is missing. sSection
-    // gets the row's section, empty for a file new here. 0, or 60 when the
-    // stored file or its folder cannot be opened or made.
-    uint32_t ReconcileFileInfo(const ConfPduData* lpCpd, QB_StringW& sSection);
+    // ---- a linked server's list (filelist/)
     uint32_t CompareStoredFile(const QB_StringW& sFolder, const ZV_FileUploadInfo& row, ZV_FileBriefInfo& brief,
                                bool& bFetch);
     uint32_t NameNewStoredFile(const QB_StringW& sFolder, const ZV_FileBriefInfo& brief, bool& bFetch);
-    void CloseStoredFiles();
     void FetchFromPeer(const ConfPduData* lpCpd);
-    // Server: every download record of this file, appended.
-    void CollectDownloadEntries(QB_Array<ZV_FileDownloadInfo>& arrDownload) const;
-    // Whether this file was set against a peer since the last loss of a
-    // server command link.
-    bool IsSynced() const { return m_bSynced; }
-    void SetSynced() { m_bSynced = true; }
-    void SetUploadDone(bool bDone) { m_bUploadDone = bDone; }
 
-    // ---- events to the user side that a session raises
+    // ---- the events to the user side that a session raises
+    // (core/ZV_FileShareSession_Notify.cpp); 3002 and 3008 are above.
     void NotifyTransferError(uint32_t ulResult, uint16_t usFileID);
-    void NotifyDownloadState(uint32_t ulResult, uint16_t usFileID, const ZV_FileDownloadInfo& download,
-                             double dPercent);
     void NotifyDownloadFinished(uint32_t ulResult, uint16_t usFileID);
-    void NotifyUploadProgress(uint16_t usFileID, double dPercent);
     void NotifyDownloadProgress(uint32_t ulResult, uint16_t usFileID, double dPercent, uint32_t ulUsedTime);
     void NotifyStopResult(uint32_t ulResult, uint16_t usFileID, uint8_t bStop);
     void NotifyTransferState(uint8_t bUpload, uint16_t usFileID, uint16_t usState);
-
-    // ---- what the manager reads and sets of a session
-    uint16_t FileID() const { return m_usFileID; }
-    // Server: the stored file's record; client: see BriefInfo.
-    const ZV_FileUploadInfo& FileInfo() const { return m_FileInfo; }
-    // Client: the file as the server announced it.
-    const ZV_FileBriefInfo& BriefInfo() const { return m_BriefInfo; }
-    // Client: the local user's download of this file.
-    const ZV_FileDownloadInfo& LocalDownload() const { return m_LocalDownload; }
-    uint32_t MaxPos() const { return m_ulMaxPos; }
-    void RaiseMaxPos(uint32_t ulPos)
-    {
-        if (ulPos > m_ulMaxPos)
-            m_ulMaxPos = ulPos;
-    }
-    // Server: every byte of the file is stored.
-    bool IsUploadDone() const { return m_bUploadDone; }
-    // Server: the download entry of a user, or null.
-    const ZV_FileDownloadInfo* FindDownloadEntry(const QB_UserID& user) const { return m_mapDownload.Find(user); }
-    // Server: a downloader who left; its entry rests until it asks again.
-    void RestDownloader(const QB_UserID& user);
-    // Client: the user side moves its own transfers (ZV_FileShareSession_Control.cpp).
-    // A download not finished stops, or runs from now on.
-    void StopLocalDownload();
-    void ResumeLocalDownload();
-    // The download ends here: back to no position and no state; bForget
-    // also forgets the file it was written to.
-    void ResetLocalDownload(bool bForget);
-    // The creator's upload starts again from the beginning.
-    void StartLocalUpload();
-    // An upload begun and not complete stops, or goes on.
-    void StopLocalUpload(bool bStop);
-    // The local user's change of this file's rights, as the client sees it
-    // until the server's answer.
-    void ChangeLocalRights(bool bPublic, const QB_Array<QB_UserID>& arrAdd, const QB_Array<QB_UserID>& arrRemove);
-    // Client: the local download file opened, made only if bMayCreate, and
-    // its length; 0 or 60. A link planted at the path is not followed.
-    uint32_t MeasureLocalFile(const QB_StringW& sPath, bool bMayCreate, uint32_t& ulSize);
-    // Client: the local download file cut to nothing; false when it could not be.
-    bool EmptyLocalFile();
-    // Closes the local or stored file if it is open.
-    void CloseFile()
-    {
-        if (m_File.IsOpen())
-            m_File.Close();
-    }
-    bool IsUploadStopped() const { return m_bStopUpload; }
-    void SetUploadStopped(bool bStopped) { m_bStopUpload = bStopped; }
-    uint32_t ReadPos() const { return m_ulReadPos; }
-    void SetReadPos(uint32_t ulPos) { m_ulReadPos = ulPos; }
-    // The next block that does not fit asks once for the position.
-    void SetResyncPending() { m_bResyncPending = true; }
-    // Client: the one download answer this session will take is one for
-    // sPath from its start.
-    void ExpectDownload(const QB_StringU8& sPath)
-    {
-        m_sAskedPath = sPath;
-        m_ulAskedPos = 0;
-        m_bDownloadAsked = true;
-    }
-
-protected:
-    IZV_ConfHost* Conf() const;
-    // The two pumps that OnSend drives: a server's blocks to one downloader,
-    // and the creator's client's blocks to its server.
-    void PumpDownload(ConfPduData* lpCpd, const QB_UserID& peer);
-    void PumpUpload(ConfPduData* lpCpd);
-
-private:
-    friend class ZV_FileShareSessionPeer;
 
     // The file's records, then the server's store, then the client's side.
     uint16_t m_usFileID = ZV_NO_FILEID;

@@ -60,6 +60,7 @@ uint32_t ZV_FileShareMgr::FsDelDownload(uint16_t usFileID, uint8_t bDeleteFile)
         return zvResultNoHost;
     return GuardFs("ZV_FileShareMgr::FsDelDownload exception.\r\n", [&]() -> uint32_t {
         MarkBusy(false, usFileID);
+        // A row the ledger fails to forget (logged) names only a target this user chose.
         m_ShareLedger.ForgetDownload(m_lpConf->GetConfID(), usFileID);
         ZV_FileShareSession* lpFsSession = nullptr;
         QB_StringW sLocalPath;
@@ -120,7 +121,6 @@ uint32_t ZV_FileShareMgr::SendDelUploadRequest(uint32_t ulConn, uint16_t usFileI
 // tells it that the file went.
 uint32_t ZV_FileShareMgr::HandleDelUploadRequest(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_DEL_UPLOAD_REQUEST");
     ZV_PayloadReader stream(lpCpd);
     ZV_DelUploadRequest ask;
     ask.Load(stream);
@@ -174,7 +174,6 @@ uint32_t ZV_FileShareMgr::CheckDelUpload(ZV_FileShareSession* lpFsSession, const
 
 uint32_t ZV_FileShareMgr::HandleDelUploadResponse(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_DEL_UPLOAD_RESPONSE");
     try
     {
         ZV_PayloadReader stream(lpCpd);
@@ -203,7 +202,8 @@ uint32_t ZV_FileShareMgr::HandleDelUploadResponse(ConfPduData* lpCpd)
 // creator's own shared file is never a download record, so it stays.
 void ZV_FileShareMgr::DropDeletedSession(uint16_t usFileID, ZV_FileShareSession* lpFsSession)
 {
-    // A file shared later under the same FileID is not what the user asked for.
+    // A file shared later under the same FileID is not what the user asked
+    // for. A row the ledger fails to forget (logged) names only that target.
     m_ShareLedger.ForgetDownload(m_lpConf->GetConfID(), usFileID);
     const ZV_FileDownloadInfo& download = lpFsSession->LocalDownload();
     const bool bNamed = !download.m_sFileName.IsEmpty() && !download.m_sFilePath.IsEmpty();
@@ -215,6 +215,7 @@ void ZV_FileShareMgr::DropDeletedSession(uint16_t usFileID, ZV_FileShareSession*
     else
     {
         lpFsSession->CloseFile();
+        // Tried once: a partial file that stays is the user's to remove.
         if (bNamed)
             QB_FileEx::Delete(LocalPathOf(download));
     }

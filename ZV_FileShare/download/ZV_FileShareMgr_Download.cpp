@@ -24,6 +24,8 @@ uint32_t ZV_FileShareMgr::FsDownload(uint16_t usFileID, const char16_t* szLocalP
         // after a restart, the server's list may resume a download only to
         // the path its user last asked for.
         lpFsSession->ExpectDownload(sPath);
+        // A path the ledger cannot hold, or a failed save (logged), leaves the
+        // download to the client's own record after a restart.
         m_ShareLedger.RememberDownload(m_lpConf->GetConfID(), usFileID, sPath);
         return lpFsSession->SendDownloadRequest(ulConn, usFileID, m_lpConf->GetLocalUserID(), 0, sPath, 0, 0, 0);
     });

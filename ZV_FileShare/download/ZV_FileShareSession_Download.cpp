@@ -11,7 +11,6 @@
 #include "core/ZV_FileShareSession.h"
 #include "control/ZV_ControlPdu.h"
 #include "download/ZV_DownloadPdu.h"
-#include "core/ZV_FileShareMgr.h"
 #include "wire/ZV_PduTable.h"
 #include "upload/ZV_UploadPdu.h"
 
@@ -102,7 +101,6 @@ ZV_DownloadBlock MakeDownloadBlock(const ZV_AnswerHead& head, uint32_t ulPos, ui
 
 uint32_t ZV_FileShareSession::HandleDownloadRequest(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_DOWNLOAD_REQUEST");
     IZV_ConfHost* lpConf = Conf();
     ZV_PayloadReader stream(lpCpd);
     ZV_DownloadAsk ask;
@@ -195,7 +193,6 @@ uint32_t ZV_FileShareSession::StartUploadOnDemand(const QB_UserID& downloader)
 
 uint32_t ZV_FileShareSession::HandleDownloadDataRequest(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_DOWNLOAD_DATA_REQUEST");
     ZV_PayloadReader stream(lpCpd);
     ZV_DownloadDataRequest ask;
     ask.Load(stream);
@@ -203,7 +200,7 @@ uint32_t ZV_FileShareSession::HandleDownloadDataRequest(ConfPduData* lpCpd)
     const ZV_FileDownloadInfo& record = ask.record;
     ZV_FileDownloadInfo* pEntry = m_mapDownload.Find(user);
     if (pEntry == nullptr && !ZV_IsServerLink(lpCpd->conn_type))
-        pEntry = TakeBackDownloader(ask);
+        pEntry = ReadmitDownloader(ask);
     if (pEntry == nullptr)
         return 0;
     // Active before the kick, so that a host that calls OnSend at once finds
@@ -231,7 +228,7 @@ uint32_t ZV_FileShareSession::HandleDownloadDataRequest(ConfPduData* lpCpd)
 // its entry went with a restart, or with a change of rights made while the
 // user was away and undone since. It would wait for good; it is taken back
 // as from a request at the stated position, if it may still have the file.
-ZV_FileDownloadInfo* ZV_FileShareSession::TakeBackDownloader(const ZV_DownloadDataRequest& ask)
+ZV_FileDownloadInfo* ZV_FileShareSession::ReadmitDownloader(const ZV_DownloadDataRequest& ask)
 {
     const ZV_FileBriefInfo& brief = m_FileInfo.m_BriefInfo;
     const ZV_FileDownloadInfo& record = ask.record;

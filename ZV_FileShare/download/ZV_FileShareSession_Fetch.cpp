@@ -3,8 +3,9 @@
 // (8015) and takes the blocks (8013) that fit its position.
 #include "core/ZV_FileShareSession.h"
 #include "download/ZV_DownloadPdu.h"
-#include "core/ZV_FileShareMgr.h"
 #include "upload/ZV_UploadPdu.h"
+#include "core/ZV_Percent.h"
+#include "records/ZV_FileCatalog.h"
 
 #include "QB_FileEx.h"
 #include "QB_Log.h"
@@ -19,11 +20,6 @@ constexpr uint32_t kOpenForDownload = QB_FILE_READWRITE | QB_FILE_OPEN_ALWAYS;
 // the client write where the link points.
 constexpr uint32_t kOpenClientTarget = kOpenForDownload | QB_FILE_NO_LINK;
 
-double Percent(uint32_t ulPos, uint32_t ulLength)
-{
-    return ulLength == 0 ? 100.0 : 100.0 * ulPos / ulLength;
-}
-
 } // namespace
 
 // ---------------------------------------------------------------------------
@@ -31,7 +27,6 @@ double Percent(uint32_t ulPos, uint32_t ulLength)
 
 uint32_t ZV_FileShareSession::HandleDownloadResponse(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_DOWNLOAD_RESPONSE");
     ZV_PayloadReader stream(lpCpd);
     ZV_DownloadResponse answer;
     answer.Load(stream);
@@ -40,7 +35,7 @@ uint32_t ZV_FileShareSession::HandleDownloadResponse(ConfPduData* lpCpd)
     const ZV_FileDownloadInfo before = m_LocalDownload;
     try
     {
-        TakeDownloadAnswer(lpCpd, answer);
+        ApplyDownloadAnswer(lpCpd, answer);
     }
     catch (...)
     {
@@ -54,7 +49,7 @@ uint32_t ZV_FileShareSession::HandleDownloadResponse(ConfPduData* lpCpd)
     return 0;
 }
 
-void ZV_FileShareSession::TakeDownloadAnswer(const ConfPduData* lpCpd, ZV_DownloadResponse& answer)
+void ZV_FileShareSession::ApplyDownloadAnswer(const ConfPduData* lpCpd, ZV_DownloadResponse& answer)
 {
     uint32_t ulResult = answer.ulResult;
     const uint16_t usFileID = answer.usFileID;
@@ -84,8 +79,7 @@ void ZV_FileShareSession::TakeDownloadAnswer(const ConfPduData* lpCpd, ZV_Downlo
     m_bDownloadFailed = ulResult != zvResultOk;
     if (ulResult != zvResultOk)
         return;
-    m_bResyncPending = true;
-    SendDownloadDataRequest(lpCpd->ulConn, usFileID, user, record);
+    AskForBlocks(lpCpd->ulConn, usFileID, user, record);
     // No block can come for a download that starts at the file's end, an
     // empty file above all: it is whole as it is.
     if (!bRelay && record.m_ulDownloadPos >= record.m_ulFileLenth)
@@ -174,7 +168,7 @@ uint32_t ZV_FileShareSession::HandleDownloadDataResponse(ConfPduData* lpCpd)
     block.ZV_AnswerHead::Load(stream);
     uint32_t ulResult = block.ulResult;
     if (ulResult == zvResultOk)
-        ulResult = TakeDownloadBlock(lpCpd, stream, block);
+        ulResult = WriteDownloadBlock(lpCpd, stream, block);
     if (ulResult != zvResultOk)
         FailDownload(lpCpd, ulResult, block.usFileID, block.user);
     return 0;
@@ -185,8 +179,8 @@ uint32_t ZV_FileShareSession::HandleDownloadDataResponse(ConfPduData* lpCpd)
 // length the file was announced with, and a local file never grows beyond
 // it (rather than being written whole with the position stopping at the
 // length).
-uint32_t ZV_FileShareSession::TakeDownloadBlock(const ConfPduData* lpCpd, QB_ByteStream& stream,
-                                                ZV_DownloadBlock& block)
+uint32_t ZV_FileShareSession::WriteDownloadBlock(const ConfPduData* lpCpd, QB_ByteStream& stream,
+                                                 ZV_DownloadBlock& block)
 {
     const uint16_t usFileID = block.usFileID;
     const QB_UserID& user = block.user;
@@ -203,9 +197,8 @@ uint32_t ZV_FileShareSession::TakeDownloadBlock(const ConfPduData* lpCpd, QB_Byt
         // are dropped until one fits.
         if (!m_bResyncPending)
         {
-            m_bResyncPending = true;
             const ZV_FileDownloadInfo copy = download;
-            SendDownloadDataRequest(lpCpd->ulConn, usFileID, user, copy);
+            AskForBlocks(lpCpd->ulConn, usFileID, user, copy);
         }
         return zvResultOk;
     }
@@ -238,7 +231,8 @@ bool ZV_FileShareSession::AdvanceLocalDownload(uint32_t ulCount)
 void ZV_FileShareSession::OnClientBlock(uint16_t usFileID, bool bFinished)
 {
     ZV_FileDownloadInfo& download = m_LocalDownload;
-    NotifyDownloadProgress(zvResultOk, usFileID, Percent(download.m_ulDownloadPos, download.m_ulFileLenth),
+    NotifyDownloadProgress(zvResultOk, usFileID,
+                           ZV_PercentScaledFirst(download.m_ulDownloadPos, download.m_ulFileLenth, ZV_IfEmpty::Whole),
                            download.m_ulUsedTime);
     if (bFinished)
     {
@@ -308,7 +302,8 @@ void ZV_FileShareSession::FailDownload(const ConfPduData* lpCpd, uint32_t ulResu
     SendIsStopDownloadRequest(ulCmdConn != zvConnNone ? ulCmdConn : lpCpd->ulConn, usFileID, &user, 0, 1);
     QB_WriteLog(QB_LOG_DAILY, "fileshare", "HandleDownloadDataResponse...ulResult=%d.\r\n", (int)ulResult);
     NotifyDownloadState(ulResult, usFileID, m_LocalDownload,
-                        Percent(m_LocalDownload.m_ulDownloadPos, m_LocalDownload.m_ulFileLenth));
+                        ZV_PercentScaledFirst(m_LocalDownload.m_ulDownloadPos, m_LocalDownload.m_ulFileLenth,
+                                              ZV_IfEmpty::Whole));
 }
 
 // The relay's clients hear of it as of a failed upload, and the upstream

@@ -8,6 +8,7 @@
 #include "core/ZV_FileShareSession.h"
 #include "delete/ZV_DeletePdu.h"
 #include "lists/ZV_ListPdu.h"
+#include "wire/ZV_CutList.h"
 
 #include "QB_Log.h"
 
@@ -60,7 +61,6 @@ uint32_t ZV_FileShareMgr::SendGetFileListRequest(uint32_t ulConn, const QB_UserI
 // Only a linked server may ask, and a server never answers itself.
 uint32_t ZV_FileShareMgr::HandleGetFileListRequest(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_GET_FILE_LIST_REQUEST");
     try
     {
         ZV_PayloadReader stream(lpCpd);
@@ -173,7 +173,6 @@ void ZV_FileShareMgr::ForwardListedFiles(uint32_t ulSkipConn, const QB_Array<ZV_
 // between servers only: a client's view comes from its own server's lists.
 uint32_t ZV_FileShareMgr::HandleGetFileListResponse(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_GET_FILE_LIST_RESPONSE");
     ZV_FileListResponse part;
     try
     {
@@ -184,9 +183,9 @@ uint32_t ZV_FileShareMgr::HandleGetFileListResponse(ConfPduData* lpCpd)
         if (lpCpd->conn_type != zvConfServerTypeCommand || !m_lpConf->IsServerMode())
             return 0;
         if (part.bUploadList == 0)
-            TakeListedDownloads(part.arrDownload);
+            EnterListedDownloads(part.arrDownload);
         else
-            TakeListedFiles(lpCpd, part);
+            ApplyListedFiles(lpCpd, part);
     }
     catch (...)
     {
@@ -195,11 +194,11 @@ uint32_t ZV_FileShareMgr::HandleGetFileListResponse(ConfPduData* lpCpd)
     return 0;
 }
 
-void ZV_FileShareMgr::TakeListedFiles(const ConfPduData* lpCpd, const ZV_FileListResponse& part)
+void ZV_FileShareMgr::ApplyListedFiles(const ConfPduData* lpCpd, const ZV_FileListResponse& part)
 {
     ZV_ListedFiles listed;
     for (int i = 0; i < part.arrInfo.GetSize(); ++i)
-        if (!TakeListedFile(lpCpd, part, i, listed))
+        if (!ApplyListedFile(lpCpd, part, i, listed))
             break;
     const QB_UserID* lpLocal = LocalUser();
     const QB_UserID local = lpLocal != nullptr ? *lpLocal : QB_UserID();
@@ -214,8 +213,8 @@ void ZV_FileShareMgr::TakeListedFiles(const ConfPduData* lpCpd, const ZV_FileLis
 }
 
 // One file of the peer's list. False ends the walk of this PDU.
-bool ZV_FileShareMgr::TakeListedFile(const ConfPduData* lpCpd, const ZV_FileListResponse& part, int i,
-                                     ZV_ListedFiles& listed)
+bool ZV_FileShareMgr::ApplyListedFile(const ConfPduData* lpCpd, const ZV_FileListResponse& part, int i,
+                                      ZV_ListedFiles& listed)
 {
     const ZV_FileUploadInfo& entry = part.arrInfo[i];
     const uint16_t usFileID = entry.m_usFileID;
@@ -226,7 +225,7 @@ bool ZV_FileShareMgr::TakeListedFile(const ConfPduData* lpCpd, const ZV_FileList
     if (!bNew)
     {
         // A FileID that an add here has reserved is that add's to fill.
-        if (lpFsSession == nullptr || !TakeListedSession(lpFsSession, entry, part.arrState[i]))
+        if (lpFsSession == nullptr || !RecheckListedSession(lpFsSession, entry, part.arrState[i]))
             return true;
     }
     else if (m_arrDelFileID.Find(usFileID) >= 0)
@@ -234,7 +233,7 @@ bool ZV_FileShareMgr::TakeListedFile(const ConfPduData* lpCpd, const ZV_FileList
     else
     {
         std::unique_ptr<ZV_FileShareSession> lpNew = MakeSession();
-        lpNew->TakePeerFile(usFileID, entry);
+        lpNew->InitPeerFileInfo(usFileID, entry);
         lpFsSession = lpNew.get();
         ReplaceSession(usFileID, std::move(lpNew));
     }
@@ -256,13 +255,12 @@ bool ZV_FileShareMgr::TakeListedFile(const ConfPduData* lpCpd, const ZV_FileList
 // the peer, and is set against the disk once after each loss of a server
 // link. False skips the entry. The file's home server tells the others
 // where the upload stands.
-bool ZV_FileShareMgr::TakeListedSession(ZV_FileShareSession* lpFsSession, const ZV_FileUploadInfo& entry, bool bDone)
+bool ZV_FileShareMgr::RecheckListedSession(ZV_FileShareSession* lpFsSession, const ZV_FileUploadInfo& entry, bool bDone)
 {
     if (!lpFsSession->IsUploadDone())
         lpFsSession->SetUploadDone(bDone);
-    if (lpFsSession->IsSynced())
+    if (!lpFsSession->MarkSynced())
         return false;
-    lpFsSession->SetSynced();
     return RepublishUpload(lpFsSession, entry.m_BriefInfo.m_CreatorID, entry.m_BriefInfo.m_usFileState);
 }
 
@@ -291,7 +289,7 @@ bool ZV_FileShareMgr::PassBackDelete(const ConfPduData* lpCpd, const QB_UserID& 
 // entered, resting, and told by its own server that the download stands.
 // Records are taken in the order of the sessions, and within one file in
 // the order of the list.
-void ZV_FileShareMgr::TakeListedDownloads(const QB_Array<ZV_FileDownloadInfo>& arrDownload)
+void ZV_FileShareMgr::EnterListedDownloads(const QB_Array<ZV_FileDownloadInfo>& arrDownload)
 {
     std::unordered_map<uint16_t, std::vector<int>> mapByFileID;
     for (int i = 0; i < arrDownload.GetSize(); ++i)

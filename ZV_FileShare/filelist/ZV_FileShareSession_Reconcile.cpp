@@ -4,7 +4,6 @@
 #include "core/ZV_FileShareSession.h"
 #include "control/ZV_ControlPdu.h"
 #include "records/ZV_FileCatalog.h"
-#include "core/ZV_FileShareMgr.h"
 
 #include "QB_FileEx.h"
 
@@ -15,7 +14,7 @@ constexpr uint32_t kOpenStored = QB_FILE_READWRITE | QB_FILE_OPEN_ALWAYS;
 
 } // namespace
 
-void ZV_FileShareSession::TakePeerFile(uint16_t usFileID, const ZV_FileUploadInfo& entry)
+void ZV_FileShareSession::InitPeerFileInfo(uint16_t usFileID, const ZV_FileUploadInfo& entry)
 {
     m_usFileID = usFileID;
     m_FileInfo = entry;
@@ -62,6 +61,7 @@ uint32_t ZV_FileShareSession::CompareStoredFile(const QB_StringW& sFolder, const
     if (!brief.IsSameFile(row.m_BriefInfo))
     {
         CloseStoredFiles();
+        // One that stays is cut to nothing when the fetch opens it at 0.
         QB_FileEx::Delete(sPath);
         m_FileInfo.SetFileWritePos(0);
         bFetch = true;
@@ -92,6 +92,13 @@ uint32_t ZV_FileShareSession::NameNewStoredFile(const QB_StringW& sFolder, const
     MakeUniqueFileName(sFolder, MakeStoredFileName(sFolder, QB_StringW(brief.m_sFileOldName)), sName);
     m_FileInfo.SetFileNewName(sName);
     return MakeDirs(sFolder) ? zvResultOk : zvResultCannotOpen;
+}
+
+bool ZV_FileShareSession::MarkSynced()
+{
+    const bool bWasOut = !m_bSynced;
+    m_bSynced = true;
+    return bWasOut;
 }
 
 void ZV_FileShareSession::CloseStoredFiles()

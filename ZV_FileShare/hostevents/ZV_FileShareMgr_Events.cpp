@@ -3,6 +3,7 @@
 // lists unasked; a user who leaves is handled in ZV_FileShareMgr_UserGone.cpp.
 #include "core/ZV_FileShareMgr.h"
 #include "core/ZV_FileShareSession.h"
+#include "core/ZV_Percent.h"
 
 #include "QB_Log.h"
 
@@ -107,11 +108,8 @@ void ZV_FileShareMgr::OnRightChange(bool bMoreVisible, const QB_UserID& user)
         if (brief.m_CreatorID == local || brief.m_bPublic || brief.m_arrRight.Find(local) >= 0)
             return;
         if (bMoreVisible)
-        {
-            const double dPercent =
-                brief.m_ulFileLenth == 0 ? 100.0 : 100.0 * lpFsSession->MaxPos() / brief.m_ulFileLenth;
-            NotifyFileAdded(0, usFileID, brief, dPercent);
-        }
+            NotifyFileAdded(0, usFileID, brief,
+                            ZV_PercentScaledFirst(lpFsSession->MaxPos(), brief.m_ulFileLenth, ZV_IfEmpty::Whole));
         else
             DropLostDownload(usFileID, lpFsSession);
     });

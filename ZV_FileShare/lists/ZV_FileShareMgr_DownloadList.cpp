@@ -6,12 +6,13 @@
 #include "rights/ZV_EntryPdu.h"
 #include "core/ZV_FileShareSession.h"
 #include "lists/ZV_ListPdu.h"
+#include "wire/ZV_CutList.h"
+#include "core/ZV_Percent.h"
 
 #include "QB_Log.h"
 
 uint32_t ZV_FileShareMgr::HandleGetDownloadSessionListRequest(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_GET_DOWNLOAD_SESSION_LIST_REQUEST");
     try
     {
         ZV_PayloadReader stream(lpCpd);
@@ -43,9 +44,10 @@ uint32_t ZV_FileShareMgr::HandleGetDownloadSessionListRequest(ConfPduData* lpCpd
 void ZV_FileShareMgr::CollectDownloadInfo(uint16_t usFileID, ZV_FileShareSession* lpFsSession, const QB_UserID& user,
                                           QB_Array<ZV_FileDownloadInfo>& arrInfo, QB_Array<bool>& arrModify)
 {
-    ZV_FileDownloadInfo info;
-    if (!lpFsSession->GetDownloadInfo(user, info))
+    const ZV_FileDownloadInfo* pEntry = lpFsSession->FindDownloadEntry(user);
+    if (pEntry == nullptr)
         return;
+    ZV_FileDownloadInfo info = *pEntry;
     const ZV_FileBriefInfo& brief = lpFsSession->FileInfo().m_BriefInfo;
     bool bModify = false;
     if (!brief.m_bPublic && brief.m_arrRight.Find(user) < 0)
@@ -110,7 +112,6 @@ uint32_t ZV_FileShareMgr::SendDownloadList(uint32_t ulConn, uint32_t ulResult, c
 // failed stops the data requests of the entries behind it in this PDU.
 uint32_t ZV_FileShareMgr::HandleGetDownloadSessionListResponse(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE");
     try
     {
         if (!m_lpConf->IsClientMode())
@@ -120,7 +121,7 @@ uint32_t ZV_FileShareMgr::HandleGetDownloadSessionListResponse(ConfPduData* lpCp
         list.Load(stream);
         uint32_t ulResult = list.ulResult;
         for (int i = 0; i < list.arrInfo.GetSize(); ++i)
-            TakeListedDownload(lpCpd, list.arrInfo[i], list.arrModify[i], list.user, ulResult);
+            ApplyListedDownload(lpCpd, list.arrInfo[i], list.arrModify[i], list.user, ulResult);
     }
     catch (...)
     {
@@ -130,8 +131,8 @@ uint32_t ZV_FileShareMgr::HandleGetDownloadSessionListResponse(ConfPduData* lpCp
 }
 
 // One listed record, under the lock of the map; the event goes after it.
-void ZV_FileShareMgr::TakeListedDownload(const ConfPduData* lpCpd, ZV_FileDownloadInfo r, bool bModify,
-                                         const QB_UserID& listUser, uint32_t& ulResult)
+void ZV_FileShareMgr::ApplyListedDownload(const ConfPduData* lpCpd, ZV_FileDownloadInfo r, bool bModify,
+                                          const QB_UserID& listUser, uint32_t& ulResult)
 {
     const uint16_t usFileID = r.m_usFileID;
     ZV_FileShareSession* lpFsSession = nullptr;
@@ -147,8 +148,8 @@ void ZV_FileShareMgr::TakeListedDownload(const ConfPduData* lpCpd, ZV_FileDownlo
     if (m_lpConfSink == nullptr)
         return;
     QB_WriteLog(QB_LOG_DAILY, "HandleGetDownloadSessionListResponse...fileshare", "ulResult=%d.\r\n", (int)ulResult);
-    const double dPercent = r.m_ulFileLenth == 0 ? 100.0 : (double)ulSize / r.m_ulFileLenth * 100.0;
-    lpFsSession->NotifyDownloadState(ulResult, usFileID, r, dPercent);
+    lpFsSession->NotifyDownloadState(ulResult, usFileID, r,
+                                     ZV_PercentOfShare(ulSize, r.m_ulFileLenth, ZV_IfEmpty::Whole));
 }
 
 // False when the entry ends before the local record takes it.
@@ -242,8 +243,7 @@ void ZV_FileShareMgr::RestartListedDownload(const ConfPduData* lpCpd, ZV_FileSha
         MarkBusy(true, usFileID);
         r.SetState(zvDownloadStateRunning);
     }
-    lpFsSession->SetResyncPending();
-    lpFsSession->SendDownloadDataRequest(lpCpd->ulConn, usFileID, me, r);
+    lpFsSession->AskForBlocks(lpCpd->ulConn, usFileID, me, r);
 }
 
 // The right went while the user was away: the partial file goes, and the
@@ -253,9 +253,11 @@ void ZV_FileShareMgr::DropWithdrawnDownload(uint16_t usFileID, ZV_FileShareSessi
 {
     const ZV_FileDownloadInfo& download = lpFsSession->LocalDownload();
     lpFsSession->CloseFile();
+    // A row the ledger fails to forget (logged) names only a target this user chose.
     m_ShareLedger.ForgetDownload(m_lpConf->GetConfID(), usFileID);
     // The record's path is the local one, or the one the user last asked
-    // for when a restart took the local record.
+    // for when a restart took the local record. Tried once: a partial file
+    // that stays is the user's to remove.
     if (r.m_usState != zvDownloadStateFinished && download.m_usState != zvDownloadStateFinished)
         QB_FileEx::Delete(QB_StringW(r.m_sFilePath + r.m_sFileName));
     lpFsSession->ResetLocalDownload(false);

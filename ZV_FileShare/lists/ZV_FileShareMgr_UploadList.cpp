@@ -5,6 +5,8 @@
 #include "core/ZV_FileShareMgr.h"
 #include "core/ZV_FileShareSession.h"
 #include "lists/ZV_ListPdu.h"
+#include "wire/ZV_CutList.h"
+#include "core/ZV_Percent.h"
 
 #include "QB_Log.h"
 
@@ -19,7 +21,6 @@ constexpr int kMaxListed = 0x10000;
 
 uint32_t ZV_FileShareMgr::HandleGetUploadSessionListRequest(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_GET_UPLOAD_SESSION_LIST_REQUEST");
     try
     {
         ZV_PayloadReader stream(lpCpd);
@@ -82,7 +83,6 @@ uint32_t ZV_FileShareMgr::SendUploadList(uint32_t ulConn, uint16_t usFileID, uin
 
 uint32_t ZV_FileShareMgr::HandleGetUploadSessionListResponse(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE");
     try
     {
         // A server's view is its store, never a peer's word of it.
@@ -101,7 +101,7 @@ uint32_t ZV_FileShareMgr::HandleGetUploadSessionListResponse(ConfPduData* lpCpd)
         if (!part.bLast && m_listUpload.GetCount() <= kMaxListed)
             return 0;
         if (part.bLast)
-            TakeUploadList();
+            ApplyUploadList();
     }
     catch (...)
     {
@@ -113,7 +113,7 @@ uint32_t ZV_FileShareMgr::HandleGetUploadSessionListResponse(ConfPduData* lpCpd)
     return 0;
 }
 
-void ZV_FileShareMgr::TakeUploadList()
+void ZV_FileShareMgr::ApplyUploadList()
 {
     const int nListed = m_listUpload.GetCount() + 1;
     m_arrPendingFileID.SetSize(0, nListed);
@@ -162,6 +162,7 @@ void ZV_FileShareMgr::DropUnlistedDownload(uint16_t usFileID, ZV_FileShareSessio
         return;
     }
     lpFsSession->CloseFile();
+    // Tried once: a partial file that stays is the user's to remove.
     QB_FileEx::Delete(sPath);
 }
 
@@ -186,7 +187,8 @@ void ZV_FileShareMgr::MergeListedFile(const ZV_FileUploadInfo& entry, uint32_t u
     const uint32_t ulLength = lpFsSession->BriefInfo().m_ulFileLenth;
     m_arrPendingFileID.Add(entry.m_usFileID);
     m_arrPendingInfo.Add(lpFsSession->BriefInfo());
-    m_arrPendingRate.Add(ulLength == 0 ? 10000.0 : (double)ulMaxPos / ulLength * 10000.0);
+    // On a scale of 10000, unlike a batch's percent.
+    m_arrPendingRate.Add(ZV_TenThousandthsOfShare(ulMaxPos, ulLength, ZV_IfEmpty::Whole));
 }
 
 void ZV_FileShareMgr::RaisePendingFiles()

@@ -1,7 +1,6 @@
 // A session's part in the two lists that bring a client in step: the
 // server's record of the file for the upload list, a user's download record
 // for the download list, and the client's merge of the server's record.
-#include "core/ZV_FileShareMgr.h"
 #include "core/ZV_FileShareSession.h"
 #include "rights/ZV_EntryPdu.h"
 
@@ -26,7 +25,9 @@ uint32_t ZV_FileShareSession::CollectUploadInfo(QB_Array<ZV_FileUploadInfo>& arr
             notice.ulFloodSeq = ulFloodSeq;
             ZV_PduBuffer pdu;
             notice.Save(pdu.Stream());
-            ZV_SendToServers(lpConf, zvConnNone, PDU_CONF_FS_NOTICE_DEL_DOWNLOAD_INFO_REQUEST, pdu);
+            // The server that starts this notice sends it with the flags 1, 0;
+            // those that pass it on use 1, 1, as for any flood.
+            ZV_SendToServers(lpConf, zvConnNone, PDU_CONF_FS_NOTICE_DEL_DOWNLOAD_INFO_REQUEST, pdu, 1, 0);
         }
     }
     arrInfo.Add(m_FileInfo);
@@ -81,11 +82,6 @@ void ZV_FileShareSession::MergeCreatorState(bool bNew, uint16_t usOldState, uint
     const uint32_t ulConn = m_lpMgr->GetLinkConn(zvConfClientTypeCommand);
     if (!bNew && usState == zvFileStateStopped && ulConn != zvConnNone)
         SendIsStopUploadRequest(ulConn, m_usFileID, m_lpMgr->LocalUser(), 0, 1, ulWritePos);
-}
-
-bool ZV_FileShareSession::GetDownloadInfo(const QB_UserID& user, ZV_FileDownloadInfo& info) const
-{
-    return m_mapDownload.Lookup(user, info);
 }
 
 void ZV_FileShareSession::SetDownloadInfo(const QB_UserID& user, const ZV_FileDownloadInfo& info)

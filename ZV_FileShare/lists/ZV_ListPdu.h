@@ -1,8 +1,8 @@
 // ZV_ListPdu: the payloads that bring a node in step: for a client, the
 // conference's files with the furthest position of each (8027, 8028) and
 // the user's own downloads (8029, 8030); between servers, each one's whole
-// store and download records (8031, 8032). Beside them the count by which a
-// long list is cut into PDUs.
+// store and download records (8031, 8032). Beside them what each entry adds
+// to a PDU, by which wire/ZV_CutList.h cuts a long list.
 //
 // Readers raise the stream's load failure on anything that does not fit;
 // the caller's top-level guard takes it.
@@ -261,27 +261,4 @@ inline uint32_t ZV_FileListEntrySize(const ZV_FileUploadInfo& info)
 inline uint32_t ZV_FilesAddedEntrySize(const ZV_FileBriefInfo& brief)
 {
     return 2 + 4 + brief.GetSaveSize() + 8;
-}
-
-// Cuts a list of nCount entries into pieces: a piece closes before the entry
-// that would take the running size, which starts at the head's size, above
-// the PDU buffer. fnFlush(nFrom, nTo, bLast) sends entries [nFrom, nTo); the
-// last piece always goes, so an empty list is one piece.
-template <typename FnSize, typename FnFlush>
-void ZV_CutList(uint32_t ulHeadSize, int nCount, FnSize fnSize, FnFlush fnFlush)
-{
-    uint32_t ulRunning = ulHeadSize;
-    int nFrom = 0;
-    for (int i = 0; i < nCount; ++i)
-    {
-        const uint32_t ulSize = fnSize(i);
-        if (ulRunning + ulSize > (uint32_t)QB_PDU_BUFFER_SIZE && i > nFrom)
-        {
-            fnFlush(nFrom, i, false);
-            nFrom = i;
-            ulRunning = ulHeadSize;
-        }
-        ulRunning += ulSize;
-    }
-    fnFlush(nFrom, nCount, true);
 }

@@ -58,19 +58,6 @@ public:
     // another file. Times compare as their text, to the second.
     bool IsSameFile(const ZV_FileBriefInfo& other) const;
 
-    uint64_t GetMask() const { return m_ullMask; }
-    const QB_UserID& GetCreatorID() const { return m_CreatorID; }
-    const QB_StringU8& GetCreatorName() const { return m_sCreatorName; }
-    const QB_StringU8& GetFilePath() const { return m_sFilePath; }
-    const QB_StringU8& GetFileOldName() const { return m_sFileOldName; }
-    const QB_StringU8& GetFileType() const { return m_sFileType; }
-    uint32_t GetFileLenth() const { return m_ulFileLenth; }
-    const QB_DateTimeEx& GetShareTime() const { return m_dtShareTime; }
-    const QB_DateTimeEx& GetModifyTime() const { return m_dtModifyTime; }
-    uint16_t GetFileState() const { return m_usFileState; }
-    const QB_Array<QB_UserID>& GetRight() const { return m_arrRight; }
-    bool IsPublic() const { return m_bPublic; }
-
     // Text setters refuse more than 1024 bytes of UTF-8 and then change
     // nothing; the wide ones measure the converted text.
     bool SetCreatorName(const QB_StringU8& sValue);

@@ -211,6 +211,7 @@ void ZV_FileCatalog::DeleteStoredFile(const QB_StringA& sFolder, const QB_String
 {
     if (m_sRootPath.IsEmpty() || !IsPlainFileName(sName))
         return;
+    // Tried once: a stored file that stays is no row's and goes to no one.
     QB_FileEx::Delete(QB_StringW(sFolder + sName));
 }
 

@@ -48,22 +48,6 @@ public:
     void Load(QB_ByteStream& stream) override;
     void Save(QB_ByteStream& stream) const override;
 
-    uint64_t GetMask() const { return m_ullMask; }
-    uint16_t GetFileID() const { return m_usFileID; }
-    const QB_StringU8& GetFilePath() const { return m_sFilePath; }
-    const QB_StringU8& GetFileFullName() const { return m_sFileFullName; }
-    const QB_StringU8& GetFileName() const { return m_sFileName; }
-    const QB_StringU8& GetFileType() const { return m_sFileType; }
-    uint32_t GetFileLenth() const { return m_ulFileLenth; }
-    uint32_t GetUsedTime() const { return m_ulUsedTime; }
-    uint32_t GetLastTick() const { return m_ulLastTick; }
-    const QB_DateTimeEx& GetShareTime() const { return m_dtShareTime; }
-    uint32_t GetDownloadPos() const { return m_ulDownloadPos; }
-    uint16_t GetState() const { return m_usState; }
-    bool IsStopped() const { return m_bStopped; }
-    bool IsActive() const { return m_bActive; }
-    const QB_UserID& GetUserID() const { return m_UserID; }
-
     // Refuse more than 1024 bytes of UTF-8 and then change nothing.
     bool SetFileName(const QB_StringU8& sValue);
     bool SetFileName(const QB_StringW& sValue);

@@ -29,12 +29,6 @@ public:
     void Load(QB_ByteStream& stream) override;
     void Save(QB_ByteStream& stream) const override;
 
-    uint64_t GetMask() const { return m_ullMask; }
-    uint16_t GetFileID() const { return m_usFileID; }
-    const QB_StringU8& GetFileNewName() const { return m_sFileNewName; }
-    const ZV_FileBriefInfo& GetBriefInfo() const { return m_BriefInfo; }
-    uint32_t GetFileWritePos() const { return m_ulFileWritePos; }
-
     // Refuse more than 1024 bytes of UTF-8 and then change nothing.
     bool SetFileNewName(const QB_StringU8& sValue);
     bool SetFileNewName(const QB_StringW& sValue);

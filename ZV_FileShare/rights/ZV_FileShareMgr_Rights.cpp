@@ -6,6 +6,7 @@
 #include "rights/ZV_EntryPdu.h"
 #include "core/ZV_FileShareSession.h"
 #include "rights/ZV_RightsPdu.h"
+#include "core/ZV_Percent.h"
 
 #include "QB_FileEx.h"
 #include "QB_Log.h"
@@ -124,7 +125,6 @@ uint32_t ZV_FileShareMgr::SendSetFilesRightResponse(uint32_t ulConn, const QB_Ar
 // creator's say over a file that stands behind the first.
 uint32_t ZV_FileShareMgr::HandleSetFilesRightRequest(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_SET_FILES_RIGHT_REQUEST");
     ZV_PayloadReader stream(lpCpd);
     ZV_SetFilesRightRequest ask;
     ask.LoadHead(stream);
@@ -168,7 +168,6 @@ uint32_t ZV_FileShareMgr::HandleSetFilesRightRequest(ConfPduData* lpCpd)
 
 uint32_t ZV_FileShareMgr::HandleSetRightResponse(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_SET_RIGHT_RESPONSE");
     try
     {
         ZV_PayloadReader stream(lpCpd);
@@ -184,7 +183,7 @@ uint32_t ZV_FileShareMgr::HandleSetRightResponse(ConfPduData* lpCpd)
             return 0;
         }
         QB_Lock lock(&m_mapSession);
-        TakeNewRights(answer.usFileID, answer.brief, answer.ulMaxPos);
+        ApplyNewRights(answer.usFileID, answer.brief, answer.ulMaxPos);
     }
     catch (...)
     {
@@ -195,7 +194,7 @@ uint32_t ZV_FileShareMgr::HandleSetRightResponse(ConfPduData* lpCpd)
 
 // The loss comes first, so that the user side hears "gone" before any new
 // view of the file.
-void ZV_FileShareMgr::TakeNewRights(uint16_t usFileID, const ZV_FileBriefInfo& brief, uint32_t ulMaxPos)
+void ZV_FileShareMgr::ApplyNewRights(uint16_t usFileID, const ZV_FileBriefInfo& brief, uint32_t ulMaxPos)
 {
     ZV_FileShareSession* lpFsSession = nullptr;
     if (!m_mapSession.Lookup(usFileID, lpFsSession) || lpFsSession == nullptr)
@@ -209,11 +208,8 @@ void ZV_FileShareMgr::TakeNewRights(uint16_t usFileID, const ZV_FileBriefInfo& b
     if (local != brief.m_CreatorID && MayHave(old, local) && !MayHave(brief, local))
         DropLostDownload(usFileID, lpFsSession);
     if (lpFsSession->IsFileVisible(brief))
-    {
-        // An empty file is whole: no division by its length.
-        const double dPercent = brief.m_ulFileLenth == 0 ? 100.0 : 100.0 * ulMaxPos / brief.m_ulFileLenth;
-        NotifyRightChanged(zvResultOk, usFileID, brief, dPercent);
-    }
+        NotifyRightChanged(zvResultOk, usFileID, brief,
+                           ZV_PercentOfShare(ulMaxPos, brief.m_ulFileLenth, ZV_IfEmpty::Whole));
 }
 
 // A finished download is the user's file now and stays; a partial one goes.
@@ -221,11 +217,13 @@ void ZV_FileShareMgr::DropLostDownload(uint16_t usFileID, ZV_FileShareSession* l
 {
     NotifyFileHidden(zvResultOk, usFileID);
     lpFsSession->CloseFile();
+    // A row the ledger fails to forget (logged) names only a target this user chose.
     m_ShareLedger.ForgetDownload(m_lpConf->GetConfID(), usFileID);
     const ZV_FileDownloadInfo& download = lpFsSession->LocalDownload();
     if (download.m_usState != zvDownloadStateFinished)
     {
         // A record that never named a file names only its folder.
+        // Tried once: a partial file that stays is the user's to remove.
         if (!download.m_sFileName.IsEmpty())
             QB_FileEx::Delete(QB_StringW(download.m_sFilePath) + QB_StringW(download.m_sFileName));
         MarkBusy(false, usFileID);

@@ -4,7 +4,6 @@
 // rights (8003), which each server answers to all its clients with 8004.
 #include "core/ZV_FileShareSession.h"
 #include "rights/ZV_EntryPdu.h"
-#include "core/ZV_FileShareMgr.h"
 #include "rights/ZV_RightsPdu.h"
 
 namespace {
@@ -24,7 +23,6 @@ QB_UserID PeerOf(const ConfPduData* lpCpd)
 // nothing there. A download in flight ends because OnSend finds no entry.
 uint32_t ZV_FileShareSession::HandleDelDownloadRequest(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_DEL_DOWNLOAD_REQUEST");
     IZV_ConfHost* lpConf = Conf();
     ZV_PayloadReader stream(lpCpd);
     ZV_EntryRequest ask;
@@ -44,7 +42,6 @@ uint32_t ZV_FileShareSession::HandleDelDownloadRequest(ConfPduData* lpCpd)
 // Nothing sends it; it is taken and dropped.
 uint32_t ZV_FileShareSession::HandleDelDownloadResponse(ConfPduData*)
 {
-    ZV_TraceRecv("PDU_CONF_FS_DEL_DOWNLOAD_RESPONSE");
     return 0;
 }
 
@@ -57,7 +54,6 @@ uint32_t ZV_FileShareSession::HandleDelDownloadResponse(ConfPduData*)
 // asks that neighbour, as a relay, for what it lacks.
 uint32_t ZV_FileShareSession::HandleNoticeDelDownloadInfoRequest(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_NOTICE_DEL_DOWNLOAD_INFO_REQUEST");
     IZV_ConfHost* lpConf = Conf();
     ZV_PayloadReader stream(lpCpd);
     ZV_EntryRequest notice;
@@ -85,7 +81,6 @@ uint32_t ZV_FileShareSession::HandleNoticeDelDownloadInfoRequest(ConfPduData* lp
 
 uint32_t ZV_FileShareSession::HandleSetRightRequest(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_SET_RIGHT_REQUEST");
     IZV_ConfHost* lpConf = Conf();
     ZV_PayloadReader stream(lpCpd);
     ZV_SetRightRequest ask;

@@ -11,7 +11,6 @@
 // flood between servers), then the senders.
 #include "core/ZV_FileShareSession.h"
 #include "control/ZV_ControlPdu.h"
-#include "core/ZV_FileShareMgr.h"
 #include "upload/ZV_UploadPdu.h"
 
 #include "QB_Log.h"
@@ -85,14 +84,13 @@ void ZV_FileShareSession::FailLocalRead()
 
 uint32_t ZV_FileShareSession::HandleUploadResponse(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_UPLOAD_RESPONSE");
     ZV_PayloadReader stream(lpCpd);
     ZV_UploadResponse answer;
     answer.Load(stream);
     if (lpCpd->conn_type == zvConfServerTypeCommand)
         PassOnUploadStart(answer.user, answer.ulFloodSeq);
     else if (!Conf()->IsServerMode())
-        TakeUploadAnswer(answer.ulResult, answer.usFileID, answer.ulPos);
+        ApplyUploadAnswer(answer.ulResult, answer.usFileID, answer.ulPos);
     return 0;
 }
 
@@ -100,7 +98,7 @@ uint32_t ZV_FileShareSession::HandleUploadResponse(ConfPduData* lpCpd)
 // next OnSend fails on the closed file and reports it. A file the user did
 // not share is not even looked at, and a position past its end is refused:
 // neither sends a byte.
-void ZV_FileShareSession::TakeUploadAnswer(uint32_t ulResult, uint16_t usFileID, uint32_t ulPos)
+void ZV_FileShareSession::ApplyUploadAnswer(uint32_t ulResult, uint16_t usFileID, uint32_t ulPos)
 {
     if (ulResult == zvResultOk && (ulPos > m_BriefInfo.m_ulFileLenth || !m_lpMgr->IsSharedLocalFile(m_BriefInfo)))
         ulResult = zvResultUntrusted;
@@ -167,7 +165,7 @@ uint32_t ZV_FileShareSession::HandleUploadRequest(ConfPduData* lpCpd)
         return 0;
     if (block.bStart)
     {
-        TakeStartMarker(block.user, block.ulFloodSeq);
+        ApplyStartMarker(block.user, block.ulFloodSeq);
         return 0;
     }
     if (m_bStopUpload)
@@ -192,11 +190,11 @@ uint32_t ZV_FileShareSession::HandleUploadRequest(ConfPduData* lpCpd)
         ulResult = zvResultNotEntitled;
     else if (!bFits)
         ulResult = zvResultCannotAccess;
-    TakeUploadBlock(ulConn, ulResult, block.user, block.ulPos, block.ulLen, block.pData);
+    WriteUploadBlock(ulConn, ulResult, block.user, block.ulPos, block.ulLen, block.pData);
     return 0;
 }
 
-void ZV_FileShareSession::TakeStartMarker(const QB_UserID& user, uint32_t ulFloodSeq)
+void ZV_FileShareSession::ApplyStartMarker(const QB_UserID& user, uint32_t ulFloodSeq)
 {
     IZV_ConfHost* lpConf = Conf();
     if (!ZV_IsNewFlood(lpConf, user, ulFloodSeq))
@@ -218,8 +216,8 @@ void ZV_FileShareSession::TakeStartMarker(const QB_UserID& user, uint32_t ulFloo
 // Only a block at the write position is written. A block behind it is a
 // duplicate; one beyond it means blocks were lost, and the uploader is told
 // once where to go on from.
-void ZV_FileShareSession::TakeUploadBlock(uint32_t ulConn, uint32_t ulResult, const QB_UserID& user, uint32_t ulPos,
-                                          uint32_t ulLen, const uint8_t* pData)
+void ZV_FileShareSession::WriteUploadBlock(uint32_t ulConn, uint32_t ulResult, const QB_UserID& user, uint32_t ulPos,
+                                           uint32_t ulLen, const uint8_t* pData)
 {
     if (ulResult == zvResultOk && !m_ServerFile.IsOpen())
         ulResult = OpenStoreFile();
@@ -294,7 +292,6 @@ void ZV_FileShareSession::FinishUpload()
 
 uint32_t ZV_FileShareSession::HandleUploadFinishResponse(ConfPduData* lpCpd)
 {
-    ZV_TraceRecv("PDU_CONF_FS_UPLOAD_FINISH_Response");
     ZV_PayloadReader stream(lpCpd);
     ZV_UploadFinish finish;
     finish.Load(stream);

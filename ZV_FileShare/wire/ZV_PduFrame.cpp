@@ -1,4 +1,5 @@
 #include "wire/ZV_PduFrame.h"
+#include "wire/ZV_PduTable.h"
 
 #include "QB_Plex.h"
 
@@ -115,8 +116,12 @@ void ZV_SetTraceStream(std::FILE* lpStream)
     QB_SetHashWarningStream(lpStream);
 }
 
-void ZV_TraceRecv(const char* pszPduName)
+void ZV_TraceRecv(uint16_t usPdu)
 {
+    const ZV_PduRow* lpRow = ZV_FindPduRow(usPdu);
+    if (lpRow == nullptr)
+        return;
+    const char* pszPduName = lpRow->pszName;
     if (g_lpTraceStream != nullptr)
     {
         std::fprintf(g_lpTraceStream, "recv a %s\r\n", pszPduName);

@@ -66,11 +66,12 @@ bool ZV_IsNewFlood(IZV_ConfHost* lpConf, const QB_UserID& origin, uint32_t& ulFl
 // OnSend for that link.
 uint32_t ZV_SendKick(IZV_ConfHost* lpConf, uint32_t ulConn);
 
-// The trace line a handler prints as it starts: "recv a NAME\r\n". It goes
-// to the stream a program that embeds the module names here (tests and
-// benchmarks keep their output clean that way), else to the file that the
-// environment variable ROOMCRATE_TRACE names (a host's way, since this call
-// is not exported), else to standard output. The stream named here takes
-// the containers' long-chain warnings too.
-void ZV_TraceRecv(const char* pszPduName);
+// The trace line a handler prints as it starts: "recv a NAME\r\n", with the
+// name of the number's row in the PDU table; a number without one prints
+// nothing. It goes to the stream a program that embeds the module names
+// here (tests and benchmarks keep their output clean that way), else to the
+// file that the environment variable ROOMCRATE_TRACE names (a host's way,
+// since this call is not exported), else to standard output. The stream
+// named here takes the containers' long-chain warnings too.
+void ZV_TraceRecv(uint16_t usPdu);
 void ZV_SetTraceStream(std::FILE* lpStream);

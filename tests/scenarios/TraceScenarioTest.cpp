@@ -4,8 +4,10 @@
 
 #include "add/ZV_AddPdu.h"
 #include "wire/ZV_PduFrame.h"
+#include "wire/ZV_PduTable.h"
 
 #include <cstdio>
+#include <set>
 
 using TraceScene = ZV_Scene;
 
@@ -22,27 +24,22 @@ TEST_F(TraceScene, EveryHandlerPrintsItsLineAsItStartsAndANumberNoneTakesGives5)
         std::fseek(lpTrace, 0, SEEK_END);
         return sAll;
     };
-#define ZV_ROW(pdu) {pdu, #pdu}
+    // Every number a handler takes prints its line but data blocks,
+    // progress, the state notice and the two numbers nothing sends.
+    const std::set<uint16_t> setUntraced = {PDU_CONF_FS_UPLOAD_REQUEST, PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE,
+                                            PDU_CONF_FS_PROGRESSING_RESPONSE, PDU_CONF_FS_FILE_STATE_NOTICE,
+                                            PDU_CONF_FS_RESERVED0, PDU_CONF_FS_RESERVED1};
+    for (const ZV_PduRow& row : kPduTable)
+        EXPECT_EQ(row.eHandler != ZV_PduHandler::Nobody && !setUntraced.count(row.usPdu),
+                  row.eTrace != ZV_PduTrace::None)
+            << row.pszName;
     // Those of the sessions first: some of the manager's, such as the
     // server's list, take Bob's sessions away.
-    const std::pair<uint16_t, const char*> aRows[] = {
-        ZV_ROW(PDU_CONF_FS_SET_RIGHT_REQUEST), ZV_ROW(PDU_CONF_FS_UPLOAD_RESPONSE),
-        ZV_ROW(PDU_CONF_FS_UPLOAD_FINISH_Response), ZV_ROW(PDU_CONF_FS_DEL_DOWNLOAD_REQUEST),
-        ZV_ROW(PDU_CONF_FS_DEL_DOWNLOAD_RESPONSE), ZV_ROW(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST),
-        ZV_ROW(PDU_CONF_FS_DOWNLOAD_REQUEST), ZV_ROW(PDU_CONF_FS_DOWNLOAD_RESPONSE),
-        ZV_ROW(PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST), ZV_ROW(PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST),
-        ZV_ROW(PDU_CONF_FS_IS_STOP_UPLOAD_RESPONSE), ZV_ROW(PDU_CONF_FS_PROGRESSING_REQUEST),
-        ZV_ROW(PDU_CONF_FS_UPLOAD_ERROR_REQUEST), ZV_ROW(PDU_CONF_FS_UPLOAD_ERROR_RESPONSE),
-        ZV_ROW(PDU_CONF_FS_NOTICE_DEL_DOWNLOAD_INFO_REQUEST), ZV_ROW(PDU_CONF_FS_ADD_REQUEST),
-        ZV_ROW(PDU_CONF_FS_ADD_RESPONSE), ZV_ROW(PDU_CONF_FS_SET_RIGHT_RESPONSE),
-        ZV_ROW(PDU_CONF_FS_DEL_UPLOAD_REQUEST), ZV_ROW(PDU_CONF_FS_DEL_UPLOAD_RESPONSE),
-        ZV_ROW(PDU_CONF_GET_UPLOAD_SESSION_LIST_REQUEST), ZV_ROW(PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE),
-        ZV_ROW(PDU_CONF_GET_DOWNLOAD_SESSION_LIST_REQUEST), ZV_ROW(PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE),
-        ZV_ROW(PDU_CONF_GET_FILE_LIST_REQUEST), ZV_ROW(PDU_CONF_GET_FILE_LIST_RESPONSE),
-        ZV_ROW(PDU_CONF_FS_SET_FILES_RIGHT_REQUEST), ZV_ROW(PDU_CONF_FS_ADD_FILES_REQUEST),
-        ZV_ROW(PDU_CONF_FS_ADD_FILES_RESPONSE),
-    };
-#undef ZV_ROW
+    std::vector<const ZV_PduRow*> vecRows;
+    for (ZV_PduHandler eHandler : {ZV_PduHandler::Session, ZV_PduHandler::Manager})
+        for (const ZV_PduRow& row : kPduTable)
+            if (row.eHandler == eHandler && row.eTrace != ZV_PduTrace::None)
+                vecRows.push_back(&row);
     const uint32_t ulConn = shape.Server()->GetUserConn(&Bob()->GetUserID(), zvConfClientTypeCommand);
     std::vector<uint8_t> vbPayload(300, 0);
     vbPayload[0] = (uint8_t)usFileID;
@@ -56,8 +53,10 @@ TEST_F(TraceScene, EveryHandlerPrintsItsLineAsItStartsAndANumberNoneTakesGives5)
     answer.brief.SetPublic(true);
     ZV_PduBuffer add;
     answer.Save(add.Stream());
-    for (const auto& [usPdu, szName] : aRows)
+    for (const ZV_PduRow* lpRow : vecRows)
     {
+        const uint16_t usPdu = lpRow->usPdu;
+        const char* szName = lpRow->pszName;
         const long nBefore = std::ftell(lpTrace);
         if (usPdu == PDU_CONF_FS_ADD_RESPONSE)
             shape.Server()->SendPdu(ulConn, usPdu, add.Payload(), add.PayloadLength(), 1, 1);
@@ -80,14 +79,18 @@ TEST_F(TraceScene, EveryHandlerPrintsItsLineAsItStartsAndANumberNoneTakesGives5)
     // several files that nothing reads, print nothing and give 5.
     const long nBefore = std::ftell(lpTrace);
     const size_t nFrom = sim.Journal().Size();
-    for (uint16_t usPdu : {8019, 8020, 9000, (int)PDU_CONF_FS_SET_FILES_RIGHT_RESPONSE})
+    std::vector<uint16_t> vecUntaken = {8019, 8020, 9000};
+    for (const ZV_PduRow& row : kPduTable)
+        if (row.eHandler == ZV_PduHandler::Nobody)
+            vecUntaken.push_back(row.usPdu);
+    for (uint16_t usPdu : vecUntaken)
         shape.Server()->SendPdu(ulConn, usPdu, vbPayload.data(), (uint32_t)vbPayload.size(), 1, 1);
     ASSERT_TRUE(sim.Run()) << sim.GetError();
     EXPECT_EQ((size_t)nBefore, Traced().size());
     ZV_SimFilter filter;
     filter.eFate = ZV_SimFate::Delivered;
     filter.nFrom = nFrom;
-    ASSERT_EQ(4u, sim.Journal().Find(filter).size());
+    ASSERT_EQ(vecUntaken.size(), sim.Journal().Find(filter).size());
     for (const ZV_SimEntry& entry : sim.Journal().Find(filter))
         EXPECT_EQ(zvResultNoHandler, entry.ulResult) << entry.usNumber;
     EXPECT_EQ(zvResultNoHandler, Bob()->GetModule()->HandlePdu(nullptr));

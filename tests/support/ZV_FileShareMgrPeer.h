@@ -72,7 +72,7 @@ public:
     {
         auto lpOwned = std::make_unique<ZV_FileShareSession>(&mgr, szStorePath);
         ZV_FileShareSession& session = *lpOwned;
-        mgr.TakeSession(usFileID);
+        mgr.DetachSession(usFileID);
         mgr.m_mapSession.SetAt(usFileID, lpOwned.release());
         return session;
     }

@@ -6,6 +6,7 @@
 #include "download/ZV_DownloadPdu.h"
 #include "core/ZV_FileShareMgr.h"
 #include "ZV_FileShareMgrPeer.h"
+#include "ZV_FileShareSessionPeer.h"
 #include "core/ZV_FileShareSession.h"
 #include "ZV_PayloadCheck.h"
 
@@ -177,7 +178,7 @@ TEST(AddFile, CutsALongStoredNameAtAWholeCharacterKeepingAShortExtension)
     for (const auto& c : aCases)
     {
         const QB_StringW sName(c.sName.data(), (int)c.sName.size());
-        const QB_StringW sStored = ZV_FileShareSession::MakeStoredFileName(sFolder, sName);
+        const QB_StringW sStored = ZV_FileShareSessionPeer::MakeStoredFileName(sFolder, sName);
         EXPECT_EQ(c.sStored, std::u16string(sStored.GetString(), (size_t)sStored.GetLength())) << c.sName.size();
     }
 }

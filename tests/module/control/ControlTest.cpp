@@ -353,7 +353,7 @@ TEST_F(Control, ServerTakesARightChangeFromTheCreatorAndDropsTheEntriesOfUsersWh
     std::vector<bool> vecHeld;
     ZV_FileDownloadInfo held;
     for (const QB_UserID& user : {kBob, kCarol, kRelay, kUnlinked})
-        vecHeld.push_back(lpSession->GetDownloadInfo(user, held));
+        vecHeld.push_back(ZV_FileShareSessionPeer::Downloads(*lpSession).Lookup(user, held));
     EXPECT_EQ((std::vector<bool>{false, true, true, false}), vecHeld);
     const auto vecFlood = host.SentOf(PDU_CONF_FS_SET_RIGHT_REQUEST);
     ASSERT_EQ(1u, vecFlood.size());

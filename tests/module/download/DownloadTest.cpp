@@ -240,7 +240,7 @@ TEST_F(Download, PushesThreeBlocksPerCallRestsAtTheWritePositionAndGoesOnWhenWok
     QB_WriteWholeFile(tmp.Sub("7/song.ogg"), stored);
     ZV_FileShareSessionPeer::FileInfo(session).SetFileWritePos(98305);
     ZV_FileShareSessionPeer::MaxPos(session) = 98305;
-    session.WakeDownloaders(40000);
+    ZV_FileShareSessionPeer::WakeDownloaders(session, 40000);
     EXPECT_EQ(2u, host.SentOf(PDU_CONF_FS_KICK).size());
     env.SetTick(13000);
     OnSend();

@@ -118,9 +118,9 @@ TEST(UserGone, EachLeaverEndsAsItsRoleAndHomeDecide)
             if (lpLeft == nullptr)
                 continue;
             ZV_FileDownloadInfo entry;
-            ASSERT_TRUE(lpLeft->GetDownloadInfo(kBob, entry));
+            ASSERT_TRUE(ZV_FileShareSessionPeer::Downloads(*lpLeft).Lookup(kBob, entry));
             EXPECT_EQ(row.bBobActive, entry.m_bActive) << row.pszName;
-            ASSERT_TRUE(lpLeft->GetDownloadInfo(kCarol, entry));
+            ASSERT_TRUE(ZV_FileShareSessionPeer::Downloads(*lpLeft).Lookup(kCarol, entry));
             EXPECT_TRUE(entry.m_bActive) << row.pszName << ": only the leaver's entry rests";
         }
     }

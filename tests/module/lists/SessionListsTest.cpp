@@ -118,7 +118,7 @@ struct SessionLists : ::testing::Test
     static ZV_FileDownloadInfo Held(ZV_FileShareSession& session, const QB_UserID& user)
     {
         ZV_FileDownloadInfo info;
-        EXPECT_TRUE(session.GetDownloadInfo(user, info));
+        EXPECT_TRUE(ZV_FileShareSessionPeer::Downloads(session).Lookup(user, info));
         return info;
     }
     template <class TList> static std::vector<TList> Pieces(ZV_RecordingNode& node, uint16_t usPdu)
@@ -247,7 +247,7 @@ TEST_F(SessionLists, AServerRestsRenewsOrWithdrawsEachRecordItLists)
     EXPECT_FALSE(Held(same, kBob).m_bActive) << "nothing is sent until Bob asks again";
     EXPECT_TRUE(Held(anew, kBob).m_dtShareTime == SharedOn(20));
     ZV_FileDownloadInfo gone;
-    EXPECT_FALSE(hidden.GetDownloadInfo(kBob, gone));
+    EXPECT_FALSE(ZV_FileShareSessionPeer::Downloads(hidden).Lookup(kBob, gone));
     const auto vecDrop = node.host.SentOf(PDU_CONF_FS_DEL_DOWNLOAD_REQUEST);
     ASSERT_EQ(1u, vecDrop.size());
     EXPECT_EQ("servers", vecDrop[0].sRoute);
@@ -269,7 +269,7 @@ TEST_F(SessionLists, AServerRestsRenewsOrWithdrawsEachRecordItLists)
     vecParts = Pieces<ZV_DownloadListResponse>(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE);
     ASSERT_EQ(1u, vecParts.size());
     EXPECT_EQ(3, vecParts[0].arrInfo.GetSize()) << "the seen record is not listed";
-    EXPECT_TRUE(seen.GetDownloadInfo(kBob, gone)) << "and stays";
+    EXPECT_TRUE(ZV_FileShareSessionPeer::Downloads(seen).Lookup(kBob, gone)) << "and stays";
     EXPECT_TRUE(node.host.SentOf(PDU_CONF_FS_DEL_DOWNLOAD_REQUEST).empty());
 }
 
@@ -435,6 +435,34 @@ TEST_F(SessionLists, AServerPushesBothListsToAUserWhoEntersThereOnly)
     EXPECT_EQ(5, vecDownloads[0].arrInfo[0].m_usFileID);
     for (const ZV_SentPdu& sent : node.host.m_vecSent)
         EXPECT_EQ(33u, sent.ulConn) << sent.usPdu;
+}
+
+// A creator who enters while a file's upload is unfinished uploads it again
+// from its own client: this server is no longer a downloader of the file,
+// and tells the other servers so once, with the flags 1, 0.
+TEST_F(SessionLists, ACreatorWhoEntersWithAnUnfinishedUploadEndsThisServersFetchWithOneNotice)
+{
+    ZV_RecordingNode node(true);
+    ASSERT_EQ(0u, node.mgr.Initialize());
+    node.host.m_bHasServerLinks = true;
+    node.host.AddUser(kAnn, node.host.m_ulServerID, "Ann");
+    node.host.m_mapUserConn[{kAnn.m_ulMain, kAnn.m_ulSub}] = 33;
+    ZV_FileBriefInfo brief = Brief(true);
+    brief.SetFileState(zvFileStateUploading);
+    const QB_UserID self(node.host.m_ulServerID, 0);
+    ZV_FileShareSession& session = AddFile(node, 5, brief);
+    session.SetDownloadInfo(self, Record(5, "C:\\store\\", "n", zvDownloadStateRunning));
+
+    EXPECT_EQ(0u, node.mgr.OnEvent(zvConfEventUserEnter, 0, (uintptr_t)&kAnn, 0, 0));
+    const auto vecNotice = node.host.SentOf(PDU_CONF_FS_NOTICE_DEL_DOWNLOAD_INFO_REQUEST);
+    ASSERT_EQ(1u, vecNotice.size());
+    EXPECT_EQ("servers", vecNotice[0].sRoute);
+    // The conference word, the FileID, this server, the flood's number.
+    EXPECT_EQ(ZV_FromHex("07 00 05 00 01 00 00 00 00 00 00 00 64 00 00 00"), vecNotice[0].data);
+    EXPECT_EQ(1, vecNotice[0].bFlag1);
+    EXPECT_EQ(0, vecNotice[0].bFlag2);
+    ZV_FileDownloadInfo info;
+    EXPECT_FALSE(ZV_FileShareSessionPeer::Downloads(session).Lookup(self, info));
 }
 
 // A batch gathered over several 8056s is told in as few 3013 events as the

@@ -188,10 +188,10 @@ TEST(DelimitedRecord, ReaderLandsAtItsEndPastBytesItDoesNotKnowAndANestedOneMust
     ZV_FileDownloadInfo download;
     EXPECT_EQ(Read(FromHex("0a 00 00 00 05 00 02 01 aa bb 99"), [&](QB_ByteStream& s) { LoadDelimited(s, download); }),
               10);
-    EXPECT_EQ(download.GetFileID(), 0x0102);
+    EXPECT_EQ(download.m_usFileID, 0x0102);
     ZV_FileUploadInfo upload;
     EXPECT_EQ(Read(FromHex("0b 00 00 00 10 06 00 00 00 01 00"), [&](QB_ByteStream& s) { LoadDelimited(s, upload); }), 11);
-    EXPECT_EQ(upload.GetMask(), ZV_UPLOAD_BRIEF_INFO);
+    EXPECT_EQ(upload.m_ullMask, ZV_UPLOAD_BRIEF_INFO);
     Bytes overhangs = FromHex("0b 00 00 00 10 08 00 00 00 01 00 00 00");
     EXPECT_EQ(FailureOf([&] { Read(overhangs, [&](QB_ByteStream& s) { LoadDelimited(s, upload); }); }),
               QB_STREAM_LOAD_FAILURE);

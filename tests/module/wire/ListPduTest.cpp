@@ -2,6 +2,7 @@
 // 8029, 8031), the upload list (8028), the download list (8030) and a
 // server's file list (8032); an empty upload list is one last piece.
 #include "lists/ZV_ListPdu.h"
+#include "wire/ZV_CutList.h"
 
 #include "ZV_PayloadCheck.h"
 

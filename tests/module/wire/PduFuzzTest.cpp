@@ -6,6 +6,7 @@
 #include "ZV_FileShareMgrPeer.h"
 #include "core/ZV_FileShareSession.h"
 #include "wire/ZV_PduFrame.h"
+#include "wire/ZV_PduTable.h"
 #include "ZV_RecordingHost.h"
 
 #include "QB_Env.h"
@@ -20,10 +21,14 @@
 
 namespace {
 
-const uint16_t kPduNumbers[] = {
-    PDU_CONF_FS_KICK, 8001, 8002, 8003, 8004, 8005, 8006, 8007, 8008, 8009, 8010, 8011, 8012, 8013, 8014,
-    8015,             8016, 8017, 8018, 8021, 8022, 8027, 8028, 8029, 8030, 8031, 8032, 8035, 8036, 8037,
-    8040,             8041, 8052, 8053, 8054, 8055, 8056, 8019, 9000, 0};
+// Every number of the PDU table, the kick, and numbers the table lacks.
+std::vector<uint16_t> PduNumbers()
+{
+    std::vector<uint16_t> vecNumber = {PDU_CONF_FS_KICK, 8019, 9000, 0};
+    for (const ZV_PduRow& row : kPduTable)
+        vecNumber.push_back(row.usPdu);
+    return vecNumber;
+}
 
 const uint16_t kConnTypes[] = {zvConfClientTypeCommand, zvConfClientTypeData, zvConfServerTypeCommand,
                                zvConfServerTypeData};
@@ -166,7 +171,7 @@ void FuzzRole(bool bServer, uint32_t ulSeed)
     ZV_PayloadMaker maker(ulSeed);
     uint32_t ulTick = 0;
     for (int nRound = 0; nRound < 40; ++nRound)
-        for (uint16_t usPdu : kPduNumbers)
+        for (uint16_t usPdu : PduNumbers())
             for (uint16_t usConnType : kConnTypes)
             {
                 node.Deliver(usPdu, usConnType, maker.Make());
