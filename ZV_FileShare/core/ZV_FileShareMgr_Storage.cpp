@@ -33,6 +33,10 @@ QB_StringW HomeFolder()
 
 uint32_t ZV_FileShareMgr::Initialize()
 {
+    // A host that calls before it has given the manager its conference is
+    // refused, as the user side is.
+    if (m_lpConf == nullptr)
+        return zvResultNoHost;
     if (!m_lpConf->IsServerMode())
         return zvResultOk;
     m_usNextFileID = m_lpConf->GetFileIDMin();
@@ -80,6 +84,8 @@ void ZV_FileShareMgr::RemoveStoredFile(uint16_t usFileID, ZV_FileShareSession* l
 
 uint32_t ZV_FileShareMgr::CleanData()
 {
+    if (m_lpConf == nullptr)
+        return zvResultNoHost;
     try
     {
         if (!m_lpConf->IsServerMode())

@@ -105,10 +105,10 @@ TEST(FileIDAllocation, GivesFreeIDsOfTheRangeFromTheNextOneOnWrappingOnceThenNon
 }
 
 // The user side may call before the host has given the manager its
-// conference, and beside the host's thread while an add holds a FileID
+// conference, and so may the host itself; the user side also calls beside the host's thread while an add holds a FileID
 // reserved: each call is refused with its code, never an assertion or a
 // null host.
-TEST(UserCalls, WithoutAHostGive32AndOnAReservedFileIDGive83)
+TEST(UserCalls, WithoutAHostUserAndHostCallsGive32AndOnAReservedFileIDGive83)
 {
     ZV_RecordingHost host;
     ZV_FileShareMgr mgr;
@@ -134,9 +134,27 @@ TEST(UserCalls, WithoutAHostGive32AndOnAReservedFileIDGive83)
         {"FsResumeUpload", [&] { return mgr.FsResumeUpload(usFileID); }},
         {"FsGetFileInfoByFileID", [&] { return mgr.FsGetFileInfoByFileID(usFileID, &info); }},
     };
+    // So may a host that has not given it yet.
+    const uint8_t abPayload[] = {6, 0, 0, 0};
+    ConfPduData cpd{};
+    cpd.usPdu = PDU_CONF_FS_UPLOAD_REQUEST;
+    cpd.ulLen = sizeof(abPayload);
+    cpd.pData = abPayload;
+    const QB_UserID peer(1, 2);
+    const std::pair<const char*, std::function<uint32_t()>> aHostCalls[] = {
+        {"Initialize", [&] { return mgr.Initialize(); }},
+        {"CleanData", [&] { return mgr.CleanData(); }},
+        {"HandlePdu", [&] { return mgr.HandlePdu(&cpd); }},
+        {"OnConnect", [&] { return mgr.OnConnect(&peer, 1, zvConfClientTypeCommand, 0); }},
+        {"OnDisconnect", [&] { return mgr.OnDisconnect(&peer, 1, zvConfClientTypeCommand, 0); }},
+        {"OnEvent", [&] { return mgr.OnEvent(4, 0, (uintptr_t)&peer, 0, 0); }},
+        {"OnTimer", [&] { return mgr.OnTimer(5), zvResultNoHost; }},
+    };
     for (const auto& [szName, fnCall] : aAdds)
         EXPECT_EQ(zvResultNoHost, fnCall()) << szName;
     for (const auto& [szName, fnCall] : aCalls)
+        EXPECT_EQ(zvResultNoHost, fnCall()) << szName;
+    for (const auto& [szName, fnCall] : aHostCalls)
         EXPECT_EQ(zvResultNoHost, fnCall()) << szName;
 
     host.Attach(&mgr);
