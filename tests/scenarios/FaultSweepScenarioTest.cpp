@@ -264,7 +264,7 @@ const Road kRoads[] = {
     {"rights", false, Nothing, HideFromBob, HideFromBob,
      [](SweepScene& s) {
          ZV_FileUploadInfo row;
-         return s.Row(s.shape.Server(), s.usKept, row) && !row.m_BriefInfo.IsPublic() &&
+         return s.Row(s.shape.Server(), s.usKept, row) && !row.m_BriefInfo.m_bPublic &&
                 !s.Events(s.Bob(), zvFsEventFileHidden).empty();
      }},
     {"both lists", false, [](SweepScene& s) { Fetch(s, s.Bob()); }, Rejoin, Rejoin,
