@@ -86,6 +86,8 @@ uint32_t ZV_FileShareMgr::CheckClientAdd(ZV_AddRequest& ask)
 uint32_t ZV_FileShareMgr::FsAdd(const char16_t* szPath, const QB_UserID* pRight, uint32_t nRight, uint8_t bPublic,
                                 uint8_t bStartUpload)
 {
+    if (m_lpConf == nullptr)
+        return zvResultNoHost;
     QB_FileEx file;
     // A rights list too long for one PDU ends in the guard, not in the
     // caller: an exception that crossed into the host's user side would end

@@ -33,6 +33,10 @@ QB_StringW HomeFolder()
 
 uint32_t ZV_FileShareMgr::Initialize()
 {
+    // A host that calls before it has given the manager its conference is
+    // refused, as the user side is.
+    if (m_lpConf == nullptr)
+        return zvResultNoHost;
     if (!m_lpConf->IsServerMode())
     {
         // Read now rather than at the user's first share, which would
@@ -146,6 +150,8 @@ bool ZV_FileShareMgr::WasDeleted(const ZV_FileBriefInfo& brief) const
 
 uint32_t ZV_FileShareMgr::CleanData()
 {
+    if (m_lpConf == nullptr)
+        return zvResultNoHost;
     try
     {
         if (!m_lpConf->IsServerMode())

@@ -10,6 +10,8 @@
 // Numbers other than these four are not the manager's business.
 uint32_t ZV_FileShareMgr::OnEvent(uint16_t usEvent, uintptr_t a1, uintptr_t a2, uintptr_t, uintptr_t)
 {
+    if (m_lpConf == nullptr)
+        return zvResultNoHost;
     try
     {
         const QB_UserID* lpUser = reinterpret_cast<const QB_UserID*>(a2);

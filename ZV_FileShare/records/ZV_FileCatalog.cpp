@@ -82,7 +82,8 @@ int ZV_FileCatalog::Open()
         QB_StringW sPath = Wide(sFolder) + u"fsinfo.ini";
         m_bRowIndexValid = false;
         m_bOpened = true;
-        if (!m_Journal.Open(sPath, true))
+        m_bUnread = !m_Journal.Open(sPath, true);
+        if (m_bUnread)
             return zvCatalogNotOpened;
         // Built now, so that the first save does not pay for every row.
         BuildRowIndex();
@@ -144,9 +145,12 @@ bool ZV_FileCatalog::SaveFiles(uint32_t ulConfID, const QB_Array<ZV_FileUploadIn
 // would leave. A row whose save failed stays in memory and goes out with
 // the next good save. A catalogue that was never opened (a client's) has
 // no file to keep.
+// A catalogue that could not be read is never written: the file on disk may
+// hold every row, and the empty one in memory would replace them all. Its
+// saves fail until a later Open reads it.
 bool ZV_FileCatalog::Flush()
 {
-    if (!m_bOpened || m_Journal.Commit())
+    if (!m_bOpened || (!m_bUnread && m_Journal.Commit()))
         return true;
     QB_WriteLog(QB_LOG_DAILY, "error", "ZV_FileCatalog::Flush failed.\r\n");
     return false;

@@ -97,6 +97,7 @@ private:
     mutable bool m_bRowIndexValid = false;
     bool m_bOpened = false;
     bool m_bKeepRights = false;
+    bool m_bUnread = false;  // the last Open could not read the file
 
     static uint32_t PairKey(uint16_t usConfID, uint16_t usFileID) { return (uint32_t)usConfID << 16 | usFileID; }
     bool Flush();

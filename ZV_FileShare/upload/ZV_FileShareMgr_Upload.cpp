@@ -6,15 +6,14 @@
 
 #include "QB_Log.h"
 
-#include <cassert>
-
 // Without a data link the start marker still goes: the server then knows
 // the upload is coming before the link is up. A caught exception gives 0.
 // The call is a client's; on a server, whose host has no link to a server
-// of its own, it sends nothing, so it needs no assertion to be safe.
+// of its own, it sends nothing.
 uint32_t ZV_FileShareMgr::FsUpload(uint16_t usFileID)
 {
-    assert(m_lpConf && "m_lpConf");
+    if (m_lpConf == nullptr)
+        return zvResultNoHost;
     return GuardFs("ZV_FileShareMgr::FsUpload exception.\r\n", [&]() -> uint32_t {
         ZV_FileShareSession* lpFsSession = nullptr;
         const uint32_t ulFound = LookupSession(usFileID, lpFsSession);
