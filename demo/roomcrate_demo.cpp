@@ -486,6 +486,9 @@ private:
 
     void ShowStores()
     {
+        // A server folds the changes it journaled into its catalogue once
+        // they have stopped for ten seconds.
+        Wait(11000);
         for (const ZV_SimHost* lpServer : m_shape.vecServers)
         {
             std::cout << "Server " << lpServer->GetUserID().m_ulMain << " stores the conference's files in "

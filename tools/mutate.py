@@ -17,7 +17,7 @@ there talks to the real file system.
 
 The checkout this is run from is never written. Its files (tracked and
 untracked, minus ignored ones) are copied into a work folder, configured once
-(ccache if present, no benchmarks, no sanitized build) and built; the fast
+(ccache if present, no benchmarks) and built; the fast
 test programs (base_tests, module_tests, scenario_tests, sim_tests, and the
 seeded random conferences of random_tests) must pass
 there before any mutant is tried. Then, one mutant at a time: the file is
@@ -380,7 +380,7 @@ def sync_copy(checkout, copy):
 
 
 def configure(copy, log):
-    flags = ["-DROOMCRATE_SANITIZED_FUZZ=OFF", "-DROOMCRATE_BENCH=OFF"]
+    flags = ["-DROOMCRATE_BENCH=OFF"]
     if shutil.which("ccache"):
         flags.append("-DCMAKE_CXX_COMPILER_LAUNCHER=ccache")
     code, _ = run(["cmake", "-S", str(copy), "-B", str(copy / "build")] + flags, log=log)

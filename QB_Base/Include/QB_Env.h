@@ -8,7 +8,8 @@
 // well, so an ordinary Linux path works too.
 //
 // Tests install a wrapper (QB_FaultEnv) that counts operations, fails the
-// Nth one on purpose and drives the millisecond tick by hand.
+// Nth one on purpose, drives the millisecond tick by hand and crashes the
+// machine, losing what was not synced.
 #pragma once
 
 #include <cstdint>
@@ -95,6 +96,9 @@ public:
     // Names.
     virtual bool DeleteFile(const std::u16string& sPath) = 0;
     virtual uint32_t GetFileAttributes(const std::u16string& sPath) = 0;
+    // Size of the plain file that a path names, or -1 when it names none
+    // (a link names none), from the folder's entry alone: no handle is opened.
+    virtual int64_t GetFileSizeByName(const std::u16string& sPath) = 0;
     virtual bool CreateDirectory(const std::u16string& sPath) = 0;
     // Gives `sFrom` the name `sTo` in one step, replacing a file of that
     // name, as Windows does with MOVEFILE_REPLACE_EXISTING; a reader sees

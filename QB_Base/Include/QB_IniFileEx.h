@@ -124,6 +124,8 @@ public:
     bool DeleteSection(const QB_StringA& sSection);
 
     bool IsUnicode() const { return m_bUnicode; }
+    // Bytes of the file as Open read it or the last Flush wrote it.
+    size_t GetFileBytes() const { return m_nFileBytes; }
 
 private:
     struct LoadState;
@@ -148,6 +150,7 @@ private:
     // Kept between flushes: a catalogue is rewritten whole on every save,
     // and a fresh buffer of its size each time costs more than the copy.
     std::string m_sFlushBytes;
+    size_t m_nFileBytes = 0;
 
     void Clear();
     bool ReadWholeFile(bool bCreateUnicode, std::string& sBytes);

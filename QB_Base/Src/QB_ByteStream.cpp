@@ -29,13 +29,14 @@ int32_t CountSizeOfLead(uint8_t bLead)
 
 }  // namespace
 
+// A host may hand over a PDU of length 0 with no bytes behind it, or a
+// length that no block backs; such a view is empty, so the first read fails
+// as any overrun does instead of tripping an assertion.
 void QB_ByteStream::Init(void* pBuf, int32_t lLen, bool bLoad)
 {
-    assert(!bLoad || pBuf);
-    assert(lLen >= 0);
     m_pBuf = static_cast<uint8_t*>(pBuf);
     m_nPos = 0;
-    m_nLen = lLen;
+    m_nLen = lLen < 0 || (bLoad && pBuf == nullptr) ? 0 : lLen;
     m_bLoad = bLoad;
 }
 

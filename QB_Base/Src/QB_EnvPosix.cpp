@@ -298,6 +298,7 @@ public:
 
     bool DeleteFile(const std::u16string& sPath) override;
     uint32_t GetFileAttributes(const std::u16string& sPath) override;
+    int64_t GetFileSizeByName(const std::u16string& sPath) override;
     bool CreateDirectory(const std::u16string& sPath) override;
     bool MoveFile(const std::u16string& sFrom, const std::u16string& sTo) override;
     bool FlushFolder(const std::u16string& sFolder) override;
@@ -726,6 +727,15 @@ uint32_t QB_EnvPosix::GetFileAttributes(const std::u16string& sPath)
     if (S_ISDIR(st.st_mode))
         return QB_ATTR_DIRECTORY;
     return (st.st_mode & kAnyWriteBit) == 0 ? QB_ATTR_READONLY : QB_ATTR_NORMAL;
+}
+
+int64_t QB_EnvPosix::GetFileSizeByName(const std::u16string& sPath)
+{
+    std::string sSystem = QB_PathToSystem(sPath);
+    struct stat st;
+    if (sSystem.empty() || lstat(sSystem.c_str(), &st) != 0 || !S_ISREG(st.st_mode))
+        return -1;
+    return (int64_t)st.st_size;
 }
 
 bool QB_EnvPosix::CreateDirectory(const std::u16string& sPath)

@@ -1,5 +1,9 @@
 #include "QB_FaultEnv.h"
 
+#include "QB_FaultEnvCrash.h"
+#include "QB_FileEx.h"
+
+#include <algorithm>
 #include <chrono>
 
 namespace {
@@ -26,7 +30,12 @@ QB_SystemTime CalendarOf(int64_t llSeconds)
 
 }  // namespace
 
-QB_FaultEnv::QB_FaultEnv(QB_Env* lpTarget) : m_lpTarget(lpTarget ? lpTarget : QB_GetDefaultEnv()) {}
+QB_FaultEnv::QB_FaultEnv(QB_Env* lpTarget)
+    : m_lpTarget(lpTarget ? lpTarget : QB_GetDefaultEnv()), m_lpDisk(std::make_unique<QB_FaultDisk>(m_lpTarget))
+{
+}
+
+QB_FaultEnv::~QB_FaultEnv() = default;
 
 void QB_FaultEnv::FailAt(QB_EnvOp op, int nNth, bool bSticky)
 {
@@ -53,9 +62,62 @@ int QB_FaultEnv::GetCount(QB_EnvOp op) const
 
 void QB_FaultEnv::ResetCounts()
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    for (int& n : m_anCount)
-        n = 0;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        for (int& n : m_anCount)
+            n = 0;
+    }
+    std::lock_guard<std::mutex> lock(m_diskMutex);
+    m_lpDisk->ResetSteps();
+}
+
+void QB_FaultEnv::TrackDurability()
+{
+    std::lock_guard<std::mutex> lock(m_diskMutex);
+    m_lpDisk->Track();
+}
+
+void QB_FaultEnv::Crash(QB_CrashLoss loss)
+{
+    std::lock_guard<std::mutex> lock(m_diskMutex);
+    if (!m_lpDisk->IsDown())
+        m_lpDisk->CrashNow(loss);
+}
+
+void QB_FaultEnv::CrashAtStep(int nStep, QB_CrashLoss loss)
+{
+    std::lock_guard<std::mutex> lock(m_diskMutex);
+    m_lpDisk->Arm(nStep > 1 ? nStep : 1, -1, loss);
+}
+
+void QB_FaultEnv::CrashAtByte(int64_t llBytes, QB_CrashLoss loss)
+{
+    std::lock_guard<std::mutex> lock(m_diskMutex);
+    m_lpDisk->Arm(0, llBytes > 0 ? llBytes : 0, loss);
+}
+
+bool QB_FaultEnv::HasCrashed() const
+{
+    std::lock_guard<std::mutex> lock(m_diskMutex);
+    return m_lpDisk->IsDown();
+}
+
+void QB_FaultEnv::Restart()
+{
+    std::lock_guard<std::mutex> lock(m_diskMutex);
+    m_lpDisk->Restart();
+}
+
+int QB_FaultEnv::GetSteps() const
+{
+    std::lock_guard<std::mutex> lock(m_diskMutex);
+    return m_lpDisk->GetSteps();
+}
+
+// The caller holds m_diskMutex.
+bool QB_FaultEnv::Stops()
+{
+    return m_lpDisk->CountStep();
 }
 
 bool QB_FaultEnv::Fails(QB_EnvOp op)
@@ -104,58 +166,112 @@ void QB_FaultEnv::SetTimeZoneBias(int32_t lBias)
     m_lBias = lBias;
 }
 
+// An open that may make or cut a file is a step; one that only opens is not.
 QB_FileHandle QB_FaultEnv::OpenFile(const std::u16string& sPath, uint32_t ulMode)
 {
-    return Fails(QB_EnvOp::Open) ? QB_INVALID_FILE : m_lpTarget->OpenFile(sPath, ulMode);
+    std::lock_guard<std::mutex> lock(m_diskMutex);
+    const uint32_t ulCreation = ulMode & QB_FILE_CREATION_MASK;
+    const bool bStep = ulCreation != 0 && ulCreation != QB_FILE_OPEN_EXISTING;
+    if ((bStep ? Stops() : m_lpDisk->IsDown()) || Fails(QB_EnvOp::Open))
+        return QB_INVALID_FILE;
+    bool bExisted = true;
+    m_lpDisk->BeforeOpen(sPath, ulMode, bExisted);
+    const QB_FileHandle hFile = m_lpTarget->OpenFile(sPath, ulMode);
+    if (hFile != QB_INVALID_FILE)
+        m_lpDisk->Opened(hFile, sPath, bExisted);
+    return hFile;
 }
 
+// Made below a folder the user named; not one of the crash tests' steps,
+// which the download road does not take part in.
 QB_FileHandle QB_FaultEnv::OpenFileBelow(const std::u16string& sBase, const std::u16string& sBelow, uint32_t ulMode,
                                          bool* pbLink)
 {
     if (pbLink != nullptr)
         *pbLink = false;
-    return Fails(QB_EnvOp::Open) ? QB_INVALID_FILE : m_lpTarget->OpenFileBelow(sBase, sBelow, ulMode, pbLink);
+    std::lock_guard<std::mutex> lock(m_diskMutex);
+    if (m_lpDisk->IsDown() || Fails(QB_EnvOp::Open))
+        return QB_INVALID_FILE;
+    return m_lpTarget->OpenFileBelow(sBase, sBelow, ulMode, pbLink);
 }
 
+// A handle that died with the machine was closed then.
 bool QB_FaultEnv::CloseFile(QB_FileHandle hFile)
 {
-    return m_lpTarget->CloseFile(hFile);
+    std::lock_guard<std::mutex> lock(m_diskMutex);
+    const bool bDead = m_lpDisk->IsDead(hFile);
+    m_lpDisk->Closed(hFile);
+    return bDead || m_lpTarget->CloseFile(hFile);
 }
 
 int32_t QB_FaultEnv::ReadFile(QB_FileHandle hFile, void* pBuf, int32_t nCount)
 {
-    return Fails(QB_EnvOp::Read) ? -1 : m_lpTarget->ReadFile(hFile, pBuf, nCount);
+    std::lock_guard<std::mutex> lock(m_diskMutex);
+    if (m_lpDisk->IsDead(hFile) || Fails(QB_EnvOp::Read))
+        return -1;
+    return m_lpTarget->ReadFile(hFile, pBuf, nCount);
 }
 
 int32_t QB_FaultEnv::WriteFile(QB_FileHandle hFile, const void* pBuf, int32_t nCount)
 {
-    return Fails(QB_EnvOp::Write) ? -1 : m_lpTarget->WriteFile(hFile, pBuf, nCount);
+    std::lock_guard<std::mutex> lock(m_diskMutex);
+    if (m_lpDisk->IsDead(hFile) || Stops() || Fails(QB_EnvOp::Write))
+        return -1;
+    const int64_t llOffset = m_lpTarget->SeekFile(hFile, 0, QB_SEEK_CURRENT);
+    if (pBuf && nCount > 0 && llOffset >= 0)
+    {
+        if (m_lpDisk->CutWrite(hFile, llOffset, pBuf, nCount))
+            return -1;
+        m_lpDisk->BeforeWrite(hFile, llOffset, nCount);
+    }
+    return m_lpTarget->WriteFile(hFile, pBuf, nCount);
 }
 
 int64_t QB_FaultEnv::SeekFile(QB_FileHandle hFile, int64_t llOffset, int nOrigin)
 {
-    return Fails(QB_EnvOp::Seek) ? -1 : m_lpTarget->SeekFile(hFile, llOffset, nOrigin);
+    std::lock_guard<std::mutex> lock(m_diskMutex);
+    if (m_lpDisk->IsDead(hFile) || Fails(QB_EnvOp::Seek))
+        return -1;
+    return m_lpTarget->SeekFile(hFile, llOffset, nOrigin);
 }
 
+// A cut or a growth changes the bytes from the new end or the old one.
 bool QB_FaultEnv::SetEndOfFile(QB_FileHandle hFile)
 {
-    return !Fails(QB_EnvOp::SetEnd) && m_lpTarget->SetEndOfFile(hFile);
+    std::lock_guard<std::mutex> lock(m_diskMutex);
+    if (m_lpDisk->IsDead(hFile) || Stops() || Fails(QB_EnvOp::SetEnd))
+        return false;
+    const int64_t llPos = m_lpTarget->SeekFile(hFile, 0, QB_SEEK_CURRENT);
+    const int64_t llSize = m_lpTarget->GetFileSize(hFile);
+    if (llPos >= 0 && llSize >= 0)
+        m_lpDisk->BeforeWrite(hFile, std::min(llPos, llSize), llPos > llSize ? llPos - llSize : 0);
+    return m_lpTarget->SetEndOfFile(hFile);
 }
 
+// While tracking, the double's memory of what is durable stands in for the
+// disk's, so a sync need not wait for the disk.
 bool QB_FaultEnv::FlushFile(QB_FileHandle hFile)
 {
-    return !Fails(QB_EnvOp::Sync) && m_lpTarget->FlushFile(hFile);
+    std::lock_guard<std::mutex> lock(m_diskMutex);
+    if (m_lpDisk->IsDead(hFile) || Stops() || Fails(QB_EnvOp::Sync))
+        return false;
+    if (!m_lpDisk->IsTracking() && !m_lpTarget->FlushFile(hFile))
+        return false;
+    m_lpDisk->AfterSync(hFile);
+    return true;
 }
 
 int64_t QB_FaultEnv::GetFileSize(QB_FileHandle hFile)
 {
-    return m_lpTarget->GetFileSize(hFile);
+    std::lock_guard<std::mutex> lock(m_diskMutex);
+    return m_lpDisk->IsDead(hFile) ? -1 : m_lpTarget->GetFileSize(hFile);
 }
 
 bool QB_FaultEnv::GetFileTimes(QB_FileHandle hFile, QB_SystemTime* pCreation, QB_SystemTime* pLastWrite,
                                QB_SystemTime* pLastAccess)
 {
-    return m_lpTarget->GetFileTimes(hFile, pCreation, pLastWrite, pLastAccess);
+    std::lock_guard<std::mutex> lock(m_diskMutex);
+    return !m_lpDisk->IsDead(hFile) && m_lpTarget->GetFileTimes(hFile, pCreation, pLastWrite, pLastAccess);
 }
 
 bool QB_FaultEnv::GetFileId(QB_FileHandle hFile, uint64_t* pDevice, uint64_t* pNumber)
@@ -165,27 +281,57 @@ bool QB_FaultEnv::GetFileId(QB_FileHandle hFile, uint64_t* pDevice, uint64_t* pN
 
 bool QB_FaultEnv::DeleteFile(const std::u16string& sPath)
 {
-    return !Fails(QB_EnvOp::Delete) && m_lpTarget->DeleteFile(sPath);
+    std::lock_guard<std::mutex> lock(m_diskMutex);
+    if (Stops() || Fails(QB_EnvOp::Delete))
+        return false;
+    QB_FaultDisk::Victim victim;
+    m_lpDisk->BeforeDelete(sPath, victim);
+    if (!m_lpTarget->DeleteFile(sPath))
+        return false;
+    m_lpDisk->Deleted(sPath, std::move(victim));
+    return true;
 }
 
 uint32_t QB_FaultEnv::GetFileAttributes(const std::u16string& sPath)
 {
-    return m_lpTarget->GetFileAttributes(sPath);
+    std::lock_guard<std::mutex> lock(m_diskMutex);
+    return m_lpDisk->IsDown() ? QB_ATTR_INVALID : m_lpTarget->GetFileAttributes(sPath);
+}
+
+int64_t QB_FaultEnv::GetFileSizeByName(const std::u16string& sPath)
+{
+    std::lock_guard<std::mutex> lock(m_diskMutex);
+    return m_lpDisk->IsDown() ? -1 : m_lpTarget->GetFileSizeByName(sPath);
 }
 
 bool QB_FaultEnv::CreateDirectory(const std::u16string& sPath)
 {
-    return !Fails(QB_EnvOp::MakeFolder) && m_lpTarget->CreateDirectory(sPath);
+    std::lock_guard<std::mutex> lock(m_diskMutex);
+    return !Stops() && !Fails(QB_EnvOp::MakeFolder) && m_lpTarget->CreateDirectory(sPath);
 }
 
 bool QB_FaultEnv::MoveFile(const std::u16string& sFrom, const std::u16string& sTo)
 {
-    return !Fails(QB_EnvOp::Rename) && m_lpTarget->MoveFile(sFrom, sTo);
+    std::lock_guard<std::mutex> lock(m_diskMutex);
+    if (Stops() || Fails(QB_EnvOp::Rename))
+        return false;
+    QB_FaultDisk::Victim victim;
+    m_lpDisk->BeforeMove(sTo, victim);
+    if (!m_lpTarget->MoveFile(sFrom, sTo))
+        return false;
+    m_lpDisk->Moved(sFrom, sTo, std::move(victim));
+    return true;
 }
 
 bool QB_FaultEnv::FlushFolder(const std::u16string& sFolder)
 {
-    return !Fails(QB_EnvOp::Sync) && m_lpTarget->FlushFolder(sFolder);
+    std::lock_guard<std::mutex> lock(m_diskMutex);
+    if (Stops() || Fails(QB_EnvOp::Sync))
+        return false;
+    if (!m_lpDisk->IsTracking() && !m_lpTarget->FlushFolder(sFolder))
+        return false;
+    m_lpDisk->FolderSynced(sFolder);
+    return true;
 }
 
 std::u16string QB_FaultEnv::GetFullPathName(const std::u16string& sPath)
@@ -252,10 +398,22 @@ void QB_FaultEnv::NewGuid(uint8_t abGuid[16])
 
 int32_t QB_FaultEnv::ReadFileAt(QB_FileHandle hFile, int64_t llOffset, void* pBuf, int32_t nCount)
 {
-    return Fails(QB_EnvOp::Read) ? -1 : m_lpTarget->ReadFileAt(hFile, llOffset, pBuf, nCount);
+    std::lock_guard<std::mutex> lock(m_diskMutex);
+    if (m_lpDisk->IsDead(hFile) || Fails(QB_EnvOp::Read))
+        return -1;
+    return m_lpTarget->ReadFileAt(hFile, llOffset, pBuf, nCount);
 }
 
 int32_t QB_FaultEnv::WriteFileAt(QB_FileHandle hFile, int64_t llOffset, const void* pBuf, int32_t nCount)
 {
-    return Fails(QB_EnvOp::Write) ? -1 : m_lpTarget->WriteFileAt(hFile, llOffset, pBuf, nCount);
+    std::lock_guard<std::mutex> lock(m_diskMutex);
+    if (m_lpDisk->IsDead(hFile) || Stops() || Fails(QB_EnvOp::Write))
+        return -1;
+    if (pBuf && nCount > 0 && llOffset >= 0)
+    {
+        if (m_lpDisk->CutWrite(hFile, llOffset, pBuf, nCount))
+            return -1;
+        m_lpDisk->BeforeWrite(hFile, llOffset, nCount);
+    }
+    return m_lpTarget->WriteFileAt(hFile, llOffset, pBuf, nCount);
 }

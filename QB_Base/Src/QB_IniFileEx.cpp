@@ -246,6 +246,7 @@ void QB_IniFileEx::Clear()
     m_bUnicode = false;
     m_sHeader.Empty();
     m_bSectionSeen = false;
+    m_nFileBytes = 0;
 }
 
 bool QB_IniFileEx::Open(const QB_StringW& sPath, bool bCreateUnicode)
@@ -267,6 +268,7 @@ bool QB_IniFileEx::Open(const QB_StringA& sPath, bool bCreateUnicode)
             Clear();
             return false;
         }
+        m_nFileBytes = sBytes.size();
         if (sBytes.size() < 2)
             return true;
         m_bUnicode = sBytes[0] == kBom[0] && sBytes[1] == kBom[1];
@@ -494,7 +496,10 @@ bool QB_IniFileEx::Flush()
     {
         return false;
     }
-    return ReplaceWhole(sPath, m_sFlushBytes);
+    if (!ReplaceWhole(sPath, m_sFlushBytes))
+        return false;
+    m_nFileBytes = m_sFlushBytes.size();
+    return true;
 }
 
 // The new text is written beside the old file, made durable and renamed

@@ -129,6 +129,8 @@ bool ZV_FileShareMgr::NameCreatorAsHost(const QB_UserID& user, ZV_FileBriefInfo&
 uint32_t ZV_FileShareMgr::FsAdd(const char16_t* szPath, const QB_UserID* pRight, uint32_t nRight, uint8_t bPublic,
                                 uint8_t bStartUpload)
 {
+    if (m_lpConf == nullptr)
+        return zvResultNoHost;
     QB_FileEx file;
     // A rights list too long for one PDU ends in the guard, not in the
     // caller: an exception that crossed into the host's user side would end
@@ -282,7 +284,8 @@ void ZV_FileShareMgr::ReplaceSession(uint16_t usFileID, std::unique_ptr<ZV_FileS
     {
         DropUnlistedDownload(usFileID, lpGone.get());
         MarkBusy(false, usFileID);
-        NotifyFileGone(0, usFileID);
+        if (lpGone->IsFileVisible(lpGone->BriefInfo()))
+            NotifyFileGone(0, usFileID);
     }
     m_mapSession.SetAt(usFileID, lpFsSession.release());
 }

@@ -434,13 +434,13 @@ uint32_t ZV_FileShareMgr::HandleAddFilesResponse(ConfPduData* lpCpd)
     ZV_AddFilesResponse answer;
     answer.Load(stream);
     const ZV_FileShareSession probe(this, m_strPath.GetString());
-    bool bVisible = false;
     uint32_t ulResult = answer.ulResult;
     for (int i = 0; i < answer.arrFileID.GetSize() && i < answer.arrInfo.GetSize(); ++i)
     {
         const ZV_FileBriefInfo& brief = answer.arrInfo[i];
-        if (i == 0)
-            bVisible = probe.IsFileVisible(brief);
+        // Each file by its own rights: a server that announces the files a
+        // linked server brought mixes files of several creators in one PDU.
+        const bool bVisible = probe.IsFileVisible(brief);
         // Told by itself and left out of the batch, which goes on.
         if (IsUntrustedAdd(brief, "ZV_FileShareMgr.HandleAddFilesResponse"))
         {
@@ -452,7 +452,7 @@ uint32_t ZV_FileShareMgr::HandleAddFilesResponse(ConfPduData* lpCpd)
         if (bVisible)
             m_arrPendingInfo.Add(brief);
     }
-    if (answer.bLast && bVisible)
+    if (answer.bLast && (m_arrPendingFileID.GetSize() > 0 || m_arrPendingInfo.GetSize() > 0))
         ReportPendingFiles();
     return zvResultOk;
 }

@@ -191,7 +191,10 @@ uint32_t ZV_FileShareSession::HandleAddRequest(ConfPduData* lpCpd)
     ask.LoadBody(stream);
     const QB_StringW sFolder = GetConfDir();
     const bool bFromClient = !ZV_IsServerLink(lpCpd->conn_type);
-    if (!MakeDirs(sFolder) && bFromClient)
+    // A linked server's add goes on when its folder cannot be made, but not
+    // without a storage folder at all: its stored name would be a path of
+    // its own, outside any store.
+    if ((!MakeDirs(sFolder) && bFromClient) || sFolder.IsEmpty())
         return zvResultCannotOpen;
     QB_StringW sPath;
     // A client is told that its file could not be recorded, rather than

@@ -7,12 +7,11 @@
 #include "QB_Env.h"
 #include "QB_Log.h"
 
-#include <cassert>
-
 // A stopped download still counts as busy.
 uint32_t ZV_FileShareMgr::FsStopDownload(uint16_t usFileID)
 {
-    assert(m_lpConf && "m_lpConf");
+    if (m_lpConf == nullptr)
+        return zvResultNoHost;
     return GuardFs("ZV_FileShareMgr::FsStopDownload exception.\r\n", [&]() -> uint32_t {
         ZV_FileShareSession* lpFsSession = nullptr;
         if (const uint32_t ulFound = LookupSession(usFileID, lpFsSession); ulFound != zvResultOk)
@@ -28,7 +27,8 @@ uint32_t ZV_FileShareMgr::FsStopDownload(uint16_t usFileID)
 // The last tick moves so that the pause is not counted as time spent.
 uint32_t ZV_FileShareMgr::FsResumeDownload(uint16_t usFileID)
 {
-    assert(m_lpConf && "m_lpConf");
+    if (m_lpConf == nullptr)
+        return zvResultNoHost;
     return GuardFs("ZV_FileShareMgr::FsResumeDownload exception.\r\n", [&]() -> uint32_t {
         ZV_FileShareSession* lpFsSession = nullptr;
         if (const uint32_t ulFound = LookupSession(usFileID, lpFsSession); ulFound != zvResultOk)
@@ -46,7 +46,8 @@ uint32_t ZV_FileShareMgr::FsResumeDownload(uint16_t usFileID)
 // write position in its place.
 uint32_t ZV_FileShareMgr::FsStopUpload(uint16_t usFileID)
 {
-    assert(m_lpConf && "m_lpConf");
+    if (m_lpConf == nullptr)
+        return zvResultNoHost;
     return GuardFs("ZV_FileShareMgr::FsStopUpload exception.\r\n", [&]() -> uint32_t {
         ZV_FileShareSession* lpFsSession = nullptr;
         if (const uint32_t ulFound = LookupSession(usFileID, lpFsSession); ulFound != zvResultOk)
@@ -62,7 +63,8 @@ uint32_t ZV_FileShareMgr::FsStopUpload(uint16_t usFileID)
 
 uint32_t ZV_FileShareMgr::FsResumeUpload(uint16_t usFileID)
 {
-    assert(m_lpConf && "m_lpConf");
+    if (m_lpConf == nullptr)
+        return zvResultNoHost;
     return GuardFs("ZV_FileShareMgr::FsResumeUpload exception.\r\n", [&]() -> uint32_t {
         ZV_FileShareSession* lpFsSession = nullptr;
         if (const uint32_t ulFound = LookupSession(usFileID, lpFsSession); ulFound != zvResultOk)

@@ -185,6 +185,15 @@ uint32_t ZV_FileShareSession::HandleIsStopUploadResponse(ConfPduData* lpCpd)
     return 0;
 }
 
+// The record follows what the server holds, so that the description a
+// later event carries says so; only the creator's own upload, which its
+// client runs and may have stopped meanwhile, waits for the whole file.
+void ZV_FileShareSession::TakeNoticedState(uint16_t usState)
+{
+    if (!IsLocalCreator() || usState == zvFileStateComplete)
+        m_BriefInfo.SetFileState(usState);
+}
+
 bool ZV_FileShareSession::IsLocalCreator() const
 {
     const QB_UserID* lpLocal = Conf()->GetLocalUserID();
@@ -330,6 +339,8 @@ void ZV_FileShareSession::OnServerTimer()
     if (m_FileInfo.m_ulFileWritePos >= brief.m_ulFileLenth)
     {
         brief.SetFileState(zvFileStateComplete);
+        // The clients hold the file's state as this server last told it.
+        SendFileStateNotice(m_usFileID, zvFileStateComplete, 1);
         return;
     }
     const uint32_t ulNow = ZV_Now();
@@ -386,6 +397,12 @@ void ZV_FileShareSession::AskServersForMore()
 void ZV_FileShareSession::OnClientTimer()
 {
     const uint32_t ulNow = ZV_Now();
+    // An upload started or resumed once the server held the whole file has
+    // nothing to send, and its pump may never run (the data link was down
+    // when it began): after the wait it is over, as a failed read would say.
+    if (IsLocalCreator() && m_BriefInfo.m_usFileState == zvFileStateUploading &&
+        m_ulMaxPos >= m_BriefInfo.m_ulFileLenth && ulNow - m_ulLastIoTick >= ZV_CLIENT_STALL_MS)
+        m_BriefInfo.SetFileState(zvFileStateComplete);
     const bool bUploading = IsLocalCreator() && m_BriefInfo.m_usFileState == zvFileStateUploading;
     const bool bDownloading = !m_LocalDownload.m_sFileName.IsEmpty() &&
                               m_LocalDownload.m_usState == zvDownloadStateRunning && !m_bDownloadFailed &&

@@ -181,6 +181,8 @@ void ZV_FileShareMgr::MarkBusy(bool bBusy, uint16_t usFileID)
 
 uint32_t ZV_FileShareMgr::OnConnect(const QB_UserID* lpPeer, uint32_t, uint16_t usConnType, uint32_t)
 {
+    if (m_lpConf == nullptr)
+        return zvResultNoHost;
     try
     {
         if (m_lpConf->IsClientMode())
@@ -233,7 +235,8 @@ void ZV_FileShareMgr::OnServerConnect(const QB_UserID* lpPeer, uint16_t usConnTy
 
 uint32_t ZV_FileShareMgr::OnDisconnect(const QB_UserID* lpPeer, uint32_t ulConn, uint16_t usConnType, uint32_t)
 {
-    assert(m_lpConf && "m_lpConf");
+    if (m_lpConf == nullptr)
+        return zvResultNoHost;
     const bool bServer = m_lpConf->IsServerMode();
     if (bServer && usConnType != zvConfClientTypeCommand)
     {
@@ -285,6 +288,8 @@ uint32_t ZV_FileShareMgr::OnSend(ConfPduData* lpCpd)
 
 void ZV_FileShareMgr::OnTimer(uint32_t ulTick)
 {
+    if (m_lpConf == nullptr)
+        return;
     // Each conference works on every fifth tick; conferences whose ids differ
     // in their remainder take turns.
     if ((m_lpConf->GetConfID() & 0xFFFF) % 5 != ulTick % 5)
@@ -294,7 +299,11 @@ void ZV_FileShareMgr::OnTimer(uint32_t ulTick)
             lpFsSession->OnTimer(ulTick);
     });
     if (!m_lpConf->IsClientMode())
+    {
+        m_Catalog.OnTimer();
         return;
+    }
+    m_ShareLedger.OnTimer();
     if (!m_arrBusyFileID.IsEmpty())
     {
         NotifyBusy(1);

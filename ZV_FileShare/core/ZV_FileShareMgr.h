@@ -168,6 +168,8 @@ private:
     // while the conference goes on: session, file and catalogue row.
     void RemoveStoredFile(uint16_t usFileID, ZV_FileShareSession* lpFsSession, const QB_UserID* lpUser,
                           uint32_t ulFloodSeq);
+    // Whether a file of this description was deleted here since the start.
+    bool WasDeleted(const ZV_FileBriefInfo& brief) const;
     // Initialize with "RestoreCatalog" set: the catalogue's rows of this
     // conference as sessions again.
     void RestoreStoredFiles();
@@ -292,6 +294,7 @@ private:
     void ApplyListedFiles(const ConfPduData* lpCpd, const ZV_FileListResponse& part);
     bool ApplyListedFile(const ConfPduData* lpCpd, const ZV_FileListResponse& part, int i, ZV_ListedFiles& listed);
     bool RecheckListedSession(ZV_FileShareSession* lpFsSession, const ZV_FileUploadInfo& entry, bool bDone);
+    bool TakeOverFileID(ZV_FileShareSession* lpFsSession, const ZV_FileUploadInfo& entry);
     bool PassBackDelete(const ConfPduData* lpCpd, const QB_UserID& sender, const ZV_FileUploadInfo& entry);
     void EnterListedDownloads(const QB_Array<ZV_FileDownloadInfo>& arrDownload);
     void NotifyNewDownloadInfo(ZV_FileShareSession* lpFsSession, const QB_Array<ZV_FileDownloadInfo>& arrRecord);
@@ -376,4 +379,7 @@ private:
     QB_Array<double> m_arrPendingRate;
     QB_Array<ZV_FileBriefInfo> m_arrPendingInfo;
     QB_Array<uint16_t> m_arrDelFileID;
+    // The descriptions of the files deleted here, newest last: a FileID may
+    // name another file by now, the description names the one deleted.
+    QB_Array<ZV_FileBriefInfo> m_arrDeletedFile;
 };

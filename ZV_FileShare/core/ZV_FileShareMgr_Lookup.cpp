@@ -5,8 +5,6 @@
 
 #include "QB_Log.h"
 
-#include <cassert>
-
 namespace {
 
 bool IsHighSurrogate(char16_t ch)
@@ -41,12 +39,13 @@ ZV_FsDateTime FlatTime(const QB_DateTimeEx& dt)
 
 uint32_t ZV_FileShareMgr::FsGetFileInfoByFileID(uint16_t usFileID, ZV_FsFileInfo* lpInfo)
 {
+    if (m_lpConf == nullptr)
+        return zvResultNoHost;
     // A throw still answers 0: the record may be partly filled by then.
     return GuardFs("ZV_FileShareMgr::FsGetFileInfoByFileID exception.\r\n", [&]() -> uint32_t {
         ZV_FileShareSession* lpFsSession = nullptr;
         if (const uint32_t ulFound = LookupSession(usFileID, lpFsSession); ulFound != zvResultOk)
             return ulFound;
-        assert(m_lpConf && "m_lpConf");
         if (lpInfo == nullptr)
             return zvResultException;
         const ZV_FileBriefInfo& brief = lpFsSession->BriefInfo();

@@ -13,6 +13,8 @@ uint32_t ZV_FileShareMgr::HandlePdu(ConfPduData* lpCpd)
 {
     if (lpCpd == nullptr)
         return zvResultNoHandler;
+    if (m_lpConf == nullptr)
+        return zvResultNoHost;
     // A truncated or malformed payload raises out of the stream; nothing may
     // leave towards the host, so every road is caught here, the manager's
     // own handlers as well as the sessions'.

@@ -64,8 +64,17 @@ void ZV_FileShareMgr::ReadUserLimits(const QB_IniFileEx& iniFile)
 
 uint32_t ZV_FileShareMgr::Initialize()
 {
+    // A host that calls before it has given the manager its conference is
+    // refused, as the user side is.
+    if (m_lpConf == nullptr)
+        return zvResultNoHost;
     if (!m_lpConf->IsServerMode())
+    {
+        // Read now rather than at the user's first share, which would
+        // otherwise pay for every row the record holds.
+        m_ShareLedger.Preload();
         return zvResultOk;
+    }
     m_usNextFileID = m_lpConf->GetFileIDMin();
     try
     {
@@ -144,6 +153,12 @@ void ZV_FileShareMgr::RestoreStoredFiles()
 void ZV_FileShareMgr::RemoveStoredFile(uint16_t usFileID, ZV_FileShareSession* lpFsSession, const QB_UserID* lpUser,
                                        uint32_t ulFloodSeq)
 {
+    // Enough for every FileID a server can hold to have been freed a few
+    // times over; the oldest go first.
+    constexpr int kDeletedKept = 4096;
+    if (m_arrDeletedFile.GetSize() >= kDeletedKept)
+        m_arrDeletedFile.RemoveAt(0);
+    m_arrDeletedFile.Add(lpFsSession->FileInfo().m_BriefInfo);
     lpFsSession->SetUploadStopped(true);
     if (m_lpConf->GetClientCount() > 0)
         SendDelUploadResponse(zvConnNone, usFileID, zvResultOk, usFileID, lpUser, ulFloodSeq, true);
@@ -157,8 +172,18 @@ void ZV_FileShareMgr::RemoveStoredFile(uint16_t usFileID, ZV_FileShareSession* l
     m_Catalog.DeleteFile((uint16_t)m_lpConf->GetConfID(), usFileID);
 }
 
+bool ZV_FileShareMgr::WasDeleted(const ZV_FileBriefInfo& brief) const
+{
+    for (int i = 0; i < m_arrDeletedFile.GetSize(); ++i)
+        if (m_arrDeletedFile[i].IsSameFile(brief))
+            return true;
+    return false;
+}
+
 uint32_t ZV_FileShareMgr::CleanData()
 {
+    if (m_lpConf == nullptr)
+        return zvResultNoHost;
     try
     {
         if (!m_lpConf->IsServerMode())

@@ -88,8 +88,13 @@ uint32_t ZV_FileShareSession::SessionReserved1(ConfPduData*)
     return 0;
 }
 
+// A server whose configuration could not be read has no storage folder;
+// its conference folder is then empty, so that no file lands beside
+// whatever folder the process happens to run in.
 QB_StringW ZV_FileShareSession::GetConfDir() const
 {
+    if (m_sStorePath.IsEmpty())
+        return QB_StringW();
     QB_StringA sDir;
     sDir.Format("%s%u\\", m_sStorePath.GetString(), (unsigned)Conf()->GetConfID());
     QB_StringW sWide(sDir);

@@ -165,6 +165,8 @@ public:
     // server said so.
     bool IsUploadDone() const { return m_bUploadDone; }
     void SetUploadDone(bool bDone) { m_bUploadDone = bDone; }
+    // Client: the server's notice of the file's state (8052).
+    void TakeNoticedState(uint16_t usState);
 
     // ---- the download (download/); the user side's part on a client
     uint32_t SendDownloadRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser, uint32_t ulFloodSeq,
@@ -330,6 +332,7 @@ private:
     void FloodDownloadStop(const QB_UserID& user, bool bStopped);
     ZV_FileDownloadInfo* ReadmitDownloader(const ZV_DownloadDataRequest& ask);
     void KickDownloadConn(uint32_t ulConn);
+    uint32_t SendBlockPdu(const ConfPduData* lpCpd, ZV_PduBuffer& pdu);
     uint32_t SendDownloadBlock(const ConfPduData* lpCpd, uint32_t ulResult, const QB_UserID& user, uint32_t ulPos,
                                uint32_t ulLen, const uint8_t* pData);
     void FloodFinishedDownload(const QB_UserID& user, const ZV_FileDownloadInfo& entry);

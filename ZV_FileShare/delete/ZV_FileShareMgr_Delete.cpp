@@ -11,7 +11,6 @@
 #include "QB_FileEx.h"
 #include "QB_Log.h"
 
-#include <cassert>
 #include <string>
 
 namespace {
@@ -38,7 +37,8 @@ QB_StringW LocalPathOf(const ZV_FileDownloadInfo& download)
 // upload stopped, as the user asked.
 uint32_t ZV_FileShareMgr::FsDelUpload(uint16_t usFileID)
 {
-    assert(m_lpConf && "m_lpConf");
+    if (m_lpConf == nullptr)
+        return zvResultNoHost;
     return GuardFs("ZV_FileShareMgr::FsDelUpload exception.\r\n", [&]() -> uint32_t {
         ZV_FileShareSession* lpFsSession = nullptr;
         if (const uint32_t ulFound = LookupSession(usFileID, lpFsSession); ulFound != zvResultOk)
@@ -64,7 +64,8 @@ uint32_t ZV_FileShareMgr::FsDelUpload(uint16_t usFileID)
 // of which only the user's own FsDownload could fill.
 uint32_t ZV_FileShareMgr::FsDelDownload(uint16_t usFileID, uint8_t bDeleteFile)
 {
-    assert(m_lpConf && "m_lpConf");
+    if (m_lpConf == nullptr)
+        return zvResultNoHost;
     return GuardFs("ZV_FileShareMgr::FsDelDownload exception.\r\n", [&]() -> uint32_t {
         MarkBusy(false, usFileID);
         // A row the ledger fails to forget (logged) names only a target this user chose.
@@ -74,7 +75,8 @@ uint32_t ZV_FileShareMgr::FsDelDownload(uint16_t usFileID, uint8_t bDeleteFile)
         ZV_FileDownloadInfo download;
         if (m_mapSession.Lookup(usFileID, lpFsSession))
         {
-            assert(lpFsSession != nullptr && "lpFsSession != NULL");
+            // The user side calls beside the host's thread, which may hold
+            // the FileID reserved for an add at this moment.
             if (lpFsSession == nullptr)
                 return zvResultReservedFile;
             download = lpFsSession->LocalDownload();
@@ -188,12 +190,16 @@ uint32_t ZV_FileShareMgr::HandleDelUploadResponse(ConfPduData* lpCpd)
         const uint16_t usFileID = answer.head.usFileID;
         if (m_lpConf->IsResponseFloodSeen(&answer.head.user, answer.ulFloodSeq))
             return 0;
-        NotifyFileGone(answer.head.ulResult, usFileID);
+        ZV_FileShareSession* lpFsSession = nullptr;
+        m_mapSession.Lookup(usFileID, lpFsSession);
+        // A refusal answers the user's own request; a delete is news only to
+        // a user who could see the file.
+        if (answer.head.ulResult != zvResultOk || (lpFsSession && lpFsSession->IsFileVisible(lpFsSession->BriefInfo())))
+            NotifyFileGone(answer.head.ulResult, usFileID);
         if (answer.head.ulResult != zvResultOk)
             return 0;
         MarkBusy(false, usFileID);
-        ZV_FileShareSession* lpFsSession = nullptr;
-        if (m_mapSession.Lookup(usFileID, lpFsSession) && lpFsSession != nullptr)
+        if (lpFsSession != nullptr)
             DropDeletedSession(usFileID, lpFsSession);
     }
     catch (...)

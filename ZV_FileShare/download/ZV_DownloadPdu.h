@@ -92,12 +92,18 @@ struct ZV_DownloadBlock : ZV_AnswerHead
 
     void Save(QB_ByteStream& stream) const
     {
+        SaveHead(stream);
+        stream.WriteBytes(pData, (int32_t)ulLen);
+        SaveTail(stream);
+    }
+    // What comes before the data, and after it.
+    void SaveHead(QB_ByteStream& stream) const
+    {
         ZV_AnswerHead::Save(stream);
         stream.WriteU32(ulPos);
         stream.WriteU32(ulLen);
-        stream.WriteBytes(pData, (int32_t)ulLen);
-        stream.WriteU32(ulMaxPos);
     }
+    void SaveTail(QB_ByteStream& stream) const { stream.WriteU32(ulMaxPos); }
     // False for a block longer than a block.
     bool LoadBlock(QB_ByteStream& stream)
     {

@@ -34,7 +34,8 @@ QB_StringW StandingFolderOf(const QB_StringW& sPath)
 
 uint32_t ZV_FileShareMgr::FsDownload(uint16_t usFileID, const char16_t* szLocalPath)
 {
-    assert(m_lpConf && "m_lpConf");
+    if (m_lpConf == nullptr)
+        return zvResultNoHost;
     return GuardFs("ZV_FileShareMgr::FsDownload exception.\r\n", [&]() -> uint32_t {
         ZV_FileShareSession* lpFsSession = nullptr;
         const uint32_t ulResult = LookupSession(usFileID, lpFsSession);

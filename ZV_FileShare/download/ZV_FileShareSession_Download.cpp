@@ -288,20 +288,26 @@ void ZV_FileShareSession::PumpDownload(ConfPduData* lpCpd, const QB_UserID& peer
 // several downloaders and the writes of the upload do not disturb each
 // other. Only bytes below the write position go out: beyond it the store
 // file may hold anything.
+// A block is read straight into the PDU that carries it.
 void ZV_FileShareSession::SendNextBlocks(ConfPduData* lpCpd, const QB_UserID* pUser, ZV_FileDownloadInfo* pEntry)
 {
-    uint8_t abBlock[ZV_BLOCK_SIZE];
+    ZV_PduBuffer pdu;
     bool bReadable = m_ServerFile.IsOpen();
     for (int i = 0; bReadable && i < kBlocksPerSend && pEntry->m_ulDownloadPos < m_FileInfo.m_ulFileWritePos; ++i)
     {
         const uint32_t ulPos = pEntry->m_ulDownloadPos;
         const uint32_t ulWant = std::min(ZV_BLOCK_SIZE, m_FileInfo.m_ulFileWritePos - ulPos);
-        const int32_t nRead = m_ServerFile.ReadAt(ulPos, abBlock, (int32_t)ulWant);
+        ZV_DownloadBlock block = MakeDownloadBlock({{m_usFileID, zvResultOk, m_usFileID}, *pUser}, ulPos, ulWant, nullptr, 0);
+        uint8_t* pTo = pdu.PlaceData(block, ulWant);
+        const int32_t nRead = m_ServerFile.ReadAt(ulPos, pTo, (int32_t)ulWant);
         bReadable = nRead > 0;
         if (!bReadable)
             break;
         AdvanceEntry(*pEntry, (uint32_t)nRead);
-        SendDownloadBlock(lpCpd, zvResultOk, *pUser, ulPos, (uint32_t)nRead, abBlock);
+        block.ulLen = (uint32_t)nRead;
+        block.ulMaxPos = m_ulMaxPos;
+        pdu.SaveAroundData(block);
+        SendBlockPdu(lpCpd, pdu);
         if (lpCpd->conn_type == zvConfClientTypeData && pEntry->m_usState == zvDownloadStateFinished)
             FloodFinishedDownload(*pUser, *pEntry);
         if (pEntry->m_ulDownloadPos >= m_ulMaxPos)
@@ -324,10 +330,15 @@ void ZV_FileShareSession::SendNextBlocks(ConfPduData* lpCpd, const QB_UserID* pU
 uint32_t ZV_FileShareSession::SendDownloadBlock(const ConfPduData* lpCpd, uint32_t ulResult, const QB_UserID& user,
                                             uint32_t ulPos, uint32_t ulLen, const uint8_t* pData)
 {
-    if (lpCpd->conn_type != zvConfServerTypeData)
-        return SendDownloadDataResponse(lpCpd->ulConn, m_usFileID, ulResult, m_usFileID, &user, ulPos, ulLen, pData);
     ZV_PduBuffer pdu;
     MakeDownloadBlock({{m_usFileID, ulResult, m_usFileID}, user}, ulPos, ulLen, pData, m_ulMaxPos).Save(pdu.Stream());
+    return SendBlockPdu(lpCpd, pdu);
+}
+
+uint32_t ZV_FileShareSession::SendBlockPdu(const ConfPduData* lpCpd, ZV_PduBuffer& pdu)
+{
+    if (lpCpd->conn_type != zvConfServerTypeData)
+        return ZV_SendToLink(Conf(), lpCpd->ulConn, PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, pdu);
     return ZV_SendOnServerLink(Conf(), lpCpd->ulConn, PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, pdu);
 }
 

@@ -284,11 +284,13 @@ void ZV_FileShareSession::OnRelayBlock(uint16_t usFileID, const QB_UserID& user,
         brief.SetFileState(zvFileStateComplete);
         SaveToCatalog();
         m_bUploadDone = true;
+        SendFileStateNotice(usFileID, zvFileStateComplete, 1);
     }
     else if (brief.m_usFileState == zvFileStateAdded)
     {
         brief.SetFileState(zvFileStateUploading);
         SaveToCatalog();
+        SendFileStateNotice(usFileID, zvFileStateUploading, 1);
     }
     if (!m_ServerFile.IsOpen())
         OpenRelayServedFile();

@@ -221,14 +221,22 @@ bool ZV_FileShareMgr::ApplyListedFile(const ConfPduData* lpCpd, const ZV_FileLis
     if (!HasNames(entry) || !(entry.m_ullMask & ZV_UPLOAD_FILE_ID) || usFileID == ZV_NO_FILEID)
         return true;
     ZV_FileShareSession* lpFsSession = nullptr;
-    const bool bNew = !m_mapSession.Lookup(usFileID, lpFsSession);
+    bool bNew = !m_mapSession.Lookup(usFileID, lpFsSession);
+    // A FileID that an add here has reserved is that add's to fill.
+    if (!bNew && lpFsSession == nullptr)
+        return true;
+    if (!bNew && !lpFsSession->FileInfo().m_BriefInfo.IsSameFile(entry.m_BriefInfo))
+    {
+        if (!TakeOverFileID(lpFsSession, entry))
+            return true;
+        bNew = true;
+    }
     if (!bNew)
     {
-        // A FileID that an add here has reserved is that add's to fill.
-        if (lpFsSession == nullptr || !RecheckListedSession(lpFsSession, entry, part.arrState[i]))
+        if (!RecheckListedSession(lpFsSession, entry, part.arrState[i]))
             return true;
     }
-    else if (m_arrDelFileID.Find(usFileID) >= 0)
+    else if (m_arrDelFileID.Find(usFileID) >= 0 || WasDeleted(entry.m_BriefInfo))
         return PassBackDelete(lpCpd, part.sender, entry);
     else
     {
@@ -248,6 +256,23 @@ bool ZV_FileShareMgr::ApplyListedFile(const ConfPduData* lpCpd, const ZV_FileLis
         listed.arrNewState.Add(part.arrState[i]);
         listed.arrNewMaxPos.Add(lpFsSession->MaxPos());
     }
+    return true;
+}
+
+// Two files under one FileID: the number was freed and given out anew
+// while one of the two servers was away. The later file is the one the
+// number names: one deleted here is not the later, nor is one of another
+// server's numbers when this server's range gave out its own. Otherwise the
+// peer's is the later one, and the file held here goes as a deleted one
+// goes; true says so.
+bool ZV_FileShareMgr::TakeOverFileID(ZV_FileShareSession* lpFsSession, const ZV_FileUploadInfo& entry)
+{
+    const uint16_t usFileID = entry.m_usFileID;
+    if (WasDeleted(entry.m_BriefInfo) ||
+        (usFileID >= m_lpConf->GetFileIDMin() && usFileID <= m_lpConf->GetFileIDMax()))
+        return false;
+    const QB_UserID creator = lpFsSession->FileInfo().m_BriefInfo.m_CreatorID;
+    RemoveStoredFile(usFileID, lpFsSession, &creator, m_lpConf->NewFloodSeq(&creator, 0));
     return true;
 }
 

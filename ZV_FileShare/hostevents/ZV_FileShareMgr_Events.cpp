@@ -10,6 +10,8 @@
 // Numbers other than these four are not the manager's business.
 uint32_t ZV_FileShareMgr::OnEvent(uint16_t usEvent, uintptr_t a1, uintptr_t a2, uintptr_t, uintptr_t)
 {
+    if (m_lpConf == nullptr)
+        return zvResultNoHost;
     try
     {
         const QB_UserID* lpUser = reinterpret_cast<const QB_UserID*>(a2);
@@ -79,7 +81,10 @@ void ZV_FileShareMgr::OnUserEnter(const QB_UserID& user)
             if (user == lpFsSession->FileInfo().m_BriefInfo.m_CreatorID && bReturning && !lpFsSession->IsUploadDone())
             {
                 OnUserGone(lpFsSession, user);
-                continue;
+                // A file that is whole here stays, and so stays in the list:
+                // left out, it would leave the creator's client for good.
+                if (!m_mapSession.Lookup(usFileID, lpFsSession) || lpFsSession == nullptr)
+                    continue;
             }
             ulResult = lpFsSession->CollectUploadInfo(arrInfo, arrMaxPos, user);
             CollectDownloadInfo(usFileID, lpFsSession, user, arrDownload, arrModify);

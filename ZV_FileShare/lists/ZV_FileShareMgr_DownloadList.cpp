@@ -9,6 +9,7 @@
 #include "wire/ZV_CutList.h"
 #include "core/ZV_Percent.h"
 
+#include "QB_Env.h"
 #include "QB_Log.h"
 
 uint32_t ZV_FileShareMgr::HandleGetDownloadSessionListRequest(ConfPduData* lpCpd)
@@ -189,7 +190,14 @@ bool ZV_FileShareMgr::ResumeListedDownload(const ConfPduData* lpCpd, ZV_FileShar
         r.SetState(zvDownloadStateStopped);
         lpFsSession->SendIsStopDownloadRequest(lpCpd->ulConn, usFileID, &me, 0, 1);
     }
-    if (ulResult == zvResultOk)
+    // A finished download that is whole on disk is only measured, by its
+    // folder entry: nothing will be written to it, and opening thousands of
+    // files would make a returning user's join cost far more than its list.
+    // Anything else is opened as before, since it may be written.
+    if (ulResult == zvResultOk && r.m_usState == zvDownloadStateFinished &&
+        QB_GetEnv()->GetFileSizeByName(std::u16string(sPath.View())) == (int64_t)r.m_ulFileLenth)
+        ulSize = r.m_ulFileLenth;
+    else if (ulResult == zvResultOk)
         ulResult = lpFsSession->MeasureLocalFile(sPath, r.m_usState != zvDownloadStateFinished, ulSize);
     if (r.m_usState == zvDownloadStateFinished && ulSize == r.m_ulFileLenth && ulResult == zvResultOk)
     {

@@ -141,10 +141,12 @@ void ZV_FileShareMgr::DropUnlistedSessions(const std::vector<bool>& vecListed)
     {
         ZV_FileShareSession* lpFsSession = nullptr;
         m_mapSession.Lookup(arrGone[i], lpFsSession);
+        const bool bVisible = lpFsSession != nullptr && lpFsSession->IsFileVisible(lpFsSession->BriefInfo());
         if (lpFsSession != nullptr)
             DropUnlistedDownload(arrGone[i], lpFsSession);
         RemoveSession(arrGone[i]);
-        NotifyFileGone(0, arrGone[i]);
+        if (bVisible)
+            NotifyFileGone(0, arrGone[i]);
     }
 }
 

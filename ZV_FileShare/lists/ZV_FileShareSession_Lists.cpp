@@ -48,7 +48,9 @@ bool ZV_FileShareSession::MergeCltFileInfo(const ZV_FileUploadInfo& entry, uint3
     m_ulReadPos = entry.m_ulFileWritePos;
     m_BriefInfo = entry.m_BriefInfo;
     m_FileInfo = entry;
-    if (IsLocalUser(Conf(), m_BriefInfo.m_CreatorID))
+    // The user of this client, not any user homed on its server: only the
+    // creator's own client can be ahead of the server.
+    if (IsLocalCreator())
         MergeCreatorState(bNew, usOldState, entry.m_ulFileWritePos);
     // Out of sight is out of reach: as when the change comes live, a
     // download of the file ends and its partial file goes.

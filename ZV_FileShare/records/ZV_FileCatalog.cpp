@@ -62,8 +62,14 @@ QB_StringW Wide(const std::u16string& s)
 
 } // namespace
 
-ZV_FileCatalog::ZV_FileCatalog() : m_IniFile(17, 17), m_Lock("ZV_FileCatalog::m_Lock")
+ZV_FileCatalog::ZV_FileCatalog() : m_Journal(17, 17), m_Lock("ZV_FileCatalog::m_Lock")
 {
+}
+
+ZV_FileCatalog::~ZV_FileCatalog()
+{
+    QB_Lock lock(&m_Lock);
+    m_Journal.Close();
 }
 
 int ZV_FileCatalog::Open()
@@ -76,13 +82,25 @@ int ZV_FileCatalog::Open()
         QB_StringW sPath = Wide(sFolder) + u"fsinfo.ini";
         m_bRowIndexValid = false;
         m_bOpened = true;
-        return m_IniFile.Open(sPath, true) ? zvCatalogOpened : zvCatalogNotOpened;
+        m_bUnread = !m_Journal.Open(sPath, true);
+        if (m_bUnread)
+            return zvCatalogNotOpened;
+        // Built now, so that the first save does not pay for every row.
+        BuildRowIndex();
+        return zvCatalogOpened;
     }
     catch (...)
     {
         QB_WriteLog(QB_LOG_DAILY, "error", "xxxxxxxxxxxxxxxxxxxxxxxxx\r\n");
         return zvCatalogException;
     }
+}
+
+void ZV_FileCatalog::OnTimer()
+{
+    QB_Lock lock(&m_Lock);
+    if (m_bOpened)
+        m_Journal.RewriteIfQuiet();
 }
 
 void ZV_FileCatalog::SetRootPath(const QB_StringA& sRootPath)
@@ -120,12 +138,19 @@ bool ZV_FileCatalog::SaveFiles(uint32_t ulConfID, const QB_Array<ZV_FileUploadIn
     return Flush();
 }
 
-// The file on disk keeps the last catalogue that was written whole; a row
-// whose save failed stays in memory and goes out with the next good save.
-// A catalogue that was never opened (a client's) has no file to keep.
+// A save appends the operation's rows to the journal beside the file and
+// syncs it, instead of rewriting the whole file: at 100,000 rows a rewrite
+// per save would write and sync megabytes for every file added. The file
+// itself is rewritten now and then, with the bytes a rewrite per save
+// would leave. A row whose save failed stays in memory and goes out with
+// the next good save. A catalogue that was never opened (a client's) has
+// no file to keep.
+// A catalogue that could not be read is never written: the file on disk may
+// hold every row, and the empty one in memory would replace them all. Its
+// saves fail until a later Open reads it.
 bool ZV_FileCatalog::Flush()
 {
-    if (!m_bOpened || m_IniFile.Flush())
+    if (!m_bOpened || (!m_bUnread && m_Journal.Commit()))
         return true;
     QB_WriteLog(QB_LOG_DAILY, "error", "ZV_FileCatalog::Flush failed.\r\n");
     return false;
@@ -141,7 +166,7 @@ bool ZV_FileCatalog::LoadFile(uint16_t usConfID, uint16_t usFileID, ZV_FileUploa
         return false;
     fileInfo.SetFileID(usFileID);
     fileInfo.SetFileNewName(GetText(sFound, kFileNewName));
-    fileInfo.SetFileWritePos((uint32_t)m_IniFile.GetLong(sFound, kFileWritePos, 0));
+    fileInfo.SetFileWritePos((uint32_t)m_Journal.Ini().GetLong(sFound, kFileWritePos, 0));
     ReadBrief(sFound, briefInfo);
     fileInfo.SetBriefInfo(briefInfo);
     sSection = sFound;
@@ -153,7 +178,7 @@ void ZV_FileCatalog::LoadConf(uint16_t usConfID, QB_Array<ZV_FileUploadInfo>& ar
 {
     QB_Lock lock(&m_Lock);
     QB_Array<QB_StringW> arrNames;
-    m_IniFile.GetSectionNames(arrNames);
+    m_Journal.Ini().GetSectionNames(arrNames);
     for (int i = 0; i < arrNames.GetSize(); ++i)
     {
         const QB_StringW& sSection = arrNames[i];
@@ -163,7 +188,7 @@ void ZV_FileCatalog::LoadConf(uint16_t usConfID, QB_Array<ZV_FileUploadInfo>& ar
         ZV_FileBriefInfo briefInfo;
         fileInfo.SetFileID(GetLow16(sSection, kFileID));
         fileInfo.SetFileNewName(GetText(sSection, kFileNewName));
-        fileInfo.SetFileWritePos((uint32_t)m_IniFile.GetLong(sSection, kFileWritePos, 0));
+        fileInfo.SetFileWritePos((uint32_t)m_Journal.Ini().GetLong(sSection, kFileWritePos, 0));
         ReadBrief(sSection, briefInfo);
         ReadRights(sSection, briefInfo);
         fileInfo.SetBriefInfo(briefInfo);
@@ -183,7 +208,7 @@ bool ZV_FileCatalog::DeleteFile(uint16_t usConfID, uint16_t usFileID)
     QB_Lock lock(&m_Lock);
     QB_StringW sSection = FindSection(usConfID, usFileID);
     if (!sSection.IsEmpty())
-        m_IniFile.DeleteSection(sSection);
+        m_Journal.DeleteSection(sSection);
     m_bRowIndexValid = false;
     return Flush();
 }
@@ -195,13 +220,13 @@ bool ZV_FileCatalog::DeleteConf(uint32_t ulConfID)
     QB_StringA sFolder;
     sFolder.Format("%s%u\\", m_sRootPath.GetString(), (unsigned)usConfID);
     QB_Array<QB_StringW> arrNames;
-    m_IniFile.GetSectionNames(arrNames);
+    m_Journal.Ini().GetSectionNames(arrNames);
     for (int i = arrNames.GetSize() - 1; i >= 0; --i)
     {
         if (GetLow16(arrNames[i], kConfID) != usConfID)
             continue;
-        DeleteStoredFile(sFolder, QB_StringA(m_IniFile.GetString(arrNames[i], kFileNewName, QB_StringW())));
-        m_IniFile.DeleteSection(arrNames[i]);
+        DeleteStoredFile(sFolder, QB_StringA(m_Journal.Ini().GetString(arrNames[i], kFileNewName, QB_StringW())));
+        m_Journal.DeleteSection(arrNames[i]);
     }
     m_bRowIndexValid = false;
     return Flush();
@@ -242,7 +267,7 @@ void ZV_FileCatalog::BuildRowIndex() const
 {
     m_mapRowByPair.clear();
     QB_Array<QB_StringW> arrNames;
-    m_IniFile.GetSectionNames(arrNames);
+    m_Journal.Ini().GetSectionNames(arrNames);
     for (int i = 0; i < arrNames.GetSize(); ++i)
         m_mapRowByPair.emplace(PairKey(GetLow16(arrNames[i], kConfID), GetLow16(arrNames[i], kFileID)), arrNames[i]);
     m_bRowIndexValid = true;
@@ -259,8 +284,8 @@ QB_StringW ZV_FileCatalog::FindSection(uint16_t usConfID, uint16_t usFileID) con
 QB_StringW ZV_FileCatalog::NewSection(uint32_t ulConfID, uint16_t usFileID)
 {
     QB_StringW sSection = NewGuidText();
-    m_IniFile.SetLong(sSection, kConfID, (int32_t)(ulConfID & 0xFFFF));
-    m_IniFile.SetLong(sSection, kFileID, usFileID);
+    m_Journal.SetLong(sSection, kConfID, (int32_t)(ulConfID & 0xFFFF));
+    m_Journal.SetLong(sSection, kFileID, usFileID);
     // Kept as a walk of the sections would give it, with its brackets. A
     // second row of a pair (a batch adds rows without a look-up) may come
     // before the first in the walk, so then the index is built again.
@@ -276,16 +301,16 @@ void ZV_FileCatalog::WriteRow(const QB_StringW& sSection, const ZV_FileUploadInf
 {
     const ZV_FileBriefInfo& briefInfo = fileInfo.m_BriefInfo;
     SetText(sSection, kFileNewName, fileInfo.m_sFileNewName);
-    m_IniFile.SetLong(sSection, kFileWritePos, (int32_t)fileInfo.m_ulFileWritePos);
+    m_Journal.SetLong(sSection, kFileWritePos, (int32_t)fileInfo.m_ulFileWritePos);
     SetText(sSection, kFileOldName, briefInfo.m_sFileOldName);
-    m_IniFile.SetString(sSection, kCreatorID, QB_StringW(QB_StringA(briefInfo.m_CreatorID.ToText())));
-    m_IniFile.SetString(sSection, kShareTime, QB_StringW(briefInfo.m_dtShareTime.ToText(0, "-")));
-    m_IniFile.SetString(sSection, kModifyTime, QB_StringW(briefInfo.m_dtModifyTime.ToText(0, "-")));
+    m_Journal.SetString(sSection, kCreatorID, QB_StringW(QB_StringA(briefInfo.m_CreatorID.ToText())));
+    m_Journal.SetString(sSection, kShareTime, QB_StringW(briefInfo.m_dtShareTime.ToText(0, "-")));
+    m_Journal.SetString(sSection, kModifyTime, QB_StringW(briefInfo.m_dtModifyTime.ToText(0, "-")));
     SetText(sSection, kFileType, briefInfo.m_sFileType);
-    m_IniFile.SetLong(sSection, kFileLenth, (int32_t)briefInfo.m_ulFileLenth);
+    m_Journal.SetLong(sSection, kFileLenth, (int32_t)briefInfo.m_ulFileLenth);
     SetText(sSection, kFilePath, briefInfo.m_sFilePath);
-    m_IniFile.SetLong(sSection, kFileState, briefInfo.m_usFileState);
-    m_IniFile.SetString(sSection, kFileValidity, QB_StringW(u"1"));
+    m_Journal.SetLong(sSection, kFileState, briefInfo.m_usFileState);
+    m_Journal.SetString(sSection, kFileValidity, QB_StringW(u"1"));
     if (m_bKeepRights)
         WriteRights(sSection, briefInfo);
 }
@@ -297,8 +322,8 @@ void ZV_FileCatalog::WriteRights(const QB_StringW& sSection, const ZV_FileBriefI
     for (int i = 0; i < briefInfo.m_arrRight.GetSize(); ++i)
         sRights += (i > 0 ? " " : "") + briefInfo.m_arrRight[i].ToText();
     SetText(sSection, kCreatorName, briefInfo.m_sCreatorName);
-    m_IniFile.SetLong(sSection, kPublic, briefInfo.m_bPublic ? 1 : 0);
-    m_IniFile.SetString(sSection, kRights, QB_StringW(QB_StringA(sRights.c_str())));
+    m_Journal.SetLong(sSection, kPublic, briefInfo.m_bPublic ? 1 : 0);
+    m_Journal.SetString(sSection, kRights, QB_StringW(QB_StringA(sRights.c_str())));
 }
 
 // A row written without its rights reads as a file for its creator alone:
@@ -307,8 +332,8 @@ void ZV_FileCatalog::WriteRights(const QB_StringW& sSection, const ZV_FileBriefI
 void ZV_FileCatalog::ReadRights(const QB_StringW& sSection, ZV_FileBriefInfo& briefInfo) const
 {
     briefInfo.SetCreatorName(GetText(sSection, kCreatorName));
-    briefInfo.SetPublic(m_IniFile.GetLong(sSection, kPublic, 0) != 0);
-    const std::string sRights = QB_StringA(m_IniFile.GetString(sSection, kRights, QB_StringW())).GetString();
+    briefInfo.SetPublic(m_Journal.Ini().GetLong(sSection, kPublic, 0) != 0);
+    const std::string sRights = QB_StringA(m_Journal.Ini().GetString(sSection, kRights, QB_StringW())).GetString();
     QB_Array<QB_UserID> arrRight;
     for (size_t nFrom = 0; nFrom < sRights.size();)
     {
@@ -328,14 +353,14 @@ void ZV_FileCatalog::ReadBrief(const QB_StringW& sSection, ZV_FileBriefInfo& bri
 {
     briefInfo.SetFileOldName(GetText(sSection, kFileOldName));
     QB_UserID creatorID;
-    creatorID.FromText(QB_StringA(m_IniFile.GetString(sSection, kCreatorID, QB_StringW())).GetString());
+    creatorID.FromText(QB_StringA(m_Journal.Ini().GetString(sSection, kCreatorID, QB_StringW())).GetString());
     briefInfo.SetCreatorID(creatorID);
     briefInfo.SetShareTime(GetDateTime(sSection, kShareTime));
     briefInfo.SetModifyTime(GetDateTime(sSection, kModifyTime));
     briefInfo.SetFileType(GetText(sSection, kFileType));
-    briefInfo.SetFileLenth((uint32_t)m_IniFile.GetLong(sSection, kFileLenth, 0));
+    briefInfo.SetFileLenth((uint32_t)m_Journal.Ini().GetLong(sSection, kFileLenth, 0));
     briefInfo.SetFilePath(GetText(sSection, kFilePath));
-    briefInfo.SetFileState((uint16_t)m_IniFile.GetLong(sSection, kFileState, 0));
+    briefInfo.SetFileState((uint16_t)m_Journal.Ini().GetLong(sSection, kFileState, 0));
 }
 
 // Text passes through the ANSI code page both ways, so a UTF-16 file and an
@@ -343,12 +368,12 @@ void ZV_FileCatalog::ReadBrief(const QB_StringW& sSection, ZV_FileBriefInfo& bri
 void ZV_FileCatalog::SetText(const QB_StringW& sSection, const char16_t* pszKey, const QB_StringU8& sValue)
 {
     QB_StringA sAnsi{QB_StringW(sValue)};
-    m_IniFile.SetString(sSection, pszKey, OneLine(QB_StringW(sAnsi)));
+    m_Journal.SetString(sSection, pszKey, OneLine(QB_StringW(sAnsi)));
 }
 
 QB_StringU8 ZV_FileCatalog::GetText(const QB_StringW& sSection, const char16_t* pszKey) const
 {
-    QB_StringA sAnsi(m_IniFile.GetString(sSection, pszKey, QB_StringW()));
+    QB_StringA sAnsi(m_Journal.Ini().GetString(sSection, pszKey, QB_StringW()));
     return QB_StringU8(QB_StringW(sAnsi));
 }
 
@@ -358,12 +383,12 @@ QB_StringU8 ZV_FileCatalog::GetText(const QB_StringW& sSection, const char16_t* 
 QB_DateTimeEx ZV_FileCatalog::GetDateTime(const QB_StringW& sSection, const char16_t* pszKey) const
 {
     QB_DateTimeEx dtValue;
-    if (!dtValue.Parse(QB_StringA(m_IniFile.GetString(sSection, pszKey, QB_StringW()))))
+    if (!dtValue.Parse(QB_StringA(m_Journal.Ini().GetString(sSection, pszKey, QB_StringW()))))
         dtValue = QB_DateTimeEx();
     return dtValue;
 }
 
 uint16_t ZV_FileCatalog::GetLow16(const QB_StringW& sSection, const char16_t* pszKey) const
 {
-    return (uint16_t)m_IniFile.GetLong(sSection, pszKey, 0);
+    return (uint16_t)m_Journal.Ini().GetLong(sSection, pszKey, 0);
 }

@@ -6,13 +6,14 @@
 // number; the section's name is a fresh GUID and means nothing else.
 //
 // Every operation holds m_Lock from its first lookup to the end of its
-// Flush, and every change ends in a Flush, so the file always shows the
-// last operation that was saved whole (a read-only file or a failed save
-// keeps the changes in memory and the earlier catalogue on disk).
+// Flush, and every change ends in a Flush, so the file and its journal
+// ("fsinfo.ini.journal", see docs/storage.md) always show the last
+// operation that was saved whole (a read-only file or a failed save keeps
+// the changes in memory and the earlier catalogue on disk).
 #pragma once
 
 #include "QB_Array.h"
-#include "QB_IniFileEx.h"
+#include "QB_IniJournal.h"
 #include "QB_Locker.h"
 #include "QB_String.h"
 #include "records/ZV_FileUploadInfo.h"
@@ -32,13 +33,16 @@ class ZV_FileCatalog
 {
 public:
     ZV_FileCatalog();
-    virtual ~ZV_FileCatalog() = default;
+    // Folds the journal in, so that a clean stop leaves "fsinfo.ini" current.
+    virtual ~ZV_FileCatalog();
     ZV_FileCatalog(const ZV_FileCatalog&) = delete;
     ZV_FileCatalog& operator=(const ZV_FileCatalog&) = delete;
 
     // Loads "fsinfo.ini" from the executable's folder, creating it as UTF-16
     // when missing. One of the results above.
     int Open();
+    // Folds the journal into "fsinfo.ini" once changes have stopped for a while.
+    void OnTimer();
     // Folder under which each conference's files lie; a missing trailing
     // backslash is added.
     void SetRootPath(const QB_StringA& sRootPath);
@@ -80,7 +84,7 @@ public:
 
 protected:
     QB_StringA m_sRootPath;
-    QB_IniFileEx m_IniFile;
+    QB_IniJournal m_Journal;
     QB_Locker m_Lock;
 
 private:
@@ -93,6 +97,7 @@ private:
     mutable bool m_bRowIndexValid = false;
     bool m_bOpened = false;
     bool m_bKeepRights = false;
+    bool m_bUnread = false;  // the last Open could not read the file
 
     static uint32_t PairKey(uint16_t usConfID, uint16_t usFileID) { return (uint32_t)usConfID << 16 | usFileID; }
     bool Flush();

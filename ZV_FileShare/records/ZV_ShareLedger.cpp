@@ -69,8 +69,14 @@ bool FitsOneLine(const QB_StringW& s)
 
 } // namespace
 
-ZV_ShareLedger::ZV_ShareLedger() : m_Lock("ZV_ShareLedger::m_Lock"), m_IniFile(17, 17)
+ZV_ShareLedger::ZV_ShareLedger() : m_Lock("ZV_ShareLedger::m_Lock"), m_Journal(17, 17)
 {
+}
+
+ZV_ShareLedger::~ZV_ShareLedger()
+{
+    QB_Lock lock(&m_Lock);
+    m_Journal.Close();
 }
 
 std::string ZV_ShareLedger::KeyOf(uint32_t ulConfID, const QB_StringU8& sPath)
@@ -87,13 +93,13 @@ void ZV_ShareLedger::Load(bool bCreate)
     if (m_bLoaded || (!bCreate && QB_GetEnv()->GetFileAttributes(sPath) == QB_ATTR_INVALID))
         return;
     m_bLoaded = true;
-    if (!m_IniFile.Open(QB_StringW(sPath.c_str()), true))
+    if (!m_Journal.Open(QB_StringW(sPath.c_str()), true))
     {
         QB_WriteLog(QB_LOG_DAILY, "error", "ZV_ShareLedger::Load failed.\r\n");
         return;
     }
     QB_Array<QB_StringW> arrNames;
-    m_IniFile.GetSectionNames(arrNames);
+    m_Journal.Ini().GetSectionNames(arrNames);
     QB_Array<QB_StringW> arrOld;
     for (int i = 0; i < arrNames.GetSize(); ++i)
     {
@@ -106,7 +112,7 @@ void ZV_ShareLedger::Load(bool bCreate)
         uint32_t ulConfID = 0;
         if (!ReadConference(arrNames[i], ulConfID))
         {
-            if (!m_IniFile.GetString(arrNames[i], kOldConfID, QB_StringW()).IsEmpty())
+            if (!m_Journal.Ini().GetString(arrNames[i], kOldConfID, QB_StringW()).IsEmpty())
                 arrOld.Add(arrNames[i]);
         }
         else if (arrNames[i].Mid(1, 1) == QB_StringW(u"D"))
@@ -120,7 +126,7 @@ void ZV_ShareLedger::Load(bool bCreate)
 bool ZV_ShareLedger::ReadConference(const QB_StringW& sSection, uint32_t& ulConfID)
 {
     uint64_t ullValue = 0;
-    if (!ParseUnsigned(m_IniFile.GetString(sSection, kConference, QB_StringW()), UINT32_MAX, ullValue))
+    if (!ParseUnsigned(m_Journal.Ini().GetString(sSection, kConference, QB_StringW()), UINT32_MAX, ullValue))
         return false;
     ulConfID = (uint32_t)ullValue;
     return true;
@@ -136,7 +142,7 @@ void ZV_ShareLedger::DropOldRows(const QB_Array<QB_StringW>& arrOld)
     if (arrOld.IsEmpty())
         return;
     for (int i = 0; i < arrOld.GetSize(); ++i)
-        m_IniFile.DeleteSection(arrOld[i]);
+        m_Journal.DeleteSection(arrOld[i]);
     QB_WriteLog(QB_LOG_DAILY, "error", "ZV_ShareLedger::Load dropped %d rows without a whole conference number.\r\n",
                 arrOld.GetSize());
     Save();
@@ -152,8 +158,8 @@ QB_StringW ZV_ShareLedger::NewSection(char16_t chKind)
 void ZV_ShareLedger::LoadTarget(const QB_StringW& sSection)
 {
     uint32_t ulConfID = 0;
-    const int32_t nFileID = m_IniFile.GetLong(sSection, kFileID, -1);
-    const QB_StringW sPath = m_IniFile.GetString(sSection, kTarget, QB_StringW());
+    const int32_t nFileID = m_Journal.Ini().GetLong(sSection, kFileID, -1);
+    const QB_StringW sPath = m_Journal.Ini().GetString(sSection, kTarget, QB_StringW());
     if (!ReadConference(sSection, ulConfID) || nFileID < 0 || nFileID > 0xFFFF || sPath.IsEmpty())
         return;
     Target& target = m_mapTargets[TargetKey(ulConfID, (uint16_t)nFileID)];
@@ -164,15 +170,15 @@ void ZV_ShareLedger::LoadTarget(const QB_StringW& sSection)
 void ZV_ShareLedger::LoadRow(const QB_StringW& sSection)
 {
     uint32_t ulConfID = 0;
-    const QB_StringW sPath = m_IniFile.GetString(sSection, kPath, QB_StringW());
-    const QB_StringW sLength = m_IniFile.GetString(sSection, kLength, QB_StringW());
-    const QB_StringW sTime = m_IniFile.GetString(sSection, kModifyTime, QB_StringW());
+    const QB_StringW sPath = m_Journal.Ini().GetString(sSection, kPath, QB_StringW());
+    const QB_StringW sLength = m_Journal.Ini().GetString(sSection, kLength, QB_StringW());
+    const QB_StringW sTime = m_Journal.Ini().GetString(sSection, kModifyTime, QB_StringW());
     Row row;
     uint64_t ullLength = 0;
     if (!ReadConference(sSection, ulConfID) || sPath.IsEmpty() || !ParseUnsigned(sLength, UINT32_MAX, ullLength) ||
         sTime.IsEmpty() ||
-        !ParseUnsigned(m_IniFile.GetString(sSection, kDevice, QB_StringW()), UINT64_MAX, row.mark.ullDevice) ||
-        !ParseUnsigned(m_IniFile.GetString(sSection, kFileNumber, QB_StringW()), UINT64_MAX, row.mark.ullNumber))
+        !ParseUnsigned(m_Journal.Ini().GetString(sSection, kDevice, QB_StringW()), UINT64_MAX, row.mark.ullDevice) ||
+        !ParseUnsigned(m_Journal.Ini().GetString(sSection, kFileNumber, QB_StringW()), UINT64_MAX, row.mark.ullNumber))
         return;
     row.sSection = sSection;
     row.ulLength = (uint32_t)ullLength;
@@ -183,6 +189,12 @@ void ZV_ShareLedger::LoadRow(const QB_StringW& sSection)
 bool ZV_ShareLedger::MarkOf(QB_FileEx& file, ZV_LocalFileMark& mark)
 {
     return file.GetFileId(&mark.ullDevice, &mark.ullNumber);
+}
+
+void ZV_ShareLedger::Preload()
+{
+    QB_Lock lock(&m_Lock);
+    Load(false);
 }
 
 bool ZV_ShareLedger::Remember(uint32_t ulConfID, const ZV_FileBriefInfo& brief, const ZV_LocalFileMark& mark)
@@ -220,21 +232,31 @@ bool ZV_ShareLedger::Note(uint32_t ulConfID, const ZV_FileBriefInfo& brief, cons
     const QB_StringW sWidePath(sPath);
     if (!FitsOneLine(sWidePath))
         return false;
-    m_IniFile.SetString(row.sSection, kConference, DecimalText(ulConfID));
-    m_IniFile.SetString(row.sSection, kPath, sWidePath);
-    m_IniFile.SetString(row.sSection, kLength, DecimalText(row.ulLength));
-    m_IniFile.SetString(row.sSection, kModifyTime, QB_StringW(QB_StringA(row.sModifyTime.c_str())));
-    m_IniFile.SetString(row.sSection, kDevice, DecimalText(mark.ullDevice));
-    m_IniFile.SetString(row.sSection, kFileNumber, DecimalText(mark.ullNumber));
+    m_Journal.SetString(row.sSection, kConference, DecimalText(ulConfID));
+    m_Journal.SetString(row.sSection, kPath, sWidePath);
+    m_Journal.SetString(row.sSection, kLength, DecimalText(row.ulLength));
+    m_Journal.SetString(row.sSection, kModifyTime, QB_StringW(QB_StringA(row.sModifyTime.c_str())));
+    m_Journal.SetString(row.sSection, kDevice, DecimalText(mark.ullDevice));
+    m_Journal.SetString(row.sSection, kFileNumber, DecimalText(mark.ullNumber));
     return true;
 }
 
+// Appended to the journal beside the file and synced rather than the file
+// rewritten: a user who shares thousands of files would otherwise write
+// the whole record again for each of them.
 bool ZV_ShareLedger::Save()
 {
-    if (m_IniFile.Flush())
+    if (m_Journal.Commit())
         return true;
     QB_WriteLog(QB_LOG_DAILY, "error", "ZV_ShareLedger::Flush failed.\r\n");
     return false;
+}
+
+void ZV_ShareLedger::OnTimer()
+{
+    QB_Lock lock(&m_Lock);
+    if (m_bLoaded)
+        m_Journal.RewriteIfQuiet();
 }
 
 bool ZV_ShareLedger::Holds(uint32_t ulConfID, const ZV_FileBriefInfo& brief)
@@ -267,7 +289,7 @@ bool ZV_ShareLedger::Forget(uint32_t ulConfID, const ZV_FileBriefInfo& brief)
     const auto it = m_mapRows.find(KeyOf(ulConfID, LocalPath(brief)));
     if (it == m_mapRows.end())
         return true;
-    m_IniFile.DeleteSection(it->second.sSection);
+    m_Journal.DeleteSection(it->second.sSection);
     m_mapRows.erase(it);
     return Save();
 }
@@ -283,9 +305,9 @@ bool ZV_ShareLedger::RememberDownload(uint32_t ulConfID, uint16_t usFileID, cons
     if (target.sSection.IsEmpty())
         target.sSection = NewSection(u'D');
     target.sPath = sTarget.GetString();
-    m_IniFile.SetString(target.sSection, kConference, DecimalText(ulConfID));
-    m_IniFile.SetLong(target.sSection, kFileID, usFileID);
-    m_IniFile.SetString(target.sSection, kTarget, sWide);
+    m_Journal.SetString(target.sSection, kConference, DecimalText(ulConfID));
+    m_Journal.SetLong(target.sSection, kFileID, usFileID);
+    m_Journal.SetString(target.sSection, kTarget, sWide);
     return Save();
 }
 
@@ -304,7 +326,7 @@ bool ZV_ShareLedger::ForgetDownload(uint32_t ulConfID, uint16_t usFileID)
     const auto it = m_mapTargets.find(TargetKey(ulConfID, usFileID));
     if (it == m_mapTargets.end())
         return true;
-    m_IniFile.DeleteSection(it->second.sSection);
+    m_Journal.DeleteSection(it->second.sSection);
     m_mapTargets.erase(it);
     return Save();
 }

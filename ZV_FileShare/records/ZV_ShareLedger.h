@@ -5,8 +5,9 @@
 // One row per conference and local path, with the length and last-write
 // time the file had when it was shared, and one per conference and FileID
 // with the full path the user downloads it to, in "fsshared.ini" beside
-// "fsinfo.ini". The file is replaced whole on each change, as the catalogue
-// is, so a crash leaves the old record or the new one. A record that can't
+// "fsinfo.ini". Each change is appended to "fsshared.ini.journal" and synced,
+// and the file is replaced whole now and then, as the catalogue's is (see
+// docs/storage.md), so a crash loses no change that was saved. A record that can't
 // be read counts as empty (logged): the user then shares again.
 //
 // Rows are keyed by the whole 32-bit conference number (key "Conference"),
@@ -15,7 +16,7 @@
 // file, a server's delete of it arrives, or the local file is found gone.
 #pragma once
 
-#include "QB_IniFileEx.h"
+#include "QB_IniJournal.h"
 #include "QB_Locker.h"
 #include "QB_String.h"
 #include "records/ZV_FileBriefInfo.h"
@@ -40,6 +41,8 @@ class ZV_ShareLedger
 {
 public:
     ZV_ShareLedger();
+    // Folds the journal in, so that a clean stop leaves "fsshared.ini" current.
+    ~ZV_ShareLedger();
     ZV_ShareLedger(const ZV_ShareLedger&) = delete;
     ZV_ShareLedger& operator=(const ZV_ShareLedger&) = delete;
 
@@ -50,6 +53,10 @@ public:
     // The same for a batch, with one save: each save syncs the whole file.
     bool Remember(uint32_t ulConfID, const QB_Array<ZV_FileBriefInfo>& arrInfo,
                   const std::vector<ZV_LocalFileMark>& vecMark);
+    // Reads the record if there is one, as the first look-up would.
+    void Preload();
+    // Folds the journal into the file once changes have stopped for a while.
+    void OnTimer();
     // Whether the user shared this very file: same path, length and
     // last-write second, in this conference.
     bool Holds(uint32_t ulConfID, const ZV_FileBriefInfo& brief);
@@ -81,7 +88,7 @@ private:
     };
 
     QB_Locker m_Lock;
-    QB_IniFileEx m_IniFile;
+    QB_IniJournal m_Journal;
     bool m_bLoaded = false;
     int m_nLastSection = 0;
     std::map<std::string, Row> m_mapRows;  // by conference and path

@@ -11,8 +11,6 @@
 #include "QB_FileEx.h"
 #include "QB_Log.h"
 
-#include <cassert>
-
 namespace {
 
 QB_Array<QB_UserID> UsersOf(const QB_UserID* pUser, uint32_t nUser)
@@ -38,7 +36,8 @@ bool MayHave(const ZV_FileBriefInfo& brief, const QB_UserID& user)
 uint32_t ZV_FileShareMgr::FsSetRight(uint16_t usFileID, uint8_t bPublic, const QB_UserID* pAdd, uint32_t nAdd,
                                      const QB_UserID* pRemove, uint32_t nRemove)
 {
-    assert(m_lpConf && "m_lpConf");
+    if (m_lpConf == nullptr)
+        return zvResultNoHost;
     return GuardFs("ZV_FileShareMgr::FsSetRight exception.\r\n", [&]() -> uint32_t {
         ZV_FileShareSession* lpFsSession = nullptr;
         if (const uint32_t ulFound = LookupSession(usFileID, lpFsSession); ulFound != zvResultOk)
@@ -57,7 +56,8 @@ uint32_t ZV_FileShareMgr::FsSetFilesRight(const uint16_t* pFileID, uint32_t nFil
                                           const QB_UserID* pAdd, uint32_t nAdd, const QB_UserID* pRemove,
                                           uint32_t nRemove)
 {
-    assert(m_lpConf && "m_lpConf");
+    if (m_lpConf == nullptr)
+        return zvResultNoHost;
     bool bSent = false;
     const uint32_t ulResult = GuardFs("ZV_FileShareMgr::FsSetFilesRight exception.\r\n", [&]() -> uint32_t {
         QB_Array<uint16_t> arrFileID;

@@ -6,15 +6,14 @@
 
 #include "QB_Log.h"
 
-#include <cassert>
-
 // Without a data link the start marker still goes: the server then knows
 // the upload is coming before the link is up. A caught exception gives 0.
 // The call is a client's; on a server, whose host has no link to a server
-// of its own, it sends nothing, so it needs no assertion to be safe.
+// of its own, it sends nothing.
 uint32_t ZV_FileShareMgr::FsUpload(uint16_t usFileID)
 {
-    assert(m_lpConf && "m_lpConf");
+    if (m_lpConf == nullptr)
+        return zvResultNoHost;
     return GuardFs("ZV_FileShareMgr::FsUpload exception.\r\n", [&]() -> uint32_t {
         ZV_FileShareSession* lpFsSession = nullptr;
         const uint32_t ulFound = LookupSession(usFileID, lpFsSession);
@@ -41,13 +40,19 @@ uint32_t ZV_FileShareMgr::HandleFileStateNotice(ConfPduData* lpCpd)
     notice.Load(stream);
     for (int i = 0; i < notice.arrFileID.GetSize(); ++i)
     {
+        ZV_FileShareSession* lpFsSession = nullptr;
+        m_mapSession.Lookup(notice.arrFileID[i], lpFsSession);
+        if (lpFsSession != nullptr && notice.bUpload)
+            lpFsSession->TakeNoticedState(notice.usState);
+        // The notice goes to every client; of a file this client holds it is
+        // news only to a user who may see the file.
+        if (lpFsSession != nullptr && !lpFsSession->IsFileVisible(lpFsSession->BriefInfo()))
+            continue;
         NotifyTransferState(notice.bUpload, notice.arrFileID[i], notice.usState);
         // The server holds the whole file: the creator's upload is over. An
         // empty file's upload reports no progress, which would end it.
-        ZV_FileShareSession* lpFsSession = nullptr;
         if (notice.bUpload && notice.usState == zvFileStateComplete && m_lpConf->IsClientMode() &&
-            m_mapSession.Lookup(notice.arrFileID[i], lpFsSession) && lpFsSession != nullptr &&
-            lpFsSession->IsLocalCreator())
+            lpFsSession != nullptr && lpFsSession->IsLocalCreator())
             MarkBusy(false, notice.arrFileID[i]);
     }
     return 0;

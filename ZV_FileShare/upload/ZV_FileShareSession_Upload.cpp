@@ -35,21 +35,29 @@ constexpr uint32_t kOpenStoreFile = QB_FILE_READWRITE | QB_FILE_OPEN_ALWAYS;
 // grew gives no more than its shared length, which is all the server takes.
 // Each block is read at its own position, so no seek goes before the pass;
 // a closed file fails the first read as it would have failed the seek.
+// A block is read straight into the PDU that carries it.
 void ZV_FileShareSession::PumpUpload(ConfPduData* lpCpd)
 {
     IZV_ConfHost* lpConf = Conf();
     if (lpConf->IsServerMode() || !lpConf->IsClientMode() || m_BriefInfo.m_usFileState != zvFileStateUploading)
         return;
-    uint8_t abBlock[ZV_BLOCK_SIZE];
+    ZV_UploadRequest block;
+    block.usFileID = m_usFileID;
+    block.user = m_BriefInfo.m_CreatorID;
+    ZV_PduBuffer pdu;
     for (int i = 0; i < kBlocksPerSend; ++i)
     {
         const int64_t nLeft = (int64_t)m_BriefInfo.m_ulFileLenth - m_ulReadPos;
-        const int32_t nRead = (int32_t)std::min<int64_t>(m_File.ReadAt(m_ulReadPos, abBlock, (int32_t)ZV_BLOCK_SIZE),
+        block.ulPos = m_ulReadPos;
+        block.ulLen = ZV_BLOCK_SIZE;
+        uint8_t* pTo = pdu.PlaceData(block, ZV_BLOCK_SIZE);
+        const int32_t nRead = (int32_t)std::min<int64_t>(m_File.ReadAt(m_ulReadPos, pTo, (int32_t)ZV_BLOCK_SIZE),
                                                           std::max<int64_t>(nLeft, 0));
         if (nRead < 0 || (nRead == 0 && m_ulReadPos < m_BriefInfo.m_ulFileLenth))
             return FailLocalRead();
-        SendUploadRequest(lpCpd->ulConn, m_usFileID, &m_BriefInfo.m_CreatorID, 0, 0, (uint32_t)nRead, abBlock,
-                          m_ulReadPos);
+        block.ulLen = (uint32_t)nRead;
+        pdu.SaveAroundData(block);
+        ZV_SendToLink(lpConf, lpCpd->ulConn, PDU_CONF_FS_UPLOAD_REQUEST, pdu);
         m_ulLastIoTick = ZV_Now();
         m_ulReadPos += (uint32_t)nRead;
         if (m_ulReadPos >= m_BriefInfo.m_ulFileLenth)

@@ -24,14 +24,21 @@ struct ZV_UploadRequest : ZV_RequestHead
 
     void Save(QB_ByteStream& stream) const
     {
+        SaveHead(stream);
+        if (!bStart)
+            stream.WriteBytes(pData, (int32_t)ulLen);
+    }
+    // What comes before the data, and after it (nothing).
+    void SaveHead(QB_ByteStream& stream) const
+    {
         ZV_RequestHead::Save(stream);
         stream.WriteU8(bStart);
         if (bStart)
             return;
         stream.WriteU32(ulLen);
         stream.WriteU32(ulPos);
-        stream.WriteBytes(pData, (int32_t)ulLen);
     }
+    void SaveTail(QB_ByteStream&) const {}
     void LoadHead(QB_ByteStream& stream)
     {
         ZV_RequestHead::Load(stream);

@@ -28,6 +28,30 @@ public:
     const uint8_t* WithConfWord(uint32_t ulConfID);
     uint32_t WithConfWordLength() const { return PayloadLength() + kConfWordSize; }
 
+    // A block read from a file straight into the PDU that carries it, with
+    // no copy in between: PlaceData saves the block's head and gives where
+    // up to ulMax bytes of data go (the stream throws when they would not
+    // fit); once block.ulLen says how many are there, SaveAroundData writes
+    // the head again with that length, and the tail behind the data.
+    template <typename Block>
+    uint8_t* PlaceData(const Block& block, uint32_t ulMax)
+    {
+        m_stream.SeekTo(0);
+        block.SaveHead(m_stream);
+        const int32_t nAt = m_stream.GetPos();
+        m_stream.Skip((int32_t)ulMax);
+        m_stream.SeekTo(nAt);
+        return m_abData + kConfWordSize + nAt;
+    }
+    template <typename Block>
+    void SaveAroundData(const Block& block)
+    {
+        m_stream.SeekTo(0);
+        block.SaveHead(m_stream);
+        m_stream.Skip((int32_t)block.ulLen);
+        block.SaveTail(m_stream);
+    }
+
 private:
     static constexpr uint32_t kConfWordSize = 2;
     uint8_t m_abData[kConfWordSize + QB_PDU_BUFFER_SIZE];

@@ -232,3 +232,32 @@ TEST(ByteStream, SkipsSeeksAndReadsOnlyWithinItsLimit)
     EXPECT_EQ(count.GetPos(), 8);
     EXPECT_EQ(FailureOf([&] { count.WriteU64(1); }), QB_STREAM_SAVE_FAILURE);
 }
+
+// A view a host might hand over with no bytes behind it (a null block, a
+// negative length) is empty: the first read or write of a byte fails with
+// the stream's direction, never an assertion, and a read of nothing passes.
+TEST(ByteStream, AViewWithoutBytesBehindItIsEmpty)
+{
+    uint8_t abBuf[4] = {1, 2, 3, 4};
+    const struct
+    {
+        const char* szName;
+        void* pBuf;
+        int32_t lLen;
+        bool bLoad;
+    } kViews[] = {
+        {"null load of length 0", nullptr, 0, true},
+        {"null load of length 4", nullptr, 4, true},
+        {"load of negative length", abBuf, -1, true},
+        {"save of negative length", abBuf, -1, false},
+    };
+    for (const auto& c : kViews)
+    {
+        QB_ByteStream stream(c.pBuf, c.lLen, c.bLoad);
+        EXPECT_EQ(stream.GetLength(), 0) << c.szName;
+        const uint32_t ulFailure = c.bLoad ? QB_STREAM_LOAD_FAILURE : QB_STREAM_SAVE_FAILURE;
+        EXPECT_EQ(FailureOf([&] { c.bLoad ? (void)stream.ReadU8() : stream.WriteU8(0); }), ulFailure) << c.szName;
+        EXPECT_EQ(FailureOf([&] { stream.Skip(0); }), 0u) << c.szName;
+    }
+    EXPECT_EQ(Bytes(abBuf, abBuf + 4), (Bytes{1, 2, 3, 4}));
+}

@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -217,4 +218,144 @@ TEST(FaultEnv, FailsTheNthOperationOfEachKindOnceOrFromThenOn)
             EXPECT_EQ(outer.GetCount(op), 5) << (int)op << " " << pszWhat;
             EXPECT_EQ(inner.GetCount(op), bSticky ? 2 : 4) << (int)op << " " << pszWhat;
         }
+}
+
+namespace {
+
+// Files of one folder through a tracking double, by name; each helper
+// opens, acts and closes, as a store does between its syncs.
+struct CrashDisk
+{
+    QB_TempFolder tmp;
+    QB_FaultEnv env;
+    QB_ScopedEnv install{&env};
+
+    std::u16string W(const char* pszName) const { return Wide(tmp.SubW(pszName)); }
+    void Append(const char* pszName, const std::string& s)
+    {
+        QB_FileEx file;
+        ASSERT_TRUE(file.Open(tmp.SubW(pszName), QB_FILE_READWRITE | QB_FILE_OPEN_ALWAYS));
+        ASSERT_EQ(file.WriteAt((uint32_t)file.GetLength(), s.data(), (int32_t)s.size()), (int32_t)s.size());
+    }
+    void Replace(const char* pszName, const std::string& s)
+    {
+        QB_FileEx file;
+        ASSERT_TRUE(file.Open(tmp.SubW(pszName), QB_FILE_WRITE | QB_FILE_CREATE_ALWAYS));
+        ASSERT_EQ(file.Write(s.data(), (int32_t)s.size()), (int32_t)s.size());
+    }
+    void Cut(const char* pszName, int32_t nLength)
+    {
+        QB_FileEx file;
+        ASSERT_TRUE(file.Open(tmp.SubW(pszName), QB_FILE_READWRITE | QB_FILE_OPEN_EXISTING));
+        ASSERT_TRUE(file.Seek(nLength, QB_SEEK_BEGIN) == nLength && file.SetEnd());
+    }
+    void Sync(const char* pszName)
+    {
+        QB_FileEx file;
+        ASSERT_TRUE(file.Open(tmp.SubW(pszName), QB_FILE_READWRITE | QB_FILE_OPEN_EXISTING) && file.Sync());
+    }
+    void SyncFolder() { ASSERT_TRUE(env.FlushFolder(Wide(tmp.PathW()))); }
+    std::string Now(const char* pszName) const
+    {
+        if (!fs::exists(tmp.Sub(pszName)))
+            return "<none>";
+        const std::vector<uint8_t> vb = QB_ReadWholeFile(tmp.Sub(pszName));
+        return std::string(vb.begin(), vb.end());
+    }
+};
+
+}  // namespace
+
+// "a" holds "old" on disk when tracking begins. Names go back to their last
+// folder sync whatever the loss; bytes to their last file sync, or not.
+TEST(FaultEnv, CrashKeepsWhatWasSyncedAndUndoesTheRest)
+{
+    const struct
+    {
+        const char* pszName;
+        std::function<void(CrashDisk&)> fnAct;
+        QB_CrashLoss loss;
+        std::string sA, sB;
+    } aRows[] = {
+        {"bytes behind the last sync go",
+         [](CrashDisk& d) { d.Append("a", "12"), d.Sync("a"), d.Append("a", "34"); }, QB_CrashLoss::Dropped, "old12",
+         "<none>"},
+        {"or all reach the disk", [](CrashDisk& d) { d.Append("a", "12"), d.Sync("a"), d.Append("a", "34"); },
+         QB_CrashLoss::Kept, "old1234", "<none>"},
+        {"a file cut anew comes back", [](CrashDisk& d) { d.Replace("a", "x"); }, QB_CrashLoss::Dropped, "old",
+         "<none>"},
+        {"a cut comes back", [](CrashDisk& d) { d.Cut("a", 1); }, QB_CrashLoss::Dropped, "old", "<none>"},
+        {"a synced file goes with its unsynced name", [](CrashDisk& d) { d.Append("b", "new"), d.Sync("b"); },
+         QB_CrashLoss::Kept, "old", "<none>"},
+        {"a synced name keeps an unsynced file, empty",
+         [](CrashDisk& d) { d.Append("b", "new"), d.SyncFolder(); }, QB_CrashLoss::Dropped, "old", ""},
+        {"a rename over a file is undone",
+         [](CrashDisk& d) { d.Append("b", "new"), d.Sync("b"), d.SyncFolder(), d.env.MoveFile(d.W("b"), d.W("a")); },
+         QB_CrashLoss::Dropped, "old", "new"},
+        {"until its folder is synced",
+         [](CrashDisk& d) {
+             d.Append("b", "new"), d.Sync("b"), d.SyncFolder(), d.env.MoveFile(d.W("b"), d.W("a")), d.SyncFolder();
+         },
+         QB_CrashLoss::Dropped, "new", "<none>"},
+        {"a delete is undone", [](CrashDisk& d) { d.Append("a", "1"), d.env.DeleteFile(d.W("a")); },
+         QB_CrashLoss::Dropped, "old", "<none>"},
+    };
+    for (const auto& row : aRows)
+    {
+        SCOPED_TRACE(row.pszName);
+        CrashDisk disk;
+        QB_WriteWholeFile(disk.tmp.Sub("a"), "old");
+        disk.env.TrackDurability();
+        row.fnAct(disk);
+        disk.env.Crash(row.loss);
+        disk.env.Restart();
+        EXPECT_EQ(disk.Now("a"), row.sA);
+        EXPECT_EQ(disk.Now("b"), row.sB);
+    }
+    CrashDisk disk;
+    QB_WriteWholeFile(disk.tmp.Sub("a"), "old");
+    disk.env.TrackDurability();
+    disk.Append("a", "1234");
+    disk.env.Crash(QB_CrashLoss::Garbled);
+    const std::string sGarbled = disk.Now("a");
+    ASSERT_EQ(sGarbled.size(), 7u);
+    EXPECT_EQ(sGarbled.substr(0, 3), "old");
+    for (size_t i = 3; i < 7; ++i)
+        EXPECT_NE(sGarbled[i], "old1234"[i]) << i;
+}
+
+// The step or byte that stops the machine fails; so does everything after
+// it on the old handles, and everything at all until the restart.
+TEST(FaultEnv, StopsAtAStepOrAByteAndRefusesAllUntilRestart)
+{
+    for (bool bByByte : {false, true})
+    {
+        SCOPED_TRACE(bByByte ? "byte" : "step");
+        CrashDisk disk;
+        QB_WriteWholeFile(disk.tmp.Sub("a"), "old");
+        disk.env.TrackDurability();
+        QB_FileEx file;
+        ASSERT_TRUE(file.Open(disk.tmp.SubW("a"), QB_FILE_READWRITE | QB_FILE_OPEN_EXISTING));
+        disk.env.ResetCounts();
+        if (bByByte)
+            disk.env.CrashAtByte(5, QB_CrashLoss::Kept);
+        else
+            disk.env.CrashAtStep(3, QB_CrashLoss::Kept);
+        EXPECT_EQ(file.WriteAt(3, "abc", 3), 3);
+        EXPECT_TRUE(file.Sync());
+        EXPECT_FALSE(disk.env.HasCrashed());
+        EXPECT_EQ(file.WriteAt(6, "def", 3), -1);
+        EXPECT_TRUE(disk.env.HasCrashed());
+        EXPECT_EQ(disk.env.GetSteps(), 3);
+        char ch = 0;
+        EXPECT_EQ(file.ReadAt(0, &ch, 1), -1);
+        QB_FileEx other;
+        EXPECT_FALSE(other.Open(disk.tmp.SubW("a"), QB_FILE_READ));
+        disk.env.Restart();
+        EXPECT_EQ(file.ReadAt(0, &ch, 1), -1);
+        EXPECT_TRUE(other.Open(disk.tmp.SubW("a"), QB_FILE_READ));
+        other.Close();
+        EXPECT_TRUE(file.Close());
+        EXPECT_EQ(disk.Now("a"), bByByte ? "oldabcde" : "oldabc");
+    }
 }

@@ -41,7 +41,7 @@ endforeach()
 list(SORT LISTED)
 string(REGEX REPLACE "lib/[^;]*-linux-gnu/" "lib/" LISTED "${LISTED}")
 string(REGEX REPLACE "roomcrateTargets-[a-z]+\\.cmake" "roomcrateTargets-CONFIG.cmake" LISTED "${LISTED}")
-set(EXPECTED usr/bin/roomcrate-server
+set(EXPECTED usr/bin/roomcrate usr/bin/roomcrate-server
     usr/include/roomcrate/IZV_FileShare.h usr/include/roomcrate/QB_ByteStreamBase.h usr/include/roomcrate/QB_UserID.h
     usr/include/roomcrate/ZV_ResultText.h usr/include/roomcrate/ZV_Version.h
     usr/lib/cmake/roomcrate/roomcrateConfig.cmake usr/lib/cmake/roomcrate/roomcrateConfigVersion.cmake

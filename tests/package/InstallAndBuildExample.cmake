@@ -7,9 +7,11 @@
 # find_package(roomcrate), run to move its file, and by hand with the flags
 # of roomcrate.pc; both builds name the version of <roomcrate/ZV_Version.h>.
 # With SERVER set, roomcrate-server is there too, beside the library, and
-# runs from the prefix.
+# runs from the prefix. EXTRA_FLAGS are the compiler and linker flags the
+# module was built with that a program linking it needs as well (the
+# sanitizers, gcov counters).
 # Run as: cmake -DBUILD_DIR= -DEXAMPLE_DIR= -DWORK_DIR= -DCXX= -DOBJDUMP= -DVERSION= [-DLAUNCHER=] [-DSERVER=ON]
-#               -P InstallAndBuildExample.cmake
+#               [-DEXTRA_FLAGS=] -P InstallAndBuildExample.cmake
 function(run)
   execute_process(COMMAND ${ARGN} RESULT_VARIABLE RC OUTPUT_VARIABLE OUT ERROR_VARIABLE OUT)
   if(NOT RC EQUAL 0)
@@ -41,7 +43,7 @@ set(EXPECTED include/roomcrate/IZV_FileShare.h include/roomcrate/QB_ByteStreamBa
     lib/libroomcrate.so lib/libroomcrate.so.1 lib/libroomcrate.so.${VERSION} lib/pkgconfig/roomcrate.pc
     share/doc/roomcrate/CHANGELOG.md share/doc/roomcrate/LICENSE)
 if(SERVER)
-  list(PREPEND EXPECTED bin/roomcrate-server)
+  list(PREPEND EXPECTED bin/roomcrate bin/roomcrate-server)
   list(APPEND EXPECTED share/roomcrate/roomcrate-server.service share/roomcrate/roomcrate-server.toml)
 endif()
 if(NOT INSTALLED STREQUAL EXPECTED)
@@ -52,7 +54,7 @@ file(GLOB_RECURSE LIBRARY ${PREFIX}/libroomcrate.so.${VERSION})
 set(BINARIES ${LIBRARY})
 if(SERVER)
   run(${PREFIX}/bin/roomcrate-server --version)
-  list(APPEND BINARIES ${PREFIX}/bin/roomcrate-server)
+  list(APPEND BINARIES ${PREFIX}/bin/roomcrate-server ${PREFIX}/bin/roomcrate)
 endif()
 foreach(BINARY IN LISTS BINARIES)
   run(${OBJDUMP} -h ${BINARY})
@@ -71,7 +73,7 @@ if(LAUNCHER)
   set(LAUNCH -DCMAKE_CXX_COMPILER_LAUNCHER=${LAUNCHER})
 endif()
 run(${CMAKE_COMMAND} -S ${EXAMPLE_DIR} -B ${WORK_DIR}/build -DCMAKE_PREFIX_PATH=${PREFIX} -DCMAKE_CXX_COMPILER=${CXX}
-    ${LAUNCH})
+    "-DCMAKE_CXX_FLAGS=${EXTRA_FLAGS}" "-DCMAKE_EXE_LINKER_FLAGS=${EXTRA_FLAGS}" ${LAUNCH})
 run(${CMAKE_COMMAND} --build ${WORK_DIR}/build)
 run(${WORK_DIR}/build/minimal_host)
 expect("the example built from the install" "${OUT}" "identical")
@@ -91,7 +93,8 @@ if(NOT CFLAGS MATCHES "^-I[^ ]+$" OR NOT PC_INCLUDE STREQUAL "${PREFIX}/include"
 endif()
 run(pkg-config --cflags --libs roomcrate)
 separate_arguments(PC_FLAGS UNIX_COMMAND "${OUT}")
-run(${CXX} -std=c++17 ${EXAMPLE_DIR}/minimal_host.cpp ${PC_FLAGS} -o ${WORK_DIR}/minimal_host_pc)
+separate_arguments(HOST_FLAGS UNIX_COMMAND "${EXTRA_FLAGS}")
+run(${CXX} -std=c++17 ${HOST_FLAGS} ${EXAMPLE_DIR}/minimal_host.cpp ${PC_FLAGS} -o ${WORK_DIR}/minimal_host_pc)
 run(${CMAKE_COMMAND} -E env LD_LIBRARY_PATH=${LIBRARY_DIR} ${WORK_DIR}/minimal_host_pc --help)
 expect("the example built with roomcrate.pc" "${OUT}" "roomcrate ${VERSION}")
 file(REMOVE_RECURSE ${WORK_DIR})

@@ -1,4 +1,6 @@
 #include "ZV_RandomScenario.h"
+#include "ZV_UserView.h"
+#include "wire/ZV_PduTable.h"
 
 #include "ZV_SimBuilder.h"
 #include "ZV_SimMachine.h"
@@ -22,8 +24,9 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr uint32_t kConfID = ZV_SimBuilder::kConfID;
-// FileIDs of server n run from 1000 * (n - 1) + 1.
+// FileIDs of server n run from FileIDsPerServer() * (n - 1) + 1.
 constexpr uint16_t kFileIDsPerServer = 1000;
+constexpr uint16_t kFewFileIDsPerServer = 3;
 // Sizes around the block, so that ends of blocks and of PDUs are met.
 constexpr uint32_t kSizes[] = {0, 1, 1000, 32767, 32768, 32769, 65543, 98304, 98305, 150000, 250007};
 
@@ -62,6 +65,8 @@ void ForEachSession(ZV_SimHost* lpNode, const std::function<void(uint16_t, ZV_Fi
 struct ZV_RandomScenario::Client
 {
     ZV_SimHost* lpNode = nullptr;
+    ZV_SimHost* lpHome = nullptr;
+    std::unique_ptr<ZV_UserView> lpView;
     std::string sName;
     std::string sSources;
     std::string sDownloads;
@@ -96,7 +101,8 @@ std::string ZV_RandomReport::Describe() const
         out << "  " << sProblem << "\n";
     if (!Passed())
     {
-        out << "replay: random_scenarios --seed " << ulSeed << " --steps " << nSteps << " --verbose\n";
+        out << "replay: random_scenarios --seed " << ulSeed << " --steps " << nSteps
+            << (bSmallFileIDs ? " --few-ids" : "") << " --verbose\n";
         out << "steps:\n" << sSteps << "journal tail:\n" << sJournalTail;
     }
     return out.str();
@@ -108,9 +114,16 @@ ZV_RandomScenario::ZV_RandomScenario(ZV_RandomOptions options) : m_options(std::
 
 ZV_RandomScenario::~ZV_RandomScenario() = default;
 
+uint16_t ZV_RandomScenario::FileIDsPerServer() const
+{
+    return m_options.bSmallFileIDs ? kFewFileIDsPerServer : kFileIDsPerServer;
+}
+
 uint32_t ZV_RandomScenario::Random(uint32_t ulBelow)
 {
-    return ulBelow == 0 ? 0 : (uint32_t)(m_rng() % ulBelow);
+    if (ulBelow == 0)
+        return 0;
+    return m_options.fnDraw ? m_options.fnDraw(ulBelow) % ulBelow : (uint32_t)(m_rng() % ulBelow);
 }
 
 bool ZV_RandomScenario::Chance(uint32_t ulPercent)
@@ -134,10 +147,14 @@ ZV_RandomReport ZV_RandomScenario::Run()
     ZV_RandomReport report;
     report.ulSeed = m_options.ulSeed;
     report.nSteps = m_options.nSteps;
+    report.bSmallFileIDs = m_options.bSmallFileIDs;
     if (Build())
     {
         for (int i = 0; i < m_options.nSteps && m_vecProblems.empty(); ++i)
             TakeStep();
+        // The disk mends before the conference settles.
+        if (m_lpSim)
+            m_lpSim->GetEnv().ClearFaults();
         if (m_vecProblems.empty())
             Settle();
         if (m_vecProblems.empty())
@@ -148,6 +165,7 @@ ZV_RandomReport ZV_RandomScenario::Run()
             CheckWrites();
             CheckIdle();
             CheckFlags();
+            CheckViews();
         }
     }
     report.vecProblems = m_vecProblems;
@@ -174,8 +192,8 @@ bool ZV_RandomScenario::Build()
     m_lpSim = std::make_unique<ZV_SimConference>(ZV_SimModuleApi::Linked(), options);
     m_nServers = 2 + (int)Random(2);
     for (int n = 1; n <= m_nServers; ++n)
-        m_lpSim->SetFileIDRange((uint32_t)n, (uint16_t)((n - 1) * kFileIDsPerServer + 1),
-                                (uint16_t)(n * kFileIDsPerServer));
+        m_lpSim->SetFileIDRange((uint32_t)n, (uint16_t)((n - 1) * FileIDsPerServer() + 1),
+                                (uint16_t)(n * FileIDsPerServer()));
     const ZV_SimShape shape = ZV_SimBuilder::ServersInALine(*m_lpSim, m_nServers, 0);
     if (!shape.IsComplete())
     {
@@ -189,7 +207,11 @@ bool ZV_RandomScenario::Build()
             auto lpClient = std::make_unique<Client>();
             const ZV_SimUser user = ZV_SimBuilder::MakeUser((uint32_t)n, i);
             lpClient->lpNode = m_lpSim->AddClient(kConfID, user);
+            lpClient->lpHome = m_vecServers[n - 1];
             lpClient->sName = "u" + std::to_string(user.id.m_ulMain);
+            if (lpClient->lpNode)
+                lpClient->lpView = std::make_unique<ZV_UserView>(lpClient->lpNode, m_lpSim->Journal(), lpClient->sName,
+                                                                 [this](const std::string& s) { Problem(s); });
             lpClient->sSources = m_options.sRoot + "/src/" + lpClient->sName;
             lpClient->sDownloads = m_options.sRoot + "/dl/" + lpClient->sName;
             if (!lpClient->lpNode)
@@ -223,15 +245,20 @@ void ZV_RandomScenario::Deliver()
 void ZV_RandomScenario::TakeStep()
 {
     using Fn = void (ZV_RandomScenario::*)();
-    static const std::pair<uint32_t, Fn> aSteps[] = {
-        {14, &ZV_RandomScenario::StepShare},
+    // With few FileIDs, shares and deletes come more often, so that numbers
+    // run out, free up and are given out again in every run.
+    const bool bFew = m_options.bSmallFileIDs;
+    const uint32_t ulShares = bFew ? 22 : 14;
+    const uint32_t ulDeletes = bFew ? 16 : 5;
+    std::vector<std::pair<uint32_t, Fn>> aSteps = {
+        {ulShares, &ZV_RandomScenario::StepShare},
         {4, &ZV_RandomScenario::StepShareBatch},
         {4, &ZV_RandomScenario::StepUpload},
         {18, &ZV_RandomScenario::StepDownload},
         {8, &ZV_RandomScenario::StepStopOrResumeDownload},
         {5, &ZV_RandomScenario::StepStopOrResumeUpload},
         {6, &ZV_RandomScenario::StepRights},
-        {5, &ZV_RandomScenario::StepDelete},
+        {ulDeletes, &ZV_RandomScenario::StepDelete},
         {3, &ZV_RandomScenario::StepDropDownload},
         {10, &ZV_RandomScenario::StepCutOrRestore},
         {6, &ZV_RandomScenario::StepLeaveOrRejoin},
@@ -240,6 +267,11 @@ void ZV_RandomScenario::TakeStep()
         {2, &ZV_RandomScenario::StepRole},
         {8, &ZV_RandomScenario::StepTime},
     };
+    if (m_options.fnDraw)
+    {
+        aSteps.push_back({8, &ZV_RandomScenario::StepHostilePdu});
+        aSteps.push_back({3, &ZV_RandomScenario::StepFileFault});
+    }
     uint32_t ulTotal = 0;
     for (const auto& step : aSteps)
         ulTotal += step.first;
@@ -535,6 +567,7 @@ void ZV_RandomScenario::StepRestartClient()
     Client& client = AnyClient();
     if (!IsPresent(client))
         return;
+    client.lpView->Forget();
     if (!m_lpSim->RestartClient(client.lpNode))
         Problem(client.sName + " could not restart: " + m_lpSim->GetError());
     Note(client.sName + " restarts");
@@ -632,7 +665,7 @@ void ZV_RandomScenario::CheckCatalogues()
     {
         ZV_SimHost* lpServer = m_vecServers[n - 1];
         ZV_FileCatalog& catalog = ZV_FileShareMgrPeer::Catalog(*Manager(lpServer));
-        for (uint32_t ulFileID = 1; ulFileID <= (uint32_t)m_nServers * kFileIDsPerServer; ++ulFileID)
+        for (uint32_t ulFileID = 1; ulFileID <= (uint32_t)m_nServers * FileIDsPerServer(); ++ulFileID)
         {
             ZV_FileUploadInfo row;
             QB_StringW sSection;
@@ -794,7 +827,8 @@ std::string ZV_RandomScenario::DescribeServers(uint16_t usFileID)
 bool ZV_RandomScenario::IsNodeFile(const std::vector<std::string>& vecPart) const
 {
     if (vecPart.size() == 3)
-        return vecPart[2] == "confsrv.ini" || vecPart[2] == "fsinfo.ini" || vecPart[2] == "fsshared.ini";
+        return vecPart[2] == "confsrv.ini" || vecPart[2].rfind("fsinfo.ini", 0) == 0 ||
+               vecPart[2].rfind("fsshared.ini", 0) == 0;
     if (vecPart.size() >= 4 && vecPart[2] == "log")
         return true;
     const bool bServer = vecPart[1].rfind("srv", 0) == 0;
@@ -836,4 +870,89 @@ void ZV_RandomScenario::CheckFlags()
             Problem("PDU " + std::to_string(entry.usNumber) + " from " + entry.sNode + " to " + entry.sPeer +
                     " sent with flags " + std::to_string(flags.first) + ", " + std::to_string(flags.second));
     }
+}
+
+// Once settled, each user side holds what its server holds for the user:
+// the files the user may see, by name, length and state. One state may
+// differ: a creator's client keeps its own state of its own file over the
+// one a list brings unless its own says complete (it may be uploading or
+// stopped while the server has yet to hear), and so tells its user; there
+// the user must have been told the client's own state.
+void ZV_RandomScenario::CheckViews()
+{
+    for (const auto& lpClient : m_vecClients)
+    {
+        const QB_UserID user = lpClient->lpNode->GetUserID();
+        const bool bPrivileged = lpClient->lpNode->GetUserRecord().usRole == zvUserRolePrivileged;
+        std::map<uint16_t, ZV_ToldFile> mapHeld;
+        ForEachSession(lpClient->lpHome, [&](uint16_t usFileID, ZV_FileShareSession& session) {
+            const ZV_FileBriefInfo& brief = session.FileInfo().m_BriefInfo;
+            if (brief.m_bPublic || brief.m_arrRight.Find(user) >= 0 || brief.m_CreatorID == user || bPrivileged)
+                mapHeld[usFileID] = {Narrow(brief.m_sFileOldName), brief.m_ulFileLenth, brief.m_usFileState};
+        });
+        const std::map<uint16_t, ZV_ToldFile>& mapTold = lpClient->lpView->Files();
+        for (auto& [usFileID, held] : mapHeld)
+        {
+            auto it = mapTold.find(usFileID);
+            ZV_FileShareSession* lpOwn = ZV_FileShareMgrPeer::Find(*Manager(lpClient->lpNode), usFileID);
+            if (it != mapTold.end() && lpOwn != nullptr && lpOwn->BriefInfo().m_CreatorID == user &&
+                lpOwn->BriefInfo().m_usFileState != zvFileStateComplete &&
+                it->second.usState == lpOwn->BriefInfo().m_usFileState)
+                held.usState = it->second.usState;
+            if (it == mapTold.end())
+                Problem(lpClient->sName + " was never told of " + std::to_string(usFileID) + " (" + held.sName + ")" +
+                        Describe(*lpClient, usFileID) + DescribeServers(usFileID));
+            else if (it->second.sName != held.sName || it->second.ulLength != held.ulLength ||
+                     it->second.usState != held.usState)
+                Problem(lpClient->sName + " was told " + std::to_string(usFileID) + " is " + it->second.sName + ", " +
+                        std::to_string(it->second.ulLength) + " bytes, state " + std::to_string(it->second.usState) +
+                        "; its server holds " + held.sName + ", " + std::to_string(held.ulLength) + " bytes, state " +
+                        std::to_string(held.usState) + "; told by" + it->second.sHistory + Describe(*lpClient, usFileID) +
+                        DescribeServers(usFileID));
+        }
+        for (const auto& [usFileID, told] : mapTold)
+            if (!mapHeld.count(usFileID))
+                Problem(lpClient->sName + " was told of " + std::to_string(usFileID) + " (" + told.sName +
+                        "), which its server does not hold for it" + Describe(*lpClient, usFileID) +
+                        DescribeServers(usFileID));
+    }
+}
+
+// A client sends its server a PDU of any number the table knows, or none,
+// with any payload, on either of its links: its server takes it only in
+// the name of the link's user, so that whatever it does the others see as
+// that user's doing, and every check still holds.
+void ZV_RandomScenario::StepHostilePdu()
+{
+    Client& client = AnyClient();
+    if (!IsPresent(client))
+        return;
+    const uint32_t ulRow = Random((uint32_t)std::size(kPduTable) + 1);
+    const uint16_t usPdu = ulRow < std::size(kPduTable) ? kPduTable[ulRow].usPdu : (uint16_t)Random(65536);
+    const uint16_t usConnType = Chance(50) ? zvConfClientTypeCommand : zvConfClientTypeData;
+    std::vector<uint8_t> vbPayload(Random(Chance(10) ? 70000 : 120));
+    for (uint8_t& b : vbPayload)
+        b = (uint8_t)Random(256);
+    const uint32_t ulConn = client.lpHome->GetUserConn(&client.lpNode->GetUserID(), usConnType);
+    if (ulConn == zvConnNone)
+        return;
+    client.lpHome->DeliverPdu(*client.lpNode->GetMachine(), ulConn, usConnType, usPdu, vbPayload.data(),
+                              (uint32_t)vbPayload.size());
+    Note(client.sName + " sends its server " + std::to_string(usPdu) + " of " + std::to_string(vbPayload.size()) +
+         " bytes");
+    Deliver();
+}
+
+// The next file operation of a kind fails, once or for good until the
+// next such step.
+void ZV_RandomScenario::StepFileFault()
+{
+    QB_FaultEnv& env = m_lpSim->GetEnv();
+    env.ClearFaults();
+    if (Chance(30))
+        return Note("file operations succeed");
+    const auto op = (QB_EnvOp)Random((uint32_t)QB_EnvOp::Count_);
+    const int nNth = 1 + (int)Random(20);
+    env.FailAt(op, nNth, Chance(20));
+    Note("file operation " + std::to_string((int)op) + " fails at the " + std::to_string(nNth) + "th");
 }

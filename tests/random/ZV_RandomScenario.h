@@ -14,8 +14,14 @@
 // - nothing was written outside a storage folder or a path a user asked to
 //   download to;
 // - no client is left busy.
+// - every user side was told only of files its user may have, and once the
+//   conference has settled what it was told is what its server holds for
+//   that user (ZV_UserView).
 //
-// The same seed and step count give the same run.
+// The same seed and step count give the same run. With small FileID
+// ranges a server soon runs out of numbers, so that deletes, the reuse of
+// a freed number and two servers' different files under one number come
+// up in every run.
 #pragma once
 
 #include "ZV_SimConference.h"
@@ -24,6 +30,7 @@
 #include <memory>
 #include <random>
 #include <set>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -35,12 +42,20 @@ struct ZV_RandomOptions
     std::string sRoot;
     // Keep the whole journal, and report all of it and every step.
     bool bWholeJournal = false;
+    // A handful of FileIDs per server instead of a thousand.
+    bool bSmallFileIDs = false;
+    // Draws a number below its bound in place of the seeded generator, so
+    // that a fuzzer's input steers the run. Such a run also has a client
+    // send its server PDUs of any number and payload, and file operations
+    // fail.
+    std::function<uint32_t(uint32_t)> fnDraw;
 };
 
 struct ZV_RandomReport
 {
     uint32_t ulSeed = 0;
     int nSteps = 0;
+    bool bSmallFileIDs = false;
     std::vector<std::string> vecProblems;
     // The steps as taken, one a line, and the last of the journal.
     std::string sSteps;
@@ -99,6 +114,9 @@ private:
     void CheckWrites();
     void CheckIdle();
     void CheckFlags();
+    void CheckViews();
+    void StepHostilePdu();
+    void StepFileFault();
     std::string Describe(const Client& client, uint16_t usFileID);
     std::string DescribeServers(uint16_t usFileID);
     bool IsNodeFile(const std::vector<std::string>& vecPart) const;
@@ -115,6 +133,7 @@ private:
     std::vector<ZV_SimLink*> ServerLinks() const;
     const Share* FindShare(const std::string& sName) const;
     void CollectDeletes();
+    uint16_t FileIDsPerServer() const;
     uint32_t Random(uint32_t ulBelow);
     bool Chance(uint32_t ulPercent);
 

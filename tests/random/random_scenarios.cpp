@@ -23,11 +23,13 @@ int main(int argc, char** argv)
     int nSteps = 60;
     bool bVerbose = false;
     bool bJournal = false;
+    bool bSmall = false;
     app.add_option("--seed", ulSeed, "first seed");
     app.add_option("--count", nCount, "how many seeds, from the first on")->check(CLI::PositiveNumber);
     app.add_option("--steps", nSteps, "random steps of each run")->check(CLI::PositiveNumber);
     app.add_flag("--verbose", bVerbose, "the whole report of every seed, passed or not");
     app.add_flag("--journal", bJournal, "every step and the whole journal in a failing seed's report");
+    app.add_flag("--few-ids", bSmall, "a handful of FileIDs per server, so that numbers are freed and reused");
     CLI11_PARSE(app, argc, argv);
 
     const fs::path root = fs::temp_directory_path() / ("roomcrate-random-" + std::to_string(::getpid()));
@@ -42,6 +44,7 @@ int main(int argc, char** argv)
         options.nSteps = nSteps;
         options.sRoot = folder.string();
         options.bWholeJournal = bJournal;
+        options.bSmallFileIDs = bSmall;
         const ZV_RandomReport report = ZV_RandomScenario(options).Run();
         if (!report.Passed() || bVerbose)
             std::cout << report.Describe() << std::flush;

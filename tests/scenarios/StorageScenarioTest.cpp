@@ -4,6 +4,7 @@
 #include "ZV_SceneFixture.h"
 
 #include <algorithm>
+#include <set>
 
 using StorageScene = ZV_Scene;
 
@@ -58,4 +59,11 @@ TEST_F(StorageScene, StoresUnderThePathOfConfsrvIniOrBesideItWhenTheFileNamesNon
     lpServer->Stop(api);
     ASSERT_TRUE(lpServer->Start(api));
     EXPECT_EQ(zvResultNoConfig, lpServer->GetInitializeResult());
+    // Such a server has no storage folder: it refuses to store, and writes
+    // nothing in the folder the process runs in.
+    const auto setBefore = std::set<std::filesystem::directory_entry>(std::filesystem::directory_iterator("."), {});
+    StartShare("homeless.bin", ZV_RandomBytes(100, 9));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    EXPECT_EQ(zvResultCannotOpen, ZV_ResultOf(Events(Alice(), zvFsEventFileAdded).back()));
+    EXPECT_EQ(setBefore, std::set<std::filesystem::directory_entry>(std::filesystem::directory_iterator("."), {}));
 }

@@ -54,10 +54,12 @@ TEST_F(UploadScene, AFailedCatalogueSaveRefusesTheAddOrIsMadeGoodOnTheTimer)
     EXPECT_EQ(1, std::distance(std::filesystem::directory_iterator(sStore), {}));
 
     const uint16_t usThird = Share("third.bin", data, false);
-    // The first block's save goes out, the last one's does not.
-    sim.GetEnv().FailAt(QB_EnvOp::Rename, 2);
+    // The first block's save goes out; the last one's reaches neither the
+    // journal nor the whole file.
+    sim.GetEnv().FailAt(QB_EnvOp::Write, 3, true);
     EXPECT_EQ(0u, Fs(Alice())->FsUpload(usThird));
     ASSERT_TRUE(sim.Run()) << sim.GetError();
+    sim.GetEnv().ClearFaults();
     auto OnDisk = [&](uint16_t usFileID) {
         ZV_SimHost::PointHome(shape.Server()->GetHome());
         ZV_FileCatalog catalog;

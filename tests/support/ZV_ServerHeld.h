@@ -45,6 +45,9 @@ inline std::string ZV_ServerHeld(ZV_FileShareMgr& mgr, const std::string& sStore
                                                                 : std::vector<uint8_t>();
         s += "\n" + entry.path().string() + " " + std::string(vb.begin(), vb.end());
     }
+    // A save goes to the catalogue's journal first.
     const std::vector<uint8_t> vbCatalog = QB_ReadWholeFile(sCatalog);
-    return s + "\ncatalogue " + std::string(vbCatalog.begin(), vbCatalog.end());
+    const std::vector<uint8_t> vbJournal = QB_ReadWholeFile(sCatalog + ".journal");
+    return s + "\ncatalogue " + std::string(vbCatalog.begin(), vbCatalog.end()) + "\njournal " +
+           std::string(vbJournal.begin(), vbJournal.end());
 }

@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
+
 namespace {
 
 struct ManagerFixture : public ::testing::Test
@@ -100,6 +102,66 @@ TEST(FileIDAllocation, GivesFreeIDsOfTheRangeFromTheNextOneOnWrappingOnceThenNon
         ASSERT_TRUE(ZV_FileShareMgrPeer::Sessions(mgr).Lookup(c.vecExpected[0], lpReserved));
         EXPECT_EQ(nullptr, lpReserved) << "a fresh FileID is reserved without a session";
     }
+}
+
+// The user side may call before the host has given the manager its
+// conference, and so may the host itself; the user side also calls beside the host's thread while an add holds a FileID
+// reserved: each call is refused with its code, never an assertion or a
+// null host.
+TEST(UserCalls, WithoutAHostUserAndHostCallsGive32AndOnAReservedFileIDGive83)
+{
+    ZV_RecordingHost host;
+    ZV_FileShareMgr mgr;
+    const uint16_t usFileID = 6;
+    const char16_t szPath[] = u"/nowhere/x.bin";
+    const char16_t* apszNames[] = {u"x.bin"};
+    ZV_FsFileInfo info{};
+    // The two adds name no FileID.
+    const std::pair<const char*, std::function<uint32_t()>> aAdds[] = {
+        {"FsAdd", [&] { return mgr.FsAdd(szPath, nullptr, 0, 1, 0); }},
+        {"FsFilesAdd", [&] { return mgr.FsFilesAdd(u"/nowhere/", apszNames, 1, nullptr, 0, 1, 0); }},
+    };
+    const std::pair<const char*, std::function<uint32_t()>> aCalls[] = {
+        {"FsSetRight", [&] { return mgr.FsSetRight(usFileID, 1, nullptr, 0, nullptr, 0); }},
+        {"FsSetFilesRight", [&] { return mgr.FsSetFilesRight(&usFileID, 1, 1, nullptr, 0, nullptr, 0); }},
+        {"FsUpload", [&] { return mgr.FsUpload(usFileID); }},
+        {"FsDelUpload", [&] { return mgr.FsDelUpload(usFileID); }},
+        {"FsDelDownload", [&] { return mgr.FsDelDownload(usFileID, 1); }},
+        {"FsDownload", [&] { return mgr.FsDownload(usFileID, szPath); }},
+        {"FsStopDownload", [&] { return mgr.FsStopDownload(usFileID); }},
+        {"FsResumeDownload", [&] { return mgr.FsResumeDownload(usFileID); }},
+        {"FsStopUpload", [&] { return mgr.FsStopUpload(usFileID); }},
+        {"FsResumeUpload", [&] { return mgr.FsResumeUpload(usFileID); }},
+        {"FsGetFileInfoByFileID", [&] { return mgr.FsGetFileInfoByFileID(usFileID, &info); }},
+    };
+    // So may a host that has not given it yet.
+    const uint8_t abPayload[] = {6, 0, 0, 0};
+    ConfPduData cpd{};
+    cpd.usPdu = PDU_CONF_FS_UPLOAD_REQUEST;
+    cpd.ulLen = sizeof(abPayload);
+    cpd.pData = abPayload;
+    const QB_UserID peer(1, 2);
+    const std::pair<const char*, std::function<uint32_t()>> aHostCalls[] = {
+        {"Initialize", [&] { return mgr.Initialize(); }},
+        {"CleanData", [&] { return mgr.CleanData(); }},
+        {"HandlePdu", [&] { return mgr.HandlePdu(&cpd); }},
+        {"OnConnect", [&] { return mgr.OnConnect(&peer, 1, zvConfClientTypeCommand, 0); }},
+        {"OnDisconnect", [&] { return mgr.OnDisconnect(&peer, 1, zvConfClientTypeCommand, 0); }},
+        {"OnEvent", [&] { return mgr.OnEvent(4, 0, (uintptr_t)&peer, 0, 0); }},
+        {"OnTimer", [&] { return mgr.OnTimer(5), zvResultNoHost; }},
+    };
+    for (const auto& [szName, fnCall] : aAdds)
+        EXPECT_EQ(zvResultNoHost, fnCall()) << szName;
+    for (const auto& [szName, fnCall] : aCalls)
+        EXPECT_EQ(zvResultNoHost, fnCall()) << szName;
+    for (const auto& [szName, fnCall] : aHostCalls)
+        EXPECT_EQ(zvResultNoHost, fnCall()) << szName;
+
+    host.Attach(&mgr);
+    ZV_FileShareMgrPeer::Sessions(mgr).SetAt(usFileID, nullptr);
+    for (const auto& [szName, fnCall] : aCalls)
+        EXPECT_EQ(zvResultReservedFile, fnCall()) << szName;
+    EXPECT_TRUE(host.m_vecSent.empty());
 }
 
 using LinkStates = ManagerFixture;

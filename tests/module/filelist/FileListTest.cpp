@@ -181,9 +181,10 @@ TEST_F(FileList, TakesAPeersNewFilesOnceFetchesWhatItLacksAndSavesThemInOneWrite
     part.arrState.Add(false);
     part.arrMaxPos.Add(5000);
     part.arrMaxPos.Add(3000);
-    const int nRenames = env.GetCount(QB_EnvOp::Rename);
+    // One write: a record appended to the catalogue's journal.
+    const int nWrites = env.GetCount(QB_EnvOp::Write);
     Take(part);
-    EXPECT_EQ(nRenames + 1, env.GetCount(QB_EnvOp::Rename)) << "one catalogue write";
+    EXPECT_EQ(nWrites + 1, env.GetCount(QB_EnvOp::Write)) << "one catalogue write";
     for (uint16_t usFileID : {1001, 1002})
     {
         ZV_FileUploadInfo row;
@@ -204,7 +205,7 @@ TEST_F(FileList, TakesAPeersNewFilesOnceFetchesWhatItLacksAndSavesThemInOneWrite
     part.arrMaxPos[0] = 100;
     Take(part);
     EXPECT_TRUE(node.host.m_vecSent.empty());
-    EXPECT_EQ(nRenames + 1, env.GetCount(QB_EnvOp::Rename));
+    EXPECT_EQ(nWrites + 1, env.GetCount(QB_EnvOp::Write));
     // After a lost server link the list is set against what this server
     // holds once: the creator's server tells where each upload stands.
     node.host.AddUser(QB_UserID(20001, 0), kSelf.m_ulMain, "Ann");

@@ -16,6 +16,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <filesystem>
 #include <functional>
@@ -153,6 +154,24 @@ struct SessionLists : ::testing::Test
         return ::testing::AssertionFailure() << nFound << " data requests for " << usFileID;
     return ::testing::AssertionSuccess();
 }
+
+// Names every file opened through it.
+class OpenLog : public QB_FaultEnv
+{
+public:
+    QB_FileHandle OpenFile(const std::u16string& sPath, uint32_t ulMode) override
+    {
+        m_vecOpened.push_back(QB_StringU8(QB_StringW(sPath.data(), (int)sPath.size())).GetString());
+        return QB_FaultEnv::OpenFile(sPath, ulMode);
+    }
+    int Opened(const std::string& sTail) const
+    {
+        return (int)std::count_if(m_vecOpened.begin(), m_vecOpened.end(), [&](const std::string& s) {
+            return s.size() >= sTail.size() && s.compare(s.size() - sTail.size(), sTail.size(), sTail) == 0;
+        });
+    }
+    std::vector<std::string> m_vecOpened;
+};
 
 } // namespace
 
@@ -572,8 +591,13 @@ TEST_F(SessionLists, AClientTakesItsListedDownloadsAsItsDiskAndItsStopsSay)
             QB_WriteWholeFile(node.tmp.Sub("dl/" + sName), ZV_TestBytes(file.nOnDisk, file.usFileID));
         list.arrModify.Add(false);
     }
-    Deliver(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE, ZV_SavePayload(list), kBob);
-    EXPECT_EQ(0u, QB_OpenHandlesTo(node.tmp.Sub("dl/5.bin"))) << "a finished download leaves its file closed";
+    OpenLog env;
+    {
+        QB_ScopedEnv install(&env);
+        Deliver(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE, ZV_SavePayload(list), kBob);
+    }
+    EXPECT_EQ(0, env.Opened("\\5.bin")) << "a finished download whole on disk is measured, not opened";
+    EXPECT_GT(env.Opened("\\8.bin"), 0) << "one that will be written is opened";
     EXPECT_EQ(1u, QB_OpenHandlesTo(node.tmp.Sub("dl/8.bin"))) << "a running one holds its own";
 
     std::map<uint16_t, std::pair<uint32_t, double>> mapState;

@@ -78,8 +78,9 @@ TEST_F(ShareLedger, ADamagedRecordCountsAsEmptyAndAFailedSaveHoldsForThisRunOnly
         EXPECT_TRUE(ledger.Remember(7, Shared(), kMark));
         EXPECT_TRUE(ZV_ShareLedger().Holds(7, Shared()));
     }
+    // Nothing reaches the disk: neither the journal nor the whole file.
     ZV_ShareLedger ledger;
-    m_env.FailAt(QB_EnvOp::Sync, 1, true);
+    m_env.FailAt(QB_EnvOp::Write, 1, true);
     EXPECT_FALSE(ledger.Remember(7, Shared("new.txt"), kMark));
     m_env.ClearFaults();
     EXPECT_TRUE(ledger.Holds(7, Shared("new.txt")));

@@ -1,0 +1,309 @@
+// The roomcrate client's parts that need no server: reading events at the
+// host guide's offsets, settings and their order, which file a word means,
+// the name a fetched file lands under, shell lines.
+#include "ZV_CliCatalog.h"
+#include "ZV_CliOutput.h"
+#include "ZV_CliSettings.h"
+#include "ZV_CliShell.h"
+
+#include "QB_TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <fstream>
+
+namespace {
+
+struct Bytes
+{
+    std::vector<uint8_t> vb;
+    Bytes& U8(uint8_t b) { return vb.push_back(b), *this; }
+    Bytes& U16(uint16_t us) { return U8((uint8_t)us).U8((uint8_t)(us >> 8)); }
+    Bytes& U32(uint32_t ul) { return U16((uint16_t)ul).U16((uint16_t)(ul >> 16)); }
+    Bytes& F64(double d)
+    {
+        uint8_t ab[8];
+        std::memcpy(ab, &d, 8);
+        vb.insert(vb.end(), ab, ab + 8);
+        return *this;
+    }
+    Bytes& Text(const std::string& s) { return U8((uint8_t)s.size()), vb.insert(vb.end(), s.begin(), s.end()), *this; }
+    // A delimited record of these fields under this mask, the mask as a
+    // word of two bytes.
+    Bytes& Record(uint16_t usMask, const Bytes& fields)
+    {
+        U32((uint32_t)(4 + 2 + fields.vb.size())).U16((uint16_t)(usMask << 2 | 1));
+        vb.insert(vb.end(), fields.vb.begin(), fields.vb.end());
+        return *this;
+    }
+};
+
+// A brief record of a file's name, length and rights.
+Bytes Brief(const std::string& sName, std::vector<uint32_t> vecAllowed, bool bPublic)
+{
+    Bytes fields;
+    fields.Text(sName).U32(1234).U8((uint8_t)vecAllowed.size());
+    for (uint32_t ulUser : vecAllowed)
+        fields.U32(ulUser).U32(0);
+    fields.U8(bPublic ? 1 : 0);
+    return Bytes().Record(1 << 3 | 1 << 5 | 1 << 9 | 1 << 10, fields);
+}
+
+Bytes Head(uint16_t usEvent, uint32_t ulResult, uint16_t usFileID)
+{
+    return Bytes().U16(usEvent).U32(ulResult).U16(usFileID);
+}
+
+Bytes operator+(Bytes a, const Bytes& b)
+{
+    a.vb.insert(a.vb.end(), b.vb.begin(), b.vb.end());
+    return a;
+}
+
+}  // namespace
+
+TEST(CliEvents, EachEventLeavesTheCatalogAsItsBytesSay)
+{
+    const Bytes kDownload = Bytes().Record(1 << 0 | 1 << 1 | 1 << 3,
+                                           Bytes().U16(7).Text("/home/bob/in\\").Text("a(1).bin"));
+    struct Row
+    {
+        const char* szName;
+        std::vector<std::pair<uint16_t, Bytes>> vecEvents;  // applied in order, the first as a joining list
+        uint16_t usFileID;
+        bool bKnown;
+        double dServer;
+        bool bPublic;
+        std::vector<uint32_t> vecAllowed;
+        ZV_CliDownload eDownload;
+        std::string sTarget;
+    } aRows[] = {
+        {"an added file, kept to two users", {{3000, Head(3000, 0, 7) + Brief("a.bin", {10002, 10003}, false) + Bytes().F64(40)}},
+         7, true, 40, false, {10002, 10003}, ZV_CliDownload::None, ""},
+        {"a refused add names no file", {{3000, Head(3000, 40, 7) + Brief("a.bin", {}, true) + Bytes().F64(0)}},
+         7, false, 0, true, {}, ZV_CliDownload::None, ""},
+        {"a joining list counts hundredths of a percent",
+         {{3013, Bytes().U16(3013).U32(0).U8(2).U16(7).U16(9).U8(2) + Brief("a", {}, true) + Brief("b", {5}, false) +
+                     Bytes().U8(2).F64(2500).F64(10000)}},
+         9, true, 100, false, {5}, ZV_CliDownload::None, ""},
+        {"rights change, then the server holds more",
+         {{3000, Head(3000, 0, 7) + Brief("a", {}, true) + Bytes().F64(10)},
+          {3003, Head(3003, 0, 7) + Brief("a", {10003}, false) + Bytes().F64(20)},
+          {3008, Head(3008, 0, 7) + Bytes().F64(60)}},
+         7, true, 60, false, {10003}, ZV_CliDownload::None, ""},
+        {"a download under way, with its target in Windows form",
+         {{3000, Head(3000, 0, 7) + Brief("a", {}, true) + Bytes().F64(100)},
+          {3002, Head(3002, 0, 7) + kDownload + Bytes().F64(30)},
+          {3011, Bytes().U16(3011).U32(0).U8(0).U16(7).U16(2)}},
+         7, true, 100, true, {}, ZV_CliDownload::Stopped, "/home/bob/in/a(1).bin"},
+        {"a download the server lists as finished is no running one",
+         {{3000, Head(3000, 0, 7) + Brief("a", {}, true) + Bytes().F64(100)},
+          {3002, Head(3002, 0, 7) +
+                     Bytes().Record(1 << 0 | 1 << 1 | 1 << 3 | 1 << 10, Bytes().U16(7).Text("/in/").Text("a").U16(3)) +
+                     Bytes().F64(100)}},
+         7, true, 100, true, {}, ZV_CliDownload::Finished, "/in/a"},
+        {"a finished download",
+         {{3000, Head(3000, 0, 7) + Brief("a", {}, true) + Bytes().F64(100)},
+          {3002, Head(3002, 0, 7) + kDownload + Bytes().F64(30)},
+          {3007, Head(3007, 0, 7) + Bytes().U8(1)}},
+         7, true, 100, true, {}, ZV_CliDownload::Finished, "/home/bob/in/a(1).bin"},
+        {"a file deleted on the server",
+         {{3000, Head(3000, 0, 7) + Brief("a", {}, true) + Bytes().F64(100)}, {3005, Head(3005, 0, 7) + Bytes().U8(1)}},
+         7, false, 0, true, {}, ZV_CliDownload::None, ""},
+        {"a refused delete leaves the file",
+         {{3000, Head(3000, 0, 7) + Brief("a", {}, true) + Bytes().F64(100)}, {3005, Head(3005, 40, 7) + Bytes().U8(1)}},
+         7, true, 100, true, {}, ZV_CliDownload::None, ""},
+        {"a record that claims more than the event holds changes no rights",
+         {{3000, Head(3000, 0, 7) + Brief("a", {}, true) + Bytes().F64(100)},
+          {3003, Head(3003, 0, 7) + Bytes().U32(4000).U16(1 << 12 | 1)}},
+         7, true, 100, true, {}, ZV_CliDownload::None, ""},
+    };
+    for (const Row& row : aRows)
+    {
+        ZV_CliCatalog catalog;
+        bool bJoining = true;
+        for (const auto& [usEvent, bytes] : row.vecEvents)
+            catalog.Apply(ZV_ReadCliEvent(usEvent, bytes.vb), std::exchange(bJoining, false));
+        const ZV_CliFileState* lpFile = catalog.Find(row.usFileID);
+        ASSERT_EQ(row.bKnown, lpFile != nullptr) << row.szName;
+        if (!lpFile)
+            continue;
+        EXPECT_DOUBLE_EQ(row.dServer, lpFile->dServerPercent) << row.szName;
+        EXPECT_EQ(row.bPublic, lpFile->bPublic) << row.szName;
+        EXPECT_EQ(row.vecAllowed, lpFile->vecAllowed) << row.szName;
+        EXPECT_EQ(row.eDownload, lpFile->eDownload) << row.szName;
+        EXPECT_EQ(row.sTarget, lpFile->sTarget) << row.szName;
+    }
+}
+
+TEST(CliEvents, EveryCutOfAnEventIsReadWithoutRunningPastIt)
+{
+    const Bytes full =
+        Bytes().U16(3013).U32(0).U8(1).U16(7).U8(1) + Brief("a", {1, 2}, false) + Bytes().U8(1).F64(5);
+    for (size_t n = 0; n < full.vb.size(); ++n)
+    {
+        std::vector<uint8_t> vbCut(full.vb.begin(), full.vb.begin() + (long)n);
+        EXPECT_FALSE(ZV_ReadCliEvent(3013, vbCut).bValid) << n;
+    }
+    EXPECT_TRUE(ZV_ReadCliEvent(3013, full.vb).bValid);
+}
+
+TEST(CliSettings, EachSettingComesFromTheFirstPlaceThatGivesIt)
+{
+    const std::string kToml = "server = \"files.example:7200\"\nconference = 100\nuser = 10001\nname = \"alice\"\n"
+                              "secret_file = \"alice.secret\"\n";
+    struct Row
+    {
+        const char* szName;
+        ZV_CliValues mapOptions;
+        std::map<std::string, std::string> mapEnv;
+        std::string sToml;
+        bool bOk;
+        std::string sServer;
+        uint16_t usPort;
+        uint32_t ulUser;
+        std::string sSecretFile;
+        std::string sHome;
+    } aRows[] = {
+        {"the file alone, a relative path from its folder", {}, {{"HOME", "/h"}}, kToml, true, "files.example", 7200,
+         10001, "/etc/rc/alice.secret", "/h/.local/share/roomcrate"},
+        {"the environment over the file", {}, {{"ROOMCRATE_USER", "10002"}, {"XDG_DATA_HOME", "/d"}}, kToml, true,
+         "files.example", 7200, 10002, "/etc/rc/alice.secret", "/d/roomcrate"},
+        {"an option over both", {{"user", "10003"}, {"server", "10.0.0.1"}}, {{"ROOMCRATE_USER", "10002"}}, kToml,
+         true, "10.0.0.1", 7100, 10003, "/etc/rc/alice.secret", "/.local/share/roomcrate"},
+        {"an IPv6 address with its port", {{"server", "[::1]:7300"}}, {}, kToml, true, "::1", 7300, 10001,
+         "/etc/rc/alice.secret", "/.local/share/roomcrate"},
+        {"no conference anywhere", {{"user", "1"}}, {}, "", false, "", 0, 0, "", ""},
+        {"a port out of range", {{"server", "h:70000"}}, {}, kToml, false, "", 0, 0, "", ""},
+        {"a user that is no number", {}, {{"ROOMCRATE_USER", "bob"}}, kToml, false, "", 0, 0, "", ""},
+        {"a key the file should not have", {}, {}, kToml + "secret = \"x\"\n", false, "", 0, 0, "", ""},
+        {"a file that is no TOML", {}, {}, "server = ", false, "", 0, 0, "", ""},
+    };
+    for (const Row& row : aRows)
+    {
+        auto fnEnv = [&](const char* szName) -> const char* {
+            auto it = row.mapEnv.find(szName);
+            return it == row.mapEnv.end() ? (std::strcmp(szName, "HOME") == 0 ? "" : nullptr) : it->second.c_str();
+        };
+        ZV_CliSettings settings;
+        std::string sError;
+        const bool bOk = ZV_LoadCliSettings(row.mapOptions, fnEnv, row.sToml, "/etc/rc/client.toml", settings, sError);
+        ASSERT_EQ(row.bOk, bOk) << row.szName << ": " << sError;
+        if (!bOk)
+        {
+            EXPECT_FALSE(sError.empty()) << row.szName;
+            continue;
+        }
+        EXPECT_EQ(row.sServer, settings.sServer) << row.szName;
+        EXPECT_EQ(row.usPort, settings.usPort) << row.szName;
+        EXPECT_EQ(row.ulUser, settings.ulUser) << row.szName;
+        EXPECT_EQ(row.sSecretFile, settings.sSecretFile) << row.szName;
+        EXPECT_EQ(row.sHome, settings.sHome) << row.szName;
+    }
+}
+
+TEST(CliSettings, TheSecretComesFromItsFileOrTheEnvironmentAndAnEmptyFileIsRefused)
+{
+    QB_TempFolder tmp;
+    std::ofstream(tmp.Path() + "/good") << "s3cret\nmore\n";
+    std::ofstream(tmp.Path() + "/empty") << "\n";
+    struct Row
+    {
+        const char* szName;
+        std::string sFile;
+        const char* szEnv;
+        std::optional<std::string> osSecret;
+    } aRows[] = {
+        {"its file's first line", tmp.Path() + "/good", "env", std::string("s3cret")},
+        {"the environment without a file", "", "env", std::string("env")},
+        {"an empty first line", tmp.Path() + "/empty", nullptr, std::nullopt},
+        {"a file that is not there", tmp.Path() + "/none", nullptr, std::nullopt},
+    };
+    for (const Row& row : aRows)
+    {
+        ZV_CliSettings settings;
+        settings.sSecretFile = row.sFile;
+        std::string sError;
+        auto fnEnv = [&](const char* szName) { return std::strcmp(szName, "ROOMCRATE_SECRET") == 0 ? row.szEnv : nullptr; };
+        EXPECT_EQ(row.osSecret, ZV_ReadCliSecret(settings, fnEnv, sError)) << row.szName;
+    }
+}
+
+TEST(CliFiles, AWordNamesOneFileOrIsRefusedWithTheNumbersOfAllItCouldMean)
+{
+    const std::map<uint16_t, std::string> mapNames = {{3, "a.bin"}, {5, "b.txt"}, {8, "b.txt"}, {12, "5"}};
+    struct Row
+    {
+        const char* szWord;
+        std::optional<uint16_t> ousFileID;
+        std::vector<uint16_t> vecMatches;
+    } aRows[] = {
+        {"a.bin", 3, {3}},       {"b.txt", std::nullopt, {5, 8}}, {"8", 8, {}},      {"5", 12, {12}},
+        {"99", std::nullopt, {}}, {"c", std::nullopt, {}},         {"65539", std::nullopt, {}},
+    };
+    for (const Row& row : aRows)
+    {
+        const ZV_CliMatch match = ZV_ResolveFile(row.szWord, mapNames);
+        EXPECT_EQ(row.ousFileID, match.ousFileID) << row.szWord;
+        EXPECT_EQ(row.vecMatches, match.vecMatches) << row.szWord;
+    }
+}
+
+TEST(CliFiles, AFetchedFileTakesTheFirstFreeNameBesideThoseThere)
+{
+    QB_TempFolder tmp;
+    for (const char* szName : {"a.bin", "a(1).bin", "notes"})
+        std::ofstream(tmp.Path() + "/" + szName) << "x";
+    EXPECT_EQ(tmp.Path() + "/a(2).bin", ZV_FreeTarget(tmp.Path(), "a.bin"));
+    EXPECT_EQ(tmp.Path() + "/notes(1)", ZV_FreeTarget(tmp.Path(), "notes"));
+    EXPECT_EQ(tmp.Path() + "/b.bin", ZV_FreeTarget(tmp.Path(), "b.bin"));
+    std::ofstream(tmp.Path() + "/abc") << "abc";
+    EXPECT_EQ("ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad", ZV_Sha256OfFile(tmp.Path() + "/abc"));
+    EXPECT_EQ("", ZV_Sha256OfFile(tmp.Path() + "/none"));
+}
+
+TEST(CliShell, ALineBecomesACommandOrIsRefusedWithAReason)
+{
+    struct Row
+    {
+        const char* szLine;
+        bool bOk;
+        std::string sVerb;
+        std::vector<std::string> vecArgs;
+        std::vector<uint32_t> vecUsers;
+        bool bPublic;
+        std::string sOutDir;
+    } aRows[] = {
+        {"share a.bin \"my notes.txt\" --to 10002 10003", true, "share", {"a.bin", "my notes.txt"}, {10002, 10003}, false, "."},
+        {"get 7 b.txt -o /tmp/in", true, "get", {"7", "b.txt"}, {}, false, "/tmp/in"},
+        {"allow a.bin 10002", true, "allow", {"a.bin"}, {10002}, false, "."},
+        {"deny a.bin --public", true, "deny", {"a.bin"}, {}, true, "."},
+        {"ls", true, "ls", {}, {}, false, "."},
+        {"allow a.bin bob", false, "", {}, {}, false, ""},
+        {"allow a.bin", false, "", {}, {}, false, ""},
+        {"stop a.bin b.bin", false, "", {}, {}, false, ""},
+        {"get", false, "", {}, {}, false, ""},
+        {"fetch a.bin", false, "", {}, {}, false, ""},
+    };
+    for (const Row& row : aRows)
+    {
+        ZV_CliCommand command;
+        std::string sError;
+        ASSERT_EQ(row.bOk, ZV_ShellCommand(ZV_ShellWords(row.szLine), command, sError)) << row.szLine << ": " << sError;
+        if (!row.bOk)
+            continue;
+        EXPECT_EQ(row.sVerb, command.sVerb) << row.szLine;
+        EXPECT_EQ(row.vecArgs, command.vecArgs) << row.szLine;
+        EXPECT_EQ(row.vecUsers, command.vecUsers) << row.szLine;
+        EXPECT_EQ(row.bPublic, command.bPublic) << row.szLine;
+        EXPECT_EQ(row.sOutDir, command.sOutDir) << row.szLine;
+    }
+}
+
+TEST(CliOutput, AProgressLineSaysHowFarHowFastAndHowLong)
+{
+    EXPECT_EQ("a.bin [#####.....]  50% 5.0 MiB of 10.0 MiB, 1.0 MiB/s, 0:05 left",
+              ZV_CliProgressLine("a.bin", 5 << 20, 10 << 20, 1 << 20, 10));
+    EXPECT_EQ("b [..........]   0% 0 B of 1.0 KiB, 0 B/s, --:-- left", ZV_CliProgressLine("b", 0, 1024, 0, 10));
+}

@@ -1,0 +1,66 @@
+// ZV_UserView: what one user side of a random conference was told, built
+// from the events raised to it as a user side would build it, and the
+// promises checked as each event and each block comes:
+//
+// - an event about a file goes only to a user who may have the file at that
+//   moment, by the client's own record: one who may see it for the news of
+//   a file (3000, 3003, 3013, an upload's progress, state and errors, a
+//   stop's answer), one the rights name for the news of a download (3002,
+//   3007, 3009); a file leaves (3004, 3005) only a view that held it;
+//   answers that refuse the user's own request are not news of a file;
+// - a block of a download (8013) reaches a client only for a file its
+//   user's rights name.
+//
+// Announcements and lists are PDUs to every client and are not counted;
+// what a client makes of them for its user is.
+#pragma once
+
+#include "ZV_SimHost.h"
+#include "ZV_SimJournal.h"
+
+#include "records/ZV_FileBriefInfo.h"
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+struct ZV_ToldFile
+{
+    std::string sName;
+    uint32_t ulLength = 0;
+    uint16_t usState = 0;
+    // The events that made this, for a problem's line.
+    std::string sHistory;
+};
+
+class ZV_UserView
+{
+public:
+    using ProblemFn = std::function<void(const std::string&)>;
+
+    // Listens to the client's events and PDUs from now on; the journal
+    // names each block the client is given.
+    ZV_UserView(ZV_SimHost* lpClient, const ZV_SimJournal& journal, std::string sUser, ProblemFn fnProblem);
+
+    // A user side that starts afresh with its client knows nothing.
+    void Forget() { m_mapFiles.clear(); }
+    const std::map<uint16_t, ZV_ToldFile>& Files() const { return m_mapFiles; }
+
+private:
+    void OnEvent(uint16_t usEvent, const std::vector<uint8_t>& vbData);
+    void OnPdu(uint16_t usPdu);
+    // True when the description, the event's own or else the client's
+    // record, lets the user see the file (bRight false) or have it (bRight
+    // true); else a problem is noted.
+    bool MayHave(uint16_t usFileID, bool bRight, const std::string& sWhat, const ZV_FileBriefInfo* lpBrief = nullptr);
+    void Learn(uint16_t usFileID, const std::string& sName, uint32_t ulLength, uint16_t usState);
+
+    ZV_SimHost* m_lpClient;
+    const ZV_SimJournal& m_journal;
+    std::string m_sUser;
+    ProblemFn m_fnProblem;
+    std::map<uint16_t, ZV_ToldFile> m_mapFiles;
+    uint16_t m_usEvent = 0;  // the one being taken
+};

@@ -1,0 +1,249 @@
+// What each user is told of a file: nothing about a file the user may not
+// see, and, once a conference has settled, the name, length and state its
+// server holds. Each scene was found by the random conferences.
+#include "ZV_SceneFixture.h"
+
+#include "core/ZV_FileShareSession.h"
+#include "wire/ZV_RecordStream.h"
+
+#include <filesystem>
+
+namespace {
+
+struct ViewScene : public ZV_Scene
+{
+    // A file of Alice's, public or for her alone, shared and delivered.
+    uint16_t ShareOwn(const std::string& sName, size_t nSize, bool bPublic, bool bStart = true)
+    {
+        std::filesystem::create_directories(tmp.Sub("alice"));
+        QB_WriteWholeFile(tmp.Sub("alice/" + sName), ZV_RandomBytes(nSize, 7));
+        const size_t nBefore = Events(Alice(), zvFsEventFileAdded).size();
+        EXPECT_EQ(0u, Fs(Alice())->FsAdd(ZV_Wide(tmp.Sub("alice/" + sName)).c_str(), nullptr, 0, bPublic ? 1 : 0,
+                                         bStart ? 1 : 0));
+        EXPECT_TRUE(sim.Run()) << sim.GetError();
+        const auto vecAdded = Events(Alice(), zvFsEventFileAdded);
+        if (vecAdded.size() == nBefore)
+            return 0xFFFF;
+        QB_ByteStream stream(vecAdded.back().vbData.data(), (int32_t)vecAdded.back().vbData.size());
+        stream.Skip(6);
+        return stream.ReadU16();
+    }
+    // Events of the node that name the FileID right behind their result
+    // (all but 3011, 3012 and 3013).
+    size_t EventsAbout(ZV_SimHost* lpNode, uint16_t usFileID, uint16_t usEvent)
+    {
+        size_t n = 0;
+        for (const ZV_SimEntry& event : Events(lpNode, usEvent))
+        {
+            QB_ByteStream stream(event.vbData.data(), (int32_t)event.vbData.size());
+            stream.Skip(6);
+            n += stream.ReadU16() == usFileID ? 1 : 0;
+        }
+        return n;
+    }
+    // The upload states 3011 told the node of the file, in order.
+    std::vector<uint16_t> UploadStates(ZV_SimHost* lpNode, uint16_t usFileID)
+    {
+        std::vector<uint16_t> vecState;
+        for (const ZV_SimEntry& event : Events(lpNode, zvFsEventTransferState))
+        {
+            QB_ByteStream stream(event.vbData.data(), (int32_t)event.vbData.size());
+            stream.Skip(6);
+            const uint8_t bUpload = stream.ReadU8();
+            const uint16_t usTold = stream.ReadU16();
+            const uint16_t usState = stream.ReadU16();
+            if (bUpload && usTold == usFileID)
+                vecState.push_back(usState);
+        }
+        return vecState;
+    }
+    // The state of the description that the node's last 3000 or 3013 gave
+    // for the file; 0xFFFF when none did.
+    uint16_t ToldState(ZV_SimHost* lpNode, uint16_t usFileID)
+    {
+        ZV_SimFilter filter;
+        filter.eKind = ZV_SimEntryKind::Event;
+        filter.sNode = lpNode->GetName();
+        uint16_t usState = 0xFFFF;
+        for (const ZV_SimEntry& event : sim.Journal().Find(filter))
+        {
+            if (event.usNumber == zvFsEventFilesAdded)
+            {
+                const ZV_FilesAddedEvent told = ZV_ReadFilesAdded(event.vbData);
+                for (size_t i = 0; i < told.vecFileID.size(); ++i)
+                    if (told.vecFileID[i] == usFileID)
+                        usState = told.arrInfo[(int)i].m_usFileState;
+            }
+            if (event.usNumber != zvFsEventFileAdded)
+                continue;
+            QB_ByteStream stream(event.vbData.data(), (int32_t)event.vbData.size());
+            stream.Skip(6);
+            ZV_FileBriefInfo brief;
+            if (stream.ReadU16() != usFileID)
+                continue;
+            LoadDelimited(stream, brief);
+            usState = brief.m_usFileState;
+        }
+        return usState;
+    }
+    static ZV_FileShareSession* SessionOf(ZV_SimHost* lpNode, uint16_t usFileID)
+    {
+        return ZV_FileShareMgrPeer::Find(*Manager(lpNode), usFileID);
+    }
+};
+
+} // namespace
+
+// Bob may not see Alice's file: he hears nothing of its upload, nor of its
+// going, whether the delete reaches him live or by the list he gets when
+// he comes back.
+TEST_F(ViewScene, AUserWhoMayNotSeeAFileHearsNothingOfItsUploadOrItsDelete)
+{
+    Build();
+    const uint16_t usLive = ShareOwn("live.bin", 40000, false);
+    ASSERT_EQ(0u, Fs(Alice())->FsDelUpload(usLive));
+    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
+    const uint16_t usListed = ShareOwn("listed.bin", 10, false);
+    ASSERT_TRUE(sim.Leave(Bob()));
+    ASSERT_EQ(0u, Fs(Alice())->FsDelUpload(usListed));
+    ASSERT_TRUE(sim.Rejoin(Bob(), false) && sim.Run()) << sim.GetError();
+
+    EXPECT_TRUE(UploadStates(Bob(), usLive).empty());
+    EXPECT_EQ(0u, EventsAbout(Bob(), usLive, zvFsEventFileGone));
+    EXPECT_EQ(0u, EventsAbout(Bob(), usListed, zvFsEventFileGone));
+    EXPECT_EQ(1u, EventsAbout(Alice(), usLive, zvFsEventFileGone)) << "the creator saw it go";
+}
+
+// Alice's public file reaches the second server as a relay's copy: Carol
+// there is told its upload began and ended, as Bob beside Alice is. An
+// empty file that nobody uploads is complete at the server's first look,
+// and Bob is told so too.
+TEST_F(ViewScene, EveryServerTellsItsClientsWhenItsCopyOfAFileBeginsAndIsWhole)
+{
+    Build(true);
+    ZV_SimHost* lpCarol = shape.Client(2);
+    const uint16_t usFileID = ShareOwn("relayed.bin", 100000, true);
+    const uint16_t usEmpty = ShareOwn("empty.bin", 0, true, false);
+    ASSERT_TRUE(sim.AdvanceTime(30000)) << sim.GetError();
+
+    EXPECT_EQ(std::vector<uint16_t>({zvFileStateUploading, zvFileStateComplete}), UploadStates(Bob(), usFileID));
+    EXPECT_EQ(std::vector<uint16_t>({zvFileStateUploading, zvFileStateComplete}), UploadStates(lpCarol, usFileID));
+    ASSERT_FALSE(UploadStates(Bob(), usEmpty).empty());
+    EXPECT_EQ(zvFileStateComplete, UploadStates(Bob(), usEmpty).back());
+}
+
+// Two files come to the second server by its list when the link returns,
+// one for Alice alone and one for all: Carol there is told of the one she
+// may see, and of nothing else, whichever the list names first.
+TEST_F(ViewScene, AFileListOfSeveralCreatorsIsToldToEachUserFileByFile)
+{
+    Build(true);
+    ZV_SimHost* lpCarol = shape.Client(2);
+    ZV_SimLink* lpLink = sim.GetServerLink(1, 2);
+    ASSERT_TRUE(sim.CutLink(lpLink));
+    const uint16_t usPrivate = ShareOwn("mine.bin", 10, false);
+    const uint16_t usPublic = ShareOwn("ours.bin", 10, true);
+    ASSERT_TRUE(sim.RestoreLink(lpLink) && sim.Run()) << sim.GetError();
+
+    EXPECT_EQ(std::vector<uint16_t>({usPublic}), FilesAdded(lpCarol));
+    EXPECT_NE(usPrivate, usPublic);
+}
+
+// Bob, beside Alice, was away while her file went up: the list he gets on
+// his return says the file is whole, and so is he told, though an old
+// state of his own stood in his client's record.
+TEST_F(ViewScene, AUserBesideTheCreatorTakesTheStateTheListSays)
+{
+    Build();
+    const uint16_t usFileID = ShareOwn("later.bin", 40000, true, false);
+    ASSERT_TRUE(sim.Leave(Bob()));
+    ASSERT_EQ(0u, Fs(Alice())->FsUpload(usFileID));
+    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
+    ASSERT_TRUE(sim.Rejoin(Bob(), false) && sim.Run()) << sim.GetError();
+
+    EXPECT_EQ(zvFileStateComplete, ToldState(Bob(), usFileID));
+    EXPECT_EQ(zvFileStateComplete, SessionOf(Bob(), usFileID)->BriefInfo().m_usFileState);
+}
+
+// Alice's empty file is whole at the server's first look, though she never
+// uploaded it; when she comes back as a returning user it stays hers.
+TEST_F(ViewScene, AReturningCreatorKeepsAFileTheServerHoldsWhole)
+{
+    Build();
+    const uint16_t usFileID = ShareOwn("empty.bin", 0, true, false);
+    ASSERT_TRUE(sim.AdvanceTime(2000)) << sim.GetError();
+    ASSERT_TRUE(sim.Leave(Alice()));
+    ASSERT_TRUE(sim.Rejoin(Alice(), true) && sim.Run()) << sim.GetError();
+
+    EXPECT_EQ(0u, EventsAbout(Alice(), usFileID, zvFsEventFileGone));
+    EXPECT_NE(nullptr, SessionOf(Alice(), usFileID));
+    EXPECT_NE(nullptr, SessionOf(shape.Server(), usFileID));
+}
+
+// Carol, behind the second server, may not see Alice's file. It reaches
+// her server by the list when the server link returns, already whole at
+// the first server, so no progress report tells of its end. Made
+// privileged, she is told of it as it stands: whole.
+TEST_F(ViewScene, AFileThatComesIntoViewIsToldInTheStateItHasReached)
+{
+    Build(true);
+    ZV_SimHost* lpCarol = shape.Client(2);
+    ZV_SimLink* lpLink = sim.GetServerLink(1, 2);
+    ASSERT_TRUE(sim.CutLink(lpLink));
+    const uint16_t usFileID = ShareOwn("hidden.bin", 100000, false);
+    ASSERT_TRUE(sim.RestoreLink(lpLink) && sim.AdvanceTime(1000)) << sim.GetError();
+    ASSERT_TRUE(sim.SetUserRole(lpCarol, zvUserRolePrivileged) && sim.Run()) << sim.GetError();
+
+    EXPECT_EQ(zvFileStateComplete, ToldState(lpCarol, usFileID));
+}
+
+// Alice asks to upload a file the server already holds whole while her
+// data connection is down, then stops and resumes it: the server takes
+// none of it, and her client is not left waiting for an upload that never
+// ends.
+TEST_F(ViewScene, UploadingAWholeFileAgainLeavesTheCreatorIdle)
+{
+    Build();
+    const uint16_t usFileID = ShareOwn("done.bin", 40000, true);
+    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
+    ZV_SimLink* lpLink = sim.GetClientLink(Alice());
+    ASSERT_TRUE(sim.Cut(lpLink, zvConfClientTypeData));
+    ASSERT_EQ(0u, Fs(Alice())->FsUpload(usFileID));
+    ASSERT_EQ(0u, Fs(Alice())->FsStopUpload(usFileID));
+    ASSERT_TRUE(sim.Run() && sim.Restore(lpLink, zvConfClientTypeData) && sim.Run()) << sim.GetError();
+    ASSERT_EQ(0u, Fs(Alice())->FsResumeUpload(usFileID));
+    ASSERT_TRUE(sim.AdvanceTime(60000)) << sim.GetError();
+
+    EXPECT_EQ(0, ZV_FileShareMgrPeer::BusyFileIDs(*Manager(Alice())).GetSize());
+    EXPECT_EQ(zvFileStateComplete, SessionOf(Alice(), usFileID)->BriefInfo().m_usFileState);
+}
+
+// The first server has one FileID. Alice deletes her file while the second
+// server is cut off and shares another, which takes the same number. When
+// the link returns, both servers hold the new file under it and nobody the
+// deleted one; Carol on the second server is told the old one went.
+TEST_F(ViewScene, AFileIDGivenOutAgainWhileAServerWasAwayNamesTheNewFileEverywhere)
+{
+    sim.SetFileIDRange(1, 1, 1);
+    Build(true);
+    ZV_SimHost* lpCarol = shape.Client(2);
+    const uint16_t usOld = ShareOwn("old.bin", 1000, true);
+    ZV_SimLink* lpLink = sim.GetServerLink(1, 2);
+    ASSERT_TRUE(sim.CutLink(lpLink));
+    ASSERT_EQ(0u, Fs(Alice())->FsDelUpload(usOld));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    const uint16_t usNew = ShareOwn("new.bin", 2000, true);
+    ASSERT_EQ(usOld, usNew);
+    ASSERT_TRUE(sim.RestoreLink(lpLink) && sim.AdvanceTime(30000)) << sim.GetError();
+
+    for (int n = 0; n < 2; ++n)
+    {
+        ZV_FileShareSession* lpFsSession = SessionOf(shape.Server(n), usNew);
+        ASSERT_NE(nullptr, lpFsSession) << "server " << n + 1;
+        EXPECT_EQ("new.bin", std::string(lpFsSession->FileInfo().m_BriefInfo.m_sFileOldName.GetString()))
+            << "server " << n + 1;
+    }
+    ASSERT_NE(nullptr, SessionOf(lpCarol, usNew));
+    EXPECT_EQ("new.bin", std::string(SessionOf(lpCarol, usNew)->BriefInfo().m_sFileOldName.GetString()));
+    EXPECT_EQ(1u, EventsAbout(lpCarol, usOld, zvFsEventFileGone));
+}
