@@ -44,17 +44,19 @@ uint32_t ZV_FileShareMgr::FsDelUpload(uint16_t usFileID)
         if (const uint32_t ulFound = LookupSession(usFileID, lpFsSession); ulFound != zvResultOk)
             return ulFound;
         lpFsSession->SetUploadStopped(true);
-        // The user withdraws the share whatever the server answers: no word
-        // of a server makes this client read the file again.
+        const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
+        if (ulConn == zvConnNone)
+            return zvResultNoConnection;
+        // Once the delete goes, the user has withdrawn the share whatever the
+        // server answers: no word of a server makes this client read the file
+        // again. A delete that could not go changes nothing, so the user may
+        // try again and the file stays where the conference holds it.
         if (lpFsSession->IsLocalCreator())
         {
             m_ShareLedger.Forget(m_lpConf->GetConfID(), lpFsSession->BriefInfo());
             lpFsSession->WithdrawLocalShare();
             MarkBusy(false, usFileID);
         }
-        const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
-        if (ulConn == zvConnNone)
-            return zvResultNoConnection;
         return SendDelUploadRequest(ulConn, usFileID, LocalUser(), 0, false);
     });
 }

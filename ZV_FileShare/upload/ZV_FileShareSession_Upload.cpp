@@ -103,7 +103,9 @@ uint32_t ZV_FileShareSession::HandleUploadResponse(ConfPduData* lpCpd)
     answer.Load(stream);
     if (lpCpd->conn_type == zvConfServerTypeCommand)
         PassOnUploadStart(answer.user, answer.ulFloodSeq);
-    else if (!Conf()->IsServerMode())
+    // An answer about a file that is not the user's own (its FileID may
+    // name another's file by now) starts nothing and tells the user nothing.
+    else if (!Conf()->IsServerMode() && IsLocalCreator())
         ApplyUploadAnswer(answer.ulResult, answer.usFileID, answer.ulPos);
     return 0;
 }

@@ -47,17 +47,13 @@ size_t StoredFiles(const std::string& sFolder)
     return (size_t)std::distance(fs::directory_iterator(sFolder), fs::directory_iterator());
 }
 
-// The catalogue's text is UTF-16: its zero bytes go before the count.
-size_t CatalogueRows(const std::string& sPath)
+// The conference's rows as the catalogue holds them, journal and all.
+size_t CatalogueRows(ZV_FileShareMgr& mgr)
 {
-    std::string sText;
-    for (uint8_t b : QB_ReadWholeFile(sPath))
-        if (b != 0)
-            sText += (char)b;
-    size_t nRows = 0;
-    for (size_t nAt = sText.find("\nFileID="); nAt != std::string::npos; nAt = sText.find("\nFileID=", nAt + 1))
-        ++nRows;
-    return nRows;
+    QB_Array<ZV_FileUploadInfo> arrInfo;
+    QB_Array<QB_StringW> arrSection;
+    ZV_FileShareMgrPeer::Catalog(mgr).LoadConf(7, arrInfo, arrSection);
+    return (size_t)arrInfo.GetSize();
 }
 
 struct LimitRow
@@ -106,7 +102,7 @@ TEST(UserLimits, AnAddOverALimitIsRefusedWith91AndStoresNothing)
                                                   Brief(row.priorCreator, "p" + std::to_string(i), row.ulPriorLength))));
         const size_t nSessions = (size_t)ZV_FileShareMgrPeer::Sessions(node.mgr).GetCount();
         const size_t nStored = StoredFiles(node.tmp.Sub("store/7"));
-        const size_t nRows = CatalogueRows(node.tmp.Sub("fsinfo.ini"));
+        const size_t nRows = CatalogueRows(node.mgr);
         node.host.m_vecSent.clear();
 
         uint16_t usAnswer = PDU_CONF_FS_ADD_RESPONSE;
@@ -148,6 +144,6 @@ TEST(UserLimits, AnAddOverALimitIsRefusedWith91AndStoresNothing)
         EXPECT_EQ(row.ulExpected == 0 ? "group" : "link", vecAnswer[0].sRoute);
         EXPECT_EQ(nSessions + nAdded, (size_t)ZV_FileShareMgrPeer::Sessions(node.mgr).GetCount());
         EXPECT_EQ(nStored + nAdded, StoredFiles(node.tmp.Sub("store/7")));
-        EXPECT_EQ(nRows + nAdded, CatalogueRows(node.tmp.Sub("fsinfo.ini")));
+        EXPECT_EQ(nRows + nAdded, CatalogueRows(node.mgr));
     }
 }

@@ -85,6 +85,10 @@ struct UploadFixture : public ::testing::Test
             return;
         QB_WriteWholeFile(tmp.Sub("song.ogg"), data);
         ZV_FileShareSessionPeer::File(*lpSession).Open(tmp.SubW("song.ogg"), QB_FILE_READ | QB_FILE_OPEN_EXISTING);
+        // Her share, as her FsAdd leaves it in the share record.
+        ZV_FileShareSessionPeer::BriefInfo(*lpSession).SetFilePath(tmp.SubW(""));
+        ZV_FileShareSessionPeer::BriefInfo(*lpSession).SetFileOldName(QB_StringU8("song.ogg"));
+        ZV_FileShareMgrPeer::Ledger(mgr).Remember(host.m_ulConfID, ZV_FileShareSessionPeer::BriefInfo(*lpSession), {});
     }
     uint32_t Deliver(uint16_t usPdu, const Bytes& payload, const QB_UserID& peer = kAlice, uint32_t ulConn = 100024)
     {
@@ -165,6 +169,11 @@ TEST_F(Upload, FsUploadRefusesUnknownAndReservedFilesAndSendsTheStartMarkerEvenW
     EXPECT_EQ(0u, FsUpload(5));
     ASSERT_EQ(1u, host.m_vecSent.size());
     EXPECT_TRUE(host.m_vecSent[0].usPdu == PDU_CONF_FS_UPLOAD_REQUEST && host.m_vecSent[0].ulConn == 11);
+
+    // A share she took back is not sent again on her word either.
+    ZV_FileShareMgrPeer::Ledger(mgr).Forget(host.m_ulConfID, ZV_FileShareSessionPeer::BriefInfo(*lpSession));
+    EXPECT_EQ(90u, FsUpload(5));
+    EXPECT_EQ(1u, host.m_vecSent.size());
 }
 
 TEST_F(Upload, ClientThatCannotReadItsFileFailsAndSaysSoUnlessTheServerHoldsItAll)
@@ -266,9 +275,9 @@ TEST_F(Upload, StateNoticeRaisesOneTransferStateEventPerFileAndIgnoresATruncated
     Make(false, 10);
     EXPECT_EQ(0u, Deliver(PDU_CONF_FS_FILE_STATE_NOTICE, Pdu().U8(2).U16(5).U16(300).U16(4).U8(1).b));
     EXPECT_EQ(5u, Deliver(PDU_CONF_FS_FILE_STATE_NOTICE, Pdu().U8(2).U16(5).U16(300).U16(4).b));
-    ASSERT_EQ(2u, host.m_vecEvents.size());
+    // FileID 300 names no file this client holds: no word of it.
+    ASSERT_EQ(1u, host.m_vecEvents.size());
     EXPECT_EQ(Pdu().U16(zvFsEventTransferState).U32(0).U8(1).U16(5).U16(4).b, host.m_vecEvents[0].data);
-    EXPECT_EQ(Pdu().U16(zvFsEventTransferState).U32(0).U8(1).U16(300).U16(4).b, host.m_vecEvents[1].data);
 }
 
 // The server's list wins, except where the creator's own client is ahead of
