@@ -177,19 +177,21 @@ TEST_F(TrustScene, AClientUploadsOnlyWhatItsUserSharedWhateverTheServerAnnounces
     EXPECT_EQ(1u, LogLines(Alice(), "ZV_FileShareMgr.HandleUploadResponse ret = 90"));
 }
 
-// A share its user withdrew, that a server deleted, that went from the disk
-// or whose path now leads to another file is read on no road again: a fresh
-// 8002 for it is refused with 90 (withdrawn: before any open, with no
-// session), and an 8006 for a session whose file was refused is refused too.
+// A share its user withdrew (whether or not the server heard), that a
+// server deleted, that went from the disk or whose path now leads to another
+// file is read on no road again: a fresh 8002 for it is refused with 90
+// (withdrawn: before any open, with no session), and an 8006 for a session
+// whose file was refused is refused too.
 TEST_F(TrustScene, AWithdrawnGoneOrSwappedShareIsNeverReadAgain)
 {
     Build();
     const ZV_Bytes data = ZV_RandomBytes(3000, 3);
-    enum class Change { None, Link, Withdrawn, Deleted, Gone };
+    enum class Change { None, Link, Withdrawn, WithdrawnUnanswered, Deleted, Gone };
     struct { const char* szName; Change eChange; bool bRefused; bool bSession; } aCases[] = {
         {"as shared", Change::None, false, true},
         {"swapped for a link to a copy of the same length and time", Change::Link, true, true},
         {"withdrawn by its user", Change::Withdrawn, true, false},
+        {"withdrawn, the delete lost on the way", Change::WithdrawnUnanswered, true, false},
         {"deleted by the server", Change::Deleted, true, false},
         {"gone from the disk, then put back", Change::Gone, true, false}};
     const std::string kRefused = "ZV_FileShareMgr.HandleAddResponse ret = 90";
@@ -215,6 +217,12 @@ TEST_F(TrustScene, AWithdrawnGoneOrSwappedShareIsNeverReadAgain)
             break;
         case Change::Withdrawn:
             EXPECT_EQ(0u, Fs(Alice())->FsDelUpload(usFileID));
+            ASSERT_TRUE(sim.Run()) << sim.GetError();
+            break;
+        case Change::WithdrawnUnanswered:
+            EXPECT_EQ(0u, Fs(Alice())->FsDelUpload(usFileID));
+            ASSERT_TRUE(sim.Cut(sim.GetClientLink(Alice()), zvConfClientTypeCommand));
+            ASSERT_TRUE(sim.Restore(sim.GetClientLink(Alice()), zvConfClientTypeCommand));
             ASSERT_TRUE(sim.Run()) << sim.GetError();
             break;
         case Change::Deleted:

@@ -270,6 +270,22 @@ TEST_F(Upload, ServerRefusesABlockItCannotTakeAndTheNextBlockShowsWhatItRemember
     }
 }
 
+// An answer about a FileID that names another's file by now (its own was
+// deleted and the number reused) is no news to this user.
+TEST_F(Upload, AClientTakesAnUploadAnswerOnlyAboutItsUsersOwnFile)
+{
+    const QB_UserID kBob(10002, 0);
+    for (const QB_UserID& creator : {kAlice, kBob})
+    {
+        Make(false, 10);
+        ZV_FileShareSessionPeer::BriefInfo(*lpSession).SetCreatorID(creator);
+        ZV_FileShareSessionPeer::BriefInfo(*lpSession).SetPublic(true);
+        Deliver(PDU_CONF_FS_UPLOAD_RESPONSE, Answer(40, 0));
+        EXPECT_EQ(creator == kAlice ? Pdu().U16(zvFsEventTransferError).U32(40).U16(5).b : Bytes(),
+                  Joined(host.m_vecEvents)) << creator.m_ulMain;
+    }
+}
+
 TEST_F(Upload, StateNoticeRaisesOneTransferStateEventPerFileAndIgnoresATruncatedOne)
 {
     Make(false, 10);
