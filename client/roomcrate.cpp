@@ -117,10 +117,10 @@ int main(int argc, char** argv)
 
     ZV_CliCommand command;
     std::vector<std::string> vecRightsArgs;
-    CLI::App* lpShare = app.add_subcommand("share", "share files: one alone, several as one batch; "
+    CLI::App* lpShare = app.add_subcommand("share", "share files: one alone, several of one folder as one batch; "
                                                     "roomcrate stays until the server holds all of them");
     lpShare->add_option("files", command.vecArgs, "the files")->required();
-    lpShare->add_option("--to", command.vecUsers, "users (names or numbers) who may have them (everyone by default)");
+    lpShare->add_option("--to", command.vecUsers, "users who may have them (everyone by default): numbers, or names of users who shared a file you see");
     app.add_subcommand("ls", "list the conference's files you may see: number, size, how much the server holds, "
                              "your download, who shared it, name");
     CLI::App* lpGet = app.add_subcommand("get", "fetch files by name or number, wait for the end, check the length "
