@@ -917,12 +917,13 @@ void ZV_CliSession::Control(const std::string& sVerb, const std::string& sWord, 
     if (sVerb == "drop")
         return fnDone(kCliDone);
     // A stop holds the sender at its next block; what it had already handed
-    // to the network (a server queues up to a megabyte for each link, and
-    // the sockets hold more) still arrives, and a download keeps it.
+    // to the network still arrives, and a download keeps it: the server's
+    // queue for the link (a megabyte by default) and both sockets' buffers,
+    // which on loopback came to over 5 MB, seconds' worth at a low --rate.
     std::string sAfter;
     if (sVerb == "stop")
         sAfter = bUpload ? "; blocks already on their way still reach the server, which drops them"
-                         : "; blocks already on their way (up to a megabyte or so) still arrive and are kept";
+                         : "; the blocks the server had already sent (up to several megabytes) still arrive and are kept";
     m_out.Result(sVerb + (sVerb == "stop" ? "ped " : "d ") + std::to_string(usFileID) + " " + sWord + sAfter,
                  {{"type", sVerb}, {"id", usFileID}});
     fnDone(kCliDone);
