@@ -490,8 +490,8 @@ void ZV_CliSession::ShareAll(const std::vector<std::string>& vecPaths, const std
 }
 
 // A batch the server refuses for want of FileIDs is answered with nothing
-// the user side hears of; an add still unanswered after a while, with the
-// link up all along, is said to have failed rather than waited for.
+// the user side hears of; an add still unanswered half a minute on, while
+// the link stands, is said to have failed rather than waited for.
 void ZV_CliSession::WaitForAdds()
 {
     m_addWait.expires_after(std::chrono::seconds(30));
