@@ -41,15 +41,17 @@ struct Bytes
     }
 };
 
-// A brief record of a file's name, length and rights.
-Bytes Brief(const std::string& sName, std::vector<uint32_t> vecAllowed, bool bPublic)
+// A brief record of a file's folder (when given), name, length and rights.
+Bytes Brief(const std::string& sName, std::vector<uint32_t> vecAllowed, bool bPublic, const std::string& sFolder = {})
 {
     Bytes fields;
+    if (!sFolder.empty())
+        fields.Text(sFolder);
     fields.Text(sName).U32(1234).U8((uint8_t)vecAllowed.size());
     for (uint32_t ulUser : vecAllowed)
         fields.U32(ulUser).U32(0);
     fields.U8(bPublic ? 1 : 0);
-    return Bytes().Record(1 << 3 | 1 << 5 | 1 << 9 | 1 << 10, fields);
+    return Bytes().Record((sFolder.empty() ? 0 : 1 << 2) | 1 << 3 | 1 << 5 | 1 << 9 | 1 << 10, fields);
 }
 
 Bytes Head(uint16_t usEvent, uint32_t ulResult, uint16_t usFileID)
@@ -139,16 +141,20 @@ TEST(CliEvents, EachEventLeavesTheCatalogAsItsBytesSay)
     }
 }
 
-TEST(CliEvents, EveryCutOfAnEventIsReadWithoutRunningPastIt)
+TEST(CliEvents, ABatchSaysWhereEachFileCameFromAndNoCutOfItIsRead)
 {
-    const Bytes full =
-        Bytes().U16(3013).U32(0).U8(1).U16(7).U8(1) + Brief("a", {1, 2}, false) + Bytes().U8(1).F64(5);
+    const Bytes full = Bytes().U16(3013).U32(0).U8(1).U16(7).U8(2) + Brief("a", {1, 2}, false, "\\home\\al\\") +
+                       Brief("b", {}, true) + Bytes().U8(1).F64(5);
     for (size_t n = 0; n < full.vb.size(); ++n)
     {
         std::vector<uint8_t> vbCut(full.vb.begin(), full.vb.begin() + (long)n);
         EXPECT_FALSE(ZV_ReadCliEvent(3013, vbCut).bValid) << n;
     }
-    EXPECT_TRUE(ZV_ReadCliEvent(3013, full.vb).bValid);
+    const ZV_CliEvent ev = ZV_ReadCliEvent(3013, full.vb);
+    EXPECT_TRUE(ev.bValid);
+    // Where each file was shared from, which is how a batch's answer finds
+    // its adds.
+    EXPECT_EQ((std::vector<std::string>{"/home/al/a", "b"}), ev.vecPaths);
 }
 
 TEST(CliSettings, EachSettingComesFromTheFirstPlaceThatGivesIt)
