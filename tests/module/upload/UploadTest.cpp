@@ -85,6 +85,10 @@ struct UploadFixture : public ::testing::Test
             return;
         QB_WriteWholeFile(tmp.Sub("song.ogg"), data);
         ZV_FileShareSessionPeer::File(*lpSession).Open(tmp.SubW("song.ogg"), QB_FILE_READ | QB_FILE_OPEN_EXISTING);
+        // Her share, as her FsAdd leaves it in the share record.
+        ZV_FileShareSessionPeer::BriefInfo(*lpSession).SetFilePath(tmp.SubW(""));
+        ZV_FileShareSessionPeer::BriefInfo(*lpSession).SetFileOldName(QB_StringU8("song.ogg"));
+        ZV_FileShareMgrPeer::Ledger(mgr).Remember(host.m_ulConfID, ZV_FileShareSessionPeer::BriefInfo(*lpSession), {});
     }
     uint32_t Deliver(uint16_t usPdu, const Bytes& payload, const QB_UserID& peer = kAlice, uint32_t ulConn = 100024)
     {
@@ -165,6 +169,11 @@ TEST_F(Upload, FsUploadRefusesUnknownAndReservedFilesAndSendsTheStartMarkerEvenW
     EXPECT_EQ(0u, FsUpload(5));
     ASSERT_EQ(1u, host.m_vecSent.size());
     EXPECT_TRUE(host.m_vecSent[0].usPdu == PDU_CONF_FS_UPLOAD_REQUEST && host.m_vecSent[0].ulConn == 11);
+
+    // A share she took back is not sent again on her word either.
+    ZV_FileShareMgrPeer::Ledger(mgr).Forget(host.m_ulConfID, ZV_FileShareSessionPeer::BriefInfo(*lpSession));
+    EXPECT_EQ(90u, FsUpload(5));
+    EXPECT_EQ(1u, host.m_vecSent.size());
 }
 
 TEST_F(Upload, ClientThatCannotReadItsFileFailsAndSaysSoUnlessTheServerHoldsItAll)
@@ -237,11 +246,12 @@ TEST_F(Upload, ServerTakesTheStartMarkerThenWritesOnlyAtItsWritePositionAsksOnce
 TEST_F(Upload, ServerRefusesABlockItCannotTakeAndTheNextBlockShowsWhatItRemembers)
 {
     struct { const char* szName; QB_UserID sender; size_t nLen; QB_EnvOp eFault; uint32_t ulResult; uint32_t ulNextPos;
-             size_t nNextAnswers; uint32_t ulWritePos; } aCases[] = {
-        {"not the creator", kBob, 100, QB_EnvOp::Count_, 40, 0, 1, 0},
-        {"longer than a block", kAlice, 32769, QB_EnvOp::Count_, 61, 32768, 0, 0},
-        {"store not opened", kAlice, 100, QB_EnvOp::Open, 60, 0, 0, 100},
-        {"write fails", kAlice, 100, QB_EnvOp::Write, 61, 32768, 0, 0}};
+             size_t nNextAnswers; uint32_t ulWritePos; uint16_t usState; } aCases[] = {
+        // Another's block is no failure of the file: it changes nothing.
+        {"not the creator", kBob, 100, QB_EnvOp::Count_, 40, 0, 1, 0, zvFileStateAdded},
+        {"longer than a block", kAlice, 32769, QB_EnvOp::Count_, 61, 32768, 0, 0, zvFileStateFailed},
+        {"store not opened", kAlice, 100, QB_EnvOp::Open, 60, 0, 0, 100, zvFileStateFailed},
+        {"write fails", kAlice, 100, QB_EnvOp::Write, 61, 32768, 0, 0, zvFileStateFailed}};
     for (const auto& c : aCases)
     {
         std::filesystem::remove_all(tmp.Sub("7"));
@@ -250,7 +260,7 @@ TEST_F(Upload, ServerRefusesABlockItCannotTakeAndTheNextBlockShowsWhatItRemember
             env.FailAt(c.eFault, 1);
         Deliver(PDU_CONF_FS_UPLOAD_REQUEST, Block(0, ZV_TestBytes(c.nLen, 9), c.sender), c.sender);
         EXPECT_EQ(Answer(c.ulResult, 0, c.sender), Joined(host.SentOf(PDU_CONF_FS_UPLOAD_RESPONSE))) << c.szName;
-        EXPECT_EQ(zvFileStateFailed, Row().m_usFileState) << c.szName;
+        EXPECT_EQ(c.usState, Row().m_usFileState) << c.szName;
         EXPECT_EQ(0u, Stored().size()) << c.szName;
 
         Deliver(PDU_CONF_FS_UPLOAD_REQUEST, Block(c.ulNextPos, Slice(data, c.ulNextPos, 100), c.sender), c.sender);
@@ -260,14 +270,30 @@ TEST_F(Upload, ServerRefusesABlockItCannotTakeAndTheNextBlockShowsWhatItRemember
     }
 }
 
+// An answer about a FileID that names another's file by now (its own was
+// deleted and the number reused) is no news to this user.
+TEST_F(Upload, AClientTakesAnUploadAnswerOnlyAboutItsUsersOwnFile)
+{
+    const QB_UserID kBob(10002, 0);
+    for (const QB_UserID& creator : {kAlice, kBob})
+    {
+        Make(false, 10);
+        ZV_FileShareSessionPeer::BriefInfo(*lpSession).SetCreatorID(creator);
+        ZV_FileShareSessionPeer::BriefInfo(*lpSession).SetPublic(true);
+        Deliver(PDU_CONF_FS_UPLOAD_RESPONSE, Answer(40, 0));
+        EXPECT_EQ(creator == kAlice ? Pdu().U16(zvFsEventTransferError).U32(40).U16(5).b : Bytes(),
+                  Joined(host.m_vecEvents)) << creator.m_ulMain;
+    }
+}
+
 TEST_F(Upload, StateNoticeRaisesOneTransferStateEventPerFileAndIgnoresATruncatedOne)
 {
     Make(false, 10);
     EXPECT_EQ(0u, Deliver(PDU_CONF_FS_FILE_STATE_NOTICE, Pdu().U8(2).U16(5).U16(300).U16(4).U8(1).b));
     EXPECT_EQ(5u, Deliver(PDU_CONF_FS_FILE_STATE_NOTICE, Pdu().U8(2).U16(5).U16(300).U16(4).b));
-    ASSERT_EQ(2u, host.m_vecEvents.size());
+    // FileID 300 names no file this client holds: no word of it.
+    ASSERT_EQ(1u, host.m_vecEvents.size());
     EXPECT_EQ(Pdu().U16(zvFsEventTransferState).U32(0).U8(1).U16(5).U16(4).b, host.m_vecEvents[0].data);
-    EXPECT_EQ(Pdu().U16(zvFsEventTransferState).U32(0).U8(1).U16(300).U16(4).b, host.m_vecEvents[1].data);
 }
 
 // The server's list wins, except where the creator's own client is ahead of
