@@ -47,6 +47,14 @@ std::string Words(uint32_t ulResult)
     return s + " (" + std::to_string(ulResult) + ")";
 }
 
+// The local path a file was shared from, as its description gives it.
+std::string SharedFrom(const ZV_FsFileInfo& info)
+{
+    std::string sPath = Utf8(info.szFilePath) + Utf8(info.szFileOldName);
+    std::replace(sPath.begin(), sPath.end(), '\\', '/');
+    return sPath;
+}
+
 }  // namespace
 
 std::vector<std::pair<std::string, std::vector<std::string>>> ZV_GroupByFolder(const std::vector<std::string>& vecPaths)
@@ -504,7 +512,7 @@ void ZV_CliSession::WaitForAdds()
         m_listAdding.clear();
         for (Upload& upload : listLeft)
         {
-            m_out.Error("the server did not take " + upload.sName + "; it may hold all the files it can",
+            m_out.Error("the server did not take " + upload.sName + "; it may have no free file number left",
                         {{"type", "error"}, {"name", upload.sName}, {"message", "no answer to the share"}});
             upload.fnDone(kCliFailed);
         }
@@ -539,30 +547,32 @@ void ZV_CliSession::RefuseUpload(std::list<Upload>::iterator it, uint32_t ulResu
     Upload upload = std::move(*it);
     m_listAdding.erase(it);
     const std::string sWhy = ulResult != 0 ? Words(ulResult)
-                                           : "you may not share here, or the server holds all the files it can";
+                                           : "you may not share here, or the batch would pass the files or bytes "
+                                             "the server lets one user share";
     m_out.Error("the server refused to take " + upload.sName + ": " + sWhy,
                 {{"type", "error"}, {"name", upload.sName}, {"code", ulResult}, {"message", sWhy}});
     upload.fnDone(kCliFailed);
 }
 
 // The batch's answer: the files the server took, each with its FileID,
-// and those it refused, a record without one.
+// and those it refused, a record without one. The records of a report
+// need not stand in the order of its FileIDs, so each FileID is matched by
+// the description the manager keeps for it.
 void ZV_CliSession::BatchAnswered(const ZV_CliEvent& ev)
 {
-    std::set<size_t> setTaken;
     for (size_t i = 0; i < ev.vecFileIDs.size() && !m_listAdding.empty(); ++i)
     {
         ZV_FsFileInfo info{};
         if (m_client.GetFileShareMgr()->FsGetFileInfoByFileID(ev.vecFileIDs[i], &info) != 0 ||
             info.ulCreatorMain != m_config.ulUser)
             continue;
-        auto it = FindAdding(i < ev.vecPaths.size() ? ev.vecPaths[i] : Utf8(info.szFileOldName));
+        auto it = FindAdding(SharedFrom(info));
         if (it == m_listAdding.end())
             continue;
-        setTaken.insert(i);
         StartUpload(it, ev.vecFileIDs[i], i < ev.vecValues.size() ? ev.vecValues[i] : 0.0);
     }
-    for (size_t i = ev.vecFileIDs.size(); i < ev.vecPaths.size() && !m_listAdding.empty(); ++i)
+    // A record whose add is still waiting came without a FileID.
+    for (size_t i = 0; i < ev.vecPaths.size() && !m_listAdding.empty(); ++i)
         if (auto it = FindAdding(ev.vecPaths[i]); it != m_listAdding.end() && it->sPath == ev.vecPaths[i])
             RefuseUpload(it, 0);
 }
@@ -580,9 +590,7 @@ void ZV_CliSession::UploadEvent(const ZV_CliEvent& ev)
         if (m_client.GetFileShareMgr()->FsGetFileInfoByFileID(ev.usFileID, &info) != 0 ||
             info.ulCreatorMain != m_config.ulUser)
             return;
-        std::string sFolder = Utf8(info.szFilePath);
-        std::replace(sFolder.begin(), sFolder.end(), '\\', '/');
-        auto it = FindAdding(sFolder + Utf8(info.szFileOldName));
+        auto it = FindAdding(SharedFrom(info));
         if (it != m_listAdding.end())
             StartUpload(it, ev.usFileID, ev.dPercent);
         return;
