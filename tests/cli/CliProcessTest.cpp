@@ -239,6 +239,23 @@ TEST_P(CliProcess, SeveralFilesOfOneNameAreRefusedWithTheirNumbersAndANumberFetc
     EXPECT_TRUE(ZV_SameFiles(At("two/d.txt"), At("in/d.txt")));
 }
 
+// A batch the server refuses (a user who may not share) comes back without
+// FileIDs, and each of its files is said refused.
+TEST_P(CliProcess, EachFileOfARefusedBatchIsSaidRefused)
+{
+    if (GetParam().bLogins)
+        GTEST_SKIP() << "the user who may not share has no secret";
+    constexpr uint32_t kNobody = 10004;
+    ZV_ServerUnderTest refusing(setup, At("srv2"), 1,
+                                "\n[[conference.user]]\nnumber = 10004\nname = \"nobody\"\nmay_share = false\n");
+    ASSERT_TRUE(refusing.Start());
+    for (const char* szName : {"p.bin", "q.bin"})
+        ZV_WriteRandomFile(At(szName), 100, (unsigned)szName[0]);
+    EXPECT_EQ(1, Run(kNobody, {"share", "p.bin", "q.bin"}, refusing.GetAddress()));
+    for (const char* szName : {"p.bin", "q.bin"})
+        EXPECT_NE(Err(kNobody).find(std::string("refused to take ") + szName), std::string::npos) << Err(kNobody);
+}
+
 TEST_P(CliProcess, AGetKilledHalfWayFinishesFromItsFileWhenRunAgain)
 {
     ASSERT_TRUE(server.Start());
