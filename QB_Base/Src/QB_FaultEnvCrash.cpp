@@ -106,7 +106,8 @@ const std::u16string* QB_FaultDisk::PathOf(QB_FileHandle hFile) const
 
 void QB_FaultDisk::BeforeOpen(const std::u16string& sPath, uint32_t ulMode, bool& bExisted)
 {
-    bExisted = m_lpTarget->GetFileAttributes(sPath) != QB_ATTR_INVALID;
+    // Whether the file was there matters only to a disk that keeps track.
+    bExisted = !m_bTracking || m_lpTarget->GetFileAttributes(sPath) != QB_ATTR_INVALID;
     const uint32_t ulCreation = ulMode & QB_FILE_CREATION_MASK;
     if (m_bTracking && bExisted && ulCreation == QB_FILE_CREATE_ALWAYS)
         Dirty(FullPath(sPath));  // the cut to nothing is a change of bytes

@@ -43,13 +43,13 @@ QB_StringW ModuleFolder()
 
 // The bytes go out as given: callers end their lines with "\r\n" already,
 // and a text-mode translation would only double the "\r".
-void AppendLine(const QB_StringW& sPath, const QB_StringA& sLine)
+void AppendLine(const QB_StringW& sPath, const char* pText, int nLength)
 {
     QB_FileEx file;
     if (!file.Open(sPath, QB_FILE_WRITE | QB_FILE_OPEN_ALWAYS))
         return;
     if (file.Seek(0, QB_SEEK_END) >= 0)
-        file.Write(sLine.GetString(), sLine.GetLength());
+        file.Write(pText, nLength);
     file.Close();
 }
 
@@ -63,6 +63,21 @@ QB_StringA FormatMessage(const char* pszFormat, va_list args)
     return sMessage;
 }
 
+// The file a line of this log goes to, and its time stamp.
+void PlaceLine(int nMode, const char* pszName, const QB_StringW& sFolder, const QB_DateTimeEx& dtNow,
+               QB_StringW& sPath, QB_StringA& sStamp)
+{
+    sPath = sFolder;
+    sPath += u"log\\log";
+    if (pszName && *pszName)
+    {
+        sPath += u"_";
+        sPath += QB_StringW(QB_StringA(pszName));
+    }
+    sPath += QB_StringW(RotationSuffix(nMode, dtNow));
+    sStamp = dtNow.ToText(0, "-") + " : ";
+}
+
 }  // namespace
 
 void QB_WriteLog(int nMode, const char* pszName, const char* pszFormat, ...)
@@ -73,20 +88,93 @@ void QB_WriteLog(int nMode, const char* pszName, const char* pszFormat, ...)
     QB_DateTimeEx dtNow;
     dtNow.SetToNow();
 
-    QB_StringW sPath = ModuleFolder();
-    sPath += u"log\\log";
-    if (pszName && *pszName)
-    {
-        sPath += u"_";
-        sPath += QB_StringW(QB_StringA(pszName));
-    }
-    sPath += QB_StringW(RotationSuffix(nMode, dtNow));
-
     va_list args;
     va_start(args, pszFormat);
-    QB_StringA sLine = dtNow.ToText(0, "-") + " : " + FormatMessage(pszFormat, args);
+    const QB_StringA sMessage = FormatMessage(pszFormat, args);
     va_end(args);
-    AppendLine(sPath, sLine);
+    QB_StringW sPath;
+    QB_StringA sStamp;
+    if (QB_LogBatch* lpBatch = QB_LogBatch::Current())
+    {
+        lpBatch->Place(nMode, pszName, ModuleFolder(), dtNow, sPath, sStamp);
+        lpBatch->Keep(sPath, sStamp, sMessage);
+        return;
+    }
+    PlaceLine(nMode, pszName, ModuleFolder(), dtNow, sPath, sStamp);
+    const QB_StringA sLine = sStamp + sMessage;
+    AppendLine(sPath, sLine.GetString(), sLine.GetLength());
+}
+
+namespace {
+
+thread_local QB_LogBatch* t_lpBatch = nullptr;
+
+// Past this many bytes a batch writes what it holds and goes on.
+constexpr size_t kBatchBytes = 64 * 1024;
+
+}  // namespace
+
+QB_LogBatch::QB_LogBatch() : m_lpOuter(t_lpBatch)
+{
+    t_lpBatch = this;
+}
+
+QB_LogBatch::~QB_LogBatch()
+{
+    t_lpBatch = m_lpOuter;
+    Flush();
+}
+
+QB_LogBatch* QB_LogBatch::Current()
+{
+    return t_lpBatch;
+}
+
+void QB_LogBatch::Place(int nMode, const char* pszName, const QB_StringW& sFolder, const QB_DateTimeEx& dtNow,
+                        QB_StringW& sPath, QB_StringA& sStamp)
+{
+    const char* pszKey = pszName ? pszName : "";
+    if (!m_bPlaced || nMode != m_nMode || m_sName != pszKey || m_sFolder != sFolder || m_dtLast != dtNow)
+    {
+        PlaceLine(nMode, pszName, sFolder, dtNow, m_sPath, m_sStamp);
+        m_bPlaced = true;
+        m_nMode = nMode;
+        m_sName = pszKey;
+        m_sFolder = sFolder;
+        m_dtLast = dtNow;
+    }
+    sPath = m_sPath;
+    sStamp = m_sStamp;
+}
+
+// A line for the file of the last one joins it; the lines of a file keep
+// their order.
+void QB_LogBatch::Keep(const QB_StringW& sPath, const QB_StringA& sStamp, const QB_StringA& sMessage)
+{
+    if (m_vecPending.empty() || m_vecPending.back().first != sPath)
+        m_vecPending.emplace_back(sPath, std::string());
+    std::string& sText = m_vecPending.back().second;
+    sText.append(sStamp.GetString(), (size_t)sStamp.GetLength());
+    sText.append(sMessage.GetString(), (size_t)sMessage.GetLength());
+    m_nBytes += (size_t)(sStamp.GetLength() + sMessage.GetLength());
+    if (m_nBytes >= kBatchBytes)
+        Flush();
+}
+
+void QB_LogBatch::Flush()
+{
+    try
+    {
+        QB_Lock lock(&g_lckLog);
+        for (const auto& [sPath, sText] : m_vecPending)
+            AppendLine(sPath, sText.data(), (int)sText.size());
+    }
+    catch (...)
+    {
+        // Logging never fails towards its caller.
+    }
+    m_vecPending.clear();
+    m_nBytes = 0;
 }
 
 void QB_WriteClientLog(const char* pszFormat, ...)
@@ -107,5 +195,5 @@ void QB_WriteClientLog(const char* pszFormat, ...)
     QB_StringA sLine;
     sLine.Format("%4d-%02d-%02d %02d:%02d:%02d : ", st.wYear, st.wMonth, st.wDay, st.wHour, st.wMinute, st.wSecond);
     sLine += sMessage;
-    AppendLine(sFolder + u"\\log\\log_error_client.txt", sLine);
+    AppendLine(sFolder + u"\\log\\log_error_client.txt", sLine.GetString(), sLine.GetLength());
 }

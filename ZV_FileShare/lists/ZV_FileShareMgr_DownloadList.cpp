@@ -113,6 +113,8 @@ uint32_t ZV_FileShareMgr::SendDownloadList(uint32_t ulConn, uint32_t ulResult, c
 // failed stops the data requests of the entries behind it in this PDU.
 uint32_t ZV_FileShareMgr::HandleGetDownloadSessionListResponse(ConfPduData* lpCpd)
 {
+    // A line per entry: written together when the PDU is done.
+    QB_LogBatch logBatch;
     try
     {
         if (!m_lpConf->IsClientMode())

@@ -82,12 +82,23 @@ uint32_t ZV_FileBriefInfo::GetSaveSize() const
 
 // Length and last-write second are all the record knows of the file. The
 // times meet as text, the form the catalogue keeps them in.
+namespace {
+
+// Times count as the same when they read the same; equal raw values always
+// do, so the text is made only for the rare pair that differs.
+bool SameTimeText(const QB_DateTimeEx& dtA, const QB_DateTimeEx& dtB)
+{
+    return dtA == dtB || dtA.ToText(0, "-") == dtB.ToText(0, "-");
+}
+
+}  // namespace
+
 bool ZV_FileBriefInfo::IsSameFile(const ZV_FileBriefInfo& other) const
 {
     return m_sFileOldName == other.m_sFileOldName && m_ulFileLenth == other.m_ulFileLenth &&
            m_sFilePath == other.m_sFilePath && m_sFileType == other.m_sFileType &&
-           m_dtModifyTime.ToText(0, "-") == other.m_dtModifyTime.ToText(0, "-") &&
-           m_dtShareTime.ToText(0, "-") == other.m_dtShareTime.ToText(0, "-") && m_CreatorID == other.m_CreatorID;
+           SameTimeText(m_dtModifyTime, other.m_dtModifyTime) && SameTimeText(m_dtShareTime, other.m_dtShareTime) &&
+           m_CreatorID == other.m_CreatorID;
 }
 
 bool ZV_FileBriefInfo::IsSameLocalFile() const

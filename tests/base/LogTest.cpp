@@ -113,6 +113,29 @@ TEST(Log, AppendsWithoutALineEndOfItsOwnAndStartsANewDailyFileAtMidnight)
     EXPECT_EQ(home.Read("log/log_error_2011_03_17.txt"), "2011-03-17 00:00:00 : first\r\n");
 }
 
+// Lines written in a batch reach their files only when it ends, each file's
+// in order and stamped as they were written; outside it each line goes at once.
+TEST(Log, ABatchWritesItsLinesWhenItEndsEachFileInOrder)
+{
+    LogHome home;
+    {
+        QB_LogBatch batch;
+        QB_WriteLog(2, "fileshare", "one\r\n");
+        QB_WriteLog(2, "error", "two\r\n");
+        home.SetClock(TIME_2011_03_16_072148 + 1, 0);
+        QB_WriteLog(2, "fileshare", "three\r\n");
+        EXPECT_EQ(home.List(), Files{});
+    }
+    EXPECT_EQ(home.Read("log/log_fileshare_2011_03_16.txt"),
+              "2011-03-16 07:21:48 : one\r\n"
+              "2011-03-16 07:21:49 : three\r\n");
+    EXPECT_EQ(home.Read("log/log_error_2011_03_16.txt"), "2011-03-16 07:21:48 : two\r\n");
+    QB_WriteLog(2, "error", "after\r\n");
+    EXPECT_EQ(home.Read("log/log_error_2011_03_16.txt"),
+              "2011-03-16 07:21:48 : two\r\n"
+              "2011-03-16 07:21:49 : after\r\n");
+}
+
 // The client log takes the platform's local time as it stands, wider than
 // four digits or not, never reads its message as a format, and has no fixed
 // buffer to cut a long message.
