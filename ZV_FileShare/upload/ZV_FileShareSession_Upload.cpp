@@ -108,6 +108,12 @@ uint32_t ZV_FileShareSession::HandleUploadResponse(ConfPduData* lpCpd)
 // neither sends a byte.
 void ZV_FileShareSession::ApplyUploadAnswer(uint32_t ulResult, uint16_t usFileID, uint32_t ulPos)
 {
+    // Only the creator's client uploads. An answer under a file of another
+    // user answers blocks of the user's own file that went while its client
+    // was away, its FileID given out again: it tells nothing of this file,
+    // which the user may not even see.
+    if (!IsLocalCreator())
+        return;
     if (ulResult == zvResultOk && (ulPos > m_BriefInfo.m_ulFileLenth || !m_lpMgr->IsSharedLocalFile(m_BriefInfo)))
         ulResult = zvResultUntrusted;
     if (ulResult == zvResultOk && !m_File.IsOpen() && m_BriefInfo.IsSameLocalFile() &&
@@ -192,12 +198,16 @@ uint32_t ZV_FileShareSession::HandleUploadRequest(ConfPduData* lpCpd)
                            m_FileInfo.m_ulFileWritePos);
         return 0;
     }
-    m_ulLastIoTick = ZV_Now();
-    uint32_t ulResult = zvResultOk;
+    // Refused unwritten; the file is the creator's, and another user's block
+    // neither fails it nor holds up its upload.
     if (block.user != brief.m_CreatorID)
-        ulResult = zvResultNotEntitled;
-    else if (!bFits)
-        ulResult = zvResultCannotAccess;
+    {
+        SendUploadResponse(ulConn, m_usFileID, zvResultNotEntitled, m_usFileID, &block.user, 0,
+                           m_FileInfo.m_ulFileWritePos);
+        return 0;
+    }
+    m_ulLastIoTick = ZV_Now();
+    const uint32_t ulResult = bFits ? zvResultOk : zvResultCannotAccess;
     WriteUploadBlock(ulConn, ulResult, block.user, block.ulPos, block.ulLen, block.pData);
     return 0;
 }

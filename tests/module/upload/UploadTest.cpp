@@ -236,12 +236,14 @@ TEST_F(Upload, ServerTakesTheStartMarkerThenWritesOnlyAtItsWritePositionAsksOnce
 
 TEST_F(Upload, ServerRefusesABlockItCannotTakeAndTheNextBlockShowsWhatItRemembers)
 {
-    struct { const char* szName; QB_UserID sender; size_t nLen; QB_EnvOp eFault; uint32_t ulResult; uint32_t ulNextPos;
-             size_t nNextAnswers; uint32_t ulWritePos; } aCases[] = {
-        {"not the creator", kBob, 100, QB_EnvOp::Count_, 40, 0, 1, 0},
-        {"longer than a block", kAlice, 32769, QB_EnvOp::Count_, 61, 32768, 0, 0},
-        {"store not opened", kAlice, 100, QB_EnvOp::Open, 60, 0, 0, 100},
-        {"write fails", kAlice, 100, QB_EnvOp::Write, 61, 32768, 0, 0}};
+    // Another user's block is refused, but the file is the creator's: it
+    // neither fails nor stops taking the creator's blocks.
+    struct { const char* szName; QB_UserID sender; size_t nLen; QB_EnvOp eFault; uint32_t ulResult; uint16_t usState;
+             uint32_t ulNextPos; size_t nNextAnswers; uint32_t ulWritePos; } aCases[] = {
+        {"not the creator", kBob, 100, QB_EnvOp::Count_, 40, zvFileStateAdded, 0, 1, 0},
+        {"longer than a block", kAlice, 32769, QB_EnvOp::Count_, 61, zvFileStateFailed, 32768, 0, 0},
+        {"store not opened", kAlice, 100, QB_EnvOp::Open, 60, zvFileStateFailed, 0, 0, 100},
+        {"write fails", kAlice, 100, QB_EnvOp::Write, 61, zvFileStateFailed, 32768, 0, 0}};
     for (const auto& c : aCases)
     {
         std::filesystem::remove_all(tmp.Sub("7"));
@@ -250,13 +252,35 @@ TEST_F(Upload, ServerRefusesABlockItCannotTakeAndTheNextBlockShowsWhatItRemember
             env.FailAt(c.eFault, 1);
         Deliver(PDU_CONF_FS_UPLOAD_REQUEST, Block(0, ZV_TestBytes(c.nLen, 9), c.sender), c.sender);
         EXPECT_EQ(Answer(c.ulResult, 0, c.sender), Joined(host.SentOf(PDU_CONF_FS_UPLOAD_RESPONSE))) << c.szName;
-        EXPECT_EQ(zvFileStateFailed, Row().m_usFileState) << c.szName;
+        EXPECT_EQ(c.usState, Row().m_usFileState) << c.szName;
         EXPECT_EQ(0u, Stored().size()) << c.szName;
 
         Deliver(PDU_CONF_FS_UPLOAD_REQUEST, Block(c.ulNextPos, Slice(data, c.ulNextPos, 100), c.sender), c.sender);
         EXPECT_EQ(1 + c.nNextAnswers, host.SentOf(PDU_CONF_FS_UPLOAD_RESPONSE).size()) << c.szName;
         EXPECT_EQ(c.ulWritePos, ZV_FileShareSessionPeer::FileInfo(*lpSession).m_ulFileWritePos) << c.szName;
         EXPECT_EQ(Slice(data, 0, c.ulWritePos), Stored()) << c.szName;
+    }
+}
+
+// An answer to an upload counts only on the client of the file's creator.
+// Under another user's file (its FileID given out again while the user was
+// away, whose blocks it answers) it starts nothing and tells the user
+// nothing, who may not even see that file.
+TEST_F(Upload, AnUploadAnswerCountsOnlyOnTheCreatorsClient)
+{
+    struct { const char* szName; QB_UserID local; uint32_t ulResult; size_t nEvents; size_t nKicks; } aCases[] = {
+        {"the creator, a refusal", kAlice, 40, 1, 0},
+        {"another user, a refusal", kBob, 40, 0, 0},
+        {"another user, a go", kBob, 0, 0, 0}};
+    for (const auto& c : aCases)
+    {
+        Make(false, 98305);
+        host.m_LocalUser = c.local;
+        Deliver(PDU_CONF_FS_UPLOAD_RESPONSE, Answer(c.ulResult, 0, c.local), c.local, 11);
+        EXPECT_EQ(c.nEvents, host.m_vecEvents.size()) << c.szName;
+        EXPECT_EQ(c.nKicks, host.SentOf(257).size()) << c.szName;
+        EXPECT_EQ(zvFileStateAdded, ZV_FileShareSessionPeer::BriefInfo(*lpSession).m_usFileState) << c.szName;
+        EXPECT_EQ(0, ZV_FileShareMgrPeer::BusyFileIDs(mgr).GetSize()) << c.szName;
     }
 }
 
