@@ -837,10 +837,13 @@ bool ZV_RandomScenario::IsNodeFile(const std::vector<std::string>& vecPart) cons
 }
 
 // No client is busy once the conference has settled, but for a download
-// of a file that came back after its creator deleted it, before its upload
-// began. No time-out ends a transfer, and only the creator can send the
-// bytes: a creator who withdrew the file sends nothing, so a downloader of
-// it waits, busy, while its server holds the file unbegun.
+// of a file whose upload never began and never can. No time-out ends a
+// transfer, and only the creator can send the bytes, ordered by the
+// creator's own server: a creator who deleted the file sends nothing if it
+// came back from a server that missed the delete, and a creator's server
+// that removed the file (the creator left before uploading it) orders
+// nothing while a server that missed that keeps it. The downloader waits,
+// busy, while its server holds the file unbegun.
 void ZV_RandomScenario::CheckIdle()
 {
     for (const auto& lpClient : m_vecClients)
@@ -861,10 +864,16 @@ bool ZV_RandomScenario::IsWaitingForAnUpload(const Client& client, uint16_t usFi
         return false;
     const ZV_FileUploadInfo& held = lpHeld->FileInfo();
     const std::string sName = Narrow(held.m_BriefInfo.m_sFileOldName);
+    const QB_UserID& creator = held.m_BriefInfo.m_CreatorID;
     const bool bWithdrawn = std::any_of(m_vecDeleted.begin(), m_vecDeleted.end(), [&](const Deleted& deleted) {
-        return deleted.sName == sName && deleted.lpClient->lpNode->GetUserID() == held.m_BriefInfo.m_CreatorID;
+        return deleted.sName == sName && deleted.lpClient->lpNode->GetUserID() == creator;
     });
-    return bWithdrawn && lpOwn->LocalDownload().m_usState == zvDownloadStateRunning &&
+    const bool bDropped = std::any_of(m_vecClients.begin(), m_vecClients.end(), [&](const auto& lpCreator) {
+        const ZV_FileShareSession* lpThere = ZV_FileShareMgrPeer::Find(*Manager(lpCreator->lpHome), usFileID);
+        return lpCreator->lpNode->GetUserID() == creator &&
+               (lpThere == nullptr || !lpThere->FileInfo().m_BriefInfo.IsSameFile(held.m_BriefInfo));
+    });
+    return (bWithdrawn || bDropped) && lpOwn->LocalDownload().m_usState == zvDownloadStateRunning &&
            held.m_BriefInfo.m_usFileState == zvFileStateAdded && held.m_ulFileWritePos == 0 &&
            held.m_BriefInfo.IsSameFile(lpOwn->BriefInfo());
 }
