@@ -146,6 +146,8 @@ enum : uint32_t
     zvResultNoFileID = 88,       // no free FileID
     zvResultUntrusted = 90,      // a server's PDU would make this client read a file its
                                  // user did not share, or write where the user did not ask
+    zvResultOverLimit = 91,      // an add would pass the files or bytes one user may share
+                                 // ("MaxFilesPerUser", "MaxBytesPerUser" of "confsrv.ini")
 };
 
 // Module type (GetModuleType) and the interface type of GetInterface.

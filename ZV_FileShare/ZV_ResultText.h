@@ -44,6 +44,8 @@ inline const char* zvResultText(uint32_t ulResult)
         return "the conference has no free file number left";
     case zvResultUntrusted:
         return "the server asked for a file the user did not share, or to write where the user did not ask";
+    case zvResultOverLimit:
+        return "the user would share more files or bytes than the server allows";
     }
     return "the module gave a result it does not name";
 }

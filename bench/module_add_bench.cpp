@@ -145,7 +145,7 @@ void FillStores(const fs::path& serverHome, const fs::path& aliceHome, int nRows
         QB_Array<ZV_FileBriefInfo> arrBriefs;
         for (int i = 0; i < nRows; ++i)
             arrBriefs.Add(BriefOf(i));
-        ledger.Remember(kOtherConf, arrBriefs);
+        ledger.Remember(kOtherConf, arrBriefs, std::vector<ZV_LocalFileMark>((size_t)nRows));
     }
     ZV_ShareLedger().Holds(kOtherConf, BriefOf(0));
     QB_SetEnvironmentVariable("ROOMCRATE_HOME", nullptr);

@@ -24,12 +24,7 @@ namespace {
 
 const fs::path& Root()
 {
-    static const fs::path root = [] {
-        char szTemplate[] = "/tmp/roomcrate-conffuzz.XXXXXX";
-        const char* pszMade = ::mkdtemp(szTemplate);
-        FUZZ_CHECK(pszMade != nullptr, "no temporary folder");
-        return fs::path(pszMade);
-    }();
+    static const fs::path root = ZV_FuzzScratch("roomcrate-conffuzz");
     return root;
 }
 

@@ -26,10 +26,7 @@ using Text = std::u16string;
 std::string IniPath()
 {
     static const std::string sPath = [] {
-        const fs::path folder = fs::path(fs::exists("/dev/shm") ? "/dev/shm" : fs::temp_directory_path()) /
-                                ("roomcrate-ini-" + std::to_string(::getpid()));
-        fs::create_directories(folder);
-        return (folder / "f.ini").string();
+        return (ZV_FuzzScratch("roomcrate-ini") / "f.ini").string();
     }();
     return sPath;
 }

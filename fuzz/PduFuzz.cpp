@@ -43,10 +43,8 @@ constexpr size_t kRows = std::size(kPduTable);
 const fs::path& Home()
 {
     static const fs::path home = [] {
-        char szTemplate[] = "/tmp/roomcrate-pdufuzz.XXXXXX";
-        const char* pszMade = ::mkdtemp(szTemplate);
-        FUZZ_CHECK(pszMade != nullptr, "no temporary folder");
-        const fs::path node = fs::path(pszMade) / "node";
+        const fs::path made = ZV_FuzzScratch("roomcrate-pdufuzz");
+        const fs::path node = made / "node";
         fs::create_directories(node);
         QB_SetEnvironmentVariable("ROOMCRATE_HOME", node.c_str());
         fs::current_path(node);  // a relative path a payload names lands here

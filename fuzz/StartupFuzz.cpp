@@ -32,10 +32,8 @@ namespace {
 const fs::path& Home()
 {
     static const fs::path home = [] {
-        char szTemplate[] = "/tmp/roomcrate-startfuzz.XXXXXX";
-        const char* pszMade = ::mkdtemp(szTemplate);
-        FUZZ_CHECK(pszMade != nullptr, "no temporary folder");
-        const fs::path node = fs::path(pszMade) / "node";
+        const fs::path made = ZV_FuzzScratch("roomcrate-startfuzz");
+        const fs::path node = made / "node";
         fs::create_directories(node);
         QB_SetEnvironmentVariable("ROOMCRATE_HOME", node.c_str());
         fs::current_path(node);

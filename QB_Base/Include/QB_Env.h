@@ -66,6 +66,14 @@ public:
     // Files. `ulMode` is the QB_FileEx mode word (access, sharing, creation,
     // attributes); the environment honours all of it.
     virtual QB_FileHandle OpenFile(const std::u16string& sPath, uint32_t ulMode) = 0;
+    // The file sBelow names below the folder sBase. sBase is followed as it
+    // stands (empty: the working folder); below it each folder is made if
+    // missing and entered, and the file opened, without following a link,
+    // one name at a time, so that no link put there leads the open
+    // elsewhere. "." and ".." are no names here. *pbLink (if given) tells
+    // whether the open failed on a link.
+    virtual QB_FileHandle OpenFileBelow(const std::u16string& sBase, const std::u16string& sBelow, uint32_t ulMode,
+                                        bool* pbLink) = 0;
     virtual bool CloseFile(QB_FileHandle hFile) = 0;
     // Bytes read or written, or -1 on a failure.
     virtual int32_t ReadFile(QB_FileHandle hFile, void* pBuf, int32_t nCount) = 0;
@@ -81,6 +89,9 @@ public:
     // Creation, last write and last access times as local broken-down time.
     virtual bool GetFileTimes(QB_FileHandle hFile, QB_SystemTime* pCreation, QB_SystemTime* pLastWrite,
                               QB_SystemTime* pLastAccess) = 0;
+    // The device and file number of the file a handle holds: the same pair
+    // is the same file, whatever name it has now.
+    virtual bool GetFileId(QB_FileHandle hFile, uint64_t* pDevice, uint64_t* pNumber) = 0;
 
     // Names.
     virtual bool DeleteFile(const std::u16string& sPath) = 0;

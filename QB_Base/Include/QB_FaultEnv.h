@@ -90,6 +90,9 @@ public:
     int64_t GetFileSize(QB_FileHandle hFile) override;
     bool GetFileTimes(QB_FileHandle hFile, QB_SystemTime* pCreation, QB_SystemTime* pLastWrite,
                       QB_SystemTime* pLastAccess) override;
+    bool GetFileId(QB_FileHandle hFile, uint64_t* pDevice, uint64_t* pNumber) override;
+    QB_FileHandle OpenFileBelow(const std::u16string& sBase, const std::u16string& sBelow, uint32_t ulMode,
+                                bool* pbLink) override;
 
     bool DeleteFile(const std::u16string& sPath) override;
     uint32_t GetFileAttributes(const std::u16string& sPath) override;

@@ -45,6 +45,9 @@ public:
 
     // True when open; an empty path or a mode without access bits gives false.
     bool Open(const QB_StringW& sPath, uint32_t ulMode);
+    // The file sBelow names below the folder sBase, its folders made on the
+    // way, no link below sBase followed (QB_Env::OpenFileBelow).
+    bool OpenBelow(const QB_StringW& sBase, const QB_StringW& sBelow, uint32_t ulMode, bool* pbLink = nullptr);
     // True if a file was open.
     bool Close();
     bool IsOpen() const { return m_hFile != QB_INVALID_FILE; }
@@ -66,6 +69,8 @@ public:
     // What was written reaches the disk before this returns.
     bool Sync();
     bool GetTimes(QB_SystemTime* pCreation, QB_SystemTime* pLastWrite, QB_SystemTime* pLastAccess);
+    // Device and file number of the open file (QB_Env::GetFileId).
+    bool GetFileId(uint64_t* pDevice, uint64_t* pNumber);
 
     // The part of the full path behind its last backslash.
     QB_StringW GetFileName() const;

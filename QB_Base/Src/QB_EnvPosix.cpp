@@ -283,6 +283,8 @@ class QB_EnvPosix : public QB_Env
 {
 public:
     QB_FileHandle OpenFile(const std::u16string& sPath, uint32_t ulMode) override;
+    QB_FileHandle OpenFileBelow(const std::u16string& sBase, const std::u16string& sBelow, uint32_t ulMode,
+                                bool* pbLink) override;
     bool CloseFile(QB_FileHandle hFile) override;
     int32_t ReadFile(QB_FileHandle hFile, void* pBuf, int32_t nCount) override;
     int32_t WriteFile(QB_FileHandle hFile, const void* pBuf, int32_t nCount) override;
@@ -292,6 +294,7 @@ public:
     int64_t GetFileSize(QB_FileHandle hFile) override;
     bool GetFileTimes(QB_FileHandle hFile, QB_SystemTime* pCreation, QB_SystemTime* pLastWrite,
                       QB_SystemTime* pLastAccess) override;
+    bool GetFileId(QB_FileHandle hFile, uint64_t* pDevice, uint64_t* pNumber) override;
 
     bool DeleteFile(const std::u16string& sPath) override;
     uint32_t GetFileAttributes(const std::u16string& sPath) override;
@@ -331,6 +334,8 @@ private:
     int OpenWithRoom(const std::string& sPath, int nFlags, mode_t mode, QB_FileHandle hKeep);
     bool ParkOldest(QB_FileHandle hKeep);
     bool MayOpen(const std::string& sPath, const OpenRequest& req);
+    bool MayOpenFile(const struct stat& st, const OpenRequest& req);
+    QB_FileHandle Admit(int nFd, const OpenRequest& req, const std::string& sSystem, int nReopenFlags);
 };
 
 // The descriptor of a handle, taken again if the handle was parked; -1 for
@@ -406,6 +411,11 @@ bool QB_EnvPosix::MayOpen(const std::string& sPath, const OpenRequest& req)
     struct stat st;
     if (stat(sPath.c_str(), &st) != 0)
         return true;  // a missing file: open() itself decides
+    return MayOpenFile(st, req);
+}
+
+bool QB_EnvPosix::MayOpenFile(const struct stat& st, const OpenRequest& req)
+{
     if (!S_ISREG(st.st_mode))
         return false;
     bool bWrites = (req.ulAccess & kAccessWrite) || req.ulCreation == kCreateAlways;
@@ -432,6 +442,98 @@ QB_FileHandle QB_EnvPosix::OpenFile(const std::u16string& sPath, uint32_t ulMode
     int nFd = OpenWithRoom(sSystem, req.nFlags, req.mode, QB_INVALID_FILE);
     if (nFd < 0)
         return QB_INVALID_FILE;
+    return Admit(nFd, req, sSystem, req.nFlags & ~(O_CREAT | O_TRUNC | O_EXCL));
+}
+
+namespace {
+
+// The names of a relative path, or none when one of them is "." or "..".
+std::vector<std::string> NamesOf(const std::string& sPath)
+{
+    std::vector<std::string> vecName;
+    size_t nAt = 0;
+    while (nAt <= sPath.size())
+    {
+        size_t nEnd = sPath.find('/', nAt);
+        if (nEnd == std::string::npos)
+            nEnd = sPath.size();
+        const std::string sName = sPath.substr(nAt, nEnd - nAt);
+        if (sName == "." || sName == "..")
+            return {};
+        if (!sName.empty())
+            vecName.push_back(sName);
+        nAt = nEnd + 1;
+    }
+    return vecName;
+}
+
+// Whether a name in the folder nDir is a symbolic link.
+bool IsLinkAt(int nDir, const char* pszName)
+{
+    struct stat st;
+    return fstatat(nDir, pszName, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(st.st_mode);
+}
+
+} // namespace
+
+QB_FileHandle QB_EnvPosix::OpenFileBelow(const std::u16string& sBase, const std::u16string& sBelow, uint32_t ulMode,
+                                         bool* pbLink)
+{
+    bool bLink = false;
+    if (pbLink == nullptr)
+        pbLink = &bLink;
+    *pbLink = false;
+    OpenRequest req;
+    std::string sBaseSystem = sBase.empty() ? std::string(".") : QB_PathToSystem(sBase);
+    const std::vector<std::string> vecName = NamesOf(QB_PathToSystem(sBelow));
+    if (sBaseSystem.empty() || vecName.empty() || !ParseMode(ulMode, req))
+        return QB_INVALID_FILE;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    int nDir = open(sBaseSystem.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    for (size_t i = 0; nDir >= 0 && i + 1 < vecName.size(); ++i)
+    {
+        const char* pszName = vecName[i].c_str();
+        int nNext = -1;
+        if (mkdirat(nDir, pszName, 0777) == 0 || errno == EEXIST)
+            nNext = openat(nDir, pszName, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        if (nNext < 0)
+            *pbLink = IsLinkAt(nDir, pszName);
+        close(nDir);
+        nDir = nNext;
+    }
+    if (nDir < 0)
+        return QB_INVALID_FILE;
+    const char* pszFile = vecName.back().c_str();
+    struct stat st;
+    // The sharing check comes before an open that could make or cut the file.
+    if (fstatat(nDir, pszFile, &st, AT_SYMLINK_NOFOLLOW) == 0 && !MayOpenFile(st, req))
+    {
+        *pbLink = S_ISLNK(st.st_mode);
+        close(nDir);
+        return QB_INVALID_FILE;
+    }
+    for (const size_t nBudget = LiveBudget(); m_nLive >= nBudget && ParkOldest(QB_INVALID_FILE);)
+    {
+    }
+    const int nFd = openat(nDir, pszFile, req.nFlags | O_NOFOLLOW, req.mode);
+    if (nFd < 0)
+        *pbLink = IsLinkAt(nDir, pszFile);
+    close(nDir);
+    if (nFd < 0)
+        return QB_INVALID_FILE;
+    ++m_nLive;
+    if (sBaseSystem.back() != '/')
+        sBaseSystem += '/';
+    std::string sSystem = sBaseSystem;
+    for (size_t i = 0; i < vecName.size(); ++i)
+        sSystem += (i == 0 ? "" : "/") + vecName[i];
+    // A parked handle is opened again by this name only onto the same file.
+    return Admit(nFd, req, sSystem, (req.nFlags | O_NOFOLLOW) & ~(O_CREAT | O_TRUNC | O_EXCL));
+}
+
+// Takes an open descriptor into the table; the caller holds m_mutex.
+QB_FileHandle QB_EnvPosix::Admit(int nFd, const OpenRequest& req, const std::string& sSystem, int nReopenFlags)
+{
     struct stat st;
     if (fstat(nFd, &st) != 0 || !S_ISREG(st.st_mode))
     {
@@ -439,7 +541,6 @@ QB_FileHandle QB_EnvPosix::OpenFile(const std::u16string& sPath, uint32_t ulMode
         --m_nLive;
         return QB_INVALID_FILE;
     }
-    const int nReopenFlags = req.nFlags & ~(O_CREAT | O_TRUNC | O_EXCL);
     const QB_FileHandle hFile = m_hNext++;
     m_mapOpen[hFile] =
         OpenRecord{st.st_dev, st.st_ino, req.ulAccess, req.ulDeny, sSystem, nReopenFlags, nFd, 0, ++m_ullUseClock};
@@ -590,6 +691,19 @@ bool QB_EnvPosix::GetFileTimes(QB_FileHandle hFile, QB_SystemTime* pCreation, QB
     StoreTime(pCreation, (stx.stx_mask & STATX_BTIME) ? stx.stx_btime : stx.stx_ctime);
     StoreTime(pLastWrite, stx.stx_mtime);
     StoreTime(pLastAccess, stx.stx_atime);
+    return true;
+}
+
+// Taken when the handle was opened, from the descriptor itself, and held
+// by a parked handle too: a handle is reopened only onto the same pair.
+bool QB_EnvPosix::GetFileId(QB_FileHandle hFile, uint64_t* pDevice, uint64_t* pNumber)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    const auto it = m_mapOpen.find(hFile);
+    if (it == m_mapOpen.end() || pDevice == nullptr || pNumber == nullptr)
+        return false;
+    *pDevice = (uint64_t)it->second.dev;
+    *pNumber = (uint64_t)it->second.ino;
     return true;
 }
 

@@ -182,6 +182,19 @@ QB_FileHandle QB_FaultEnv::OpenFile(const std::u16string& sPath, uint32_t ulMode
     return hFile;
 }
 
+// Made below a folder the user named; not one of the crash tests' steps,
+// which the download road does not take part in.
+QB_FileHandle QB_FaultEnv::OpenFileBelow(const std::u16string& sBase, const std::u16string& sBelow, uint32_t ulMode,
+                                         bool* pbLink)
+{
+    if (pbLink != nullptr)
+        *pbLink = false;
+    std::lock_guard<std::mutex> lock(m_diskMutex);
+    if (m_lpDisk->IsDown() || Fails(QB_EnvOp::Open))
+        return QB_INVALID_FILE;
+    return m_lpTarget->OpenFileBelow(sBase, sBelow, ulMode, pbLink);
+}
+
 // A handle that died with the machine was closed then.
 bool QB_FaultEnv::CloseFile(QB_FileHandle hFile)
 {
@@ -259,6 +272,11 @@ bool QB_FaultEnv::GetFileTimes(QB_FileHandle hFile, QB_SystemTime* pCreation, QB
 {
     std::lock_guard<std::mutex> lock(m_diskMutex);
     return !m_lpDisk->IsDead(hFile) && m_lpTarget->GetFileTimes(hFile, pCreation, pLastWrite, pLastAccess);
+}
+
+bool QB_FaultEnv::GetFileId(QB_FileHandle hFile, uint64_t* pDevice, uint64_t* pNumber)
+{
+    return m_lpTarget->GetFileId(hFile, pDevice, pNumber);
 }
 
 bool QB_FaultEnv::DeleteFile(const std::u16string& sPath)

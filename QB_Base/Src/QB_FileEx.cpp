@@ -52,6 +52,20 @@ bool QB_FileEx::Open(const QB_StringW& sPath, uint32_t ulMode)
     return IsOpen();
 }
 
+bool QB_FileEx::OpenBelow(const QB_StringW& sBase, const QB_StringW& sBelow, uint32_t ulMode, bool* pbLink)
+{
+    Close();
+    if (pbLink != nullptr)
+        *pbLink = false;
+    m_sFileName = sBase + sBelow;
+    if (sBelow.IsEmpty() || (ulMode & QB_FILE_ACCESS_MASK) == 0)
+        return false;
+    if ((ulMode & QB_FILE_CREATION_MASK) == 0)
+        ulMode |= QB_FILE_OPEN_EXISTING;
+    m_hFile = QB_GetEnv()->OpenFileBelow(ToStd(sBase), ToStd(sBelow), ulMode, pbLink);
+    return IsOpen();
+}
+
 bool QB_FileEx::Close()
 {
     if (!IsOpen())
@@ -132,6 +146,11 @@ bool QB_FileEx::Sync()
 bool QB_FileEx::GetTimes(QB_SystemTime* pCreation, QB_SystemTime* pLastWrite, QB_SystemTime* pLastAccess)
 {
     return IsOpen() && QB_GetEnv()->GetFileTimes(m_hFile, pCreation, pLastWrite, pLastAccess);
+}
+
+bool QB_FileEx::GetFileId(uint64_t* pDevice, uint64_t* pNumber)
+{
+    return IsOpen() && QB_GetEnv()->GetFileId(m_hFile, pDevice, pNumber);
 }
 
 QB_StringW QB_FileEx::GetFileName() const

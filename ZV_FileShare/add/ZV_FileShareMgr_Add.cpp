@@ -73,14 +73,57 @@ uint32_t FsAddFailed(uint32_t ulResult)
 // whose session, stored file and row the add would then take over, or lie
 // outside this server's range and clash with a linked server's files. So a
 // client's request that names one is refused, whatever the number.
-uint32_t ZV_FileShareMgr::CheckClientAdd(ZV_AddRequest& ask)
+uint32_t ZV_FileShareMgr::CheckClientAdd(ZV_AddRequest& ask, bool& bRenamed)
 {
     if (m_lpConf->GetUser(&ask.user) == nullptr)
         return zvResultNotInConf;
     if (!m_lpConf->CanShareFiles(&ask.user) || ask.usFileID != ZV_NO_FILEID)
         return zvResultNotEntitled;
+    QB_Array<ZV_FileBriefInfo> arrInfo;
+    arrInfo.Add(ask.brief);
+    if (!IsWithinUserLimits(ask.user, arrInfo))
+        return zvResultOverLimit;
+    // Before a FileID is held, so that a throw of the host here holds none.
+    // FsAdd names the creator through the code page.
+    bRenamed = NameCreatorAsHost(ask.user, ask.brief, true);
     ask.usFileID = AllocFileID();
     return ask.usFileID == ZV_NO_FILEID ? zvResultNoFileID : zvResultOk;
+}
+
+// Counted over the files of this conference that the user created and this
+// server holds now: a deleted file frees its place. Lengths are the
+// announced ones, summed wide so that no count of 32-bit lengths wraps.
+bool ZV_FileShareMgr::IsWithinUserLimits(const QB_UserID& user, const QB_Array<ZV_FileBriefInfo>& arrInfo)
+{
+    if (m_ullMaxFilesPerUser == 0 && m_ullMaxBytesPerUser == 0)
+        return true;
+    uint64_t ullFiles = (uint64_t)arrInfo.GetSize();
+    uint64_t ullBytes = 0;
+    for (int i = 0; i < arrInfo.GetSize(); ++i)
+        ullBytes += arrInfo[i].m_ulFileLenth;
+    ForEachSession([&](uint16_t, ZV_FileShareSession* lpFsSession) {
+        if (lpFsSession == nullptr || !(lpFsSession->BriefInfo().m_CreatorID == user))
+            return;
+        ++ullFiles;
+        ullBytes += lpFsSession->BriefInfo().m_ulFileLenth;
+    });
+    return (m_ullMaxFilesPerUser == 0 || ullFiles <= m_ullMaxFilesPerUser) &&
+           (m_ullMaxBytesPerUser == 0 || ullBytes <= m_ullMaxBytesPerUser);
+}
+
+// A host that gives no name leaves the description's: there is nothing
+// truer to show.
+bool ZV_FileShareMgr::NameCreatorAsHost(const QB_UserID& user, ZV_FileBriefInfo& brief, bool bThroughAnsi)
+{
+    const ZV_ConfUserInfo* lpUser = m_lpConf->GetUser(&user);
+    if (lpUser == nullptr || lpUser->szName == nullptr)
+        return false;
+    const QB_StringU8 sName(lpUser->szName);
+    const QB_StringU8 sShown = bThroughAnsi ? ThroughAnsi(QB_StringW(sName)) : sName;
+    if ((brief.m_ullMask & ZV_BRIEF_CREATOR_NAME) != 0 && brief.m_sCreatorName == sShown)
+        return false;
+    brief.SetCreatorName(sShown);
+    return true;
 }
 
 uint32_t ZV_FileShareMgr::FsAdd(const char16_t* szPath, const QB_UserID* pRight, uint32_t nRight, uint8_t bPublic,
@@ -99,7 +142,9 @@ uint32_t ZV_FileShareMgr::FsAdd(const char16_t* szPath, const QB_UserID* pRight,
             return FsAddFailed(zvResultCannotOpen);
         // A path the records or the catalogue can't hold would make a share
         // with an empty or changed name, whose bytes could never be found.
-        if (ZV_CheckSharePath(file.GetFullPath(), true) != ZV_SharePathProblem::None)
+        ZV_LocalFileMark mark;
+        if (ZV_CheckSharePath(file.GetFullPath(), true) != ZV_SharePathProblem::None ||
+            !ZV_ShareLedger::MarkOf(file, mark))
             return FsAddFailed(zvResultCannotOpen);
         const ZV_ConfUserInfo* lpUser = m_lpConf->GetUser(m_lpConf->GetLocalUserID());
         if (lpUser == nullptr)
@@ -112,7 +157,7 @@ uint32_t ZV_FileShareMgr::FsAdd(const char16_t* szPath, const QB_UserID* pRight,
             return FsAddFailed(zvResultNoConnection);
         // A failed save is logged by the ledger; the row holds for this run,
         // and after a restart the user shares again.
-        m_ShareLedger.Remember(m_lpConf->GetConfID(), brief);
+        m_ShareLedger.Remember(m_lpConf->GetConfID(), brief, mark);
         return SendAddRequest(ulConn, ZV_NO_FILEID, *m_lpConf->GetLocalUserID(), 0, brief, bStartUpload);
     });
     return ulResult;
@@ -127,7 +172,8 @@ uint32_t ZV_FileShareMgr::HandleAddRequest(ConfPduData* lpCpd)
         return zvResultOk;
     ask.LoadBody(stream);
     const bool bFromClient = !ZV_IsServerLink(lpCpd->conn_type);
-    const uint32_t ulRefusal = bFromClient ? CheckClientAdd(ask) : zvResultOk;
+    bool bRenamed = false;
+    const uint32_t ulRefusal = bFromClient ? CheckClientAdd(ask, bRenamed) : zvResultOk;
     if (ulRefusal != zvResultOk)
     {
         SendAddResponse(lpCpd->ulConn, ask.usFileID, ulRefusal, ask.usFileID, ask.user, 0, ask.brief,
@@ -139,7 +185,7 @@ uint32_t ZV_FileShareMgr::HandleAddRequest(ConfPduData* lpCpd)
     ReplaceSession(ask.usFileID, std::move(lpOwned));
     try
     {
-        return FinishServerAdd(lpCpd, ask, lpFsSession);
+        return FinishServerAdd(lpCpd, ask, lpFsSession, bRenamed);
     }
     catch (...)
     {
@@ -149,15 +195,25 @@ uint32_t ZV_FileShareMgr::HandleAddRequest(ConfPduData* lpCpd)
 }
 
 uint32_t ZV_FileShareMgr::FinishServerAdd(ConfPduData* lpCpd, const ZV_AddRequest& ask,
-                                          ZV_FileShareSession* lpFsSession)
+                                          ZV_FileShareSession* lpFsSession, bool bRenamed)
 {
     const bool bFromClient = !ZV_IsServerLink(lpCpd->conn_type);
     // The session reads and forwards the final FileID and flood number; the
-    // host's bytes stay untouched, a patched copy goes instead.
+    // host's bytes stay untouched, a patched copy goes instead. A renamed
+    // creator is written anew, whole: fields of a newer client's record
+    // that this server does not know are then lost, which only a client
+    // that named its user falsely meets.
     std::vector<uint8_t> vbPayload(lpCpd->pData, lpCpd->pData + lpCpd->ulLen);
+    if (bRenamed)
+    {
+        ZV_PduBuffer pdu;
+        ask.Save(pdu.Stream());
+        vbPayload.assign(pdu.Payload(), pdu.Payload() + pdu.PayloadLength());
+    }
     ask.SaveHeadOver(vbPayload);
     ConfPduData final = *lpCpd;
     final.pData = vbPayload.data();
+    final.ulLen = (uint32_t)vbPayload.size();
     const uint32_t ulResult = lpFsSession->HandleAddRequest(&final);
     uint32_t ulTarget = zvConnNone;
     if (ulResult != zvResultOk && bFromClient)

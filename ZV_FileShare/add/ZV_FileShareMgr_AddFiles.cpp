@@ -289,16 +289,19 @@ uint32_t ZV_FileShareMgr::FsFilesAdd(const char16_t* szFolder, const char16_t* c
             arrRight.Add(pRight[i]);
         QB_Array<uint16_t> arrFileID;
         QB_Array<ZV_FileBriefInfo> arrInfo;
+        std::vector<ZV_LocalFileMark> vecMark;
         for (uint32_t i = 0; ppNames != nullptr && i < nNames; ++i)
         {
             QB_FileEx file;
-            if (!OpenBatchFile(file, sFolder, ppNames[i]))
+            ZV_LocalFileMark mark;
+            if (!OpenBatchFile(file, sFolder, ppNames[i]) || !ZV_ShareLedger::MarkOf(file, mark))
             {
                 ulResult = zvResultCannotOpen;
                 QB_WriteClientLog("ZV_File.FsFilesAdd[%d] ret = %d\r\n", (int)i, (int)zvResultCannotOpen);
                 continue;
             }
             arrInfo.Add(MakeBrief(m_lpConf, *lpUser, file, sFolder, file.GetPath(), arrRight, bPublic));
+            vecMark.push_back(mark);
             file.Close();
             arrFileID.Add(ZV_NO_FILEID);
         }
@@ -306,7 +309,7 @@ uint32_t ZV_FileShareMgr::FsFilesAdd(const char16_t* szFolder, const char16_t* c
         {
             // A failed save is logged by the ledger; the rows hold for this run,
             // and after a restart the user shares again.
-            m_ShareLedger.Remember(m_lpConf->GetConfID(), arrInfo);
+            m_ShareLedger.Remember(m_lpConf->GetConfID(), arrInfo, vecMark);
             SendAddFilesRequest(ulConn, *m_lpConf->GetLocalUserID(), 0, bStartUpload, arrFileID, arrInfo);
         }
         return ulResult;
@@ -379,6 +382,11 @@ uint32_t ZV_FileShareMgr::HandleAddFilesRequest(ConfPduData* lpCpd)
         ulRefusal = zvResultNotInConf;
     else if (bFromClient && (!m_lpConf->CanShareFiles(&ask.user) || NamesFileID(ask.arrFileID)))
         ulRefusal = zvResultNotEntitled;
+    // A PDU of a batch that would pass a limit goes whole or not at all: the
+    // user learns which files stand by what was announced, not by a cut the
+    // server chose.
+    else if (bFromClient && !IsWithinUserLimits(ask.user, ask.arrInfo))
+        ulRefusal = zvResultOverLimit;
     if (ulRefusal != zvResultOk)
     {
         SendAddFilesResponse(lpCpd->ulConn, ulRefusal, ask.user, ask.bStartUpload, ask.arrFileID, arrNoPos,
@@ -397,6 +405,9 @@ uint32_t ZV_FileShareMgr::HandleAddFilesRequest(ConfPduData* lpCpd)
                                  ask.bStartUpload, ask.arrFileID, arrNoPos, ask.arrInfo, ask.bLast, !bFromClient);
         return zvResultOk;
     }
+    // FsFilesAdd names the creator in UTF-8 as it stands.
+    for (int i = 0; bFromClient && i < ask.arrInfo.GetSize(); ++i)
+        NameCreatorAsHost(ask.user, ask.arrInfo[i], false);
     try
     {
         if (bFromClient && !AllocBatchFileIDs(lpCpd, ask))

@@ -104,6 +104,49 @@ bool NeedsGuard(const QB_StringW& sName)
     return true;
 }
 
+bool IsDotOrBlank(char16_t ch)
+{
+    return ch == u'.' || ch == u' ';
+}
+
+// A name that ends in a dot or a blank is another name on Windows, which
+// drops them: each such trailing character becomes "_".
+QB_StringW ReplaceTrailingDots(const QB_StringW& sName)
+{
+    QB_StringW s(sName);
+    for (int i = s.GetLength() - 1; i >= 0 && IsDotOrBlank(s[i]); --i)
+        s.SetAt(i, u'_');
+    return s;
+}
+
+char16_t UpperAscii(char16_t ch)
+{
+    return ch >= u'a' && ch <= u'z' ? (char16_t)(ch - u'a' + u'A') : ch;
+}
+
+// The part before the first dot, blanks behind it dropped, names a device
+// as Windows does: CON, PRN, AUX, NUL, and COM or LPT with a digit from 1
+// to 9 (or a superscript 1, 2, 3), in any case.
+bool IsDeviceName(const QB_StringW& sName)
+{
+    int nEnd = sName.Find(u'.');
+    if (nEnd < 0)
+        nEnd = sName.GetLength();
+    while (nEnd > 0 && sName[nEnd - 1] == u' ')
+        --nEnd;
+    char16_t ach[4] = {};
+    if (nEnd != 3 && nEnd != 4)
+        return false;
+    for (int i = 0; i < nEnd; ++i)
+        ach[i] = UpperAscii(sName[i]);
+    const std::u16string sStem(ach, 3);
+    if (nEnd == 3)
+        return sStem == u"CON" || sStem == u"PRN" || sStem == u"AUX" || sStem == u"NUL";
+    const char16_t chDigit = ach[3];
+    const bool bDigit = (chDigit >= u'1' && chDigit <= u'9') || chDigit == 0xB9 || chDigit == 0xB2 || chDigit == 0xB3;
+    return bDigit && (sStem == u"COM" || sStem == u"LPT");
+}
+
 bool FileExists(const QB_StringW& sPath)
 {
     const std::u16string sStd(sPath.GetString(), (size_t)sPath.GetLength());
@@ -121,9 +164,9 @@ QB_StringW ZV_FileShareSession::MakeStoredFileName(const QB_StringW& sFolder, co
     if (nMaxUnits < 1)
         nMaxUnits = 1;
     QB_StringW sStored = BreakDotRuns(FitName(ReplaceUnsafeChars(sName), nMaxUnits));
-    if (NeedsGuard(sStored))
+    if (NeedsGuard(sStored) || IsDeviceName(sStored))
         sStored = QB_StringW(u"_") + sStored;
-    return sStored;
+    return ReplaceTrailingDots(sStored);
 }
 
 void ZV_FileShareSession::MakeUniqueFileName(const QB_StringW& sFolder, const QB_StringW& sName, QB_StringW& sDst)
@@ -215,12 +258,12 @@ uint32_t ZV_FileShareSession::InitCltAddFileInfo(IZV_ConfHost* lpConf, uint16_t 
         const QB_UserID* lpLocal = lpConf->GetLocalUserID();
         if (lpLocal == nullptr || !(brief.m_CreatorID == *lpLocal))
             return zvResultOk;
-        if (!m_File.IsOpen() &&
-            !m_File.Open(QB_StringW(brief.m_sFilePath + brief.m_sFileOldName),
-                         QB_FILE_READ | QB_FILE_SHARE_DENY_WRITE | QB_FILE_OPEN_EXISTING))
+        // The same check as on every road of an upload: this very file, open.
+        const uint32_t ulOpened = m_File.IsOpen() ? zvResultOk : m_lpMgr->OpenSharedLocalFile(brief, m_File);
+        if (ulOpened != zvResultOk)
         {
-            QB_WriteClientLog("ZV_FileShareMgr.HandleAddResponse ret = %d\r\n", (int)zvResultCannotOpen);
-            return zvResultCannotOpen;
+            QB_WriteClientLog("ZV_FileShareMgr.HandleAddResponse ret = %d\r\n", (int)ulOpened);
+            return ulOpened;
         }
         if (bStartUpload)
         {

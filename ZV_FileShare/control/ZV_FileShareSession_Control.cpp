@@ -282,6 +282,13 @@ uint32_t ZV_FileShareSession::HandleUploadErrorRequest(ConfPduData* lpCpd)
     ask.Load(stream);
     if (!lpConf->IsServerMode())
         return 0;
+    // A client speaks only of the upload of its own file: anyone else's word
+    // that it failed is refused and changes nothing. A server's is decided.
+    if (IsClientRequest(lpCpd) && !(ask.user == m_FileInfo.m_BriefInfo.m_CreatorID))
+    {
+        SendUploadErrorResponse(lpCpd->ulConn, m_usFileID, zvResultNotEntitled, m_usFileID);
+        return 0;
+    }
     if (IsClientRequest(lpCpd) && m_FileInfo.m_BriefInfo.m_usFileState == zvFileStateComplete)
         return 0;
     if (!ZV_IsNewFlood(lpConf, ask.user, ask.ulFloodSeq))

@@ -148,6 +148,7 @@ private:
     // `brief` names for reading: only a file its user shared, as it was
     // shared, in this conference.
     bool IsSharedLocalFile(const ZV_FileBriefInfo& brief) override;
+    uint32_t OpenSharedLocalFile(const ZV_FileBriefInfo& brief, QB_FileEx& file) override;
     void NotifyTransferState(uint8_t bUpload, uint16_t usFileID, uint16_t usState) override;
     // Client: the local user may no longer have the file.
     void DropLostDownload(uint16_t usFileID, ZV_FileShareSession* lpFsSession) override;
@@ -338,8 +339,16 @@ private:
     void AnswerRefusedAdd(uint16_t usAnswer, QB_ByteStream& stream, uint32_t ulConn);
     void OnClientConnect(uint16_t usConnType);
     void OnServerConnect(const QB_UserID* lpPeer, uint16_t usConnType);
-    uint32_t CheckClientAdd(ZV_AddRequest& ask);
-    uint32_t FinishServerAdd(ConfPduData* lpCpd, const ZV_AddRequest& ask, ZV_FileShareSession* lpFsSession);
+    uint32_t CheckClientAdd(ZV_AddRequest& ask, bool& bRenamed);
+    // Whether user may add the files arrInfo describes beside those they
+    // share now, under "MaxFilesPerUser" and "MaxBytesPerUser".
+    bool IsWithinUserLimits(const QB_UserID& user, const QB_Array<ZV_FileBriefInfo>& arrInfo);
+    void ReadUserLimits(const QB_IniFileEx& iniFile);
+    uint32_t FinishServerAdd(ConfPduData* lpCpd, const ZV_AddRequest& ask, ZV_FileShareSession* lpFsSession,
+                             bool bRenamed);
+    // A client's creator is shown by the name the host knows the link's user
+    // by; true when the description named them otherwise and was changed.
+    bool NameCreatorAsHost(const QB_UserID& user, ZV_FileBriefInfo& brief, bool bThroughAnsi);
     bool AllocBatchFileIDs(ConfPduData* lpCpd, ZV_AddFilesRequest& ask);
     void DropBatch(const QB_Array<uint16_t>& arrFileID, int nMade);
     void StoreAddedFiles(ConfPduData* lpCpd, const ZV_AddFilesRequest& ask, const QB_StringW& sFolder);
@@ -359,6 +368,9 @@ private:
     ZV_SessionMap m_mapSession;
     ZV_FinishedDownloadMap m_mapFinishedDownload{97};
     QB_StringA m_strPath;
+    // What one participant may have shared at once; 0 is no limit.
+    uint64_t m_ullMaxFilesPerUser = 0;
+    uint64_t m_ullMaxBytesPerUser = 0;
     QB_Array<uint16_t> m_arrBusyFileID;
     uint32_t m_ulIdleSince = 0;
     QB_List<ZV_FileUploadInfo> m_listUpload;

@@ -29,7 +29,38 @@ QB_StringW HomeFolder()
     return QB_StringW(sFolder.data(), (int)sFolder.size());
 }
 
+// A limit as the administrator wrote it: decimal digits, blanks around them
+// allowed. Anything else sets no limit, and says so in the log.
+uint64_t ReadLimit(const QB_IniFileEx& iniFile, const char* pszKey)
+{
+    QB_StringA sValue = iniFile.GetString(QB_StringA("FileShare"), QB_StringA(pszKey), QB_StringA());
+    sValue.TrimLeft();
+    sValue.TrimRight();
+    uint64_t ullValue = 0;
+    for (int i = 0; i < sValue.GetLength(); ++i)
+    {
+        const char ch = sValue[i];
+        if (ch < '0' || ch > '9' || ullValue > (UINT64_MAX - 9) / 10)
+        {
+            QB_WriteLog(QB_LOG_DAILY, "error", "ZV_FileShareMgr::Initialize %s is no number: no limit.\r\n", pszKey);
+            return 0;
+        }
+        ullValue = ullValue * 10 + (uint64_t)(ch - '0');
+    }
+    return ullValue;
+}
+
 } // namespace
+
+// Two keys beside "Path" that a host may set to bound what one participant
+// shares at once, so that no one client can fill the store or hold the PDU
+// thread with adds. Neither is set by default: a server that sets nothing
+// takes every add, as it always has.
+void ZV_FileShareMgr::ReadUserLimits(const QB_IniFileEx& iniFile)
+{
+    m_ullMaxFilesPerUser = ReadLimit(iniFile, "MaxFilesPerUser");
+    m_ullMaxBytesPerUser = ReadLimit(iniFile, "MaxBytesPerUser");
+}
 
 uint32_t ZV_FileShareMgr::Initialize()
 {
@@ -61,6 +92,7 @@ uint32_t ZV_FileShareMgr::Initialize()
         m_strPath = QB_WithBackslashes(m_strPath);
         if (m_strPath[m_strPath.GetLength() - 1] != '\\')
             m_strPath += '\\';
+        ReadUserLimits(iniFile);
         m_Catalog.Open();
         m_Catalog.SetRootPath(m_strPath);
         if (iniFile.GetLong(QB_StringA("FileShare"), QB_StringA("RestoreCatalog"), 0) != 0)

@@ -6,7 +6,29 @@
 // m_sAskedPath, checked in ZV_FileShareSession_Fetch.cpp).
 #include "core/ZV_FileShareMgr.h"
 
+#include "QB_Env.h"
 #include "QB_Log.h"
+
+// Open first, then ask the open file what it is: a check of the path before
+// the open would leave a moment in which the path could be pointed at
+// another file.
+uint32_t ZV_FileShareMgr::OpenSharedLocalFile(const ZV_FileBriefInfo& brief, QB_FileEx& file)
+{
+    if (!IsSharedLocalFile(brief))
+        return zvResultUntrusted;
+    const QB_StringW sPath(brief.m_sFilePath + brief.m_sFileOldName);
+    if (!file.Open(sPath, QB_FILE_READ | QB_FILE_SHARE_DENY_WRITE | QB_FILE_OPEN_EXISTING))
+    {
+        const std::u16string sStd(sPath.GetString(), (size_t)sPath.GetLength());
+        if (QB_GetEnv()->GetFileAttributes(sStd) == QB_ATTR_INVALID)
+            m_ShareLedger.Forget(m_lpConf->GetConfID(), brief);
+        return zvResultCannotOpen;
+    }
+    if (m_ShareLedger.HoldsOpenFile(m_lpConf->GetConfID(), brief, file))
+        return zvResultOk;
+    file.Close();
+    return zvResultUntrusted;
+}
 
 bool ZV_FileShareMgr::IsSharedLocalFile(const ZV_FileBriefInfo& brief)
 {

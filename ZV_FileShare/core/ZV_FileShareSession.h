@@ -156,6 +156,9 @@ public:
     // A stopped upload sends no block on a client and takes none on a server.
     bool IsUploadStopped() const { return m_bStopUpload; }
     void SetUploadStopped(bool bStopped) { m_bStopUpload = bStopped; }
+    // Client: the user withdrew the share; the local file closes and the
+    // pump reads no more of it.
+    void WithdrawLocalShare();
     // Client: where the upload reads next.
     uint32_t ReadPos() const { return m_ulReadPos; }
     // Server: every byte of the file is stored, here or where a linked
@@ -178,12 +181,15 @@ public:
     // sends it, as do the operations that give a download up.
     uint32_t SendDelDownloadRequest(uint32_t ulConn, uint16_t usFileID, const QB_UserID* pUser, uint32_t ulFloodSeq);
     // Client: the one download answer this session will take is one for
-    // sPath from its start.
-    void ExpectDownload(const QB_StringU8& sPath)
+    // sPath from its start; sBase is the part of its folder that stood when
+    // the user asked, which alone is followed as it stands.
+    void ExpectDownload(const QB_StringU8& sPath, const QB_StringW& sBase)
     {
         m_sAskedPath = sPath;
         m_ulAskedPos = 0;
         m_bDownloadAsked = true;
+        m_sAskedBase = sBase;
+        m_bAskedBase = true;
     }
     // Event 3002.
     void NotifyDownloadState(uint32_t ulResult, uint16_t usFileID, const ZV_FileDownloadInfo& download,
@@ -339,6 +345,7 @@ private:
     uint32_t OpenDownloadTarget(const ZV_FileDownloadInfo& record);
     uint32_t OpenRelayTarget(ZV_FileDownloadInfo& record);
     uint32_t OpenDownloadFile(const QB_StringW& sPath, uint32_t ulPos, uint32_t ulLength, uint32_t ulMode);
+    uint32_t CutDownloadFile(uint32_t ulPos);
     void ReportDownloadAnswer(const ConfPduData* lpCpd, uint32_t ulResult, uint16_t usFileID, const QB_UserID& user,
                               const ZV_FileDownloadInfo& record);
     void ApplyDownloadAnswer(const ConfPduData* lpCpd, ZV_DownloadResponse& answer);
@@ -418,4 +425,8 @@ private:
     QB_StringU8 m_sAskedPath;
     uint32_t m_ulAskedPos = 0;
     bool m_bDownloadAsked = false;
+    // The folders of that target that stood when the user asked; a download
+    // asked again after a restart has only its own folder.
+    QB_StringW m_sAskedBase;
+    bool m_bAskedBase = false;
 };

@@ -10,6 +10,7 @@
 
 #include <cstdint>
 
+class QB_FileEx;
 class ZV_FileBriefInfo;
 class ZV_FileCatalog;
 class ZV_FileShareSession;
@@ -31,6 +32,11 @@ public:
     virtual ZV_FileCatalog& Catalog() = 0;
     // Client: whether the local user shared the very file `brief` names.
     virtual bool IsSharedLocalFile(const ZV_FileBriefInfo& brief) = 0;
+    // Client: opens for the upload the local file `brief` names, and keeps
+    // it open only when it is the very file the user shared: 0, 90 when it
+    // is not (or the user never shared it, or withdrew it), 60 when it can't
+    // be opened; a file found gone is withdrawn from the share record.
+    virtual uint32_t OpenSharedLocalFile(const ZV_FileBriefInfo& brief, QB_FileEx& file) = 0;
     // Client: event 3011 for a transfer of usFileID.
     virtual void NotifyTransferState(uint8_t bUpload, uint16_t usFileID, uint16_t usState) = 0;
     // Client: the local user may no longer have the file; its download ends.

@@ -47,6 +47,16 @@ uint32_t ZV_FileShareMgr::FsDelUpload(uint16_t usFileID)
         const uint32_t ulConn = GetLinkConn(zvConfClientTypeCommand);
         if (ulConn == zvConnNone)
             return zvResultNoConnection;
+        // Once the delete goes, the user has withdrawn the share whatever the
+        // server answers: no word of a server makes this client read the file
+        // again. A delete that could not go changes nothing, so the user may
+        // try again and the file stays where the conference holds it.
+        if (lpFsSession->IsLocalCreator())
+        {
+            m_ShareLedger.Forget(m_lpConf->GetConfID(), lpFsSession->BriefInfo());
+            lpFsSession->WithdrawLocalShare();
+            MarkBusy(false, usFileID);
+        }
         return SendDelUploadRequest(ulConn, usFileID, LocalUser(), 0, false);
     });
 }
@@ -209,6 +219,10 @@ void ZV_FileShareMgr::DropDeletedSession(uint16_t usFileID, ZV_FileShareSession*
     // A file shared later under the same FileID is not what the user asked
     // for. A row the ledger fails to forget (logged) names only that target.
     m_ShareLedger.ForgetDownload(m_lpConf->GetConfID(), usFileID);
+    // A file of the user's own that left the conference is shared again
+    // only by the user.
+    if (lpFsSession->IsLocalCreator())
+        m_ShareLedger.Forget(m_lpConf->GetConfID(), lpFsSession->BriefInfo());
     const ZV_FileDownloadInfo& download = lpFsSession->LocalDownload();
     const bool bNamed = !download.m_sFileName.IsEmpty() && !download.m_sFilePath.IsEmpty();
     if (download.m_usState == zvDownloadStateFinished || download.m_usState == zvDownloadStateNew)

@@ -109,13 +109,22 @@ uint32_t ZV_FileShareSession::CheckDownloadAnswer(uint16_t usFileID, const ZV_Fi
     return zvResultUntrusted;
 }
 
-// A client writes where its user asked, making the folders on the way.
+// A client writes where its user asked. The folders that stood when the
+// user asked are the user's and are followed as they stand; the folders
+// below them, which the client makes, and the file itself are entered
+// without following a link, name by name, so that a folder swapped for a
+// link after the ask leads nowhere: that is refused with 90.
 uint32_t ZV_FileShareSession::OpenDownloadTarget(const ZV_FileDownloadInfo& record)
 {
-    if (!MakeDirs(QB_StringW(record.m_sFilePath)))
-        return zvResultCannotOpen;
-    return OpenDownloadFile(QB_StringW(record.m_sFilePath + record.m_sFileName), record.m_ulDownloadPos,
-                            record.m_ulFileLenth, kOpenClientTarget);
+    const QB_StringW sPath(record.m_sFilePath + record.m_sFileName);
+    QB_StringW sBase = m_bAskedBase ? m_sAskedBase : QB_StringW(record.m_sFilePath);
+    if (sPath.Left(sBase.GetLength()) != sBase)
+        sBase = QB_StringW(record.m_sFilePath);
+    bool bLink = false;
+    if (record.m_ulDownloadPos > record.m_ulFileLenth ||
+        !m_File.OpenBelow(sBase, sPath.Mid(sBase.GetLength()), kOpenClientTarget, &bLink))
+        return bLink ? zvResultUntrusted : zvResultCannotOpen;
+    return CutDownloadFile(record.m_ulDownloadPos);
 }
 
 // A relay writes into its own stored file and nowhere else, whatever path the
@@ -142,6 +151,11 @@ uint32_t ZV_FileShareSession::OpenDownloadFile(const QB_StringW& sPath, uint32_t
 {
     if (ulPos > ulLength || !m_File.Open(sPath, ulMode))
         return zvResultCannotOpen;
+    return CutDownloadFile(ulPos);
+}
+
+uint32_t ZV_FileShareSession::CutDownloadFile(uint32_t ulPos)
+{
     if ((uint32_t)m_File.GetLength() == ulPos || (SeekTo(m_File, ulPos) && m_File.SetEnd()))
         return zvResultOk;
     m_File.Close();

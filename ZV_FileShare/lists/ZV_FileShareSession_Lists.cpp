@@ -72,10 +72,9 @@ void ZV_FileShareSession::MergeCreatorState(bool bNew, uint16_t usOldState, uint
     if (usState == zvFileStateUploading || usState == zvFileStateFailed)
     {
         // Only the very file the user shared is opened on the server's word;
-        // a failed open shows later as a failed read.
-        if (!m_File.IsOpen() && m_lpMgr->IsSharedLocalFile(m_BriefInfo) && m_BriefInfo.IsSameLocalFile())
-            m_File.Open(QB_StringW(m_BriefInfo.m_sFilePath + m_BriefInfo.m_sFileOldName),
-                        QB_FILE_READ | QB_FILE_SHARE_DENY_WRITE | QB_FILE_OPEN_EXISTING);
+        // a failed or refused open shows later as a failed read.
+        if (!m_File.IsOpen())
+            m_lpMgr->OpenSharedLocalFile(m_BriefInfo, m_File);
         m_lpMgr->MarkBusy(true, m_usFileID);
         if (m_BriefInfo.m_usFileState == zvFileStateFailed)
             m_BriefInfo.SetFileState(zvFileStateUploading);

@@ -1,22 +1,59 @@
 #include "records/ZV_ShareLedger.h"
 
 #include "QB_Env.h"
+#include "QB_FileEx.h"
 #include "QB_Log.h"
 
 #include <cstdlib>
 
 namespace {
 
-constexpr char16_t kConfID[] = u"ConfID";
+// Rows written before the record kept whole conference numbers held
+// "ConfID", its low 16 bits; "Conference" holds all 32.
+constexpr char16_t kOldConfID[] = u"ConfID";
+constexpr char16_t kConference[] = u"Conference";
+constexpr char16_t kDevice[] = u"Device";
+constexpr char16_t kFileNumber[] = u"FileNumber";
 constexpr char16_t kPath[] = u"Path";
 constexpr char16_t kLength[] = u"Length";
 constexpr char16_t kModifyTime[] = u"ModifyTime";
 constexpr char16_t kFileID[] = u"FileID";
 constexpr char16_t kTarget[] = u"Target";
 
-uint32_t TargetKey(uint32_t ulConfID, uint16_t usFileID)
+uint64_t TargetKey(uint32_t ulConfID, uint16_t usFileID)
 {
-    return (ulConfID & 0xFFFF) << 16 | usFileID;
+    return (uint64_t)ulConfID << 16 | usFileID;
+}
+
+// Decimal digits only, up to ullMax; anything else is no number.
+bool ParseUnsigned(const QB_StringW& sText, uint64_t ullMax, uint64_t& ullValue)
+{
+    ullValue = 0;
+    if (sText.IsEmpty())
+        return false;
+    for (int i = 0; i < sText.GetLength(); ++i)
+    {
+        const char16_t ch = sText[i];
+        if (ch < u'0' || ch > u'9' || ullValue > (ullMax - (uint64_t)(ch - u'0')) / 10)
+            return false;
+        ullValue = ullValue * 10 + (uint64_t)(ch - u'0');
+    }
+    return true;
+}
+
+QB_StringW DecimalText(uint64_t ullValue)
+{
+    const std::string sText = std::to_string(ullValue);
+    return QB_StringW(QB_StringA(sText.c_str()));
+}
+
+std::string ModifyTextOf(QB_FileEx& file)
+{
+    QB_SystemTime stWrite;
+    QB_DateTimeEx dtWrite;
+    if (!file.GetTimes(nullptr, &stWrite, nullptr) || !dtWrite.SetFromSystemTime(stWrite))
+        return std::string();
+    return dtWrite.ToText(0, "-").GetString();
 }
 
 QB_StringU8 LocalPath(const ZV_FileBriefInfo& brief)
@@ -44,7 +81,7 @@ ZV_ShareLedger::~ZV_ShareLedger()
 
 std::string ZV_ShareLedger::KeyOf(uint32_t ulConfID, const QB_StringU8& sPath)
 {
-    return std::to_string(ulConfID & 0xFFFF) + '\n' + std::string(sPath.GetString(), (size_t)sPath.GetLength());
+    return std::to_string(ulConfID) + '\n' + std::string(sPath.GetString(), (size_t)sPath.GetLength());
 }
 
 // Only rows with all their keys count; anything else in the file is kept
@@ -63,6 +100,7 @@ void ZV_ShareLedger::Load(bool bCreate)
     }
     QB_Array<QB_StringW> arrNames;
     m_Journal.Ini().GetSectionNames(arrNames);
+    QB_Array<QB_StringW> arrOld;
     for (int i = 0; i < arrNames.GetSize(); ++i)
     {
         // Names come as the file has them, "[S12]" or "[D13]". Rows are
@@ -71,11 +109,43 @@ void ZV_ShareLedger::Load(bool bCreate)
         const int nNumber = atoi(QB_StringA(arrNames[i].Mid(2)).GetString());
         if (nNumber > m_nLastSection)
             m_nLastSection = nNumber;
-        if (arrNames[i].Mid(1, 1) == QB_StringW(u"D"))
+        uint32_t ulConfID = 0;
+        if (!ReadConference(arrNames[i], ulConfID))
+        {
+            if (!m_Journal.Ini().GetString(arrNames[i], kOldConfID, QB_StringW()).IsEmpty())
+                arrOld.Add(arrNames[i]);
+        }
+        else if (arrNames[i].Mid(1, 1) == QB_StringW(u"D"))
             LoadTarget(arrNames[i]);
         else
             LoadRow(arrNames[i]);
     }
+    DropOldRows(arrOld);
+}
+
+bool ZV_ShareLedger::ReadConference(const QB_StringW& sSection, uint32_t& ulConfID)
+{
+    uint64_t ullValue = 0;
+    if (!ParseUnsigned(m_Journal.Ini().GetString(sSection, kConference, QB_StringW()), UINT32_MAX, ullValue))
+        return false;
+    ulConfID = (uint32_t)ullValue;
+    return true;
+}
+
+// A row that kept only the low 16 bits of its conference number cannot say
+// which conference it was made in: taken as it stands it would let a share
+// of conference 7 be read for conference 0x10007. Such rows are dropped,
+// once, and the file is written without them; the user shares those files
+// again, and downloads asked for before go on only when asked again.
+void ZV_ShareLedger::DropOldRows(const QB_Array<QB_StringW>& arrOld)
+{
+    if (arrOld.IsEmpty())
+        return;
+    for (int i = 0; i < arrOld.GetSize(); ++i)
+        m_Journal.DeleteSection(arrOld[i]);
+    QB_WriteLog(QB_LOG_DAILY, "error", "ZV_ShareLedger::Load dropped %d rows without a whole conference number.\r\n",
+                arrOld.GetSize());
+    Save();
 }
 
 QB_StringW ZV_ShareLedger::NewSection(char16_t chKind)
@@ -87,29 +157,38 @@ QB_StringW ZV_ShareLedger::NewSection(char16_t chKind)
 
 void ZV_ShareLedger::LoadTarget(const QB_StringW& sSection)
 {
-    const int32_t nConfID = m_Journal.Ini().GetLong(sSection, kConfID, -1);
+    uint32_t ulConfID = 0;
     const int32_t nFileID = m_Journal.Ini().GetLong(sSection, kFileID, -1);
     const QB_StringW sPath = m_Journal.Ini().GetString(sSection, kTarget, QB_StringW());
-    if (nConfID < 0 || nFileID < 0 || nFileID > 0xFFFF || sPath.IsEmpty())
+    if (!ReadConference(sSection, ulConfID) || nFileID < 0 || nFileID > 0xFFFF || sPath.IsEmpty())
         return;
-    Target& target = m_mapTargets[TargetKey((uint32_t)nConfID, (uint16_t)nFileID)];
+    Target& target = m_mapTargets[TargetKey(ulConfID, (uint16_t)nFileID)];
     target.sSection = sSection;
     target.sPath = QB_StringU8(sPath).GetString();
 }
 
 void ZV_ShareLedger::LoadRow(const QB_StringW& sSection)
 {
-    const int32_t nConfID = m_Journal.Ini().GetLong(sSection, kConfID, -1);
+    uint32_t ulConfID = 0;
     const QB_StringW sPath = m_Journal.Ini().GetString(sSection, kPath, QB_StringW());
     const QB_StringW sLength = m_Journal.Ini().GetString(sSection, kLength, QB_StringW());
     const QB_StringW sTime = m_Journal.Ini().GetString(sSection, kModifyTime, QB_StringW());
-    if (nConfID < 0 || sPath.IsEmpty() || sLength.IsEmpty() || sTime.IsEmpty())
-        return;
     Row row;
+    uint64_t ullLength = 0;
+    if (!ReadConference(sSection, ulConfID) || sPath.IsEmpty() || !ParseUnsigned(sLength, UINT32_MAX, ullLength) ||
+        sTime.IsEmpty() ||
+        !ParseUnsigned(m_Journal.Ini().GetString(sSection, kDevice, QB_StringW()), UINT64_MAX, row.mark.ullDevice) ||
+        !ParseUnsigned(m_Journal.Ini().GetString(sSection, kFileNumber, QB_StringW()), UINT64_MAX, row.mark.ullNumber))
+        return;
     row.sSection = sSection;
-    row.ulLength = (uint32_t)m_Journal.Ini().GetLong(sSection, kLength, 0);
+    row.ulLength = (uint32_t)ullLength;
     row.sModifyTime = QB_StringA(sTime).GetString();
-    m_mapRows[KeyOf((uint32_t)nConfID, QB_StringU8(sPath))] = row;
+    m_mapRows[KeyOf(ulConfID, QB_StringU8(sPath))] = row;
+}
+
+bool ZV_ShareLedger::MarkOf(QB_FileEx& file, ZV_LocalFileMark& mark)
+{
+    return file.GetFileId(&mark.ullDevice, &mark.ullNumber);
 }
 
 void ZV_ShareLedger::Preload()
@@ -118,26 +197,27 @@ void ZV_ShareLedger::Preload()
     Load(false);
 }
 
-bool ZV_ShareLedger::Remember(uint32_t ulConfID, const ZV_FileBriefInfo& brief)
+bool ZV_ShareLedger::Remember(uint32_t ulConfID, const ZV_FileBriefInfo& brief, const ZV_LocalFileMark& mark)
 {
     QB_Lock lock(&m_Lock);
     Load(true);
-    return Note(ulConfID, brief) && Save();
+    return Note(ulConfID, brief, mark) && Save();
 }
 
-bool ZV_ShareLedger::Remember(uint32_t ulConfID, const QB_Array<ZV_FileBriefInfo>& arrInfo)
+bool ZV_ShareLedger::Remember(uint32_t ulConfID, const QB_Array<ZV_FileBriefInfo>& arrInfo,
+                              const std::vector<ZV_LocalFileMark>& vecMark)
 {
     QB_Lock lock(&m_Lock);
     Load(true);
     bool bNoted = true;
     for (int i = 0; i < arrInfo.GetSize(); ++i)
-        bNoted = Note(ulConfID, arrInfo[i]) && bNoted;
+        bNoted = (size_t)i < vecMark.size() && Note(ulConfID, arrInfo[i], vecMark[(size_t)i]) && bNoted;
     return Save() && bNoted;
 }
 
 // The row in memory, and in the file's lines unless the path cannot stand
 // on one line; false then.
-bool ZV_ShareLedger::Note(uint32_t ulConfID, const ZV_FileBriefInfo& brief)
+bool ZV_ShareLedger::Note(uint32_t ulConfID, const ZV_FileBriefInfo& brief, const ZV_LocalFileMark& mark)
 {
     const QB_StringU8 sPath = LocalPath(brief);
     // A folder or name the record could not hold would make another path.
@@ -148,13 +228,16 @@ bool ZV_ShareLedger::Note(uint32_t ulConfID, const ZV_FileBriefInfo& brief)
         row.sSection = NewSection(u'S');
     row.ulLength = brief.m_ulFileLenth;
     row.sModifyTime = brief.m_dtModifyTime.ToText(0, "-").GetString();
+    row.mark = mark;
     const QB_StringW sWidePath(sPath);
     if (!FitsOneLine(sWidePath))
         return false;
-    m_Journal.SetLong(row.sSection, kConfID, (int32_t)(ulConfID & 0xFFFF));
+    m_Journal.SetString(row.sSection, kConference, DecimalText(ulConfID));
     m_Journal.SetString(row.sSection, kPath, sWidePath);
-    m_Journal.SetLong(row.sSection, kLength, (int32_t)row.ulLength);
+    m_Journal.SetString(row.sSection, kLength, DecimalText(row.ulLength));
     m_Journal.SetString(row.sSection, kModifyTime, QB_StringW(QB_StringA(row.sModifyTime.c_str())));
+    m_Journal.SetString(row.sSection, kDevice, DecimalText(mark.ullDevice));
+    m_Journal.SetString(row.sSection, kFileNumber, DecimalText(mark.ullNumber));
     return true;
 }
 
@@ -185,6 +268,32 @@ bool ZV_ShareLedger::Holds(uint32_t ulConfID, const ZV_FileBriefInfo& brief)
            it->second.sModifyTime == brief.m_dtModifyTime.ToText(0, "-").GetString();
 }
 
+bool ZV_ShareLedger::HoldsOpenFile(uint32_t ulConfID, const ZV_FileBriefInfo& brief, QB_FileEx& file)
+{
+    QB_Lock lock(&m_Lock);
+    Load(false);
+    const auto it = m_mapRows.find(KeyOf(ulConfID, LocalPath(brief)));
+    ZV_LocalFileMark mark;
+    if (it == m_mapRows.end() || !MarkOf(file, mark))
+        return false;
+    const Row& row = it->second;
+    return row.ulLength == brief.m_ulFileLenth && row.sModifyTime == brief.m_dtModifyTime.ToText(0, "-").GetString() &&
+           mark.ullDevice == row.mark.ullDevice && mark.ullNumber == row.mark.ullNumber &&
+           (uint32_t)file.GetLength() == row.ulLength && ModifyTextOf(file) == row.sModifyTime;
+}
+
+bool ZV_ShareLedger::Forget(uint32_t ulConfID, const ZV_FileBriefInfo& brief)
+{
+    QB_Lock lock(&m_Lock);
+    Load(false);
+    const auto it = m_mapRows.find(KeyOf(ulConfID, LocalPath(brief)));
+    if (it == m_mapRows.end())
+        return true;
+    m_Journal.DeleteSection(it->second.sSection);
+    m_mapRows.erase(it);
+    return Save();
+}
+
 bool ZV_ShareLedger::RememberDownload(uint32_t ulConfID, uint16_t usFileID, const QB_StringU8& sTarget)
 {
     QB_Lock lock(&m_Lock);
@@ -196,7 +305,7 @@ bool ZV_ShareLedger::RememberDownload(uint32_t ulConfID, uint16_t usFileID, cons
     if (target.sSection.IsEmpty())
         target.sSection = NewSection(u'D');
     target.sPath = sTarget.GetString();
-    m_Journal.SetLong(target.sSection, kConfID, (int32_t)(ulConfID & 0xFFFF));
+    m_Journal.SetString(target.sSection, kConference, DecimalText(ulConfID));
     m_Journal.SetLong(target.sSection, kFileID, usFileID);
     m_Journal.SetString(target.sSection, kTarget, sWide);
     return Save();

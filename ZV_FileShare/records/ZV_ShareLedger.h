@@ -9,6 +9,11 @@
 // and the file is replaced whole now and then, as the catalogue's is (see
 // docs/storage.md), so a crash loses no change that was saved. A record that can't
 // be read counts as empty (logged): the user then shares again.
+//
+// Rows are keyed by the whole 32-bit conference number (key "Conference"),
+// and a share's row keeps the device and file number of the file too. A
+// share leaves the record when its user withdraws it: the user deletes the
+// file, a server's delete of it arrives, or the local file is found gone.
 #pragma once
 
 #include "QB_IniJournal.h"
@@ -19,6 +24,18 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <vector>
+
+class QB_FileEx;
+
+// What the file system says of a shared file: it is the same file while
+// device and file number are, and unchanged while length and last-write
+// second are.
+struct ZV_LocalFileMark
+{
+    uint64_t ullDevice = 0;
+    uint64_t ullNumber = 0;
+};
 
 class ZV_ShareLedger
 {
@@ -29,11 +46,13 @@ public:
     ZV_ShareLedger(const ZV_ShareLedger&) = delete;
     ZV_ShareLedger& operator=(const ZV_ShareLedger&) = delete;
 
-    // Notes that the user shared the file `brief` describes. The row holds
-    // for this run even when the file could not be written (false, logged).
-    bool Remember(uint32_t ulConfID, const ZV_FileBriefInfo& brief);
+    // Notes that the user shared the file `brief` describes, whose device
+    // and file number are `mark`. The row holds for this run even when the
+    // record could not be written (false, logged).
+    bool Remember(uint32_t ulConfID, const ZV_FileBriefInfo& brief, const ZV_LocalFileMark& mark);
     // The same for a batch, with one save: each save syncs the whole file.
-    bool Remember(uint32_t ulConfID, const QB_Array<ZV_FileBriefInfo>& arrInfo);
+    bool Remember(uint32_t ulConfID, const QB_Array<ZV_FileBriefInfo>& arrInfo,
+                  const std::vector<ZV_LocalFileMark>& vecMark);
     // Reads the record if there is one, as the first look-up would.
     void Preload();
     // Folds the journal into the file once changes have stopped for a while.
@@ -41,6 +60,15 @@ public:
     // Whether the user shared this very file: same path, length and
     // last-write second, in this conference.
     bool Holds(uint32_t ulConfID, const ZV_FileBriefInfo& brief);
+    // Whether `file`, opened on the path of `brief`, is still the file the
+    // user shared: the row holds `brief`, and the open file has the row's
+    // device, file number, length and last-write second. Asked of the open
+    // file, so that nothing can swap the file between the check and the read.
+    bool HoldsOpenFile(uint32_t ulConfID, const ZV_FileBriefInfo& brief, QB_FileEx& file);
+    // The user withdrew the share of the file `brief` names.
+    bool Forget(uint32_t ulConfID, const ZV_FileBriefInfo& brief);
+    // The mark of an open file; false when the file system gives none.
+    static bool MarkOf(QB_FileEx& file, ZV_LocalFileMark& mark);
 
     // Notes that the user downloads usFileID to sTarget, a full path; the
     // last download asked for a FileID wins.
@@ -56,6 +84,7 @@ private:
         QB_StringW sSection;
         uint32_t ulLength = 0;
         std::string sModifyTime;
+        ZV_LocalFileMark mark;
     };
 
     QB_Locker m_Lock;
@@ -68,13 +97,15 @@ private:
         QB_StringW sSection;
         std::string sPath;
     };
-    std::map<uint32_t, Target> m_mapTargets;  // by conference and FileID
+    std::map<uint64_t, Target> m_mapTargets;  // by conference and FileID
 
     static std::string KeyOf(uint32_t ulConfID, const QB_StringU8& sPath);
     void Load(bool bCreate);
     void LoadRow(const QB_StringW& sSection);
     void LoadTarget(const QB_StringW& sSection);
+    bool ReadConference(const QB_StringW& sSection, uint32_t& ulConfID);
+    void DropOldRows(const QB_Array<QB_StringW>& arrOld);
     QB_StringW NewSection(char16_t chKind);
-    bool Note(uint32_t ulConfID, const ZV_FileBriefInfo& brief);
+    bool Note(uint32_t ulConfID, const ZV_FileBriefInfo& brief, const ZV_LocalFileMark& mark);
     bool Save();
 };

@@ -21,6 +21,10 @@ uint32_t ZV_FileShareMgr::FsUpload(uint16_t usFileID)
             QB_WriteClientLog("ZV_FileShareMgr.FsUpload ret = %d\r\n", (int)ulFound);
         if (ulFound != zvResultOk)
             return ulFound;
+        // A share its user withdrew is not read again, on the user's word
+        // any more than on a server's.
+        if (lpFsSession->IsLocalCreator() && !IsSharedLocalFile(lpFsSession->BriefInfo()))
+            return zvResultUntrusted;
         MarkBusy(true, usFileID);
         lpFsSession->StartLocalUpload();
         const uint32_t ulDataConn = GetLinkConn(zvConfClientTypeData);
@@ -42,17 +46,20 @@ uint32_t ZV_FileShareMgr::HandleFileStateNotice(ConfPduData* lpCpd)
     {
         ZV_FileShareSession* lpFsSession = nullptr;
         m_mapSession.Lookup(notice.arrFileID[i], lpFsSession);
-        if (lpFsSession != nullptr && notice.bUpload)
+        // The notice goes to every client; it is news only of a file this
+        // client holds (not of one it refused as no share of its user's) and
+        // only to a user who may see the file.
+        if (lpFsSession == nullptr)
+            continue;
+        if (notice.bUpload)
             lpFsSession->TakeNoticedState(notice.usState);
-        // The notice goes to every client; of a file this client holds it is
-        // news only to a user who may see the file.
-        if (lpFsSession != nullptr && !lpFsSession->IsFileVisible(lpFsSession->BriefInfo()))
+        if (!lpFsSession->IsFileVisible(lpFsSession->BriefInfo()))
             continue;
         NotifyTransferState(notice.bUpload, notice.arrFileID[i], notice.usState);
         // The server holds the whole file: the creator's upload is over. An
         // empty file's upload reports no progress, which would end it.
         if (notice.bUpload && notice.usState == zvFileStateComplete && m_lpConf->IsClientMode() &&
-            lpFsSession != nullptr && lpFsSession->IsLocalCreator())
+            lpFsSession->IsLocalCreator())
             MarkBusy(false, notice.arrFileID[i]);
     }
     return 0;

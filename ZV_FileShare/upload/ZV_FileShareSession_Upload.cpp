@@ -24,8 +24,6 @@ constexpr int kBlocksPerSend = 3;
 
 // The store file: read and write, made if missing, its bytes kept.
 constexpr uint32_t kOpenStoreFile = QB_FILE_READWRITE | QB_FILE_OPEN_ALWAYS;
-// The creator's own file when an upload (re)starts: read, existing only.
-constexpr uint32_t kOpenLocalFile = QB_FILE_READ | QB_FILE_OPEN_EXISTING;
 
 } // namespace
 
@@ -70,6 +68,14 @@ void ZV_FileShareSession::PumpUpload(ConfPduData* lpCpd)
     }
 }
 
+// Stopped rather than failed: the user took the file back, nothing broke.
+void ZV_FileShareSession::WithdrawLocalShare()
+{
+    CloseFile();
+    if (m_BriefInfo.m_usFileState == zvFileStateUploading)
+        m_BriefInfo.SetFileState(zvFileStateStopped);
+}
+
 // Once the server holds the whole file the local copy no longer matters:
 // the upload is over, however it was started again.
 void ZV_FileShareSession::FailLocalRead()
@@ -97,28 +103,23 @@ uint32_t ZV_FileShareSession::HandleUploadResponse(ConfPduData* lpCpd)
     answer.Load(stream);
     if (lpCpd->conn_type == zvConfServerTypeCommand)
         PassOnUploadStart(answer.user, answer.ulFloodSeq);
-    else if (!Conf()->IsServerMode())
+    // An answer about a file that is not the user's own (its FileID may
+    // name another's file by now) starts nothing and tells the user nothing.
+    else if (!Conf()->IsServerMode() && IsLocalCreator())
         ApplyUploadAnswer(answer.ulResult, answer.usFileID, answer.ulPos);
     return 0;
 }
 
-// A changed local file is not opened; the position is still taken, and the
-// next OnSend fails on the closed file and reports it. A file the user did
-// not share is not even looked at, and a position past its end is refused:
-// neither sends a byte.
+// A file the user did not share, or withdrew, is not even looked at; one
+// that is no longer the file shared (another file at the path, or the same
+// one changed) is refused with 90 once open; a position past its end is
+// refused: none of them sends a byte.
 void ZV_FileShareSession::ApplyUploadAnswer(uint32_t ulResult, uint16_t usFileID, uint32_t ulPos)
 {
-    // Only the creator's client uploads. An answer under a file of another
-    // user answers blocks of the user's own file that went while its client
-    // was away, its FileID given out again: it tells nothing of this file,
-    // which the user may not even see.
-    if (!IsLocalCreator())
-        return;
     if (ulResult == zvResultOk && (ulPos > m_BriefInfo.m_ulFileLenth || !m_lpMgr->IsSharedLocalFile(m_BriefInfo)))
         ulResult = zvResultUntrusted;
-    if (ulResult == zvResultOk && !m_File.IsOpen() && m_BriefInfo.IsSameLocalFile() &&
-        !m_File.Open(QB_StringW(m_BriefInfo.m_sFilePath + m_BriefInfo.m_sFileOldName), kOpenLocalFile))
-        ulResult = zvResultCannotOpen;
+    if (ulResult == zvResultOk && !m_File.IsOpen())
+        ulResult = m_lpMgr->OpenSharedLocalFile(m_BriefInfo, m_File);
     if (ulResult != zvResultOk)
     {
         NotifyTransferError(ulResult, usFileID);
@@ -192,17 +193,17 @@ uint32_t ZV_FileShareSession::HandleUploadRequest(ConfPduData* lpCpd)
     // was told and downloads to: a block that would run past it is refused
     // unwritten, as a failed write, and changes nothing here.
     const ZV_FileBriefInfo& brief = m_FileInfo.m_BriefInfo;
-    if (bFits && block.user == brief.m_CreatorID && (uint64_t)block.ulPos + block.ulLen > brief.m_ulFileLenth)
-    {
-        SendUploadResponse(ulConn, m_usFileID, zvResultCannotAccess, m_usFileID, &block.user, 0,
-                           m_FileInfo.m_ulFileWritePos);
-        return 0;
-    }
-    // Refused unwritten; the file is the creator's, and another user's block
-    // neither fails it nor holds up its upload.
+    // Only the creator's blocks are the file's: anyone else's is refused
+    // and changes nothing here, neither the file's state nor its position.
     if (block.user != brief.m_CreatorID)
     {
         SendUploadResponse(ulConn, m_usFileID, zvResultNotEntitled, m_usFileID, &block.user, 0,
+                           m_FileInfo.m_ulFileWritePos);
+        return 0;
+    }
+    if (bFits && (uint64_t)block.ulPos + block.ulLen > brief.m_ulFileLenth)
+    {
+        SendUploadResponse(ulConn, m_usFileID, zvResultCannotAccess, m_usFileID, &block.user, 0,
                            m_FileInfo.m_ulFileWritePos);
         return 0;
     }

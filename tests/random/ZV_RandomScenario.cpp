@@ -72,6 +72,8 @@ struct ZV_RandomScenario::Client
     std::string sDownloads;
     // Every path the user asked to download to, in host form.
     std::set<std::string> setTargets;
+    // The user's own files whose delete went: the user took them back.
+    std::set<std::string> setWithdrawn;
     bool bPresent = true;
 };
 
@@ -486,8 +488,11 @@ void ZV_RandomScenario::StepDelete()
     deleted.sName = lpFsSession ? Narrow(lpFsSession->BriefInfo().m_sFileOldName) : std::string();
     deleted.nJournalAt = m_lpSim->Journal().Size();
     m_vecDeleted.push_back(deleted);
-    Note(client.sName + " deletes " + std::to_string(usFileID) + " (" + deleted.sName +
-         "): " + std::to_string(Fs(client)->FsDelUpload(usFileID)));
+    const bool bOwn = lpFsSession != nullptr && lpFsSession->BriefInfo().m_CreatorID == client.lpNode->GetUserID();
+    const uint32_t ulResult = Fs(client)->FsDelUpload(usFileID);
+    if (ulResult == zvResultOk && bOwn)
+        client.setWithdrawn.insert(deleted.sName);
+    Note(client.sName + " deletes " + std::to_string(usFileID) + " (" + deleted.sName + "): " + std::to_string(ulResult));
 }
 
 void ZV_RandomScenario::StepDropDownload()
@@ -925,8 +930,13 @@ void ZV_RandomScenario::CheckViews()
         std::map<uint16_t, ZV_ToldFile> mapHeld;
         ForEachSession(lpClient->lpHome, [&](uint16_t usFileID, ZV_FileShareSession& session) {
             const ZV_FileBriefInfo& brief = session.FileInfo().m_BriefInfo;
+            // A server that never heard of the delete may bring a withdrawn
+            // file back when its link returns; its creator's client refuses
+            // to know it, so that nothing makes it read the file again.
+            if (brief.m_CreatorID == user && lpClient->setWithdrawn.count(Narrow(brief.m_sFileOldName)))
+                return;
             if (brief.m_bPublic || brief.m_arrRight.Find(user) >= 0 || brief.m_CreatorID == user || bPrivileged)
-                mapHeld[usFileID] = {Narrow(brief.m_sFileOldName), brief.m_ulFileLenth, brief.m_usFileState};
+                mapHeld[usFileID] = {Narrow(brief.m_sFileOldName), brief.m_ulFileLenth, brief.m_usFileState, {}};
         });
         const std::map<uint16_t, ZV_ToldFile>& mapTold = lpClient->lpView->Files();
         for (auto& [usFileID, held] : mapHeld)

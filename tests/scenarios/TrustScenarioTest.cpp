@@ -5,6 +5,7 @@
 #include "ZV_SceneFixture.h"
 
 #include "add/ZV_AddPdu.h"
+#include "delete/ZV_DeletePdu.h"
 #include "records/ZV_FileDownloadInfo.h"
 #include "core/ZV_FileShareSession.h"
 #include "wire/ZV_PduFrame.h"
@@ -176,6 +177,96 @@ TEST_F(TrustScene, AClientUploadsOnlyWhatItsUserSharedWhateverTheServerAnnounces
     EXPECT_EQ(1u, LogLines(Alice(), "ZV_FileShareMgr.HandleUploadResponse ret = 90"));
 }
 
+// A share its user withdrew (whether or not the server heard), that a
+// server deleted, that went from the disk or whose path now leads to another
+// file is read on no road again: a fresh 8002 for it is refused with 90
+// (withdrawn: before any open, with no session), and an 8006 for a session
+// whose file was refused is refused too.
+TEST_F(TrustScene, AWithdrawnGoneOrSwappedShareIsNeverReadAgain)
+{
+    Build();
+    const ZV_Bytes data = ZV_RandomBytes(3000, 3);
+    enum class Change { None, Link, Withdrawn, WithdrawnUnanswered, Deleted, Gone };
+    struct { const char* szName; Change eChange; bool bRefused; bool bSession; } aCases[] = {
+        {"as shared", Change::None, false, true},
+        {"swapped for a link to a copy of the same length and time", Change::Link, true, true},
+        {"withdrawn by its user", Change::Withdrawn, true, false},
+        {"withdrawn, the delete lost on the way", Change::WithdrawnUnanswered, true, false},
+        {"deleted by the server", Change::Deleted, true, false},
+        {"gone from the disk, then put back", Change::Gone, true, false}};
+    const std::string kRefused = "ZV_FileShareMgr.HandleAddResponse ret = 90";
+    uint16_t usForged = 900;
+    int nCase = 0;
+    for (const auto& c : aCases)
+    {
+        const std::string sName = "share" + std::to_string(++nCase) + ".bin";
+        const std::string sPath = tmp.Sub("alice/" + sName);
+        const uint16_t usFileID = Share(sName, data, false);
+        ASSERT_NE(0xFFFF, usFileID) << c.szName;
+        const ZV_FileBriefInfo brief = Session(Alice(), usFileID)->BriefInfo();
+        ZV_PduBuffer pduChange;
+        switch (c.eChange)
+        {
+        case Change::None:
+            break;
+        case Change::Link:
+            QB_WriteWholeFile(tmp.Sub("copy.bin"), data);
+            std::filesystem::last_write_time(tmp.Sub("copy.bin"), std::filesystem::last_write_time(sPath));
+            std::filesystem::remove(sPath);
+            std::filesystem::create_symlink(tmp.Sub("copy.bin"), sPath);
+            break;
+        case Change::Withdrawn:
+            EXPECT_EQ(0u, Fs(Alice())->FsDelUpload(usFileID));
+            ASSERT_TRUE(sim.Run()) << sim.GetError();
+            break;
+        case Change::WithdrawnUnanswered:
+            EXPECT_EQ(0u, Fs(Alice())->FsDelUpload(usFileID));
+            ASSERT_TRUE(sim.Cut(sim.GetClientLink(Alice()), zvConfClientTypeCommand));
+            ASSERT_TRUE(sim.Restore(sim.GetClientLink(Alice()), zvConfClientTypeCommand));
+            ASSERT_TRUE(sim.Run()) << sim.GetError();
+            break;
+        case Change::Deleted:
+        {
+            ZV_DelUploadResponse answer;
+            answer.head = ZV_AnswerHead{{usFileID, 0, usFileID}, Alice()->GetUserID()};
+            answer.ulFloodSeq = 7777;
+            answer.Save(pduChange.Stream());
+            SendFromServer(Alice(), PDU_CONF_FS_DEL_UPLOAD_RESPONSE, pduChange);
+            break;
+        }
+        case Change::Gone:
+            std::filesystem::remove(sPath);
+            WriteAddAnswer(pduChange, ++usForged, brief);
+            SendFromServer(Alice(), PDU_CONF_FS_ADD_RESPONSE, pduChange);
+            EXPECT_EQ(1u, LogLines(Alice(), "ZV_FileShareMgr.HandleAddResponse ret = 60"));
+            QB_WriteWholeFile(sPath, data);
+            break;
+        }
+        const size_t nMark = sim.Journal().Size();
+        const size_t nLogged = LogLines(Alice(), kRefused);
+        ZV_PduBuffer pdu;
+        WriteAddAnswer(pdu, ++usForged, brief);
+        SendFromServer(Alice(), PDU_CONF_FS_ADD_RESPONSE, pdu);
+        EXPECT_EQ(c.bRefused, SentSince(Alice(), nMark, PDU_CONF_FS_UPLOAD_REQUEST) == 0) << c.szName;
+        EXPECT_EQ(nLogged + (c.bRefused ? 1 : 0), LogLines(Alice(), kRefused)) << c.szName;
+        EXPECT_EQ(c.bSession, Session(Alice(), usForged) != nullptr) << c.szName;
+        if (!c.bRefused || !c.bSession)
+            continue;
+        const size_t nAsked = sim.Journal().Size();
+        ZV_PduBuffer pduStart;
+        const QB_UserID alice = Alice()->GetUserID();
+        pduStart.Stream().WriteU16(usForged);
+        pduStart.Stream().WriteU32(0);
+        pduStart.Stream().WriteU16(usForged);
+        alice.Save(pduStart.Stream());
+        pduStart.Stream().WriteU32(0);
+        pduStart.Stream().WriteU32(0);
+        SendFromServer(Alice(), PDU_CONF_FS_UPLOAD_RESPONSE, pduStart);
+        EXPECT_EQ(0u, SentSince(Alice(), nAsked, PDU_CONF_FS_UPLOAD_REQUEST)) << c.szName << ": 8006";
+        EXPECT_EQ(zvResultUntrusted, LastResult(Alice(), zvFsEventTransferError)) << c.szName << ": 8006";
+    }
+}
+
 // An 8015 makes Bob's client create or write a file only for the download
 // he asked for, at his path, from his position, of the announced length.
 // Unasked, it is refused and logged and nothing else happens; asked but
@@ -237,7 +328,7 @@ TEST_F(TrustScene, AClientWritesOnlyWhereItsUserAskedWhateverTheServerAnswers)
     // A link where he asked the file to go is not followed.
     EXPECT_EQ(0u, Fs(Bob())->FsDownload(usFileID, ZV_Wide(tmp.Sub("downloads/bob/link.bin")).c_str()));
     ASSERT_TRUE(sim.Run()) << sim.GetError();
-    EXPECT_EQ(60u, LastResult(Bob(), zvFsEventDownloadState));
+    EXPECT_EQ(zvResultUntrusted, LastResult(Bob(), zvFsEventDownloadState));
     EXPECT_EQ("keep me", Text(sVictim));
 }
 
@@ -271,4 +362,54 @@ TEST_F(TrustScene, ADownloadAskedAgainToANewPathAfterAFailureEndsThereOrNowhere)
             EXPECT_TRUE(bToldFinished || LastResult(Bob(), zvFsEventDownloadState) != 0) << (int)op << " #" << nNth;
         }
     EXPECT_GT(nFailedFirst, 6) << "the faults hit the download road";
+}
+
+// The folders that stood when Bob asked are his and are followed as they
+// stand, a link among them too; a folder below them that the client makes,
+// or the file itself, put there as a link between his ask and the server's
+// answer, is not followed: the answer is refused with 90 and nothing is
+// written where the link points.
+TEST_F(TrustScene, ADownloadFollowsNoLinkPutBelowTheFoldersThatStoodWhenAsked)
+{
+    Build();
+    const ZV_Bytes data = ZV_RandomBytes(5000, 4);
+    const uint16_t usFileID = Share("shared.bin", data);
+    std::filesystem::create_directories(tmp.Sub("downloads/bob"));
+    std::filesystem::create_directories(tmp.Sub("elsewhere"));
+    std::filesystem::create_symlink(tmp.Sub("elsewhere"), tmp.Sub("downloads/bob/his"));
+    QB_WriteWholeFile(tmp.Sub("elsewhere/victim.bin"), std::string("keep me"));
+    struct
+    {
+        const char* szName;
+        const char* szTarget;  // below downloads/bob
+        const char* szLinkAfterAsk;  // below downloads/bob, to "elsewhere"
+        const char* szLanding;  // below elsewhere: where the bytes would land
+        uint32_t ulResult;
+    } aCases[] = {
+        {"a folder it makes", "made/x.bin", "made", "x.bin", zvResultUntrusted},
+        {"a folder two down", "made2/deep/x.bin", "made2", "deep/x.bin", zvResultUntrusted},
+        {"the file itself", "x3.bin", "x3.bin", "victim.bin", zvResultUntrusted},
+        {"a link that stood when asked", "his/x4.bin", nullptr, "x4.bin", 0},
+        {"a folder it makes below that link", "his/new/x5.bin", nullptr, "new/x5.bin", 0},
+    };
+    for (const auto& c : aCases)
+    {
+        const std::string sTarget = tmp.Sub(std::string("downloads/bob/") + c.szTarget);
+        EXPECT_EQ(0u, Fs(Bob())->FsDownload(usFileID, ZV_Wide(sTarget).c_str())) << c.szName;
+        const std::string sLink = c.szLinkAfterAsk == nullptr ? "" : c.szLinkAfterAsk;
+        if (!sLink.empty())
+            std::filesystem::create_symlink(tmp.Sub(sLink == "x3.bin" ? "elsewhere/victim.bin" : "elsewhere"),
+                                            tmp.Sub("downloads/bob/" + sLink));
+        ASSERT_TRUE(sim.Run()) << sim.GetError();
+        const auto vecStates = Events(Bob(), zvFsEventDownloadState);
+        ASSERT_FALSE(vecStates.empty()) << c.szName;
+        EXPECT_EQ(c.ulResult, ZV_ResultOf(vecStates.back())) << c.szName;
+        const std::string sLanding = tmp.Sub(std::string("elsewhere/") + c.szLanding);
+        if (c.ulResult == 0)
+            EXPECT_EQ(data, QB_ReadWholeFile(sLanding)) << c.szName;
+        else if (std::string(c.szLanding) == "victim.bin")
+            EXPECT_EQ("keep me", Text(sLanding)) << c.szName;
+        else
+            EXPECT_FALSE(std::filesystem::exists(sLanding)) << c.szName;
+    }
 }

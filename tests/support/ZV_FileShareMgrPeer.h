@@ -59,6 +59,7 @@ public:
         mgr.NotifyFilesAdded(arrFileID, arrInfo, arrValue);
     }
     static ZV_FileCatalog& Catalog(ZV_FileShareMgr& mgr) { return mgr.Catalog(); }
+    static ZV_ShareLedger& Ledger(ZV_FileShareMgr& mgr) { return mgr.m_ShareLedger; }
     static uint16_t AllocFileID(ZV_FileShareMgr& mgr) { return mgr.AllocFileID(); }
     static uint32_t SendFileList(ZV_FileShareMgr& mgr, uint32_t ulConn, const QB_UserID& sender,
                                  const QB_Array<ZV_FileUploadInfo>& arrInfo, const QB_Array<bool>& arrState,

@@ -184,6 +184,105 @@ TEST(AddFile, CutsALongStoredNameAtAWholeCharacterKeepingAShortExtension)
     }
 }
 
+// A client's add shows its creator by the name the host knows the link's
+// user by (Alice), whatever the description says, in the answer to all and
+// in the flood to the servers.
+TEST(AddFile, TheCreatorIsNamedAsTheHostNamesTheLinksUser)
+{
+    const char* aszClaimed[] = {"The Administrator", nullptr, "Alice"};
+    for (bool bBatch : {false, true})
+        for (const char* szClaimed : aszClaimed)
+        {
+            SCOPED_TRACE(std::string(bBatch ? "8055 " : "8001 ") + (szClaimed ? szClaimed : "(none)"));
+            Node node(true);
+            node.host.m_bHasServerLinks = true;
+            ASSERT_EQ(0u, node.mgr.Initialize());
+            ZV_FileBriefInfo brief;
+            brief.SetCreatorID(node.host.m_LocalUser);
+            brief.SetFileOldName(QB_StringU8("a.txt"));
+            if (szClaimed != nullptr)
+                brief.SetCreatorName(QB_StringU8(szClaimed));
+            QB_StringU8 sAnswered, sFlooded;
+            if (bBatch)
+            {
+                ZV_AddFilesRequest ask;
+                ask.user = node.host.m_LocalUser;
+                ask.bLast = 1;
+                ask.arrFileID.Add(ZV_NO_FILEID);
+                ask.arrInfo.Add(brief);
+                node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, zvConfClientTypeCommand, ZV_SavePayload(ask));
+                const auto vecAnswer = node.host.SentOf(PDU_CONF_FS_ADD_FILES_RESPONSE);
+                const auto vecFlood = node.host.SentOf(PDU_CONF_FS_ADD_FILES_REQUEST);
+                ASSERT_EQ(1u, vecAnswer.size());
+                ASSERT_EQ(1u, vecFlood.size());
+                ZV_AddFilesResponse answer;
+                QB_ByteStream answerStream(vecAnswer[0].data.data(), (int32_t)vecAnswer[0].data.size());
+                answer.Load(answerStream);
+                ZV_AddFilesRequest flood;
+                QB_ByteStream floodStream(vecFlood[0].data.data(), (int32_t)vecFlood[0].data.size());
+                floodStream.Skip(2);  // the conference word of a flood
+                flood.LoadHead(floodStream);
+                flood.LoadBody(floodStream);
+                ASSERT_EQ(1, answer.arrInfo.GetSize());
+                ASSERT_EQ(1, flood.arrInfo.GetSize());
+                sAnswered = answer.arrInfo[0].m_sCreatorName;
+                sFlooded = flood.arrInfo[0].m_sCreatorName;
+            }
+            else
+            {
+                ZV_AddRequest ask;
+                ask.usFileID = ZV_NO_FILEID;
+                ask.user = node.host.m_LocalUser;
+                ask.brief = brief;
+                node.Deliver(PDU_CONF_FS_ADD_REQUEST, zvConfClientTypeCommand, ZV_SavePayload(ask));
+                const auto vecAnswer = node.host.SentOf(PDU_CONF_FS_ADD_RESPONSE);
+                const auto vecFlood = node.host.SentOf(PDU_CONF_FS_ADD_REQUEST);
+                ASSERT_EQ(1u, vecAnswer.size());
+                ASSERT_EQ(1u, vecFlood.size());
+                sAnswered = ParseResponse(vecAnswer[0].data).brief.m_sCreatorName;
+                QB_ByteStream floodStream(vecFlood[0].data.data(), (int32_t)vecFlood[0].data.size());
+                floodStream.Skip(2);  // the conference word of a flood
+                ZV_AddRequest flood;
+                flood.Load(floodStream);
+                sFlooded = flood.brief.m_sCreatorName;
+            }
+            EXPECT_EQ(QB_StringU8("Alice"), sAnswered);
+            EXPECT_EQ(QB_StringU8("Alice"), sFlooded);
+        }
+}
+
+// A stored name never names a Windows device, whatever the case or the
+// extension, nor ends in a dot or a blank, which Windows would drop: the
+// device gets "_" before it, the trailing dots and blanks become "_".
+TEST(AddFile, StoresNoDeviceNameAndNoTrailingDotOrBlank)
+{
+    const struct
+    {
+        const char* szName;
+        const char16_t* szStored;
+    } aCases[] = {
+        {"CON", u"_CON"},           {"nul.txt", u"_nul.txt"},     {"Com1.tar.gz", u"_Com1.tar.gz"},
+        {"lpt9", u"_lpt9"},         {"AUX .doc", u"_AUX .doc"},   {"prn", u"_prn"},
+        {"COM\xc2\xb9", u"_COM\u00b9"},
+        {"trail. ", u"trail__"},    {"dots...", u"dots.__"},      {" ", u"__"},
+        {"CONSOLE", u"CONSOLE"},    {"COM0", u"COM0"},            {"LPT10.txt", u"LPT10.txt"},
+        {"xcon", u"xcon"},          {"con_x.txt", u"con_x.txt"},  {"a.b c", u"a.b c"},
+    };
+    Node node(true);
+    ASSERT_EQ(0u, node.mgr.Initialize());
+    uint16_t usFileID = 100;
+    for (const auto& c : aCases)
+    {
+        ASSERT_EQ(0u, node.Deliver(PDU_CONF_FS_ADD_REQUEST, zvConfServerTypeCommand, AddRequest(++usFileID, c.szName)));
+        ZV_FileShareSession* lpFsSession = ZV_FileShareMgrPeer::Find(node.mgr, usFileID);
+        ASSERT_NE(nullptr, lpFsSession) << c.szName;
+        const QB_StringW sStored(lpFsSession->FileInfo().m_sFileNewName);
+        EXPECT_EQ(std::u16string(c.szStored), std::u16string(sStored.GetString(), (size_t)sStored.GetLength()))
+            << c.szName;
+        EXPECT_TRUE(fs::exists(node.tmp.Sub("store/7/") + QB_StringU8(sStored).GetString())) << c.szName;
+    }
+}
+
 namespace {
 
 // The name of the one file a request carries, or "" without a request.
@@ -319,6 +418,8 @@ TEST(AddFile, ABatchAnswerIsCutBeforeTheDescriptionThatWouldFillTheBuffer)
     for (const auto& [nFolder, expected] : aCases)
     {
         Node node(true);
+        // A host that names nobody leaves the descriptions as they came.
+        node.host.AddUser(node.host.m_LocalUser, 1, nullptr);
         ASSERT_EQ(0u, node.mgr.Initialize());
         ZV_AddFilesRequest ask;
         ask.user = node.host.m_LocalUser;

@@ -1,9 +1,11 @@
 // What one server takes from a client's link. Mallory's client sends, in
 // Alice's or Bob's name, every request a client may send, and numbers only
 // servers send or none do; then, in her own name, adds that choose a
-// FileID, a relay's download request and a block past the file's end. Each
-// leaves the server as it was (sessions, entries, stored files, catalogue),
-// sends nothing on, and is answered to Mallory alone where it has an answer.
+// FileID, a relay's download request, a block past the file's end, a block
+// of Alice's file and word that its upload failed. Each leaves the server as
+// it was (sessions with their files' states, entries, stored files,
+// catalogue), sends nothing on, and is answered to Mallory alone where it
+// has an answer.
 #include "ZV_RecordingNode.h"
 
 #include "add/ZV_AddPdu.h"
@@ -192,6 +194,10 @@ TEST(ClientLink, NoRequestActsInAnotherUsersNameChoosesAFileIDOrWritesPastTheEnd
          kServer2},
         {"Alice's block past the end", kAlice, 8005, Block(kAlice, 4, 7), nullptr, 8006,
          Answer(kFile, 61, kAlice).U32(0).U32(4).b, kNobody, zvConfClientTypeData},
+        {"a block of her own into Alice's file", kMallory, 8005, Block(kMallory, 4, 6), nullptr, 8006,
+         Answer(kFile, 40, kMallory).U32(0).U32(4).b, kNobody, zvConfClientTypeData},
+        {"Alice's upload failed, in her own name", kMallory, 8035, Pdu().U16(kFile).User(kMallory).U32(0).U32(0).b,
+         nullptr, 8036, Pdu().U16(kFile).U32(40).U16(kFile).b, kNobody},
     };
     for (const Case& c : aCases)
     {

@@ -329,6 +329,7 @@ struct ClientDownload : public DownloadFixture
         ZV_FileShareSessionPeer::AskedPath(Session()) = record.m_sFilePath + record.m_sFileName;
         ZV_FileShareSessionPeer::AskedPos(Session()) = record.m_ulDownloadPos;
         ZV_FileShareSessionPeer::DownloadAsked(Session()) = true;
+        ZV_FileShareSessionPeer::SetAskedBase(Session(), tmp.PathW());
         ZV_FileShareSessionPeer::BriefInfo(Session()).SetFileLenth(record.m_ulFileLenth);
         return Answer(record);
     }
@@ -360,7 +361,7 @@ TEST_F(ClientDownload, MakesTheFoldersAndCutsTheLocalFileAtTheEntrysPosition)
 TEST_F(ClientDownload, GivesUpWithTheReasonWhenRefusedOrWhenTheTargetCannotBeMade)
 {
     struct { const char* szName; uint32_t ulServerResult; QB_EnvOp eFault; uint32_t ulResult; } aCases[] = {
-        {"refused", 40, QB_EnvOp::Count_, 40}, {"no folder", 0, QB_EnvOp::MakeFolder, 60},
+        {"refused", 40, QB_EnvOp::Count_, 40}, {"cannot be made", 0, QB_EnvOp::Open, 60},
         {"cannot be cut", 0, QB_EnvOp::SetEnd, 60}};
     for (const auto& c : aCases)
     {

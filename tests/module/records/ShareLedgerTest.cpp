@@ -4,12 +4,17 @@
 #include "QB_TestSupport.h"
 #include "records/ZV_ShareLedger.h"
 
+#include "QB_FileEx.h"
+
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <filesystem>
 #include <string>
 
 namespace {
+
+const ZV_LocalFileMark kMark{5, 9};
 
 ZV_FileBriefInfo Shared(const char* pszName = "report.pdf")
 {
@@ -38,7 +43,8 @@ protected:
 
 TEST_F(ShareLedger, HoldsAFileSharedInAnEarlierRunOnlyAsItWasSharedInItsConference)
 {
-    ASSERT_TRUE(ZV_ShareLedger().Remember(7, Shared()));
+    ASSERT_TRUE(ZV_ShareLedger().Remember(7, Shared(), kMark));
+    ASSERT_TRUE(ZV_ShareLedger().Remember(0x80000007u, Shared("high.pdf"), kMark));
     ZV_FileBriefInfo grown = Shared(), touched = Shared(), moved = Shared();
     grown.SetFileLenth(0xFFFFFFFFu);
     QB_DateTimeEx dt;
@@ -48,6 +54,9 @@ TEST_F(ShareLedger, HoldsAFileSharedInAnEarlierRunOnlyAsItWasSharedInItsConferen
     struct { const char* szName; uint32_t ulConfID; ZV_FileBriefInfo brief; bool bHeld; } aCases[] = {
         {"as shared", 7, Shared(), true},
         {"in another conference", 8, Shared(), false},
+        {"in a conference of the same low 16 bits", 0x10007, Shared(), false},
+        {"in a conference past 31 bits", 0x80000007u, Shared("high.pdf"), true},
+        {"its low 16 bits only", 7, Shared("high.pdf"), false},
         {"another length", 7, grown, false},
         {"another last-write second", 7, touched, false},
         {"the same file by another path", 7, moved, false},
@@ -66,21 +75,21 @@ TEST_F(ShareLedger, ADamagedRecordCountsAsEmptyAndAFailedSaveHoldsForThisRunOnly
         QB_WriteWholeFile(sLedger, sDamage);
         ZV_ShareLedger ledger;
         EXPECT_FALSE(ledger.Holds(7, Shared()));
-        EXPECT_TRUE(ledger.Remember(7, Shared()));
+        EXPECT_TRUE(ledger.Remember(7, Shared(), kMark));
         EXPECT_TRUE(ZV_ShareLedger().Holds(7, Shared()));
     }
     // Nothing reaches the disk: neither the journal nor the whole file.
     ZV_ShareLedger ledger;
     m_env.FailAt(QB_EnvOp::Write, 1, true);
-    EXPECT_FALSE(ledger.Remember(7, Shared("new.txt")));
+    EXPECT_FALSE(ledger.Remember(7, Shared("new.txt"), kMark));
     m_env.ClearFaults();
     EXPECT_TRUE(ledger.Holds(7, Shared("new.txt")));
     EXPECT_FALSE(ZV_ShareLedger().Holds(7, Shared("new.txt")));
     EXPECT_TRUE(ZV_ShareLedger().Holds(7, Shared()));
 
     // A download target under a number no FileID has is no target at all.
-    QB_WriteWholeFile(sLedger, "[D1]\r\nConfID=7\r\nFileID=65536\r\nTarget=C:\\a.bin\r\n"
-                               "[D2]\r\nConfID=7\r\nFileID=65535\r\nTarget=C:\\b.bin\r\n");
+    QB_WriteWholeFile(sLedger, "[D1]\r\nConference=7\r\nFileID=65536\r\nTarget=C:\\a.bin\r\n"
+                               "[D2]\r\nConference=7\r\nFileID=65535\r\nTarget=C:\\b.bin\r\n");
     EXPECT_FALSE(ZV_ShareLedger().HoldsDownload(7, 0, QB_StringU8("C:\\a.bin")));
     EXPECT_TRUE(ZV_ShareLedger().HoldsDownload(7, 65535, QB_StringU8("C:\\b.bin")));
 
@@ -101,10 +110,10 @@ TEST_F(ShareLedger, KeepsEachRowOfBothKindsAcrossRunsUntilTheDownloadIsGivenUp)
     {
         ZV_ShareLedger ledger;
         for (int i = 0; i < 12; ++i)
-            ASSERT_TRUE(ledger.Remember(7, Shared(("f" + std::to_string(i) + ".bin").c_str())));
+            ASSERT_TRUE(ledger.Remember(7, Shared(("f" + std::to_string(i) + ".bin").c_str()), kMark));
         ASSERT_TRUE(ledger.RememberDownload(7, 42, sTarget));
     }
-    ASSERT_TRUE(ZV_ShareLedger().Remember(7, Shared("late.bin")));
+    ASSERT_TRUE(ZV_ShareLedger().Remember(7, Shared("late.bin"), kMark));
     ASSERT_TRUE(ZV_ShareLedger().RememberDownload(7, 43, QB_StringU8("C:\\d\\x.bin")));
     ZV_ShareLedger later;
     for (int i = 0; i < 12; ++i)
@@ -121,4 +130,96 @@ TEST_F(ShareLedger, KeepsEachRowOfBothKindsAcrossRunsUntilTheDownloadIsGivenUp)
     // Given up as the first thing of a run, too.
     ASSERT_TRUE(ZV_ShareLedger().ForgetDownload(7, 43));
     EXPECT_FALSE(ZV_ShareLedger().HoldsDownload(7, 43, QB_StringU8("C:\\d\\x.bin")));
+}
+
+// A row of the old form kept only 16 bits of its conference: it is dropped
+// once, and the file is written again without it. A withdrawn share goes
+// and stays gone; the others stay.
+TEST_F(ShareLedger, DropsRowsOfHalfAConferenceNumberAndForgetsAWithdrawnShare)
+{
+    const std::string sLedger = m_home.Sub("fsshared.ini");
+    std::filesystem::create_directories(m_home.Sub("log"));
+    QB_WriteWholeFile(sLedger, "[S1]\r\nConfID=7\r\nPath=C:\\Users\\ann\\report.pdf\r\nLength=40000\r\n"
+                               "ModifyTime=2026-11-23 21:00:05\r\n"
+                               "[D2]\r\nConfID=7\r\nFileID=4\r\nTarget=C:\\b.bin\r\n");
+    {
+        ZV_ShareLedger ledger;
+        EXPECT_FALSE(ledger.Holds(7, Shared()));
+        EXPECT_FALSE(ledger.HoldsDownload(7, 4, QB_StringU8("C:\\b.bin")));
+    }
+    EXPECT_FALSE(ZV_ShareLedger().Holds(7, Shared()));
+    EXPECT_EQ(1u, QB_CountInFiles(m_home.Sub("log"), "ZV_ShareLedger::Load dropped 2 rows"))
+        << "dropped once: the file was written without them";
+
+    {
+        ZV_ShareLedger ledger;
+        ASSERT_TRUE(ledger.Remember(7, Shared(), kMark));
+        ASSERT_TRUE(ledger.Remember(7, Shared("keep.pdf"), kMark));
+        ASSERT_TRUE(ledger.Forget(7, Shared()));
+        EXPECT_FALSE(ledger.Holds(7, Shared()));
+        EXPECT_TRUE(ledger.Forget(8, Shared("keep.pdf"))) << "another conference's share: nothing to do";
+    }
+    ZV_ShareLedger later;
+    EXPECT_FALSE(later.Holds(7, Shared()));
+    EXPECT_TRUE(later.Holds(7, Shared("keep.pdf")));
+}
+
+// The open file must be the one shared: the same device and file number,
+// length and last-write second. A file put in its place with the same
+// length and time is another file.
+TEST_F(ShareLedger, HoldsAnOpenFileOnlyWhileItIsTheVeryFileShared)
+{
+    struct Case
+    {
+        const char* szName;
+        void (*fnChange)(const std::string& sPath);
+        bool bHeld;
+    };
+    const Case aCases[] = {
+        {"as shared", [](const std::string&) {}, true},
+        {"another file in its place",
+         [](const std::string& sPath) {
+             // Made before the old one goes, so it cannot take its number.
+             QB_WriteWholeFile(sPath + ".new", "abcde");
+             std::filesystem::last_write_time(sPath + ".new", std::filesystem::last_write_time(sPath));
+             std::filesystem::rename(sPath + ".new", sPath);
+         },
+         false},
+        {"grown", [](const std::string& sPath) { QB_WriteWholeFile(sPath, "abcdef"); }, false},
+        {"touched",
+         [](const std::string& sPath) {
+             std::filesystem::last_write_time(sPath, std::filesystem::last_write_time(sPath) - std::chrono::hours(2));
+         },
+         false},
+    };
+    for (const Case& c : aCases)
+    {
+        SCOPED_TRACE(c.szName);
+        const std::string sPath = m_home.Sub("shared.txt");
+        QB_WriteWholeFile(sPath, "abcde");
+        std::filesystem::last_write_time(sPath, std::filesystem::last_write_time(sPath) - std::chrono::hours(1));
+        const QB_StringW sWide(QB_StringA(sPath.c_str()));
+        ZV_FileBriefInfo brief;
+        QB_FileEx file;
+        ASSERT_TRUE(file.Open(QB_WithBackslashes(sWide.GetString()), QB_FILE_READ | QB_FILE_OPEN_EXISTING));
+        const QB_StringW sFull = file.GetPath();
+        brief.SetFilePath(QB_StringU8(sFull.Left(sFull.ReverseFind(u'\\') + 1)));
+        brief.SetFileOldName(QB_StringU8(file.GetFileName()));
+        brief.SetFileLenth((uint32_t)file.GetLength());
+        QB_SystemTime stWrite;
+        QB_DateTimeEx dtWrite;
+        ASSERT_TRUE(file.GetTimes(nullptr, &stWrite, nullptr) && dtWrite.SetFromSystemTime(stWrite));
+        brief.SetModifyTime(dtWrite);
+        ZV_LocalFileMark mark;
+        ASSERT_TRUE(ZV_ShareLedger::MarkOf(file, mark));
+        file.Close();
+        ZV_ShareLedger ledger;
+        ASSERT_TRUE(ledger.Remember(7, brief, mark));
+        c.fnChange(sPath);
+        ASSERT_TRUE(file.Open(QB_WithBackslashes(sWide.GetString()), QB_FILE_READ | QB_FILE_OPEN_EXISTING));
+        EXPECT_EQ(c.bHeld, ledger.HoldsOpenFile(7, brief, file));
+        file.Close();
+        EXPECT_FALSE(ledger.HoldsOpenFile(7, brief, file)) << "a closed file is no file";
+        std::filesystem::remove(sPath);
+    }
 }

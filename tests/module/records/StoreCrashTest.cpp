@@ -83,15 +83,17 @@ const std::vector<CatalogSave> kCatalogSaves = {
     },
 };
 
+const ZV_LocalFileMark kMark{5, 9};
+
 using LedgerSave = std::function<bool(ZV_ShareLedger&)>;
 const std::vector<LedgerSave> kLedgerSaves = {
-    [](ZV_ShareLedger& l) { return l.Remember(7, Shared("a.txt")); },
+    [](ZV_ShareLedger& l) { return l.Remember(7, Shared("a.txt"), kMark); },
     [](ZV_ShareLedger& l) { return l.RememberDownload(7, 5, QB_StringU8("C:\\in\\five")); },
     [](ZV_ShareLedger& l) {
         QB_Array<ZV_FileBriefInfo> arrInfo;
         arrInfo.Add(Shared("b.txt"));
         arrInfo.Add(Shared("c.txt"));
-        return l.Remember(7, arrInfo);
+        return l.Remember(7, arrInfo, {kMark, kMark});
     },
     [](ZV_ShareLedger& l) { return l.ForgetDownload(7, 5); },
     [](ZV_ShareLedger& l) { return l.RememberDownload(7, 6, QB_StringU8("C:\\in\\six")); },
@@ -130,7 +132,7 @@ const Store kStores[] = {
          ZV_ShareLedger ledger;
          return RunSaves(env, ledger, kLedgerSaves, nLimit);
      },
-     [] { return ZV_ShareLedger().Remember(7, Shared("z.txt")); },
+     [] { return ZV_ShareLedger().Remember(7, Shared("z.txt"), kMark); },
      [] {
          ZV_ShareLedger ledger;
          std::string sView;
