@@ -244,6 +244,9 @@ public:
     // Server: the download entry of a user, or null; a new or changed one;
     // one that goes; one that rests until its downloader asks again.
     const ZV_FileDownloadInfo* FindDownloadEntry(const QB_UserID& user) const { return m_mapDownload.Find(user); }
+    // True when a linked server's download record is of another file than
+    // the one this session holds under the same FileID.
+    bool NamesOtherFile(const ZV_FileDownloadInfo& record) const;
     void SetDownloadInfo(const QB_UserID& user, const ZV_FileDownloadInfo& info);
     void RemoveDownloadInfo(const QB_UserID& user);
     void RestDownloader(const QB_UserID& user);
@@ -331,9 +334,6 @@ private:
     uint32_t StartUploadOnDemand(const QB_UserID& downloader);
     void FloodDownloadStop(const QB_UserID& user, bool bStopped);
     ZV_FileDownloadInfo* ReadmitDownloader(const ZV_DownloadDataRequest& ask);
-    // True when a linked server's download record is of another file than
-    // the one this session holds under the same FileID.
-    bool NamesOtherFile(const ZV_FileDownloadInfo& record) const;
     void KickDownloadConn(uint32_t ulConn);
     uint32_t SendBlockPdu(const ConfPduData* lpCpd, ZV_PduBuffer& pdu);
     uint32_t SendDownloadBlock(const ConfPduData* lpCpd, uint32_t ulResult, const QB_UserID& user, uint32_t ulPos,

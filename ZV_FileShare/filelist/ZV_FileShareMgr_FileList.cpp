@@ -331,7 +331,9 @@ void ZV_FileShareMgr::EnterListedDownloads(const QB_Array<ZV_FileDownloadInfo>& 
         for (int i : it->second)
         {
             ZV_FileDownloadInfo record = arrDownload[i];
-            if (lpFsSession->FindDownloadEntry(record.m_UserID) != nullptr)
+            // A record of another file under the FileID is no download of
+            // this one: its user would be handed this file in its place.
+            if (lpFsSession->FindDownloadEntry(record.m_UserID) != nullptr || lpFsSession->NamesOtherFile(record))
                 continue;
             record.SetActive(false);
             lpFsSession->SetDownloadInfo(record.m_UserID, record);

@@ -278,8 +278,8 @@ TEST_F(FileList, KeepsEachStoredFileApartFromTheFilesAPeerLists)
     EXPECT_EQ(5000u, Session(1005)->MaxPos());
 }
 
-// A record of a downloader this server already lists changes nothing; a
-// new one is entered resting.
+// A record of a downloader this server already lists changes nothing, nor
+// does one of another file under the FileID; a new one is entered resting.
 TEST_F(FileList, TakesOnlyTheRecordsOfDownloadersItDidNotKnow)
 {
     Take(Whole({PeerFile(1001, "whole.bin", 5000, 5000, 3)}));
@@ -292,6 +292,11 @@ TEST_F(FileList, TakesOnlyTheRecordsOfDownloadersItDidNotKnow)
     record.SetDownloadPos(1000);
     record.SetActive(true);
     records.arrDownload.Add(record);
+    // Carol's record is of another file the peer holds under the FileID.
+    ZV_FileDownloadInfo other = record;
+    other.SetUserID(QB_UserID(20003, 0));
+    other.SetFileFullName(QB_StringU8("other.bin"));
+    records.arrDownload.Add(other);
     node.host.AddUser(kBob, kSelf.m_ulMain, "Bob");
     node.host.m_mapUserConn[{kBob.m_ulMain, kBob.m_ulSub}] = 77;
     Take(records);
@@ -299,6 +304,7 @@ TEST_F(FileList, TakesOnlyTheRecordsOfDownloadersItDidNotKnow)
     ASSERT_NE(nullptr, pEntry);
     EXPECT_EQ(1000u, pEntry->m_ulDownloadPos);
     EXPECT_FALSE(pEntry->m_bActive);
+    EXPECT_EQ(nullptr, Session(1001)->FindDownloadEntry(QB_UserID(20003, 0)));
     // Bob, homed here, hears of it in a download list of that one record.
     const auto vecTold = node.host.SentOf(PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE);
     ASSERT_EQ(1u, vecTold.size());
