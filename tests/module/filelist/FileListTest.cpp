@@ -278,6 +278,33 @@ TEST_F(FileList, KeepsEachStoredFileApartFromTheFilesAPeerLists)
     EXPECT_EQ(5000u, Session(1005)->MaxPos());
 }
 
+// A FileID of another server's range names two files at two servers that
+// missed each other's news: each keeps the one shared later, so that two
+// such servers never swap their files.
+TEST_F(FileList, ANumberOfAnotherRangeNamesTheFileSharedLaterOnBothSides)
+{
+    struct { const char* szName; uint16_t usFileID; int64_t llHeld; int64_t llListed; const char* pszKept; } aCases[] = {
+        {"the listed file is later", 2001, 1300000000, 1300000060, "listed.bin"},
+        {"the held file is later", 2002, 1300000060, 1300000000, "held.bin"}};
+    for (const auto& c : aCases)
+    {
+        auto fnFile = [&](const char* pszName, int64_t llShared) {
+            ZV_FileUploadInfo info = PeerFile(c.usFileID, pszName, 100, 100, 3);
+            ZV_FileBriefInfo brief = info.m_BriefInfo;
+            QB_DateTimeEx dtShared;
+            dtShared.SetFromTimeT(llShared);
+            brief.SetShareTime(dtShared);
+            info.SetBriefInfo(brief);
+            return info;
+        };
+        Take(Whole({fnFile("held.bin", c.llHeld)}));
+        Take(Whole({fnFile("listed.bin", c.llListed)}));
+        ASSERT_NE(nullptr, Session(c.usFileID)) << c.szName;
+        EXPECT_EQ(std::string(c.pszKept), Session(c.usFileID)->FileInfo().m_BriefInfo.m_sFileOldName.GetString())
+            << c.szName;
+    }
+}
+
 // A record of a downloader this server already lists changes nothing, nor
 // does one of another file under the FileID; a new one is entered resting.
 TEST_F(FileList, TakesOnlyTheRecordsOfDownloadersItDidNotKnow)
