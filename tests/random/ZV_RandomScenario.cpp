@@ -811,7 +811,8 @@ std::string ZV_RandomScenario::DescribeServers(uint16_t usFileID)
         }
         ZV_FileShareSession& session = *lpFsSession;
         const ZV_FileUploadInfo& info = session.FileInfo();
-        sText += "; server " + std::to_string(n) + ": state " + std::to_string(info.m_BriefInfo.m_usFileState) +
+        sText += "; server " + std::to_string(n) + ": " + Narrow(info.m_BriefInfo.m_sFileOldName) + ", state " +
+                 std::to_string(info.m_BriefInfo.m_usFileState) +
                  ", written " + std::to_string(info.m_ulFileWritePos) + ", max " + std::to_string(session.MaxPos()) +
                  (session.IsUploadStopped() ? ", stopped" : "") + (info.m_BriefInfo.m_bPublic ? ", public" : "") +
                  ", rights " + std::to_string(info.m_BriefInfo.m_arrRight.GetSize()) + ", fetch " +
@@ -844,8 +845,9 @@ bool ZV_RandomScenario::IsNodeFile(const std::vector<std::string>& vecPart) cons
 // No client is busy once the conference has settled, but for a download
 // of a file whose upload never began and never can. No time-out ends a
 // transfer, and only the creator can send the bytes, ordered by the
-// creator's own server: a creator who deleted the file sends nothing if it
-// came back from a server that missed the delete, and a creator's server
+// creator's own server: a creator's client, told that the file was
+// deleted, forgets the share and sends nothing if the file came back from a
+// server that missed the delete, and a creator's server
 // that removed the file (the creator left before uploading it) orders
 // nothing while a server that missed that keeps it. The downloader waits,
 // busy, while its server holds the file unbegun.
@@ -870,9 +872,8 @@ bool ZV_RandomScenario::IsWaitingForAnUpload(const Client& client, uint16_t usFi
     const ZV_FileUploadInfo& held = lpHeld->FileInfo();
     const std::string sName = Narrow(held.m_BriefInfo.m_sFileOldName);
     const QB_UserID& creator = held.m_BriefInfo.m_CreatorID;
-    const bool bWithdrawn = std::any_of(m_vecDeleted.begin(), m_vecDeleted.end(), [&](const Deleted& deleted) {
-        return deleted.sName == sName && deleted.lpClient->lpNode->GetUserID() == creator;
-    });
+    const bool bWithdrawn = std::any_of(m_vecDeleted.begin(), m_vecDeleted.end(),
+                                        [&](const Deleted& deleted) { return deleted.sName == sName; });
     const bool bDropped = std::any_of(m_vecClients.begin(), m_vecClients.end(), [&](const auto& lpCreator) {
         const ZV_FileShareSession* lpThere = ZV_FileShareMgrPeer::Find(*Manager(lpCreator->lpHome), usFileID);
         return lpCreator->lpNode->GetUserID() == creator &&

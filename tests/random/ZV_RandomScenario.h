@@ -14,7 +14,7 @@
 // - nothing was written outside a storage folder or a path a user asked to
 //   download to;
 // - no client is left busy, but a downloader of a file whose upload never
-//   began and that its creator deleted, or its creator's server dropped;
+//   began and that was deleted, or that its creator's server dropped;
 // - every user side was told only of files its user may have, and once the
 //   conference has settled what it was told is what its server holds for
 //   that user (ZV_UserView).
