@@ -90,10 +90,11 @@ struct Rights
 {
     std::optional<bool> obPublic;
     std::optional<std::vector<uint32_t>> ovecAllowed;
+    std::string sPath;  // folder and name, the folder in Linux form
 };
 
-// A delimited brief record: only its rights are read; the reader ends
-// behind the record whatever it held.
+// A delimited brief record: its rights, and the folder and name it was
+// shared from; the reader ends behind the record whatever it held.
 Rights ReadBrief(Reader& r)
 {
     Rights rights;
@@ -103,9 +104,12 @@ Rights ReadBrief(Reader& r)
     auto Has = [&](int nBit) { return (ullMask >> nBit & 1) != 0; };
     if (Has(0))
         r.Skip(8);
+    std::string asText[5];
     for (int nBit = 1; nBit <= 4; ++nBit)
         if (Has(nBit))
-            r.Text();
+            asText[nBit] = r.Text();
+    rights.sPath = asText[2] + asText[3];
+    std::replace(rights.sPath.begin(), rights.sPath.end(), '\\', '/');
     if (Has(5))
         r.Skip(4);
     if (Has(6))
@@ -174,6 +178,7 @@ void ReadBatch(Reader& r, ZV_CliEvent& ev)
         Rights rights = ReadBrief(r);
         ev.vecPublic.push_back(rights.obPublic);
         ev.vecAllowed.push_back(std::move(rights.ovecAllowed));
+        ev.vecPaths.push_back(std::move(rights.sPath));
     }
     const uint32_t ulValues = r.Count();
     for (uint32_t i = 0; i < ulValues && r.Ok(); ++i)
@@ -359,6 +364,24 @@ ZV_CliMatch ZV_ResolveFile(const std::string& sWord, const std::map<uint16_t, st
         if (mapNames.count((uint16_t)ulID) && ulID <= 0xFFFF)
             match.ousFileID = (uint16_t)ulID;
     }
+    return match;
+}
+
+ZV_CliUserMatch ZV_ResolveUser(const std::string& sWord, const std::map<uint32_t, std::string>& mapNames)
+{
+    ZV_CliUserMatch match;
+    if (!sWord.empty() && sWord.size() <= 10 && sWord.find_first_not_of("0123456789") == std::string::npos)
+    {
+        const unsigned long long ullUser = std::stoull(sWord);
+        if (ullUser != 0 && ullUser <= 0xFFFFFFFF)
+            match.oulUser = (uint32_t)ullUser;
+        return match;
+    }
+    for (const auto& [ulUser, sName] : mapNames)
+        if (sName == sWord)
+            match.vecMatches.push_back(ulUser);
+    if (match.vecMatches.size() == 1)
+        match.oulUser = match.vecMatches[0];
     return match;
 }
 

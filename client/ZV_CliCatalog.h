@@ -36,6 +36,7 @@ struct ZV_CliEvent
     std::vector<double> vecValues;
     std::vector<std::optional<bool>> vecPublic;
     std::vector<std::optional<std::vector<uint32_t>>> vecAllowed;
+    std::vector<std::string> vecPaths;  // where each record says it was shared from
 };
 
 ZV_CliEvent ZV_ReadCliEvent(uint16_t usEvent, const std::vector<uint8_t>& vb);
@@ -83,6 +84,17 @@ struct ZV_CliMatch
     std::vector<uint16_t> vecMatches;
 };
 ZV_CliMatch ZV_ResolveFile(const std::string& sWord, const std::map<uint16_t, std::string>& mapNames);
+
+// Which user a person means by a word: a number as it stands, or a name
+// that one user alone goes by among those the client knows (mapNames:
+// number to name). vecMatches holds every user of that name when several
+// do.
+struct ZV_CliUserMatch
+{
+    std::optional<uint32_t> oulUser;
+    std::vector<uint32_t> vecMatches;
+};
+ZV_CliUserMatch ZV_ResolveUser(const std::string& sWord, const std::map<uint32_t, std::string>& mapNames);
 
 // A free local name for sName in sDir: the name itself, or "name(1).ext",
 // "name(2).ext"... beside a file of that name, as Windows does.

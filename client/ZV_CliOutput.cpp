@@ -80,7 +80,8 @@ void ZV_CliOutput::Files(const std::vector<ZV_CliFileInfo>& vecFiles)
         return DrawBars();
     }
     char szRow[160];
-    std::snprintf(szRow, sizeof szRow, "%5s  %10s  %6s  %-12s  %-16s  %s", "ID", "SIZE", "HELD", "MINE", "SHARED BY",
+    // MINE holds "downloading 100%" at its widest.
+    std::snprintf(szRow, sizeof szRow, "%5s  %10s  %6s  %-16s  %-16s  %s", "ID", "SIZE", "HELD", "MINE", "SHARED BY",
                   "NAME");
     m_out << szRow << "\n";
     for (const ZV_CliFileInfo& info : vecFiles)
@@ -88,7 +89,7 @@ void ZV_CliOutput::Files(const std::vector<ZV_CliFileInfo>& vecFiles)
         std::string sMine = info.sDownload;
         if (sMine == "downloading" || sMine == "stopped")
             sMine += " " + std::to_string((int)info.dDownloadPercent) + "%";
-        std::snprintf(szRow, sizeof szRow, "%5u  %10s  %5.0f%%  %-12s  %-16s  ", info.usFileID,
+        std::snprintf(szRow, sizeof szRow, "%5u  %10s  %5.0f%%  %-16s  %-16s  ", info.usFileID,
                       ZV_CliSize((double)info.ullLength).c_str(), info.dServerPercent, sMine.c_str(),
                       (info.sCreatorName.empty() ? std::to_string(info.ulCreator) : info.sCreatorName).c_str());
         m_out << szRow << info.sName << "\n";

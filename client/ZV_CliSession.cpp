@@ -3,6 +3,8 @@
 #include "ZV_CliUtf.h"
 #include "ZV_ResultText.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <filesystem>
 
@@ -45,20 +47,35 @@ std::string Words(uint32_t ulResult)
     return s + " (" + std::to_string(ulResult) + ")";
 }
 
-std::vector<QB_UserID> UserIDs(const std::vector<uint32_t>& vecUsers)
+// The local path a file was shared from, as its description gives it.
+std::string SharedFrom(const ZV_FsFileInfo& info)
 {
-    std::vector<QB_UserID> vecIDs;
-    for (uint32_t ulUser : vecUsers)
-        vecIDs.emplace_back(ulUser, 0);
-    return vecIDs;
+    std::string sPath = Utf8(info.szFilePath) + Utf8(info.szFileOldName);
+    std::replace(sPath.begin(), sPath.end(), '\\', '/');
+    return sPath;
 }
 
 }  // namespace
 
+std::vector<std::pair<std::string, std::vector<std::string>>> ZV_GroupByFolder(const std::vector<std::string>& vecPaths)
+{
+    std::vector<std::pair<std::string, std::vector<std::string>>> vecGroups;
+    for (const std::string& sPath : vecPaths)
+    {
+        const fs::path path(sPath);
+        const std::string sFolder = path.parent_path().string();
+        auto it = std::find_if(vecGroups.begin(), vecGroups.end(), [&](const auto& group) { return group.first == sFolder; });
+        if (it == vecGroups.end())
+            it = vecGroups.insert(vecGroups.end(), {sFolder, {}});
+        it->second.push_back(path.filename().string());
+    }
+    return vecGroups;
+}
+
 ZV_CliSession::ZV_CliSession(asio::io_context& io, ZV_NetClientConfig config, ZV_ModuleApi& api, ZV_CliOutput& out,
                              std::chrono::seconds secRetry)
     : m_io(io), m_config(config), m_client(io, std::move(config), api), m_out(out), m_secRetry(secRetry),
-      m_settle(io), m_lost(io)
+      m_settle(io), m_lost(io), m_addWait(io)
 {
 }
 
@@ -190,6 +207,7 @@ void ZV_CliSession::End(int nExit)
     m_bOver = true;
     m_settle.cancel();
     m_lost.cancel();
+    m_addWait.cancel();
     if (m_fnEnd)
         m_fnEnd(nExit);
 }
@@ -199,6 +217,7 @@ void ZV_CliSession::Stop(bool bGoodbye)
     m_bOver = true;
     m_settle.cancel();
     m_lost.cancel();
+    m_addWait.cancel();
     if (m_bStarted)
         m_client.Stop(bGoodbye);
 }
@@ -332,6 +351,57 @@ bool ZV_CliSession::Resolve(const std::vector<std::string>& vecWords, std::vecto
     return true;
 }
 
+std::map<uint32_t, std::string> ZV_CliSession::Roster()
+{
+    std::map<uint32_t, std::string> mapNames;
+    for (const auto& [usFileID, state] : m_catalog.Files())
+    {
+        ZV_FsFileInfo info{};
+        if (m_client.GetFileShareMgr()->FsGetFileInfoByFileID(usFileID, &info) == 0 && info.szCreatorName[0] != 0)
+            mapNames[info.ulCreatorMain] = Utf8(info.szCreatorName);
+    }
+    if (!m_config.sName.empty())
+        mapNames[m_config.ulUser] = m_config.sName;
+    return mapNames;
+}
+
+bool ZV_CliSession::ResolveUsers(const std::vector<std::string>& vecWords, std::vector<QB_UserID>& vecUsers)
+{
+    const auto mapNames = Roster();
+    for (const std::string& sWord : vecWords)
+    {
+        const ZV_CliUserMatch match = ZV_ResolveUser(sWord, mapNames);
+        if (match.oulUser)
+        {
+            vecUsers.emplace_back(*match.oulUser, 0);
+            continue;
+        }
+        if (match.vecMatches.empty())
+        {
+            m_out.Error("no user called \"" + sWord + "\" that roomcrate knows of (it learns names from the files "
+                            "users share); give the user's number",
+                        {{"type", "error"}, {"user", sWord}, {"message", "no such user"}});
+            return false;
+        }
+        std::string sNumbers;
+        for (uint32_t ulUser : match.vecMatches)
+            sNumbers += (sNumbers.empty() ? "" : ", ") + std::to_string(ulUser);
+        m_out.Error("several users are called \"" + sWord + "\": " + sNumbers + "; give the number instead",
+                    {{"type", "error"}, {"user", sWord}, {"matches", match.vecMatches},
+                     {"message", "several users of that name"}});
+        return false;
+    }
+    return true;
+}
+
+// "carol (10003)", or the number alone when the client knows no name.
+std::string ZV_CliSession::UserText(uint32_t ulUser)
+{
+    const auto mapNames = Roster();
+    auto it = mapNames.find(ulUser);
+    return it == mapNames.end() ? std::to_string(ulUser) : it->second + " (" + std::to_string(ulUser) + ")";
+}
+
 void ZV_CliSession::Run(const ZV_CliCommand& command, std::function<void(int)> fnDone)
 {
     if (command.sVerb == "share")
@@ -367,14 +437,18 @@ void ZV_CliSession::Share(const ZV_CliCommand& command, std::function<void(int)>
         }
         lpPaths->push_back(fs::absolute(sArg).lexically_normal().string());
     }
+    std::vector<QB_UserID> vecRights;
+    if (!ResolveUsers(command.vecUsers, vecRights))
+        return fnDone(kCliNoSuchFile);
     m_out.Note("roomcrate stays until the server holds the whole of what you share; leaving earlier (Ctrl-C) ends "
                "the upload once the server's grace period has passed");
-    ShareAll(*lpPaths, command.vecUsers, std::move(fnDone));
+    ShareAll(*lpPaths, vecRights, std::move(fnDone));
 }
 
-// The adds go out together; the server answers them in order, each with
-// its file's name, which is how each answer finds its add.
-void ZV_CliSession::ShareAll(const std::vector<std::string>& vecPaths, const std::vector<uint32_t>& vecUsers,
+// The files of one folder go as one batch, as the module shares only the
+// names of one folder together; a folder with a single file goes as one
+// add. Each answer finds its add by the path it was shared from.
+void ZV_CliSession::ShareAll(const std::vector<std::string>& vecPaths, const std::vector<QB_UserID>& vecRights,
                              std::function<void(int)> fnDone)
 {
     auto lpLeft = std::make_shared<size_t>(vecPaths.size());
@@ -385,56 +459,140 @@ void ZV_CliSession::ShareAll(const std::vector<std::string>& vecPaths, const std
         if (--*lpLeft == 0)
             fnDone(*lpExit);
     };
-    const std::vector<QB_UserID> vecRights = UserIDs(vecUsers);
-    for (const std::string& sPath : vecPaths)
+    const QB_UserID* pRights = vecRights.empty() ? nullptr : vecRights.data();
+    const uint8_t bPublic = vecRights.empty() ? 1 : 0;
+    for (const auto& [sFolder, vecNames] : ZV_GroupByFolder(vecPaths))
     {
-        const std::string sName = fs::path(sPath).filename().string();
+        std::vector<std::u16string> vecWide;
+        for (const std::string& sName : vecNames)
+            vecWide.push_back(Utf16(sName));
+        std::vector<const char16_t*> vecPtr;
+        for (const std::u16string& sWide : vecWide)
+            vecPtr.push_back(sWide.c_str());
+        IZV_FileShareMgr* lpFs = m_client.GetFileShareMgr();
         const uint32_t ulResult =
-            m_client.GetFileShareMgr()->FsAdd(Utf16(sPath).c_str(), vecRights.empty() ? nullptr : vecRights.data(),
-                                              (uint32_t)vecRights.size(), vecRights.empty() ? 1 : 0, 1);
-        if (ulResult != 0)
+            vecNames.size() == 1
+                ? lpFs->FsAdd(Utf16(sFolder + "/" + vecNames[0]).c_str(), pRights, (uint32_t)vecRights.size(), bPublic, 1)
+                : lpFs->FsFilesAdd(Utf16(sFolder).c_str(), vecPtr.data(), (uint32_t)vecPtr.size(), pRights,
+                                   (uint32_t)vecRights.size(), bPublic, 1);
+        // A batch goes out without the files it could not open, and says
+        // only that one failed: each is looked at again to say which.
+        for (const std::string& sName : vecNames)
         {
-            m_out.Error("cannot share " + sPath + ": " + Words(ulResult),
-                        {{"type", "error"}, {"name", sName}, {"code", ulResult}, {"message", zvResultText(ulResult)}});
-            fnOne(kCliFailed);
-            continue;
+            const std::string sPath = sFolder + "/" + sName;
+            std::error_code ec;
+            const uint64_t ullLength = fs::file_size(sPath, ec);
+            const bool bFailed = ulResult != 0 && (vecNames.size() == 1 || ulResult != zvResultCannotOpen || ec ||
+                                                   access(sPath.c_str(), R_OK) != 0);
+            if (bFailed)
+            {
+                m_out.Error("cannot share " + sPath + ": " + Words(ulResult),
+                            {{"type", "error"}, {"name", sName}, {"code", ulResult}, {"message", zvResultText(ulResult)}});
+                fnOne(kCliFailed);
+                continue;
+            }
+            m_listAdding.push_back(Upload{sPath, sName, 0xFFFF, ullLength, fnOne});
         }
-        std::error_code ec;
-        m_listAdding.push_back(Upload{sPath, sName, 0xFFFF, fs::file_size(sPath, ec), fnOne});
     }
+    WaitForAdds();
+}
+
+// A batch the server refuses for want of FileIDs is answered with nothing
+// the user side hears of; an add still unanswered half a minute on, while
+// the link stands, is said to have failed rather than waited for.
+void ZV_CliSession::WaitForAdds()
+{
+    m_addWait.expires_after(std::chrono::seconds(30));
+    m_addWait.async_wait([this](const asio::error_code& ec) {
+        if (ec || m_bOver || m_listAdding.empty())
+            return;
+        if (m_client.GetLink() != ZV_NetClient::Link::Up)
+            return WaitForAdds();
+        std::list<Upload> listLeft = std::move(m_listAdding);
+        m_listAdding.clear();
+        for (Upload& upload : listLeft)
+        {
+            m_out.Error("the server did not take " + upload.sName + "; it may have no free file number left",
+                        {{"type", "error"}, {"name", upload.sName}, {"message", "no answer to the share"}});
+            upload.fnDone(kCliFailed);
+        }
+    });
+}
+
+// The add of this path, by the folder and name the server's record gives
+// back; with a record that names no folder, the oldest add of that name.
+std::list<ZV_CliSession::Upload>::iterator ZV_CliSession::FindAdding(const std::string& sPath)
+{
+    auto it = std::find_if(m_listAdding.begin(), m_listAdding.end(),
+                           [&](const Upload& upload) { return upload.sPath == sPath; });
+    if (it != m_listAdding.end())
+        return it;
+    const std::string sName = fs::path(sPath).filename().string();
+    return std::find_if(m_listAdding.begin(), m_listAdding.end(),
+                        [&](const Upload& upload) { return upload.sName == sName; });
+}
+
+void ZV_CliSession::StartUpload(std::list<Upload>::iterator it, uint16_t usFileID, double dPercent)
+{
+    Upload upload = std::move(*it);
+    m_listAdding.erase(it);
+    upload.usFileID = usFileID;
+    m_mapUploads[usFileID] = std::move(upload);
+    if (dPercent >= 100.0)
+        FinishUpload(usFileID, 0);
+}
+
+void ZV_CliSession::RefuseUpload(std::list<Upload>::iterator it, uint32_t ulResult)
+{
+    Upload upload = std::move(*it);
+    m_listAdding.erase(it);
+    const std::string sWhy = ulResult != 0 ? Words(ulResult)
+                                           : "you may not share here, or the batch would pass the files or bytes "
+                                             "the server lets one user share";
+    m_out.Error("the server refused to take " + upload.sName + ": " + sWhy,
+                {{"type", "error"}, {"name", upload.sName}, {"code", ulResult}, {"message", sWhy}});
+    upload.fnDone(kCliFailed);
+}
+
+// The batch's answer: the files the server took, each with its FileID,
+// and those it refused, a record without one. The records of a report
+// need not stand in the order of its FileIDs, so each FileID is matched by
+// the description the manager keeps for it.
+void ZV_CliSession::BatchAnswered(const ZV_CliEvent& ev)
+{
+    for (size_t i = 0; i < ev.vecFileIDs.size() && !m_listAdding.empty(); ++i)
+    {
+        ZV_FsFileInfo info{};
+        if (m_client.GetFileShareMgr()->FsGetFileInfoByFileID(ev.vecFileIDs[i], &info) != 0 ||
+            info.ulCreatorMain != m_config.ulUser)
+            continue;
+        auto it = FindAdding(SharedFrom(info));
+        if (it == m_listAdding.end())
+            continue;
+        StartUpload(it, ev.vecFileIDs[i], i < ev.vecValues.size() ? ev.vecValues[i] : 0.0);
+    }
+    // A record whose add is still waiting came without a FileID.
+    for (size_t i = 0; i < ev.vecPaths.size() && !m_listAdding.empty(); ++i)
+        if (auto it = FindAdding(ev.vecPaths[i]); it != m_listAdding.end() && it->sPath == ev.vecPaths[i])
+            RefuseUpload(it, 0);
 }
 
 void ZV_CliSession::UploadEvent(const ZV_CliEvent& ev)
 {
+    if (ev.usEvent == zvFsEventFilesAdded && !m_listAdding.empty())
+        return BatchAnswered(ev);
     if (ev.usEvent == zvFsEventFileAdded && !m_listAdding.empty())
     {
         // A refusal names no file: it answers the oldest add.
-        auto it = m_listAdding.begin();
-        if (ev.ulResult == 0)
-        {
-            ZV_FsFileInfo info{};
-            if (m_client.GetFileShareMgr()->FsGetFileInfoByFileID(ev.usFileID, &info) != 0 ||
-                info.ulCreatorMain != m_config.ulUser)
-                return;
-            const std::string sName = Utf8(info.szFileOldName);
-            it = std::find_if(m_listAdding.begin(), m_listAdding.end(),
-                              [&](const Upload& upload) { return upload.sName == sName; });
-            if (it == m_listAdding.end())
-                return;
-        }
-        Upload upload = std::move(*it);
-        m_listAdding.erase(it);
         if (ev.ulResult != 0)
-        {
-            m_out.Error("the server refused to take " + upload.sName + ": " + Words(ev.ulResult),
-                        {{"type", "error"}, {"name", upload.sName}, {"code", ev.ulResult},
-                         {"message", zvResultText(ev.ulResult)}});
-            return upload.fnDone(kCliFailed);
-        }
-        upload.usFileID = ev.usFileID;
-        m_mapUploads[ev.usFileID] = std::move(upload);
-        if (ev.dPercent >= 100.0)
-            FinishUpload(ev.usFileID, 0);
+            return RefuseUpload(m_listAdding.begin(), ev.ulResult);
+        ZV_FsFileInfo info{};
+        if (m_client.GetFileShareMgr()->FsGetFileInfoByFileID(ev.usFileID, &info) != 0 ||
+            info.ulCreatorMain != m_config.ulUser)
+            return;
+        auto it = FindAdding(SharedFrom(info));
+        if (it != m_listAdding.end())
+            StartUpload(it, ev.usFileID, ev.dPercent);
         return;
     }
     auto it = m_mapUploads.find(ev.usFileID);
@@ -681,7 +839,9 @@ void ZV_CliSession::Rights(const ZV_CliCommand& command, std::function<void(int)
     if (!Resolve(command.vecArgs, vecFileIDs))
         return fnDone(kCliNoSuchFile);
     const bool bAllow = command.sVerb == "allow";
-    const std::vector<QB_UserID> vecUsers = UserIDs(command.vecUsers);
+    std::vector<QB_UserID> vecUsers;
+    if (!ResolveUsers(command.vecUsers, vecUsers))
+        return fnDone(kCliNoSuchFile);
     auto lpLeft = std::make_shared<size_t>(vecFileIDs.size());
     auto lpExit = std::make_shared<int>(kCliDone);
     for (uint16_t usFileID : vecFileIDs)
@@ -701,7 +861,7 @@ void ZV_CliSession::Rights(const ZV_CliCommand& command, std::function<void(int)
                                  (now.bPublic ? std::string("everyone") : [&] {
                                      std::string s = "the creator";
                                      for (uint32_t ulUser : now.vecAllowed)
-                                         s += ", " + std::to_string(ulUser);
+                                         s += ", " + UserText(ulUser);
                                      return s;
                                  }()),
                              {{"type", "rights"}, {"id", usFileID}, {"name", now.sName}, {"public", now.bPublic},
@@ -764,7 +924,15 @@ void ZV_CliSession::Control(const std::string& sVerb, const std::string& sWord, 
     }
     if (sVerb == "drop")
         return fnDone(kCliDone);
-    m_out.Result(sVerb + (sVerb == "stop" ? "ped " : "d ") + std::to_string(usFileID) + " " + sWord,
+    // A stop holds the sender at its next block; what it had already handed
+    // to the network still arrives, and a download keeps it: the server's
+    // queue for the link (a megabyte by default) and both sockets' buffers,
+    // which on loopback came to over 5 MB, seconds' worth at a low --rate.
+    std::string sAfter;
+    if (sVerb == "stop")
+        sAfter = bUpload ? "; blocks already on their way still reach the server, which drops them"
+                         : "; the blocks the server had already sent (up to several megabytes) still arrive and are kept";
+    m_out.Result(sVerb + (sVerb == "stop" ? "ped " : "d ") + std::to_string(usFileID) + " " + sWord + sAfter,
                  {{"type", sVerb}, {"id", usFileID}});
     fnDone(kCliDone);
 }

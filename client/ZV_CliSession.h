@@ -32,10 +32,15 @@ struct ZV_CliCommand
 {
     std::string sVerb;
     std::vector<std::string> vecArgs;  // files, names or FileIDs
-    std::vector<uint32_t> vecUsers;    // share --to, allow, deny
+    std::vector<std::string> vecUsers; // share --to, allow, deny: names or numbers
     bool bPublic = false;              // allow --public, deny --public
     std::string sOutDir = ".";         // get -o
 };
+
+// Paths grouped by their folder, in the order each folder first comes: the
+// folder without its trailing slash, and the names in it.
+std::vector<std::pair<std::string, std::vector<std::string>>> ZV_GroupByFolder(
+    const std::vector<std::string>& vecPaths);
 
 class ZV_CliSession
 {
@@ -54,7 +59,7 @@ public:
     // Leaves; bGoodbye false leaves the server's grace period to run.
     void Stop(bool bGoodbye);
     // Whether an upload of this session still runs (Ctrl-C warns then).
-    bool IsUploading() const { return !m_mapUploads.empty(); }
+    bool IsUploading() const { return !m_mapUploads.empty() || !m_listAdding.empty(); }
     // The names of the files the user sees, for completion.
     std::vector<std::string> Names();
     // Events of others, shown as they come (the shell's).
@@ -90,8 +95,13 @@ private:
     void End(int nExit);
 
     void Share(const ZV_CliCommand& command, std::function<void(int)> fnDone);
-    void ShareAll(const std::vector<std::string>& vecPaths, const std::vector<uint32_t>& vecUsers,
+    void ShareAll(const std::vector<std::string>& vecPaths, const std::vector<QB_UserID>& vecRights,
                   std::function<void(int)> fnDone);
+    void WaitForAdds();
+    std::list<Upload>::iterator FindAdding(const std::string& sPath);
+    void StartUpload(std::list<Upload>::iterator it, uint16_t usFileID, double dPercent);
+    void RefuseUpload(std::list<Upload>::iterator it, uint32_t ulResult);
+    void BatchAnswered(const ZV_CliEvent& ev);
     void FinishUpload(uint16_t usFileID, uint32_t ulResult);
     void List(std::function<void(int)> fnDone);
     void Get(const ZV_CliCommand& command, std::function<void(int)> fnDone);
@@ -101,6 +111,12 @@ private:
 
     // The FileIDs the words name; false (said) when one names none or several.
     bool Resolve(const std::vector<std::string>& vecWords, std::vector<uint16_t>& vecFileIDs);
+    // The users the words name, likewise.
+    bool ResolveUsers(const std::vector<std::string>& vecWords, std::vector<QB_UserID>& vecUsers);
+    // The users the client knows by name: the user itself and whoever
+    // shared a file it sees.
+    std::map<uint32_t, std::string> Roster();
+    std::string UserText(uint32_t ulUser);
     std::map<uint16_t, std::string> NameMap();
     ZV_CliFileInfo InfoOf(uint16_t usFileID);
     void UploadEvent(const ZV_CliEvent& ev);
@@ -115,6 +131,7 @@ private:
     std::chrono::seconds m_secRetry;
     asio::steady_timer m_settle;
     asio::steady_timer m_lost;
+    asio::steady_timer m_addWait;
     std::chrono::steady_clock::time_point m_tpSettleLimit;
     bool m_bStarted = false;
     bool m_bEverUp = false;

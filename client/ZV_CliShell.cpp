@@ -22,7 +22,8 @@ allow NAME|ID USER...|--public let users (or everyone) have a file
 deny NAME|ID USER...|--public  take it from them
 info NAME|ID...                all about files
 stop|resume|drop NAME|ID       a running transfer: pause, go on, give up
-quit                           leave (Ctrl-D too))";
+quit                           leave (Ctrl-D too)
+A USER is a number, or the name of one who shared a file you see.)";
 
 }  // namespace
 
@@ -66,14 +67,7 @@ bool ZV_ShellCommand(const std::vector<std::string>& vecWords, ZV_CliCommand& co
         else if (sWord == "--public" && (command.sVerb == "allow" || command.sVerb == "deny"))
             command.bPublic = true;
         else if (bUsers && !(command.sVerb != "share" && command.vecArgs.empty()))
-        {
-            if (sWord.empty() || sWord.size() > 10 || sWord.find_first_not_of("0123456789") != std::string::npos)
-            {
-                sError = "\"" + sWord + "\" is not a user number";
-                return false;
-            }
-            command.vecUsers.push_back((uint32_t)std::stoul(sWord));
-        }
+            command.vecUsers.push_back(sWord);
         else
             command.vecArgs.push_back(sWord);
     }
@@ -84,7 +78,7 @@ bool ZV_ShellCommand(const std::vector<std::string>& vecWords, ZV_CliCommand& co
         sError = command.sVerb + " needs a file";
     else if ((command.sVerb == "allow" || command.sVerb == "deny") &&
              (command.vecArgs.size() != 1 || (command.vecUsers.empty() && !command.bPublic)))
-        sError = command.sVerb + " takes one file, then user numbers or --public";
+        sError = command.sVerb + " takes one file, then users or --public";
     else if ((command.sVerb == "stop" || command.sVerb == "resume" || command.sVerb == "drop") &&
              command.vecArgs.size() != 1)
         sError = command.sVerb + " takes one file";

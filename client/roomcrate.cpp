@@ -31,8 +31,8 @@ prompt without echo; never from the command line. The client keeps its share rec
 in home (by default $XDG_DATA_HOME/roomcrate or ~/.local/share/roomcrate).
 
 Exit codes: 0 done; 1 a request or a transfer failed; 2 wrong usage or settings; 3 the server
-could not be reached or refused the login; 4 no such file (local, or in the conference, or a name
-several files carry: give the number); 5 another roomcrate of the same user took this one's
+could not be reached or refused the login; 4 no such file or user (local, or in the conference, or a
+name several files or users carry: give the number); 5 another roomcrate of the same user took this one's
 place; 130 interrupted.
 
 With --json each line of standard output is one JSON object, its "type" one of:
@@ -43,7 +43,7 @@ With --json each line of standard output is one JSON object, its "type" one of:
   removed  (rm) id, name
   rights   (allow, deny) id, name, public, allowed
   event    (shell) event, id, name
-  error    message, and where known id, name, code (the module's result code), matches)";
+  error    message, and where known id, name, user, code (the module's result code), matches)";
 
 // An ostream's bytes to a FILE, which the shell's line editor writes to
 // as well.
@@ -117,10 +117,10 @@ int main(int argc, char** argv)
 
     ZV_CliCommand command;
     std::vector<std::string> vecRightsArgs;
-    CLI::App* lpShare = app.add_subcommand("share", "share files: one alone, several as one batch; "
+    CLI::App* lpShare = app.add_subcommand("share", "share files: one alone, several of one folder as one batch; "
                                                     "roomcrate stays until the server holds all of them");
     lpShare->add_option("files", command.vecArgs, "the files")->required();
-    lpShare->add_option("--to", command.vecUsers, "user numbers who may have them (everyone by default)");
+    lpShare->add_option("--to", command.vecUsers, "users who may have them (everyone by default): numbers, or names of users who shared a file you see");
     app.add_subcommand("ls", "list the conference's files you may see: number, size, how much the server holds, "
                              "your download, who shared it, name");
     CLI::App* lpGet = app.add_subcommand("get", "fetch files by name or number, wait for the end, check the length "
@@ -134,7 +134,7 @@ int main(int argc, char** argv)
     CLI::App* lpDeny = app.add_subcommand("deny", "take a file from users (--public: from everyone not allowed)");
     for (CLI::App* lpRights : {lpAllow, lpDeny})
     {
-        lpRights->add_option("file", vecRightsArgs, "the file's name or number, then user numbers")->required();
+        lpRights->add_option("file", vecRightsArgs, "the file's name or number, then users' names or numbers")->required();
         lpRights->add_flag("--public", command.bPublic, "everyone");
     }
     CLI::App* lpInfo = app.add_subcommand("info", "all there is to know of files");
@@ -158,19 +158,10 @@ int main(int argc, char** argv)
     if (!vecRightsArgs.empty())
     {
         command.vecArgs = {vecRightsArgs[0]};
-        for (size_t i = 1; i < vecRightsArgs.size(); ++i)
-        {
-            const std::string& sUser = vecRightsArgs[i];
-            if (sUser.empty() || sUser.size() > 10 || sUser.find_first_not_of("0123456789") != std::string::npos)
-            {
-                out.Error("\"" + sUser + "\" is not a user number");
-                return kCliUsage;
-            }
-            command.vecUsers.push_back((uint32_t)std::stoul(sUser));
-        }
+        command.vecUsers.assign(vecRightsArgs.begin() + 1, vecRightsArgs.end());
         if (command.vecUsers.empty() && !command.bPublic)
         {
-            out.Error(command.sVerb + " needs user numbers or --public");
+            out.Error(command.sVerb + " needs users or --public");
             return kCliUsage;
         }
     }

@@ -8,7 +8,7 @@
 #     fuzz/run.sh [BUILD_FOLDER] [SECONDS_EACH] [HARNESS...]
 #
 # prints one line per harness: executions, coverage (cov) and features (ft).
-#     FUZZ_CORPUS=/var/tmp/roomcrate-corpus nice -n 19 fuzz/run.sh build-fuzz 600
+#     FUZZ_CORPUS=/var/tmp/roomcrate-corpus FUZZ_TIMEOUT=300 nice -n 19 fuzz/run.sh build-fuzz 600
 set -euo pipefail
 here="$(cd "$(dirname "$0")" && pwd)"
 build="${1:-build-fuzz}"
@@ -35,13 +35,15 @@ fi
 # A failing or slow input is kept under the build folder, out of git's sight.
 artifacts="$build/fuzz-artifacts"
 mkdir -p "$artifacts"
+# FUZZ_TIMEOUT is the wall time one input may take before it counts as a
+# hang (25 s): a long run at low priority beside other work needs more.
 # A smaller quarantine keeps a long run's memory in bounds.
 export ASAN_OPTIONS="${ASAN_OPTIONS:-quarantine_size_mb=64:detect_leaks=1}"
 
 for name in "${harnesses[@]}"; do
     exe="$build/fuzz/fuzz_$name"
     mkdir -p "$scratch/$name"
-    args=(-max_total_time="$seconds" -timeout=25 -rss_limit_mb=2560 -print_final_stats=1
+    args=(-max_total_time="$seconds" -timeout="${FUZZ_TIMEOUT:-25}" -rss_limit_mb=2560 -print_final_stats=1
           -artifact_prefix="$artifacts/")
     # PDU numbers and field values for what reads payloads; ini words for
     # what reads ini files.

@@ -101,6 +101,11 @@ public:
 
     bool GetSectionNames(QB_Array<QB_StringW>& arrNames) const;
     bool GetSectionNames(QB_Array<QB_StringA>& arrNames) const;
+    // The sections as GetSectionNames gives them, and for each the numbers
+    // GetLong would give for every key of vecKeys, row by row: one walk that
+    // looks no section up by its name, for an index over many sections.
+    void GetSectionLongs(const std::vector<QB_StringW>& vecKeys, int32_t nDefault, QB_Array<QB_StringW>& arrNames,
+                         std::vector<int32_t>& vecValues) const;
 
     QB_StringW GetString(const QB_StringW& sSection, const QB_StringW& sKey, const QB_StringW& sDefault) const;
     QB_StringA GetString(const QB_StringA& sSection, const QB_StringA& sKey, const QB_StringA& sDefault) const;

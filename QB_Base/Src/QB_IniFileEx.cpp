@@ -586,6 +586,42 @@ bool QB_IniFileEx::GetSectionNames(QB_Array<QB_StringW>& arrNames) const
     return true;
 }
 
+void QB_IniFileEx::GetSectionLongs(const std::vector<QB_StringW>& vecKeys, int32_t nDefault,
+                                   QB_Array<QB_StringW>& arrNames, std::vector<int32_t>& vecValues) const
+{
+    arrNames.RemoveAll();
+    vecValues.clear();
+    if (!m_lpFirst)
+        return;
+    std::vector<QB_IniKey> vecKeyNames;
+    for (const QB_StringW& sKey : vecKeys)
+        vecKeyNames.emplace_back(sKey, 1);
+    arrNames.SetSize(0, (int)m_mapSections.GetCount());
+    vecValues.reserve(vecKeys.size() * m_mapSections.GetCount());
+    QB_POSITION pos = m_mapSections.GetStartPosition();
+    while (pos)
+    {
+        QB_IniKey key;
+        QB_IniLine* lpSection = nullptr;
+        m_mapSections.GetNextAssoc(pos, key, lpSection);
+        const QB_StringW& sName = lpSection->m_sLine;
+        arrNames.Add(sName);
+        // As GetLong reads it: by name, a repeated section reads as the first
+        // of its name, and a name GetLong would not take reads as missing.
+        const bool bPlain = lpSection->m_Key.m_nOccurrence == 1 && sName[0] == u'[' &&
+                            sName[sName.GetLength() - 1] == u']' && IsValidSection(sName);
+        const QB_IniLine* lpValues = bPlain ? lpSection : IsValidSection(sName) ? FindSection(Bracketed(sName), 1) : nullptr;
+        for (size_t k = 0; k < vecKeyNames.size(); ++k)
+        {
+            QB_IniLine* lpLine = nullptr;
+            // A key that is invalid, missing or says "error" gives the default.
+            const bool bFound = lpValues != nullptr && IsValidKey(vecKeys[k]) &&
+                                lpValues->m_lpMapKey2Value->Lookup(vecKeyNames[k], lpLine);
+            vecValues.push_back(bFound && lpLine->m_sValue != u"error" ? ParseLong(lpLine->m_sValue) : nDefault);
+        }
+    }
+}
+
 bool QB_IniFileEx::GetSectionNames(QB_Array<QB_StringA>& arrNames) const
 {
     QB_Array<QB_StringW> arrWide;

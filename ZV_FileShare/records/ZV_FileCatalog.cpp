@@ -267,9 +267,12 @@ void ZV_FileCatalog::BuildRowIndex() const
 {
     m_mapRowByPair.clear();
     QB_Array<QB_StringW> arrNames;
-    m_Journal.Ini().GetSectionNames(arrNames);
+    std::vector<int32_t> vecPairs;
+    m_Journal.Ini().GetSectionLongs({QB_StringW(kConfID), QB_StringW(kFileID)}, 0, arrNames, vecPairs);
+    m_mapRowByPair.reserve((size_t)arrNames.GetSize());
     for (int i = 0; i < arrNames.GetSize(); ++i)
-        m_mapRowByPair.emplace(PairKey(GetLow16(arrNames[i], kConfID), GetLow16(arrNames[i], kFileID)), arrNames[i]);
+        m_mapRowByPair.emplace(PairKey((uint16_t)vecPairs[2 * (size_t)i], (uint16_t)vecPairs[2 * (size_t)i + 1]),
+                               arrNames[i]);
     m_bRowIndexValid = true;
 }
 

@@ -131,6 +131,33 @@ TEST(IniFile, ReadsNumbersAndGivesTheDefaultForAValueOfError)
     EXPECT_EQ(ini.GetLong(u"s", u"missing", 77), 77);
 }
 
+// The walk that reads numbers of every section at once gives what the
+// names and GetLong give one by one, repeated sections and odd lines too.
+TEST(IniFile, ReadsTheNumbersOfEverySectionInOneWalkAsGetLongDoes)
+{
+    QB_TempFolder folder;
+    QB_WriteWholeFile(folder.Sub("t.ini"), std::string("[a]\r\nC=1\r\nF=2\r\n[B]\r\nf=7\r\nc=error\r\n"
+                                                       "[a]\r\nC=5\r\nF=6\r\n[x=y]\r\nC=3\r\n[e]\r\n"
+                                                       "c= -4 apples\r\nF=99999999999\r\n"));
+    QB_IniFileEx ini(3, 17);
+    ASSERT_TRUE(ini.Open(QB_StringA(folder.Sub("t.ini").c_str()), false));
+    const std::vector<QB_StringW> vecKeys = {u"c", u"F", u"g=h"};
+    QB_Array<QB_StringW> arrNames;
+    std::vector<int32_t> vecValues;
+    ini.GetSectionLongs(vecKeys, 77, arrNames, vecValues);
+    QB_Array<QB_StringW> arrExpected;
+    ini.GetSectionNames(arrExpected);
+    ASSERT_EQ(arrExpected.GetSize(), arrNames.GetSize());
+    ASSERT_EQ(vecKeys.size() * (size_t)arrNames.GetSize(), vecValues.size());
+    for (int i = 0; i < arrNames.GetSize(); ++i)
+    {
+        EXPECT_TRUE(arrNames[i] == arrExpected[i]) << i;
+        for (size_t k = 0; k < vecKeys.size(); ++k)
+            EXPECT_EQ(ini.GetLong(arrNames[i], vecKeys[k], 77), vecValues[vecKeys.size() * (size_t)i + k])
+                << QB_StringA(arrNames[i]).GetString() << " " << k;
+    }
+}
+
 TEST(IniFile, PutsEverySetKeyDirectlyBehindItsSectionLine)
 {
     Bytes vbFile = Rewrite(Ansi("[s]\r\nx=0\r\nd=1\r\nd=2\r\n[t]\r\n"), [](QB_IniFileEx& ini) {

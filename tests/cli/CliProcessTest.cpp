@@ -2,6 +2,7 @@
 // roomcrate-server, settings from each user's TOML file, the output read
 // as a person or a script reads it.
 #include "ZV_NetProcess.h"
+#include "ZV_TestProxy.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -32,6 +33,70 @@ std::vector<std::string> Lines(const std::string& sText)
     return vecLines;
 }
 
+// roomcrate on a pseudo-terminal, in the folder sDir with HOME there: what
+// it wrote, as a screen would show it, and what is typed.
+struct Terminal
+{
+    int nTerminal = -1;
+    pid_t nPid = -1;
+    std::string sScreen;
+
+    Terminal(const std::string& sDir, const std::vector<std::string>& vecArgs)
+    {
+        nPid = forkpty(&nTerminal, nullptr, nullptr, nullptr);
+        if (nPid != 0)
+            return;
+        setenv("TERM", "xterm", 0);
+        setenv("HOME", sDir.c_str(), 1);
+        unsetenv("ROOMCRATE_SECRET");
+        std::vector<char*> vecArgv = {const_cast<char*>(ROOMCRATE_CLIENT)};
+        for (const std::string& sArg : vecArgs)
+            vecArgv.push_back(const_cast<char*>(sArg.c_str()));
+        vecArgv.push_back(nullptr);
+        if (chdir(sDir.c_str()) == 0)
+            execv(ROOMCRATE_CLIENT, vecArgv.data());
+        _exit(127);
+    }
+    ~Terminal()
+    {
+        if (nPid > 0 && waitpid(nPid, nullptr, WNOHANG) == 0)
+            kill(nPid, SIGKILL), waitpid(nPid, nullptr, 0);
+        close(nTerminal);
+    }
+    void Drain()
+    {
+        pollfd pfd{nTerminal, POLLIN, 0};
+        char ac[4096];
+        while (poll(&pfd, 1, 50) > 0)
+        {
+            const ssize_t n = read(nTerminal, ac, sizeof ac);
+            if (n <= 0)
+                break;
+            sScreen.append(ac, (size_t)n);
+        }
+    }
+    size_t Count(const std::string& sWhat) const
+    {
+        size_t nSeen = 0;
+        for (size_t nAt = sScreen.find(sWhat); nAt != std::string::npos; nAt = sScreen.find(sWhat, nAt + 1))
+            ++nSeen;
+        return nSeen;
+    }
+    bool Until(const std::string& sWhat, size_t nTimes = 1)
+    {
+        return ZV_WaitFor([&] { return Drain(), Count(sWhat) >= nTimes; });
+    }
+    bool Type(const std::string& sKeys) { return write(nTerminal, sKeys.data(), sKeys.size()) > 0; }
+    int Wait()
+    {
+        int nStatus = -1;
+        if (!ZV_WaitFor([&] { return Drain(), waitpid(nPid, &nStatus, WNOHANG) == nPid; }))
+            return -1;
+        nPid = -1;
+        return WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -1;
+    }
+};
+
 struct CliProcess : ::testing::TestWithParam<ZV_NetMode>
 {
     QB_TempFolder tmp;
@@ -41,16 +106,19 @@ struct CliProcess : ::testing::TestWithParam<ZV_NetMode>
 
     std::string At(const std::string& sName) const { return sDir + "/" + sName; }
 
-    // The user's settings file, as the README has people write it.
-    std::string Config(uint32_t ulUser, const std::string& sServer)
+    // The user's settings file, as the README has people write it; on a
+    // terminal a name without a secret file has the secret asked for.
+    std::string Config(uint32_t ulUser, const std::string& sServer, bool bNamed = true)
     {
         const std::string sName = ZV_UserName(ulUser);
         const std::string sPath = At(sName + ".toml");
         std::ofstream file(sPath);
         file << "server = \"" << sServer << "\"\nconference = 100\nuser = " << ulUser << "\nhome = \"" << sName
              << ".home\"\n";
+        if (bNamed)
+            file << "name = \"" << sName << "\"\n";
         if (GetParam().bLogins)
-            file << "name = \"" << sName << "\"\nsecret_file = \"" << setup.SecretFile(sName) << "\"\n";
+            file << "secret_file = \"" << setup.SecretFile(sName) << "\"\n";
         if (GetParam().bTls)
             file << "trust = \"" << setup.TrustFile() << "\"\n";
         return sPath;
@@ -110,25 +178,30 @@ TEST_P(CliProcess, AFileSharedByOneIsFetchedByAnotherByteForByteWithEqualShaLine
     EXPECT_EQ(sShared.substr(0, 64) + "  a(1).bin", Lines(Out(kBob)).back());
 }
 
+// Users are named by number, or by the name of one who shared a file; two
+// files of one folder go as one batch.
 TEST_P(CliProcess, RightsAndRemovalChangeWhatTheOthersSee)
 {
     ASSERT_TRUE(server.Start());
-    ZV_WriteRandomFile(At("x.bin"), 1000, 1);
-    ZV_WriteRandomFile(At("y.bin"), 1000, 2);
+    for (const char* szName : {"c.txt", "x.bin", "y.bin", "z.bin"})
+        ZV_WriteRandomFile(At(szName), 1000, (unsigned)szName[0]);
+    ASSERT_EQ(0, Run(kCarol, {"share", "c.txt"})) << Err(kCarol);
+    EXPECT_EQ(4, Run(kAlice, {"share", "x.bin", "--to", "bob"})) << "bob shared nothing alice sees";
+    EXPECT_NE(Err(kAlice).find("no user called \"bob\""), std::string::npos) << Err(kAlice);
     ASSERT_EQ(0, Run(kAlice, {"share", "x.bin", "--to", std::to_string(kBob)})) << Err(kAlice);
-    ASSERT_EQ(0, Run(kAlice, {"share", "y.bin"})) << Err(kAlice);
-    EXPECT_EQ((std::set<std::string>{"x.bin", "y.bin"}), Seen(kBob));
-    EXPECT_EQ((std::set<std::string>{"y.bin"}), Seen(kCarol));
+    ASSERT_EQ(0, Run(kAlice, {"share", "y.bin", "z.bin"})) << Err(kAlice);
+    EXPECT_EQ((std::set<std::string>{"c.txt", "x.bin", "y.bin", "z.bin"}), Seen(kBob));
+    EXPECT_EQ((std::set<std::string>{"c.txt", "y.bin", "z.bin"}), Seen(kCarol));
 
-    ASSERT_EQ(0, Run(kAlice, {"allow", "x.bin", std::to_string(kCarol)})) << Err(kAlice);
-    EXPECT_EQ((std::set<std::string>{"x.bin", "y.bin"}), Seen(kCarol));
+    ASSERT_EQ(0, Run(kAlice, {"allow", "x.bin", "carol"})) << Err(kAlice);
+    EXPECT_EQ((std::set<std::string>{"c.txt", "x.bin", "y.bin", "z.bin"}), Seen(kCarol));
     ASSERT_EQ(0, Run(kAlice, {"deny", "x.bin", std::to_string(kBob)})) << Err(kAlice);
-    EXPECT_EQ((std::set<std::string>{"y.bin"}), Seen(kBob));
+    EXPECT_EQ((std::set<std::string>{"c.txt", "y.bin", "z.bin"}), Seen(kBob));
 
     EXPECT_EQ(1, Run(kBob, {"rm", "y.bin"})) << "only its creator removes it";
     EXPECT_NE(Err(kBob).find("not allowed"), std::string::npos) << Err(kBob);
     ASSERT_EQ(0, Run(kAlice, {"rm", "y.bin"})) << Err(kAlice);
-    EXPECT_EQ((std::set<std::string>{"x.bin"}), Seen(kCarol));
+    EXPECT_EQ((std::set<std::string>{"c.txt", "x.bin", "z.bin"}), Seen(kCarol));
 
     ASSERT_EQ(0, Run(kCarol, {"--json", "info", "x.bin"})) << Err(kCarol);
     const auto info = nlohmann::json::parse(Out(kCarol));
@@ -137,6 +210,10 @@ TEST_P(CliProcess, RightsAndRemovalChangeWhatTheOthersSee)
     EXPECT_EQ(100.0, info.at("server_percent"));
     EXPECT_EQ(false, info.at("public"));
     EXPECT_EQ((std::vector<uint32_t>{kCarol}), info.at("allowed").get<std::vector<uint32_t>>());
+    server.Stop();
+    const std::string sTrace = server.Trace();
+    EXPECT_EQ(sTrace.find("recv a PDU_CONF_FS_ADD_FILES_REQUEST"), sTrace.rfind("recv a PDU_CONF_FS_ADD_FILES_REQUEST"));
+    EXPECT_NE(sTrace.find("recv a PDU_CONF_FS_ADD_FILES_REQUEST"), std::string::npos) << sTrace;
 }
 
 TEST_P(CliProcess, SeveralFilesOfOneNameAreRefusedWithTheirNumbersAndANumberFetchesOne)
@@ -160,6 +237,23 @@ TEST_P(CliProcess, SeveralFilesOfOneNameAreRefusedWithTheirNumbersAndANumberFetc
         EXPECT_NE(sErr.find(std::to_string(nID)), std::string::npos) << sErr;
     ASSERT_EQ(0, Run(kBob, {"get", std::to_string(vecIDs[1]), "-o", "in"})) << Err(kBob);
     EXPECT_TRUE(ZV_SameFiles(At("two/d.txt"), At("in/d.txt")));
+}
+
+// A batch the server refuses (a user who may not share) comes back without
+// FileIDs, and each of its files is said refused.
+TEST_P(CliProcess, EachFileOfARefusedBatchIsSaidRefused)
+{
+    if (GetParam().bLogins)
+        GTEST_SKIP() << "the user who may not share has no secret";
+    constexpr uint32_t kNobody = 10004;
+    ZV_ServerUnderTest refusing(setup, At("srv2"), 1,
+                                "\n[[conference.user]]\nnumber = 10004\nname = \"nobody\"\nmay_share = false\n");
+    ASSERT_TRUE(refusing.Start());
+    for (const char* szName : {"p.bin", "q.bin"})
+        ZV_WriteRandomFile(At(szName), 100, (unsigned)szName[0]);
+    EXPECT_EQ(1, Run(kNobody, {"share", "p.bin", "q.bin"}, refusing.GetAddress()));
+    for (const char* szName : {"p.bin", "q.bin"})
+        EXPECT_NE(Err(kNobody).find(std::string("refused to take ") + szName), std::string::npos) << Err(kNobody);
 }
 
 TEST_P(CliProcess, AGetKilledHalfWayFinishesFromItsFileWhenRunAgain)
@@ -209,58 +303,86 @@ TEST_P(CliProcess, WhatCannotBeDoneIsSaidInOneLineWithItsExitCode)
 }
 
 // The shell on a pseudo-terminal, as a person at a terminal sees it: a
-// progress bar, a stop and a resume of the running download, and an event
-// of another user's share.
-TEST_P(CliProcess, TheShellShowsABarAStopAResumeAndAnotherUsersShare)
+// command and a file name completed, a progress bar, a stop and a resume of
+// the running download, an event of another user's share, a line called
+// back from the history, and the history kept for the next session.
+TEST_P(CliProcess, TheShellCompletesShowsABarStopsResumesAndKeepsItsHistory)
 {
     ASSERT_TRUE(server.Start());
     ZV_WriteRandomFile(At("a.bin"), 2 * kMiB, 9);
     ZV_WriteRandomFile(At("late.bin"), 100, 10);
     ASSERT_EQ(0, Run(kAlice, {"share", "a.bin"})) << Err(kAlice);
-    const std::string sConfig = Config(kBob, server.GetAddress());
-    int nTerminal = -1;
-    const pid_t nPid = forkpty(&nTerminal, nullptr, nullptr, nullptr);
-    ASSERT_GE(nPid, 0);
-    if (nPid == 0)
-    {
-        setenv("TERM", "xterm", 0);
-        if (chdir(sDir.c_str()) == 0)
-            execl(ROOMCRATE_CLIENT, ROOMCRATE_CLIENT, "--config", sConfig.c_str(), "--rate", "500000", "shell",
-                  (char*)nullptr);
-        _exit(127);
-    }
-    std::string sScreen;
-    auto Until = [&](const std::string& sWhat) {
-        return ZV_WaitFor([&] {
-            pollfd pfd{nTerminal, POLLIN, 0};
-            char ac[4096];
-            while (poll(&pfd, 1, 50) > 0)
-            {
-                const ssize_t n = read(nTerminal, ac, sizeof ac);
-                if (n <= 0)
-                    break;
-                sScreen.append(ac, (size_t)n);
-            }
-            return sScreen.find(sWhat) != std::string::npos;
-        });
-    };
-    auto Type = [&](const std::string& sLine) { return write(nTerminal, sLine.data(), sLine.size()) > 0; };
-    EXPECT_TRUE(Until("roomcrate> ")) << sScreen;
-    ASSERT_TRUE(Type("get a.bin -o in\n"));
-    EXPECT_TRUE(Until("a.bin [#")) << sScreen;
-    ASSERT_TRUE(Type("stop a.bin\n"));
-    EXPECT_TRUE(Until("stopped ")) << sScreen;
-    ASSERT_TRUE(Type("resume a.bin\n"));
-    EXPECT_TRUE(Until("resumed ")) << sScreen;
+    Terminal shell(sDir, {"--config", Config(kBob, server.GetAddress(), GetParam().bLogins), "--rate", "500000", "shell"});
+    ASSERT_GT(shell.nPid, 0);
+    EXPECT_TRUE(shell.Until("roomcrate> ")) << shell.sScreen;
+    ASSERT_TRUE(shell.Type("ge\t-o in a.\t\n"));
+    EXPECT_TRUE(shell.Until("a.bin [#")) << shell.sScreen;
+    ASSERT_TRUE(shell.Type("stop a.bin\n"));
+    EXPECT_TRUE(shell.Until("still arrive and are kept")) << shell.sScreen;
+    ASSERT_TRUE(shell.Type("resume a.bin\n"));
+    EXPECT_TRUE(shell.Until("resumed ")) << shell.sScreen;
     ASSERT_EQ(0, Run(kAlice, {"share", "late.bin"})) << Err(kAlice);
-    EXPECT_TRUE(Until("* new file: ")) << sScreen;
-    EXPECT_TRUE(Until("fetched ")) << sScreen;
-    ASSERT_TRUE(Type("quit\n"));
-    int nStatus = -1;
-    EXPECT_TRUE(ZV_WaitFor([&] { return waitpid(nPid, &nStatus, WNOHANG) == nPid; }));
-    EXPECT_TRUE(WIFEXITED(nStatus) && WEXITSTATUS(nStatus) == 0) << nStatus;
-    close(nTerminal);
+    EXPECT_TRUE(shell.Until("* new file: ")) << shell.sScreen;
+    EXPECT_TRUE(shell.Until("fetched ")) << shell.sScreen;
+    ASSERT_TRUE(shell.Type("info late.bin\n"));
+    EXPECT_TRUE(shell.Until("who may have it:")) << shell.sScreen;
+    ASSERT_TRUE(shell.Type("\x10\n"));  // Ctrl-P: the line before
+    EXPECT_TRUE(shell.Until("who may have it:", 2)) << shell.sScreen;
+    ASSERT_TRUE(shell.Type("quit\n"));
+    EXPECT_EQ(0, shell.Wait());
     EXPECT_TRUE(ZV_SameFiles(At("a.bin"), At("in/a.bin")));
+    // libedit's file writes a blank as \\040.
+    std::string sHistory = ZV_ReadText(At(".roomcrate_history"));
+    for (size_t nAt; (nAt = sHistory.find("\\040")) != std::string::npos;)
+        sHistory.replace(nAt, 4, " ");
+    EXPECT_NE(sHistory.find("\nget -o in a.bin"), std::string::npos) << sHistory;
+}
+
+// The secret typed at the prompt logs in, and the terminal never shows it.
+TEST_P(CliProcess, ASecretTypedAtThePromptIsNotEchoed)
+{
+    if (!GetParam().bLogins)
+        GTEST_SKIP() << "no logins";
+    ASSERT_TRUE(server.Start());
+    const std::string sConfig = Config(kBob, server.GetAddress());
+    std::string sToml = ZV_ReadText(sConfig);
+    sToml.erase(sToml.find("secret_file"), sToml.find('\n', sToml.find("secret_file")) - sToml.find("secret_file") + 1);
+    std::ofstream(sConfig) << sToml;
+    Terminal ls(sDir, {"--config", sConfig, "ls"});
+    ASSERT_TRUE(ls.Until("secret of bob: ")) << ls.sScreen;
+    ASSERT_TRUE(ls.Type(setup.Secret("bob") + "\n"));
+    EXPECT_EQ(0, ls.Wait()) << ls.sScreen;
+    EXPECT_NE(ls.sScreen.find("(no files)"), std::string::npos) << ls.sScreen;
+    EXPECT_EQ(ls.sScreen.find(setup.Secret("bob")), std::string::npos) << ls.sScreen;
+}
+
+// A link that drops is said once and dialled again, and the get goes on;
+// Ctrl-C while a share is not yet whole on the server warns that the upload
+// will end.
+TEST_P(CliProcess, ALostLinkIsRetriedOnceSaidAndCtrlCDuringAShareWarns)
+{
+    ASSERT_TRUE(server.Start());
+    ZV_WriteRandomFile(At("a.bin"), 2 * kMiB, 3);
+    ASSERT_EQ(0, Run(kAlice, {"share", "a.bin"})) << Err(kAlice);
+    ZV_TestProxy proxy(ZV_FreeLowPort(), server.GetPort());
+    auto lpBob = Start(kBob, {"--rate", "600000", "get", "a.bin", "-o", "in"}, proxy.GetAddress());
+    ASSERT_TRUE(ZV_WaitFor([&] { return ZV_FileSize(At("in/a.bin")) >= kMiB / 2; }));
+    proxy.Cut();
+    ASSERT_TRUE(ZV_WaitFor([&] { return Err(kBob).find("was lost") != std::string::npos; }));
+    proxy.Restore();
+    EXPECT_EQ(0, lpBob->Wait(std::chrono::seconds(60))) << Err(kBob);
+    EXPECT_TRUE(ZV_SameFiles(At("a.bin"), At("in/a.bin")));
+    const std::string sBobErr = Err(kBob);
+    EXPECT_EQ(sBobErr.find("was lost"), sBobErr.rfind("was lost")) << "said once\n" << sBobErr;
+    EXPECT_NE(Err(kBob).find("connected again"), std::string::npos) << Err(kBob);
+
+    ZV_WriteRandomFile(At("big.bin"), 32 * kMiB, 4);
+    auto lpAlice = Start(kAlice, {"share", "big.bin"}, proxy.GetAddress());
+    ASSERT_TRUE(ZV_WaitFor([&] { return Err(kAlice).find("roomcrate stays") != std::string::npos; }));
+    proxy.Cut();
+    lpAlice->Signal(SIGINT);
+    EXPECT_EQ(130, lpAlice->Wait()) << Err(kAlice);
+    EXPECT_NE(Err(kAlice).find("left before the server held the whole file"), std::string::npos) << Err(kAlice);
 }
 
 INSTANTIATE_TEST_SUITE_P(Modes, CliProcess, ::testing::Values(kNetClear, kNetSecure),

@@ -12,6 +12,8 @@
 
 #include <cstring>
 #include <fstream>
+#include <functional>
+#include <sstream>
 
 namespace {
 
@@ -39,15 +41,17 @@ struct Bytes
     }
 };
 
-// A brief record of a file's name, length and rights.
-Bytes Brief(const std::string& sName, std::vector<uint32_t> vecAllowed, bool bPublic)
+// A brief record of a file's folder (when given), name, length and rights.
+Bytes Brief(const std::string& sName, std::vector<uint32_t> vecAllowed, bool bPublic, const std::string& sFolder = {})
 {
     Bytes fields;
+    if (!sFolder.empty())
+        fields.Text(sFolder);
     fields.Text(sName).U32(1234).U8((uint8_t)vecAllowed.size());
     for (uint32_t ulUser : vecAllowed)
         fields.U32(ulUser).U32(0);
     fields.U8(bPublic ? 1 : 0);
-    return Bytes().Record(1 << 3 | 1 << 5 | 1 << 9 | 1 << 10, fields);
+    return Bytes().Record((sFolder.empty() ? 0 : 1 << 2) | 1 << 3 | 1 << 5 | 1 << 9 | 1 << 10, fields);
 }
 
 Bytes Head(uint16_t usEvent, uint32_t ulResult, uint16_t usFileID)
@@ -137,16 +141,20 @@ TEST(CliEvents, EachEventLeavesTheCatalogAsItsBytesSay)
     }
 }
 
-TEST(CliEvents, EveryCutOfAnEventIsReadWithoutRunningPastIt)
+TEST(CliEvents, ABatchSaysWhereEachFileCameFromAndNoCutOfItIsRead)
 {
-    const Bytes full =
-        Bytes().U16(3013).U32(0).U8(1).U16(7).U8(1) + Brief("a", {1, 2}, false) + Bytes().U8(1).F64(5);
+    const Bytes full = Bytes().U16(3013).U32(0).U8(1).U16(7).U8(2) + Brief("a", {1, 2}, false, "\\home\\al\\") +
+                       Brief("b", {}, true) + Bytes().U8(1).F64(5);
     for (size_t n = 0; n < full.vb.size(); ++n)
     {
         std::vector<uint8_t> vbCut(full.vb.begin(), full.vb.begin() + (long)n);
         EXPECT_FALSE(ZV_ReadCliEvent(3013, vbCut).bValid) << n;
     }
-    EXPECT_TRUE(ZV_ReadCliEvent(3013, full.vb).bValid);
+    const ZV_CliEvent ev = ZV_ReadCliEvent(3013, full.vb);
+    EXPECT_TRUE(ev.bValid);
+    // Where each file was shared from, which is how a batch's answer finds
+    // its adds.
+    EXPECT_EQ((std::vector<std::string>{"/home/al/a", "b"}), ev.vecPaths);
 }
 
 TEST(CliSettings, EachSettingComesFromTheFirstPlaceThatGivesIt)
@@ -250,6 +258,27 @@ TEST(CliFiles, AWordNamesOneFileOrIsRefusedWithTheNumbersOfAllItCouldMean)
     }
 }
 
+TEST(CliFiles, AWordNamesOneUserByNumberOrByANameNoOtherBears)
+{
+    const std::map<uint32_t, std::string> mapNames = {{10001, "alice"}, {10002, "bob"}, {20002, "bob"}, {10003, "carol"}};
+    struct Row
+    {
+        const char* szWord;
+        std::optional<uint32_t> oulUser;
+        std::vector<uint32_t> vecMatches;
+    } aRows[] = {
+        {"carol", 10003, {10003}},       {"bob", std::nullopt, {10002, 20002}}, {"10002", 10002, {}},
+        {"30001", 30001, {}},            {"dave", std::nullopt, {}},            {"Carol", std::nullopt, {}},
+        {"0", std::nullopt, {}},         {"4294967296", std::nullopt, {}},      {"", std::nullopt, {}},
+    };
+    for (const Row& row : aRows)
+    {
+        const ZV_CliUserMatch match = ZV_ResolveUser(row.szWord, mapNames);
+        EXPECT_EQ(row.oulUser, match.oulUser) << row.szWord;
+        EXPECT_EQ(row.vecMatches, match.vecMatches) << row.szWord;
+    }
+}
+
 TEST(CliFiles, AFetchedFileTakesTheFirstFreeNameBesideThoseThere)
 {
     QB_TempFolder tmp;
@@ -271,16 +300,15 @@ TEST(CliShell, ALineBecomesACommandOrIsRefusedWithAReason)
         bool bOk;
         std::string sVerb;
         std::vector<std::string> vecArgs;
-        std::vector<uint32_t> vecUsers;
+        std::vector<std::string> vecUsers;
         bool bPublic;
         std::string sOutDir;
     } aRows[] = {
-        {"share a.bin \"my notes.txt\" --to 10002 10003", true, "share", {"a.bin", "my notes.txt"}, {10002, 10003}, false, "."},
+        {"share a.bin \"my notes.txt\" --to 10002 carol", true, "share", {"a.bin", "my notes.txt"}, {"10002", "carol"}, false, "."},
         {"get 7 b.txt -o /tmp/in", true, "get", {"7", "b.txt"}, {}, false, "/tmp/in"},
-        {"allow a.bin 10002", true, "allow", {"a.bin"}, {10002}, false, "."},
+        {"allow a.bin bob 10003", true, "allow", {"a.bin"}, {"bob", "10003"}, false, "."},
         {"deny a.bin --public", true, "deny", {"a.bin"}, {}, true, "."},
         {"ls", true, "ls", {}, {}, false, "."},
-        {"allow a.bin bob", false, "", {}, {}, false, ""},
         {"allow a.bin", false, "", {}, {}, false, ""},
         {"stop a.bin b.bin", false, "", {}, {}, false, ""},
         {"get", false, "", {}, {}, false, ""},
@@ -301,9 +329,61 @@ TEST(CliShell, ALineBecomesACommandOrIsRefusedWithAReason)
     }
 }
 
-TEST(CliOutput, AProgressLineSaysHowFarHowFastAndHowLong)
+// What people read, to the column: the ls table (sizes for people, the
+// download's state, a creator by name or by number) and progress lines
+// (bar, percent, bytes, rate, time left), on a terminal redrawn in place.
+TEST(CliOutput, TablesAndBarsAreLaidOutInTheirColumns)
 {
-    EXPECT_EQ("a.bin [#####.....]  50% 5.0 MiB of 10.0 MiB, 1.0 MiB/s, 0:05 left",
-              ZV_CliProgressLine("a.bin", 5 << 20, 10 << 20, 1 << 20, 10));
-    EXPECT_EQ("b [..........]   0% 0 B of 1.0 KiB, 0 B/s, --:-- left", ZV_CliProgressLine("b", 0, 1024, 0, 10));
+    auto Ls = [](std::vector<ZV_CliFileInfo> vecFiles) {
+        std::ostringstream out, err;
+        ZV_CliOutput(out, err, false, false, false).Files(vecFiles);
+        return out.str();
+    };
+    ZV_CliFileInfo report{7, "report.pdf", 5 << 20, 10001, "alice", 100, true, {}, "downloading", 42.6};
+    ZV_CliFileInfo notes{12, "my notes.txt", 812, 10002, "", 37.5, false, {10001}, "-", 0};
+    const std::string kHead = "   ID        SIZE    HELD  MINE              SHARED BY         NAME\n";
+    const struct
+    {
+        const char* szName;
+        std::function<std::string()> fnRender;
+        std::string sExpected;
+    } aRows[] = {
+        {"ls: a download under way, a creator known by number",
+         [&] { return Ls({report, notes}); },
+         kHead + "    7     5.0 MiB    100%  downloading 42%   alice             report.pdf\n"
+                 "   12       812 B     38%  -                 10002             my notes.txt\n"},
+        {"ls of nothing", [&] { return Ls({}); }, kHead + "(no files)\n"},
+        {"half way at a MiB a second", [] { return ZV_CliProgressLine("a.bin", 5 << 20, 10 << 20, 1 << 20, 10); },
+         "a.bin [#####.....]  50% 5.0 MiB of 10.0 MiB, 1.0 MiB/s, 0:05 left"},
+        {"nothing yet, no rate", [] { return ZV_CliProgressLine("b", 0, 1024, 0, 10); },
+         "b [..........]   0% 0 B of 1.0 KiB, 0 B/s, --:-- left"},
+        {"an hour and more left", [] { return ZV_CliProgressLine("c", 0, 4000ull << 20, 1 << 20, 4); },
+         "c [....]   0% 0 B of 3.9 GiB, 1.0 MiB/s, 66:40 left"},
+        {"an empty file is whole", [] { return ZV_CliProgressLine("d", 0, 0, 0, 4); },
+         "d [####] 100% 0 B of 0 B, 0 B/s, --:-- left"},
+        {"two bars on a terminal, the first taken away and the second redrawn",
+         [] {
+             std::ostringstream out, err;
+             ZV_CliOutput output(out, err, false, false, true);
+             output.Progress("a", "a.bin", 0, 100);
+             output.Progress("b", "b.bin", 0, 100);
+             output.EndProgress("a");
+             return err.str();
+         },
+         "a.bin [........................]   0% 0 B of 100 B, 0 B/s, --:-- left\n"
+         "\x1b[1A\x1b[2K\r"
+         "a.bin [........................]   0% 0 B of 100 B, 0 B/s, --:-- left\n"
+         "b.bin [........................]   0% 0 B of 100 B, 0 B/s, --:-- left\n"
+         "\x1b[1A\x1b[2K\x1b[1A\x1b[2K\r"
+         "b.bin [........................]   0% 0 B of 100 B, 0 B/s, --:-- left\n"},
+        {"no bars where the output is no terminal",
+         [] {
+             std::ostringstream out, err;
+             ZV_CliOutput(out, err, false, false, false).Progress("a", "a.bin", 50, 100);
+             return err.str();
+         },
+         ""},
+    };
+    for (const auto& row : aRows)
+        EXPECT_EQ(row.sExpected, row.fnRender()) << row.szName;
 }
