@@ -164,11 +164,14 @@ void ZV_FileShareMgr::RemoveStoredFile(uint16_t usFileID, ZV_FileShareSession* l
         SendDelUploadResponse(zvConnNone, usFileID, zvResultOk, usFileID, lpUser, ulFloodSeq, true);
     const QB_StringW sPath = lpFsSession->GetConfDir() + QB_StringW(lpFsSession->FileInfo().m_sFileNewName);
     const bool bPlain = ZV_FileCatalog::IsPlainFileName(QB_StringA(lpFsSession->FileInfo().m_sFileNewName));
+    const QB_StringW sFolder = lpFsSession->GetConfDir();
     DetachSession(usFileID);
     // A session without a stored name would name the folder itself.
     // Tried once: a stored file that stays is no row's and goes to no one.
-    if (bPlain)
-        QB_FileEx::Delete(sPath);
+    // The folder is synced before the row goes: otherwise a crash could
+    // keep the file and lose the row, and the file would stay for good.
+    if (bPlain && QB_FileEx::Delete(sPath))
+        QB_GetEnv()->FlushFolder(std::u16string(sFolder.GetString(), (size_t)sFolder.GetLength()));
     m_Catalog.DeleteFile((uint16_t)m_lpConf->GetConfID(), usFileID);
 }
 
