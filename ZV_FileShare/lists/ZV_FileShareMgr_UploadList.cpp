@@ -180,13 +180,6 @@ void ZV_FileShareMgr::MergeListedFile(const ZV_FileUploadInfo& entry, uint32_t u
     if (!m_mapSession.Lookup(entry.m_usFileID, lpFsSession) || lpFsSession == nullptr ||
         !lpFsSession->BriefInfo().IsSameFile(entry.m_BriefInfo))
     {
-        // A file of the user's own that this client does not hold and the
-        // user no longer shares (its delete went while a server missed it)
-        // is refused as an add of it would be: nothing makes this client
-        // read the file again, nor tells its user the share stands.
-        if (lpFsSession == nullptr &&
-            IsUntrustedAdd(entry.m_BriefInfo, "ZV_FileShareMgr.HandleGetUploadSessionListResponse"))
-            return;
         std::unique_ptr<ZV_FileShareSession> lpNew = MakeSession();
         lpFsSession = lpNew.get();
         ReplaceSession(entry.m_usFileID, std::move(lpNew));

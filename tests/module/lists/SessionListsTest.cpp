@@ -426,20 +426,6 @@ TEST_F(SessionLists, AClientTellsEachUploadListWithItsOwnFilesAndHowMuchOfEachTh
     brief.SetFileLenth(4000);
     batch.arrInfo.Add(brief);
     EXPECT_EQ((Told{{8, 25.0}}), Deliver3013(PDU_CONF_FS_ADD_FILES_RESPONSE, ZV_SavePayload(batch)));
-
-    // A file of the user's own that the user no longer shares (its delete
-    // went while a server missed it) is neither held nor told.
-    ZV_UploadListResponse own;
-    own.user = node.host.m_LocalUser;
-    ZV_FileBriefInfo mine = Brief(true);
-    mine.SetCreatorID(node.host.m_LocalUser);
-    ZV_FileUploadInfo info;
-    info.SetFileID(9);
-    info.SetBriefInfo(mine);
-    own.arrInfo.Add(info);
-    own.arrMaxPos.Add(0);
-    EXPECT_EQ(Told{}, Deliver3013(PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE, ZV_SavePayload(own)));
-    EXPECT_EQ(nullptr, ZV_FileShareMgrPeer::Find(node.mgr, 9));
 }
 
 // A user who enters at this server is sent both lists on the command
