@@ -55,6 +55,7 @@ public:
     int GetFraction() const;  // ticks within the second, 0..9999
 
     bool operator==(const QB_DateTimeEx& dt) const { return m_Date == dt.m_Date && m_Time == dt.m_Time; }
+    bool operator<(const QB_DateTimeEx& dt) const { return m_Date != dt.m_Date ? m_Date < dt.m_Date : m_Time < dt.m_Time; }
     bool operator!=(const QB_DateTimeEx& dt) const { return !(*this == dt); }
 
     // Forgets the zone bias, so that the next SetFromTimeT asks the

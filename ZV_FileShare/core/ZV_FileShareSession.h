@@ -244,6 +244,9 @@ public:
     // Server: the download entry of a user, or null; a new or changed one;
     // one that goes; one that rests until its downloader asks again.
     const ZV_FileDownloadInfo* FindDownloadEntry(const QB_UserID& user) const { return m_mapDownload.Find(user); }
+    // True when a linked server's download record is of another file than
+    // the one this session holds under the same FileID.
+    bool NamesOtherFile(const ZV_FileDownloadInfo& record) const;
     void SetDownloadInfo(const QB_UserID& user, const ZV_FileDownloadInfo& info);
     void RemoveDownloadInfo(const QB_UserID& user);
     void RestDownloader(const QB_UserID& user);

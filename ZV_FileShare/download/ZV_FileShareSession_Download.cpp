@@ -207,6 +207,8 @@ uint32_t ZV_FileShareSession::HandleDownloadDataRequest(ConfPduData* lpCpd)
     // the entry ready.
     if (ZV_IsServerLink(lpCpd->conn_type))
     {
+        if (NamesOtherFile(record))
+            return 0;
         *pEntry = record;
         pEntry->SetUserID(user);
         pEntry->SetActive(true);
@@ -242,6 +244,17 @@ ZV_FileDownloadInfo* ZV_FileShareSession::ReadmitDownloader(const ZV_DownloadDat
     again.ulPos = record.m_ulDownloadPos;
     m_mapDownload[ask.user] = MakeDownloadEntry(*this, again);
     return m_mapDownload.Find(ask.user);
+}
+
+// A FileID freed and given out again while two servers were apart names
+// two files until their lists meet. A record of the other one, a position
+// or a neighbour's entry, must not set this file's pump going: it would
+// push this file's bytes into the neighbour's store of the other.
+bool ZV_FileShareSession::NamesOtherFile(const ZV_FileDownloadInfo& record) const
+{
+    const ZV_FileBriefInfo& brief = m_FileInfo.m_BriefInfo;
+    return ((record.m_ullMask & ZV_DOWNLOAD_FILE_FULL_NAME) && record.m_sFileFullName != brief.m_sFileOldName) ||
+           ((record.m_ullMask & ZV_DOWNLOAD_SHARE_TIME) && record.m_dtShareTime != brief.m_dtShareTime);
 }
 
 // Other servers keep their copy of the entry in step with a stop or a go.

@@ -58,6 +58,11 @@ void ZV_FileShareSession::ApplyDownloadAnswer(const ConfPduData* lpCpd, ZV_Downl
     const bool bRelay = Conf()->IsServerMode();
     if (ulResult == zvResultOk && !bRelay && CheckDownloadAnswer(usFileID, record) != zvResultOk)
         return;
+    // A neighbour that answers with an entry of another file under this
+    // FileID would fill this store with that file's bytes, and end it at
+    // that file's length.
+    if (ulResult == zvResultOk && bRelay && NamesOtherFile(record))
+        return;
     m_bDownloadFailed = false;
     // A new path means a new file: what an earlier download left open
     // belongs to the old path.

@@ -262,14 +262,18 @@ bool ZV_FileShareMgr::ApplyListedFile(const ConfPduData* lpCpd, const ZV_FileLis
 // Two files under one FileID: the number was freed and given out anew
 // while one of the two servers was away. The later file is the one the
 // number names: one deleted here is not the later, nor is one of another
-// server's numbers when this server's range gave out its own. Otherwise the
-// peer's is the later one, and the file held here goes as a deleted one
-// goes; true says so.
+// server's numbers when this server's range gave out its own, nor one
+// shared before the file held here. Otherwise the peer's is the later one,
+// and the file held here goes as a deleted one goes; true says so. Two
+// servers that meet with neither range's file must both keep the one
+// shared later: were each to take the peer's, they would swap, and each
+// would fetch its file from a neighbour that holds the other.
 bool ZV_FileShareMgr::TakeOverFileID(ZV_FileShareSession* lpFsSession, const ZV_FileUploadInfo& entry)
 {
     const uint16_t usFileID = entry.m_usFileID;
     if (WasDeleted(entry.m_BriefInfo) ||
-        (usFileID >= m_lpConf->GetFileIDMin() && usFileID <= m_lpConf->GetFileIDMax()))
+        (usFileID >= m_lpConf->GetFileIDMin() && usFileID <= m_lpConf->GetFileIDMax()) ||
+        entry.m_BriefInfo.m_dtShareTime < lpFsSession->FileInfo().m_BriefInfo.m_dtShareTime)
         return false;
     const QB_UserID creator = lpFsSession->FileInfo().m_BriefInfo.m_CreatorID;
     RemoveStoredFile(usFileID, lpFsSession, &creator, m_lpConf->NewFloodSeq(&creator, 0));
@@ -331,7 +335,9 @@ void ZV_FileShareMgr::EnterListedDownloads(const QB_Array<ZV_FileDownloadInfo>& 
         for (int i : it->second)
         {
             ZV_FileDownloadInfo record = arrDownload[i];
-            if (lpFsSession->FindDownloadEntry(record.m_UserID) != nullptr)
+            // A record of another file under the FileID is no download of
+            // this one: its user would be handed this file in its place.
+            if (lpFsSession->FindDownloadEntry(record.m_UserID) != nullptr || lpFsSession->NamesOtherFile(record))
                 continue;
             record.SetActive(false);
             lpFsSession->SetDownloadInfo(record.m_UserID, record);

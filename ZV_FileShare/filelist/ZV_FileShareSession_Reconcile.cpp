@@ -82,6 +82,10 @@ uint32_t ZV_FileShareSession::CompareStoredFile(const QB_StringW& sFolder, const
     else if (ulLength > ulPos)
         brief.SetFileState(row.m_BriefInfo.m_usFileState);
     m_FileInfo.SetFileWritePos(ulLength);
+    // Bytes held here exist at the source, however little the peer knew:
+    // the lists this server gives its clients say so, and a creator whose
+    // file is whole here does not wait to upload it again.
+    RaiseMaxPos(std::min(ulLength, brief.m_ulFileLenth));
     return zvResultOk;
 }
 
@@ -95,7 +99,15 @@ uint32_t ZV_FileShareSession::NameNewStoredFile(const QB_StringW& sFolder, const
     QB_StringW sName;
     MakeUniqueFileName(sFolder, MakeStoredFileName(sFolder, QB_StringW(brief.m_sFileOldName)), sName);
     m_FileInfo.SetFileNewName(sName);
-    return MakeDirs(sFolder) ? zvResultOk : zvResultCannotOpen;
+    if (!MakeDirs(sFolder))
+        return zvResultCannotOpen;
+    // The name is taken at once, as an add takes it, empty until the fetch
+    // writes: another file of the same name in this list must not get it
+    // too, and the row never names a file that is not there.
+    QB_FileEx stored;
+    if (stored.Open(sFolder + sName, kOpenStored))
+        stored.Close();
+    return zvResultOk;
 }
 
 bool ZV_FileShareSession::MarkSynced()

@@ -39,6 +39,10 @@ struct ZV_SimOptions
     // nodes run with ROOMCRATE_HOME unset.
     std::string sRoot;
     uint32_t ulStartTick = 1000000;
+    // The wall clock at the start, in seconds since 1970, UTC; it moves with
+    // the simulated time, so that the times files are shared at, and all
+    // that compares them, are the same in every run of a conference.
+    int64_t llStartTime = 1764115200;
     // The host calls OnTimer on every node this often; 0 never.
     uint32_t ulTimerPeriod = 100;
     // PDUs one node may have queued and undelivered on one connection before

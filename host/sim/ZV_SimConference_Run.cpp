@@ -85,6 +85,7 @@ void ZV_SimConference::SetElapsed(uint64_t ullElapsed)
 {
     m_ullElapsed = ullElapsed;
     m_env.SetTick(GetTick());
+    m_env.SetTimeT(m_options.llStartTime + (int64_t)(m_ullElapsed / 1000));
     m_journal.SetTick(GetTick());
 }
 

@@ -13,7 +13,8 @@
 // - a file deleted by its creator is held by no node and comes back nowhere;
 // - nothing was written outside a storage folder or a path a user asked to
 //   download to;
-// - no client is left busy.
+// - no client is left busy, but a downloader of a file whose upload never
+//   began and that was deleted, or that its creator's server dropped;
 // - every user side was told only of files its user may have, and once the
 //   conference has settled what it was told is what its server holds for
 //   that user (ZV_UserView).
@@ -113,6 +114,7 @@ private:
     void CheckDeletes();
     void CheckWrites();
     void CheckIdle();
+    bool IsWaitingForAnUpload(const Client& client, uint16_t usFileID);
     void CheckFlags();
     void CheckViews();
     void StepHostilePdu();

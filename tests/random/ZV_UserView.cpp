@@ -61,6 +61,7 @@ void ZV_UserView::Learn(uint16_t usFileID, const std::string& sName, uint32_t ul
     told.sName = sName;
     told.ulLength = ulLength;
     told.usState = usState;
+    told.usByEvent = m_usEvent;
 }
 
 void ZV_UserView::OnEvent(uint16_t usEvent, const std::vector<uint8_t>& vbData)

@@ -31,6 +31,8 @@ struct ZV_ToldFile
     std::string sName;
     uint32_t ulLength = 0;
     uint16_t usState = 0;
+    // The event that told the state last.
+    uint16_t usByEvent = 0;
     // The events that made this, for a problem's line.
     std::string sHistory;
 };

@@ -505,6 +505,54 @@ TEST_F(Download, RelayWritesIntoItsOwnStoreWhateverPathTheRecordNames)
     EXPECT_TRUE(host.m_vecEvents.empty()) << "a server has no user side";
 }
 
+// A FileID freed and given out again while two servers were apart names
+// another file at each until their lists meet. A linked server's record of
+// the other file moves nothing: stating its position (8012) it does not set
+// this file's pump going into the neighbour's store, and answering this
+// relay's request (8015) it neither fills this store nor ends it at the
+// other file's length.
+TEST_F(Download, ALinkedServersRecordOfAnotherFileUnderTheFileIDMovesNothing)
+{
+    const QB_UserID self(1, 0), peer(2, 0);
+    QB_DateTimeEx dtOther;
+    dtOther.SetFromTimeT(1300260108);
+    struct { const char* szName; const char* pszName; bool bOtherTime; bool bMoves; } aCases[] = {
+        {"this file", "song.ogg", false, true},
+        {"another name", "other.ogg", false, false},
+        {"another share time", "song.ogg", true, false}};
+    for (const auto& c : aCases)
+    {
+        ZV_FileDownloadInfo record = Target(QB_StringW(u"C:\\d"), 98305, 1000);
+        record.SetFileFullName(QB_StringU8(c.pszName));
+        if (c.bOtherTime)
+            record.SetShareTime(dtOther);
+
+        ZV_FileShareSession& session = AddStoredFile(98305);
+        host.m_setLinkedServer = {peer.m_ulMain};
+        ZV_FileDownloadInfo resting;
+        resting.SetUserID(peer);
+        ZV_FileShareSessionPeer::Downloads(session)[peer] = resting;
+        host.m_vecSent.clear();
+        record.SetUserID(peer);
+        Deliver(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST, Pdu().U16(5).User(peer).Record(record).b, zvConfServerTypeCommand,
+                20, peer);
+        const ZV_FileDownloadInfo* pEntry = session.FindDownloadEntry(peer);
+        ASSERT_NE(nullptr, pEntry) << c.szName;
+        EXPECT_EQ(c.bMoves, pEntry->m_bActive) << c.szName;
+        EXPECT_EQ(c.bMoves ? 1000u : 0u, pEntry->m_ulDownloadPos) << c.szName;
+        EXPECT_EQ(c.bMoves ? 1u : 0u, host.SentOf(257).size()) << c.szName << ": the kick";
+
+        ZV_FileShareSession& relay = AddStoredFile(0);
+        ZV_FileShareSessionPeer::ServerFile(relay).Close();
+        host.m_vecSent.clear();
+        record.SetUserID(self);
+        Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, Answer(record, 0, self), zvConfServerTypeCommand, 20, peer);
+        EXPECT_EQ(c.bMoves ? 1u : 0u, host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST).size()) << c.szName;
+        EXPECT_EQ(c.bMoves ? zvDownloadStateRunning : zvDownloadStateNew,
+                  ZV_FileShareSessionPeer::LocalDownload(relay).m_usState) << c.szName;
+    }
+}
+
 // A stored name that would lead out of the store folder opens nothing, and
 // the relay asks for no blocks.
 TEST_F(Download, RelayWhoseStoredNameLeavesItsFolderAsksForNothing)

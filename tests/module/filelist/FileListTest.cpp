@@ -241,39 +241,72 @@ TEST_F(FileList, AnnouncesNewFilesToItsClientsAndThoseItCannotStoreInASeriesOfTh
     EXPECT_EQ(1u, node.host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size()) << "no fetch for the file not stored";
 }
 
-// A new file never takes the name of one already in the store, and a FileID
-// the catalogue holds for another file loses the old bytes before the new
-// ones are fetched.
+// A new file never takes the name of one already in the store, nor that of
+// another new file of the list, and a FileID the catalogue holds for
+// another file loses the old bytes before the new ones are fetched.
 TEST_F(FileList, KeepsEachStoredFileApartFromTheFilesAPeerLists)
 {
     std::filesystem::create_directories(node.tmp.Sub("store/7"));
     QB_WriteWholeFile(node.tmp.Sub("store/7/new.bin"), "not the peer's");
     ASSERT_TRUE(ZV_FileShareMgrPeer::Catalog(node.mgr).SaveFile(7, PeerFile(1004, "old.bin", 8000, 8000, 3)));
     QB_WriteWholeFile(node.tmp.Sub("store/7/old.bin"), ZV_TestBytes(8000, 4));
-    Take(Whole({PeerFile(1003, "new.bin", 5000, 5000, 3), PeerFile(1004, "old.bin", 5000, 5000, 3)}));
+    Take(Whole({PeerFile(1003, "new.bin", 5000, 5000, 3), PeerFile(1004, "old.bin", 5000, 5000, 3),
+                PeerFile(1006, "new.bin", 7000, 7000, 3)}));
     const Bytes vbMine = QB_ReadWholeFile(node.tmp.Sub("store/7/new.bin"));
     EXPECT_EQ("not the peer's", std::string(vbMine.begin(), vbMine.end()));
     ZV_FileUploadInfo row;
     QB_StringW sSection;
     ASSERT_TRUE(ZV_FileShareMgrPeer::Catalog(node.mgr).LoadFile(7, 1003, row, sSection));
     EXPECT_EQ(QB_StringU8("new(1).bin"), row.m_sFileNewName);
+    ASSERT_TRUE(ZV_FileShareMgrPeer::Catalog(node.mgr).LoadFile(7, 1006, row, sSection));
+    EXPECT_EQ(QB_StringU8("new(2).bin"), row.m_sFileNewName);
+    EXPECT_TRUE(std::filesystem::exists(node.tmp.Sub("store/7/new(2).bin"))) << "taken before its bytes come";
     EXPECT_FALSE(std::filesystem::exists(node.tmp.Sub("store/7/old.bin")));
-    EXPECT_EQ(2u, node.host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size());
+    EXPECT_EQ(3u, node.host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size());
 
     // The same file under another stored name at the peer keeps this
-    // server's name.
+    // server's name; its bytes here exist at the source, whatever little
+    // the peer knew of.
     ZV_FileUploadInfo kept = PeerFile(1005, "song.bin", 5000, 5000, 3);
     kept.SetFileNewName(QB_StringU8("song(2).bin"));
     ASSERT_TRUE(ZV_FileShareMgrPeer::Catalog(node.mgr).SaveFile(7, kept));
     QB_WriteWholeFile(node.tmp.Sub("store/7/song(2).bin"), ZV_TestBytes(5000, 5));
-    Take(Whole({PeerFile(1005, "song.bin", 5000, 5000, 3)}));
+    Take(Whole({PeerFile(1005, "song.bin", 5000, 0, 3)}));
     ASSERT_TRUE(ZV_FileShareMgrPeer::Catalog(node.mgr).LoadFile(7, 1005, row, sSection));
     EXPECT_EQ(QB_StringU8("song(2).bin"), row.m_sFileNewName);
     EXPECT_TRUE(node.host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).empty()) << "the stored file is whole";
+    EXPECT_EQ(5000u, Session(1005)->MaxPos());
 }
 
-// A record of a downloader this server already lists changes nothing; a
-// new one is entered resting.
+// A FileID of another server's range names two files at two servers that
+// missed each other's news: each keeps the one shared later, so that two
+// such servers never swap their files.
+TEST_F(FileList, ANumberOfAnotherRangeNamesTheFileSharedLaterOnBothSides)
+{
+    struct { const char* szName; uint16_t usFileID; int64_t llHeld; int64_t llListed; const char* pszKept; } aCases[] = {
+        {"the listed file is later", 2001, 1300000000, 1300000060, "listed.bin"},
+        {"the held file is later", 2002, 1300000060, 1300000000, "held.bin"}};
+    for (const auto& c : aCases)
+    {
+        auto fnFile = [&](const char* pszName, int64_t llShared) {
+            ZV_FileUploadInfo info = PeerFile(c.usFileID, pszName, 100, 100, 3);
+            ZV_FileBriefInfo brief = info.m_BriefInfo;
+            QB_DateTimeEx dtShared;
+            dtShared.SetFromTimeT(llShared);
+            brief.SetShareTime(dtShared);
+            info.SetBriefInfo(brief);
+            return info;
+        };
+        Take(Whole({fnFile("held.bin", c.llHeld)}));
+        Take(Whole({fnFile("listed.bin", c.llListed)}));
+        ASSERT_NE(nullptr, Session(c.usFileID)) << c.szName;
+        EXPECT_EQ(std::string(c.pszKept), Session(c.usFileID)->FileInfo().m_BriefInfo.m_sFileOldName.GetString())
+            << c.szName;
+    }
+}
+
+// A record of a downloader this server already lists changes nothing, nor
+// does one of another file under the FileID; a new one is entered resting.
 TEST_F(FileList, TakesOnlyTheRecordsOfDownloadersItDidNotKnow)
 {
     Take(Whole({PeerFile(1001, "whole.bin", 5000, 5000, 3)}));
@@ -286,6 +319,11 @@ TEST_F(FileList, TakesOnlyTheRecordsOfDownloadersItDidNotKnow)
     record.SetDownloadPos(1000);
     record.SetActive(true);
     records.arrDownload.Add(record);
+    // Carol's record is of another file the peer holds under the FileID.
+    ZV_FileDownloadInfo other = record;
+    other.SetUserID(QB_UserID(20003, 0));
+    other.SetFileFullName(QB_StringU8("other.bin"));
+    records.arrDownload.Add(other);
     node.host.AddUser(kBob, kSelf.m_ulMain, "Bob");
     node.host.m_mapUserConn[{kBob.m_ulMain, kBob.m_ulSub}] = 77;
     Take(records);
@@ -293,6 +331,7 @@ TEST_F(FileList, TakesOnlyTheRecordsOfDownloadersItDidNotKnow)
     ASSERT_NE(nullptr, pEntry);
     EXPECT_EQ(1000u, pEntry->m_ulDownloadPos);
     EXPECT_FALSE(pEntry->m_bActive);
+    EXPECT_EQ(nullptr, Session(1001)->FindDownloadEntry(QB_UserID(20003, 0)));
     // Bob, homed here, hears of it in a download list of that one record.
     const auto vecTold = node.host.SentOf(PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE);
     ASSERT_EQ(1u, vecTold.size());
