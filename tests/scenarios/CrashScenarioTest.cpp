@@ -7,7 +7,6 @@
 #include "ZV_SceneFixture.h"
 
 #include "core/ZV_FileShareSession.h"
-#include "wire/ZV_PduFrame.h"
 
 
 #include <algorithm>
@@ -171,12 +170,7 @@ void Add(CrashScene& s)
 {
     s.Fs(s.Alice())->FsAdd(ZV_Wide(s.tmp.Sub("alice/crash.bin")).c_str(), nullptr, 0, 1, 1);
     s.Settle();
-    const auto vecAdded = s.Events(s.Alice(), zvFsEventFileAdded);
-    if (vecAdded.empty())
-        return;
-    QB_ByteStream stream(vecAdded.back().vbData.data(), (int32_t)vecAdded.back().vbData.size());
-    stream.Skip(6);
-    s.usFileID = stream.ReadU16();
+    s.usFileID = s.AddedFileID(s.Alice(), 0);
 }
 
 const CrashRoad kRoads[] = {
@@ -214,7 +208,10 @@ std::unique_ptr<CrashScene> Begin(const CrashRoad& road)
     EXPECT_TRUE(lpScene->sim.RestartServer(lpServer) && lpScene->sim.Run()) << lpScene->sim.GetError();
     road.fnPrepare(*lpScene);
     if (lpScene->usFileID != 0xFFFF)
-        lpScene->lpShared = std::make_unique<ZV_FileBriefInfo>(ZV_FileShareMgrPeer::Find(*CrashScene::Manager(lpScene->Alice()), lpScene->usFileID)->BriefInfo());
+    {
+        const ZV_FileShareSession* lpShared = ZV_FileShareMgrPeer::Find(*CrashScene::Manager(lpScene->Alice()), lpScene->usFileID);
+        lpScene->lpShared = std::make_unique<ZV_FileBriefInfo>(lpShared->BriefInfo());
+    }
     lpScene->sim.GetEnv().TrackDurability();
     lpScene->sim.GetEnv().ResetCounts();
     return lpScene;
@@ -227,18 +224,7 @@ void PrintTo(const CrashRoad& road, std::ostream* lpOut)
 
 class CrashSweep : public ::testing::TestWithParam<CrashRoad>
 {
-protected:
-    void SetUp() override
-    {
-        m_lpTrace = std::fopen("/dev/null", "w");
-        ZV_SetTraceStream(m_lpTrace);
-    }
-    void TearDown() override
-    {
-        ZV_SetTraceStream(nullptr);
-        std::fclose(m_lpTrace);
-    }
-    std::FILE* m_lpTrace = nullptr;
+    ZV_QuietTrace m_quiet;
 };
 
 TEST_P(CrashSweep, ACrashAtEveryStepLosesNoSavedRowAndTheRoadFinishesAfterTheRestart)

@@ -345,19 +345,7 @@ void PrintTo(const Road& road, std::ostream* lpOut)
 
 class FaultSweep : public ::testing::TestWithParam<Road>
 {
-protected:
-    // The trace of thousands of conferences says nothing here.
-    void SetUp() override
-    {
-        m_lpTrace = std::fopen("/dev/null", "w");
-        ZV_SetTraceStream(m_lpTrace);
-    }
-    void TearDown() override
-    {
-        ZV_SetTraceStream(nullptr);
-        std::fclose(m_lpTrace);
-    }
-    std::FILE* m_lpTrace = nullptr;
+    ZV_QuietTrace m_quiet;
 };
 
 TEST_P(FaultSweep, EveryFileOperationFailingInTurnIsToldKeepsSavedRowsAndTheRetryFinishes)

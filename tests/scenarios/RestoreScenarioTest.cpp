@@ -27,12 +27,7 @@ struct RestoreScene : ZV_Scene
         const size_t nBefore = Events(Alice(), zvFsEventFileAdded).size();
         EXPECT_EQ(0u, Fs(Alice())->FsAdd(ZV_Wide(tmp.Sub("alice/" + sName)).c_str(), &Bob()->GetUserID(), 1, 0, 1));
         EXPECT_TRUE(sim.Run()) << sim.GetError();
-        const auto vecAdded = Events(Alice(), zvFsEventFileAdded);
-        if (vecAdded.size() == nBefore)
-            return 0xFFFF;
-        QB_ByteStream stream(vecAdded.back().vbData.data(), (int32_t)vecAdded.back().vbData.size());
-        stream.Skip(6);
-        return stream.ReadU16();
+        return AddedFileID(Alice(), nBefore);
     }
     void Restart(bool bRestore)
     {

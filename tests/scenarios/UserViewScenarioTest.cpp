@@ -21,12 +21,7 @@ struct ViewScene : public ZV_Scene
         EXPECT_EQ(0u, Fs(Alice())->FsAdd(ZV_Wide(tmp.Sub("alice/" + sName)).c_str(), nullptr, 0, bPublic ? 1 : 0,
                                          bStart ? 1 : 0));
         EXPECT_TRUE(sim.Run()) << sim.GetError();
-        const auto vecAdded = Events(Alice(), zvFsEventFileAdded);
-        if (vecAdded.size() == nBefore)
-            return 0xFFFF;
-        QB_ByteStream stream(vecAdded.back().vbData.data(), (int32_t)vecAdded.back().vbData.size());
-        stream.Skip(6);
-        return stream.ReadU16();
+        return AddedFileID(Alice(), nBefore);
     }
     // Events of the node that name the FileID right behind their result
     // (all but 3011, 3012 and 3013).
