@@ -317,3 +317,17 @@ TEST(IniFile, CarriesNarrowTextThroughTheAnsiCodePage)
     EXPECT_EQ(QB_ToHex(vbFile), QB_ToHex(Utf16(u"[s]\r\nk=\u20AC\u00E9\r\nw=\u4E2D\r\n")));
 }
 
+// No line end in ten megabytes, of a key and of junk before any section.
+TEST(IniFile, TakesATenMegabyteLineWithoutLineEnds)
+{
+    QB_TempFolder folder;
+    const size_t nLine = 10u << 20;
+    QB_WriteWholeFile(folder.Sub("k.ini"), "[s]\r\nkey=" + std::string(nLine, 'v'));
+    QB_IniFileEx ini;
+    ASSERT_TRUE(ini.Open(QB_StringA(folder.Sub("k.ini").c_str()), false));
+    EXPECT_EQ(ini.GetString(u"s", u"key", u"").GetLength(), (int)nLine);
+    QB_WriteWholeFile(folder.Sub("j.ini"), std::string(nLine, 'x'));
+    QB_IniFileEx junk;
+    ASSERT_TRUE(junk.Open(QB_StringA(folder.Sub("j.ini").c_str()), false));
+    EXPECT_TRUE(SectionNames(junk).empty());
+}

@@ -23,6 +23,7 @@ const WordsCase kWords[] = {
     {90001, 15, 2, "9000115"},
     {90001, 5, 0, "Invalid ID"},
     {92000, 10, 2, "9200010"},
+    {92000, 9, 0, "Invalid ID"},
     {90755, 20000, 2, "9075520000"},
     {60000000, 8000000, 2, "600000008000000"},
     {600000000, 0, 0, "Invalid ID"},
@@ -48,6 +49,7 @@ const TextCase kTexts[] = {
     {"900010015", 2, 90001, 15},      // zeros in front of a sub-number count as digits
     {"900011", 0, 0, 0},              // a sub-number of one digit
     {"81234", 1, 81234, 0},           // shorter than its group number
+    {"1234", 0, 0, 0},                // four digits name nobody
     {"12345x", 0, 0, 0},
     {"", 0, 0, 0},
     {nullptr, 0, 0, 0},

@@ -18,37 +18,30 @@ Bytes Of(const std::array<uint8_t, N>& ab)
     return Bytes(ab.begin(), ab.end());
 }
 
+// Writes the value, checks its bytes, reads them and writes what was read.
+template <typename T, typename W, typename R>
+void ExpectRoundTrip(const T& value, const Bytes& vbForm, W fnWrite, R fnRead)
+{
+    EXPECT_EQ(Of(fnWrite(value)), vbForm);
+    T read{};
+    ASSERT_EQ(fnRead(vbForm.data(), read), ZV_NetFault::None);
+    EXPECT_EQ(Of(fnWrite(read)), vbForm);
+}
+
 }  // namespace
 
 TEST(NetWire, WritesEachOpeningAndFrameHeadAsTheProtocolPageShowsAndReadsThemBack)
 {
-    const ZV_NetHello hello{2, zvConfClientTypeData, 100, 10001};
-    const Bytes vbHello = {'R', 'C', 'R', 'T', 0x02, 0x00, 0x04, 0x00, 0x64, 0x00, 0x00, 0x00, 0x11, 0x27, 0x00, 0x00};
-    EXPECT_EQ(Of(ZV_WriteHello(hello)), vbHello);
-    ZV_NetHello helloRead;
-    ASSERT_EQ(ZV_ReadHello(vbHello.data(), helloRead), ZV_NetFault::None);
-    EXPECT_EQ(Of(ZV_WriteHello(helloRead)), vbHello);
-
-    const ZV_NetWelcome welcome{2, zvNetAccepted, 2, 1001, 2000, 1, 44};
-    const Bytes vbWelcome = {'R',  'C',  'R',  'T',  0x02, 0x00, 0x00, 0x00, 0x02, 0x00,
-                             0x00, 0x00, 0xE9, 0x03, 0xD0, 0x07, 0x01, 0x00, 0x2C, 0x00};
-    EXPECT_EQ(Of(ZV_WriteWelcome(welcome)), vbWelcome);
-    ZV_NetWelcome welcomeRead;
-    ASSERT_EQ(ZV_ReadWelcome(vbWelcome.data(), welcomeRead), ZV_NetFault::None);
-    EXPECT_EQ(Of(ZV_WriteWelcome(welcomeRead)), vbWelcome);
-
-    const Bytes vbLogin = {0x0D, 0x2A, 0x00};
-    EXPECT_EQ(Of(ZV_WriteLoginHead({13, 42})), vbLogin);
-    ZV_NetLoginHead loginRead;
-    ASSERT_EQ(ZV_ReadLoginHead(vbLogin.data(), loginRead), ZV_NetFault::None);
-    EXPECT_EQ(Of(ZV_WriteLoginHead(loginRead)), vbLogin);
-
-    const ZV_NetFrameHead head{100, 8005, 1, 0, 32782};
-    const Bytes vbHead = {0x64, 0x00, 0x45, 0x1F, 0x01, 0x00, 0x0E, 0x80, 0x00, 0x00};
-    EXPECT_EQ(Of(ZV_WriteFrameHead(head)), vbHead);
-    ZV_NetFrameHead headRead;
-    ASSERT_EQ(ZV_ReadFrameHead(vbHead.data(), headRead), ZV_NetFault::None);
-    EXPECT_EQ(Of(ZV_WriteFrameHead(headRead)), vbHead);
+    ExpectRoundTrip(ZV_NetHello{2, zvConfClientTypeData, 100, 10001},
+                    {'R', 'C', 'R', 'T', 0x02, 0x00, 0x04, 0x00, 0x64, 0x00, 0x00, 0x00, 0x11, 0x27, 0x00, 0x00},
+                    ZV_WriteHello, ZV_ReadHello);
+    ExpectRoundTrip(ZV_NetWelcome{2, zvNetAccepted, 2, 1001, 2000, 1, 44},
+                    {'R', 'C', 'R', 'T', 0x02, 0x00, 0x00, 0x00, 0x02, 0x00, 0x00, 0x00, 0xE9, 0x03, 0xD0, 0x07,
+                     0x01, 0x00, 0x2C, 0x00},
+                    ZV_WriteWelcome, ZV_ReadWelcome);
+    ExpectRoundTrip(ZV_NetLoginHead{13, 42}, {0x0D, 0x2A, 0x00}, ZV_WriteLoginHead, ZV_ReadLoginHead);
+    ExpectRoundTrip(ZV_NetFrameHead{100, 8005, 1, 0, 32782}, {0x64, 0x00, 0x45, 0x1F, 0x01, 0x00, 0x0E, 0x80, 0x00, 0x00},
+                    ZV_WriteFrameHead, ZV_ReadFrameHead);
 }
 
 TEST(NetWire, RefusesWhatNoPeerOfThisVersionSends)

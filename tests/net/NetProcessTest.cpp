@@ -62,15 +62,66 @@ double FirstProgress(const std::string& sOut)
 
 }  // namespace
 
-TEST_P(NetProcess, TwoClientsOfOneServerShareAndFetchAFileByteForByte)
+// The server stopped and started again under a download shows its files,
+// and its clients go on; a second login of a user takes the place of the
+// first.
+TEST_P(NetProcess, ClientsShareAndFetchByteForByteThroughARestartAndASecondLogin)
+{
+    ZV_ServerUnderTest server(setup, At("srv1"), 1);
+    ASSERT_TRUE(server.Start(true));
+    AliceShares(server.GetAddress(), "a.bin", 2 * kMiB + 123);
+    auto lpBob = StartClient("bob", kBob, server.GetAddress(), {"get", "a.bin", "b.bin"}, kSlow);
+    ASSERT_TRUE(PartWay("b.bin", kMiB / 2));
+    ASSERT_EQ(0, server.Stop()) << "SIGTERM is a clean exit";
+    ASSERT_TRUE(server.Start());
+    EXPECT_EQ(0, lpBob->Wait());
+    EXPECT_TRUE(ZV_SameFiles(At("a.bin"), At("b.bin")));
+    EXPECT_EQ(0, RunClient("carol", kCarol, server.GetAddress(), {"get", "a.bin", "c.bin"}));
+    EXPECT_TRUE(ZV_SameFiles(At("a.bin"), At("c.bin")));
+
+    auto Count = [&](const std::string& sWhat) { return QB_CountInFiles(server.GetDir() + "/server.err", sWhat); };
+    const size_t nIn = Count("bob (10002) is in conference 100"), nAgain = Count("bob (10002) logs in again");
+    auto lpFirst = StartClient("first", kBob, server.GetAddress(), {"stay"});
+    ASSERT_TRUE(ZV_WaitFor([&] { return Count("bob (10002) is in conference 100") > nIn; }));
+    auto lpSecond = StartClient("second", kBob, server.GetAddress(), {"stay"});
+    EXPECT_EQ(3, lpFirst->Wait(std::chrono::seconds(10))) << "the first is told and stops";
+    EXPECT_TRUE(lpSecond->IsRunning());
+    EXPECT_EQ(Count("bob (10002) logs in again"), nAgain + 1);
+    EXPECT_EQ(0, server.Stop());
+    EXPECT_EQ(Count("traffic is in the clear"), GetParam().bTls ? 0u : 2u) << "once a start";
+}
+
+// A client killed in the middle of a download asks for nothing once started
+// again: its server lists the download, and it goes on from what its file
+// holds. One whose link is cut and restored within the grace period ends
+// byte for byte, and leaves only at its goodbye.
+TEST_P(NetProcess, ADownloadGoesOnWhereItStoodAfterAKillOrACutLink)
 {
     ZV_ServerUnderTest server(setup, At("srv1"), 1);
     ASSERT_TRUE(server.Start());
-    AliceShares(server.GetAddress(), "a.bin", 5 * kMiB + 123);
-    EXPECT_EQ(0, RunClient("bob", kBob, server.GetAddress(), {"get", "a.bin", "b.bin"}));
+    AliceShares(server.GetAddress(), "a.bin", 2 * kMiB);
+    auto lpBob = StartClient("bob", kBob, server.GetAddress(), {"get", "a.bin", "b.bin"}, kSlow);
+    ASSERT_TRUE(PartWay("b.bin", kMiB / 2));
+    lpBob->Signal(SIGKILL);
+    lpBob->Wait();
+    std::filesystem::rename(At("bob.out"), At("bob-first.out"));
+    EXPECT_EQ(0, RunClient("bob", kBob, server.GetAddress(), {"await", "a.bin"}));
     EXPECT_TRUE(ZV_SameFiles(At("a.bin"), At("b.bin")));
-    EXPECT_EQ(0, server.Stop());
-    EXPECT_EQ(QB_CountInFiles(server.GetDir() + "/server.err", "traffic is in the clear"), GetParam().bTls ? 0u : 1u);
+    EXPECT_GE(FirstProgress(ZV_ReadText(At("bob.out"))), 20.0) << "it started again from its file's end";
+
+    ZV_TestProxy proxy(ZV_FreeLowPort(), server.GetPort());
+    auto lpCarol = StartClient("carol", kCarol, proxy.GetAddress(), {"get", "a.bin", "c.bin"}, kSlow);
+    ASSERT_TRUE(PartWay("c.bin", kMiB / 2));
+    proxy.Cut();
+    ASSERT_TRUE(ZV_WaitFor([&] { return server.Log().find("carol (10003) lost its link") != std::string::npos; }));
+    proxy.Restore();
+    EXPECT_EQ(0, lpCarol->Wait()) << ZV_ReadText(At("carol.err")) << server.Log();
+    EXPECT_TRUE(ZV_SameFiles(At("a.bin"), At("c.bin")));
+    const std::string sLog = server.Log();
+    EXPECT_EQ(sLog.find("carol (10003) left"), sLog.find("carol (10003) left conference 100: said goodbye"))
+        << "carol only lost her link, and left at her goodbye";
+    EXPECT_EQ(sLog.find(", returning"), std::string::npos);
+    EXPECT_EQ(proxy.Recorded().find("RCRT") == std::string::npos, GetParam().bTls) << "on TLS no byte shows";
 }
 
 // Server 2 waits for server 1's call; the file travels through both.
@@ -94,58 +145,6 @@ TEST_P(NetProcess, AFileSharedAtOneServerIsFetchedAtItsLinkedServer)
     EXPECT_EQ(0, RunClient("dave", 20001, server2.GetAddress(), {"get", "a.bin", "d.bin"}));
     EXPECT_TRUE(ZV_SameFiles(At("a.bin"), At("d.bin")));
     EXPECT_TRUE(ZV_SameFiles(At("a.bin"), server2.Stored("a.bin"))) << "server 2 keeps a copy of its own";
-}
-
-// The restarted client asks for nothing: its server lists the download,
-// and the client goes on from what its file holds.
-TEST_P(NetProcess, AClientKilledInTheMiddleOfADownloadGoesOnWhereItsFileStandsOnceStartedAgain)
-{
-    ZV_ServerUnderTest server(setup, At("srv1"), 1);
-    ASSERT_TRUE(server.Start());
-    AliceShares(server.GetAddress(), "a.bin", 2 * kMiB);
-    auto lpBob = StartClient("bob", kBob, server.GetAddress(), {"get", "a.bin", "b.bin"}, kSlow);
-    ASSERT_TRUE(PartWay("b.bin", kMiB / 2));
-    lpBob->Signal(SIGKILL);
-    lpBob->Wait();
-    std::filesystem::rename(At("bob.out"), At("bob-first.out"));
-    EXPECT_EQ(0, RunClient("bob", kBob, server.GetAddress(), {"await", "a.bin"}));
-    EXPECT_TRUE(ZV_SameFiles(At("a.bin"), At("b.bin")));
-    EXPECT_GE(FirstProgress(ZV_ReadText(At("bob.out"))), 20.0) << "it started again from its file's end";
-}
-
-TEST_P(NetProcess, AServerStoppedAndStartedAgainShowsItsFilesAndItsClientsGoOn)
-{
-    ZV_ServerUnderTest server(setup, At("srv1"), 1);
-    ASSERT_TRUE(server.Start(true));
-    AliceShares(server.GetAddress(), "a.bin", 2 * kMiB);
-    auto lpBob = StartClient("bob", kBob, server.GetAddress(), {"get", "a.bin", "b.bin"}, kSlow);
-    ASSERT_TRUE(PartWay("b.bin", kMiB / 2));
-    ASSERT_EQ(0, server.Stop()) << "SIGTERM is a clean exit";
-    ASSERT_TRUE(server.Start());
-    EXPECT_EQ(0, lpBob->Wait());
-    EXPECT_TRUE(ZV_SameFiles(At("a.bin"), At("b.bin")));
-    EXPECT_EQ(0, RunClient("carol", kCarol, server.GetAddress(), {"get", "a.bin", "c.bin"}));
-    EXPECT_TRUE(ZV_SameFiles(At("a.bin"), At("c.bin")));
-}
-
-TEST_P(NetProcess, ADownloadWhoseLinkIsCutAndRestoredWithinTheGracePeriodEndsByteForByte)
-{
-    ZV_ServerUnderTest server(setup, At("srv1"), 1);
-    ASSERT_TRUE(server.Start());
-    AliceShares(server.GetAddress(), "a.bin", 2 * kMiB);
-    ZV_TestProxy proxy(ZV_FreeLowPort(), server.GetPort());
-    auto lpBob = StartClient("bob", kBob, proxy.GetAddress(), {"get", "a.bin", "b.bin"}, kSlow);
-    ASSERT_TRUE(PartWay("b.bin", kMiB / 2));
-    proxy.Cut();
-    ASSERT_TRUE(ZV_WaitFor([&] { return server.Log().find("bob (10002) lost its link") != std::string::npos; }));
-    proxy.Restore();
-    EXPECT_EQ(0, lpBob->Wait()) << ZV_ReadText(At("bob.err")) << server.Log();
-    EXPECT_TRUE(ZV_SameFiles(At("a.bin"), At("b.bin")));
-    const std::string sLog = server.Log();
-    EXPECT_EQ(sLog.find("bob (10002) left"), sLog.find("bob (10002) left conference 100: said goodbye"))
-        << "bob only lost his link, and left at his goodbye";
-    EXPECT_EQ(sLog.find(", returning"), std::string::npos);
-    EXPECT_EQ(proxy.Recorded().find("RCRT") == std::string::npos, GetParam().bTls) << "on TLS no byte shows";
 }
 
 // A user who left (event 4) takes an upload that never began with him; one
@@ -176,18 +175,6 @@ TEST_P(NetProcess, AUserLeavesOnAGoodbyeOrWhenNotBackWithinTheGracePeriod)
     }
     EXPECT_NE(server.Log().find("alice (10001) left conference 100: not back within the grace period"),
               std::string::npos);
-}
-
-TEST_P(NetProcess, ASecondLoginOfAUserTakesThePlaceOfTheFirst)
-{
-    ZV_ServerUnderTest server(setup, At("srv1"), 1);
-    ASSERT_TRUE(server.Start());
-    auto lpFirst = StartClient("first", kBob, server.GetAddress(), {"stay"});
-    ASSERT_TRUE(ZV_WaitFor([&] { return server.Log().find("bob (10002) is in conference 100") != std::string::npos; }));
-    auto lpSecond = StartClient("second", kBob, server.GetAddress(), {"stay"});
-    EXPECT_EQ(3, lpFirst->Wait(std::chrono::seconds(10))) << "the first is told and stops";
-    EXPECT_TRUE(lpSecond->IsRunning());
-    EXPECT_NE(server.Log().find("bob (10002) logs in again"), std::string::npos);
 }
 
 INSTANTIATE_TEST_SUITE_P(Modes, NetProcess, ::testing::Values(kNetClear, kNetSecure),
