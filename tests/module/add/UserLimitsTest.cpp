@@ -125,21 +125,8 @@ TEST(UserLimits, AnAddOverALimitIsRefusedWith91AndStoresNothing)
 
         const auto vecAnswer = node.host.SentOf(usAnswer);
         ASSERT_EQ(1u, vecAnswer.size());
-        QB_ByteStream stream(vecAnswer[0].data.data(), (int32_t)vecAnswer[0].data.size());
-        uint32_t ulResult = 0;
-        if (row.bBatch)
-        {
-            ZV_AddFilesResponse answer;
-            answer.Load(stream);
-            ulResult = answer.ulResult;
-        }
-        else
-        {
-            ZV_AddResponse answer;
-            answer.Load(stream);
-            ulResult = answer.ulResult;
-        }
-        EXPECT_EQ(row.ulExpected, ulResult);
+        EXPECT_EQ(row.ulExpected, row.bBatch ? ZV_Parse<ZV_AddFilesResponse>(vecAnswer[0].data).ulResult
+                                             : ZV_Parse<ZV_AddResponse>(vecAnswer[0].data).ulResult);
         const size_t nAdded = row.ulExpected == 0 ? row.vecLength.size() : 0;
         EXPECT_EQ(row.ulExpected == 0 ? "group" : "link", vecAnswer[0].sRoute);
         EXPECT_EQ(nSessions + nAdded, (size_t)ZV_FileShareMgrPeer::Sessions(node.mgr).GetCount());

@@ -7,7 +7,7 @@
 #include "core/ZV_FileShareMgr.h"
 #include "ZV_FileShareMgrPeer.h"
 #include "core/ZV_FileShareSession.h"
-#include "ZV_RecordingHost.h"
+#include "ZV_RecordingNode.h"
 
 #include "QB_FaultEnv.h"
 #include "ZV_PayloadCheck.h"
@@ -44,16 +44,12 @@ struct ControlFixture : public ::testing::Test
         host.m_bServer = bServer;
         host.m_bHasServerLinks = bServer;
         env.SetTick(50000);
-        lpSession = &ZV_FileShareMgrPeer::Adopt(mgr, 5, "C:\\Store\\");
-        ZV_FileShareSessionPeer::FileID(*lpSession) = 5;
         ZV_FileBriefInfo brief;
         brief.SetCreatorID(kAlice);
         brief.SetFileLenth(1000000);
         brief.SetPublic(true);
         brief.SetFileState(zvFileStateUploading);
-        ZV_FileShareSessionPeer::BriefInfo(*lpSession) = brief;
-        ZV_FileShareSessionPeer::FileInfo(*lpSession).SetBriefInfo(brief);
-        ZV_FileShareSessionPeer::FileInfo(*lpSession).SetFileNewName(QB_StringU8("song.ogg"));
+        lpSession = &ZV_AdoptFile(mgr, 5, "C:\\Store\\", brief, "song.ogg");
     }
     void Deliver(uint16_t usPdu, const Pdu& pdu, uint16_t usType = zvConfClientTypeCommand, uint32_t ulConn = 100020,
                  const QB_UserID& peer = kBob)
@@ -66,8 +62,6 @@ struct ControlFixture : public ::testing::Test
 };
 
 using Control = ControlFixture;
-
-
 
 } // namespace
 
@@ -312,9 +306,7 @@ TEST_F(Control, ServerToldThatAPeerIsTheSourceAsksItForWhatItLacks)
     const auto vecAsks = host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST);
     ASSERT_EQ(1u, vecAsks.size());
     EXPECT_EQ(900u, vecAsks[0].ulConn);
-    QB_ByteStream stream(vecAsks[0].data.data(), (int32_t)vecAsks[0].data.size());
-    ZV_DownloadAsk ask;
-    ask.Load(stream);
+    const auto ask = ZV_Parse<ZV_DownloadAsk>(vecAsks[0].data);
     EXPECT_EQ(kSelf, ask.user);
     EXPECT_EQ(0u, ask.ulFloodSeq);
     EXPECT_EQ(40000u, ask.ulPos);

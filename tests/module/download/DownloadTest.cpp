@@ -8,7 +8,7 @@
 #include "ZV_FileShareMgrPeer.h"
 #include "core/ZV_FileShareSession.h"
 #include "ZV_PayloadCheck.h"
-#include "ZV_RecordingHost.h"
+#include "ZV_RecordingNode.h"
 
 #include "QB_FaultEnv.h"
 #include "QB_TestSupport.h"
@@ -82,24 +82,20 @@ struct DownloadFixture : public ::testing::Test
         host.m_bServer = true;
         env.SetTick(5000);
     }
-    ZV_FileShareSession& AddSession()
+    ZV_FileShareSession& AddSession(const ZV_FileBriefInfo& brief = ZV_FileBriefInfo())
     {
-        ZV_FileShareSession& session = ZV_FileShareMgrPeer::Adopt(mgr, 5, QB_StringA(tmp.PathW()).GetString());
-        ZV_FileShareSessionPeer::FileID(session) = 5;
-        return session;
+        return ZV_AdoptFile(mgr, 5, QB_StringA(tmp.PathW()).GetString(), brief, "song.ogg");
     }
     // A stored "song.ogg" of 98305 bytes by Alice, of which ulWritePos have come.
     ZV_FileShareSession& AddStoredFile(uint32_t ulWritePos, bool bPublic = true)
     {
-        ZV_FileShareSession& session = AddSession();
         ZV_FileBriefInfo brief;
         brief.SetCreatorID(kAlice);
         brief.SetFileOldName(QB_StringU8("song.ogg"));
         brief.SetFileType(QB_StringU8("ogg"));
         brief.SetFileLenth(98305);
         brief.SetPublic(bPublic);
-        ZV_FileShareSessionPeer::FileInfo(session).SetFileNewName(QB_StringU8("song.ogg"));
-        ZV_FileShareSessionPeer::FileInfo(session).SetBriefInfo(brief);
+        ZV_FileShareSession& session = AddSession(brief);
         ZV_FileShareSessionPeer::FileInfo(session).SetFileWritePos(ulWritePos);
         ZV_FileShareSessionPeer::MaxPos(session) = ulWritePos;
         std::filesystem::create_directories(tmp.Sub("7"));
@@ -482,10 +478,7 @@ TEST_F(Download, RelayWritesIntoItsOwnStoreWhateverPathTheRecordNames)
     Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, Answer(record, 0, self), zvConfServerTypeCommand, 20, upstream);
     const auto vecAsks = host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST);
     ASSERT_EQ(1u, vecAsks.size());
-    QB_ByteStream ask(vecAsks[0].data.data(), (int32_t)vecAsks[0].data.size());
-    ask.Skip(2 + 8);
-    ZV_FileDownloadInfo asked;
-    LoadDelimited(ask, asked);
+    const ZV_FileDownloadInfo asked = RecordOf(vecAsks[0].data);
     EXPECT_EQ(98305u, asked.m_ulFileLenth);
     EXPECT_EQ(QB_StringW(QB_ToWindowsPath(tmp.Sub("7/song.ogg"))), QB_StringW(asked.m_sFilePath + asked.m_sFileName));
 
@@ -617,10 +610,7 @@ TEST_F(ClientDownload, AsksAgainFromItsPositionWhenNothingCameForTheWaitWhileThe
     env.SetTick(5000 + ZV_CLIENT_STALL_MS);
     mgr.OnTimer(12);
     ASSERT_EQ(1u, host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size());
-    const Bytes vbAsk = host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST)[0].data;
-    QB_ByteStream stream(vbAsk.data(), (int32_t)vbAsk.size());
-    ZV_DownloadAsk ask;
-    ask.Load(stream);
+    const auto ask = ZV_Parse<ZV_DownloadAsk>(host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST)[0].data);
     EXPECT_EQ(host.m_LocalUser, ask.user);
     EXPECT_EQ(record.m_sFilePath + record.m_sFileName, ask.sPath);
     EXPECT_EQ(32768u, ask.ulPos);
