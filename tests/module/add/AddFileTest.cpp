@@ -4,17 +4,9 @@
 
 #include "add/ZV_AddPdu.h"
 #include "download/ZV_DownloadPdu.h"
-#include "core/ZV_FileShareMgr.h"
-#include "ZV_FileShareMgrPeer.h"
-#include "ZV_FileShareSessionPeer.h"
-#include "core/ZV_FileShareSession.h"
 #include "ZV_PayloadCheck.h"
 
-#include "QB_Env.h"
 #include "QB_FaultEnv.h"
-#include "QB_TestSupport.h"
-
-#include <gtest/gtest.h>
 
 #include <filesystem>
 #include <stdexcept>

@@ -4,12 +4,7 @@
 #include "ZV_RecordingNode.h"
 
 #include "add/ZV_AddPdu.h"
-#include "ZV_FileShareMgrPeer.h"
 #include "ZV_PayloadCheck.h"
-
-#include "QB_TestSupport.h"
-
-#include <gtest/gtest.h>
 
 #include <filesystem>
 #include <iterator>

@@ -1,18 +1,12 @@
 // Stop, resume, rights, the relay's progress and upload errors on one manager,
 // against a recording host and a clock the test moves.
-#include "ZV_FileShareSessionPeer.h"
 #include "download/ZV_DownloadPdu.h"
 #include "rights/ZV_EntryPdu.h"
 #include "rights/ZV_RightsPdu.h"
-#include "core/ZV_FileShareMgr.h"
-#include "ZV_FileShareMgrPeer.h"
-#include "core/ZV_FileShareSession.h"
 #include "ZV_RecordingNode.h"
 
 #include "QB_FaultEnv.h"
 #include "ZV_PayloadCheck.h"
-
-#include <gtest/gtest.h>
 
 namespace {
 

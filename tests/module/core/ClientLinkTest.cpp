@@ -13,10 +13,6 @@
 #include "ZV_PayloadCheck.h"
 #include "ZV_ServerHeld.h"
 
-#include "QB_TestSupport.h"
-
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <filesystem>
 #include <string>

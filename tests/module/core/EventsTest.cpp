@@ -1,20 +1,13 @@
 // The thirteen events to the user side, byte for byte, and the share of a
 // file that six of them carry.
-#include "ZV_FileShareMgrPeer.h"
-#include "ZV_FileShareSessionPeer.h"
 #include "ZV_PayloadCheck.h"
 #include "ZV_RecordingNode.h"
 #include "add/ZV_AddPdu.h"
-#include "core/ZV_FileShareMgr.h"
-#include "core/ZV_FileShareSession.h"
 #include "lists/ZV_ListPdu.h"
 #include "rights/ZV_RightsPdu.h"
 
-#include <gtest/gtest.h>
-
 #include <cmath>
 #include <cstring>
-#include <functional>
 #include <limits>
 #include <tuple>
 

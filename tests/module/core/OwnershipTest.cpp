@@ -1,26 +1,18 @@
 // A throw of the host or the user side at any call of a road that makes a
 // session or opens a file leaves no session, key, stored file, catalogue row
 // or open file of that road behind, and the road works the next time.
-#include "ZV_FileShareSessionPeer.h"
 #include "ZV_RecordingNode.h"
 #include "ZV_ThrowingHost.h"
 
 #include "add/ZV_AddPdu.h"
 #include "delete/ZV_DeletePdu.h"
 #include "download/ZV_DownloadPdu.h"
-#include "core/ZV_FileShareMgr.h"
-#include "ZV_FileShareMgrPeer.h"
-#include "core/ZV_FileShareSession.h"
 #include "rights/ZV_RightsPdu.h"
 #include "ZV_PayloadCheck.h"
 
 #include "QB_FaultEnv.h"
-#include "QB_TestSupport.h"
-
-#include <gtest/gtest.h>
 
 #include <filesystem>
-#include <functional>
 #include <string>
 
 namespace fs = std::filesystem;

@@ -1,19 +1,12 @@
 // The upload road on one manager: the creator's pump and start, the server's
 // writes at its write position, against a recording host and a file system
 // that fails on demand.
-#include "ZV_FileShareSessionPeer.h"
-#include "core/ZV_FileShareMgr.h"
-#include "ZV_FileShareMgrPeer.h"
-#include "core/ZV_FileShareSession.h"
 #include "lists/ZV_ListPdu.h"
 #include "control/ZV_ControlPdu.h"
 #include "wire/ZV_PduFrame.h"
 #include "ZV_RecordingNode.h"
 
 #include "QB_FaultEnv.h"
-#include "QB_TestSupport.h"
-
-#include <gtest/gtest.h>
 
 #include <filesystem>
 
