@@ -14,7 +14,6 @@
 #include <algorithm>
 #include <array>
 #include <filesystem>
-#include <functional>
 #include <string>
 
 namespace {
@@ -138,68 +137,66 @@ public:
 
 } // namespace
 
-// Entries that, as counted, fill the buffer to the byte go in one last
-// piece; one entry more makes two pieces, the second holding one entry.
-TEST_F(SessionLists, AListThatFillsTheBufferIsOnePieceAndOneEntryMoreIsTwo)
+// Files whose entries, as counted, fill the buffer to the byte go in one
+// last piece; one file more makes two pieces, the second holding one entry.
+TEST_F(SessionLists, AnUploadListThatFillsTheBufferIsOnePieceAndOneFileMoreIsTwo)
 {
-    auto Named = [](int n) { return std::string((size_t)n, 'n'); };
+    ZV_RecordingNode node(true);
     ZV_FileUploadInfo probe;
     probe.SetFileID(1);
     probe.SetBriefInfo(Brief(true));
-    // Pieces as (entries, flags, bLast); a download list has no bLast.
-    using Cut = std::vector<std::array<int, 3>>;
-    const struct
+    const std::vector<int> vecName = ZV_NamesThatFill(ZV_UploadListResponse::kHeadSize, [&](int n) {
+        probe.SetFileNewName(QB_StringU8(std::string((size_t)n, 'n').c_str()));
+        return ZV_UploadListEntrySize(probe);
+    });
+    for (size_t i = 0; i < vecName.size(); ++i)
+        AddFile(node, (uint16_t)(i + 1), Brief(true), vecName[i]);
+    const Bytes vbAsk = ZV_Pdu().U16(3).User(kBob).b;
+    Deliver(node, PDU_CONF_GET_UPLOAD_SESSION_LIST_REQUEST, vbAsk, kBob);
+    const auto vecSent = node.host.SentOf(PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE);
+    ASSERT_EQ(1u, vecSent.size());
+    EXPECT_LE(vecSent[0].data.size(), (size_t)QB_PDU_BUFFER_SIZE);
+    EXPECT_EQ(1, vecSent[0].data.back()) << "bLast";
+
+    node.host.m_vecSent.clear();
+    AddFile(node, 900, Brief(true), 1);
+    Deliver(node, PDU_CONF_GET_UPLOAD_SESSION_LIST_REQUEST, vbAsk, kBob);
+    const auto vecParts = Pieces<ZV_UploadListResponse>(node, PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE);
+    ASSERT_EQ(2u, vecParts.size());
+    EXPECT_EQ(0, vecParts[0].bLast);
+    EXPECT_EQ(1, vecParts[1].bLast);
+    EXPECT_EQ((int)vecName.size(), vecParts[0].arrInfo.GetSize());
+    EXPECT_EQ(1, vecParts[1].arrInfo.GetSize());
+}
+
+// The same for a user's download records, asked for by the user.
+TEST_F(SessionLists, ADownloadListThatFillsTheBufferIsOnePieceAndOneRecordMoreIsTwo)
+{
+    ZV_RecordingNode node(true);
+    const std::vector<int> vecName = ZV_NamesThatFill(ZV_DownloadListResponse::kHeadSize, [&](int n) {
+        return ZV_DownloadListEntrySize(Record(1, "C:\\dl\\", std::string((size_t)n, 'n'), zvDownloadStateRunning));
+    });
+    for (size_t i = 0; i < vecName.size(); ++i)
     {
-        const char* szName;
-        uint16_t usAsk;
-        uint32_t ulHead;
-        std::function<uint32_t(int)> fnSize;
-        std::function<void(ZV_RecordingNode&, uint16_t, int)> fnAdd;
-        std::function<Cut(ZV_RecordingNode&)> fnPieces;
-    } aRows[] = {
-        {"upload list", PDU_CONF_GET_UPLOAD_SESSION_LIST_REQUEST, ZV_UploadListResponse::kHeadSize,
-         [&](int n) {
-             probe.SetFileNewName(QB_StringU8(Named(n).c_str()));
-             return ZV_UploadListEntrySize(probe);
-         },
-         [](ZV_RecordingNode& node, uint16_t usFileID, int n) { AddFile(node, usFileID, Brief(true), n); },
-         [](ZV_RecordingNode& node) {
-             Cut pieces;
-             for (const auto& part : Pieces<ZV_UploadListResponse>(node, PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE))
-                 pieces.push_back({part.arrInfo.GetSize(), part.arrMaxPos.GetSize(), part.bLast});
-             return pieces;
-         }},
-        {"download list", PDU_CONF_GET_DOWNLOAD_SESSION_LIST_REQUEST, ZV_DownloadListResponse::kHeadSize,
-         [&](int n) { return ZV_DownloadListEntrySize(Record(1, "C:\\dl\\", Named(n), zvDownloadStateRunning)); },
-         [&](ZV_RecordingNode& node, uint16_t usFileID, int n) {
-             AddFile(node, usFileID, Brief(true))
-                 .SetDownloadInfo(kBob, Record(usFileID, "C:\\dl\\", Named(n), zvDownloadStateRunning));
-         },
-         [](ZV_RecordingNode& node) {
-             Cut pieces;
-             for (const auto& part :
-                  Pieces<ZV_DownloadListResponse>(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE))
-                 pieces.push_back({part.arrInfo.GetSize(), part.arrModify.GetSize(), 1});
-             return pieces;
-         }},
-    };
-    for (const auto& row : aRows)
-    {
-        SCOPED_TRACE(row.szName);
-        ZV_RecordingNode node(true);
-        const std::vector<int> vecName = ZV_NamesThatFill(row.ulHead, row.fnSize);
-        const int nFull = (int)vecName.size();
-        for (int i = 0; i < nFull; ++i)
-            row.fnAdd(node, (uint16_t)(i + 1), vecName[(size_t)i]);
-        const Bytes vbAsk = ZV_Pdu().U16(3).User(kBob).b;
-        Deliver(node, row.usAsk, vbAsk, kBob);
-        EXPECT_EQ((Cut{{nFull, nFull, 1}}), row.fnPieces(node));
-        node.host.m_vecSent.clear();
-        row.fnAdd(node, 900, 1);
-        Deliver(node, row.usAsk, vbAsk, kBob);
-        EXPECT_EQ((Cut{{nFull, nFull, row.usAsk == PDU_CONF_GET_UPLOAD_SESSION_LIST_REQUEST ? 0 : 1}, {1, 1, 1}}),
-                  row.fnPieces(node));
+        const uint16_t usFileID = (uint16_t)(i + 1);
+        AddFile(node, usFileID, Brief(true))
+            .SetDownloadInfo(kBob, Record(usFileID, "C:\\dl\\", std::string((size_t)vecName[i], 'n'),
+                                          zvDownloadStateRunning));
     }
+    const Bytes vbAsk = ZV_Pdu().U16(3).User(kBob).b;
+    Deliver(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_REQUEST, vbAsk, kBob);
+    const auto vecSent = node.host.SentOf(PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE);
+    ASSERT_EQ(1u, vecSent.size());
+    EXPECT_LE(vecSent[0].data.size(), (size_t)QB_PDU_BUFFER_SIZE);
+
+    node.host.m_vecSent.clear();
+    AddFile(node, 900, Brief(true)).SetDownloadInfo(kBob, Record(900, "C:\\dl\\", "x", zvDownloadStateRunning));
+    Deliver(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_REQUEST, vbAsk, kBob);
+    const auto vecParts = Pieces<ZV_DownloadListResponse>(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE);
+    ASSERT_EQ(2u, vecParts.size());
+    EXPECT_EQ((int)vecName.size(), vecParts[0].arrInfo.GetSize());
+    EXPECT_EQ(1, vecParts[1].arrInfo.GetSize());
+    EXPECT_EQ(1, vecParts[1].arrModify.GetSize());
 }
 
 // Listing a record rests it; a record of a file shared anew under its
