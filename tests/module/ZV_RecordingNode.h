@@ -6,10 +6,12 @@
 
 #include "ZV_RecordingHost.h"
 
+#include "add/ZV_AddPdu.h"
 #include "core/ZV_FileShareMgr.h"
 #include "core/ZV_FileShareSession.h"
 #include "ZV_FileShareMgrPeer.h"
 #include "ZV_FileShareSessionPeer.h"
+#include "ZV_PayloadCheck.h"
 
 #include "QB_Env.h"
 #include "QB_TestSupport.h"
@@ -18,6 +20,30 @@
 
 #include <functional>
 #include <vector>
+
+// A file shared by creator: its name (none if null), length and public flag.
+inline ZV_FileBriefInfo ZV_Brief(const QB_UserID& creator, const char* szName, uint32_t ulLength, bool bPublic = true)
+{
+    ZV_FileBriefInfo brief;
+    brief.SetCreatorID(creator);
+    if (szName != nullptr)
+        brief.SetFileOldName(QB_StringU8(szName));
+    brief.SetFileLenth(ulLength);
+    brief.SetPublic(bPublic);
+    return brief;
+}
+
+// 8001 in user's name for brief.
+inline std::vector<uint8_t> ZV_AddAsk(uint16_t usFileID, const QB_UserID& user, const ZV_FileBriefInfo& brief,
+                                      uint32_t ulFloodSeq = 0)
+{
+    ZV_AddRequest ask;
+    ask.usFileID = usFileID;
+    ask.user = user;
+    ask.ulFloodSeq = ulFloodSeq;
+    ask.brief = brief;
+    return ZV_SavePayload(ask);
+}
 
 // A payload read back as a T, past nSkip leading bytes (a flood's conference word).
 template <class T>

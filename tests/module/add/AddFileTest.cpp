@@ -2,9 +2,7 @@
 // 8001 and 8002, the stored names, and where hostile names land.
 #include "ZV_RecordingNode.h"
 
-#include "add/ZV_AddPdu.h"
 #include "download/ZV_DownloadPdu.h"
-#include "ZV_PayloadCheck.h"
 
 #include "QB_FaultEnv.h"
 
@@ -26,14 +24,11 @@ using Node = ZV_RecordingNode;
 
 Bytes AddRequest(uint16_t usFileID, const QB_StringU8& sName, uint32_t ulFloodSeq = 0)
 {
-    ZV_AddRequest ask;
-    ask.usFileID = usFileID;
-    ask.user = QB_UserID(10001, 0);
-    ask.ulFloodSeq = ulFloodSeq;
-    ask.brief.SetCreatorID(ask.user);
-    ask.brief.SetFileOldName(sName);
-    ask.brief.SetPublic(true);
-    return ZV_SavePayload(ask);
+    ZV_FileBriefInfo brief;
+    brief.SetCreatorID(QB_UserID(10001, 0));
+    brief.SetFileOldName(sName);
+    brief.SetPublic(true);
+    return ZV_AddAsk(usFileID, QB_UserID(10001, 0), brief, ulFloodSeq);
 }
 
 // 8055 from the node's own user, one description named sName per FileID.

@@ -3,9 +3,6 @@
 // alone and leaves no session, stored file, catalogue row or flood behind.
 #include "ZV_RecordingNode.h"
 
-#include "add/ZV_AddPdu.h"
-#include "ZV_PayloadCheck.h"
-
 #include <filesystem>
 #include <iterator>
 
@@ -18,21 +15,12 @@ const QB_UserID kBob(10002, 0);
 
 ZV_FileBriefInfo Brief(const QB_UserID& creator, const std::string& sName, uint32_t ulLength)
 {
-    ZV_FileBriefInfo brief;
-    brief.SetCreatorID(creator);
-    brief.SetFileOldName(QB_StringU8(sName.c_str()));
-    brief.SetFileLenth(ulLength);
-    brief.SetPublic(true);
-    return brief;
+    return ZV_Brief(creator, sName.c_str(), ulLength);
 }
 
 std::vector<uint8_t> AddRequest(uint16_t usFileID, const ZV_FileBriefInfo& brief)
 {
-    ZV_AddRequest ask;
-    ask.usFileID = usFileID;
-    ask.user = brief.m_CreatorID;
-    ask.brief = brief;
-    return ZV_SavePayload(ask);
+    return ZV_AddAsk(usFileID, brief.m_CreatorID, brief);
 }
 
 size_t StoredFiles(const std::string& sFolder)

@@ -6,7 +6,6 @@
 #include "ZV_RecordingNode.h"
 
 #include "QB_FaultEnv.h"
-#include "ZV_PayloadCheck.h"
 
 namespace {
 

@@ -4,11 +4,9 @@
 #include "ZV_RecordingNode.h"
 #include "ZV_ThrowingHost.h"
 
-#include "add/ZV_AddPdu.h"
 #include "delete/ZV_DeletePdu.h"
 #include "download/ZV_DownloadPdu.h"
 #include "rights/ZV_RightsPdu.h"
-#include "ZV_PayloadCheck.h"
 
 #include "QB_FaultEnv.h"
 
@@ -28,12 +26,7 @@ constexpr uint32_t kLength = 5;
 
 ZV_FileBriefInfo Brief(const char* pszName)
 {
-    ZV_FileBriefInfo brief;
-    brief.SetCreatorID(kBob);
-    brief.SetFileOldName(QB_StringU8(pszName));
-    brief.SetFileLenth(kLength);
-    brief.SetPublic(true);
-    return brief;
+    return ZV_Brief(kBob, pszName, kLength);
 }
 
 // One node, server or client, with Alice as its local user and Bob homed
@@ -75,12 +68,7 @@ struct Node : ZV_BasicNode<ZV_ThrowingHost>
 
 Bytes AddRequest(uint16_t usFileID, uint32_t ulFloodSeq)
 {
-    ZV_AddRequest ask;
-    ask.usFileID = usFileID;
-    ask.user = kBob;
-    ask.ulFloodSeq = ulFloodSeq;
-    ask.brief = Brief("a.txt");
-    return ZV_SavePayload(ask);
+    return ZV_AddAsk(usFileID, kBob, Brief("a.txt"), ulFloodSeq);
 }
 
 Bytes AddAnswer()

@@ -1,9 +1,7 @@
 // The download road on one manager: the server's answer and pump, the
 // client's local file and blocks, the relay's store, against a recording host
 // and a file system that fails on demand.
-#include "add/ZV_AddPdu.h"
 #include "download/ZV_DownloadPdu.h"
-#include "ZV_PayloadCheck.h"
 #include "ZV_RecordingNode.h"
 
 #include "QB_FaultEnv.h"

@@ -3,7 +3,6 @@
 // the catalogue, the clients and the fetches of the server that takes it.
 #include "ZV_RecordingNode.h"
 
-#include "add/ZV_AddPdu.h"
 #include "lists/ZV_ListPdu.h"
 
 #include "QB_FaultEnv.h"

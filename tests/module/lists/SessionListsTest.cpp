@@ -4,10 +4,8 @@
 // with a file the server no longer lists.
 #include "ZV_RecordingNode.h"
 
-#include "add/ZV_AddPdu.h"
 #include "lists/ZV_ListPdu.h"
 #include "ZV_FilesAddedEvent.h"
-#include "ZV_PayloadCheck.h"
 
 #include "QB_FaultEnv.h"
 
