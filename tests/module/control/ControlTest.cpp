@@ -47,9 +47,7 @@ struct ControlFixture : public ::testing::Test
     void Deliver(uint16_t usPdu, const Pdu& pdu, uint16_t usType = zvConfClientTypeCommand, uint32_t ulConn = 100020,
                  const QB_UserID& peer = kBob)
     {
-        ConfPduData cpd{peer.m_ulMain, peer.m_ulSub, ulConn, 0, usType, usPdu, 0, 0, 0, (uint32_t)pdu.b.size(),
-                        pdu.b.data()};
-        EXPECT_EQ(0u, mgr.HandlePdu(&cpd));
+        EXPECT_EQ(0u, ZV_Deliver(mgr, usPdu, usType, pdu.b, ulConn, peer));
     }
     void Clear() { host.m_vecSent.clear(); host.m_vecEvents.clear(); }
 };

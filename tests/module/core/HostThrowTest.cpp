@@ -3,8 +3,7 @@
 // caller.
 #include "add/ZV_AddPdu.h"
 #include "core/ZV_FileShareMgr.h"
-#include "wire/ZV_PduFrame.h"
-#include "ZV_RecordingHost.h"
+#include "ZV_PayloadCheck.h"
 #include "ZV_ThrowingHost.h"
 
 #include "QB_Env.h"
@@ -12,7 +11,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <filesystem>
 #include <functional>
 #include <regex>
@@ -27,13 +25,8 @@ TEST(HostThrow, EachEntryThatCatchesAThrowItselfLogsItsOwnLineAndEachUserCallGiv
 {
     using Run = std::function<void(ZV_FileShareMgr&)>;
     const QB_UserID bob(10002, 0);
-    auto Pdu = [](uint16_t usPdu, uint16_t usConnType, const ZV_PduBuffer* lpPayload = nullptr) -> Run {
-        return [=](ZV_FileShareMgr& mgr) {
-            std::vector<uint8_t> data;
-            if (lpPayload != nullptr)
-                data.assign(lpPayload->Payload(), lpPayload->Payload() + lpPayload->PayloadLength());
-            ZV_Deliver(mgr, usPdu, usConnType, data, 5, QB_UserID());
-        };
+    auto Pdu = [](uint16_t usPdu, uint16_t usConnType, const std::vector<uint8_t>& data = {}) -> Run {
+        return [=](ZV_FileShareMgr& mgr) { ZV_Deliver(mgr, usPdu, usConnType, data, 5, QB_UserID()); };
     };
     ZV_AddResponse answer;
     answer.usRouteID = answer.usFileID = 5;
@@ -41,9 +34,7 @@ TEST(HostThrow, EachEntryThatCatchesAThrowItselfLogsItsOwnLineAndEachUserCallGiv
     answer.brief.SetCreatorID(bob);
     answer.brief.SetFileOldName(QB_StringU8("a.bin"));
     answer.brief.SetPublic(true);
-    ZV_PduBuffer added;
-    answer.Save(added.Stream());
-    const std::vector<uint8_t> vbAdded(added.Payload(), added.Payload() + added.PayloadLength());
+    const std::vector<uint8_t> vbAdded = ZV_SavePayload(answer);
     // A user-side call after the server's announcement; what it gave.
     uint32_t ulCalled = 0;
     auto User = [&](std::function<uint32_t(ZV_FileShareMgr&)> fnCall) -> Run {
@@ -65,7 +56,7 @@ TEST(HostThrow, EachEntryThatCatchesAThrowItselfLogsItsOwnLineAndEachUserCallGiv
         {"HandleGetFileListRequest", true, Pdu(PDU_CONF_GET_FILE_LIST_REQUEST, zvConfServerTypeCommand)},
         {"HandleGetFileListResponse", true, Pdu(PDU_CONF_GET_FILE_LIST_RESPONSE, zvConfServerTypeCommand)},
         {"HandleDelUploadResponse", false, Pdu(PDU_CONF_FS_DEL_UPLOAD_RESPONSE, zvConfClientTypeCommand)},
-        {"InitCltAddFileInfo", false, Pdu(PDU_CONF_FS_ADD_RESPONSE, zvConfClientTypeCommand, &added)},
+        {"InitCltAddFileInfo", false, Pdu(PDU_CONF_FS_ADD_RESPONSE, zvConfClientTypeCommand, vbAdded)},
         {"OnConnect", false, [](ZV_FileShareMgr& mgr) { mgr.OnConnect(nullptr, 11, zvConfClientTypeCommand, 0); }},
         {"OnEvent", true, [](ZV_FileShareMgr& mgr) { mgr.OnEvent(zvConfEventServerLink, 0, 6, 0, 0); }},
         {"OnEvent #1", true, [&](ZV_FileShareMgr& mgr) { mgr.OnEvent(zvConfEventUserEnter, 0, (uintptr_t)&bob, 0, 0); }},

@@ -97,9 +97,7 @@ struct DownloadFixture : public ::testing::Test
     uint32_t Deliver(uint16_t usPdu, const Bytes& data, uint16_t usType = zvConfClientTypeCommand,
                      uint32_t ulConn = 100020, const QB_UserID& peer = kBob)
     {
-        ConfPduData cpd{peer.m_ulMain, peer.m_ulSub, ulConn, 0, usType, usPdu, 0, 0, 0, (uint32_t)data.size(),
-                        data.data()};
-        return mgr.HandlePdu(&cpd);
+        return ZV_Deliver(mgr, usPdu, usType, data, ulConn, peer);
     }
     void OnSend()
     {

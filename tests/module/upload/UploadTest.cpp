@@ -3,7 +3,6 @@
 // that fails on demand.
 #include "lists/ZV_ListPdu.h"
 #include "control/ZV_ControlPdu.h"
-#include "wire/ZV_PduFrame.h"
 #include "ZV_RecordingNode.h"
 
 #include "QB_FaultEnv.h"
@@ -75,9 +74,7 @@ struct UploadFixture : public ::testing::Test
     }
     uint32_t Deliver(uint16_t usPdu, const Bytes& payload, const QB_UserID& peer = kAlice, uint32_t ulConn = 100024)
     {
-        ConfPduData cpd{peer.m_ulMain, peer.m_ulSub, ulConn, 0, zvConfClientTypeData, usPdu, 0, 0, 0,
-                        (uint32_t)payload.size(), payload.data()};
-        return mgr.HandlePdu(&cpd);
+        return ZV_Deliver(mgr, usPdu, zvConfClientTypeData, payload, ulConn, peer);
     }
     // One call of the host for Alice's data link; the blocks it sent.
     std::vector<ZV_SentPdu> OnSend()
@@ -310,12 +307,8 @@ TEST_F(Upload, TheCreatorsClientKeepsItsOwnRunOrStopAgainstTheServersListAndTell
         entry.SetBriefInfo(brief);
         list.arrInfo.Add(entry);
         list.arrMaxPos.Add(40000);
-        ZV_PduBuffer pdu;
-        list.Save(pdu.Stream());
-        const Bytes payload(pdu.Payload(), pdu.Payload() + pdu.PayloadLength());
-        ConfPduData cpd{0, 0, 11, 0, zvConfClientTypeCommand, PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE, 0, 0, 0,
-                        (uint32_t)payload.size(), payload.data()};
-        mgr.HandlePdu(&cpd);
+        ZV_Deliver(mgr, PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE, zvConfClientTypeCommand, ZV_SavePayload(list), 11,
+                   QB_UserID(0, 0));
 
         ZV_FsFileInfo info{};
         ASSERT_EQ(0u, static_cast<IZV_FileShareMgr&>(mgr).FsGetFileInfoByFileID(5, &info));
