@@ -6,12 +6,107 @@
 
 #include "ZV_RecordingHost.h"
 
+#include "add/ZV_AddPdu.h"
 #include "core/ZV_FileShareMgr.h"
+#include "core/ZV_FileShareSession.h"
+#include "ZV_FileShareMgrPeer.h"
+#include "ZV_FileShareSessionPeer.h"
+#include "ZV_PayloadCheck.h"
 
 #include "QB_Env.h"
 #include "QB_TestSupport.h"
 
+#include <gtest/gtest.h>
+
+#include <functional>
 #include <vector>
+
+// A file shared by creator: its name (none if null), length and public flag.
+inline ZV_FileBriefInfo ZV_Brief(const QB_UserID& creator, const char* szName, uint32_t ulLength, bool bPublic = true)
+{
+    ZV_FileBriefInfo brief;
+    brief.SetCreatorID(creator);
+    if (szName != nullptr)
+        brief.SetFileOldName(QB_StringU8(szName));
+    brief.SetFileLenth(ulLength);
+    brief.SetPublic(bPublic);
+    return brief;
+}
+
+// 8001 in user's name for brief.
+inline std::vector<uint8_t> ZV_AddAsk(uint16_t usFileID, const QB_UserID& user, const ZV_FileBriefInfo& brief,
+                                      uint32_t ulFloodSeq = 0)
+{
+    ZV_AddRequest ask;
+    ask.usFileID = usFileID;
+    ask.user = user;
+    ask.ulFloodSeq = ulFloodSeq;
+    ask.brief = brief;
+    return ZV_SavePayload(ask);
+}
+
+// A payload read back as a T, past nSkip leading bytes (a flood's conference word).
+template <class T>
+T ZV_Parse(const std::vector<uint8_t>& data, int nSkip = 0)
+{
+    QB_ByteStream stream(data.data(), (int32_t)data.size());
+    stream.Skip(nSkip);
+    T value;
+    value.Load(stream);
+    return value;
+}
+
+// The payloads of all PDUs sent, or of all events raised, end to end.
+template <class T>
+std::vector<uint8_t> ZV_Joined(const std::vector<T>& vec)
+{
+    std::vector<uint8_t> all;
+    for (const auto& item : vec)
+        all.insert(all.end(), item.data.begin(), item.data.end());
+    return all;
+}
+
+// A file usFileID the manager holds under szRoot: its description, and its
+// stored name in the record.
+inline ZV_FileShareSession& ZV_AdoptFile(ZV_FileShareMgr& mgr, uint16_t usFileID, const char* szRoot,
+                                         const ZV_FileBriefInfo& brief, const char* szStored)
+{
+    using Peer = ZV_FileShareSessionPeer;
+    ZV_FileShareSession& session = ZV_FileShareMgrPeer::Adopt(mgr, usFileID, szRoot);
+    Peer::FileID(session) = usFileID;
+    Peer::BriefInfo(session) = brief;
+    Peer::FileInfo(session).SetFileID(usFileID);
+    Peer::FileInfo(session).SetFileNewName(QB_StringU8(szStored));
+    Peer::FileInfo(session).SetBriefInfo(brief);
+    return session;
+}
+
+// Name lengths, up to what a record may hold, whose entries fill the buffer
+// behind a head of ulHead bytes to the byte, as the sender counts them.
+inline std::vector<int> ZV_NamesThatFill(uint32_t ulHead, const std::function<uint32_t(int)>& fnSize)
+{
+    std::vector<uint32_t> vecSize(1025);
+    for (int n = 1; n <= 1024; ++n)
+        vecSize[(size_t)n] = fnSize(n);
+    std::vector<int> vecName;
+    uint32_t ulSize = ulHead;
+    while ((uint32_t)QB_PDU_BUFFER_SIZE - ulSize > 2 * vecSize[1024])
+    {
+        vecName.push_back(1000);
+        ulSize += vecSize[1000];
+    }
+    const uint32_t ulRest = (uint32_t)QB_PDU_BUFFER_SIZE - ulSize;
+    for (int a = 1; a <= 1024; ++a)
+        for (int b = 1; b < 1024; ++b)
+            if (vecSize[(size_t)a] + vecSize[(size_t)b] == ulRest)
+            {
+                vecName.push_back(a);
+                vecName.push_back(b);
+                return vecName;
+            }
+    ADD_FAILURE() << "no two names fill the rest of " << ulRest;
+    return vecName;
+}
 
 template <class THost>
 struct ZV_BasicNode

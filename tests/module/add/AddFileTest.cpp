@@ -2,19 +2,9 @@
 // 8001 and 8002, the stored names, and where hostile names land.
 #include "ZV_RecordingNode.h"
 
-#include "add/ZV_AddPdu.h"
 #include "download/ZV_DownloadPdu.h"
-#include "core/ZV_FileShareMgr.h"
-#include "ZV_FileShareMgrPeer.h"
-#include "ZV_FileShareSessionPeer.h"
-#include "core/ZV_FileShareSession.h"
-#include "ZV_PayloadCheck.h"
 
-#include "QB_Env.h"
 #include "QB_FaultEnv.h"
-#include "QB_TestSupport.h"
-
-#include <gtest/gtest.h>
 
 #include <filesystem>
 #include <stdexcept>
@@ -34,18 +24,11 @@ using Node = ZV_RecordingNode;
 
 Bytes AddRequest(uint16_t usFileID, const QB_StringU8& sName, uint32_t ulFloodSeq = 0)
 {
-    ZV_AddRequest ask;
-    ask.usFileID = usFileID;
-    ask.user = QB_UserID(10001, 0);
-    ask.ulFloodSeq = ulFloodSeq;
-    ask.brief.SetCreatorID(ask.user);
-    ask.brief.SetFileOldName(sName);
-    ask.brief.SetPublic(true);
-    Bytes data(70000);
-    QB_ByteStream stream(data.data(), (int32_t)data.size(), false);
-    ask.Save(stream);
-    data.resize((size_t)stream.GetPos());
-    return data;
+    ZV_FileBriefInfo brief;
+    brief.SetCreatorID(QB_UserID(10001, 0));
+    brief.SetFileOldName(sName);
+    brief.SetPublic(true);
+    return ZV_AddAsk(usFileID, QB_UserID(10001, 0), brief, ulFloodSeq);
 }
 
 // 8055 from the node's own user, one description named sName per FileID.
@@ -62,14 +45,6 @@ Bytes BatchRequest(const Node& node, const std::vector<uint16_t>& vecFileID)
         ask.arrInfo.Add(brief);
     }
     return ZV_SavePayload(ask);
-}
-
-ZV_AddResponse ParseResponse(const Bytes& data)
-{
-    QB_ByteStream stream(data.data(), (int32_t)data.size());
-    ZV_AddResponse answer;
-    answer.Load(stream);
-    return answer;
 }
 
 } // namespace
@@ -92,10 +67,7 @@ TEST(AddFile, ClientSendsItsRequestWithTheFileInWindowsForm)
     EXPECT_EQ(PDU_CONF_FS_ADD_REQUEST, sent.usPdu);
     EXPECT_EQ((Bytes{0xff, 0xff, 0x11, 0x27, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}), Head(sent.data, 14));
     EXPECT_EQ(1, sent.data.back());
-    QB_ByteStream stream(sent.data.data(), (int32_t)sent.data.size());
-    ZV_AddRequest ask;
-    ask.LoadHead(stream);
-    ask.LoadBody(stream);
+    const auto ask = ZV_Parse<ZV_AddRequest>(sent.data);
     EXPECT_EQ(QB_StringU8(node.tmp.PathW()), ask.brief.m_sFilePath);
     EXPECT_EQ(QB_StringU8("report.doc"), ask.brief.m_sFileOldName);
     EXPECT_EQ(QB_StringU8("doc"), ask.brief.m_sFileType);
@@ -150,7 +122,7 @@ TEST(AddFile, KeepsEveryHostileNameInsideTheConferenceFolder)
     // The shared name travels on as the user gave it.
     const auto vecAnswer = node.host.SentOf(PDU_CONF_FS_ADD_RESPONSE);
     ASSERT_EQ(std::size(aNames), vecAnswer.size());
-    EXPECT_EQ(aNames[0], ParseResponse(vecAnswer[0].data).brief.m_sFileOldName);
+    EXPECT_EQ(aNames[0], ZV_Parse<ZV_AddResponse>(vecAnswer[0].data).brief.m_sFileOldName);
     // Every stored name is one the catalogue will delete at the end.
     EXPECT_EQ(0u, node.mgr.CleanData());
     EXPECT_TRUE(fs::is_empty(node.tmp.Sub("store/7")));
@@ -203,26 +175,26 @@ TEST(AddFile, TheCreatorIsNamedAsTheHostNamesTheLinksUser)
             if (szClaimed != nullptr)
                 brief.SetCreatorName(QB_StringU8(szClaimed));
             QB_StringU8 sAnswered, sFlooded;
+            const uint16_t usAsk = bBatch ? PDU_CONF_FS_ADD_FILES_REQUEST : PDU_CONF_FS_ADD_REQUEST;
+            const uint16_t usAnswer = bBatch ? PDU_CONF_FS_ADD_FILES_RESPONSE : PDU_CONF_FS_ADD_RESPONSE;
+            ZV_AddFilesRequest batch;
+            batch.user = node.host.m_LocalUser;
+            batch.bLast = 1;
+            batch.arrFileID.Add(ZV_NO_FILEID);
+            batch.arrInfo.Add(brief);
+            ZV_AddRequest ask;
+            ask.usFileID = ZV_NO_FILEID;
+            ask.user = node.host.m_LocalUser;
+            ask.brief = brief;
+            node.Deliver(usAsk, zvConfClientTypeCommand, bBatch ? ZV_SavePayload(batch) : ZV_SavePayload(ask));
+            const auto vecAnswer = node.host.SentOf(usAnswer);
+            const auto vecFlood = node.host.SentOf(usAsk);
+            ASSERT_EQ(1u, vecAnswer.size());
+            ASSERT_EQ(1u, vecFlood.size());
             if (bBatch)
             {
-                ZV_AddFilesRequest ask;
-                ask.user = node.host.m_LocalUser;
-                ask.bLast = 1;
-                ask.arrFileID.Add(ZV_NO_FILEID);
-                ask.arrInfo.Add(brief);
-                node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, zvConfClientTypeCommand, ZV_SavePayload(ask));
-                const auto vecAnswer = node.host.SentOf(PDU_CONF_FS_ADD_FILES_RESPONSE);
-                const auto vecFlood = node.host.SentOf(PDU_CONF_FS_ADD_FILES_REQUEST);
-                ASSERT_EQ(1u, vecAnswer.size());
-                ASSERT_EQ(1u, vecFlood.size());
-                ZV_AddFilesResponse answer;
-                QB_ByteStream answerStream(vecAnswer[0].data.data(), (int32_t)vecAnswer[0].data.size());
-                answer.Load(answerStream);
-                ZV_AddFilesRequest flood;
-                QB_ByteStream floodStream(vecFlood[0].data.data(), (int32_t)vecFlood[0].data.size());
-                floodStream.Skip(2);  // the conference word of a flood
-                flood.LoadHead(floodStream);
-                flood.LoadBody(floodStream);
+                const auto answer = ZV_Parse<ZV_AddFilesResponse>(vecAnswer[0].data);
+                const auto flood = ZV_Parse<ZV_AddFilesRequest>(vecFlood[0].data, 2);
                 ASSERT_EQ(1, answer.arrInfo.GetSize());
                 ASSERT_EQ(1, flood.arrInfo.GetSize());
                 sAnswered = answer.arrInfo[0].m_sCreatorName;
@@ -230,21 +202,8 @@ TEST(AddFile, TheCreatorIsNamedAsTheHostNamesTheLinksUser)
             }
             else
             {
-                ZV_AddRequest ask;
-                ask.usFileID = ZV_NO_FILEID;
-                ask.user = node.host.m_LocalUser;
-                ask.brief = brief;
-                node.Deliver(PDU_CONF_FS_ADD_REQUEST, zvConfClientTypeCommand, ZV_SavePayload(ask));
-                const auto vecAnswer = node.host.SentOf(PDU_CONF_FS_ADD_RESPONSE);
-                const auto vecFlood = node.host.SentOf(PDU_CONF_FS_ADD_REQUEST);
-                ASSERT_EQ(1u, vecAnswer.size());
-                ASSERT_EQ(1u, vecFlood.size());
-                sAnswered = ParseResponse(vecAnswer[0].data).brief.m_sCreatorName;
-                QB_ByteStream floodStream(vecFlood[0].data.data(), (int32_t)vecFlood[0].data.size());
-                floodStream.Skip(2);  // the conference word of a flood
-                ZV_AddRequest flood;
-                flood.Load(floodStream);
-                sFlooded = flood.brief.m_sCreatorName;
+                sAnswered = ZV_Parse<ZV_AddResponse>(vecAnswer[0].data).brief.m_sCreatorName;
+                sFlooded = ZV_Parse<ZV_AddRequest>(vecFlood[0].data, 2).brief.m_sCreatorName;
             }
             EXPECT_EQ(QB_StringU8("Alice"), sAnswered);
             EXPECT_EQ(QB_StringU8("Alice"), sFlooded);
@@ -290,19 +249,11 @@ QB_StringW SharedName(const ZV_RecordingHost& host)
 {
     for (const ZV_SentPdu& sent : host.m_vecSent)
     {
-        QB_ByteStream stream(sent.data.data(), (int32_t)sent.data.size());
         if (sent.usPdu == PDU_CONF_FS_ADD_REQUEST)
-        {
-            ZV_AddRequest ask;
-            ask.LoadHead(stream);
-            ask.LoadBody(stream);
-            return QB_StringW(ask.brief.m_sFileOldName);
-        }
+            return QB_StringW(ZV_Parse<ZV_AddRequest>(sent.data).brief.m_sFileOldName);
         if (sent.usPdu == PDU_CONF_FS_ADD_FILES_REQUEST)
         {
-            ZV_AddFilesRequest ask;
-            ask.LoadHead(stream);
-            ask.LoadBody(stream);
+            const auto ask = ZV_Parse<ZV_AddFilesRequest>(sent.data);
             return ask.arrInfo.GetSize() == 1 ? QB_StringW(ask.arrInfo[0].m_sFileOldName) : QB_StringW(u"?");
         }
     }
@@ -383,9 +334,7 @@ TEST(AddFile, ClientRefusesTheAnswerForItsOwnFileOnceTheFileWentFromTheDisk)
     QB_WriteWholeFile(sPath, "12345");
     const std::u16string sWide(sPath.begin(), sPath.end());
     ASSERT_EQ(0u, node.mgr.FsAdd(sWide.c_str(), nullptr, 0, 1, 1));
-    QB_ByteStream stream(node.host.m_vecSent[0].data.data(), (int32_t)node.host.m_vecSent[0].data.size());
-    ZV_AddRequest ask;
-    ask.Load(stream);
+    const auto ask = ZV_Parse<ZV_AddRequest>(node.host.m_vecSent[0].data);
     fs::remove(sPath);
     node.host.m_vecSent.clear();
 
@@ -394,11 +343,7 @@ TEST(AddFile, ClientRefusesTheAnswerForItsOwnFileOnceTheFileWentFromTheDisk)
     answer.user = ask.user;
     answer.brief = ask.brief;
     answer.bStartUpload = 1;
-    Bytes data(4096);
-    QB_ByteStream out(data.data(), (int32_t)data.size(), false);
-    answer.Save(out);
-    data.resize((size_t)out.GetPos());
-    EXPECT_EQ(60u, node.Deliver(PDU_CONF_FS_ADD_RESPONSE, zvConfClientTypeCommand, data));
+    EXPECT_EQ(60u, node.Deliver(PDU_CONF_FS_ADD_RESPONSE, zvConfClientTypeCommand, ZV_SavePayload(answer)));
     const std::vector<uint8_t> vbLog = QB_ReadWholeFile(node.tmp.Sub("log/log_error_client.txt"));
     const std::string sLog(vbLog.begin(), vbLog.end());
     EXPECT_NE(std::string::npos, sLog.find("ZV_FileShareMgr.HandleAddResponse ret = 60")) << sLog;
@@ -440,9 +385,7 @@ TEST(AddFile, ABatchAnswerIsCutBeforeTheDescriptionThatWouldFillTheBuffer)
         Pieces vecPiece;
         for (const ZV_SentPdu& sent : node.host.SentOf(PDU_CONF_FS_ADD_FILES_RESPONSE))
         {
-            QB_ByteStream stream(sent.data.data(), (int32_t)sent.data.size());
-            ZV_AddFilesResponse part;
-            part.Load(stream);
+            const auto part = ZV_Parse<ZV_AddFilesResponse>(sent.data);
             EXPECT_EQ(0u, part.ulResult);
             vecPiece.push_back({part.arrInfo.GetSize(), part.bLast});
         }
@@ -472,9 +415,7 @@ TEST(AddFile, ABatchWhoseFolderCannotBeMadeIsRefusedWith60AndGoesNoFurther)
         const ZV_SentPdu& sent = node.host.m_vecSent[0];
         EXPECT_EQ(PDU_CONF_FS_ADD_FILES_RESPONSE, sent.usPdu);
         EXPECT_EQ(c.szRoute, sent.sRoute);
-        QB_ByteStream stream(sent.data.data(), (int32_t)sent.data.size());
-        ZV_AddFilesResponse answer;
-        answer.Load(stream);
+        const auto answer = ZV_Parse<ZV_AddFilesResponse>(sent.data);
         EXPECT_EQ(zvResultCannotOpen, answer.ulResult);
         ASSERT_EQ(1, answer.arrFileID.GetSize());
         EXPECT_EQ(c.usFileID, answer.arrFileID[0]);
@@ -498,9 +439,7 @@ TEST(AddFile, ALinkedServersBatchIsFetchedFileByFileAndAThrowTakesBackOnlyWhatIt
     {
         EXPECT_EQ("link", vecFetch[i].sRoute);
         EXPECT_EQ(5u, vecFetch[i].ulConn);
-        QB_ByteStream stream(vecFetch[i].data.data(), (int32_t)vecFetch[i].data.size());
-        ZV_DownloadAsk ask;
-        ask.Load(stream);
+        const auto ask = ZV_Parse<ZV_DownloadAsk>(vecFetch[i].data);
         EXPECT_EQ(7 + i, ask.usFileID);
         EXPECT_EQ(0u, ask.ulPos);
         EXPECT_EQ(1, ask.bFromServer);
@@ -509,9 +448,7 @@ TEST(AddFile, ALinkedServersBatchIsFetchedFileByFileAndAThrowTakesBackOnlyWhatIt
     const auto vecTold = node.host.SentOf(PDU_CONF_FS_ADD_FILES_RESPONSE);
     ASSERT_EQ(1u, vecTold.size());
     EXPECT_EQ("group", vecTold[0].sRoute);
-    QB_ByteStream stream(vecTold[0].data.data(), (int32_t)vecTold[0].data.size());
-    ZV_AddFilesResponse told;
-    told.Load(stream);
+    const auto told = ZV_Parse<ZV_AddFilesResponse>(vecTold[0].data);
     EXPECT_EQ(2, told.arrFileID.GetSize());
     ASSERT_EQ(2, told.arrPos.GetSize());
     EXPECT_EQ(0u, told.arrPos[0] + told.arrPos[1]);

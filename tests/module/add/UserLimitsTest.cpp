@@ -3,14 +3,6 @@
 // alone and leaves no session, stored file, catalogue row or flood behind.
 #include "ZV_RecordingNode.h"
 
-#include "add/ZV_AddPdu.h"
-#include "ZV_FileShareMgrPeer.h"
-#include "ZV_PayloadCheck.h"
-
-#include "QB_TestSupport.h"
-
-#include <gtest/gtest.h>
-
 #include <filesystem>
 #include <iterator>
 
@@ -23,21 +15,12 @@ const QB_UserID kBob(10002, 0);
 
 ZV_FileBriefInfo Brief(const QB_UserID& creator, const std::string& sName, uint32_t ulLength)
 {
-    ZV_FileBriefInfo brief;
-    brief.SetCreatorID(creator);
-    brief.SetFileOldName(QB_StringU8(sName.c_str()));
-    brief.SetFileLenth(ulLength);
-    brief.SetPublic(true);
-    return brief;
+    return ZV_Brief(creator, sName.c_str(), ulLength);
 }
 
 std::vector<uint8_t> AddRequest(uint16_t usFileID, const ZV_FileBriefInfo& brief)
 {
-    ZV_AddRequest ask;
-    ask.usFileID = usFileID;
-    ask.user = brief.m_CreatorID;
-    ask.brief = brief;
-    return ZV_SavePayload(ask);
+    return ZV_AddAsk(usFileID, brief.m_CreatorID, brief);
 }
 
 size_t StoredFiles(const std::string& sFolder)
@@ -125,21 +108,8 @@ TEST(UserLimits, AnAddOverALimitIsRefusedWith91AndStoresNothing)
 
         const auto vecAnswer = node.host.SentOf(usAnswer);
         ASSERT_EQ(1u, vecAnswer.size());
-        QB_ByteStream stream(vecAnswer[0].data.data(), (int32_t)vecAnswer[0].data.size());
-        uint32_t ulResult = 0;
-        if (row.bBatch)
-        {
-            ZV_AddFilesResponse answer;
-            answer.Load(stream);
-            ulResult = answer.ulResult;
-        }
-        else
-        {
-            ZV_AddResponse answer;
-            answer.Load(stream);
-            ulResult = answer.ulResult;
-        }
-        EXPECT_EQ(row.ulExpected, ulResult);
+        EXPECT_EQ(row.ulExpected, row.bBatch ? ZV_Parse<ZV_AddFilesResponse>(vecAnswer[0].data).ulResult
+                                             : ZV_Parse<ZV_AddResponse>(vecAnswer[0].data).ulResult);
         const size_t nAdded = row.ulExpected == 0 ? row.vecLength.size() : 0;
         EXPECT_EQ(row.ulExpected == 0 ? "group" : "link", vecAnswer[0].sRoute);
         EXPECT_EQ(nSessions + nAdded, (size_t)ZV_FileShareMgrPeer::Sessions(node.mgr).GetCount());

@@ -1,18 +1,11 @@
 // Stop, resume, rights, the relay's progress and upload errors on one manager,
 // against a recording host and a clock the test moves.
-#include "ZV_FileShareSessionPeer.h"
 #include "download/ZV_DownloadPdu.h"
 #include "rights/ZV_EntryPdu.h"
 #include "rights/ZV_RightsPdu.h"
-#include "core/ZV_FileShareMgr.h"
-#include "ZV_FileShareMgrPeer.h"
-#include "core/ZV_FileShareSession.h"
-#include "ZV_RecordingHost.h"
+#include "ZV_RecordingNode.h"
 
 #include "QB_FaultEnv.h"
-#include "ZV_PayloadCheck.h"
-
-#include <gtest/gtest.h>
 
 namespace {
 
@@ -44,30 +37,22 @@ struct ControlFixture : public ::testing::Test
         host.m_bServer = bServer;
         host.m_bHasServerLinks = bServer;
         env.SetTick(50000);
-        lpSession = &ZV_FileShareMgrPeer::Adopt(mgr, 5, "C:\\Store\\");
-        ZV_FileShareSessionPeer::FileID(*lpSession) = 5;
         ZV_FileBriefInfo brief;
         brief.SetCreatorID(kAlice);
         brief.SetFileLenth(1000000);
         brief.SetPublic(true);
         brief.SetFileState(zvFileStateUploading);
-        ZV_FileShareSessionPeer::BriefInfo(*lpSession) = brief;
-        ZV_FileShareSessionPeer::FileInfo(*lpSession).SetBriefInfo(brief);
-        ZV_FileShareSessionPeer::FileInfo(*lpSession).SetFileNewName(QB_StringU8("song.ogg"));
+        lpSession = &ZV_AdoptFile(mgr, 5, "C:\\Store\\", brief, "song.ogg");
     }
     void Deliver(uint16_t usPdu, const Pdu& pdu, uint16_t usType = zvConfClientTypeCommand, uint32_t ulConn = 100020,
                  const QB_UserID& peer = kBob)
     {
-        ConfPduData cpd{peer.m_ulMain, peer.m_ulSub, ulConn, 0, usType, usPdu, 0, 0, 0, (uint32_t)pdu.b.size(),
-                        pdu.b.data()};
-        EXPECT_EQ(0u, mgr.HandlePdu(&cpd));
+        EXPECT_EQ(0u, ZV_Deliver(mgr, usPdu, usType, pdu.b, ulConn, peer));
     }
     void Clear() { host.m_vecSent.clear(); host.m_vecEvents.clear(); }
 };
 
 using Control = ControlFixture;
-
-
 
 } // namespace
 
@@ -312,9 +297,7 @@ TEST_F(Control, ServerToldThatAPeerIsTheSourceAsksItForWhatItLacks)
     const auto vecAsks = host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST);
     ASSERT_EQ(1u, vecAsks.size());
     EXPECT_EQ(900u, vecAsks[0].ulConn);
-    QB_ByteStream stream(vecAsks[0].data.data(), (int32_t)vecAsks[0].data.size());
-    ZV_DownloadAsk ask;
-    ask.Load(stream);
+    const auto ask = ZV_Parse<ZV_DownloadAsk>(vecAsks[0].data);
     EXPECT_EQ(kSelf, ask.user);
     EXPECT_EQ(0u, ask.ulFloodSeq);
     EXPECT_EQ(40000u, ask.ulPos);

@@ -8,14 +8,8 @@
 // has an answer.
 #include "ZV_RecordingNode.h"
 
-#include "add/ZV_AddPdu.h"
 #include "download/ZV_DownloadPdu.h"
-#include "ZV_PayloadCheck.h"
 #include "ZV_ServerHeld.h"
-
-#include "QB_TestSupport.h"
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -43,22 +37,14 @@ ZV_FileBriefInfo Brief(const QB_UserID& creator, const char* szName)
 {
     QB_Array<QB_UserID> arrRight;
     arrRight.Add(kBob);
-    ZV_FileBriefInfo brief;
-    brief.SetCreatorID(creator);
-    brief.SetFileOldName(QB_StringU8(szName));
-    brief.SetFileLenth(10);
-    brief.SetPublic(false);
+    ZV_FileBriefInfo brief = ZV_Brief(creator, szName, 10, false);
     brief.SetRight(arrRight);
     return brief;
 }
 
 Bytes Add(uint16_t usFileID, const QB_UserID& user, const QB_UserID& creator, const char* szName = "evil.txt")
 {
-    ZV_AddRequest ask;
-    ask.usFileID = usFileID;
-    ask.user = user;
-    ask.brief = Brief(creator, szName);
-    return ZV_SavePayload(ask);
+    return ZV_AddAsk(usFileID, user, Brief(creator, szName));
 }
 
 Bytes AddFiles(uint16_t usFileID, const QB_UserID& user, const QB_UserID& creator)

@@ -1,20 +1,11 @@
 // The thirteen events to the user side, byte for byte, and the share of a
 // file that six of them carry.
-#include "ZV_FileShareMgrPeer.h"
-#include "ZV_FileShareSessionPeer.h"
-#include "ZV_PayloadCheck.h"
 #include "ZV_RecordingNode.h"
-#include "add/ZV_AddPdu.h"
-#include "core/ZV_FileShareMgr.h"
-#include "core/ZV_FileShareSession.h"
 #include "lists/ZV_ListPdu.h"
 #include "rights/ZV_RightsPdu.h"
 
-#include <gtest/gtest.h>
-
 #include <cmath>
 #include <cstring>
-#include <functional>
 #include <limits>
 #include <tuple>
 
@@ -121,13 +112,7 @@ TEST(Events, EachShareOfAFileFollowsItsRoadsFormulaForAThirdAndForAnEmptyFile)
         uint32_t Deliver(uint16_t usPdu, const Bytes& data) { return ZV_RecordingNode::Deliver(usPdu, 0, data); }
     };
     using Raise = std::function<void(Node&, uint32_t ulLength, uint32_t ulPos)>;
-    auto Brief = [&](uint32_t ulLength, bool bPublic) {
-        ZV_FileBriefInfo brief;
-        brief.SetCreatorID(kBob);
-        brief.SetFileLenth(ulLength);
-        brief.SetPublic(bPublic);
-        return brief;
-    };
+    auto Brief = [&](uint32_t ulLength, bool bPublic) { return ZV_Brief(kBob, nullptr, ulLength, bPublic); };
     auto Download = [&](Node& node, uint32_t ulLength, uint32_t ulPos) {
         ZV_FileDownloadInfo download;
         download.SetFileID(5);

@@ -1,13 +1,17 @@
-// The manager on its own: routing, FileIDs and link states,
-// against a host that records what the manager sends.
+// The manager on its own, against a host that records what it sends:
+// routing, FileIDs, who may see a file, and the exports that make it.
 #include "core/ZV_FileShareMgr.h"
+#include "core/ZV_ManagerRegistry.h"
 #include "ZV_FileShareMgrPeer.h"
 #include "core/ZV_FileShareSession.h"
 #include "ZV_RecordingHost.h"
+#include "ZV_ResultText.h"
 
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <set>
+#include <string>
 
 namespace {
 
@@ -164,4 +168,80 @@ TEST(UserCalls, WithoutAHostUserAndHostCallsGive32AndOnAReservedFileIDGive83)
     EXPECT_TRUE(host.m_vecSent.empty());
 }
 
-using LinkStates = ManagerFixture;
+using Session = ManagerFixture;
+
+TEST_F(Session, ShowsAFileToTheCreatorToListedUsersToEveryoneIfPublicAndToThePrivileged)
+{
+    const QB_UserID other(10002, 0);
+    struct
+    {
+        const char* szName;
+        bool bPublic;
+        bool bListed;
+        bool bCreator;
+        uint16_t usRole;
+        bool bVisible;
+    } aCases[] = {
+        {"nobody's file", false, false, false, 0, false}, {"public", true, false, false, 0, true},
+        {"on the list", false, true, false, 0, true},     {"creator", false, false, true, 0, true},
+        {"privileged", false, false, false, 1, true},     {"other role", false, false, false, 2, false},
+    };
+    for (const auto& c : aCases)
+    {
+        host.m_mapUsers.clear();
+        host.AddUser(host.m_LocalUser, 1, "ann", c.usRole);
+        ZV_FileBriefInfo brief;
+        brief.SetPublic(c.bPublic);
+        brief.SetCreatorID(c.bCreator ? host.m_LocalUser : other);
+        QB_Array<QB_UserID> arrRight;
+        arrRight.Add(other);
+        if (c.bListed)
+            arrRight.Add(host.m_LocalUser);
+        brief.SetRight(arrRight);
+        ZV_FileShareSession session(&mgr, "");
+        EXPECT_EQ(c.bVisible, session.IsFileVisible(brief)) << c.szName;
+    }
+}
+
+TEST(Exports, MakeAManagerOnlyForTheExactInterfaceNameAndHandItsUserSideForTypeFour)
+{
+    const char* const aszWrong[] = {
+        "IZV_FileShareMgr 1.0 ", "IZV_FileShareMgr 1.1", "IZV_FileShareMgr", "", "izv_filesharemgr 1.0",
+        "JZV_FileShareMgr 1.0",
+    };
+    const int nBefore = g_listFileShareMgr.GetCount();
+    for (const char* szName : aszWrong)
+        EXPECT_EQ(nullptr, zvCreateInstance(szName)) << '"' << szName << '"';
+    EXPECT_EQ(nullptr, zvCreateInstance(nullptr));
+    EXPECT_EQ(nBefore, g_listFileShareMgr.GetCount());
+
+    IZV_ConfModule* lpModule = zvCreateInstance("IZV_FileShareMgr 1.0");
+    ASSERT_NE(nullptr, lpModule);
+    EXPECT_EQ(4, lpModule->GetModuleType());
+    EXPECT_EQ(4, lpModule->m_usModuleType);
+    EXPECT_EQ(nullptr, lpModule->m_lpConf);
+    EXPECT_EQ(nBefore + 1, g_listFileShareMgr.GetCount());
+    void* lpFace = reinterpret_cast<void*>(1);
+    EXPECT_FALSE(lpModule->GetInterface(5, &lpFace));
+    EXPECT_EQ(nullptr, lpFace);
+    ASSERT_TRUE(lpModule->GetInterface(4, &lpFace));
+    EXPECT_NE(nullptr, lpFace);
+    zvDestroyInstance(lpModule);
+    EXPECT_EQ(nBefore, g_listFileShareMgr.GetCount());
+}
+
+// Every code the module gives has words of its own; anything else gets the
+// one text for a code it does not name.
+TEST(ResultText, SaysEveryCodeOfTheModuleInWordsOfItsOwn)
+{
+    const uint32_t aulCodes[] = {0, 1, 5, 6, 16, 32, 33, 40, 56, 60, 61, 62, 82, 83, 88, 90};
+    const std::string sUnnamed = zvResultText(2);
+    std::set<std::string> setTexts;
+    for (uint32_t ulCode : aulCodes)
+    {
+        const std::string sText = zvResultText(ulCode);
+        EXPECT_NE(sUnnamed, sText) << ulCode;
+        EXPECT_TRUE(setTexts.insert(sText).second) << ulCode << " shares its words: " << sText;
+    }
+    EXPECT_EQ(sUnnamed, zvResultText(0xFFFFFFFFu));
+}

@@ -1,26 +1,16 @@
 // A throw of the host or the user side at any call of a road that makes a
 // session or opens a file leaves no session, key, stored file, catalogue row
 // or open file of that road behind, and the road works the next time.
-#include "ZV_FileShareSessionPeer.h"
 #include "ZV_RecordingNode.h"
 #include "ZV_ThrowingHost.h"
 
-#include "add/ZV_AddPdu.h"
 #include "delete/ZV_DeletePdu.h"
 #include "download/ZV_DownloadPdu.h"
-#include "core/ZV_FileShareMgr.h"
-#include "ZV_FileShareMgrPeer.h"
-#include "core/ZV_FileShareSession.h"
 #include "rights/ZV_RightsPdu.h"
-#include "ZV_PayloadCheck.h"
 
 #include "QB_FaultEnv.h"
-#include "QB_TestSupport.h"
-
-#include <gtest/gtest.h>
 
 #include <filesystem>
-#include <functional>
 #include <string>
 
 namespace fs = std::filesystem;
@@ -36,12 +26,7 @@ constexpr uint32_t kLength = 5;
 
 ZV_FileBriefInfo Brief(const char* pszName)
 {
-    ZV_FileBriefInfo brief;
-    brief.SetCreatorID(kBob);
-    brief.SetFileOldName(QB_StringU8(pszName));
-    brief.SetFileLenth(kLength);
-    brief.SetPublic(true);
-    return brief;
+    return ZV_Brief(kBob, pszName, kLength);
 }
 
 // One node, server or client, with Alice as its local user and Bob homed
@@ -83,12 +68,7 @@ struct Node : ZV_BasicNode<ZV_ThrowingHost>
 
 Bytes AddRequest(uint16_t usFileID, uint32_t ulFloodSeq)
 {
-    ZV_AddRequest ask;
-    ask.usFileID = usFileID;
-    ask.user = kBob;
-    ask.ulFloodSeq = ulFloodSeq;
-    ask.brief = Brief("a.txt");
-    return ZV_SavePayload(ask);
+    return ZV_AddAsk(usFileID, kBob, Brief("a.txt"), ulFloodSeq);
 }
 
 Bytes AddAnswer()

@@ -1,19 +1,10 @@
 // The download road on one manager: the server's answer and pump, the
 // client's local file and blocks, the relay's store, against a recording host
 // and a file system that fails on demand.
-#include "ZV_FileShareSessionPeer.h"
-#include "add/ZV_AddPdu.h"
 #include "download/ZV_DownloadPdu.h"
-#include "core/ZV_FileShareMgr.h"
-#include "ZV_FileShareMgrPeer.h"
-#include "core/ZV_FileShareSession.h"
-#include "ZV_PayloadCheck.h"
-#include "ZV_RecordingHost.h"
+#include "ZV_RecordingNode.h"
 
 #include "QB_FaultEnv.h"
-#include "QB_TestSupport.h"
-
-#include <gtest/gtest.h>
 
 #include <filesystem>
 #include <map>
@@ -82,24 +73,20 @@ struct DownloadFixture : public ::testing::Test
         host.m_bServer = true;
         env.SetTick(5000);
     }
-    ZV_FileShareSession& AddSession()
+    ZV_FileShareSession& AddSession(const ZV_FileBriefInfo& brief = ZV_FileBriefInfo())
     {
-        ZV_FileShareSession& session = ZV_FileShareMgrPeer::Adopt(mgr, 5, QB_StringA(tmp.PathW()).GetString());
-        ZV_FileShareSessionPeer::FileID(session) = 5;
-        return session;
+        return ZV_AdoptFile(mgr, 5, QB_StringA(tmp.PathW()).GetString(), brief, "song.ogg");
     }
     // A stored "song.ogg" of 98305 bytes by Alice, of which ulWritePos have come.
     ZV_FileShareSession& AddStoredFile(uint32_t ulWritePos, bool bPublic = true)
     {
-        ZV_FileShareSession& session = AddSession();
         ZV_FileBriefInfo brief;
         brief.SetCreatorID(kAlice);
         brief.SetFileOldName(QB_StringU8("song.ogg"));
         brief.SetFileType(QB_StringU8("ogg"));
         brief.SetFileLenth(98305);
         brief.SetPublic(bPublic);
-        ZV_FileShareSessionPeer::FileInfo(session).SetFileNewName(QB_StringU8("song.ogg"));
-        ZV_FileShareSessionPeer::FileInfo(session).SetBriefInfo(brief);
+        ZV_FileShareSession& session = AddSession(brief);
         ZV_FileShareSessionPeer::FileInfo(session).SetFileWritePos(ulWritePos);
         ZV_FileShareSessionPeer::MaxPos(session) = ulWritePos;
         std::filesystem::create_directories(tmp.Sub("7"));
@@ -110,9 +97,7 @@ struct DownloadFixture : public ::testing::Test
     uint32_t Deliver(uint16_t usPdu, const Bytes& data, uint16_t usType = zvConfClientTypeCommand,
                      uint32_t ulConn = 100020, const QB_UserID& peer = kBob)
     {
-        ConfPduData cpd{peer.m_ulMain, peer.m_ulSub, ulConn, 0, usType, usPdu, 0, 0, 0, (uint32_t)data.size(),
-                        data.data()};
-        return mgr.HandlePdu(&cpd);
+        return ZV_Deliver(mgr, usPdu, usType, data, ulConn, peer);
     }
     void OnSend()
     {
@@ -482,10 +467,7 @@ TEST_F(Download, RelayWritesIntoItsOwnStoreWhateverPathTheRecordNames)
     Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, Answer(record, 0, self), zvConfServerTypeCommand, 20, upstream);
     const auto vecAsks = host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST);
     ASSERT_EQ(1u, vecAsks.size());
-    QB_ByteStream ask(vecAsks[0].data.data(), (int32_t)vecAsks[0].data.size());
-    ask.Skip(2 + 8);
-    ZV_FileDownloadInfo asked;
-    LoadDelimited(ask, asked);
+    const ZV_FileDownloadInfo asked = RecordOf(vecAsks[0].data);
     EXPECT_EQ(98305u, asked.m_ulFileLenth);
     EXPECT_EQ(QB_StringW(QB_ToWindowsPath(tmp.Sub("7/song.ogg"))), QB_StringW(asked.m_sFilePath + asked.m_sFileName));
 
@@ -568,18 +550,12 @@ TEST_F(Download, RelayWhoseStoredNameLeavesItsFolderAsksForNothing)
     EXPECT_FALSE(std::filesystem::exists(tmp.Sub("song.ogg")));
 }
 
-TEST_F(Download, FsDownloadAsksTheServerOnTheCommandLinkOrSaysWhyNot)
+// The target path goes in UTF-8, on the command link.
+TEST_F(Download, FsDownloadAsksTheServerOnTheCommandLink)
 {
     host.m_bServer = false;
-    IZV_FileShareMgr& fs = mgr;
-    EXPECT_EQ(82u, fs.FsDownload(5, u"C:\\x"));
-    ZV_FileShareMgrPeer::Sessions(mgr).SetAt(5, nullptr);
-    EXPECT_EQ(83u, fs.FsDownload(5, u"C:\\x"));
     AddSession();
-    host.m_ulCmdConn = zvConnNone;
-    EXPECT_EQ(16u, fs.FsDownload(5, u"C:\\x"));
-    host.m_ulCmdConn = 11;
-    EXPECT_EQ(0u, fs.FsDownload(5, u"C:\\Téléchargements\\a"));
+    EXPECT_EQ(0u, static_cast<IZV_FileShareMgr&>(mgr).FsDownload(5, u"C:\\Téléchargements\\a"));
     ASSERT_EQ(1u, host.m_vecSent.size());
     EXPECT_EQ(11u, host.m_vecSent[0].ulConn);
     EXPECT_EQ(Pdu().U16(5).User(QB_UserID(10001, 0)).U32(0).U8(22)
@@ -617,10 +593,7 @@ TEST_F(ClientDownload, AsksAgainFromItsPositionWhenNothingCameForTheWaitWhileThe
     env.SetTick(5000 + ZV_CLIENT_STALL_MS);
     mgr.OnTimer(12);
     ASSERT_EQ(1u, host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size());
-    const Bytes vbAsk = host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST)[0].data;
-    QB_ByteStream stream(vbAsk.data(), (int32_t)vbAsk.size());
-    ZV_DownloadAsk ask;
-    ask.Load(stream);
+    const auto ask = ZV_Parse<ZV_DownloadAsk>(host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST)[0].data);
     EXPECT_EQ(host.m_LocalUser, ask.user);
     EXPECT_EQ(record.m_sFilePath + record.m_sFileName, ask.sPath);
     EXPECT_EQ(32768u, ask.ulPos);

@@ -3,15 +3,9 @@
 // the catalogue, the clients and the fetches of the server that takes it.
 #include "ZV_RecordingNode.h"
 
-#include "ZV_FileShareMgrPeer.h"
-#include "core/ZV_FileShareSession.h"
-#include "ZV_FileShareSessionPeer.h"
-#include "add/ZV_AddPdu.h"
 #include "lists/ZV_ListPdu.h"
 
 #include "QB_FaultEnv.h"
-
-#include <gtest/gtest.h>
 
 #include <filesystem>
 #include <initializer_list>
@@ -117,38 +111,23 @@ TEST_F(FileList, AnswersALinkedServerWithItsFilesThenItsRecordsAndNobodyElse)
 // byte more opens a second. Names stay within what a record may hold.
 TEST_F(FileList, CutsFilesThatFillTheBufferToTheByteIntoOnePduAndOneByteMoreIntoTwo)
 {
-    QB_Array<ZV_FileUploadInfo> arrInfo;
-    QB_Array<bool> arrState;
-    QB_Array<uint32_t> arrMaxPos;
-    uint32_t ulSize = ZV_FileListResponse::kHeadSize;
     // Files whose stored names are nNameBytes long.
     auto fnFile = [](uint16_t usFileID, int nNameBytes) {
         ZV_FileUploadInfo info = PeerFile(usFileID, "file.bin", 100, 100, 3);
         info.SetFileNewName(QB_StringU8(std::string((size_t)nNameBytes, 'n').c_str()));
         return info;
     };
-    auto fnAdd = [&](int nNameBytes) {
-        arrInfo.Add(fnFile((uint16_t)(arrInfo.GetSize() + 1), nNameBytes));
+    const std::vector<int> vecName = ZV_NamesThatFill(ZV_FileListResponse::kHeadSize,
+                                                      [&](int n) { return ZV_FileListEntrySize(fnFile(1, n)); });
+    QB_Array<ZV_FileUploadInfo> arrInfo;
+    QB_Array<bool> arrState;
+    QB_Array<uint32_t> arrMaxPos;
+    for (int nName : vecName)
+    {
+        arrInfo.Add(fnFile((uint16_t)(arrInfo.GetSize() + 1), nName));
         arrState.Add(true);
         arrMaxPos.Add(100);
-        ulSize += ZV_FileListEntrySize(arrInfo[arrInfo.GetSize() - 1]);
-    };
-    std::vector<uint32_t> vecSize(1025);
-    for (int n = 1; n <= 1024; ++n)
-        vecSize[(size_t)n] = ZV_FileListEntrySize(fnFile(1, n));
-    while ((uint32_t)QB_PDU_BUFFER_SIZE - ulSize > 2 * vecSize[1024])
-        fnAdd(1000);
-    // The rest in two files whose names fit a record.
-    const uint32_t ulRest = (uint32_t)QB_PDU_BUFFER_SIZE - ulSize;
-    int nFirst = 0, nLast = 0;
-    for (int a = 1; a <= 1024 && nLast == 0; ++a)
-        for (int b = 1; b < 1024 && nLast == 0; ++b)
-            if (vecSize[(size_t)a] + vecSize[(size_t)b] == ulRest)
-                nFirst = a, nLast = b;
-    ASSERT_GT(nLast, 0);
-    fnAdd(nFirst);
-    fnAdd(nLast);
-    ASSERT_EQ((uint32_t)QB_PDU_BUFFER_SIZE, ulSize);
+    }
     const QB_Array<ZV_FileDownloadInfo> arrNone;
     ZV_FileShareMgrPeer::SendFileList(node.mgr, 5, kSelf, arrInfo, arrState, arrMaxPos, arrNone);
     std::vector<ZV_FileListResponse> vecParts = Answers();
@@ -156,7 +135,7 @@ TEST_F(FileList, CutsFilesThatFillTheBufferToTheByteIntoOnePduAndOneByteMoreInto
     EXPECT_EQ(arrInfo.GetSize(), vecParts[0].arrInfo.GetSize());
 
     node.host.m_vecSent.clear();
-    arrInfo[arrInfo.GetSize() - 1] = fnFile(77, nLast + 1);
+    arrInfo[arrInfo.GetSize() - 1] = fnFile(77, vecName.back() + 1);
     ZV_FileShareMgrPeer::SendFileList(node.mgr, 5, kSelf, arrInfo, arrState, arrMaxPos, arrNone);
     vecParts = Answers();
     ASSERT_EQ(3u, vecParts.size());
@@ -228,9 +207,7 @@ TEST_F(FileList, AnnouncesNewFilesToItsClientsAndThoseItCannotStoreInASeriesOfTh
     std::vector<std::vector<uint16_t>> vecSeries;
     for (const ZV_SentPdu& sent : node.host.SentOf(PDU_CONF_FS_ADD_FILES_RESPONSE))
     {
-        QB_ByteStream stream(sent.data.data(), (int32_t)sent.data.size());
-        ZV_AddFilesResponse answer;
-        answer.Load(stream);
+        const auto answer = ZV_Parse<ZV_AddFilesResponse>(sent.data);
         EXPECT_EQ(0, answer.bStartUpload);
         vecSeries.emplace_back(answer.arrFileID.GetData(), answer.arrFileID.GetData() + answer.arrFileID.GetSize());
     }
@@ -336,9 +313,7 @@ TEST_F(FileList, TakesOnlyTheRecordsOfDownloadersItDidNotKnow)
     const auto vecTold = node.host.SentOf(PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE);
     ASSERT_EQ(1u, vecTold.size());
     EXPECT_EQ(77u, vecTold[0].ulConn);
-    QB_ByteStream stream(vecTold[0].data.data(), (int32_t)vecTold[0].data.size());
-    ZV_DownloadListResponse told;
-    told.Load(stream);
+    const auto told = ZV_Parse<ZV_DownloadListResponse>(vecTold[0].data);
     EXPECT_EQ(kBob, told.user);
     ASSERT_EQ(1, told.arrInfo.GetSize());
     EXPECT_EQ(1001, told.arrInfo[0].m_usFileID);

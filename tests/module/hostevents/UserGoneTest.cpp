@@ -3,13 +3,7 @@
 // decided by the creator's home server, or here when that server cannot.
 #include "ZV_RecordingNode.h"
 
-#include "ZV_FileShareMgrPeer.h"
-#include "core/ZV_FileShareSession.h"
-#include "ZV_FileShareSessionPeer.h"
-
 #include "QB_FaultEnv.h"
-
-#include <gtest/gtest.h>
 
 #include <filesystem>
 
@@ -73,16 +67,12 @@ TEST(UserGone, EachLeaverEndsAsItsRoleAndHomeDecide)
                 node.host.AddUser(kAnn, (uint32_t)row.nAnnHome, "Ann");
             if (row.bHomeLinked)
                 node.host.m_setLinkedServer.insert(2);
-            ZV_FileShareSession& session = ZV_FileShareMgrPeer::Adopt(
-                node.mgr, 5, QB_StringA(QB_ToWindowsPath(node.tmp.Sub("store/"))).GetString());
-            Peer::FileID(session) = 5;
             ZV_FileBriefInfo brief;
             brief.SetCreatorID(kAnn);
             brief.SetFileLenth(1000);
             brief.SetFileState(row.usFileState);
-            Peer::FileInfo(session).SetFileID(5);
-            Peer::FileInfo(session).SetFileNewName(QB_StringU8("song.ogg"));
-            Peer::FileInfo(session).SetBriefInfo(brief);
+            ZV_FileShareSession& session = ZV_AdoptFile(
+                node.mgr, 5, QB_StringA(QB_ToWindowsPath(node.tmp.Sub("store/"))).GetString(), brief, "song.ogg");
             Peer::UploadDone(session) = row.bUploadDone;
             session.SetDownloadInfo(kBob, ActiveEntry(kBob));
             session.SetDownloadInfo(kCarol, ActiveEntry(kCarol));

@@ -4,22 +4,14 @@
 // with a file the server no longer lists.
 #include "ZV_RecordingNode.h"
 
-#include "ZV_FileShareMgrPeer.h"
-#include "core/ZV_FileShareSession.h"
-#include "ZV_FileShareSessionPeer.h"
-#include "add/ZV_AddPdu.h"
 #include "lists/ZV_ListPdu.h"
 #include "ZV_FilesAddedEvent.h"
-#include "ZV_PayloadCheck.h"
 
 #include "QB_FaultEnv.h"
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <array>
 #include <filesystem>
-#include <functional>
 #include <string>
 
 namespace {
@@ -69,33 +61,6 @@ ZV_FileDownloadInfo Record(uint16_t usFileID, const std::string& sFolder, const 
     return record;
 }
 
-// Name lengths, up to what a record may hold, whose entries fill the buffer
-// behind a head of ulHead bytes to the byte, as the sender counts them.
-std::vector<int> NamesThatFill(uint32_t ulHead, const std::function<uint32_t(int)>& fnSize)
-{
-    std::vector<uint32_t> vecSize(1025);
-    for (int n = 1; n <= 1024; ++n)
-        vecSize[(size_t)n] = fnSize(n);
-    std::vector<int> vecName;
-    uint32_t ulSize = ulHead;
-    while ((uint32_t)QB_PDU_BUFFER_SIZE - ulSize > 2 * vecSize[1024])
-    {
-        vecName.push_back(1000);
-        ulSize += vecSize[1000];
-    }
-    const uint32_t ulRest = (uint32_t)QB_PDU_BUFFER_SIZE - ulSize;
-    for (int a = 1; a <= 1024; ++a)
-        for (int b = 1; b <= 1024; ++b)
-            if (vecSize[(size_t)a] + vecSize[(size_t)b] == ulRest)
-            {
-                vecName.push_back(a);
-                vecName.push_back(b);
-                return vecName;
-            }
-    ADD_FAILURE() << "no two names fill the rest of " << ulRest;
-    return vecName;
-}
-
 struct SessionLists : ::testing::Test
 {
     QB_FaultEnv env;
@@ -108,13 +73,8 @@ struct SessionLists : ::testing::Test
     static ZV_FileShareSession& AddFile(ZV_RecordingNode& node, uint16_t usFileID, const ZV_FileBriefInfo& brief,
                                         int nNameBytes = 5)
     {
-        ZV_FileShareSession& session = ZV_FileShareMgrPeer::Adopt(node.mgr, usFileID, node.tmp.Path().c_str());
-        Peer::FileID(session) = usFileID;
-        Peer::FileInfo(session).SetFileID(usFileID);
-        Peer::FileInfo(session).SetFileNewName(QB_StringU8(std::string((size_t)nNameBytes, 'n').c_str()));
-        Peer::FileInfo(session).SetBriefInfo(brief);
-        Peer::BriefInfo(session) = brief;
-        return session;
+        return ZV_AdoptFile(node.mgr, usFileID, node.tmp.Path().c_str(), brief,
+                            std::string((size_t)nNameBytes, 'n').c_str());
     }
     static ZV_FileDownloadInfo Held(ZV_FileShareSession& session, const QB_UserID& user)
     {
@@ -183,7 +143,7 @@ TEST_F(SessionLists, AnUploadListThatFillsTheBufferIsOnePieceAndOneFileMoreIsTwo
     ZV_FileUploadInfo probe;
     probe.SetFileID(1);
     probe.SetBriefInfo(Brief(true));
-    const std::vector<int> vecName = NamesThatFill(ZV_UploadListResponse::kHeadSize, [&](int n) {
+    const std::vector<int> vecName = ZV_NamesThatFill(ZV_UploadListResponse::kHeadSize, [&](int n) {
         probe.SetFileNewName(QB_StringU8(std::string((size_t)n, 'n').c_str()));
         return ZV_UploadListEntrySize(probe);
     });
@@ -211,7 +171,7 @@ TEST_F(SessionLists, AnUploadListThatFillsTheBufferIsOnePieceAndOneFileMoreIsTwo
 TEST_F(SessionLists, ADownloadListThatFillsTheBufferIsOnePieceAndOneRecordMoreIsTwo)
 {
     ZV_RecordingNode node(true);
-    const std::vector<int> vecName = NamesThatFill(ZV_DownloadListResponse::kHeadSize, [&](int n) {
+    const std::vector<int> vecName = ZV_NamesThatFill(ZV_DownloadListResponse::kHeadSize, [&](int n) {
         return ZV_DownloadListEntrySize(Record(1, "C:\\dl\\", std::string((size_t)n, 'n'), zvDownloadStateRunning));
     });
     for (size_t i = 0; i < vecName.size(); ++i)
@@ -497,7 +457,7 @@ TEST_F(SessionLists, ABatchThatFillsTheEventBufferIsOneEventAndOneFileMoreIsTwo)
     };
     // Event number, result, and three counts of at most five bytes each.
     const std::vector<int> vecName =
-        NamesThatFill(2 + 4 + 3 * 5, [&](int n) { return Named(n).GetSaveSize() + 4 + 2 + 8; });
+        ZV_NamesThatFill(2 + 4 + 3 * 5, [&](int n) { return Named(n).GetSaveSize() + 4 + 2 + 8; });
     auto Told = [&](ZV_RecordingNode& node, uint16_t usFirst, size_t nFiles) {
         for (size_t i = 0; i < nFiles; ++i)
         {

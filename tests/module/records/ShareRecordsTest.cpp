@@ -1,4 +1,5 @@
 #include "QB_TestSupport.h"
+#include "ZV_PayloadCheck.h"
 #include "records/ZV_FileBriefInfo.h"
 #include "records/ZV_FileDownloadInfo.h"
 #include "records/ZV_FileUploadInfo.h"
@@ -14,15 +15,6 @@ using Bytes = std::vector<uint8_t>;
 using StreamFn = std::function<void(QB_ByteStream&)>;
 
 namespace {
-
-Bytes FromHex(const std::string& sHex)
-{
-    Bytes bytes;
-    for (size_t i = 0; i + 1 < sHex.size(); ++i)
-        if (sHex[i] != ' ')
-            bytes.push_back((uint8_t)std::stoi(sHex.substr(i++, 2), nullptr, 16));
-    return bytes;
-}
 
 std::string Written(const StreamFn& fnSave)
 {
@@ -59,7 +51,7 @@ std::string Saved(const TRecord& record)
 template <typename TRecord>
 std::string Resaved(const std::string& sHex)
 {
-    Bytes bytes = FromHex(sHex);
+    Bytes bytes = ZV_FromHex(sHex);
     TRecord record;
     EXPECT_EQ(Read(bytes, [&](QB_ByteStream& s) { record.Load(s); }), (int32_t)bytes.size());
     return Saved(record);
@@ -172,7 +164,7 @@ TEST(ShareRecords, WriteEachSetFieldInBitOrderAndReadTheSameBytesBack)
 TEST(ShareRecords, RaiseTheirDirectionsFailureOnEveryCutOfTheirBytes)
 {
     for (const RecordCase& c : RecordCases())
-        for (size_t n = 0; n < FromHex(c.sHex).size(); ++n)
+        for (size_t n = 0; n < ZV_FromHex(c.sHex).size(); ++n)
         {
             SCOPED_TRACE(std::string(c.pszName) + ", cut at " + std::to_string(n));
             EXPECT_EQ(FailureOf([&] { c.fnResave(c.sHex.substr(0, 3 * n)); }), QB_STREAM_LOAD_FAILURE);
@@ -186,13 +178,13 @@ TEST(ShareRecords, RaiseTheirDirectionsFailureOnEveryCutOfTheirBytes)
 TEST(DelimitedRecord, ReaderLandsAtItsEndPastBytesItDoesNotKnowAndANestedOneMustEndInsideItsParent)
 {
     ZV_FileDownloadInfo download;
-    EXPECT_EQ(Read(FromHex("0a 00 00 00 05 00 02 01 aa bb 99"), [&](QB_ByteStream& s) { LoadDelimited(s, download); }),
+    EXPECT_EQ(Read(ZV_FromHex("0a 00 00 00 05 00 02 01 aa bb 99"), [&](QB_ByteStream& s) { LoadDelimited(s, download); }),
               10);
     EXPECT_EQ(download.m_usFileID, 0x0102);
     ZV_FileUploadInfo upload;
-    EXPECT_EQ(Read(FromHex("0b 00 00 00 10 06 00 00 00 01 00"), [&](QB_ByteStream& s) { LoadDelimited(s, upload); }), 11);
+    EXPECT_EQ(Read(ZV_FromHex("0b 00 00 00 10 06 00 00 00 01 00"), [&](QB_ByteStream& s) { LoadDelimited(s, upload); }), 11);
     EXPECT_EQ(upload.m_ullMask, ZV_UPLOAD_BRIEF_INFO);
-    Bytes overhangs = FromHex("0b 00 00 00 10 08 00 00 00 01 00 00 00");
+    Bytes overhangs = ZV_FromHex("0b 00 00 00 10 08 00 00 00 01 00 00 00");
     EXPECT_EQ(FailureOf([&] { Read(overhangs, [&](QB_ByteStream& s) { LoadDelimited(s, upload); }); }),
               QB_STREAM_LOAD_FAILURE);
 }
@@ -202,7 +194,7 @@ TEST(DelimitedRecord, RefusesALengthOutsideItsViewBeforeReadingAnyField)
     for (const char* pszLength : {"00 00 00 00", "03 00 00 00", "07 00 00 00", "ff ff ff 7f", "00 00 00 80", "ff ff ff ff"})
     {
         ZV_FileBriefInfo brief = FullBrief();
-        Bytes bytes = FromHex(std::string(pszLength) + " 01 00");
+        Bytes bytes = ZV_FromHex(std::string(pszLength) + " 01 00");
         QB_ByteStream stream(bytes.data(), (int32_t)bytes.size());
         EXPECT_EQ(FailureOf([&] { LoadDelimited(stream, brief); }), QB_STREAM_LOAD_FAILURE) << pszLength;
         EXPECT_EQ(stream.GetPos(), 0) << "back at the element's start";

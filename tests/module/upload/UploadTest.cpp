@@ -1,19 +1,11 @@
 // The upload road on one manager: the creator's pump and start, the server's
 // writes at its write position, against a recording host and a file system
 // that fails on demand.
-#include "ZV_FileShareSessionPeer.h"
-#include "core/ZV_FileShareMgr.h"
-#include "ZV_FileShareMgrPeer.h"
-#include "core/ZV_FileShareSession.h"
 #include "lists/ZV_ListPdu.h"
 #include "control/ZV_ControlPdu.h"
-#include "wire/ZV_PduFrame.h"
-#include "ZV_RecordingHost.h"
+#include "ZV_RecordingNode.h"
 
 #include "QB_FaultEnv.h"
-#include "QB_TestSupport.h"
-
-#include <gtest/gtest.h>
 
 #include <filesystem>
 
@@ -29,14 +21,6 @@ using Pdu = ZV_Pdu;
 Bytes Slice(const Bytes& data, size_t nPos, size_t nLen)
 {
     return Bytes(data.begin() + nPos, data.begin() + std::min(data.size(), nPos + nLen));
-}
-// The payloads of all PDUs sent, or of all events raised, end to end.
-template <class T> Bytes Joined(const std::vector<T>& vec)
-{
-    Bytes all;
-    for (const auto& item : vec)
-        all.insert(all.end(), item.data.begin(), item.data.end());
-    return all;
 }
 
 // 8005 with a data block, and 8006, as the wire has them.
@@ -75,12 +59,10 @@ struct UploadFixture : public ::testing::Test
         std::filesystem::create_directories(tmp.Sub("log"));
         std::filesystem::create_directories(tmp.Sub("7"));
         data = ZV_TestBytes(nSize, (unsigned)nSize);
-        lpSession = &ZV_FileShareMgrPeer::Adopt(mgr, 5, QB_StringA(tmp.PathW()).GetString());
-        ZV_FileShareSessionPeer::FileID(*lpSession) = 5;
-        ZV_FileShareSessionPeer::BriefInfo(*lpSession).SetCreatorID(kAlice);
-        ZV_FileShareSessionPeer::BriefInfo(*lpSession).SetFileLenth((uint32_t)nSize);
-        ZV_FileShareSessionPeer::FileInfo(*lpSession).SetBriefInfo(ZV_FileShareSessionPeer::BriefInfo(*lpSession));
-        ZV_FileShareSessionPeer::FileInfo(*lpSession).SetFileNewName(QB_StringU8("song.ogg"));
+        ZV_FileBriefInfo brief;
+        brief.SetCreatorID(kAlice);
+        brief.SetFileLenth((uint32_t)nSize);
+        lpSession = &ZV_AdoptFile(mgr, 5, QB_StringA(tmp.PathW()).GetString(), brief, "song.ogg");
         if (bServer)
             return;
         QB_WriteWholeFile(tmp.Sub("song.ogg"), data);
@@ -92,9 +74,7 @@ struct UploadFixture : public ::testing::Test
     }
     uint32_t Deliver(uint16_t usPdu, const Bytes& payload, const QB_UserID& peer = kAlice, uint32_t ulConn = 100024)
     {
-        ConfPduData cpd{peer.m_ulMain, peer.m_ulSub, ulConn, 0, zvConfClientTypeData, usPdu, 0, 0, 0,
-                        (uint32_t)payload.size(), payload.data()};
-        return mgr.HandlePdu(&cpd);
+        return ZV_Deliver(mgr, usPdu, zvConfClientTypeData, payload, ulConn, peer);
     }
     // One call of the host for Alice's data link; the blocks it sent.
     std::vector<ZV_SentPdu> OnSend()
@@ -135,7 +115,7 @@ TEST_F(Upload, FsUploadStartsThePumpWhichSendsThreeBlocksPerCallUntilTheSharedLe
         EXPECT_EQ(11u, host.m_vecSent[1].ulConn);
         EXPECT_EQ(Pdu().U16(5).User(kAlice).U32(0).U8(1).b, host.m_vecSent[1].data) << "the start marker";
         // 3008 with 0.0 percent, whose eight bytes are all zero.
-        EXPECT_EQ(Pdu().U16(zvFsEventUploadProgress).U32(0).U16(5).U32(0).U32(0).b, Joined(host.m_vecEvents));
+        EXPECT_EQ(Pdu().U16(zvFsEventUploadProgress).U32(0).U16(5).U32(0).U32(0).b, ZV_Joined(host.m_vecEvents));
 
         uint32_t ulPos = 0;
         for (size_t nBlocks : c.vecCalls)
@@ -202,8 +182,8 @@ TEST_F(Upload, ClientThatCannotReadItsFileFailsAndSaysSoUnlessTheServerHoldsItAl
                   ZV_FileShareSessionPeer::BriefInfo(*lpSession).m_usFileState)
             << c.szName;
         EXPECT_EQ(bReported ? Pdu().U16(5).User(kAlice).U32(0).U32(c.ulReadPos).b : Bytes(),
-                  Joined(host.SentOf(PDU_CONF_FS_UPLOAD_ERROR_REQUEST))) << c.szName << ": 8035";
-        EXPECT_EQ(bReported ? Pdu().U16(zvFsEventTransferError).U32(61).U16(5).b : Bytes(), Joined(host.m_vecEvents))
+                  ZV_Joined(host.SentOf(PDU_CONF_FS_UPLOAD_ERROR_REQUEST))) << c.szName << ": 8035";
+        EXPECT_EQ(bReported ? Pdu().U16(zvFsEventTransferError).U32(61).U16(5).b : Bytes(), ZV_Joined(host.m_vecEvents))
             << c.szName;
         sLog += bReported ? "2011-03-16 07:21:48 : ZV_FileShareMgr.OnSend ret = 61 \r\n" : "";
         EXPECT_EQ(sLog, ClientLog()) << c.szName;
@@ -236,10 +216,10 @@ TEST_F(Upload, ServerTakesTheStartMarkerThenWritesOnlyAtItsWritePositionAsksOnce
     EXPECT_EQ(100024u, host.SentOf(PDU_CONF_FS_UPLOAD_RESPONSE)[0].ulConn);
     EXPECT_EQ(zvFileStateComplete, Row().m_usFileState);
     // To the clients: uploading at the first block, complete at the last.
-    EXPECT_EQ((Bytes{1, 5, 0, 1, 0, 1, 1, 5, 0, 3, 0, 1}), Joined(host.SentOf(PDU_CONF_FS_FILE_STATE_NOTICE)));
+    EXPECT_EQ((Bytes{1, 5, 0, 1, 0, 1, 1, 5, 0, 3, 0, 1}), ZV_Joined(host.SentOf(PDU_CONF_FS_FILE_STATE_NOTICE)));
     EXPECT_EQ("group", host.SentOf(PDU_CONF_FS_FILE_STATE_NOTICE)[0].sRoute);
     EXPECT_EQ(Pdu().U16(7).U16(5).User(QB_UserID(1, 0)).U32(101).b,
-              Joined(host.SentOf(PDU_CONF_FS_UPLOAD_FINISH_Response)));
+              ZV_Joined(host.SentOf(PDU_CONF_FS_UPLOAD_FINISH_Response)));
     EXPECT_EQ(4u, host.SentOf(PDU_CONF_FS_PROGRESSING_RESPONSE).size()) << "one per block that moved the position";
 }
 
@@ -259,7 +239,7 @@ TEST_F(Upload, ServerRefusesABlockItCannotTakeAndTheNextBlockShowsWhatItRemember
         if (c.eFault != QB_EnvOp::Count_)
             env.FailAt(c.eFault, 1);
         Deliver(PDU_CONF_FS_UPLOAD_REQUEST, Block(0, ZV_TestBytes(c.nLen, 9), c.sender), c.sender);
-        EXPECT_EQ(Answer(c.ulResult, 0, c.sender), Joined(host.SentOf(PDU_CONF_FS_UPLOAD_RESPONSE))) << c.szName;
+        EXPECT_EQ(Answer(c.ulResult, 0, c.sender), ZV_Joined(host.SentOf(PDU_CONF_FS_UPLOAD_RESPONSE))) << c.szName;
         EXPECT_EQ(c.usState, Row().m_usFileState) << c.szName;
         EXPECT_EQ(0u, Stored().size()) << c.szName;
 
@@ -282,7 +262,7 @@ TEST_F(Upload, AClientTakesAnUploadAnswerOnlyAboutItsUsersOwnFile)
         ZV_FileShareSessionPeer::BriefInfo(*lpSession).SetPublic(true);
         Deliver(PDU_CONF_FS_UPLOAD_RESPONSE, Answer(40, 0));
         EXPECT_EQ(creator == kAlice ? Pdu().U16(zvFsEventTransferError).U32(40).U16(5).b : Bytes(),
-                  Joined(host.m_vecEvents)) << creator.m_ulMain;
+                  ZV_Joined(host.m_vecEvents)) << creator.m_ulMain;
     }
 }
 
@@ -327,12 +307,8 @@ TEST_F(Upload, TheCreatorsClientKeepsItsOwnRunOrStopAgainstTheServersListAndTell
         entry.SetBriefInfo(brief);
         list.arrInfo.Add(entry);
         list.arrMaxPos.Add(40000);
-        ZV_PduBuffer pdu;
-        list.Save(pdu.Stream());
-        const Bytes payload(pdu.Payload(), pdu.Payload() + pdu.PayloadLength());
-        ConfPduData cpd{0, 0, 11, 0, zvConfClientTypeCommand, PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE, 0, 0, 0,
-                        (uint32_t)payload.size(), payload.data()};
-        mgr.HandlePdu(&cpd);
+        ZV_Deliver(mgr, PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE, zvConfClientTypeCommand, ZV_SavePayload(list), 11,
+                   QB_UserID(0, 0));
 
         ZV_FsFileInfo info{};
         ASSERT_EQ(0u, static_cast<IZV_FileShareMgr&>(mgr).FsGetFileInfoByFileID(5, &info));

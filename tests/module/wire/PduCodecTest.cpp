@@ -3,11 +3,16 @@
 // back, and fails on every cut of them.
 #include "add/ZV_AddPdu.h"
 #include "control/ZV_ControlPdu.h"
+#include "delete/ZV_DeletePdu.h"
 #include "download/ZV_DownloadPdu.h"
 #include "core/ZV_FileShareMgr.h"
 #include "core/ZV_FileShareSession.h"
-#include "ZV_PayloadCheck.h"
+#include "lists/ZV_ListPdu.h"
+#include "rights/ZV_EntryPdu.h"
+#include "rights/ZV_RightsPdu.h"
 #include "upload/ZV_UploadPdu.h"
+#include "wire/ZV_CutList.h"
+#include "ZV_PayloadCheck.h"
 
 #include <gtest/gtest.h>
 
@@ -26,9 +31,30 @@ struct Row
 };
 
 template <typename T>
+Row Case(const char* pszName, const T& value, const Bytes& expected)
+{
+    return {pszName, [value, expected] { ZV_ExpectPayload(value, expected); }};
+}
+template <typename T>
 Row Case(const char* pszName, const T& value, const std::string& sHex)
 {
-    return {pszName, [value, sHex] { ZV_ExpectPayload(value, ZV_FromHex(sHex)); }};
+    return Case(pszName, value, ZV_FromHex(sHex));
+}
+
+Bytes Join(std::initializer_list<Bytes> parts)
+{
+    Bytes out;
+    for (const Bytes& part : parts)
+        out.insert(out.end(), part.begin(), part.end());
+    return out;
+}
+
+QB_Array<QB_UserID> Users(std::initializer_list<QB_UserID> users)
+{
+    QB_Array<QB_UserID> arr;
+    for (const QB_UserID& user : users)
+        arr.Add(user);
+    return arr;
 }
 
 void Walk(const std::vector<Row>& rows)
@@ -42,6 +68,10 @@ void Walk(const std::vector<Row>& rows)
 
 const QB_UserID kUser(0x01020304, 5);
 const char* const kUserHex = "04 03 02 01 05 00 00 00 ";
+const QB_UserID kAnn(0x11223344, 0x55);
+const QB_UserID kBen(0x01, 0x02);
+const Bytes kAnnBytes = {0x44, 0x33, 0x22, 0x11, 0x55, 0x00, 0x00, 0x00};
+const Bytes kBenBytes = {0x01, 0x00, 0x00, 0x00, 0x02, 0x00, 0x00, 0x00};
 const uint8_t kData[] = {0xaa, 0xbb, 0xcc};
 
 // FileID 0x0107 routed and answered, result 40, the user.
@@ -225,4 +255,198 @@ TEST(PduCodec, ControlPayloadsAreTheirExactBytes)
         Case("8036", failure, "07 01 00 00 00 00 07 01"),
         Case("8052", notice, "02 07 01 08 01 03 00 01"),
     });
+}
+
+TEST(PduCodec, DeleteEntryAndRightsPayloadsAreTheirExactBytes)
+{
+    ZV_DelUploadRequest del;
+    del.usFileID = 0x0102;
+    del.user = kAnn;
+    del.ulFloodSeq = 0x0A0B0C0D;
+    ZV_DelUploadResponse deleted;
+    deleted.head = ZV_AnswerHead{0x0102, 40, 0x0102, kAnn};
+    deleted.ulFloodSeq = 7;
+    ZV_EntryRequest entry;
+    entry.usFileID = 0x0203;
+    entry.user = kBen;
+    entry.ulFloodSeq = 0x100;
+    ZV_SetRightRequest rights;
+    rights.head = entry;
+    rights.bPublic = 0;
+    rights.arrAdd = Users({kAnn, kBen});
+    rights.arrRemove = Users({kBen});
+    // A success carries the empty description, delimited, and the position;
+    // a refusal ends behind the user.
+    ZV_SetRightResponse granted;
+    granted.usFileID = 0x0005;
+    granted.user = kAnn;
+    granted.ulMaxPos = 10000;
+    ZV_SetRightResponse refused = granted;
+    refused.ulResult = 40;
+    ZV_SetFilesRightRequest batch;
+    batch.arrFileID.Add(5);
+    batch.arrFileID.Add(0x0102);
+    batch.user = kAnn;
+    batch.ulFloodSeq = 9;
+    batch.bPublic = 1;
+    batch.arrAdd = Users({kBen});
+    ZV_SetFilesRightRefusal batchRefused;
+    batchRefused.arrFileID.Add(5);
+    batchRefused.ulResult = 82;
+    batchRefused.user = kAnn;
+    batchRefused.ulFloodSeq = 9;
+    const Bytes kEntryHead = Join({{0x03, 0x02}, kBenBytes, {0x00, 0x01, 0x00, 0x00}});
+    Walk({
+        Case("8008", del, Join({{0x02, 0x01}, kAnnBytes, {0x0D, 0x0C, 0x0B, 0x0A}})),
+        Case("8009", deleted, Join({{0x02, 0x01, 40, 0, 0, 0, 0x02, 0x01}, kAnnBytes, {0x07, 0x00, 0x00, 0x00}})),
+        Case("8010, 8037", entry, kEntryHead),
+        Case("8003", rights, Join({kEntryHead, {0x00, 0x02}, kAnnBytes, kBenBytes, {0x01}, kBenBytes})),
+        Case("8004 success", granted,
+             Join({{0, 0, 0, 0, 0x05, 0x00}, kAnnBytes, {0x06, 0x00, 0x00, 0x00, 0x01, 0x00, 0x10, 0x27, 0x00, 0x00}})),
+        Case("8004 refusal", refused, Join({{40, 0, 0, 0, 0x05, 0x00}, kAnnBytes})),
+        Case("8040", batch,
+             Join({{0x02, 0x05, 0x00, 0x02, 0x01}, kAnnBytes, {0x09, 0x00, 0x00, 0x00, 0x01, 0x01}, kBenBytes, {0x00}})),
+        Case("8041", batchRefused,
+             Join({{0x01, 0x05, 0x00, 82, 0, 0, 0, 0x01, 0x05, 0x00}, kAnnBytes, {0x09, 0x00, 0x00, 0x00}})),
+    });
+}
+
+TEST(PduCodec, ListPayloadsAreTheirExactBytes)
+{
+    ZV_ListRequest ask;
+    ask.usFileID = 0x0102;
+    ask.user = kAnn;
+    ZV_FileUploadInfo info;
+    info.SetFileID(0x0304);
+    info.SetFileWritePos(0x0A0B0C0D);
+    ZV_UploadListResponse upload;
+    upload.usRouteID = 0x0102;
+    upload.usFileID = 0x0102;
+    upload.user = kAnn;
+    upload.arrInfo.Add(info);
+    upload.arrMaxPos.Add(0x11121314);
+    upload.bLast = 1;
+    ZV_UploadListResponse refusal;
+    refusal.usRouteID = 0x0102;
+    refusal.ulResult = 40;
+    ZV_FileDownloadInfo record;
+    record.SetFileID(0x0304);
+    record.SetState(2);
+    ZV_DownloadListResponse download;
+    download.user = kAnn;
+    download.arrInfo.Add(record);
+    download.arrModify.Add(true);
+    ZV_FileListRequest servers;
+    servers.requester = kAnn;
+    ZV_FileListResponse files;
+    files.sender = kAnn;
+    files.arrInfo.Add(info);
+    files.arrState.Add(true);
+    files.arrMaxPos.Add(0x11121314);
+    ZV_FileListResponse records;
+    records.sender = kAnn;
+    records.bUploadList = 0;
+    records.arrDownload.Add(record);
+    // The upload record: its length word, the 1-byte mask of bits 0 and 3,
+    // FileID, write position. The download record: the 2-byte mask of bits
+    // 0 and 10, FileID, state.
+    const Bytes kUploadRecord = {0x01, 0x0B, 0, 0, 0, 0x24, 0x04, 0x03, 0x0D, 0x0C, 0x0B, 0x0A};
+    const Bytes kDownloadRecord = {0x01, 0x0A, 0, 0, 0, 0x05, 0x10, 0x04, 0x03, 0x02, 0x00};
+    Walk({
+        Case("8027", ask, Join({{0x02, 0x01}, kAnnBytes})),
+        Case("8028", upload, Join({{0x02, 0x01, 0, 0, 0, 0, 0x02, 0x01}, kAnnBytes, kUploadRecord,
+                                   {0x01, 0x14, 0x13, 0x12, 0x11}, {0x01}})),
+        Case("8028 refusal", refusal, Bytes{0x02, 0x01, 40, 0, 0, 0}),
+        Case("8030", download, Join({{0, 0, 0, 0}, kAnnBytes, kDownloadRecord, {0x01, 0x01}})),
+        Case("8031", servers, kAnnBytes),
+        // A server's files: result, sender, the flag 1, the records, one flag
+        // and one position each; its download records: the flag 0 and the
+        // records alone.
+        Case("8032 files", files, Join({{0, 0, 0, 0}, kAnnBytes, {0x01}, kUploadRecord, {0x01, 0x01},
+                                        {0x01, 0x14, 0x13, 0x12, 0x11}})),
+        Case("8032 records", records, Join({{0, 0, 0, 0}, kAnnBytes, {0x00}, kDownloadRecord})),
+    });
+
+    // A peer that sends more flags than records gets the common part.
+    download.arrModify.Add(false);
+    const Bytes vbSaved = ZV_SavePayload(download);
+    QB_ByteStream stream(vbSaved.data(), (int32_t)vbSaved.size());
+    ZV_DownloadListResponse loaded;
+    loaded.Load(stream);
+    EXPECT_EQ(1, loaded.arrInfo.GetSize());
+    EXPECT_EQ(1, loaded.arrModify.GetSize());
+
+    // An empty upload list is one last piece.
+    std::vector<Bytes> vecPdu;
+    ZV_CutList(ZV_UploadListResponse::kHeadSize, 0, [](int) { return 0u; }, [&](int, int, bool bLast) {
+        ZV_UploadListResponse part;
+        part.usRouteID = part.usFileID = 0;
+        part.bLast = bLast ? 1 : 0;
+        vecPdu.push_back(ZV_SavePayload(part));
+    });
+    ASSERT_EQ(1u, vecPdu.size());
+    EXPECT_EQ(Join({Bytes(16, 0), {0x00, 0x00, 0x01}}), vecPdu[0]);
+}
+
+// What the cut counts for each entry: the mask word as 6 and a user as 12,
+// each text with its count form, so a counted list always fits its PDU.
+TEST(PduCodec, ListEntriesAreCountedFieldByFieldAndNeverBelowTheirBytes)
+{
+    QB_Array<QB_UserID> arrRight;
+    arrRight.Add(kAnn);
+    arrRight.Add(kAnn);
+    ZV_FileBriefInfo full;
+    full.SetCreatorID(kAnn);
+    full.SetCreatorName("Ann");
+    full.SetFilePath("C:\\d\\");
+    full.SetFileOldName("a.txt");
+    full.SetFileType("txt");
+    full.SetFileLenth(9);
+    full.SetShareTime(QB_DateTimeEx());
+    full.SetModifyTime(QB_DateTimeEx());
+    full.SetFileState(zvFileStateComplete);
+    full.SetRight(arrRight);
+    full.SetPublic(true);
+    ZV_FileBriefInfo longName;
+    longName.SetFileOldName(QB_StringU8(std::string(200, 'n').c_str()));
+    ZV_FileBriefInfo noRight;
+    noRight.SetRight(QB_Array<QB_UserID>());
+    // 6, 12, 1+3, 1+5, 1+5, 1+3, 4, 8, 8, 2, 4+2*12, 1.
+    EXPECT_EQ(89u, full.GetSaveSize());
+    EXPECT_EQ(6u, ZV_FileBriefInfo().GetSaveSize());
+    EXPECT_EQ(6u + 2 + 200, longName.GetSaveSize());
+    EXPECT_EQ(10u, noRight.GetSaveSize());
+    EXPECT_LE(ZV_SavePayload(full).size(), 89u);
+
+    ZV_FileBriefInfo length;
+    length.SetFileLenth(5);
+    ZV_FileUploadInfo upload;
+    upload.SetFileID(7);
+    upload.SetFileNewName("a(1).txt");
+    upload.SetBriefInfo(length);
+    upload.SetFileWritePos(5);
+    // 5, 2, 1+8, 6+4, 4; then the position in 8028, the flag and the
+    // position in 8032.
+    EXPECT_EQ(34u, ZV_UploadListEntrySize(upload));
+    EXPECT_EQ(35u, ZV_FileListEntrySize(upload));
+    EXPECT_LE(ZV_SavePayload(upload).size() + 4, 34u);
+
+    ZV_FileDownloadInfo download;
+    download.SetFileID(0x0102);
+    download.SetFilePath("D:\\");
+    download.SetFileFullName("a.txt");
+    download.SetFileName("b.txt");
+    download.SetFileType("txt");
+    download.SetFileLenth(1000);
+    download.SetUsedTime(250);
+    download.SetLastTick(1);
+    download.SetShareTime(QB_DateTimeEx());
+    download.SetDownloadPos(500);
+    download.SetState(zvDownloadStateRunning);
+    download.SetStopped(true);
+    download.SetActive(false);
+    download.SetUserID(kAnn);
+    // 6, 2, 1+3, 1+5, 1+5, 1+3, 4*4, 8, 2, 1, 1, 12; then the modify flag.
+    EXPECT_EQ(69u, ZV_DownloadListEntrySize(download));
+    EXPECT_LE(ZV_SavePayload(download).size() + 1, 69u);
 }
