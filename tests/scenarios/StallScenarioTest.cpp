@@ -1,5 +1,5 @@
-// Nothing waits for good: transfers whose word got lost on the way, or that
-// stand still by the user's hand, go on or stop counting as busy.
+// Nothing waits for good: transfers whose word got lost go on, and those
+// that stand still by the user's hand stop counting as busy.
 #include "ZV_SceneFixture.h"
 
 #include "core/ZV_FileShareSession.h"
@@ -10,14 +10,7 @@ namespace {
 
 struct StallScene : ZV_Scene
 {
-    bool IsBusy(ZV_SimHost* lpClient) { return !ZV_FileShareMgrPeer::BusyFileIDs(*Manager(lpClient)).IsEmpty(); }
-    // Past the client's wait for a file that stands still.
     void WaitOut() { ASSERT_TRUE(sim.AdvanceTime(ZV_CLIENT_STALL_MS + 1000)) << sim.GetError(); }
-    ZV_Bytes StoredOn(ZV_SimHost* lpServer, uint16_t usFileID)
-    {
-        ZV_FileUploadInfo row;
-        return Row(lpServer, usFileID, row) ? QB_ReadWholeFile(Stored(lpServer, row)) : ZV_Bytes();
-    }
     size_t Asked(ZV_SimHost* lpClient)
     {
         return sim.Journal().Pdus(PDU_CONF_FS_DOWNLOAD_REQUEST, lpClient->GetName()).size();
@@ -26,8 +19,6 @@ struct StallScene : ZV_Scene
 
 } // namespace
 
-// The server says the empty file is whole: its creator is no longer busy
-// with it, and a download of it is finished as soon as it is answered.
 TEST_F(StallScene, AnEmptyFileIsWholeAtOnceForItsCreatorAndItsDownloader)
 {
     Build();
@@ -40,9 +31,6 @@ TEST_F(StallScene, AnEmptyFileIsWholeAtOnceForItsCreatorAndItsDownloader)
     EXPECT_FALSE(IsBusy(Bob()));
 }
 
-// An upload started again, or resumed, once the server holds the whole file
-// has nothing to send: it ends without a transfer error, and its creator
-// stops counting as busy after the wait.
 TEST_F(StallScene, AnUploadStartedAgainOrResumedAfterItEndedEndsWithoutAnError)
 {
     Build();
@@ -64,9 +52,6 @@ TEST_F(StallScene, AnUploadStartedAgainOrResumedAfterItEndedEndsWithoutAnError)
     EXPECT_EQ(zvFileStateComplete, row.m_BriefInfo.m_usFileState);
 }
 
-// Resuming a download that was never asked for, or one of a file the user
-// may no longer see, makes the client busy with nothing to come: only
-// until the wait is out.
 TEST_F(StallScene, AResumeOfADownloadNeverAskedOrOfAHiddenFileStopsCountingAsBusy)
 {
     Build();
@@ -86,9 +71,8 @@ TEST_F(StallScene, AResumeOfADownloadNeverAskedOrOfAHiddenFileStopsCountingAsBus
     EXPECT_FALSE(std::filesystem::exists(Target(Bob(), usFileID)));
 }
 
-// The start that Carol's download sent to Alice through the other server
-// was lost with the link between them. Once it is back, the timer of Alice's
-// server finds the file awaited and starts the upload.
+// The start of Carol's download was lost with the server link; once it is
+// back, the timer of Alice's server finds the file awaited.
 TEST_F(StallScene, ADownloadWhoseStartWasLostBeginsOnceTheLinkIsBack)
 {
     Build(true);
@@ -104,9 +88,8 @@ TEST_F(StallScene, ADownloadWhoseStartWasLostBeginsOnceTheLinkIsBack)
     EXPECT_FALSE(IsBusy(lpCarol));
 }
 
-// A server link that comes back has each server set its files against the
-// other's and announce them again to its clients. Bob's download of one of
-// them goes on where it stood, asked for once.
+// A server link that comes back has its files announced again; Bob's
+// download goes on where it stood, asked for once.
 TEST_F(StallScene, AServerLinkThatComesBackLeavesAClientsDownloadRunning)
 {
     Build(true);
@@ -123,10 +106,8 @@ TEST_F(StallScene, AServerLinkThatComesBackLeavesAClientsDownloadRunning)
     EXPECT_FALSE(IsBusy(Bob()));
 }
 
-// While Bob was away his partly downloaded file was deleted. The list he is
-// given on his return does not name it: the download ends, partial file and
-// all. Then the same happens, but the FileID is given to another file
-// meanwhile: the list names the new file, and the old download ends alike.
+// Bob's partly downloaded file was deleted, or its FileID given to another
+// file, while he was away: on his return the old download ends, file and all.
 TEST_F(StallScene, AFileGoneOrRenamedByItsFileIDOnTheUsersReturnEndsTheOldDownload)
 {
     sim.SetFileIDRange(1, 1, 1);
@@ -158,9 +139,8 @@ TEST_F(StallScene, AFileGoneOrRenamedByItsFileIDOnTheUsersReturnEndsTheOldDownlo
     }
 }
 
-// Bob lost the file while he was away, and got it back: the server dropped
-// his entry on the way. His client states where it stands as it comes back,
-// and the server takes him back as a downloader from there.
+// Bob lost the file while away and got it back: his client states where it
+// stands and the server takes him back as a downloader from there.
 TEST_F(StallScene, ADownloaderWhoseEntryWentWhileHeWasAwayIsTakenBackWhereHeStands)
 {
     Build();
@@ -179,9 +159,8 @@ TEST_F(StallScene, ADownloaderWhoseEntryWentWhileHeWasAwayIsTakenBackWhereHeStan
     EXPECT_EQ(1u, Asked(Bob()));
 }
 
-// The data links of Alice, who uploads, and of Bob, who downloads after his
-// client had been idle, drop and come back while the command links stand:
-// both transfers go on at once, without waiting for a stall.
+// A data link that drops and comes back under an upload or a download (after
+// the client was idle) has the transfer go on at once, without a stall.
 TEST_F(StallScene, TransfersGoOnAtOnceWhenADataLinkComesBack)
 {
     Build();
@@ -193,7 +172,7 @@ TEST_F(StallScene, TransfersGoOnAtOnceWhenADataLinkComesBack)
     ASSERT_TRUE(sim.Restore(sim.GetClientLink(Alice()), zvConfClientTypeData));
     ASSERT_TRUE(sim.Run()) << sim.GetError();
     const uint16_t usFileID = 1;
-    EXPECT_EQ(data, StoredOn(shape.Server(), usFileID));
+    EXPECT_EQ(data, StoredBytes(shape.Server(), usFileID));
 
     ASSERT_TRUE(sim.AdvanceTime(ZV_IDLE_WAIT_MS + 1000)) << sim.GetError();
     ASSERT_EQ(0u, Download(Bob(), usFileID));
@@ -206,9 +185,8 @@ TEST_F(StallScene, TransfersGoOnAtOnceWhenADataLinkComesBack)
     EXPECT_EQ(1u, Events(Bob(), zvFsEventDownloadFinished).size());
 }
 
-// An upload the creator started again while away goes on when the creator
-// is back, and ends; dropping the download of one's own file, which one
-// never downloads, leaves the upload of it alone.
+// An upload asked while away ends once the creator is back; dropping the
+// "download" of one's own file leaves its upload alone.
 TEST_F(StallScene, ACreatorsOwnUploadGoesOnWhateverTheCreatorDidMeanwhile)
 {
     Build();
@@ -227,6 +205,6 @@ TEST_F(StallScene, ACreatorsOwnUploadGoesOnWhateverTheCreatorDidMeanwhile)
     const uint16_t usFileID = usDone + 1;
     ASSERT_EQ(0u, Fs(Alice())->FsDelDownload(usFileID, 0));
     ASSERT_TRUE(sim.Run()) << sim.GetError();
-    EXPECT_EQ(data, StoredOn(shape.Server(), usFileID));
+    EXPECT_EQ(data, StoredBytes(shape.Server(), usFileID));
     EXPECT_TRUE(Events(Alice(), zvFsEventTransferError).empty());
 }

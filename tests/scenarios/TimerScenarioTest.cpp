@@ -1,7 +1,6 @@
-// What the timer does: a client tells its user side about its own
-// transfers, busy (event 3012 with 1) while one runs or stands stopped as a
-// download, idle (3012 with 0) once none does; a server wakes an uploader
-// whose blocks stopped coming.
+// The timer: a client is busy (3012 with 1) while a transfer runs or a
+// download stands stopped, idle (0) once none does; a server wakes a
+// stalled uploader.
 #include "ZV_SceneFixture.h"
 
 #include <algorithm>
@@ -12,11 +11,8 @@ struct TimerScene : public ZV_Scene
     // went on by ulMs.
     std::vector<uint8_t> BusyDuring(ZV_SimHost* lpClient, uint32_t ulMs)
     {
-        ZV_SimFilter filter;
-        filter.eKind = ZV_SimEntryKind::Event;
-        filter.usNumber = zvFsEventBusy;
-        filter.sNode = lpClient->GetName();
-        filter.nFrom = sim.Journal().Size();
+        const ZV_SimFilter filter{.eKind = ZV_SimEntryKind::Event, .usNumber = zvFsEventBusy,
+                                  .sNode = lpClient->GetName(), .nFrom = sim.Journal().Size()};
         EXPECT_TRUE(sim.AdvanceTime(ulMs)) << sim.GetError();
         std::vector<uint8_t> vecBusy;
         for (const ZV_SimEntry& event : sim.Journal().Find(filter))
@@ -48,8 +44,6 @@ TEST_F(TimerScene, ATransferIsBusyWhileItRunsOrItsDownloadStandsStoppedAndIdleOn
     ASSERT_TRUE(sim.Cut(lpAliceLink, zvConfClientTypeData));
     ASSERT_EQ(0u, Fs(Alice())->FsResumeUpload(usFileID));
     ASSERT_EQ(0u, Fs(Bob())->FsResumeDownload(usFileID));
-    // Long enough for a client to give up on a download that it holds
-    // stopped and that has not moved: a resumed one it keeps.
     EXPECT_TRUE(All(BusyDuring(Alice(), 16000), 1));
     EXPECT_TRUE(All(BusyDuring(Bob(), 16000), 1));
 
@@ -65,9 +59,8 @@ TEST_F(TimerScene, ATransferIsBusyWhileItRunsOrItsDownloadStandsStoppedAndIdleOn
     }
 }
 
-// The server looks at a stalled upload on its first timer slot more than
-// 20 seconds after the last block; blocks arrive here 1 ms before a slot,
-// so that slot comes exactly 20001 ms later.
+// Blocks arrive 1 ms before a slot, so the first slot more than 20 s after
+// the last comes exactly 20001 ms later.
 TEST_F(TimerScene, AServerWakesAStalledUploaderOnItsFirstSlotMoreThan20SecondsAfterTheLastBlock)
 {
     Build();
@@ -78,10 +71,8 @@ TEST_F(TimerScene, AServerWakesAStalledUploaderOnItsFirstSlotMoreThan20SecondsAf
     ASSERT_TRUE(sim.Cut(sim.GetClientLink(Alice()), zvConfClientTypeData));
     ASSERT_TRUE(sim.Run()) << sim.GetError();
     const auto vecBlocks = sim.Journal().PdusTo(PDU_CONF_FS_UPLOAD_REQUEST, shape.Server()->GetName());
-    ZV_SimFilter wake;
-    wake.usNumber = PDU_CONF_FS_UPLOAD_RESPONSE;
-    wake.sPeer = Alice()->GetName();
-    wake.nFrom = sim.Journal().Size();
+    const ZV_SimFilter wake{.usNumber = PDU_CONF_FS_UPLOAD_RESPONSE, .sPeer = Alice()->GetName(),
+                            .nFrom = sim.Journal().Size()};
     ASSERT_TRUE(sim.AdvanceTime(25000)) << sim.GetError();
     const auto vecWake = sim.Journal().Find(wake);
     ASSERT_EQ(1u, vecWake.size());

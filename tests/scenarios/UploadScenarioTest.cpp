@@ -1,5 +1,4 @@
-// A server made again in the middle of uploads: its store and catalogue
-// say what it had when it stopped.
+// Uploads against a server made again midway, or whose saves fail.
 #include "ZV_FileShareMgrPeer.h"
 #include "ZV_SceneFixture.h"
 
@@ -37,9 +36,8 @@ TEST_F(UploadScene, AServerMadeAgainMidwayOrAtTheEndFindsWhatItsCatalogueLastSai
     }
 }
 
-// A catalogue save that fails is acted on, never taken for a success: an
-// add whose row cannot be saved is refused (61) and leaves nothing stored,
-// and a row that an upload could not save goes to disk on the timer.
+// A failed catalogue save is never taken for a success: the add is refused
+// (61) leaving nothing stored, an upload's row is saved on the timer.
 TEST_F(UploadScene, AFailedCatalogueSaveRefusesTheAddOrIsMadeGoodOnTheTimer)
 {
     Build();
@@ -50,12 +48,10 @@ TEST_F(UploadScene, AFailedCatalogueSaveRefusesTheAddOrIsMadeGoodOnTheTimer)
     sim.GetEnv().ClearFaults();
     EXPECT_EQ(zvResultCannotAccess, ZV_ResultOf(Events(Alice(), zvFsEventFileAdded).back()));
     EXPECT_EQ(1, ZV_FileShareMgrPeer::Sessions(*Manager(shape.Server())).GetCount());
-    const std::string sStore = shape.Server()->GetHome() + "store/" + std::to_string(ZV_SimBuilder::kConfID);
-    EXPECT_EQ(1, std::distance(std::filesystem::directory_iterator(sStore), {}));
+    EXPECT_EQ(1u, StoreCount(shape.Server()));
 
     const uint16_t usThird = Share("third.bin", data, false);
-    // The first block's save goes out; the last one's reaches neither the
-    // journal nor the whole file.
+    // The first block's save goes out; the last one's does not.
     sim.GetEnv().FailAt(QB_EnvOp::Write, 3, true);
     EXPECT_EQ(0u, Fs(Alice())->FsUpload(usThird));
     ASSERT_TRUE(sim.Run()) << sim.GetError();
