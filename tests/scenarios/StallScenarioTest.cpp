@@ -71,23 +71,6 @@ TEST_F(StallScene, AResumeOfADownloadNeverAskedOrOfAHiddenFileStopsCountingAsBus
     EXPECT_FALSE(std::filesystem::exists(Target(Bob(), usFileID)));
 }
 
-// The start of Carol's download was lost with the server link; once it is
-// back, the timer of Alice's server finds the file awaited.
-TEST_F(StallScene, ADownloadWhoseStartWasLostBeginsOnceTheLinkIsBack)
-{
-    Build(true);
-    const ZV_Bytes data = ZV_RandomBytes(100000, 3);
-    const uint16_t usFileID = Share("later.bin", data, false);
-    ASSERT_TRUE(sim.CutLink(sim.GetServerLink(1, 2)));
-    ZV_SimHost* lpCarol = shape.Client(2);
-    ASSERT_EQ(0u, Download(lpCarol, usFileID));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    ASSERT_TRUE(sim.RestoreLink(sim.GetServerLink(1, 2)));
-    ASSERT_TRUE(sim.AdvanceTime(2 * ZV_SERVER_STALL_MS + 2000)) << sim.GetError();
-    EXPECT_EQ(data, QB_ReadWholeFile(Target(lpCarol, usFileID)));
-    EXPECT_FALSE(IsBusy(lpCarol));
-}
-
 // A server link that comes back has its files announced again; Bob's
 // download goes on where it stood, asked for once.
 TEST_F(StallScene, AServerLinkThatComesBackLeavesAClientsDownloadRunning)

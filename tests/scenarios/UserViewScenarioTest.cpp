@@ -68,26 +68,6 @@ struct ViewScene : public ZV_Scene
 
 } // namespace
 
-// Bob may not see Alice's file: he hears nothing of its upload, nor of its
-// going, whether the delete reaches him live or by the list he gets when
-// he comes back.
-TEST_F(ViewScene, AUserWhoMayNotSeeAFileHearsNothingOfItsUploadOrItsDelete)
-{
-    Build();
-    const uint16_t usLive = ShareOwn("live.bin", 40000, false);
-    ASSERT_EQ(0u, Fs(Alice())->FsDelUpload(usLive));
-    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
-    const uint16_t usListed = ShareOwn("listed.bin", 10, false);
-    ASSERT_TRUE(sim.Leave(Bob()));
-    ASSERT_EQ(0u, Fs(Alice())->FsDelUpload(usListed));
-    ASSERT_TRUE(sim.Rejoin(Bob(), false) && sim.Run()) << sim.GetError();
-
-    EXPECT_TRUE(UploadStates(Bob(), usLive).empty());
-    EXPECT_EQ(0u, EventsAbout(Bob(), usLive, zvFsEventFileGone));
-    EXPECT_EQ(0u, EventsAbout(Bob(), usListed, zvFsEventFileGone));
-    EXPECT_EQ(1u, EventsAbout(Alice(), usLive, zvFsEventFileGone)) << "the creator saw it go";
-}
-
 // Alice's public file reaches the second server as a relay's copy: Carol
 // there is told its upload began and ended, as Bob beside Alice is. An
 // empty file that nobody uploads is complete at the server's first look,
