@@ -296,13 +296,9 @@ TEST_F(JoinScene, ARightChangeTellsTheLocalUserOfTheFilesItCouldNotSee)
 {
     Build();
     const uint16_t usOpen = Share("open.bin", ZV_RandomBytes(1000, 3));
-    std::filesystem::create_directories(tmp.Sub("alice"));
-    QB_WriteWholeFile(tmp.Sub("alice/closed.bin"), ZV_Bytes());
-    ASSERT_EQ(0u, Fs(Alice())->FsAdd(ZV_Wide(tmp.Sub("alice/closed.bin")).c_str(), nullptr, 0, 0, 1));
+    StartShareBy(Alice(), "closed.bin", {}, true, false);
     // Bob first among those allowed: a file he may see already is not told.
-    QB_WriteWholeFile(tmp.Sub("alice/granted.bin"), ZV_RandomBytes(1000, 5));
-    const QB_UserID aGranted[] = {Bob()->GetUserID(), Alice()->GetUserID()};
-    ASSERT_EQ(0u, Fs(Alice())->FsAdd(ZV_Wide(tmp.Sub("alice/granted.bin")).c_str(), aGranted, 2, 0, 1));
+    StartShareBy(Alice(), "granted.bin", ZV_RandomBytes(1000, 5), true, false, {Bob()->GetUserID(), Alice()->GetUserID()});
     ASSERT_TRUE(sim.Run()) << sim.GetError();
     const auto vecAdded = Events(Alice(), zvFsEventFileAdded);
     ASSERT_GE(vecAdded.size(), 2u);

@@ -1,6 +1,5 @@
-// A server told by "RestoreCatalog" to take its catalogue back at start: the
-// stored files as they stand on disk, with who may have them, and nothing of
-// the kind without the setting.
+// "RestoreCatalog" has a server take its catalogue back at start, as the
+// stored files stand, with who may have them; nothing without the setting.
 #include "ZV_SceneFixture.h"
 
 #include <functional>
@@ -19,15 +18,9 @@ void WriteConfig(ZV_SimHost* lpServer, bool bRestore)
 
 struct RestoreScene : ZV_Scene
 {
-    // Alice's file for Bob alone, uploaded whole.
     uint16_t ShareWithBob(const std::string& sName, const ZV_Bytes& data)
     {
-        std::filesystem::create_directories(tmp.Sub("alice"));
-        QB_WriteWholeFile(tmp.Sub("alice/" + sName), data);
-        const size_t nBefore = Events(Alice(), zvFsEventFileAdded).size();
-        EXPECT_EQ(0u, Fs(Alice())->FsAdd(ZV_Wide(tmp.Sub("alice/" + sName)).c_str(), &Bob()->GetUserID(), 1, 0, 1));
-        EXPECT_TRUE(sim.Run()) << sim.GetError();
-        return AddedFileID(Alice(), nBefore);
+        return ShareBy(Alice(), sName, data, true, false, {Bob()->GetUserID()});
     }
     void Restart(bool bRestore)
     {
@@ -73,7 +66,7 @@ TEST_F(RestoreScene, TakesEachCatalogueRowBackAsItsStoredFileStandsWhenAsked)
     {
         const Case& row = aRows[i];
         SCOPED_TRACE(row.szCase);
-        ZV_FileShareSession* lpFsSession = ZV_FileShareMgrPeer::Find(*Manager(shape.Server()), vecFileID[i]);
+        ZV_FileShareSession* lpFsSession = Session(shape.Server(), vecFileID[i]);
         ZV_FileUploadInfo stored;
         ASSERT_EQ(lpFsSession != nullptr, row.bKept);
         EXPECT_EQ(Row(shape.Server(), vecFileID[i], stored), row.bKept) << "a row without its file is dropped";
@@ -94,10 +87,8 @@ TEST_F(RestoreScene, TakesEachCatalogueRowBackAsItsStoredFileStandsWhenAsked)
     EXPECT_EQ(QB_ReadWholeFile(Target(Bob(), vecFileID[0])), data);
 }
 
-// Rights live in the rows only when the server asked for its catalogue back;
-// a change of them is saved at once, so that a restart never gives a user a
-// file he lost. Without the setting nothing comes back and the rows keep
-// their usual keys.
+// Rights live in the rows only with the setting, and a change is saved at
+// once, so a restart never gives a user a file he lost.
 TEST_F(RestoreScene, KeepsWhoMayHaveAFileAcrossARestartAndTakesNothingBackWithoutTheSetting)
 {
     Build();
@@ -126,7 +117,7 @@ TEST_F(RestoreScene, KeepsWhoMayHaveAFileAcrossARestartAndTakesNothingBackWithou
             ASSERT_TRUE(sim.Run());
         }
         Restart(row.bRestore);
-        EXPECT_EQ(ZV_FileShareMgrPeer::Find(*Manager(shape.Server()), usFileID) != nullptr, row.bRestore);
+        EXPECT_EQ(Session(shape.Server(), usFileID) != nullptr, row.bRestore);
         Download(Bob(), usFileID);
         ASSERT_TRUE(sim.Run()) << sim.GetError();
         EXPECT_EQ(QB_ReadWholeFile(Target(Bob(), usFileID)) == data, row.bBobGetsIt);

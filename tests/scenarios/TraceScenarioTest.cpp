@@ -87,11 +87,9 @@ TEST_F(TraceScene, EveryHandlerPrintsItsLineAsItStartsAndANumberNoneTakesGives5)
         shape.Server()->SendPdu(ulConn, usPdu, vbPayload.data(), (uint32_t)vbPayload.size(), 1, 1);
     ASSERT_TRUE(sim.Run()) << sim.GetError();
     EXPECT_EQ((size_t)nBefore, Traced().size());
-    ZV_SimFilter filter;
-    filter.eFate = ZV_SimFate::Delivered;
-    filter.nFrom = nFrom;
-    ASSERT_EQ(vecUntaken.size(), sim.Journal().Find(filter).size());
-    for (const ZV_SimEntry& entry : sim.Journal().Find(filter))
+    const auto vecDelivered = Find({.eFate = ZV_SimFate::Delivered, .nFrom = nFrom});
+    ASSERT_EQ(vecUntaken.size(), vecDelivered.size());
+    for (const ZV_SimEntry& entry : vecDelivered)
         EXPECT_EQ(zvResultNoHandler, entry.ulResult) << entry.usNumber;
     EXPECT_EQ(zvResultNoHandler, Bob()->GetModule()->HandlePdu(nullptr));
     ZV_SetTraceStream(nullptr);

@@ -1,6 +1,5 @@
-// The user side's calls as a person meets them: what each gives without a
-// link to the server or for a file nobody shared, and who gets to see a
-// file shared with a list of users.
+// The user side's calls: what each gives without a link or for an unknown
+// file, and who sees a file shared with a list of users.
 #include "ZV_SceneFixture.h"
 
 #include "wire/ZV_RecordStream.h"
@@ -46,12 +45,8 @@ TEST_F(UserCallScene, EachCallSaysWhyItCannotGoAndSendsNothing)
         {"FsGetFileInfoByFileID", [&](uint16_t usID) { ZV_FsFileInfo info{}; return lpFs->FsGetFileInfoByFileID(usID, &info); },
          zvResultOk},
     };
-    ZV_SimFilter fromAlice;
-    fromAlice.eKind = ZV_SimEntryKind::Pdu;
-    fromAlice.sNode = Alice()->GetName();
-    fromAlice.nFrom = sim.Journal().Size();
-    // A FileID known nowhere: 82, but a download dropped of a file never
-    // known is simply not there.
+    ZV_SimFilter fromAlice{.eKind = ZV_SimEntryKind::Pdu, .sNode = Alice()->GetName(), .nFrom = sim.Journal().Size()};
+    // A FileID known nowhere: 82, but dropping a download never known is no failure.
     for (const Call& call : aCalls)
     {
         const std::string sName = call.szName;
@@ -80,13 +75,12 @@ TEST_F(UserCallScene, FilesSharedWithAListAreShownToTheUsersOnItAlone)
     Build();
     ZV_SimHost* lpCarol = sim.AddClient(ZV_SimBuilder::kConfID, ZV_SimBuilder::MakeUser(1, 2));
     ASSERT_TRUE(lpCarol && sim.Run()) << sim.GetError();
-    std::filesystem::create_directories(tmp.Sub("alice"));
-    for (const char* szName : {"one.bin", "two.bin", "three.bin"})
+    const std::vector<QB_UserID> vecRight = {Bob()->GetUserID(), QB_UserID(999, 9)};
+    StartShareBy(Alice(), "one.bin", {7}, false, false, vecRight);
+    for (const char* szName : {"two.bin", "three.bin"})
         QB_WriteWholeFile(tmp.Sub(std::string("alice/") + szName), ZV_Bytes{7});
-    const QB_UserID aRight[] = {Bob()->GetUserID(), QB_UserID(999, 9)};
-    ASSERT_EQ(0u, Fs(Alice())->FsAdd(ZV_Wide(tmp.Sub("alice/one.bin")).c_str(), aRight, 2, 0, 0));
     const char16_t* apNames[] = {u"two.bin", u"three.bin"};
-    ASSERT_EQ(0u, Fs(Alice())->FsFilesAdd(ZV_Wide(tmp.Sub("alice")).c_str(), apNames, 2, aRight, 2, 0, 0));
+    ASSERT_EQ(0u, Fs(Alice())->FsFilesAdd(ZV_Wide(tmp.Sub("alice")).c_str(), apNames, 2, vecRight.data(), 2, 0, 0));
     ASSERT_TRUE(sim.Run()) << sim.GetError();
 
     auto Told = [&](ZV_SimHost* lpClient) {

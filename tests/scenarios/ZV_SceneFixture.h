@@ -101,21 +101,21 @@ struct ZV_Scene : public ::testing::Test
     // A client shares `data` as `sName` from its own folder; the FileID is
     // what the server gave, 0xFFFF when it was told of none.
     void StartShareBy(ZV_SimHost* lpClient, const std::string& sName, const ZV_Bytes& data, bool bStart = true,
-                      bool bPublic = true)
+                      bool bPublic = true, const std::vector<QB_UserID>& vecRight = {})
     {
         std::string sFolder = lpClient->GetUserRecord().sName;
         std::transform(sFolder.begin(), sFolder.end(), sFolder.begin(), [](char c) { return (char)std::tolower(c); });
         sFolder = tmp.Sub(sFolder);
         std::filesystem::create_directories(sFolder);
         QB_WriteWholeFile(sFolder + "/" + sName, data);
-        EXPECT_EQ(0u, Fs(lpClient)->FsAdd(ZV_Wide(sFolder + "/" + sName).c_str(), nullptr, 0, bPublic ? 1 : 0,
-                                          bStart ? 1 : 0));
+        EXPECT_EQ(0u, Fs(lpClient)->FsAdd(ZV_Wide(sFolder + "/" + sName).c_str(), vecRight.data(),
+                                          (uint32_t)vecRight.size(), bPublic ? 1 : 0, bStart ? 1 : 0));
     }
     uint16_t ShareBy(ZV_SimHost* lpClient, const std::string& sName, const ZV_Bytes& data, bool bStart = true,
-                     bool bPublic = true)
+                     bool bPublic = true, const std::vector<QB_UserID>& vecRight = {})
     {
         const size_t nBefore = Events(lpClient, zvFsEventFileAdded).size();
-        StartShareBy(lpClient, sName, data, bStart, bPublic);
+        StartShareBy(lpClient, sName, data, bStart, bPublic, vecRight);
         EXPECT_TRUE(sim.Run()) << sim.GetError();
         return AddedFileID(lpClient, nBefore);
     }
