@@ -68,10 +68,8 @@ struct ViewScene : public ZV_Scene
 
 } // namespace
 
-// Alice's public file reaches the second server as a relay's copy: Carol
-// there is told its upload began and ended, as Bob beside Alice is. An
-// empty file that nobody uploads is complete at the server's first look,
-// and Bob is told so too.
+// Each server's clients are told its copy of a file began and is whole; an
+// empty file nobody uploads is whole at the server's first look.
 TEST_F(ViewScene, EveryServerTellsItsClientsWhenItsCopyOfAFileBeginsAndIsWhole)
 {
     Build(true);
@@ -86,9 +84,7 @@ TEST_F(ViewScene, EveryServerTellsItsClientsWhenItsCopyOfAFileBeginsAndIsWhole)
     EXPECT_EQ(zvFileStateComplete, UploadStates(Bob(), usEmpty).back());
 }
 
-// Two files come to the second server by its list when the link returns,
-// one for Alice alone and one for all: Carol there is told of the one she
-// may see, and of nothing else, whichever the list names first.
+// A list bringing a private and a public file tells Carol only the public one.
 TEST_F(ViewScene, AFileListOfSeveralCreatorsIsToldToEachUserFileByFile)
 {
     Build(true);
@@ -103,9 +99,7 @@ TEST_F(ViewScene, AFileListOfSeveralCreatorsIsToldToEachUserFileByFile)
     EXPECT_NE(usPrivate, usPublic);
 }
 
-// Bob, beside Alice, was away while her file went up: the list he gets on
-// his return says the file is whole, and so is he told, though an old
-// state of his own stood in his client's record.
+// Bob was away while Alice's file went up: the list's "whole" wins over his old state.
 TEST_F(ViewScene, AUserBesideTheCreatorTakesTheStateTheListSays)
 {
     Build();
@@ -119,8 +113,7 @@ TEST_F(ViewScene, AUserBesideTheCreatorTakesTheStateTheListSays)
     EXPECT_EQ(zvFileStateComplete, Session(Bob(), usFileID)->BriefInfo().m_usFileState);
 }
 
-// Alice's empty file is whole at the server's first look, though she never
-// uploaded it; when she comes back as a returning user it stays hers.
+// An empty file never uploaded stays its returning creator's.
 TEST_F(ViewScene, AReturningCreatorKeepsAFileTheServerHoldsWhole)
 {
     Build();
@@ -134,10 +127,8 @@ TEST_F(ViewScene, AReturningCreatorKeepsAFileTheServerHoldsWhole)
     EXPECT_NE(nullptr, Session(shape.Server(), usFileID));
 }
 
-// Carol, behind the second server, may not see Alice's file. It reaches
-// her server by the list when the server link returns, already whole at
-// the first server, so no progress report tells of its end. Made
-// privileged, she is told of it as it stands: whole.
+// A file that came by a list already whole, hidden from Carol, is told her
+// as whole once she is made privileged.
 TEST_F(ViewScene, AFileThatComesIntoViewIsToldInTheStateItHasReached)
 {
     Build(true);
@@ -151,10 +142,8 @@ TEST_F(ViewScene, AFileThatComesIntoViewIsToldInTheStateItHasReached)
     EXPECT_EQ(zvFileStateComplete, ToldState(lpCarol, usFileID));
 }
 
-// Alice asks to upload a file the server already holds whole while her
-// data connection is down, then stops and resumes it: the server takes
-// none of it, and her client is not left waiting for an upload that never
-// ends.
+// Uploading a whole file again with the data link down, then stopping and
+// resuming it, leaves Alice idle.
 TEST_F(ViewScene, UploadingAWholeFileAgainLeavesTheCreatorIdle)
 {
     Build();
@@ -172,10 +161,8 @@ TEST_F(ViewScene, UploadingAWholeFileAgainLeavesTheCreatorIdle)
     EXPECT_EQ(zvFileStateComplete, Session(Alice(), usFileID)->BriefInfo().m_usFileState);
 }
 
-// The first server has one FileID. Alice deletes her file while the second
-// server is cut off and shares another, which takes the same number. When
-// the link returns, both servers hold the new file under it and nobody the
-// deleted one; Carol on the second server is told the old one went.
+// A FileID deleted and given to a new file while server 2 was cut off names
+// the new file everywhere once the link returns; Carol hears the old went.
 TEST_F(ViewScene, AFileIDGivenOutAgainWhileAServerWasAwayNamesTheNewFileEverywhere)
 {
     sim.SetFileIDRange(1, 1, 1);
