@@ -842,15 +842,10 @@ bool ZV_RandomScenario::IsNodeFile(const std::vector<std::string>& vecPart) cons
     return bServer && vecPart.size() == 5 && vecPart[2] == "store" && vecPart[3] == std::to_string(kConfID);
 }
 
-// No client is busy once the conference has settled, but for a download
-// of a file whose upload never began and never can. No time-out ends a
-// transfer, and only the creator can send the bytes, ordered by the
-// creator's own server: a creator's client, told that the file was
-// deleted, forgets the share and sends nothing if the file came back from a
-// server that missed the delete, and a creator's server
-// that removed the file (the creator left before uploading it) orders
-// nothing while a server that missed that keeps it. The downloader waits,
-// busy, while its server holds the file unbegun.
+// No client is busy once settled, but a downloader of a file whose upload
+// never began and never can: its creator withdrew it (and a server that
+// missed the delete brought it back) or left before uploading it (and a
+// server that missed that keeps it). No time-out ends a transfer.
 void ZV_RandomScenario::CheckIdle()
 {
     for (const auto& lpClient : m_vecClients)
@@ -911,17 +906,11 @@ void ZV_RandomScenario::CheckFlags()
 }
 
 // Once settled, each user side holds what its server holds for the user:
-// the files the user may see, by name, length and state. One state may
-// differ: a creator's client keeps its own state of its own file over the
-// one a list brings unless its own says complete (it may be uploading or
-// stopped while the server has yet to hear), and so tells its user; there
-// the user must have been told the client's own state. It keeps it even
-// where the list says the file is whole: a creator who asked to upload a
-// whole file again and stopped it while away is told by the list that it
-// stands stopped, and the upload its client then runs to the end brings no
-// word, since the server, holding every byte, drops the blocks and answers
-// nothing. So a creator's file whole at the server may have been told
-// stopped or uploading, by a list.
+// the files the user may see, by name, length and state. A creator's client
+// keeps its own state of its own file over a list's unless its own says
+// complete, and may have been told "stopped" or "uploading" by a list of a
+// file the server holds whole (an upload asked again and stopped while away
+// runs to an end the server, holding every byte, never answers).
 void ZV_RandomScenario::CheckViews()
 {
     for (const auto& lpClient : m_vecClients)

@@ -1,28 +1,11 @@
 // ZV_RandomScenario: a seeded random run of a whole conference through the
-// simulator. Servers in a line, clients on each; a number of random steps
-// (shares, downloads, stops and resumes, rights changes, deletes, link cuts
-// and restores, users who leave and come back, servers and clients that
-// restart, the clock moving on), each followed by some delivery. Then every
-// link comes back, everyone returns, stopped transfers resume and the
-// conference settles, and the run is checked against what holds for any
-// correct run:
-//
-// - every finished download holds the bytes of the file it was made from;
-// - every catalogue row names a stored file no longer than the file, of the
-//   file's length and bytes once the row says it is complete;
-// - a file deleted by its creator is held by no node and comes back nowhere;
-// - nothing was written outside a storage folder or a path a user asked to
-//   download to;
-// - no client is left busy, but a downloader of a file whose upload never
-//   began and that was deleted, or that its creator's server dropped;
-// - every user side was told only of files its user may have, and once the
-//   conference has settled what it was told is what its server holds for
-//   that user (ZV_UserView).
-//
-// The same seed and step count give the same run. With small FileID
-// ranges a server soon runs out of numbers, so that deletes, the reuse of
-// a freed number and two servers' different files under one number come
-// up in every run.
+// simulator (servers in a line, clients on each, random steps each followed
+// by some delivery), then everything comes back and settles, and the run is
+// checked against what holds for any correct run: downloads, catalogues,
+// deletes, writes, idle clients, wire flags and what each user side was told
+// (each check says what it allows in ZV_RandomScenario.cpp). The same seed
+// and step count give the same run; small FileID ranges make numbers run
+// out, free up and come back in every run.
 #pragma once
 
 #include "ZV_SimConference.h"

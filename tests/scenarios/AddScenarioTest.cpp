@@ -1,8 +1,6 @@
-// Sharing files through whole simulated conferences: stored names, the
-// refusals a user side hears, batches, and a server made again.
+// Sharing files: stored names, refusals, batches, a server made again.
 #include "ZV_FileShareMgrPeer.h"
 #include "ZV_SceneFixture.h"
-
 #include "add/ZV_AddPdu.h"
 #include "wire/ZV_RecordStream.h"
 
@@ -87,7 +85,7 @@ TEST_F(AddScene, ABatchTooLargeForOnePduGoesOutInSeveralAndIsReportedWhole)
         EXPECT_LT(vecRequests[i].vbData.size(), 65471u);
         EXPECT_EQ(i + 1 == vecRequests.size() ? 1 : 0, vecRequests[i].vbData.back()) << "bLast of PDU " << i;
         EXPECT_TRUE(vecRequests[i].bFlag1 == 1 && vecRequests[i].bFlag2 == 1) << "flags of PDU " << i;
-        // Each PDU holds as many FileIDs as records: its own, none of the last one's.
+        // As many FileIDs as records: its own, none of the last one's.
         QB_ByteStream stream(vecRequests[i].vbData.data(), (int32_t)vecRequests[i].vbData.size());
         ZV_AddFilesRequest ask;
         ask.LoadHead(stream);
@@ -98,8 +96,7 @@ TEST_F(AddScene, ABatchTooLargeForOnePduGoesOutInSeveralAndIsReportedWhole)
         LoadSequence(stream, arrInfo);
         EXPECT_EQ(arrInfo.GetSize(), arrFileID.GetSize()) << "PDU " << i;
     }
-    // 500 records outgrow one event's buffer: the report comes in as many
-    // events as it needs, every file once.
+    // 500 records outgrow one event: as many as needed, every file once.
     std::vector<uint16_t> vecExpected(500);
     for (uint16_t i = 0; i < 500; ++i)
         vecExpected[i] = (uint16_t)(i + 1);
@@ -122,9 +119,8 @@ TEST_F(AddScene, StoresTwoFilesOfTheSameNameApartWhileEveryoneSeesTheSharedName)
     {
         const auto vecAdded = Events(lpClient, zvFsEventFileAdded);
         ASSERT_EQ(2u, vecAdded.size()) << lpClient->GetName();
-        QB_ByteStream stream(vecAdded[1].vbData.data(), (int32_t)vecAdded[1].vbData.size());
-        stream.Skip(6);
-        EXPECT_EQ(2u, stream.ReadU16());
+        EXPECT_EQ(2u, ZV_FileIDOf(vecAdded[1]));
+        QB_ByteStream stream(vecAdded[1].vbData.data() + 8, (int32_t)vecAdded[1].vbData.size() - 8);
         ZV_FileBriefInfo brief;
         LoadDelimited(stream, brief);
         EXPECT_EQ(QB_StringU8("report.doc"), brief.m_sFileOldName);
@@ -176,9 +172,8 @@ TEST_F(AddScene, AServerMadeAgainFindsItsCatalogueRowsAndCleanDataEmptiesTheFold
     EXPECT_FALSE(Row(shape.Server(), 1, row));
 }
 
-// The second server learns a batch from the first: it stores every file
-// under the shared name, keeps a row for each, tells its own client, and
-// serves the bytes once they come.
+// The second server stores a batch learnt from the first, under the shared
+// names, tells its own client and serves the bytes.
 TEST_F(AddScene, ABatchReachesTheSecondServerWhichStoresItAndServesItsOwnClient)
 {
     Build(true);
@@ -218,10 +213,8 @@ TEST_F(AddScene, ABatchReachesTheSecondServerWhichStoresItAndServesItsOwnClient)
     EXPECT_EQ(ZV_Bytes{1}, QB_ReadWholeFile(Target(lpCarol, vecFileID[1])));
 }
 
-// A FileID is given again only when nothing else is free: not while the
-// catalogue holds it for a file a restart took out of sight, and not while
-// a delete of it may still have to reach a server that was away; a FileID
-// freed otherwise, by a creator who left mid-upload, goes first.
+// A FileID still catalogued, or deleted (the delete may have to reach a
+// server that was away), is given again only when no other is free.
 TEST_F(AddScene, AFileIDOfADeletedOrCataloguedFileIsGivenOnlyWhenNoOtherIsFree)
 {
     sim.SetFileIDRange(1, 1, 3);
@@ -230,10 +223,7 @@ TEST_F(AddScene, AFileIDOfADeletedOrCataloguedFileIsGivenOnlyWhenNoOtherIsFree)
     ASSERT_TRUE(sim.RestartServer(shape.Server()));
     ASSERT_TRUE(sim.Run()) << sim.GetError();
     EXPECT_EQ(2, Share("second.bin", {4})) << "the catalogued 1 stays";
-    std::filesystem::create_directories(tmp.Sub("bob"));
-    QB_WriteWholeFile(tmp.Sub("bob/later.bin"), ZV_Bytes(5000, 1));
-    ASSERT_EQ(0u, Fs(Bob())->FsAdd(ZV_Wide(tmp.Sub("bob/later.bin")).c_str(), nullptr, 0, 1, 0));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    ShareBy(Bob(), "later.bin", ZV_Bytes(5000, 1), false);
     ASSERT_EQ(0u, Fs(Alice())->FsDelUpload(2));
     ASSERT_TRUE(sim.Leave(Bob()));
     ASSERT_TRUE(sim.Run()) << sim.GetError();
@@ -243,4 +233,75 @@ TEST_F(AddScene, AFileIDOfADeletedOrCataloguedFileIsGivenOnlyWhenNoOtherIsFree)
     ZV_FileUploadInfo row;
     ASSERT_TRUE(Row(shape.Server(), 1, row));
     EXPECT_EQ(QB_StringU8("kept.bin"), row.m_BriefInfo.m_sFileOldName);
+}
+
+// Uploads against a server made again midway, or whose saves fail.
+using UploadScene = ZV_Scene;
+
+TEST_F(UploadScene, AServerMadeAgainMidwayOrAtTheEndFindsWhatItsCatalogueLastSaid)
+{
+    Build();
+    const ZV_Bytes data = ZV_RandomBytes(10 * 32768 + 5, 2);
+    const uint16_t usFirst = Share("first.bin", data, false);
+    EXPECT_EQ(0u, Fs(Alice())->FsUpload(usFirst));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    const uint16_t usSecond = Share("second.bin", data, false);
+    EXPECT_EQ(0u, Fs(Alice())->FsUpload(usSecond));
+    // The start marker and three blocks of the second file have arrived.
+    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_UPLOAD_REQUEST, shape.Server(), 12 + 4));
+    ZV_SimModuleApi api = ZV_SimModuleApi::Linked();
+    shape.Server()->Stop(api);
+    ASSERT_TRUE(shape.Server()->Start(api));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+
+    // The second file's row was saved when its first block opened the store.
+    struct { uint16_t usFileID; uint16_t usState; uint32_t ulWritePos; size_t nOnDisk; } aRows[] = {
+        {usFirst, 3, (uint32_t)data.size(), data.size()}, {usSecond, 1, 0, 32768}};
+    for (const auto& r : aRows)
+    {
+        ZV_FileUploadInfo row;
+        ASSERT_TRUE(Row(shape.Server(), r.usFileID, row)) << r.usFileID;
+        EXPECT_EQ(r.usState, row.m_BriefInfo.m_usFileState) << r.usFileID;
+        EXPECT_EQ(r.ulWritePos, row.m_ulFileWritePos) << r.usFileID;
+        // The disk may hold more than the row says; what it holds is the file's start.
+        const ZV_Bytes stored = QB_ReadWholeFile(Stored(shape.Server(), row));
+        EXPECT_GE(stored.size(), r.nOnDisk) << r.usFileID;
+        EXPECT_TRUE(std::equal(stored.begin(), stored.end(), data.begin())) << r.usFileID;
+    }
+}
+
+// A failed catalogue save is never taken for a success: the add is refused
+// (61) leaving nothing stored, an upload's row is saved on the timer.
+TEST_F(UploadScene, AFailedCatalogueSaveRefusesTheAddOrIsMadeGoodOnTheTimer)
+{
+    Build();
+    const ZV_Bytes data = ZV_RandomBytes(1000, 3);
+    const uint16_t usFirst = Share("first.bin", data);
+    sim.GetEnv().FailAt(QB_EnvOp::Sync, 1, true);
+    Share("second.bin", data);
+    sim.GetEnv().ClearFaults();
+    EXPECT_EQ(zvResultCannotAccess, ZV_ResultOf(Events(Alice(), zvFsEventFileAdded).back()));
+    EXPECT_EQ(1, ZV_FileShareMgrPeer::Sessions(*Manager(shape.Server())).GetCount());
+    EXPECT_EQ(1u, StoreCount(shape.Server()));
+
+    const uint16_t usThird = Share("third.bin", data, false);
+    // The first block's save goes out; the last one's does not.
+    sim.GetEnv().FailAt(QB_EnvOp::Write, 3, true);
+    EXPECT_EQ(0u, Fs(Alice())->FsUpload(usThird));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    sim.GetEnv().ClearFaults();
+    auto OnDisk = [&](uint16_t usFileID) {
+        ZV_SimHost::PointHome(shape.Server()->GetHome());
+        ZV_FileCatalog catalog;
+        catalog.Open();
+        ZV_FileUploadInfo row;
+        QB_StringW sSection;
+        return catalog.LoadFile(ZV_SimBuilder::kConfID, usFileID, row, sSection) ? row.m_BriefInfo.m_usFileState
+                                                                                  : 0xFFFF;
+    };
+    EXPECT_EQ(3, OnDisk(usFirst));
+    EXPECT_EQ(1, OnDisk(usThird));
+    ASSERT_TRUE(sim.AdvanceTime(5000)) << sim.GetError();
+    EXPECT_EQ(3, OnDisk(usThird));
+    EXPECT_EQ(0xFFFF, OnDisk(usFirst + 1)) << "the refused add left no row";
 }

@@ -1,5 +1,4 @@
-// Stop and resume through a whole simulated conference: Alice shares, Bob
-// fetches, and the bytes on Bob's disk and the events of both say how it went.
+// Stop and resume of uploads and downloads.
 #include "ZV_SceneFixture.h"
 
 #include "control/ZV_ControlPdu.h"
@@ -19,9 +18,6 @@ struct ControlScene : public ZV_Scene
     }
 };
 
-// Bob's stopped download gets nothing more while Alice's upload goes on to
-// the end, beyond the blocks already on their way, and his resume fetches
-// the rest.
 TEST_F(ControlScene, AStoppedDownloadStandsStillWhileTheUploadGoesOnAndResumesToTheSameBytes)
 {
     Build();
@@ -33,10 +29,8 @@ TEST_F(ControlScene, AStoppedDownloadStandsStillWhileTheUploadGoesOnAndResumesTo
     EXPECT_EQ(1, ToldState(Bob(), 0)) << "running from its first block on";
     ASSERT_EQ(0u, Fs(Bob())->FsStopDownload(usFileID));
     ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST, shape.Server(), 1));
-    ZV_SimFilter toBob;
-    toBob.usNumber = PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE;
-    toBob.sPeer = Bob()->GetName();
-    toBob.nFrom = sim.Journal().Size();
+    const ZV_SimFilter toBob{.usNumber = PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, .sPeer = Bob()->GetName(),
+                             .nFrom = sim.Journal().Size()};
     ASSERT_TRUE(sim.AdvanceTime(30000)) << sim.GetError();
     EXPECT_LE(sim.Journal().Find(toBob).size(), 3u) << "only what one OnSend had handed on";
     EXPECT_EQ(2, ToldState(Bob(), 0)) << "the server confirms Bob's stop";
@@ -54,9 +48,8 @@ TEST_F(ControlScene, AStoppedDownloadStandsStillWhileTheUploadGoesOnAndResumesTo
     EXPECT_NE(2, ToldState(Bob(), 0));
 }
 
-// A stop and a resume of Alice's upload travel to the second server, land in
-// both catalogues, and reach the users of both; the resume alone restarts
-// Alice, from what her server holds.
+// An upload's stop and resume reach both catalogues and all users; the
+// resume alone restarts Alice, from what her server holds.
 TEST_F(ControlScene, AnUploadsStopAndResumeReachBothServersTheirCataloguesAndTheirUsers)
 {
     Build(true);
@@ -99,11 +92,7 @@ TEST_F(ControlScene, AnUploadsStopAndResumeReachBothServersTheirCataloguesAndThe
     EXPECT_EQ(ZV_SavePayload(resumed), vecResume[1].vbData);
     for (ZV_SimHost* lpClient : shape.vecClients)
         EXPECT_EQ(1, ToldState(lpClient, 1)) << lpClient->GetName();
-    ZV_SimFilter restart;
-    restart.usNumber = PDU_CONF_FS_UPLOAD_RESPONSE;
-    restart.sPeer = Alice()->GetName();
-    restart.nFrom = nFrom;
-    EXPECT_EQ(1u, sim.Journal().Find(restart).size());
+    EXPECT_EQ(1u, Find({.usNumber = PDU_CONF_FS_UPLOAD_RESPONSE, .sPeer = Alice()->GetName(), .nFrom = nFrom}).size());
 
     ASSERT_TRUE(sim.Restore(lpAliceLink, zvConfClientTypeData));
     ASSERT_TRUE(sim.AdvanceTime(30000)) << sim.GetError();
@@ -114,8 +103,6 @@ TEST_F(ControlScene, AnUploadsStopAndResumeReachBothServersTheirCataloguesAndThe
         EXPECT_EQ(3, ToldState(lpClient, 1)) << lpClient->GetName();
 }
 
-// A block that Alice's client cannot read fails her upload on both servers,
-// every user hears of it with the FileID, and her resume starts it again.
 TEST_F(ControlScene, AnUploadThatCannotReadFailsEverywhereUntilItsCreatorResumesIt)
 {
     Build(true);
@@ -132,7 +119,7 @@ TEST_F(ControlScene, AnUploadThatCannotReadFailsEverywhereUntilItsCreatorResumes
         for (const auto& error : vecError)
         {
             EXPECT_EQ(zvResultCannotAccess, ZV_ResultOf(error));
-            EXPECT_EQ(usFileID, error.vbData.at(6) | error.vbData.at(7) << 8);
+            EXPECT_EQ(usFileID, ZV_FileIDOf(error));
         }
     }
     for (ZV_SimHost* lpServer : shape.vecServers)

@@ -1,13 +1,8 @@
-// The whole machine crashing at every step of an add, an upload, a download
-// and a delete: every node dies at once, keeping only what it had synced,
-// and is made again on the same home folder, its server taking its
-// catalogue back. Every whole file's row saved before the crash is there,
-// no stored file is left that no row names, and the road, tried again,
-// ends with the right bytes where they belong.
+// The machine crashing at every step of an add, upload, download and delete:
+// all nodes die keeping only what they synced and start again on the same
+// homes. No whole file's saved row is lost, no stored file is left without a
+// row, and the road, tried again, ends with the right bytes in place.
 #include "ZV_SceneFixture.h"
-
-#include "core/ZV_FileShareSession.h"
-
 
 #include <algorithm>
 #include <functional>
@@ -31,7 +26,7 @@ struct CrashScene : public ZV_Scene
     {
         ZV_FileUploadInfo row;
         return Row(shape.Server(), usFileID, row) && row.m_BriefInfo.m_usFileState == zvFileStateComplete &&
-               QB_ReadWholeFile(Stored(shape.Server(), row)) == kData;
+               StoredBytes(shape.Server(), usFileID) == kData;
     }
     // Past the catalogue's quiet time, so that its rewrite happens inside the road.
     bool Settle() { return sim.AdvanceTime(12000); }
@@ -47,10 +42,8 @@ struct CrashScene : public ZV_Scene
                " of " + std::to_string(kData.size());
     }
 
-    // What the nodes hold of whole files after loading their stores: each
-    // server's catalogue rows, and Alice's share record. A file still
-    // arriving is its creator's to finish: the restart makes her leave, and
-    // a creator who leaves mid-upload takes the file with her.
+    // The whole files the servers' catalogues and Alice's share record hold: a
+    // file still arriving leaves with its creator, as the restart makes her.
     std::set<std::string> Rows()
     {
         std::set<std::string> setRows;
@@ -125,7 +118,7 @@ void Upload(CrashScene& s)
 // After a restart the file left with its creator: she shares it again.
 void UploadAgain(CrashScene& s)
 {
-    if (ZV_FileShareMgrPeer::Find(*CrashScene::Manager(s.Alice()), s.usFileID) == nullptr)
+    if (s.Session(s.Alice(), s.usFileID) == nullptr)
     {
         s.usFileID = s.Share("crash.bin", kData, true);
         s.Settle();
@@ -209,8 +202,8 @@ std::unique_ptr<CrashScene> Begin(const CrashRoad& road)
     road.fnPrepare(*lpScene);
     if (lpScene->usFileID != 0xFFFF)
     {
-        const ZV_FileShareSession* lpShared = ZV_FileShareMgrPeer::Find(*CrashScene::Manager(lpScene->Alice()), lpScene->usFileID);
-        lpScene->lpShared = std::make_unique<ZV_FileBriefInfo>(lpShared->BriefInfo());
+        lpScene->lpShared =
+            std::make_unique<ZV_FileBriefInfo>(lpScene->Session(lpScene->Alice(), lpScene->usFileID)->BriefInfo());
     }
     lpScene->sim.GetEnv().TrackDurability();
     lpScene->sim.GetEnv().ResetCounts();

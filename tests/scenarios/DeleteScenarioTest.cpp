@@ -1,8 +1,9 @@
-// Deleting a shared file through whole simulated conferences: the creator or
-// a privileged user takes it out, every server drops its stored file and
-// catalogue row, and every client keeps only a finished download; a user
-// drops a download of its own. Bytes on disk, events and the journal say it.
+// Deletes: the creator or a privileged user takes a file out of every store
+// and catalogue, every client keeps only a finished download; a user drops
+// a download of its own, on every server.
 #include "ZV_SceneFixture.h"
+
+#include "rights/ZV_EntryPdu.h"
 
 #include <filesystem>
 
@@ -16,17 +17,6 @@ struct DeleteScene : public ZV_Scene
         ZV_FileUploadInfo row;
         return Row(lpServer, usFileID, row) ? Stored(lpServer, row) : std::string();
     }
-    // Result of the latest event of that number on the node, 0xFFFFFFFF with none.
-    uint32_t LastResult(ZV_SimHost* lpNode, uint16_t usEvent)
-    {
-        const auto vecEvents = Events(lpNode, usEvent);
-        return vecEvents.empty() ? 0xFFFFFFFFu : ZV_ResultOf(vecEvents.back());
-    }
-    bool Knows(ZV_SimHost* lpClient, uint16_t usFileID)
-    {
-        ZV_FsFileInfo info{};
-        return Fs(lpClient)->FsGetFileInfoByFileID(usFileID, &info) == 0;
-    }
 };
 
 bool Exists(const std::string& sPath)
@@ -36,10 +26,9 @@ bool Exists(const std::string& sPath)
 
 } // namespace
 
-// Alice deletes while Bob has finished, Carol (behind the second server) is
-// halfway and Dave never asked: both stores and rows go, Bob keeps his file
-// until he drops it himself, Carol's partial file goes, and Alice's own file
-// is untouched.
+// Alice deletes while Bob has finished and Carol (second server) is halfway:
+// stores and rows go, Bob keeps his file until he drops it, Carol's partial
+// file goes, Alice's source stays.
 TEST_F(DeleteScene, ACreatorsDeleteLeavesNoStoredFileAndEachClientOnlyAFinishedDownload)
 {
     Build(true);
@@ -75,15 +64,11 @@ TEST_F(DeleteScene, ACreatorsDeleteLeavesNoStoredFileAndEachClientOnlyAFinishedD
     EXPECT_FALSE(Exists(Target(lpCarol, usFileID)));
     EXPECT_TRUE(Events(lpCarol, zvFsEventDownloadFinished).empty());
 
-    // Bob's finished file is still his to drop, once; a later drop finds
-    // nothing and is no failure.
     EXPECT_EQ(0u, Fs(Bob())->FsDelDownload(usFileID, 1));
     EXPECT_FALSE(Exists(Target(Bob(), usFileID)));
     EXPECT_EQ(0u, Fs(Bob())->FsDelDownload(usFileID, 1));
 }
 
-// The delete lands while Alice's upload is still under way: the server
-// takes no more of it and keeps nothing, and her source stays whole.
 TEST_F(DeleteScene, ADeleteDuringTheUploadStopsItAndLeavesNothingInTheStore)
 {
     Build(false);
@@ -102,9 +87,7 @@ TEST_F(DeleteScene, ADeleteDuringTheUploadStopsItAndLeavesNothingInTheStore)
     EXPECT_FALSE(Knows(Alice(), usFileID));
 }
 
-// A delete that the server refuses reaches only the requester, as event
-// 3005 with the code, and changes nothing; the same delete asked twice
-// finds the file gone the second time.
+// A refused delete reaches only the requester, as 3005 with its code.
 TEST_F(DeleteScene, RefusedAndRepeatedDeletesAnswerOnlyTheRequesterWithTheirCode)
 {
     Build(false);
@@ -118,7 +101,6 @@ TEST_F(DeleteScene, RefusedAndRepeatedDeletesAnswerOnlyTheRequesterWithTheirCode
     EXPECT_TRUE(Events(Alice(), zvFsEventFileGone).empty());
     EXPECT_TRUE(Exists(sStored) && Knows(Bob(), usFileID));
 
-    // Alice as the server no longer knows her user.
     const ZV_SimUser alice = *sim.GetUsers(ZV_SimBuilder::kConfID).Find(Alice()->GetUserID());
     ASSERT_TRUE(sim.GetUsers(ZV_SimBuilder::kConfID).Remove(alice.id));
     EXPECT_EQ(0u, Fs(Alice())->FsDelUpload(usFileID));
@@ -128,8 +110,7 @@ TEST_F(DeleteScene, RefusedAndRepeatedDeletesAnswerOnlyTheRequesterWithTheirCode
     EXPECT_TRUE(Exists(sStored));
     sim.GetUsers(ZV_SimBuilder::kConfID).Put(alice);
 
-    // Bob made privileged and Alice ask at once: Bob's goes first and wins,
-    // Alice's finds nothing to delete.
+    // Bob, now privileged, and Alice ask at once: Bob's goes first.
     ASSERT_TRUE(sim.SetUserRole(Bob(), zvUserRolePrivileged));
     EXPECT_EQ(0u, Fs(Bob())->FsDelUpload(usFileID));
     EXPECT_EQ(0u, Fs(Alice())->FsDelUpload(usFileID));
@@ -144,9 +125,8 @@ TEST_F(DeleteScene, RefusedAndRepeatedDeletesAnswerOnlyTheRequesterWithTheirCode
     EXPECT_EQ(82u, Fs(Alice())->FsDelUpload(usFileID));
 }
 
-// Bob drops his own download: with the file or without it, and with a disk
-// that refuses the delete, which gives 62 and keeps the file. The server
-// stops sending him and forgets his entry; the shared file stays for all.
+// Bob drops his download, with the file or without; a disk that refuses the
+// delete gives 62. The server forgets his entry; the file stays shared.
 TEST_F(DeleteScene, DroppingADownloadEndsItOnTheServerAndDeletesTheLocalFileOnlyWhenAsked)
 {
     Build(false);
@@ -164,11 +144,8 @@ TEST_F(DeleteScene, DroppingADownloadEndsItOnTheServerAndDeletesTheLocalFileOnly
     EXPECT_EQ(0u, Fs(Bob())->FsDelDownload(usFileID, 1));
     ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
     EXPECT_FALSE(Exists(sTarget));
-    ZV_SimFilter filter;
-    filter.usNumber = PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE;
-    filter.sPeer = Bob()->GetName();
-    filter.eFate = ZV_SimFate::Delivered;
-    filter.nFrom = nMark;
+    ZV_SimFilter filter{.usNumber = PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, .sPeer = Bob()->GetName(),
+                        .eFate = ZV_SimFate::Delivered, .nFrom = nMark};
     EXPECT_LE(sim.Journal().Find(filter).size(), 3u) << "at most the blocks already under way";
     // The server has forgotten the download: a resume brings nothing.
     filter.nFrom = sim.Journal().Size();
@@ -178,8 +155,6 @@ TEST_F(DeleteScene, DroppingADownloadEndsItOnTheServerAndDeletesTheLocalFileOnly
     EXPECT_EQ(1u, sim.Journal().PdusTo(PDU_CONF_FS_DEL_DOWNLOAD_REQUEST, shape.Server()->GetName()).size());
     EXPECT_TRUE(Events(Bob(), zvFsEventDownloadFinished).empty());
 
-    // The file is still shared, and a new download gets all of it; dropped
-    // with its file kept, the finished file stays.
     ASSERT_EQ(0u, Download(Bob(), usFileID));
     ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
     EXPECT_EQ(data, QB_ReadWholeFile(sTarget));
@@ -187,9 +162,8 @@ TEST_F(DeleteScene, DroppingADownloadEndsItOnTheServerAndDeletesTheLocalFileOnly
     EXPECT_EQ(data, QB_ReadWholeFile(sTarget));
 }
 
-// The delete floods between the two servers and comes back to the first;
-// each acts on it once. The same delete again, from the server link or as
-// the answer to a client, changes nothing.
+// The delete floods between the servers and back; each acts on it once, and
+// the same delete again, from a server or as an answer, changes nothing.
 TEST_F(DeleteScene, TheSameDeleteArrivingAgainIsTakenOnce)
 {
     Build(true);
@@ -197,16 +171,9 @@ TEST_F(DeleteScene, TheSameDeleteArrivingAgainIsTakenOnce)
     const size_t nFrom = sim.Journal().Size();
     ASSERT_EQ(0u, Fs(Alice())->FsDelUpload(usFileID));
     ASSERT_TRUE(sim.Run()) << sim.GetError();
-    ZV_SimFilter flood;
-    flood.usNumber = PDU_CONF_FS_DEL_UPLOAD_REQUEST;
-    flood.sNode = shape.Server(1)->GetName();
-    flood.nFrom = nFrom;
-    const std::vector<ZV_SimEntry> vecBack = sim.Journal().Find(flood);
+    const auto vecBack = Find({.usNumber = PDU_CONF_FS_DEL_UPLOAD_REQUEST, .sNode = shape.Server(1)->GetName(), .nFrom = nFrom});
     ASSERT_EQ(1u, vecBack.size()) << "the second server passes it on, back to the first too";
-    ZV_SimFilter answers;
-    answers.usNumber = PDU_CONF_FS_DEL_UPLOAD_RESPONSE;
-    answers.sPeer = Bob()->GetName();
-    answers.nFrom = nFrom;
+    const ZV_SimFilter answers{.usNumber = PDU_CONF_FS_DEL_UPLOAD_RESPONSE, .sPeer = Bob()->GetName(), .nFrom = nFrom};
     const std::vector<ZV_SimEntry> vecAnswers = sim.Journal().Find(answers);
     ASSERT_EQ(1u, vecAnswers.size());
     for (int n = 0; n < 2; ++n)
@@ -228,4 +195,31 @@ TEST_F(DeleteScene, TheSameDeleteArrivingAgainIsTakenOnce)
     ASSERT_EQ(2u, vecReplayed.size()) << "the replayed answer reached Bob";
     EXPECT_EQ(0u, vecReplayed[1].ulResult) << "and was taken as handled";
     EXPECT_EQ(1, ZV_FileShareMgrPeer::DeletedFileIDs(*Manager(shape.Server())).GetSize());
+}
+
+// Carol, behind the second server, drops her download and keeps what she
+// has: the drop reaches the first server as a flood of its own number.
+TEST_F(DeleteScene, ADroppedDownloadEndsOnEveryServerAndKeepsTheLocalFileWhenAsked)
+{
+    Build(true);
+    ZV_SimHost* lpCarol = shape.Client(2);
+    const uint16_t usFileID = Share("far.bin", ZV_RandomBytes(3 * 1024 * 1024, 41));
+    ASSERT_EQ(0u, Download(lpCarol, usFileID));
+    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, lpCarol, 6));
+    ASSERT_EQ(0u, Fs(lpCarol)->FsDelDownload(usFileID, 0));
+    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
+
+    const auto vecFlood = sim.Journal().PdusTo(PDU_CONF_FS_DEL_DOWNLOAD_REQUEST, shape.Server(0)->GetName());
+    ASSERT_EQ(1u, vecFlood.size());
+    QB_ByteStream stream(vecFlood[0].vbData.data(), (int32_t)vecFlood[0].vbData.size());
+    stream.ReadU16();
+    ZV_EntryRequest flood;
+    flood.Load(stream);
+    EXPECT_EQ(usFileID, flood.usFileID);
+    EXPECT_EQ(lpCarol->GetUserID(), flood.user);
+    EXPECT_NE(0u, flood.ulFloodSeq);
+    const size_t nKept = QB_ReadWholeFile(Target(lpCarol, usFileID)).size();
+    EXPECT_GT(nKept, 0u);
+    EXPECT_LT(nKept, 3u * 1024 * 1024);
+    EXPECT_TRUE(Events(lpCarol, zvFsEventDownloadFinished).empty());
 }

@@ -1,6 +1,4 @@
-// Downloads through whole simulated conferences: Alice shares, others fetch,
-// and the bytes on their disks, their events and the journal of PDUs say how
-// it went.
+// Downloads: Alice shares, others fetch.
 #include "ZV_SceneFixture.h"
 
 #include "add/ZV_AddPdu.h"
@@ -27,16 +25,14 @@ TEST_F(DownloadScene, EveryFileAroundTheBlockEdgesArrivesByteIdenticalInTheStore
         EXPECT_EQ(0u, Fs(Alice())->FsUpload(vecIDs.back())) << nSize;
     }
     ASSERT_TRUE(sim.Run()) << sim.GetError();
-    // Nothing was lost, so the creator's client sent each block once and
-    // nobody asked for one again.
+    // Nothing was lost: each block went once and none was asked for again.
     EXPECT_TRUE(sim.Journal().PdusTo(PDU_CONF_FS_UPLOAD_RESPONSE, Alice()->GetName()).empty());
     EXPECT_EQ(1u + 1u + 1u + 1u + 2u + 3u + 4u + 97u + std::size(aSizes),
               sim.Journal().Pdus(PDU_CONF_FS_UPLOAD_REQUEST, Alice()->GetName()).size());
     for (uint16_t usFileID : vecIDs)
         EXPECT_EQ(0u, Download(Bob(), usFileID)) << usFileID;
     ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
-    // Every block is read and written where it lies, and a new download
-    // file is not cut: no call on the way moves no bytes.
+    // Every block is read and written where it lies; a new file is not cut.
     EXPECT_EQ(0, sim.GetEnv().GetCount(QB_EnvOp::Seek));
     EXPECT_EQ(0, sim.GetEnv().GetCount(QB_EnvOp::SetEnd));
 
@@ -52,7 +48,7 @@ TEST_F(DownloadScene, EveryFileAroundTheBlockEdgesArrivesByteIdenticalInTheStore
     }
     // An empty file has no block to send: it is made, and is whole at once.
     EXPECT_EQ(std::size(aSizes), Events(Bob(), zvFsEventDownloadFinished).size());
-    EXPECT_TRUE(ZV_FileShareMgrPeer::BusyFileIDs(*Manager(Bob())).IsEmpty());
+    EXPECT_FALSE(IsBusy(Bob()));
     for (const auto& event : Events(Bob(), zvFsEventDownloadState))
         EXPECT_EQ(0u, ZV_ResultOf(event));
     for (ZV_SimHost* lpClient : shape.vecClients)
@@ -101,10 +97,9 @@ TEST_F(DownloadScene, TwoDownloadersAtDifferentPositionsEachGetTheWholeFileEachB
     }
 }
 
-// Alice keeps each shared file open, and shares more of them than the
-// process may hold descriptors: the files used longest ago give theirs back
-// and take one again when an upload reaches them. Run in a child process,
-// whose limit is lowered; the exit code names the first check that failed.
+// Alice shares more files than the process may hold open: the least recently
+// used give their descriptors back. In a child with a lowered limit; the
+// exit code names the first check that failed.
 TEST_F(DownloadScene, AClientSharesMoreFilesThanTheProcessMayHoldOpenAndStillUploadsThem)
 {
     Build(false);
@@ -130,9 +125,8 @@ TEST_F(DownloadScene, AClientSharesMoreFilesThanTheProcessMayHoldOpenAndStillUpl
     EXPECT_EXIT(std::_Exit(fnChild()), testing::ExitedWithCode(0), "");
 }
 
-// A block that the server cannot read from its store, or that Bob's disk
-// refuses, ends his download there: he is told with result 61, the server
-// is asked to stop, and nothing more is written.
+// A block the server cannot read, or Bob's disk cannot write, ends his
+// download with 61: the server is asked to stop, nothing more is written.
 TEST_F(DownloadScene, ABlockThatCannotBeReadOrWrittenEndsTheDownloadWith61)
 {
     Build(false);
@@ -150,22 +144,17 @@ TEST_F(DownloadScene, ABlockThatCannotBeReadOrWrittenEndsTheDownloadWith61)
         const auto vecState = Events(Bob(), zvFsEventDownloadState);
         ASSERT_FALSE(vecState.empty());
         EXPECT_EQ(zvResultCannotAccess, ZV_ResultOf(vecState.back()));
-        EXPECT_EQ(usFileID, vecState.back().vbData.at(6) | vecState.back().vbData.at(7) << 8);
-        ZV_SimFilter stop;
-        stop.usNumber = PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST;
-        stop.sNode = Bob()->GetName();
-        stop.nFrom = nFrom;
-        EXPECT_EQ(1u, sim.Journal().Find(stop).size());
+        EXPECT_EQ(usFileID, ZV_FileIDOf(vecState.back()));
+        EXPECT_EQ(1u, Find({.usNumber = PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST, .sNode = Bob()->GetName(), .nFrom = nFrom})
+                          .size());
         EXPECT_EQ(2u * 32768, QB_ReadWholeFile(Target(Bob(), usFileID)).size());
         EXPECT_TRUE(Events(Bob(), zvFsEventDownloadFinished).empty());
         usFileID = Share("again.bin", data);
     }
 }
 
-// A download of a file with no bytes yet orders its creator to upload: a
-// creator the host knows at this server but without a link gives 56, one
-// whose command connection is down 16. Bob is told the code; his entry
-// stays for when the creator can be reached.
+// A download of a file with no bytes orders its creator to upload: a creator
+// known but without a link gives 56, one whose command link is down 16.
 TEST_F(DownloadScene, ADownloadWhoseCreatorCannotBeOrderedToUploadSaysWhy)
 {
     Build(true);
@@ -195,6 +184,6 @@ TEST_F(DownloadScene, ADownloadWhoseCreatorCannotBeOrderedToUploadSaysWhy)
         const auto vecState = Events(Bob(), zvFsEventDownloadState);
         ASSERT_FALSE(vecState.empty());
         EXPECT_EQ(ulResult, ZV_ResultOf(vecState.back())) << usFileID;
-        EXPECT_EQ(usFileID, vecState.back().vbData.at(6) | vecState.back().vbData.at(7) << 8);
+        EXPECT_EQ(usFileID, ZV_FileIDOf(vecState.back()));
     }
 }

@@ -1,11 +1,8 @@
-// Every file operation of every road failing in turn. Each road runs once
-// clean to count the operations of each kind it performs; then, for every
-// kind and every N up to that count, it runs again on a fresh conference
-// with the Nth operation of that kind failing, once and from then on. Each
-// run must end without a crash, say what went wrong (an event with a
-// non-zero result, a log line) or finish anyway, keep every catalogue and
-// share-record row saved before the road began, and finish the road when
-// the fault is lifted and the road's retry is tried.
+// Every file operation of every road failing in turn: a clean run counts the
+// operations of each kind, then each Nth one fails, once and from then on, on
+// a fresh conference. Each run must say what went wrong (a non-zero result, a
+// log line) or finish anyway, keep every row saved before the road, and
+// finish the road on the retry once the fault is lifted.
 #include "ZV_SceneFixture.h"
 
 #include "wire/ZV_PduFrame.h"
@@ -37,11 +34,6 @@ struct SweepScene : public ZV_Scene
     }
 
     ZV_SimHost* Carol() const { return shape.Client(2); }
-    bool Knows(ZV_SimHost* lpClient, uint16_t usFileID)
-    {
-        ZV_FsFileInfo info{};
-        return Fs(lpClient)->FsGetFileInfoByFileID(usFileID, &info) == 0;
-    }
     bool Fetched(ZV_SimHost* lpClient, uint16_t usFileID)
     {
         return std::filesystem::exists(Target(lpClient, usFileID)) && QB_ReadWholeFile(Target(lpClient, usFileID)) == kData;
@@ -50,7 +42,7 @@ struct SweepScene : public ZV_Scene
     {
         ZV_FileUploadInfo row;
         return usFileID != 0xFFFF && Row(shape.Server(), usFileID, row) && row.m_BriefInfo.m_usFileState == 3 &&
-               QB_ReadWholeFile(Stored(shape.Server(), row)) == kData;
+               StoredBytes(shape.Server(), usFileID) == kData;
     }
     bool Settle() { return sim.AdvanceTime(3000); }
 
@@ -76,9 +68,7 @@ struct SweepScene : public ZV_Scene
     size_t Complaints()
     {
         size_t nCount = nRefused;
-        ZV_SimFilter filter;
-        filter.eKind = ZV_SimEntryKind::Event;
-        for (const ZV_SimEntry& event : sim.Journal().Find(filter))
+        for (const ZV_SimEntry& event : Find({.eKind = ZV_SimEntryKind::Event}))
             nCount += event.vbData.size() >= 6 && ZV_ResultOf(event) != 0;
         for (const ZV_SimEntry& event : Events(Alice(), zvFsEventFilesAdded))
             nCount += (int)ReadBatch(event).first.size() < ReadBatch(event).second;
@@ -194,7 +184,6 @@ void Rejoin(SweepScene& s)
     ASSERT_TRUE(s.Settle());
 }
 
-// The server link is down while Alice shares the target, then comes back.
 void CutAndShare(SweepScene& s)
 {
     ASSERT_TRUE(s.sim.CutLink(s.sim.GetServerLink(1, 2)));
@@ -213,8 +202,7 @@ void Relink(SweepScene& s)
     RestoreLink(s);
 }
 
-// A server alone keeps its catalogue over a restart but serves only what a
-// linked server's file list brings back, so the second server restarts.
+// A linked server restarts: it serves only what its peer's list brings back.
 void Restart(SweepScene& s)
 {
     ASSERT_TRUE(s.sim.RestartServer(s.shape.Server(1)));
@@ -273,7 +261,7 @@ const Road kRoads[] = {
      [](SweepScene& s) { return s.Knows(s.Carol(), s.usTarget); }},
     {"restart", true, Nothing, Restart, Restart,
      [](SweepScene& s) {
-         return ZV_FileShareMgrPeer::Find(*s.Manager(s.shape.Server(1)), s.usKept) && s.Knows(s.Carol(), s.usKept);
+         return s.Session(s.shape.Server(1), s.usKept) && s.Knows(s.Carol(), s.usKept);
      }},
 };
 
@@ -281,8 +269,6 @@ constexpr QB_EnvOp kOps[] = {QB_EnvOp::Open,   QB_EnvOp::Read,       QB_EnvOp::W
                              QB_EnvOp::Delete, QB_EnvOp::MakeFolder, QB_EnvOp::Sync,  QB_EnvOp::Rename};
 const char* const kOpNames[] = {"open", "read", "write", "seek", "set end", "delete", "make folder", "sync", "rename"};
 
-// A conference with the kept file shared, uploaded and the road prepared;
-// every node logs.
 std::unique_ptr<SweepScene> Begin(const Road& road)
 {
     auto lpScene = std::make_unique<SweepScene>();

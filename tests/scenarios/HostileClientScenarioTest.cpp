@@ -1,9 +1,6 @@
-// A client turned hostile, through the simulator: Mallory (10003), beside
-// Alice and Bob on server 1 of two linked servers, sends what her own client
-// never would. Each attack leaves both servers as they were, goes no further
-// than her server, and only she hears of it; afterwards the honest roads
-// still bring Alice's file to Bob whole. The honest roads' wire is the
-// other scenario tests'.
+// A hostile client: Mallory, beside Alice and Bob on server 1 of two, sends
+// what her client never would. Each attack leaves both servers as they were
+// and only she hears of it; the honest roads still work afterwards.
 #include "ZV_SceneFixture.h"
 
 #include "add/ZV_AddPdu.h"
@@ -34,15 +31,11 @@ struct HostileScene : public ZV_Scene
         return s;
     }
     // What the others sent for the PDU Mallory sent at nMark, up to what
-    // her client sends of its own accord after it (a refused download
-    // request, say, is given up in her own name).
+    // her client sends of its own accord after it.
     std::vector<ZV_SimEntry> SentByOthers(size_t nMark)
     {
-        ZV_SimFilter filter;
-        filter.eKind = ZV_SimEntryKind::Pdu;
-        filter.nFrom = nMark + 1;
         std::vector<ZV_SimEntry> vecSent;
-        for (const ZV_SimEntry& entry : sim.Journal().Find(filter))
+        for (const ZV_SimEntry& entry : Find({.eKind = ZV_SimEntryKind::Pdu, .nFrom = nMark + 1}))
         {
             if (entry.sNode == Mallory()->GetName())
                 break;
@@ -94,10 +87,8 @@ TEST_F(HostileScene, NoAttackOfAClientChangesAnyServerOrReachesAnyoneButHer)
     // Alice's secret, for Bob only, its bytes not yet sent; Mallory's own
     // file of 10 bytes, whole on both servers.
     const ZV_Bytes secret = ZV_RandomBytes(50000, 3);
-    QB_WriteWholeFile(tmp.Sub("secret.bin"), secret);
-    ASSERT_EQ(0u, Fs(Alice())->FsAdd(ZV_Wide(tmp.Sub("secret.bin")).c_str(), &bob, 1, 0, 0));
-    QB_WriteWholeFile(tmp.Sub("mine.bin"), std::string(10, 'm'));
-    ASSERT_EQ(0u, Fs(Mallory())->FsAdd(ZV_Wide(tmp.Sub("mine.bin")).c_str(), nullptr, 0, 1, 1));
+    StartShareBy(Alice(), "secret.bin", secret, false, false, {bob});
+    StartShareBy(Mallory(), "mine.bin", ZV_Bytes(10, 'm'));
     ASSERT_TRUE(sim.Run()) << sim.GetError();
     const uint16_t usSecret = 1, usMine = 2;
     for (ZV_SimHost* lpServer : shape.vecServers)

@@ -1,7 +1,6 @@
-// Staying in step, through the simulator: a user who joins late is given
-// every file, a user who comes back finds each download where the files'
-// changes left it, and a creator who leaves with an unfinished upload takes
-// the file along.
+// Staying in step: a late joiner is given every file, a returning user finds
+// each download where the files' changes left it, and a creator who leaves
+// mid-upload takes the file along.
 #include "ZV_SceneFixture.h"
 
 #include "core/ZV_FileShareSession.h"
@@ -14,21 +13,12 @@ namespace {
 
 struct JoinScene : public ZV_Scene
 {
-    bool Knows(ZV_SimHost* lpClient, uint16_t usFileID)
-    {
-        ZV_FsFileInfo info{};
-        return Fs(lpClient)->FsGetFileInfoByFileID(usFileID, &info) == 0;
-    }
     // The 8028 pieces a node received, as read from the wire.
     std::vector<ZV_UploadListResponse> UploadLists(ZV_SimHost* lpTo, size_t nFrom = 0)
     {
-        ZV_SimFilter filter;
-        filter.usNumber = PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE;
-        filter.sPeer = lpTo->GetName();
-        filter.eFate = ZV_SimFate::Delivered;
-        filter.nFrom = nFrom;
         std::vector<ZV_UploadListResponse> vecParts;
-        for (const ZV_SimEntry& entry : sim.Journal().Find(filter))
+        for (const ZV_SimEntry& entry : Find({.usNumber = PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE,
+                                              .sPeer = lpTo->GetName(), .eFate = ZV_SimFate::Delivered, .nFrom = nFrom}))
         {
             QB_ByteStream stream(entry.vbData.data(), (int32_t)entry.vbData.size());
             vecParts.emplace_back();
@@ -39,12 +29,9 @@ struct JoinScene : public ZV_Scene
     // Download positions that a client's 8012s stated for a file.
     std::vector<uint32_t> StatedPositions(ZV_SimHost* lpFrom, uint16_t usFileID, size_t nFrom)
     {
-        ZV_SimFilter filter;
-        filter.usNumber = PDU_CONF_FS_DOWNLOAD_DATA_REQUEST;
-        filter.sNode = lpFrom->GetName();
-        filter.nFrom = nFrom;
         std::vector<uint32_t> vecPos;
-        for (const ZV_SimEntry& entry : sim.Journal().Find(filter))
+        for (const ZV_SimEntry& entry :
+             Find({.usNumber = PDU_CONF_FS_DOWNLOAD_DATA_REQUEST, .sNode = lpFrom->GetName(), .nFrom = nFrom}))
         {
             QB_ByteStream stream(entry.vbData.data(), (int32_t)entry.vbData.size());
             if (stream.ReadU16() != usFileID)
@@ -62,23 +49,17 @@ struct JoinScene : public ZV_Scene
         const auto nSize = std::filesystem::file_size(Target(lpClient, usFileID), ec);
         return ec ? 0 : (size_t)nSize;
     }
-    bool HasLocal(ZV_SimHost* lpClient, uint16_t usFileID)
-    {
-        return std::filesystem::exists(Target(lpClient, usFileID));
-    }
+    bool HasLocal(ZV_SimHost* lpClient, uint16_t usFileID) { return std::filesystem::exists(Target(lpClient, usFileID)); }
+    void CreatorLeavesMidUpload(bool bLinked);
 };
 
 } // namespace
 
-// Carol comes in after Alice shared 1,000 files in one batch: the list
-// reaches her in pieces cut where the next record would overfill the
-// buffer, she is told of every file in the list's order, and she fetches
-// one of them whole.
+// Carol joins after a batch of 1,000 files: the list comes in pieces cut
+// where the next record would overfill the buffer, told in the list's order.
 TEST_F(JoinScene, ALateJoinerSeesEveryOneOfAThousandFilesAndDownloadsOne)
 {
     Build();
-    // Names of one file: a thousand new files would cost the disk far more
-    // than the conference costs the module.
     std::filesystem::create_directories(tmp.Sub("alice/many"));
     QB_WriteWholeFile(tmp.Sub("alice/one.txt"), ZV_RandomBytes(5000, 1));
     std::vector<std::u16string> vecNames;
@@ -132,12 +113,10 @@ TEST_F(JoinScene, ALateJoinerSeesEveryOneOfAThousandFilesAndDownloadsOne)
     EXPECT_EQ(QB_ReadWholeFile(tmp.Sub("alice/many/" + sName)), QB_ReadWholeFile(Target(lpCarol, usPick)));
 }
 
-// Bob leaves halfway through four downloads. While he is away Alice deletes
-// the first file, the second is stored anew under its FileID, she takes
-// the third from everyone else, and Bob stops the fourth. Back, he has no
-// trace of the first and third, fetches the second again from its start,
-// and the fourth stays stopped until he resumes it from where his file
-// stands.
+// Bob leaves halfway through four downloads; meanwhile the first is deleted,
+// the second stored anew, the third withdrawn and the fourth stopped. Back,
+// he drops the first and third, refetches the second from 0, and resumes the
+// fourth from where his file stands.
 TEST_F(JoinScene, AUserWhoComesBackFindsEachDownloadAsTheFilesChangedWhileAway)
 {
     Build();
@@ -162,11 +141,9 @@ TEST_F(JoinScene, AUserWhoComesBackFindsEachDownloadAsTheFilesChangedWhileAway)
     ASSERT_EQ(0u, Fs(Alice())->FsSetRight(usHidden, 0, nullptr, 0, nullptr, 0));
     EXPECT_EQ(16u, Fs(Bob())->FsStopDownload(usStopped)) << "no link while away";
     ASSERT_TRUE(sim.Run()) << sim.GetError();
-    // The second file's bytes change on the server. A server marks a listed
-    // record as of another file only when a linked server gave its FileID to
-    // a new file while this one was away; that takes a cascade to bring
-    // about, so here Bob's server's own list is replayed with the mark set,
-    // which is what he would be sent then.
+    // The second file's bytes change on the server, and the server's own list
+    // is replayed with the record marked as of another file, as a server
+    // whose peer gave the FileID away would send it.
     ZV_FileUploadInfo row;
     ASSERT_TRUE(Row(shape.Server(), usAnew, row));
     const ZV_Bytes anew = ZV_RandomBytes(nSize, 99);
@@ -180,12 +157,8 @@ TEST_F(JoinScene, AUserWhoComesBackFindsEachDownloadAsTheFilesChangedWhileAway)
     renewed.arrInfo.Add(ZV_FileDownloadInfo());
     ASSERT_TRUE(StepUntilDelivered(PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE, Bob(), 1));
     {
-        // The same record as the server's list gave, marked as of another file.
-        ZV_SimFilter filter;
-        filter.usNumber = PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE;
-        filter.sPeer = Bob()->GetName();
-        filter.nFrom = nMark;
-        const auto vecList = sim.Journal().Find(filter);
+        const auto vecList =
+            Find({.usNumber = PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE, .sPeer = Bob()->GetName(), .nFrom = nMark});
         QB_ByteStream stream(vecList[0].vbData.data(), (int32_t)vecList[0].vbData.size());
         ZV_DownloadListResponse listed;
         listed.Load(stream);
@@ -217,10 +190,9 @@ TEST_F(JoinScene, AUserWhoComesBackFindsEachDownloadAsTheFilesChangedWhileAway)
     EXPECT_EQ(vecData[3], QB_ReadWholeFile(Target(Bob(), usStopped)));
 }
 
-// Bob's program restarts in the middle of a download: its new manager has
-// no record of it, but the download his user asked for is in the client's
-// own ledger, so the server's list resumes it where the local file stands.
-// A listed record for a file he never asked for writes nothing.
+// Bob's client restarts mid-download: its ledger knows he asked, so the
+// server's list resumes it where the local file stands; a listed record for
+// a file he never asked for writes nothing.
 TEST_F(JoinScene, AClientRestartedInTheMiddleOfADownloadResumesItWhereItsFileStands)
 {
     Build();
@@ -248,8 +220,6 @@ TEST_F(JoinScene, AClientRestartedInTheMiddleOfADownloadResumesItWhereItsFileSta
             nLogged += QB_CountInFiles(entry.path().string(), "ulResult=0.\r\n");
     EXPECT_EQ(1u, nLogged);
 
-    // The same record, moved to another file and path, as a server might
-    // list it: the client has no record and its user asked for neither.
     ZV_DownloadListResponse forged;
     forged.user = Bob()->GetUserID();
     ZV_FileDownloadInfo record;
@@ -269,79 +239,70 @@ TEST_F(JoinScene, AClientRestartedInTheMiddleOfADownloadResumesItWhereItsFileSta
     EXPECT_TRUE(StatedPositions(Bob(), usOther, nMark).empty());
 }
 
-// Alice leaves while one file is halfway up and another is complete: the
-// unfinished one goes from every store and every client, Bob is told, and
-// neither a late joiner nor Alice herself, back again, is given it; the
-// complete one stays everywhere.
-void CreatorLeavesMidUpload(JoinScene& scene, bool bLinked)
+// Alice leaves with one file halfway up and one complete: the unfinished one
+// goes from every store and client, and neither a late joiner nor Alice,
+// back again, is given it; the complete one stays.
+void JoinScene::CreatorLeavesMidUpload(bool bLinked)
 {
-    ZV_SimConference& sim = scene.sim;
-    scene.Build(bLinked);
-    const uint16_t usDone = scene.Share("done.bin", ZV_RandomBytes(50000, 6));
-    const uint16_t usFileID = scene.Share("half.bin", ZV_RandomBytes(2 * 1024 * 1024, 7), false);
-    ASSERT_EQ(0u, scene.Fs(scene.Alice())->FsUpload(usFileID));
-    ASSERT_TRUE(scene.StepUntilDelivered(PDU_CONF_FS_UPLOAD_REQUEST, scene.shape.Server(0), 6));
-    ASSERT_TRUE(sim.Leave(scene.Alice()));
+    Build(bLinked);
+    const uint16_t usDone = Share("done.bin", ZV_RandomBytes(50000, 6));
+    const uint16_t usFileID = Share("half.bin", ZV_RandomBytes(2 * 1024 * 1024, 7), false);
+    ASSERT_EQ(0u, Fs(Alice())->FsUpload(usFileID));
+    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_UPLOAD_REQUEST, shape.Server(0), 6));
+    ASSERT_TRUE(sim.Leave(Alice()));
     ASSERT_TRUE(sim.Run()) << sim.GetError();
 
-    for (ZV_SimHost* lpServer : scene.shape.vecServers)
+    for (ZV_SimHost* lpServer : shape.vecServers)
     {
         ZV_FileUploadInfo row;
-        EXPECT_FALSE(ZV_Scene::Row(lpServer, usFileID, row)) << lpServer->GetName();
+        EXPECT_FALSE(Row(lpServer, usFileID, row)) << lpServer->GetName();
     }
-    for (ZV_SimHost* lpClient : scene.shape.vecClients)
-        if (lpClient != scene.Alice())
+    for (ZV_SimHost* lpClient : shape.vecClients)
+        if (lpClient != Alice())
         {
-            EXPECT_FALSE(scene.Knows(lpClient, usFileID)) << lpClient->GetName();
-            EXPECT_TRUE(scene.Knows(lpClient, usDone)) << lpClient->GetName();
-            EXPECT_EQ(1u, scene.Events(lpClient, zvFsEventFileGone).size()) << lpClient->GetName();
+            EXPECT_FALSE(Knows(lpClient, usFileID)) << lpClient->GetName();
+            EXPECT_TRUE(Knows(lpClient, usDone)) << lpClient->GetName();
+            EXPECT_EQ(1u, Events(lpClient, zvFsEventFileGone).size()) << lpClient->GetName();
         }
 
     ZV_SimHost* lpDave = sim.AddClient(ZV_SimBuilder::kConfID, ZV_SimBuilder::MakeUser(1, 5));
     ASSERT_TRUE(lpDave && sim.Run()) << sim.GetError();
-    EXPECT_FALSE(scene.Knows(lpDave, usFileID));
-    EXPECT_TRUE(scene.Knows(lpDave, usDone));
-    ASSERT_EQ(1u, scene.UploadLists(lpDave).size());
+    EXPECT_FALSE(Knows(lpDave, usFileID));
+    EXPECT_TRUE(Knows(lpDave, usDone));
+    ASSERT_EQ(1u, UploadLists(lpDave).size());
 
-    ASSERT_TRUE(scene.Knows(scene.Alice(), usFileID)) << "she has not heard of it yet";
-    ASSERT_TRUE(sim.Rejoin(scene.Alice(), true));
+    ASSERT_TRUE(Knows(Alice(), usFileID)) << "she has not heard of it yet";
+    ASSERT_TRUE(sim.Rejoin(Alice(), true));
     ASSERT_TRUE(sim.Run()) << sim.GetError();
-    EXPECT_FALSE(scene.Knows(scene.Alice(), usFileID)) << "the list does not name it";
-    EXPECT_TRUE(scene.Knows(scene.Alice(), usDone));
-    EXPECT_EQ(1u, scene.Events(scene.Alice(), zvFsEventFileGone).size());
+    EXPECT_FALSE(Knows(Alice(), usFileID)) << "the list does not name it";
+    EXPECT_TRUE(Knows(Alice(), usDone));
+    EXPECT_EQ(1u, Events(Alice(), zvFsEventFileGone).size());
 }
 
 TEST_F(JoinScene, ACreatorWhoLeavesMidUploadTakesTheFileFromEveryoneOnOneServer)
 {
-    CreatorLeavesMidUpload(*this, false);
+    CreatorLeavesMidUpload(false);
 }
 
 TEST_F(JoinScene, ACreatorWhoLeavesMidUploadTakesTheFileFromEveryoneOnLinkedServers)
 {
-    CreatorLeavesMidUpload(*this, true);
+    CreatorLeavesMidUpload(true);
 }
 
-// Event 14 concerns the files the local user could not see: more visible
-// raises 3000 for each, with how much of it the server holds, fewer raises
-// 3004; for another user, or under a
-// number the manager does not serve, nothing happens.
+// Event 14 concerns the files the user could not see: more visible raises
+// 3000 for each, with how much the server holds, fewer 3004; another user's
+// change or a number not served raises nothing.
 TEST_F(JoinScene, ARightChangeTellsTheLocalUserOfTheFilesItCouldNotSee)
 {
     Build();
     const uint16_t usOpen = Share("open.bin", ZV_RandomBytes(1000, 3));
-    std::filesystem::create_directories(tmp.Sub("alice"));
-    QB_WriteWholeFile(tmp.Sub("alice/closed.bin"), ZV_Bytes());
-    ASSERT_EQ(0u, Fs(Alice())->FsAdd(ZV_Wide(tmp.Sub("alice/closed.bin")).c_str(), nullptr, 0, 0, 1));
+    StartShareBy(Alice(), "closed.bin", {}, true, false);
     // Bob first among those allowed: a file he may see already is not told.
-    QB_WriteWholeFile(tmp.Sub("alice/granted.bin"), ZV_RandomBytes(1000, 5));
-    const QB_UserID aGranted[] = {Bob()->GetUserID(), Alice()->GetUserID()};
-    ASSERT_EQ(0u, Fs(Alice())->FsAdd(ZV_Wide(tmp.Sub("alice/granted.bin")).c_str(), aGranted, 2, 0, 1));
+    StartShareBy(Alice(), "granted.bin", ZV_RandomBytes(1000, 5), true, false, {Bob()->GetUserID(), Alice()->GetUserID()});
     ASSERT_TRUE(sim.Run()) << sim.GetError();
     const auto vecAdded = Events(Alice(), zvFsEventFileAdded);
     ASSERT_GE(vecAdded.size(), 2u);
-    QB_ByteStream stream(vecAdded[vecAdded.size() - 2].vbData.data(), (int32_t)vecAdded[vecAdded.size() - 2].vbData.size());
-    stream.Skip(6);
-    const uint16_t usClosed = stream.ReadU16();
+    const uint16_t usClosed = ZV_FileIDOf(vecAdded[vecAdded.size() - 2]);
     ASSERT_NE(usOpen, usClosed);
 
     struct Row
@@ -364,12 +325,8 @@ TEST_F(JoinScene, ARightChangeTellsTheLocalUserOfTheFilesItCouldNotSee)
         const size_t nMark = sim.Journal().Size();
         EXPECT_EQ(0u, sim.RaiseHostEvent(row.lpNode, row.usEvent, row.a1, (uintptr_t)&row.user)) << row.pszName;
         ASSERT_TRUE(sim.Run()) << sim.GetError();
-        ZV_SimFilter filter;
-        filter.eKind = ZV_SimEntryKind::Event;
-        filter.nFrom = nMark;
-        const auto vecRaised = sim.Journal().Find(filter);
-        filter.eKind = ZV_SimEntryKind::Pdu;
-        EXPECT_TRUE(sim.Journal().Find(filter).empty()) << row.pszName;
+        const auto vecRaised = Find({.eKind = ZV_SimEntryKind::Event, .nFrom = nMark});
+        EXPECT_TRUE(Find({.eKind = ZV_SimEntryKind::Pdu, .nFrom = nMark}).empty()) << row.pszName;
         if (row.usRaised == 0)
         {
             EXPECT_TRUE(vecRaised.empty()) << row.pszName;
@@ -390,8 +347,7 @@ TEST_F(JoinScene, ARightChangeTellsTheLocalUserOfTheFilesItCouldNotSee)
     }
 }
 
-// A server link that comes up makes each end ask the other for its files,
-// naming itself.
+
 TEST_F(JoinScene, AServerLinkThatComesUpAsksThePeerForItsFiles)
 {
     Build(true);
@@ -406,9 +362,7 @@ TEST_F(JoinScene, AServerLinkThatComesUpAsksThePeerForItsFiles)
     }
 }
 
-// The asks that no operation sends are served all the same: the upload list
-// carries the ask's FileID back, a user with no downloads gets no download
-// list, and a client that asks in another user's name gets nothing.
+// Asks no operation sends are served all the same, about the asker only.
 TEST_F(JoinScene, AnAskedForListGoesToTheAskerAboutItselfOnly)
 {
     Build();

@@ -1,9 +1,10 @@
-// A server told by "RestoreCatalog" to take its catalogue back at start: the
-// stored files as they stand on disk, with who may have them, and nothing of
-// the kind without the setting.
+// "RestoreCatalog" has a server take its catalogue back at start, as the
+// stored files stand, with who may have them; nothing without the setting.
 #include "ZV_SceneFixture.h"
 
 #include <functional>
+#include <algorithm>
+#include <set>
 
 namespace {
 
@@ -19,15 +20,9 @@ void WriteConfig(ZV_SimHost* lpServer, bool bRestore)
 
 struct RestoreScene : ZV_Scene
 {
-    // Alice's file for Bob alone, uploaded whole.
     uint16_t ShareWithBob(const std::string& sName, const ZV_Bytes& data)
     {
-        std::filesystem::create_directories(tmp.Sub("alice"));
-        QB_WriteWholeFile(tmp.Sub("alice/" + sName), data);
-        const size_t nBefore = Events(Alice(), zvFsEventFileAdded).size();
-        EXPECT_EQ(0u, Fs(Alice())->FsAdd(ZV_Wide(tmp.Sub("alice/" + sName)).c_str(), &Bob()->GetUserID(), 1, 0, 1));
-        EXPECT_TRUE(sim.Run()) << sim.GetError();
-        return AddedFileID(Alice(), nBefore);
+        return ShareBy(Alice(), sName, data, true, false, {Bob()->GetUserID()});
     }
     void Restart(bool bRestore)
     {
@@ -73,7 +68,7 @@ TEST_F(RestoreScene, TakesEachCatalogueRowBackAsItsStoredFileStandsWhenAsked)
     {
         const Case& row = aRows[i];
         SCOPED_TRACE(row.szCase);
-        ZV_FileShareSession* lpFsSession = ZV_FileShareMgrPeer::Find(*Manager(shape.Server()), vecFileID[i]);
+        ZV_FileShareSession* lpFsSession = Session(shape.Server(), vecFileID[i]);
         ZV_FileUploadInfo stored;
         ASSERT_EQ(lpFsSession != nullptr, row.bKept);
         EXPECT_EQ(Row(shape.Server(), vecFileID[i], stored), row.bKept) << "a row without its file is dropped";
@@ -94,10 +89,8 @@ TEST_F(RestoreScene, TakesEachCatalogueRowBackAsItsStoredFileStandsWhenAsked)
     EXPECT_EQ(QB_ReadWholeFile(Target(Bob(), vecFileID[0])), data);
 }
 
-// Rights live in the rows only when the server asked for its catalogue back;
-// a change of them is saved at once, so that a restart never gives a user a
-// file he lost. Without the setting nothing comes back and the rows keep
-// their usual keys.
+// Rights live in the rows only with the setting, and a change is saved at
+// once, so a restart never gives a user a file he lost.
 TEST_F(RestoreScene, KeepsWhoMayHaveAFileAcrossARestartAndTakesNothingBackWithoutTheSetting)
 {
     Build();
@@ -126,11 +119,76 @@ TEST_F(RestoreScene, KeepsWhoMayHaveAFileAcrossARestartAndTakesNothingBackWithou
             ASSERT_TRUE(sim.Run());
         }
         Restart(row.bRestore);
-        EXPECT_EQ(ZV_FileShareMgrPeer::Find(*Manager(shape.Server()), usFileID) != nullptr, row.bRestore);
+        EXPECT_EQ(Session(shape.Server(), usFileID) != nullptr, row.bRestore);
         Download(Bob(), usFileID);
         ASSERT_TRUE(sim.Run()) << sim.GetError();
         EXPECT_EQ(QB_ReadWholeFile(Target(Bob(), usFileID)) == data, row.bBobGetsIt);
         const std::string sKey("R\0i\0g\0h\0t\0s\0=", 13);  // the file is UTF-16
         EXPECT_EQ(QB_CountInFiles(shape.Server()->GetHome() + "fsinfo.ini", sKey) > 0, row.bRestore);
     }
+}
+
+// Where a server keeps the files shared to it: the folder that "Path" of
+// section "FileShare" in its "confsrv.ini" names, read line by line as the
+// ini file is, or a folder beside the configuration when it names none.
+using StorageScene = ZV_Scene;
+
+TEST_F(StorageScene, StoresUnderThePathOfConfsrvIniOrBesideItWhenTheFileNamesNone)
+{
+    Build();
+    ZV_SimHost* lpServer = shape.Server();
+    const std::string sIni = lpServer->GetHome() + "confsrv.ini";
+    const std::string sBeside = lpServer->GetHome() + "FileShare/";
+    struct Row
+    {
+        const char* szCase;
+        std::string sIni;  // empty: no file at all
+        std::string sFolder;
+    };
+    auto Windows = [](const std::string& s) {
+        std::string sWin(s);
+        std::replace(sWin.begin(), sWin.end(), '/', '\\');
+        return sWin;
+    };
+    const Row aRows[] = {
+        {"slashes, blanks around, no closing separator",
+         "[FileShare]\r\nPath=  " + tmp.Sub("a/b") + " \t\r\n", tmp.Sub("a/b") + "/"},
+        {"a key in other case, backslashes, behind a comment and another section",
+         "; store\r\n[Other]\r\nPath=" + tmp.Sub("no") + "\r\n[fileshare]\r\npath=" + Windows(tmp.Sub("c")) + "\\\r\n",
+         tmp.Sub("c") + "/"},
+        {"blanks around the \"=\" make another key", "[FileShare]\r\nPath = " + tmp.Sub("d") + "\r\n", sBeside},
+        {"an empty value", "[FileShare]\r\nPath=   \r\n", sBeside},
+        {"a lone LF ends no line", "[FileShare]\nPath=" + tmp.Sub("e") + "\n", sBeside},
+        {"no file", "", sBeside},
+    };
+    ZV_SimModuleApi api = ZV_SimModuleApi::Linked();
+    int nRow = 0;
+    for (const Row& row : aRows)
+    {
+        std::filesystem::remove(sIni);
+        if (!row.sIni.empty())
+            QB_WriteWholeFile(sIni, ZV_Bytes(row.sIni.begin(), row.sIni.end()));
+        lpServer->Stop(api);
+        ASSERT_TRUE(lpServer->Start(api));
+        EXPECT_EQ(0u, lpServer->GetInitializeResult()) << row.szCase;
+        const std::string sName = "row" + std::to_string(nRow++) + ".bin";
+        const ZV_Bytes data = ZV_RandomBytes(100, nRow);
+        Share(sName, data);
+        EXPECT_EQ(data, QB_ReadWholeFile(row.sFolder + "100/" + sName)) << row.szCase;
+    }
+    EXPECT_TRUE(std::filesystem::exists(sIni)) << "a missing file is made, empty";
+
+    // A configuration that cannot be opened at all.
+    std::filesystem::remove(sIni);
+    std::filesystem::create_directory(sIni);
+    lpServer->Stop(api);
+    ASSERT_TRUE(lpServer->Start(api));
+    EXPECT_EQ(zvResultNoConfig, lpServer->GetInitializeResult());
+    // Such a server has no storage folder: it refuses to store, and writes
+    // nothing in the folder the process runs in.
+    const auto setBefore = std::set<std::filesystem::directory_entry>(std::filesystem::directory_iterator("."), {});
+    StartShare("homeless.bin", ZV_RandomBytes(100, 9));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    EXPECT_EQ(zvResultCannotOpen, ZV_ResultOf(Events(Alice(), zvFsEventFileAdded).back()));
+    EXPECT_EQ(setBefore, std::set<std::filesystem::directory_entry>(std::filesystem::directory_iterator("."), {}));
 }

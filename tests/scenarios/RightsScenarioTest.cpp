@@ -1,7 +1,5 @@
-// Who may have a file, through whole simulated conferences: the creator
-// changes the rights of one file or of several, every server applies the
-// change and tells its clients, a user who loses the file loses a partial
-// download with it, and nobody else may change anything.
+// Rights: the creator changes who may have one file or several, every server
+// applies it, a user who loses a file loses a partial download with it.
 #include "ZV_SceneFixture.h"
 
 #include <filesystem>
@@ -10,46 +8,19 @@ namespace {
 
 struct RightsScene : public ZV_Scene
 {
-    // A small public file shared by any client; its FileID from the client's
-    // latest event 3000.
-    uint16_t ShareAs(ZV_SimHost* lpClient, const std::string& sName)
-    {
-        const std::string sFolder = tmp.Sub(lpClient->GetUserRecord().sName);
-        std::filesystem::create_directories(sFolder);
-        QB_WriteWholeFile(sFolder + "/" + sName, ZV_RandomBytes(10, 25));
-        EXPECT_EQ(0u, Fs(lpClient)->FsAdd(ZV_Wide(sFolder + "/" + sName).c_str(), nullptr, 0, 1, 1));
-        EXPECT_TRUE(sim.Run()) << sim.GetError();
-        const auto vecAdded = Events(lpClient, zvFsEventFileAdded);
-        if (vecAdded.empty())
-            return 0;
-        QB_ByteStream stream(vecAdded.back().vbData.data(), (int32_t)vecAdded.back().vbData.size());
-        stream.Skip(6);
-        return stream.ReadU16();
-    }
-    uint32_t LastResult(ZV_SimHost* lpNode, uint16_t usEvent)
-    {
-        const auto vecEvents = Events(lpNode, usEvent);
-        return vecEvents.empty() ? 0xFFFFFFFFu : ZV_ResultOf(vecEvents.back());
-    }
     // The number of the node's first event at or after journal index nFrom.
     uint16_t FirstEventSince(ZV_SimHost* lpNode, size_t nFrom)
     {
-        ZV_SimFilter filter;
-        filter.eKind = ZV_SimEntryKind::Event;
-        filter.sNode = lpNode->GetName();
-        filter.nFrom = nFrom;
-        const auto vecEvents = sim.Journal().Find(filter);
+        const auto vecEvents = Find({.eKind = ZV_SimEntryKind::Event, .sNode = lpNode->GetName(), .nFrom = nFrom});
         return vecEvents.empty() ? 0 : vecEvents.front().usNumber;
     }
 };
 
 } // namespace
 
-// Bob is halfway through a public file when Alice narrows it to Carol, who
-// is behind the second server: Bob hears 3004 before anything else, his
-// partial file goes and nothing more reaches him; Carol hears 3003 and can
-// fetch it all; Dave, who had finished, hears 3004, keeps his file and is
-// refused a new download.
+// Alice narrows a public file to Carol (second server) while Bob is halfway:
+// Bob hears 3004 first, his partial file goes and nothing more reaches him;
+// Carol hears 3003; Dave, finished, hears 3004 and keeps his file.
 TEST_F(RightsScene, ANarrowedFileLeavesTheLoserInTheMiddleOfHisDownloadAndOpensToTheNamedUser)
 {
     Build(true);
@@ -66,10 +37,8 @@ TEST_F(RightsScene, ANarrowedFileLeavesTheLoserInTheMiddleOfHisDownloadAndOpensT
     const QB_UserID carol = lpCarol->GetUserID();
     ASSERT_EQ(0u, Fs(Alice())->FsSetRight(usFileID, 0, &carol, 1, nullptr, 0));
     // The step that hands Bob the new description raises 3004 first.
-    ZV_SimFilter filter;
-    filter.usNumber = PDU_CONF_FS_SET_RIGHT_RESPONSE;
-    filter.sPeer = Bob()->GetName();
-    filter.eFate = ZV_SimFate::Delivered;
+    const ZV_SimFilter filter{.usNumber = PDU_CONF_FS_SET_RIGHT_RESPONSE, .sPeer = Bob()->GetName(),
+                              .eFate = ZV_SimFate::Delivered};
     size_t nMark = sim.Journal().Size();
     while (sim.Journal().Find(filter).empty())
     {
@@ -79,10 +48,8 @@ TEST_F(RightsScene, ANarrowedFileLeavesTheLoserInTheMiddleOfHisDownloadAndOpensT
     EXPECT_EQ(zvFsEventFileHidden, FirstEventSince(Bob(), nMark));
     ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
     // From here on no block may reach Bob, even once the file is public again.
-    ZV_SimFilter blocks;
-    blocks.usNumber = PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE;
-    blocks.sPeer = Bob()->GetName();
-    blocks.nFrom = sim.Journal().Size();
+    const ZV_SimFilter blocks{.usNumber = PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, .sPeer = Bob()->GetName(),
+                              .nFrom = sim.Journal().Size()};
 
     EXPECT_EQ(0u, LastResult(Bob(), zvFsEventFileHidden));
     EXPECT_TRUE(Events(Bob(), zvFsEventRightChanged).empty());
@@ -130,11 +97,8 @@ TEST_F(RightsScene, ANarrowedFileLeavesTheLoserInTheMiddleOfHisDownloadAndOpensT
     EXPECT_EQ(data, QB_ReadWholeFile(Target(lpCarol, usFileID))) << "finished, so hers to keep";
 }
 
-// Only the creator changes rights: Bob's change of Alice's file comes back
-// to him alone as 3004 with 40. Without a command link nothing is sent.
-// A batch is checked by the client for unknown files and by the server for
-// the creator of its first file, and refused whole; an accepted batch goes
-// to every server and reaches every client as a new description.
+// Only the creator changes rights (others hear 3004 with 40); a batch is
+// taken or refused whole, and an accepted one reaches every server.
 TEST_F(RightsScene, OnlyTheCreatorChangesRightsAndABatchIsTakenOrRefusedWhole)
 {
     Build(true);
@@ -159,15 +123,12 @@ TEST_F(RightsScene, OnlyTheCreatorChangesRightsAndABatchIsTakenOrRefusedWhole)
     const uint16_t aUnknown[] = {usOne, 999};
     EXPECT_EQ(82u, Fs(Alice())->FsSetFilesRight(aUnknown, 2, 0, nullptr, 0, nullptr, 0));
     ASSERT_TRUE(sim.Run()) << sim.GetError();
-    ZV_SimFilter filter;
-    filter.eKind = ZV_SimEntryKind::Pdu;
-    filter.sNode = Alice()->GetName();
-    filter.nFrom = nMark;
-    EXPECT_TRUE(sim.Journal().Find(filter).empty()) << "nothing was sent";
+    EXPECT_TRUE(Find({.eKind = ZV_SimEntryKind::Pdu, .sNode = Alice()->GetName(), .nFrom = nMark}).empty())
+        << "nothing was sent";
 
     // Bob's batch over Alice's files is refused with 40 and goes no further.
-    const uint16_t usBobs = ShareAs(Bob(), "b.bin");
-    ASSERT_NE(0, usBobs);
+    const uint16_t usBobs = ShareBy(Bob(), "b.bin", ZV_RandomBytes(10, 25));
+    ASSERT_NE(0xFFFF, usBobs);
     const uint16_t aForeign[] = {usOne, usBobs};
     EXPECT_EQ(0u, Fs(Bob())->FsSetFilesRight(aForeign, 2, 0, nullptr, 0, nullptr, 0));
     ASSERT_TRUE(sim.Run()) << sim.GetError();

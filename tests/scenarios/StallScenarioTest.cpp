@@ -1,23 +1,16 @@
-// Nothing waits for good: transfers whose word got lost on the way, or that
-// stand still by the user's hand, go on or stop counting as busy.
+// Nothing waits for good: transfers whose word got lost go on, and those
+// that stand still by the user's hand stop counting as busy.
 #include "ZV_SceneFixture.h"
-
 #include "core/ZV_FileShareSession.h"
 
 #include <filesystem>
+#include <algorithm>
 
 namespace {
 
 struct StallScene : ZV_Scene
 {
-    bool IsBusy(ZV_SimHost* lpClient) { return !ZV_FileShareMgrPeer::BusyFileIDs(*Manager(lpClient)).IsEmpty(); }
-    // Past the client's wait for a file that stands still.
     void WaitOut() { ASSERT_TRUE(sim.AdvanceTime(ZV_CLIENT_STALL_MS + 1000)) << sim.GetError(); }
-    ZV_Bytes StoredOn(ZV_SimHost* lpServer, uint16_t usFileID)
-    {
-        ZV_FileUploadInfo row;
-        return Row(lpServer, usFileID, row) ? QB_ReadWholeFile(Stored(lpServer, row)) : ZV_Bytes();
-    }
     size_t Asked(ZV_SimHost* lpClient)
     {
         return sim.Journal().Pdus(PDU_CONF_FS_DOWNLOAD_REQUEST, lpClient->GetName()).size();
@@ -26,8 +19,6 @@ struct StallScene : ZV_Scene
 
 } // namespace
 
-// The server says the empty file is whole: its creator is no longer busy
-// with it, and a download of it is finished as soon as it is answered.
 TEST_F(StallScene, AnEmptyFileIsWholeAtOnceForItsCreatorAndItsDownloader)
 {
     Build();
@@ -40,9 +31,6 @@ TEST_F(StallScene, AnEmptyFileIsWholeAtOnceForItsCreatorAndItsDownloader)
     EXPECT_FALSE(IsBusy(Bob()));
 }
 
-// An upload started again, or resumed, once the server holds the whole file
-// has nothing to send: it ends without a transfer error, and its creator
-// stops counting as busy after the wait.
 TEST_F(StallScene, AnUploadStartedAgainOrResumedAfterItEndedEndsWithoutAnError)
 {
     Build();
@@ -64,9 +52,6 @@ TEST_F(StallScene, AnUploadStartedAgainOrResumedAfterItEndedEndsWithoutAnError)
     EXPECT_EQ(zvFileStateComplete, row.m_BriefInfo.m_usFileState);
 }
 
-// Resuming a download that was never asked for, or one of a file the user
-// may no longer see, makes the client busy with nothing to come: only
-// until the wait is out.
 TEST_F(StallScene, AResumeOfADownloadNeverAskedOrOfAHiddenFileStopsCountingAsBusy)
 {
     Build();
@@ -86,27 +71,8 @@ TEST_F(StallScene, AResumeOfADownloadNeverAskedOrOfAHiddenFileStopsCountingAsBus
     EXPECT_FALSE(std::filesystem::exists(Target(Bob(), usFileID)));
 }
 
-// The start that Carol's download sent to Alice through the other server
-// was lost with the link between them. Once it is back, the timer of Alice's
-// server finds the file awaited and starts the upload.
-TEST_F(StallScene, ADownloadWhoseStartWasLostBeginsOnceTheLinkIsBack)
-{
-    Build(true);
-    const ZV_Bytes data = ZV_RandomBytes(100000, 3);
-    const uint16_t usFileID = Share("later.bin", data, false);
-    ASSERT_TRUE(sim.CutLink(sim.GetServerLink(1, 2)));
-    ZV_SimHost* lpCarol = shape.Client(2);
-    ASSERT_EQ(0u, Download(lpCarol, usFileID));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    ASSERT_TRUE(sim.RestoreLink(sim.GetServerLink(1, 2)));
-    ASSERT_TRUE(sim.AdvanceTime(2 * ZV_SERVER_STALL_MS + 2000)) << sim.GetError();
-    EXPECT_EQ(data, QB_ReadWholeFile(Target(lpCarol, usFileID)));
-    EXPECT_FALSE(IsBusy(lpCarol));
-}
-
-// A server link that comes back has each server set its files against the
-// other's and announce them again to its clients. Bob's download of one of
-// them goes on where it stood, asked for once.
+// A server link that comes back has its files announced again; Bob's
+// download goes on where it stood, asked for once.
 TEST_F(StallScene, AServerLinkThatComesBackLeavesAClientsDownloadRunning)
 {
     Build(true);
@@ -123,10 +89,8 @@ TEST_F(StallScene, AServerLinkThatComesBackLeavesAClientsDownloadRunning)
     EXPECT_FALSE(IsBusy(Bob()));
 }
 
-// While Bob was away his partly downloaded file was deleted. The list he is
-// given on his return does not name it: the download ends, partial file and
-// all. Then the same happens, but the FileID is given to another file
-// meanwhile: the list names the new file, and the old download ends alike.
+// Bob's partly downloaded file was deleted, or its FileID given to another
+// file, while he was away: on his return the old download ends, file and all.
 TEST_F(StallScene, AFileGoneOrRenamedByItsFileIDOnTheUsersReturnEndsTheOldDownload)
 {
     sim.SetFileIDRange(1, 1, 1);
@@ -158,9 +122,8 @@ TEST_F(StallScene, AFileGoneOrRenamedByItsFileIDOnTheUsersReturnEndsTheOldDownlo
     }
 }
 
-// Bob lost the file while he was away, and got it back: the server dropped
-// his entry on the way. His client states where it stands as it comes back,
-// and the server takes him back as a downloader from there.
+// Bob lost the file while away and got it back: his client states where it
+// stands and the server takes him back as a downloader from there.
 TEST_F(StallScene, ADownloaderWhoseEntryWentWhileHeWasAwayIsTakenBackWhereHeStands)
 {
     Build();
@@ -179,9 +142,8 @@ TEST_F(StallScene, ADownloaderWhoseEntryWentWhileHeWasAwayIsTakenBackWhereHeStan
     EXPECT_EQ(1u, Asked(Bob()));
 }
 
-// The data links of Alice, who uploads, and of Bob, who downloads after his
-// client had been idle, drop and come back while the command links stand:
-// both transfers go on at once, without waiting for a stall.
+// A data link that drops and comes back under an upload or a download (after
+// the client was idle) has the transfer go on at once, without a stall.
 TEST_F(StallScene, TransfersGoOnAtOnceWhenADataLinkComesBack)
 {
     Build();
@@ -193,7 +155,7 @@ TEST_F(StallScene, TransfersGoOnAtOnceWhenADataLinkComesBack)
     ASSERT_TRUE(sim.Restore(sim.GetClientLink(Alice()), zvConfClientTypeData));
     ASSERT_TRUE(sim.Run()) << sim.GetError();
     const uint16_t usFileID = 1;
-    EXPECT_EQ(data, StoredOn(shape.Server(), usFileID));
+    EXPECT_EQ(data, StoredBytes(shape.Server(), usFileID));
 
     ASSERT_TRUE(sim.AdvanceTime(ZV_IDLE_WAIT_MS + 1000)) << sim.GetError();
     ASSERT_EQ(0u, Download(Bob(), usFileID));
@@ -206,9 +168,8 @@ TEST_F(StallScene, TransfersGoOnAtOnceWhenADataLinkComesBack)
     EXPECT_EQ(1u, Events(Bob(), zvFsEventDownloadFinished).size());
 }
 
-// An upload the creator started again while away goes on when the creator
-// is back, and ends; dropping the download of one's own file, which one
-// never downloads, leaves the upload of it alone.
+// An upload asked while away ends once the creator is back; dropping the
+// "download" of one's own file leaves its upload alone.
 TEST_F(StallScene, ACreatorsOwnUploadGoesOnWhateverTheCreatorDidMeanwhile)
 {
     Build();
@@ -227,6 +188,83 @@ TEST_F(StallScene, ACreatorsOwnUploadGoesOnWhateverTheCreatorDidMeanwhile)
     const uint16_t usFileID = usDone + 1;
     ASSERT_EQ(0u, Fs(Alice())->FsDelDownload(usFileID, 0));
     ASSERT_TRUE(sim.Run()) << sim.GetError();
-    EXPECT_EQ(data, StoredOn(shape.Server(), usFileID));
+    EXPECT_EQ(data, StoredBytes(shape.Server(), usFileID));
     EXPECT_TRUE(Events(Alice(), zvFsEventTransferError).empty());
+}
+
+// The timer: a client is busy (3012 with 1) while a transfer runs or a
+// download stands stopped, idle (0) once none does; a server wakes a
+// stalled uploader.
+struct TimerScene : public ZV_Scene
+{
+    // The bBusy of every event 3012 that lpClient raised while the clock
+    // went on by ulMs.
+    std::vector<uint8_t> BusyDuring(ZV_SimHost* lpClient, uint32_t ulMs)
+    {
+        const ZV_SimFilter filter{.eKind = ZV_SimEntryKind::Event, .usNumber = zvFsEventBusy,
+                                  .sNode = lpClient->GetName(), .nFrom = sim.Journal().Size()};
+        EXPECT_TRUE(sim.AdvanceTime(ulMs)) << sim.GetError();
+        std::vector<uint8_t> vecBusy;
+        for (const ZV_SimEntry& event : sim.Journal().Find(filter))
+            vecBusy.push_back(event.vbData.at(6));
+        return vecBusy;
+    }
+    static bool All(const std::vector<uint8_t>& vecBusy, uint8_t bBusy)
+    {
+        return !vecBusy.empty() && std::count(vecBusy.begin(), vecBusy.end(), bBusy) == (long)vecBusy.size();
+    }
+};
+
+TEST_F(TimerScene, ATransferIsBusyWhileItRunsOrItsDownloadStandsStoppedAndIdleOnceItEnds)
+{
+    Build();
+    const ZV_Bytes data = ZV_RandomBytes(40 * 32768 + 3, 7);
+    const uint16_t usFileID = Share("song.bin", data, false);
+    EXPECT_TRUE(All(BusyDuring(Alice(), 16000), 0)) << "an added file that nobody moves keeps Alice idle";
+
+    ASSERT_EQ(0u, Download(Bob(), usFileID));
+    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, Bob(), 2));
+    ASSERT_EQ(0u, Fs(Alice())->FsStopUpload(usFileID));
+    ASSERT_EQ(0u, Fs(Bob())->FsStopDownload(usFileID));
+    EXPECT_TRUE(All(BusyDuring(Bob(), 1000), 1)) << "a stopped download still counts";
+    EXPECT_TRUE(All(BusyDuring(Alice(), 16000), 0)) << "a stopped upload is no work";
+
+    // With her data link down, Alice's resumed upload waits, and is work.
+    ZV_SimLink* lpAliceLink = sim.GetClientLink(Alice());
+    ASSERT_TRUE(sim.Cut(lpAliceLink, zvConfClientTypeData));
+    ASSERT_EQ(0u, Fs(Alice())->FsResumeUpload(usFileID));
+    ASSERT_EQ(0u, Fs(Bob())->FsResumeDownload(usFileID));
+    EXPECT_TRUE(All(BusyDuring(Alice(), 16000), 1));
+    EXPECT_TRUE(All(BusyDuring(Bob(), 16000), 1));
+
+    ASSERT_TRUE(sim.Restore(lpAliceLink, zvConfClientTypeData));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    ASSERT_EQ(data, QB_ReadWholeFile(Target(Bob(), usFileID)));
+    // The end of each transfer takes it off at once, not on a later timeout.
+    for (ZV_SimHost* lpClient : {Alice(), Bob()})
+    {
+        const std::vector<uint8_t> vecBusy = BusyDuring(lpClient, 2000);
+        EXPECT_EQ(0, std::count(vecBusy.begin(), vecBusy.end(), 1)) << lpClient->GetName();
+        EXPECT_TRUE(All(BusyDuring(lpClient, 16000), 0)) << lpClient->GetName();
+    }
+}
+
+// Blocks arrive 1 ms before a slot, so the first slot more than 20 s after
+// the last comes exactly 20001 ms later.
+TEST_F(TimerScene, AServerWakesAStalledUploaderOnItsFirstSlotMoreThan20SecondsAfterTheLastBlock)
+{
+    Build();
+    const uint16_t usFileID = Share("stalled.bin", ZV_RandomBytes(10 * 32768, 4), false);
+    ASSERT_TRUE(sim.AdvanceTime(499)) << sim.GetError();
+    ASSERT_EQ(0u, Fs(Alice())->FsUpload(usFileID));
+    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_UPLOAD_REQUEST, shape.Server(), 3));
+    ASSERT_TRUE(sim.Cut(sim.GetClientLink(Alice()), zvConfClientTypeData));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    const auto vecBlocks = sim.Journal().PdusTo(PDU_CONF_FS_UPLOAD_REQUEST, shape.Server()->GetName());
+    const ZV_SimFilter wake{.usNumber = PDU_CONF_FS_UPLOAD_RESPONSE, .sPeer = Alice()->GetName(),
+                            .nFrom = sim.Journal().Size()};
+    ASSERT_TRUE(sim.AdvanceTime(25000)) << sim.GetError();
+    const auto vecWake = sim.Journal().Find(wake);
+    ASSERT_EQ(1u, vecWake.size());
+    EXPECT_EQ(20001u, vecWake[0].ulTick - vecBlocks.back().ulTick);
 }

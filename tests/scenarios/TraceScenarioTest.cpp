@@ -1,10 +1,10 @@
 // The trace line each handler prints as it starts, whatever the payload
 // turns out to hold: a PDU of every number a handler takes is sent to Bob.
 #include "ZV_SceneFixture.h"
-
 #include "add/ZV_AddPdu.h"
 #include "wire/ZV_PduFrame.h"
 #include "wire/ZV_PduTable.h"
+#include "QB_Env.h"
 
 #include <cstdio>
 #include <set>
@@ -87,13 +87,63 @@ TEST_F(TraceScene, EveryHandlerPrintsItsLineAsItStartsAndANumberNoneTakesGives5)
         shape.Server()->SendPdu(ulConn, usPdu, vbPayload.data(), (uint32_t)vbPayload.size(), 1, 1);
     ASSERT_TRUE(sim.Run()) << sim.GetError();
     EXPECT_EQ((size_t)nBefore, Traced().size());
-    ZV_SimFilter filter;
-    filter.eFate = ZV_SimFate::Delivered;
-    filter.nFrom = nFrom;
-    ASSERT_EQ(vecUntaken.size(), sim.Journal().Find(filter).size());
-    for (const ZV_SimEntry& entry : sim.Journal().Find(filter))
+    const auto vecDelivered = Find({.eFate = ZV_SimFate::Delivered, .nFrom = nFrom});
+    ASSERT_EQ(vecUntaken.size(), vecDelivered.size());
+    for (const ZV_SimEntry& entry : vecDelivered)
         EXPECT_EQ(zvResultNoHandler, entry.ulResult) << entry.usNumber;
     EXPECT_EQ(zvResultNoHandler, Bob()->GetModule()->HandlePdu(nullptr));
     ZV_SetTraceStream(nullptr);
     std::fclose(lpTrace);
+}
+
+// A host that cannot name a stream names a file in the environment: each
+// trace line goes to the file the variable names when the line is written.
+using TraceFileScene = ZV_Scene;
+
+namespace {
+
+std::string TextOf(const std::string& sFile)
+{
+    const ZV_Bytes vb = QB_ReadWholeFile(sFile);
+    return std::string(vb.begin(), vb.end());
+}
+
+} // namespace
+
+TEST_F(TraceFileScene, EachLineGoesToTheFileTheVariableNamesAtThatMoment)
+{
+    Build();
+    struct Unset
+    {
+        ~Unset() { QB_SetEnvironmentVariable("ROOMCRATE_TRACE", nullptr); }
+    } unset;
+    // The add is traced by the server's manager and again by its session;
+    // the answer likewise on each of the two clients.
+    const std::string sAdd = "recv a PDU_CONF_FS_ADD_REQUEST\r\n", sAnswer = "recv a PDU_CONF_FS_ADD_RESPONSE\r\n";
+    const std::string sExpected = sAdd + sAdd + sAnswer + sAnswer + sAnswer + sAnswer;
+    const std::string sFirst = tmp.Sub("first.txt"), sSecond = tmp.Sub("second.txt");
+    const struct
+    {
+        const char* szRow;
+        std::string sValue;
+        std::string sGrows;  // the file that takes this row's lines; "" standard output
+    } aRows[] = {
+        {"a file", sFirst, sFirst},
+        {"another file, from the next line on", sSecond, sSecond},
+        {"a folder, which cannot take lines: they go to standard output", tmp.Path(), ""},
+        {"empty, as if unset", "", ""},
+    };
+    int nRow = 0;
+    for (const auto& row : aRows)
+    {
+        QB_SetEnvironmentVariable("ROOMCRATE_TRACE", row.sValue.c_str());
+        const std::string sFirstBefore = TextOf(sFirst), sSecondBefore = TextOf(sSecond);
+        testing::internal::CaptureStdout();
+        const uint16_t usFileID = Share("traced" + std::to_string(nRow++) + ".bin", {1, 2, 3});
+        const std::string sOutput = testing::internal::GetCapturedStdout();
+        EXPECT_NE(0xFFFF, usFileID) << row.szRow;
+        EXPECT_EQ(row.sGrows.empty() ? sExpected : "", sOutput) << row.szRow;
+        for (const auto& [sFile, sBefore] : {std::pair{sFirst, sFirstBefore}, std::pair{sSecond, sSecondBefore}})
+            EXPECT_EQ(sFile == row.sGrows ? sExpected : "", TextOf(sFile).substr(sBefore.size())) << row.szRow;
+    }
 }

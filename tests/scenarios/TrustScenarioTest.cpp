@@ -1,6 +1,5 @@
-// A server turned hostile, through the simulator: whatever it sends, a client
-// reads only files its user shared and writes only where its user asked.
-// The honest roads are the other scenario tests, whose wire stays as it was.
+// A hostile server: whatever it sends, a client reads only files its user
+// shared and writes only where its user asked.
 #include "ZV_FileShareMgrPeer.h"
 #include "ZV_SceneFixture.h"
 
@@ -23,42 +22,40 @@ std::string Text(const std::string& sPath)
 
 struct TrustScene : public ZV_Scene
 {
-    // The clients' logs have a folder to go to.
     void Build()
     {
         ZV_Scene::Build(false);
         for (ZV_SimHost* lpClient : shape.vecClients)
             std::filesystem::create_directories(lpClient->GetHome() + "log");
     }
-    // What the hostile server sends, on the client's command connection.
     void SendFromServer(ZV_SimHost* lpTo, uint16_t usPdu, ZV_PduBuffer& pdu)
     {
         const uint32_t ulConn = shape.Server()->GetUserConn(&lpTo->GetUserID(), zvConfClientTypeCommand);
         shape.Server()->SendPdu(ulConn, usPdu, pdu.Payload(), pdu.PayloadLength(), 0, 0);
         ASSERT_TRUE(sim.Run()) << sim.GetError();
     }
-    ZV_FileShareSession* Session(ZV_SimHost* lpNode, uint16_t usFileID)
-    {
-        return ZV_FileShareMgrPeer::Find(*Manager(lpNode), usFileID);
-    }
     size_t LogLines(ZV_SimHost* lpClient, const std::string& sLine) const
     {
         return QB_CountInFiles(lpClient->GetHome() + "log/log_error_client.txt", sLine);
     }
-    // PDUs a node sent since the journal stood at nFrom.
+    // PDUs a node sent since the journal stood at nFrom (of any number with 0).
     size_t SentSince(ZV_SimHost* lpNode, size_t nFrom, uint16_t usPdu)
     {
-        ZV_SimFilter filter;
-        filter.eKind = ZV_SimEntryKind::Pdu;
-        filter.usNumber = usPdu;
-        filter.sNode = lpNode->GetName();
-        filter.nFrom = nFrom;
-        return sim.Journal().Find(filter).size();
+        return Find({.eKind = ZV_SimEntryKind::Pdu, .usNumber = usPdu ? std::optional<uint16_t>(usPdu) : std::nullopt,
+                     .sNode = lpNode->GetName(), .nFrom = nFrom})
+            .size();
     }
-    uint32_t LastResult(ZV_SimHost* lpNode, uint16_t usEvent)
+    // The server's 8006 that starts Alice's upload of usFileID at ulPos.
+    void SendUploadStart(uint16_t usFileID, uint32_t ulPos)
     {
-        const auto vecEvents = Events(lpNode, usEvent);
-        return vecEvents.empty() ? 0xFFFFFFFFu : ZV_ResultOf(vecEvents.back());
+        ZV_PduBuffer pdu;
+        pdu.Stream().WriteU16(usFileID);
+        pdu.Stream().WriteU32(0);
+        pdu.Stream().WriteU16(usFileID);
+        Alice()->GetUserID().Save(pdu.Stream());
+        pdu.Stream().WriteU32(0);
+        pdu.Stream().WriteU32(ulPos);
+        SendFromServer(Alice(), PDU_CONF_FS_UPLOAD_RESPONSE, pdu);
     }
 };
 
@@ -95,11 +92,9 @@ void WriteDownloadAnswer(ZV_PduBuffer& pdu, uint16_t usFileID, const QB_UserID& 
 
 } // namespace
 
-// An 8002 naming Alice as the creator makes her client open and upload only
-// the file she shared, as she shared it; every other announcement is refused
-// before any open, told to her with event 3000 and result 90, and logged,
-// and her client sends no byte of it. The same for an 8006 that puts her
-// upload past the end of her file.
+// An 8002 naming Alice makes her client upload only the file she shared, as
+// shared; any other is refused before any open, told (3000 with 90) and
+// logged. The same for an 8006 past the end of her file.
 TEST_F(TrustScene, AClientUploadsOnlyWhatItsUserSharedWhateverTheServerAnnounces)
 {
     Build();
@@ -163,25 +158,15 @@ TEST_F(TrustScene, AClientUploadsOnlyWhatItsUserSharedWhateverTheServerAnnounces
     EXPECT_NE(nullptr, Session(Alice(), 951));
 
     nMark = sim.Journal().Size();
-    ZV_PduBuffer pdu;
-    const QB_UserID alice = Alice()->GetUserID();
-    pdu.Stream().WriteU16(usShared);
-    pdu.Stream().WriteU32(0);
-    pdu.Stream().WriteU16(usShared);
-    alice.Save(pdu.Stream());
-    pdu.Stream().WriteU32(0);
-    pdu.Stream().WriteU32(40001);
-    SendFromServer(Alice(), PDU_CONF_FS_UPLOAD_RESPONSE, pdu);
+    SendUploadStart(usShared, 40001);
     EXPECT_EQ(0u, SentSince(Alice(), nMark, PDU_CONF_FS_UPLOAD_REQUEST)) << "a position past the end";
     EXPECT_EQ(zvResultUntrusted, LastResult(Alice(), zvFsEventTransferError));
     EXPECT_EQ(1u, LogLines(Alice(), "ZV_FileShareMgr.HandleUploadResponse ret = 90"));
 }
 
-// A share its user withdrew (whether or not the server heard), that a
-// server deleted, that went from the disk or whose path now leads to another
-// file is read on no road again: a fresh 8002 for it is refused with 90
-// (withdrawn: before any open, with no session), and an 8006 for a session
-// whose file was refused is refused too.
+// A share withdrawn, deleted, gone from the disk or swapped for another file
+// is read on no road again: a fresh 8002 for it is refused with 90, and so is
+// an 8006 for a session whose file was refused.
 TEST_F(TrustScene, AWithdrawnGoneOrSwappedShareIsNeverReadAgain)
 {
     Build();
@@ -253,25 +238,16 @@ TEST_F(TrustScene, AWithdrawnGoneOrSwappedShareIsNeverReadAgain)
         if (!c.bRefused || !c.bSession)
             continue;
         const size_t nAsked = sim.Journal().Size();
-        ZV_PduBuffer pduStart;
-        const QB_UserID alice = Alice()->GetUserID();
-        pduStart.Stream().WriteU16(usForged);
-        pduStart.Stream().WriteU32(0);
-        pduStart.Stream().WriteU16(usForged);
-        alice.Save(pduStart.Stream());
-        pduStart.Stream().WriteU32(0);
-        pduStart.Stream().WriteU32(0);
-        SendFromServer(Alice(), PDU_CONF_FS_UPLOAD_RESPONSE, pduStart);
+        SendUploadStart(usForged, 0);
         EXPECT_EQ(0u, SentSince(Alice(), nAsked, PDU_CONF_FS_UPLOAD_REQUEST)) << c.szName << ": 8006";
         EXPECT_EQ(zvResultUntrusted, LastResult(Alice(), zvFsEventTransferError)) << c.szName << ": 8006";
     }
 }
 
-// An 8015 makes Bob's client create or write a file only for the download
-// he asked for, at his path, from his position, of the announced length.
-// Unasked, it is refused and logged and nothing else happens; asked but
-// different, Bob also hears of it (event 3002 with 90), and the server's
-// true answer that follows still brings the file to where he asked.
+// An 8015 makes Bob's client write only the download he asked for, at his
+// path, position and length. Unasked, it is refused and logged and nothing
+// else happens; asked but different, he hears 3002 with 90, and the true
+// answer that follows still brings the file where he asked.
 TEST_F(TrustScene, AClientWritesOnlyWhereItsUserAskedWhateverTheServerAnswers)
 {
     Build();
@@ -332,9 +308,8 @@ TEST_F(TrustScene, AClientWritesOnlyWhereItsUserAskedWhateverTheServerAnswers)
     EXPECT_EQ("keep me", Text(sVictim));
 }
 
-// A download that failed at any step, asked again to a new path, either
-// brings the whole file there or fails again: a finish is never told of
-// bytes that went to the first path.
+// A download that failed at any step, asked again to a new path, brings the
+// whole file there or fails again: never a finish of the first path's bytes.
 TEST_F(TrustScene, ADownloadAskedAgainToANewPathAfterAFailureEndsThereOrNowhere)
 {
     Build();
@@ -364,11 +339,9 @@ TEST_F(TrustScene, ADownloadAskedAgainToANewPathAfterAFailureEndsThereOrNowhere)
     EXPECT_GT(nFailedFirst, 6) << "the faults hit the download road";
 }
 
-// The folders that stood when Bob asked are his and are followed as they
-// stand, a link among them too; a folder below them that the client makes,
-// or the file itself, put there as a link between his ask and the server's
-// answer, is not followed: the answer is refused with 90 and nothing is
-// written where the link points.
+// The folders that stood when Bob asked are followed, links too; a folder or
+// the file itself made a link between his ask and the answer is not: the
+// answer is refused with 90 and nothing lands where the link points.
 TEST_F(TrustScene, ADownloadFollowsNoLinkPutBelowTheFoldersThatStoodWhenAsked)
 {
     Build();

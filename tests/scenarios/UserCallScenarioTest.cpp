@@ -1,11 +1,13 @@
-// The user side's calls as a person meets them: what each gives without a
-// link to the server or for a file nobody shared, and who gets to see a
-// file shared with a list of users.
+// The user side's calls: what each gives without a link or for an unknown
+// file, and who sees a file shared with a list of users.
 #include "ZV_SceneFixture.h"
-
 #include "wire/ZV_RecordStream.h"
+#include "add/ZV_AddPdu.h"
+#include "wire/ZV_PduFrame.h"
 
 #include <functional>
+#include <cstring>
+#include <string>
 
 using UserCallScene = ZV_Scene;
 
@@ -46,12 +48,8 @@ TEST_F(UserCallScene, EachCallSaysWhyItCannotGoAndSendsNothing)
         {"FsGetFileInfoByFileID", [&](uint16_t usID) { ZV_FsFileInfo info{}; return lpFs->FsGetFileInfoByFileID(usID, &info); },
          zvResultOk},
     };
-    ZV_SimFilter fromAlice;
-    fromAlice.eKind = ZV_SimEntryKind::Pdu;
-    fromAlice.sNode = Alice()->GetName();
-    fromAlice.nFrom = sim.Journal().Size();
-    // A FileID known nowhere: 82, but a download dropped of a file never
-    // known is simply not there.
+    ZV_SimFilter fromAlice{.eKind = ZV_SimEntryKind::Pdu, .sNode = Alice()->GetName(), .nFrom = sim.Journal().Size()};
+    // A FileID known nowhere: 82, but dropping a download never known is no failure.
     for (const Call& call : aCalls)
     {
         const std::string sName = call.szName;
@@ -80,13 +78,12 @@ TEST_F(UserCallScene, FilesSharedWithAListAreShownToTheUsersOnItAlone)
     Build();
     ZV_SimHost* lpCarol = sim.AddClient(ZV_SimBuilder::kConfID, ZV_SimBuilder::MakeUser(1, 2));
     ASSERT_TRUE(lpCarol && sim.Run()) << sim.GetError();
-    std::filesystem::create_directories(tmp.Sub("alice"));
-    for (const char* szName : {"one.bin", "two.bin", "three.bin"})
+    const std::vector<QB_UserID> vecRight = {Bob()->GetUserID(), QB_UserID(999, 9)};
+    StartShareBy(Alice(), "one.bin", {7}, false, false, vecRight);
+    for (const char* szName : {"two.bin", "three.bin"})
         QB_WriteWholeFile(tmp.Sub(std::string("alice/") + szName), ZV_Bytes{7});
-    const QB_UserID aRight[] = {Bob()->GetUserID(), QB_UserID(999, 9)};
-    ASSERT_EQ(0u, Fs(Alice())->FsAdd(ZV_Wide(tmp.Sub("alice/one.bin")).c_str(), aRight, 2, 0, 0));
     const char16_t* apNames[] = {u"two.bin", u"three.bin"};
-    ASSERT_EQ(0u, Fs(Alice())->FsFilesAdd(ZV_Wide(tmp.Sub("alice")).c_str(), apNames, 2, aRight, 2, 0, 0));
+    ASSERT_EQ(0u, Fs(Alice())->FsFilesAdd(ZV_Wide(tmp.Sub("alice")).c_str(), apNames, 2, vecRight.data(), 2, 0, 0));
     ASSERT_TRUE(sim.Run()) << sim.GetError();
 
     auto Told = [&](ZV_SimHost* lpClient) {
@@ -118,5 +115,75 @@ TEST_F(UserCallScene, LinkCallsOfNoKnownKindGive0OnServersAndClients)
     {
         EXPECT_EQ(0u, lpNode->GetModule()->OnConnect(&peer, 999, 0x55, 0)) << lpNode->GetName();
         EXPECT_EQ(0u, lpNode->GetModule()->OnDisconnect(&peer, 999, 0x55, 0)) << lpNode->GetName();
+    }
+}
+
+// FsGetFileInfoByFileID through the simulator: a known file's description as
+// the client holds it, and texts longer than their field cut at a whole
+// character without a write past the field, whatever a server announced.
+namespace {
+
+std::u16string FieldText(const char16_t* szField, size_t nSize)
+{
+    const char16_t* pEnd = std::char_traits<char16_t>::find(szField, nSize, u'\0');
+    return pEnd == nullptr ? std::u16string(szField, nSize) + u"<no NUL>" : std::u16string(szField, pEnd);
+}
+
+} // namespace
+
+using LookupScene = ZV_Scene;
+
+// A shared file is described as its creator shared it; an unknown one
+// leaves the record alone. A server may announce texts of up to 1024 bytes,
+// while the fields hold 256 and 260 units with their NUL.
+TEST_F(LookupScene, DescribesAKnownFileAndCutsATextLongerThanItsFieldAtAWholeCharacterInsideIt)
+{
+    Build(false);
+    const uint16_t usShared = Share("report.pdf", ZV_RandomBytes(4321, 31));
+    ZV_FsFileInfo info;
+    std::memset(&info, 0xEE, sizeof info);
+    ASSERT_EQ(0u, Fs(Bob())->FsGetFileInfoByFileID(usShared, &info));
+    EXPECT_EQ(Alice()->GetUserID(), QB_UserID(info.ulCreatorMain, info.ulCreatorSub));
+    EXPECT_TRUE(FieldText(info.szFileOldName, 260) == u"report.pdf");
+    EXPECT_TRUE(FieldText(info.szFileType, 260) == u"pdf");
+    EXPECT_TRUE(FieldText(info.szFilePath, 260) == ZV_Wide(tmp.Sub("alice")) + u"\\");
+    EXPECT_EQ(4321u, info.ulFileLenth);
+    ZV_FsFileInfo other = info;
+    EXPECT_EQ(82u, Fs(Bob())->FsGetFileInfoByFileID(999, &other));
+    EXPECT_EQ(0, std::memcmp(&info, &other, sizeof other));
+
+    const std::u16string sPair = u"\U0001F600";
+    const struct
+    {
+        const char* szName;
+        std::u16string sCreator;
+        std::u16string sExpected;
+    } aCases[] = {
+        {"fills the field", std::u16string(255, u'n'), std::u16string(255, u'n')},
+        {"one unit over", std::u16string(256, u'n'), std::u16string(255, u'n')},
+        {"a pair across the end", std::u16string(254, u'n') + sPair, std::u16string(254, u'n')},
+        {"a pair that just fits", std::u16string(253, u'n') + sPair, std::u16string(253, u'n') + sPair},
+        {"far over", std::u16string(500, u'n'), std::u16string(255, u'n')},
+    };
+    uint16_t usFileID = 800;
+    for (const auto& c : aCases)
+    {
+        ZV_AddResponse answer;
+        answer.usRouteID = answer.usFileID = ++usFileID;
+        answer.user = Alice()->GetUserID();
+        answer.brief.SetCreatorID(answer.user);
+        answer.brief.SetCreatorName(QB_StringU8(QB_StringW(c.sCreator.c_str())));
+        answer.brief.SetFilePath(QB_StringU8("C:\\after\\"));
+        answer.brief.SetPublic(true);
+        ZV_PduBuffer pdu;
+        answer.Save(pdu.Stream());
+        const uint32_t ulConn = shape.Server()->GetUserConn(&Bob()->GetUserID(), zvConfClientTypeCommand);
+        shape.Server()->SendPdu(ulConn, PDU_CONF_FS_ADD_RESPONSE, pdu.Payload(), pdu.PayloadLength(), 0, 0);
+        ASSERT_TRUE(sim.Run()) << sim.GetError();
+
+        std::memset(&info, 0xEE, sizeof info);
+        ASSERT_EQ(0u, Fs(Bob())->FsGetFileInfoByFileID(usFileID, &info)) << c.szName;
+        EXPECT_TRUE(FieldText(info.szCreatorName, 256) == c.sExpected) << c.szName;
+        EXPECT_TRUE(FieldText(info.szFilePath, 260) == u"C:\\after\\") << c.szName;
     }
 }

@@ -1,6 +1,5 @@
-// What each user is told of a file: nothing about a file the user may not
-// see, and, once a conference has settled, the name, length and state its
-// server holds. Each scene was found by the random conferences.
+// What each user is told of a file: nothing of one it may not see, and once
+// settled what its server holds. Each was found by the random conferences.
 #include "ZV_SceneFixture.h"
 
 #include "core/ZV_FileShareSession.h"
@@ -12,29 +11,17 @@ namespace {
 
 struct ViewScene : public ZV_Scene
 {
-    // A file of Alice's, public or for her alone, shared and delivered.
     uint16_t ShareOwn(const std::string& sName, size_t nSize, bool bPublic, bool bStart = true)
     {
-        std::filesystem::create_directories(tmp.Sub("alice"));
-        QB_WriteWholeFile(tmp.Sub("alice/" + sName), ZV_RandomBytes(nSize, 7));
-        const size_t nBefore = Events(Alice(), zvFsEventFileAdded).size();
-        EXPECT_EQ(0u, Fs(Alice())->FsAdd(ZV_Wide(tmp.Sub("alice/" + sName)).c_str(), nullptr, 0, bPublic ? 1 : 0,
-                                         bStart ? 1 : 0));
-        EXPECT_TRUE(sim.Run()) << sim.GetError();
-        return AddedFileID(Alice(), nBefore);
+        return ShareBy(Alice(), sName, ZV_RandomBytes(nSize, 7), bStart, bPublic);
     }
     // Events of the node that name the FileID right behind their result
     // (all but 3011, 3012 and 3013).
     size_t EventsAbout(ZV_SimHost* lpNode, uint16_t usFileID, uint16_t usEvent)
     {
-        size_t n = 0;
-        for (const ZV_SimEntry& event : Events(lpNode, usEvent))
-        {
-            QB_ByteStream stream(event.vbData.data(), (int32_t)event.vbData.size());
-            stream.Skip(6);
-            n += stream.ReadU16() == usFileID ? 1 : 0;
-        }
-        return n;
+        const auto vecEvents = Events(lpNode, usEvent);
+        return (size_t)std::count_if(vecEvents.begin(), vecEvents.end(),
+                                     [&](const ZV_SimEntry& event) { return ZV_FileIDOf(event) == usFileID; });
     }
     // The upload states 3011 told the node of the file, in order.
     std::vector<uint16_t> UploadStates(ZV_SimHost* lpNode, uint16_t usFileID)
@@ -56,11 +43,8 @@ struct ViewScene : public ZV_Scene
     // for the file; 0xFFFF when none did.
     uint16_t ToldState(ZV_SimHost* lpNode, uint16_t usFileID)
     {
-        ZV_SimFilter filter;
-        filter.eKind = ZV_SimEntryKind::Event;
-        filter.sNode = lpNode->GetName();
         uint16_t usState = 0xFFFF;
-        for (const ZV_SimEntry& event : sim.Journal().Find(filter))
+        for (const ZV_SimEntry& event : Find({.eKind = ZV_SimEntryKind::Event, .sNode = lpNode->GetName()}))
         {
             if (event.usNumber == zvFsEventFilesAdded)
             {
@@ -71,48 +55,21 @@ struct ViewScene : public ZV_Scene
             }
             if (event.usNumber != zvFsEventFileAdded)
                 continue;
-            QB_ByteStream stream(event.vbData.data(), (int32_t)event.vbData.size());
-            stream.Skip(6);
-            ZV_FileBriefInfo brief;
-            if (stream.ReadU16() != usFileID)
+            if (ZV_FileIDOf(event) != usFileID)
                 continue;
+            QB_ByteStream stream(event.vbData.data() + 8, (int32_t)event.vbData.size() - 8);
+            ZV_FileBriefInfo brief;
             LoadDelimited(stream, brief);
             usState = brief.m_usFileState;
         }
         return usState;
     }
-    static ZV_FileShareSession* SessionOf(ZV_SimHost* lpNode, uint16_t usFileID)
-    {
-        return ZV_FileShareMgrPeer::Find(*Manager(lpNode), usFileID);
-    }
 };
 
 } // namespace
 
-// Bob may not see Alice's file: he hears nothing of its upload, nor of its
-// going, whether the delete reaches him live or by the list he gets when
-// he comes back.
-TEST_F(ViewScene, AUserWhoMayNotSeeAFileHearsNothingOfItsUploadOrItsDelete)
-{
-    Build();
-    const uint16_t usLive = ShareOwn("live.bin", 40000, false);
-    ASSERT_EQ(0u, Fs(Alice())->FsDelUpload(usLive));
-    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
-    const uint16_t usListed = ShareOwn("listed.bin", 10, false);
-    ASSERT_TRUE(sim.Leave(Bob()));
-    ASSERT_EQ(0u, Fs(Alice())->FsDelUpload(usListed));
-    ASSERT_TRUE(sim.Rejoin(Bob(), false) && sim.Run()) << sim.GetError();
-
-    EXPECT_TRUE(UploadStates(Bob(), usLive).empty());
-    EXPECT_EQ(0u, EventsAbout(Bob(), usLive, zvFsEventFileGone));
-    EXPECT_EQ(0u, EventsAbout(Bob(), usListed, zvFsEventFileGone));
-    EXPECT_EQ(1u, EventsAbout(Alice(), usLive, zvFsEventFileGone)) << "the creator saw it go";
-}
-
-// Alice's public file reaches the second server as a relay's copy: Carol
-// there is told its upload began and ended, as Bob beside Alice is. An
-// empty file that nobody uploads is complete at the server's first look,
-// and Bob is told so too.
+// Each server's clients are told its copy of a file began and is whole; an
+// empty file nobody uploads is whole at the server's first look.
 TEST_F(ViewScene, EveryServerTellsItsClientsWhenItsCopyOfAFileBeginsAndIsWhole)
 {
     Build(true);
@@ -127,9 +84,7 @@ TEST_F(ViewScene, EveryServerTellsItsClientsWhenItsCopyOfAFileBeginsAndIsWhole)
     EXPECT_EQ(zvFileStateComplete, UploadStates(Bob(), usEmpty).back());
 }
 
-// Two files come to the second server by its list when the link returns,
-// one for Alice alone and one for all: Carol there is told of the one she
-// may see, and of nothing else, whichever the list names first.
+// A list bringing a private and a public file tells Carol only the public one.
 TEST_F(ViewScene, AFileListOfSeveralCreatorsIsToldToEachUserFileByFile)
 {
     Build(true);
@@ -144,9 +99,7 @@ TEST_F(ViewScene, AFileListOfSeveralCreatorsIsToldToEachUserFileByFile)
     EXPECT_NE(usPrivate, usPublic);
 }
 
-// Bob, beside Alice, was away while her file went up: the list he gets on
-// his return says the file is whole, and so is he told, though an old
-// state of his own stood in his client's record.
+// Bob was away while Alice's file went up: the list's "whole" wins over his old state.
 TEST_F(ViewScene, AUserBesideTheCreatorTakesTheStateTheListSays)
 {
     Build();
@@ -157,11 +110,10 @@ TEST_F(ViewScene, AUserBesideTheCreatorTakesTheStateTheListSays)
     ASSERT_TRUE(sim.Rejoin(Bob(), false) && sim.Run()) << sim.GetError();
 
     EXPECT_EQ(zvFileStateComplete, ToldState(Bob(), usFileID));
-    EXPECT_EQ(zvFileStateComplete, SessionOf(Bob(), usFileID)->BriefInfo().m_usFileState);
+    EXPECT_EQ(zvFileStateComplete, Session(Bob(), usFileID)->BriefInfo().m_usFileState);
 }
 
-// Alice's empty file is whole at the server's first look, though she never
-// uploaded it; when she comes back as a returning user it stays hers.
+// An empty file never uploaded stays its returning creator's.
 TEST_F(ViewScene, AReturningCreatorKeepsAFileTheServerHoldsWhole)
 {
     Build();
@@ -171,14 +123,12 @@ TEST_F(ViewScene, AReturningCreatorKeepsAFileTheServerHoldsWhole)
     ASSERT_TRUE(sim.Rejoin(Alice(), true) && sim.Run()) << sim.GetError();
 
     EXPECT_EQ(0u, EventsAbout(Alice(), usFileID, zvFsEventFileGone));
-    EXPECT_NE(nullptr, SessionOf(Alice(), usFileID));
-    EXPECT_NE(nullptr, SessionOf(shape.Server(), usFileID));
+    EXPECT_NE(nullptr, Session(Alice(), usFileID));
+    EXPECT_NE(nullptr, Session(shape.Server(), usFileID));
 }
 
-// Carol, behind the second server, may not see Alice's file. It reaches
-// her server by the list when the server link returns, already whole at
-// the first server, so no progress report tells of its end. Made
-// privileged, she is told of it as it stands: whole.
+// A file that came by a list already whole, hidden from Carol, is told her
+// as whole once she is made privileged.
 TEST_F(ViewScene, AFileThatComesIntoViewIsToldInTheStateItHasReached)
 {
     Build(true);
@@ -192,10 +142,8 @@ TEST_F(ViewScene, AFileThatComesIntoViewIsToldInTheStateItHasReached)
     EXPECT_EQ(zvFileStateComplete, ToldState(lpCarol, usFileID));
 }
 
-// Alice asks to upload a file the server already holds whole while her
-// data connection is down, then stops and resumes it: the server takes
-// none of it, and her client is not left waiting for an upload that never
-// ends.
+// Uploading a whole file again with the data link down, then stopping and
+// resuming it, leaves Alice idle.
 TEST_F(ViewScene, UploadingAWholeFileAgainLeavesTheCreatorIdle)
 {
     Build();
@@ -210,13 +158,11 @@ TEST_F(ViewScene, UploadingAWholeFileAgainLeavesTheCreatorIdle)
     ASSERT_TRUE(sim.AdvanceTime(60000)) << sim.GetError();
 
     EXPECT_EQ(0, ZV_FileShareMgrPeer::BusyFileIDs(*Manager(Alice())).GetSize());
-    EXPECT_EQ(zvFileStateComplete, SessionOf(Alice(), usFileID)->BriefInfo().m_usFileState);
+    EXPECT_EQ(zvFileStateComplete, Session(Alice(), usFileID)->BriefInfo().m_usFileState);
 }
 
-// The first server has one FileID. Alice deletes her file while the second
-// server is cut off and shares another, which takes the same number. When
-// the link returns, both servers hold the new file under it and nobody the
-// deleted one; Carol on the second server is told the old one went.
+// A FileID deleted and given to a new file while server 2 was cut off names
+// the new file everywhere once the link returns; Carol hears the old went.
 TEST_F(ViewScene, AFileIDGivenOutAgainWhileAServerWasAwayNamesTheNewFileEverywhere)
 {
     sim.SetFileIDRange(1, 1, 1);
@@ -233,12 +179,12 @@ TEST_F(ViewScene, AFileIDGivenOutAgainWhileAServerWasAwayNamesTheNewFileEverywhe
 
     for (int n = 0; n < 2; ++n)
     {
-        ZV_FileShareSession* lpFsSession = SessionOf(shape.Server(n), usNew);
+        ZV_FileShareSession* lpFsSession = Session(shape.Server(n), usNew);
         ASSERT_NE(nullptr, lpFsSession) << "server " << n + 1;
         EXPECT_EQ("new.bin", std::string(lpFsSession->FileInfo().m_BriefInfo.m_sFileOldName.GetString()))
             << "server " << n + 1;
     }
-    ASSERT_NE(nullptr, SessionOf(lpCarol, usNew));
-    EXPECT_EQ("new.bin", std::string(SessionOf(lpCarol, usNew)->BriefInfo().m_sFileOldName.GetString()));
+    ASSERT_NE(nullptr, Session(lpCarol, usNew));
+    EXPECT_EQ("new.bin", std::string(Session(lpCarol, usNew)->BriefInfo().m_sFileOldName.GetString()));
     EXPECT_EQ(1u, EventsAbout(lpCarol, usOld, zvFsEventFileGone));
 }

@@ -1,6 +1,5 @@
-// The two flags that every send ends in: their values are fixed per PDU,
-// and the host reads them, so a whole conference's traffic is checked here,
-// with the result each handler gave the host.
+// The two flags every send ends in are fixed per PDU and read by the host:
+// a whole conference's traffic is checked, with each handler's result.
 #include "ZV_SceneFixture.h"
 
 using WireFlagsScene = ZV_Scene;
@@ -43,11 +42,8 @@ TEST_F(WireFlagsScene, EveryPduOfATransferAcrossTwoServersCarriesTheFlagsOfItsKi
     ASSERT_TRUE(sim.AdvanceTime(25000)) << sim.GetError();
     ASSERT_EQ(data, QB_ReadWholeFile(Target(lpCarol, usFileID)));
 
-    ZV_SimFilter filter;
-    filter.eKind = ZV_SimEntryKind::Pdu;
-    size_t nProgressRunning = 0;
-    size_t nProgressDone = 0;
-    for (const ZV_SimEntry& entry : sim.Journal().Find(filter))
+    size_t nProgressRunning = 0, nProgressDone = 0;
+    for (const ZV_SimEntry& entry : Find({.eKind = ZV_SimEntryKind::Pdu}))
     {
         const auto flags = ExpectedFlags(entry, (uint32_t)data.size());
         EXPECT_EQ(flags, std::make_pair(entry.bFlag1, entry.bFlag2))

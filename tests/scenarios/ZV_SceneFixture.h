@@ -8,6 +8,7 @@
 #include "ZV_SimConference.h"
 
 #include "core/ZV_FileShareMgr.h"
+#include "core/ZV_FileShareSession.h"
 #include "ZV_FileShareMgrPeer.h"
 #include "ZV_FilesAddedEvent.h"
 #include "records/ZV_FileUploadInfo.h"
@@ -18,11 +19,17 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <filesystem>
 #include <random>
 #include <string>
 #include <vector>
+
+// Journal filters are written with designated initializers, naming only the
+// fields that narrow the search.
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
 
 using ZV_Bytes = std::vector<uint8_t>;
 
@@ -47,6 +54,12 @@ inline uint32_t ZV_ResultOf(const ZV_SimEntry& event)
     QB_ByteStream stream(event.vbData.data(), (int32_t)event.vbData.size());
     stream.ReadU16();
     return stream.ReadU32();
+}
+
+// The FileID that most events carry right behind their result.
+inline uint16_t ZV_FileIDOf(const ZV_SimEntry& event)
+{
+    return (uint16_t)(event.vbData.at(6) | event.vbData.at(7) << 8);
 }
 
 // The trace of the many conferences a sweep runs says nothing: it goes
@@ -85,22 +98,34 @@ struct ZV_Scene : public ::testing::Test
     ZV_SimHost* Bob() const { return shape.Client(1); }
     IZV_FileShareMgr* Fs(ZV_SimHost* lpClient) const { return lpClient->GetFileShareMgr(); }
 
-    // Alice shares `data` as `sName`; the FileID is what the server gave,
-    // 0xFFFF when she was told of none.
-    // Alice's file, shared, without delivering anything yet.
-    void StartShare(const std::string& sName, const ZV_Bytes& data, bool bStartUpload = true)
+    // A client shares `data` as `sName` from its own folder; the FileID is
+    // what the server gave, 0xFFFF when it was told of none.
+    void StartShareBy(ZV_SimHost* lpClient, const std::string& sName, const ZV_Bytes& data, bool bStart = true,
+                      bool bPublic = true, const std::vector<QB_UserID>& vecRight = {})
     {
-        std::filesystem::create_directories(tmp.Sub("alice"));
-        QB_WriteWholeFile(tmp.Sub("alice/" + sName), data);
-        EXPECT_EQ(0u, Fs(Alice())->FsAdd(ZV_Wide(tmp.Sub("alice/" + sName)).c_str(), nullptr, 0, 1,
-                                         bStartUpload ? 1 : 0));
+        std::string sFolder = lpClient->GetUserRecord().sName;
+        std::transform(sFolder.begin(), sFolder.end(), sFolder.begin(), [](char c) { return (char)std::tolower(c); });
+        sFolder = tmp.Sub(sFolder);
+        std::filesystem::create_directories(sFolder);
+        QB_WriteWholeFile(sFolder + "/" + sName, data);
+        EXPECT_EQ(0u, Fs(lpClient)->FsAdd(ZV_Wide(sFolder + "/" + sName).c_str(), vecRight.data(),
+                                          (uint32_t)vecRight.size(), bPublic ? 1 : 0, bStart ? 1 : 0));
     }
-    uint16_t Share(const std::string& sName, const ZV_Bytes& data, bool bStartUpload = true)
+    uint16_t ShareBy(ZV_SimHost* lpClient, const std::string& sName, const ZV_Bytes& data, bool bStart = true,
+                     bool bPublic = true, const std::vector<QB_UserID>& vecRight = {})
     {
-        const size_t nBefore = Events(Alice(), zvFsEventFileAdded).size();
-        StartShare(sName, data, bStartUpload);
+        const size_t nBefore = Events(lpClient, zvFsEventFileAdded).size();
+        StartShareBy(lpClient, sName, data, bStart, bPublic, vecRight);
         EXPECT_TRUE(sim.Run()) << sim.GetError();
-        return AddedFileID(Alice(), nBefore);
+        return AddedFileID(lpClient, nBefore);
+    }
+    void StartShare(const std::string& sName, const ZV_Bytes& data, bool bStart = true)
+    {
+        StartShareBy(Alice(), sName, data, bStart);
+    }
+    uint16_t Share(const std::string& sName, const ZV_Bytes& data, bool bStart = true)
+    {
+        return ShareBy(Alice(), sName, data, bStart);
     }
     // The FileID of the newest 3000 raised to lpClient once it had nBefore
     // of them; 0xFFFF when no new one came.
@@ -136,6 +161,23 @@ struct ZV_Scene : public ::testing::Test
         }
         return vecFileID;
     }
+    std::vector<ZV_SimEntry> Find(const ZV_SimFilter& filter) { return sim.Journal().Find(filter); }
+    // Result of the node's latest event of that number, 0xFFFFFFFF with none.
+    uint32_t LastResult(ZV_SimHost* lpNode, uint16_t usEvent)
+    {
+        const auto vecEvents = Events(lpNode, usEvent);
+        return vecEvents.empty() ? 0xFFFFFFFFu : ZV_ResultOf(vecEvents.back());
+    }
+    bool Knows(ZV_SimHost* lpClient, uint16_t usFileID)
+    {
+        ZV_FsFileInfo info{};
+        return Fs(lpClient)->FsGetFileInfoByFileID(usFileID, &info) == 0;
+    }
+    static ZV_FileShareSession* Session(ZV_SimHost* lpNode, uint16_t usFileID)
+    {
+        return ZV_FileShareMgrPeer::Find(*Manager(lpNode), usFileID);
+    }
+    static bool IsBusy(ZV_SimHost* lpClient) { return !ZV_FileShareMgrPeer::BusyFileIDs(*Manager(lpClient)).IsEmpty(); }
     // Steps until `usPdu` has reached `lpTo` nTimes.
     bool StepUntilDelivered(uint16_t usPdu, ZV_SimHost* lpTo, size_t nTimes)
     {
@@ -160,5 +202,18 @@ struct ZV_Scene : public ::testing::Test
     {
         return lpServer->GetHome() + "store/" + std::to_string(ZV_SimBuilder::kConfID) + "/" +
                row.m_sFileNewName.GetString();
+    }
+    // The bytes a server stores of a file; empty with no row or no file.
+    static ZV_Bytes StoredBytes(ZV_SimHost* lpServer, uint16_t usFileID)
+    {
+        ZV_FileUploadInfo row;
+        if (!Row(lpServer, usFileID, row) || !std::filesystem::exists(Stored(lpServer, row)))
+            return {};
+        return QB_ReadWholeFile(Stored(lpServer, row));
+    }
+    static size_t StoreCount(ZV_SimHost* lpServer)
+    {
+        const std::string sStore = lpServer->GetHome() + "store/" + std::to_string(ZV_SimBuilder::kConfID);
+        return (size_t)std::distance(std::filesystem::directory_iterator(sStore), {});
     }
 };
