@@ -195,9 +195,7 @@ std::unique_ptr<CrashScene> Begin(const CrashRoad& road)
     // The server takes its catalogue back at a start: without that it would
     // hide every file a restart finds, and no road could be finished.
     ZV_SimHost* lpServer = lpScene->shape.Server();
-    std::string sStore = lpServer->GetHome() + "store/";
-    std::replace(sStore.begin(), sStore.end(), '/', '\\');
-    QB_WriteWholeFile(lpServer->GetHome() + "confsrv.ini", "[FileShare]\r\nPath=" + sStore + "\r\nRestoreCatalog=1\r\n");
+    ZV_Scene::WriteServerConfig(lpServer, true);
     EXPECT_TRUE(lpScene->sim.RestartServer(lpServer) && lpScene->sim.Run()) << lpScene->sim.GetError();
     road.fnPrepare(*lpScene);
     if (lpScene->usFileID != 0xFFFF)

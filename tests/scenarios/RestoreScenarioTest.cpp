@@ -6,18 +6,6 @@
 #include <algorithm>
 #include <set>
 
-namespace {
-
-void WriteConfig(ZV_SimHost* lpServer, bool bRestore)
-{
-    std::string sStore = lpServer->GetHome() + "store/";
-    std::replace(sStore.begin(), sStore.end(), '/', '\\');
-    QB_WriteWholeFile(lpServer->GetHome() + "confsrv.ini",
-                      "[FileShare]\r\nPath=" + sStore + "\r\n" + (bRestore ? "RestoreCatalog=1\r\n" : ""));
-}
-
-}  // namespace
-
 struct RestoreScene : ZV_Scene
 {
     uint16_t ShareWithBob(const std::string& sName, const ZV_Bytes& data)
@@ -26,7 +14,7 @@ struct RestoreScene : ZV_Scene
     }
     void Restart(bool bRestore)
     {
-        WriteConfig(shape.Server(), bRestore);
+        WriteServerConfig(shape.Server(), bRestore);
         ASSERT_TRUE(sim.RestartServer(shape.Server())) << sim.GetError();
         ASSERT_TRUE(sim.Run()) << sim.GetError();
     }

@@ -94,6 +94,15 @@ struct ZV_Scene : public ::testing::Test
         shape = bLinked ? ZV_SimBuilder::TwoLinkedServers(sim) : ZV_SimBuilder::OneServerTwoClients(sim);
         ASSERT_TRUE(shape.IsComplete() && sim.Run()) << sim.GetError();
     }
+    // The server's "confsrv.ini": its store, and whether it takes its
+    // catalogue back at a start (and so keeps rights); read at its next start.
+    static void WriteServerConfig(ZV_SimHost* lpServer, bool bRestore)
+    {
+        std::string sStore = lpServer->GetHome() + "store/";
+        std::replace(sStore.begin(), sStore.end(), '/', '\\');
+        QB_WriteWholeFile(lpServer->GetHome() + "confsrv.ini",
+                          "[FileShare]\r\nPath=" + sStore + "\r\n" + (bRestore ? "RestoreCatalog=1\r\n" : ""));
+    }
     ZV_SimHost* Alice() const { return shape.Client(0); }
     ZV_SimHost* Bob() const { return shape.Client(1); }
     IZV_FileShareMgr* Fs(ZV_SimHost* lpClient) const { return lpClient->GetFileShareMgr(); }
