@@ -24,9 +24,18 @@ ctest --test-dir "$build" -j2 --output-on-failure
 
 out="$build/coverage"
 mkdir -p "$out"
-gcovr --root . --object-directory "$build" --filter 'ZV_FileShare/' --filter 'QB_Base/' \
-      --exclude-throw-branches --exclude-unreachable-branches --json "$out/coverage.json"
-gcovr --add-tracefile "$out/coverage.json" --html-details "$out/index.html"
+# A counter file names its sources relative to the folder it was compiled
+# in (always so with ccache's base_dir), and gcovr takes them relative to
+# --object-directory: so each compile folder is read on its own, and the
+# parts are added up.
+rm -f "$out"/part-*.json
+n=0
+for dir in $(find "$build" -name '*.gcda' | sed 's|/CMakeFiles/.*||' | sort -u); do
+    n=$((n + 1))
+    gcovr --root . --object-directory "$dir" --filter 'ZV_FileShare/' --filter 'QB_Base/' \
+          --exclude-throw-branches --exclude-unreachable-branches --json "$out/part-$n.json" "$dir/CMakeFiles"
+done
+gcovr --add-tracefile "$out/part-*.json" --json "$out/coverage.json" --html-details "$out/index.html"
 python3 - "$out/coverage.json" <<'PY'
 import json, sys
 files = json.load(open(sys.argv[1]))["files"]
