@@ -135,7 +135,8 @@ TEST(RareRoads, RareCasesGiveTheirOwnCodes)
         {"a session handed a manager's number", zvResultNoHandler,
          [&] {
              const std::vector<uint8_t> data{3, 0};
-             ConfPduData cpd{20002, 0, 11, 0, zvConfClientTypeCommand, PDU_CONF_FS_ADD_REQUEST, 0, 0, 0, 2, data.data()};
+             ConfPduData cpd{20002, 0, 11, 0, zvConfClientTypeCommand, PDU_CONF_FS_ADD_REQUEST, 0, 0, 0, 2,
+                             data.data()};
              return session.HandlePdu(&cpd);
          }},
         {"the reserved slots do nothing",
