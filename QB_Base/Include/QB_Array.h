@@ -74,15 +74,9 @@ public:
         SetAtGrow(nIndex, value);
         return nIndex;
     }
+    // nIndex is at or past the end: the array grows to reach it.
     void SetAtGrow(int nIndex, const T& value)
     {
-        if (nIndex < 0)
-            return;
-        if (nIndex < m_nSize)
-        {
-            m_pData[nIndex] = value;
-            return;
-        }
         // The value may be one of ours, which growing would move away.
         if (Holds(&value))
         {

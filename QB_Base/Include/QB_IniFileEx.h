@@ -110,8 +110,6 @@ public:
     QB_StringW GetString(const QB_StringW& sSection, const QB_StringW& sKey, const QB_StringW& sDefault) const;
     QB_StringA GetString(const QB_StringA& sSection, const QB_StringA& sKey, const QB_StringA& sDefault) const;
     // True when the value differs from the default.
-    bool GetString(const QB_StringW& sSection, const QB_StringW& sKey, QB_StringW& sValue,
-                   const QB_StringW& sDefault) const;
     bool GetString(const QB_StringA& sSection, const QB_StringA& sKey, QB_StringA& sValue,
                    const QB_StringA& sDefault) const;
     int32_t GetLong(const QB_StringW& sSection, const QB_StringW& sKey, int32_t nDefault) const;

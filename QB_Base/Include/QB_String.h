@@ -88,7 +88,6 @@ public:
     const CharT* c_str() const noexcept { return m_pData; }
     std::basic_string_view<CharT> View() const noexcept { return {m_pData, (size_t)GetLength()}; }
     CharT operator[](int i) const noexcept { return m_pData[i]; }
-    CharT GetAt(int i) const noexcept { return m_pData[i]; }
     void SetAt(int i, CharT ch)
     {
         if (i >= 0 && i < GetLength() && MakePrivate())

@@ -645,13 +645,6 @@ QB_StringA QB_IniFileEx::GetString(const QB_StringA& sSection, const QB_StringA&
     return QB_StringA(GetString(QB_StringW(sSection), QB_StringW(sKey), QB_StringW(sDefault)));
 }
 
-bool QB_IniFileEx::GetString(const QB_StringW& sSection, const QB_StringW& sKey, QB_StringW& sValue,
-                             const QB_StringW& sDefault) const
-{
-    sValue = GetString(sSection, sKey, sDefault);
-    return sValue != sDefault;
-}
-
 bool QB_IniFileEx::GetString(const QB_StringA& sSection, const QB_StringA& sKey, QB_StringA& sValue,
                              const QB_StringA& sDefault) const
 {

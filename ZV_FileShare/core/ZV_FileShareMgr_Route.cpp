@@ -41,10 +41,11 @@ uint32_t ZV_FileShareMgr::RouteToManager(ConfPduData* lpCpd, bool& bHandled)
 {
     const ZV_PduRow* lpRow = ZV_FindPduRow(lpCpd->usPdu);
     bHandled = lpRow != nullptr && lpRow->eHandler != ZV_PduHandler::Session;
-    if (!bHandled || lpRow->eHandler == ZV_PduHandler::Nobody)
+    if (!bHandled)
         return zvResultNoHandler;
     if (lpRow->eTrace != ZV_PduTrace::None)
         ZV_TraceRecv(lpCpd->usPdu);
+    // A row nobody handles has no case here, and prints no trace line.
     switch (lpCpd->usPdu)
     {
         ZV_PDU_CASES(Manager)

@@ -38,9 +38,7 @@ IZV_ConfHost* ZV_FileShareSession::Conf() const
 uint32_t ZV_FileShareSession::HandlePdu(ConfPduData* lpCpd)
 {
     const ZV_PduRow* lpRow = ZV_FindPduRow(lpCpd->usPdu);
-    if (lpRow == nullptr || lpRow->eHandler != ZV_PduHandler::Session)
-        return zvResultNoHandler;
-    if (lpRow->eTrace != ZV_PduTrace::None)
+    if (lpRow != nullptr && lpRow->eHandler == ZV_PduHandler::Session && lpRow->eTrace != ZV_PduTrace::None)
         ZV_TraceRecv(lpCpd->usPdu);
     switch (lpCpd->usPdu)
     {

@@ -12,6 +12,7 @@
 
 #include "QB_Log.h"
 
+#include <functional>
 #include <unordered_map>
 #include <vector>
 
@@ -95,9 +96,9 @@ namespace {
 // The files first, then the download records, each cut into as many PDUs
 // as it needs and each ending with one more PDU, so that an empty list is
 // one empty PDU. fnSend sends the buffer once its body is written.
-template <typename FnSend>
 void CutFileList(ZV_FileListResponse& part, const QB_Array<ZV_FileUploadInfo>& arrInfo, const QB_Array<bool>& arrState,
-                 const QB_Array<uint32_t>& arrMaxPos, const QB_Array<ZV_FileDownloadInfo>* lpDownload, FnSend fnSend)
+                 const QB_Array<uint32_t>& arrMaxPos, const QB_Array<ZV_FileDownloadInfo>* lpDownload,
+                 const std::function<void(ZV_PduBuffer&)>& fnSend)
 {
     ZV_PduBuffer pdu;
     QB_ByteStream& stream = pdu.Stream();

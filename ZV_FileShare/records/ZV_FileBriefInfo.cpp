@@ -118,10 +118,6 @@ bool ZV_FileBriefInfo::SetCreatorName(const QB_StringU8& sValue)
 {
     return SetTextField(m_sCreatorName, m_ullMask, ZV_BRIEF_CREATOR_NAME, sValue);
 }
-bool ZV_FileBriefInfo::SetCreatorName(const QB_StringW& sValue)
-{
-    return SetTextField(m_sCreatorName, m_ullMask, ZV_BRIEF_CREATOR_NAME, sValue);
-}
 bool ZV_FileBriefInfo::SetFilePath(const QB_StringU8& sValue)
 {
     return SetTextField(m_sFilePath, m_ullMask, ZV_BRIEF_FILE_PATH, sValue);

@@ -61,7 +61,6 @@ public:
     // Text setters refuse more than 1024 bytes of UTF-8 and then change
     // nothing; the wide ones measure the converted text.
     bool SetCreatorName(const QB_StringU8& sValue);
-    bool SetCreatorName(const QB_StringW& sValue);
     bool SetFilePath(const QB_StringU8& sValue);
     bool SetFilePath(const QB_StringW& sValue);
     bool SetFileOldName(const QB_StringU8& sValue);

@@ -68,10 +68,6 @@ bool ZV_FileDownloadInfo::SetFileName(const QB_StringU8& sValue)
 {
     return SetTextField(m_sFileName, m_ullMask, ZV_DOWNLOAD_FILE_NAME, sValue);
 }
-bool ZV_FileDownloadInfo::SetFileName(const QB_StringW& sValue)
-{
-    return SetTextField(m_sFileName, m_ullMask, ZV_DOWNLOAD_FILE_NAME, sValue);
-}
 
 // Only the local name is measured: the other texts are taken over from the
 // file's description or cut from the local path, and are kept as given.

@@ -50,7 +50,6 @@ public:
 
     // Refuse more than 1024 bytes of UTF-8 and then change nothing.
     bool SetFileName(const QB_StringU8& sValue);
-    bool SetFileName(const QB_StringW& sValue);
 
     bool SetFileID(uint16_t usValue);
     bool SetFilePath(const QB_StringU8& sValue);

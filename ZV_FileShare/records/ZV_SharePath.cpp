@@ -30,21 +30,3 @@ ZV_SharePathProblem ZV_CheckBatchName(const QB_StringW& sName)
         return ZV_SharePathProblem::SeparatorInName;
     return ZV_SharePathProblem::None;
 }
-
-const char* ZV_SharePathProblemText(ZV_SharePathProblem problem)
-{
-    switch (problem)
-    {
-    case ZV_SharePathProblem::None:
-        return "it can be shared";
-    case ZV_SharePathProblem::TooLong:
-        return "its full path is longer than the 259 characters a path may have";
-    case ZV_SharePathProblem::EmptyName:
-        return "the path names no file";
-    case ZV_SharePathProblem::SeparatorInName:
-        return "its name holds a \"\\\" or \"/\", which separate folders";
-    case ZV_SharePathProblem::NotInCodePage:
-        return "its name or folder holds a character that the catalogue's code page (Windows-1252) cannot hold";
-    }
-    return "unknown";
-}

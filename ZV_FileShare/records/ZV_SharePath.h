@@ -26,5 +26,3 @@ constexpr int ZV_MAX_SHARE_PATH = 259;
 ZV_SharePathProblem ZV_CheckSharePath(const QB_StringW& sFullPath, bool bFolderThroughAnsi);
 // A file name of a batch, which must name a file of the batch's folder.
 ZV_SharePathProblem ZV_CheckBatchName(const QB_StringW& sName);
-// The problem in plain words, for a person.
-const char* ZV_SharePathProblemText(ZV_SharePathProblem problem);

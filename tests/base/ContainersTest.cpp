@@ -125,7 +125,16 @@ TEST(Array, InsertsRemovesAndFindsByIndexAndRefusesNegativeNumbers)
         {"insert past the end", [&] { arr.InsertAt(7, 5); }, {9, 1, 2, 3, 4, 0, 0, 5}},
         {"remove two", [&] { arr.RemoveAt(1, 2); }, {9, 3, 4, 0, 0, 5}},
         {"remove too many", [&] { arr.RemoveAt(5, 4); }, {9, 3, 4, 0, 0, 5}},
-        {"negative numbers", [&] { arr.RemoveAt(-1); arr.SetSize(-2); arr.InsertAt(-1, 1); }, {9, 3, 4, 0, 0, 5}},
+        {"add one of its own to a full array",
+         [&] {
+             arr.SetSize(arr.GetCapacity());
+             arr.Add(arr[0]);
+             const int nAdded = arr[arr.GetSize() - 1];
+             arr.SetSize(6);
+             arr.Add(nAdded);
+         },
+         {9, 3, 4, 0, 0, 5, 9}},
+        {"negative numbers", [&] { arr.RemoveAt(-1); arr.SetSize(-2); arr.InsertAt(-1, 1); }, {9, 3, 4, 0, 0, 5, 9}},
     };
     for (const Step& step : steps)
     {

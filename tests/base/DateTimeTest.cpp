@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -142,6 +143,18 @@ TEST(DateTime, TakesNowFromTheClockLessTheZoneBiasAndBrokenDownTimeToTheSecond)
         QB_DateTimeEx dtNow;
         ASSERT_TRUE(dtNow.SetToNow());
         EXPECT_EQ(Text(dtNow), "2011-03-16 08:21:48");
+        // A second before 1970, and clocks outside the calendar.
+        const std::pair<int64_t, const char*> aTimes[] = {
+            {-1, "1969-12-31 23:59:59"}, {-400000000000LL, nullptr}, {(int64_t)1 << 41, nullptr}};
+        env.SetTimeZoneBias(0);
+        QB_DateTimeEx::ResetTimeZoneCache();
+        for (const auto& [llTime, pszText] : aTimes)
+        {
+            env.SetTimeT(llTime);
+            QB_DateTimeEx dtAt = s_dtMarker;
+            EXPECT_EQ(pszText != nullptr, dtAt.SetToNow()) << llTime;
+            EXPECT_EQ(Text(dtAt), pszText ? pszText : Text(s_dtMarker)) << llTime;
+        }
     }
     QB_DateTimeEx::ResetTimeZoneCache();
     QB_DateTimeEx dt;

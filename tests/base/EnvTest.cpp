@@ -3,6 +3,7 @@
 #include "QB_Env.h"
 #include "QB_FaultEnv.h"
 #include "QB_FileEx.h"
+#include "QB_Library.h"
 #include "QB_TestSupport.h"
 
 #include <gtest/gtest.h>
@@ -143,18 +144,16 @@ TEST(Env, GivesTheLastWriteTimeAsLocalCalendarTime)
 
 // More handles than the process may hold descriptors: those used longest
 // ago are parked and taken back at their next use, with their position and
-// their place in the sharing table. Run in a child whose limit is lowered;
-// the exit code names the first check that failed.
+// their place in the sharing table. Run here with the limit lowered for the
+// while, so that what runs counts; the result names the first check that
+// failed.
 TEST(Env, KeepsMoreFilesOpenThanTheProcessMayHoldDescriptors)
 {
     QB_TempFolder tmp;
     constexpr int kFiles = 150;
     for (int i = 0; i < kFiles; ++i)
         QB_WriteWholeFile(tmp.Sub("f" + std::to_string(i)), "0123456789");
-    auto fnChild = [&] {
-        const rlimit limit{32, 32};
-        if (::setrlimit(RLIMIT_NOFILE, &limit) != 0)
-            return 1;
+    auto fnRun = [&] {
         QB_Env* lpEnv = QB_GetDefaultEnv();
         std::vector<QB_FileHandle> vecFiles;
         for (int i = 0; i < kFiles; ++i)
@@ -186,7 +185,75 @@ TEST(Env, KeepsMoreFilesOpenThanTheProcessMayHoldDescriptors)
                 return 6;
         return 0;
     };
-    EXPECT_EXIT(std::_Exit(fnChild()), testing::ExitedWithCode(0), "");
+    rlimit saved{};
+    ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &saved));
+    const rlimit limit{32, saved.rlim_max};
+    ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &limit));
+    const int nFailed = fnRun();
+    ::setrlimit(RLIMIT_NOFILE, &saved);
+    EXPECT_EQ(0, nFailed);
+}
+
+// Calls the platform cannot act on are refused, never guessed at.
+TEST(Env, RefusesWhatItCannotActOn)
+{
+    QB_TempFolder tmp;
+    QB_WriteWholeFile(tmp.Sub("f"), "x");
+    QB_WriteWholeFile(tmp.Sub("ro"), "x");
+    fs::permissions(tmp.Sub("ro"), fs::perms::owner_read);
+    fs::create_directories(tmp.Sub("dir"));
+    QB_Env* lpEnv = QB_GetDefaultEnv();
+    const std::u16string sFile = Wide(tmp.SubW("f")), sBase = Wide(tmp.PathW());
+    const QB_FileHandle hNone = 4242;
+    uint64_t ullDevice = 0, ullNumber = 0;
+    QB_SystemTime st{};
+    const std::pair<const char*, std::function<bool()>> aRows[] = {
+        {"open for no access", [&] { return lpEnv->OpenFile(sFile, 0x100) != QB_INVALID_FILE; }},
+        {"open by an unknown creation", [&] { return lpEnv->OpenFile(sFile, 0x501) != QB_INVALID_FILE; }},
+        {"write a read-only file", [&] { return lpEnv->OpenFile(Wide(tmp.SubW("ro")), 0x103) != QB_INVALID_FILE; }},
+        {"open below through ..",
+         [&] { return lpEnv->OpenFileBelow(sBase, u"dir\\..\\f", 0x101, nullptr) != QB_INVALID_FILE; }},
+        {"open below nothing",
+         [&] { return lpEnv->OpenFileBelow(sBase, u"", 0x101, nullptr) != QB_INVALID_FILE; }},
+        {"size of no handle", [&] { return lpEnv->GetFileSize(hNone) != -1; }},
+        {"times of no handle", [&] { return lpEnv->GetFileTimes(hNone, &st, &st, &st); }},
+        {"id of no handle", [&] { return lpEnv->GetFileId(hNone, &ullDevice, &ullNumber); }},
+        {"move from no name", [&] { return lpEnv->MoveFile(u"", sFile); }},
+        {"move onto a folder", [&] { return lpEnv->MoveFile(sFile, Wide(tmp.SubW("dir"))); }},
+        {"sync no folder name", [&] { return lpEnv->FlushFolder(u""); }},
+        {"sync a missing folder", [&] { return lpEnv->FlushFolder(Wide(tmp.SubW("missing"))); }},
+        {"a variable without a name", [] { return QB_SetEnvironmentVariable("", "x"); }},
+        {"local time into nothing", [&] { return lpEnv->GetLocalTime(nullptr), false; }},
+    };
+    for (const auto& [pszName, fnCall] : aRows)
+        EXPECT_FALSE(fnCall()) << pszName;
+    EXPECT_TRUE(fs::exists(tmp.Sub("f")));
+}
+
+// Each refusal of the library calls says why; a success clears the reason.
+TEST(Library, EachFailureSaysWhyAndASuccessClearsIt)
+{
+    QB_LibraryHandle hLibrary = nullptr;
+    const struct
+    {
+        const char* szName;
+        bool bOk;
+        std::function<bool()> fnCall;
+    } aRows[] = {
+        {"no path", false, [] { return QB_LoadLibrary("") != nullptr; }},
+        {"no such file", false, [] { return QB_LoadLibrary("/nowhere/libnothing.so") != nullptr; }},
+        {"the C library", true, [&] { return (hLibrary = QB_LoadLibrary("libc.so.6")) != nullptr; }},
+        {"no such export", false, [&] { return QB_GetProcAddress(hLibrary, "no_such_export") != nullptr; }},
+        {"no handle", false, [] { return QB_GetProcAddress(nullptr, "strlen") != nullptr; }},
+        {"an export", true, [&] { return QB_GetProcAddress(hLibrary, "strlen") != nullptr; }},
+        {"unload nothing", false, [] { return QB_FreeLibrary(nullptr); }},
+        {"unload", true, [&] { return QB_FreeLibrary(hLibrary); }},
+    };
+    for (const auto& row : aRows)
+    {
+        EXPECT_EQ(row.bOk, row.fnCall()) << row.szName;
+        EXPECT_EQ(row.bOk, QB_GetLibraryError().empty()) << row.szName;
+    }
 }
 
 TEST(FaultEnv, FailsTheNthOperationOfEachKindOnceOrFromThenOn)
@@ -194,9 +261,12 @@ TEST(FaultEnv, FailsTheNthOperationOfEachKindOnceOrFromThenOn)
     const QB_EnvOp aOps[] = {QB_EnvOp::Open,   QB_EnvOp::Read,   QB_EnvOp::Write,     QB_EnvOp::Seek,
                              QB_EnvOp::SetEnd, QB_EnvOp::Delete, QB_EnvOp::MakeFolder, QB_EnvOp::Sync,
                              QB_EnvOp::Rename};
+    // A fault of the inner env stands for a target that fails by itself.
     for (QB_EnvOp op : aOps)
-        for (bool bSticky : {false, true})
+        for (int nCase = 0; nCase < 4; ++nCase)
         {
+            const bool bSticky = (nCase & 1) != 0;
+            const bool bInner = (nCase & 2) != 0;
             QB_TempFolder tmp;
             // The inner env counts what reaches the target.
             QB_FaultEnv inner;
@@ -208,16 +278,20 @@ TEST(FaultEnv, FailsTheNthOperationOfEachKindOnceOrFromThenOn)
             outer.ResetCounts();
             inner.ResetCounts();
 
-            outer.FailAt(op, 3, bSticky);
+            (bInner ? inner : outer).FailAt(op, 3, bSticky);
             std::string sResults;
             for (int n = 1; n <= 5; ++n)
                 sResults += DoOne(op, tmp, file, n) ? 'T' : 'F';
             file.Close();
-            const char* pszWhat = bSticky ? "sticky" : "once";
-            EXPECT_EQ(sResults, bSticky ? "TTFFF" : "TTFTT") << (int)op << " " << pszWhat;
-            EXPECT_EQ(outer.GetCount(op), 5) << (int)op << " " << pszWhat;
-            EXPECT_EQ(inner.GetCount(op), bSticky ? 2 : 4) << (int)op << " " << pszWhat;
+            const std::string sWhat = std::string(bSticky ? "sticky" : "once") + (bInner ? " inner" : "");
+            EXPECT_EQ(sResults, bSticky ? "TTFFF" : "TTFTT") << (int)op << " " << sWhat;
+            EXPECT_EQ(outer.GetCount(op), 5) << (int)op << " " << sWhat;
+            EXPECT_EQ(inner.GetCount(op), bInner ? 5 : bSticky ? 2 : 4) << (int)op << " " << sWhat;
         }
+    // A kind outside the list is neither failed nor counted.
+    QB_FaultEnv env;
+    env.FailAt(QB_EnvOp::Count_, 1);
+    EXPECT_EQ(0, env.GetCount(QB_EnvOp::Count_));
 }
 
 namespace {

@@ -73,6 +73,10 @@ TEST(FileEx, ReadsWritesSeeksAndCutsAsWindowsDoes)
     EXPECT_EQ(QB_ReadWholeFile(tmp.Sub("f")), (std::vector<uint8_t>{'0', '1', '2', '3', '4', '5', '6', 0, 0}));
     EXPECT_EQ(file.Read(ach, 4), -1);
     EXPECT_EQ(file.GetLength(), -1);
+    EXPECT_EQ(file.Seek(0, QB_SEEK_BEGIN), -1);
+    EXPECT_EQ(file.Write(ach, 1), -1);
+    EXPECT_EQ(file.Write(ach, 0), 0) << "nothing to write is no failure";
+    EXPECT_EQ(file.Write(ach, -1), -1);
 }
 
 TEST(FileEx, NamesTheFileByTheTailOfItsFullPathOfAtMost260Characters)
@@ -87,6 +91,7 @@ TEST(FileEx, NamesTheFileByTheTailOfItsFullPathOfAtMost260Characters)
         {u"\\x\\y\\..\\z.bin", u"\\x\\z.bin", u"z.bin"},
         {u"\\" + s259, u"\\" + s259, s259},
         {u"\\" + s259 + u"y", u"", u""},
+        {u"", u"", u""},
     };
     for (const auto& row : aRows)
     {
