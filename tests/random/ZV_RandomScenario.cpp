@@ -927,7 +927,7 @@ void ZV_RandomScenario::CheckViews()
             if (brief.m_CreatorID == user && lpClient->setWithdrawn.count(Narrow(brief.m_sFileOldName)))
                 return;
             if (brief.m_bPublic || brief.m_arrRight.Find(user) >= 0 || brief.m_CreatorID == user || bPrivileged)
-                mapHeld[usFileID] = {Narrow(brief.m_sFileOldName), brief.m_ulFileLenth, brief.m_usFileState, {}};
+                mapHeld[usFileID] = {Narrow(brief.m_sFileOldName), brief.m_ulFileLenth, brief.m_usFileState, {}, {}};
         });
         const std::map<uint16_t, ZV_ToldFile>& mapTold = lpClient->lpView->Files();
         for (auto& [usFileID, held] : mapHeld)
