@@ -1,7 +1,5 @@
 #include "QB_FileEx.h"
 
-#include <cassert>
-
 namespace {
 
 // The platform's path buffers held 260 units.
@@ -85,7 +83,7 @@ int32_t QB_FileEx::Read(void* pBuf, int32_t nCount)
 namespace {
 
 // Writing nothing succeeds even on a closed file; otherwise a broken caller
-// gets a failure rather than a crash, also where assertions are compiled out.
+// gets a failure rather than a crash, in every build.
 template <typename F>
 int32_t GuardedWrite(bool bOpen, const void* pBuf, int32_t nCount, F&& fnWrite)
 {
@@ -102,7 +100,6 @@ int32_t GuardedWrite(bool bOpen, const void* pBuf, int32_t nCount, F&& fnWrite)
 
 int32_t QB_FileEx::Write(const void* pBuf, int32_t nCount)
 {
-    assert(IsOpen() && pBuf != nullptr && "m_hFile != NULL && buffer != NULL");
     return GuardedWrite(IsOpen(), pBuf, nCount, [&] { return QB_GetEnv()->WriteFile(m_hFile, pBuf, nCount); });
 }
 
