@@ -56,6 +56,7 @@ TEST(HostThrow, EachEntryThatCatchesAThrowItselfLogsItsOwnLineAndEachUserCallGiv
         {"HandleGetFileListRequest", true, Pdu(PDU_CONF_GET_FILE_LIST_REQUEST, zvConfServerTypeCommand)},
         {"HandleGetFileListResponse", true, Pdu(PDU_CONF_GET_FILE_LIST_RESPONSE, zvConfServerTypeCommand)},
         {"HandleDelUploadResponse", false, Pdu(PDU_CONF_FS_DEL_UPLOAD_RESPONSE, zvConfClientTypeCommand)},
+        {"HandleSetRightResponse.AddRight", false, Pdu(PDU_CONF_FS_SET_RIGHT_RESPONSE, zvConfClientTypeCommand)},
         {"InitCltAddFileInfo", false, Pdu(PDU_CONF_FS_ADD_RESPONSE, zvConfClientTypeCommand, vbAdded)},
         {"OnConnect", false, [](ZV_FileShareMgr& mgr) { mgr.OnConnect(nullptr, 11, zvConfClientTypeCommand, 0); }},
         {"OnEvent", true, [](ZV_FileShareMgr& mgr) { mgr.OnEvent(zvConfEventServerLink, 0, 6, 0, 0); }},
