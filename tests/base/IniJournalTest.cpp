@@ -218,6 +218,50 @@ TEST(IniJournal, ReplaysNothingFromTheFirstDamagedOrMissingByteOn)
                 ++nWhole;
             ASSERT_EQ(QB_ToHex(Restarted(damaged)), QB_ToHex(Reference(kStart, kScript, nWhole)));
         }
+    // A record whose checksum holds but whose body does not parse ends the
+    // replay just the same: the commit after it is not applied either. The
+    // first row, well formed, shows the seal is right.
+    const Bytes vbOne = {1, 0, 0, 0}, vbKeys = {1, 0, 0, 0, 1, 1, 0, 0, 0, 'A', 0};
+    const struct
+    {
+        const char* szName;
+        Bytes vbBody;
+        size_t nCommits;
+    } aBodies[] = {
+        {"an empty commit", {0, 0, 0, 0}, 2},
+        {"no count of changes", {}, 1},
+        {"no kind", vbOne, 1},
+        {"a kind of neither sort", {1, 0, 0, 0, 7, 0, 0, 0, 0, 0, 0, 0, 0}, 1},
+        {"a section name longer than the body", {1, 0, 0, 0, 1, 100, 0, 0, 0}, 1},
+        {"no count of keys", vbKeys, 1},
+        {"a key without its value", [&] { Bytes vb = vbKeys; vb.insert(vb.end(), {1, 0, 0, 0, 0, 0, 0, 0}); return vb; }(), 1},
+        {"a byte past the last change", {0, 0, 0, 0, 9}, 1},
+    };
+    for (const auto& row : aBodies)
+    {
+        Bytes vbSealed(8 + row.vbBody.size());
+        const uint32_t ulLen = (uint32_t)row.vbBody.size();
+        for (int i = 0; i < 4; ++i)
+            vbSealed[i] = (uint8_t)(ulLen >> (8 * i));
+        std::copy(row.vbBody.begin(), row.vbBody.end(), vbSealed.begin() + 8);
+        // CRC-32C of the length and the body, bit by bit.
+        uint32_t ulCrc = 0xFFFFFFFF;
+        for (size_t i = 0; i < vbSealed.size(); i += (i == 3 ? 5 : 1))
+        {
+            ulCrc ^= vbSealed[i];
+            for (int k = 0; k < 8; ++k)
+                ulCrc = (ulCrc >> 1) ^ (0x82F63B78 & (0u - (ulCrc & 1)));
+        }
+        for (int i = 0; i < 4; ++i)
+            vbSealed[4 + i] = (uint8_t)(~ulCrc >> (8 * i));
+        Bytes vb(vbJournal.begin(), vbJournal.begin() + (long)vecEnds[0]);
+        vb.insert(vb.end(), vbSealed.begin(), vbSealed.end());
+        vb.insert(vb.end(), vbJournal.begin() + (long)vecEnds[0], vbJournal.begin() + (long)vecEnds[1]);
+        QB_TempFolder damaged;
+        QB_WriteWholeFile(damaged.Sub("t.ini"), kStart);
+        QB_WriteWholeFile(damaged.Sub("t.ini.journal"), vb);
+        EXPECT_EQ(QB_ToHex(Restarted(damaged)), QB_ToHex(Reference(kStart, kScript, row.nCommits))) << row.szName;
+    }
 }
 
 // A few hundred random commits on a new file and on an ANSI one, the
