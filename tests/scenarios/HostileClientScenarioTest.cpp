@@ -45,14 +45,6 @@ struct HostileScene : public ZV_Scene
     }
 };
 
-QB_Array<QB_UserID> Users(std::initializer_list<QB_UserID> users)
-{
-    QB_Array<QB_UserID> arr;
-    for (const QB_UserID& user : users)
-        arr.Add(user);
-    return arr;
-}
-
 Bytes Add(uint16_t usFileID, const QB_UserID& user)
 {
     ZV_AddRequest ask;
@@ -104,8 +96,8 @@ TEST_F(HostileScene, NoAttackOfAClientChangesAnyServerOrReachesAnyoneButHer)
     ZV_SetFilesRightRequest swap;
     swap.arrFileID.Add(usSecret);
     swap.user = alice;
-    swap.arrAdd = Users({mallory});
-    swap.arrRemove = Users({bob});
+    swap.arrAdd = ZV_Users({mallory});
+    swap.arrRemove = ZV_Users({bob});
     ZV_DownloadAsk relay;
     relay.usFileID = usSecret;
     relay.user = mallory;

@@ -4,12 +4,15 @@
 // save buffer must stay untouched.
 #pragma once
 
+#include "QB_Array.h"
 #include "QB_ByteStream.h"
 #include "QB_TestSupport.h"
+#include "QB_UserID.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -21,6 +24,15 @@ inline std::vector<uint8_t> ZV_FromHex(const std::string& sHex)
         if (sHex[i] != ' ')
             bytes.push_back((uint8_t)std::stoi(sHex.substr(i++, 2), nullptr, 16));
     return bytes;
+}
+
+// A payload's list of users, as the codecs hold it.
+inline QB_Array<QB_UserID> ZV_Users(std::initializer_list<QB_UserID> users)
+{
+    QB_Array<QB_UserID> arr;
+    for (const QB_UserID& user : users)
+        arr.Add(user);
+    return arr;
 }
 
 template <typename T>

@@ -49,14 +49,6 @@ Bytes Join(std::initializer_list<Bytes> parts)
     return out;
 }
 
-QB_Array<QB_UserID> Users(std::initializer_list<QB_UserID> users)
-{
-    QB_Array<QB_UserID> arr;
-    for (const QB_UserID& user : users)
-        arr.Add(user);
-    return arr;
-}
-
 void Walk(const std::vector<Row>& rows)
 {
     for (const Row& row : rows)
@@ -273,8 +265,8 @@ TEST(PduCodec, DeleteEntryAndRightsPayloadsAreTheirExactBytes)
     ZV_SetRightRequest rights;
     rights.head = entry;
     rights.bPublic = 0;
-    rights.arrAdd = Users({kAnn, kBen});
-    rights.arrRemove = Users({kBen});
+    rights.arrAdd = ZV_Users({kAnn, kBen});
+    rights.arrRemove = ZV_Users({kBen});
     // A success carries the empty description, delimited, and the position;
     // a refusal ends behind the user.
     ZV_SetRightResponse granted;
@@ -289,7 +281,7 @@ TEST(PduCodec, DeleteEntryAndRightsPayloadsAreTheirExactBytes)
     batch.user = kAnn;
     batch.ulFloodSeq = 9;
     batch.bPublic = 1;
-    batch.arrAdd = Users({kBen});
+    batch.arrAdd = ZV_Users({kBen});
     ZV_SetFilesRightRefusal batchRefused;
     batchRefused.arrFileID.Add(5);
     batchRefused.ulResult = 82;
