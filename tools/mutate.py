@@ -578,8 +578,9 @@ def main():
         wanted = set(args.only.split(","))
         mutants = [m for m in mutants if m.mid in wanted]
     if args.sample is not None and args.sample < len(mutants):
-        picked = set(id(m) for m in random.Random(args.seed).sample(mutants, args.sample))
-        mutants = [m for m in mutants if id(m) in picked]
+        # Kept in drawn order, not file order: a run stopped part way has
+        # still tried a fair sample of the whole tree.
+        mutants = random.Random(args.seed).sample(mutants, args.sample)
     if args.list:
         for m in mutants:
             print(f"{m.mid}  {m.describe()}")
