@@ -85,7 +85,6 @@ public:
     int GetLength() const noexcept { return Header()->nLength; }
     bool IsEmpty() const noexcept { return GetLength() == 0; }
     const CharT* GetString() const noexcept { return m_pData; }
-    const CharT* c_str() const noexcept { return m_pData; }
     std::basic_string_view<CharT> View() const noexcept { return {m_pData, (size_t)GetLength()}; }
     CharT operator[](int i) const noexcept { return m_pData[i]; }
     void SetAt(int i, CharT ch)
@@ -104,7 +103,6 @@ public:
     int Compare(const CharT* psz) const noexcept { return Compare(psz, psz ? Strlen(psz) : 0); }
     bool operator==(const QB_StringT& s) const noexcept { return Compare(s) == 0; }
     bool operator!=(const QB_StringT& s) const noexcept { return Compare(s) != 0; }
-    bool operator<(const QB_StringT& s) const noexcept { return Compare(s) < 0; }
     bool operator==(const CharT* psz) const noexcept { return Compare(psz) == 0; }
     bool operator!=(const CharT* psz) const noexcept { return Compare(psz) != 0; }
 
@@ -328,11 +326,10 @@ private:
         }
         m_pData = EmptyData();
     }
-    // Copy-on-write: a shared buffer is left for an exact-size copy.
+    // Copy-on-write: a shared buffer is left for an exact-size copy. Callers
+    // change characters that exist, so the buffer is never the empty one.
     bool MakePrivate() noexcept
     {
-        if (IsSentinel())
-            return false;
         if (GetRefCount() <= 1)
             return true;
         CharT* pNew = Allocate(GetLength());

@@ -236,10 +236,10 @@ struct OpenRecord
     uint64_t ullLastUse = 0;
 };
 
-bool Clashes(const OpenRecord& rec, dev_t dev, ino_t ino, uint32_t ulAccess, uint32_t ulDeny)
+// Whether an open record of the same file forbids the request, or the
+// request forbids what the record already does.
+bool Clashes(const OpenRecord& rec, uint32_t ulAccess, uint32_t ulDeny)
 {
-    if (rec.dev != dev || rec.ino != ino)
-        return false;
     return (ulAccess & rec.ulDeny) != 0 || (rec.ulAccess & ulDeny) != 0;
 }
 
@@ -423,7 +423,7 @@ bool QB_EnvPosix::MayOpenFile(const struct stat& st, const OpenRequest& req)
         return false;
     auto range = m_mapByFile.equal_range(FileKey{st.st_dev, st.st_ino});
     for (auto it = range.first; it != range.second; ++it)
-        if (Clashes(m_mapOpen.at(it->second), st.st_dev, st.st_ino, req.ulAccess, req.ulDeny))
+        if (Clashes(m_mapOpen.at(it->second), req.ulAccess, req.ulDeny))
             return false;
     return true;
 }

@@ -94,6 +94,8 @@ TEST(DateTime, StartsAt1900AndWritesItsTextInEachMode)
         {dtFraction, 2, ".", "2011.03.16 07:21"},
         {Raw(0, 1), 0, nullptr, "00000101 00:00:00.0001"},
         {Raw(3652424, 863999999), 0, "-", "9999-12-31 23:59:59.9999"},
+        {Raw(-1, 0), 0, "-", "0000-01-01 00:00:00"},  // days outside the calendar: its ends
+        {Raw(3652425, 0), 0, "-", "9999-12-31 00:00:00"},
     };
     for (const auto& c : aCases)
         EXPECT_EQ(Text(c.dt, c.nMode, c.pszSeparator), c.pszText);
@@ -116,6 +118,11 @@ TEST(DateTime, ParsesDatesAndTimesAndKeepsWhatEarlierStepsStored)
         {"2011-13-01", false, "0033-09-09 00:00:00"},
         {"2011-03-16 24:00:00", false, "2011-03-16 11:11:11"},
         {"2011-03-16 07:21:48.5x", false, "2011-03-16 11:11:11"},
+        {"2011.3.6\t07:21", true, "2011-03-06 07:21:00"},
+        {"2011-03-16-1", false, "0033-09-09 00:00:00"},
+        {"2011-03-16 07", false, "2011-03-16 11:11:11"},
+        {"2011-03-16 07:21x", false, "2011-03-16 11:11:11"},
+        {"2011-03-16 07:21:48x", false, "2011-03-16 11:11:11"},
     };
     for (const auto& c : aCases)
     {
@@ -163,6 +170,9 @@ TEST(DateTime, TakesNowFromTheClockLessTheZoneBiasAndBrokenDownTimeToTheSecond)
     EXPECT_EQ(Text(dt), "2011-03-16 07:21:48");
     st.wMonth = 13;
     EXPECT_FALSE(dt.SetFromSystemTime(st));
+    EXPECT_EQ(Text(dt), "2011-03-16 07:21:48");
+    EXPECT_FALSE(dt.SetDateTime(2011, 3, 16, 24, 0, 0, 0));
+    EXPECT_FALSE(dt.SetDateTime(2011, 3, 16, 7, 0, 0, QB_TICKS_PER_SECOND));
     EXPECT_EQ(Text(dt), "2011-03-16 07:21:48");
 }
 

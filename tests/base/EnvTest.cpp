@@ -84,6 +84,7 @@ TEST(Env, TurnsWindowsPathsIntoUtf8WithSlashesAndBack)
         {"a\x80" "b", u"a\xFFFD" u"b"},
         {"\xc0\xaf", u"\xFFFD\xFFFD"},  // overlong "/"
         {"\xed\xa0\x80", u"\xFFFD\xFFFD\xFFFD"},  // a surrogate
+        {"\xc3" "a", u"\xFFFD" u"a"},  // a lead byte without its follower
     };
     for (const auto& [sSystem, sWindows] : aFromSystem)
         EXPECT_EQ(QB_PathFromSystem(sSystem), sWindows);
@@ -207,6 +208,8 @@ TEST(Env, RefusesWhatItCannotActOn)
     const QB_FileHandle hNone = 4242;
     uint64_t ullDevice = 0, ullNumber = 0;
     QB_SystemTime st{};
+    const QB_FileHandle hRead = lpEnv->OpenFile(sFile, QB_FILE_READ), hWrite = lpEnv->OpenFile(sFile, QB_FILE_WRITE);
+    char ch = 0;
     const std::pair<const char*, std::function<bool()>> aRows[] = {
         {"open for no access", [&] { return lpEnv->OpenFile(sFile, 0x100) != QB_INVALID_FILE; }},
         {"open by an unknown creation", [&] { return lpEnv->OpenFile(sFile, 0x501) != QB_INVALID_FILE; }},
@@ -215,6 +218,13 @@ TEST(Env, RefusesWhatItCannotActOn)
          [&] { return lpEnv->OpenFileBelow(sBase, u"dir\\..\\f", 0x101, nullptr) != QB_INVALID_FILE; }},
         {"open below nothing",
          [&] { return lpEnv->OpenFileBelow(sBase, u"", 0x101, nullptr) != QB_INVALID_FILE; }},
+        {"open below a missing name",
+         [&] { return lpEnv->OpenFileBelow(sBase, u"missing", 0x101, nullptr) != QB_INVALID_FILE; }},
+        {"read a file opened for writing", [&] { return lpEnv->ReadFile(hWrite, &ch, 1) != -1; }},
+        {"write a file opened for reading", [&] { return lpEnv->WriteFile(hRead, "y", 1) != -1; }},
+        {"seek from no origin", [&] { return lpEnv->SeekFile(hRead, 0, 7) != -1; }},
+        {"close no handle", [&] { return lpEnv->CloseFile(hNone); }},
+        {"full path of nothing", [&] { return !lpEnv->GetFullPathName(u"").empty(); }},
         {"size of no handle", [&] { return lpEnv->GetFileSize(hNone) != -1; }},
         {"times of no handle", [&] { return lpEnv->GetFileTimes(hNone, &st, &st, &st); }},
         {"id of no handle", [&] { return lpEnv->GetFileId(hNone, &ullDevice, &ullNumber); }},
@@ -227,7 +237,8 @@ TEST(Env, RefusesWhatItCannotActOn)
     };
     for (const auto& [pszName, fnCall] : aRows)
         EXPECT_FALSE(fnCall()) << pszName;
-    EXPECT_TRUE(fs::exists(tmp.Sub("f")));
+    EXPECT_TRUE(lpEnv->CloseFile(hRead) && lpEnv->CloseFile(hWrite));
+    EXPECT_EQ(QB_ReadWholeFile(tmp.Sub("f")), std::vector<uint8_t>{'x'});
 }
 
 // Each refusal of the library calls says why; a success clears the reason.

@@ -43,6 +43,15 @@ TEST(FileEx, OpensByEachCreationModeOnAMissingAndAnExistingFile)
     }
     QB_FileEx file;
     EXPECT_FALSE(file.Open(QB_StringW(), 0x203));
+    // Below a folder named with or without its last backslash; no creation
+    // bits means the file must exist.
+    QB_TempFolder tmp;
+    QB_WriteWholeFile(tmp.Sub("f"), "hello");
+    const QB_StringW sBase = tmp.PathW();
+    EXPECT_FALSE(file.OpenBelow(sBase, u"g", QB_FILE_READ));
+    EXPECT_FALSE(fs::exists(tmp.Sub("g")));
+    ASSERT_TRUE(file.OpenBelow(sBase.Left(sBase.GetLength() - 1), u"f", QB_FILE_READ));
+    EXPECT_EQ(file.GetLength(), 5);
 }
 
 TEST(FileEx, ReadsWritesSeeksAndCutsAsWindowsDoes)

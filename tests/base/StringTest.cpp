@@ -109,6 +109,15 @@ TEST(String, MapsWindows1252BothWaysAndReplacesWhatItLacks)
     const char16_t achLacking[] = {0x4E2D, 0x0100, 0x0080, 0xD83D, 0x2603};
     EXPECT_EQ(QB_StringA(QB_StringW(achLacking, 5)), "?????");
     EXPECT_EQ(QB_StringA(QB_StringU8("caf\xC3\xA9")), "caf\xE9");
+
+    // Case-blind names: Latin-1, Latin Extended-A, Greek and Cyrillic capitals.
+    const std::pair<char16_t, char16_t> kLower[] = {
+        {u'Q', u'q'},     {0xC9, 0xE9},     {0xD7, 0xD7},     {0xDF, 0xDF},     {0x100, 0x101},   {0x101, 0x101},
+        {0x139, 0x13A},   {0x13A, 0x13A},   {0x14A, 0x14B},   {0x178, 0xFF},    {0x179, 0x17A},   {0x17A, 0x17A},
+        {0x391, 0x3B1},   {0x3A2, 0x3A2},   {0x410, 0x430},   {0x400, 0x450},   {0x17F, 0x17F},   {0x3A9, 0x3C9},
+    };
+    for (const auto& [ch, chLower] : kLower)
+        EXPECT_EQ(QB_CharLowerW(ch), chLower) << std::hex << (int)ch;
 }
 
 TEST(String, CutsAndSearchesWithinBoundsForAnyIndex)
@@ -116,7 +125,7 @@ TEST(String, CutsAndSearchesWithinBoundsForAnyIndex)
     const QB_StringA s("hello");
     const std::pair<QB_StringA, const char*> kCuts[] = {
         {s.Left(-1), ""},      {s.Left(9), "hello"}, {s.Mid(-2), "hello"}, {s.Mid(-2, 3), "hel"},
-        {s.Mid(5), ""},        {s.Mid(3, 10), "lo"}, {s.Right(-1), ""},    {s.Right(9), "hello"},
+        {s.Mid(5), ""},        {s.Mid(3, 10), "lo"}, {s.Mid(1, 0), ""}, {s.Right(-1), ""},    {s.Right(9), "hello"},
     };
     for (const auto& [sCut, pszExpected] : kCuts)
         EXPECT_EQ(sCut, pszExpected);
@@ -135,6 +144,21 @@ TEST(String, AppendsItsOwnTextFormatsWithoutALimitAndComparesAsUnsigned)
     s.Append(nullptr, 3);
     s.Append(s.GetString() + 2, 2);
     EXPECT_EQ(s, "abxyxy");
+    // A shortened string keeps its room: an append fits in place, and a
+    // released buffer is measured to its first zero but never past its room.
+    QB_StringA sRoom("ab \t");
+    sRoom.TrimRight().Append("cd");
+    EXPECT_EQ(sRoom, "abcd");
+    EXPECT_EQ(sRoom.GetCapacity(), 4);
+    sRoom.Truncate(-1);
+    sRoom.GetBuffer(-1)[1] = 0;
+    sRoom.ReleaseBuffer();
+    EXPECT_EQ(sRoom, "a");
+    sRoom.ReleaseBuffer(9);
+    EXPECT_EQ(sRoom.GetLength(), 4);
+    QB_StringA sNone;
+    sNone.ReleaseBuffer(3);
+    EXPECT_TRUE(sNone.IsEmpty());
 
     QB_StringA sFormat;
     std::string sWide(5000, 'w');
