@@ -149,10 +149,9 @@ private:
 
     static T* Allocate(int nCount) { return static_cast<T*>(::operator new(sizeof(T) * (size_t)nCount)); }
 
+    // Callers always ask for at least one element.
     static void ConstructFresh(T* p, int nCount)
     {
-        if (nCount <= 0)
-            return;
         std::memset(static_cast<void*>(p), 0, sizeof(T) * (size_t)nCount);
         for (int i = 0; i < nCount; ++i)
             ::new (static_cast<void*>(p + i)) T;

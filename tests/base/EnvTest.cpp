@@ -113,12 +113,16 @@ TEST(Env, ReportsAttributesFromTheModeBitsAndOpensOnlyPlainFiles)
         fs::permissions(tmp.Sub(pszName), fs::perms(nPerms));
     }
     fs::create_directory(tmp.Sub("dir"));
+    QB_Env* lpEnv = QB_GetDefaultEnv();
+    const uint32_t ulMakeLocked = QB_FILE_WRITE | QB_FILE_CREATE_NEW | QB_FILE_ATTR_READONLY;
+    EXPECT_TRUE(lpEnv->CloseFile(lpEnv->OpenFile(Wide(tmp.SubW("made locked")), ulMakeLocked)));
     const std::pair<const char*, uint32_t> aRows[] = {{"missing", QB_ATTR_INVALID}, {"dir", QB_ATTR_DIRECTORY},
-        {"plain", QB_ATTR_NORMAL}, {"locked", QB_ATTR_READONLY}, {"writeonly", QB_ATTR_NORMAL}};
+        {"plain", QB_ATTR_NORMAL}, {"locked", QB_ATTR_READONLY}, {"writeonly", QB_ATTR_NORMAL},
+        {"made locked", QB_ATTR_READONLY}};
     for (const auto& [pszName, ulAttr] : aRows)
-        EXPECT_EQ(QB_GetDefaultEnv()->GetFileAttributes(Wide(tmp.SubW(pszName))), ulAttr) << pszName;
+        EXPECT_EQ(lpEnv->GetFileAttributes(Wide(tmp.SubW(pszName))), ulAttr) << pszName;
     for (const std::u16string& sPath : {Wide(tmp.SubW("dir")), std::u16string(u"/dev/null")})
-        EXPECT_EQ(QB_GetDefaultEnv()->OpenFile(sPath, QB_FILE_READ), QB_INVALID_FILE) << QB_PathToSystem(sPath);
+        EXPECT_EQ(lpEnv->OpenFile(sPath, QB_FILE_READ), QB_INVALID_FILE) << QB_PathToSystem(sPath);
 }
 
 TEST(Env, GivesTheLastWriteTimeAsLocalCalendarTime)
@@ -303,6 +307,12 @@ TEST(FaultEnv, FailsTheNthOperationOfEachKindOnceOrFromThenOn)
     QB_FaultEnv env;
     env.FailAt(QB_EnvOp::Count_, 1);
     EXPECT_EQ(0, env.GetCount(QB_EnvOp::Count_));
+    // Without a clock of its own it tells the target's time.
+    QB_SystemTime stOwn{}, stTarget{};
+    env.GetLocalTime(nullptr);
+    env.GetLocalTime(&stOwn), QB_GetDefaultEnv()->GetLocalTime(&stTarget);
+    EXPECT_EQ((std::vector<int>{stOwn.wYear, stOwn.wMonth, stOwn.wDay}),
+              (std::vector<int>{stTarget.wYear, stTarget.wMonth, stTarget.wDay}));
 }
 
 namespace {
@@ -384,6 +394,15 @@ TEST(FaultEnv, CrashKeepsWhatWasSyncedAndUndoesTheRest)
          QB_CrashLoss::Dropped, "new", "<none>"},
         {"a delete is undone", [](CrashDisk& d) { d.Append("a", "1"), d.env.DeleteFile(d.W("a")); },
          QB_CrashLoss::Dropped, "old", "<none>"},
+        {"an open file moved takes its unsynced bytes and its handle along",
+         [](CrashDisk& d) {
+             d.Append("a", "12");
+             QB_FileEx file;
+             ASSERT_TRUE(file.Open(d.tmp.SubW("a"), QB_FILE_READWRITE));
+             d.env.MoveFile(d.W("a"), d.W("b"));
+             file.WriteAt(5, "!", 1), file.Sync(), d.env.FlushFolder(Wide(QB_ToWindowsPath(d.tmp.Path())));
+         },
+         QB_CrashLoss::Dropped, "<none>", "old12!"},
     };
     for (const auto& row : aRows)
     {

@@ -160,7 +160,7 @@ TEST(IniFile, ReadsTheNumbersOfEverySectionInOneWalkAsGetLongDoes)
 
 TEST(IniFile, PutsEverySetKeyDirectlyBehindItsSectionLine)
 {
-    Bytes vbFile = Rewrite(Ansi("[s]\r\nx=0\r\nd=1\r\nd=2\r\n[t]\r\n"), [](QB_IniFileEx& ini) {
+    Bytes vbFile = Rewrite(Ansi("[s]\r\nx=0\r\njunk\r\nd=1\r\nd=2\r\n[t]\r\n"), [](QB_IniFileEx& ini) {
         EXPECT_TRUE(ini.SetString("s", "a", "1"));
         EXPECT_TRUE(ini.SetLong("[s]", "b", -5));
         EXPECT_TRUE(ini.SetString("S", "A", "2"));
@@ -169,8 +169,10 @@ TEST(IniFile, PutsEverySetKeyDirectlyBehindItsSectionLine)
         EXPECT_TRUE(ini.SetString("s", "a", "3"));
         EXPECT_TRUE(ini.SetString("t", "", "note"));
         EXPECT_TRUE(ini.SetBool("new", "k", false));
+        EXPECT_FALSE(ini.SetString("", "k", "1"));
+        EXPECT_FALSE(ini.SetString("s", "a=b", "1"));
     });
-    EXPECT_EQ(QB_ToHex(vbFile), QB_ToHex(Ansi("[s]\r\na=3\r\nd=9\r\nc=1\r\nb=-5\r\nx=0\r\nd=2\r\n"
+    EXPECT_EQ(QB_ToHex(vbFile), QB_ToHex(Ansi("[s]\r\na=3\r\nd=9\r\nc=1\r\nb=-5\r\nx=0\r\njunk\r\nd=2\r\n"
                                                "[t]\r\n;note\r\n[new]\r\nk=0\r\n")));
 }
 
@@ -184,6 +186,7 @@ TEST(IniFile, DeletesEveryOccurrenceOfARepeatedSectionWithItsLines)
     EXPECT_EQ(SectionNames(ini), (std::vector<std::string>{"[c]", "[b]", "[a]", "[A]"}));
     EXPECT_TRUE(ini.DeleteSection("a"));
     EXPECT_FALSE(ini.DeleteSection("a"));
+    EXPECT_FALSE(ini.DeleteSection("a=b"));
     EXPECT_EQ(SectionNames(ini), (std::vector<std::string>{"[c]", "[b]"}));
     EXPECT_EQ(ini.GetLong("b", "k", 0), 2);
     EXPECT_TRUE(ini.Flush());
@@ -288,6 +291,7 @@ TEST(IniFile, KeepsChangesInMemoryWhenTheFileIsReadOnlyOrThePlatformFails)
     QB_FaultEnv env;
     QB_ScopedEnv scope(&env);
     QB_IniFileEx ini;
+    EXPECT_FALSE(ini.Flush()) << "no file yet";
     env.FailAt(QB_EnvOp::Read, 1);
     EXPECT_FALSE(ini.Open(QB_StringA(sPath.c_str()), false));
     EXPECT_EQ(ini.GetLong("s", "k", -1), -1);

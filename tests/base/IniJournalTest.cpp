@@ -403,6 +403,8 @@ TEST(IniJournal, ASecondOwnerOfOnePathRewritesInsteadOfSharingTheJournal)
         // journal would leave the first's next append inside it.
         Apply(second, {{u"B", {{u"k", u"a value well longer than the first owner's"}}}});
         ASSERT_TRUE(second.Commit());
+        EXPECT_FALSE(second.SetString(W(u""), W(u"k"), W(u"1"))) << "a section needs a name";
+        ASSERT_TRUE(second.Rewrite());
         Apply(first, {{u"C", {{u"k", u"3"}}}});
         ASSERT_TRUE(first.Commit());
     }

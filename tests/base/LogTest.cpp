@@ -134,6 +134,10 @@ TEST(Log, ABatchWritesItsLinesWhenItEndsEachFileInOrder)
     EXPECT_EQ(home.Read("log/log_error_2011_03_16.txt"),
               "2011-03-16 07:21:48 : two\r\n"
               "2011-03-16 07:21:49 : after\r\n");
+    // A batch that has kept 64 KB writes them without waiting for its end.
+    QB_LogBatch batch;
+    QB_WriteLog(2, "big", "%s", std::string(64 * 1024 - 22, 'b').c_str());
+    EXPECT_EQ(home.Read("log/log_big_2011_03_16.txt").size(), 64u * 1024);
 }
 
 // The client log takes the platform's local time as it stands, wider than

@@ -104,5 +104,9 @@ TEST(UserID, TravelsAsMainThenSubLittleEndian)
     EXPECT_THROW(cut.Load(short7), QB_StreamException);
     EXPECT_EQ(cut, QB_UserID(7, 7)) << "a failed load changed the words";
     EXPECT_EQ(short7.GetPos(), 3);
+
+    // Ordered by the main word, then by the sub-number.
+    EXPECT_TRUE(QB_UserID(6, 9) < QB_UserID(7, 1) && QB_UserID(7, 1) < QB_UserID(7, 2));
+    EXPECT_FALSE(QB_UserID(7, 2) < QB_UserID(7, 1) || QB_UserID(7, 1) < QB_UserID(7, 1));
 }
 
