@@ -394,7 +394,10 @@ TEST(FaultEnv, CrashKeepsWhatWasSyncedAndUndoesTheRest)
          QB_CrashLoss::Dropped, "new", "<none>"},
         {"a delete is undone", [](CrashDisk& d) { d.Append("a", "1"), d.env.DeleteFile(d.W("a")); },
          QB_CrashLoss::Dropped, "old", "<none>"},
-        {"an open file moved takes its unsynced bytes and its handle along",
+        {"unsynced bytes follow their file's move",
+         [](CrashDisk& d) { d.Append("a", "12"), d.env.MoveFile(d.W("a"), d.W("b")), d.SyncFolder(); },
+         QB_CrashLoss::Dropped, "<none>", "old"},
+        {"an open file moved takes its handle along",
          [](CrashDisk& d) {
              d.Append("a", "12");
              QB_FileEx file;
