@@ -25,6 +25,7 @@ TEST_F(DownloadScene, EveryFileAroundTheBlockEdgesArrivesByteIdenticalInTheStore
         EXPECT_EQ(0u, Fs(Alice())->FsUpload(vecIDs.back())) << nSize;
     }
     ASSERT_TRUE(sim.Run()) << sim.GetError();
+    EXPECT_FALSE(IsBusy(Alice())) << "the empty file too is whole at once for its creator";
     // Nothing was lost: each block went once and none was asked for again.
     EXPECT_TRUE(sim.Journal().PdusTo(PDU_CONF_FS_UPLOAD_RESPONSE, Alice()->GetName()).empty());
     EXPECT_EQ(1u + 1u + 1u + 1u + 2u + 3u + 4u + 97u + std::size(aSizes),
@@ -44,6 +45,7 @@ TEST_F(DownloadScene, EveryFileAroundTheBlockEdgesArrivesByteIdenticalInTheStore
         EXPECT_EQ(data, QB_ReadWholeFile(Stored(shape.Server(), row))) << aSizes[i] << " bytes";
         EXPECT_EQ(3u, row.m_BriefInfo.m_usFileState) << aSizes[i];
         EXPECT_EQ(aSizes[i], row.m_ulFileWritePos) << aSizes[i];
+        EXPECT_TRUE(std::filesystem::exists(Target(Bob(), vecIDs[i]))) << aSizes[i];
         EXPECT_EQ(data, QB_ReadWholeFile(Target(Bob(), vecIDs[i]))) << aSizes[i] << " bytes";
     }
     // An empty file has no block to send: it is made, and is whole at once.
