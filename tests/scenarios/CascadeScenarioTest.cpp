@@ -146,33 +146,6 @@ TEST_F(CascadeScene, ARestartedServerKeepsItsStoreAndFetchesOnlyWhatItsDiskLacks
     }
 }
 
-// Servers 2 and 3 were away, and restarted, while server 1 deleted its only
-// file and gave FileID 1 to a new one: each takes the new file from the list.
-TEST_F(CascadeScene, AFileIDGivenToAnotherFileWhileTwoServersWereAwayBringsThemTheNewFile)
-{
-    sim.SetFileIDRange(1, 1, 1);
-    BuildLine();
-    const ZV_Bytes dataOld = ZV_RandomBytes(60000, 8), dataNew = ZV_RandomBytes(45000, 9);
-    ASSERT_EQ(1, Share("old.bin", dataOld));
-    ASSERT_EQ(dataOld, StoredBytes(3, 1));
-    ASSERT_TRUE(sim.CutLink(Link(1, 2)) && sim.CutLink(Link(2, 3)));
-    ASSERT_EQ(0u, Fs(Alice())->FsDelUpload(1));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    ASSERT_EQ(1, Share("new.bin", dataNew));
-    ASSERT_TRUE(sim.RestartServer(Server(2)) && sim.RestartServer(Server(3)));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    ASSERT_EQ(dataOld, StoredBytes(3, 1));
-
-    ASSERT_TRUE(sim.RestoreLink(Link(1, 2)) && sim.Run()) << sim.GetError();
-    ASSERT_TRUE(sim.RestoreLink(Link(2, 3)) && sim.Run()) << sim.GetError();
-    for (int n = 1; n <= 3; ++n)
-    {
-        EXPECT_EQ(dataNew, StoredBytes(n, 1)) << n;
-        EXPECT_EQ(1u, StoreCount(Server(n))) << n;
-    }
-    ExpectErinFetches(1, dataNew);
-}
-
 // The creator's server tells a returning middle server, and through it the
 // far one, that the upload was stopped while they were away.
 TEST_F(CascadeScene, AStopMadeWhileTheMiddleServerWasAwayReachesItWhenTheLinkComesBack)
