@@ -57,30 +57,6 @@ TEST_F(DownloadScene, EveryFileAroundTheBlockEdgesArrivesByteIdenticalInTheStore
         EXPECT_TRUE(Events(lpClient, zvFsEventTransferError).empty()) << lpClient->GetName();
 }
 
-TEST_F(DownloadScene, AFirstDownloaderStartsTheUploadRestsWhereItStandsAndGoesOnWhenItDoes)
-{
-    Build(false);
-    const ZV_Bytes data = ZV_RandomBytes(10 * 32768 + 5, 2);
-    const uint16_t usFileID = Share("half.bin", data, false);
-    ASSERT_TRUE(sim.Journal().Pdus(PDU_CONF_FS_UPLOAD_REQUEST).empty()) << "nothing moves before anyone asks";
-    ASSERT_EQ(0u, Download(Bob(), usFileID));
-    // Alice's data link falls after four blocks have reached the server.
-    ZV_SimLink* lpAliceLink = sim.GetClientLink(Alice());
-    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_UPLOAD_REQUEST, shape.Server(), 5));
-    ASSERT_TRUE(sim.Cut(lpAliceLink, zvConfClientTypeData));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-
-    const ZV_Bytes got = QB_ReadWholeFile(Target(Bob(), usFileID));
-    ASSERT_TRUE(got.size() > 0 && got.size() < data.size()) << got.size();
-    EXPECT_TRUE(std::equal(got.begin(), got.end(), data.begin()));
-    EXPECT_TRUE(Events(Bob(), zvFsEventDownloadFinished).empty());
-
-    ASSERT_TRUE(sim.Restore(lpAliceLink, zvConfClientTypeData));
-    ASSERT_TRUE(sim.AdvanceTime(30000)) << sim.GetError();
-    EXPECT_EQ(data, QB_ReadWholeFile(Target(Bob(), usFileID)));
-    EXPECT_EQ(1u, Events(Bob(), zvFsEventDownloadFinished).size());
-}
-
 TEST_F(DownloadScene, TwoDownloadersAtDifferentPositionsEachGetTheWholeFileEachBlockOnce)
 {
     Build(false);
