@@ -146,66 +146,6 @@ TEST_F(CascadeScene, ARestartedServerKeepsItsStoreAndFetchesOnlyWhatItsDiskLacks
     }
 }
 
-TEST_F(CascadeScene, AFileDeletedWhileALinkWasDownGoesFromTheFarSideWhenTheLinkComesBack)
-{
-    BuildLine();
-    const uint16_t usFileID = Share("gone.bin", ZV_RandomBytes(50000, 6));
-    const uint16_t usKept = Share("kept.bin", ZV_RandomBytes(30000, 7));
-    ASSERT_FALSE(StoredBytes(3, usFileID).empty());
-    ASSERT_TRUE(sim.CutLink(Link(1, 2)));
-    ASSERT_EQ(0u, Fs(Alice())->FsDelUpload(usFileID));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    ASSERT_TRUE(StoredBytes(1, usFileID).empty());
-    ASSERT_FALSE(StoredBytes(2, usFileID).empty());
-    const size_t nFrom = sim.Journal().Size();
-
-    ASSERT_TRUE(sim.RestoreLink(Link(1, 2)));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    EXPECT_EQ(1u, Find({.usNumber = PDU_CONF_FS_DEL_UPLOAD_REQUEST, .sNode = Server(1)->GetName(),
-                        .sPeer = Server(2)->GetName(), .eRoute = ZV_SimRoute::OnLink, .nFrom = nFrom})
-                      .size());
-    for (int n = 1; n <= 3; ++n)
-    {
-        ZV_FileUploadInfo row;
-        EXPECT_FALSE(Row(Server(n), usFileID, row)) << n;
-        EXPECT_EQ(nullptr, Session(Server(n), usFileID)) << n;
-        EXPECT_FALSE(StoredBytes(n, usKept).empty()) << n;
-    }
-    EXPECT_EQ(1u, StoreCount(Server(2)));
-    for (ZV_SimHost* lpClient : {Carol(), Erin()})
-    {
-        EXPECT_FALSE(Knows(lpClient, usFileID)) << lpClient->GetName();
-        EXPECT_TRUE(Knows(lpClient, usKept)) << lpClient->GetName();
-    }
-}
-
-// Servers 2 and 3 were away, and restarted, while server 1 deleted its only
-// file and gave FileID 1 to a new one: each takes the new file from the list.
-TEST_F(CascadeScene, AFileIDGivenToAnotherFileWhileTwoServersWereAwayBringsThemTheNewFile)
-{
-    sim.SetFileIDRange(1, 1, 1);
-    BuildLine();
-    const ZV_Bytes dataOld = ZV_RandomBytes(60000, 8), dataNew = ZV_RandomBytes(45000, 9);
-    ASSERT_EQ(1, Share("old.bin", dataOld));
-    ASSERT_EQ(dataOld, StoredBytes(3, 1));
-    ASSERT_TRUE(sim.CutLink(Link(1, 2)) && sim.CutLink(Link(2, 3)));
-    ASSERT_EQ(0u, Fs(Alice())->FsDelUpload(1));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    ASSERT_EQ(1, Share("new.bin", dataNew));
-    ASSERT_TRUE(sim.RestartServer(Server(2)) && sim.RestartServer(Server(3)));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    ASSERT_EQ(dataOld, StoredBytes(3, 1));
-
-    ASSERT_TRUE(sim.RestoreLink(Link(1, 2)) && sim.Run()) << sim.GetError();
-    ASSERT_TRUE(sim.RestoreLink(Link(2, 3)) && sim.Run()) << sim.GetError();
-    for (int n = 1; n <= 3; ++n)
-    {
-        EXPECT_EQ(dataNew, StoredBytes(n, 1)) << n;
-        EXPECT_EQ(1u, StoreCount(Server(n))) << n;
-    }
-    ExpectErinFetches(1, dataNew);
-}
-
 // The creator's server tells a returning middle server, and through it the
 // far one, that the upload was stopped while they were away.
 TEST_F(CascadeScene, AStopMadeWhileTheMiddleServerWasAwayReachesItWhenTheLinkComesBack)

@@ -69,24 +69,6 @@ TEST_F(DeleteScene, ACreatorsDeleteLeavesNoStoredFileAndEachClientOnlyAFinishedD
     EXPECT_EQ(0u, Fs(Bob())->FsDelDownload(usFileID, 1));
 }
 
-TEST_F(DeleteScene, ADeleteDuringTheUploadStopsItAndLeavesNothingInTheStore)
-{
-    Build(false);
-    const ZV_Bytes data = ZV_RandomBytes(3 * 1024 * 1024, 12);
-    const uint16_t usFileID = Share("early.bin", data, false);
-    ASSERT_EQ(0u, Fs(Alice())->FsUpload(usFileID));
-    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_UPLOAD_REQUEST, shape.Server(), 6));
-    const std::string sStored = StoredPath(shape.Server(), usFileID);
-    ASSERT_TRUE(Exists(sStored));
-
-    ASSERT_EQ(0u, Fs(Alice())->FsDelUpload(usFileID));
-    ASSERT_TRUE(sim.AdvanceTime(30000)) << sim.GetError();
-    EXPECT_FALSE(Exists(sStored));
-    EXPECT_EQ("", StoredPath(shape.Server(), usFileID));
-    EXPECT_EQ(data, QB_ReadWholeFile(tmp.Sub("alice/early.bin")));
-    EXPECT_FALSE(Knows(Alice(), usFileID));
-}
-
 // A refused delete reaches only the requester, as 3005 with its code.
 TEST_F(DeleteScene, RefusedAndRepeatedDeletesAnswerOnlyTheRequesterWithTheirCode)
 {

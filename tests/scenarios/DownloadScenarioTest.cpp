@@ -25,6 +25,7 @@ TEST_F(DownloadScene, EveryFileAroundTheBlockEdgesArrivesByteIdenticalInTheStore
         EXPECT_EQ(0u, Fs(Alice())->FsUpload(vecIDs.back())) << nSize;
     }
     ASSERT_TRUE(sim.Run()) << sim.GetError();
+    EXPECT_FALSE(IsBusy(Alice())) << "the empty file too is whole at once for its creator";
     // Nothing was lost: each block went once and none was asked for again.
     EXPECT_TRUE(sim.Journal().PdusTo(PDU_CONF_FS_UPLOAD_RESPONSE, Alice()->GetName()).empty());
     EXPECT_EQ(1u + 1u + 1u + 1u + 2u + 3u + 4u + 97u + std::size(aSizes),
@@ -44,6 +45,7 @@ TEST_F(DownloadScene, EveryFileAroundTheBlockEdgesArrivesByteIdenticalInTheStore
         EXPECT_EQ(data, QB_ReadWholeFile(Stored(shape.Server(), row))) << aSizes[i] << " bytes";
         EXPECT_EQ(3u, row.m_BriefInfo.m_usFileState) << aSizes[i];
         EXPECT_EQ(aSizes[i], row.m_ulFileWritePos) << aSizes[i];
+        EXPECT_TRUE(std::filesystem::exists(Target(Bob(), vecIDs[i]))) << aSizes[i];
         EXPECT_EQ(data, QB_ReadWholeFile(Target(Bob(), vecIDs[i]))) << aSizes[i] << " bytes";
     }
     // An empty file has no block to send: it is made, and is whole at once.
@@ -53,30 +55,6 @@ TEST_F(DownloadScene, EveryFileAroundTheBlockEdgesArrivesByteIdenticalInTheStore
         EXPECT_EQ(0u, ZV_ResultOf(event));
     for (ZV_SimHost* lpClient : shape.vecClients)
         EXPECT_TRUE(Events(lpClient, zvFsEventTransferError).empty()) << lpClient->GetName();
-}
-
-TEST_F(DownloadScene, AFirstDownloaderStartsTheUploadRestsWhereItStandsAndGoesOnWhenItDoes)
-{
-    Build(false);
-    const ZV_Bytes data = ZV_RandomBytes(10 * 32768 + 5, 2);
-    const uint16_t usFileID = Share("half.bin", data, false);
-    ASSERT_TRUE(sim.Journal().Pdus(PDU_CONF_FS_UPLOAD_REQUEST).empty()) << "nothing moves before anyone asks";
-    ASSERT_EQ(0u, Download(Bob(), usFileID));
-    // Alice's data link falls after four blocks have reached the server.
-    ZV_SimLink* lpAliceLink = sim.GetClientLink(Alice());
-    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_UPLOAD_REQUEST, shape.Server(), 5));
-    ASSERT_TRUE(sim.Cut(lpAliceLink, zvConfClientTypeData));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-
-    const ZV_Bytes got = QB_ReadWholeFile(Target(Bob(), usFileID));
-    ASSERT_TRUE(got.size() > 0 && got.size() < data.size()) << got.size();
-    EXPECT_TRUE(std::equal(got.begin(), got.end(), data.begin()));
-    EXPECT_TRUE(Events(Bob(), zvFsEventDownloadFinished).empty());
-
-    ASSERT_TRUE(sim.Restore(lpAliceLink, zvConfClientTypeData));
-    ASSERT_TRUE(sim.AdvanceTime(30000)) << sim.GetError();
-    EXPECT_EQ(data, QB_ReadWholeFile(Target(Bob(), usFileID)));
-    EXPECT_EQ(1u, Events(Bob(), zvFsEventDownloadFinished).size());
 }
 
 TEST_F(DownloadScene, TwoDownloadersAtDifferentPositionsEachGetTheWholeFileEachBlockOnce)

@@ -50,7 +50,6 @@ struct JoinScene : public ZV_Scene
         return ec ? 0 : (size_t)nSize;
     }
     bool HasLocal(ZV_SimHost* lpClient, uint16_t usFileID) { return std::filesystem::exists(Target(lpClient, usFileID)); }
-    void CreatorLeavesMidUpload(bool bLinked);
 };
 
 } // namespace
@@ -242,9 +241,9 @@ TEST_F(JoinScene, AClientRestartedInTheMiddleOfADownloadResumesItWhereItsFileSta
 // Alice leaves with one file halfway up and one complete: the unfinished one
 // goes from every store and client, and neither a late joiner nor Alice,
 // back again, is given it; the complete one stays.
-void JoinScene::CreatorLeavesMidUpload(bool bLinked)
+TEST_F(JoinScene, ACreatorWhoLeavesMidUploadTakesTheFileFromEveryoneOnLinkedServers)
 {
-    Build(bLinked);
+    Build(true);
     const uint16_t usDone = Share("done.bin", ZV_RandomBytes(50000, 6));
     const uint16_t usFileID = Share("half.bin", ZV_RandomBytes(2 * 1024 * 1024, 7), false);
     ASSERT_EQ(0u, Fs(Alice())->FsUpload(usFileID));
@@ -277,16 +276,6 @@ void JoinScene::CreatorLeavesMidUpload(bool bLinked)
     EXPECT_FALSE(Knows(Alice(), usFileID)) << "the list does not name it";
     EXPECT_TRUE(Knows(Alice(), usDone));
     EXPECT_EQ(1u, Events(Alice(), zvFsEventFileGone).size());
-}
-
-TEST_F(JoinScene, ACreatorWhoLeavesMidUploadTakesTheFileFromEveryoneOnOneServer)
-{
-    CreatorLeavesMidUpload(false);
-}
-
-TEST_F(JoinScene, ACreatorWhoLeavesMidUploadTakesTheFileFromEveryoneOnLinkedServers)
-{
-    CreatorLeavesMidUpload(true);
 }
 
 // Event 14 concerns the files the user could not see: more visible raises

@@ -19,18 +19,6 @@ struct StallScene : ZV_Scene
 
 } // namespace
 
-TEST_F(StallScene, AnEmptyFileIsWholeAtOnceForItsCreatorAndItsDownloader)
-{
-    Build();
-    const uint16_t usFileID = Share("empty.bin", {});
-    EXPECT_FALSE(IsBusy(Alice()));
-    ASSERT_EQ(0u, Download(Bob(), usFileID));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    EXPECT_EQ(1u, Events(Bob(), zvFsEventDownloadFinished).size());
-    EXPECT_TRUE(std::filesystem::exists(Target(Bob(), usFileID)));
-    EXPECT_FALSE(IsBusy(Bob()));
-}
-
 TEST_F(StallScene, AnUploadStartedAgainOrResumedAfterItEndedEndsWithoutAnError)
 {
     Build();
@@ -120,26 +108,6 @@ TEST_F(StallScene, AFileGoneOrRenamedByItsFileIDOnTheUsersReturnEndsTheOldDownlo
         ASSERT_TRUE(sim.Run()) << sim.GetError();
         EXPECT_EQ(dataNew, QB_ReadWholeFile(Target(Bob(), 1)));
     }
-}
-
-// Bob lost the file while away and got it back: his client states where it
-// stands and the server takes him back as a downloader from there.
-TEST_F(StallScene, ADownloaderWhoseEntryWentWhileHeWasAwayIsTakenBackWhereHeStands)
-{
-    Build();
-    const ZV_Bytes data = ZV_RandomBytes(500000, 7);
-    const uint16_t usFileID = Share("back.bin", data);
-    ASSERT_EQ(0u, Download(Bob(), usFileID));
-    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, Bob(), 3));
-    ASSERT_TRUE(sim.Leave(Bob()));
-    ASSERT_EQ(0u, Fs(Alice())->FsSetRight(usFileID, 0, nullptr, 0, nullptr, 0));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    ASSERT_EQ(0u, Fs(Alice())->FsSetRight(usFileID, 1, nullptr, 0, nullptr, 0));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    ASSERT_TRUE(sim.Rejoin(Bob(), false));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    EXPECT_EQ(data, QB_ReadWholeFile(Target(Bob(), usFileID)));
-    EXPECT_EQ(1u, Asked(Bob()));
 }
 
 // A data link that drops and comes back under an upload or a download (after
