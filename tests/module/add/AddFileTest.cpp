@@ -13,8 +13,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
 Bytes Head(const Bytes& data, size_t n)
 {
     return Bytes(data.begin(), data.begin() + (long)std::min(n, data.size()));

@@ -9,13 +9,9 @@
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
 const QB_UserID kAlice(10001, 0);  // the creator
 const QB_UserID kBob(10002, 0);    // a downloader: commands on 100020, data on 100024
 const QB_UserID kSelf(1, 0);       // this server
-
-using Pdu = ZV_Pdu;
 
 struct LinkedHost : public ZV_RecordingHost
 {

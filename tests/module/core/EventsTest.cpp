@@ -11,8 +11,6 @@
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
 Bytes Cat(std::initializer_list<Bytes> parts)
 {
     Bytes out;

@@ -17,8 +17,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
 const QB_UserID kAlice(10001, 0);
 const QB_UserID kBob(10002, 0);
 constexpr uint16_t kFileID = 7;

@@ -13,8 +13,6 @@
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
 const QB_UserID kSelf(1, 0);
 const QB_UserID kPeer(2, 0);
 const QB_UserID kBob(20002, 0);

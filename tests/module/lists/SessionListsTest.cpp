@@ -16,7 +16,6 @@
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
 using Peer = ZV_FileShareSessionPeer;
 
 const QB_UserID kAnn(20001, 0);   // creates every file

@@ -11,12 +11,8 @@
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
 const QB_UserID kAlice(10001, 0);  // the creator: commands on 11, data on 12
 const QB_UserID kBob(10002, 0);
-
-using Pdu = ZV_Pdu;
 
 Bytes Slice(const Bytes& data, size_t nPos, size_t nLen)
 {
