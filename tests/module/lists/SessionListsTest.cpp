@@ -134,66 +134,51 @@ public:
 
 } // namespace
 
-// Files whose entries, as counted, fill the buffer to the byte go in one
-// last piece; one file more makes two pieces, the second holding one entry.
-TEST_F(SessionLists, AnUploadListThatFillsTheBufferIsOnePieceAndOneFileMoreIsTwo)
+// Entries that, as counted, fill the buffer to the byte go in one last
+// piece; one more makes two, the second holding one entry.
+TEST_F(SessionLists, AListThatFillsTheBufferIsOnePieceAndOneEntryMoreIsTwo)
 {
-    ZV_RecordingNode node(true);
-    ZV_FileUploadInfo probe;
-    probe.SetFileID(1);
-    probe.SetBriefInfo(Brief(true));
-    const std::vector<int> vecName = ZV_NamesThatFill(ZV_UploadListResponse::kHeadSize, [&](int n) {
-        probe.SetFileNewName(QB_StringU8(std::string((size_t)n, 'n').c_str()));
-        return ZV_UploadListEntrySize(probe);
-    });
-    for (size_t i = 0; i < vecName.size(); ++i)
-        AddFile(node, (uint16_t)(i + 1), Brief(true), vecName[i]);
-    const Bytes vbAsk = ZV_Pdu().U16(3).User(kBob).b;
-    Deliver(node, PDU_CONF_GET_UPLOAD_SESSION_LIST_REQUEST, vbAsk, kBob);
-    const auto vecSent = node.host.SentOf(PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE);
-    ASSERT_EQ(1u, vecSent.size());
-    EXPECT_LE(vecSent[0].data.size(), (size_t)QB_PDU_BUFFER_SIZE);
-    EXPECT_EQ(1, vecSent[0].data.back()) << "bLast";
-
-    node.host.m_vecSent.clear();
-    AddFile(node, 900, Brief(true), 1);
-    Deliver(node, PDU_CONF_GET_UPLOAD_SESSION_LIST_REQUEST, vbAsk, kBob);
-    const auto vecParts = Pieces<ZV_UploadListResponse>(node, PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE);
-    ASSERT_EQ(2u, vecParts.size());
-    EXPECT_EQ(0, vecParts[0].bLast);
-    EXPECT_EQ(1, vecParts[1].bLast);
-    EXPECT_EQ((int)vecName.size(), vecParts[0].arrInfo.GetSize());
-    EXPECT_EQ(1, vecParts[1].arrInfo.GetSize());
-}
-
-// The same for a user's download records, asked for by the user.
-TEST_F(SessionLists, ADownloadListThatFillsTheBufferIsOnePieceAndOneRecordMoreIsTwo)
-{
-    ZV_RecordingNode node(true);
-    const std::vector<int> vecName = ZV_NamesThatFill(ZV_DownloadListResponse::kHeadSize, [&](int n) {
-        return ZV_DownloadListEntrySize(Record(1, "C:\\dl\\", std::string((size_t)n, 'n'), zvDownloadStateRunning));
-    });
-    for (size_t i = 0; i < vecName.size(); ++i)
+    for (bool bUploads : {true, false})
     {
-        const uint16_t usFileID = (uint16_t)(i + 1);
-        AddFile(node, usFileID, Brief(true))
-            .SetDownloadInfo(kBob, Record(usFileID, "C:\\dl\\", std::string((size_t)vecName[i], 'n'),
-                                          zvDownloadStateRunning));
+        SCOPED_TRACE(bUploads ? "upload list" : "download list");
+        ZV_RecordingNode node(true);
+        auto Named = [](uint16_t usFileID, int n) {
+            return Record(usFileID, "C:\\dl\\", std::string((size_t)n, 'n'), zvDownloadStateRunning);
+        };
+        ZV_FileUploadInfo probe;
+        probe.SetFileID(1);
+        probe.SetBriefInfo(Brief(true));
+        const std::vector<int> vecName = ZV_NamesThatFill(
+            bUploads ? ZV_UploadListResponse::kHeadSize : ZV_DownloadListResponse::kHeadSize, [&](int n) {
+                probe.SetFileNewName(QB_StringU8(std::string((size_t)n, 'n').c_str()));
+                return bUploads ? ZV_UploadListEntrySize(probe) : ZV_DownloadListEntrySize(Named(1, n));
+            });
+        auto Add = [&](uint16_t usFileID, int n) {
+            ZV_FileShareSession& session = AddFile(node, usFileID, Brief(true), bUploads ? n : 5);
+            if (!bUploads)
+                session.SetDownloadInfo(kBob, Named(usFileID, n));
+        };
+        // Per piece: its entries, and its last flag or its count of marks.
+        auto Listed = [&]() {
+            node.host.m_vecSent.clear();
+            std::vector<std::pair<int, int>> vec;
+            Deliver(node, bUploads ? PDU_CONF_GET_UPLOAD_SESSION_LIST_REQUEST : PDU_CONF_GET_DOWNLOAD_SESSION_LIST_REQUEST,
+                    ZV_Pdu().U16(3).User(kBob).b, kBob);
+            if (bUploads)
+                for (const auto& part : Pieces<ZV_UploadListResponse>(node, PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE))
+                    vec.push_back({part.arrInfo.GetSize(), part.bLast});
+            else
+                for (const auto& part : Pieces<ZV_DownloadListResponse>(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE))
+                    vec.push_back({part.arrInfo.GetSize(), part.arrModify.GetSize()});
+            return vec;
+        };
+        for (size_t i = 0; i < vecName.size(); ++i)
+            Add((uint16_t)(i + 1), vecName[i]);
+        const int n = (int)vecName.size();
+        EXPECT_EQ((std::vector<std::pair<int, int>>{{n, bUploads ? 1 : n}}), Listed());
+        Add(900, 1);
+        EXPECT_EQ((std::vector<std::pair<int, int>>{{n, bUploads ? 0 : n}, {1, 1}}), Listed());
     }
-    const Bytes vbAsk = ZV_Pdu().U16(3).User(kBob).b;
-    Deliver(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_REQUEST, vbAsk, kBob);
-    const auto vecSent = node.host.SentOf(PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE);
-    ASSERT_EQ(1u, vecSent.size());
-    EXPECT_LE(vecSent[0].data.size(), (size_t)QB_PDU_BUFFER_SIZE);
-
-    node.host.m_vecSent.clear();
-    AddFile(node, 900, Brief(true)).SetDownloadInfo(kBob, Record(900, "C:\\dl\\", "x", zvDownloadStateRunning));
-    Deliver(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_REQUEST, vbAsk, kBob);
-    const auto vecParts = Pieces<ZV_DownloadListResponse>(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE);
-    ASSERT_EQ(2u, vecParts.size());
-    EXPECT_EQ((int)vecName.size(), vecParts[0].arrInfo.GetSize());
-    EXPECT_EQ(1, vecParts[1].arrInfo.GetSize());
-    EXPECT_EQ(1, vecParts[1].arrModify.GetSize());
 }
 
 // Listing a record rests it; a record of a file shared anew under its
@@ -389,7 +374,7 @@ TEST_F(SessionLists, AClientTellsEachUploadListWithItsOwnFilesAndHowMuchOfEachTh
 
 // A user who enters at this server is sent both lists on the command
 // connection unasked; one homed on another server is its server's to serve.
-TEST_F(SessionLists, AServerPushesBothListsToAUserWhoEntersThereOnly)
+TEST_F(SessionLists, AServerPushesBothListsToAUserWhoEntersThereOnlyAndTakesNoUploadList)
 {
     ZV_RecordingNode node(true);
     ASSERT_EQ(0u, node.mgr.Initialize());
@@ -413,6 +398,19 @@ TEST_F(SessionLists, AServerPushesBothListsToAUserWhoEntersThereOnly)
     EXPECT_EQ(5, vecDownloads[0].arrInfo[0].m_usFileID);
     for (const ZV_SentPdu& sent : node.host.m_vecSent)
         EXPECT_EQ(33u, sent.ulConn) << sent.usPdu;
+
+    // A server's view is its store: an upload list sent to it is taken as
+    // handled and changes nothing.
+    ZV_UploadListResponse list;
+    list.user = kBob;
+    ZV_FileUploadInfo info;
+    info.SetFileID(7);
+    info.SetBriefInfo(Brief(true));
+    list.arrInfo.Add(info);
+    list.arrMaxPos.Add(0);
+    EXPECT_EQ(0u, Deliver(node, PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE, ZV_SavePayload(list), kBob));
+    EXPECT_EQ(2, ZV_FileShareMgrPeer::Sessions(node.mgr).GetCount());
+    EXPECT_TRUE(node.host.m_vecEvents.empty());
 }
 
 // A creator who enters while a file's upload is unfinished uploads it again
@@ -490,24 +488,6 @@ TEST_F(SessionLists, ABatchThatFillsTheEventBufferIsOneEventAndOneFileMoreIsTwo)
     ASSERT_EQ(2u, vecTold.size());
     EXPECT_EQ((int)vecName.size(), vecTold[0].first);
     EXPECT_EQ(1, vecTold[1].first);
-}
-
-// A server's view is its store: an upload list sent to it is taken as
-// handled and changes nothing.
-TEST_F(SessionLists, AServerTakesNoUploadListFromAnyone)
-{
-    ZV_RecordingNode node(true);
-    ASSERT_EQ(0u, node.mgr.Initialize());
-    ZV_UploadListResponse list;
-    list.user = kBob;
-    ZV_FileUploadInfo info;
-    info.SetFileID(5);
-    info.SetBriefInfo(Brief(true));
-    list.arrInfo.Add(info);
-    list.arrMaxPos.Add(0);
-    EXPECT_EQ(0u, Deliver(node, PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE, ZV_SavePayload(list), kBob));
-    EXPECT_EQ(0, ZV_FileShareMgrPeer::Sessions(node.mgr).GetCount());
-    EXPECT_TRUE(node.host.m_vecEvents.empty());
 }
 
 // A client takes its own downloads in the list as its disk and its stops
