@@ -83,13 +83,7 @@ TEST(RareRoads, ThrowsUnderHostCallsAreLoggedAndTheWalkGoesOn)
 {
     const QB_UserID peer(20002, 0);
     ConfPduData sent{20002, 0, 12, 0, zvConfClientTypeData, PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, 0, 0, 0, 0, nullptr};
-    const struct
-    {
-        const char* szLine;
-        bool bServer;
-        size_t nLines;
-        std::function<uint32_t(Node&)> fnRun;
-    } aRows[] = {
+    const struct { const char* szLine; bool bServer; size_t nLines; std::function<uint32_t(Node&)> fnRun; } aRows[] = {
         {"ZV_FileShareMgr::OnDisconnect exception.", true, 2,
          [&](Node& node) { return node.mgr.OnDisconnect(&peer, 900, zvConfServerTypeCommand, 0); }},
         {"ZV_FileShareMgr::OnSend.OnSend exception.", true, 2, [&](Node& node) { return node.mgr.OnSend(&sent); }},
@@ -125,12 +119,7 @@ TEST(RareRoads, RareCasesGiveTheirOwnCodes)
     ZV_NoFolderEnv env;
     QB_ScopedEnv scoped(&env);
     const char16_t* apszNames[] = {u"own.bin"};
-    const struct
-    {
-        const char* szName;
-        uint32_t ulExpected;
-        std::function<uint32_t()> fnRun;
-    } aRows[] = {
+    const struct { const char* szName; uint32_t ulExpected; std::function<uint32_t()> fnRun; } aRows[] = {
         {"file information into no record", zvResultException,
          [&] { return node.mgr.FsGetFileInfoByFileID(3, nullptr); }},
         {"a session handed a manager's number", zvResultNoHandler,
@@ -195,13 +184,7 @@ TEST(RareRoads, RareCasesGiveTheirOwnCodes)
 // failure in the download's state event.
 TEST(RareRoads, AListedDownloadThatCannotBeMeasuredOrEmptiedReportsWhy)
 {
-    const struct
-    {
-        const char* szName;
-        bool bModify;
-        int64_t llOnDisk;
-        uint32_t ulExpected;
-    } aRows[] = {
+    const struct { const char* szName; bool bModify; int64_t llOnDisk; uint32_t ulExpected; } aRows[] = {
         {"another file under the FileID, the old bytes cannot be cut", true, 1200, zvResultCannotAccess},
         {"a partial file of 2 GiB", false, 0x80000000LL, zvResultCannotOpen},
     };

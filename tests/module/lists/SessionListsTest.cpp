@@ -248,13 +248,8 @@ TEST_F(SessionLists, AClientGivesUpAListedDownloadWhoseRightIsGone)
     std::filesystem::create_directories(node.tmp.Sub("dl"));
     ZV_DownloadListResponse list;
     list.user = node.host.m_LocalUser;
-    const struct
-    {
-        uint16_t usFileID;
-        bool bAllowed;
-        uint16_t usState;
-        const char* pszName;
-    } aFiles[] = {{5, false, zvDownloadStateRunning, "partial.bin"},
+    const struct { uint16_t usFileID; bool bAllowed; uint16_t usState; const char* pszName;
+                   } aFiles[] = {{5, false, zvDownloadStateRunning, "partial.bin"},
                   {6, false, zvDownloadStateFinished, "finished.bin"},
                   {7, true, zvDownloadStateRunning, "allowed.bin"}};
     for (const auto& file : aFiles)
@@ -293,12 +288,8 @@ TEST_F(SessionLists, AClientDropsEveryUnlistedFileKeepingOnlyAFinishedDownload)
     ASSERT_EQ(0u, node.mgr.Initialize());
     const std::string sFolder = QB_StringU8(QB_ToWindowsPath(node.tmp.Sub("dl/"))).GetString();
     std::filesystem::create_directories(node.tmp.Sub("dl"));
-    const struct
-    {
-        uint16_t usFileID;
-        uint16_t usState;
-        const char* pszName;
-    } aFiles[] = {{5, zvDownloadStateFinished, "finished.bin"}, {6, zvDownloadStateRunning, "partial.bin"}};
+    const struct { uint16_t usFileID; uint16_t usState; const char* pszName;
+                   } aFiles[] = {{5, zvDownloadStateFinished, "finished.bin"}, {6, zvDownloadStateRunning, "partial.bin"}};
     for (const auto& file : aFiles)
     {
         ZV_FileShareSession& session = AddFile(node, file.usFileID, Brief(true));
@@ -502,13 +493,8 @@ TEST_F(SessionLists, AClientTakesItsListedDownloadsAsItsDiskAndItsStopsSay)
     const QB_UserID me = node.host.m_LocalUser;
     const std::string sFolder = QB_StringU8(QB_ToWindowsPath(node.tmp.Sub("dl/"))).GetString();
     std::filesystem::create_directories(node.tmp.Sub("dl"));
-    const struct
-    {
-        uint16_t usFileID;
-        uint16_t usHeld;
-        uint16_t usListed;
-        size_t nOnDisk;
-    } aFiles[] = {{5, zvDownloadStateFinished, zvDownloadStateFinished, 5000},
+    const struct { uint16_t usFileID; uint16_t usHeld; uint16_t usListed; size_t nOnDisk;
+                   } aFiles[] = {{5, zvDownloadStateFinished, zvDownloadStateFinished, 5000},
                   {6, zvDownloadStateFinished, zvDownloadStateFinished, 0},
                   {7, zvDownloadStateStopped, zvDownloadStateRunning, 1200},
                   {8, zvDownloadStateRunning, zvDownloadStateRunning, 5000},

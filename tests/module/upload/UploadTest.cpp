@@ -276,12 +276,7 @@ TEST_F(Upload, StateNoticeRaisesOneTransferStateEventPerFileAndIgnoresATruncated
 // it on whether its upload runs.
 TEST_F(Upload, TheCreatorsClientKeepsItsOwnRunOrStopAgainstTheServersListAndTellsTheServerOfAStop)
 {
-    struct
-    {
-        const char* pszName;
-        uint16_t usLocal, usServer, usAfter;
-        bool bStopSent;
-    } aCases[] = {
+    struct { const char* pszName; uint16_t usLocal, usServer, usAfter; bool bStopSent; } aCases[] = {
         {"complete here, running there: takes the server's state", 3, 1, 1, false},
         {"failed here, running there: runs again", 4, 1, 1, false},
         {"running here, stopped there: keeps running", 1, 2, 1, false},
