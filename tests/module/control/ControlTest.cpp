@@ -33,10 +33,7 @@ struct ControlFixture : public ::testing::Test
         host.m_bServer = bServer;
         host.m_bHasServerLinks = bServer;
         env.SetTick(50000);
-        ZV_FileBriefInfo brief;
-        brief.SetCreatorID(kAlice);
-        brief.SetFileLenth(1000000);
-        brief.SetPublic(true);
+        ZV_FileBriefInfo brief = ZV_Brief(kAlice, nullptr, 1000000);
         brief.SetFileState(zvFileStateUploading);
         lpSession = &ZV_AdoptFile(mgr, 5, "C:\\Store\\", brief, "song.ogg");
     }
@@ -263,8 +260,6 @@ TEST_F(Control, ClientTakesHowMuchOfAnUploadItsServerHolds)
     }
 }
 
-// A client with nothing running is no longer busy with a file once its
-// last transfer lies a stall's wait behind it, to the millisecond.
 TEST_F(Control, ClientIsNoLongerBusyWithAFileAStallAfterItsLastTransfer)
 {
     Make(false);

@@ -213,8 +213,6 @@ TEST(Exports, MakeAManagerOnlyForTheExactInterfaceNameAndHandItsUserSideForTypeF
     EXPECT_EQ(nBefore, g_listFileShareMgr.GetCount());
 }
 
-// Every code the module gives has words of its own; anything else gets the
-// one text for a code it does not name.
 TEST(ResultText, SaysEveryCodeOfTheModuleInWordsOfItsOwn)
 {
     const uint32_t aulCodes[] = {0, 1, 5, 6, 16, 32, 33, 40, 56, 60, 61, 62, 82, 83, 88, 90};

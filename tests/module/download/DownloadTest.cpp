@@ -534,7 +534,6 @@ TEST_F(Download, ALinkedServersRecordOfAnotherFileUnderTheFileIDMovesNothing)
     }
 }
 
-// The target path goes in UTF-8, on the command link.
 TEST_F(Download, FsDownloadAsksTheServerOnTheCommandLink)
 {
     host.m_bServer = false;

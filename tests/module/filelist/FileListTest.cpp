@@ -20,12 +20,8 @@ const QB_UserID kBob(20002, 0);
 ZV_FileUploadInfo PeerFile(uint16_t usFileID, const char* pszName, uint32_t ulLength, uint32_t ulWritePos,
                            uint16_t usState)
 {
-    ZV_FileBriefInfo brief;
-    brief.SetCreatorID(QB_UserID(20001, 0));
-    brief.SetFileOldName(QB_StringU8(pszName));
-    brief.SetFileLenth(ulLength);
+    ZV_FileBriefInfo brief = ZV_Brief(QB_UserID(20001, 0), pszName, ulLength);
     brief.SetFileState(usState);
-    brief.SetPublic(true);
     ZV_FileUploadInfo info;
     info.SetFileID(usFileID);
     info.SetFileNewName(QB_StringU8(pszName));

@@ -34,13 +34,9 @@ ZV_FileBriefInfo Brief(bool bPublic, const QB_UserID* lpRight = nullptr)
     QB_Array<QB_UserID> arrRight;
     if (lpRight != nullptr)
         arrRight.Add(*lpRight);
-    ZV_FileBriefInfo brief;
-    brief.SetCreatorID(kAnn);
-    brief.SetFileOldName(QB_StringU8("f.bin"));
-    brief.SetFileLenth(5000);
+    ZV_FileBriefInfo brief = ZV_Brief(kAnn, "f.bin", 5000, bPublic);
     brief.SetFileState(zvFileStateComplete);
     brief.SetShareTime(SharedOn(20));
-    brief.SetPublic(bPublic);
     brief.SetRight(arrRight);
     return brief;
 }

@@ -250,7 +250,6 @@ TEST_F(Upload, ServerRefusesABlockItCannotTakeAndTheNextBlockShowsWhatItRemember
 // deleted and the number reused) is no news to this user.
 TEST_F(Upload, AClientTakesAnUploadAnswerOnlyAboutItsUsersOwnFile)
 {
-    const QB_UserID kBob(10002, 0);
     for (const QB_UserID& creator : {kAlice, kBob})
     {
         Make(false, 10);
