@@ -48,7 +48,7 @@ struct FileList : ::testing::Test
             EXPECT_LE(sent.data.size(), (size_t)QB_PDU_BUFFER_SIZE);
             // Nothing in a piece that its reader would drop, such as the
             // states or positions of files another piece carries.
-            EXPECT_EQ(sent.data, ZV_SavePayloadOf(vecParts.back()));
+            EXPECT_EQ(sent.data, ZV_SavePayload(vecParts.back()));
         }
         return vecParts;
     }
@@ -68,15 +68,7 @@ struct FileList : ::testing::Test
     void Take(const ZV_FileListResponse& part)
     {
         node.host.m_vecSent.clear();
-        node.Deliver(PDU_CONF_GET_FILE_LIST_RESPONSE, zvConfServerTypeCommand, ZV_SavePayloadOf(part));
-    }
-    static Bytes ZV_SavePayloadOf(const ZV_FileListResponse& part)
-    {
-        Bytes vb(QB_PDU_BUFFER_SIZE);
-        QB_ByteStream stream(vb.data(), (int32_t)vb.size(), false);
-        part.Save(stream);
-        vb.resize((size_t)stream.GetPos());
-        return vb;
+        node.Deliver(PDU_CONF_GET_FILE_LIST_RESPONSE, zvConfServerTypeCommand, ZV_SavePayload(part));
     }
     ZV_FileShareSession* Session(uint16_t usFileID) { return ZV_FileShareMgrPeer::Find(node.mgr, usFileID); }
 };

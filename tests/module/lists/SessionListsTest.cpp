@@ -71,6 +71,13 @@ struct SessionLists : ::testing::Test
         return ZV_AdoptFile(node.mgr, usFileID, node.tmp.Path().c_str(), brief,
                             std::string((size_t)nNameBytes, 'n').c_str());
     }
+    // A started client's download folder "dl", made, as the records name it.
+    static std::string ClientWithFolder(ZV_RecordingNode& node)
+    {
+        EXPECT_EQ(0u, node.mgr.Initialize());
+        std::filesystem::create_directories(node.tmp.Sub("dl"));
+        return QB_StringU8(QB_ToWindowsPath(node.tmp.Sub("dl/"))).GetString();
+    }
     static ZV_FileDownloadInfo Held(ZV_FileShareSession& session, const QB_UserID& user)
     {
         ZV_FileDownloadInfo info;
@@ -239,9 +246,7 @@ TEST_F(SessionLists, AServerRestsRenewsOrWithdrawsEachRecordItLists)
 TEST_F(SessionLists, AClientGivesUpAListedDownloadWhoseRightIsGone)
 {
     ZV_RecordingNode node(false);
-    ASSERT_EQ(0u, node.mgr.Initialize());
-    const std::string sFolder = QB_StringU8(QB_ToWindowsPath(node.tmp.Sub("dl/"))).GetString();
-    std::filesystem::create_directories(node.tmp.Sub("dl"));
+    const std::string sFolder = ClientWithFolder(node);
     ZV_DownloadListResponse list;
     list.user = node.host.m_LocalUser;
     const struct { uint16_t usFileID; bool bAllowed; uint16_t usState; const char* pszName;
@@ -281,9 +286,7 @@ TEST_F(SessionLists, AClientGivesUpAListedDownloadWhoseRightIsGone)
 TEST_F(SessionLists, AClientDropsEveryUnlistedFileKeepingOnlyAFinishedDownload)
 {
     ZV_RecordingNode node(false);
-    ASSERT_EQ(0u, node.mgr.Initialize());
-    const std::string sFolder = QB_StringU8(QB_ToWindowsPath(node.tmp.Sub("dl/"))).GetString();
-    std::filesystem::create_directories(node.tmp.Sub("dl"));
+    const std::string sFolder = ClientWithFolder(node);
     const struct { uint16_t usFileID; uint16_t usState; const char* pszName;
                    } aFiles[] = {{5, zvDownloadStateFinished, "finished.bin"}, {6, zvDownloadStateRunning, "partial.bin"}};
     for (const auto& file : aFiles)
@@ -485,10 +488,8 @@ TEST_F(SessionLists, ABatchThatFillsTheEventBufferIsOneEventAndOneFileMoreIsTwo)
 TEST_F(SessionLists, AClientTakesItsListedDownloadsAsItsDiskAndItsStopsSay)
 {
     ZV_RecordingNode node(false);
-    ASSERT_EQ(0u, node.mgr.Initialize());
+    const std::string sFolder = ClientWithFolder(node);
     const QB_UserID me = node.host.m_LocalUser;
-    const std::string sFolder = QB_StringU8(QB_ToWindowsPath(node.tmp.Sub("dl/"))).GetString();
-    std::filesystem::create_directories(node.tmp.Sub("dl"));
     const struct { uint16_t usFileID; uint16_t usHeld; uint16_t usListed; size_t nOnDisk;
                    } aFiles[] = {{5, zvDownloadStateFinished, zvDownloadStateFinished, 5000},
                   {6, zvDownloadStateFinished, zvDownloadStateFinished, 0},
