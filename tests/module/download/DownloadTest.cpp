@@ -421,6 +421,12 @@ TEST_F(ClientDownload, AfterItsDataLinkCameBackItAsksForItsPositionOnceAlsoAcros
 
 TEST_F(ClientDownload, RefusesABadBlockUnwrittenStopsTheDownloadAndIgnoresTheRest)
 {
+    struct Home
+    {
+        explicit Home(const std::string& sPath) { QB_SetEnvironmentVariable("ROOMCRATE_HOME", sPath.c_str()); }
+        ~Home() { QB_SetEnvironmentVariable("ROOMCRATE_HOME", nullptr); }
+    } home(tmp.Path());
+    std::filesystem::create_directories(tmp.Sub("log"));
     Bytes truncated = Block(0, ZV_TestBytes(50, 4)).b;
     truncated.resize(30);
     struct { const char* szName; Bytes block; bool bFailWrite; } aCases[] = {
@@ -446,6 +452,7 @@ TEST_F(ClientDownload, RefusesABadBlockUnwrittenStopsTheDownloadAndIgnoresTheRes
         EXPECT_EQ(11u, vecStop[0].ulConn);
         EXPECT_EQ(Pdu().U16(5).User(kBob).U32(0).U8(1).b, vecStop[0].data);
     }
+    EXPECT_EQ(std::size(aCases), QB_CountInFiles(tmp.Sub("log"), "HandleDownloadDataResponse...ulResult=61.\r\n"));
 }
 
 // A stored name that would lead out of the store folder opens nothing and
