@@ -233,6 +233,9 @@ TEST_F(Download, PushesThreeBlocksPerCallRestsAtTheWritePositionAndGoesOnWhenWok
     ZV_FileShareSessionPeer::FileInfo(session).m_BriefInfo.m_bPublic = false;
     OnSend();
     EXPECT_EQ(4u, host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE).size());
+    ZV_FileShareSessionPeer::FileInfo(session).m_BriefInfo.m_bPublic = true;
+    OnSend();
+    EXPECT_EQ(7u, host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE).size()) << "three blocks of the whole file";
 
     // A data request that says the download is stopped leaves it stopped.
     ZV_FileDownloadInfo stopped;
