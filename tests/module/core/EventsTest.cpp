@@ -5,7 +5,6 @@
 #include "rights/ZV_RightsPdu.h"
 
 #include <cmath>
-#include <cstring>
 #include <limits>
 #include <tuple>
 

@@ -9,10 +9,6 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
-#include <set>
-#include <string>
-
 namespace {
 
 struct ManagerFixture : public ::testing::Test

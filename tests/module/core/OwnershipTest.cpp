@@ -11,7 +11,6 @@
 #include "QB_FaultEnv.h"
 
 #include <filesystem>
-#include <string>
 
 namespace fs = std::filesystem;
 

@@ -1,23 +1,14 @@
 // Roads that only a throw, a failing disk or an odd answer of the host
 // takes: each ends with its own result code or log line, never a crash.
-#include "core/ZV_FileShareMgr.h"
-#include "add/ZV_AddPdu.h"
-#include "core/ZV_FileShareSession.h"
 #include "lists/ZV_ListPdu.h"
 #include "records/ZV_FileCatalog.h"
-#include "ZV_FileShareMgrPeer.h"
-#include "ZV_FileShareSessionPeer.h"
-#include "ZV_PayloadCheck.h"
 #include "ZV_RecordingNode.h"
 #include "wire/ZV_PduFrame.h"
 
 #include "QB_FaultEnv.h"
 
-#include <gtest/gtest.h>
-
 #include <cstdio>
 #include <filesystem>
-#include <functional>
 #include <stdexcept>
 
 namespace {
@@ -61,13 +52,9 @@ ZV_FileShareSession& AddOwnFile(Node& node, uint16_t usFileID, uint16_t usState,
     ZV_FileShareSession* lpFsSession = bThrowing ? new ZV_ThrowingSession(&node.mgr, node.tmp.Path().c_str())
                                                  : new ZV_FileShareSession(&node.mgr, node.tmp.Path().c_str());
     ZV_FileShareMgrPeer::Sessions(node.mgr).SetAt(usFileID, lpFsSession);
-    ZV_FileBriefInfo brief;
-    brief.SetCreatorID(node.host.m_LocalUser);
-    brief.SetFileOldName(QB_StringU8("own.bin"));
+    ZV_FileBriefInfo brief = ZV_Brief(node.host.m_LocalUser, "own.bin", 5000);
     brief.SetFilePath(QB_StringU8(QB_ToWindowsPath(node.tmp.Path() + "/")));
-    brief.SetFileLenth(5000);
     brief.SetFileState(usState);
-    brief.SetPublic(true);
     Peer::FileID(*lpFsSession) = usFileID;
     Peer::FileInfo(*lpFsSession).SetFileID(usFileID);
     Peer::FileInfo(*lpFsSession).SetBriefInfo(brief);

@@ -7,7 +7,6 @@
 #include "QB_FaultEnv.h"
 
 #include <filesystem>
-#include <map>
 
 namespace {
 

@@ -9,7 +9,6 @@
 
 #include <filesystem>
 #include <initializer_list>
-#include <string>
 
 namespace {
 
