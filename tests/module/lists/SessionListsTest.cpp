@@ -388,8 +388,8 @@ TEST_F(SessionLists, AServerPushesBothListsToAUserWhoEntersThereOnlyAndTakesNoUp
     for (const ZV_SentPdu& sent : node.host.m_vecSent)
         EXPECT_EQ(33u, sent.ulConn) << sent.usPdu;
 
-    // A server's view is its store: an upload list sent to it is taken as
-    // handled and changes nothing.
+    // A server's view is its store: an upload list sent to it, even on a
+    // server link, is taken as handled and changes nothing.
     ZV_UploadListResponse list;
     list.user = kBob;
     ZV_FileUploadInfo info;
@@ -397,7 +397,9 @@ TEST_F(SessionLists, AServerPushesBothListsToAUserWhoEntersThereOnlyAndTakesNoUp
     info.SetBriefInfo(Brief(true));
     list.arrInfo.Add(info);
     list.arrMaxPos.Add(0);
-    EXPECT_EQ(0u, Deliver(node, PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE, ZV_SavePayload(list), kBob));
+    list.bLast = 1;
+    EXPECT_EQ(0u, ZV_Deliver(node.mgr, PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE, zvConfServerTypeCommand,
+                             ZV_SavePayload(list), 5, QB_UserID(2, 0)));
     EXPECT_EQ(2, ZV_FileShareMgrPeer::Sessions(node.mgr).GetCount());
     EXPECT_TRUE(node.host.m_vecEvents.empty());
 }
