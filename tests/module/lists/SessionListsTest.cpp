@@ -350,13 +350,15 @@ TEST_F(SessionLists, AClientTellsEachUploadListWithItsOwnFilesAndHowMuchOfEachTh
     EXPECT_EQ((Told{{5, 2500.0}, {6, 10000.0}}), Take({{5, 4000, 1000}, {6, 0, 0}}));
     EXPECT_EQ((Told{{7, 5000.0}}), Take({{7, 4000, 2000}}));
 
-    // A batch told after a list carries its own file alone, in percent.
+    // A batch told after a list carries its own file alone, in percent; a
+    // description without a FileID beside it is told of no file.
     ZV_AddFilesResponse batch;
     batch.user = kAnn;
     batch.arrFileID.Add(8);
     batch.arrPos.Add(1000);
     ZV_FileBriefInfo brief = Brief(true);
     brief.SetFileLenth(4000);
+    batch.arrInfo.Add(brief);
     batch.arrInfo.Add(brief);
     EXPECT_EQ((Told{{8, 25.0}}), Deliver3013(PDU_CONF_FS_ADD_FILES_RESPONSE, ZV_SavePayload(batch)));
 }
