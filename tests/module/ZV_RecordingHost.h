@@ -39,6 +39,9 @@ struct ZV_Pdu
     }
 };
 
+using Bytes = std::vector<uint8_t>;
+using Pdu = ZV_Pdu;
+
 // File contents that differ at every offset, so a block in the wrong place shows.
 inline std::vector<uint8_t> ZV_TestBytes(size_t nSize, unsigned nSeed)
 {

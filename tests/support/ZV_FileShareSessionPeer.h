@@ -16,15 +16,12 @@ public:
     static bool& ResyncPending(S& s) { return s.m_bResyncPending; }
     static uint32_t& LastIoTick(S& s) { return s.m_ulLastIoTick; }
     static uint32_t& MaxPos(S& s) { return s.m_ulMaxPos; }
-    static uint32_t& Progress(S& s) { return s.m_ulProgress; }
     static ZV_DownloadMap& Downloads(S& s) { return s.m_mapDownload; }
     static ZV_FileBriefInfo& BriefInfo(S& s) { return s.m_BriefInfo; }
     static ZV_FileDownloadInfo& LocalDownload(S& s) { return s.m_LocalDownload; }
     static QB_FileEx& File(S& s) { return s.m_File; }
     static bool& StopUpload(S& s) { return s.m_bStopUpload; }
     static bool& DownloadFailed(S& s) { return s.m_bDownloadFailed; }
-    static uint32_t& ReadPos(S& s) { return s.m_ulReadPos; }
-    static bool& CatalogDirty(S& s) { return s.m_bCatalogDirty; }
     static QB_StringU8& AskedPath(S& s) { return s.m_sAskedPath; }
     static uint32_t& AskedPos(S& s) { return s.m_ulAskedPos; }
     static bool& DownloadAsked(S& s) { return s.m_bDownloadAsked; }

@@ -13,8 +13,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
 Bytes Head(const Bytes& data, size_t n)
 {
     return Bytes(data.begin(), data.begin() + (long)std::min(n, data.size()));
@@ -139,11 +137,7 @@ TEST(AddFile, CutsALongStoredNameAtAWholeCharacterKeepingAShortExtension)
     for (int i = 0; i < 50; ++i)
         sPairs += u"\xD800\xDC00";
     const std::u16string sExt = u".eeeeeeeeeeeeeee";
-    const struct
-    {
-        std::u16string sName;
-        std::u16string sStored;
-    } aCases[] = {
+    const struct { std::u16string sName; std::u16string sStored; } aCases[] = {
         {std::u16string(300, u'a') + sExt, std::u16string(228, u'a') + sExt},
         {std::u16string(300, u'a') + u".ffffffffffffffff", std::u16string(244, u'a')},
         {sPairs, sPairs.substr(0, 80)},
@@ -215,11 +209,7 @@ TEST(AddFile, TheCreatorIsNamedAsTheHostNamesTheLinksUser)
 // device gets "_" before it, the trailing dots and blanks become "_".
 TEST(AddFile, StoresNoDeviceNameAndNoTrailingDotOrBlank)
 {
-    const struct
-    {
-        const char* szName;
-        const char16_t* szStored;
-    } aCases[] = {
+    const struct { const char* szName; const char16_t* szStored; } aCases[] = {
         {"CON", u"_CON"},           {"nul.txt", u"_nul.txt"},     {"Com1.tar.gz", u"_Com1.tar.gz"},
         {"lpt9", u"_lpt9"},         {"AUX .doc", u"_AUX .doc"},   {"prn", u"_prn"},
         {"COM\xc2\xb9", u"_COM\u00b9"},
@@ -278,14 +268,8 @@ TEST(AddFile, RefusesBeforeSendingAPathTheRecordsOrTheCatalogueCannotHold)
     const QB_StringW sTmpW = node.tmp.PathW();
     const std::u16string sTmp(sTmpW.View().substr(0, (size_t)sTmpW.GetLength() - 1));
     const std::u16string sWideFolder = sTmp + u"\\\u4E2D";
-    const struct
-    {
-        const char* szRow;
-        bool bBatch;
-        std::u16string sFolder;
-        std::u16string sName;
-        uint32_t ulResult;
-    } aRows[] = {
+    const struct { const char* szRow; bool bBatch; std::u16string sFolder; std::u16string sName; uint32_t ulResult;
+                   } aRows[] = {
         {"a full path of 259 characters", false, sTmp, PaddedName(sTmp, 259), 0},
         {"a full path of 260 characters", false, sTmp, PaddedName(sTmp, 260), zvResultCannotOpen},
         {"a full path of 261 characters", false, sTmp, PaddedName(sTmp, 261), zvResultCannotOpen},

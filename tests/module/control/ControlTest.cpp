@@ -9,13 +9,9 @@
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
 const QB_UserID kAlice(10001, 0);  // the creator
 const QB_UserID kBob(10002, 0);    // a downloader: commands on 100020, data on 100024
 const QB_UserID kSelf(1, 0);       // this server
-
-using Pdu = ZV_Pdu;
 
 struct LinkedHost : public ZV_RecordingHost
 {
@@ -37,10 +33,7 @@ struct ControlFixture : public ::testing::Test
         host.m_bServer = bServer;
         host.m_bHasServerLinks = bServer;
         env.SetTick(50000);
-        ZV_FileBriefInfo brief;
-        brief.SetCreatorID(kAlice);
-        brief.SetFileLenth(1000000);
-        brief.SetPublic(true);
+        ZV_FileBriefInfo brief = ZV_Brief(kAlice, nullptr, 1000000);
         brief.SetFileState(zvFileStateUploading);
         lpSession = &ZV_AdoptFile(mgr, 5, "C:\\Store\\", brief, "song.ogg");
     }
@@ -267,8 +260,6 @@ TEST_F(Control, ClientTakesHowMuchOfAnUploadItsServerHolds)
     }
 }
 
-// A client with nothing running is no longer busy with a file once its
-// last transfer lies a stall's wait behind it, to the millisecond.
 TEST_F(Control, ClientIsNoLongerBusyWithAFileAStallAfterItsLastTransfer)
 {
     Make(false);

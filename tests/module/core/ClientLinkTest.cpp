@@ -13,12 +13,8 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <string>
 
 namespace {
-
-using Bytes = std::vector<uint8_t>;
-using Pdu = ZV_Pdu;
 
 const QB_UserID kAlice(10001, 0);    // shares secret.txt, 10 bytes, for Bob only; 4 have arrived
 const QB_UserID kBob(10002, 0);      // has asked for it

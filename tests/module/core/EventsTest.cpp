@@ -5,13 +5,10 @@
 #include "rights/ZV_RightsPdu.h"
 
 #include <cmath>
-#include <cstring>
 #include <limits>
 #include <tuple>
 
 namespace {
-
-using Bytes = std::vector<uint8_t>;
 
 Bytes Cat(std::initializer_list<Bytes> parts)
 {

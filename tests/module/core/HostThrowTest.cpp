@@ -43,12 +43,7 @@ TEST(HostThrow, EachEntryThatCatchesAThrowItselfLogsItsOwnLineAndEachUserCallGiv
             ulCalled = fnCall(mgr);
         };
     };
-    const struct
-    {
-        const char* szLine;
-        bool bServer;
-        Run fnRun;
-    } aEntries[] = {
+    const struct { const char* szLine; bool bServer; Run fnRun; } aEntries[] = {
         {"HandleGetUploadSessionListRequest", true, Pdu(PDU_CONF_GET_UPLOAD_SESSION_LIST_REQUEST, zvConfClientTypeCommand)},
         {"HandleGetUploadSessionListResponse", false, Pdu(PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE, zvConfClientTypeCommand)},
         {"HandleGetDownloadSessionListRequest", true, Pdu(PDU_CONF_GET_DOWNLOAD_SESSION_LIST_REQUEST, zvConfClientTypeCommand)},

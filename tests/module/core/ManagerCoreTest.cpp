@@ -9,10 +9,6 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
-#include <set>
-#include <string>
-
 namespace {
 
 struct ManagerFixture : public ::testing::Test
@@ -48,13 +44,7 @@ TEST_F(ManagerRouting, HandsAPduToTheSessionItsFirstWordNamesAndAnswersFiveForNu
 {
     auto* lpProbe = new ZV_ProbeSession(&mgr, "");
     ZV_FileShareMgrPeer::Sessions(mgr).SetAt(0x0102, lpProbe);
-    const struct
-    {
-        const char* szName;
-        uint16_t usPdu;
-        std::vector<uint8_t> data;
-        uint32_t ulResult;
-    } aCases[] = {
+    const struct { const char* szName; uint16_t usPdu; std::vector<uint8_t> data; uint32_t ulResult; } aCases[] = {
         {"to the session", PDU_CONF_FS_DOWNLOAD_REQUEST, {0x02, 0x01, 0xAA}, 0},
         {"unknown FileID", PDU_CONF_FS_DOWNLOAD_REQUEST, {8, 0, 1, 2}, 0},
         {"no FileID", PDU_CONF_FS_DOWNLOAD_REQUEST, {}, 5},
@@ -75,12 +65,8 @@ TEST_F(ManagerRouting, HandsAPduToTheSessionItsFirstWordNamesAndAnswersFiveForNu
 
 TEST(FileIDAllocation, GivesFreeIDsOfTheRangeFromTheNextOneOnWrappingOnceThenNoneOnceTheMapHoldsAsManyAsTheRange)
 {
-    const struct
-    {
-        const char* szName;
-        uint16_t usMin, usMax, usNext;
-        std::vector<uint16_t> vecTaken, vecExpected;
-    } aCases[] = {
+    const struct { const char* szName; uint16_t usMin, usMax, usNext; std::vector<uint16_t> vecTaken, vecExpected;
+                   } aCases[] = {
         {"a single ID", 42, 42, 42, {}, {42, 0xFFFF}},
         {"wraps and skips taken IDs", 10, 14, 15, {10, 12}, {11, 13, 14, 0xFFFF}},
         // The next ID as constructed, before the range is known, and IDs
@@ -173,15 +159,8 @@ using Session = ManagerFixture;
 TEST_F(Session, ShowsAFileToTheCreatorToListedUsersToEveryoneIfPublicAndToThePrivileged)
 {
     const QB_UserID other(10002, 0);
-    struct
-    {
-        const char* szName;
-        bool bPublic;
-        bool bListed;
-        bool bCreator;
-        uint16_t usRole;
-        bool bVisible;
-    } aCases[] = {
+    struct { const char* szName; bool bPublic; bool bListed; bool bCreator; uint16_t usRole; bool bVisible;
+             } aCases[] = {
         {"nobody's file", false, false, false, 0, false}, {"public", true, false, false, 0, true},
         {"on the list", false, true, false, 0, true},     {"creator", false, false, true, 0, true},
         {"privileged", false, false, false, 1, true},     {"other role", false, false, false, 2, false},
@@ -230,8 +209,6 @@ TEST(Exports, MakeAManagerOnlyForTheExactInterfaceNameAndHandItsUserSideForTypeF
     EXPECT_EQ(nBefore, g_listFileShareMgr.GetCount());
 }
 
-// Every code the module gives has words of its own; anything else gets the
-// one text for a code it does not name.
 TEST(ResultText, SaysEveryCodeOfTheModuleInWordsOfItsOwn)
 {
     const uint32_t aulCodes[] = {0, 1, 5, 6, 16, 32, 33, 40, 56, 60, 61, 62, 82, 83, 88, 90};

@@ -11,13 +11,10 @@
 #include "QB_FaultEnv.h"
 
 #include <filesystem>
-#include <string>
 
 namespace fs = std::filesystem;
 
 namespace {
-
-using Bytes = std::vector<uint8_t>;
 
 const QB_UserID kAlice(10001, 0);
 const QB_UserID kBob(10002, 0);

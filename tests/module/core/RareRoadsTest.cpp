@@ -1,23 +1,14 @@
 // Roads that only a throw, a failing disk or an odd answer of the host
 // takes: each ends with its own result code or log line, never a crash.
-#include "core/ZV_FileShareMgr.h"
-#include "add/ZV_AddPdu.h"
-#include "core/ZV_FileShareSession.h"
 #include "lists/ZV_ListPdu.h"
 #include "records/ZV_FileCatalog.h"
-#include "ZV_FileShareMgrPeer.h"
-#include "ZV_FileShareSessionPeer.h"
-#include "ZV_PayloadCheck.h"
 #include "ZV_RecordingNode.h"
 #include "wire/ZV_PduFrame.h"
 
 #include "QB_FaultEnv.h"
 
-#include <gtest/gtest.h>
-
 #include <cstdio>
 #include <filesystem>
-#include <functional>
 #include <stdexcept>
 
 namespace {
@@ -61,13 +52,9 @@ ZV_FileShareSession& AddOwnFile(Node& node, uint16_t usFileID, uint16_t usState,
     ZV_FileShareSession* lpFsSession = bThrowing ? new ZV_ThrowingSession(&node.mgr, node.tmp.Path().c_str())
                                                  : new ZV_FileShareSession(&node.mgr, node.tmp.Path().c_str());
     ZV_FileShareMgrPeer::Sessions(node.mgr).SetAt(usFileID, lpFsSession);
-    ZV_FileBriefInfo brief;
-    brief.SetCreatorID(node.host.m_LocalUser);
-    brief.SetFileOldName(QB_StringU8("own.bin"));
+    ZV_FileBriefInfo brief = ZV_Brief(node.host.m_LocalUser, "own.bin", 5000);
     brief.SetFilePath(QB_StringU8(QB_ToWindowsPath(node.tmp.Path() + "/")));
-    brief.SetFileLenth(5000);
     brief.SetFileState(usState);
-    brief.SetPublic(true);
     Peer::FileID(*lpFsSession) = usFileID;
     Peer::FileInfo(*lpFsSession).SetFileID(usFileID);
     Peer::FileInfo(*lpFsSession).SetBriefInfo(brief);
@@ -83,13 +70,7 @@ TEST(RareRoads, ThrowsUnderHostCallsAreLoggedAndTheWalkGoesOn)
 {
     const QB_UserID peer(20002, 0);
     ConfPduData sent{20002, 0, 12, 0, zvConfClientTypeData, PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, 0, 0, 0, 0, nullptr};
-    const struct
-    {
-        const char* szLine;
-        bool bServer;
-        size_t nLines;
-        std::function<uint32_t(Node&)> fnRun;
-    } aRows[] = {
+    const struct { const char* szLine; bool bServer; size_t nLines; std::function<uint32_t(Node&)> fnRun; } aRows[] = {
         {"ZV_FileShareMgr::OnDisconnect exception.", true, 2,
          [&](Node& node) { return node.mgr.OnDisconnect(&peer, 900, zvConfServerTypeCommand, 0); }},
         {"ZV_FileShareMgr::OnSend.OnSend exception.", true, 2, [&](Node& node) { return node.mgr.OnSend(&sent); }},
@@ -125,12 +106,7 @@ TEST(RareRoads, RareCasesGiveTheirOwnCodes)
     ZV_NoFolderEnv env;
     QB_ScopedEnv scoped(&env);
     const char16_t* apszNames[] = {u"own.bin"};
-    const struct
-    {
-        const char* szName;
-        uint32_t ulExpected;
-        std::function<uint32_t()> fnRun;
-    } aRows[] = {
+    const struct { const char* szName; uint32_t ulExpected; std::function<uint32_t()> fnRun; } aRows[] = {
         {"file information into no record", zvResultException,
          [&] { return node.mgr.FsGetFileInfoByFileID(3, nullptr); }},
         {"a session handed a manager's number", zvResultNoHandler,
@@ -195,13 +171,7 @@ TEST(RareRoads, RareCasesGiveTheirOwnCodes)
 // failure in the download's state event.
 TEST(RareRoads, AListedDownloadThatCannotBeMeasuredOrEmptiedReportsWhy)
 {
-    const struct
-    {
-        const char* szName;
-        bool bModify;
-        int64_t llOnDisk;
-        uint32_t ulExpected;
-    } aRows[] = {
+    const struct { const char* szName; bool bModify; int64_t llOnDisk; uint32_t ulExpected; } aRows[] = {
         {"another file under the FileID, the old bytes cannot be cut", true, 1200, zvResultCannotAccess},
         {"a partial file of 2 GiB", false, 0x80000000LL, zvResultCannotOpen},
     };

@@ -7,11 +7,8 @@
 #include "QB_FaultEnv.h"
 
 #include <filesystem>
-#include <map>
 
 namespace {
-
-using Bytes = std::vector<uint8_t>;
 
 const QB_UserID kAlice(10001, 0);  // the creator
 const QB_UserID kBob(10002, 0);    // the downloader: commands on 100020, data on 100024
@@ -52,8 +49,6 @@ public:
     }
 };
 
-using Pdu = ZV_Pdu;
-
 Pdu Block(uint32_t ulPos, const Bytes& data, uint32_t ulMaxPos = 98305, uint32_t ulResult = 0)
 {
     return Pdu().U16(5).U32(ulResult).U16(5).User(kBob).U32(ulPos).U32((uint32_t)data.size()).Data(data).U32(ulMaxPos);
@@ -80,12 +75,8 @@ struct DownloadFixture : public ::testing::Test
     // A stored "song.ogg" of 98305 bytes by Alice, of which ulWritePos have come.
     ZV_FileShareSession& AddStoredFile(uint32_t ulWritePos, bool bPublic = true)
     {
-        ZV_FileBriefInfo brief;
-        brief.SetCreatorID(kAlice);
-        brief.SetFileOldName(QB_StringU8("song.ogg"));
+        ZV_FileBriefInfo brief = ZV_Brief(kAlice, "song.ogg", 98305, bPublic);
         brief.SetFileType(QB_StringU8("ogg"));
-        brief.SetFileLenth(98305);
-        brief.SetPublic(bPublic);
         ZV_FileShareSession& session = AddSession(brief);
         ZV_FileShareSessionPeer::FileInfo(session).SetFileWritePos(ulWritePos);
         ZV_FileShareSessionPeer::MaxPos(session) = ulWritePos;
@@ -241,6 +232,9 @@ TEST_F(Download, PushesThreeBlocksPerCallRestsAtTheWritePositionAndGoesOnWhenWok
     ZV_FileShareSessionPeer::FileInfo(session).m_BriefInfo.m_bPublic = false;
     OnSend();
     EXPECT_EQ(4u, host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE).size());
+    ZV_FileShareSessionPeer::FileInfo(session).m_BriefInfo.m_bPublic = true;
+    OnSend();
+    EXPECT_EQ(7u, host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE).size()) << "three blocks of the whole file";
 
     // A data request that says the download is stopped leaves it stopped.
     ZV_FileDownloadInfo stopped;
@@ -429,6 +423,12 @@ TEST_F(ClientDownload, AfterItsDataLinkCameBackItAsksForItsPositionOnceAlsoAcros
 
 TEST_F(ClientDownload, RefusesABadBlockUnwrittenStopsTheDownloadAndIgnoresTheRest)
 {
+    struct Home
+    {
+        explicit Home(const std::string& sPath) { QB_SetEnvironmentVariable("ROOMCRATE_HOME", sPath.c_str()); }
+        ~Home() { QB_SetEnvironmentVariable("ROOMCRATE_HOME", nullptr); }
+    } home(tmp.Path());
+    std::filesystem::create_directories(tmp.Sub("log"));
     Bytes truncated = Block(0, ZV_TestBytes(50, 4)).b;
     truncated.resize(30);
     struct { const char* szName; Bytes block; bool bFailWrite; } aCases[] = {
@@ -454,9 +454,12 @@ TEST_F(ClientDownload, RefusesABadBlockUnwrittenStopsTheDownloadAndIgnoresTheRes
         EXPECT_EQ(11u, vecStop[0].ulConn);
         EXPECT_EQ(Pdu().U16(5).User(kBob).U32(0).U8(1).b, vecStop[0].data);
     }
+    EXPECT_EQ(std::size(aCases), QB_CountInFiles(tmp.Sub("log"), "HandleDownloadDataResponse...ulResult=61.\r\n"));
 }
 
-TEST_F(Download, RelayWritesIntoItsOwnStoreWhateverPathTheRecordNames)
+// A stored name that would lead out of the store folder opens nothing and
+// asks for no blocks.
+TEST_F(Download, RelayWritesIntoItsOwnStoreWhateverPathTheRecordNamesAndNeverOutsideIt)
 {
     ZV_FileShareSession& session = AddStoredFile(0);
     ZV_FileShareSessionPeer::ServerFile(session).Close();
@@ -464,13 +467,18 @@ TEST_F(Download, RelayWritesIntoItsOwnStoreWhateverPathTheRecordNames)
     // The upstream's record names another folder and a length of its own.
     ZV_FileDownloadInfo record = Target(QB_StringW(u"C:\\elsewhere"), 4096);
     record.SetUserID(self);
+    ZV_FileShareSessionPeer::FileInfo(session).SetFileNewName(QB_StringU8("..\\song.ogg"));
+    Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, Answer(record, 0, self), zvConfServerTypeCommand, 20, upstream);
+    EXPECT_TRUE(host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST).empty());
+    EXPECT_FALSE(std::filesystem::exists(tmp.Sub("song.ogg")));
+
+    ZV_FileShareSessionPeer::FileInfo(session).SetFileNewName(QB_StringU8("song.ogg"));
     Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, Answer(record, 0, self), zvConfServerTypeCommand, 20, upstream);
     const auto vecAsks = host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST);
     ASSERT_EQ(1u, vecAsks.size());
     const ZV_FileDownloadInfo asked = RecordOf(vecAsks[0].data);
     EXPECT_EQ(98305u, asked.m_ulFileLenth);
     EXPECT_EQ(QB_StringW(QB_ToWindowsPath(tmp.Sub("7/song.ogg"))), QB_StringW(asked.m_sFilePath + asked.m_sFileName));
-
     const Bytes data = ZV_TestBytes(98305, 5);
     for (uint32_t ulPos : {0u, 32768u, 65536u, 98304u})
     {
@@ -535,22 +543,6 @@ TEST_F(Download, ALinkedServersRecordOfAnotherFileUnderTheFileIDMovesNothing)
     }
 }
 
-// A stored name that would lead out of the store folder opens nothing, and
-// the relay asks for no blocks.
-TEST_F(Download, RelayWhoseStoredNameLeavesItsFolderAsksForNothing)
-{
-    ZV_FileShareSession& session = AddStoredFile(0);
-    ZV_FileShareSessionPeer::ServerFile(session).Close();
-    ZV_FileShareSessionPeer::FileInfo(session).SetFileNewName(QB_StringU8("..\\song.ogg"));
-    const QB_UserID self(1, 0), upstream(2, 0);
-    ZV_FileDownloadInfo record = Target(QB_StringW(u"C:\\elsewhere"), 98305);
-    record.SetUserID(self);
-    Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, Answer(record, 0, self), zvConfServerTypeCommand, 20, upstream);
-    EXPECT_TRUE(host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST).empty());
-    EXPECT_FALSE(std::filesystem::exists(tmp.Sub("song.ogg")));
-}
-
-// The target path goes in UTF-8, on the command link.
 TEST_F(Download, FsDownloadAsksTheServerOnTheCommandLink)
 {
     host.m_bServer = false;

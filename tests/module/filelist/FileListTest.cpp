@@ -9,11 +9,8 @@
 
 #include <filesystem>
 #include <initializer_list>
-#include <string>
 
 namespace {
-
-using Bytes = std::vector<uint8_t>;
 
 const QB_UserID kSelf(1, 0);
 const QB_UserID kPeer(2, 0);
@@ -22,12 +19,8 @@ const QB_UserID kBob(20002, 0);
 ZV_FileUploadInfo PeerFile(uint16_t usFileID, const char* pszName, uint32_t ulLength, uint32_t ulWritePos,
                            uint16_t usState)
 {
-    ZV_FileBriefInfo brief;
-    brief.SetCreatorID(QB_UserID(20001, 0));
-    brief.SetFileOldName(QB_StringU8(pszName));
-    brief.SetFileLenth(ulLength);
+    ZV_FileBriefInfo brief = ZV_Brief(QB_UserID(20001, 0), pszName, ulLength);
     brief.SetFileState(usState);
-    brief.SetPublic(true);
     ZV_FileUploadInfo info;
     info.SetFileID(usFileID);
     info.SetFileNewName(QB_StringU8(pszName));
@@ -54,7 +47,7 @@ struct FileList : ::testing::Test
             EXPECT_LE(sent.data.size(), (size_t)QB_PDU_BUFFER_SIZE);
             // Nothing in a piece that its reader would drop, such as the
             // states or positions of files another piece carries.
-            EXPECT_EQ(sent.data, ZV_SavePayloadOf(vecParts.back()));
+            EXPECT_EQ(sent.data, ZV_SavePayload(vecParts.back()));
         }
         return vecParts;
     }
@@ -74,15 +67,7 @@ struct FileList : ::testing::Test
     void Take(const ZV_FileListResponse& part)
     {
         node.host.m_vecSent.clear();
-        node.Deliver(PDU_CONF_GET_FILE_LIST_RESPONSE, zvConfServerTypeCommand, ZV_SavePayloadOf(part));
-    }
-    static Bytes ZV_SavePayloadOf(const ZV_FileListResponse& part)
-    {
-        Bytes vb(QB_PDU_BUFFER_SIZE);
-        QB_ByteStream stream(vb.data(), (int32_t)vb.size(), false);
-        part.Save(stream);
-        vb.resize((size_t)stream.GetPos());
-        return vb;
+        node.Deliver(PDU_CONF_GET_FILE_LIST_RESPONSE, zvConfServerTypeCommand, ZV_SavePayload(part));
     }
     ZV_FileShareSession* Session(uint16_t usFileID) { return ZV_FileShareMgrPeer::Find(node.mgr, usFileID); }
 };

@@ -12,11 +12,9 @@
 #include <algorithm>
 #include <array>
 #include <filesystem>
-#include <string>
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
 using Peer = ZV_FileShareSessionPeer;
 
 const QB_UserID kAnn(20001, 0);   // creates every file
@@ -35,13 +33,9 @@ ZV_FileBriefInfo Brief(bool bPublic, const QB_UserID* lpRight = nullptr)
     QB_Array<QB_UserID> arrRight;
     if (lpRight != nullptr)
         arrRight.Add(*lpRight);
-    ZV_FileBriefInfo brief;
-    brief.SetCreatorID(kAnn);
-    brief.SetFileOldName(QB_StringU8("f.bin"));
-    brief.SetFileLenth(5000);
+    ZV_FileBriefInfo brief = ZV_Brief(kAnn, "f.bin", 5000, bPublic);
     brief.SetFileState(zvFileStateComplete);
     brief.SetShareTime(SharedOn(20));
-    brief.SetPublic(bPublic);
     brief.SetRight(arrRight);
     return brief;
 }
@@ -75,6 +69,13 @@ struct SessionLists : ::testing::Test
     {
         return ZV_AdoptFile(node.mgr, usFileID, node.tmp.Path().c_str(), brief,
                             std::string((size_t)nNameBytes, 'n').c_str());
+    }
+    // A started client's download folder "dl", made, as the records name it.
+    static std::string ClientWithFolder(ZV_RecordingNode& node)
+    {
+        EXPECT_EQ(0u, node.mgr.Initialize());
+        std::filesystem::create_directories(node.tmp.Sub("dl"));
+        return QB_StringU8(QB_ToWindowsPath(node.tmp.Sub("dl/"))).GetString();
     }
     static ZV_FileDownloadInfo Held(ZV_FileShareSession& session, const QB_UserID& user)
     {
@@ -135,66 +136,51 @@ public:
 
 } // namespace
 
-// Files whose entries, as counted, fill the buffer to the byte go in one
-// last piece; one file more makes two pieces, the second holding one entry.
-TEST_F(SessionLists, AnUploadListThatFillsTheBufferIsOnePieceAndOneFileMoreIsTwo)
+// Entries that, as counted, fill the buffer to the byte go in one last
+// piece; one more makes two, the second holding one entry.
+TEST_F(SessionLists, AListThatFillsTheBufferIsOnePieceAndOneEntryMoreIsTwo)
 {
-    ZV_RecordingNode node(true);
-    ZV_FileUploadInfo probe;
-    probe.SetFileID(1);
-    probe.SetBriefInfo(Brief(true));
-    const std::vector<int> vecName = ZV_NamesThatFill(ZV_UploadListResponse::kHeadSize, [&](int n) {
-        probe.SetFileNewName(QB_StringU8(std::string((size_t)n, 'n').c_str()));
-        return ZV_UploadListEntrySize(probe);
-    });
-    for (size_t i = 0; i < vecName.size(); ++i)
-        AddFile(node, (uint16_t)(i + 1), Brief(true), vecName[i]);
-    const Bytes vbAsk = ZV_Pdu().U16(3).User(kBob).b;
-    Deliver(node, PDU_CONF_GET_UPLOAD_SESSION_LIST_REQUEST, vbAsk, kBob);
-    const auto vecSent = node.host.SentOf(PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE);
-    ASSERT_EQ(1u, vecSent.size());
-    EXPECT_LE(vecSent[0].data.size(), (size_t)QB_PDU_BUFFER_SIZE);
-    EXPECT_EQ(1, vecSent[0].data.back()) << "bLast";
-
-    node.host.m_vecSent.clear();
-    AddFile(node, 900, Brief(true), 1);
-    Deliver(node, PDU_CONF_GET_UPLOAD_SESSION_LIST_REQUEST, vbAsk, kBob);
-    const auto vecParts = Pieces<ZV_UploadListResponse>(node, PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE);
-    ASSERT_EQ(2u, vecParts.size());
-    EXPECT_EQ(0, vecParts[0].bLast);
-    EXPECT_EQ(1, vecParts[1].bLast);
-    EXPECT_EQ((int)vecName.size(), vecParts[0].arrInfo.GetSize());
-    EXPECT_EQ(1, vecParts[1].arrInfo.GetSize());
-}
-
-// The same for a user's download records, asked for by the user.
-TEST_F(SessionLists, ADownloadListThatFillsTheBufferIsOnePieceAndOneRecordMoreIsTwo)
-{
-    ZV_RecordingNode node(true);
-    const std::vector<int> vecName = ZV_NamesThatFill(ZV_DownloadListResponse::kHeadSize, [&](int n) {
-        return ZV_DownloadListEntrySize(Record(1, "C:\\dl\\", std::string((size_t)n, 'n'), zvDownloadStateRunning));
-    });
-    for (size_t i = 0; i < vecName.size(); ++i)
+    for (bool bUploads : {true, false})
     {
-        const uint16_t usFileID = (uint16_t)(i + 1);
-        AddFile(node, usFileID, Brief(true))
-            .SetDownloadInfo(kBob, Record(usFileID, "C:\\dl\\", std::string((size_t)vecName[i], 'n'),
-                                          zvDownloadStateRunning));
+        SCOPED_TRACE(bUploads ? "upload list" : "download list");
+        ZV_RecordingNode node(true);
+        auto Named = [](uint16_t usFileID, int n) {
+            return Record(usFileID, "C:\\dl\\", std::string((size_t)n, 'n'), zvDownloadStateRunning);
+        };
+        ZV_FileUploadInfo probe;
+        probe.SetFileID(1);
+        probe.SetBriefInfo(Brief(true));
+        const std::vector<int> vecName = ZV_NamesThatFill(
+            bUploads ? ZV_UploadListResponse::kHeadSize : ZV_DownloadListResponse::kHeadSize, [&](int n) {
+                probe.SetFileNewName(QB_StringU8(std::string((size_t)n, 'n').c_str()));
+                return bUploads ? ZV_UploadListEntrySize(probe) : ZV_DownloadListEntrySize(Named(1, n));
+            });
+        auto Add = [&](uint16_t usFileID, int n) {
+            ZV_FileShareSession& session = AddFile(node, usFileID, Brief(true), bUploads ? n : 5);
+            if (!bUploads)
+                session.SetDownloadInfo(kBob, Named(usFileID, n));
+        };
+        // Per piece: its entries, and its last flag or its count of marks.
+        auto Listed = [&]() {
+            node.host.m_vecSent.clear();
+            std::vector<std::pair<int, int>> vec;
+            Deliver(node, bUploads ? PDU_CONF_GET_UPLOAD_SESSION_LIST_REQUEST : PDU_CONF_GET_DOWNLOAD_SESSION_LIST_REQUEST,
+                    ZV_Pdu().U16(3).User(kBob).b, kBob);
+            if (bUploads)
+                for (const auto& part : Pieces<ZV_UploadListResponse>(node, PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE))
+                    vec.push_back({part.arrInfo.GetSize(), part.bLast});
+            else
+                for (const auto& part : Pieces<ZV_DownloadListResponse>(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE))
+                    vec.push_back({part.arrInfo.GetSize(), part.arrModify.GetSize()});
+            return vec;
+        };
+        for (size_t i = 0; i < vecName.size(); ++i)
+            Add((uint16_t)(i + 1), vecName[i]);
+        const int n = (int)vecName.size();
+        EXPECT_EQ((std::vector<std::pair<int, int>>{{n, bUploads ? 1 : n}}), Listed());
+        Add(900, 1);
+        EXPECT_EQ((std::vector<std::pair<int, int>>{{n, bUploads ? 0 : n}, {1, 1}}), Listed());
     }
-    const Bytes vbAsk = ZV_Pdu().U16(3).User(kBob).b;
-    Deliver(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_REQUEST, vbAsk, kBob);
-    const auto vecSent = node.host.SentOf(PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE);
-    ASSERT_EQ(1u, vecSent.size());
-    EXPECT_LE(vecSent[0].data.size(), (size_t)QB_PDU_BUFFER_SIZE);
-
-    node.host.m_vecSent.clear();
-    AddFile(node, 900, Brief(true)).SetDownloadInfo(kBob, Record(900, "C:\\dl\\", "x", zvDownloadStateRunning));
-    Deliver(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_REQUEST, vbAsk, kBob);
-    const auto vecParts = Pieces<ZV_DownloadListResponse>(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE);
-    ASSERT_EQ(2u, vecParts.size());
-    EXPECT_EQ((int)vecName.size(), vecParts[0].arrInfo.GetSize());
-    EXPECT_EQ(1, vecParts[1].arrInfo.GetSize());
-    EXPECT_EQ(1, vecParts[1].arrModify.GetSize());
 }
 
 // Listing a record rests it; a record of a file shared anew under its
@@ -259,18 +245,11 @@ TEST_F(SessionLists, AServerRestsRenewsOrWithdrawsEachRecordItLists)
 TEST_F(SessionLists, AClientGivesUpAListedDownloadWhoseRightIsGone)
 {
     ZV_RecordingNode node(false);
-    ASSERT_EQ(0u, node.mgr.Initialize());
-    const std::string sFolder = QB_StringU8(QB_ToWindowsPath(node.tmp.Sub("dl/"))).GetString();
-    std::filesystem::create_directories(node.tmp.Sub("dl"));
+    const std::string sFolder = ClientWithFolder(node);
     ZV_DownloadListResponse list;
     list.user = node.host.m_LocalUser;
-    const struct
-    {
-        uint16_t usFileID;
-        bool bAllowed;
-        uint16_t usState;
-        const char* pszName;
-    } aFiles[] = {{5, false, zvDownloadStateRunning, "partial.bin"},
+    const struct { uint16_t usFileID; bool bAllowed; uint16_t usState; const char* pszName;
+                   } aFiles[] = {{5, false, zvDownloadStateRunning, "partial.bin"},
                   {6, false, zvDownloadStateFinished, "finished.bin"},
                   {7, true, zvDownloadStateRunning, "allowed.bin"}};
     for (const auto& file : aFiles)
@@ -306,15 +285,9 @@ TEST_F(SessionLists, AClientGivesUpAListedDownloadWhoseRightIsGone)
 TEST_F(SessionLists, AClientDropsEveryUnlistedFileKeepingOnlyAFinishedDownload)
 {
     ZV_RecordingNode node(false);
-    ASSERT_EQ(0u, node.mgr.Initialize());
-    const std::string sFolder = QB_StringU8(QB_ToWindowsPath(node.tmp.Sub("dl/"))).GetString();
-    std::filesystem::create_directories(node.tmp.Sub("dl"));
-    const struct
-    {
-        uint16_t usFileID;
-        uint16_t usState;
-        const char* pszName;
-    } aFiles[] = {{5, zvDownloadStateFinished, "finished.bin"}, {6, zvDownloadStateRunning, "partial.bin"}};
+    const std::string sFolder = ClientWithFolder(node);
+    const struct { uint16_t usFileID; uint16_t usState; const char* pszName;
+                   } aFiles[] = {{5, zvDownloadStateFinished, "finished.bin"}, {6, zvDownloadStateRunning, "partial.bin"}};
     for (const auto& file : aFiles)
     {
         ZV_FileShareSession& session = AddFile(node, file.usFileID, Brief(true));
@@ -377,7 +350,8 @@ TEST_F(SessionLists, AClientTellsEachUploadListWithItsOwnFilesAndHowMuchOfEachTh
     EXPECT_EQ((Told{{5, 2500.0}, {6, 10000.0}}), Take({{5, 4000, 1000}, {6, 0, 0}}));
     EXPECT_EQ((Told{{7, 5000.0}}), Take({{7, 4000, 2000}}));
 
-    // A batch told after a list carries its own file alone, in percent.
+    // A batch told after a list carries its own file alone, in percent; a
+    // description without a FileID beside it is told of no file.
     ZV_AddFilesResponse batch;
     batch.user = kAnn;
     batch.arrFileID.Add(8);
@@ -385,12 +359,13 @@ TEST_F(SessionLists, AClientTellsEachUploadListWithItsOwnFilesAndHowMuchOfEachTh
     ZV_FileBriefInfo brief = Brief(true);
     brief.SetFileLenth(4000);
     batch.arrInfo.Add(brief);
+    batch.arrInfo.Add(brief);
     EXPECT_EQ((Told{{8, 25.0}}), Deliver3013(PDU_CONF_FS_ADD_FILES_RESPONSE, ZV_SavePayload(batch)));
 }
 
 // A user who enters at this server is sent both lists on the command
 // connection unasked; one homed on another server is its server's to serve.
-TEST_F(SessionLists, AServerPushesBothListsToAUserWhoEntersThereOnly)
+TEST_F(SessionLists, AServerPushesBothListsToAUserWhoEntersThereOnlyAndTakesNoUploadList)
 {
     ZV_RecordingNode node(true);
     ASSERT_EQ(0u, node.mgr.Initialize());
@@ -414,6 +389,21 @@ TEST_F(SessionLists, AServerPushesBothListsToAUserWhoEntersThereOnly)
     EXPECT_EQ(5, vecDownloads[0].arrInfo[0].m_usFileID);
     for (const ZV_SentPdu& sent : node.host.m_vecSent)
         EXPECT_EQ(33u, sent.ulConn) << sent.usPdu;
+
+    // A server's view is its store: an upload list sent to it, even on a
+    // server link, is taken as handled and changes nothing.
+    ZV_UploadListResponse list;
+    list.user = kBob;
+    ZV_FileUploadInfo info;
+    info.SetFileID(7);
+    info.SetBriefInfo(Brief(true));
+    list.arrInfo.Add(info);
+    list.arrMaxPos.Add(0);
+    list.bLast = 1;
+    EXPECT_EQ(0u, ZV_Deliver(node.mgr, PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE, zvConfServerTypeCommand,
+                             ZV_SavePayload(list), 5, QB_UserID(2, 0)));
+    EXPECT_EQ(2, ZV_FileShareMgrPeer::Sessions(node.mgr).GetCount());
+    EXPECT_TRUE(node.host.m_vecEvents.empty());
 }
 
 // A creator who enters while a file's upload is unfinished uploads it again
@@ -493,24 +483,6 @@ TEST_F(SessionLists, ABatchThatFillsTheEventBufferIsOneEventAndOneFileMoreIsTwo)
     EXPECT_EQ(1, vecTold[1].first);
 }
 
-// A server's view is its store: an upload list sent to it is taken as
-// handled and changes nothing.
-TEST_F(SessionLists, AServerTakesNoUploadListFromAnyone)
-{
-    ZV_RecordingNode node(true);
-    ASSERT_EQ(0u, node.mgr.Initialize());
-    ZV_UploadListResponse list;
-    list.user = kBob;
-    ZV_FileUploadInfo info;
-    info.SetFileID(5);
-    info.SetBriefInfo(Brief(true));
-    list.arrInfo.Add(info);
-    list.arrMaxPos.Add(0);
-    EXPECT_EQ(0u, Deliver(node, PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE, ZV_SavePayload(list), kBob));
-    EXPECT_EQ(0, ZV_FileShareMgrPeer::Sessions(node.mgr).GetCount());
-    EXPECT_TRUE(node.host.m_vecEvents.empty());
-}
-
 // A client takes its own downloads in the list as its disk and its stops
 // say: a finished one whose file is whole stays finished, one whose file
 // was moved away is no failure, one that arrived whole while the link was
@@ -519,17 +491,10 @@ TEST_F(SessionLists, AServerTakesNoUploadListFromAnyone)
 TEST_F(SessionLists, AClientTakesItsListedDownloadsAsItsDiskAndItsStopsSay)
 {
     ZV_RecordingNode node(false);
-    ASSERT_EQ(0u, node.mgr.Initialize());
+    const std::string sFolder = ClientWithFolder(node);
     const QB_UserID me = node.host.m_LocalUser;
-    const std::string sFolder = QB_StringU8(QB_ToWindowsPath(node.tmp.Sub("dl/"))).GetString();
-    std::filesystem::create_directories(node.tmp.Sub("dl"));
-    const struct
-    {
-        uint16_t usFileID;
-        uint16_t usHeld;
-        uint16_t usListed;
-        size_t nOnDisk;
-    } aFiles[] = {{5, zvDownloadStateFinished, zvDownloadStateFinished, 5000},
+    const struct { uint16_t usFileID; uint16_t usHeld; uint16_t usListed; size_t nOnDisk;
+                   } aFiles[] = {{5, zvDownloadStateFinished, zvDownloadStateFinished, 5000},
                   {6, zvDownloadStateFinished, zvDownloadStateFinished, 0},
                   {7, zvDownloadStateStopped, zvDownloadStateRunning, 1200},
                   {8, zvDownloadStateRunning, zvDownloadStateRunning, 5000},

@@ -118,6 +118,19 @@ protected:
         m_catalog.OnTimer();
         return Ini();
     }
+    // Rows 1 to 3 of conference 12, saved with a log folder to write to.
+    void SaveFirstThree()
+    {
+        fs::create_directories(m_home.Sub("log"));
+        Opened(m_catalog);
+        for (uint16_t usFileID = 1; usFileID <= 3; ++usFileID)
+            ASSERT_TRUE(m_catalog.SaveFile(12, Record(usFileID)));
+    }
+    void ExpectFirstThree(ZV_FileCatalog& catalog, const char* szCase)
+    {
+        for (uint16_t usOld = 1; usOld <= 3; ++usOld)
+            EXPECT_TRUE(Finds(catalog, 12, usOld)) << szCase << " " << usOld;
+    }
     std::string Stored(const std::string& sName)
     {
         std::string sPath = m_home.Sub("store/" + sName);
@@ -237,10 +250,7 @@ TEST_F(Catalog, AFailedSaveKeepsTheFileWholeSaysSoAndTheNextSaveCarriesTheRow)
         {"journal not opened, beside file not synced", {{QB_EnvOp::Open, 1, false}, {QB_EnvOp::Sync, 1, false}},
          false, false, true},
         {"journal sync and rename fail", {{QB_EnvOp::Sync, 1, false}, {QB_EnvOp::Rename, 1, false}}, false, true, true}};
-    fs::create_directories(m_home.Sub("log"));
-    Opened(m_catalog);
-    for (uint16_t usFileID = 1; usFileID <= 3; ++usFileID)
-        ASSERT_TRUE(m_catalog.SaveFile(12, Record(usFileID)));
+    SaveFirstThree();
     uint16_t usFileID = 100;
     for (const auto& c : aCases)
     {
@@ -252,9 +262,7 @@ TEST_F(Catalog, AFailedSaveKeepsTheFileWholeSaysSoAndTheNextSaveCarriesTheRow)
         m_env.ClearFaults();
         EXPECT_FALSE(fs::exists(Ini() + ".new")) << c.szName;
         ZV_FileCatalog reread;
-        Opened(reread);
-        for (uint16_t usOld = 1; usOld <= 3; ++usOld)
-            EXPECT_TRUE(Finds(reread, 12, usOld)) << c.szName;
+        ExpectFirstThree(Opened(reread), c.szName);
         EXPECT_EQ(c.bFound, Finds(reread, 12, usFileID)) << c.szName;
         EXPECT_EQ(nLogged + c.bLogged, QB_CountInFiles(m_home.Sub("log"), "ZV_FileCatalog::Flush failed.")) << c.szName;
     }
@@ -271,10 +279,7 @@ TEST_F(Catalog, AFailedSaveKeepsTheFileWholeSaysSoAndTheNextSaveCarriesTheRow)
 TEST_F(Catalog, ACatalogueThatCouldNotBeReadIsNeverWrittenOver)
 {
     struct { const char* szName; QB_EnvOp op; } aCases[] = {{"open fails", QB_EnvOp::Open}, {"read fails", QB_EnvOp::Read}};
-    fs::create_directories(m_home.Sub("log"));
-    Opened(m_catalog);
-    for (uint16_t usFileID = 1; usFileID <= 3; ++usFileID)
-        ASSERT_TRUE(m_catalog.SaveFile(12, Record(usFileID)));
+    SaveFirstThree();
     for (const auto& c : aCases)
     {
         const size_t nLogged = QB_CountInFiles(m_home.Sub("log"), "ZV_FileCatalog::Flush failed.");
@@ -286,9 +291,7 @@ TEST_F(Catalog, ACatalogueThatCouldNotBeReadIsNeverWrittenOver)
         EXPECT_FALSE(unread.DeleteFile(12, 1)) << c.szName;
         EXPECT_EQ(nLogged + 2, QB_CountInFiles(m_home.Sub("log"), "ZV_FileCatalog::Flush failed.")) << c.szName;
         ZV_FileCatalog reread;
-        Opened(reread);
-        for (uint16_t usOld = 1; usOld <= 3; ++usOld)
-            EXPECT_TRUE(Finds(reread, 12, usOld)) << c.szName << " " << usOld;
+        ExpectFirstThree(Opened(reread), c.szName);
         EXPECT_FALSE(Finds(reread, 12, 50)) << c.szName;
     }
 }

@@ -210,12 +210,7 @@ TEST(ShareRecords, DescriptionsNameTheSameFileOnlyWhenEveryIdentifyingFieldAgree
     ZV_FileBriefInfo fraction = FullBrief();
     fraction.SetShareTime(Raw(734577, 265080005));
     fraction.SetModifyTime(Raw(734577, 265080007));
-    const struct
-    {
-        const char* pszName;
-        std::function<void(ZV_FileBriefInfo&)> fnChange;
-        bool bSame;
-    } aCases[] = {
+    const struct { const char* pszName; std::function<void(ZV_FileBriefInfo&)> fnChange; bool bSame; } aCases[] = {
         {"a copy", [](ZV_FileBriefInfo&) {}, true},
         {"another state and public flag", [](ZV_FileBriefInfo& b) { b.SetFileState(0), b.SetPublic(false); }, true},
         {"another length", [](ZV_FileBriefInfo& b) { b.SetFileLenth(6); }, false},

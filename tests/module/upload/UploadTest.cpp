@@ -11,12 +11,8 @@
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
 const QB_UserID kAlice(10001, 0);  // the creator: commands on 11, data on 12
 const QB_UserID kBob(10002, 0);
-
-using Pdu = ZV_Pdu;
 
 Bytes Slice(const Bytes& data, size_t nPos, size_t nLen)
 {
@@ -254,7 +250,6 @@ TEST_F(Upload, ServerRefusesABlockItCannotTakeAndTheNextBlockShowsWhatItRemember
 // deleted and the number reused) is no news to this user.
 TEST_F(Upload, AClientTakesAnUploadAnswerOnlyAboutItsUsersOwnFile)
 {
-    const QB_UserID kBob(10002, 0);
     for (const QB_UserID& creator : {kAlice, kBob})
     {
         Make(false, 10);
@@ -280,12 +275,7 @@ TEST_F(Upload, StateNoticeRaisesOneTransferStateEventPerFileAndIgnoresATruncated
 // it on whether its upload runs.
 TEST_F(Upload, TheCreatorsClientKeepsItsOwnRunOrStopAgainstTheServersListAndTellsTheServerOfAStop)
 {
-    struct
-    {
-        const char* pszName;
-        uint16_t usLocal, usServer, usAfter;
-        bool bStopSent;
-    } aCases[] = {
+    struct { const char* pszName; uint16_t usLocal, usServer, usAfter; bool bStopSent; } aCases[] = {
         {"complete here, running there: takes the server's state", 3, 1, 1, false},
         {"failed here, running there: runs again", 4, 1, 1, false},
         {"running here, stopped there: keeps running", 1, 2, 1, false},
