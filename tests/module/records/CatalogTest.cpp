@@ -229,9 +229,17 @@ TEST_F(Catalog, ReadsHandEditedRowsWithoutTrustingThem)
     EXPECT_EQ(QB_DateTimeEx(), b.m_dtModifyTime) << "a half-parsed time is not kept";
     EXPECT_EQ(zvFileStateAdded, b.m_usFileState) << "a row without a state is a file just added";
 
-    QB_WriteWholeFile(Ini(), "[s]\r\nConfID=1\r\nFileID=2\r\n");
+    QB_WriteWholeFile(Ini(), "[s]\r\nConfID=1\r\nFileID=2\r\nRights=9000115 junk 9000216\r\n");
     ZV_FileCatalog bare;
     EXPECT_EQ(0u, Loaded(Opened(bare), 1, 2).m_BriefInfo.m_ulFileLenth) << "a row without a length is empty";
+    QB_Array<ZV_FileUploadInfo> arrFileInfo;
+    QB_Array<QB_StringW> arrSection;
+    bare.LoadConf(1, arrFileInfo, arrSection);
+    ASSERT_EQ(1, arrFileInfo.GetSize());
+    const QB_Array<QB_UserID>& arrRight = arrFileInfo[0].m_BriefInfo.m_arrRight;
+    ASSERT_EQ(2, arrRight.GetSize()) << "a user whose text does not parse is left out";
+    EXPECT_EQ(QB_UserID(90001, 15), arrRight[0]);
+    EXPECT_EQ(QB_UserID(90002, 16), arrRight[1]);
 }
 
 // A save appends to the journal and syncs it; when that fails the whole
