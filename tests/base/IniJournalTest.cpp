@@ -216,6 +216,14 @@ TEST(IniJournal, ReplaysNothingFromTheFirstDamagedOrMissingByteOn)
             size_t nWhole = 0;
             while (nWhole < vecEnds.size() && vecEnds[nWhole] <= nAt)
                 ++nWhole;
+            if (bCut && nWhole == 0)
+            {
+                // Nothing to fold in: the next record goes behind an 8-byte
+                // head that is whole, and the rest is cut first.
+                QB_IniJournal journal(17, 17);
+                ASSERT_TRUE(journal.Open(damaged.SubW("t.ini"), true));
+                EXPECT_EQ(journal.GetJournalBytes(), nAt >= 8 ? 8u : 0u);
+            }
             ASSERT_EQ(QB_ToHex(Restarted(damaged)), QB_ToHex(Reference(kStart, kScript, nWhole)));
         }
     // A record whose checksum holds but whose body does not parse ends the
