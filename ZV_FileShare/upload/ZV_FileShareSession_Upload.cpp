@@ -119,7 +119,16 @@ void ZV_FileShareSession::ApplyUploadAnswer(uint32_t ulResult, uint16_t usFileID
     if (ulResult == zvResultOk && (ulPos > m_BriefInfo.m_ulFileLenth || !m_lpMgr->IsSharedLocalFile(m_BriefInfo)))
         ulResult = zvResultUntrusted;
     if (ulResult == zvResultOk && !m_File.IsOpen())
+    {
         ulResult = m_lpMgr->OpenSharedLocalFile(m_BriefInfo, m_File);
+        // As for a failed read: a server that holds the whole file needs no
+        // byte of the local copy, so an order to send again ends the upload.
+        if (ulResult != zvResultOk && m_ulMaxPos >= m_BriefInfo.m_ulFileLenth)
+        {
+            m_BriefInfo.SetFileState(zvFileStateComplete);
+            return;
+        }
+    }
     if (ulResult != zvResultOk)
     {
         NotifyTransferError(ulResult, usFileID);
