@@ -304,6 +304,7 @@ private:
     // 8052 for all clients: a transfer of usFileID changed state.
     uint32_t SendFileStateNotice(uint16_t usFileID, uint16_t usState, uint8_t bUpload);
     // Creator's client: a local file that cannot be read ends the upload.
+    bool EndIfServerHoldsAll();
     void FailLocalRead();
     void ApplyUploadAnswer(uint32_t ulResult, uint16_t usFileID, uint32_t ulPos);
     // Server side of the upload road.

@@ -78,13 +78,18 @@ void ZV_FileShareSession::WithdrawLocalShare()
 
 // Once the server holds the whole file the local copy no longer matters:
 // the upload is over, however it was started again.
+bool ZV_FileShareSession::EndIfServerHoldsAll()
+{
+    if (m_ulMaxPos < m_BriefInfo.m_ulFileLenth)
+        return false;
+    m_BriefInfo.SetFileState(zvFileStateComplete);
+    return true;
+}
+
 void ZV_FileShareSession::FailLocalRead()
 {
-    if (m_ulMaxPos >= m_BriefInfo.m_ulFileLenth)
-    {
-        m_BriefInfo.SetFileState(zvFileStateComplete);
+    if (EndIfServerHoldsAll())
         return;
-    }
     m_BriefInfo.SetFileState(zvFileStateFailed);
     NotifyTransferError(zvResultCannotAccess, m_usFileID);
     QB_WriteClientLog("ZV_FileShareMgr.OnSend ret = %d \r\n", (int)zvResultCannotAccess);
@@ -123,11 +128,8 @@ void ZV_FileShareSession::ApplyUploadAnswer(uint32_t ulResult, uint16_t usFileID
         ulResult = m_lpMgr->OpenSharedLocalFile(m_BriefInfo, m_File);
         // As for a failed read: a server that holds the whole file needs no
         // byte of the local copy, so an order to send again ends the upload.
-        if (ulResult != zvResultOk && m_ulMaxPos >= m_BriefInfo.m_ulFileLenth)
-        {
-            m_BriefInfo.SetFileState(zvFileStateComplete);
+        if (ulResult != zvResultOk && EndIfServerHoldsAll())
             return;
-        }
     }
     if (ulResult != zvResultOk)
     {
