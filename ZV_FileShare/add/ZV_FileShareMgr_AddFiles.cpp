@@ -8,6 +8,7 @@
 #include "wire/ZV_CutList.h"
 #include "wire/ZV_PduTable.h"
 #include "records/ZV_SharePath.h"
+#include "core/ZV_FsEvents.h"
 #include "core/ZV_Percent.h"
 
 #include "QB_FileEx.h"
@@ -207,7 +208,7 @@ void ZV_FileShareMgr::StoreAddedFiles(ConfPduData* lpCpd, const ZV_AddFilesReque
 
 // One file of an 8056 on the client: its session, and its place in the
 // report if the batch is visible.
-uint32_t ZV_FileShareMgr::ApplyAnnouncedFile(const ZV_AddFilesResponse& answer, int nIndex, bool bVisible)
+void ZV_FileShareMgr::ApplyAnnouncedFile(const ZV_AddFilesResponse& answer, int nIndex, bool bVisible)
 {
     const uint16_t usFileID = answer.arrFileID[nIndex];
     const ZV_FileBriefInfo& brief = answer.arrInfo[nIndex];
@@ -217,16 +218,18 @@ uint32_t ZV_FileShareMgr::ApplyAnnouncedFile(const ZV_AddFilesResponse& answer, 
         NotePendingFile(usFileID, ZV_PercentOfShare(ulPos, brief.m_ulFileLenth, ZV_IfEmpty::Quotient));
     QB_Lock lock(&m_mapSession);
     if (RefreshKnownFile(usFileID, brief, ulPos))
-        return zvResultOk;
+        return;
     auto lpOwned = MakeSession();
     ZV_FileShareSession* lpFsSession = lpOwned.get();
     ReplaceSession(usFileID, std::move(lpOwned));
     // InitCltAddFileInfo catches a throw of the host itself, and says so.
-    const uint32_t ulResult =
-        lpFsSession->InitCltAddFileInfo(m_lpConf, usFileID, ulPos, brief, answer.bStartUpload);
+    const uint32_t ulResult = lpFsSession->InitCltAddFileInfo(m_lpConf, usFileID, ulPos, brief, answer.bStartUpload);
     if (ulResult == zvResultException)
         DropAddedSession(usFileID);
-    return ulResult;
+    // The creator's own copy would not open: the upload it asked for fails,
+    // which the user hears once it has been told of the file.
+    else if (ulResult != zvResultOk && answer.bStartUpload && bVisible)
+        m_vecPendingFailed.push_back({usFileID, ulResult});
 }
 
 // A batch gathered over several PDUs can outgrow the one buffer of an
@@ -249,6 +252,10 @@ void ZV_FileShareMgr::ReportPendingFiles()
         [&](int nFrom, int nTo, bool) {
             NotifyFilesAdded(Slice(arrFileID, nFrom, nTo), Slice(arrInfo, nFrom, nTo), Slice(arrRate, nFrom, nTo));
         });
+    std::vector<std::pair<uint16_t, uint32_t>> vecFailed;
+    vecFailed.swap(m_vecPendingFailed);
+    for (const auto& [usFileID, ulResult] : vecFailed)
+        ZV_RaiseResultEvent(Events(), zvFsEventTransferError, ulResult, usFileID);
 }
 
 void ZV_FileShareMgr::NotePendingFile(uint16_t usFileID, double dRate)
@@ -434,7 +441,6 @@ uint32_t ZV_FileShareMgr::HandleAddFilesResponse(ConfPduData* lpCpd)
     ZV_AddFilesResponse answer;
     answer.Load(stream);
     const ZV_FileShareSession probe(this, m_strPath.GetString());
-    uint32_t ulResult = answer.ulResult;
     for (int i = 0; i < answer.arrFileID.GetSize() && i < answer.arrInfo.GetSize(); ++i)
     {
         const ZV_FileBriefInfo& brief = answer.arrInfo[i];
@@ -447,8 +453,12 @@ uint32_t ZV_FileShareMgr::HandleAddFilesResponse(ConfPduData* lpCpd)
             NotifyFileAdded(zvResultUntrusted, answer.arrFileID[i], brief, 0.0);
             continue;
         }
-        if (ulResult == zvResultOk)
-            ulResult = ApplyAnnouncedFile(answer, i, bVisible);
+        // A refused batch makes no session. In one that was taken, each file
+        // gets its own whatever became of the one before it: a creator's
+        // copy that cannot be opened would otherwise hide every file behind
+        // it in the batch from this user for good.
+        if (answer.ulResult == zvResultOk)
+            ApplyAnnouncedFile(answer, i, bVisible);
         if (bVisible)
             m_arrPendingInfo.Add(brief);
     }

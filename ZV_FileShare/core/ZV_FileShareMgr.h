@@ -352,7 +352,7 @@ private:
     bool AllocBatchFileIDs(ConfPduData* lpCpd, ZV_AddFilesRequest& ask);
     void DropBatch(const QB_Array<uint16_t>& arrFileID, int nMade);
     void StoreAddedFiles(ConfPduData* lpCpd, const ZV_AddFilesRequest& ask, const QB_StringW& sFolder);
-    uint32_t ApplyAnnouncedFile(const ZV_AddFilesResponse& answer, int nIndex, bool bVisible);
+    void ApplyAnnouncedFile(const ZV_AddFilesResponse& answer, int nIndex, bool bVisible);
     void ReportPendingFiles();
     void RestartDownload(ZV_FileShareSession* lpFsSession, const ZV_FileDownloadInfo& download,
                          const QB_UserID& creator, bool bClient, uint32_t ulServerID);
@@ -378,6 +378,9 @@ private:
     QB_Array<uint16_t> m_arrPendingFileID;
     QB_Array<double> m_arrPendingRate;
     QB_Array<ZV_FileBriefInfo> m_arrPendingInfo;
+    // Files of the batch whose upload this client was to start and could
+    // not: FileID and result, told after the batch.
+    std::vector<std::pair<uint16_t, uint32_t>> m_vecPendingFailed;
     QB_Array<uint16_t> m_arrDelFileID;
     // The descriptions of the files deleted here, newest last: a FileID may
     // name another file by now, the description names the one deleted.

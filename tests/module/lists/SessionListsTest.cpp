@@ -361,6 +361,27 @@ TEST_F(SessionLists, AClientTellsEachUploadListWithItsOwnFilesAndHowMuchOfEachTh
     batch.arrInfo.Add(brief);
     batch.arrInfo.Add(brief);
     EXPECT_EQ((Told{{8, 25.0}}), Deliver3013(PDU_CONF_FS_ADD_FILES_RESPONSE, ZV_SavePayload(batch)));
+
+    // A file of the user's own whose copy cannot be opened (it went from
+    // the disk after it was shared) hides none of the files behind it; the
+    // upload asked for it fails, told after the batch.
+    ZV_FileBriefInfo own = brief;
+    own.SetCreatorID(node.host.m_LocalUser);
+    own.SetFilePath(QB_StringU8("C:\\gone\\"));
+    ASSERT_TRUE(ZV_FileShareMgrPeer::Ledger(node.mgr).Remember(node.host.m_ulConfID, own, {5, 9}));
+    ZV_AddFilesResponse mixed;
+    mixed.user = kAnn;
+    mixed.bStartUpload = 1;
+    mixed.arrFileID.Add(9);
+    mixed.arrFileID.Add(10);
+    mixed.arrPos.Add(1000);
+    mixed.arrPos.Add(4000);
+    mixed.arrInfo.Add(own);
+    mixed.arrInfo.Add(brief);
+    EXPECT_EQ((Told{{9, 25.0}, {10, 100.0}}), Deliver3013(PDU_CONF_FS_ADD_FILES_RESPONSE, ZV_SavePayload(mixed)));
+    EXPECT_NE(nullptr, ZV_FileShareMgrPeer::Find(node.mgr, 10));
+    ASSERT_FALSE(node.host.m_vecEvents.empty());
+    EXPECT_EQ(ZV_FromHex("b9 0b 3c 00 00 00 09 00"), node.host.m_vecEvents.back().data);
 }
 
 // A user who enters at this server is sent both lists on the command
