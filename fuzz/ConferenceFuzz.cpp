@@ -41,6 +41,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pData, size_t nSize)
     options.nSteps = in.Range(1, 40);
     options.bSmallFileIDs = in.Bool();
     options.sRoot = folder.string();
+    // To replay a failing input with every PDU of the run in the report.
+    options.bWholeJournal = std::getenv("ROOMCRATE_WHOLE_JOURNAL") != nullptr;
     options.fnDraw = [&in](uint32_t ulBelow) { return in.Range<uint32_t>(0, ulBelow - 1); };
     const ZV_RandomReport report = ZV_RandomScenario(options).Run();
     FUZZ_CHECK(report.Passed(), "\n%s", report.Describe().c_str());

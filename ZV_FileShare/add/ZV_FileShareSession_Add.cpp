@@ -230,9 +230,7 @@ bool ZV_FileShareSession::InitSrvAddFileInfo(QB_StringW& sPath, IZV_ConfHost* lp
     m_FileInfo.SetBriefInfo(brief);
     m_FileInfo.SetFileWritePos(0);
     m_FileInfo.SetFileNewName(sDst);
-    QB_FileEx file;
-    if (file.Open(sFolder + sDst, QB_FILE_READWRITE | QB_FILE_OPEN_ALWAYS))
-        file.Close();
+    MakeEmptyStore();
     m_bStopUpload = brief.m_usFileState == zvFileStateStopped;
     sPath = sFolder + sDst;
     return SaveToCatalog();
@@ -293,4 +291,14 @@ void ZV_FileShareSession::ApplyAnnouncedAgain(const ZV_FileBriefInfo& brief, uin
     if (IsLocalCreator())
         m_BriefInfo.SetFileState(usState);
     RaiseMaxPos(ulPos);
+}
+
+// Until bytes arrive the empty file is what holds the name: without it a
+// later add of the same name takes it too, and a restart drops the row as
+// one whose file is gone.
+bool ZV_FileShareSession::MakeEmptyStore()
+{
+    QB_FileEx stored;
+    m_bStoreMissing = !stored.Open(GetStoredPath(m_FileInfo.m_sFileNewName), QB_FILE_READWRITE | QB_FILE_OPEN_ALWAYS);
+    return !m_bStoreMissing;
 }

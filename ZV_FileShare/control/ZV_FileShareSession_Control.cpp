@@ -333,6 +333,8 @@ void ZV_FileShareSession::OnServerTimer()
 {
     if (m_bCatalogDirty)
         SaveToCatalog();
+    if (m_bStoreMissing && MakeDirs(GetConfDir()))
+        MakeEmptyStore();
     ZV_FileBriefInfo& brief = m_FileInfo.m_BriefInfo;
     if (brief.m_usFileState == zvFileStateComplete)
         return;

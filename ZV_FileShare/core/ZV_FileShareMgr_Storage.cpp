@@ -135,10 +135,9 @@ void ZV_FileShareMgr::RestoreStoredFiles()
         std::unique_ptr<ZV_FileShareSession> lpNew = MakeSession();
         if (!lpNew->RestoreStoredFile(arrRow[i]))
         {
-            const QB_StringA sName(arrRow[i].m_sFileNewName);
-            const QB_StringW sPath = lpNew->GetConfDir() + QB_StringW(sName);
+            const QB_StringW sPath = lpNew->GetStoredPath(arrRow[i].m_sFileNewName);
             const std::u16string sStd(sPath.GetString(), (size_t)sPath.GetLength());
-            if (!ZV_FileCatalog::IsPlainFileName(sName) || QB_GetEnv()->GetFileAttributes(sStd) == QB_ATTR_INVALID)
+            if (sPath.IsEmpty() || QB_GetEnv()->GetFileAttributes(sStd) == QB_ATTR_INVALID)
                 m_Catalog.DeleteFile(usConfID, usFileID);
             continue;
         }
@@ -162,15 +161,13 @@ void ZV_FileShareMgr::RemoveStoredFile(uint16_t usFileID, ZV_FileShareSession* l
     lpFsSession->SetUploadStopped(true);
     if (m_lpConf->GetClientCount() > 0)
         SendDelUploadResponse(zvConnNone, usFileID, zvResultOk, usFileID, lpUser, ulFloodSeq, true);
-    const QB_StringW sPath = lpFsSession->GetConfDir() + QB_StringW(lpFsSession->FileInfo().m_sFileNewName);
-    const bool bPlain = ZV_FileCatalog::IsPlainFileName(QB_StringA(lpFsSession->FileInfo().m_sFileNewName));
+    const QB_StringW sPath = lpFsSession->GetStoredPath(lpFsSession->FileInfo().m_sFileNewName);
     const QB_StringW sFolder = lpFsSession->GetConfDir();
     DetachSession(usFileID);
-    // A session without a stored name would name the folder itself.
     // Tried once: a stored file that stays is no row's and goes to no one.
     // The folder is synced before the row goes: otherwise a crash could
     // keep the file and lose the row, and the file would stay for good.
-    if (bPlain && QB_FileEx::Delete(sPath))
+    if (QB_FileEx::Delete(sPath))
         QB_GetEnv()->FlushFolder(std::u16string(sFolder.GetString(), (size_t)sFolder.GetLength()));
     m_Catalog.DeleteFile((uint16_t)m_lpConf->GetConfID(), usFileID);
 }
@@ -199,12 +196,9 @@ uint32_t ZV_FileShareMgr::CleanData()
             const std::unique_ptr<ZV_FileShareSession> lpGone = DetachSession(arrFileID[i]);
             if (!lpGone)
                 continue;
-            const QB_StringU8 sName = lpGone->FileInfo().m_sFileNewName;
-            const QB_StringW sPath = lpGone->GetConfDir() + QB_StringW(sName);
             lpGone->CloseStoredFiles();
             // Tried once: a stored file that stays is no row's and goes to no one.
-            if (ZV_FileCatalog::IsPlainFileName(QB_StringA(sName)))
-                QB_FileEx::Delete(sPath);
+            QB_FileEx::Delete(lpGone->GetStoredPath(lpGone->FileInfo().m_sFileNewName));
         }
         m_Catalog.DeleteConf(m_lpConf->GetConfID());
     }

@@ -100,6 +100,17 @@ QB_StringW ZV_FileShareSession::GetConfDir() const
     return sWide.Left(ZV_MAX_SHARE_PATH + 1);
 }
 
+// A server whose configuration could not be read has no storage folder, and
+// then no stored files: a bare name would be a path in the process's working
+// folder, where nothing of the conference belongs.
+QB_StringW ZV_FileShareSession::GetStoredPath(const QB_StringU8& sName) const
+{
+    const QB_StringW sFolder = GetConfDir();
+    if (sFolder.IsEmpty() || !ZV_FileCatalog::IsPlainFileName(QB_StringA(sName)))
+        return QB_StringW();
+    return sFolder + QB_StringW(sName);
+}
+
 bool ZV_FileShareSession::IsFileVisible(const ZV_FileBriefInfo& brief) const
 {
     IZV_ConfHost* lpConf = Conf();
@@ -155,7 +166,7 @@ void ZV_FileShareSession::UndoAdd()
 {
     if (m_FileInfo.m_sFileNewName.IsEmpty() || !Conf()->IsServerMode())
         return;
-    UndoServerAdd(GetConfDir() + QB_StringW(m_FileInfo.m_sFileNewName));
+    UndoServerAdd(GetStoredPath(m_FileInfo.m_sFileNewName));
 }
 
 // A far position is reached in two steps.

@@ -116,6 +116,9 @@ public:
     }
     // The conference's folder: m_sStorePath, the conference id, a backslash.
     QB_StringW GetConfDir() const;
+    // A stored file of the conference: a plain name inside GetConfDir, or
+    // empty when there is no such place.
+    QB_StringW GetStoredPath(const QB_StringU8& sName) const;
     // Whether the local user may see a file described by `brief`.
     bool IsFileVisible(const ZV_FileBriefInfo& brief) const;
     // Whether the local user shared this file.
@@ -292,6 +295,10 @@ private:
     // The server's row of this file in the catalogue takes m_FileInfo. A
     // failed save leaves m_bCatalogDirty set, and the timer saves again.
     bool SaveToCatalog();
+    // The empty file that takes a new row's stored name on a server. The
+    // row is kept when it cannot be made: one that is still missing leaves
+    // m_bStoreMissing set, and the timer makes it.
+    bool MakeEmptyStore();
     // An add refused after its row was made takes the row and the empty
     // stored file back out.
     void UndoServerAdd(const QB_StringW& sPath);
@@ -421,6 +428,7 @@ private:
     uint32_t m_ulReadPos = 0;
     ZV_SessionOwner* m_lpMgr;
     bool m_bCatalogDirty = false;
+    bool m_bStoreMissing = false;
     // The target and start of the user's last FsDownload, until its answer
     // came.
     QB_StringU8 m_sAskedPath;

@@ -304,7 +304,7 @@ void ZV_FileShareSession::OnRelayBlock(uint16_t usFileID, const QB_UserID& user,
 
 void ZV_FileShareSession::OpenRelayServedFile()
 {
-    m_ServerFile.Open(GetConfDir() + QB_StringW(m_FileInfo.m_sFileNewName), kOpenForDownload);
+    m_ServerFile.Open(GetStoredPath(m_FileInfo.m_sFileNewName), kOpenForDownload);
 }
 
 // ---------------------------------------------------------------------------

@@ -103,10 +103,8 @@ uint32_t ZV_FileShareSession::NameNewStoredFile(const QB_StringW& sFolder, const
         return zvResultCannotOpen;
     // The name is taken at once, as an add takes it, empty until the fetch
     // writes: another file of the same name in this list must not get it
-    // too, and the row never names a file that is not there.
-    QB_FileEx stored;
-    if (stored.Open(sFolder + sName, kOpenStored))
-        stored.Close();
+    // too.
+    MakeEmptyStore();
     return zvResultOk;
 }
 
@@ -122,8 +120,7 @@ bool ZV_FileShareSession::MarkSynced()
 // one stays stopped. Bytes beyond the row's length are never served.
 bool ZV_FileShareSession::RestoreStoredFile(const ZV_FileUploadInfo& row)
 {
-    if (!ZV_FileCatalog::IsPlainFileName(QB_StringA(row.m_sFileNewName)) ||
-        !m_ServerFile.Open(GetConfDir() + QB_StringW(row.m_sFileNewName), kOpenRestored))
+    if (!m_ServerFile.Open(GetStoredPath(row.m_sFileNewName), kOpenRestored))
         return false;
     InitPeerFileInfo(row.m_usFileID, row);
     ZV_FileBriefInfo brief = row.m_BriefInfo;

@@ -281,7 +281,7 @@ uint32_t ZV_FileShareSession::OpenStoreFile()
 {
     m_FileInfo.m_BriefInfo.SetFileState(zvFileStateUploading);
     SaveToCatalog();
-    if (m_ServerFile.Open(GetConfDir() + QB_StringW(m_FileInfo.m_sFileNewName), kOpenStoreFile))
+    if (m_ServerFile.Open(GetStoredPath(m_FileInfo.m_sFileNewName), kOpenStoreFile))
         return zvResultOk;
     return zvResultCannotOpen;
 }

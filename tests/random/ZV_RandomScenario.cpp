@@ -565,6 +565,15 @@ void ZV_RandomScenario::StepRestartServer()
     if (!m_lpSim->RestartServer(m_vecServers[n - 1]))
         Problem("server " + std::to_string(n) + " could not restart: " + m_lpSim->GetError());
     Note("server " + std::to_string(n) + " restarts");
+    // A host runs no conference whose manager could not read its
+    // configuration (the network server stops there): it is started again
+    // once the disk is sound.
+    if (m_vecServers[n - 1]->GetInitializeResult() == zvResultOk)
+        return;
+    m_lpSim->GetEnv().ClearFaults();
+    if (!m_lpSim->RestartServer(m_vecServers[n - 1]) || m_vecServers[n - 1]->GetInitializeResult() != zvResultOk)
+        Problem("server " + std::to_string(n) + " could not start again: " + m_lpSim->GetError());
+    Note("server " + std::to_string(n) + " could not read its configuration and starts again");
 }
 
 void ZV_RandomScenario::StepRestartClient()

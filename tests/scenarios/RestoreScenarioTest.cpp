@@ -180,3 +180,35 @@ TEST_F(StorageScene, StoresUnderThePathOfConfsrvIniOrBesideItWhenTheFileNamesNon
     EXPECT_EQ(zvResultCannotOpen, ZV_ResultOf(Events(Alice(), zvFsEventFileAdded).back()));
     EXPECT_EQ(setBefore, std::set<std::filesystem::directory_entry>(std::filesystem::directory_iterator("."), {}));
 }
+
+// Such a server still learns files from its peer's list; their stored names
+// then stand for nothing. An upload to it and a delete there neither make
+// nor remove anything in the folder the process runs in.
+TEST_F(StorageScene, AServerWithoutAStorageFolderTouchesNothingWhereItRuns)
+{
+    Build(true);
+    ZV_SimHost* lpHome = shape.Server();
+    const uint16_t usFileID = Share("here.bin", ZV_RandomBytes(100, 3), false);
+    const std::string sIni = lpHome->GetHome() + "confsrv.ini";
+    std::filesystem::remove(sIni);
+    std::filesystem::create_directory(sIni);
+    const std::filesystem::path before = std::filesystem::current_path();
+    std::filesystem::create_directories(tmp.Sub("cwd"));
+    std::filesystem::current_path(tmp.Sub("cwd"));
+    QB_WriteWholeFile("here.bin", ZV_Bytes{1, 2, 3});
+    ASSERT_TRUE(sim.RestartServer(lpHome)) << sim.GetError();
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    EXPECT_EQ(zvResultNoConfig, lpHome->GetInitializeResult());
+    ASSERT_NE(nullptr, Session(lpHome, usFileID)) << "learned from the peer's list";
+
+    EXPECT_EQ(0u, Fs(Alice())->FsUpload(usFileID));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    EXPECT_EQ(zvResultCannotOpen, LastResult(Alice(), zvFsEventTransferError));
+    EXPECT_EQ(0u, Fs(Alice())->FsDelUpload(usFileID));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    std::vector<std::string> vecHere;
+    for (const auto& entry : std::filesystem::directory_iterator("."))
+        vecHere.push_back(entry.path().filename().string());
+    std::filesystem::current_path(before);
+    EXPECT_EQ(std::vector<std::string>{"here.bin"}, vecHere);
+}

@@ -95,6 +95,27 @@ TEST(AddFile, ServerAnswersAllClientsAndFloodsTheFinalFileIDAndFloodNumber)
     EXPECT_TRUE(fs::exists(node.tmp.Sub("store/7/a.txt")));
 }
 
+// A linked server's add is never refused, not even when its empty stored
+// file cannot be made: the row stands, and the timer makes the file, so
+// that the name stays taken and a restart finds the row's file.
+TEST(AddFile, AStoredFileThatCouldNotBeMadeIsMadeByTheTimer)
+{
+    Node node(true);
+    ASSERT_EQ(0u, node.mgr.Initialize());
+    QB_FaultEnv env;
+    {
+        QB_ScopedEnv scoped{&env};
+        env.FailAt(QB_EnvOp::Open, 1, true);
+        ASSERT_EQ(0u, node.Deliver(PDU_CONF_FS_ADD_REQUEST, zvConfServerTypeCommand, AddRequest(7, "a.txt")));
+        node.mgr.OnTimer(1);
+        env.ClearFaults();
+        EXPECT_NE(nullptr, ZV_FileShareMgrPeer::Find(node.mgr, 7));
+        EXPECT_FALSE(fs::exists(node.tmp.Sub("store/7/a.txt")));
+    }
+    node.mgr.OnTimer(2);
+    EXPECT_TRUE(fs::exists(node.tmp.Sub("store/7/a.txt")));
+}
+
 TEST(AddFile, KeepsEveryHostileNameInsideTheConferenceFolder)
 {
     Node node(true);
