@@ -121,16 +121,21 @@ uint32_t ZV_FileShareSession::HandleUploadResponse(ConfPduData* lpCpd)
 // refused: none of them sends a byte.
 void ZV_FileShareSession::ApplyUploadAnswer(uint32_t ulResult, uint16_t usFileID, uint32_t ulPos)
 {
-    if (ulResult == zvResultOk && (ulPos > m_BriefInfo.m_ulFileLenth || !m_lpMgr->IsSharedLocalFile(m_BriefInfo)))
+    if (ulResult == zvResultOk && ulPos > m_BriefInfo.m_ulFileLenth)
         ulResult = zvResultUntrusted;
-    if (ulResult == zvResultOk && !m_File.IsOpen())
-    {
-        ulResult = m_lpMgr->OpenSharedLocalFile(m_BriefInfo, m_File);
-        // As for a failed read: a server that holds the whole file needs no
-        // byte of the local copy, so an order to send again ends the upload.
-        if (ulResult != zvResultOk && EndIfServerHoldsAll())
-            return;
-    }
+    uint32_t ulLocal = zvResultOk;
+    if (ulResult == zvResultOk && !m_lpMgr->IsSharedLocalFile(m_BriefInfo))
+        ulLocal = zvResultUntrusted;
+    else if (ulResult == zvResultOk && !m_File.IsOpen())
+        ulLocal = m_lpMgr->OpenSharedLocalFile(m_BriefInfo, m_File);
+    // As for a failed read: a server that holds the whole file needs no byte
+    // of the local copy, so an order to send again ends the upload, whether
+    // the copy will not open or the share record lost it (a save that failed
+    // before a restart). Nothing is read either way.
+    if (ulLocal != zvResultOk && EndIfServerHoldsAll())
+        return;
+    if (ulLocal != zvResultOk)
+        ulResult = ulLocal;
     if (ulResult != zvResultOk)
     {
         NotifyTransferError(ulResult, usFileID);

@@ -629,9 +629,16 @@ void ZV_RandomScenario::Settle()
     for (const auto& lpClient : m_vecClients)
     {
         const QB_UserID self = lpClient->lpNode->GetUserID();
+        const std::map<uint16_t, ZV_ToldFile>& mapTold = lpClient->lpView->Files();
         std::vector<std::pair<uint16_t, bool>> vecResume;
+        // A stopped upload goes on, and so does one its user was told had
+        // failed (a store the server could not write, say): the user tries
+        // again.
         ForEachSession(lpClient->lpNode, [&](uint16_t usFileID, ZV_FileShareSession& session) {
-            if (session.BriefInfo().m_CreatorID == self && session.BriefInfo().m_usFileState == zvFileStateStopped)
+            const auto it = mapTold.find(usFileID);
+            const bool bToldFailed = it != mapTold.end() && it->second.usState == zvFileStateFailed;
+            if (session.BriefInfo().m_CreatorID == self &&
+                (session.BriefInfo().m_usFileState == zvFileStateStopped || bToldFailed))
                 vecResume.push_back({usFileID, true});
             if (session.LocalDownload().m_usState == zvDownloadStateStopped)
                 vecResume.push_back({usFileID, false});

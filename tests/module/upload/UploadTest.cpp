@@ -248,6 +248,32 @@ TEST_F(Upload, ServerRefusesABlockItCannotTakeAndTheNextBlockShowsWhatItRemember
 
 // An answer about a FileID that names another's file by now (its own was
 // deleted and the number reused) is no news to this user.
+// An order to send (8006) needs the creator's copy, open and still known
+// as her share, unless the server already holds the whole file: then the
+// upload is simply over and nothing is read.
+TEST_F(Upload, AnOrderToSendFailsWithoutTheCopyUnlessTheServerHoldsItAll)
+{
+    struct { const char* szName; bool bShareKept; uint32_t ulMaxPos; uint32_t ulResult; } aCases[] = {
+        {"copy gone", true, 0, zvResultCannotOpen},
+        {"copy gone, server has it all", true, 1000, 0},
+        {"share record lost", false, 0, zvResultUntrusted},
+        {"share record lost, server has it all", false, 1000, 0}};
+    for (const auto& c : aCases)
+    {
+        Make(false, 1000);
+        ZV_FileShareSessionPeer::File(*lpSession).Close();
+        std::filesystem::remove(tmp.Sub("song.ogg"));
+        if (!c.bShareKept)
+            ZV_FileShareMgrPeer::Ledger(mgr).Forget(host.m_ulConfID, ZV_FileShareSessionPeer::BriefInfo(*lpSession));
+        ZV_FileShareSessionPeer::MaxPos(*lpSession) = c.ulMaxPos;
+        Deliver(PDU_CONF_FS_UPLOAD_RESPONSE, Answer(0, 0));
+        EXPECT_EQ(c.ulResult ? Pdu().U16(zvFsEventTransferError).U32(c.ulResult).U16(5).b : Bytes(),
+                  ZV_Joined(host.m_vecEvents)) << c.szName;
+        EXPECT_EQ(c.ulResult ? 0 : zvFileStateComplete, ZV_FileShareSessionPeer::BriefInfo(*lpSession).m_usFileState)
+            << c.szName;
+    }
+}
+
 TEST_F(Upload, AClientTakesAnUploadAnswerOnlyAboutItsUsersOwnFile)
 {
     for (const QB_UserID& creator : {kAlice, kBob})
