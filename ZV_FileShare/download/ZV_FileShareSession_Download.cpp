@@ -21,6 +21,8 @@ namespace {
 
 // Blocks a server sends for one OnSend call of the host.
 constexpr int kBlocksPerSend = 3;
+// A store that is there already, read and written by the same handle.
+constexpr uint32_t kOpenServed = QB_FILE_READWRITE | QB_FILE_OPEN_EXISTING;
 
 bool HasRight(const ZV_FileBriefInfo& brief, const QB_UserID& user)
 {
@@ -305,7 +307,10 @@ void ZV_FileShareSession::PumpDownload(ConfPduData* lpCpd, const QB_UserID& peer
 void ZV_FileShareSession::SendNextBlocks(ConfPduData* lpCpd, const QB_UserID* pUser, ZV_FileDownloadInfo* pEntry)
 {
     ZV_PduBuffer pdu;
-    bool bReadable = m_ServerFile.IsOpen();
+    // A store that would not open when its bytes came (an open the disk
+    // refused) is opened when they are asked for, rather than failing every
+    // downloader from then on.
+    bool bReadable = m_ServerFile.IsOpen() || m_ServerFile.Open(GetStoredPath(m_FileInfo.m_sFileNewName), kOpenServed);
     for (int i = 0; bReadable && i < kBlocksPerSend && pEntry->m_ulDownloadPos < m_FileInfo.m_ulFileWritePos; ++i)
     {
         const uint32_t ulPos = pEntry->m_ulDownloadPos;

@@ -250,18 +250,27 @@ TEST_F(Download, PushesThreeBlocksPerCallRestsAtTheWritePositionAndGoesOnWhenWok
 
 // A store that cannot be read ends the push with 61: on the downloader's
 // command link if it has one, otherwise on the link being sent on, as an
-// empty block.
+// empty block. One whose handle never opened (the disk refused the open
+// when its bytes came) is opened when they are asked for.
 TEST_F(Download, AStoreThatCannotBeReadIsToldAsAnEmptyBlockWith61WhereNoCommandLinkIs)
 {
-    AddStoredFile(40000);
+    ZV_FileShareSession& session = AddStoredFile(40000);
     Deliver(PDU_CONF_FS_DOWNLOAD_REQUEST, Request());
     Deliver(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST, Pdu().U16(5).User(kBob).Record(ZV_FileDownloadInfo()).b);
     env.FailAt(QB_EnvOp::Read, 1);
     OnSend();
-    const auto vecBlocks = host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE);
+    auto vecBlocks = host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE);
     ASSERT_EQ(1u, vecBlocks.size());
     EXPECT_EQ(100024u, vecBlocks[0].ulConn);
     EXPECT_EQ(Block(0, {}, 40000, zvResultCannotAccess).b, vecBlocks[0].data);
+
+    host.m_vecSent.clear();
+    ZV_FileShareSessionPeer::ServerFile(session).Close();
+    OnSend();
+    vecBlocks = host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE);
+    ASSERT_EQ(2u, vecBlocks.size());
+    const Bytes stored = ZV_TestBytes(40000, 1);
+    EXPECT_EQ(Block(0, Bytes(stored.begin(), stored.begin() + 32768), 40000).b, vecBlocks[0].data);
 }
 
 namespace {
