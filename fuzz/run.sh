@@ -45,6 +45,9 @@ for name in "${harnesses[@]}"; do
     mkdir -p "$scratch/$name"
     args=(-max_total_time="$seconds" -timeout="${FUZZ_TIMEOUT:-25}" -rss_limit_mb=2560 -print_final_stats=1
           -artifact_prefix="$artifacts/")
+    # FUZZ_SEED fixes libFuzzer's choices, so that the same tree runs the
+    # same inputs: a gate whose verdict does not depend on luck.
+    [ -n "${FUZZ_SEED:-}" ] && args+=(-seed="$FUZZ_SEED")
     # PDU numbers and field values for what reads payloads; ini words for
     # what reads ini files.
     case "$name" in
