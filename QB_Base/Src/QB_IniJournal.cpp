@@ -351,6 +351,15 @@ bool QB_IniJournal::Commit()
     }
     else
         bDone = Rewrite();
+    // Changes that went out neither way are in memory already, and the next
+    // commit writes the file whole. Kept as a list, they would be encoded
+    // again at every save for as long as the disk refuses, each time one
+    // save longer.
+    if (!bDone)
+    {
+        m_vecPending.clear();
+        m_bBroken = true;
+    }
     // No handle is held between commits: an open costs little beside the
     // sync, and the owner's files stay closed while nothing is saved.
     m_File.Close();

@@ -388,6 +388,22 @@ TEST(IniJournal, FoldsTheJournalInPastItsBoundOrAfterAQuietSpell)
         }
     }
     EXPECT_EQ(nFolds, 1);
+
+    // Commits the disk refuses keep nothing queued: the first one it takes
+    // again folds every change in, and the journal starts afresh.
+    env.FailAt(QB_EnvOp::Open, 1, true);
+    for (int i = 0; i < 3; ++i)
+    {
+        vecCommits.push_back({{u"B", {{u"k" + std::u16string(1, (char16_t)(u'0' + i)), u"v"}}}});
+        Apply(journal, vecCommits.back());
+        EXPECT_FALSE(journal.Commit());
+    }
+    env.ClearFaults();
+    vecCommits.push_back({{u"B", {{u"k3", u"v"}}}});
+    Apply(journal, vecCommits.back());
+    ASSERT_TRUE(journal.Commit());
+    EXPECT_EQ(journal.GetJournalBytes(), 0u);
+    EXPECT_EQ(QB_ToHex(QB_ReadWholeFile(tmp.Sub("t.ini"))), QB_ToHex(Reference(kStart, vecCommits, vecCommits.size())));
 }
 
 // Two owners of one path in a process: the second goes without a journal
