@@ -296,9 +296,8 @@ void ZV_FileShareSession::ApplyAnnouncedAgain(const ZV_FileBriefInfo& brief, uin
 // Until bytes arrive the empty file is what holds the name: without it a
 // later add of the same name takes it too, and a restart drops the row as
 // one whose file is gone.
-bool ZV_FileShareSession::MakeEmptyStore()
+void ZV_FileShareSession::MakeEmptyStore()
 {
     QB_FileEx stored;
     m_bStoreMissing = !stored.Open(GetStoredPath(m_FileInfo.m_sFileNewName), QB_FILE_READWRITE | QB_FILE_OPEN_ALWAYS);
-    return !m_bStoreMissing;
 }

@@ -298,7 +298,7 @@ private:
     // The empty file that takes a new row's stored name on a server. The
     // row is kept when it cannot be made: one that is still missing leaves
     // m_bStoreMissing set, and the timer makes it.
-    bool MakeEmptyStore();
+    void MakeEmptyStore();
     // An add refused after its row was made takes the row and the empty
     // stored file back out.
     void UndoServerAdd(const QB_StringW& sPath);
