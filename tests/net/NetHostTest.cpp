@@ -46,12 +46,7 @@ TEST(NetWire, WritesEachOpeningAndFrameHeadAsTheProtocolPageShowsAndReadsThemBac
 
 TEST(NetWire, RefusesWhatNoPeerOfThisVersionSends)
 {
-    const struct
-    {
-        const char* szCase;
-        Bytes vb;
-        ZV_NetFault eFault;
-    } aRows[] = {
+    const struct { const char* szCase; Bytes vb; ZV_NetFault eFault; } aRows[] = {
         {"a hello of another magic", {'R', 'C', 'R', 'X', 0x01}, ZV_NetFault::BadMagic},
         {"a hello of version 1", Of(ZV_WriteHello({1, 0, 100, 1})), ZV_NetFault::UnknownVersion},
         {"a hello of kind 1", Of(ZV_WriteHello({2, 1, 100, 1})), ZV_NetFault::UnknownKind},
@@ -64,12 +59,7 @@ TEST(NetWire, RefusesWhatNoPeerOfThisVersionSends)
         ZV_NetHello hello;
         EXPECT_EQ(ZV_ReadHello(vb.data(), hello), row.eFault) << row.szCase;
     }
-    const struct
-    {
-        const char* szCase;
-        ZV_NetLoginHead head;
-        ZV_NetFault eFault;
-    } aLogins[] = {
+    const struct { const char* szCase; ZV_NetLoginHead head; ZV_NetFault eFault; } aLogins[] = {
         {"the longest mechanism name and login data", {20, 4096}, ZV_NetFault::None},
         {"a mechanism name of 21", {21, 10}, ZV_NetFault::LoginTooLong},
         {"login data of 4097", {0, 4097}, ZV_NetFault::LoginTooLong},
@@ -98,12 +88,8 @@ TEST(NetWire, RefusesWhatNoPeerOfThisVersionSends)
 // answer is whether the user was among them).
 TEST(NetPresence, MakesALeaveOfAGoodbyeOrOfALinkNotBackInTimeAndFlagsOnlyTheReturnOfOneWhoLeft)
 {
-    const struct
-    {
-        const char* szCase;
-        const char* szSteps;
-        const char* szAnswers;  // per step: 1 or 0, '-' for none
-    } aRows[] = {
+    // szAnswers per step: 1 or 0, '-' for none
+    const struct { const char* szCase; const char* szSteps; const char* szAnswers; } aRows[] = {
         {"first arrival", "a", "0"},
         {"lost and back within the grace", "al+a", "0-00"},
         {"lost and not back in time", "al++a", "0-011"},

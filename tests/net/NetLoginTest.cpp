@@ -17,11 +17,7 @@ ZV_ChannelBinding Tls(char cFill)
     return {true, std::string(32, cFill)};
 }
 
-// What a client sent in one login, in order.
-struct Transcript
-{
-    std::vector<std::string> vecClient;
-};
+using Transcript = std::vector<std::string>;  // what a client sent in one login
 
 // Runs one login through; "done", or which side refused. A replay sends the
 // client messages of an earlier login to the server in place of a client's;
@@ -31,16 +27,16 @@ std::string Exchange(ZV_LoginClient& client, ZV_LoginServer& server, const std::
 {
     if (lpReplay)
     {
-        ZV_LoginStep answer = server.Start(client.GetMechanism(), lpReplay->vecClient.at(0));
-        for (size_t i = 1; i < lpReplay->vecClient.size() && answer.eState == State::More; ++i)
-            answer = server.Step(lpReplay->vecClient[i]);
+        ZV_LoginStep answer = server.Start(client.GetMechanism(), lpReplay->at(0));
+        for (size_t i = 1; i < lpReplay->size() && answer.eState == State::More; ++i)
+            answer = server.Step((*lpReplay)[i]);
         return answer.eState == State::Refused ? "server refused" : "done";
     }
     ZV_LoginStep step = client.Start(sOffer);
     for (int nRound = 0; step.eState == State::More; ++nRound)
     {
         if (lpRecord)
-            lpRecord->vecClient.push_back(step.sData);
+            lpRecord->push_back(step.sData);
         const ZV_LoginStep answer =
             nRound == 0 ? server.Start(client.GetMechanism(), step.sData) : server.Step(step.sData);
         if (answer.eState == State::Refused)
@@ -71,30 +67,17 @@ TEST(NetLogin, ProvesTheSecretOfItsNameOnItsOwnChannelOnce)
         ASSERT_EQ(Exchange(client, server, "SCRAM-SHA-256", &first), "done");
         EXPECT_EQ(server.GetName(), "alice");
     }
-    const struct
-    {
-        const char* szCase;
-        std::string sName, sSecret;
-        ZV_LoginKind eKind;
-        ZV_ChannelBinding client, server;
-        const Transcript* lpReplay;
-        bool bTamper;
-        const char* szOutcome;
-    } aRows[] = {
-        {"the right secret on TLS", "alice", "open sesame", ZV_LoginKind::User, Tls('a'), Tls('a'), nullptr, false,
-         "done"},
+    const auto User = ZV_LoginKind::User;
+    const struct { const char* szCase; std::string sName, sSecret; ZV_LoginKind eKind; ZV_ChannelBinding client, server;
+                   const Transcript* lpReplay; bool bTamper; const char* szOutcome; } aRows[] = {
+        {"the right secret on TLS", "alice", "open sesame", User, Tls('a'), Tls('a'), nullptr, false, "done"},
         {"a linked server's secret", "1", "link secret", ZV_LoginKind::Server, {}, {}, nullptr, false, "done"},
-        {"a wrong secret", "alice", "open sesamE", ZV_LoginKind::User, {}, {}, nullptr, false, "server refused"},
-        {"a name without credentials", "mallory", "open sesame", ZV_LoginKind::User, {}, {}, nullptr, false,
-         "server refused"},
-        {"a server's secret as a user's", "1", "link secret", ZV_LoginKind::User, {}, {}, nullptr, false,
-         "server refused"},
-        {"a login made on another TLS channel", "alice", "open sesame", ZV_LoginKind::User, Tls('a'), Tls('b'),
-         nullptr, false, "server refused"},
-        {"a replay of an earlier login", "alice", "open sesame", ZV_LoginKind::User, {}, {}, &first, false,
-         "server refused"},
-        {"a server whose last word is not the keys'", "alice", "open sesame", ZV_LoginKind::User, {}, {}, nullptr,
-         true, "client refused"},
+        {"a wrong secret", "alice", "open sesamE", User, {}, {}, nullptr, false, "server refused"},
+        {"a name without credentials", "mallory", "open sesame", User, {}, {}, nullptr, false, "server refused"},
+        {"a server's secret as a user's", "1", "link secret", User, {}, {}, nullptr, false, "server refused"},
+        {"a login made on another TLS channel", "alice", "open sesame", User, Tls('a'), Tls('b'), nullptr, false, "server refused"},
+        {"a replay of an earlier login", "alice", "open sesame", User, {}, {}, &first, false, "server refused"},
+        {"a server whose last word is not the keys'", "alice", "open sesame", User, {}, {}, nullptr, true, "client refused"},
     };
     for (const auto& row : aRows)
     {
@@ -143,12 +126,7 @@ TEST(NetLogin, KeepsKeysButNoSecretInAPrivateCredentialsFileAndRefusesABrokenLin
     EXPECT_EQ(read.Find(ZV_LoginKind::Server, "2")->ulIterations, ZV_Credentials::kIterations);
 
     const std::string sKey = " AAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA=";
-    const struct
-    {
-        const char* szCase;
-        std::string sLine;
-        const char* szError;
-    } aRows[] = {
+    const struct { const char* szCase; std::string sLine; const char* szError; } aRows[] = {
         {"another kind", "admin 4096 c2FsdA==" + sKey + sKey + " x", "begins with \"user\" or \"server\""},
         {"no name", "user 4096 c2FsdA==" + sKey + sKey, "names nobody"},
         {"too few iterations", "user 4095 c2FsdA==" + sKey + sKey + " x", "from 4096 to 10000000"},
@@ -175,12 +153,7 @@ TEST(NetLogin, KeepsKeysButNoSecretInAPrivateCredentialsFileAndRefusesABrokenLin
 // the guard's memory runs out.
 TEST(NetLogin, SlowsDownAnAddressThatFailsDoublingUpTo32TimesAndForgetsItLater)
 {
-    const struct
-    {
-        const char* szCase;
-        const char* szSteps;
-        std::vector<int> vecWaits;
-    } aRows[] = {
+    const struct { const char* szCase; const char* szSteps; std::vector<int> vecWaits; } aRows[] = {
         {"no failure", "?", {0}},
         {"one failure", "f?", {1}},
         {"doubling", "f?f?f?", {1, 2, 4}},

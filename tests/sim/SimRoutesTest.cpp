@@ -8,11 +8,6 @@ namespace {
 
 const std::vector<uint8_t> kFields = {0xAA, 0xBB, 0xCC};
 
-size_t Received(const ZV_SimHost* lpNode)
-{
-    return FakeOf(lpNode).CallsOf("HandlePdu").size();
-}
-
 // The bytes of a payload that starts with the conference word.
 std::vector<uint8_t> WithConfWord(uint32_t ulConfID, std::vector<uint8_t> vbFields)
 {
@@ -31,16 +26,10 @@ TEST(SimConference, TakesTheConferenceWordOffEveryServerRouteBeforeTheReceiverSe
     ZV_SimShape shape = sim.TwoLinkedServers(0, ulConfID);
     ZV_SimHost* lpFrom = shape.Server(0);
     ZV_SimHost* lpTo = shape.Server(1);
-    std::vector<uint8_t> vbPayload = WithConfWord(ulConfID, kFields);
+    const std::vector<uint8_t> vbPayload = WithConfWord(ulConfID, kFields);
     const uint8_t* pData = vbPayload.data();
-    uint32_t ulLen = (uint32_t)vbPayload.size();
-    uint32_t ulData = lpFrom->GetServerConn(2, zvConfServerTypeData, 0);
-    const struct
-    {
-        const char* szName;
-        std::function<uint32_t()> fnSend;
-        ZV_SimRoute eRoute;
-        uint16_t usConnType;
+    const uint32_t ulLen = (uint32_t)vbPayload.size(), ulData = lpFrom->GetServerConn(2, zvConfServerTypeData, 0);
+    const struct { const char* szName; std::function<uint32_t()> fnSend; ZV_SimRoute eRoute; uint16_t usConnType;
     } aRows[] = {
         {"to servers", [&] { return lpFrom->SendPduToServers(zvConnNone, zvConfServerTypeCommand, 8001, pData, ulLen, 1, 1); },
          ZV_SimRoute::Servers, zvConfServerTypeCommand},
@@ -56,12 +45,10 @@ TEST(SimConference, TakesTheConferenceWordOffEveryServerRouteBeforeTheReceiverSe
         EXPECT_EQ(row.fnSend(), 0u);
         ASSERT_TRUE(sim.Run()) << sim.GetError();
         const ZV_SimFakeCall& call = FakeOf(lpTo).m_vecCalls.back();
-        EXPECT_EQ(call.sWhat, "HandlePdu");
-        EXPECT_EQ(call.vbData, kFields);
+        EXPECT_EQ(call.sWhat + " " + QB_ToHex(call.vbData), "HandlePdu " + QB_ToHex(kFields));
         EXPECT_EQ(call.usConnType, row.usConnType);
-        const ZV_SimEntry& entry = sim.Journal().At(nMark);
-        EXPECT_EQ(entry.eRoute, row.eRoute);
-        EXPECT_EQ(entry.vbData, vbPayload);
+        EXPECT_EQ(sim.Journal().At(nMark).eRoute, row.eRoute);
+        EXPECT_EQ(sim.Journal().At(nMark).vbData, vbPayload);
     }
 }
 
@@ -75,12 +62,8 @@ TEST(SimConference, RoutesAServerPduByItsConferenceWordAndDropsOneWithoutAKnownW
             ASSERT_TRUE(sim.AddServer(ulConf, ulServer)) << sim.GetError();
     ASSERT_TRUE(sim.LinkServers(1, 2));
     ASSERT_TRUE(sim.Run());
-    const struct
-    {
-        const char* szName;
-        std::vector<uint8_t> vbPayload;
-        ZV_SimFate eFate;
-        uint32_t ulReceivingConf;  // 0: nobody
+    // ulReceivingConf 0: nobody
+    const struct { const char* szName; std::vector<uint8_t> vbPayload; ZV_SimFate eFate; uint32_t ulReceivingConf;
     } aRows[] = {
         {"one byte", {0x64}, ZV_SimFate::NoConfWord, 0},
         {"a conference the peer does not host", WithConfWord(101, kFields), ZV_SimFate::UnknownConf, 0},
@@ -90,14 +73,14 @@ TEST(SimConference, RoutesAServerPduByItsConferenceWordAndDropsOneWithoutAKnownW
     for (const auto& row : aRows)
     {
         SCOPED_TRACE(row.szName);
-        size_t anBefore[2] = {Received(sim.FindServer(100, 2)), Received(sim.FindServer(200, 2))};
-        size_t nMark = sim.Journal().Size();
+        auto Received = [&](uint32_t ulConf) { return FakeOf(sim.FindServer(ulConf, 2)).CallsOf("HandlePdu").size(); };
+        const size_t anBefore[2] = {Received(100), Received(200)}, nMark = sim.Journal().Size();
         sim.FindServer(100, 1)->SendPduToServers(zvConnNone, zvConfServerTypeCommand, 8001, row.vbPayload.data(),
                                                  (uint32_t)row.vbPayload.size(), 1, 1);
         ASSERT_TRUE(sim.Run()) << sim.GetError();
         EXPECT_EQ(sim.Journal().At(nMark).eFate, row.eFate);
-        EXPECT_EQ(Received(sim.FindServer(100, 2)) - anBefore[0], row.ulReceivingConf == 100 ? 1u : 0u);
-        EXPECT_EQ(Received(sim.FindServer(200, 2)) - anBefore[1], row.ulReceivingConf == 200 ? 1u : 0u);
+        EXPECT_EQ(Received(100) - anBefore[0], row.ulReceivingConf == 100 ? 1u : 0u);
+        EXPECT_EQ(Received(200) - anBefore[1], row.ulReceivingConf == 200 ? 1u : 0u);
     }
 }
 
@@ -107,7 +90,7 @@ TEST(SimConference, RefusesASendItCannotCarryAndSaysSo)
     ZV_SimShape shape = sim.TwoLinkedServers(1);
     ZV_SimHost* lpServer = shape.Server(0);
     ZV_SimHost* lpAlice = shape.Client(0);
-    uint32_t ulAlice = lpServer->GetUserConn(&lpAlice->GetUserID(), 0);
+    const uint32_t ulAlice = lpServer->GetUserConn(&lpAlice->GetUserID(), 0);
     const uint8_t* pData = kFields.data();
     std::vector<uint8_t> vbHuge(zvSimMaxPayload + 1);
     const std::pair<const char*, std::function<uint32_t()>> aRows[] = {
@@ -121,7 +104,7 @@ TEST(SimConference, RefusesASendItCannotCarryAndSaysSo)
     for (const auto& [szName, fnSend] : aRows)
     {
         SCOPED_TRACE(szName);
-        size_t nMark = sim.Journal().Size();
+        const size_t nMark = sim.Journal().Size();
         EXPECT_EQ(fnSend(), zvSimSendRefused);
         ASSERT_EQ(sim.Journal().Size(), nMark + 1);
         EXPECT_EQ(sim.Journal().At(nMark).eFate, ZV_SimFate::Refused);

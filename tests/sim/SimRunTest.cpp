@@ -8,14 +8,8 @@
 
 TEST(SimClock, CallsOnTimerOnEveryNodeAtEachPeriodWithARunningCountOfItsCalls)
 {
-    const struct
-    {
-        const char* szName;
-        uint32_t ulStartTick;
-        std::vector<uint32_t> vecAdvance;
-        std::vector<uint32_t> vecTicks;
-        uint32_t ulEndTick;
-    } aRows[] = {
+    const struct { const char* szName; uint32_t ulStartTick; std::vector<uint32_t> vecAdvance, vecTicks;
+                   uint32_t ulEndTick; } aRows[] = {
         {"two and a half periods", 1000, {250}, {1, 2}, 1250},
         {"small steps add up", 1000, {60, 60, 60}, {1}, 1180},
         {"past the wrap of the clock", 0xFFFFFF9Cu, {250, 100}, {1, 2, 3}, 250},
@@ -60,21 +54,16 @@ TEST(SimJournal, TracesEachPduEventAndCallOnOneLineTheSameInEveryRun)
         shape.Client(1)->SetEventCallback([&vecSeen](ZV_SimHost& host, uint16_t usEvent, const std::vector<uint8_t>& vb) {
             vecSeen.push_back(host.GetName() + " " + std::to_string(usEvent) + " " + QB_ToHex(vb));
         });
-        size_t nMark = sim.Journal().Size();
+        const size_t nMark = sim.Journal().Size();
         const uint8_t kAsk[] = {1, 2};
         lpAlice->SendPdu(lpAlice->GetServerLink()->GetConn(0), 8001, kAsk, 2, 1, 1);
         lpAlice->SendPdu(lpAlice->GetServerLink()->GetConn(4), PDU_CONF_FS_KICK, nullptr, 0, 0, 0);
         ASSERT_TRUE(sim.Run());
 
-        auto Line = [nMark](size_t n, const std::string& sText) {
-            return std::to_string(nMark + n) + " t=1000000 " + sText + "\n";
-        };
-        EXPECT_EQ(sim.Journal().Dump(nMark),
-                  Line(0, "pdu 8001 usr10001@100 -> srv1@100 pdu conn 2001/0 flags 1,1 len 2 delivered result 0: 01 02") +
-                      Line(1, "pdu 257 usr10001@100 -> ? pdu conn 2002/4 flags 0,0 len 0 kick") +
-                      Line(2, "pdu 8002 srv1@100 -> usr10002@100 group conn 1003/0 flags 1,1 len 1 delivered result 0: 07") +
-                      Line(3, "call OnSend usr10001@100 peer srv1 conn 2002/4") +
-                      Line(4, "event 3000 usr10002@100 len 2: b8 0b"));
+        EXPECT_EQ(sim.Journal().Dump(nMark), JournalLines(nMark, "", {"pdu 8001 usr10001@100 -> srv1@100 pdu conn 2001/0 flags 1,1 len 2 delivered result 0: 01 02",
+                                   "pdu 257 usr10001@100 -> ? pdu conn 2002/4 flags 0,0 len 0 kick",
+                                   "pdu 8002 srv1@100 -> usr10002@100 group conn 1003/0 flags 1,1 len 1 delivered result 0: 07",
+                                   "call OnSend usr10001@100 peer srv1 conn 2002/4", "event 3000 usr10002@100 len 2: b8 0b"}));
         EXPECT_EQ(vecSeen, std::vector<std::string>{"usr10002@100 3000 b8 0b"});
     }
 }
@@ -90,7 +79,7 @@ TEST(SimJournal, KeepsOnlyTheFirstPayloadBytesAndTheNewestEntriesWhenToldTo)
     ZV_SimShape shape = sim.OneServerTwoClients();
     ZV_SimHost* lpAlice = shape.Client(0);
     const std::vector<uint8_t> vbPayload = {1, 2, 3, 4, 5};
-    size_t nMark = sim.Journal().Size();
+    const size_t nMark = sim.Journal().Size();
     for (uint16_t usPdu : {8001, 8002, 8003, 8004})
         lpAlice->SendPdu(lpAlice->GetServerLink()->GetConn(0), usPdu, vbPayload.data(), 5, 1, 1);
     ASSERT_TRUE(sim.Run());
@@ -98,11 +87,7 @@ TEST(SimJournal, KeepsOnlyTheFirstPayloadBytesAndTheNewestEntriesWhenToldTo)
     EXPECT_EQ(FakeOf(shape.Server()).m_vecCalls.back().vbData, vbPayload);
     EXPECT_EQ(sim.Journal().Size(), nMark + 4);
     EXPECT_THROW(sim.Journal().At(nMark), std::out_of_range);
-    const ZV_SimEntry& entry = sim.Journal().At(nMark + 1);
-    EXPECT_EQ(entry.usNumber, 8002);
-    EXPECT_EQ(entry.vbData, std::vector<uint8_t>({1, 2}));
-    EXPECT_EQ(entry.nDataLen, 5u);
-    std::string sDump = sim.Journal().Dump();
+    const std::string sDump = sim.Journal().Dump();
     EXPECT_EQ(sDump.substr(0, sDump.find('\n')), std::to_string(nMark + 1) +
               " t=1000000 pdu 8002 usr10001@100 -> srv1@100 pdu conn 2001/0 flags 1,1 len 5 delivered result 0: 01 02");
 }
@@ -117,7 +102,7 @@ TEST(SimModuleApi, DrivesAModuleLoadedFromALibraryThroughItsFiveExports)
     EXPECT_EQ(sim.Journal().PdusTo(8001, shape.Server()->GetName()).size(), 2u);
     for (ZV_SimHost* lpClient : shape.vecClients)
     {
-        std::vector<ZV_SimEntry> vecEvents = sim.Journal().Events(3000, lpClient->GetName());
+        const std::vector<ZV_SimEntry> vecEvents = sim.Journal().Events(3000, lpClient->GetName());
         ASSERT_EQ(vecEvents.size(), 1u);
         EXPECT_EQ(vecEvents[0].vbData, std::vector<uint8_t>({'h', 'i'}));
     }

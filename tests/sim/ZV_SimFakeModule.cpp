@@ -41,6 +41,14 @@ ZV_SimFakeModule& FakeOf(const ZV_SimHost* lpNode)
     return *static_cast<ZV_SimFakeModule*>(lpNode->GetModule());
 }
 
+std::string JournalLines(size_t nFirst, const std::string& sPrefix, const std::vector<std::string>& vecTexts)
+{
+    std::string s;
+    for (const std::string& sText : vecTexts)
+        s += std::to_string(nFirst++) + " t=1000000 " + sPrefix + sText + "\n";
+    return s;
+}
+
 ZV_SimFakeConference::ZV_SimFakeConference(const std::function<void(ZV_SimOptions&)>& fnTune, ZV_SimModuleApi api)
     : ZV_SimConference(std::move(api), OptionsBelow(tmp.Path(), fnTune))
 {

@@ -73,6 +73,8 @@ private:
 ZV_SimModuleApi ZV_SimFakeApi();
 // The fake behind a node.
 ZV_SimFakeModule& FakeOf(const ZV_SimHost* lpNode);
+// Journal lines numbered from nFirst at the start time, each text after sPrefix.
+std::string JournalLines(size_t nFirst, const std::string& sPrefix, const std::vector<std::string>& vecTexts);
 
 // Made before the conference, so that the nodes' folders have a root.
 struct ZV_SimFakeRoot
