@@ -77,16 +77,15 @@ struct Terminal
             sScreen.append(ac, (size_t)n);
         }
     }
-    size_t Count(const std::string& sWhat) const
-    {
-        size_t nSeen = 0;
-        for (size_t nAt = sScreen.find(sWhat); nAt != std::string::npos; nAt = sScreen.find(sWhat, nAt + 1))
-            ++nSeen;
-        return nSeen;
-    }
     bool Until(const std::string& sWhat, size_t nTimes = 1)
     {
-        return ZV_WaitFor([&] { return Drain(), Count(sWhat) >= nTimes; });
+        return ZV_WaitFor([&] {
+            Drain();
+            size_t nSeen = 0;
+            for (size_t nAt = sScreen.find(sWhat); nAt != std::string::npos; nAt = sScreen.find(sWhat, nAt + 1))
+                ++nSeen;
+            return nSeen >= nTimes;
+        });
     }
     bool Type(const std::string& sKeys) { return write(nTerminal, sKeys.data(), sKeys.size()) > 0; }
     int Wait()
@@ -168,14 +167,8 @@ TEST_P(CliProcess, SharesFetchesChangesRightsAndSaysWhatCannotBeDone)
 {
     ASSERT_TRUE(server.Start());
     std::ofstream(At("wrong.secret")) << "not the secret\n";
-    struct Row
-    {
-        const char* szName;
-        std::vector<std::string> vecArgs;
-        int nExit;
-        const char* szSays;
-        bool bNeedsLogins;
-    } aRows[] = {
+    const struct { const char* szName; std::vector<std::string> vecArgs; int nExit; const char* szSays;
+                   bool bNeedsLogins; } aRows[] = {
         {"a server that is not there", {"--server", "127.0.0.1:" + std::to_string(ZV_FreeLowPort()), "ls"}, 3,
          "cannot reach the server", false},
         {"a wrong secret", {"--secret-file", "wrong.secret", "ls"}, 3, "refused the login", true},
@@ -183,7 +176,7 @@ TEST_P(CliProcess, SharesFetchesChangesRightsAndSaysWhatCannotBeDone)
         {"a name no file bears", {"get", "nothing.bin"}, 4, "no file called \"nothing.bin\"", false},
         {"no conference", {"--conference", "0", "ls"}, 2, "not a good conference", false},
     };
-    for (const Row& row : aRows)
+    for (const auto& row : aRows)
     {
         if (row.bNeedsLogins && !GetParam().bLogins)
             continue;
@@ -227,11 +220,8 @@ TEST_P(CliProcess, SharesFetchesChangesRightsAndSaysWhatCannotBeDone)
     EXPECT_EQ((std::set<std::string>{"a.bin", "c.txt", "x.bin", "z.bin"}), Seen(kCarol));
     ASSERT_EQ(0, Run(kCarol, {"--json", "info", "x.bin"})) << Err(kCarol);
     const auto info = nlohmann::json::parse(Out(kCarol));
-    EXPECT_EQ(1000, info.at("size"));
-    EXPECT_EQ(kAlice, info.at("creator"));
-    EXPECT_EQ(100.0, info.at("server_percent"));
-    EXPECT_EQ(false, info.at("public"));
-    EXPECT_EQ((std::vector<uint32_t>{kCarol}), info.at("allowed").get<std::vector<uint32_t>>());
+    EXPECT_EQ(nlohmann::json({1000, kAlice, 100.0, false, {kCarol}}),
+              nlohmann::json({info.at("size"), info.at("creator"), info.at("server_percent"), info.at("public"), info.at("allowed")}));
 
     // Several files of one name are refused with their numbers; a number
     // fetches one. Files of two folders go one by one.

@@ -71,18 +71,10 @@ TEST(CliEvents, EachEventLeavesTheCatalogAsItsBytesSay)
 {
     const Bytes kDownload = Bytes().Record(1 << 0 | 1 << 1 | 1 << 3,
                                            Bytes().U16(7).Text("/home/bob/in\\").Text("a(1).bin"));
-    struct Row
-    {
-        const char* szName;
-        std::vector<std::pair<uint16_t, Bytes>> vecEvents;  // applied in order, the first as a joining list
-        uint16_t usFileID;
-        bool bKnown;
-        double dServer;
-        bool bPublic;
-        std::vector<uint32_t> vecAllowed;
-        ZV_CliDownload eDownload;
-        std::string sTarget;
-    } aRows[] = {
+    // applied in order, the first as a joining list
+    struct Row { const char* szName; std::vector<std::pair<uint16_t, Bytes>> vecEvents; uint16_t usFileID;
+                 bool bKnown; double dServer; bool bPublic; std::vector<uint32_t> vecAllowed;
+                 ZV_CliDownload eDownload; std::string sTarget; } aRows[] = {
         {"an added file, kept to two users", {{3000, Head(3000, 0, 7) + Brief("a.bin", {10002, 10003}, false) + Bytes().F64(40)}},
          7, true, 40, false, {10002, 10003}, ZV_CliDownload::None, ""},
         {"a refused add names no file", {{3000, Head(3000, 40, 7) + Brief("a.bin", {}, true) + Bytes().F64(0)}},
@@ -161,19 +153,9 @@ TEST(CliSettings, EachSettingComesFromTheFirstPlaceThatGivesIt)
 {
     const std::string kToml = "server = \"files.example:7200\"\nconference = 100\nuser = 10001\nname = \"alice\"\n"
                               "secret_file = \"alice.secret\"\n";
-    struct Row
-    {
-        const char* szName;
-        ZV_CliValues mapOptions;
-        std::map<std::string, std::string> mapEnv;
-        std::string sToml;
-        bool bOk;
-        std::string sServer;
-        uint16_t usPort;
-        uint32_t ulUser;
-        std::string sSecretFile;
-        std::string sHome;
-    } aRows[] = {
+    struct Row { const char* szName; ZV_CliValues mapOptions; std::map<std::string, std::string> mapEnv;
+                 std::string sToml; bool bOk; std::string sServer; uint16_t usPort; uint32_t ulUser;
+                 std::string sSecretFile; std::string sHome; } aRows[] = {
         {"the file alone, a relative path from its folder", {}, {{"HOME", "/h"}}, kToml, true, "files.example", 7200,
          10001, "/etc/rc/alice.secret", "/h/.local/share/roomcrate"},
         {"the environment over the file", {}, {{"ROOMCRATE_USER", "10002"}, {"XDG_DATA_HOME", "/d"}}, kToml, true,
@@ -216,12 +198,7 @@ TEST(CliSettings, TheSecretComesFromItsFileOrTheEnvironmentAndAnEmptyFileIsRefus
     QB_TempFolder tmp;
     std::ofstream(tmp.Path() + "/good") << "s3cret\nmore\n";
     std::ofstream(tmp.Path() + "/empty") << "\n";
-    struct Row
-    {
-        const char* szName;
-        std::string sFile;
-        const char* szEnv;
-        std::optional<std::string> osSecret;
+    struct Row { const char* szName; std::string sFile; const char* szEnv; std::optional<std::string> osSecret;
     } aRows[] = {
         {"its file's first line", tmp.Path() + "/good", "env", std::string("s3cret")},
         {"the environment without a file", "", "env", std::string("env")},
@@ -241,12 +218,7 @@ TEST(CliSettings, TheSecretComesFromItsFileOrTheEnvironmentAndAnEmptyFileIsRefus
 TEST(CliFiles, AWordNamesOneFileOrIsRefusedWithTheNumbersOfAllItCouldMean)
 {
     const std::map<uint16_t, std::string> mapNames = {{3, "a.bin"}, {5, "b.txt"}, {8, "b.txt"}, {12, "5"}};
-    struct Row
-    {
-        const char* szWord;
-        std::optional<uint16_t> ousFileID;
-        std::vector<uint16_t> vecMatches;
-    } aRows[] = {
+    struct Row { const char* szWord; std::optional<uint16_t> ousFileID; std::vector<uint16_t> vecMatches; } aRows[] = {
         {"a.bin", 3, {3}},       {"b.txt", std::nullopt, {5, 8}}, {"8", 8, {}},      {"5", 12, {12}},
         {"99", std::nullopt, {}}, {"c", std::nullopt, {}},         {"65539", std::nullopt, {}},
     };
@@ -261,12 +233,7 @@ TEST(CliFiles, AWordNamesOneFileOrIsRefusedWithTheNumbersOfAllItCouldMean)
 TEST(CliFiles, AWordNamesOneUserByNumberOrByANameNoOtherBears)
 {
     const std::map<uint32_t, std::string> mapNames = {{10001, "alice"}, {10002, "bob"}, {20002, "bob"}, {10003, "carol"}};
-    struct Row
-    {
-        const char* szWord;
-        std::optional<uint32_t> oulUser;
-        std::vector<uint32_t> vecMatches;
-    } aRows[] = {
+    struct Row { const char* szWord; std::optional<uint32_t> oulUser; std::vector<uint32_t> vecMatches; } aRows[] = {
         {"carol", 10003, {10003}},       {"bob", std::nullopt, {10002, 20002}}, {"10002", 10002, {}},
         {"30001", 30001, {}},            {"dave", std::nullopt, {}},            {"Carol", std::nullopt, {}},
         {"0", std::nullopt, {}},         {"4294967296", std::nullopt, {}},      {"", std::nullopt, {}},
@@ -294,16 +261,8 @@ TEST(CliFiles, AFetchedFileTakesTheFirstFreeNameBesideThoseThere)
 
 TEST(CliShell, ALineBecomesACommandOrIsRefusedWithAReason)
 {
-    struct Row
-    {
-        const char* szLine;
-        bool bOk;
-        std::string sVerb;
-        std::vector<std::string> vecArgs;
-        std::vector<std::string> vecUsers;
-        bool bPublic;
-        std::string sOutDir;
-    } aRows[] = {
+    struct Row { const char* szLine; bool bOk; std::string sVerb; std::vector<std::string> vecArgs;
+                 std::vector<std::string> vecUsers; bool bPublic; std::string sOutDir; } aRows[] = {
         {"share a.bin \"my notes.txt\" --to 10002 carol", true, "share", {"a.bin", "my notes.txt"}, {"10002", "carol"}, false, "."},
         {"get 7 b.txt -o /tmp/in", true, "get", {"7", "b.txt"}, {}, false, "/tmp/in"},
         {"allow a.bin bob 10003", true, "allow", {"a.bin"}, {"bob", "10003"}, false, "."},
@@ -342,12 +301,7 @@ TEST(CliOutput, TablesAndBarsAreLaidOutInTheirColumns)
     ZV_CliFileInfo report{7, "report.pdf", 5 << 20, 10001, "alice", 100, true, {}, "downloading", 42.6};
     ZV_CliFileInfo notes{12, "my notes.txt", 812, 10002, "", 37.5, false, {10001}, "-", 0};
     const std::string kHead = "   ID        SIZE    HELD  MINE              SHARED BY         NAME\n";
-    const struct
-    {
-        const char* szName;
-        std::function<std::string()> fnRender;
-        std::string sExpected;
-    } aRows[] = {
+    const struct { const char* szName; std::function<std::string()> fnRender; std::string sExpected; } aRows[] = {
         {"ls: a download under way, a creator known by number",
          [&] { return Ls({report, notes}); },
          kHead + "    7     5.0 MiB    100%  downloading 42%   alice             report.pdf\n"

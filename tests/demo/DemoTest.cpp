@@ -18,7 +18,7 @@ struct DemoRun
 {
     int nExit = -1;
     std::string sOutput;
-    size_t nLeftBehind = 0;  // entries the demo left in the temporary folder
+    size_t nLeftBehind = 0;  // in the temporary folder
 };
 
 // Runs the demo in `cwd` with `sArgs` (shell words), TMPDIR at `tmp` and
@@ -29,14 +29,10 @@ DemoRun RunDemo(const fs::path& cwd, const fs::path& tmp, const std::string& sAr
     const fs::path out = cwd / "demo-output.txt";
     const std::string sCommand = "cd '" + cwd.string() + "' && " + sEnv + " TMPDIR='" + tmp.string() +
                                  "' '" ROOMCRATE_DEMO "' " + sArgs + " >'" + out.string() + "' 2>&1";
-    DemoRun run;
     const int nStatus = std::system(sCommand.c_str());
-    run.nExit = WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -1;
-    std::ifstream in(out);
-    run.sOutput.assign(std::istreambuf_iterator<char>(in), {});
-    for ([[maybe_unused]] const auto& entry : fs::directory_iterator(tmp))
-        ++run.nLeftBehind;
-    return run;
+    const std::vector<uint8_t> vbOut = QB_ReadWholeFile(out.string());
+    return {WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -1, std::string(vbOut.begin(), vbOut.end()),
+            (size_t)std::distance(fs::directory_iterator(tmp), fs::directory_iterator())};
 }
 
 } // namespace
@@ -53,15 +49,8 @@ TEST(Demo, SaysWhatBecameOfEveryFileNamedFromTheFolderItRunsIn)
     QB_WriteWholeFile((cwd / "back\\slash.txt").string(), "x");
     QB_WriteWholeFile((cwd / "smile\xF0\x9F\x98\x80.txt").string(), "x");
     const std::string sCwd = cwd.string();
-    const struct
-    {
-        const char* szRow;
-        std::string sArgs;
-        int nExit;
-        std::vector<std::string> vecSaid;
-        std::vector<std::string> vecNotSaid;
-        size_t nLeftBehind;
-    } aRows[] = {
+    const struct { const char* szRow; std::string sArgs; int nExit; std::vector<std::string> vecSaid, vecNotSaid;
+                   size_t nLeftBehind; } aRows[] = {
         {"help", "--help", 0, {"usage: run-demo", "--keep"}, {"Conference"}, 0},
         {"a missing file, in one line", "nosuch.txt", 2, {"run-demo: no such file: nosuch.txt\n"}, {"usage"}, 0},
         {"a folder, in one line", "a", 2, {"run-demo: not a file: a\n"}, {"usage"}, 0},
@@ -131,11 +120,8 @@ TEST(Demo, AnInterruptAtAnyStageEndsItWithOneLineAndStatus130)
     QB_TempFolder tmp;
     const fs::path cwd = tmp.Sub("cwd");
     fs::create_directories(cwd);
-    const struct
-    {
-        const char* szStage;
-        const char* szLastSaid;  // the stage's first line, which comes before the end
-    } aRows[] = {
+    // szLastSaid: the stage's first line, which comes before the end
+    const struct { const char* szStage; const char* szLastSaid; } aRows[] = {
         {"join", "Conference 100 on server 1: Alice and Bob join.\n"},
         {"share", "Alice shares notes.txt by itself.\n"},
         {"store", "Server 1 stores the conference's files in "},

@@ -1,8 +1,15 @@
 // roomcrate-server and the test client as people run them: real processes
 // on loopback, each step bounded in time, the bytes compared at the end;
-// each test in the clear without logins, and on TLS with logins.
+// each test in the clear without logins, and on TLS with logins. A peer
+// that does not keep to the wire or cannot prove who it is gets a closed
+// connection and a log line, and no manager hears of it (a PDU that reached
+// one would print its trace line on the server's standard output).
 #include "ZV_NetProcess.h"
+#include "ZV_NetWire.h"
+#include "ZV_TestPki.h"
 #include "ZV_TestProxy.h"
+
+#include "IZV_FileShare.h"
 
 #include <gtest/gtest.h>
 
@@ -10,10 +17,12 @@
 
 namespace {
 
+using Bytes = std::vector<uint8_t>;
 constexpr uint32_t kAlice = 10001;
 constexpr uint32_t kBob = 10002;
 constexpr uint32_t kCarol = 10003;
 constexpr size_t kMiB = 1 << 20;
+constexpr int kExitRefused = 5;
 // A downloader this slow takes a few seconds over a file of 2 MiB, long
 // enough to be cut, killed or have its server restarted in the middle.
 const std::vector<std::string> kSlow = {"--rate", "600000"};
@@ -36,48 +45,98 @@ struct NetProcess : ::testing::TestWithParam<ZV_NetMode>
     {
         return ZV_StartClient(setup, sName, ulUser, sServer, vecSteps, vecOptions);
     }
-    // Alice shares a file of nBytes and leaves once the server has it all.
     void AliceShares(const std::string& sServer, const std::string& sName, size_t nBytes)
     {
         ZV_WriteRandomFile(At(sName), nBytes, (unsigned)nBytes);
         ASSERT_EQ(0, RunClient("alice", kAlice, sServer, {"share", sName}));
     }
-    // Waits until a download has some bytes and not all of them.
-    bool PartWay(const std::string& sTarget, uint64_t ullBytes)
-    {
-        return ZV_WaitFor([&] { return ZV_FileSize(At(sTarget)) >= ullBytes; });
-    }
+    bool PartWay(const std::string& sTarget) { return ZV_WaitFor([&] { return ZV_FileSize(At(sTarget)) >= kMiB / 2; }); }
 };
 
-// The first "progress" line of a client's output: how far its download
-// stood when the first block came.
+// How far a client's download stood at its first "progress" line.
 double FirstProgress(const std::string& sOut)
 {
     const size_t nAt = sOut.find("progress ");
-    if (nAt == std::string::npos)
-        return -1;
-    const size_t nValue = sOut.find(' ', nAt + 9);
-    return std::atof(sOut.c_str() + nValue + 1);
+    return nAt == std::string::npos ? -1 : std::atof(sOut.c_str() + sOut.find(' ', nAt + 9) + 1);
 }
+
+Bytes Hello(uint16_t usKind, uint32_t ulConf = 100, uint16_t usVersion = zvNetVersion)
+{
+    const auto ab = ZV_WriteHello({usVersion, usKind, ulConf, 10001});
+    return Bytes(ab.begin(), ab.end());
+}
+
+Bytes Frame(uint16_t usWord, uint16_t usPdu, uint32_t ulLen, size_t nPayload)
+{
+    const auto ab = ZV_WriteFrameHead({usWord, usPdu, 0, 0, ulLen});
+    Bytes vb(ab.begin(), ab.end());
+    vb.resize(vb.size() + nPayload, 0x41);
+    return vb;
+}
+
+Bytes operator+(Bytes a, const Bytes& b)
+{
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+// What a log or a trace gained since a mark.
+struct Since
+{
+    std::function<std::string()> fnText;
+    size_t nMark = fnText().size();
+    std::string Text() const { return fnText().substr(nMark); }
+    bool Shows(const std::string& sWhat) const
+    {
+        return ZV_WaitFor([&] { return Text().find(sWhat) != std::string::npos; });
+    }
+};
 
 }  // namespace
 
-// The server stopped and started again under a download shows its files,
-// and its clients go on; a second login of a user takes the place of the
-// first.
-TEST_P(NetProcess, ClientsShareAndFetchByteForByteThroughARestartAndASecondLogin)
+// The server stopped and started again under a download shows its files and
+// its clients go on; a client killed in the middle of a download asks for
+// nothing once started again and goes on from what its file holds; one whose
+// link is cut and restored within the grace period ends byte for byte and
+// leaves only at its goodbye; a second login of a user takes the place of
+// the first.
+TEST_P(NetProcess, ClientsFetchByteForByteThroughARestartAKillACutLinkAndASecondLogin)
 {
     ZV_ServerUnderTest server(setup, At("srv1"), 1);
     ASSERT_TRUE(server.Start(true));
     AliceShares(server.GetAddress(), "a.bin", 2 * kMiB + 123);
+    AliceShares(server.GetAddress(), "k.bin", 2 * kMiB);
     auto lpBob = StartClient("bob", kBob, server.GetAddress(), {"get", "a.bin", "b.bin"}, kSlow);
-    ASSERT_TRUE(PartWay("b.bin", kMiB / 2));
+    ASSERT_TRUE(PartWay("b.bin"));
     ASSERT_EQ(0, server.Stop()) << "SIGTERM is a clean exit";
     ASSERT_TRUE(server.Start());
     EXPECT_EQ(0, lpBob->Wait());
     EXPECT_TRUE(ZV_SameFiles(At("a.bin"), At("b.bin")));
     EXPECT_EQ(0, RunClient("carol", kCarol, server.GetAddress(), {"get", "a.bin", "c.bin"}));
     EXPECT_TRUE(ZV_SameFiles(At("a.bin"), At("c.bin")));
+
+    lpBob = StartClient("bob", kBob, server.GetAddress(), {"get", "k.bin", "kb.bin"}, kSlow);
+    ASSERT_TRUE(PartWay("kb.bin"));
+    lpBob->Signal(SIGKILL);
+    lpBob->Wait();
+    std::filesystem::rename(At("bob.out"), At("bob-first.out"));
+    EXPECT_EQ(0, RunClient("bob", kBob, server.GetAddress(), {"await", "k.bin"}));
+    EXPECT_TRUE(ZV_SameFiles(At("k.bin"), At("kb.bin")));
+    EXPECT_GE(FirstProgress(ZV_ReadText(At("bob.out"))), 20.0) << "it started again from its file's end";
+
+    ZV_TestProxy proxy(ZV_FreeLowPort(), server.GetPort());
+    auto lpCarol = StartClient("carol", kCarol, proxy.GetAddress(), {"get", "k.bin", "kc.bin"}, kSlow);
+    ASSERT_TRUE(PartWay("kc.bin"));
+    const Since log{[&] { return server.Log(); }};
+    proxy.Cut();
+    ASSERT_TRUE(log.Shows("carol (10003) lost its link"));
+    proxy.Restore();
+    EXPECT_EQ(0, lpCarol->Wait()) << ZV_ReadText(At("carol.err")) << server.Log();
+    EXPECT_TRUE(ZV_SameFiles(At("k.bin"), At("kc.bin")));
+    EXPECT_EQ(log.Text().find("carol (10003) left"), log.Text().find("carol (10003) left conference 100: said goodbye"))
+        << "carol only lost her link, and left at her goodbye";
+    EXPECT_EQ(log.Text().find(", returning"), std::string::npos);
+    EXPECT_EQ(proxy.Recorded().find("RCRT") == std::string::npos, GetParam().bTls) << "on TLS no byte shows";
 
     auto Count = [&](const std::string& sWhat) { return QB_CountInFiles(server.GetDir() + "/server.err", sWhat); };
     const size_t nIn = Count("bob (10002) is in conference 100"), nAgain = Count("bob (10002) logs in again");
@@ -89,39 +148,6 @@ TEST_P(NetProcess, ClientsShareAndFetchByteForByteThroughARestartAndASecondLogin
     EXPECT_EQ(Count("bob (10002) logs in again"), nAgain + 1);
     EXPECT_EQ(0, server.Stop());
     EXPECT_EQ(Count("traffic is in the clear"), GetParam().bTls ? 0u : 2u) << "once a start";
-}
-
-// A client killed in the middle of a download asks for nothing once started
-// again: its server lists the download, and it goes on from what its file
-// holds. One whose link is cut and restored within the grace period ends
-// byte for byte, and leaves only at its goodbye.
-TEST_P(NetProcess, ADownloadGoesOnWhereItStoodAfterAKillOrACutLink)
-{
-    ZV_ServerUnderTest server(setup, At("srv1"), 1);
-    ASSERT_TRUE(server.Start());
-    AliceShares(server.GetAddress(), "a.bin", 2 * kMiB);
-    auto lpBob = StartClient("bob", kBob, server.GetAddress(), {"get", "a.bin", "b.bin"}, kSlow);
-    ASSERT_TRUE(PartWay("b.bin", kMiB / 2));
-    lpBob->Signal(SIGKILL);
-    lpBob->Wait();
-    std::filesystem::rename(At("bob.out"), At("bob-first.out"));
-    EXPECT_EQ(0, RunClient("bob", kBob, server.GetAddress(), {"await", "a.bin"}));
-    EXPECT_TRUE(ZV_SameFiles(At("a.bin"), At("b.bin")));
-    EXPECT_GE(FirstProgress(ZV_ReadText(At("bob.out"))), 20.0) << "it started again from its file's end";
-
-    ZV_TestProxy proxy(ZV_FreeLowPort(), server.GetPort());
-    auto lpCarol = StartClient("carol", kCarol, proxy.GetAddress(), {"get", "a.bin", "c.bin"}, kSlow);
-    ASSERT_TRUE(PartWay("c.bin", kMiB / 2));
-    proxy.Cut();
-    ASSERT_TRUE(ZV_WaitFor([&] { return server.Log().find("carol (10003) lost its link") != std::string::npos; }));
-    proxy.Restore();
-    EXPECT_EQ(0, lpCarol->Wait()) << ZV_ReadText(At("carol.err")) << server.Log();
-    EXPECT_TRUE(ZV_SameFiles(At("a.bin"), At("c.bin")));
-    const std::string sLog = server.Log();
-    EXPECT_EQ(sLog.find("carol (10003) left"), sLog.find("carol (10003) left conference 100: said goodbye"))
-        << "carol only lost her link, and left at her goodbye";
-    EXPECT_EQ(sLog.find(", returning"), std::string::npos);
-    EXPECT_EQ(proxy.Recorded().find("RCRT") == std::string::npos, GetParam().bTls) << "on TLS no byte shows";
 }
 
 // Server 2 waits for server 1's call; the file travels through both.
@@ -153,12 +179,7 @@ TEST_P(NetProcess, AUserLeavesOnAGoodbyeOrWhenNotBackWithinTheGracePeriod)
 {
     ZV_ServerUnderTest server(setup, At("srv1"), 1, {}, 2);
     ASSERT_TRUE(server.Start());
-    const struct
-    {
-        const char* szCase;
-        std::vector<std::string> vecOptions;
-        bool bGoneAtOnce;
-    } aRows[] = {
+    const struct { const char* szCase; std::vector<std::string> vecOptions; bool bGoneAtOnce; } aRows[] = {
         {"a goodbye", {}, true},
         {"a lost link", {"--no-goodbye"}, false},
     };
@@ -177,5 +198,153 @@ TEST_P(NetProcess, AUserLeavesOnAGoodbyeOrWhenNotBackWithinTheGracePeriod)
               std::string::npos);
 }
 
+// On TLS with logins the peer logs in before its frames, so that they meet
+// the same checks behind the login.
+TEST_P(NetProcess, ABadPeerGetsItsConnectionClosedWithALogLineAndReachesNoManager)
+{
+    ZV_ServerUnderTest server(setup, At("srv1"), 1);
+    ASSERT_TRUE(server.Start());
+    ZV_RawPeer peer(setup);
+    const struct { const char* szCase; Bytes vbSent; bool bEndStream; const char* szLogged; } aRows[] = {
+        {"a stream of garbage", Bytes(40, 0x47), false, "it does not begin with \"RCRT\""},
+        {"an unknown version", Hello(zvConfClientTypeCommand, 100, 9), false, "unknown protocol version"},
+        {"a hello for a conference not hosted here", Hello(zvConfClientTypeCommand, 999), false,
+         "conference not hosted here"},
+        {"a data connection without its command connection", Hello(zvConfClientTypeData), false,
+         "a data link before the command link"},
+        {"a frame with a huge length", Hello(0) + Frame(100, 8001, 0xFFFFFFFF, 0), false, "(4294967295)"},
+        {"a frame one byte longer than a module sends", Hello(0) + Frame(100, 8001, 65472, 0), false,
+         "longer than 65471 bytes (65472)"},
+        {"a frame of a conference the link is not in", Hello(0) + Frame(200, 8001, 4, 4), false,
+         "a frame for conference word 200 on a link of conference 100"},
+        {"a frame cut short", Hello(0) + Frame(100, 8001, 100, 10), true, "the stream ended inside a frame"},
+        {"a frame head cut short", Hello(0) + Bytes(5, 0), true, "the stream ended inside a frame head"},
+        {"a host frame nobody knows", Hello(0) + Frame(100, 7, 0, 0), false, "host's own numbers it does not know (7)"},
+    };
+    for (const auto& row : aRows)
+    {
+        SCOPED_TRACE(row.szCase);
+        EXPECT_TRUE(peer.SendAndSeeClosed(server.GetPort(), row.vbSent, row.bEndStream));
+        EXPECT_TRUE(ZV_WaitFor([&] { return server.Log().find(row.szLogged) != std::string::npos; },
+                               std::chrono::seconds(3)));
+    }
+    EXPECT_EQ(server.Trace().find("recv a"), std::string::npos) << server.Trace();
+    EXPECT_EQ(0, RunClient("bob", kBob, server.GetAddress(), {"list"})) << "the server goes on";
+}
+
 INSTANTIATE_TEST_SUITE_P(Modes, NetProcess, ::testing::Values(kNetClear, kNetSecure),
                          [](const auto& info) { return std::string(info.param.szName); });
+
+// In the clear, so that a login can be recorded on the way and replayed.
+// Every refusal counts against the address: each login waits longer.
+TEST(NetSecurity, ALoginThatProvesNothingIsClosedLoggedSlowedDownAndReachesNoManager)
+{
+    QB_TempFolder tmp;
+    ZV_NetSetup setup(tmp.Path(), kNetLoginsInTheClear);
+    ZV_ServerUnderTest server(setup, tmp.Path() + "/srv1", 1);
+    ASSERT_TRUE(server.Start());
+    ZV_TestProxy proxy(ZV_FreeLowPort(), server.GetPort());
+    ASSERT_EQ(0, ZV_RunClient(setup, "recorded", kBob, proxy.GetAddress(), {"list"}));
+    const std::string sRecorded = proxy.Recorded();
+
+    const Since trace{[&] { return server.Trace(); }};
+    const Since log{[&] { return server.Log(); }};
+    // vecOptions none: the recorded login replayed
+    const struct { const char* szCase; std::vector<std::string> vecOptions; const char* szLogged; } aRows[] = {
+        {"a wrong secret", {"--name", "bob", "--secret-file", setup.SecretFile("alice")},
+         "its login was refused: its proof does not hold for user \"bob\""},
+        {"an unknown user", {"--name", "mallory", "--secret-file", setup.SecretFile("alice")},
+         "its login was refused: no user \"mallory\" has credentials here"},
+        {"a login of another user than the hello names", {"--name", "alice", "--secret-file", setup.SecretFile("alice")},
+         "its login as \"alice\" is not the one its hello names"},
+        {"a replayed login", {}, "its login was refused: its proof does not hold for user \"bob\""},
+    };
+    for (const auto& row : aRows)
+    {
+        SCOPED_TRACE(row.szCase);
+        const Since rowLog{[&] { return server.Log(); }};
+        if (row.vecOptions.empty())
+            EXPECT_TRUE(ZV_RawPeer(setup, false)
+                            .SendAndSeeClosed(server.GetPort(), {sRecorded.begin(), sRecorded.end()}, false));
+        else
+            EXPECT_EQ(kExitRefused, ZV_StartClientAs(tmp.Path(), "refused", kBob, server.GetAddress(), {"list"},
+                                                     row.vecOptions)
+                                        ->Wait());
+        EXPECT_TRUE(rowLog.Shows(row.szLogged));
+        EXPECT_NE(rowLog.Text().find("from 127.0.0.1:"), std::string::npos) << "the line names the address";
+    }
+    EXPECT_EQ(trace.Text().find("recv a"), std::string::npos) << trace.Text();
+    EXPECT_EQ(log.Text().find("is in conference"), std::string::npos) << log.Text();
+    const auto tpStart = std::chrono::steady_clock::now();
+    EXPECT_EQ(0, ZV_RunClient(setup, "bob", kBob, server.GetAddress(), {"list"}));
+    EXPECT_GE(std::chrono::steady_clock::now() - tpStart, std::chrono::milliseconds(800));
+    EXPECT_NE(log.Text().find("failed logins from 127.0.0.1 lately: 4; its login waits 800 ms"), std::string::npos)
+        << log.Text();
+}
+
+// Server 1 dials server 2 with a link secret that is not the one server 2
+// keeps the keys of.
+TEST(NetSecurity, AServerLinkWithoutItsLinkSecretIsClosedLoggedAndCarriesNothing)
+{
+    QB_TempFolder tmp;
+    ZV_NetSetup setup(tmp.Path(), kNetSecure);
+    ZV_ServerUnderTest server2(setup, tmp.Path() + "/srv2", 2, {}, 600, 1001);
+    server2.AddPeer(1, 0);
+    ASSERT_TRUE(server2.Start());
+    QB_WriteWholeFile(tmp.Path() + "/link.secret", "not the secret of the link\n");
+    ZV_ServerUnderTest server1(setup, tmp.Path() + "/srv1", 1);
+    server1.AddPeer(2, server2.GetPort());
+    ASSERT_TRUE(server1.Start());
+    const Since log2{[&] { return server2.Log(); }, 0}, log1{[&] { return server1.Log(); }, 0};
+    EXPECT_TRUE(log2.Shows("its login was refused: its proof does not hold for server \"1\""));
+    EXPECT_TRUE(log1.Shows("the server refused it: login refused"));
+    EXPECT_EQ(server2.Log().find("server link to server"), std::string::npos);
+    EXPECT_EQ(server1.Log().find("server link to server"), std::string::npos);
+    EXPECT_EQ(server2.Trace().find("recv a"), std::string::npos);
+}
+
+// The server's certificate is signed by the test's authority, for an
+// address the client does not dial; the other server asks for no login, and
+// so proves nothing of itself.
+TEST(NetSecurity, AClientRefusesAServerThatDoesNotProveWhoItIs)
+{
+    QB_TempFolder tmp;
+    ZV_NetSetup setup(tmp.Path(), kNetSecure);
+    ASSERT_TRUE(ZV_MakeCertificates(tmp.Path(), "net", "127.0.0.2", "net"));
+    ASSERT_TRUE(ZV_MakeCertificates(tmp.Path(), "other", "127.0.0.1"));
+    ZV_ServerUnderTest server(setup, tmp.Path() + "/srv1", 1);
+    ASSERT_TRUE(server.Start());
+    ZV_NetSetup setupOpen(tmp.Path() + "/open", kNetClear);
+    ZV_ServerUnderTest serverOpen(setupOpen, tmp.Path() + "/srv-open", 1);
+    ASSERT_TRUE(serverOpen.Start());
+    const std::string sPort = std::to_string(server.GetPort());
+    // sTrust empty: in the clear
+    const struct { const char* szCase; ZV_ServerUnderTest& server; std::string sAddress, sTrust, sWhy; } aRows[] = {
+        {"a certificate of another authority", server, "127.0.0.1:" + sPort, tmp.Path() + "/other-ca.pem",
+         "the peer's certificate is not trusted: unable to get local issuer"},
+        {"a certificate for another address", server, "127.0.0.1:" + sPort, setup.TrustFile(),
+         "the peer's certificate is not trusted: IP address mismatch"},
+        {"a certificate for no host name", server, "localhost:" + sPort, setup.TrustFile(),
+         "the peer's certificate is not trusted: hostname mismatch"},
+        {"no login asked", serverOpen, serverOpen.GetAddress(), "", "let it in without a login"},
+    };
+    for (const auto& row : aRows)
+    {
+        SCOPED_TRACE(row.szCase);
+        const Since log{[&] { return row.server.Log(); }};
+        std::vector<std::string> vecOptions = {"--name", "bob", "--secret-file", setup.SecretFile("bob")};
+        if (!row.sTrust.empty())
+            vecOptions.insert(vecOptions.end(), {"--trust", row.sTrust});
+        EXPECT_EQ(kExitRefused, ZV_StartClientAs(tmp.Path(), "refusing", kBob, row.sAddress, {"list"}, vecOptions)
+                                    ->Wait());
+        const std::string sErr = ZV_ReadText(tmp.Path() + "/refusing.err");
+        EXPECT_NE(sErr.rfind(row.sWhy), std::string::npos) << sErr;
+        EXPECT_TRUE(row.sTrust.empty() || log.Shows("the TLS handshake failed"));
+        EXPECT_EQ(log.Text().find("is in conference"), std::string::npos);
+    }
+    // A login on one TLS session proves nothing on another.
+    ZV_RawPeer peer(setup);
+    const std::string sBinding = peer.BindingOf(server.GetPort());
+    EXPECT_EQ(sBinding.size(), 32u);
+    EXPECT_NE(sBinding, peer.BindingOf(server.GetPort()));
+}

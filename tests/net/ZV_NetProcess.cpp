@@ -155,46 +155,6 @@ ZV_NetSetup::ZV_NetSetup(const std::string& sDir, const ZV_NetMode& mode) : m_sD
     QB_WriteWholeFile(m_sDir + "/link.secret", "the secret of the link\n");
 }
 
-std::string ZV_NetSetup::ServerLines() const
-{
-    std::string s = m_mode.bLogins ? "logins = true\nlogin_delay_ms = 100\n" : "logins = false\n";
-    if (m_mode.bTls)
-        s += "certificate = \"" + m_sDir + "/net.pem\"\nprivate_key = \"" + m_sDir + "/net.key\"\ntrust = \"" +
-             TrustFile() + "\"\n";
-    return s;
-}
-
-std::string ZV_NetSetup::DialledPeerLines() const
-{
-    return m_mode.bLogins ? "secret_file = \"" + m_sDir + "/link.secret\"\n" : "";
-}
-
-bool ZV_NetSetup::WriteCredentials(const std::string& sConfig, const std::vector<std::string>& vecNames,
-                                   const std::vector<uint32_t>& vecPeers) const
-{
-    auto Passwd = [&](const std::vector<std::string>& vecWho, const std::string& sSecretFile) {
-        std::vector<std::string> vecArgs = {ROOMCRATE_SERVER, "passwd", "--config", sConfig};
-        vecArgs.insert(vecArgs.end(), vecWho.begin(), vecWho.end());
-        return ZV_Process(m_sDir, vecArgs, "passwd.out", "passwd.err", sSecretFile).Wait() == 0;
-    };
-    bool bDone = true;
-    for (const std::string& sName : vecNames)
-        bDone = bDone && Passwd({sName}, SecretFile(sName));
-    for (uint32_t ulPeer : vecPeers)
-        bDone = bDone && Passwd({"--peer", std::to_string(ulPeer)}, m_sDir + "/link.secret");
-    return bDone;
-}
-
-std::vector<std::string> ZV_NetSetup::ClientOptions(const std::string& sName) const
-{
-    std::vector<std::string> vecOptions;
-    if (m_mode.bLogins)
-        vecOptions = {"--name", sName, "--secret-file", SecretFile(sName)};
-    if (m_mode.bTls)
-        vecOptions.insert(vecOptions.end(), {"--trust", TrustFile()});
-    return vecOptions;
-}
-
 ZV_ServerUnderTest::ZV_ServerUnderTest(const ZV_NetSetup& setup, const std::string& sDir, uint32_t ulServer,
                                        const std::string& sExtra, int nGraceSeconds, uint16_t usFileIDMin)
     : m_setup(setup),
@@ -207,20 +167,18 @@ ZV_ServerUnderTest::ZV_ServerUnderTest(const ZV_NetSetup& setup, const std::stri
     std::filesystem::create_directories(sDir);
 }
 
-void ZV_ServerUnderTest::AddPeer(uint32_t ulPeer, uint16_t usPort)
-{
-    m_vecPeers.emplace_back(ulPeer, usPort);
-}
-
-// Users 10001, 10002, 10003 on server 1 and 20001... on server 2, with the
-// names alice, bob, carol on each.
 void ZV_ServerUnderTest::WriteConfig()
 {
+    const ZV_NetMode& mode = m_setup.GetMode();
+    const std::string& sDir = m_setup.GetDir();
     std::ofstream file(m_sDir + "/server.toml");
     file << "[server]\nnumber = " << m_ulServer << "\nport = " << m_usPort
          << "\nport_file = \"server.port\"\nhome = \"home\"\ngrace_seconds = " << m_nGraceSeconds << "\n"
-         << m_setup.ServerLines() << "\n[[conference]]\nid = 100\nfile_ids = [" << m_usFileIDMin << ", "
-         << m_usFileIDMin + 999 << "]\n";
+         << (mode.bLogins ? "logins = true\nlogin_delay_ms = 100\n" : "logins = false\n");
+    if (mode.bTls)
+        file << "certificate = \"" << sDir << "/net.pem\"\nprivate_key = \"" << sDir << "/net.key\"\ntrust = \""
+             << m_setup.TrustFile() << "\"\n";
+    file << "\n[[conference]]\nid = 100\nfile_ids = [" << m_usFileIDMin << ", " << m_usFileIDMin + 999 << "]\n";
     for (int i = 0; i < 3; ++i)
         file << "\n[[conference.user]]\nnumber = " << m_ulServer * 10000 + 1 + i << "\nname = \"" << kUserNames[i]
              << "\"\n";
@@ -229,7 +187,8 @@ void ZV_ServerUnderTest::WriteConfig()
     {
         file << "\n[[peer]]\nnumber = " << ulPeer << "\n";
         if (usPort != 0)
-            file << "address = \"127.0.0.1\"\nport = " << usPort << "\n" << m_setup.DialledPeerLines();
+            file << "address = \"127.0.0.1\"\nport = " << usPort << "\n"
+                 << (mode.bLogins ? "secret_file = \"" + sDir + "/link.secret\"\n" : "");
     }
 }
 
@@ -240,12 +199,18 @@ bool ZV_ServerUnderTest::Start(bool bLowPort)
     WriteConfig();
     if (m_setup.GetMode().bLogins && !m_bCredentials)
     {
-        std::vector<uint32_t> vecDialling;
+        // roomcrate-server passwd for each user, and each peer that dials here.
+        auto Passwd = [&](const std::vector<std::string>& vecWho, const std::string& sSecretFile) {
+            std::vector<std::string> vecArgs = {ROOMCRATE_SERVER, "passwd", "--config", m_sDir + "/server.toml"};
+            vecArgs.insert(vecArgs.end(), vecWho.begin(), vecWho.end());
+            return ZV_Process(m_setup.GetDir(), vecArgs, "passwd.out", "passwd.err", sSecretFile).Wait() == 0;
+        };
+        m_bCredentials = true;
+        for (const char* szName : kUserNames)
+            m_bCredentials = m_bCredentials && Passwd({szName}, m_setup.SecretFile(szName));
         for (const auto& [ulPeer, usPort] : m_vecPeers)
             if (usPort == 0)
-                vecDialling.push_back(ulPeer);
-        m_bCredentials = m_setup.WriteCredentials(m_sDir + "/server.toml", {std::begin(kUserNames), std::end(kUserNames)},
-                                                  vecDialling);
+                m_bCredentials = m_bCredentials && Passwd({"--peer", std::to_string(ulPeer)}, m_setup.GetDir() + "/link.secret");
         if (!m_bCredentials)
             return false;
     }
@@ -266,16 +231,6 @@ int ZV_ServerUnderTest::Stop()
     const int nExit = m_lpProcess->Wait(std::chrono::seconds(10));
     m_lpProcess.reset();
     return nExit;
-}
-
-void ZV_ServerUnderTest::Kill()
-{
-    m_lpProcess.reset();
-}
-
-std::string ZV_ServerUnderTest::Stored(const std::string& sName) const
-{
-    return m_sDir + "/home/conference-100/store/100/" + sName;
 }
 
 std::string ZV_UserName(uint32_t ulUser)
@@ -299,7 +254,12 @@ std::unique_ptr<ZV_Process> ZV_StartClient(const ZV_NetSetup& setup, const std::
                                            const std::string& sServer, const std::vector<std::string>& vecSteps,
                                            const std::vector<std::string>& vecOptions)
 {
-    std::vector<std::string> vecAll = setup.ClientOptions(ZV_UserName(ulUser));
+    const std::string sUser = ZV_UserName(ulUser);
+    std::vector<std::string> vecAll;
+    if (setup.GetMode().bLogins)
+        vecAll = {"--name", sUser, "--secret-file", setup.SecretFile(sUser)};
+    if (setup.GetMode().bTls)
+        vecAll.insert(vecAll.end(), {"--trust", setup.TrustFile()});
     vecAll.insert(vecAll.end(), vecOptions.begin(), vecOptions.end());
     return ZV_StartClientAs(setup.GetDir(), sName, ulUser, sServer, vecSteps, vecAll);
 }
@@ -309,9 +269,6 @@ int ZV_RunClient(const ZV_NetSetup& setup, const std::string& sName, uint32_t ul
 {
     return ZV_StartClient(setup, sName, ulUser, sServer, vecSteps, vecOptions)->Wait(std::chrono::seconds(40));
 }
-
-// ---------------------------------------------------------------------------
-// ZV_RawPeer
 
 namespace {
 

@@ -10,27 +10,22 @@
 #include <csignal>
 #include <functional>
 #include <memory>
-#include <ostream>
 #include <string>
 #include <vector>
 
-// A program running in the background; killed with SIGKILL if still
-// running when the object goes.
+// A program in the background, in folder sDir, its output appended to sOut
+// and sErr, its input from sIn when given; killed if still running at the end.
 class ZV_Process
 {
 public:
-    // Output goes to sOut and sErr (appended), the folder is sDir; standard
-    // input comes from sIn when given.
     ZV_Process(const std::string& sDir, const std::vector<std::string>& vecArgs, const std::string& sOut,
                const std::string& sErr, const std::string& sIn = {});
     ~ZV_Process();
     ZV_Process(const ZV_Process&) = delete;
     ZV_Process& operator=(const ZV_Process&) = delete;
 
-    int GetPid() const { return m_nPid; }
     void Signal(int nSignal) const;
-    // The exit status, or -1 when it is still running after the limit, or
-    // 128 + the signal that ended it.
+    // The exit status, 128 + the signal that ended it, or -1 when still running.
     int Wait(std::chrono::milliseconds msLimit = std::chrono::seconds(30));
     bool IsRunning();
 
@@ -39,16 +34,12 @@ private:
     int m_nStatus = -1;
 };
 
-// A free port below the range the kernel hands out to dialling sockets, so
-// that a client that dials it while nothing listens there can never be given
-// it as its own port.
+// A free port below the range the kernel gives dialling sockets, so that a
+// client dialling it while nothing listens can never be given it as its own.
 uint16_t ZV_FreeLowPort();
-// Waits until fnDone says yes, for at most msLimit; false when it never did.
 bool ZV_WaitFor(const std::function<bool()>& fnDone, std::chrono::milliseconds msLimit = std::chrono::seconds(20));
 std::string ZV_ReadText(const std::string& sPath);
-// Bytes of a file, 0 when there is none.
-uint64_t ZV_FileSize(const std::string& sPath);
-// A file of nBytes from a seed.
+uint64_t ZV_FileSize(const std::string& sPath);  // 0 when there is none
 void ZV_WriteRandomFile(const std::string& sPath, size_t nBytes, unsigned nSeed);
 bool ZV_SameFiles(const std::string& sA, const std::string& sB);
 
@@ -60,18 +51,13 @@ struct ZV_NetMode
     bool bTls;
     bool bLogins;
 };
-inline void PrintTo(const ZV_NetMode& mode, std::ostream* lpStream)
-{
-    *lpStream << mode.szName;
-}
 extern const ZV_NetMode kNetClear;
 extern const ZV_NetMode kNetLoginsInTheClear;
 extern const ZV_NetMode kNetSecure;
 
-// What the programs of one test share, in one folder: an authority, whose
-// certificate every client and dialling server trusts, and the one server
-// certificate it signed for 127.0.0.1; a secret per user name
-// ("NAME.secret") and the link secret ("link.secret").
+// What the programs of one test share, in one folder: an authority every
+// client and dialling server trusts, the server certificate it signed for
+// 127.0.0.1, a secret per user name ("NAME.secret") and "link.secret".
 class ZV_NetSetup
 {
 public:
@@ -81,14 +67,6 @@ public:
     std::string TrustFile() const { return m_sDir + "/net-ca.pem"; }
     std::string SecretFile(const std::string& sName) const { return m_sDir + "/" + sName + ".secret"; }
     std::string Secret(const std::string& sName) const { return "the secret of " + sName; }
-    // Lines of [server] and of a [[peer]] this server dials.
-    std::string ServerLines() const;
-    std::string DialledPeerLines() const;
-    // Runs roomcrate-server passwd for each name and each peer that dials.
-    bool WriteCredentials(const std::string& sConfig, const std::vector<std::string>& vecNames,
-                          const std::vector<uint32_t>& vecPeers) const;
-    // The test client's options to log in as sName and to trust the authority.
-    std::vector<std::string> ClientOptions(const std::string& sName) const;
 
 private:
     std::string m_sDir;
@@ -103,22 +81,19 @@ public:
     // sExtra goes at the end of the configuration (more users).
     ZV_ServerUnderTest(const ZV_NetSetup& setup, const std::string& sDir, uint32_t ulServer,
                        const std::string& sExtra = {}, int nGraceSeconds = 600, uint16_t usFileIDMin = 1);
-    // A linked server: one this server dials at usPort, or with 0 one that
-    // dials here.
-    void AddPeer(uint32_t ulPeer, uint16_t usPort);
-    // Starts it and waits for its port; the same port again after a stop.
-    // The first start takes any free port, or one from ZV_FreeLowPort when
-    // the test will restart the server or cut its clients off.
+    // A linked server this one dials at usPort, or with 0 one that dials here.
+    void AddPeer(uint32_t ulPeer, uint16_t usPort) { m_vecPeers.emplace_back(ulPeer, usPort); }
+    // Starts it and waits for its port, the same port again after a stop. The
+    // first start takes any free port, or one from ZV_FreeLowPort when the
+    // test will restart the server.
     bool Start(bool bLowPort = false);
-    // SIGTERM, and its exit status.
-    int Stop();
-    void Kill();
+    int Stop();  // SIGTERM, and its exit status
     uint16_t GetPort() const { return m_usPort; }
     std::string GetAddress() const { return "127.0.0.1:" + std::to_string(m_usPort); }
     const std::string& GetDir() const { return m_sDir; }
     std::string Log() const { return ZV_ReadText(m_sDir + "/server.err"); }
     std::string Trace() const { return ZV_ReadText(m_sDir + "/server.out"); }
-    std::string Stored(const std::string& sName) const;
+    std::string Stored(const std::string& sName) const { return m_sDir + "/home/conference-100/store/100/" + sName; }
 
 private:
     void WriteConfig();
@@ -135,13 +110,11 @@ private:
     bool m_bCredentials = false;
 };
 
-// The name users go by: alice, bob and carol for 10001..10003 at server 1,
-// and for 20001..20003 at server 2.
+// alice, bob and carol for 10001..10003 at server 1, and 20001..20003 at 2.
 std::string ZV_UserName(uint32_t ulUser);
 
-// A test client of user ulUser in conference 100, with its home below sDir,
-// doing the steps, logged in as the setup has it; its output lands in
-// sDir/NAME.out and .err.
+// A test client of user ulUser in conference 100, its home below sDir, doing
+// the steps, logged in as the setup has it; its output in sDir/NAME.out, .err.
 std::unique_ptr<ZV_Process> ZV_StartClient(const ZV_NetSetup& setup, const std::string& sName, uint32_t ulUser,
                                            const std::string& sServer, const std::vector<std::string>& vecSteps,
                                            const std::vector<std::string>& vecOptions = {});
@@ -153,13 +126,12 @@ std::unique_ptr<ZV_Process> ZV_StartClientAs(const std::string& sDir, const std:
 int ZV_RunClient(const ZV_NetSetup& setup, const std::string& sName, uint32_t ulUser, const std::string& sServer,
                  const std::vector<std::string>& vecSteps, const std::vector<std::string>& vecOptions = {});
 
-// A peer that writes bytes to a server as they are, on TLS and logged in
-// as the setup has it when the bytes begin with a hello, and then waits for
-// the server to close the connection.
+// A peer that writes bytes to a server as they are, on TLS and logged in as
+// the setup has it when they begin with a hello (unless bLogIn is false), and
+// then waits for the server to close the connection.
 class ZV_RawPeer
 {
 public:
-    // bLogIn false: the bytes go as they are even where a login is asked.
     explicit ZV_RawPeer(const ZV_NetSetup& setup, bool bLogIn = true) : m_setup(setup), m_bLogIn(bLogIn) {}
     // False when the server kept the connection open past a few seconds.
     bool SendAndSeeClosed(uint16_t usPort, const std::vector<uint8_t>& vbSent, bool bEndStream);
