@@ -125,28 +125,3 @@ TEST(SimConference, CallsOnDisconnectAndOnConnectOnBothEndsAndLosesWhatACutConne
     EXPECT_EQ(sim.Journal().At(nSent + 2).eFate, ZV_SimFate::Lost);
     EXPECT_EQ(FakeOf(shape.Server(0)).CallsOf("HandlePdu").back().usNumber, 8005);
 }
-
-// A client link is named by its client at both ends, a server link by the
-// server at the other end.
-TEST(SimConference, NamesTheClientOnBothEndsOfAClientLinkAndThePeerOnAServerLink)
-{
-    ZV_SimFakeConference sim;
-    ZV_SimShape shape = sim.TwoLinkedServers(1);
-    ZV_SimHost* lpServer = shape.Server(0);
-    ZV_SimHost* lpAlice = shape.Client(0);
-    const QB_UserID& idAlice = lpAlice->GetUserID();
-    const struct { ZV_SimHost* lpFrom; uint32_t ulConn; ZV_SimHost* lpTo; QB_UserID idNamed; } aRows[] = {
-        {lpAlice, lpAlice->GetServerLink()->GetConn(zvConfClientTypeCommand), lpServer, idAlice},
-        {lpServer, lpServer->GetUserConn(&idAlice, zvConfClientTypeData), lpAlice, idAlice},
-        {lpServer, lpServer->GetServerConn(2, zvConfServerTypeCommand, 0), shape.Server(1), QB_UserID(1, 0)},
-    };
-    for (const auto& row : aRows)
-    {
-        EXPECT_EQ(row.lpFrom->SendPdu(row.ulConn, 8001, kBlock, 2, 1, 1), 0u);
-        ASSERT_TRUE(sim.Run()) << sim.GetError();
-        EXPECT_EQ(FakeOf(row.lpTo).CallsOf("HandlePdu").back().peer, row.idNamed) << row.lpTo->GetName();
-    }
-    Kick(lpAlice);
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    EXPECT_EQ(FakeOf(lpAlice).CallsOf("OnSend").back().peer, idAlice);
-}

@@ -18,17 +18,20 @@ std::vector<uint8_t> WithConfWord(uint32_t ulConfID, std::vector<uint8_t> vbFiel
 }  // namespace
 
 // The word holds the low 16 bits of the conference id, so an id above 0xFFFF
-// shows whether both ends agree on that.
-TEST(SimConference, TakesTheConferenceWordOffEveryServerRouteBeforeTheReceiverSeesThePayload)
+// shows whether both ends agree on that. A send the host cannot carry is
+// refused and journalled, and nothing goes.
+TEST(SimConference, TakesTheConferenceWordOffEveryServerRouteAndRefusesASendItCannotCarry)
 {
     const uint32_t ulConfID = 0x30064;
     ZV_SimFakeConference sim;
-    ZV_SimShape shape = sim.TwoLinkedServers(0, ulConfID);
+    ZV_SimShape shape = sim.TwoLinkedServers(1, ulConfID);
     ZV_SimHost* lpFrom = shape.Server(0);
-    ZV_SimHost* lpTo = shape.Server(1);
-    const std::vector<uint8_t> vbPayload = WithConfWord(ulConfID, kFields);
+    ZV_SimHost* lpAlice = shape.Client(0);
+    const std::vector<uint8_t> vbPayload = WithConfWord(ulConfID, kFields), vbHuge(zvSimMaxPayload + 1);
     const uint8_t* pData = vbPayload.data();
     const uint32_t ulLen = (uint32_t)vbPayload.size(), ulData = lpFrom->GetServerConn(2, zvConfServerTypeData, 0);
+    const uint32_t ulAlice = lpFrom->GetUserConn(&lpAlice->GetUserID(), 0);
+    const auto Refused = ZV_SimRoute(-1);
     const struct { const char* szName; std::function<uint32_t()> fnSend; ZV_SimRoute eRoute; uint16_t usConnType;
     } aRows[] = {
         {"to servers", [&] { return lpFrom->SendPduToServers(zvConnNone, zvConfServerTypeCommand, 8001, pData, ulLen, 1, 1); },
@@ -37,14 +40,30 @@ TEST(SimConference, TakesTheConferenceWordOffEveryServerRouteBeforeTheReceiverSe
          ZV_SimRoute::ServerData, zvConfServerTypeData},
         {"on the data link", [&] { return lpFrom->SendPduOnLink(ulData, 8013, pData, ulLen, 1, 1); },
          ZV_SimRoute::OnLink, zvConfServerTypeData},
+        {"a connection nobody has", [&] { return lpFrom->SendPdu(999999, 8002, pData, 3, 1, 1); }, Refused, 0},
+        {"a server route on a client link", [&] { return lpFrom->SendPduOnLink(ulAlice, 8032, pData, 3, 1, 1); }, Refused, 0},
+        {"a group send from a client", [&] { return lpAlice->SendPduToGroup(zvConnNone, 0, 8002, pData, 3, 1, 1); }, Refused, 0},
+        {"a server that is not linked", [&] { return lpFrom->SendPduToServerData(7, zvConfServerTypeData, 8012, pData, 3, 1, 1); },
+         Refused, 0},
+        {"a kick on a command connection", [&] { return lpFrom->SendPdu(ulAlice, PDU_CONF_FS_KICK, nullptr, 0, 0, 0); }, Refused, 0},
+        {"a payload longer than a sender's buffer",
+         [&] { return lpFrom->SendPdu(ulAlice, 8002, vbHuge.data(), (uint32_t)vbHuge.size(), 1, 1); }, Refused, 0},
     };
     for (const auto& row : aRows)
     {
         SCOPED_TRACE(row.szName);
-        size_t nMark = sim.Journal().Size();
+        const size_t nMark = sim.Journal().Size();
+        if (row.eRoute == Refused)
+        {
+            EXPECT_EQ(row.fnSend(), zvSimSendRefused);
+            ASSERT_EQ(sim.Journal().Size(), nMark + 1);
+            EXPECT_EQ(sim.Journal().At(nMark).eFate, ZV_SimFate::Refused);
+            EXPECT_EQ(sim.GetPending(), 0u);
+            continue;
+        }
         EXPECT_EQ(row.fnSend(), 0u);
         ASSERT_TRUE(sim.Run()) << sim.GetError();
-        const ZV_SimFakeCall& call = FakeOf(lpTo).m_vecCalls.back();
+        const ZV_SimFakeCall& call = FakeOf(shape.Server(1)).m_vecCalls.back();
         EXPECT_EQ(call.sWhat + " " + QB_ToHex(call.vbData), "HandlePdu " + QB_ToHex(kFields));
         EXPECT_EQ(call.usConnType, row.usConnType);
         EXPECT_EQ(sim.Journal().At(nMark).eRoute, row.eRoute);
@@ -81,33 +100,5 @@ TEST(SimConference, RoutesAServerPduByItsConferenceWordAndDropsOneWithoutAKnownW
         EXPECT_EQ(sim.Journal().At(nMark).eFate, row.eFate);
         EXPECT_EQ(Received(100) - anBefore[0], row.ulReceivingConf == 100 ? 1u : 0u);
         EXPECT_EQ(Received(200) - anBefore[1], row.ulReceivingConf == 200 ? 1u : 0u);
-    }
-}
-
-TEST(SimConference, RefusesASendItCannotCarryAndSaysSo)
-{
-    ZV_SimFakeConference sim;
-    ZV_SimShape shape = sim.TwoLinkedServers(1);
-    ZV_SimHost* lpServer = shape.Server(0);
-    ZV_SimHost* lpAlice = shape.Client(0);
-    const uint32_t ulAlice = lpServer->GetUserConn(&lpAlice->GetUserID(), 0);
-    const uint8_t* pData = kFields.data();
-    std::vector<uint8_t> vbHuge(zvSimMaxPayload + 1);
-    const std::pair<const char*, std::function<uint32_t()>> aRows[] = {
-        {"a connection nobody has", [&] { return lpServer->SendPdu(999999, 8002, pData, 3, 1, 1); }},
-        {"a server route on a client link", [&] { return lpServer->SendPduOnLink(ulAlice, 8032, pData, 3, 1, 1); }},
-        {"a group send from a client", [&] { return lpAlice->SendPduToGroup(zvConnNone, 0, 8002, pData, 3, 1, 1); }},
-        {"a server that is not linked", [&] { return lpServer->SendPduToServerData(7, zvConfServerTypeData, 8012, pData, 3, 1, 1); }},
-        {"a kick on a command connection", [&] { return lpServer->SendPdu(ulAlice, PDU_CONF_FS_KICK, nullptr, 0, 0, 0); }},
-        {"a payload longer than a sender's buffer", [&] { return lpServer->SendPdu(ulAlice, 8002, vbHuge.data(), (uint32_t)vbHuge.size(), 1, 1); }},
-    };
-    for (const auto& [szName, fnSend] : aRows)
-    {
-        SCOPED_TRACE(szName);
-        const size_t nMark = sim.Journal().Size();
-        EXPECT_EQ(fnSend(), zvSimSendRefused);
-        ASSERT_EQ(sim.Journal().Size(), nMark + 1);
-        EXPECT_EQ(sim.Journal().At(nMark).eFate, ZV_SimFate::Refused);
-        EXPECT_EQ(sim.GetPending(), 0u);
     }
 }

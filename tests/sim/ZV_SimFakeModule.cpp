@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 namespace {
 
 IZV_ConfModule* CreateFake(const char* pszName)
@@ -12,15 +14,6 @@ IZV_ConfModule* CreateFake(const char* pszName)
 void DestroyFake(IZV_ConfModule* lpModule)
 {
     delete static_cast<ZV_SimFakeModule*>(lpModule);
-}
-
-ZV_SimOptions OptionsBelow(const std::string& sRoot, const std::function<void(ZV_SimOptions&)>& fnTune)
-{
-    ZV_SimOptions options;
-    options.sRoot = sRoot;
-    if (fnTune)
-        fnTune(options);
-    return options;
 }
 
 ZV_SimShape Checked(const ZV_SimShape& shape, const ZV_SimConference& sim)
@@ -50,7 +43,13 @@ std::string JournalLines(size_t nFirst, const std::string& sPrefix, const std::v
 }
 
 ZV_SimFakeConference::ZV_SimFakeConference(const std::function<void(ZV_SimOptions&)>& fnTune, ZV_SimModuleApi api)
-    : ZV_SimConference(std::move(api), OptionsBelow(tmp.Path(), fnTune))
+    : ZV_SimConference(std::move(api), [&] {
+          ZV_SimOptions options;
+          options.sRoot = tmp.Path();
+          if (fnTune)
+              fnTune(options);
+          return options;
+      }())
 {
 }
 
@@ -67,9 +66,8 @@ ZV_SimShape ZV_SimFakeConference::TwoLinkedServers(int nClientsEach, uint32_t ul
 std::vector<ZV_SimFakeCall> ZV_SimFakeModule::CallsOf(const std::string& sWhat) const
 {
     std::vector<ZV_SimFakeCall> vecFound;
-    for (const ZV_SimFakeCall& call : m_vecCalls)
-        if (call.sWhat == sWhat)
-            vecFound.push_back(call);
+    std::copy_if(m_vecCalls.begin(), m_vecCalls.end(), std::back_inserter(vecFound),
+                 [&](const ZV_SimFakeCall& call) { return call.sWhat == sWhat; });
     return vecFound;
 }
 

@@ -35,11 +35,7 @@ public:
     std::vector<ZV_SimFakeCall> CallsOf(const std::string& sWhat) const;
 
     uint16_t GetModuleType() override { return zvModuleTypeFileShare; }
-    uint32_t Initialize() override
-    {
-        Record("Initialize");
-        return 0;
-    }
+    uint32_t Initialize() override { return Record("Initialize"), 0; }
     uint32_t ModuleReserved0() override { return 0; }
     uint32_t CleanData() override { return 0; }
     void ModuleReserved1(uint32_t, uint32_t) override {}
@@ -48,21 +44,15 @@ public:
     uint32_t OnSend(ConfPduData* lpCpd) override;
     uint32_t OnConnect(const QB_UserID* lpPeer, uint32_t ulConn, uint16_t usConnType, uint32_t) override
     {
-        Record("OnConnect", *lpPeer, ulConn, usConnType);
-        return 0;
+        return Record("OnConnect", *lpPeer, ulConn, usConnType), 0;
     }
     uint32_t OnDisconnect(const QB_UserID* lpPeer, uint32_t ulConn, uint16_t usConnType, uint32_t) override
     {
-        Record("OnDisconnect", *lpPeer, ulConn, usConnType);
-        return 0;
+        return Record("OnDisconnect", *lpPeer, ulConn, usConnType), 0;
     }
     void OnTimer(uint32_t ulTick) override { Record("OnTimer", {}, ulTick); }
     uint32_t OnEvent(uint16_t usEvent, uintptr_t a1, uintptr_t a2, uintptr_t, uintptr_t) override;
-    bool GetInterface(uint16_t, void** lppOut) override
-    {
-        *lppOut = nullptr;
-        return false;
-    }
+    bool GetInterface(uint16_t, void** lppOut) override { return *lppOut = nullptr, false; }
 
 private:
     ZV_SimFakeCall& Record(const std::string& sWhat, const QB_UserID& peer = {}, uint32_t ulConn = 0,
@@ -77,10 +67,7 @@ ZV_SimFakeModule& FakeOf(const ZV_SimHost* lpNode);
 std::string JournalLines(size_t nFirst, const std::string& sPrefix, const std::vector<std::string>& vecTexts);
 
 // Made before the conference, so that the nodes' folders have a root.
-struct ZV_SimFakeRoot
-{
-    QB_TempFolder tmp;
-};
+struct ZV_SimFakeRoot { QB_TempFolder tmp; };
 
 // A conference, of fakes unless another module is given, with a folder per
 // node below a fresh root.
