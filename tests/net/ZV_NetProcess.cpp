@@ -16,12 +16,20 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
-#include <sstream>
 #include <thread>
 
 namespace {
 
 const char* const kUserNames[] = {"alice", "bob", "carol"};
+
+sockaddr_in Loopback(uint16_t usPort)
+{
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(usPort);
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return addr;
+}
 
 }  // namespace
 
@@ -33,10 +41,8 @@ ZV_Process::ZV_Process(const std::string& sDir, const std::vector<std::string>& 
         return;
     if (chdir(sDir.c_str()) != 0)
         _exit(126);
-    const int nOut = open(sOut.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-    const int nErr = open(sErr.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-    dup2(nOut, 1);
-    dup2(nErr, 2);
+    dup2(open(sOut.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644), 1);
+    dup2(open(sErr.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644), 2);
     if (!sIn.empty())
         dup2(open(sIn.c_str(), O_RDONLY), 0);
     // Sockets of the test process (a proxy's listening one) stay with it: a
@@ -53,10 +59,7 @@ ZV_Process::ZV_Process(const std::string& sDir, const std::vector<std::string>& 
 ZV_Process::~ZV_Process()
 {
     if (IsRunning())
-    {
-        Signal(SIGKILL);
-        Wait();
-    }
+        Signal(SIGKILL), Wait();
 }
 
 void ZV_Process::Signal(int nSignal) const
@@ -89,10 +92,7 @@ uint16_t ZV_FreeLowPort()
     {
         const uint16_t usPort = (uint16_t)(20000 + rng() % 12000);
         const int nSocket = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_port = htons(usPort);
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        const sockaddr_in addr = Loopback(usPort);
         const bool bFree = bind(nSocket, (sockaddr*)&addr, sizeof addr) == 0;
         close(nSocket);
         if (bFree)
@@ -114,10 +114,8 @@ bool ZV_WaitFor(const std::function<bool()>& fnDone, std::chrono::milliseconds m
 
 std::string ZV_ReadText(const std::string& sPath)
 {
-    std::ifstream file(sPath, std::ios::binary);
-    std::stringstream text;
-    text << file.rdbuf();
-    return text.str();
+    const std::vector<uint8_t> vb = QB_ReadWholeFile(sPath);
+    return std::string(vb.begin(), vb.end());
 }
 
 uint64_t ZV_FileSize(const std::string& sPath)
@@ -130,10 +128,10 @@ uint64_t ZV_FileSize(const std::string& sPath)
 void ZV_WriteRandomFile(const std::string& sPath, size_t nBytes, unsigned nSeed)
 {
     std::mt19937 rng(nSeed);
-    std::vector<char> vbData(nBytes);
-    for (char& c : vbData)
-        c = (char)rng();
-    std::ofstream(sPath, std::ios::binary).write(vbData.data(), (std::streamsize)vbData.size());
+    std::vector<uint8_t> vbData(nBytes);
+    for (uint8_t& b : vbData)
+        b = (uint8_t)rng();
+    QB_WriteWholeFile(sPath, vbData);
 }
 
 bool ZV_SameFiles(const std::string& sA, const std::string& sB)
@@ -157,11 +155,7 @@ ZV_NetSetup::ZV_NetSetup(const std::string& sDir, const ZV_NetMode& mode) : m_sD
 
 ZV_ServerUnderTest::ZV_ServerUnderTest(const ZV_NetSetup& setup, const std::string& sDir, uint32_t ulServer,
                                        const std::string& sExtra, int nGraceSeconds, uint16_t usFileIDMin)
-    : m_setup(setup),
-      m_sDir(sDir),
-      m_ulServer(ulServer),
-      m_sExtra(sExtra),
-      m_nGraceSeconds(nGraceSeconds),
+    : m_setup(setup), m_sDir(sDir), m_ulServer(ulServer), m_sExtra(sExtra), m_nGraceSeconds(nGraceSeconds),
       m_usFileIDMin(usFileIDMin)
 {
     std::filesystem::create_directories(sDir);
@@ -280,10 +274,7 @@ public:
     RawChannel(uint16_t usPort, const std::string& sTrust)
     {
         m_nSocket = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_port = htons(usPort);
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        const sockaddr_in addr = Loopback(usPort);
         timeval tv{3, 0};
         setsockopt(m_nSocket, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
         m_bUp = connect(m_nSocket, (sockaddr*)&addr, sizeof addr) == 0;

@@ -66,44 +66,22 @@ bool WritePem(const std::string& sPath, X509* lpCert, EVP_PKEY* lpKey)
     return std::fclose(lpFile) == 0 && bDone;
 }
 
-template <typename T, typename Reader>
-T* ReadPem(const std::string& sPath, Reader fnRead)
-{
-    FILE* lpFile = std::fopen(sPath.c_str(), "r");
-    if (!lpFile)
-        return nullptr;
-    T* lp = fnRead(lpFile, nullptr, nullptr, nullptr);
-    std::fclose(lpFile);
-    return lp;
-}
-
 }  // namespace
 
-bool ZV_MakeCertificates(const std::string& sDir, const std::string& sName, const std::string& sHost,
-                         const std::string& sAuthority)
+bool ZV_MakeCertificates(const std::string& sDir, const std::string& sName, const std::string& sHost)
 {
-    const std::string sAuthorityBase = sDir + "/" + (sAuthority.empty() ? sName : sAuthority) + "-ca";
-    Key lpAuthorityKey(nullptr, &EVP_PKEY_free);
+    const std::string sBase = sDir + "/" + sName;
+    Key lpAuthorityKey(EVP_EC_gen("P-256"), &EVP_PKEY_free);
     Certificate lpAuthority(nullptr, &X509_free);
-    if (sAuthority.empty())
-    {
-        lpAuthorityKey.reset(EVP_EC_gen("P-256"));
-        if (lpAuthorityKey)
-            lpAuthority = Make(lpAuthorityKey.get(), "roomcrate test authority " + sName, nullptr, nullptr, {});
-        if (!lpAuthority || !WritePem(sAuthorityBase + ".pem", lpAuthority.get(), nullptr) ||
-            !WritePem(sAuthorityBase + ".key", nullptr, lpAuthorityKey.get()))
-            return false;
-    }
-    else
-    {
-        lpAuthorityKey.reset(ReadPem<EVP_PKEY>(sAuthorityBase + ".key", &PEM_read_PrivateKey));
-        lpAuthority.reset(ReadPem<X509>(sAuthorityBase + ".pem", &PEM_read_X509));
-    }
+    if (lpAuthorityKey)
+        lpAuthority = Make(lpAuthorityKey.get(), "roomcrate test authority " + sName, nullptr, nullptr, {});
+    if (!lpAuthority || !WritePem(sBase + "-ca.pem", lpAuthority.get(), nullptr) ||
+        !WritePem(sBase + "-ca.key", nullptr, lpAuthorityKey.get()))
+        return false;
     Key lpServerKey(EVP_EC_gen("P-256"), &EVP_PKEY_free);
-    if (!lpAuthorityKey || !lpAuthority || !lpServerKey)
+    if (!lpServerKey)
         return false;
     Certificate lpServer = Make(lpServerKey.get(), sHost, lpAuthority.get(), lpAuthorityKey.get(), sHost);
-    const std::string sBase = sDir + "/" + sName;
     return lpServer && WritePem(sBase + ".pem", lpServer.get(), nullptr) &&
            WritePem(sBase + ".key", nullptr, lpServerKey.get());
 }

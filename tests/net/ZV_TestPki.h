@@ -6,8 +6,6 @@
 
 // Writes into sDir: NAME-ca.pem (the authority's certificate, what a trust
 // file holds) and NAME-ca.key, NAME.pem (the server's certificate, for
-// sHost: an IP address or a DNS name) and NAME.key (its key). With
-// sAuthority, the authority AUTHORITY-ca.pem of sDir signs instead of a new
-// one. False when OpenSSL failed.
-bool ZV_MakeCertificates(const std::string& sDir, const std::string& sName, const std::string& sHost,
-                         const std::string& sAuthority = {});
+// sHost: an IP address or a DNS name) and NAME.key (its key). False when
+// OpenSSL failed.
+bool ZV_MakeCertificates(const std::string& sDir, const std::string& sName, const std::string& sHost);

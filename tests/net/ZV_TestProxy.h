@@ -1,8 +1,6 @@
-// A TCP relay on loopback that a test can cut and restore: while cut it
-// holds no connection and takes none, as a network that went away. It
-// listens on a port given, so that it can listen there again. It keeps the
-// first bytes the first connection sent, as someone on the way would see
-// them.
+// A TCP relay on loopback that a test can cut (no connection held or taken)
+// and restore on the same port. It keeps what the first connection sent, as
+// someone on the way would see it.
 #pragma once
 
 #include <asio.hpp>
@@ -34,14 +32,8 @@ public:
     }
 
     std::string GetAddress() const { return "127.0.0.1:" + std::to_string(m_usPort); }
-    void Cut()
-    {
-        OnThread([this] { Drop(); });
-    }
-    void Restore()
-    {
-        OnThread([this] { Listen(m_usPort); });
-    }
+    void Cut() { OnThread([this] { Drop(); }); }
+    void Restore() { OnThread([this] { Listen(m_usPort); }); }
     std::string Recorded()
     {
         std::string sRecorded;
