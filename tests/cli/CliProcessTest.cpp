@@ -35,8 +35,7 @@ std::vector<std::string> Lines(const std::string& sText)
     return vecLines;
 }
 
-// roomcrate on a pseudo-terminal, in the folder sDir with HOME there: what
-// it wrote, as a screen would show it, and what is typed.
+// roomcrate on a pseudo-terminal in sDir, HOME there: what a screen shows.
 struct Terminal
 {
     int nTerminal = -1;
@@ -108,8 +107,7 @@ struct CliProcess : ::testing::TestWithParam<ZV_NetMode>
 
     std::string At(const std::string& sName) const { return sDir + "/" + sName; }
 
-    // The user's settings file, as the README has people write it; on a
-    // terminal a name without a secret file has the secret asked for.
+    // The user's settings file, as the README has people write it.
     std::string Config(uint32_t ulUser, const std::string& sServer, bool bNamed = true)
     {
         const std::string sName = ZV_UserName(ulUser);
@@ -142,7 +140,6 @@ struct CliProcess : ::testing::TestWithParam<ZV_NetMode>
     }
     std::string Out(uint32_t ulUser) const { return ZV_ReadText(At(ZV_UserName(ulUser) + ".out")); }
     std::string Err(uint32_t ulUser) const { return ZV_ReadText(At(ZV_UserName(ulUser) + ".err")); }
-    // The names `ls --json` shows the user.
     std::set<std::string> Seen(uint32_t ulUser)
     {
         std::set<std::string> setNames;
@@ -159,10 +156,8 @@ struct CliProcess : ::testing::TestWithParam<ZV_NetMode>
 
 }  // namespace
 
-// One server for what needs no slow download: the refusals, a share and two
-// fetches, rights and removal, two files of one name, and a batch of a user
-// who may not share. Users are named by number, or by the name of one who
-// shared a file; two files of one folder go as one batch.
+// The refusals, a share and two fetches, rights and removal, two files of one
+// name, and batches: two files of one folder go as one.
 TEST_P(CliProcess, SharesFetchesChangesRightsAndSaysWhatCannotBeDone)
 {
     ASSERT_TRUE(server.Start());
@@ -187,8 +182,7 @@ TEST_P(CliProcess, SharesFetchesChangesRightsAndSaysWhatCannotBeDone)
         EXPECT_EQ("", Out(kBob)) << row.szName;
     }
 
-    // A share prints the file's SHA-256 line, a fetch the same; a second
-    // fetch lands beside the first.
+    // A share and a fetch print the SHA-256 line; a second fetch lands beside.
     ZV_WriteRandomFile(At("a.bin"), 5 * kMiB + 123, 5);
     ASSERT_EQ(0, Run(kAlice, {"share", "a.bin"})) << Err(kAlice);
     const std::string sShared = Lines(Out(kAlice)).back();
@@ -223,8 +217,7 @@ TEST_P(CliProcess, SharesFetchesChangesRightsAndSaysWhatCannotBeDone)
     EXPECT_EQ(nlohmann::json({1000, kAlice, 100.0, false, {kCarol}}),
               nlohmann::json({info.at("size"), info.at("creator"), info.at("server_percent"), info.at("public"), info.at("allowed")}));
 
-    // Several files of one name are refused with their numbers; a number
-    // fetches one. Files of two folders go one by one.
+    // A name of several files is refused with their numbers; a number fetches.
     for (const char* szDir : {"one", "two"})
     {
         std::filesystem::create_directories(At(szDir));
@@ -242,8 +235,7 @@ TEST_P(CliProcess, SharesFetchesChangesRightsAndSaysWhatCannotBeDone)
     ASSERT_EQ(0, Run(kBob, {"get", std::to_string(vecIDs[1]), "-o", "in"})) << Err(kBob);
     EXPECT_TRUE(ZV_SameFiles(At("two/d.txt"), At("in/d.txt")));
 
-    // A batch the server refuses comes back without FileIDs, and each of
-    // its files is said refused (the user who may not share has no secret).
+    // Each file of a refused batch is said refused (nobody has no secret).
     if (!GetParam().bLogins)
     {
         EXPECT_EQ(1, Run(kNobody, {"share", "y.bin", "z.bin"}));
@@ -256,9 +248,8 @@ TEST_P(CliProcess, SharesFetchesChangesRightsAndSaysWhatCannotBeDone)
     EXPECT_EQ(nBatches, GetParam().bLogins ? 1u : 2u) << sTrace;
 }
 
-// A get killed half way finishes from its file when run again; a link that
-// drops is said once and dialled again, and the get goes on; Ctrl-C while a
-// share is not yet whole on the server warns that the upload will end.
+// A killed get finishes from its file; a lost link is said once and dialled
+// again; Ctrl-C while a share is not whole on the server warns.
 TEST_P(CliProcess, AGetGoesOnAfterAKillOrALostLinkAndCtrlCDuringAShareWarns)
 {
     ASSERT_TRUE(server.Start());
@@ -294,11 +285,8 @@ TEST_P(CliProcess, AGetGoesOnAfterAKillOrALostLinkAndCtrlCDuringAShareWarns)
     EXPECT_NE(Err(kAlice).find("left before the server held the whole file"), std::string::npos) << Err(kAlice);
 }
 
-// The shell on a pseudo-terminal, as a person at a terminal sees it: with
-// logins, the secret asked for and never shown; a command and a file name
-// completed, a progress bar, a stop and a resume of the running download, an
-// event of another user's share, a line called back from the history, and
-// the history kept for the next session.
+// The shell at a terminal: the secret asked for and never shown, completion,
+// a bar, stop and resume, another user's share, history kept and called back.
 TEST_P(CliProcess, TheShellAsksTheSecretCompletesShowsABarStopsResumesAndKeepsItsHistory)
 {
     ASSERT_TRUE(server.Start());

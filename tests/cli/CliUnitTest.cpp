@@ -14,6 +14,7 @@
 #include <fstream>
 #include <functional>
 #include <sstream>
+#include <tuple>
 
 namespace {
 
@@ -69,51 +70,38 @@ Bytes operator+(Bytes a, const Bytes& b)
 
 TEST(CliEvents, EachEventLeavesTheCatalogAsItsBytesSay)
 {
-    const Bytes kDownload = Bytes().Record(1 << 0 | 1 << 1 | 1 << 3,
-                                           Bytes().U16(7).Text("/home/bob/in\\").Text("a(1).bin"));
-    // applied in order, the first as a joining list
+    const Bytes kAdded = Head(3000, 0, 7) + Brief("a", {}, true) + Bytes().F64(100);
+    const Bytes kDownload = Bytes().Record(1 << 0 | 1 << 1 | 1 << 3, Bytes().U16(7).Text("/home/bob/in\\").Text("a(1).bin"));
+    using D = ZV_CliDownload;
+    // vecEvents are applied in order, the first as a joining list
     struct Row { const char* szName; std::vector<std::pair<uint16_t, Bytes>> vecEvents; uint16_t usFileID;
                  bool bKnown; double dServer; bool bPublic; std::vector<uint32_t> vecAllowed;
                  ZV_CliDownload eDownload; std::string sTarget; } aRows[] = {
         {"an added file, kept to two users", {{3000, Head(3000, 0, 7) + Brief("a.bin", {10002, 10003}, false) + Bytes().F64(40)}},
-         7, true, 40, false, {10002, 10003}, ZV_CliDownload::None, ""},
+         7, true, 40, false, {10002, 10003}, D::None, ""},
         {"a refused add names no file", {{3000, Head(3000, 40, 7) + Brief("a.bin", {}, true) + Bytes().F64(0)}},
-         7, false, 0, true, {}, ZV_CliDownload::None, ""},
+         7, false, 0, true, {}, D::None, ""},
         {"a joining list counts hundredths of a percent",
          {{3013, Bytes().U16(3013).U32(0).U8(2).U16(7).U16(9).U8(2) + Brief("a", {}, true) + Brief("b", {5}, false) +
                      Bytes().U8(2).F64(2500).F64(10000)}},
-         9, true, 100, false, {5}, ZV_CliDownload::None, ""},
+         9, true, 100, false, {5}, D::None, ""},
         {"rights change, then the server holds more",
          {{3000, Head(3000, 0, 7) + Brief("a", {}, true) + Bytes().F64(10)},
-          {3003, Head(3003, 0, 7) + Brief("a", {10003}, false) + Bytes().F64(20)},
-          {3008, Head(3008, 0, 7) + Bytes().F64(60)}},
-         7, true, 60, false, {10003}, ZV_CliDownload::None, ""},
-        {"a download under way, with its target in Windows form",
-         {{3000, Head(3000, 0, 7) + Brief("a", {}, true) + Bytes().F64(100)},
-          {3002, Head(3002, 0, 7) + kDownload + Bytes().F64(30)},
-          {3011, Bytes().U16(3011).U32(0).U8(0).U16(7).U16(2)}},
-         7, true, 100, true, {}, ZV_CliDownload::Stopped, "/home/bob/in/a(1).bin"},
+          {3003, Head(3003, 0, 7) + Brief("a", {10003}, false) + Bytes().F64(20)}, {3008, Head(3008, 0, 7) + Bytes().F64(60)}},
+         7, true, 60, false, {10003}, D::None, ""},
+        {"a download under way, with its target in Windows form, stopped",
+         {{3000, kAdded}, {3002, Head(3002, 0, 7) + kDownload + Bytes().F64(30)}, {3011, Bytes().U16(3011).U32(0).U8(0).U16(7).U16(2)}},
+         7, true, 100, true, {}, D::Stopped, "/home/bob/in/a(1).bin"},
         {"a download the server lists as finished is no running one",
-         {{3000, Head(3000, 0, 7) + Brief("a", {}, true) + Bytes().F64(100)},
-          {3002, Head(3002, 0, 7) +
-                     Bytes().Record(1 << 0 | 1 << 1 | 1 << 3 | 1 << 10, Bytes().U16(7).Text("/in/").Text("a").U16(3)) +
-                     Bytes().F64(100)}},
-         7, true, 100, true, {}, ZV_CliDownload::Finished, "/in/a"},
-        {"a finished download",
-         {{3000, Head(3000, 0, 7) + Brief("a", {}, true) + Bytes().F64(100)},
-          {3002, Head(3002, 0, 7) + kDownload + Bytes().F64(30)},
-          {3007, Head(3007, 0, 7) + Bytes().U8(1)}},
-         7, true, 100, true, {}, ZV_CliDownload::Finished, "/home/bob/in/a(1).bin"},
-        {"a file deleted on the server",
-         {{3000, Head(3000, 0, 7) + Brief("a", {}, true) + Bytes().F64(100)}, {3005, Head(3005, 0, 7) + Bytes().U8(1)}},
-         7, false, 0, true, {}, ZV_CliDownload::None, ""},
-        {"a refused delete leaves the file",
-         {{3000, Head(3000, 0, 7) + Brief("a", {}, true) + Bytes().F64(100)}, {3005, Head(3005, 40, 7) + Bytes().U8(1)}},
-         7, true, 100, true, {}, ZV_CliDownload::None, ""},
+         {{3000, kAdded}, {3002, Head(3002, 0, 7) + Bytes().Record(1 << 0 | 1 << 1 | 1 << 3 | 1 << 10,
+                                                                   Bytes().U16(7).Text("/in/").Text("a").U16(3)) + Bytes().F64(100)}},
+         7, true, 100, true, {}, D::Finished, "/in/a"},
+        {"a finished download", {{3000, kAdded}, {3002, Head(3002, 0, 7) + kDownload + Bytes().F64(30)}, {3007, Head(3007, 0, 7) + Bytes().U8(1)}},
+         7, true, 100, true, {}, D::Finished, "/home/bob/in/a(1).bin"},
+        {"a file deleted on the server", {{3000, kAdded}, {3005, Head(3005, 0, 7) + Bytes().U8(1)}}, 7, false, 0, true, {}, D::None, ""},
+        {"a refused delete leaves the file", {{3000, kAdded}, {3005, Head(3005, 40, 7) + Bytes().U8(1)}}, 7, true, 100, true, {}, D::None, ""},
         {"a record that claims more than the event holds changes no rights",
-         {{3000, Head(3000, 0, 7) + Brief("a", {}, true) + Bytes().F64(100)},
-          {3003, Head(3003, 0, 7) + Bytes().U32(4000).U16(1 << 12 | 1)}},
-         7, true, 100, true, {}, ZV_CliDownload::None, ""},
+         {{3000, kAdded}, {3003, Head(3003, 0, 7) + Bytes().U32(4000).U16(1 << 12 | 1)}}, 7, true, 100, true, {}, D::None, ""},
     };
     for (const Row& row : aRows)
     {
@@ -126,10 +114,8 @@ TEST(CliEvents, EachEventLeavesTheCatalogAsItsBytesSay)
         if (!lpFile)
             continue;
         EXPECT_DOUBLE_EQ(row.dServer, lpFile->dServerPercent) << row.szName;
-        EXPECT_EQ(row.bPublic, lpFile->bPublic) << row.szName;
-        EXPECT_EQ(row.vecAllowed, lpFile->vecAllowed) << row.szName;
-        EXPECT_EQ(row.eDownload, lpFile->eDownload) << row.szName;
-        EXPECT_EQ(row.sTarget, lpFile->sTarget) << row.szName;
+        EXPECT_EQ(std::tie(row.bPublic, row.vecAllowed, row.eDownload, row.sTarget),
+                  std::tie(lpFile->bPublic, lpFile->vecAllowed, lpFile->eDownload, lpFile->sTarget)) << row.szName;
     }
 }
 
@@ -185,11 +171,9 @@ TEST(CliSettings, EachSettingComesFromTheFirstPlaceThatGivesIt)
             EXPECT_FALSE(sError.empty()) << row.szName;
             continue;
         }
-        EXPECT_EQ(row.sServer, settings.sServer) << row.szName;
-        EXPECT_EQ(row.usPort, settings.usPort) << row.szName;
-        EXPECT_EQ(row.ulUser, settings.ulUser) << row.szName;
-        EXPECT_EQ(row.sSecretFile, settings.sSecretFile) << row.szName;
-        EXPECT_EQ(row.sHome, settings.sHome) << row.szName;
+        EXPECT_EQ(std::tie(row.sServer, row.usPort, row.ulUser, row.sSecretFile, row.sHome),
+                  std::tie(settings.sServer, settings.usPort, settings.ulUser, settings.sSecretFile, settings.sHome))
+            << row.szName;
     }
 }
 
@@ -225,8 +209,7 @@ TEST(CliFiles, AWordNamesOneFileOrIsRefusedWithTheNumbersOfAllItCouldMean)
     for (const Row& row : aRows)
     {
         const ZV_CliMatch match = ZV_ResolveFile(row.szWord, mapNames);
-        EXPECT_EQ(row.ousFileID, match.ousFileID) << row.szWord;
-        EXPECT_EQ(row.vecMatches, match.vecMatches) << row.szWord;
+        EXPECT_EQ(std::tie(row.ousFileID, row.vecMatches), std::tie(match.ousFileID, match.vecMatches)) << row.szWord;
     }
 }
 
@@ -241,8 +224,7 @@ TEST(CliFiles, AWordNamesOneUserByNumberOrByANameNoOtherBears)
     for (const Row& row : aRows)
     {
         const ZV_CliUserMatch match = ZV_ResolveUser(row.szWord, mapNames);
-        EXPECT_EQ(row.oulUser, match.oulUser) << row.szWord;
-        EXPECT_EQ(row.vecMatches, match.vecMatches) << row.szWord;
+        EXPECT_EQ(std::tie(row.oulUser, row.vecMatches), std::tie(match.oulUser, match.vecMatches)) << row.szWord;
     }
 }
 
@@ -280,11 +262,9 @@ TEST(CliShell, ALineBecomesACommandOrIsRefusedWithAReason)
         ASSERT_EQ(row.bOk, ZV_ShellCommand(ZV_ShellWords(row.szLine), command, sError)) << row.szLine << ": " << sError;
         if (!row.bOk)
             continue;
-        EXPECT_EQ(row.sVerb, command.sVerb) << row.szLine;
-        EXPECT_EQ(row.vecArgs, command.vecArgs) << row.szLine;
-        EXPECT_EQ(row.vecUsers, command.vecUsers) << row.szLine;
-        EXPECT_EQ(row.bPublic, command.bPublic) << row.szLine;
-        EXPECT_EQ(row.sOutDir, command.sOutDir) << row.szLine;
+        EXPECT_EQ(std::tie(row.sVerb, row.vecArgs, row.vecUsers, row.bPublic, row.sOutDir),
+                  std::tie(command.sVerb, command.vecArgs, command.vecUsers, command.bPublic, command.sOutDir))
+            << row.szLine;
     }
 }
 
