@@ -32,21 +32,10 @@ struct NetProcess : ::testing::TestWithParam<ZV_NetMode>
     ZV_NetSetup setup{sDir, GetParam()};
 
     std::string At(const std::string& sName) const { return sDir + "/" + sName; }
-    int RunClient(const std::string& sName, uint32_t ulUser, const std::string& sServer,
-                  const std::vector<std::string>& vecSteps, const std::vector<std::string>& vecOptions = {})
-    {
-        return ZV_RunClient(setup, sName, ulUser, sServer, vecSteps, vecOptions);
-    }
-    std::unique_ptr<ZV_Process> StartClient(const std::string& sName, uint32_t ulUser, const std::string& sServer,
-                                            const std::vector<std::string>& vecSteps,
-                                            const std::vector<std::string>& vecOptions = {})
-    {
-        return ZV_StartClient(setup, sName, ulUser, sServer, vecSteps, vecOptions);
-    }
     void AliceShares(const std::string& sServer, const std::string& sName, size_t nBytes)
     {
         ZV_WriteRandomFile(At(sName), nBytes, (unsigned)nBytes);
-        ASSERT_EQ(0, RunClient("alice", kAlice, sServer, {"share", sName}));
+        ASSERT_EQ(0, ZV_RunClient(setup, "alice", kAlice, sServer, {"share", sName}));
     }
     bool PartWay(const std::string& sTarget) { return ZV_WaitFor([&] { return ZV_FileSize(At(sTarget)) >= kMiB / 2; }); }
 };
@@ -101,27 +90,27 @@ TEST_P(NetProcess, ClientsFetchByteForByteThroughARestartAKillACutLinkAndASecond
     ASSERT_TRUE(server.Start(true));
     AliceShares(server.GetAddress(), "a.bin", 2 * kMiB + 123);
     AliceShares(server.GetAddress(), "k.bin", 2 * kMiB);
-    auto lpBob = StartClient("bob", kBob, server.GetAddress(), {"get", "a.bin", "b.bin"}, kSlow);
+    auto lpBob = ZV_StartClient(setup, "bob", kBob, server.GetAddress(), {"get", "a.bin", "b.bin"}, kSlow);
     ASSERT_TRUE(PartWay("b.bin"));
     ASSERT_EQ(0, server.Stop()) << "SIGTERM is a clean exit";
     ASSERT_TRUE(server.Start());
     EXPECT_EQ(0, lpBob->Wait());
     EXPECT_TRUE(ZV_SameFiles(At("a.bin"), At("b.bin")));
-    EXPECT_EQ(0, RunClient("carol", kCarol, server.GetAddress(), {"get", "a.bin", "c.bin"}));
+    EXPECT_EQ(0, ZV_RunClient(setup, "carol", kCarol, server.GetAddress(), {"get", "a.bin", "c.bin"}));
     EXPECT_TRUE(ZV_SameFiles(At("a.bin"), At("c.bin")));
 
-    lpBob = StartClient("bob", kBob, server.GetAddress(), {"get", "k.bin", "kb.bin"}, kSlow);
+    lpBob = ZV_StartClient(setup, "bob", kBob, server.GetAddress(), {"get", "k.bin", "kb.bin"}, kSlow);
     ASSERT_TRUE(PartWay("kb.bin"));
     lpBob->Signal(SIGKILL);
     lpBob->Wait();
     std::filesystem::rename(At("bob.out"), At("bob-first.out"));
-    EXPECT_EQ(0, RunClient("bob", kBob, server.GetAddress(), {"await", "k.bin"}));
+    EXPECT_EQ(0, ZV_RunClient(setup, "bob", kBob, server.GetAddress(), {"await", "k.bin"}));
     EXPECT_TRUE(ZV_SameFiles(At("k.bin"), At("kb.bin")));
     EXPECT_GE(FirstProgress(ZV_ReadText(At("bob.out"))), 20.0) << "it started again from its file's end";
 
     const Since logBack{[&] { return server.Log(); }};
     ZV_TestProxy proxy(ZV_FreeLowPort(), server.GetPort());
-    auto lpCarol = StartClient("carol", kCarol, proxy.GetAddress(), {"get", "k.bin", "kc.bin"}, kSlow);
+    auto lpCarol = ZV_StartClient(setup, "carol", kCarol, proxy.GetAddress(), {"get", "k.bin", "kc.bin"}, kSlow);
     ASSERT_TRUE(PartWay("kc.bin"));
     EXPECT_TRUE(logBack.Shows("carol (10003) is in conference 100, returning")) << "she said goodbye before";
     const Since log{[&] { return server.Log(); }};
@@ -137,9 +126,9 @@ TEST_P(NetProcess, ClientsFetchByteForByteThroughARestartAKillACutLinkAndASecond
 
     auto Count = [&](const std::string& sWhat) { return QB_CountInFiles(server.GetDir() + "/server.err", sWhat); };
     const size_t nIn = Count("bob (10002) is in conference 100"), nAgain = Count("bob (10002) logs in again");
-    auto lpFirst = StartClient("first", kBob, server.GetAddress(), {"stay"});
+    auto lpFirst = ZV_StartClient(setup, "first", kBob, server.GetAddress(), {"stay"});
     ASSERT_TRUE(ZV_WaitFor([&] { return Count("bob (10002) is in conference 100") > nIn; }));
-    auto lpSecond = StartClient("second", kBob, server.GetAddress(), {"stay"});
+    auto lpSecond = ZV_StartClient(setup, "second", kBob, server.GetAddress(), {"stay"});
     EXPECT_EQ(3, lpFirst->Wait(std::chrono::seconds(10))) << "the first is told and stops";
     EXPECT_TRUE(lpSecond->IsRunning());
     EXPECT_EQ(Count("bob (10002) logs in again"), nAgain + 1);
@@ -165,7 +154,7 @@ TEST_P(NetProcess, AFileSharedAtOneServerIsFetchedAtItsLinkedServer)
     ASSERT_TRUE(server1.Start());
     ASSERT_TRUE(ZV_WaitFor([&] { return server1.Log().find("server link to server 2 is up") != std::string::npos; }));
     AliceShares(server1.GetAddress(), "a.bin", 3 * kMiB);
-    EXPECT_EQ(0, RunClient("dave", 20001, server2.GetAddress(), {"get", "a.bin", "d.bin"}));
+    EXPECT_EQ(0, ZV_RunClient(setup, "dave", 20001, server2.GetAddress(), {"get", "a.bin", "d.bin"}));
     EXPECT_TRUE(ZV_SameFiles(At("a.bin"), At("d.bin")));
     EXPECT_TRUE(ZV_SameFiles(At("a.bin"), server2.Stored("a.bin"))) << "server 2 keeps a copy of its own";
 }
@@ -186,7 +175,7 @@ TEST_P(NetProcess, AUserLeavesOnAGoodbyeOrWhenNotBackWithinTheGracePeriod)
         SCOPED_TRACE(row.szCase);
         const std::string sName = "later" + std::to_string(++nRow) + ".bin";
         ZV_WriteRandomFile(At(sName), 1000, nRow);
-        ASSERT_EQ(0, RunClient("alice", kAlice, server.GetAddress(), {"share-later", sName}, row.vecOptions));
+        ASSERT_EQ(0, ZV_RunClient(setup, "alice", kAlice, server.GetAddress(), {"share-later", sName}, row.vecOptions));
         auto Gone = [&] { return !std::filesystem::exists(server.Stored(sName)); };
         EXPECT_EQ(ZV_WaitFor(Gone, std::chrono::seconds(1)), row.bGoneAtOnce);
         EXPECT_TRUE(ZV_WaitFor(Gone, std::chrono::seconds(5)));
@@ -226,7 +215,7 @@ TEST_P(NetProcess, ABadPeerGetsItsConnectionClosedWithALogLineAndReachesNoManage
                                std::chrono::seconds(3)));
     }
     EXPECT_EQ(server.Trace().find("recv a"), std::string::npos) << server.Trace();
-    EXPECT_EQ(0, RunClient("bob", kBob, server.GetAddress(), {"list"})) << "the server goes on";
+    EXPECT_EQ(0, ZV_RunClient(setup, "bob", kBob, server.GetAddress(), {"list"})) << "the server goes on";
 }
 
 INSTANTIATE_TEST_SUITE_P(Modes, NetProcess, ::testing::Values(kNetClear, kNetSecure),
