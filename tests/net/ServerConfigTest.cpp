@@ -17,12 +17,12 @@ const std::string kPeer = "\n[[peer]]\nnumber = 2\naddress = \"127.0.0.1\"\nport
 
 }  // namespace
 
-TEST(ServerConfig, RefusesEachWrongOrMissingSettingWithItsLineAndReason)
+TEST(ServerConfig, RefusesEachWrongOrMissingSettingWithItsLineAndGivesEachConferenceOfASoundOneAFolder)
 {
     QB_TempFolder tmp;
     const std::string sPath = tmp.Path() + "/server.toml";
     const struct { const char* szCase; std::string sText, sError; } aRows[] = {  // sError "" for a sound file
-        {"a sound file", kServer + kConference + kAlice, ""},
+        {"a sound file", kServer + kConference + kAlice + "\n[[conference]]\nid = 200\nfile_ids = [1, 5]\n", ""},
         {"no number", "[server]\nport = 0\nhome = \"h\"\n" + kConference, ":1: [server]: \"number\" is missing"},
         {"a port past 65535", "[server]\nnumber = 1\nport = 70000\nhome = \"h\"\n" + kConference,
          ":3: [server]: \"port\" must be a whole number from 0 to 65535"},
@@ -72,26 +72,18 @@ TEST(ServerConfig, RefusesEachWrongOrMissingSettingWithItsLineAndReason)
         {
             ASSERT_FALSE(config.GetErrors().empty());
             EXPECT_EQ(config.GetErrors()[0].rfind(sPath + row.sError, 0), 0u) << config.GetErrors()[0];
+            continue;
         }
-    }
-}
-
-// Each conference gets a folder of its own under the home, and the module
-// is told where to store and to take its catalogue back at start.
-TEST(ServerConfig, GivesEachConferenceAFolderAndAConfigurationOfItsOwn)
-{
-    QB_TempFolder tmp;
-    const std::string sPath = tmp.Path() + "/server.toml";
-    QB_WriteWholeFile(sPath, kServer + kConference + "\n[[conference]]\nid = 200\nfile_ids = [1, 5]\n");
-    ZV_ServerConfig config;
-    ASSERT_TRUE(config.Load(sPath));
-    ASSERT_TRUE(config.PrepareHomes());
-    for (const char* szConf : {"100", "200"})
-    {
-        const std::string sHome = tmp.Path() + "/h/conference-" + szConf + "/";
-        const std::vector<uint8_t> vbIni = QB_ReadWholeFile(sHome + "confsrv.ini");
-        EXPECT_EQ(std::string(vbIni.begin(), vbIni.end()),
-                  "[FileShare]\r\nPath=" + sHome + "store/\r\nRestoreCatalog=1\r\n");
-        EXPECT_TRUE(std::filesystem::is_directory(sHome + "log"));
+        // Each conference gets a folder of its own under the home, and the
+        // module is told where to store and to take its catalogue back.
+        ASSERT_TRUE(config.PrepareHomes());
+        for (const char* szConf : {"100", "200"})
+        {
+            const std::string sHome = tmp.Path() + "/h/conference-" + szConf + "/";
+            const std::vector<uint8_t> vbIni = QB_ReadWholeFile(sHome + "confsrv.ini");
+            EXPECT_EQ(std::string(vbIni.begin(), vbIni.end()),
+                      "[FileShare]\r\nPath=" + sHome + "store/\r\nRestoreCatalog=1\r\n");
+            EXPECT_TRUE(std::filesystem::is_directory(sHome + "log"));
+        }
     }
 }
