@@ -60,10 +60,12 @@ TEST(SimJournal, TracesEachPduEventAndCallOnOneLineTheSameInEveryRun)
         lpAlice->SendPdu(lpAlice->GetServerLink()->GetConn(4), PDU_CONF_FS_KICK, nullptr, 0, 0, 0);
         ASSERT_TRUE(sim.Run());
 
-        EXPECT_EQ(sim.Journal().Dump(nMark), JournalLines(nMark, "", {"pdu 8001 usr10001@100 -> srv1@100 pdu conn 2001/0 flags 1,1 len 2 delivered result 0: 01 02",
-                                   "pdu 257 usr10001@100 -> ? pdu conn 2002/4 flags 0,0 len 0 kick",
-                                   "pdu 8002 srv1@100 -> usr10002@100 group conn 1003/0 flags 1,1 len 1 delivered result 0: 07",
-                                   "call OnSend usr10001@100 peer srv1 conn 2002/4", "event 3000 usr10002@100 len 2: b8 0b"}));
+        EXPECT_EQ(sim.Journal().Dump(nMark),
+                  JournalLines(nMark, "",
+                               {"pdu 8001 usr10001@100 -> srv1@100 pdu conn 2001/0 flags 1,1 len 2 delivered result 0: 01 02",
+                                "pdu 257 usr10001@100 -> ? pdu conn 2002/4 flags 0,0 len 0 kick",
+                                "pdu 8002 srv1@100 -> usr10002@100 group conn 1003/0 flags 1,1 len 1 delivered result 0: 07",
+                                "call OnSend usr10001@100 peer srv1 conn 2002/4", "event 3000 usr10002@100 len 2: b8 0b"}));
         EXPECT_EQ(vecSeen, std::vector<std::string>{"usr10002@100 3000 b8 0b"});
     }
 }
