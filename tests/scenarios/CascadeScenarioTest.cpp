@@ -1,10 +1,9 @@
-// Three servers in a line, Alice on 1, Carol on 2, Erin on 3: files travel
-// through the middle server's store, which gets back in step after cuts.
+// Three servers in a line, Alice on 1, Erin on 3: the middle server gets
+// back in step after cuts and restarts.
 #include "ZV_SceneFixture.h"
 
 #include "control/ZV_ControlPdu.h"
 #include "download/ZV_DownloadPdu.h"
-#include "lists/ZV_ListPdu.h"
 #include "upload/ZV_UploadPdu.h"
 
 #include <map>
@@ -19,7 +18,6 @@ struct CascadeScene : ZV_Scene
         ASSERT_TRUE(shape.IsComplete() && sim.Run()) << sim.GetError();
     }
     ZV_SimHost* Server(int n) const { return shape.Server((size_t)n - 1); }
-    ZV_SimHost* Carol() const { return shape.Client(1); }
     ZV_SimHost* Erin() const { return shape.Client(2); }
     ZV_SimLink* Link(uint32_t ulA, uint32_t ulB) const { return sim.GetServerLink(ulA, ulB); }
     ZV_Bytes StoredBytes(int nServer, uint16_t usFileID) { return ZV_Scene::StoredBytes(Server(nServer), usFileID); }
@@ -31,29 +29,6 @@ struct CascadeScene : ZV_Scene
         EXPECT_EQ(data, QB_ReadWholeFile(Target(Erin(), usFileID)));
     }
 };
-
-TEST_F(CascadeScene, AFileSharedAtOneEndIsStoredOnEveryServerAndDownloadedAtTheOther)
-{
-    BuildLine();
-    const ZV_Bytes data = ZV_RandomBytes(3 * 1024 * 1024 + 7, 1);
-    const uint16_t usFileID = Share("far.bin", data);
-    ASSERT_NE(0xFFFF, usFileID);
-    ExpectErinFetches(usFileID, data);
-    EXPECT_EQ(1u, Events(Erin(), zvFsEventDownloadFinished).size());
-    for (int n = 1; n <= 3; ++n)
-    {
-        EXPECT_EQ(data, StoredBytes(n, usFileID)) << n;
-        ZV_FileUploadInfo row;
-        ASSERT_TRUE(Row(Server(n), usFileID, row)) << n;
-        EXPECT_EQ(zvFileStateComplete, row.m_BriefInfo.m_usFileState) << n;
-    }
-    // Each server passes the blocks on over its data link; only the first hears from Alice.
-    const auto vecPassed = sim.Journal().Pdus(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, Server(1)->GetName());
-    EXPECT_FALSE(vecPassed.empty());
-    for (const auto& entry : vecPassed)
-        EXPECT_EQ(ZV_SimRoute::OnLink, entry.eRoute);
-    EXPECT_TRUE(sim.Journal().PdusTo(PDU_CONF_FS_UPLOAD_REQUEST, Server(2)->GetName()).empty());
-}
 
 // Only the data connection between servers 1 and 2 goes and comes back: the
 // middle server fetches on at once from where its store ends, and the
@@ -143,111 +118,6 @@ TEST_F(CascadeScene, ARestartedServerKeepsItsStoreAndFetchesOnlyWhatItsDiskLacks
     {
         EXPECT_EQ(data, StoredBytes(3, usFileID)) << usFileID;
         ExpectErinFetches(usFileID, data);
-    }
-}
-
-// The creator's server tells a returning middle server, and through it the
-// far one, that the upload was stopped while they were away.
-TEST_F(CascadeScene, AStopMadeWhileTheMiddleServerWasAwayReachesItWhenTheLinkComesBack)
-{
-    BuildLine();
-    StartShare("slow.bin", ZV_RandomBytes(512 * 1024, 11));
-    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, Server(2), 2));
-    const uint16_t usFileID = LastAddedFileID();
-    ASSERT_TRUE(sim.CutLink(Link(1, 2)));
-    ASSERT_EQ(0u, Fs(Alice())->FsStopUpload(usFileID));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    ZV_FileUploadInfo row;
-    ASSERT_TRUE(Row(Server(2), usFileID, row));
-    ASSERT_NE(zvFileStateStopped, row.m_BriefInfo.m_usFileState);
-    const size_t nFrom = sim.Journal().Size();
-
-    ASSERT_TRUE(sim.RestoreLink(Link(1, 2)) && sim.Run()) << sim.GetError();
-    for (int n = 2; n <= 3; ++n)
-    {
-        ASSERT_TRUE(Row(Server(n), usFileID, row)) << n;
-        EXPECT_EQ(zvFileStateStopped, row.m_BriefInfo.m_usFileState) << n;
-    }
-    EXPECT_EQ(1u, Find({.usNumber = PDU_CONF_FS_IS_STOP_UPLOAD_RESPONSE, .sPeer = Carol()->GetName(),
-                        .eFate = ZV_SimFate::Delivered, .nFrom = nFrom})
-                      .size());
-}
-
-// Server 3 hears from server 1 only through server 2, which passes on the
-// end of the upload and a download stopped at the far end.
-TEST_F(CascadeScene, TheMiddleServerPassesOnTheEndOfAnUploadAndAStoppedDownload)
-{
-    BuildLine();
-    const ZV_Bytes data = ZV_RandomBytes(3 * 1024 * 1024, 12);
-    StartShare("long.bin", data);
-    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_UPLOAD_FINISH_Response, Server(3), 1));
-    const uint16_t usFileID = LastAddedFileID();
-    ASSERT_NE(data, StoredBytes(3, usFileID));
-    // The creator leaves while server 3 still fetches; having heard that
-    // every byte arrived, server 3 keeps the file.
-    ASSERT_TRUE(sim.Leave(Alice()) && sim.Run()) << sim.GetError();
-    EXPECT_EQ(data, StoredBytes(3, usFileID));
-
-    ASSERT_EQ(0u, Download(Erin(), usFileID));
-    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, Erin(), 2));
-    const size_t nFrom = sim.Journal().Size();
-    ASSERT_EQ(0u, Fs(Erin())->FsStopDownload(usFileID));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    EXPECT_EQ(1u, Find({.usNumber = PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST, .sPeer = Server(1)->GetName(),
-                        .eFate = ZV_SimFate::Delivered, .nFrom = nFrom})
-                      .size());
-}
-
-// Server 3 restarts while Erin downloads from it: once server 2 has listed
-// the file and her record, server 3 gives the record back and she fetches on.
-TEST_F(CascadeScene, AServerRestartedInTheMiddleOfADownloadGivesItBackOnceAPeerListedIt)
-{
-    BuildLine();
-    const ZV_Bytes data = ZV_RandomBytes(1024 * 1024, 13);
-    const uint16_t usFileID = Share("big.bin", data);
-    ASSERT_EQ(data, StoredBytes(3, usFileID));
-    ASSERT_EQ(0u, Download(Erin(), usFileID));
-    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, Erin(), 5));
-    const size_t nFrom = sim.Journal().Size();
-    ASSERT_TRUE(sim.RestartServer(Server(3)) && sim.Run()) << sim.GetError();
-
-    const auto vecLists = Find({.usNumber = PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE, .sNode = Server(3)->GetName(),
-                                .sPeer = Erin()->GetName(), .nFrom = nFrom});
-    ASSERT_EQ(1u, vecLists.size());
-    QB_ByteStream stream(vecLists[0].vbData.data(), (int32_t)vecLists[0].vbData.size());
-    ZV_DownloadListResponse list;
-    list.Load(stream);
-    ASSERT_EQ(1, list.arrInfo.GetSize());
-    EXPECT_EQ(usFileID, list.arrInfo[0].m_usFileID);
-    EXPECT_FALSE(list.arrModify[0]) << "the same file as she began with";
-    EXPECT_EQ(data, QB_ReadWholeFile(Target(Erin(), usFileID)));
-}
-
-// A file shared while server 1 was cut off reaches server 3 only by server
-// 2's list; a delete made on server 3 while away goes for good when server
-// 2, which forgot the file in a restart, learns of it again from server 1.
-TEST_F(CascadeScene, AListPassesItsNewFilesOnAndADeleteMadeTwoServersAwayComesBack)
-{
-    BuildLine();
-    ASSERT_TRUE(sim.CutLink(Link(1, 2)));
-    const ZV_Bytes data = ZV_RandomBytes(80000, 14);
-    const uint16_t usFileID = Share("behind.bin", data);
-    ASSERT_TRUE(StoredBytes(3, usFileID).empty());
-    ASSERT_TRUE(sim.RestoreLink(Link(1, 2)) && sim.Run()) << sim.GetError();
-    EXPECT_EQ(data, StoredBytes(3, usFileID));
-    ExpectErinFetches(usFileID, data);
-
-    ASSERT_TRUE(sim.SetUserRole(Erin(), zvUserRolePrivileged));
-    ASSERT_TRUE(sim.CutLink(Link(1, 2)) && sim.CutLink(Link(2, 3)));
-    ASSERT_EQ(0u, Fs(Erin())->FsDelUpload(usFileID));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    ASSERT_TRUE(StoredBytes(3, usFileID).empty());
-    ASSERT_TRUE(sim.RestartServer(Server(2)) && sim.RestoreLink(Link(2, 3)) && sim.Run()) << sim.GetError();
-    ASSERT_TRUE(sim.RestoreLink(Link(1, 2)) && sim.Run()) << sim.GetError();
-    for (int n = 1; n <= 3; ++n)
-    {
-        EXPECT_EQ(nullptr, Session(Server(n), usFileID)) << n;
-        EXPECT_TRUE(StoredBytes(n, usFileID).empty()) << n;
     }
 }
 

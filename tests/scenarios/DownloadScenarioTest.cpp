@@ -7,9 +7,6 @@
 #include "wire/ZV_RecordStream.h"
 
 #include <algorithm>
-#include <cstdlib>
-
-#include <sys/resource.h>
 
 using DownloadScene = ZV_Scene;
 
@@ -55,52 +52,6 @@ TEST_F(DownloadScene, EveryFileAroundTheBlockEdgesArrivesByteIdenticalInTheStore
         EXPECT_EQ(0u, ZV_ResultOf(event));
     for (ZV_SimHost* lpClient : shape.vecClients)
         EXPECT_TRUE(Events(lpClient, zvFsEventTransferError).empty()) << lpClient->GetName();
-}
-
-TEST_F(DownloadScene, TwoDownloadersAtDifferentPositionsEachGetTheWholeFileEachBlockOnce)
-{
-    Build(false);
-    ZV_SimHost* lpCarol = sim.AddClient(ZV_SimBuilder::kConfID, ZV_SimBuilder::MakeUser(1, 2));
-    ASSERT_TRUE(lpCarol && sim.Run()) << sim.GetError();
-    const ZV_Bytes data = ZV_RandomBytes(20 * 32768 + 1, 3);
-    const uint16_t usFileID = Share("both.bin", data);
-    ASSERT_EQ(0u, Download(Bob(), usFileID));
-    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, Bob(), 6));
-    ASSERT_EQ(0u, Download(lpCarol, usFileID));
-    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
-    for (ZV_SimHost* lpClient : {Bob(), lpCarol})
-    {
-        EXPECT_EQ(data, QB_ReadWholeFile(Target(lpClient, usFileID))) << lpClient->GetName();
-        EXPECT_EQ(21u, sim.Journal().PdusTo(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, lpClient->GetName()).size());
-    }
-}
-
-// Alice shares more files than the process may hold open: the least recently
-// used give their descriptors back. In a child with a lowered limit; the
-// exit code names the first check that failed.
-TEST_F(DownloadScene, AClientSharesMoreFilesThanTheProcessMayHoldOpenAndStillUploadsThem)
-{
-    Build(false);
-    constexpr int kFiles = 200;
-    const ZV_Bytes data = ZV_RandomBytes(70000, 8);
-    auto fnChild = [&] {
-        const rlimit limit{64, 64};
-        if (::setrlimit(RLIMIT_NOFILE, &limit) != 0)
-            return 1;
-        std::vector<uint16_t> vecIDs;
-        for (int i = 0; i < kFiles; ++i)
-            vecIDs.push_back(Share("many" + std::to_string(i) + ".bin", data, false));
-        if (std::count(vecIDs.begin(), vecIDs.end(), 0xFFFF) != 0)
-            return 2;
-        for (uint16_t usFileID : {vecIDs.front(), vecIDs.back()})
-            if (Download(Bob(), usFileID) != 0 || !sim.AdvanceTime(1000))
-                return 3;
-        for (uint16_t usFileID : {vecIDs.front(), vecIDs.back()})
-            if (QB_ReadWholeFile(Target(Bob(), usFileID)) != data)
-                return 4;
-        return Events(Alice(), zvFsEventTransferError).empty() ? 0 : 5;
-    };
-    EXPECT_EXIT(std::_Exit(fnChild()), testing::ExitedWithCode(0), "");
 }
 
 // A block the server cannot read, or Bob's disk cannot write, ends his

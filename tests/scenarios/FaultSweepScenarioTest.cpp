@@ -33,7 +33,6 @@ struct SweepScene : public ZV_Scene
         return ulResult;
     }
 
-    ZV_SimHost* Carol() const { return shape.Client(2); }
     bool Fetched(ZV_SimHost* lpClient, uint16_t usFileID)
     {
         return std::filesystem::exists(Target(lpClient, usFileID)) && QB_ReadWholeFile(Target(lpClient, usFileID)) == kData;
@@ -82,7 +81,6 @@ struct SweepScene : public ZV_Scene
 struct Road
 {
     const char* szName;
-    bool bLinked;
     std::function<void(SweepScene&)> fnPrepare;  // after the kept file, without faults
     std::function<void(SweepScene&)> fnAct;      // the road, under the fault
     std::function<void(SweepScene&)> fnRetry;    // the user's second try, without faults
@@ -146,16 +144,6 @@ void Fetch(SweepScene& s, ZV_SimHost* lpClient)
     ASSERT_TRUE(s.Settle());
 }
 
-void StopAndResume(SweepScene& s)
-{
-    s.Call(s.Download(s.Bob(), s.usKept));
-    s.StepUntilDelivered(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, s.Bob(), 1);
-    s.Call(s.Fs(s.Bob())->FsStopDownload(s.usKept));
-    ASSERT_TRUE(s.sim.Run()) << s.sim.GetError();
-    s.Call(s.Fs(s.Bob())->FsResumeDownload(s.usKept));
-    ASSERT_TRUE(s.Settle());
-}
-
 void ResumeOrFetch(SweepScene& s)
 {
     if (s.Fs(s.Bob())->FsResumeDownload(s.usKept) != 0)
@@ -186,47 +174,16 @@ void KeepRights(SweepScene& s)
     ASSERT_TRUE(s.Settle());
 }
 
-void Rejoin(SweepScene& s)
-{
-    ASSERT_TRUE(s.sim.Leave(s.Bob()) && s.sim.Rejoin(s.Bob(), true));
-    ASSERT_TRUE(s.Settle());
-}
-
-void CutAndShare(SweepScene& s)
-{
-    ASSERT_TRUE(s.sim.CutLink(s.sim.GetServerLink(1, 2)));
-    ShareTarget(s, true);
-}
-
-void RestoreLink(SweepScene& s)
-{
-    ASSERT_TRUE(s.sim.RestoreLink(s.sim.GetServerLink(1, 2)));
-    ASSERT_TRUE(s.Settle());
-}
-
-void Relink(SweepScene& s)
-{
-    ASSERT_TRUE(s.sim.CutLink(s.sim.GetServerLink(1, 2)));
-    RestoreLink(s);
-}
-
-// A linked server restarts: it serves only what its peer's list brings back.
-void Restart(SweepScene& s)
-{
-    ASSERT_TRUE(s.sim.RestartServer(s.shape.Server(1)));
-    ASSERT_TRUE(s.Settle());
-}
-
 auto Nothing = [](SweepScene&) {};
 
 const Road kRoads[] = {
-    {"add", false, Nothing, AddTarget, AddTarget,
+    {"add", Nothing, AddTarget, AddTarget,
      [](SweepScene& s) {
          auto vecAdded = s.Events(s.Alice(), zvFsEventFileAdded);
          return vecAdded.size() >= 2 && ZV_ResultOf(vecAdded.back()) == 0;
      }},
-    {"batch add", false, Nothing, AddBatch, AddBatch, BatchDone},
-    {"upload", false, [](SweepScene& s) { ShareTarget(s, false); },
+    {"batch add", Nothing, AddBatch, AddBatch, BatchDone},
+    {"upload", [](SweepScene& s) { ShareTarget(s, false); },
      [](SweepScene& s) {
          s.Call(s.Fs(s.Alice())->FsUpload(s.usTarget));
          ASSERT_TRUE(s.Settle());
@@ -237,39 +194,20 @@ const Road kRoads[] = {
          ASSERT_TRUE(s.Settle());
      },
      [](SweepScene& s) { return s.Uploaded(s.usTarget); }},
-    {"download", false, Nothing, [](SweepScene& s) { Fetch(s, s.Bob()); }, ResumeOrFetch,
+    {"download", Nothing, [](SweepScene& s) { Fetch(s, s.Bob()); }, ResumeOrFetch,
      [](SweepScene& s) { return s.Fetched(s.Bob(), s.usKept); }},
-    {"relay", true, Nothing, [](SweepScene& s) { Fetch(s, s.Carol()); },
-     [](SweepScene& s) {
-         if (s.Fs(s.Carol())->FsResumeDownload(s.usKept) != 0)
-             s.Download(s.Carol(), s.usKept);
-         ASSERT_TRUE(s.Settle());
-         if (!s.Fetched(s.Carol(), s.usKept))
-             Fetch(s, s.Carol());
-     },
-     [](SweepScene& s) { return s.Fetched(s.Carol(), s.usKept); }},
-    {"stop and resume", false, Nothing, StopAndResume, ResumeOrFetch,
-     [](SweepScene& s) { return s.Fetched(s.Bob(), s.usKept); }},
-    {"delete", false, [](SweepScene& s) { ShareTarget(s, true); }, Delete, Delete,
+    {"delete", [](SweepScene& s) { ShareTarget(s, true); }, Delete, Delete,
      [](SweepScene& s) {
          ZV_FileUploadInfo row;
          return !s.Row(s.shape.Server(), s.usTarget, row) && !s.Knows(s.Alice(), s.usTarget) &&
                 !s.Knows(s.Bob(), s.usTarget);
      },
      true},
-    {"rights", false, KeepRights, HideFromBob, HideFromBob,
+    {"rights", KeepRights, HideFromBob, HideFromBob,
      [](SweepScene& s) {
          ZV_FileUploadInfo row;
          return s.Row(s.shape.Server(), s.usKept, row) && !row.m_BriefInfo.m_bPublic &&
                 !s.Events(s.Bob(), zvFsEventFileHidden).empty();
-     }},
-    {"both lists", false, [](SweepScene& s) { Fetch(s, s.Bob()); }, Rejoin, Rejoin,
-     [](SweepScene& s) { return s.Knows(s.Bob(), s.usKept) && s.Fetched(s.Bob(), s.usKept); }},
-    {"reconciliation", true, CutAndShare, RestoreLink, Relink,
-     [](SweepScene& s) { return s.Knows(s.Carol(), s.usTarget); }},
-    {"restart", true, Nothing, Restart, Restart,
-     [](SweepScene& s) {
-         return s.Session(s.shape.Server(1), s.usKept) && s.Knows(s.Carol(), s.usKept);
      }},
 };
 
@@ -281,7 +219,7 @@ std::unique_ptr<SweepScene> Begin(const Road& road)
 {
     auto lpScene = std::make_unique<SweepScene>();
     SweepScene& s = *lpScene;
-    s.Build(road.bLinked);
+    s.Build();
     for (ZV_SimHost* lpNode : s.sim.GetNodes())
         std::filesystem::create_directories(lpNode->GetHome() + "log");
     s.usKept = s.Share("kept.bin", kData);

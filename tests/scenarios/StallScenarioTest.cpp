@@ -11,10 +11,6 @@ namespace {
 struct StallScene : ZV_Scene
 {
     void WaitOut() { ASSERT_TRUE(sim.AdvanceTime(ZV_CLIENT_STALL_MS + 1000)) << sim.GetError(); }
-    size_t Asked(ZV_SimHost* lpClient)
-    {
-        return sim.Journal().Pdus(PDU_CONF_FS_DOWNLOAD_REQUEST, lpClient->GetName()).size();
-    }
 };
 
 } // namespace
@@ -57,83 +53,6 @@ TEST_F(StallScene, AResumeOfADownloadNeverAskedOrOfAHiddenFileStopsCountingAsBus
     WaitOut();
     EXPECT_FALSE(IsBusy(Bob()));
     EXPECT_FALSE(std::filesystem::exists(Target(Bob(), usFileID)));
-}
-
-// A server link that comes back has its files announced again; Bob's
-// download goes on where it stood, asked for once.
-TEST_F(StallScene, AServerLinkThatComesBackLeavesAClientsDownloadRunning)
-{
-    Build(true);
-    const ZV_Bytes data = ZV_RandomBytes(2 * 1024 * 1024, 4);
-    const uint16_t usFileID = Share("long.bin", data);
-    ASSERT_EQ(0u, Download(Bob(), usFileID));
-    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, Bob(), 6));
-    ASSERT_TRUE(sim.CutLink(sim.GetServerLink(1, 2)));
-    ASSERT_TRUE(sim.RestoreLink(sim.GetServerLink(1, 2)));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    EXPECT_FALSE(sim.Journal().PdusTo(PDU_CONF_FS_ADD_FILES_RESPONSE, Bob()->GetName()).empty());
-    EXPECT_EQ(data, QB_ReadWholeFile(Target(Bob(), usFileID)));
-    EXPECT_EQ(1u, Asked(Bob()));
-    EXPECT_FALSE(IsBusy(Bob()));
-}
-
-// Bob's partly downloaded file was deleted, or its FileID given to another
-// file, while he was away: on his return the old download ends, file and all.
-TEST_F(StallScene, AFileGoneOrRenamedByItsFileIDOnTheUsersReturnEndsTheOldDownload)
-{
-    sim.SetFileIDRange(1, 1, 1);
-    Build();
-    for (bool bReused : {false, true})
-    {
-        ASSERT_EQ(1, Share(bReused ? "old2.bin" : "old.bin", ZV_RandomBytes(300000, 5)));
-        ASSERT_EQ(0u, Download(Bob(), 1));
-        ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, Bob(), bReused ? 4 : 2));
-        const std::string sOld = Target(Bob(), 1);
-        ASSERT_TRUE(sim.Leave(Bob()));
-        ASSERT_EQ(0u, Fs(Alice())->FsDelUpload(1));
-        ASSERT_TRUE(sim.Run()) << sim.GetError();
-        const ZV_Bytes dataNew = ZV_RandomBytes(40000, 6);
-        if (bReused)
-        {
-            ASSERT_EQ(1, Share("new.bin", dataNew));
-        }
-        ASSERT_TRUE(sim.Rejoin(Bob(), false));
-        ASSERT_TRUE(sim.Run()) << sim.GetError();
-        EXPECT_FALSE(std::filesystem::exists(sOld)) << bReused;
-        EXPECT_FALSE(IsBusy(Bob())) << bReused;
-        EXPECT_EQ(bReused ? 2u : 1u, Events(Bob(), zvFsEventFileGone).size());
-        if (!bReused)
-            continue;
-        ASSERT_EQ(0u, Download(Bob(), 1));
-        ASSERT_TRUE(sim.Run()) << sim.GetError();
-        EXPECT_EQ(dataNew, QB_ReadWholeFile(Target(Bob(), 1)));
-    }
-}
-
-// A data link that drops and comes back under an upload or a download (after
-// the client was idle) has the transfer go on at once, without a stall.
-TEST_F(StallScene, TransfersGoOnAtOnceWhenADataLinkComesBack)
-{
-    Build();
-    const ZV_Bytes data = ZV_RandomBytes(1024 * 1024, 8);
-    StartShare("up.bin", data);
-    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_UPLOAD_REQUEST, shape.Server(), 4));
-    ASSERT_TRUE(sim.Cut(sim.GetClientLink(Alice()), zvConfClientTypeData));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    ASSERT_TRUE(sim.Restore(sim.GetClientLink(Alice()), zvConfClientTypeData));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    const uint16_t usFileID = 1;
-    EXPECT_EQ(data, StoredBytes(shape.Server(), usFileID));
-
-    ASSERT_TRUE(sim.AdvanceTime(ZV_IDLE_WAIT_MS + 1000)) << sim.GetError();
-    ASSERT_EQ(0u, Download(Bob(), usFileID));
-    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, Bob(), 4));
-    ASSERT_TRUE(sim.Cut(sim.GetClientLink(Bob()), zvConfClientTypeData));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    ASSERT_TRUE(sim.Restore(sim.GetClientLink(Bob()), zvConfClientTypeData));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    EXPECT_EQ(data, QB_ReadWholeFile(Target(Bob(), usFileID)));
-    EXPECT_EQ(1u, Events(Bob(), zvFsEventDownloadFinished).size());
 }
 
 // An upload asked while away ends once the creator is back; dropping the
