@@ -6,17 +6,33 @@
 
 struct ControlScene : public ZV_Scene
 {
-    // The state of an upload (bUpload 1) or download (0) that a user was
-    // last told of with event 3011, or -1.
-    int ToldState(ZV_SimHost* lpClient, uint8_t bUpload)
+    // The states of uploads (bUpload 1) or downloads (0) a user was told of
+    // with event 3011, in order; the last of them, or -1.
+    std::vector<int> ToldStates(ZV_SimHost* lpClient, uint8_t bUpload)
     {
-        int nState = -1;
+        std::vector<int> vecState;
         for (const auto& event : Events(lpClient, zvFsEventTransferState))
             if (event.vbData.at(6) == bUpload)
-                nState = event.vbData.at(9) | event.vbData.at(10) << 8;
-        return nState;
+                vecState.push_back(event.vbData.at(9) | event.vbData.at(10) << 8);
+        return vecState;
+    }
+    int ToldState(ZV_SimHost* lpClient, uint8_t bUpload)
+    {
+        const std::vector<int> vecState = ToldStates(lpClient, bUpload);
+        return vecState.empty() ? -1 : vecState.back();
     }
 };
+
+// Each server's clients are told its copy of a file began and is whole.
+TEST_F(ControlScene, EveryServerTellsItsClientsWhenItsCopyOfAFileBeginsAndIsWhole)
+{
+    Build(true);
+    Share("relayed.bin", ZV_RandomBytes(100000, 7));
+    ASSERT_TRUE(sim.AdvanceTime(30000)) << sim.GetError();
+    for (ZV_SimHost* lpClient : {Bob(), shape.Client(2)})
+        EXPECT_EQ(std::vector<int>({zvFileStateUploading, zvFileStateComplete}), ToldStates(lpClient, 1))
+            << lpClient->GetName();
+}
 
 TEST_F(ControlScene, AStoppedDownloadStandsStillWhileTheUploadGoesOnAndResumesToTheSameBytes)
 {
