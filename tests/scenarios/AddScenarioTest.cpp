@@ -152,26 +152,6 @@ TEST_F(AddScene, ARangeThatRunsOutInABatchRefusesTheFirstFilesWith40AndKeepsTheL
     EXPECT_EQ((std::set<std::string>{"f2.txt", "f3.txt", "f4.txt"}), StoredNames());
 }
 
-TEST_F(AddScene, AServerMadeAgainFindsItsCatalogueRowsAndCleanDataEmptiesTheFolder)
-{
-    Build();
-    Share("a.txt", {1}, false);
-    Share("b", {1}, false);
-    Share("b", {1}, false);
-    ZV_SimModuleApi api = ZV_SimModuleApi::Linked();
-    shape.Server()->Stop(api);
-    ASSERT_TRUE(shape.Server()->Start(api));
-    ZV_FileUploadInfo row;
-    ASSERT_TRUE(Row(shape.Server(), 3, row));
-    EXPECT_EQ(QB_StringU8("(1)b"), row.m_sFileNewName);
-
-    ZV_SimHost::PointHome(shape.Server()->GetHome());
-    EXPECT_EQ(0u, Manager(shape.Server())->CleanData());
-    EXPECT_TRUE(std::filesystem::is_directory(Store()));
-    EXPECT_TRUE(StoredNames().empty());
-    EXPECT_FALSE(Row(shape.Server(), 1, row));
-}
-
 // A FileID still catalogued, or deleted (the delete may have to reach a
 // server that was away), is given again only when no other is free.
 TEST_F(AddScene, AFileIDOfADeletedOrCataloguedFileIsGivenOnlyWhenNoOtherIsFree)

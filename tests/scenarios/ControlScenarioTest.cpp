@@ -119,35 +119,3 @@ TEST_F(ControlScene, AnUploadsStopAndResumeReachBothServersTheirCataloguesAndThe
         EXPECT_EQ(3, ToldState(lpClient, 1)) << lpClient->GetName();
 }
 
-TEST_F(ControlScene, AnUploadThatCannotReadFailsEverywhereUntilItsCreatorResumesIt)
-{
-    Build(true);
-    ZV_SimHost* lpCarol = shape.Client(2);
-    const ZV_Bytes data = ZV_RandomBytes(10 * 32768 + 7, 12);
-    const uint16_t usFileID = Share("bad.bin", data, false);
-    sim.GetEnv().FailAt(QB_EnvOp::Read, 2);
-    ASSERT_EQ(0u, Fs(Alice())->FsUpload(usFileID));
-    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
-    for (ZV_SimHost* lpClient : shape.vecClients)
-    {
-        const auto vecError = Events(lpClient, zvFsEventTransferError);
-        ASSERT_EQ(lpClient == Alice() ? 2u : 1u, vecError.size()) << lpClient->GetName();
-        for (const auto& error : vecError)
-        {
-            EXPECT_EQ(zvResultCannotAccess, ZV_ResultOf(error));
-            EXPECT_EQ(usFileID, ZV_FileIDOf(error));
-        }
-    }
-    for (ZV_SimHost* lpServer : shape.vecServers)
-    {
-        ZV_FileUploadInfo row;
-        ASSERT_TRUE(Row(lpServer, usFileID, row));
-        EXPECT_LT(row.m_ulFileWritePos, data.size()) << lpServer->GetName();
-    }
-
-    ASSERT_EQ(0u, Fs(Alice())->FsResumeUpload(usFileID));
-    ASSERT_EQ(0u, Download(lpCarol, usFileID));
-    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
-    EXPECT_EQ(data, QB_ReadWholeFile(Target(lpCarol, usFileID)));
-}
-

@@ -55,30 +55,6 @@ TEST_F(StallScene, AResumeOfADownloadNeverAskedOrOfAHiddenFileStopsCountingAsBus
     EXPECT_FALSE(std::filesystem::exists(Target(Bob(), usFileID)));
 }
 
-// An upload asked while away ends once the creator is back; dropping the
-// "download" of one's own file leaves its upload alone.
-TEST_F(StallScene, ACreatorsOwnUploadGoesOnWhateverTheCreatorDidMeanwhile)
-{
-    Build();
-    const uint16_t usDone = Share("done.bin", ZV_RandomBytes(40000, 9));
-    ASSERT_TRUE(sim.Leave(Alice()));
-    ASSERT_EQ(0u, Fs(Alice())->FsUpload(usDone));
-    ASSERT_TRUE(sim.Rejoin(Alice(), false));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    WaitOut();
-    EXPECT_FALSE(IsBusy(Alice()));
-    EXPECT_TRUE(Events(Alice(), zvFsEventTransferError).empty());
-
-    const ZV_Bytes data = ZV_RandomBytes(600000, 10);
-    StartShare("mine.bin", data);
-    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_UPLOAD_REQUEST, shape.Server(), 3));
-    const uint16_t usFileID = usDone + 1;
-    ASSERT_EQ(0u, Fs(Alice())->FsDelDownload(usFileID, 0));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    EXPECT_EQ(data, StoredBytes(shape.Server(), usFileID));
-    EXPECT_TRUE(Events(Alice(), zvFsEventTransferError).empty());
-}
-
 // The timer: a client is busy (3012 with 1) while a transfer runs or a
 // download stands stopped, idle (0) once none does; a server wakes a
 // stalled uploader.
