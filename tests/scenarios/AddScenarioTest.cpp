@@ -70,45 +70,6 @@ TEST_F(AddScene, RefusesWithTheRightCodeAndCreatesNothing)
     EXPECT_EQ(zvResultNotInConf, Fs(Alice())->FsAdd(ZV_Wide(tmp.Sub("alice/a.txt")).c_str(), nullptr, 0, 1, 0));
 }
 
-TEST_F(AddScene, ABatchTooLargeForOnePduGoesOutInSeveralAndIsReportedWhole)
-{
-    Build();
-    std::vector<std::string> vecNames;
-    for (int i = 0; i < 500; ++i)
-        vecNames.push_back(std::string(100, 'n') + std::to_string(i) + ".bin");
-    ShareBatch(vecNames);
-
-    const auto vecRequests = sim.Journal().Pdus(PDU_CONF_FS_ADD_FILES_REQUEST, Alice()->GetName());
-    ASSERT_GE(vecRequests.size(), 2u);
-    for (size_t i = 0; i < vecRequests.size(); ++i)
-    {
-        EXPECT_LT(vecRequests[i].vbData.size(), 65471u);
-        EXPECT_EQ(i + 1 == vecRequests.size() ? 1 : 0, vecRequests[i].vbData.back()) << "bLast of PDU " << i;
-        EXPECT_TRUE(vecRequests[i].bFlag1 == 1 && vecRequests[i].bFlag2 == 1) << "flags of PDU " << i;
-        // As many FileIDs as records: its own, none of the last one's.
-        QB_ByteStream stream(vecRequests[i].vbData.data(), (int32_t)vecRequests[i].vbData.size());
-        ZV_AddFilesRequest ask;
-        ask.LoadHead(stream);
-        stream.ReadU8();
-        QB_Array<uint16_t> arrFileID;
-        QB_Array<ZV_FileBriefInfo> arrInfo;
-        LoadU16Array(stream, arrFileID);
-        LoadSequence(stream, arrInfo);
-        EXPECT_EQ(arrInfo.GetSize(), arrFileID.GetSize()) << "PDU " << i;
-    }
-    // 500 records outgrow one event: as many as needed, every file once.
-    std::vector<uint16_t> vecExpected(500);
-    for (uint16_t i = 0; i < 500; ++i)
-        vecExpected[i] = (uint16_t)(i + 1);
-    for (ZV_SimHost* lpClient : shape.vecClients)
-    {
-        std::vector<uint16_t> vecReported = FilesAdded(lpClient);
-        std::sort(vecReported.begin(), vecReported.end());
-        EXPECT_EQ(vecExpected, vecReported) << lpClient->GetName();
-    }
-    EXPECT_EQ(500u, StoredCount());
-}
-
 TEST_F(AddScene, StoresTwoFilesOfTheSameNameApartWhileEveryoneSeesTheSharedName)
 {
     Build();

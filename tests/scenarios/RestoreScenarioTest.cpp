@@ -4,7 +4,6 @@
 
 #include <functional>
 #include <algorithm>
-#include <set>
 
 struct RestoreScene : ZV_Scene
 {
@@ -165,20 +164,6 @@ TEST_F(StorageScene, StoresUnderThePathOfConfsrvIniOrBesideItWhenTheFileNamesNon
         EXPECT_EQ(data, QB_ReadWholeFile(row.sFolder + "100/" + sName)) << row.szCase;
     }
     EXPECT_TRUE(std::filesystem::exists(sIni)) << "a missing file is made, empty";
-
-    // A configuration that cannot be opened at all.
-    std::filesystem::remove(sIni);
-    std::filesystem::create_directory(sIni);
-    lpServer->Stop(api);
-    ASSERT_TRUE(lpServer->Start(api));
-    EXPECT_EQ(zvResultNoConfig, lpServer->GetInitializeResult());
-    // Such a server has no storage folder: it refuses to store, and writes
-    // nothing in the folder the process runs in.
-    const auto setBefore = std::set<std::filesystem::directory_entry>(std::filesystem::directory_iterator("."), {});
-    StartShare("homeless.bin", ZV_RandomBytes(100, 9));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    EXPECT_EQ(zvResultCannotOpen, ZV_ResultOf(Events(Alice(), zvFsEventFileAdded).back()));
-    EXPECT_EQ(setBefore, std::set<std::filesystem::directory_entry>(std::filesystem::directory_iterator("."), {}));
 }
 
 // Such a server still learns files from its peer's list; their stored names
