@@ -1,4 +1,4 @@
-// Sharing files: stored names, refusals, batches, a server made again.
+// Sharing files: stored names, refusals, which FileID is given.
 #include "ZV_FileShareMgrPeer.h"
 #include "ZV_SceneFixture.h"
 #include "add/ZV_AddPdu.h"
@@ -135,7 +135,7 @@ TEST_F(AddScene, AFileIDOfADeletedOrCataloguedFileIsGivenOnlyWhenNoOtherIsFree)
     EXPECT_EQ(QB_StringU8("kept.bin"), row.m_BriefInfo.m_sFileOldName);
 }
 
-// Uploads against a server made again midway, or whose saves fail.
+// Uploads against a server whose catalogue saves fail.
 using UploadScene = ZV_Scene;
 
 // A failed catalogue save is never taken for a success: the add is refused

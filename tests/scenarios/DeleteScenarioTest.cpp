@@ -123,12 +123,25 @@ TEST_F(DeleteScene, TheSameDeleteArrivingAgainIsTakenOnce)
     shape.Server(1)->SendPduToServers(zvConnNone, zvConfServerTypeCommand, PDU_CONF_FS_DEL_UPLOAD_REQUEST,
                                       vbFlood.data(), (uint32_t)vbFlood.size(), 1, 1);
     const std::vector<uint8_t>& vbAnswer = vecAnswers[0].vbData;
-    shape.Server()->SendPdu(shape.Server()->GetUserConn(&Bob()->GetUserID(), zvConfClientTypeCommand),
-                            PDU_CONF_FS_DEL_UPLOAD_RESPONSE, vbAnswer.data(), (uint32_t)vbAnswer.size(), 1, 1);
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    SendFromServer(Bob(), PDU_CONF_FS_DEL_UPLOAD_RESPONSE, vbAnswer.data(), (uint32_t)vbAnswer.size());
     EXPECT_EQ(1u, Events(Bob(), zvFsEventFileGone).size());
     const std::vector<ZV_SimEntry> vecReplayed = sim.Journal().Find(answers);
     ASSERT_EQ(2u, vecReplayed.size()) << "the replayed answer reached Bob";
     EXPECT_EQ(0u, vecReplayed[1].ulResult) << "and was taken as handled";
     EXPECT_EQ(1, ZV_FileShareMgrPeer::DeletedFileIDs(*Manager(shape.Server())).GetSize());
+}
+
+// The creator's "download" of her own file is the file she uploads: dropping
+// it leaves the upload alone.
+TEST_F(DeleteScene, DroppingTheDownloadOfOnesOwnFileLeavesItsUploadAlone)
+{
+    Build(false);
+    const ZV_Bytes data = ZV_RandomBytes(600000, 10);
+    StartShare("mine.bin", data);
+    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_UPLOAD_REQUEST, shape.Server(), 3));
+    const uint16_t usFileID = AddedFileID(Alice(), 0);
+    ASSERT_EQ(0u, Fs(Alice())->FsDelDownload(usFileID, 0));
+    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    EXPECT_EQ(data, StoredBytes(shape.Server(), usFileID));
+    EXPECT_TRUE(Events(Alice(), zvFsEventTransferError).empty());
 }

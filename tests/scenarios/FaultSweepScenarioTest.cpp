@@ -11,7 +11,6 @@
 #include "wire/ZV_PduFrame.h"
 
 #include "QB_IniFileEx.h"
-#include "wire/ZV_RecordStream.h"
 
 #include <functional>
 #include <set>
@@ -19,8 +18,6 @@
 namespace {
 
 const ZV_Bytes kData = ZV_RandomBytes(40000, 30);  // two blocks and a bit
-
-std::pair<std::vector<uint16_t>, int> ReadBatch(const ZV_SimEntry& event);
 
 struct SweepScene : public ZV_Scene
 {
@@ -115,8 +112,6 @@ struct SweepScene : public ZV_Scene
         size_t nCount = nRefused;
         for (const ZV_SimEntry& event : Find({.eKind = ZV_SimEntryKind::Event}))
             nCount += event.vbData.size() >= 6 && ZV_ResultOf(event) != 0;
-        for (const ZV_SimEntry& event : Events(Alice(), zvFsEventFilesAdded))
-            nCount += (int)ReadBatch(event).first.size() < ReadBatch(event).second;
         for (ZV_SimHost* lpNode : sim.GetNodes())
             for (const auto& entry : std::filesystem::directory_iterator(lpNode->GetHome() + "log"))
                 nCount += std::filesystem::file_size(entry.path());
@@ -149,40 +144,6 @@ void AddTarget(SweepScene& s)
     QB_WriteWholeFile(s.tmp.Sub("alice/target.bin"), kData);
     s.Call(s.Fs(s.Alice())->FsAdd(ZV_Wide(s.tmp.Sub("alice/target.bin")).c_str(), nullptr, 0, 1, 0));
     s.Settle();
-}
-
-void AddBatch(SweepScene& s)
-{
-    std::filesystem::create_directories(s.tmp.Sub("alice/batch"));
-    for (const char* sz : {"a.bin", "b.bin", "c.bin"})
-        QB_WriteWholeFile(s.tmp.Sub(std::string("alice/batch/") + sz), kData);
-    const std::u16string asNames[] = {u"a.bin", u"b.bin", u"c.bin"};
-    const char16_t* apNames[] = {asNames[0].c_str(), asNames[1].c_str(), asNames[2].c_str()};
-    s.Call(s.Fs(s.Alice())->FsFilesAdd(ZV_Wide(s.tmp.Sub("alice/batch")).c_str(), apNames, 3, nullptr, 0, 1, 1));
-    s.Settle();
-}
-
-// Event 3013's FileIDs and how many descriptions stand beside them; a
-// refused batch is told by descriptions without FileIDs.
-std::pair<std::vector<uint16_t>, int> ReadBatch(const ZV_SimEntry& event)
-{
-    QB_ByteStream stream(event.vbData.data(), (int32_t)event.vbData.size());
-    stream.Skip(6);
-    QB_Array<uint16_t> arrFileID;
-    LoadU16Array(stream, arrFileID);
-    QB_Array<ZV_FileBriefInfo> arrInfo;
-    LoadSequence(stream, arrInfo);
-    return {std::vector<uint16_t>(arrFileID.GetData(), arrFileID.GetData() + arrFileID.GetSize()), arrInfo.GetSize()};
-}
-
-bool BatchDone(SweepScene& s)
-{
-    std::set<uint16_t> setDone;
-    for (const ZV_SimEntry& event : s.Events(s.Alice(), zvFsEventFilesAdded))
-        for (uint16_t usFileID : ReadBatch(event).first)
-            if (s.Uploaded(usFileID))
-                setDone.insert(usFileID);
-    return setDone.size() >= 3;
 }
 
 void Fetch(SweepScene& s)
@@ -222,7 +183,6 @@ const Road kRoads[] = {
          return vecAdded.size() >= 2 && ZV_ResultOf(vecAdded.back()) == 0;
      },
      false, true},
-    {"batch add", Nothing, AddBatch, AddBatch, BatchDone},
     {"upload", [](SweepScene& s) { ShareTarget(s, false); },
      [](SweepScene& s) {
          s.Call(s.Fs(s.Alice())->FsUpload(s.usTarget));
@@ -349,8 +309,6 @@ TEST_P(FaultSweep, EveryFileOperationFailingInTurnIsToldKeepsSavedRowsAndTheRetr
             }
     // A road that touches no file sweeps nothing: its table row is wrong.
     EXPECT_GT(nRuns, 0) << road.szName << " performs no file operation";
-    RecordProperty("faulted_runs", nRuns);
-    std::printf("%s: %d faulted runs\n", road.szName, nRuns);
 }
 
 class CrashSweep : public FaultSweep
@@ -387,7 +345,6 @@ TEST_P(CrashSweep, ACrashAtEveryStepLosesNoSavedRowAndTheRoadFinishesAfterTheRes
         for (const std::string& sRow : setSaved)
             EXPECT_TRUE(road.bRemovesRows || setNow.count(sRow)) << "lost " << sRow;
     }
-    std::printf("%s: %d crashes\n", road.szName, nSteps);
 }
 
 std::string SweepName(const ::testing::TestParamInfo<Road>& info)

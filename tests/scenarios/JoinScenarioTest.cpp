@@ -1,5 +1,5 @@
-// Staying in step: a restarted client resumes its download, a right change
-// is told to the local user, lists go to whoever asks for them.
+// Lists: a restarted client resumes its download from the server's list,
+// and a list asked for goes to the asker, about itself only.
 #include "ZV_SceneFixture.h"
 
 #include "core/ZV_FileShareSession.h"
@@ -94,9 +94,7 @@ TEST_F(JoinScene, AClientRestartedInTheMiddleOfADownloadResumesItWhereItsFileSta
     forged.arrModify.Add(false);
     ZV_PduBuffer pdu;
     forged.Save(pdu.Stream());
-    shape.Server()->SendPdu(shape.Server()->GetUserConn(&Bob()->GetUserID(), zvConfClientTypeCommand),
-                            PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE, pdu.Payload(), pdu.PayloadLength(), 1, 1);
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    SendFromServer(Bob(), PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE, pdu);
     EXPECT_FALSE(std::filesystem::exists(tmp.Sub("downloads/Bob/planted.bin")));
     EXPECT_TRUE(StatedPositions(Bob(), usOther, nMark).empty());
 }
@@ -107,13 +105,7 @@ TEST_F(JoinScene, AnAskedForListGoesToTheAskerAboutItselfOnly)
 {
     Build();
     const uint16_t usFileID = Share("asked.bin", ZV_RandomBytes(1000, 8));
-    struct Row
-    {
-        const char* pszName;
-        uint16_t usAsk;
-        QB_UserID user;
-        size_t nUploadLists;
-    };
+    struct Row { const char* pszName; uint16_t usAsk; QB_UserID user; size_t nUploadLists; };
     const Row aRows[] = {
         {"the upload list for itself", PDU_CONF_GET_UPLOAD_SESSION_LIST_REQUEST, Bob()->GetUserID(), 1},
         {"the upload list for Alice", PDU_CONF_GET_UPLOAD_SESSION_LIST_REQUEST, Alice()->GetUserID(), 0},

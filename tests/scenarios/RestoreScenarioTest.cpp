@@ -25,14 +25,8 @@ TEST_F(RestoreScene, TakesEachCatalogueRowBackAsItsStoredFileStandsWhenAsked)
     const ZV_Bytes data = ZV_RandomBytes(kLength, 7);
     Build();
     Restart(true);
-    struct Case
-    {
-        const char* szCase;
-        std::function<void(const std::string& sStored)> fnDisk;
-        bool bKept;
-        uint32_t ulPos;
-        uint16_t usState;
-    };
+    struct Case { const char* szCase; std::function<void(const std::string& sStored)> fnDisk; bool bKept;
+          uint32_t ulPos; uint16_t usState; };
     const Case aRows[] = {
         {"a whole file", [](const std::string&) {}, true, kLength, zvFileStateComplete},
         {"a file cut short", [](const std::string& s) { std::filesystem::resize_file(s, 40000); }, true, 40000,
@@ -81,13 +75,7 @@ TEST_F(RestoreScene, TakesEachCatalogueRowBackAsItsStoredFileStandsWhenAsked)
 TEST_F(RestoreScene, KeepsWhoMayHaveAFileAcrossARestartAndTakesNothingBackWithoutTheSetting)
 {
     Build();
-    const struct
-    {
-        const char* szCase;
-        bool bRestore;
-        bool bRevoke;
-        bool bBobGetsIt;
-    } aRows[] = {
+    const struct { const char* szCase; bool bRestore; bool bRevoke; bool bBobGetsIt; } aRows[] = {
         {"no setting", false, false, false},
         {"rights kept", true, false, true},
         {"Bob's right taken away before the restart", true, true, false},
@@ -126,12 +114,8 @@ TEST_F(StorageScene, StoresUnderThePathOfConfsrvIniOrBesideItWhenTheFileNamesNon
     ZV_SimHost* lpServer = shape.Server();
     const std::string sIni = lpServer->GetHome() + "confsrv.ini";
     const std::string sBeside = lpServer->GetHome() + "FileShare/";
-    struct Row
-    {
-        const char* szCase;
-        std::string sIni;  // empty: no file at all
-        std::string sFolder;
-    };
+    // sIni empty: no file at all
+    struct Row { const char* szCase; std::string sIni; std::string sFolder; };
     auto Windows = [](const std::string& s) {
         std::string sWin(s);
         std::replace(sWin.begin(), sWin.end(), '/', '\\');

@@ -1,5 +1,5 @@
-// Rights: only the creator changes who may have a file; a batch is taken or
-// refused whole, and an accepted one reaches every server.
+// Rights: only the creator changes who may have a file, a batch is taken or
+// refused whole; the host's right change is told to the local user.
 #include "ZV_SceneFixture.h"
 
 using RightsScene = ZV_Scene;
@@ -57,4 +57,38 @@ TEST_F(RightsScene, OnlyTheCreatorChangesRightsAndABatchIsTakenOrRefusedWhole)
     EXPECT_EQ(1u, sim.Journal().PdusTo(PDU_CONF_FS_SET_FILES_RIGHT_REQUEST, shape.Server(1)->GetName()).size());
     EXPECT_EQ(2u, Events(lpCarol, zvFsEventFileHidden).size());
     EXPECT_EQ(2u, Events(Bob(), zvFsEventRightChanged).size());
+}
+
+// Event 14 concerns the files the user could not see: more visible raises
+// 3000 for each, fewer 3004; another user's change or a number not served
+// raises nothing.
+TEST_F(RightsScene, ARightChangeTellsTheLocalUserOfTheFilesItCouldNotSee)
+{
+    Build();
+    Share("open.bin", ZV_RandomBytes(1000, 3));
+    const uint16_t usClosed = ShareBy(Alice(), "closed.bin", {}, true, false);
+    // Bob first among those allowed: a file he may see already is not told.
+    ShareBy(Alice(), "granted.bin", ZV_RandomBytes(1000, 5), true, false, {Bob()->GetUserID(), Alice()->GetUserID()});
+    // usRaised 0: nothing at all
+    const struct { const char* pszName; ZV_SimHost* lpNode; uint16_t usEvent; uintptr_t a1; QB_UserID user;
+          uint16_t usRaised; } aRows[] = {
+        {"more visible", Bob(), zvConfEventRightChange, 1, Bob()->GetUserID(), zvFsEventFileAdded},
+        {"fewer visible", Bob(), zvConfEventRightChange, 0, Bob()->GetUserID(), zvFsEventFileHidden},
+        {"another user's change", Bob(), zvConfEventRightChange, 1, Alice()->GetUserID(), 0},
+        {"a number not served", shape.Server(), 5, 0, Bob()->GetUserID(), 0},
+    };
+    for (const auto& row : aRows)
+    {
+        const size_t nMark = sim.Journal().Size();
+        EXPECT_EQ(0u, sim.RaiseHostEvent(row.lpNode, row.usEvent, row.a1, (uintptr_t)&row.user)) << row.pszName;
+        ASSERT_TRUE(sim.Run()) << sim.GetError();
+        const auto vecRaised = Find({.eKind = ZV_SimEntryKind::Event, .nFrom = nMark});
+        EXPECT_TRUE(Find({.eKind = ZV_SimEntryKind::Pdu, .nFrom = nMark}).empty()) << row.pszName;
+        ASSERT_EQ(row.usRaised != 0 ? 1u : 0u, vecRaised.size()) << row.pszName;
+        if (row.usRaised == 0)
+            continue;
+        EXPECT_EQ(row.usRaised, vecRaised[0].usNumber) << row.pszName;
+        EXPECT_EQ(0u, ZV_ResultOf(vecRaised[0])) << row.pszName;
+        EXPECT_EQ(usClosed, ZV_FileIDOf(vecRaised[0])) << row.pszName;
+    }
 }

@@ -1,5 +1,5 @@
 // The user side's calls: what each gives without a link or for an unknown
-// file, and who sees a file shared with a list of users.
+// file, and how a file is described.
 #include "ZV_SceneFixture.h"
 #include "wire/ZV_RecordStream.h"
 #include "add/ZV_AddPdu.h"
@@ -21,12 +21,8 @@ TEST_F(UserCallScene, EachCallSaysWhyItCannotGoAndSendsNothing)
     const char16_t* apNames[] = {u"mine.bin"};
     const std::u16string sTarget = ZV_Wide(tmp.Sub("got.bin"));
     IZV_FileShareMgr* lpFs = Fs(Alice());
-    struct Call
-    {
-        const char* szName;
-        std::function<uint32_t(uint16_t)> fn;
-        uint32_t ulUnlinked;  // with the command link down
-    };
+    // ulUnlinked: with the command link down
+    struct Call { const char* szName; std::function<uint32_t(uint16_t)> fn; uint32_t ulUnlinked; };
     const Call aCalls[] = {
         {"FsAdd", [&](uint16_t) { return lpFs->FsAdd(sPath.c_str(), nullptr, 0, 1, 0); }, zvResultNoConnection},
         {"FsFilesAdd", [&](uint16_t) { return lpFs->FsFilesAdd(sFolder.c_str(), apNames, 1, nullptr, 0, 1, 0); },
@@ -106,12 +102,7 @@ TEST_F(LookupScene, DescribesAKnownFileAndCutsATextLongerThanItsFieldAtAWholeCha
     EXPECT_EQ(0, std::memcmp(&info, &other, sizeof other));
 
     const std::u16string sPair = u"\U0001F600";
-    const struct
-    {
-        const char* szName;
-        std::u16string sCreator;
-        std::u16string sExpected;
-    } aCases[] = {
+    const struct { const char* szName; std::u16string sCreator; std::u16string sExpected; } aCases[] = {
         {"fills the field", std::u16string(255, u'n'), std::u16string(255, u'n')},
         {"one unit over", std::u16string(256, u'n'), std::u16string(255, u'n')},
         {"a pair across the end", std::u16string(254, u'n') + sPair, std::u16string(254, u'n')},
@@ -130,9 +121,7 @@ TEST_F(LookupScene, DescribesAKnownFileAndCutsATextLongerThanItsFieldAtAWholeCha
         answer.brief.SetPublic(true);
         ZV_PduBuffer pdu;
         answer.Save(pdu.Stream());
-        const uint32_t ulConn = shape.Server()->GetUserConn(&Bob()->GetUserID(), zvConfClientTypeCommand);
-        shape.Server()->SendPdu(ulConn, PDU_CONF_FS_ADD_RESPONSE, pdu.Payload(), pdu.PayloadLength(), 0, 0);
-        ASSERT_TRUE(sim.Run()) << sim.GetError();
+        SendFromServer(Bob(), PDU_CONF_FS_ADD_RESPONSE, pdu);
 
         std::memset(&info, 0xEE, sizeof info);
         ASSERT_EQ(0u, Fs(Bob())->FsGetFileInfoByFileID(usFileID, &info)) << c.szName;

@@ -44,6 +44,12 @@ inline std::u16string ZV_Wide(const std::string& s)
     return std::u16string(sWide.GetString(), (size_t)sWide.GetLength());
 }
 
+inline std::string ZV_Text(const std::string& sPath)
+{
+    const ZV_Bytes vb = QB_ReadWholeFile(sPath);
+    return std::string(vb.begin(), vb.end());
+}
+
 // The u32 result that stands behind the number of most events.
 inline uint32_t ZV_ResultOf(const ZV_SimEntry& event)
 {
@@ -150,6 +156,17 @@ struct ZV_Scene : public ::testing::Test
     std::vector<ZV_SimEntry> Events(ZV_SimHost* lpNode, uint16_t usEvent)
     {
         return sim.Journal().Events(usEvent, lpNode->GetName());
+    }
+    // The server sends lpTo a PDU on its command link, as of its own accord.
+    void SendFromServer(ZV_SimHost* lpTo, uint16_t usPdu, const uint8_t* pData, uint32_t ulLen)
+    {
+        const uint32_t ulConn = shape.Server()->GetUserConn(&lpTo->GetUserID(), zvConfClientTypeCommand);
+        shape.Server()->SendPdu(ulConn, usPdu, pData, ulLen, 1, 1);
+        ASSERT_TRUE(sim.Run()) << sim.GetError();
+    }
+    void SendFromServer(ZV_SimHost* lpTo, uint16_t usPdu, ZV_PduBuffer& pdu)
+    {
+        SendFromServer(lpTo, usPdu, pdu.Payload(), pdu.PayloadLength());
     }
     std::vector<ZV_SimEntry> Find(const ZV_SimFilter& filter) { return sim.Journal().Find(filter); }
     // Result of the node's latest event of that number, 0xFFFFFFFF with none.
