@@ -82,3 +82,20 @@ TEST_F(TimerScene, ATransferIsBusyWhileItRunsOrItsDownloadStandsStoppedAndIdleOn
         EXPECT_TRUE(All(BusyDuring(lpClient, 16000), 0)) << lpClient->GetName();
     }
 }
+
+// An upload started again or resumed once the server holds the whole file
+// has nothing to send: after the wait it is over, without an error.
+TEST_F(ControlScene, AnUploadStartedAgainOrResumedAfterItEndedEndsWithoutAnError)
+{
+    Build();
+    const uint16_t usFileID = Share("done.bin", ZV_RandomBytes(70000, 1));
+    for (bool bResume : {false, true})
+    {
+        ASSERT_EQ(0u, bResume ? Fs(Alice())->FsResumeUpload(usFileID) : Fs(Alice())->FsUpload(usFileID));
+        ASSERT_TRUE(sim.Run()) << sim.GetError();
+        EXPECT_TRUE(bResume || IsBusy(Alice()));
+        ASSERT_TRUE(sim.AdvanceTime(ZV_CLIENT_STALL_MS + 1000)) << sim.GetError();
+        EXPECT_FALSE(IsBusy(Alice())) << bResume;
+    }
+    EXPECT_TRUE(Events(Alice(), zvFsEventTransferError).empty());
+}
