@@ -1,4 +1,4 @@
-// Sharing files: stored names, refusals, batches, a server made again.
+// Sharing files: stored names, refusals, which FileID is given.
 #include "ZV_FileShareMgrPeer.h"
 #include "ZV_SceneFixture.h"
 #include "add/ZV_AddPdu.h"
@@ -70,45 +70,6 @@ TEST_F(AddScene, RefusesWithTheRightCodeAndCreatesNothing)
     EXPECT_EQ(zvResultNotInConf, Fs(Alice())->FsAdd(ZV_Wide(tmp.Sub("alice/a.txt")).c_str(), nullptr, 0, 1, 0));
 }
 
-TEST_F(AddScene, ABatchTooLargeForOnePduGoesOutInSeveralAndIsReportedWhole)
-{
-    Build();
-    std::vector<std::string> vecNames;
-    for (int i = 0; i < 500; ++i)
-        vecNames.push_back(std::string(100, 'n') + std::to_string(i) + ".bin");
-    ShareBatch(vecNames);
-
-    const auto vecRequests = sim.Journal().Pdus(PDU_CONF_FS_ADD_FILES_REQUEST, Alice()->GetName());
-    ASSERT_GE(vecRequests.size(), 2u);
-    for (size_t i = 0; i < vecRequests.size(); ++i)
-    {
-        EXPECT_LT(vecRequests[i].vbData.size(), 65471u);
-        EXPECT_EQ(i + 1 == vecRequests.size() ? 1 : 0, vecRequests[i].vbData.back()) << "bLast of PDU " << i;
-        EXPECT_TRUE(vecRequests[i].bFlag1 == 1 && vecRequests[i].bFlag2 == 1) << "flags of PDU " << i;
-        // As many FileIDs as records: its own, none of the last one's.
-        QB_ByteStream stream(vecRequests[i].vbData.data(), (int32_t)vecRequests[i].vbData.size());
-        ZV_AddFilesRequest ask;
-        ask.LoadHead(stream);
-        stream.ReadU8();
-        QB_Array<uint16_t> arrFileID;
-        QB_Array<ZV_FileBriefInfo> arrInfo;
-        LoadU16Array(stream, arrFileID);
-        LoadSequence(stream, arrInfo);
-        EXPECT_EQ(arrInfo.GetSize(), arrFileID.GetSize()) << "PDU " << i;
-    }
-    // 500 records outgrow one event: as many as needed, every file once.
-    std::vector<uint16_t> vecExpected(500);
-    for (uint16_t i = 0; i < 500; ++i)
-        vecExpected[i] = (uint16_t)(i + 1);
-    for (ZV_SimHost* lpClient : shape.vecClients)
-    {
-        std::vector<uint16_t> vecReported = FilesAdded(lpClient);
-        std::sort(vecReported.begin(), vecReported.end());
-        EXPECT_EQ(vecExpected, vecReported) << lpClient->GetName();
-    }
-    EXPECT_EQ(500u, StoredCount());
-}
-
 TEST_F(AddScene, StoresTwoFilesOfTheSameNameApartWhileEveryoneSeesTheSharedName)
 {
     Build();
@@ -152,67 +113,6 @@ TEST_F(AddScene, ARangeThatRunsOutInABatchRefusesTheFirstFilesWith40AndKeepsTheL
     EXPECT_EQ((std::set<std::string>{"f2.txt", "f3.txt", "f4.txt"}), StoredNames());
 }
 
-TEST_F(AddScene, AServerMadeAgainFindsItsCatalogueRowsAndCleanDataEmptiesTheFolder)
-{
-    Build();
-    Share("a.txt", {1}, false);
-    Share("b", {1}, false);
-    Share("b", {1}, false);
-    ZV_SimModuleApi api = ZV_SimModuleApi::Linked();
-    shape.Server()->Stop(api);
-    ASSERT_TRUE(shape.Server()->Start(api));
-    ZV_FileUploadInfo row;
-    ASSERT_TRUE(Row(shape.Server(), 3, row));
-    EXPECT_EQ(QB_StringU8("(1)b"), row.m_sFileNewName);
-
-    ZV_SimHost::PointHome(shape.Server()->GetHome());
-    EXPECT_EQ(0u, Manager(shape.Server())->CleanData());
-    EXPECT_TRUE(std::filesystem::is_directory(Store()));
-    EXPECT_TRUE(StoredNames().empty());
-    EXPECT_FALSE(Row(shape.Server(), 1, row));
-}
-
-// The second server stores a batch learnt from the first, under the shared
-// names, tells its own client and serves the bytes.
-TEST_F(AddScene, ABatchReachesTheSecondServerWhichStoresItAndServesItsOwnClient)
-{
-    Build(true);
-    ZV_SimHost* lpCarol = shape.Client(2);
-    ShareBatch({"x.bin", "y.bin"});
-    ShareBatch({"z.bin"});
-    auto Reported = [&](ZV_SimHost* lpClient) {
-        std::vector<uint16_t> vec;
-        for (const auto& report : Events(lpClient, zvFsEventFilesAdded))
-        {
-            const ZV_FilesAddedEvent told = ZV_ReadFilesAdded(report.vbData);
-            vec.insert(vec.end(), told.vecFileID.begin(), told.vecFileID.end());
-            // Nothing of a file just added has arrived anywhere yet.
-            EXPECT_EQ(std::vector<double>(told.vecRate.size(), 0.0), told.vecRate) << lpClient->GetName();
-        }
-        std::sort(vec.begin(), vec.end());
-        return vec;
-    };
-    const std::vector<uint16_t> vecFileID = Reported(Alice());
-    ASSERT_EQ(3u, vecFileID.size());
-    EXPECT_EQ(vecFileID, Reported(lpCarol));
-    for (ZV_SimHost* lpServer : shape.vecServers)
-    {
-        std::set<std::string> setNames;
-        for (uint16_t usFileID : vecFileID)
-        {
-            ZV_FileUploadInfo row;
-            ASSERT_TRUE(Row(lpServer, usFileID, row)) << lpServer->GetName() << " " << usFileID;
-            EXPECT_EQ(1u, row.m_BriefInfo.m_ulFileLenth);
-            EXPECT_TRUE(std::filesystem::exists(Stored(lpServer, row))) << lpServer->GetName();
-            setNames.insert(row.m_sFileNewName.GetString());
-        }
-        EXPECT_EQ((std::set<std::string>{"x.bin", "y.bin", "z.bin"}), setNames) << lpServer->GetName();
-    }
-    ASSERT_EQ(0u, Download(lpCarol, vecFileID[1]));
-    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
-    EXPECT_EQ(ZV_Bytes{1}, QB_ReadWholeFile(Target(lpCarol, vecFileID[1])));
-}
-
 // A FileID still catalogued, or deleted (the delete may have to reach a
 // server that was away), is given again only when no other is free.
 TEST_F(AddScene, AFileIDOfADeletedOrCataloguedFileIsGivenOnlyWhenNoOtherIsFree)
@@ -235,40 +135,8 @@ TEST_F(AddScene, AFileIDOfADeletedOrCataloguedFileIsGivenOnlyWhenNoOtherIsFree)
     EXPECT_EQ(QB_StringU8("kept.bin"), row.m_BriefInfo.m_sFileOldName);
 }
 
-// Uploads against a server made again midway, or whose saves fail.
+// Uploads against a server whose catalogue saves fail.
 using UploadScene = ZV_Scene;
-
-TEST_F(UploadScene, AServerMadeAgainMidwayOrAtTheEndFindsWhatItsCatalogueLastSaid)
-{
-    Build();
-    const ZV_Bytes data = ZV_RandomBytes(10 * 32768 + 5, 2);
-    const uint16_t usFirst = Share("first.bin", data, false);
-    EXPECT_EQ(0u, Fs(Alice())->FsUpload(usFirst));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    const uint16_t usSecond = Share("second.bin", data, false);
-    EXPECT_EQ(0u, Fs(Alice())->FsUpload(usSecond));
-    // The start marker and three blocks of the second file have arrived.
-    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_UPLOAD_REQUEST, shape.Server(), 12 + 4));
-    ZV_SimModuleApi api = ZV_SimModuleApi::Linked();
-    shape.Server()->Stop(api);
-    ASSERT_TRUE(shape.Server()->Start(api));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-
-    // The second file's row was saved when its first block opened the store.
-    struct { uint16_t usFileID; uint16_t usState; uint32_t ulWritePos; size_t nOnDisk; } aRows[] = {
-        {usFirst, 3, (uint32_t)data.size(), data.size()}, {usSecond, 1, 0, 32768}};
-    for (const auto& r : aRows)
-    {
-        ZV_FileUploadInfo row;
-        ASSERT_TRUE(Row(shape.Server(), r.usFileID, row)) << r.usFileID;
-        EXPECT_EQ(r.usState, row.m_BriefInfo.m_usFileState) << r.usFileID;
-        EXPECT_EQ(r.ulWritePos, row.m_ulFileWritePos) << r.usFileID;
-        // The disk may hold more than the row says; what it holds is the file's start.
-        const ZV_Bytes stored = QB_ReadWholeFile(Stored(shape.Server(), row));
-        EXPECT_GE(stored.size(), r.nOnDisk) << r.usFileID;
-        EXPECT_TRUE(std::equal(stored.begin(), stored.end(), data.begin())) << r.usFileID;
-    }
-}
 
 // A failed catalogue save is never taken for a success: the add is refused
 // (61) leaving nothing stored, an upload's row is saved on the timer.

@@ -103,16 +103,9 @@ TEST_F(HostileScene, NoAttackOfAClientChangesAnyServerOrReachesAnyoneButHer)
     relay.user = mallory;
     relay.sPath = QB_StringU8("C:\\m\\secret.bin");
     relay.bFromServer = 1;
-    const struct
-    {
-        const char* szName;
-        uint16_t usPdu;
-        Bytes payload;
-        uint16_t usType;
-        uint16_t usAnswer;  // 0: none
-        size_t nResultAt;
-        uint32_t ulResult;
-    } aAttacks[] = {
+    // usAnswer 0: no answer
+    const struct { const char* szName; uint16_t usPdu; Bytes payload; uint16_t usType; uint16_t usAnswer;
+          size_t nResultAt; uint32_t ulResult; } aAttacks[] = {
         {"Alice's file made public", 8003, ZV_SavePayload(open), 0, 8004, 0, 40},
         {"Alice's rights rewritten to let Mallory in and Bob out", 8040, ZV_SavePayload(swap), 0, 8041, 3, 40},
         {"Mallory's bytes as Alice's", 8005, Block(usSecret, alice, 0, Bytes(10, 'x')), 4, 0, 0, 0},

@@ -1,6 +1,5 @@
-// Staying in step: a late joiner is given every file, a returning user finds
-// each download where the files' changes left it, and a creator who leaves
-// mid-upload takes the file along.
+// Lists: a restarted client resumes its download from the server's list,
+// and a list asked for goes to the asker, about itself only.
 #include "ZV_SceneFixture.h"
 
 #include "core/ZV_FileShareSession.h"
@@ -49,145 +48,9 @@ struct JoinScene : public ZV_Scene
         const auto nSize = std::filesystem::file_size(Target(lpClient, usFileID), ec);
         return ec ? 0 : (size_t)nSize;
     }
-    bool HasLocal(ZV_SimHost* lpClient, uint16_t usFileID) { return std::filesystem::exists(Target(lpClient, usFileID)); }
 };
 
 } // namespace
-
-// Carol joins after a batch of 1,000 files: the list comes in pieces cut
-// where the next record would overfill the buffer, told in the list's order.
-TEST_F(JoinScene, ALateJoinerSeesEveryOneOfAThousandFilesAndDownloadsOne)
-{
-    Build();
-    std::filesystem::create_directories(tmp.Sub("alice/many"));
-    QB_WriteWholeFile(tmp.Sub("alice/one.txt"), ZV_RandomBytes(5000, 1));
-    std::vector<std::u16string> vecNames;
-    for (int i = 0; i < 1000; ++i)
-    {
-        const std::string sName = "file-" + std::to_string(i) + ".txt";
-        std::filesystem::create_hard_link(tmp.Sub("alice/one.txt"), tmp.Sub("alice/many/" + sName));
-        vecNames.push_back(ZV_Wide(sName));
-    }
-    std::vector<const char16_t*> vecNamePtr;
-    for (const std::u16string& s : vecNames)
-        vecNamePtr.push_back(s.c_str());
-    ASSERT_EQ(0u, Fs(Alice())->FsFilesAdd(ZV_Wide(tmp.Sub("alice/many")).c_str(), vecNamePtr.data(), 1000, nullptr, 0,
-                                          1, 0));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-
-    ZV_SimHost* lpCarol = sim.AddClient(ZV_SimBuilder::kConfID, ZV_SimBuilder::MakeUser(1, 2));
-    ASSERT_TRUE(lpCarol && sim.Run()) << sim.GetError();
-
-    const auto vecParts = UploadLists(lpCarol);
-    ASSERT_GT(vecParts.size(), 1u);
-    std::vector<uint16_t> vecListed;
-    for (size_t n = 0; n < vecParts.size(); ++n)
-    {
-        const ZV_UploadListResponse& part = vecParts[n];
-        EXPECT_EQ(n + 1 == vecParts.size() ? 1 : 0, part.bLast) << n;
-        EXPECT_EQ(lpCarol->GetUserID(), part.user);
-        uint32_t ulSize = ZV_UploadListResponse::kHeadSize;
-        for (int i = 0; i < part.arrInfo.GetSize(); ++i)
-        {
-            ulSize += ZV_UploadListEntrySize(part.arrInfo[i]);
-            vecListed.push_back(part.arrInfo[i].m_usFileID);
-        }
-        EXPECT_LE(ulSize, (uint32_t)QB_PDU_BUFFER_SIZE) << n;
-        if (n + 1 < vecParts.size())
-        {
-            EXPECT_GT(ulSize + ZV_UploadListEntrySize(vecParts[n + 1].arrInfo[0]), (uint32_t)QB_PDU_BUFFER_SIZE) << n;
-        }
-    }
-    ASSERT_EQ(1000u, vecListed.size());
-    EXPECT_EQ(vecListed, FilesAdded(lpCarol));
-    for (uint16_t usFileID : vecListed)
-        ASSERT_TRUE(Knows(lpCarol, usFileID)) << usFileID;
-
-    const uint16_t usPick = vecListed[500];
-    ASSERT_EQ(0u, Download(lpCarol, usPick));
-    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
-    ZV_FsFileInfo info{};
-    ASSERT_EQ(0u, Fs(lpCarol)->FsGetFileInfoByFileID(usPick, &info));
-    const std::string sName = QB_StringU8(QB_StringW(info.szFileOldName)).GetString();
-    EXPECT_EQ(QB_ReadWholeFile(tmp.Sub("alice/many/" + sName)), QB_ReadWholeFile(Target(lpCarol, usPick)));
-}
-
-// Bob leaves halfway through four downloads; meanwhile the first is deleted,
-// the second stored anew, the third withdrawn and the fourth stopped. Back,
-// he drops the first and third, refetches the second from 0, and resumes the
-// fourth from where his file stands.
-TEST_F(JoinScene, AUserWhoComesBackFindsEachDownloadAsTheFilesChangedWhileAway)
-{
-    Build();
-    const size_t nSize = 1024 * 1024;
-    std::vector<uint16_t> vecFileID;
-    std::vector<ZV_Bytes> vecData;
-    for (unsigned i = 0; i < 4; ++i)
-    {
-        vecData.push_back(ZV_RandomBytes(nSize, 50 + i));
-        vecFileID.push_back(Share("away" + std::to_string(i) + ".bin", vecData.back()));
-    }
-    for (uint16_t usFileID : vecFileID)
-        ASSERT_EQ(0u, Download(Bob(), usFileID));
-    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, Bob(), 16));
-    for (uint16_t usFileID : vecFileID)
-        ASSERT_TRUE(HasLocal(Bob(), usFileID) && LocalSize(Bob(), usFileID) < nSize) << usFileID;
-    ASSERT_TRUE(sim.Leave(Bob()));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-
-    const uint16_t usDeleted = vecFileID[0], usAnew = vecFileID[1], usHidden = vecFileID[2], usStopped = vecFileID[3];
-    ASSERT_EQ(0u, Fs(Alice())->FsDelUpload(usDeleted));
-    ASSERT_EQ(0u, Fs(Alice())->FsSetRight(usHidden, 0, nullptr, 0, nullptr, 0));
-    EXPECT_EQ(16u, Fs(Bob())->FsStopDownload(usStopped)) << "no link while away";
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    // The second file's bytes change on the server, and the server's own list
-    // is replayed with the record marked as of another file, as a server
-    // whose peer gave the FileID away would send it.
-    ZV_FileUploadInfo row;
-    ASSERT_TRUE(Row(shape.Server(), usAnew, row));
-    const ZV_Bytes anew = ZV_RandomBytes(nSize, 99);
-    QB_WriteWholeFile(Stored(shape.Server(), row), anew);
-    const size_t nStoppedAt = LocalSize(Bob(), usStopped);
-
-    const size_t nMark = sim.Journal().Size();
-    ASSERT_TRUE(sim.Rejoin(Bob(), false));
-    ZV_DownloadListResponse renewed;
-    renewed.user = Bob()->GetUserID();
-    renewed.arrInfo.Add(ZV_FileDownloadInfo());
-    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE, Bob(), 1));
-    {
-        const auto vecList =
-            Find({.usNumber = PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE, .sPeer = Bob()->GetName(), .nFrom = nMark});
-        QB_ByteStream stream(vecList[0].vbData.data(), (int32_t)vecList[0].vbData.size());
-        ZV_DownloadListResponse listed;
-        listed.Load(stream);
-        for (int i = 0; i < listed.arrInfo.GetSize(); ++i)
-            if (listed.arrInfo[i].m_usFileID == usAnew)
-                renewed.arrInfo[0] = listed.arrInfo[i];
-        renewed.arrModify.Add(true);
-        ZV_PduBuffer pdu;
-        renewed.Save(pdu.Stream());
-        shape.Server()->SendPdu(shape.Server()->GetUserConn(&Bob()->GetUserID(), zvConfClientTypeCommand),
-                                PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE, pdu.Payload(), pdu.PayloadLength(), 1, 1);
-    }
-    ASSERT_TRUE(sim.AdvanceTime(2000)) << sim.GetError();
-
-    EXPECT_FALSE(Knows(Bob(), usDeleted));
-    EXPECT_FALSE(HasLocal(Bob(), usDeleted)) << "a partial file of a deleted file goes";
-    EXPECT_FALSE(HasLocal(Bob(), usHidden)) << "a partial file of a withdrawn file goes";
-    EXPECT_EQ(1u, Events(Bob(), zvFsEventFileHidden).size());
-    EXPECT_EQ(anew, QB_ReadWholeFile(Target(Bob(), usAnew))) << "fetched again from 0";
-    const auto vecAnewPos = StatedPositions(Bob(), usAnew, nMark);
-    EXPECT_NE(vecAnewPos.end(), std::find(vecAnewPos.begin(), vecAnewPos.end(), 0u));
-    EXPECT_EQ(nStoppedAt, LocalSize(Bob(), usStopped)) << "a stop made while away holds";
-
-    const auto vecResume = StatedPositions(Bob(), usStopped, nMark);
-    ASSERT_FALSE(vecResume.empty());
-    EXPECT_EQ(nStoppedAt, vecResume.back()) << "resumed where the local file stands";
-    ASSERT_EQ(0u, Fs(Bob())->FsResumeDownload(usStopped));
-    ASSERT_TRUE(sim.AdvanceTime(2000)) << sim.GetError();
-    EXPECT_EQ(vecData[3], QB_ReadWholeFile(Target(Bob(), usStopped)));
-}
 
 // Bob's client restarts mid-download: its ledger knows he asked, so the
 // server's list resumes it where the local file stands; a listed record for
@@ -231,138 +94,18 @@ TEST_F(JoinScene, AClientRestartedInTheMiddleOfADownloadResumesItWhereItsFileSta
     forged.arrModify.Add(false);
     ZV_PduBuffer pdu;
     forged.Save(pdu.Stream());
-    shape.Server()->SendPdu(shape.Server()->GetUserConn(&Bob()->GetUserID(), zvConfClientTypeCommand),
-                            PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE, pdu.Payload(), pdu.PayloadLength(), 1, 1);
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    SendFromServer(Bob(), PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE, pdu);
     EXPECT_FALSE(std::filesystem::exists(tmp.Sub("downloads/Bob/planted.bin")));
     EXPECT_TRUE(StatedPositions(Bob(), usOther, nMark).empty());
 }
 
-// Alice leaves with one file halfway up and one complete: the unfinished one
-// goes from every store and client, and neither a late joiner nor Alice,
-// back again, is given it; the complete one stays.
-TEST_F(JoinScene, ACreatorWhoLeavesMidUploadTakesTheFileFromEveryoneOnLinkedServers)
-{
-    Build(true);
-    const uint16_t usDone = Share("done.bin", ZV_RandomBytes(50000, 6));
-    const uint16_t usFileID = Share("half.bin", ZV_RandomBytes(2 * 1024 * 1024, 7), false);
-    ASSERT_EQ(0u, Fs(Alice())->FsUpload(usFileID));
-    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_UPLOAD_REQUEST, shape.Server(0), 6));
-    ASSERT_TRUE(sim.Leave(Alice()));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-
-    for (ZV_SimHost* lpServer : shape.vecServers)
-    {
-        ZV_FileUploadInfo row;
-        EXPECT_FALSE(Row(lpServer, usFileID, row)) << lpServer->GetName();
-    }
-    for (ZV_SimHost* lpClient : shape.vecClients)
-        if (lpClient != Alice())
-        {
-            EXPECT_FALSE(Knows(lpClient, usFileID)) << lpClient->GetName();
-            EXPECT_TRUE(Knows(lpClient, usDone)) << lpClient->GetName();
-            EXPECT_EQ(1u, Events(lpClient, zvFsEventFileGone).size()) << lpClient->GetName();
-        }
-
-    ZV_SimHost* lpDave = sim.AddClient(ZV_SimBuilder::kConfID, ZV_SimBuilder::MakeUser(1, 5));
-    ASSERT_TRUE(lpDave && sim.Run()) << sim.GetError();
-    EXPECT_FALSE(Knows(lpDave, usFileID));
-    EXPECT_TRUE(Knows(lpDave, usDone));
-    ASSERT_EQ(1u, UploadLists(lpDave).size());
-
-    ASSERT_TRUE(Knows(Alice(), usFileID)) << "she has not heard of it yet";
-    ASSERT_TRUE(sim.Rejoin(Alice(), true));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    EXPECT_FALSE(Knows(Alice(), usFileID)) << "the list does not name it";
-    EXPECT_TRUE(Knows(Alice(), usDone));
-    EXPECT_EQ(1u, Events(Alice(), zvFsEventFileGone).size());
-}
-
-// Event 14 concerns the files the user could not see: more visible raises
-// 3000 for each, with how much the server holds, fewer 3004; another user's
-// change or a number not served raises nothing.
-TEST_F(JoinScene, ARightChangeTellsTheLocalUserOfTheFilesItCouldNotSee)
-{
-    Build();
-    const uint16_t usOpen = Share("open.bin", ZV_RandomBytes(1000, 3));
-    StartShareBy(Alice(), "closed.bin", {}, true, false);
-    // Bob first among those allowed: a file he may see already is not told.
-    StartShareBy(Alice(), "granted.bin", ZV_RandomBytes(1000, 5), true, false, {Bob()->GetUserID(), Alice()->GetUserID()});
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    const auto vecAdded = Events(Alice(), zvFsEventFileAdded);
-    ASSERT_GE(vecAdded.size(), 2u);
-    const uint16_t usClosed = ZV_FileIDOf(vecAdded[vecAdded.size() - 2]);
-    ASSERT_NE(usOpen, usClosed);
-
-    struct Row
-    {
-        const char* pszName;
-        ZV_SimHost* lpNode;
-        uint16_t usEvent;
-        uintptr_t a1;
-        QB_UserID user;
-        uint16_t usRaised;  // 0: nothing at all
-    };
-    const Row aRows[] = {
-        {"more visible", Bob(), zvConfEventRightChange, 1, Bob()->GetUserID(), zvFsEventFileAdded},
-        {"fewer visible", Bob(), zvConfEventRightChange, 0, Bob()->GetUserID(), zvFsEventFileHidden},
-        {"another user's change", Bob(), zvConfEventRightChange, 1, Alice()->GetUserID(), 0},
-        {"a number not served", shape.Server(), 5, 0, Bob()->GetUserID(), 0},
-    };
-    for (const Row& row : aRows)
-    {
-        const size_t nMark = sim.Journal().Size();
-        EXPECT_EQ(0u, sim.RaiseHostEvent(row.lpNode, row.usEvent, row.a1, (uintptr_t)&row.user)) << row.pszName;
-        ASSERT_TRUE(sim.Run()) << sim.GetError();
-        const auto vecRaised = Find({.eKind = ZV_SimEntryKind::Event, .nFrom = nMark});
-        EXPECT_TRUE(Find({.eKind = ZV_SimEntryKind::Pdu, .nFrom = nMark}).empty()) << row.pszName;
-        if (row.usRaised == 0)
-        {
-            EXPECT_TRUE(vecRaised.empty()) << row.pszName;
-            continue;
-        }
-        ASSERT_EQ(1u, vecRaised.size()) << row.pszName;
-        EXPECT_EQ(row.usRaised, vecRaised[0].usNumber) << row.pszName;
-        QB_ByteStream event(vecRaised[0].vbData.data(), (int32_t)vecRaised[0].vbData.size());
-        event.Skip(2);
-        EXPECT_EQ(0u, event.ReadU32()) << row.pszName;
-        EXPECT_EQ(usClosed, event.ReadU16()) << row.pszName;
-        if (row.usRaised == zvFsEventFileAdded)
-        {
-            ZV_FileBriefInfo brief;
-            LoadDelimited(event, brief);
-            EXPECT_EQ(100.0, event.ReadDouble()) << "an empty file is whole";
-        }
-    }
-}
-
-
-TEST_F(JoinScene, AServerLinkThatComesUpAsksThePeerForItsFiles)
-{
-    Build(true);
-    for (ZV_SimHost* lpServer : shape.vecServers)
-    {
-        const auto vecAsked = sim.Journal().Pdus(PDU_CONF_GET_FILE_LIST_REQUEST, lpServer->GetName());
-        ASSERT_EQ(1u, vecAsked.size()) << lpServer->GetName();
-        QB_ByteStream stream(vecAsked[0].vbData.data(), (int32_t)vecAsked[0].vbData.size());
-        QB_UserID asker;
-        asker.Load(stream);
-        EXPECT_EQ(QB_UserID(lpServer->GetLocalServerID(), 0), asker);
-    }
-}
 
 // Asks no operation sends are served all the same, about the asker only.
 TEST_F(JoinScene, AnAskedForListGoesToTheAskerAboutItselfOnly)
 {
     Build();
     const uint16_t usFileID = Share("asked.bin", ZV_RandomBytes(1000, 8));
-    struct Row
-    {
-        const char* pszName;
-        uint16_t usAsk;
-        QB_UserID user;
-        size_t nUploadLists;
-    };
+    struct Row { const char* pszName; uint16_t usAsk; QB_UserID user; size_t nUploadLists; };
     const Row aRows[] = {
         {"the upload list for itself", PDU_CONF_GET_UPLOAD_SESSION_LIST_REQUEST, Bob()->GetUserID(), 1},
         {"the upload list for Alice", PDU_CONF_GET_UPLOAD_SESSION_LIST_REQUEST, Alice()->GetUserID(), 0},

@@ -1,104 +1,9 @@
-// Rights: the creator changes who may have one file or several, every server
-// applies it, a user who loses a file loses a partial download with it.
+// Rights: only the creator changes who may have a file, a batch is taken or
+// refused whole; the host's right change is told to the local user.
 #include "ZV_SceneFixture.h"
 
-#include <filesystem>
+using RightsScene = ZV_Scene;
 
-namespace {
-
-struct RightsScene : public ZV_Scene
-{
-    // The number of the node's first event at or after journal index nFrom.
-    uint16_t FirstEventSince(ZV_SimHost* lpNode, size_t nFrom)
-    {
-        const auto vecEvents = Find({.eKind = ZV_SimEntryKind::Event, .sNode = lpNode->GetName(), .nFrom = nFrom});
-        return vecEvents.empty() ? 0 : vecEvents.front().usNumber;
-    }
-};
-
-} // namespace
-
-// Alice narrows a public file to Carol (second server) while Bob is halfway:
-// Bob hears 3004 first, his partial file goes and nothing more reaches him;
-// Carol hears 3003; Dave, finished, hears 3004 and keeps his file.
-TEST_F(RightsScene, ANarrowedFileLeavesTheLoserInTheMiddleOfHisDownloadAndOpensToTheNamedUser)
-{
-    Build(true);
-    ZV_SimHost* lpCarol = shape.Client(2);
-    ZV_SimHost* lpDave = shape.Client(3);
-    const ZV_Bytes data = ZV_RandomBytes(3 * 1024 * 1024, 21);
-    const uint16_t usFileID = Share("narrow.bin", data);
-    ASSERT_EQ(0u, Download(lpDave, usFileID));
-    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
-    ASSERT_EQ(0u, Download(Bob(), usFileID));
-    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, Bob(), 6));
-    ASSERT_TRUE(std::filesystem::exists(Target(Bob(), usFileID)));
-
-    const QB_UserID carol = lpCarol->GetUserID();
-    ASSERT_EQ(0u, Fs(Alice())->FsSetRight(usFileID, 0, &carol, 1, nullptr, 0));
-    // The step that hands Bob the new description raises 3004 first.
-    const ZV_SimFilter filter{.usNumber = PDU_CONF_FS_SET_RIGHT_RESPONSE, .sPeer = Bob()->GetName(),
-                              .eFate = ZV_SimFate::Delivered};
-    size_t nMark = sim.Journal().Size();
-    while (sim.Journal().Find(filter).empty())
-    {
-        nMark = sim.Journal().Size();
-        ASSERT_TRUE(sim.Step());
-    }
-    EXPECT_EQ(zvFsEventFileHidden, FirstEventSince(Bob(), nMark));
-    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
-    // From here on no block may reach Bob, even once the file is public again.
-    const ZV_SimFilter blocks{.usNumber = PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, .sPeer = Bob()->GetName(),
-                              .nFrom = sim.Journal().Size()};
-
-    EXPECT_EQ(0u, LastResult(Bob(), zvFsEventFileHidden));
-    EXPECT_TRUE(Events(Bob(), zvFsEventRightChanged).empty());
-    EXPECT_FALSE(std::filesystem::exists(Target(Bob(), usFileID)));
-    EXPECT_TRUE(Events(Bob(), zvFsEventDownloadFinished).empty());
-    EXPECT_LT(ZV_FileShareMgrPeer::BusyFileIDs(*Manager(Bob())).Find(usFileID), 0) << "nothing left to wait for";
-    EXPECT_EQ(1u, Events(lpCarol, zvFsEventRightChanged).size());
-    EXPECT_EQ(1u, Events(Alice(), zvFsEventRightChanged).size()) << "the creator keeps the file in view";
-    EXPECT_TRUE(Events(Alice(), zvFsEventFileHidden).empty());
-    EXPECT_TRUE(Events(lpDave, zvFsEventRightChanged).empty());
-    EXPECT_EQ(1u, Events(lpDave, zvFsEventFileHidden).size());
-    EXPECT_EQ(data, QB_ReadWholeFile(Target(lpDave, usFileID))) << "a finished download is his to keep";
-    EXPECT_EQ(1u, sim.Journal().PdusTo(PDU_CONF_FS_SET_RIGHT_REQUEST, shape.Server(1)->GetName()).size());
-
-    ASSERT_EQ(0u, Download(lpCarol, usFileID));
-    ASSERT_EQ(0u, Download(lpDave, usFileID));
-    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
-    EXPECT_EQ(data, QB_ReadWholeFile(Target(lpCarol, usFileID)));
-    EXPECT_EQ(40u, LastResult(lpDave, zvFsEventDownloadState));
-    EXPECT_EQ(data, QB_ReadWholeFile(Target(lpDave, usFileID)));
-
-    // Made public again, Bob sees it once more; public to public tells
-    // nobody anything.
-    ASSERT_EQ(0u, Fs(Alice())->FsSetRight(usFileID, 1, nullptr, 0, nullptr, 0));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    EXPECT_EQ(1u, Events(Bob(), zvFsEventRightChanged).size());
-    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
-    EXPECT_FALSE(std::filesystem::exists(Target(Bob(), usFileID))) << "his download went with the right";
-    EXPECT_TRUE(sim.Journal().Find(blocks).empty());
-    ASSERT_EQ(0u, Download(Bob(), usFileID));
-    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
-    EXPECT_EQ(data, QB_ReadWholeFile(Target(Bob(), usFileID))) << "asked for anew, it comes whole";
-    const size_t nQuiet = sim.Journal().Events(zvFsEventRightChanged).size();
-    ASSERT_EQ(0u, Fs(Alice())->FsSetRight(usFileID, 1, &carol, 1, nullptr, 0));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    EXPECT_EQ(nQuiet, sim.Journal().Events(zvFsEventRightChanged).size());
-
-    // Carol, first and only of the named, loses the file when her name goes.
-    ASSERT_EQ(0u, Fs(Alice())->FsSetRight(usFileID, 0, &carol, 1, nullptr, 0));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    EXPECT_TRUE(Events(lpCarol, zvFsEventFileHidden).empty());
-    ASSERT_EQ(0u, Fs(Alice())->FsSetRight(usFileID, 0, nullptr, 0, &carol, 1));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    EXPECT_EQ(1u, Events(lpCarol, zvFsEventFileHidden).size());
-    EXPECT_EQ(data, QB_ReadWholeFile(Target(lpCarol, usFileID))) << "finished, so hers to keep";
-}
-
-// Only the creator changes rights (others hear 3004 with 40); a batch is
-// taken or refused whole, and an accepted one reaches every server.
 TEST_F(RightsScene, OnlyTheCreatorChangesRightsAndABatchIsTakenOrRefusedWhole)
 {
     Build(true);
@@ -152,4 +57,38 @@ TEST_F(RightsScene, OnlyTheCreatorChangesRightsAndABatchIsTakenOrRefusedWhole)
     EXPECT_EQ(1u, sim.Journal().PdusTo(PDU_CONF_FS_SET_FILES_RIGHT_REQUEST, shape.Server(1)->GetName()).size());
     EXPECT_EQ(2u, Events(lpCarol, zvFsEventFileHidden).size());
     EXPECT_EQ(2u, Events(Bob(), zvFsEventRightChanged).size());
+}
+
+// Event 14 concerns the files the user could not see: more visible raises
+// 3000 for each, fewer 3004; another user's change or a number not served
+// raises nothing.
+TEST_F(RightsScene, ARightChangeTellsTheLocalUserOfTheFilesItCouldNotSee)
+{
+    Build();
+    Share("open.bin", ZV_RandomBytes(1000, 3));
+    const uint16_t usClosed = ShareBy(Alice(), "closed.bin", {}, true, false);
+    // Bob first among those allowed: a file he may see already is not told.
+    ShareBy(Alice(), "granted.bin", ZV_RandomBytes(1000, 5), true, false, {Bob()->GetUserID(), Alice()->GetUserID()});
+    // usRaised 0: nothing at all
+    const struct { const char* pszName; ZV_SimHost* lpNode; uint16_t usEvent; uintptr_t a1; QB_UserID user;
+          uint16_t usRaised; } aRows[] = {
+        {"more visible", Bob(), zvConfEventRightChange, 1, Bob()->GetUserID(), zvFsEventFileAdded},
+        {"fewer visible", Bob(), zvConfEventRightChange, 0, Bob()->GetUserID(), zvFsEventFileHidden},
+        {"another user's change", Bob(), zvConfEventRightChange, 1, Alice()->GetUserID(), 0},
+        {"a number not served", shape.Server(), 5, 0, Bob()->GetUserID(), 0},
+    };
+    for (const auto& row : aRows)
+    {
+        const size_t nMark = sim.Journal().Size();
+        EXPECT_EQ(0u, sim.RaiseHostEvent(row.lpNode, row.usEvent, row.a1, (uintptr_t)&row.user)) << row.pszName;
+        ASSERT_TRUE(sim.Run()) << sim.GetError();
+        const auto vecRaised = Find({.eKind = ZV_SimEntryKind::Event, .nFrom = nMark});
+        EXPECT_TRUE(Find({.eKind = ZV_SimEntryKind::Pdu, .nFrom = nMark}).empty()) << row.pszName;
+        ASSERT_EQ(row.usRaised != 0 ? 1u : 0u, vecRaised.size()) << row.pszName;
+        if (row.usRaised == 0)
+            continue;
+        EXPECT_EQ(row.usRaised, vecRaised[0].usNumber) << row.pszName;
+        EXPECT_EQ(0u, ZV_ResultOf(vecRaised[0])) << row.pszName;
+        EXPECT_EQ(usClosed, ZV_FileIDOf(vecRaised[0])) << row.pszName;
+    }
 }

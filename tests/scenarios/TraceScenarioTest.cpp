@@ -7,7 +7,6 @@
 #include "QB_Env.h"
 
 #include <cstdio>
-#include <set>
 
 using TraceScene = ZV_Scene;
 
@@ -24,15 +23,6 @@ TEST_F(TraceScene, EveryHandlerPrintsItsLineAsItStartsAndANumberNoneTakesGives5)
         std::fseek(lpTrace, 0, SEEK_END);
         return sAll;
     };
-    // Every number a handler takes prints its line but data blocks,
-    // progress, the state notice and the two numbers nothing sends.
-    const std::set<uint16_t> setUntraced = {PDU_CONF_FS_UPLOAD_REQUEST, PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE,
-                                            PDU_CONF_FS_PROGRESSING_RESPONSE, PDU_CONF_FS_FILE_STATE_NOTICE,
-                                            PDU_CONF_FS_RESERVED0, PDU_CONF_FS_RESERVED1};
-    for (const ZV_PduRow& row : kPduTable)
-        EXPECT_EQ(row.eHandler != ZV_PduHandler::Nobody && !setUntraced.count(row.usPdu),
-                  row.eTrace != ZV_PduTrace::None)
-            << row.pszName;
     // Those of the sessions first: some of the manager's, such as the
     // server's list, take Bob's sessions away.
     std::vector<const ZV_PduRow*> vecRows;
@@ -100,34 +90,17 @@ TEST_F(TraceScene, EveryHandlerPrintsItsLineAsItStartsAndANumberNoneTakesGives5)
 // trace line goes to the file the variable names when the line is written.
 using TraceFileScene = ZV_Scene;
 
-namespace {
-
-std::string TextOf(const std::string& sFile)
-{
-    const ZV_Bytes vb = QB_ReadWholeFile(sFile);
-    return std::string(vb.begin(), vb.end());
-}
-
-} // namespace
-
 TEST_F(TraceFileScene, EachLineGoesToTheFileTheVariableNamesAtThatMoment)
 {
     Build();
-    struct Unset
-    {
-        ~Unset() { QB_SetEnvironmentVariable("ROOMCRATE_TRACE", nullptr); }
-    } unset;
+    struct Unset { ~Unset() { QB_SetEnvironmentVariable("ROOMCRATE_TRACE", nullptr); } } unset;
     // The add is traced by the server's manager and again by its session;
     // the answer likewise on each of the two clients.
     const std::string sAdd = "recv a PDU_CONF_FS_ADD_REQUEST\r\n", sAnswer = "recv a PDU_CONF_FS_ADD_RESPONSE\r\n";
     const std::string sExpected = sAdd + sAdd + sAnswer + sAnswer + sAnswer + sAnswer;
     const std::string sFirst = tmp.Sub("first.txt"), sSecond = tmp.Sub("second.txt");
-    const struct
-    {
-        const char* szRow;
-        std::string sValue;
-        std::string sGrows;  // the file that takes this row's lines; "" standard output
-    } aRows[] = {
+    // sGrows: the file that takes this row's lines; "" standard output
+    const struct { const char* szRow; std::string sValue; std::string sGrows; } aRows[] = {
         {"a file", sFirst, sFirst},
         {"another file, from the next line on", sSecond, sSecond},
         {"a folder, which cannot take lines: they go to standard output", tmp.Path(), ""},
@@ -137,13 +110,13 @@ TEST_F(TraceFileScene, EachLineGoesToTheFileTheVariableNamesAtThatMoment)
     for (const auto& row : aRows)
     {
         QB_SetEnvironmentVariable("ROOMCRATE_TRACE", row.sValue.c_str());
-        const std::string sFirstBefore = TextOf(sFirst), sSecondBefore = TextOf(sSecond);
+        const std::string sFirstBefore = ZV_Text(sFirst), sSecondBefore = ZV_Text(sSecond);
         testing::internal::CaptureStdout();
         const uint16_t usFileID = Share("traced" + std::to_string(nRow++) + ".bin", {1, 2, 3});
         const std::string sOutput = testing::internal::GetCapturedStdout();
         EXPECT_NE(0xFFFF, usFileID) << row.szRow;
         EXPECT_EQ(row.sGrows.empty() ? sExpected : "", sOutput) << row.szRow;
         for (const auto& [sFile, sBefore] : {std::pair{sFirst, sFirstBefore}, std::pair{sSecond, sSecondBefore}})
-            EXPECT_EQ(sFile == row.sGrows ? sExpected : "", TextOf(sFile).substr(sBefore.size())) << row.szRow;
+            EXPECT_EQ(sFile == row.sGrows ? sExpected : "", ZV_Text(sFile).substr(sBefore.size())) << row.szRow;
     }
 }

@@ -14,12 +14,6 @@
 
 namespace {
 
-std::string Text(const std::string& sPath)
-{
-    const ZV_Bytes vb = QB_ReadWholeFile(sPath);
-    return std::string(vb.begin(), vb.end());
-}
-
 struct TrustScene : public ZV_Scene
 {
     void Build()
@@ -27,12 +21,6 @@ struct TrustScene : public ZV_Scene
         ZV_Scene::Build(false);
         for (ZV_SimHost* lpClient : shape.vecClients)
             std::filesystem::create_directories(lpClient->GetHome() + "log");
-    }
-    void SendFromServer(ZV_SimHost* lpTo, uint16_t usPdu, ZV_PduBuffer& pdu)
-    {
-        const uint32_t ulConn = shape.Server()->GetUserConn(&lpTo->GetUserID(), zvConfClientTypeCommand);
-        shape.Server()->SendPdu(ulConn, usPdu, pdu.Payload(), pdu.PayloadLength(), 0, 0);
-        ASSERT_TRUE(sim.Run()) << sim.GetError();
     }
     size_t LogLines(ZV_SimHost* lpClient, const std::string& sLine) const
     {
@@ -284,7 +272,7 @@ TEST_F(TrustScene, AClientWritesOnlyWhereItsUserAskedWhateverTheServerAnswers)
             EXPECT_EQ(0u, Download(Bob(), usFileID));
         }
         SendFromServer(Bob(), PDU_CONF_FS_DOWNLOAD_RESPONSE, pdu);
-        EXPECT_EQ("keep me", Text(sVictim)) << c.szName;
+        EXPECT_EQ("keep me", ZV_Text(sVictim)) << c.szName;
         EXPECT_EQ(nLogged + 1, LogLines(Bob(), "ZV_FileShareMgr.HandleDownloadResponse ret = 90")) << c.szName;
         EXPECT_EQ(0u, SentSince(Bob(), nMark, PDU_CONF_FS_DEL_DOWNLOAD_REQUEST)) << c.szName;
         if (!c.bAsked)
@@ -305,7 +293,7 @@ TEST_F(TrustScene, AClientWritesOnlyWhereItsUserAskedWhateverTheServerAnswers)
     EXPECT_EQ(0u, Fs(Bob())->FsDownload(usFileID, ZV_Wide(tmp.Sub("downloads/bob/link.bin")).c_str()));
     ASSERT_TRUE(sim.Run()) << sim.GetError();
     EXPECT_EQ(zvResultUntrusted, LastResult(Bob(), zvFsEventDownloadState));
-    EXPECT_EQ("keep me", Text(sVictim));
+    EXPECT_EQ("keep me", ZV_Text(sVictim));
 }
 
 // A download that failed at any step, asked again to a new path, brings the
@@ -351,14 +339,10 @@ TEST_F(TrustScene, ADownloadFollowsNoLinkPutBelowTheFoldersThatStoodWhenAsked)
     std::filesystem::create_directories(tmp.Sub("elsewhere"));
     std::filesystem::create_symlink(tmp.Sub("elsewhere"), tmp.Sub("downloads/bob/his"));
     QB_WriteWholeFile(tmp.Sub("elsewhere/victim.bin"), std::string("keep me"));
-    struct
-    {
-        const char* szName;
-        const char* szTarget;  // below downloads/bob
-        const char* szLinkAfterAsk;  // below downloads/bob, to "elsewhere"
-        const char* szLanding;  // below elsewhere: where the bytes would land
-        uint32_t ulResult;
-    } aCases[] = {
+    // Below downloads/bob: the target, and what is made a link to "elsewhere"
+    // after the ask; below elsewhere: where the bytes would land.
+    struct { const char* szName; const char* szTarget; const char* szLinkAfterAsk; const char* szLanding;
+          uint32_t ulResult; } aCases[] = {
         {"a folder it makes", "made/x.bin", "made", "x.bin", zvResultUntrusted},
         {"a folder two down", "made2/deep/x.bin", "made2", "deep/x.bin", zvResultUntrusted},
         {"the file itself", "x3.bin", "x3.bin", "victim.bin", zvResultUntrusted},
@@ -381,7 +365,7 @@ TEST_F(TrustScene, ADownloadFollowsNoLinkPutBelowTheFoldersThatStoodWhenAsked)
         if (c.ulResult == 0)
             EXPECT_EQ(data, QB_ReadWholeFile(sLanding)) << c.szName;
         else if (std::string(c.szLanding) == "victim.bin")
-            EXPECT_EQ("keep me", Text(sLanding)) << c.szName;
+            EXPECT_EQ("keep me", ZV_Text(sLanding)) << c.szName;
         else
             EXPECT_FALSE(std::filesystem::exists(sLanding)) << c.szName;
     }

@@ -1,5 +1,5 @@
 // The user side's calls: what each gives without a link or for an unknown
-// file, and who sees a file shared with a list of users.
+// file, and how a file is described.
 #include "ZV_SceneFixture.h"
 #include "wire/ZV_RecordStream.h"
 #include "add/ZV_AddPdu.h"
@@ -21,12 +21,8 @@ TEST_F(UserCallScene, EachCallSaysWhyItCannotGoAndSendsNothing)
     const char16_t* apNames[] = {u"mine.bin"};
     const std::u16string sTarget = ZV_Wide(tmp.Sub("got.bin"));
     IZV_FileShareMgr* lpFs = Fs(Alice());
-    struct Call
-    {
-        const char* szName;
-        std::function<uint32_t(uint16_t)> fn;
-        uint32_t ulUnlinked;  // with the command link down
-    };
+    // ulUnlinked: with the command link down
+    struct Call { const char* szName; std::function<uint32_t(uint16_t)> fn; uint32_t ulUnlinked; };
     const Call aCalls[] = {
         {"FsAdd", [&](uint16_t) { return lpFs->FsAdd(sPath.c_str(), nullptr, 0, 1, 0); }, zvResultNoConnection},
         {"FsFilesAdd", [&](uint16_t) { return lpFs->FsFilesAdd(sFolder.c_str(), apNames, 1, nullptr, 0, 1, 0); },
@@ -71,53 +67,6 @@ TEST_F(UserCallScene, EachCallSaysWhyItCannotGoAndSendsNothing)
             << entry.usNumber << ": only FsUpload's start marker and kick are tried";
 }
 
-// Alice shares one file and a batch with Bob alone: Bob is told of them,
-// Carol of nothing.
-TEST_F(UserCallScene, FilesSharedWithAListAreShownToTheUsersOnItAlone)
-{
-    Build();
-    ZV_SimHost* lpCarol = sim.AddClient(ZV_SimBuilder::kConfID, ZV_SimBuilder::MakeUser(1, 2));
-    ASSERT_TRUE(lpCarol && sim.Run()) << sim.GetError();
-    const std::vector<QB_UserID> vecRight = {Bob()->GetUserID(), QB_UserID(999, 9)};
-    StartShareBy(Alice(), "one.bin", {7}, false, false, vecRight);
-    for (const char* szName : {"two.bin", "three.bin"})
-        QB_WriteWholeFile(tmp.Sub(std::string("alice/") + szName), ZV_Bytes{7});
-    const char16_t* apNames[] = {u"two.bin", u"three.bin"};
-    ASSERT_EQ(0u, Fs(Alice())->FsFilesAdd(ZV_Wide(tmp.Sub("alice")).c_str(), apNames, 2, vecRight.data(), 2, 0, 0));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-
-    auto Told = [&](ZV_SimHost* lpClient) {
-        return Events(lpClient, zvFsEventFileAdded).size() + FilesAdded(lpClient).size();
-    };
-    EXPECT_EQ(3u, Told(Alice()));
-    EXPECT_EQ(3u, Told(Bob()));
-    EXPECT_EQ(0u, Told(lpCarol));
-
-    // Carol asks for the first file all the same: refused with 40, which
-    // the server's handler still gives the host as 0.
-    const uint16_t usFirst = 1;
-    ASSERT_EQ(0u, Download(lpCarol, usFirst));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    const auto vecAnswer = Events(lpCarol, zvFsEventDownloadState);
-    ASSERT_EQ(1u, vecAnswer.size());
-    EXPECT_EQ(zvResultNotEntitled, ZV_ResultOf(vecAnswer[0]));
-    const auto vecAsked = sim.Journal().PdusTo(PDU_CONF_FS_DOWNLOAD_REQUEST, shape.Server()->GetName());
-    ASSERT_EQ(1u, vecAsked.size());
-    EXPECT_EQ(0u, vecAsked[0].ulResult);
-}
-
-// Link calls of a kind that concerns no node still give the host 0.
-TEST_F(UserCallScene, LinkCallsOfNoKnownKindGive0OnServersAndClients)
-{
-    Build(true);
-    const QB_UserID peer(77, 0);
-    for (ZV_SimHost* lpNode : sim.GetNodes())
-    {
-        EXPECT_EQ(0u, lpNode->GetModule()->OnConnect(&peer, 999, 0x55, 0)) << lpNode->GetName();
-        EXPECT_EQ(0u, lpNode->GetModule()->OnDisconnect(&peer, 999, 0x55, 0)) << lpNode->GetName();
-    }
-}
-
 // FsGetFileInfoByFileID through the simulator: a known file's description as
 // the client holds it, and texts longer than their field cut at a whole
 // character without a write past the field, whatever a server announced.
@@ -153,12 +102,7 @@ TEST_F(LookupScene, DescribesAKnownFileAndCutsATextLongerThanItsFieldAtAWholeCha
     EXPECT_EQ(0, std::memcmp(&info, &other, sizeof other));
 
     const std::u16string sPair = u"\U0001F600";
-    const struct
-    {
-        const char* szName;
-        std::u16string sCreator;
-        std::u16string sExpected;
-    } aCases[] = {
+    const struct { const char* szName; std::u16string sCreator; std::u16string sExpected; } aCases[] = {
         {"fills the field", std::u16string(255, u'n'), std::u16string(255, u'n')},
         {"one unit over", std::u16string(256, u'n'), std::u16string(255, u'n')},
         {"a pair across the end", std::u16string(254, u'n') + sPair, std::u16string(254, u'n')},
@@ -177,9 +121,7 @@ TEST_F(LookupScene, DescribesAKnownFileAndCutsATextLongerThanItsFieldAtAWholeCha
         answer.brief.SetPublic(true);
         ZV_PduBuffer pdu;
         answer.Save(pdu.Stream());
-        const uint32_t ulConn = shape.Server()->GetUserConn(&Bob()->GetUserID(), zvConfClientTypeCommand);
-        shape.Server()->SendPdu(ulConn, PDU_CONF_FS_ADD_RESPONSE, pdu.Payload(), pdu.PayloadLength(), 0, 0);
-        ASSERT_TRUE(sim.Run()) << sim.GetError();
+        SendFromServer(Bob(), PDU_CONF_FS_ADD_RESPONSE, pdu);
 
         std::memset(&info, 0xEE, sizeof info);
         ASSERT_EQ(0u, Fs(Bob())->FsGetFileInfoByFileID(usFileID, &info)) << c.szName;

@@ -10,19 +10,16 @@ namespace {
 // report of completion from one while the transfer runs.
 std::pair<uint8_t, uint8_t> ExpectedFlags(const ZV_SimEntry& entry, uint32_t ulFileLen)
 {
-    if (entry.usNumber == 257 || entry.usNumber == PDU_CONF_FS_PROGRESSING_RESPONSE)
-    {
-        if (entry.usNumber == PDU_CONF_FS_PROGRESSING_RESPONSE && entry.eRoute != ZV_SimRoute::Group)
-            return {1, 1};
-        if (entry.usNumber == 257)
-            return {0, 0};
-        QB_ByteStream stream(entry.vbData.data(), (int32_t)entry.vbData.size());
-        stream.Skip(10);
-        return stream.ReadU32() >= ulFileLen ? std::pair<uint8_t, uint8_t>{1, 1} : std::pair<uint8_t, uint8_t>{0, 0};
-    }
+    if (entry.usNumber == 257)
+        return {0, 0};
     if (entry.usNumber == PDU_CONF_FS_PROGRESSING_REQUEST)
         return {1, 0};
-    return {1, 1};
+    if (entry.usNumber != PDU_CONF_FS_PROGRESSING_RESPONSE || entry.eRoute != ZV_SimRoute::Group)
+        return {1, 1};
+    QB_ByteStream stream(entry.vbData.data(), (int32_t)entry.vbData.size());
+    stream.Skip(10);
+    const uint8_t bDone = stream.ReadU32() >= ulFileLen ? 1 : 0;
+    return {bDone, bDone};
 }
 
 }  // namespace

@@ -1,7 +1,5 @@
-// A simulated conference for the scenario tests of the byte roads: one
-// server with Alice and Bob, or two linked servers with two users each;
-// Alice shares files, others fetch them, and the helpers read what landed
-// on disk, in the catalogue, in the events and in the journal.
+// A simulated conference: one server with Alice and Bob, or two linked
+// servers with two users each; the helpers read disk, catalogue and journal.
 #pragma once
 
 #include "ZV_SimBuilder.h"
@@ -10,7 +8,6 @@
 #include "core/ZV_FileShareMgr.h"
 #include "core/ZV_FileShareSession.h"
 #include "ZV_FileShareMgrPeer.h"
-#include "ZV_FilesAddedEvent.h"
 #include "records/ZV_FileUploadInfo.h"
 #include "wire/ZV_PduFrame.h"
 
@@ -27,8 +24,7 @@
 #include <string>
 #include <vector>
 
-// Journal filters are written with designated initializers, naming only the
-// fields that narrow the search.
+// Journal filters name only the fields that narrow the search.
 #pragma GCC diagnostic ignored "-Wmissing-field-initializers"
 
 using ZV_Bytes = std::vector<uint8_t>;
@@ -48,6 +44,12 @@ inline std::u16string ZV_Wide(const std::string& s)
     return std::u16string(sWide.GetString(), (size_t)sWide.GetLength());
 }
 
+inline std::string ZV_Text(const std::string& sPath)
+{
+    const ZV_Bytes vb = QB_ReadWholeFile(sPath);
+    return std::string(vb.begin(), vb.end());
+}
+
 // The u32 result that stands behind the number of most events.
 inline uint32_t ZV_ResultOf(const ZV_SimEntry& event)
 {
@@ -62,8 +64,7 @@ inline uint16_t ZV_FileIDOf(const ZV_SimEntry& event)
     return (uint16_t)(event.vbData.at(6) | event.vbData.at(7) << 8);
 }
 
-// The trace of the many conferences a sweep runs says nothing: it goes
-// nowhere while this stands.
+// The trace goes nowhere while this stands.
 struct ZV_QuietTrace
 {
     std::FILE* lpSink = std::fopen("/dev/null", "w");
@@ -94,8 +95,7 @@ struct ZV_Scene : public ::testing::Test
         shape = bLinked ? ZV_SimBuilder::TwoLinkedServers(sim) : ZV_SimBuilder::OneServerTwoClients(sim);
         ASSERT_TRUE(shape.IsComplete() && sim.Run()) << sim.GetError();
     }
-    // The server's "confsrv.ini": its store, and whether it takes its
-    // catalogue back at a start (and so keeps rights); read at its next start.
+    // The server's "confsrv.ini", read at its next start.
     static void WriteServerConfig(ZV_SimHost* lpServer, bool bRestore)
     {
         std::string sStore = lpServer->GetHome() + "store/";
@@ -107,8 +107,7 @@ struct ZV_Scene : public ::testing::Test
     ZV_SimHost* Bob() const { return shape.Client(1); }
     IZV_FileShareMgr* Fs(ZV_SimHost* lpClient) const { return lpClient->GetFileShareMgr(); }
 
-    // A client shares `data` as `sName` from its own folder; the FileID is
-    // what the server gave, 0xFFFF when it was told of none.
+    // A client shares `data` from its own folder: the FileID given, or 0xFFFF.
     void StartShareBy(ZV_SimHost* lpClient, const std::string& sName, const ZV_Bytes& data, bool bStart = true,
                       bool bPublic = true, const std::vector<QB_UserID>& vecRight = {})
     {
@@ -136,8 +135,7 @@ struct ZV_Scene : public ::testing::Test
     {
         return ShareBy(Alice(), sName, data, bStart);
     }
-    // The FileID of the newest 3000 raised to lpClient once it had nBefore
-    // of them; 0xFFFF when no new one came.
+    // The FileID of the newest 3000 past the first nBefore, or 0xFFFF.
     uint16_t AddedFileID(ZV_SimHost* lpClient, size_t nBefore)
     {
         const auto vecAdded = Events(lpClient, zvFsEventFileAdded);
@@ -159,16 +157,16 @@ struct ZV_Scene : public ::testing::Test
     {
         return sim.Journal().Events(usEvent, lpNode->GetName());
     }
-    // FileIDs of every event 3013 of the node, in order.
-    std::vector<uint16_t> FilesAdded(ZV_SimHost* lpNode)
+    // The server sends lpTo a PDU on its command link, as of its own accord.
+    void SendFromServer(ZV_SimHost* lpTo, uint16_t usPdu, const uint8_t* pData, uint32_t ulLen)
     {
-        std::vector<uint16_t> vecFileID;
-        for (const ZV_SimEntry& event : Events(lpNode, zvFsEventFilesAdded))
-        {
-            const std::vector<uint16_t> vecTold = ZV_ReadFilesAdded(event.vbData).vecFileID;
-            vecFileID.insert(vecFileID.end(), vecTold.begin(), vecTold.end());
-        }
-        return vecFileID;
+        const uint32_t ulConn = shape.Server()->GetUserConn(&lpTo->GetUserID(), zvConfClientTypeCommand);
+        shape.Server()->SendPdu(ulConn, usPdu, pData, ulLen, 1, 1);
+        ASSERT_TRUE(sim.Run()) << sim.GetError();
+    }
+    void SendFromServer(ZV_SimHost* lpTo, uint16_t usPdu, ZV_PduBuffer& pdu)
+    {
+        SendFromServer(lpTo, usPdu, pdu.Payload(), pdu.PayloadLength());
     }
     std::vector<ZV_SimEntry> Find(const ZV_SimFilter& filter) { return sim.Journal().Find(filter); }
     // Result of the node's latest event of that number, 0xFFFFFFFF with none.
