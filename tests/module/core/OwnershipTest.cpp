@@ -77,11 +77,11 @@ Bytes AddAnswer()
     return ZV_SavePayload(answer);
 }
 
-Bytes AddFilesRequest()
+Bytes AddFilesRequest(std::initializer_list<const char*> names = {"a.txt", "b.txt"})
 {
     ZV_AddFilesRequest ask;
     ask.user = kBob;
-    for (const char* pszName : {"a.txt", "b.txt"})
+    for (const char* pszName : names)
     {
         ask.arrFileID.Add(ZV_NO_FILEID);
         ask.arrInfo.Add(Brief(pszName));
@@ -230,21 +230,13 @@ TEST(Ownership, AThrowAtAnyHostCallOfAUserSideShareLeavesNoFileOpen)
     EXPECT_FALSE(bThrew) << "the shares never got through";
 }
 
-// A host may hand the manager a PDU while it is still sending. A batch that
-// ran out of FileIDs refuses its first file while the others stand
-// reserved; a delete or a change of rights meeting one of those answers 83
+// A host may hand the manager a PDU while it still sends: a delete or a
+// change of rights meeting a FileID a batch still holds reserved answers 83
 // and takes nothing, and the batch then makes both files.
 TEST(Ownership, ARequestMeetingAFileIDABatchStillHoldsReservedIsAnswered83)
 {
     Node node(true);
     node.host.m_usFileIDMax = 2;
-    ZV_AddFilesRequest ask;
-    ask.user = kBob;
-    for (const char* pszName : {"a.txt", "b.txt", "c.txt"})
-    {
-        ask.arrFileID.Add(ZV_NO_FILEID);
-        ask.arrInfo.Add(Brief(pszName));
-    }
     bool bAsked = false;
     node.host.m_fnOnSend = [&](uint16_t usPdu) {
         if (usPdu != PDU_CONF_FS_ADD_FILES_RESPONSE || bAsked)
@@ -259,8 +251,7 @@ TEST(Ownership, ARequestMeetingAFileIDABatchStillHoldsReservedIsAnswered83)
         right.user = kBob;
         node.Deliver(PDU_CONF_FS_SET_FILES_RIGHT_REQUEST, zvConfClientTypeCommand, ZV_SavePayload(right));
     };
-    node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, zvConfClientTypeCommand, ZV_SavePayload(ask));
-
+    node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, zvConfClientTypeCommand, AddFilesRequest({"a.txt", "b.txt", "c.txt"}));
     ASSERT_TRUE(bAsked);
     const auto vecDel = node.host.SentOf(PDU_CONF_FS_DEL_UPLOAD_RESPONSE);
     ASSERT_EQ(1u, vecDel.size());

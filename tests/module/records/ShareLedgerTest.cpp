@@ -101,37 +101,6 @@ TEST_F(ShareLedger, ADamagedRecordCountsAsEmptyAndAFailedSaveHoldsForThisRunOnly
     EXPECT_EQ(1u, QB_CountInFiles(m_home.Sub("log"), "ZV_ShareLedger::Load failed.\r\n"));
 }
 
-// A download target outlives the run until the user gives the download up;
-// rows of both kinds, written in several runs, never take each other's
-// place.
-TEST_F(ShareLedger, KeepsEachRowOfBothKindsAcrossRunsUntilTheDownloadIsGivenUp)
-{
-    const QB_StringU8 sTarget("C:\\Users\\ann\\Downloads\\report.pdf");
-    {
-        ZV_ShareLedger ledger;
-        for (int i = 0; i < 12; ++i)
-            ASSERT_TRUE(ledger.Remember(7, Shared(("f" + std::to_string(i) + ".bin").c_str()), kMark));
-        ASSERT_TRUE(ledger.RememberDownload(7, 42, sTarget));
-    }
-    ASSERT_TRUE(ZV_ShareLedger().Remember(7, Shared("late.bin"), kMark));
-    ASSERT_TRUE(ZV_ShareLedger().RememberDownload(7, 43, QB_StringU8("C:\\d\\x.bin")));
-    ZV_ShareLedger later;
-    for (int i = 0; i < 12; ++i)
-        EXPECT_TRUE(later.Holds(7, Shared(("f" + std::to_string(i) + ".bin").c_str()))) << i;
-    EXPECT_TRUE(later.Holds(7, Shared("late.bin")));
-    EXPECT_TRUE(later.HoldsDownload(7, 42, sTarget));
-    EXPECT_TRUE(later.HoldsDownload(7, 43, QB_StringU8("C:\\d\\x.bin")));
-    EXPECT_FALSE(later.HoldsDownload(8, 42, sTarget)) << "another conference";
-    EXPECT_FALSE(later.HoldsDownload(7, 44, sTarget)) << "another FileID";
-    EXPECT_FALSE(later.HoldsDownload(7, 42, QB_StringU8("C:\\Users\\ann\\.profile"))) << "another path";
-    ASSERT_TRUE(later.ForgetDownload(7, 42));
-    EXPECT_FALSE(ZV_ShareLedger().HoldsDownload(7, 42, sTarget));
-    EXPECT_TRUE(ZV_ShareLedger().HoldsDownload(7, 43, QB_StringU8("C:\\d\\x.bin")));
-    // Given up as the first thing of a run, too.
-    ASSERT_TRUE(ZV_ShareLedger().ForgetDownload(7, 43));
-    EXPECT_FALSE(ZV_ShareLedger().HoldsDownload(7, 43, QB_StringU8("C:\\d\\x.bin")));
-}
-
 // A row of the old form kept only 16 bits of its conference: it is dropped
 // once, and the file is written again without it. A withdrawn share goes
 // and stays gone; the others stay.
