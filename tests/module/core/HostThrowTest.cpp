@@ -23,9 +23,7 @@ TEST(HostThrow, EachEntryThatCatchesAThrowItselfLogsItsOwnLineAndEachUserCallGiv
     auto Pdu = [](uint16_t usPdu, uint16_t usConnType, const std::vector<uint8_t>& data = {}) -> Run {
         return [=](ZV_FileShareMgr& mgr) { ZV_Deliver(mgr, usPdu, usConnType, data, 5, QB_UserID()); };
     };
-    ZV_AddResponse answer;
-    answer.usRouteID = answer.usFileID = 5;
-    answer.user = bob;
+    ZV_AddResponse answer{{{5, 0, 5}, bob}};
     answer.brief.SetCreatorID(bob);
     answer.brief.SetFileOldName(QB_StringU8("a.bin"));
     answer.brief.SetPublic(true);

@@ -26,8 +26,7 @@ ZV_FileBriefInfo Brief(const char* pszName)
     return ZV_Brief(kBob, pszName, kLength);
 }
 
-// One node, server or client, with Alice as its local user and Bob homed
-// at another server.
+// A server or client with Alice as its local user and Bob homed at server 2.
 struct Node : ZV_BasicNode<ZV_ThrowingHost>
 {
     explicit Node(bool bServer) : ZV_BasicNode(bServer)
@@ -54,8 +53,7 @@ struct Node : ZV_BasicNode<ZV_ThrowingHost>
         QB_StringW sSection;
         return ZV_FileShareMgrPeer::Catalog(mgr).LoadFile(7, usFileID, info, sSection);
     }
-    // Nothing of an add: no key, no stored file, no row of the FileIDs it
-    // would take.
+    // No key, stored file or row of the FileIDs an add would take.
     bool HoldsNoAdd()
     {
         return ZV_FileShareMgrPeer::Sessions(mgr).GetCount() == 0 && StoredFiles() == 0 && !HasRow(1) && !HasRow(2) &&
@@ -70,11 +68,7 @@ Bytes AddRequest(uint16_t usFileID, uint32_t ulFloodSeq)
 
 Bytes AddAnswer()
 {
-    ZV_AddResponse answer;
-    answer.usRouteID = answer.usFileID = kFileID;
-    answer.user = kBob;
-    answer.brief = Brief("a.txt");
-    return ZV_SavePayload(answer);
+    return ZV_SavePayload(ZV_AddResponse{{{kFileID, 0, kFileID}, kBob}, 0, Brief("a.txt")});
 }
 
 Bytes AddFilesRequest(std::initializer_list<const char*> names = {"a.txt", "b.txt"})
@@ -91,9 +85,7 @@ Bytes AddFilesRequest(std::initializer_list<const char*> names = {"a.txt", "b.tx
 
 Bytes DownloadAnswer(const QB_StringW& sPath, const QB_StringW& sName)
 {
-    ZV_DownloadResponse answer;
-    answer.usRouteID = answer.usFileID = kFileID;
-    answer.user = kAlice;
+    ZV_DownloadResponse answer{{{kFileID, 0, kFileID}, kAlice}};
     answer.record.SetFileID(kFileID);
     answer.record.SetFilePath(QB_StringU8(sPath));
     answer.record.SetFileName(QB_StringU8(sName));
@@ -242,10 +234,7 @@ TEST(Ownership, ARequestMeetingAFileIDABatchStillHoldsReservedIsAnswered83)
         if (usPdu != PDU_CONF_FS_ADD_FILES_RESPONSE || bAsked)
             return;
         bAsked = true;
-        ZV_DelUploadRequest del;
-        del.usFileID = 1;
-        del.user = kBob;
-        node.Deliver(PDU_CONF_FS_DEL_UPLOAD_REQUEST, zvConfClientTypeCommand, ZV_SavePayload(del));
+        node.Deliver(PDU_CONF_FS_DEL_UPLOAD_REQUEST, zvConfClientTypeCommand, ZV_SavePayload(ZV_DelUploadRequest{1, kBob}));
         ZV_SetFilesRightRequest right;
         right.arrFileID.Add(2);
         right.user = kBob;
