@@ -45,6 +45,9 @@ TEST_F(ShareLedger, HoldsAFileSharedInAnEarlierRunOnlyAsItWasSharedInItsConferen
 {
     ASSERT_TRUE(ZV_ShareLedger().Remember(7, Shared(), kMark));
     ASSERT_TRUE(ZV_ShareLedger().Remember(0x80000007u, Shared("high.pdf"), kMark));
+    QB_Array<ZV_FileBriefInfo> arrBatch;
+    arrBatch.Add(Shared("batch.pdf"));
+    ASSERT_TRUE(ZV_ShareLedger().Remember(7, arrBatch, {kMark}));
     ZV_FileBriefInfo grown = Shared(), touched = Shared(), moved = Shared();
     grown.SetFileLenth(0xFFFFFFFFu);
     QB_DateTimeEx dt;
@@ -53,6 +56,7 @@ TEST_F(ShareLedger, HoldsAFileSharedInAnEarlierRunOnlyAsItWasSharedInItsConferen
     moved.SetFilePath(QB_StringU8("C:\\Users\\ann\\x\\..\\"));
     struct { const char* szName; uint32_t ulConfID; ZV_FileBriefInfo brief; bool bHeld; } aCases[] = {
         {"as shared", 7, Shared(), true},
+        {"shared in a batch", 7, Shared("batch.pdf"), true},
         {"in another conference", 8, Shared(), false},
         {"in a conference of the same low 16 bits", 0x10007, Shared(), false},
         {"in a conference past 31 bits", 0x80000007u, Shared("high.pdf"), true},
