@@ -91,11 +91,15 @@ TEST_F(ShareLedger, ADamagedRecordCountsAsEmptyAndAFailedSaveHoldsForThisRunOnly
     EXPECT_FALSE(ZV_ShareLedger().Holds(7, Shared("new.txt")));
     EXPECT_TRUE(ZV_ShareLedger().Holds(7, Shared()));
 
-    // A download target under a number no FileID has is no target at all.
+    // A download target under a number no FileID has is no target at all; one
+    // given up is gone for good.
     QB_WriteWholeFile(sLedger, "[D1]\r\nConference=7\r\nFileID=65536\r\nTarget=C:\\a.bin\r\n"
                                "[D2]\r\nConference=7\r\nFileID=65535\r\nTarget=C:\\b.bin\r\n");
     EXPECT_FALSE(ZV_ShareLedger().HoldsDownload(7, 0, QB_StringU8("C:\\a.bin")));
     EXPECT_TRUE(ZV_ShareLedger().HoldsDownload(7, 65535, QB_StringU8("C:\\b.bin")));
+    EXPECT_FALSE(ZV_ShareLedger().HoldsDownload(7, 65535, QB_StringU8("C:\\a.bin"))) << "another path";
+    ASSERT_TRUE(ZV_ShareLedger().ForgetDownload(7, 65535));
+    EXPECT_FALSE(ZV_ShareLedger().HoldsDownload(7, 65535, QB_StringU8("C:\\b.bin"))) << "given up in an earlier run";
 
     // A record that cannot be opened holds nothing, and the day's log says so.
     std::filesystem::create_directories(m_home.Sub("log"));
