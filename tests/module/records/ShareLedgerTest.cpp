@@ -47,7 +47,13 @@ TEST_F(ShareLedger, HoldsAFileSharedInAnEarlierRunOnlyAsItWasSharedInItsConferen
     ASSERT_TRUE(ZV_ShareLedger().Remember(0x80000007u, Shared("high.pdf"), kMark));
     QB_Array<ZV_FileBriefInfo> arrBatch;
     arrBatch.Add(Shared("batch.pdf"));
-    ASSERT_TRUE(ZV_ShareLedger().Remember(7, arrBatch, {kMark}));
+    m_env.TrackDurability();
+    {
+        ZV_ShareLedger ledger;  // the machine stops right after a batch
+        ASSERT_TRUE(ledger.Remember(7, arrBatch, {kMark}));
+        m_env.Crash();
+    }
+    m_env.Restart();
     ZV_FileBriefInfo grown = Shared(), touched = Shared(), moved = Shared();
     grown.SetFileLenth(0xFFFFFFFFu);
     QB_DateTimeEx dt;
