@@ -38,20 +38,13 @@ QB_DateTimeEx Time(int nHour, int nMinute, int nSecond, int nFraction)
 
 ZV_FileUploadInfo Record(uint16_t usFileID, const char* pszNewName = "notes(1).txt")
 {
-    ZV_FileBriefInfo briefInfo;
-    briefInfo.SetCreatorID(QB_UserID(90001, 15));
-    briefInfo.SetFilePath(QB_StringU8("C:\\Users\\ann\\"));
-    briefInfo.SetFileOldName(QB_StringU8("notes.txt"));
-    briefInfo.SetFileType(QB_StringU8("txt"));
-    briefInfo.SetFileLenth(1000);
-    briefInfo.SetShareTime(Time(8, 0, 0, 5000));
-    briefInfo.SetModifyTime(Time(7, 21, 48, 0));
-    briefInfo.SetFileState(zvFileStateUploading);
+    ZV_FileBriefInfo b;
+    b.SetCreatorID(QB_UserID(90001, 15)), b.SetFilePath("C:\\Users\\ann\\"), b.SetFileOldName("notes.txt");
+    b.SetFileType("txt"), b.SetFileLenth(1000), b.SetShareTime(Time(8, 0, 0, 5000)), b.SetModifyTime(Time(7, 21, 48, 0));
+    b.SetFileState(zvFileStateUploading);
     ZV_FileUploadInfo fileInfo;
-    fileInfo.SetFileID(usFileID);
-    fileInfo.SetFileNewName(QB_StringU8(pszNewName));
-    fileInfo.SetFileWritePos(300);
-    fileInfo.SetBriefInfo(briefInfo);
+    fileInfo.SetFileID(usFileID), fileInfo.SetFileNewName(QB_StringU8(pszNewName)), fileInfo.SetFileWritePos(300);
+    fileInfo.SetBriefInfo(b);
     return fileInfo;
 }
 
