@@ -94,10 +94,9 @@ TEST(FileIDAllocation, GivesFreeIDsOfTheRangeFromTheNextOneOnWrappingOnceThenNon
     }
 }
 
-// The user side may call before the host has given the manager its
-// conference, and so may the host itself; the user side also calls beside the host's thread while an add holds a FileID
-// reserved: each call is refused with its code, never an assertion or a
-// null host.
+// Calls before the host gave the manager its conference, the host's own
+// among them, give 32; user-side calls on a FileID an add holds reserved
+// give 83: never an assertion or a null host.
 TEST(UserCalls, WithoutAHostUserAndHostCallsGive32AndOnAReservedFileIDGive83)
 {
     ZV_RecordingHost host;
@@ -106,12 +105,8 @@ TEST(UserCalls, WithoutAHostUserAndHostCallsGive32AndOnAReservedFileIDGive83)
     const char16_t szPath[] = u"/nowhere/x.bin";
     const char16_t* apszNames[] = {u"x.bin"};
     ZV_FsFileInfo info{};
-    // The two adds name no FileID.
-    const std::pair<const char*, std::function<uint32_t()>> aAdds[] = {
-        {"FsAdd", [&] { return mgr.FsAdd(szPath, nullptr, 0, 1, 0); }},
-        {"FsFilesAdd", [&] { return mgr.FsFilesAdd(u"/nowhere/", apszNames, 1, nullptr, 0, 1, 0); }},
-    };
-    const std::pair<const char*, std::function<uint32_t()>> aCalls[] = {
+    using Calls = std::vector<std::pair<const char*, std::function<uint32_t()>>>;
+    const Calls aCalls = {
         {"FsSetRight", [&] { return mgr.FsSetRight(usFileID, 1, nullptr, 0, nullptr, 0); }},
         {"FsSetFilesRight", [&] { return mgr.FsSetFilesRight(&usFileID, 1, 1, nullptr, 0, nullptr, 0); }},
         {"FsUpload", [&] { return mgr.FsUpload(usFileID); }},
@@ -124,14 +119,15 @@ TEST(UserCalls, WithoutAHostUserAndHostCallsGive32AndOnAReservedFileIDGive83)
         {"FsResumeUpload", [&] { return mgr.FsResumeUpload(usFileID); }},
         {"FsGetFileInfoByFileID", [&] { return mgr.FsGetFileInfoByFileID(usFileID, &info); }},
     };
-    // So may a host that has not given it yet.
     const uint8_t abPayload[] = {6, 0, 0, 0};
     ConfPduData cpd{};
     cpd.usPdu = PDU_CONF_FS_UPLOAD_REQUEST;
     cpd.ulLen = sizeof(abPayload);
     cpd.pData = abPayload;
     const QB_UserID peer(1, 2);
-    const std::pair<const char*, std::function<uint32_t()>> aHostCalls[] = {
+    const Calls aOthers = {
+        {"FsAdd", [&] { return mgr.FsAdd(szPath, nullptr, 0, 1, 0); }},
+        {"FsFilesAdd", [&] { return mgr.FsFilesAdd(u"/nowhere/", apszNames, 1, nullptr, 0, 1, 0); }},
         {"Initialize", [&] { return mgr.Initialize(); }},
         {"CleanData", [&] { return mgr.CleanData(); }},
         {"HandlePdu", [&] { return mgr.HandlePdu(&cpd); }},
@@ -140,12 +136,9 @@ TEST(UserCalls, WithoutAHostUserAndHostCallsGive32AndOnAReservedFileIDGive83)
         {"OnEvent", [&] { return mgr.OnEvent(4, 0, (uintptr_t)&peer, 0, 0); }},
         {"OnTimer", [&] { return mgr.OnTimer(5), zvResultNoHost; }},
     };
-    for (const auto& [szName, fnCall] : aAdds)
-        EXPECT_EQ(zvResultNoHost, fnCall()) << szName;
-    for (const auto& [szName, fnCall] : aCalls)
-        EXPECT_EQ(zvResultNoHost, fnCall()) << szName;
-    for (const auto& [szName, fnCall] : aHostCalls)
-        EXPECT_EQ(zvResultNoHost, fnCall()) << szName;
+    for (const Calls& calls : {aCalls, aOthers})
+        for (const auto& [szName, fnCall] : calls)
+            EXPECT_EQ(zvResultNoHost, fnCall()) << szName;
 
     host.Attach(&mgr);
     ZV_FileShareMgrPeer::Sessions(mgr).SetAt(usFileID, nullptr);
