@@ -95,6 +95,13 @@ protected:
         EXPECT_TRUE(catalog.LoadFile(usConfID, usFileID, fileInfo, m_sSection)) << usConfID << "/" << usFileID;
         return fileInfo;
     }
+    static int RowsOf(ZV_FileCatalog& catalog, uint16_t usConfID)
+    {
+        QB_Array<ZV_FileUploadInfo> arrRows;
+        QB_Array<QB_StringW> arrSections;
+        catalog.LoadConf(usConfID, arrRows, arrSections);
+        return arrRows.GetSize();
+    }
     std::string Ini() const { return m_home.Sub("fsinfo.ini"); }
     // The file once the quiet tick has folded m_catalog's journal in.
     std::string Folded()
@@ -179,10 +186,7 @@ TEST_F(Catalog, DeleteConfNeverDeletesOutsideTheConferenceFolder)
         EXPECT_TRUE(fs::exists(sKept)) << sKept;
     Folded();
     ZV_FileCatalog fresh;
-    QB_Array<ZV_FileUploadInfo> arrRows;
-    QB_Array<QB_StringW> arrSections;
-    Opened(fresh).LoadConf(5, arrRows, arrSections);
-    EXPECT_EQ(0, arrRows.GetSize()) << "every row of the conference is gone all the same";
+    EXPECT_EQ(0, RowsOf(Opened(fresh), 5)) << "every row of the conference is gone all the same";
     EXPECT_TRUE(Finds(fresh, 6, 1));
 }
 
@@ -296,8 +300,5 @@ TEST_F(Catalog, FindsTheFirstRowOfARepeatedPairInTheWalkAlsoRightAfterABatchAdde
                   Utf8(QB_StringW(Loaded(m_catalog, 5, 1).m_sFileNewName))) << "after row" << i;
     }
     ZV_FileCatalog fresh;
-    QB_Array<ZV_FileUploadInfo> arrRows;
-    QB_Array<QB_StringW> arrSections;
-    Opened(fresh).LoadConf(5, arrRows, arrSections);
-    EXPECT_EQ(7, arrRows.GetSize()) << "each batch reached the disk";
+    EXPECT_EQ(7, RowsOf(Opened(fresh), 5)) << "each batch reached the disk";
 }
