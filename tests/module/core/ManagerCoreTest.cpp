@@ -1,5 +1,5 @@
 // The manager on its own, against a host that records what it sends:
-// routing, FileIDs, who may see a file, and the exports that make it.
+// routing, FileIDs, calls without a host, and the exports that make it.
 #include "core/ZV_FileShareMgr.h"
 #include "core/ZV_ManagerRegistry.h"
 #include "ZV_FileShareMgrPeer.h"
@@ -145,34 +145,6 @@ TEST(UserCalls, WithoutAHostUserAndHostCallsGive32AndOnAReservedFileIDGive83)
     for (const auto& [szName, fnCall] : aCalls)
         EXPECT_EQ(zvResultReservedFile, fnCall()) << szName;
     EXPECT_TRUE(host.m_vecSent.empty());
-}
-
-using Session = ManagerFixture;
-
-TEST_F(Session, ShowsAFileToTheCreatorToListedUsersToEveryoneIfPublicAndToThePrivileged)
-{
-    const QB_UserID other(10002, 0);
-    struct { const char* szName; bool bPublic; bool bListed; bool bCreator; uint16_t usRole; bool bVisible;
-             } aCases[] = {
-        {"nobody's file", false, false, false, 0, false}, {"public", true, false, false, 0, true},
-        {"on the list", false, true, false, 0, true},     {"creator", false, false, true, 0, true},
-        {"privileged", false, false, false, 1, true},     {"other role", false, false, false, 2, false},
-    };
-    for (const auto& c : aCases)
-    {
-        host.m_mapUsers.clear();
-        host.AddUser(host.m_LocalUser, 1, "ann", c.usRole);
-        ZV_FileBriefInfo brief;
-        brief.SetPublic(c.bPublic);
-        brief.SetCreatorID(c.bCreator ? host.m_LocalUser : other);
-        QB_Array<QB_UserID> arrRight;
-        arrRight.Add(other);
-        if (c.bListed)
-            arrRight.Add(host.m_LocalUser);
-        brief.SetRight(arrRight);
-        ZV_FileShareSession session(&mgr, "");
-        EXPECT_EQ(c.bVisible, session.IsFileVisible(brief)) << c.szName;
-    }
 }
 
 TEST(Exports, MakeAManagerOnlyForTheExactInterfaceNameAndHandItsUserSideForTypeFour)
