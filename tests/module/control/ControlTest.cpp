@@ -45,42 +45,18 @@ struct ControlFixture : public ::testing::Test
     void Clear() { host.m_vecSent.clear(); host.m_vecEvents.clear(); }
 };
 
+// This server's 8014 for the stored file, as a relay, from its write position 40000.
+Bytes AskAsRelay()
+{
+    Pdu ask = Pdu().U16(5).User(kSelf).U32(0).U8(19);
+    for (char ch : std::string("C:\\Store\\7\\song.ogg"))
+        ask.U8((uint8_t)ch);
+    return ask.U32(40000).U8(1).U8(0).b;
+}
+
 using Control = ControlFixture;
 
 } // namespace
-
-TEST_F(Control, ServerStopsAndResumesADownloadEntryOnceAndLeavesAFinishedOneAlone)
-{
-    Make(true);
-    struct { const char* szName; QB_UserID user; uint8_t bStop; uint16_t usFrom, usTo; size_t nKicks; } aCases[] = {
-        {"stop", kBob, 1, zvDownloadStateRunning, zvDownloadStateStopped, 0},
-        {"resume", kBob, 0, zvDownloadStateStopped, zvDownloadStateRunning, 1},
-        {"finished", kBob, 0, zvDownloadStateFinished, zvDownloadStateFinished, 0},
-        {"no entry", QB_UserID(10003, 0), 1, 0, 0, 0}};
-    for (const auto& c : aCases)
-    {
-        Clear();
-        ZV_FileDownloadInfo entry;
-        entry.SetState(c.usFrom);
-        entry.SetActive(true);
-        ZV_FileShareSessionPeer::Downloads(*lpSession).SetAt(kBob, entry);
-        env.AdvanceTick(1000);
-        const uint32_t ulSeq = host.m_ulNextFloodSeq;
-        Deliver(PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST, Pdu().U16(5).User(c.user).U32(0).U8(c.bStop));
-        Deliver(PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST, Pdu().U16(5).User(c.user).U32(ulSeq).U8(c.bStop),
-                zvConfServerTypeCommand, 20, QB_UserID(2, 0));
-        const auto vecFlood = host.SentOf(PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST);
-        ASSERT_EQ(1u, vecFlood.size()) << c.szName << ": the echo of the flood is dropped";
-        EXPECT_EQ(Pdu().U16(7).U16(5).User(c.user).U32(ulSeq).U8(c.bStop).b, vecFlood[0].data) << c.szName;
-        const ZV_FileDownloadInfo& after = *ZV_FileShareSessionPeer::Downloads(*lpSession).Find(kBob);
-        EXPECT_EQ(c.usTo, after.m_usState) << c.szName;
-        EXPECT_EQ(c.nKicks, host.SentOf(PDU_CONF_FS_KICK).size()) << c.szName;
-        if (c.usFrom == zvDownloadStateStopped)
-        {
-            EXPECT_EQ(env.GetTickCount(), after.m_ulLastTick) << "the pause is not counted";
-        }
-    }
-}
 
 TEST_F(Control, ServerTakesAnUploadsStopOrResumeFromItsCreatorOnlyAndConfirmsItToEveryClient)
 {
@@ -128,10 +104,7 @@ TEST_F(Control, RelayFetchesOnceFromAnUpstreamWithMoreAndAnswersAPeerThatIsShort
     EXPECT_EQ(20u, forget.ulConn);
     EXPECT_EQ(0u, forget.bFlag2);
     ASSERT_EQ(1u, host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size());
-    Pdu ask = Pdu().U16(5).User(kSelf).U32(0).U8(19);
-    for (char ch : std::string("C:\\Store\\7\\song.ogg"))
-        ask.U8((uint8_t)ch);
-    EXPECT_EQ(ask.U32(40000).U8(1).U8(0).b, host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST)[0].data);
+    EXPECT_EQ(AskAsRelay(), host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST)[0].data);
 
     Clear();
     ZV_FileShareSessionPeer::Downloads(*lpSession).SetAt(QB_UserID(2, 0), ZV_FileDownloadInfo());
@@ -288,13 +261,7 @@ TEST_F(Control, ServerToldThatAPeerIsTheSourceAsksItForWhatItLacks)
     const auto vecAsks = host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST);
     ASSERT_EQ(1u, vecAsks.size());
     EXPECT_EQ(900u, vecAsks[0].ulConn);
-    const auto ask = ZV_Parse<ZV_DownloadAsk>(vecAsks[0].data);
-    EXPECT_EQ(kSelf, ask.user);
-    EXPECT_EQ(0u, ask.ulFloodSeq);
-    EXPECT_EQ(40000u, ask.ulPos);
-    EXPECT_EQ(1, ask.bFromServer);
-    EXPECT_EQ(0, ask.bFlooded);
-    EXPECT_EQ(QB_StringU8("C:\\Store\\7\\song.ogg"), ask.sPath);
+    EXPECT_EQ(AskAsRelay(), vecAsks[0].data);
     Deliver(PDU_CONF_FS_NOTICE_DEL_DOWNLOAD_INFO_REQUEST, Pdu().U16(5).User(peer).U32(77), zvConfServerTypeCommand,
             900, peer);
     EXPECT_EQ(1u, host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size()) << "the same flood again asks nothing";

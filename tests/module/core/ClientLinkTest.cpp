@@ -1,11 +1,9 @@
 // What one server takes from a client's link. Mallory's client sends, in
 // Alice's or Bob's name, every request a client may send, and numbers only
-// servers send or none do; then, in her own name, adds that choose a
-// FileID, a relay's download request, a block past the file's end, a block
-// of Alice's file and word that its upload failed. Each leaves the server as
-// it was (sessions with their files' states, entries, stored files,
-// catalogue), sends nothing on, and is answered to Mallory alone where it
-// has an answer.
+// servers send or none do; then, in her own name, adds that choose a FileID,
+// a relay's ask, a block past the end or into Alice's file, and word that
+// Alice's upload failed. Each leaves the server as it was, sends nothing on,
+// and is answered to Mallory alone where it has an answer.
 #include "ZV_RecordingNode.h"
 
 #include "download/ZV_DownloadPdu.h"
@@ -59,12 +57,7 @@ Bytes Block(const QB_UserID& user, uint32_t ulPos, uint32_t ulLen)
 
 Bytes Download(const QB_UserID& user, uint8_t bFromServer = 0)
 {
-    ZV_DownloadAsk ask;
-    ask.usFileID = kFile;
-    ask.user = user;
-    ask.sPath = QB_StringU8("C:\\dl\\secret.txt");
-    ask.bFromServer = bFromServer;
-    return ZV_SavePayload(ask);
+    return ZV_SavePayload(ZV_DownloadAsk{{kFile, user, 0}, "C:\\dl\\secret.txt", 0, bFromServer});
 }
 
 // The head of an answer about one file.
@@ -75,9 +68,7 @@ Pdu Answer(uint16_t usFileID, uint32_t ulResult, const QB_UserID& user)
 
 Bytes StoppedAt0(const QB_UserID& user)
 {
-    ZV_DownloadDataRequest ask;
-    ask.usFileID = kFile;
-    ask.user = user;
+    ZV_DownloadDataRequest ask{kFile, user};
     ask.record.SetDownloadPos(0);
     ask.record.SetStopped(true);
     return ZV_SavePayload(ask);

@@ -134,18 +134,12 @@ TEST(Events, EachShareOfAFileFollowsItsRoadsFormulaForAThirdAndForAnEmptyFile)
     const Row aRows[] = {
         {"3000, an announced file", zvFsEventFileAdded, 0, true,
          [&](Node& node, uint32_t ulLength, uint32_t ulPos) {
-             ZV_AddResponse answer;
-             answer.usRouteID = answer.usFileID = 9;
-             answer.user = kBob;
-             answer.ulWritePos = ulPos;
-             answer.brief = Brief(ulLength, true);
+             const ZV_AddResponse answer{{{9, 0, 9}, kBob}, ulPos, Brief(ulLength, true)};
              node.Deliver(PDU_CONF_FS_ADD_RESPONSE, ZV_SavePayload(answer));
          },
          1.0 / 3 * 100.0, kNaN},
         {"3000, a file the user may see now", zvFsEventFileAdded, 0, false,
-         [&](Node& node, uint32_t, uint32_t) {
-             node.mgr.OnEvent(zvConfEventRightChange, 1, (uintptr_t)&kAlice, 0, 0);
-         },
+         [&](Node& node, uint32_t, uint32_t) { node.mgr.OnEvent(zvConfEventRightChange, 1, (uintptr_t)&kAlice, 0, 0); },
          100.0 * 1 / 3, 100.0},
         {"3002, a listed download", zvFsEventDownloadState, 0, true,
          [&](Node& node, uint32_t ulLength, uint32_t ulPos) {
@@ -164,11 +158,7 @@ TEST(Events, EachShareOfAFileFollowsItsRoadsFormulaForAThirdAndForAnEmptyFile)
          100.0 * 1 / 3, 100.0},
         {"3003, new rights", zvFsEventRightChanged, 0, false,
          [&](Node& node, uint32_t ulLength, uint32_t ulPos) {
-             ZV_SetRightResponse answer;
-             answer.usFileID = 5;
-             answer.user = kBob;
-             answer.brief = Brief(ulLength, true);
-             answer.ulMaxPos = ulPos;
+             const ZV_SetRightResponse answer{0, 5, kBob, Brief(ulLength, true), ulPos};
              node.Deliver(PDU_CONF_FS_SET_RIGHT_RESPONSE, ZV_SavePayload(answer));
          },
          1.0 / 3 * 100.0, 100.0},
@@ -179,9 +169,7 @@ TEST(Events, EachShareOfAFileFollowsItsRoadsFormulaForAThirdAndForAnEmptyFile)
          },
          1.0 / 3 * 100.0, 100.0},
         {"3008, progress", zvFsEventUploadProgress, 0, true,
-         [&](Node& node, uint32_t, uint32_t ulPos) {
-             node.Deliver(PDU_CONF_FS_PROGRESSING_RESPONSE, ZV_Pdu().U16(5).User(kBob).U32(ulPos).b);
-         },
+         [&](Node& node, uint32_t, uint32_t ulPos) { node.Deliver(PDU_CONF_FS_PROGRESSING_RESPONSE, ZV_Pdu().U16(5).User(kBob).U32(ulPos).b); },
          1.0 / 3 * 100.0, 100.0},
         {"3009, a block", zvFsEventDownloadProgress, 4, true,
          [&](Node& node, uint32_t, uint32_t ulPos) {
@@ -220,9 +208,7 @@ TEST(Events, EachShareOfAFileFollowsItsRoadsFormulaForAThirdAndForAnEmptyFile)
                                                          std::tuple<uint32_t, uint32_t, double>{0, 0, row.dEmpty}})
         {
             SCOPED_TRACE(std::string(row.szName) + ", length " + std::to_string(ulLength));
-            Node node;
-            // FileID 5: Bob's file at ulPos of ulLength, and Alice's download
-            // of it, running.
+            Node node;  // FileID 5: Bob's file at ulPos of ulLength, Alice's download of it running
             node.lpSession = &ZV_FileShareMgrPeer::Adopt(node.mgr, 5, "");
             ZV_FileShareSessionPeer::FileID(*node.lpSession) = 5;
             ZV_FileShareSessionPeer::BriefInfo(*node.lpSession) = Brief(ulLength, row.bSeen);

@@ -1,6 +1,3 @@
-// A host that throws under an entry of the module: the entry writes its own
-// line to the day's error log, a user-side call gives 1, nothing reaches the
-// caller.
 #include "add/ZV_AddPdu.h"
 #include "core/ZV_FileShareMgr.h"
 #include "ZV_PayloadCheck.h"
@@ -15,12 +12,10 @@
 #include <functional>
 #include <regex>
 
-// Each entry that catches a throw itself writes a line of its own to the
-// day's error log, so that a host author can tell which road a fault ended;
-// a user-side call then gives 1. The host throws at its first call, then its
-// second, and so on, until the line is written or the entry makes no more
-// calls; a PDU comes empty. A user-side call meets Bob's file 5, which the
-// server announced first.
+// A host that throws under an entry: the entry writes its own line to the
+// day's error log, a user-side call gives 1, nothing reaches the caller. The
+// host throws at its 1st, 2nd, ... call until the line is written; a PDU
+// comes empty; a user-side call meets Bob's file 5, announced first.
 TEST(HostThrow, EachEntryThatCatchesAThrowItselfLogsItsOwnLineAndEachUserCallGives1)
 {
     using Run = std::function<void(ZV_FileShareMgr&)>;
@@ -28,9 +23,7 @@ TEST(HostThrow, EachEntryThatCatchesAThrowItselfLogsItsOwnLineAndEachUserCallGiv
     auto Pdu = [](uint16_t usPdu, uint16_t usConnType, const std::vector<uint8_t>& data = {}) -> Run {
         return [=](ZV_FileShareMgr& mgr) { ZV_Deliver(mgr, usPdu, usConnType, data, 5, QB_UserID()); };
     };
-    ZV_AddResponse answer;
-    answer.usRouteID = answer.usFileID = 5;
-    answer.user = bob;
+    ZV_AddResponse answer{{{5, 0, 5}, bob}};
     answer.brief.SetCreatorID(bob);
     answer.brief.SetFileOldName(QB_StringU8("a.bin"));
     answer.brief.SetPublic(true);

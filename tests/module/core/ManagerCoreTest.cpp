@@ -1,5 +1,5 @@
 // The manager on its own, against a host that records what it sends:
-// routing, FileIDs, who may see a file, and the exports that make it.
+// routing, FileIDs, calls without a host, and the exports that make it.
 #include "core/ZV_FileShareMgr.h"
 #include "core/ZV_ManagerRegistry.h"
 #include "ZV_FileShareMgrPeer.h"
@@ -94,10 +94,9 @@ TEST(FileIDAllocation, GivesFreeIDsOfTheRangeFromTheNextOneOnWrappingOnceThenNon
     }
 }
 
-// The user side may call before the host has given the manager its
-// conference, and so may the host itself; the user side also calls beside the host's thread while an add holds a FileID
-// reserved: each call is refused with its code, never an assertion or a
-// null host.
+// Calls before the host gave the manager its conference, the host's own
+// among them, give 32; user-side calls on a FileID an add holds reserved
+// give 83: never an assertion or a null host.
 TEST(UserCalls, WithoutAHostUserAndHostCallsGive32AndOnAReservedFileIDGive83)
 {
     ZV_RecordingHost host;
@@ -106,12 +105,8 @@ TEST(UserCalls, WithoutAHostUserAndHostCallsGive32AndOnAReservedFileIDGive83)
     const char16_t szPath[] = u"/nowhere/x.bin";
     const char16_t* apszNames[] = {u"x.bin"};
     ZV_FsFileInfo info{};
-    // The two adds name no FileID.
-    const std::pair<const char*, std::function<uint32_t()>> aAdds[] = {
-        {"FsAdd", [&] { return mgr.FsAdd(szPath, nullptr, 0, 1, 0); }},
-        {"FsFilesAdd", [&] { return mgr.FsFilesAdd(u"/nowhere/", apszNames, 1, nullptr, 0, 1, 0); }},
-    };
-    const std::pair<const char*, std::function<uint32_t()>> aCalls[] = {
+    using Calls = std::vector<std::pair<const char*, std::function<uint32_t()>>>;
+    const Calls aCalls = {
         {"FsSetRight", [&] { return mgr.FsSetRight(usFileID, 1, nullptr, 0, nullptr, 0); }},
         {"FsSetFilesRight", [&] { return mgr.FsSetFilesRight(&usFileID, 1, 1, nullptr, 0, nullptr, 0); }},
         {"FsUpload", [&] { return mgr.FsUpload(usFileID); }},
@@ -124,14 +119,15 @@ TEST(UserCalls, WithoutAHostUserAndHostCallsGive32AndOnAReservedFileIDGive83)
         {"FsResumeUpload", [&] { return mgr.FsResumeUpload(usFileID); }},
         {"FsGetFileInfoByFileID", [&] { return mgr.FsGetFileInfoByFileID(usFileID, &info); }},
     };
-    // So may a host that has not given it yet.
     const uint8_t abPayload[] = {6, 0, 0, 0};
     ConfPduData cpd{};
     cpd.usPdu = PDU_CONF_FS_UPLOAD_REQUEST;
     cpd.ulLen = sizeof(abPayload);
     cpd.pData = abPayload;
     const QB_UserID peer(1, 2);
-    const std::pair<const char*, std::function<uint32_t()>> aHostCalls[] = {
+    const Calls aOthers = {
+        {"FsAdd", [&] { return mgr.FsAdd(szPath, nullptr, 0, 1, 0); }},
+        {"FsFilesAdd", [&] { return mgr.FsFilesAdd(u"/nowhere/", apszNames, 1, nullptr, 0, 1, 0); }},
         {"Initialize", [&] { return mgr.Initialize(); }},
         {"CleanData", [&] { return mgr.CleanData(); }},
         {"HandlePdu", [&] { return mgr.HandlePdu(&cpd); }},
@@ -140,46 +136,15 @@ TEST(UserCalls, WithoutAHostUserAndHostCallsGive32AndOnAReservedFileIDGive83)
         {"OnEvent", [&] { return mgr.OnEvent(4, 0, (uintptr_t)&peer, 0, 0); }},
         {"OnTimer", [&] { return mgr.OnTimer(5), zvResultNoHost; }},
     };
-    for (const auto& [szName, fnCall] : aAdds)
-        EXPECT_EQ(zvResultNoHost, fnCall()) << szName;
-    for (const auto& [szName, fnCall] : aCalls)
-        EXPECT_EQ(zvResultNoHost, fnCall()) << szName;
-    for (const auto& [szName, fnCall] : aHostCalls)
-        EXPECT_EQ(zvResultNoHost, fnCall()) << szName;
+    for (const Calls& calls : {aCalls, aOthers})
+        for (const auto& [szName, fnCall] : calls)
+            EXPECT_EQ(zvResultNoHost, fnCall()) << szName;
 
     host.Attach(&mgr);
     ZV_FileShareMgrPeer::Sessions(mgr).SetAt(usFileID, nullptr);
     for (const auto& [szName, fnCall] : aCalls)
         EXPECT_EQ(zvResultReservedFile, fnCall()) << szName;
     EXPECT_TRUE(host.m_vecSent.empty());
-}
-
-using Session = ManagerFixture;
-
-TEST_F(Session, ShowsAFileToTheCreatorToListedUsersToEveryoneIfPublicAndToThePrivileged)
-{
-    const QB_UserID other(10002, 0);
-    struct { const char* szName; bool bPublic; bool bListed; bool bCreator; uint16_t usRole; bool bVisible;
-             } aCases[] = {
-        {"nobody's file", false, false, false, 0, false}, {"public", true, false, false, 0, true},
-        {"on the list", false, true, false, 0, true},     {"creator", false, false, true, 0, true},
-        {"privileged", false, false, false, 1, true},     {"other role", false, false, false, 2, false},
-    };
-    for (const auto& c : aCases)
-    {
-        host.m_mapUsers.clear();
-        host.AddUser(host.m_LocalUser, 1, "ann", c.usRole);
-        ZV_FileBriefInfo brief;
-        brief.SetPublic(c.bPublic);
-        brief.SetCreatorID(c.bCreator ? host.m_LocalUser : other);
-        QB_Array<QB_UserID> arrRight;
-        arrRight.Add(other);
-        if (c.bListed)
-            arrRight.Add(host.m_LocalUser);
-        brief.SetRight(arrRight);
-        ZV_FileShareSession session(&mgr, "");
-        EXPECT_EQ(c.bVisible, session.IsFileVisible(brief)) << c.szName;
-    }
 }
 
 TEST(Exports, MakeAManagerOnlyForTheExactInterfaceNameAndHandItsUserSideForTypeFour)

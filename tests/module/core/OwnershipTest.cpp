@@ -26,8 +26,7 @@ ZV_FileBriefInfo Brief(const char* pszName)
     return ZV_Brief(kBob, pszName, kLength);
 }
 
-// One node, server or client, with Alice as its local user and Bob homed
-// at another server.
+// A server or client with Alice as its local user and Bob homed at server 2.
 struct Node : ZV_BasicNode<ZV_ThrowingHost>
 {
     explicit Node(bool bServer) : ZV_BasicNode(bServer)
@@ -54,8 +53,7 @@ struct Node : ZV_BasicNode<ZV_ThrowingHost>
         QB_StringW sSection;
         return ZV_FileShareMgrPeer::Catalog(mgr).LoadFile(7, usFileID, info, sSection);
     }
-    // Nothing of an add: no key, no stored file, no row of the FileIDs it
-    // would take.
+    // No key, stored file or row of the FileIDs an add would take.
     bool HoldsNoAdd()
     {
         return ZV_FileShareMgrPeer::Sessions(mgr).GetCount() == 0 && StoredFiles() == 0 && !HasRow(1) && !HasRow(2) &&
@@ -70,18 +68,14 @@ Bytes AddRequest(uint16_t usFileID, uint32_t ulFloodSeq)
 
 Bytes AddAnswer()
 {
-    ZV_AddResponse answer;
-    answer.usRouteID = answer.usFileID = kFileID;
-    answer.user = kBob;
-    answer.brief = Brief("a.txt");
-    return ZV_SavePayload(answer);
+    return ZV_SavePayload(ZV_AddResponse{{{kFileID, 0, kFileID}, kBob}, 0, Brief("a.txt")});
 }
 
-Bytes AddFilesRequest()
+Bytes AddFilesRequest(std::initializer_list<const char*> names = {"a.txt", "b.txt"})
 {
     ZV_AddFilesRequest ask;
     ask.user = kBob;
-    for (const char* pszName : {"a.txt", "b.txt"})
+    for (const char* pszName : names)
     {
         ask.arrFileID.Add(ZV_NO_FILEID);
         ask.arrInfo.Add(Brief(pszName));
@@ -91,9 +85,7 @@ Bytes AddFilesRequest()
 
 Bytes DownloadAnswer(const QB_StringW& sPath, const QB_StringW& sName)
 {
-    ZV_DownloadResponse answer;
-    answer.usRouteID = answer.usFileID = kFileID;
-    answer.user = kAlice;
+    ZV_DownloadResponse answer{{{kFileID, 0, kFileID}, kAlice}};
     answer.record.SetFileID(kFileID);
     answer.record.SetFilePath(QB_StringU8(sPath));
     answer.record.SetFileName(QB_StringU8(sName));
@@ -230,37 +222,25 @@ TEST(Ownership, AThrowAtAnyHostCallOfAUserSideShareLeavesNoFileOpen)
     EXPECT_FALSE(bThrew) << "the shares never got through";
 }
 
-// A host may hand the manager a PDU while it is still sending. A batch that
-// ran out of FileIDs refuses its first file while the others stand
-// reserved; a delete or a change of rights meeting one of those answers 83
+// A host may hand the manager a PDU while it still sends: a delete or a
+// change of rights meeting a FileID a batch still holds reserved answers 83
 // and takes nothing, and the batch then makes both files.
 TEST(Ownership, ARequestMeetingAFileIDABatchStillHoldsReservedIsAnswered83)
 {
     Node node(true);
     node.host.m_usFileIDMax = 2;
-    ZV_AddFilesRequest ask;
-    ask.user = kBob;
-    for (const char* pszName : {"a.txt", "b.txt", "c.txt"})
-    {
-        ask.arrFileID.Add(ZV_NO_FILEID);
-        ask.arrInfo.Add(Brief(pszName));
-    }
     bool bAsked = false;
     node.host.m_fnOnSend = [&](uint16_t usPdu) {
         if (usPdu != PDU_CONF_FS_ADD_FILES_RESPONSE || bAsked)
             return;
         bAsked = true;
-        ZV_DelUploadRequest del;
-        del.usFileID = 1;
-        del.user = kBob;
-        node.Deliver(PDU_CONF_FS_DEL_UPLOAD_REQUEST, zvConfClientTypeCommand, ZV_SavePayload(del));
+        node.Deliver(PDU_CONF_FS_DEL_UPLOAD_REQUEST, zvConfClientTypeCommand, ZV_SavePayload(ZV_DelUploadRequest{1, kBob}));
         ZV_SetFilesRightRequest right;
         right.arrFileID.Add(2);
         right.user = kBob;
         node.Deliver(PDU_CONF_FS_SET_FILES_RIGHT_REQUEST, zvConfClientTypeCommand, ZV_SavePayload(right));
     };
-    node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, zvConfClientTypeCommand, ZV_SavePayload(ask));
-
+    node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, zvConfClientTypeCommand, AddFilesRequest({"a.txt", "b.txt", "c.txt"}));
     ASSERT_TRUE(bAsked);
     const auto vecDel = node.host.SentOf(PDU_CONF_FS_DEL_UPLOAD_RESPONSE);
     ASSERT_EQ(1u, vecDel.size());

@@ -19,14 +19,10 @@ struct Row
 {
     const char* pszName;
     QB_UserID leaver;
-    int nAnnHome;          // 0: the host no longer knows Ann
+    int nAnnHome;  // 0: the host no longer knows Ann
     bool bHomeLinked;
     uint16_t usFileState;
-    bool bUploadDone;
-    bool bFloodSeen;
-    bool bRemoved;
-    bool bDeleteSent;
-    bool bBobActive;
+    bool bUploadDone, bFloodSeen, bRemoved, bDeleteSent, bBobActive;
 };
 
 const Row kRows[] = {
@@ -67,9 +63,7 @@ TEST(UserGone, EachLeaverEndsAsItsRoleAndHomeDecide)
                 node.host.AddUser(kAnn, (uint32_t)row.nAnnHome, "Ann");
             if (row.bHomeLinked)
                 node.host.m_setLinkedServer.insert(2);
-            ZV_FileBriefInfo brief;
-            brief.SetCreatorID(kAnn);
-            brief.SetFileLenth(1000);
+            ZV_FileBriefInfo brief = ZV_Brief(kAnn, nullptr, 1000, false);
             brief.SetFileState(row.usFileState);
             ZV_FileShareSession& session = ZV_AdoptFile(
                 node.mgr, 5, QB_StringA(QB_ToWindowsPath(node.tmp.Sub("store/"))).GetString(), brief, "song.ogg");
@@ -101,10 +95,7 @@ TEST(UserGone, EachLeaverEndsAsItsRoleAndHomeDecide)
             // The clients, if any, hear that the file is gone.
             const auto vecGone = node.host.SentOf(PDU_CONF_FS_DEL_UPLOAD_RESPONSE);
             ASSERT_EQ(row.bRemoved && ulClients > 0 ? 1u : 0u, vecGone.size()) << row.pszName;
-            if (!vecGone.empty())
-            {
-                EXPECT_EQ("group", vecGone[0].sRoute);
-            }
+            EXPECT_TRUE(vecGone.empty() || vecGone[0].sRoute == "group");
             if (lpLeft == nullptr)
                 continue;
             ZV_FileDownloadInfo entry;

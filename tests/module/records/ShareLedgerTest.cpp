@@ -45,6 +45,15 @@ TEST_F(ShareLedger, HoldsAFileSharedInAnEarlierRunOnlyAsItWasSharedInItsConferen
 {
     ASSERT_TRUE(ZV_ShareLedger().Remember(7, Shared(), kMark));
     ASSERT_TRUE(ZV_ShareLedger().Remember(0x80000007u, Shared("high.pdf"), kMark));
+    QB_Array<ZV_FileBriefInfo> arrBatch;
+    arrBatch.Add(Shared("batch.pdf"));
+    m_env.TrackDurability();
+    {
+        ZV_ShareLedger ledger;  // the machine stops right after a batch
+        ASSERT_TRUE(ledger.Remember(7, arrBatch, {kMark}));
+        m_env.Crash();
+    }
+    m_env.Restart();
     ZV_FileBriefInfo grown = Shared(), touched = Shared(), moved = Shared();
     grown.SetFileLenth(0xFFFFFFFFu);
     QB_DateTimeEx dt;
@@ -53,6 +62,7 @@ TEST_F(ShareLedger, HoldsAFileSharedInAnEarlierRunOnlyAsItWasSharedInItsConferen
     moved.SetFilePath(QB_StringU8("C:\\Users\\ann\\x\\..\\"));
     struct { const char* szName; uint32_t ulConfID; ZV_FileBriefInfo brief; bool bHeld; } aCases[] = {
         {"as shared", 7, Shared(), true},
+        {"shared in a batch", 7, Shared("batch.pdf"), true},
         {"in another conference", 8, Shared(), false},
         {"in a conference of the same low 16 bits", 0x10007, Shared(), false},
         {"in a conference past 31 bits", 0x80000007u, Shared("high.pdf"), true},
@@ -87,11 +97,15 @@ TEST_F(ShareLedger, ADamagedRecordCountsAsEmptyAndAFailedSaveHoldsForThisRunOnly
     EXPECT_FALSE(ZV_ShareLedger().Holds(7, Shared("new.txt")));
     EXPECT_TRUE(ZV_ShareLedger().Holds(7, Shared()));
 
-    // A download target under a number no FileID has is no target at all.
+    // A download target under a number no FileID has is no target at all; one
+    // given up is gone for good.
     QB_WriteWholeFile(sLedger, "[D1]\r\nConference=7\r\nFileID=65536\r\nTarget=C:\\a.bin\r\n"
                                "[D2]\r\nConference=7\r\nFileID=65535\r\nTarget=C:\\b.bin\r\n");
     EXPECT_FALSE(ZV_ShareLedger().HoldsDownload(7, 0, QB_StringU8("C:\\a.bin")));
     EXPECT_TRUE(ZV_ShareLedger().HoldsDownload(7, 65535, QB_StringU8("C:\\b.bin")));
+    EXPECT_FALSE(ZV_ShareLedger().HoldsDownload(7, 65535, QB_StringU8("C:\\a.bin"))) << "another path";
+    ASSERT_TRUE(ZV_ShareLedger().ForgetDownload(7, 65535));
+    EXPECT_FALSE(ZV_ShareLedger().HoldsDownload(7, 65535, QB_StringU8("C:\\b.bin"))) << "given up in an earlier run";
 
     // A record that cannot be opened holds nothing, and the day's log says so.
     std::filesystem::create_directories(m_home.Sub("log"));
@@ -99,37 +113,6 @@ TEST_F(ShareLedger, ADamagedRecordCountsAsEmptyAndAFailedSaveHoldsForThisRunOnly
     EXPECT_FALSE(ZV_ShareLedger().Holds(7, Shared()));
     m_env.ClearFaults();
     EXPECT_EQ(1u, QB_CountInFiles(m_home.Sub("log"), "ZV_ShareLedger::Load failed.\r\n"));
-}
-
-// A download target outlives the run until the user gives the download up;
-// rows of both kinds, written in several runs, never take each other's
-// place.
-TEST_F(ShareLedger, KeepsEachRowOfBothKindsAcrossRunsUntilTheDownloadIsGivenUp)
-{
-    const QB_StringU8 sTarget("C:\\Users\\ann\\Downloads\\report.pdf");
-    {
-        ZV_ShareLedger ledger;
-        for (int i = 0; i < 12; ++i)
-            ASSERT_TRUE(ledger.Remember(7, Shared(("f" + std::to_string(i) + ".bin").c_str()), kMark));
-        ASSERT_TRUE(ledger.RememberDownload(7, 42, sTarget));
-    }
-    ASSERT_TRUE(ZV_ShareLedger().Remember(7, Shared("late.bin"), kMark));
-    ASSERT_TRUE(ZV_ShareLedger().RememberDownload(7, 43, QB_StringU8("C:\\d\\x.bin")));
-    ZV_ShareLedger later;
-    for (int i = 0; i < 12; ++i)
-        EXPECT_TRUE(later.Holds(7, Shared(("f" + std::to_string(i) + ".bin").c_str()))) << i;
-    EXPECT_TRUE(later.Holds(7, Shared("late.bin")));
-    EXPECT_TRUE(later.HoldsDownload(7, 42, sTarget));
-    EXPECT_TRUE(later.HoldsDownload(7, 43, QB_StringU8("C:\\d\\x.bin")));
-    EXPECT_FALSE(later.HoldsDownload(8, 42, sTarget)) << "another conference";
-    EXPECT_FALSE(later.HoldsDownload(7, 44, sTarget)) << "another FileID";
-    EXPECT_FALSE(later.HoldsDownload(7, 42, QB_StringU8("C:\\Users\\ann\\.profile"))) << "another path";
-    ASSERT_TRUE(later.ForgetDownload(7, 42));
-    EXPECT_FALSE(ZV_ShareLedger().HoldsDownload(7, 42, sTarget));
-    EXPECT_TRUE(ZV_ShareLedger().HoldsDownload(7, 43, QB_StringU8("C:\\d\\x.bin")));
-    // Given up as the first thing of a run, too.
-    ASSERT_TRUE(ZV_ShareLedger().ForgetDownload(7, 43));
-    EXPECT_FALSE(ZV_ShareLedger().HoldsDownload(7, 43, QB_StringU8("C:\\d\\x.bin")));
 }
 
 // A row of the old form kept only 16 bits of its conference: it is dropped

@@ -93,6 +93,8 @@ T Request()
     return value;
 }
 const std::string kRequestHex = std::string("07 01 ") + kUserHex + "0d 0c 0b 0a ";
+const ZV_RequestHead kAsk = Request<ZV_RequestHead>();
+const ZV_AnswerHead kAnswer = Answer<ZV_AnswerHead>();
 
 // A download record with only its FileID: length, mask word, FileID.
 ZV_FileDownloadInfo RecordOf7()
@@ -122,13 +124,7 @@ bool LoadsBlockOf(T block, uint32_t ulLen)
 
 TEST(PduCodec, AddPayloadsAreTheirExactBytes)
 {
-    ZV_AddRequest ask;
-    ask.usFileID = 0xFFFF;
-    ask.user = kUser;
-    ask.ulFloodSeq = 0x0a0b0c0d;
-    ask.bStartUpload = 1;
-    auto answer = Answer<ZV_AddResponse>(zvResultOk);
-    answer.ulWritePos = 0x8000;
+    ZV_AddRequest ask{{0xFFFF, kUser, 0x0a0b0c0d}, ZV_FileBriefInfo(), 1};
     ZV_AddFilesRequest files;
     files.user = kUser;
     files.ulFloodSeq = 0x0a0b0c0d;
@@ -143,7 +139,7 @@ TEST(PduCodec, AddPayloadsAreTheirExactBytes)
     added.arrInfo.Add(ZV_FileBriefInfo());
     Walk({
         Case("8001 with no FileID yet", ask, std::string("ff ff ") + kUserHex + "0d 0c 0b 0a 06 00 00 00 01 00 01"),
-        Case("8002", answer, AnswerHex("00 00 00 00 ") + "00 80 00 00 06 00 00 00 01 00 00"),
+        Case("8002", ZV_AddResponse{Answer<ZV_AnswerHead>(zvResultOk), 0x8000}, AnswerHex("00 00 00 00 ") + "00 80 00 00 06 00 00 00 01 00 00"),
         Case("8055", files, std::string(kUserHex) + "0d 0c 0b 0a 00 01 07 01 01 06 00 00 00 01 00 00"),
         Case("8056", added, std::string("00 00 00 00 ") + kUserHex + "01 01 07 01 01 00 80 00 00 01 06 00 00 00 01 00 01"),
     });
@@ -158,20 +154,12 @@ TEST(PduCodec, AddPayloadsAreTheirExactBytes)
 
 TEST(PduCodec, UploadPayloadsAreTheirExactBytesAndABlockIsAtMostOneBlockLong)
 {
-    auto marker = Request<ZV_UploadRequest>();
-    marker.bStart = 1;
-    auto block = Request<ZV_UploadRequest>();
-    block.ulLen = sizeof kData;
-    block.ulPos = 0x8000;
-    block.pData = kData;
-    auto answer = Answer<ZV_UploadResponse>();
-    answer.ulFloodSeq = 0x0a0b0c0d;
-    answer.ulPos = 0x8000;
+    const ZV_UploadRequest block{kAsk, 0, sizeof kData, 0x8000, kData};
     Walk({
-        Case("8005 start marker", marker, kRequestHex + "01"),
+        Case("8005 start marker", ZV_UploadRequest{kAsk, 1}, kRequestHex + "01"),
         Case("8005 block", block, kRequestHex + "00 03 00 00 00 00 80 00 00 aa bb cc"),
-        Case("8006", answer, AnswerHex() + "0d 0c 0b 0a 00 80 00 00"),
-        Case("8007", Request<ZV_UploadFinish>(), kRequestHex),
+        Case("8006", ZV_UploadResponse{kAnswer, 0x0a0b0c0d, 0x8000}, AnswerHex() + "0d 0c 0b 0a 00 80 00 00"),
+        Case("8007", ZV_UploadFinish{kAsk}, kRequestHex),
     });
     EXPECT_TRUE(LoadsBlockOf(block, ZV_BLOCK_SIZE));
     EXPECT_FALSE(LoadsBlockOf(block, ZV_BLOCK_SIZE + 1));
@@ -179,25 +167,12 @@ TEST(PduCodec, UploadPayloadsAreTheirExactBytesAndABlockIsAtMostOneBlockLong)
 
 TEST(PduCodec, DownloadPayloadsAreTheirExactBytesAndABlockIsAtMostOneBlockLong)
 {
-    auto ask = Request<ZV_DownloadAsk>();
-    ask.sPath = "D:\\x";
-    ask.ulPos = 0x8000;
-    ask.bFromServer = 1;
-    auto answer = Answer<ZV_DownloadResponse>(zvResultOk);
-    answer.record = RecordOf7();
-    ZV_DownloadDataRequest position;
-    position.usFileID = 0x0107;
-    position.user = kUser;
-    position.record = RecordOf7();
-    auto block = Answer<ZV_DownloadBlock>(zvResultOk);
-    block.ulPos = 0x8000;
-    block.ulLen = sizeof kData;
-    block.pData = kData;
-    block.ulMaxPos = 0x10000;
+    const ZV_AnswerHead ok = Answer<ZV_AnswerHead>(zvResultOk);
+    const ZV_DownloadBlock block{ok, 0x8000, sizeof kData, kData, 0x10000};
     Walk({
-        Case("8014", ask, kRequestHex + "04 44 3a 5c 78 00 80 00 00 01 00"),
-        Case("8015", answer, AnswerHex("00 00 00 00 ") + kRecordHex),
-        Case("8012", position, std::string("07 01 ") + kUserHex + kRecordHex),
+        Case("8014", ZV_DownloadAsk{kAsk, "D:\\x", 0x8000, 1}, kRequestHex + "04 44 3a 5c 78 00 80 00 00 01 00"),
+        Case("8015", ZV_DownloadResponse{ok, RecordOf7()}, AnswerHex("00 00 00 00 ") + kRecordHex),
+        Case("8012", ZV_DownloadDataRequest{0x0107, kUser, RecordOf7()}, std::string("07 01 ") + kUserHex + kRecordHex),
         Case("8013", block, AnswerHex("00 00 00 00 ") + "00 80 00 00 03 00 00 00 aa bb cc 00 00 01 00"),
     });
     EXPECT_TRUE(LoadsBlockOf(block, ZV_BLOCK_SIZE));
@@ -213,55 +188,27 @@ TEST(PduCodec, DownloadPayloadsAreTheirExactBytesAndABlockIsAtMostOneBlockLong)
 
 TEST(PduCodec, ControlPayloadsAreTheirExactBytes)
 {
-    auto stopDownload = Request<ZV_StopDownloadAsk>();
-    stopDownload.bStop = 1;
-    auto stopUpload = Request<ZV_StopUploadAsk>();
-    stopUpload.bStop = 1;
-    stopUpload.ulPos = 0x8000;
-    auto stopped = Answer<ZV_StopUploadResponse>();
-    stopped.bStop = 1;
-    stopped.ulPos = 0x8000;
-    ZV_ProgressRequest progressAsk;
-    progressAsk.usFileID = 0x0107;
-    progressAsk.user = kUser;
-    progressAsk.ulPos = 0x8000;
-    progressAsk.bRestart = 1;
-    const ZV_Progress progress = progressAsk;
-    auto failed = Request<ZV_UploadErrorAsk>();
-    failed.ulPos = 0x8000;
-    ZV_UploadErrorResponse failure;
-    failure.usRouteID = 0x0107;
-    failure.usFileID = 0x0107;
+    const ZV_ProgressRequest progress{{0x0107, kUser, 0x8000}, 1};
     ZV_FileStateNotice notice;
     notice.arrFileID.Add(0x0107);
     notice.arrFileID.Add(0x0108);
     notice.usState = zvFileStateComplete;
     notice.bUpload = 1;
     Walk({
-        Case("8016", stopDownload, kRequestHex + "01"),
-        Case("8017", stopUpload, kRequestHex + "01 00 80 00 00"),
-        Case("8018", stopped, AnswerHex() + "01 00 80 00 00"),
-        Case("8021", progressAsk, std::string("07 01 ") + kUserHex + "00 80 00 00 01"),
-        Case("8022", progress, std::string("07 01 ") + kUserHex + "00 80 00 00"),
-        Case("8035", failed, kRequestHex + "00 80 00 00"),
-        Case("8036", failure, "07 01 00 00 00 00 07 01"),
+        Case("8016", ZV_StopDownloadAsk{kAsk, 1}, kRequestHex + "01"),
+        Case("8017", ZV_StopUploadAsk{{kAsk, 1}, 0x8000}, kRequestHex + "01 00 80 00 00"),
+        Case("8018", ZV_StopUploadResponse{kAnswer, 1, 0x8000}, AnswerHex() + "01 00 80 00 00"),
+        Case("8021", progress, std::string("07 01 ") + kUserHex + "00 80 00 00 01"),
+        Case("8022", ZV_Progress(progress), std::string("07 01 ") + kUserHex + "00 80 00 00"),
+        Case("8035", ZV_UploadErrorAsk{kAsk, 0x8000}, kRequestHex + "00 80 00 00"),
+        Case("8036", ZV_UploadErrorResponse{{0x0107, 0, 0x0107}}, "07 01 00 00 00 00 07 01"),
         Case("8052", notice, "02 07 01 08 01 03 00 01"),
     });
 }
 
 TEST(PduCodec, DeleteEntryAndRightsPayloadsAreTheirExactBytes)
 {
-    ZV_DelUploadRequest del;
-    del.usFileID = 0x0102;
-    del.user = kAnn;
-    del.ulFloodSeq = 0x0A0B0C0D;
-    ZV_DelUploadResponse deleted;
-    deleted.head = ZV_AnswerHead{0x0102, 40, 0x0102, kAnn};
-    deleted.ulFloodSeq = 7;
-    ZV_EntryRequest entry;
-    entry.usFileID = 0x0203;
-    entry.user = kBen;
-    entry.ulFloodSeq = 0x100;
+    const ZV_EntryRequest entry{0x0203, kBen, 0x100};
     ZV_SetRightRequest rights;
     rights.head = entry;
     rights.bPublic = 0;
@@ -269,12 +216,8 @@ TEST(PduCodec, DeleteEntryAndRightsPayloadsAreTheirExactBytes)
     rights.arrRemove = ZV_Users({kBen});
     // A success carries the empty description, delimited, and the position;
     // a refusal ends behind the user.
-    ZV_SetRightResponse granted;
-    granted.usFileID = 0x0005;
-    granted.user = kAnn;
-    granted.ulMaxPos = 10000;
-    ZV_SetRightResponse refused = granted;
-    refused.ulResult = 40;
+    const ZV_SetRightResponse granted{0, 0x0005, kAnn, ZV_FileBriefInfo(), 10000};
+    const ZV_SetRightResponse refused{40, 0x0005, kAnn, ZV_FileBriefInfo(), 10000};
     ZV_SetFilesRightRequest batch;
     batch.arrFileID.Add(5);
     batch.arrFileID.Add(0x0102);
@@ -289,8 +232,8 @@ TEST(PduCodec, DeleteEntryAndRightsPayloadsAreTheirExactBytes)
     batchRefused.ulFloodSeq = 9;
     const Bytes kEntryHead = Join({{0x03, 0x02}, kBenBytes, {0x00, 0x01, 0x00, 0x00}});
     Walk({
-        Case("8008", del, Join({{0x02, 0x01}, kAnnBytes, {0x0D, 0x0C, 0x0B, 0x0A}})),
-        Case("8009", deleted, Join({{0x02, 0x01, 40, 0, 0, 0, 0x02, 0x01}, kAnnBytes, {0x07, 0x00, 0x00, 0x00}})),
+        Case("8008", ZV_DelUploadRequest{0x0102, kAnn, 0x0A0B0C0D}, Join({{0x02, 0x01}, kAnnBytes, {0x0D, 0x0C, 0x0B, 0x0A}})),
+        Case("8009", ZV_DelUploadResponse{{0x0102, 40, 0x0102, kAnn}, 7}, Join({{0x02, 0x01, 40, 0, 0, 0, 0x02, 0x01}, kAnnBytes, {0x07, 0x00, 0x00, 0x00}})),
         Case("8010, 8037", entry, kEntryHead),
         Case("8003", rights, Join({kEntryHead, {0x00, 0x02}, kAnnBytes, kBenBytes, {0x01}, kBenBytes})),
         Case("8004 success", granted,
@@ -387,21 +330,12 @@ TEST(PduCodec, ListEntriesAreCountedFieldByFieldAndNeverBelowTheirBytes)
     QB_Array<QB_UserID> arrRight;
     arrRight.Add(kAnn);
     arrRight.Add(kAnn);
-    ZV_FileBriefInfo full;
-    full.SetCreatorID(kAnn);
-    full.SetCreatorName("Ann");
-    full.SetFilePath("C:\\d\\");
-    full.SetFileOldName("a.txt");
-    full.SetFileType("txt");
-    full.SetFileLenth(9);
-    full.SetShareTime(QB_DateTimeEx());
-    full.SetModifyTime(QB_DateTimeEx());
-    full.SetFileState(zvFileStateComplete);
-    full.SetRight(arrRight);
+    ZV_FileBriefInfo full, longName, noRight, length;
+    full.SetCreatorID(kAnn), full.SetCreatorName("Ann"), full.SetFilePath("C:\\d\\"), full.SetFileOldName("a.txt");
+    full.SetFileType("txt"), full.SetFileLenth(9), full.SetShareTime(QB_DateTimeEx());
+    full.SetModifyTime(QB_DateTimeEx()), full.SetFileState(zvFileStateComplete), full.SetRight(arrRight);
     full.SetPublic(true);
-    ZV_FileBriefInfo longName;
     longName.SetFileOldName(QB_StringU8(std::string(200, 'n').c_str()));
-    ZV_FileBriefInfo noRight;
     noRight.SetRight(QB_Array<QB_UserID>());
     // 6, 12, 1+3, 1+5, 1+5, 1+3, 4, 8, 8, 2, 4+2*12, 1.
     EXPECT_EQ(89u, full.GetSaveSize());
@@ -410,13 +344,9 @@ TEST(PduCodec, ListEntriesAreCountedFieldByFieldAndNeverBelowTheirBytes)
     EXPECT_EQ(10u, noRight.GetSaveSize());
     EXPECT_LE(ZV_SavePayload(full).size(), 89u);
 
-    ZV_FileBriefInfo length;
     length.SetFileLenth(5);
     ZV_FileUploadInfo upload;
-    upload.SetFileID(7);
-    upload.SetFileNewName("a(1).txt");
-    upload.SetBriefInfo(length);
-    upload.SetFileWritePos(5);
+    upload.SetFileID(7), upload.SetFileNewName("a(1).txt"), upload.SetBriefInfo(length), upload.SetFileWritePos(5);
     // 5, 2, 1+8, 6+4, 4; then the position in 8028, the flag and the
     // position in 8032.
     EXPECT_EQ(34u, ZV_UploadListEntrySize(upload));
@@ -424,19 +354,10 @@ TEST(PduCodec, ListEntriesAreCountedFieldByFieldAndNeverBelowTheirBytes)
     EXPECT_LE(ZV_SavePayload(upload).size() + 4, 34u);
 
     ZV_FileDownloadInfo download;
-    download.SetFileID(0x0102);
-    download.SetFilePath("D:\\");
-    download.SetFileFullName("a.txt");
-    download.SetFileName("b.txt");
-    download.SetFileType("txt");
-    download.SetFileLenth(1000);
-    download.SetUsedTime(250);
-    download.SetLastTick(1);
-    download.SetShareTime(QB_DateTimeEx());
-    download.SetDownloadPos(500);
-    download.SetState(zvDownloadStateRunning);
-    download.SetStopped(true);
-    download.SetActive(false);
+    download.SetFileID(0x0102), download.SetFilePath("D:\\"), download.SetFileFullName("a.txt");
+    download.SetFileName("b.txt"), download.SetFileType("txt"), download.SetFileLenth(1000), download.SetUsedTime(250);
+    download.SetLastTick(1), download.SetShareTime(QB_DateTimeEx()), download.SetDownloadPos(500);
+    download.SetState(zvDownloadStateRunning), download.SetStopped(true), download.SetActive(false);
     download.SetUserID(kAnn);
     // 6, 2, 1+3, 1+5, 1+5, 1+3, 4*4, 8, 2, 1, 1, 12; then the modify flag.
     EXPECT_EQ(69u, ZV_DownloadListEntrySize(download));
