@@ -90,6 +90,26 @@ TEST(AddFile, ServerAnswersAllClientsAndFloodsTheFinalFileIDAndFloodNumber)
     EXPECT_TRUE(fs::exists(node.tmp.Sub("store/7/a.txt")));
 }
 
+// A linked server's add is never refused: a stored file that could not be
+// made is made by the timer, so that the name stays taken.
+TEST(AddFile, AStoredFileThatCouldNotBeMadeIsMadeByTheTimer)
+{
+    Node node(true);
+    ASSERT_EQ(0u, node.mgr.Initialize());
+    QB_FaultEnv env;
+    {
+        QB_ScopedEnv scoped{&env};
+        env.FailAt(QB_EnvOp::Open, 1, true);
+        ASSERT_EQ(0u, node.Deliver(PDU_CONF_FS_ADD_REQUEST, zvConfServerTypeCommand, AddRequest(7, "a.txt")));
+        node.mgr.OnTimer(1);
+        env.ClearFaults();
+        EXPECT_NE(nullptr, ZV_FileShareMgrPeer::Find(node.mgr, 7));
+        EXPECT_FALSE(fs::exists(node.tmp.Sub("store/7/a.txt")));
+    }
+    node.mgr.OnTimer(2);
+    EXPECT_TRUE(fs::exists(node.tmp.Sub("store/7/a.txt")));
+}
+
 TEST(AddFile, KeepsEveryHostileNameInsideTheConferenceFolder)
 {
     Node node(true);
@@ -121,12 +141,8 @@ TEST(AddFile, KeepsEveryHostileNameInsideTheConferenceFolder)
     EXPECT_TRUE(fs::is_empty(node.tmp.Sub("store/7")));
 }
 
-// A stored name is cut at a whole character to 245 bytes as the library
-// writes UTF-8 (a surrogate pair as two halves of 3) and to the units the
-// folder leaves, keeping an extension of up to 16 units, dot included. It
-// never names a Windows device, whatever the case or the extension ("_"
-// goes before it), nor ends in a dot or a blank, which Windows would drop
-// (each becomes "_").
+// Cut at a whole character to 245 UTF-8 bytes (a surrogate half counts 3), an
+// extension of up to 16 units kept; no Windows device name, no trailing dot or blank.
 TEST(AddFile, StoresANameCutAtAWholeCharacterAndNoneThatWindowsWouldTakeOtherwise)
 {
     std::u16string sPairs;
@@ -152,9 +168,7 @@ TEST(AddFile, StoresANameCutAtAWholeCharacterAndNoneThatWindowsWouldTakeOtherwis
     }
 }
 
-// A client's add shows its creator by the name the host knows the link's
-// user by (Alice), whatever the description says, in the answer to all and
-// in the flood to the servers.
+// The answer and the flood name the creator as the host names the link's user.
 TEST(AddFile, TheCreatorIsNamedAsTheHostNamesTheLinksUser)
 {
     for (bool bBatch : {false, true})
@@ -220,9 +234,8 @@ std::u16string PaddedName(const std::u16string& sFolder, size_t nLength)
 
 } // namespace
 
-// A share must keep its name on every node and in the catalogue, and its
-// creator must find the file again by folder and name to upload it: what
-// cannot is refused with 60 before anything goes out.
+// A path the records, the catalogue or the creator's later upload could not
+// hold is refused with 60 before anything goes out.
 TEST(AddFile, RefusesBeforeSendingAPathTheRecordsOrTheCatalogueCannotHold)
 {
     Node node(false);
@@ -268,12 +281,8 @@ TEST(AddFile, RefusesBeforeSendingAPathTheRecordsOrTheCatalogueCannotHold)
     }
 }
 
-// A batch answer is cut before the description that would bring its count
-// to the buffer's size: the count starts at the head of 13 bytes plus 33,
-// and a description counts its bound plus 6. With the creator and names of
-// 7 bytes, 64 folders of 980 bytes count 1014 each, 64942 with the start. A
-// 65th description of 528 brings it to 65470 and stays; one of 529 would
-// reach 65471 and goes in the second piece.
+// The count starts at 13 + 33 and a description adds its bound plus 6: 64 of
+// 1014 and one of 528 make 65470 and stay; one of 529 would reach 65471.
 TEST(AddFile, ABatchAnswerIsCutBeforeTheDescriptionThatWouldFillTheBuffer)
 {
     using Pieces = std::vector<std::pair<int, int>>;
@@ -311,9 +320,8 @@ TEST(AddFile, ABatchAnswerIsCutBeforeTheDescriptionThatWouldFillTheBuffer)
 }
 
 
-// A batch whose conference folder cannot be made stores nothing: a client's
-// batch is refused with 60 to the asker, a linked server's with 60 to every
-// client, carrying the FileIDs that server gave; neither goes further.
+// A client's batch is refused to the asker, a linked server's to every client
+// with the FileIDs it gave; neither goes further.
 TEST(AddFile, ABatchWhoseFolderCannotBeMadeIsRefusedWith60AndGoesNoFurther)
 {
     Node node(true);

@@ -398,12 +398,8 @@ TEST_F(Download, FsDownloadAsksTheServerOnTheCommandLink)
               host.m_vecSent[0].data);
 }
 
-// A FileID freed and given out again while two servers were apart names
-// another file at each until their lists meet. A linked server's record of
-// the other file moves nothing: stating its position (8012) it does not set
-// this file's pump going into the neighbour's store, and answering this
-// relay's request (8015) it neither fills this store nor ends it at the
-// other file's length.
+// A FileID given out again while two servers were apart names another file at
+// each: the other file's record in 8012 or 8015 starts no pump and no fetch.
 TEST_F(Download, ALinkedServersRecordOfAnotherFileUnderTheFileIDMovesNothing)
 {
     const QB_UserID self(1, 0), peer(2, 0);

@@ -12,6 +12,7 @@ namespace {
 
 const QB_UserID kSelf(1, 0);
 const QB_UserID kPeer(2, 0);
+const QB_UserID kBob(20002, 0);
 
 ZV_FileUploadInfo PeerFile(uint16_t usFileID, const char* pszName, uint32_t ulLength, uint32_t ulWritePos,
                            uint16_t usState)
@@ -33,7 +34,25 @@ struct FileList : ::testing::Test
     ZV_RecordingNode node{true};
 
     void SetUp() override { ASSERT_EQ(0u, node.mgr.Initialize()); }
-    std::vector<ZV_FileListResponse> Answers() { return ZV_Pieces<ZV_FileListResponse>(node.host, PDU_CONF_GET_FILE_LIST_RESPONSE); }
+    std::vector<ZV_FileListResponse> Answers()
+    {
+        return ZV_Pieces<ZV_FileListResponse>(node.host, PDU_CONF_GET_FILE_LIST_RESPONSE);
+    }
+    // The peer lists one file, whole there.
+    void Take(const ZV_FileUploadInfo& info)
+    {
+        ZV_FileListResponse part;
+        part.sender = kPeer;
+        part.arrInfo.Add(info);
+        part.arrState.Add(true);
+        part.arrMaxPos.Add(info.m_ulFileWritePos);
+        Take(part);
+    }
+    void Take(const ZV_FileListResponse& part)
+    {
+        node.host.m_vecSent.clear();
+        node.Deliver(PDU_CONF_GET_FILE_LIST_RESPONSE, zvConfServerTypeCommand, ZV_SavePayload(part));
+    }
 };
 
 } // namespace
@@ -92,4 +111,69 @@ TEST_F(FileList, CutsFilesThatFillTheBufferToTheByteIntoOnePduAndOneByteMoreInto
     EXPECT_EQ(77, vecParts[1].arrInfo[0].m_usFileID);
     EXPECT_EQ(1, vecParts[1].bUploadList);
     EXPECT_EQ(0, vecParts[2].bUploadList);
+}
+
+// A FileID of another server's range names two files at two servers that
+// missed each other's news: both keep the one shared later, so none swap.
+TEST_F(FileList, ANumberOfAnotherRangeNamesTheFileSharedLaterOnBothSides)
+{
+    struct { const char* szName; uint16_t usFileID; int64_t llHeld; int64_t llListed; const char* pszKept; } aCases[] = {
+        {"the listed file is later", 2001, 1300000000, 1300000060, "listed.bin"},
+        {"the held file is later", 2002, 1300000060, 1300000000, "held.bin"}};
+    for (const auto& c : aCases)
+    {
+        for (const auto& [pszName, llShared] : {std::pair{"held.bin", c.llHeld}, std::pair{"listed.bin", c.llListed}})
+        {
+            ZV_FileUploadInfo info = PeerFile(c.usFileID, pszName, 100, 100, 3);
+            QB_DateTimeEx dtShared;
+            dtShared.SetFromTimeT(llShared);
+            info.m_BriefInfo.SetShareTime(dtShared);
+            Take(info);
+        }
+        const ZV_FileShareSession* lpFsSession = ZV_FileShareMgrPeer::Find(node.mgr, c.usFileID);
+        ASSERT_NE(nullptr, lpFsSession) << c.szName;
+        EXPECT_EQ(std::string(c.pszKept), lpFsSession->FileInfo().m_BriefInfo.m_sFileOldName.GetString()) << c.szName;
+    }
+}
+
+// A record of a downloader this server already lists changes nothing, nor
+// does one of another file under the FileID; a new one is entered resting
+// and told to its user, homed here, in a download list of that one record.
+TEST_F(FileList, TakesOnlyTheRecordsOfDownloadersItDidNotKnow)
+{
+    Take(PeerFile(1001, "whole.bin", 5000, 5000, 3));
+    ZV_FileListResponse records;
+    records.sender = kPeer;
+    records.bUploadList = 0;
+    ZV_FileDownloadInfo record;
+    record.SetFileID(1001);
+    record.SetUserID(kBob);
+    record.SetDownloadPos(1000);
+    record.SetActive(true);
+    records.arrDownload.Add(record);
+    ZV_FileDownloadInfo other = record;  // Carol's, of another file the peer holds under the FileID
+    other.SetUserID(QB_UserID(20003, 0));
+    other.SetFileFullName(QB_StringU8("other.bin"));
+    records.arrDownload.Add(other);
+    node.host.AddUser(kBob, kSelf.m_ulMain, "Bob");
+    node.host.m_mapUserConn[{kBob.m_ulMain, kBob.m_ulSub}] = 77;
+    Take(records);
+    ZV_FileShareSession* lpFsSession = ZV_FileShareMgrPeer::Find(node.mgr, 1001);
+    const ZV_FileDownloadInfo* pEntry = lpFsSession->FindDownloadEntry(kBob);
+    ASSERT_NE(nullptr, pEntry);
+    EXPECT_EQ(1000u, pEntry->m_ulDownloadPos);
+    EXPECT_FALSE(pEntry->m_bActive);
+    EXPECT_EQ(nullptr, lpFsSession->FindDownloadEntry(QB_UserID(20003, 0)));
+    const auto vecTold = ZV_SentAs<ZV_DownloadListResponse>(node.host, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE);
+    ASSERT_EQ(1u, vecTold.size());
+    EXPECT_EQ(77u, node.host.SentOf(PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE)[0].ulConn);
+    EXPECT_EQ(kBob, vecTold[0].user);
+    ASSERT_EQ(1, vecTold[0].arrInfo.GetSize());
+    EXPECT_EQ(1000u, vecTold[0].arrInfo[0].m_ulDownloadPos);
+    EXPECT_FALSE(vecTold[0].arrModify[0]) << "the file is the one the record began with";
+
+    records.arrDownload[0].SetDownloadPos(4000);
+    Take(records);
+    EXPECT_EQ(1000u, lpFsSession->FindDownloadEntry(kBob)->m_ulDownloadPos);
+    EXPECT_TRUE(node.host.SentOf(PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE).empty());
 }

@@ -153,10 +153,8 @@ TEST_F(SessionLists, AListThatFillsTheBufferIsOnePieceAndOneEntryMoreIsTwo)
     }
 }
 
-// Listing a record rests it; a record of a file shared anew under its
-// FileID is marked once and renamed to the file as it is now; a record
-// whose user lost the right goes here and on every linked server, and is
-// listed all the same, unless its flood was seen already.
+// Listing rests a record; one of a file shared anew is marked once; one whose
+// user lost the right goes everywhere and is listed, unless its flood was seen.
 TEST_F(SessionLists, AServerRestsRenewsOrWithdrawsEachRecordItLists)
 {
     ZV_RecordingNode node(true);
@@ -197,9 +195,8 @@ TEST_F(SessionLists, AServerRestsRenewsOrWithdrawsEachRecordItLists)
     EXPECT_TRUE(node.host.SentOf(PDU_CONF_FS_DEL_DOWNLOAD_REQUEST).empty());
 }
 
-// Each list or batch a client takes is told in 3013 with the files it names
-// and how much of each the server holds: a list in ten-thousandths (an empty
-// file is whole), a batch in percent; nothing of an earlier one comes along.
+// 3013 tells each list in ten-thousandths held (an empty file is whole) and
+// each batch in percent, with nothing of an earlier one.
 TEST_F(SessionLists, AClientTellsEachUploadListWithItsOwnFilesAndHowMuchOfEachTheServerHolds)
 {
     ZV_RecordingNode node(false);
@@ -252,9 +249,8 @@ TEST_F(SessionLists, AClientTellsEachUploadListWithItsOwnFilesAndHowMuchOfEachTh
     EXPECT_EQ(ZV_FromHex("b9 0b 3c 00 00 00 09 00"), node.host.m_vecEvents.back().data);
 }
 
-// A creator who enters while a file's upload is unfinished uploads it again
-// from its own client: this server is no longer a downloader of the file,
-// and tells the other servers so once, with the flags 1, 0.
+// A creator who enters mid-upload uploads again: this server stops fetching
+// and tells the other servers once, with the flags 1, 0.
 TEST_F(SessionLists, ACreatorWhoEntersWithAnUnfinishedUploadEndsThisServersFetchWithOneNotice)
 {
     ZV_RecordingNode node(true);
@@ -278,10 +274,8 @@ TEST_F(SessionLists, ACreatorWhoEntersWithAnUnfinishedUploadEndsThisServersFetch
     EXPECT_EQ(nullptr, session.FindDownloadEntry(self));
 }
 
-// A batch gathered over several 8056s is told in as few 3013 events as the
-// event buffer holds: files whose entries, as counted, fill it to the byte
-// are one event; one file more makes two, the second holding one file. A
-// file the answer gives no position for is told at 0.
+// A batch over several 8056s fills one 3013 to the byte; one file more makes
+// two; a file without a position is told at 0.
 TEST_F(SessionLists, ABatchThatFillsTheEventBufferIsOneEventAndOneFileMoreIsTwo)
 {
     auto Named = [](int n) {
@@ -320,11 +314,8 @@ TEST_F(SessionLists, ABatchThatFillsTheEventBufferIsOneEventAndOneFileMoreIsTwo)
     EXPECT_EQ((Events{{n, std::vector<double>(n, 0.0)}, {1, {0.0}}}), Told(100, n + 1));
 }
 
-// A client takes its own downloads in the list as its disk and its stops
-// say: a finished one whose file is whole stays finished, one whose file
-// was moved away is no failure, one that arrived whole while the link was
-// down is finished, one stopped while the link was down is stopped at the
-// server too, and one it ran while the server had it stopped resumes there.
+// Finished and whole, finished and moved away, whole while the link was down,
+// stopped or run while it was down: each is taken as the disk and the stop say.
 TEST_F(SessionLists, AClientTakesItsListedDownloadsAsItsDiskAndItsStopsSay)
 {
     ZV_RecordingNode node(false);

@@ -243,6 +243,19 @@ TEST_F(Upload, ServerRefusesABlockItCannotTakeAndTheNextBlockShowsWhatItRemember
     }
 }
 
+TEST_F(Upload, AClientTakesAnUploadAnswerOnlyAboutItsUsersOwnFile)
+{
+    for (const QB_UserID& creator : {kAlice, kBob})
+    {
+        Make(false, 10);
+        Peer::BriefInfo(*lpSession).SetCreatorID(creator);
+        Peer::BriefInfo(*lpSession).SetPublic(true);
+        Deliver(PDU_CONF_FS_UPLOAD_RESPONSE, Answer(40, 0));
+        EXPECT_EQ(creator == kAlice ? Pdu().U16(zvFsEventTransferError).U32(40).U16(5).b : Bytes(),
+                  ZV_Joined(host.m_vecEvents)) << creator.m_ulMain;
+    }
+}
+
 TEST_F(Upload, StateNoticeRaisesOneTransferStateEventPerFileAndIgnoresATruncatedOne)
 {
     Make(false, 10);
