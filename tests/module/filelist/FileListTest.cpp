@@ -7,6 +7,7 @@
 #include "QB_FaultEnv.h"
 
 #include <filesystem>
+#include <tuple>
 
 namespace {
 
@@ -53,6 +54,7 @@ struct FileList : ::testing::Test
         node.host.m_vecSent.clear();
         node.Deliver(PDU_CONF_GET_FILE_LIST_RESPONSE, zvConfServerTypeCommand, ZV_SavePayload(part));
     }
+    ZV_FileShareSession* Session(uint16_t usFileID) { return ZV_FileShareMgrPeer::Find(node.mgr, usFileID); }
 };
 
 } // namespace
@@ -130,7 +132,7 @@ TEST_F(FileList, ANumberOfAnotherRangeNamesTheFileSharedLaterOnBothSides)
             info.m_BriefInfo.SetShareTime(dtShared);
             Take(info);
         }
-        const ZV_FileShareSession* lpFsSession = ZV_FileShareMgrPeer::Find(node.mgr, c.usFileID);
+        const ZV_FileShareSession* lpFsSession = Session(c.usFileID);
         ASSERT_NE(nullptr, lpFsSession) << c.szName;
         EXPECT_EQ(std::string(c.pszKept), lpFsSession->FileInfo().m_BriefInfo.m_sFileOldName.GetString()) << c.szName;
     }
@@ -158,7 +160,7 @@ TEST_F(FileList, TakesOnlyTheRecordsOfDownloadersItDidNotKnow)
     node.host.AddUser(kBob, kSelf.m_ulMain, "Bob");
     node.host.m_mapUserConn[{kBob.m_ulMain, kBob.m_ulSub}] = 77;
     Take(records);
-    ZV_FileShareSession* lpFsSession = ZV_FileShareMgrPeer::Find(node.mgr, 1001);
+    ZV_FileShareSession* lpFsSession = Session(1001);
     const ZV_FileDownloadInfo* pEntry = lpFsSession->FindDownloadEntry(kBob);
     ASSERT_NE(nullptr, pEntry);
     EXPECT_EQ(1000u, pEntry->m_ulDownloadPos);
@@ -176,4 +178,106 @@ TEST_F(FileList, TakesOnlyTheRecordsOfDownloadersItDidNotKnow)
     Take(records);
     EXPECT_EQ(1000u, lpFsSession->FindDownloadEntry(kBob)->m_ulDownloadPos);
     EXPECT_TRUE(node.host.SentOf(PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE).empty());
+}
+
+// Two new files each get a session and a fetch, in one catalogue write and
+// one series to the clients. A second list while the
+// link stood changes nothing; after a loss of the link the furthest
+// position still never falls.
+TEST_F(FileList, TakesAPeersNewFilesOnceFetchesWhatItLacksAndSavesThemInOneWrite)
+{
+    ZV_FileListResponse part;
+    part.sender = kPeer;
+    part.arrInfo.Add(PeerFile(1001, "whole.bin", 5000, 5000, 3));
+    part.arrInfo.Add(PeerFile(1002, "half.bin", 8000, 3000, 1));
+    part.arrState.Add(true);
+    part.arrState.Add(false);
+    part.arrMaxPos.Add(5000);
+    part.arrMaxPos.Add(3000);
+    const int nWrites = env.GetCount(QB_EnvOp::Write);
+    Take(part);
+    EXPECT_EQ(nWrites + 1, env.GetCount(QB_EnvOp::Write)) << "one catalogue write";
+    ASSERT_TRUE(Session(1001) != nullptr && Session(1002) != nullptr);
+    EXPECT_TRUE(Session(1001)->IsUploadDone() && !Session(1002)->IsUploadDone());
+    EXPECT_EQ(2u, node.host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size());
+    EXPECT_EQ(1u, node.host.SentOf(PDU_CONF_FS_ADD_FILES_RESPONSE).size());
+
+    part.arrMaxPos[0] = 100;
+    Take(part);
+    EXPECT_TRUE(node.host.m_vecSent.empty());
+    EXPECT_EQ(nWrites + 1, env.GetCount(QB_EnvOp::Write));
+    // After a lost server link the creator's server tells, once, where each upload stands.
+    node.host.AddUser(QB_UserID(20001, 0), kSelf.m_ulMain, "Ann");
+    node.host.m_bHasServerLinks = true;
+    node.mgr.OnDisconnect(&kPeer, 5, zvConfServerTypeCommand, 0);
+    Take(part);
+    EXPECT_EQ(5000u, Session(1001)->MaxPos());
+    EXPECT_EQ(2u, node.host.SentOf(PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST).size());
+    Take(part);
+    EXPECT_TRUE(node.host.m_vecSent.empty());
+}
+
+// New files go to the clients in one 8056 that starts no upload; those whose
+// folder could not be made follow in a series of their own, kept all the same.
+TEST_F(FileList, AnnouncesNewFilesToItsClientsAndThoseItCannotStoreInASeriesOfTheirOwn)
+{
+    env.FailAt(QB_EnvOp::MakeFolder, 1);
+    ZV_FileListResponse part;
+    part.sender = kPeer;
+    for (uint16_t usFileID : {1001, 1002})
+    {
+        part.arrInfo.Add(PeerFile(usFileID, "f.bin", 5000, 5000, 3));
+        part.arrState.Add(true);
+        part.arrMaxPos.Add(5000);
+    }
+    Take(part);
+    std::vector<std::vector<uint16_t>> vecSeries;
+    for (const auto& answer : ZV_SentAs<ZV_AddFilesResponse>(node.host, PDU_CONF_FS_ADD_FILES_RESPONSE))
+    {
+        EXPECT_EQ(0, answer.bStartUpload);
+        vecSeries.emplace_back(answer.arrFileID.GetData(), answer.arrFileID.GetData() + answer.arrFileID.GetSize());
+    }
+    EXPECT_EQ((std::vector<std::vector<uint16_t>>{{1002}, {1001}}), vecSeries);
+    ZV_FileUploadInfo row;
+    QB_StringW sSection;
+    EXPECT_TRUE(ZV_FileShareMgrPeer::Catalog(node.mgr).LoadFile(7, 1001, row, sSection));
+    EXPECT_EQ(1u, node.host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size()) << "no fetch for the file not stored";
+}
+
+// A new file takes no name already in the store or given in the same list,
+// and a FileID the catalogue holds for another file loses the old bytes.
+TEST_F(FileList, KeepsEachStoredFileApartFromTheFilesAPeerLists)
+{
+    std::filesystem::create_directories(node.tmp.Sub("store/7"));
+    QB_WriteWholeFile(node.tmp.Sub("store/7/new.bin"), "not the peer's");
+    ASSERT_TRUE(ZV_FileShareMgrPeer::Catalog(node.mgr).SaveFile(7, PeerFile(1004, "old.bin", 8000, 8000, 3)));
+    QB_WriteWholeFile(node.tmp.Sub("store/7/old.bin"), ZV_TestBytes(8000, 4));
+    ZV_FileListResponse part;
+    part.sender = kPeer;
+    for (const auto& [usFileID, pszName, ulLength] : {std::tuple{1003, "new.bin", 5000u},
+                                                      std::tuple{1004, "old.bin", 5000u},
+                                                      std::tuple{1006, "new.bin", 7000u}})
+    {
+        part.arrInfo.Add(PeerFile((uint16_t)usFileID, pszName, ulLength, ulLength, 3));
+        part.arrState.Add(true);
+        part.arrMaxPos.Add(ulLength);
+    }
+    Take(part);
+    const Bytes vbMine = QB_ReadWholeFile(node.tmp.Sub("store/7/new.bin"));
+    EXPECT_EQ("not the peer's", std::string(vbMine.begin(), vbMine.end()));
+    EXPECT_EQ(QB_StringU8("new(1).bin"), Session(1003)->FileInfo().m_sFileNewName);
+    EXPECT_EQ(QB_StringU8("new(2).bin"), Session(1006)->FileInfo().m_sFileNewName);
+    EXPECT_TRUE(std::filesystem::exists(node.tmp.Sub("store/7/new(2).bin"))) << "taken before its bytes come";
+    EXPECT_FALSE(std::filesystem::exists(node.tmp.Sub("store/7/old.bin")));
+    EXPECT_EQ(3u, node.host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size());
+    // The same file under another stored name at the peer keeps this server's
+    // name; its bytes here exist at the source, however little the peer knew.
+    ZV_FileUploadInfo kept = PeerFile(1005, "song.bin", 5000, 5000, 3);
+    kept.SetFileNewName(QB_StringU8("song(2).bin"));
+    ASSERT_TRUE(ZV_FileShareMgrPeer::Catalog(node.mgr).SaveFile(7, kept));
+    QB_WriteWholeFile(node.tmp.Sub("store/7/song(2).bin"), ZV_TestBytes(5000, 5));
+    Take(PeerFile(1005, "song.bin", 5000, 0, 3));
+    EXPECT_EQ(QB_StringU8("song(2).bin"), Session(1005)->FileInfo().m_sFileNewName);
+    EXPECT_TRUE(node.host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).empty()) << "the stored file is whole";
+    EXPECT_EQ(5000u, Session(1005)->MaxPos());
 }

@@ -249,6 +249,46 @@ TEST_F(SessionLists, AClientTellsEachUploadListWithItsOwnFilesAndHowMuchOfEachTh
     EXPECT_EQ(ZV_FromHex("b9 0b 3c 00 00 00 09 00"), node.host.m_vecEvents.back().data);
 }
 
+// A user who enters at this server is sent both lists on the command
+// connection unasked; one homed on another server is its server's to serve.
+// A server's view is its store: an upload list sent to it changes nothing.
+TEST_F(SessionLists, AServerPushesBothListsToAUserWhoEntersThereOnlyAndTakesNoUploadList)
+{
+    ZV_RecordingNode node(true);
+    ASSERT_EQ(0u, node.mgr.Initialize());
+    node.host.AddUser(kBob, node.host.m_ulServerID, "Bob");
+    node.host.AddUser(kCarol, node.host.m_ulServerID + 1, "Carol");
+    node.host.m_mapUserConn[{kBob.m_ulMain, kBob.m_ulSub}] = 33;
+    node.host.m_mapUserConn[{kCarol.m_ulMain, kCarol.m_ulSub}] = 34;
+    AddFile(node, 5, Brief(true)).SetDownloadInfo(kBob, Record(5, "5.bin", zvDownloadStateRunning));
+    AddFile(node, 6, Brief(true)).SetDownloadInfo(kCarol, Record(6, "6.bin", zvDownloadStateRunning));
+    EXPECT_EQ(0u, node.mgr.OnEvent(zvConfEventUserEnter, 0, (uintptr_t)&kCarol, 0, 0));
+    EXPECT_TRUE(node.host.m_vecSent.empty());
+
+    EXPECT_EQ(0u, node.mgr.OnEvent(zvConfEventUserEnter, 0, (uintptr_t)&kBob, 0, 0));
+    const auto vecUploads = ZV_Pieces<ZV_UploadListResponse>(node.host, PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE);
+    const auto vecDownloads = ZV_Pieces<ZV_DownloadListResponse>(node.host, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE);
+    ASSERT_TRUE(vecUploads.size() == 1 && vecDownloads.size() == 1);
+    EXPECT_EQ(2, vecUploads[0].arrInfo.GetSize());
+    ASSERT_EQ(1, vecDownloads[0].arrInfo.GetSize());
+    EXPECT_EQ(5, vecDownloads[0].arrInfo[0].m_usFileID);
+    for (const ZV_SentPdu& sent : node.host.m_vecSent)
+        EXPECT_EQ(33u, sent.ulConn) << sent.usPdu;
+
+    ZV_UploadListResponse list;
+    list.user = kBob;
+    ZV_FileUploadInfo info;
+    info.SetFileID(7);
+    info.SetBriefInfo(Brief(true));
+    list.arrInfo.Add(info);
+    list.arrMaxPos.Add(0);
+    list.bLast = 1;
+    EXPECT_EQ(0u, ZV_Deliver(node.mgr, PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE, zvConfServerTypeCommand,
+                             ZV_SavePayload(list), 5, QB_UserID(2, 0)));
+    EXPECT_EQ(2, ZV_FileShareMgrPeer::Sessions(node.mgr).GetCount());
+    EXPECT_TRUE(node.host.m_vecEvents.empty());
+}
+
 // A creator who enters mid-upload uploads again: this server stops fetching
 // and tells the other servers once, with the flags 1, 0.
 TEST_F(SessionLists, ACreatorWhoEntersWithAnUnfinishedUploadEndsThisServersFetchWithOneNotice)
