@@ -355,7 +355,8 @@ TEST_F(SessionLists, ABatchThatFillsTheEventBufferIsOneEventAndOneFileMoreIsTwo)
 }
 
 // Finished and whole, finished and moved away, whole while the link was down,
-// stopped or run while it was down: each is taken as the disk and the stop say.
+// stopped or run while it was down, right withdrawn or granted by name: each
+// is taken as the disk, the stop and the right say.
 TEST_F(SessionLists, AClientTakesItsListedDownloadsAsItsDiskAndItsStopsSay)
 {
     ZV_RecordingNode node(false);
@@ -363,13 +364,18 @@ TEST_F(SessionLists, AClientTakesItsListedDownloadsAsItsDiskAndItsStopsSay)
     std::filesystem::create_directories(node.tmp.Sub("dl"));
     const std::string sFolder = QB_StringU8(QB_ToWindowsPath(node.tmp.Sub("dl/"))).GetString();
     const QB_UserID me = node.host.m_LocalUser;
-    const struct { uint16_t usFileID; uint16_t usHeld; uint16_t usListed; size_t nOnDisk;
-                   } aFiles[] = {{5, zvDownloadStateFinished, zvDownloadStateFinished, 5000},
-                  {6, zvDownloadStateFinished, zvDownloadStateFinished, 0},
-                  {7, zvDownloadStateStopped, zvDownloadStateRunning, 1200},
-                  {8, zvDownloadStateRunning, zvDownloadStateRunning, 5000},
-                  {9, zvDownloadStateNew, zvDownloadStateRunning, 0},
-                  {10, zvDownloadStateRunning, zvDownloadStateStopped, 1000}};
+    // The right to the last three is the user's no longer, or by name.
+    enum { kPublic, kWithdrawn, kNamed };
+    const struct { uint16_t usFileID; uint16_t usHeld; uint16_t usListed; size_t nOnDisk; int nRight;
+                   } aFiles[] = {{5, zvDownloadStateFinished, zvDownloadStateFinished, 5000, kPublic},
+                  {6, zvDownloadStateFinished, zvDownloadStateFinished, 0, kPublic},
+                  {7, zvDownloadStateStopped, zvDownloadStateRunning, 1200, kPublic},
+                  {8, zvDownloadStateRunning, zvDownloadStateRunning, 5000, kPublic},
+                  {9, zvDownloadStateNew, zvDownloadStateRunning, 0, kPublic},
+                  {10, zvDownloadStateRunning, zvDownloadStateStopped, 1000, kPublic},
+                  {11, zvDownloadStateRunning, zvDownloadStateRunning, 1200, kWithdrawn},
+                  {12, zvDownloadStateFinished, zvDownloadStateFinished, 5000, kWithdrawn},
+                  {13, zvDownloadStateRunning, zvDownloadStateRunning, 1200, kNamed}};
     ZV_DownloadListResponse list;
     list.user = me;
     for (const auto& file : aFiles)
@@ -381,7 +387,9 @@ TEST_F(SessionLists, AClientTakesItsListedDownloadsAsItsDiskAndItsStopsSay)
         list.arrInfo.Add(record);
         list.arrModify.Add(false);
         record.SetState(file.usHeld);
-        Peer::LocalDownload(AddFile(node, file.usFileID, Brief(true))) = record;
+        Peer::LocalDownload(AddFile(node, file.usFileID,
+                                    Brief(file.nRight == kPublic, file.nRight == kNamed ? &me : nullptr))) = record;
+        ZV_FileShareMgrPeer::BusyFileIDs(node.mgr).Add(file.usFileID);
         if (file.nOnDisk > 0)
             QB_WriteWholeFile(node.tmp.Sub("dl/" + sName), ZV_TestBytes(file.nOnDisk, file.usFileID));
     }
@@ -408,14 +416,20 @@ TEST_F(SessionLists, AClientTakesItsListedDownloadsAsItsDiskAndItsStopsSay)
         mapState[usFileID] = {ulResult, stream.ReadDouble()};
     }
     EXPECT_EQ((std::map<uint16_t, State>{{5, {0, 100.0}}, {6, {0, 100.0}}, {7, {0, 24.0}}, {8, {0, 100.0}},
-                                         {10, {0, 20.0}}}), mapState);
+                                         {10, {0, 20.0}}, {13, {0, 24.0}}}), mapState);
+    // A withdrawn download's partial file goes, a finished one stays; neither is busy.
+    EXPECT_FALSE(std::filesystem::exists(node.tmp.Sub("dl/11.bin")));
+    EXPECT_TRUE(std::filesystem::exists(node.tmp.Sub("dl/12.bin")));
+    EXPECT_TRUE(ZV_FileShareMgrPeer::BusyFileIDs(node.mgr).Find(11) < 0 && ZV_FileShareMgrPeer::BusyFileIDs(node.mgr).Find(12) < 0);
+    EXPECT_TRUE(ZV_DataAsks(node.host, 11).empty() && ZV_DataAsks(node.host, 12).empty());
     // A download this client never had an answer for is given up.
     EXPECT_EQ(std::vector<Bytes>{ZV_Pdu().U16(9).User(me).U32(0).b}, ZV_SentData(node.host, PDU_CONF_FS_DEL_DOWNLOAD_REQUEST));
     EXPECT_EQ((std::vector<Bytes>{ZV_Pdu().U16(7).User(me).U32(0).U8(1).b, ZV_Pdu().U16(10).User(me).U32(0).U8(0).b}),
               ZV_SentData(node.host, PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST));
     // Each says where it stands, and the stopped one that it stays stopped.
     for (const auto& [usFileID, ulPos, usState] : {std::tuple{10, 1000u, zvDownloadStateRunning},
-                                                   std::tuple{7, 1200u, zvDownloadStateStopped}})
+                                                   std::tuple{7, 1200u, zvDownloadStateStopped},
+                                                   std::tuple{13, 1200u, zvDownloadStateRunning}})
     {
         const auto vecAsked = ZV_DataAsks(node.host, (uint16_t)usFileID);
         ASSERT_EQ(1u, vecAsked.size()) << usFileID;
