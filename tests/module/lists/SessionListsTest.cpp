@@ -195,6 +195,26 @@ TEST_F(SessionLists, AServerRestsRenewsOrWithdrawsEachRecordItLists)
     EXPECT_TRUE(node.host.SentOf(PDU_CONF_FS_DEL_DOWNLOAD_REQUEST).empty());
 }
 
+// A file the server no longer lists goes from the client; a finished
+// download stays, its path kept so that the user can still delete it.
+TEST_F(SessionLists, AClientDropsAnUnlistedFileButKeepsAFinishedDownloadToDelete)
+{
+    ZV_RecordingNode node(false);
+    ASSERT_EQ(0u, node.mgr.Initialize());
+    std::filesystem::create_directories(node.tmp.Sub("dl"));
+    const std::string sFolder = QB_StringU8(QB_ToWindowsPath(node.tmp.Sub("dl/"))).GetString();
+    Peer::LocalDownload(AddFile(node, 5, Brief(true))) = Record(5, "5.bin", zvDownloadStateFinished, 20, sFolder);
+    QB_WriteWholeFile(node.tmp.Sub("dl/5.bin"), ZV_TestBytes(100, 1));
+    ZV_UploadListResponse list;
+    list.user = node.host.m_LocalUser;
+    list.bLast = 1;
+    Deliver(node, PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE, ZV_SavePayload(list));
+    EXPECT_EQ(0, ZV_FileShareMgrPeer::Sessions(node.mgr).GetCount());
+    EXPECT_TRUE(std::filesystem::exists(node.tmp.Sub("dl/5.bin")));
+    EXPECT_EQ(0u, node.mgr.FsDelDownload(5, 1));
+    EXPECT_FALSE(std::filesystem::exists(node.tmp.Sub("dl/5.bin")));
+}
+
 // 3013 tells each list in ten-thousandths held (an empty file is whole) and
 // each batch in percent, with nothing of an earlier one.
 TEST_F(SessionLists, AClientTellsEachUploadListWithItsOwnFilesAndHowMuchOfEachTheServerHolds)

@@ -243,6 +243,32 @@ TEST_F(Upload, ServerRefusesABlockItCannotTakeAndTheNextBlockShowsWhatItRemember
     }
 }
 
+// An order to send (8006) needs the creator's copy, open and still known
+// as her share, unless the server already holds the whole file: then the
+// upload is simply over and nothing is read.
+TEST_F(Upload, AnOrderToSendFailsWithoutTheCopyUnlessTheServerHoldsItAll)
+{
+    struct { const char* szName; bool bShareKept; uint32_t ulMaxPos; uint32_t ulResult; } aCases[] = {
+        {"copy gone", true, 0, zvResultCannotOpen},
+        {"copy gone, server has it all", true, 1000, 0},
+        {"share record lost", false, 0, zvResultUntrusted},
+        {"share record lost, server has it all", false, 1000, 0}};
+    for (const auto& c : aCases)
+    {
+        Make(false, 1000);
+        Peer::File(*lpSession).Close();
+        std::filesystem::remove(tmp.Sub("song.ogg"));
+        if (!c.bShareKept)
+            ZV_FileShareMgrPeer::Ledger(mgr).Forget(host.m_ulConfID, Peer::BriefInfo(*lpSession));
+        Peer::MaxPos(*lpSession) = c.ulMaxPos;
+        Deliver(PDU_CONF_FS_UPLOAD_RESPONSE, Answer(0, 0));
+        EXPECT_EQ(c.ulResult ? Pdu().U16(zvFsEventTransferError).U32(c.ulResult).U16(5).b : Bytes(),
+                  ZV_Joined(host.m_vecEvents)) << c.szName;
+        EXPECT_EQ(c.ulResult ? 0 : zvFileStateComplete, Peer::BriefInfo(*lpSession).m_usFileState)
+            << c.szName;
+    }
+}
+
 TEST_F(Upload, AClientTakesAnUploadAnswerOnlyAboutItsUsersOwnFile)
 {
     for (const QB_UserID& creator : {kAlice, kBob})
@@ -266,3 +292,40 @@ TEST_F(Upload, StateNoticeRaisesOneTransferStateEventPerFileAndIgnoresATruncated
     EXPECT_EQ(Pdu().U16(zvFsEventTransferState).U32(0).U8(1).U16(5).U16(4).b, host.m_vecEvents[0].data);
 }
 
+// The server's list wins, except where the creator's own client is ahead of
+// it on whether its upload runs.
+TEST_F(Upload, TheCreatorsClientKeepsItsOwnRunOrStopAgainstTheServersListAndTellsTheServerOfAStop)
+{
+    struct { const char* pszName; uint16_t usLocal, usServer, usAfter; bool bStopSent; } aCases[] = {
+        {"complete here, running there: takes the server's state", 3, 1, 1, false},
+        {"failed here, running there: runs again", 4, 1, 1, false},
+        {"running here, stopped there: keeps running", 1, 2, 1, false},
+        {"the same on both sides", 2, 2, 2, false},
+        {"stopped here, running there: stays stopped and says so", 2, 1, 2, true},
+    };
+    for (const auto& c : aCases)
+    {
+        SCOPED_TRACE(c.pszName);
+        Make(false, 100000);
+        host.AddUser(kAlice, host.m_ulServerID, "Alice");
+        Peer::BriefInfo(*lpSession).SetFileState(c.usLocal);
+        ZV_UploadListResponse list;
+        ZV_FileUploadInfo entry;
+        entry.SetFileID(5);
+        entry.SetFileWritePos(40000);
+        ZV_FileBriefInfo brief = Peer::BriefInfo(*lpSession);
+        brief.SetFileState(c.usServer);
+        entry.SetBriefInfo(brief);
+        list.arrInfo.Add(entry);
+        list.arrMaxPos.Add(40000);
+        ZV_Deliver(mgr, PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE, zvConfClientTypeCommand, ZV_SavePayload(list), 11,
+                   QB_UserID(0, 0));
+
+        ZV_FsFileInfo info{};
+        ASSERT_EQ(0u, static_cast<IZV_FileShareMgr&>(mgr).FsGetFileInfoByFileID(5, &info));
+        EXPECT_EQ(c.usAfter, info.usFileState);
+        // Flood number 0, for the server to fill in.
+        EXPECT_EQ(std::vector<Bytes>(c.bStopSent ? 1 : 0, Pdu().U16(5).User(kAlice).U32(0).U8(1).U32(40000).b),
+                  ZV_SentData(host, PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST));
+    }
+}
