@@ -110,10 +110,10 @@ public:
         m_mapUsers[{id.m_ulMain, id.m_ulSub}] = ZV_ConfUserInfo{ulHome, szName, usRole, ulFlags};
     }
     // Writes the host's pointers into a module, as a host does before Initialize.
-    void Attach(IZV_ConfModule* lpModule, bool bWithSink = true)
+    void Attach(IZV_ConfModule* lpModule)
     {
         lpModule->m_lpConf = this;
-        lpModule->m_lpConfSink = bWithSink ? this : nullptr;
+        lpModule->m_lpConfSink = this;
     }
     std::vector<ZV_SentPdu> SentOf(uint16_t usPdu) const
     {
@@ -141,10 +141,7 @@ public:
         return it == m_mapUserConn.end() || usType != zvConfClientTypeCommand ? zvConnNone : it->second;
     }
     uint32_t GetServerConn(uint32_t ulServer, uint16_t, uint32_t) override
-    {
-        Called();
-        return m_setLinkedServer.count(ulServer) ? 900 + ulServer : zvConnNone;
-    }
+    { return Called(), m_setLinkedServer.count(ulServer) ? 900 + ulServer : zvConnNone; }
     IZV_ConfLink* GetUserLink(const QB_UserID*) override { return Called(), nullptr; }
     IZV_ConfLink* GetServerLink() override { return Called(), m_bServer ? nullptr : this; }
     const ZV_ConfUserInfo* GetUser(const QB_UserID* lpUser) override
@@ -153,36 +150,21 @@ public:
         auto it = m_mapUsers.find({lpUser->m_ulMain, lpUser->m_ulSub});
         return it == m_mapUsers.end() ? nullptr : &it->second;
     }
-    uint32_t SendPdu(uint32_t ulConn, uint16_t usPdu, const uint8_t* pData, uint32_t ulLen, uint8_t b1,
-                     uint8_t b2) override
-    {
-        Called();
-        return Record("link", ulConn, usPdu, pData, ulLen, b1, b2);
-    }
+    uint32_t SendPdu(uint32_t ulConn, uint16_t usPdu, const uint8_t* pData, uint32_t ulLen,
+                     uint8_t b1, uint8_t b2) override
+    { return Called(), Record("link", ulConn, usPdu, pData, ulLen, b1, b2); }
     uint32_t SendPduToGroup(uint32_t ulSkip, uint32_t, uint16_t usPdu, const uint8_t* pData, uint32_t ulLen,
                             uint8_t b1, uint8_t b2) override
-    {
-        Called();
-        return Record("group", ulSkip, usPdu, pData, ulLen, b1, b2);
-    }
-    uint32_t SendPduOnLink(uint32_t ulConn, uint16_t usPdu, const uint8_t* pData, uint32_t ulLen, uint8_t b1,
-                           uint8_t b2) override
-    {
-        Called();
-        return Record("onlink", ulConn, usPdu, pData, ulLen, b1, b2);
-    }
+    { return Called(), Record("group", ulSkip, usPdu, pData, ulLen, b1, b2); }
+    uint32_t SendPduOnLink(uint32_t ulConn, uint16_t usPdu, const uint8_t* pData, uint32_t ulLen,
+                           uint8_t b1, uint8_t b2) override
+    { return Called(), Record("onlink", ulConn, usPdu, pData, ulLen, b1, b2); }
     uint32_t SendPduToServerData(uint32_t ulServer, uint16_t, uint16_t usPdu, const uint8_t* pData, uint32_t ulLen,
                                  uint8_t b1, uint8_t b2) override
-    {
-        Called();
-        return Record("serverdata", ulServer, usPdu, pData, ulLen, b1, b2);
-    }
+    { return Called(), Record("serverdata", ulServer, usPdu, pData, ulLen, b1, b2); }
     uint32_t SendPduToServers(uint32_t ulSkip, uint16_t, uint16_t usPdu, const uint8_t* pData, uint32_t ulLen,
                               uint8_t b1, uint8_t b2) override
-    {
-        Called();
-        return Record("servers", ulSkip, usPdu, pData, ulLen, b1, b2);
-    }
+    { return Called(), Record("servers", ulSkip, usPdu, pData, ulLen, b1, b2); }
     bool HasServerLinks() override { return Called(), m_bHasServerLinks; }
     uint32_t NewFloodSeq(const QB_UserID*, uint32_t) override { return Called(), m_ulNextFloodSeq++; }
     bool IsFloodSeen(const QB_UserID* lpOrigin, uint32_t ulSeq) override
@@ -205,10 +187,7 @@ public:
 
     // ---- IZV_ConfSink
     void OnConfEvent(IZV_ConfHost*, uint16_t usEvent, uint32_t ulLen, const uint8_t* pData) override
-    {
-        Called();
-        m_vecEvents.push_back({usEvent, std::vector<uint8_t>(pData, pData + ulLen)});
-    }
+    { Called(), m_vecEvents.push_back({usEvent, std::vector<uint8_t>(pData, pData + ulLen)}); }
 
 protected:
     // Every call of the host passes here first.

@@ -66,6 +66,57 @@ std::vector<uint8_t> ZV_Joined(const std::vector<T>& vec)
     return all;
 }
 
+// The payloads of every PDU of a kind the host sent, in order.
+inline std::vector<std::vector<uint8_t>> ZV_SentData(const ZV_RecordingHost& host, uint16_t usPdu)
+{
+    std::vector<std::vector<uint8_t>> vec;
+    for (const ZV_SentPdu& sent : host.SentOf(usPdu))
+        vec.push_back(sent.data);
+    return vec;
+}
+
+// Every PDU of a kind the host sent, read back as a T past nSkip bytes.
+template <class T>
+std::vector<T> ZV_SentAs(const ZV_RecordingHost& host, uint16_t usPdu, int nSkip = 0)
+{
+    std::vector<T> vec;
+    for (const ZV_SentPdu& sent : host.SentOf(usPdu))
+        vec.push_back(ZV_Parse<T>(sent.data, nSkip));
+    return vec;
+}
+
+// Every piece of a list sent, each within the buffer and holding nothing
+// its reader would drop.
+template <class TList>
+std::vector<TList> ZV_Pieces(const ZV_RecordingHost& host, uint16_t usPdu)
+{
+    std::vector<TList> vecParts = ZV_SentAs<TList>(host, usPdu);
+    const auto vecSent = ZV_SentData(host, usPdu);
+    for (size_t i = 0; i < vecSent.size(); ++i)
+    {
+        EXPECT_LE(vecSent[i].size(), (size_t)QB_PDU_BUFFER_SIZE);
+        EXPECT_EQ(vecSent[i], ZV_SavePayload(vecParts[i]));
+    }
+    return vecParts;
+}
+
+// The records of the 8012s the host sent, in order; of one file if given.
+inline std::vector<ZV_FileDownloadInfo> ZV_DataAsks(const ZV_RecordingHost& host, uint16_t usFileID = ZV_NO_FILEID)
+{
+    std::vector<ZV_FileDownloadInfo> vec;
+    for (const ZV_SentPdu& sent : host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST))
+    {
+        QB_ByteStream stream(sent.data.data(), (int32_t)sent.data.size());
+        const uint16_t usAsked = stream.ReadU16();
+        stream.Skip(8);
+        ZV_FileDownloadInfo record;
+        LoadDelimited(stream, record);
+        if (usFileID == ZV_NO_FILEID || usAsked == usFileID)
+            vec.push_back(record);
+    }
+    return vec;
+}
+
 // A file usFileID the manager holds under szRoot: its description, and its
 // stored name in the record.
 inline ZV_FileShareSession& ZV_AdoptFile(ZV_FileShareMgr& mgr, uint16_t usFileID, const char* szRoot,

@@ -2,12 +2,9 @@
 // 8001 and 8002, the stored names, and where hostile names land.
 #include "ZV_RecordingNode.h"
 
-#include "download/ZV_DownloadPdu.h"
-
 #include "QB_FaultEnv.h"
 
 #include <filesystem>
-#include <stdexcept>
 
 namespace fs = std::filesystem;
 
@@ -29,27 +26,12 @@ Bytes AddRequest(uint16_t usFileID, const QB_StringU8& sName, uint32_t ulFloodSe
     return ZV_AddAsk(usFileID, QB_UserID(10001, 0), brief, ulFloodSeq);
 }
 
-// 8055 from the node's own user, one description named sName per FileID.
-Bytes BatchRequest(const Node& node, const std::vector<uint16_t>& vecFileID)
-{
-    ZV_AddFilesRequest ask;
-    ask.user = node.host.m_LocalUser;
-    for (uint16_t usFileID : vecFileID)
-    {
-        ZV_FileBriefInfo brief;
-        brief.SetCreatorID(ask.user);
-        brief.SetFileOldName(QB_StringU8((std::to_string(usFileID) + ".txt").c_str()));
-        ask.arrFileID.Add(usFileID);
-        ask.arrInfo.Add(brief);
-    }
-    return ZV_SavePayload(ask);
-}
-
 } // namespace
 
-TEST(AddFile, ClientSendsItsRequestWithTheFileInWindowsForm)
+TEST(AddFile, ClientSendsItsRequestWithTheFileInWindowsFormAndRefusesTheAnswerOnceTheFileWentFromTheDisk)
 {
     Node node(false);
+    fs::create_directories(node.tmp.Sub("log"));
     const std::string sPath = node.tmp.Sub("report.doc");
     QB_WriteWholeFile(sPath, "12345");
     const std::u16string sWide(sPath.begin(), sPath.end());
@@ -74,6 +56,19 @@ TEST(AddFile, ClientSendsItsRequestWithTheFileInWindowsForm)
     EXPECT_TRUE(ask.brief.IsSameLocalFile());
     const QB_StringA sShared = ask.brief.m_dtShareTime.ToText(2);
     EXPECT_TRUE(sShared == dtBefore.ToText(2) || sShared == dtAfter.ToText(2)) << "shared now: " << sShared.GetString();
+
+    // A file that went from the disk before the answer came cannot be
+    // uploaded: the answer is refused with 60, logged, and nothing goes out.
+    fs::remove(sPath);
+    node.host.m_vecSent.clear();
+    ZV_AddResponse answer;
+    answer.usRouteID = answer.usFileID = 3;
+    answer.user = ask.user;
+    answer.brief = ask.brief;
+    answer.bStartUpload = 1;
+    EXPECT_EQ(60u, node.Deliver(PDU_CONF_FS_ADD_RESPONSE, zvConfClientTypeCommand, ZV_SavePayload(answer)));
+    EXPECT_EQ(1u, QB_CountInFiles(node.tmp.Sub("log"), "ZV_FileShareMgr.HandleAddResponse ret = 60"));
+    EXPECT_TRUE(node.host.m_vecSent.empty());
 }
 
 TEST(AddFile, ServerAnswersAllClientsAndFloodsTheFinalFileIDAndFloodNumber)
@@ -95,9 +90,8 @@ TEST(AddFile, ServerAnswersAllClientsAndFloodsTheFinalFileIDAndFloodNumber)
     EXPECT_TRUE(fs::exists(node.tmp.Sub("store/7/a.txt")));
 }
 
-// A linked server's add is never refused, not even when its empty stored
-// file cannot be made: the row stands, and the timer makes the file, so
-// that the name stays taken and a restart finds the row's file.
+// A linked server's add is never refused: a stored file that could not be
+// made is made by the timer, so that the name stays taken.
 TEST(AddFile, AStoredFileThatCouldNotBeMadeIsMadeByTheTimer)
 {
     Node node(true);
@@ -147,13 +141,10 @@ TEST(AddFile, KeepsEveryHostileNameInsideTheConferenceFolder)
     EXPECT_TRUE(fs::is_empty(node.tmp.Sub("store/7")));
 }
 
-// A long shared name is cut at a whole character to 245 bytes as the
-// library writes UTF-8 (a surrogate pair as two halves of 3) and to the
-// units the folder leaves; an extension of up to 16 units, dot included,
-// stays behind the cut.
-TEST(AddFile, CutsALongStoredNameAtAWholeCharacterKeepingAShortExtension)
+// Cut at a whole character to 245 UTF-8 bytes (a surrogate half counts 3), an
+// extension of up to 16 units kept; no Windows device name, no trailing dot or blank.
+TEST(AddFile, StoresANameCutAtAWholeCharacterAndNoneThatWindowsWouldTakeOtherwise)
 {
-    const QB_StringW sFolder(u"C:\\s\\");
     std::u16string sPairs;
     for (int i = 0; i < 50; ++i)
         sPairs += u"\xD800\xDC00";
@@ -162,23 +153,26 @@ TEST(AddFile, CutsALongStoredNameAtAWholeCharacterKeepingAShortExtension)
         {std::u16string(300, u'a') + sExt, std::u16string(228, u'a') + sExt},
         {std::u16string(300, u'a') + u".ffffffffffffffff", std::u16string(244, u'a')},
         {sPairs, sPairs.substr(0, 80)},
+        {u"CON", u"_CON"},           {u"nul.txt", u"_nul.txt"},     {u"Com1.tar.gz", u"_Com1.tar.gz"},
+        {u"lpt9", u"_lpt9"},         {u"AUX .doc", u"_AUX .doc"},   {u"prn", u"_prn"},
+        {u"COM\u00b9", u"_COM\u00b9"},
+        {u"trail. ", u"trail__"},    {u"dots...", u"dots.__"},      {u" ", u"__"},
+        {u"CONSOLE", u"CONSOLE"},    {u"COM0", u"COM0"},            {u"LPT10.txt", u"LPT10.txt"},
+        {u"xcon", u"xcon"},          {u"con_x.txt", u"con_x.txt"},  {u"a.b c", u"a.b c"},
     };
     for (const auto& c : aCases)
     {
-        const QB_StringW sName(c.sName.data(), (int)c.sName.size());
-        const QB_StringW sStored = ZV_FileShareSessionPeer::MakeStoredFileName(sFolder, sName);
-        EXPECT_EQ(c.sStored, std::u16string(sStored.GetString(), (size_t)sStored.GetLength())) << c.sName.size();
+        const QB_StringW sStored = ZV_FileShareSessionPeer::MakeStoredFileName(
+            QB_StringW(u"C:\\s\\"), QB_StringW(c.sName.data(), (int)c.sName.size()));
+        EXPECT_EQ(c.sStored, std::u16string(sStored.GetString(), (size_t)sStored.GetLength())) << &c - aCases;
     }
 }
 
-// A client's add shows its creator by the name the host knows the link's
-// user by (Alice), whatever the description says, in the answer to all and
-// in the flood to the servers.
+// The answer and the flood name the creator as the host names the link's user.
 TEST(AddFile, TheCreatorIsNamedAsTheHostNamesTheLinksUser)
 {
-    const char* aszClaimed[] = {"The Administrator", nullptr, "Alice"};
     for (bool bBatch : {false, true})
-        for (const char* szClaimed : aszClaimed)
+        for (const char* szClaimed : {"The Administrator", (const char*)nullptr, "Alice"})
         {
             SCOPED_TRACE(std::string(bBatch ? "8055 " : "8001 ") + (szClaimed ? szClaimed : "(none)"));
             Node node(true);
@@ -189,68 +183,28 @@ TEST(AddFile, TheCreatorIsNamedAsTheHostNamesTheLinksUser)
             brief.SetFileOldName(QB_StringU8("a.txt"));
             if (szClaimed != nullptr)
                 brief.SetCreatorName(QB_StringU8(szClaimed));
-            QB_StringU8 sAnswered, sFlooded;
-            const uint16_t usAsk = bBatch ? PDU_CONF_FS_ADD_FILES_REQUEST : PDU_CONF_FS_ADD_REQUEST;
-            const uint16_t usAnswer = bBatch ? PDU_CONF_FS_ADD_FILES_RESPONSE : PDU_CONF_FS_ADD_RESPONSE;
             ZV_AddFilesRequest batch;
             batch.user = node.host.m_LocalUser;
             batch.bLast = 1;
             batch.arrFileID.Add(ZV_NO_FILEID);
             batch.arrInfo.Add(brief);
-            ZV_AddRequest ask;
-            ask.usFileID = ZV_NO_FILEID;
-            ask.user = node.host.m_LocalUser;
-            ask.brief = brief;
-            node.Deliver(usAsk, zvConfClientTypeCommand, bBatch ? ZV_SavePayload(batch) : ZV_SavePayload(ask));
-            const auto vecAnswer = node.host.SentOf(usAnswer);
-            const auto vecFlood = node.host.SentOf(usAsk);
-            ASSERT_EQ(1u, vecAnswer.size());
-            ASSERT_EQ(1u, vecFlood.size());
+            const uint16_t usAsk = bBatch ? PDU_CONF_FS_ADD_FILES_REQUEST : PDU_CONF_FS_ADD_REQUEST;
+            node.Deliver(usAsk, zvConfClientTypeCommand,
+                         bBatch ? ZV_SavePayload(batch) : ZV_AddAsk(ZV_NO_FILEID, node.host.m_LocalUser, brief));
+            ASSERT_EQ(1u, node.host.SentOf(usAsk).size());
+            ASSERT_EQ(1u, node.host.SentOf(bBatch ? PDU_CONF_FS_ADD_FILES_RESPONSE : PDU_CONF_FS_ADD_RESPONSE).size());
+            std::vector<QB_StringU8> vecNamed;  // in the answer, then in the flood
             if (bBatch)
-            {
-                const auto answer = ZV_Parse<ZV_AddFilesResponse>(vecAnswer[0].data);
-                const auto flood = ZV_Parse<ZV_AddFilesRequest>(vecFlood[0].data, 2);
-                ASSERT_EQ(1, answer.arrInfo.GetSize());
-                ASSERT_EQ(1, flood.arrInfo.GetSize());
-                sAnswered = answer.arrInfo[0].m_sCreatorName;
-                sFlooded = flood.arrInfo[0].m_sCreatorName;
-            }
+                for (const auto& list : {ZV_SentAs<ZV_AddFilesResponse>(node.host, PDU_CONF_FS_ADD_FILES_RESPONSE)[0].arrInfo,
+                                         ZV_SentAs<ZV_AddFilesRequest>(node.host, PDU_CONF_FS_ADD_FILES_REQUEST, 2)[0].arrInfo})
+                    for (int i = 0; i < list.GetSize(); ++i)
+                        vecNamed.push_back(list[i].m_sCreatorName);
             else
-            {
-                sAnswered = ZV_Parse<ZV_AddResponse>(vecAnswer[0].data).brief.m_sCreatorName;
-                sFlooded = ZV_Parse<ZV_AddRequest>(vecFlood[0].data, 2).brief.m_sCreatorName;
-            }
-            EXPECT_EQ(QB_StringU8("Alice"), sAnswered);
-            EXPECT_EQ(QB_StringU8("Alice"), sFlooded);
+                for (const auto& sent : {ZV_SentAs<ZV_AddResponse>(node.host, PDU_CONF_FS_ADD_RESPONSE)[0].brief,
+                                         ZV_SentAs<ZV_AddRequest>(node.host, PDU_CONF_FS_ADD_REQUEST, 2)[0].brief})
+                    vecNamed.push_back(sent.m_sCreatorName);
+            EXPECT_EQ(std::vector<QB_StringU8>(2, QB_StringU8("Alice")), vecNamed);
         }
-}
-
-// A stored name never names a Windows device, whatever the case or the
-// extension, nor ends in a dot or a blank, which Windows would drop: the
-// device gets "_" before it, the trailing dots and blanks become "_".
-TEST(AddFile, StoresNoDeviceNameAndNoTrailingDotOrBlank)
-{
-    const struct { const char* szName; const char16_t* szStored; } aCases[] = {
-        {"CON", u"_CON"},           {"nul.txt", u"_nul.txt"},     {"Com1.tar.gz", u"_Com1.tar.gz"},
-        {"lpt9", u"_lpt9"},         {"AUX .doc", u"_AUX .doc"},   {"prn", u"_prn"},
-        {"COM\xc2\xb9", u"_COM\u00b9"},
-        {"trail. ", u"trail__"},    {"dots...", u"dots.__"},      {" ", u"__"},
-        {"CONSOLE", u"CONSOLE"},    {"COM0", u"COM0"},            {"LPT10.txt", u"LPT10.txt"},
-        {"xcon", u"xcon"},          {"con_x.txt", u"con_x.txt"},  {"a.b c", u"a.b c"},
-    };
-    Node node(true);
-    ASSERT_EQ(0u, node.mgr.Initialize());
-    uint16_t usFileID = 100;
-    for (const auto& c : aCases)
-    {
-        ASSERT_EQ(0u, node.Deliver(PDU_CONF_FS_ADD_REQUEST, zvConfServerTypeCommand, AddRequest(++usFileID, c.szName)));
-        ZV_FileShareSession* lpFsSession = ZV_FileShareMgrPeer::Find(node.mgr, usFileID);
-        ASSERT_NE(nullptr, lpFsSession) << c.szName;
-        const QB_StringW sStored(lpFsSession->FileInfo().m_sFileNewName);
-        EXPECT_EQ(std::u16string(c.szStored), std::u16string(sStored.GetString(), (size_t)sStored.GetLength()))
-            << c.szName;
-        EXPECT_TRUE(fs::exists(node.tmp.Sub("store/7/") + QB_StringU8(sStored).GetString())) << c.szName;
-    }
 }
 
 namespace {
@@ -280,9 +234,8 @@ std::u16string PaddedName(const std::u16string& sFolder, size_t nLength)
 
 } // namespace
 
-// A share must keep its name on every node and in the catalogue, and its
-// creator must find the file again by folder and name to upload it: what
-// cannot is refused with 60 before anything goes out.
+// A path the records, the catalogue or the creator's later upload could not
+// hold is refused with 60 before anything goes out.
 TEST(AddFile, RefusesBeforeSendingAPathTheRecordsOrTheCatalogueCannotHold)
 {
     Node node(false);
@@ -328,39 +281,8 @@ TEST(AddFile, RefusesBeforeSendingAPathTheRecordsOrTheCatalogueCannotHold)
     }
 }
 
-// A shared file that went from the disk before its server's answer came
-// cannot be uploaded: the answer is refused with 60, said in the client log
-// and handed back to the host, and nothing goes out.
-TEST(AddFile, ClientRefusesTheAnswerForItsOwnFileOnceTheFileWentFromTheDisk)
-{
-    Node node(false);
-    fs::create_directories(node.tmp.Sub("log"));
-    const std::string sPath = node.tmp.Sub("report.doc");
-    QB_WriteWholeFile(sPath, "12345");
-    const std::u16string sWide(sPath.begin(), sPath.end());
-    ASSERT_EQ(0u, node.mgr.FsAdd(sWide.c_str(), nullptr, 0, 1, 1));
-    const auto ask = ZV_Parse<ZV_AddRequest>(node.host.m_vecSent[0].data);
-    fs::remove(sPath);
-    node.host.m_vecSent.clear();
-
-    ZV_AddResponse answer;
-    answer.usRouteID = answer.usFileID = 3;
-    answer.user = ask.user;
-    answer.brief = ask.brief;
-    answer.bStartUpload = 1;
-    EXPECT_EQ(60u, node.Deliver(PDU_CONF_FS_ADD_RESPONSE, zvConfClientTypeCommand, ZV_SavePayload(answer)));
-    const std::vector<uint8_t> vbLog = QB_ReadWholeFile(node.tmp.Sub("log/log_error_client.txt"));
-    const std::string sLog(vbLog.begin(), vbLog.end());
-    EXPECT_NE(std::string::npos, sLog.find("ZV_FileShareMgr.HandleAddResponse ret = 60")) << sLog;
-    EXPECT_TRUE(node.host.m_vecSent.empty());
-}
-
-// A batch answer is cut before the description that would bring its count
-// to the buffer's size: the count starts at the head of 13 bytes plus 33,
-// and a description counts its bound plus 6. With the creator and names of
-// 7 bytes, 64 folders of 980 bytes count 1014 each, 64942 with the start. A
-// 65th description of 528 brings it to 65470 and stays; one of 529 would
-// reach 65471 and goes in the second piece.
+// The count starts at 13 + 33 and a description adds its bound plus 6: 64 of
+// 1014 and one of 528 make 65470 and stay; one of 529 would reach 65471.
 TEST(AddFile, ABatchAnswerIsCutBeforeTheDescriptionThatWouldFillTheBuffer)
 {
     using Pieces = std::vector<std::pair<int, int>>;
@@ -388,9 +310,8 @@ TEST(AddFile, ABatchAnswerIsCutBeforeTheDescriptionThatWouldFillTheBuffer)
         node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, zvConfClientTypeCommand, ZV_SavePayload(ask));
 
         Pieces vecPiece;
-        for (const ZV_SentPdu& sent : node.host.SentOf(PDU_CONF_FS_ADD_FILES_RESPONSE))
+        for (const auto& part : ZV_SentAs<ZV_AddFilesResponse>(node.host, PDU_CONF_FS_ADD_FILES_RESPONSE))
         {
-            const auto part = ZV_Parse<ZV_AddFilesResponse>(sent.data);
             EXPECT_EQ(0u, part.ulResult);
             vecPiece.push_back({part.arrInfo.GetSize(), part.bLast});
         }
@@ -398,9 +319,9 @@ TEST(AddFile, ABatchAnswerIsCutBeforeTheDescriptionThatWouldFillTheBuffer)
     }
 }
 
-// A batch whose conference folder cannot be made stores nothing: a client's
-// batch is refused with 60 to the asker, a linked server's with 60 to every
-// client, carrying the FileIDs that server gave; neither goes further.
+
+// A client's batch is refused to the asker, a linked server's to every client
+// with the FileIDs it gave; neither goes further.
 TEST(AddFile, ABatchWhoseFolderCannotBeMadeIsRefusedWith60AndGoesNoFurther)
 {
     Node node(true);
@@ -414,60 +335,18 @@ TEST(AddFile, ABatchWhoseFolderCannotBeMadeIsRefusedWith60AndGoesNoFurther)
     for (const auto& c : aCases)
     {
         node.host.m_vecSent.clear();
-        node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, c.usConnType, BatchRequest(node, {c.usFileID}));
-
+        ZV_AddFilesRequest ask;
+        ask.user = node.host.m_LocalUser;
+        ask.arrFileID.Add(c.usFileID);
+        ask.arrInfo.Add(ZV_Brief(ask.user, "a.txt", 0, false));
+        node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, c.usConnType, ZV_SavePayload(ask));
         ASSERT_EQ(1u, node.host.m_vecSent.size()) << c.szRoute;
-        const ZV_SentPdu& sent = node.host.m_vecSent[0];
-        EXPECT_EQ(PDU_CONF_FS_ADD_FILES_RESPONSE, sent.usPdu);
-        EXPECT_EQ(c.szRoute, sent.sRoute);
-        const auto answer = ZV_Parse<ZV_AddFilesResponse>(sent.data);
-        EXPECT_EQ(zvResultCannotOpen, answer.ulResult);
-        ASSERT_EQ(1, answer.arrFileID.GetSize());
-        EXPECT_EQ(c.usFileID, answer.arrFileID[0]);
+        EXPECT_EQ(c.szRoute, node.host.m_vecSent[0].sRoute);
+        const auto vecAnswer = ZV_SentAs<ZV_AddFilesResponse>(node.host, PDU_CONF_FS_ADD_FILES_RESPONSE);
+        ASSERT_EQ(1u, vecAnswer.size()) << c.szRoute;
+        EXPECT_EQ(zvResultCannotOpen, vecAnswer[0].ulResult);
+        ASSERT_EQ(1, vecAnswer[0].arrFileID.GetSize());
+        EXPECT_EQ(c.usFileID, vecAnswer[0].arrFileID[0]);
         EXPECT_EQ(0, ZV_FileShareMgrPeer::Sessions(node.mgr).GetCount());
     }
-}
-
-// A linked server's batch: each file fetched from that link at once as a
-// server's own download from 0, one 8056 to every client with a position
-// of 0 for each. A host that throws at the first fetch takes back that
-// file only; a file the server held before under the next FileID stays.
-TEST(AddFile, ALinkedServersBatchIsFetchedFileByFileAndAThrowTakesBackOnlyWhatItMade)
-{
-    Node node(true);
-    ASSERT_EQ(0u, node.mgr.Initialize());
-    node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, zvConfServerTypeCommand, BatchRequest(node, {7, 8}));
-
-    const auto vecFetch = node.host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST);
-    ASSERT_EQ(2u, vecFetch.size());
-    for (size_t i = 0; i < vecFetch.size(); ++i)
-    {
-        EXPECT_EQ("link", vecFetch[i].sRoute);
-        EXPECT_EQ(5u, vecFetch[i].ulConn);
-        const auto ask = ZV_Parse<ZV_DownloadAsk>(vecFetch[i].data);
-        EXPECT_EQ(7 + i, ask.usFileID);
-        EXPECT_EQ(0u, ask.ulPos);
-        EXPECT_EQ(1, ask.bFromServer);
-        EXPECT_EQ(0, ask.bFlooded);
-    }
-    const auto vecTold = node.host.SentOf(PDU_CONF_FS_ADD_FILES_RESPONSE);
-    ASSERT_EQ(1u, vecTold.size());
-    EXPECT_EQ("group", vecTold[0].sRoute);
-    const auto told = ZV_Parse<ZV_AddFilesResponse>(vecTold[0].data);
-    EXPECT_EQ(2, told.arrFileID.GetSize());
-    ASSERT_EQ(2, told.arrPos.GetSize());
-    EXPECT_EQ(0u, told.arrPos[0] + told.arrPos[1]);
-    EXPECT_EQ(1, told.bLast);
-
-    ZV_FileShareSession* lpBefore = nullptr;
-    ZV_FileShareMgrPeer::Sessions(node.mgr).Lookup(8, lpBefore);
-    node.host.m_fnOnSend = [](uint16_t usPdu) {
-        if (usPdu == PDU_CONF_FS_DOWNLOAD_REQUEST)
-            throw std::runtime_error("host gone");
-    };
-    node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, zvConfServerTypeCommand, BatchRequest(node, {9, 8}));
-    ZV_FileShareSession* lpAfter = nullptr;
-    EXPECT_FALSE(ZV_FileShareMgrPeer::Sessions(node.mgr).Lookup(9, lpAfter));
-    ASSERT_TRUE(ZV_FileShareMgrPeer::Sessions(node.mgr).Lookup(8, lpAfter));
-    EXPECT_EQ(lpBefore, lpAfter);
 }

@@ -13,14 +13,9 @@ namespace {
 const QB_UserID kAlice(10001, 0);  // the user of the client link (conn 5)
 const QB_UserID kBob(10002, 0);
 
-ZV_FileBriefInfo Brief(const QB_UserID& creator, const std::string& sName, uint32_t ulLength)
+std::vector<uint8_t> AddRequest(uint16_t usFileID, const QB_UserID& creator, const std::string& sName, uint32_t ulLength)
 {
-    return ZV_Brief(creator, sName.c_str(), ulLength);
-}
-
-std::vector<uint8_t> AddRequest(uint16_t usFileID, const ZV_FileBriefInfo& brief)
-{
-    return ZV_AddAsk(usFileID, brief.m_CreatorID, brief);
+    return ZV_AddAsk(usFileID, creator, ZV_Brief(creator, sName.c_str(), ulLength));
 }
 
 size_t StoredFiles(const std::string& sFolder)
@@ -81,8 +76,8 @@ TEST(UserLimits, AnAddOverALimitIsRefusedWith91AndStoresNothing)
         ASSERT_EQ(0u, node.mgr.Initialize());
         for (int i = 0; i < row.nPrior; ++i)
             ASSERT_EQ(0u, node.Deliver(PDU_CONF_FS_ADD_REQUEST, zvConfServerTypeCommand,
-                                       AddRequest((uint16_t)(500 + i),
-                                                  Brief(row.priorCreator, "p" + std::to_string(i), row.ulPriorLength))));
+                                       AddRequest((uint16_t)(500 + i), row.priorCreator, "p" + std::to_string(i),
+                                                  row.ulPriorLength)));
         const size_t nSessions = (size_t)ZV_FileShareMgrPeer::Sessions(node.mgr).GetCount();
         const size_t nStored = StoredFiles(node.tmp.Sub("store/7"));
         const size_t nRows = CatalogueRows(node.mgr);
@@ -98,13 +93,13 @@ TEST(UserLimits, AnAddOverALimitIsRefusedWith91AndStoresNothing)
             for (size_t i = 0; i < row.vecLength.size(); ++i)
             {
                 ask.arrFileID.Add(ZV_NO_FILEID);
-                ask.arrInfo.Add(Brief(kAlice, "n" + std::to_string(i), row.vecLength[i]));
+                ask.arrInfo.Add(ZV_Brief(kAlice, ("n" + std::to_string(i)).c_str(), row.vecLength[i]));
             }
             node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, zvConfClientTypeCommand, ZV_SavePayload(ask));
         }
         else
             node.Deliver(PDU_CONF_FS_ADD_REQUEST, zvConfClientTypeCommand,
-                         AddRequest(ZV_NO_FILEID, Brief(kAlice, "new", row.vecLength[0])));
+                         AddRequest(ZV_NO_FILEID, kAlice, "new", row.vecLength[0]));
 
         const auto vecAnswer = node.host.SentOf(usAnswer);
         ASSERT_EQ(1u, vecAnswer.size());

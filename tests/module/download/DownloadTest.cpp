@@ -10,6 +10,7 @@
 
 namespace {
 
+using Peer = ZV_FileShareSessionPeer;
 const QB_UserID kAlice(10001, 0);  // the creator
 const QB_UserID kBob(10002, 0);    // the downloader: commands on 100020, data on 100024
 
@@ -26,11 +27,9 @@ struct UserLink : public IZV_ConfLink
 };
 
 // The recording host, with the links a server has to its users.
-class ServerHost : public ZV_RecordingHost
+struct ServerHost : public ZV_RecordingHost
 {
-public:
     std::map<uint32_t, UserLink> m_mapLinks;
-
     UserLink& Link(const QB_UserID& id)
     {
         AddUser(id, m_ulServerID, "user");
@@ -53,8 +52,30 @@ Pdu Block(uint32_t ulPos, const Bytes& data, uint32_t ulMaxPos = 98305, uint32_t
 {
     return Pdu().U16(5).U32(ulResult).U16(5).User(kBob).U32(ulPos).U32((uint32_t)data.size()).Data(data).U32(ulMaxPos);
 }
+Pdu Part(const Bytes& data, uint32_t ulPos, uint32_t ulLen, uint32_t ulMaxPos = 98305)
+{
+    return Block(ulPos, Bytes(data.begin() + ulPos, data.begin() + ulPos + ulLen), ulMaxPos);
+}
 
-struct DownloadFixture : public ::testing::Test
+// A client's download of song.ogg (ulLength bytes) into `sFolder`\a.bin.
+ZV_FileDownloadInfo Target(const QB_StringW& sFolder, uint32_t ulLength, uint32_t ulPos = 0)
+{
+    ZV_FileDownloadInfo record;
+    record.SetFileID(5);
+    record.SetFilePath(QB_StringU8(sFolder + u"\\"));
+    record.SetFileName(QB_StringU8("a.bin"));
+    record.SetFileLenth(ulLength);
+    record.SetDownloadPos(ulPos);
+    record.SetUserID(kBob);
+    return record;
+}
+
+Bytes Answer(const ZV_FileDownloadInfo& record, uint32_t ulResult = 0, const QB_UserID& user = kBob)
+{
+    return Pdu().U16(5).U32(ulResult).U16(5).User(user).Record(record).b;
+}
+
+struct Download : public ::testing::Test
 {
     QB_FaultEnv env;
     QB_ScopedEnv scoped{&env};
@@ -78,11 +99,11 @@ struct DownloadFixture : public ::testing::Test
         ZV_FileBriefInfo brief = ZV_Brief(kAlice, "song.ogg", 98305, bPublic);
         brief.SetFileType(QB_StringU8("ogg"));
         ZV_FileShareSession& session = AddSession(brief);
-        ZV_FileShareSessionPeer::FileInfo(session).SetFileWritePos(ulWritePos);
-        ZV_FileShareSessionPeer::MaxPos(session) = ulWritePos;
+        Peer::FileInfo(session).SetFileWritePos(ulWritePos);
+        Peer::MaxPos(session) = ulWritePos;
         std::filesystem::create_directories(tmp.Sub("7"));
         QB_WriteWholeFile(tmp.Sub("7/song.ogg"), ZV_TestBytes(ulWritePos, 1));
-        ZV_FileShareSessionPeer::ServerFile(session).Open(tmp.SubW("7/song.ogg"), 0x203);
+        Peer::ServerFile(session).Open(tmp.SubW("7/song.ogg"), 0x203);
         return session;
     }
     uint32_t Deliver(uint16_t usPdu, const Bytes& data, uint16_t usType = zvConfClientTypeCommand,
@@ -112,9 +133,30 @@ struct DownloadFixture : public ::testing::Test
                 vec.push_back(event.data[2] | event.data[3] << 8 | event.data[4] << 16 | (uint32_t)event.data[5] << 24);
         return vec;
     }
+    ZV_FileDownloadInfo& Bobs(ZV_FileShareSession& session) { return *Peer::Downloads(session).Find(kBob); }
 };
 
-using Download = DownloadFixture;
+// A client: its session of song.ogg, and the answer to a download its user asked for.
+struct ClientDownload : public Download
+{
+    void SetUp() override
+    {
+        Download::SetUp();
+        host.m_bServer = false;
+        AddSession();
+    }
+    ZV_FileShareSession& Session() { return *ZV_FileShareMgrPeer::Sessions(mgr)[5]; }
+    Bytes Asked(const ZV_FileDownloadInfo& record)
+    {
+        Peer::AskedPath(Session()) = record.m_sFilePath + record.m_sFileName;
+        Peer::AskedPos(Session()) = record.m_ulDownloadPos;
+        Peer::DownloadAsked(Session()) = true;
+        Peer::SetAskedBase(Session(), tmp.PathW());
+        Peer::BriefInfo(Session()).SetFileLenth(record.m_ulFileLenth);
+        return Answer(record);
+    }
+    uint32_t Take(const Pdu& block) { return Deliver(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, block.b, 4, 12); }
+};
 
 const Bytes kEmptyRecord = {0x06, 0, 0, 0, 0x01, 0x00};
 
@@ -125,7 +167,6 @@ TEST_F(Download, AnswersARequestWithTheNewEntryAndFloodsItToTheOtherServers)
     AddStoredFile(40000);
     host.m_bHasServerLinks = true;
     ASSERT_EQ(0u, Deliver(PDU_CONF_FS_DOWNLOAD_REQUEST, Request()));
-
     const Bytes expected = {
         0x05, 0x00, 0, 0, 0, 0, 0x05, 0x00, 0x12, 0x27, 0, 0, 0, 0, 0, 0,  // FileID, 0, FileID, Bob
         0x45, 0, 0, 0, 0xFD, 0xFF, 0x05, 0x00,                             // length, mask 0x3FFF, FileID
@@ -134,24 +175,21 @@ TEST_F(Download, AnswersARequestWithTheNewEntryAndFloodsItToTheOtherServers)
         0x01, 0x80, 0x01, 0x00, 0, 0, 0, 0, 0x88, 0x13, 0, 0,              // length, used time, tick 5000
         0xC9, 0x96, 0x0A, 0x00, 0, 0, 0, 0, 0, 0, 0, 0, 0x00, 0x00,        // share time, position, state
         0x00, 0x00, 0x12, 0x27, 0, 0, 0, 0, 0, 0};                         // stopped, active, Bob
-    ASSERT_EQ(1u, host.SentOf(PDU_CONF_FS_DOWNLOAD_RESPONSE).size());
-    EXPECT_EQ(expected, host.SentOf(PDU_CONF_FS_DOWNLOAD_RESPONSE)[0].data);
-
+    EXPECT_EQ(std::vector<Bytes>{expected}, ZV_SentData(host, PDU_CONF_FS_DOWNLOAD_RESPONSE));
     // The copy for the other servers keeps the sequence the first server gave
     // and says it was flooded.
     Bytes flooded = {0x07, 0x00};
     Bytes request = Request(1);
     request[10] = 100;
     flooded.insert(flooded.end(), request.begin(), request.end());
-    ASSERT_EQ(1u, host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size());
-    EXPECT_EQ(flooded, host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST)[0].data);
-    EXPECT_FALSE(ZV_FileShareSessionPeer::Downloads(*ZV_FileShareMgrPeer::Sessions(mgr)[5]).Find(kBob)->m_bActive);
+    EXPECT_EQ(std::vector<Bytes>{flooded}, ZV_SentData(host, PDU_CONF_FS_DOWNLOAD_REQUEST));
+    EXPECT_FALSE(Bobs(*ZV_FileShareMgrPeer::Sessions(mgr)[5]).m_bActive);
 }
 
 TEST_F(Download, RefusesTheCreatorAndUsersWithoutTheRightButAnswersNoFloodedCopy)
 {
     ZV_FileShareSession& session = AddStoredFile(40000, false);
-    ZV_FileShareSessionPeer::FileInfo(session).m_BriefInfo.m_arrRight.Add(QB_UserID(10003, 0));
+    Peer::FileInfo(session).m_BriefInfo.m_arrRight.Add(QB_UserID(10003, 0));
     struct { const char* szName; QB_UserID user; uint8_t bFlooded; size_t nAnswers; } aCases[] = {
         {"the creator", kAlice, 0, 1}, {"no right", kBob, 0, 1}, {"flooded", kBob, 1, 0}};
     for (const auto& c : aCases)
@@ -160,31 +198,10 @@ TEST_F(Download, RefusesTheCreatorAndUsersWithoutTheRightButAnswersNoFloodedCopy
         Bytes request = Request(c.bFlooded);
         request[2] = (uint8_t)(c.user.m_ulMain & 0xFF);
         Deliver(PDU_CONF_FS_DOWNLOAD_REQUEST, request);
-        const auto vecSent = host.SentOf(PDU_CONF_FS_DOWNLOAD_RESPONSE);
-        ASSERT_EQ(c.nAnswers, vecSent.size()) << c.szName;
-        for (const auto& sent : vecSent)
-            EXPECT_EQ(Pdu().U16(5).U32(40).U16(5).User(c.user).Data(kEmptyRecord).b, sent.data) << c.szName;
+        EXPECT_EQ(std::vector<Bytes>(c.nAnswers, Pdu().U16(5).U32(40).U16(5).User(c.user).Data(kEmptyRecord).b),
+                  ZV_SentData(host, PDU_CONF_FS_DOWNLOAD_RESPONSE)) << c.szName;
     }
-    EXPECT_EQ(0, ZV_FileShareSessionPeer::Downloads(session).GetCount());
-}
-
-TEST_F(Download, OrdersTheCreatorToUploadBeforeAnsweringOrSaysWhyItCannot)
-{
-    host.AddUser(kAlice, 1, "alice");
-    for (uint32_t ulResult : {56u, 16u, 0u})
-    {
-        if (ulResult != 56)
-            host.Link(kAlice).bCommand = ulResult == 0;
-        host.m_vecSent.clear();
-        AddStoredFile(0);
-        Deliver(PDU_CONF_FS_DOWNLOAD_REQUEST, Request());
-        ASSERT_EQ(ulResult ? 1u : 2u, host.m_vecSent.size()) << ulResult;
-        EXPECT_EQ(Pdu().U16(5).U32(ulResult).b, Bytes(host.m_vecSent.back().data.begin(),
-                                                     host.m_vecSent.back().data.begin() + 6));
-    }
-    EXPECT_EQ(PDU_CONF_FS_UPLOAD_RESPONSE, host.m_vecSent[0].usPdu);
-    EXPECT_EQ(100010u, host.m_vecSent[0].ulConn);
-    EXPECT_EQ(Pdu().U16(5).U32(0).U16(5).User(kAlice).U32(0).U32(0).b, host.m_vecSent[0].data);
+    EXPECT_EQ(0, Peer::Downloads(session).GetCount());
 }
 
 TEST_F(Download, PushesThreeBlocksPerCallRestsAtTheWritePositionAndGoesOnWhenWoken)
@@ -195,155 +212,49 @@ TEST_F(Download, PushesThreeBlocksPerCallRestsAtTheWritePositionAndGoesOnWhenWok
     Deliver(PDU_CONF_FS_DOWNLOAD_REQUEST, Request());
     OnSend();
     EXPECT_TRUE(host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE).empty()) << "inactive until the data request";
-
     env.SetTick(10000);
     Deliver(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST, Pdu().U16(5).User(kBob).Record(ZV_FileDownloadInfo()).b);
     ASSERT_EQ(1u, host.SentOf(PDU_CONF_FS_KICK).size());
     EXPECT_EQ(100024u, host.SentOf(PDU_CONF_FS_KICK)[0].ulConn);
-
     // The time spent counts from the first block, between blocks sent.
     env.SetTick(11000);
     OnSend();
-    EXPECT_EQ(0u, ZV_FileShareSessionPeer::Downloads(session).Find(kBob)->m_ulUsedTime);
+    EXPECT_EQ(0u, Bobs(session).m_ulUsedTime);
     const Bytes stored = ZV_TestBytes(98305, 1);
-    auto vecBlocks = host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE);
-    ASSERT_EQ(2u, vecBlocks.size());
-    EXPECT_EQ(Block(0, Bytes(stored.begin(), stored.begin() + 32768), 40000).b, vecBlocks[0].data);
-    EXPECT_EQ(Block(32768, Bytes(stored.begin() + 32768, stored.begin() + 40000), 40000).b, vecBlocks[1].data);
-    EXPECT_EQ(40000u, ZV_FileShareSessionPeer::Downloads(session).Find(kBob)->m_ulDownloadPos);
-
+    EXPECT_EQ((std::vector<Bytes>{Part(stored, 0, 32768, 40000).b, Part(stored, 32768, 7232, 40000).b}),
+              ZV_SentData(host, PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE));
+    EXPECT_EQ(40000u, Bobs(session).m_ulDownloadPos);
     // The upload stores the rest; the block that began at 40000 wakes Bob.
     QB_WriteWholeFile(tmp.Sub("7/song.ogg"), stored);
-    ZV_FileShareSessionPeer::FileInfo(session).SetFileWritePos(98305);
-    ZV_FileShareSessionPeer::MaxPos(session) = 98305;
-    ZV_FileShareSessionPeer::WakeDownloaders(session, 40000);
+    Peer::FileInfo(session).SetFileWritePos(98305);
+    Peer::MaxPos(session) = 98305;
+    Peer::WakeDownloaders(session, 40000);
     EXPECT_EQ(2u, host.SentOf(PDU_CONF_FS_KICK).size());
     env.SetTick(13000);
     OnSend();
-    EXPECT_EQ(2000u, ZV_FileShareSessionPeer::Downloads(session).Find(kBob)->m_ulUsedTime);
-    vecBlocks = host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE);
+    EXPECT_EQ(2000u, Bobs(session).m_ulUsedTime);
+    auto vecBlocks = ZV_SentData(host, PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE);
     ASSERT_EQ(4u, vecBlocks.size());
-    EXPECT_EQ(Block(72768, Bytes(stored.begin() + 72768, stored.end())).b, vecBlocks[3].data);
-    EXPECT_EQ(zvDownloadStateFinished, ZV_FileShareSessionPeer::Downloads(session).Find(kBob)->m_usState);
+    EXPECT_EQ(Part(stored, 72768, 25537).b, vecBlocks[3]);
+    EXPECT_EQ(zvDownloadStateFinished, Bobs(session).m_usState);
     EXPECT_EQ(1u, host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST).size()) << "the servers learn Bob has finished";
-
     // Nothing more is sent, and a user who lost the right gets nothing.
-    ZV_FileShareSessionPeer::Downloads(session).Find(kBob)->SetDownloadPos(0);
-    ZV_FileShareSessionPeer::FileInfo(session).m_BriefInfo.m_bPublic = false;
+    Bobs(session).SetDownloadPos(0);
+    Peer::FileInfo(session).m_BriefInfo.m_bPublic = false;
     OnSend();
     EXPECT_EQ(4u, host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE).size());
-    ZV_FileShareSessionPeer::FileInfo(session).m_BriefInfo.m_bPublic = true;
+    Peer::FileInfo(session).m_BriefInfo.m_bPublic = true;
     OnSend();
     EXPECT_EQ(7u, host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE).size()) << "three blocks of the whole file";
-
     // A data request that says the download is stopped leaves it stopped.
     ZV_FileDownloadInfo stopped;
     stopped.SetStopped(true);
     Deliver(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST, Pdu().U16(5).User(kBob).Record(stopped).b);
-    EXPECT_TRUE(ZV_FileShareSessionPeer::Downloads(session).Find(kBob)->m_bStopped);
-    EXPECT_EQ(zvDownloadStateStopped, ZV_FileShareSessionPeer::Downloads(session).Find(kBob)->m_usState);
+    EXPECT_TRUE(Bobs(session).m_bStopped && Bobs(session).m_usState == zvDownloadStateStopped);
     const auto vecStops = host.SentOf(PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST);
     ASSERT_FALSE(vecStops.empty());
     EXPECT_EQ("servers", vecStops.back().sRoute) << "the other servers keep their copy in step";
     EXPECT_EQ(1, vecStops.back().data.back());
-}
-
-// A store that cannot be read ends the push with 61: on the downloader's
-// command link if it has one, otherwise on the link being sent on, as an
-// empty block. One whose handle never opened (the disk refused the open
-// when its bytes came) is opened when they are asked for.
-TEST_F(Download, AStoreThatCannotBeReadIsToldAsAnEmptyBlockWith61WhereNoCommandLinkIs)
-{
-    ZV_FileShareSession& session = AddStoredFile(40000);
-    Deliver(PDU_CONF_FS_DOWNLOAD_REQUEST, Request());
-    Deliver(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST, Pdu().U16(5).User(kBob).Record(ZV_FileDownloadInfo()).b);
-    env.FailAt(QB_EnvOp::Read, 1);
-    OnSend();
-    auto vecBlocks = host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE);
-    ASSERT_EQ(1u, vecBlocks.size());
-    EXPECT_EQ(100024u, vecBlocks[0].ulConn);
-    EXPECT_EQ(Block(0, {}, 40000, zvResultCannotAccess).b, vecBlocks[0].data);
-
-    host.m_vecSent.clear();
-    ZV_FileShareSessionPeer::ServerFile(session).Close();
-    OnSend();
-    vecBlocks = host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE);
-    ASSERT_EQ(2u, vecBlocks.size());
-    const Bytes stored = ZV_TestBytes(40000, 1);
-    EXPECT_EQ(Block(0, Bytes(stored.begin(), stored.begin() + 32768), 40000).b, vecBlocks[0].data);
-}
-
-namespace {
-
-// A client's download of song.ogg (ulLength bytes) into `sFolder`\a.bin.
-ZV_FileDownloadInfo Target(const QB_StringW& sFolder, uint32_t ulLength, uint32_t ulPos = 0)
-{
-    ZV_FileDownloadInfo record;
-    record.SetFileID(5);
-    record.SetFilePath(QB_StringU8(sFolder + u"\\"));
-    record.SetFileName(QB_StringU8("a.bin"));
-    record.SetFileLenth(ulLength);
-    record.SetDownloadPos(ulPos);
-    record.SetUserID(kBob);
-    return record;
-}
-
-Bytes Answer(const ZV_FileDownloadInfo& record, uint32_t ulResult = 0, const QB_UserID& user = kBob)
-{
-    return Pdu().U16(5).U32(ulResult).U16(5).User(user).Record(record).b;
-}
-
-ZV_FileDownloadInfo RecordOf(const Bytes& data)
-{
-    QB_ByteStream stream(data.data(), (int32_t)data.size());
-    stream.Skip(10);
-    ZV_FileDownloadInfo record;
-    LoadDelimited(stream, record);
-    return record;
-}
-
-struct ClientDownload : public DownloadFixture
-{
-    void SetUp() override
-    {
-        DownloadFixture::SetUp();
-        host.m_bServer = false;
-        AddSession();
-    }
-    ZV_FileShareSession& Session() { return *ZV_FileShareMgrPeer::Sessions(mgr)[5]; }
-    // The answer to a download the user asked for, as FsDownload leaves it.
-    Bytes Asked(const ZV_FileDownloadInfo& record)
-    {
-        ZV_FileShareSessionPeer::AskedPath(Session()) = record.m_sFilePath + record.m_sFileName;
-        ZV_FileShareSessionPeer::AskedPos(Session()) = record.m_ulDownloadPos;
-        ZV_FileShareSessionPeer::DownloadAsked(Session()) = true;
-        ZV_FileShareSessionPeer::SetAskedBase(Session(), tmp.PathW());
-        ZV_FileShareSessionPeer::BriefInfo(Session()).SetFileLenth(record.m_ulFileLenth);
-        return Answer(record);
-    }
-    uint32_t Take(const Pdu& block) { return Deliver(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, block.b, 4, 12); }
-};
-
-} // namespace
-
-TEST_F(ClientDownload, MakesTheFoldersAndCutsTheLocalFileAtTheEntrysPosition)
-{
-    struct { const char* szName; uint32_t ulPos; uintmax_t nKept; } aCases[] = {
-        {"a new file in new folders", 0, 0}, {"restart at 5 of 10 bytes", 5, 5}};
-    for (const auto& c : aCases)
-    {
-        host.m_vecSent.clear();
-        ZV_FileShareSessionPeer::File(Session()).Close();
-        const ZV_FileDownloadInfo record = Target(tmp.SubW("new/deeper"), 98305, c.ulPos);
-        ASSERT_EQ(0u, Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, Asked(record), 0, 11));
-        EXPECT_EQ(c.nKept, std::filesystem::file_size(tmp.Sub("new/deeper/a.bin"))) << c.szName;
-        ASSERT_EQ(1u, host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST).size()) << c.szName;
-        EXPECT_EQ(Pdu().U16(5).User(kBob).Record(record).b, host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST)[0].data);
-        EXPECT_EQ(zvDownloadStateRunning, ZV_FileShareSessionPeer::LocalDownload(Session()).m_usState);
-        QB_WriteWholeFile(tmp.Sub("new/deeper/a.bin"), ZV_TestBytes(10, 3));
-    }
-    EXPECT_EQ(std::vector<uint32_t>(2, 0), ResultsOf(zvFsEventDownloadState));
-    EXPECT_EQ(0, ZV_FileShareMgrPeer::BusyFileIDs(mgr).Find(5));
 }
 
 TEST_F(ClientDownload, GivesUpWithTheReasonWhenRefusedOrWhenTheTargetCannotBeMade)
@@ -368,9 +279,9 @@ TEST_F(ClientDownload, GivesUpWithTheReasonWhenRefusedOrWhenTheTargetCannotBeMad
                                                                  : Asked(record), 0, 11);
         EXPECT_EQ(std::vector<uint32_t>{c.ulResult}, ResultsOf(zvFsEventDownloadState)) << c.szName;
         EXPECT_TRUE(host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST).empty()) << c.szName;
-        ASSERT_EQ(1u, host.SentOf(PDU_CONF_FS_DEL_DOWNLOAD_REQUEST).size()) << c.szName;
-        EXPECT_EQ(Pdu().U16(5).User(kBob).U32(0).b, host.SentOf(PDU_CONF_FS_DEL_DOWNLOAD_REQUEST)[0].data);
-        EXPECT_FALSE(ZV_FileShareSessionPeer::File(Session()).IsOpen()) << c.szName;
+        EXPECT_EQ(std::vector<Bytes>{Pdu().U16(5).User(kBob).U32(0).b},
+                  ZV_SentData(host, PDU_CONF_FS_DEL_DOWNLOAD_REQUEST)) << c.szName;
+        EXPECT_FALSE(Peer::File(Session()).IsOpen()) << c.szName;
     }
     EXPECT_LT(ZV_FileShareMgrPeer::BusyFileIDs(mgr).Find(5), 0);
 }
@@ -380,18 +291,15 @@ TEST_F(ClientDownload, TakesBlocksInOrderIgnoresDuplicatesAndAsksOnceAcrossAGap)
     Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, Asked(Target(tmp.SubW("dl"), 98305)), 0, 11);
     host.m_vecSent.clear();
     const Bytes data = ZV_TestBytes(98305, 2);
-    auto Part = [&](uint32_t ulPos, uint32_t ulLen) {
-        return Block(ulPos, Bytes(data.begin() + ulPos, data.begin() + ulPos + ulLen));
-    };
     env.SetTick(5700);
-    for (const Pdu& block : {Part(0, 32768), Part(0, 32768), Part(65536, 32768), Part(98304, 1), Part(32768, 32768),
-                             Part(65536, 32768), Part(98304, 1)})
+    for (const Pdu& block : {Part(data, 0, 32768), Part(data, 0, 32768), Part(data, 65536, 32768),
+                             Part(data, 98304, 1), Part(data, 32768, 32768), Part(data, 65536, 32768),
+                             Part(data, 98304, 1)})
         EXPECT_EQ(0u, Take(block));
-
-    const auto vecAsked = host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST);
+    const auto vecAsked = ZV_DataAsks(host);
     ASSERT_EQ(1u, vecAsked.size());
-    EXPECT_EQ(12u, vecAsked[0].ulConn);
-    EXPECT_EQ(32768u, RecordOf(vecAsked[0].data).m_ulDownloadPos);
+    EXPECT_EQ(12u, host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST)[0].ulConn);
+    EXPECT_EQ(32768u, vecAsked[0].m_ulDownloadPos);
     EXPECT_EQ(data, QB_ReadWholeFile(tmp.Sub("dl/a.bin")));
     EXPECT_EQ(4u, ResultsOf(zvFsEventDownloadProgress).size());
     for (const ZV_RaisedEvent& event : host.m_vecEvents)
@@ -402,32 +310,8 @@ TEST_F(ClientDownload, TakesBlocksInOrderIgnoresDuplicatesAndAsksOnceAcrossAGap)
         }
     EXPECT_EQ(1u, ResultsOf(zvFsEventDownloadFinished).size());
     EXPECT_EQ(2u, ResultsOf(zvFsEventTransferState).size()) << "at the first block's end and at the finish";
-    EXPECT_FALSE(ZV_FileShareSessionPeer::File(Session()).IsOpen());
+    EXPECT_FALSE(Peer::File(Session()).IsOpen());
     EXPECT_LT(ZV_FileShareMgrPeer::BusyFileIDs(mgr).Find(5), 0);
-}
-
-// A data link back from a loss makes the client ask for its position; a
-// block past that position meanwhile is one the answer will bring again,
-// so it asks nothing more.
-TEST_F(ClientDownload, AfterItsDataLinkCameBackItAsksForItsPositionOnceAlsoAcrossAGap)
-{
-    Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, Asked(Target(tmp.SubW("dl"), 98305)), 0, 11);
-    const Bytes data = ZV_TestBytes(98305, 2);
-    auto Part = [&](uint32_t ulPos) {
-        return Block(ulPos, Bytes(data.begin() + ulPos, data.begin() + ulPos + 32768));
-    };
-    EXPECT_EQ(0u, Take(Part(0)));
-    mgr.OnConnect(&kBob, 11, zvConfClientTypeCommand, 0);
-    mgr.OnConnect(&kBob, 12, zvConfClientTypeData, 0);
-    mgr.OnDisconnect(&kBob, 12, zvConfClientTypeData, 0);
-    host.m_vecSent.clear();
-    mgr.OnConnect(&kBob, 12, zvConfClientTypeData, 0);
-    const auto vecAsked = host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST);
-    ASSERT_EQ(1u, vecAsked.size());
-    EXPECT_TRUE(vecAsked[0].sRoute == "link" && vecAsked[0].ulConn == 11u) << "on the command link";
-    EXPECT_EQ(32768u, RecordOf(vecAsked[0].data).m_ulDownloadPos);
-    EXPECT_EQ(0u, Take(Part(65536)));
-    EXPECT_EQ(1u, host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST).size());
 }
 
 TEST_F(ClientDownload, RefusesABadBlockUnwrittenStopsTheDownloadAndIgnoresTheRest)
@@ -471,85 +355,33 @@ TEST_F(ClientDownload, RefusesABadBlockUnwrittenStopsTheDownloadAndIgnoresTheRes
 TEST_F(Download, RelayWritesIntoItsOwnStoreWhateverPathTheRecordNamesAndNeverOutsideIt)
 {
     ZV_FileShareSession& session = AddStoredFile(0);
-    ZV_FileShareSessionPeer::ServerFile(session).Close();
+    Peer::ServerFile(session).Close();
     const QB_UserID self(1, 0), upstream(2, 0);
     // The upstream's record names another folder and a length of its own.
     ZV_FileDownloadInfo record = Target(QB_StringW(u"C:\\elsewhere"), 4096);
     record.SetUserID(self);
-    ZV_FileShareSessionPeer::FileInfo(session).SetFileNewName(QB_StringU8("..\\song.ogg"));
+    Peer::FileInfo(session).SetFileNewName(QB_StringU8("..\\song.ogg"));
     Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, Answer(record, 0, self), zvConfServerTypeCommand, 20, upstream);
     EXPECT_TRUE(host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST).empty());
     EXPECT_FALSE(std::filesystem::exists(tmp.Sub("song.ogg")));
 
-    ZV_FileShareSessionPeer::FileInfo(session).SetFileNewName(QB_StringU8("song.ogg"));
+    Peer::FileInfo(session).SetFileNewName(QB_StringU8("song.ogg"));
     Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, Answer(record, 0, self), zvConfServerTypeCommand, 20, upstream);
-    const auto vecAsks = host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST);
+    const auto vecAsks = ZV_DataAsks(host);
     ASSERT_EQ(1u, vecAsks.size());
-    const ZV_FileDownloadInfo asked = RecordOf(vecAsks[0].data);
+    const ZV_FileDownloadInfo& asked = vecAsks[0];
     EXPECT_EQ(98305u, asked.m_ulFileLenth);
     EXPECT_EQ(QB_StringW(QB_ToWindowsPath(tmp.Sub("7/song.ogg"))), QB_StringW(asked.m_sFilePath + asked.m_sFileName));
     const Bytes data = ZV_TestBytes(98305, 5);
     for (uint32_t ulPos : {0u, 32768u, 65536u, 98304u})
     {
-        Deliver(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE,
-                Block(ulPos, Bytes(data.begin() + ulPos, data.begin() + std::min(ulPos + 32768u, 98305u))).b,
+        Deliver(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, Part(data, ulPos, std::min(32768u, 98305u - ulPos)).b,
                 zvConfServerTypeData, 24, upstream);
-        if (ulPos == 0)
-        {
-            EXPECT_EQ(zvFileStateUploading, ZV_FileShareSessionPeer::FileInfo(session).m_BriefInfo.m_usFileState);
-        }
+        EXPECT_TRUE(ulPos > 0 || Peer::FileInfo(session).m_BriefInfo.m_usFileState == zvFileStateUploading);
     }
     EXPECT_EQ(data, QB_ReadWholeFile(tmp.Sub("7/song.ogg")));
-    EXPECT_EQ(zvFileStateComplete, ZV_FileShareSessionPeer::FileInfo(session).m_BriefInfo.m_usFileState);
+    EXPECT_EQ(zvFileStateComplete, Peer::FileInfo(session).m_BriefInfo.m_usFileState);
     EXPECT_TRUE(host.m_vecEvents.empty()) << "a server has no user side";
-}
-
-// A FileID freed and given out again while two servers were apart names
-// another file at each until their lists meet. A linked server's record of
-// the other file moves nothing: stating its position (8012) it does not set
-// this file's pump going into the neighbour's store, and answering this
-// relay's request (8015) it neither fills this store nor ends it at the
-// other file's length.
-TEST_F(Download, ALinkedServersRecordOfAnotherFileUnderTheFileIDMovesNothing)
-{
-    const QB_UserID self(1, 0), peer(2, 0);
-    QB_DateTimeEx dtOther;
-    dtOther.SetFromTimeT(1300260108);
-    struct { const char* szName; const char* pszName; bool bOtherTime; bool bMoves; } aCases[] = {
-        {"this file", "song.ogg", false, true},
-        {"another name", "other.ogg", false, false},
-        {"another share time", "song.ogg", true, false}};
-    for (const auto& c : aCases)
-    {
-        ZV_FileDownloadInfo record = Target(QB_StringW(u"C:\\d"), 98305, 1000);
-        record.SetFileFullName(QB_StringU8(c.pszName));
-        if (c.bOtherTime)
-            record.SetShareTime(dtOther);
-
-        ZV_FileShareSession& session = AddStoredFile(98305);
-        host.m_setLinkedServer = {peer.m_ulMain};
-        ZV_FileDownloadInfo resting;
-        resting.SetUserID(peer);
-        ZV_FileShareSessionPeer::Downloads(session)[peer] = resting;
-        host.m_vecSent.clear();
-        record.SetUserID(peer);
-        Deliver(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST, Pdu().U16(5).User(peer).Record(record).b, zvConfServerTypeCommand,
-                20, peer);
-        const ZV_FileDownloadInfo* pEntry = session.FindDownloadEntry(peer);
-        ASSERT_NE(nullptr, pEntry) << c.szName;
-        EXPECT_EQ(c.bMoves, pEntry->m_bActive) << c.szName;
-        EXPECT_EQ(c.bMoves ? 1000u : 0u, pEntry->m_ulDownloadPos) << c.szName;
-        EXPECT_EQ(c.bMoves ? 1u : 0u, host.SentOf(257).size()) << c.szName << ": the kick";
-
-        ZV_FileShareSession& relay = AddStoredFile(0);
-        ZV_FileShareSessionPeer::ServerFile(relay).Close();
-        host.m_vecSent.clear();
-        record.SetUserID(self);
-        Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, Answer(record, 0, self), zvConfServerTypeCommand, 20, peer);
-        EXPECT_EQ(c.bMoves ? 1u : 0u, host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST).size()) << c.szName;
-        EXPECT_EQ(c.bMoves ? zvDownloadStateRunning : zvDownloadStateNew,
-                  ZV_FileShareSessionPeer::LocalDownload(relay).m_usState) << c.szName;
-    }
 }
 
 TEST_F(Download, FsDownloadAsksTheServerOnTheCommandLink)
@@ -566,45 +398,45 @@ TEST_F(Download, FsDownloadAsksTheServerOnTheCommandLink)
               host.m_vecSent[0].data);
 }
 
-// A running download that nothing reaches for the client's wait, while the
-// server holds more of the file, is asked for again from where the local
-// file stands, to its own path. A refusal of that ask leaves the download
-// standing: it asks no more and stops counting as busy.
-TEST_F(ClientDownload, AsksAgainFromItsPositionWhenNothingCameForTheWaitWhileTheServerHasMore)
+// A FileID given out again while two servers were apart names another file at
+// each: the other file's record in 8012 or 8015 starts no pump and no fetch.
+TEST_F(Download, ALinkedServersRecordOfAnotherFileUnderTheFileIDMovesNothing)
 {
-    const ZV_FileDownloadInfo record = Target(tmp.SubW("again"), 98305);
-    ZV_FileShareSessionPeer::BriefInfo(Session()).SetPublic(true);
-    ASSERT_EQ(0u, Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, Asked(record), 0, 11));
-    Take(Block(0, ZV_TestBytes(32768, 4)));
-    ZV_FileShareSessionPeer::MaxPos(Session()) = 32768;
-    host.m_vecSent.clear();
-    env.SetTick(5000 + ZV_CLIENT_STALL_MS + 1);
-    mgr.OnTimer(2);
-    EXPECT_TRUE(host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).empty()) << "the server has nothing more";
-    // The server announces the file again, holding a byte more.
-    ZV_AddFilesResponse again;
-    again.user = kAlice;
-    again.arrFileID.Add(5);
-    again.arrPos.Add(32769);
-    again.arrInfo.Add(Session().BriefInfo());
-    Deliver(PDU_CONF_FS_ADD_FILES_RESPONSE, ZV_SavePayload(again), zvConfClientTypeCommand, 11);
-    env.SetTick(5000 + ZV_CLIENT_STALL_MS - 1);
-    mgr.OnTimer(7);
-    EXPECT_TRUE(host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).empty()) << "not waited long enough";
-    env.SetTick(5000 + ZV_CLIENT_STALL_MS);
-    mgr.OnTimer(12);
-    ASSERT_EQ(1u, host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size());
-    const auto ask = ZV_Parse<ZV_DownloadAsk>(host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST)[0].data);
-    EXPECT_EQ(host.m_LocalUser, ask.user);
-    EXPECT_EQ(record.m_sFilePath + record.m_sFileName, ask.sPath);
-    EXPECT_EQ(32768u, ask.ulPos);
-    EXPECT_EQ(0, ask.bFromServer);
+    const QB_UserID self(1, 0), peer(2, 0);
+    QB_DateTimeEx dtOther;
+    dtOther.SetFromTimeT(1300260108);
+    struct { const char* szName; const char* pszName; bool bOtherTime; bool bMoves; } aCases[] = {
+        {"this file", "song.ogg", false, true},
+        {"another name", "other.ogg", false, false},
+        {"another share time", "song.ogg", true, false}};
+    for (const auto& c : aCases)
+    {
+        ZV_FileDownloadInfo record = Target(QB_StringW(u"C:\\d"), 98305, 1000);
+        record.SetFileFullName(QB_StringU8(c.pszName));
+        if (c.bOtherTime)
+            record.SetShareTime(dtOther);
+        ZV_FileShareSession& session = AddStoredFile(98305);
+        host.m_setLinkedServer = {peer.m_ulMain};
+        ZV_FileDownloadInfo resting;
+        resting.SetUserID(peer);
+        Peer::Downloads(session)[peer] = resting;
+        host.m_vecSent.clear();
+        record.SetUserID(peer);
+        Deliver(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST, Pdu().U16(5).User(peer).Record(record).b, zvConfServerTypeCommand,
+                20, peer);
+        const ZV_FileDownloadInfo* pEntry = session.FindDownloadEntry(peer);
+        ASSERT_NE(nullptr, pEntry) << c.szName;
+        EXPECT_EQ(c.bMoves, pEntry->m_bActive) << c.szName;
+        EXPECT_EQ(c.bMoves ? 1000u : 0u, pEntry->m_ulDownloadPos) << c.szName;
+        EXPECT_EQ(c.bMoves ? 1u : 0u, host.SentOf(PDU_CONF_FS_KICK).size()) << c.szName;
 
-    Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, Pdu().U16(5).U32(40).U16(5).User(kBob).b, 0, 11);
-    host.m_vecSent.clear();
-    env.SetTick(5000 + 3 * ZV_CLIENT_STALL_MS);
-    mgr.OnTimer(17);
-    EXPECT_TRUE(host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).empty());
-    EXPECT_LT(ZV_FileShareMgrPeer::BusyFileIDs(mgr).Find(5), 0);
-    EXPECT_EQ(32768u, std::filesystem::file_size(tmp.Sub("again/a.bin")));
+        ZV_FileShareSession& relay = AddStoredFile(0);
+        Peer::ServerFile(relay).Close();
+        host.m_vecSent.clear();
+        record.SetUserID(self);
+        Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, Answer(record, 0, self), zvConfServerTypeCommand, 20, peer);
+        EXPECT_EQ(c.bMoves ? 1u : 0u, host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST).size()) << c.szName;
+        EXPECT_EQ(c.bMoves ? zvDownloadStateRunning : zvDownloadStateNew, Peer::LocalDownload(relay).m_usState)
+            << c.szName;
+    }
 }

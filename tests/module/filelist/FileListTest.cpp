@@ -1,6 +1,5 @@
 // The file list between linked servers on one manager: what a server
-// answers and how the answer is cut, and what a list does to the sessions,
-// the catalogue, the clients and the fetches of the server that takes it.
+// answers and how the answer is cut.
 #include "ZV_RecordingNode.h"
 
 #include "lists/ZV_ListPdu.h"
@@ -8,7 +7,7 @@
 #include "QB_FaultEnv.h"
 
 #include <filesystem>
-#include <initializer_list>
+#include <tuple>
 
 namespace {
 
@@ -38,31 +37,17 @@ struct FileList : ::testing::Test
     void SetUp() override { ASSERT_EQ(0u, node.mgr.Initialize()); }
     std::vector<ZV_FileListResponse> Answers()
     {
-        std::vector<ZV_FileListResponse> vecParts;
-        for (const ZV_SentPdu& sent : node.host.SentOf(PDU_CONF_GET_FILE_LIST_RESPONSE))
-        {
-            QB_ByteStream stream(sent.data.data(), (int32_t)sent.data.size());
-            vecParts.emplace_back();
-            vecParts.back().Load(stream);
-            EXPECT_LE(sent.data.size(), (size_t)QB_PDU_BUFFER_SIZE);
-            // Nothing in a piece that its reader would drop, such as the
-            // states or positions of files another piece carries.
-            EXPECT_EQ(sent.data, ZV_SavePayload(vecParts.back()));
-        }
-        return vecParts;
+        return ZV_Pieces<ZV_FileListResponse>(node.host, PDU_CONF_GET_FILE_LIST_RESPONSE);
     }
-    // The peer's list of the given files, each one whole there.
-    static ZV_FileListResponse Whole(std::initializer_list<ZV_FileUploadInfo> files)
+    // The peer lists one file, whole there.
+    void Take(const ZV_FileUploadInfo& info)
     {
         ZV_FileListResponse part;
         part.sender = kPeer;
-        for (const ZV_FileUploadInfo& info : files)
-        {
-            part.arrInfo.Add(info);
-            part.arrState.Add(true);
-            part.arrMaxPos.Add(info.m_ulFileWritePos);
-        }
-        return part;
+        part.arrInfo.Add(info);
+        part.arrState.Add(true);
+        part.arrMaxPos.Add(info.m_ulFileWritePos);
+        Take(part);
     }
     void Take(const ZV_FileListResponse& part)
     {
@@ -130,9 +115,73 @@ TEST_F(FileList, CutsFilesThatFillTheBufferToTheByteIntoOnePduAndOneByteMoreInto
     EXPECT_EQ(0, vecParts[2].bUploadList);
 }
 
-// Two files new here: each gets a session, a stored name and a fetch from
-// the peer that listed it; the clients hear of both in one series and the
-// catalogue takes both in one write, as arriving. A second list while the
+// A FileID of another server's range names two files at two servers that
+// missed each other's news: both keep the one shared later, so none swap.
+TEST_F(FileList, ANumberOfAnotherRangeNamesTheFileSharedLaterOnBothSides)
+{
+    struct { const char* szName; uint16_t usFileID; int64_t llHeld; int64_t llListed; const char* pszKept; } aCases[] = {
+        {"the listed file is later", 2001, 1300000000, 1300000060, "listed.bin"},
+        {"the held file is later", 2002, 1300000060, 1300000000, "held.bin"}};
+    for (const auto& c : aCases)
+    {
+        for (const auto& [pszName, llShared] : {std::pair{"held.bin", c.llHeld}, std::pair{"listed.bin", c.llListed}})
+        {
+            ZV_FileUploadInfo info = PeerFile(c.usFileID, pszName, 100, 100, 3);
+            QB_DateTimeEx dtShared;
+            dtShared.SetFromTimeT(llShared);
+            info.m_BriefInfo.SetShareTime(dtShared);
+            Take(info);
+        }
+        const ZV_FileShareSession* lpFsSession = Session(c.usFileID);
+        ASSERT_NE(nullptr, lpFsSession) << c.szName;
+        EXPECT_EQ(std::string(c.pszKept), lpFsSession->FileInfo().m_BriefInfo.m_sFileOldName.GetString()) << c.szName;
+    }
+}
+
+// A record of a downloader this server already lists changes nothing, nor
+// does one of another file under the FileID; a new one is entered resting
+// and told to its user, homed here, in a download list of that one record.
+TEST_F(FileList, TakesOnlyTheRecordsOfDownloadersItDidNotKnow)
+{
+    Take(PeerFile(1001, "whole.bin", 5000, 5000, 3));
+    ZV_FileListResponse records;
+    records.sender = kPeer;
+    records.bUploadList = 0;
+    ZV_FileDownloadInfo record;
+    record.SetFileID(1001);
+    record.SetUserID(kBob);
+    record.SetDownloadPos(1000);
+    record.SetActive(true);
+    records.arrDownload.Add(record);
+    ZV_FileDownloadInfo other = record;  // Carol's, of another file the peer holds under the FileID
+    other.SetUserID(QB_UserID(20003, 0));
+    other.SetFileFullName(QB_StringU8("other.bin"));
+    records.arrDownload.Add(other);
+    node.host.AddUser(kBob, kSelf.m_ulMain, "Bob");
+    node.host.m_mapUserConn[{kBob.m_ulMain, kBob.m_ulSub}] = 77;
+    Take(records);
+    ZV_FileShareSession* lpFsSession = Session(1001);
+    const ZV_FileDownloadInfo* pEntry = lpFsSession->FindDownloadEntry(kBob);
+    ASSERT_NE(nullptr, pEntry);
+    EXPECT_EQ(1000u, pEntry->m_ulDownloadPos);
+    EXPECT_FALSE(pEntry->m_bActive);
+    EXPECT_EQ(nullptr, lpFsSession->FindDownloadEntry(QB_UserID(20003, 0)));
+    const auto vecTold = ZV_SentAs<ZV_DownloadListResponse>(node.host, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE);
+    ASSERT_EQ(1u, vecTold.size());
+    EXPECT_EQ(77u, node.host.SentOf(PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE)[0].ulConn);
+    EXPECT_EQ(kBob, vecTold[0].user);
+    ASSERT_EQ(1, vecTold[0].arrInfo.GetSize());
+    EXPECT_EQ(1000u, vecTold[0].arrInfo[0].m_ulDownloadPos);
+    EXPECT_FALSE(vecTold[0].arrModify[0]) << "the file is the one the record began with";
+
+    records.arrDownload[0].SetDownloadPos(4000);
+    Take(records);
+    EXPECT_EQ(1000u, lpFsSession->FindDownloadEntry(kBob)->m_ulDownloadPos);
+    EXPECT_TRUE(node.host.SentOf(PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE).empty());
+}
+
+// Two new files each get a session and a fetch, in one catalogue write and
+// one series to the clients. A second list while the
 // link stood changes nothing; after a loss of the link the furthest
 // position still never falls.
 TEST_F(FileList, TakesAPeersNewFilesOnceFetchesWhatItLacksAndSavesThemInOneWrite)
@@ -145,33 +194,19 @@ TEST_F(FileList, TakesAPeersNewFilesOnceFetchesWhatItLacksAndSavesThemInOneWrite
     part.arrState.Add(false);
     part.arrMaxPos.Add(5000);
     part.arrMaxPos.Add(3000);
-    // One write: a record appended to the catalogue's journal.
     const int nWrites = env.GetCount(QB_EnvOp::Write);
     Take(part);
     EXPECT_EQ(nWrites + 1, env.GetCount(QB_EnvOp::Write)) << "one catalogue write";
-    for (uint16_t usFileID : {1001, 1002})
-    {
-        ZV_FileUploadInfo row;
-        QB_StringW sSection;
-        ASSERT_TRUE(ZV_FileShareMgrPeer::Catalog(node.mgr).LoadFile(7, usFileID, row, sSection)) << usFileID;
-        EXPECT_EQ(zvFileStateUploading, row.m_BriefInfo.m_usFileState) << usFileID;
-        EXPECT_EQ(0u, row.m_ulFileWritePos) << usFileID;
-        ASSERT_NE(nullptr, Session(usFileID));
-    }
-    EXPECT_TRUE(Session(1001)->IsUploadDone());
-    EXPECT_FALSE(Session(1002)->IsUploadDone());
-    EXPECT_EQ(2u, node.host.SentOf(PDU_CONF_FS_PROGRESSING_REQUEST).size());
-    const std::vector<ZV_SentPdu> vecAsks = node.host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST);
-    ASSERT_EQ(2u, vecAsks.size());
-    EXPECT_EQ(5u, vecAsks[0].ulConn);
-    ASSERT_EQ(1u, node.host.SentOf(PDU_CONF_FS_ADD_FILES_RESPONSE).size());
+    ASSERT_TRUE(Session(1001) != nullptr && Session(1002) != nullptr);
+    EXPECT_TRUE(Session(1001)->IsUploadDone() && !Session(1002)->IsUploadDone());
+    EXPECT_EQ(2u, node.host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size());
+    EXPECT_EQ(1u, node.host.SentOf(PDU_CONF_FS_ADD_FILES_RESPONSE).size());
 
     part.arrMaxPos[0] = 100;
     Take(part);
     EXPECT_TRUE(node.host.m_vecSent.empty());
     EXPECT_EQ(nWrites + 1, env.GetCount(QB_EnvOp::Write));
-    // After a lost server link the list is set against what this server
-    // holds once: the creator's server tells where each upload stands.
+    // After a lost server link the creator's server tells, once, where each upload stands.
     node.host.AddUser(QB_UserID(20001, 0), kSelf.m_ulMain, "Ann");
     node.host.m_bHasServerLinks = true;
     node.mgr.OnDisconnect(&kPeer, 5, zvConfServerTypeCommand, 0);
@@ -182,17 +217,23 @@ TEST_F(FileList, TakesAPeersNewFilesOnceFetchesWhatItLacksAndSavesThemInOneWrite
     EXPECT_TRUE(node.host.m_vecSent.empty());
 }
 
-// The clients learn the new files in one 8056 that starts no upload; a file
-// whose folder could not be made is announced and kept in the catalogue
-// all the same, in a second series after the files that could.
+// New files go to the clients in one 8056 that starts no upload; those whose
+// folder could not be made follow in a series of their own, kept all the same.
 TEST_F(FileList, AnnouncesNewFilesToItsClientsAndThoseItCannotStoreInASeriesOfTheirOwn)
 {
     env.FailAt(QB_EnvOp::MakeFolder, 1);
-    Take(Whole({PeerFile(1001, "f.bin", 5000, 5000, 3), PeerFile(1002, "f.bin", 5000, 5000, 3)}));
-    std::vector<std::vector<uint16_t>> vecSeries;
-    for (const ZV_SentPdu& sent : node.host.SentOf(PDU_CONF_FS_ADD_FILES_RESPONSE))
+    ZV_FileListResponse part;
+    part.sender = kPeer;
+    for (uint16_t usFileID : {1001, 1002})
     {
-        const auto answer = ZV_Parse<ZV_AddFilesResponse>(sent.data);
+        part.arrInfo.Add(PeerFile(usFileID, "f.bin", 5000, 5000, 3));
+        part.arrState.Add(true);
+        part.arrMaxPos.Add(5000);
+    }
+    Take(part);
+    std::vector<std::vector<uint16_t>> vecSeries;
+    for (const auto& answer : ZV_SentAs<ZV_AddFilesResponse>(node.host, PDU_CONF_FS_ADD_FILES_RESPONSE))
+    {
         EXPECT_EQ(0, answer.bStartUpload);
         vecSeries.emplace_back(answer.arrFileID.GetData(), answer.arrFileID.GetData() + answer.arrFileID.GetSize());
     }
@@ -203,110 +244,40 @@ TEST_F(FileList, AnnouncesNewFilesToItsClientsAndThoseItCannotStoreInASeriesOfTh
     EXPECT_EQ(1u, node.host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size()) << "no fetch for the file not stored";
 }
 
-// A new file never takes the name of one already in the store, nor that of
-// another new file of the list, and a FileID the catalogue holds for
-// another file loses the old bytes before the new ones are fetched.
+// A new file takes no name already in the store or given in the same list,
+// and a FileID the catalogue holds for another file loses the old bytes.
 TEST_F(FileList, KeepsEachStoredFileApartFromTheFilesAPeerLists)
 {
     std::filesystem::create_directories(node.tmp.Sub("store/7"));
     QB_WriteWholeFile(node.tmp.Sub("store/7/new.bin"), "not the peer's");
     ASSERT_TRUE(ZV_FileShareMgrPeer::Catalog(node.mgr).SaveFile(7, PeerFile(1004, "old.bin", 8000, 8000, 3)));
     QB_WriteWholeFile(node.tmp.Sub("store/7/old.bin"), ZV_TestBytes(8000, 4));
-    Take(Whole({PeerFile(1003, "new.bin", 5000, 5000, 3), PeerFile(1004, "old.bin", 5000, 5000, 3),
-                PeerFile(1006, "new.bin", 7000, 7000, 3)}));
+    ZV_FileListResponse part;
+    part.sender = kPeer;
+    for (const auto& [usFileID, pszName, ulLength] : {std::tuple{1003, "new.bin", 5000u},
+                                                      std::tuple{1004, "old.bin", 5000u},
+                                                      std::tuple{1006, "new.bin", 7000u}})
+    {
+        part.arrInfo.Add(PeerFile((uint16_t)usFileID, pszName, ulLength, ulLength, 3));
+        part.arrState.Add(true);
+        part.arrMaxPos.Add(ulLength);
+    }
+    Take(part);
     const Bytes vbMine = QB_ReadWholeFile(node.tmp.Sub("store/7/new.bin"));
     EXPECT_EQ("not the peer's", std::string(vbMine.begin(), vbMine.end()));
-    ZV_FileUploadInfo row;
-    QB_StringW sSection;
-    ASSERT_TRUE(ZV_FileShareMgrPeer::Catalog(node.mgr).LoadFile(7, 1003, row, sSection));
-    EXPECT_EQ(QB_StringU8("new(1).bin"), row.m_sFileNewName);
-    ASSERT_TRUE(ZV_FileShareMgrPeer::Catalog(node.mgr).LoadFile(7, 1006, row, sSection));
-    EXPECT_EQ(QB_StringU8("new(2).bin"), row.m_sFileNewName);
+    EXPECT_EQ(QB_StringU8("new(1).bin"), Session(1003)->FileInfo().m_sFileNewName);
+    EXPECT_EQ(QB_StringU8("new(2).bin"), Session(1006)->FileInfo().m_sFileNewName);
     EXPECT_TRUE(std::filesystem::exists(node.tmp.Sub("store/7/new(2).bin"))) << "taken before its bytes come";
     EXPECT_FALSE(std::filesystem::exists(node.tmp.Sub("store/7/old.bin")));
     EXPECT_EQ(3u, node.host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size());
-
-    // The same file under another stored name at the peer keeps this
-    // server's name; its bytes here exist at the source, whatever little
-    // the peer knew of.
+    // The same file under another stored name at the peer keeps this server's
+    // name; its bytes here exist at the source, however little the peer knew.
     ZV_FileUploadInfo kept = PeerFile(1005, "song.bin", 5000, 5000, 3);
     kept.SetFileNewName(QB_StringU8("song(2).bin"));
     ASSERT_TRUE(ZV_FileShareMgrPeer::Catalog(node.mgr).SaveFile(7, kept));
     QB_WriteWholeFile(node.tmp.Sub("store/7/song(2).bin"), ZV_TestBytes(5000, 5));
-    Take(Whole({PeerFile(1005, "song.bin", 5000, 0, 3)}));
-    ASSERT_TRUE(ZV_FileShareMgrPeer::Catalog(node.mgr).LoadFile(7, 1005, row, sSection));
-    EXPECT_EQ(QB_StringU8("song(2).bin"), row.m_sFileNewName);
+    Take(PeerFile(1005, "song.bin", 5000, 0, 3));
+    EXPECT_EQ(QB_StringU8("song(2).bin"), Session(1005)->FileInfo().m_sFileNewName);
     EXPECT_TRUE(node.host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).empty()) << "the stored file is whole";
     EXPECT_EQ(5000u, Session(1005)->MaxPos());
-}
-
-// A FileID of another server's range names two files at two servers that
-// missed each other's news: each keeps the one shared later, so that two
-// such servers never swap their files.
-TEST_F(FileList, ANumberOfAnotherRangeNamesTheFileSharedLaterOnBothSides)
-{
-    struct { const char* szName; uint16_t usFileID; int64_t llHeld; int64_t llListed; const char* pszKept; } aCases[] = {
-        {"the listed file is later", 2001, 1300000000, 1300000060, "listed.bin"},
-        {"the held file is later", 2002, 1300000060, 1300000000, "held.bin"}};
-    for (const auto& c : aCases)
-    {
-        auto fnFile = [&](const char* pszName, int64_t llShared) {
-            ZV_FileUploadInfo info = PeerFile(c.usFileID, pszName, 100, 100, 3);
-            ZV_FileBriefInfo brief = info.m_BriefInfo;
-            QB_DateTimeEx dtShared;
-            dtShared.SetFromTimeT(llShared);
-            brief.SetShareTime(dtShared);
-            info.SetBriefInfo(brief);
-            return info;
-        };
-        Take(Whole({fnFile("held.bin", c.llHeld)}));
-        Take(Whole({fnFile("listed.bin", c.llListed)}));
-        ASSERT_NE(nullptr, Session(c.usFileID)) << c.szName;
-        EXPECT_EQ(std::string(c.pszKept), Session(c.usFileID)->FileInfo().m_BriefInfo.m_sFileOldName.GetString())
-            << c.szName;
-    }
-}
-
-// A record of a downloader this server already lists changes nothing, nor
-// does one of another file under the FileID; a new one is entered resting.
-TEST_F(FileList, TakesOnlyTheRecordsOfDownloadersItDidNotKnow)
-{
-    Take(Whole({PeerFile(1001, "whole.bin", 5000, 5000, 3)}));
-    ZV_FileListResponse records;
-    records.sender = kPeer;
-    records.bUploadList = 0;
-    ZV_FileDownloadInfo record;
-    record.SetFileID(1001);
-    record.SetUserID(kBob);
-    record.SetDownloadPos(1000);
-    record.SetActive(true);
-    records.arrDownload.Add(record);
-    // Carol's record is of another file the peer holds under the FileID.
-    ZV_FileDownloadInfo other = record;
-    other.SetUserID(QB_UserID(20003, 0));
-    other.SetFileFullName(QB_StringU8("other.bin"));
-    records.arrDownload.Add(other);
-    node.host.AddUser(kBob, kSelf.m_ulMain, "Bob");
-    node.host.m_mapUserConn[{kBob.m_ulMain, kBob.m_ulSub}] = 77;
-    Take(records);
-    const ZV_FileDownloadInfo* pEntry = Session(1001)->FindDownloadEntry(kBob);
-    ASSERT_NE(nullptr, pEntry);
-    EXPECT_EQ(1000u, pEntry->m_ulDownloadPos);
-    EXPECT_FALSE(pEntry->m_bActive);
-    EXPECT_EQ(nullptr, Session(1001)->FindDownloadEntry(QB_UserID(20003, 0)));
-    // Bob, homed here, hears of it in a download list of that one record.
-    const auto vecTold = node.host.SentOf(PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE);
-    ASSERT_EQ(1u, vecTold.size());
-    EXPECT_EQ(77u, vecTold[0].ulConn);
-    const auto told = ZV_Parse<ZV_DownloadListResponse>(vecTold[0].data);
-    EXPECT_EQ(kBob, told.user);
-    ASSERT_EQ(1, told.arrInfo.GetSize());
-    EXPECT_EQ(1001, told.arrInfo[0].m_usFileID);
-    EXPECT_EQ(1000u, told.arrInfo[0].m_ulDownloadPos);
-    EXPECT_FALSE(told.arrModify[0]) << "the file is the one the record began with";
-
-    records.arrDownload[0].SetDownloadPos(4000);
-    Take(records);
-    EXPECT_EQ(1000u, Session(1001)->FindDownloadEntry(kBob)->m_ulDownloadPos);
-    EXPECT_TRUE(node.host.SentOf(PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE).empty());
 }

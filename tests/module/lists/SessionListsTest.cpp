@@ -1,7 +1,6 @@
 // The two lists that bring one user in step, on one manager: how a server
 // cuts them at the buffer's size and rests, renews or withdraws each record
-// it lists, and what a client does with a record whose right is gone and
-// with a file the server no longer lists.
+// it lists, and what a client tells and does with the records it is given.
 #include "ZV_RecordingNode.h"
 
 #include "lists/ZV_ListPdu.h"
@@ -12,11 +11,11 @@
 #include <algorithm>
 #include <array>
 #include <filesystem>
+#include <tuple>
 
 namespace {
 
 using Peer = ZV_FileShareSessionPeer;
-
 const QB_UserID kAnn(20001, 0);   // creates every file
 const QB_UserID kBob(20002, 0);   // downloads
 const QB_UserID kCarol(20003, 0);
@@ -28,20 +27,20 @@ QB_DateTimeEx SharedOn(int nDay)
     return dt;
 }
 
-ZV_FileBriefInfo Brief(bool bPublic, const QB_UserID* lpRight = nullptr)
+ZV_FileBriefInfo Brief(bool bPublic, const QB_UserID* lpRight = nullptr, uint32_t ulLength = 5000)
 {
     QB_Array<QB_UserID> arrRight;
     if (lpRight != nullptr)
         arrRight.Add(*lpRight);
-    ZV_FileBriefInfo brief = ZV_Brief(kAnn, "f.bin", 5000, bPublic);
+    ZV_FileBriefInfo brief = ZV_Brief(kAnn, "f.bin", ulLength, bPublic);
     brief.SetFileState(zvFileStateComplete);
     brief.SetShareTime(SharedOn(20));
     brief.SetRight(arrRight);
     return brief;
 }
 
-ZV_FileDownloadInfo Record(uint16_t usFileID, const std::string& sFolder, const std::string& sName, uint16_t usState,
-                           int nShareDay = 20)
+ZV_FileDownloadInfo Record(uint16_t usFileID, const std::string& sName, uint16_t usState, int nShareDay = 20,
+                           const std::string& sFolder = "C:\\dl\\")
 {
     ZV_FileDownloadInfo record;
     record.SetFileID(usFileID);
@@ -55,68 +54,33 @@ ZV_FileDownloadInfo Record(uint16_t usFileID, const std::string& sFolder, const 
     return record;
 }
 
-struct SessionLists : ::testing::Test
+// 8056 from Ann: FileIDs with their positions, then the descriptions.
+ZV_AddFilesResponse Batch(const std::vector<std::pair<uint16_t, uint32_t>>& vecFile,
+                          const std::vector<ZV_FileBriefInfo>& vecBrief)
 {
-    QB_FaultEnv env;
-    QB_ScopedEnv scoped{&env};
-
-    static uint32_t Deliver(ZV_RecordingNode& node, uint16_t usPdu, const Bytes& data, const QB_UserID& from)
+    ZV_AddFilesResponse batch;
+    batch.user = kAnn;
+    for (const auto& [usFileID, ulPos] : vecFile)
     {
-        return ZV_Deliver(node.mgr, usPdu, zvConfClientTypeCommand, data, 5, from);
+        batch.arrFileID.Add(usFileID);
+        batch.arrPos.Add(ulPos);
     }
-    static ZV_FileShareSession& AddFile(ZV_RecordingNode& node, uint16_t usFileID, const ZV_FileBriefInfo& brief,
-                                        int nNameBytes = 5)
-    {
-        return ZV_AdoptFile(node.mgr, usFileID, node.tmp.Path().c_str(), brief,
-                            std::string((size_t)nNameBytes, 'n').c_str());
-    }
-    // A started client's download folder "dl", made, as the records name it.
-    static std::string ClientWithFolder(ZV_RecordingNode& node)
-    {
-        EXPECT_EQ(0u, node.mgr.Initialize());
-        std::filesystem::create_directories(node.tmp.Sub("dl"));
-        return QB_StringU8(QB_ToWindowsPath(node.tmp.Sub("dl/"))).GetString();
-    }
-    static ZV_FileDownloadInfo Held(ZV_FileShareSession& session, const QB_UserID& user)
-    {
-        ZV_FileDownloadInfo info;
-        EXPECT_TRUE(ZV_FileShareSessionPeer::Downloads(session).Lookup(user, info));
-        return info;
-    }
-    template <class TList> static std::vector<TList> Pieces(ZV_RecordingNode& node, uint16_t usPdu)
-    {
-        std::vector<TList> vecParts;
-        for (const ZV_SentPdu& sent : node.host.SentOf(usPdu))
-        {
-            EXPECT_LE(sent.data.size(), (size_t)QB_PDU_BUFFER_SIZE);
-            QB_ByteStream stream(sent.data.data(), (int32_t)sent.data.size());
-            vecParts.emplace_back();
-            vecParts.back().Load(stream);
-            EXPECT_EQ(sent.data, ZV_SavePayload(vecParts.back())) << "nothing its reader would drop";
-        }
-        return vecParts;
-    }
-};
-
-// The one 8012 the node sent for usFileID, and the record it carries.
-::testing::AssertionResult OnlyDataAsk(ZV_RecordingNode& node, uint16_t usFileID, ZV_FileDownloadInfo& asked)
-{
-    size_t nFound = 0;
-    for (const ZV_SentPdu& sent : node.host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST))
-    {
-        QB_ByteStream ask(sent.data.data(), (int32_t)sent.data.size());
-        if (ask.ReadU16() != usFileID)
-            continue;
-        ask.Skip(8);
-        LoadDelimited(ask, asked);
-        ++nFound;
-    }
-    if (nFound != 1)
-        return ::testing::AssertionFailure() << nFound << " data requests for " << usFileID;
-    return ::testing::AssertionSuccess();
+    for (const ZV_FileBriefInfo& brief : vecBrief)
+        batch.arrInfo.Add(brief);
+    return batch;
 }
 
-// Names every file opened through it.
+uint32_t Deliver(ZV_RecordingNode& node, uint16_t usPdu, const Bytes& data, const QB_UserID& from = kBob)
+{
+    return ZV_Deliver(node.mgr, usPdu, zvConfClientTypeCommand, data, 5, from);
+}
+ZV_FileShareSession& AddFile(ZV_RecordingNode& node, uint16_t usFileID, const ZV_FileBriefInfo& brief,
+                             int nNameBytes = 5)
+{
+    return ZV_AdoptFile(node.mgr, usFileID, node.tmp.Path().c_str(), brief, std::string((size_t)nNameBytes, 'n').c_str());
+}
+
+// Counts the files opened through it by the tail of their names.
 class OpenLog : public QB_FaultEnv
 {
 public:
@@ -134,6 +98,12 @@ public:
     std::vector<std::string> m_vecOpened;
 };
 
+struct SessionLists : ::testing::Test
+{
+    QB_FaultEnv env;
+    QB_ScopedEnv scoped{&env};
+};
+
 } // namespace
 
 // Entries that, as counted, fill the buffer to the byte go in one last
@@ -145,7 +115,7 @@ TEST_F(SessionLists, AListThatFillsTheBufferIsOnePieceAndOneEntryMoreIsTwo)
         SCOPED_TRACE(bUploads ? "upload list" : "download list");
         ZV_RecordingNode node(true);
         auto Named = [](uint16_t usFileID, int n) {
-            return Record(usFileID, "C:\\dl\\", std::string((size_t)n, 'n'), zvDownloadStateRunning);
+            return Record(usFileID, std::string((size_t)n, 'n'), zvDownloadStateRunning);
         };
         ZV_FileUploadInfo probe;
         probe.SetFileID(1);
@@ -165,12 +135,12 @@ TEST_F(SessionLists, AListThatFillsTheBufferIsOnePieceAndOneEntryMoreIsTwo)
             node.host.m_vecSent.clear();
             std::vector<std::pair<int, int>> vec;
             Deliver(node, bUploads ? PDU_CONF_GET_UPLOAD_SESSION_LIST_REQUEST : PDU_CONF_GET_DOWNLOAD_SESSION_LIST_REQUEST,
-                    ZV_Pdu().U16(3).User(kBob).b, kBob);
+                    ZV_Pdu().U16(3).User(kBob).b);
             if (bUploads)
-                for (const auto& part : Pieces<ZV_UploadListResponse>(node, PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE))
+                for (const auto& part : ZV_Pieces<ZV_UploadListResponse>(node.host, PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE))
                     vec.push_back({part.arrInfo.GetSize(), part.bLast});
             else
-                for (const auto& part : Pieces<ZV_DownloadListResponse>(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE))
+                for (const auto& part : ZV_Pieces<ZV_DownloadListResponse>(node.host, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE))
                     vec.push_back({part.arrInfo.GetSize(), part.arrModify.GetSize()});
             return vec;
         };
@@ -183,136 +153,70 @@ TEST_F(SessionLists, AListThatFillsTheBufferIsOnePieceAndOneEntryMoreIsTwo)
     }
 }
 
-// Listing a record rests it; a record of a file shared anew under its
-// FileID is marked once and renamed to the file as it is now; a record
-// whose user lost the right goes here and on every linked server, and is
-// listed all the same, unless its flood was seen already.
+// Listing rests a record; one of a file shared anew is marked once; one whose
+// user lost the right goes everywhere and is listed, unless its flood was seen.
 TEST_F(SessionLists, AServerRestsRenewsOrWithdrawsEachRecordItLists)
 {
     ZV_RecordingNode node(true);
     node.host.m_bHasServerLinks = true;
     ZV_FileShareSession& same = AddFile(node, 5, Brief(true));
-    same.SetDownloadInfo(kBob, Record(5, "C:\\dl\\", "same.bin", zvDownloadStateRunning));
+    same.SetDownloadInfo(kBob, Record(5, "same.bin", zvDownloadStateRunning));
     ZV_FileShareSession& anew = AddFile(node, 6, Brief(true));
-    anew.SetDownloadInfo(kBob, Record(6, "C:\\dl\\", "anew.bin", zvDownloadStateRunning, 19));
+    anew.SetDownloadInfo(kBob, Record(6, "anew.bin", zvDownloadStateRunning, 19));
     ZV_FileShareSession& hidden = AddFile(node, 7, Brief(false, &kCarol));
-    hidden.SetDownloadInfo(kBob, Record(7, "C:\\dl\\", "hidden.bin", zvDownloadStateRunning));
-    AddFile(node, 8, Brief(true)).SetDownloadInfo(kCarol, Record(8, "C:\\dl\\", "carol.bin", zvDownloadStateRunning));
-    ZV_FileShareSession& granted = AddFile(node, 4, Brief(false, &kBob));
-    granted.SetDownloadInfo(kBob, Record(4, "C:\\dl\\", "granted.bin", zvDownloadStateRunning));
-
-    const Bytes vbAsk = ZV_Pdu().U16(0).User(kBob).b;
-    Deliver(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_REQUEST, vbAsk, kBob);
-    auto vecParts = Pieces<ZV_DownloadListResponse>(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE);
-    ASSERT_EQ(1u, vecParts.size());
-    std::map<uint16_t, bool> mapModify;
-    for (int i = 0; i < vecParts[0].arrInfo.GetSize(); ++i)
-        mapModify[vecParts[0].arrInfo[i].m_usFileID] = vecParts[0].arrModify[i];
-    EXPECT_EQ((std::map<uint16_t, bool>{{4, false}, {5, false}, {6, true}, {7, false}}), mapModify);
-    EXPECT_FALSE(Held(same, kBob).m_bActive) << "nothing is sent until Bob asks again";
-    EXPECT_TRUE(Held(anew, kBob).m_dtShareTime == SharedOn(20));
-    ZV_FileDownloadInfo gone;
-    EXPECT_FALSE(ZV_FileShareSessionPeer::Downloads(hidden).Lookup(kBob, gone));
+    hidden.SetDownloadInfo(kBob, Record(7, "hidden.bin", zvDownloadStateRunning));
+    AddFile(node, 8, Brief(true)).SetDownloadInfo(kCarol, Record(8, "carol.bin", zvDownloadStateRunning));
+    AddFile(node, 4, Brief(false, &kBob)).SetDownloadInfo(kBob, Record(4, "granted.bin", zvDownloadStateRunning));
+    // Per FileID listed, its mark.
+    auto Listed = [&]() {
+        node.host.m_vecSent.clear();
+        Deliver(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_REQUEST, ZV_Pdu().U16(0).User(kBob).b);
+        std::map<uint16_t, bool> mapModify;
+        for (const auto& part : ZV_Pieces<ZV_DownloadListResponse>(node.host, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE))
+            for (int i = 0; i < part.arrInfo.GetSize(); ++i)
+                mapModify[part.arrInfo[i].m_usFileID] = part.arrModify[i];
+        return mapModify;
+    };
+    EXPECT_EQ((std::map<uint16_t, bool>{{4, false}, {5, false}, {6, true}, {7, false}}), Listed());
+    EXPECT_FALSE(same.FindDownloadEntry(kBob)->m_bActive) << "nothing is sent until Bob asks again";
+    EXPECT_TRUE(anew.FindDownloadEntry(kBob)->m_dtShareTime == SharedOn(20));
+    EXPECT_EQ(nullptr, hidden.FindDownloadEntry(kBob));
     const auto vecDrop = node.host.SentOf(PDU_CONF_FS_DEL_DOWNLOAD_REQUEST);
     ASSERT_EQ(1u, vecDrop.size());
     EXPECT_EQ("servers", vecDrop[0].sRoute);
     EXPECT_EQ(ZV_Pdu().U16(7).U16(7).User(kBob).U32(100).b, vecDrop[0].data);
+    EXPECT_EQ((std::map<uint16_t, bool>{{4, false}, {5, false}, {6, false}}), Listed()) << "renewed once";
 
-    node.host.m_vecSent.clear();
-    Deliver(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_REQUEST, vbAsk, kBob);
-    vecParts = Pieces<ZV_DownloadListResponse>(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE);
-    ASSERT_EQ(1u, vecParts.size());
-    ASSERT_EQ(3, vecParts[0].arrModify.GetSize());
-    EXPECT_FALSE(vecParts[0].arrModify[0] || vecParts[0].arrModify[1] || vecParts[0].arrModify[2])
-        << "a renewed record restarts once";
-
-    node.host.m_vecSent.clear();
     ZV_FileShareSession& seen = AddFile(node, 9, Brief(false));
-    seen.SetDownloadInfo(kBob, Record(9, "C:\\dl\\", "seen.bin", zvDownloadStateRunning));
+    seen.SetDownloadInfo(kBob, Record(9, "seen.bin", zvDownloadStateRunning));
     node.host.m_setFloodSeen.insert({(uint64_t)kBob.m_ulMain << 32, node.host.m_ulNextFloodSeq});
-    Deliver(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_REQUEST, vbAsk, kBob);
-    vecParts = Pieces<ZV_DownloadListResponse>(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE);
-    ASSERT_EQ(1u, vecParts.size());
-    EXPECT_EQ(3, vecParts[0].arrInfo.GetSize()) << "the seen record is not listed";
-    EXPECT_TRUE(ZV_FileShareSessionPeer::Downloads(seen).Lookup(kBob, gone)) << "and stays";
+    EXPECT_EQ(3u, Listed().size()) << "the seen record is not listed";
+    EXPECT_NE(nullptr, seen.FindDownloadEntry(kBob)) << "and stays";
     EXPECT_TRUE(node.host.SentOf(PDU_CONF_FS_DEL_DOWNLOAD_REQUEST).empty());
 }
 
-// A client told of a record whose file it may no longer have: the partial
-// file goes, the finished one stays, neither asks for blocks or raises a
-// state, and the file is no longer busy. A file whose allowed list names
-// the user first resumes where its local file stands.
-TEST_F(SessionLists, AClientGivesUpAListedDownloadWhoseRightIsGone)
+// A file the server no longer lists goes from the client; a finished
+// download stays, its path kept so that the user can still delete it.
+TEST_F(SessionLists, AClientDropsAnUnlistedFileButKeepsAFinishedDownloadToDelete)
 {
     ZV_RecordingNode node(false);
-    const std::string sFolder = ClientWithFolder(node);
-    ZV_DownloadListResponse list;
-    list.user = node.host.m_LocalUser;
-    const struct { uint16_t usFileID; bool bAllowed; uint16_t usState; const char* pszName;
-                   } aFiles[] = {{5, false, zvDownloadStateRunning, "partial.bin"},
-                  {6, false, zvDownloadStateFinished, "finished.bin"},
-                  {7, true, zvDownloadStateRunning, "allowed.bin"}};
-    for (const auto& file : aFiles)
-    {
-        ZV_FileShareSession& session =
-            AddFile(node, file.usFileID, Brief(false, file.bAllowed ? &node.host.m_LocalUser : nullptr));
-        ZV_FileDownloadInfo record = Record(file.usFileID, sFolder, file.pszName, file.usState);
-        record.SetUserID(node.host.m_LocalUser);
-        Peer::LocalDownload(session) = record;
-        QB_WriteWholeFile(node.tmp.Sub(std::string("dl/") + file.pszName),
-                          ZV_TestBytes(file.usState == zvDownloadStateFinished ? 5000 : 1200, file.usFileID));
-        ZV_FileShareMgrPeer::BusyFileIDs(node.mgr).Add(file.usFileID);
-        list.arrInfo.Add(record);
-        list.arrModify.Add(false);
-    }
-    Deliver(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE, ZV_SavePayload(list), kBob);
-
-    EXPECT_FALSE(std::filesystem::exists(node.tmp.Sub("dl/partial.bin")));
-    EXPECT_TRUE(std::filesystem::exists(node.tmp.Sub("dl/finished.bin")));
-    EXPECT_EQ(1, ZV_FileShareMgrPeer::BusyFileIDs(node.mgr).GetSize());
-    ZV_FileDownloadInfo asked;
-    ASSERT_TRUE(OnlyDataAsk(node, 7, asked));
-    EXPECT_EQ(1200u, asked.m_ulDownloadPos);
-    size_t nStates = 0;
-    for (const ZV_RaisedEvent& event : node.host.m_vecEvents)
-        nStates += event.usEvent == zvFsEventDownloadState;
-    EXPECT_EQ(1u, nStates);
-}
-
-// A file the server no longer lists goes from the client, and with it a
-// partial download; a finished one stays, and its path is kept so that the
-// user can still delete it later.
-TEST_F(SessionLists, AClientDropsEveryUnlistedFileKeepingOnlyAFinishedDownload)
-{
-    ZV_RecordingNode node(false);
-    const std::string sFolder = ClientWithFolder(node);
-    const struct { uint16_t usFileID; uint16_t usState; const char* pszName;
-                   } aFiles[] = {{5, zvDownloadStateFinished, "finished.bin"}, {6, zvDownloadStateRunning, "partial.bin"}};
-    for (const auto& file : aFiles)
-    {
-        ZV_FileShareSession& session = AddFile(node, file.usFileID, Brief(true));
-        Peer::LocalDownload(session) = Record(file.usFileID, sFolder, file.pszName, file.usState);
-        QB_WriteWholeFile(node.tmp.Sub(std::string("dl/") + file.pszName), ZV_TestBytes(100, 1));
-    }
+    ASSERT_EQ(0u, node.mgr.Initialize());
+    std::filesystem::create_directories(node.tmp.Sub("dl"));
+    const std::string sFolder = QB_StringU8(QB_ToWindowsPath(node.tmp.Sub("dl/"))).GetString();
+    Peer::LocalDownload(AddFile(node, 5, Brief(true))) = Record(5, "5.bin", zvDownloadStateFinished, 20, sFolder);
+    QB_WriteWholeFile(node.tmp.Sub("dl/5.bin"), ZV_TestBytes(100, 1));
     ZV_UploadListResponse list;
     list.user = node.host.m_LocalUser;
     list.bLast = 1;
-    Deliver(node, PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE, ZV_SavePayload(list), kBob);
-
+    Deliver(node, PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE, ZV_SavePayload(list));
     EXPECT_EQ(0, ZV_FileShareMgrPeer::Sessions(node.mgr).GetCount());
-    EXPECT_TRUE(std::filesystem::exists(node.tmp.Sub("dl/finished.bin")));
-    EXPECT_FALSE(std::filesystem::exists(node.tmp.Sub("dl/partial.bin")));
-    size_t nGone = 0;
-    for (const ZV_RaisedEvent& event : node.host.m_vecEvents)
-        nGone += event.usEvent == zvFsEventFileGone;
-    EXPECT_EQ(2u, nGone);
+    EXPECT_TRUE(std::filesystem::exists(node.tmp.Sub("dl/5.bin")));
     EXPECT_EQ(0u, node.mgr.FsDelDownload(5, 1));
-    EXPECT_FALSE(std::filesystem::exists(node.tmp.Sub("dl/finished.bin")));
+    EXPECT_FALSE(std::filesystem::exists(node.tmp.Sub("dl/5.bin")));
 }
 
-// Each upload list a client takes is told in 3013 with the files it names
-// and, for each, how much of it the server holds in ten-thousandths (an
-// empty file is whole); nothing of an earlier list comes along.
+// 3013 tells each list in ten-thousandths held (an empty file is whole) and
+// each batch in percent, with nothing of an earlier one.
 TEST_F(SessionLists, AClientTellsEachUploadListWithItsOwnFilesAndHowMuchOfEachTheServerHolds)
 {
     ZV_RecordingNode node(false);
@@ -320,7 +224,7 @@ TEST_F(SessionLists, AClientTellsEachUploadListWithItsOwnFilesAndHowMuchOfEachTh
     using Told = std::vector<std::pair<uint16_t, double>>;
     auto Deliver3013 = [&](uint16_t usPdu, const Bytes& data) {
         node.host.m_vecEvents.clear();
-        Deliver(node, usPdu, data, kBob);
+        Deliver(node, usPdu, data);
         Told told;
         for (const ZV_RaisedEvent& event : node.host.m_vecEvents)
         {
@@ -337,11 +241,9 @@ TEST_F(SessionLists, AClientTellsEachUploadListWithItsOwnFilesAndHowMuchOfEachTh
         list.user = node.host.m_LocalUser;
         for (const auto& [ulFileID, ulLength, ulMaxPos] : vecFiles)
         {
-            ZV_FileBriefInfo brief = Brief(true);
-            brief.SetFileLenth(ulLength);
             ZV_FileUploadInfo info;
             info.SetFileID((uint16_t)ulFileID);
-            info.SetBriefInfo(brief);
+            info.SetBriefInfo(Brief(true, nullptr, ulLength));
             list.arrInfo.Add(info);
             list.arrMaxPos.Add(ulMaxPos);
         }
@@ -349,35 +251,18 @@ TEST_F(SessionLists, AClientTellsEachUploadListWithItsOwnFilesAndHowMuchOfEachTh
     };
     EXPECT_EQ((Told{{5, 2500.0}, {6, 10000.0}}), Take({{5, 4000, 1000}, {6, 0, 0}}));
     EXPECT_EQ((Told{{7, 5000.0}}), Take({{7, 4000, 2000}}));
-
-    // A batch told after a list carries its own file alone, in percent; a
-    // description without a FileID beside it is told of no file.
-    ZV_AddFilesResponse batch;
-    batch.user = kAnn;
-    batch.arrFileID.Add(8);
-    batch.arrPos.Add(1000);
-    ZV_FileBriefInfo brief = Brief(true);
-    brief.SetFileLenth(4000);
-    batch.arrInfo.Add(brief);
-    batch.arrInfo.Add(brief);
-    EXPECT_EQ((Told{{8, 25.0}}), Deliver3013(PDU_CONF_FS_ADD_FILES_RESPONSE, ZV_SavePayload(batch)));
-
-    // A file of the user's own whose copy cannot be opened (it went from
-    // the disk after it was shared) hides none of the files behind it; the
-    // upload asked for it fails, told after the batch.
+    // A description without a FileID beside it is told of no file.
+    const ZV_FileBriefInfo brief = Brief(true, nullptr, 4000);
+    EXPECT_EQ((Told{{8, 25.0}}),
+              Deliver3013(PDU_CONF_FS_ADD_FILES_RESPONSE, ZV_SavePayload(Batch({{8, 1000}}, {brief, brief}))));
+    // A file of the user's own whose copy went from the disk hides none of
+    // the files behind it; the upload asked for it fails, told after the batch.
     ZV_FileBriefInfo own = brief;
     own.SetCreatorID(node.host.m_LocalUser);
     own.SetFilePath(QB_StringU8("C:\\gone\\"));
     ASSERT_TRUE(ZV_FileShareMgrPeer::Ledger(node.mgr).Remember(node.host.m_ulConfID, own, {5, 9}));
-    ZV_AddFilesResponse mixed;
-    mixed.user = kAnn;
+    ZV_AddFilesResponse mixed = Batch({{9, 1000}, {10, 4000}}, {own, brief});
     mixed.bStartUpload = 1;
-    mixed.arrFileID.Add(9);
-    mixed.arrFileID.Add(10);
-    mixed.arrPos.Add(1000);
-    mixed.arrPos.Add(4000);
-    mixed.arrInfo.Add(own);
-    mixed.arrInfo.Add(brief);
     EXPECT_EQ((Told{{9, 25.0}, {10, 100.0}}), Deliver3013(PDU_CONF_FS_ADD_FILES_RESPONSE, ZV_SavePayload(mixed)));
     EXPECT_NE(nullptr, ZV_FileShareMgrPeer::Find(node.mgr, 10));
     ASSERT_FALSE(node.host.m_vecEvents.empty());
@@ -386,6 +271,7 @@ TEST_F(SessionLists, AClientTellsEachUploadListWithItsOwnFilesAndHowMuchOfEachTh
 
 // A user who enters at this server is sent both lists on the command
 // connection unasked; one homed on another server is its server's to serve.
+// A server's view is its store: an upload list sent to it changes nothing.
 TEST_F(SessionLists, AServerPushesBothListsToAUserWhoEntersThereOnlyAndTakesNoUploadList)
 {
     ZV_RecordingNode node(true);
@@ -394,25 +280,21 @@ TEST_F(SessionLists, AServerPushesBothListsToAUserWhoEntersThereOnlyAndTakesNoUp
     node.host.AddUser(kCarol, node.host.m_ulServerID + 1, "Carol");
     node.host.m_mapUserConn[{kBob.m_ulMain, kBob.m_ulSub}] = 33;
     node.host.m_mapUserConn[{kCarol.m_ulMain, kCarol.m_ulSub}] = 34;
-    AddFile(node, 5, Brief(true)).SetDownloadInfo(kBob, Record(5, "C:\\dl\\", "5.bin", zvDownloadStateRunning));
-    AddFile(node, 6, Brief(true)).SetDownloadInfo(kCarol, Record(6, "C:\\dl\\", "6.bin", zvDownloadStateRunning));
-
+    AddFile(node, 5, Brief(true)).SetDownloadInfo(kBob, Record(5, "5.bin", zvDownloadStateRunning));
+    AddFile(node, 6, Brief(true)).SetDownloadInfo(kCarol, Record(6, "6.bin", zvDownloadStateRunning));
     EXPECT_EQ(0u, node.mgr.OnEvent(zvConfEventUserEnter, 0, (uintptr_t)&kCarol, 0, 0));
     EXPECT_TRUE(node.host.m_vecSent.empty());
 
     EXPECT_EQ(0u, node.mgr.OnEvent(zvConfEventUserEnter, 0, (uintptr_t)&kBob, 0, 0));
-    const auto vecUploads = Pieces<ZV_UploadListResponse>(node, PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE);
-    const auto vecDownloads = Pieces<ZV_DownloadListResponse>(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE);
-    ASSERT_EQ(1u, vecUploads.size());
-    ASSERT_EQ(1u, vecDownloads.size());
+    const auto vecUploads = ZV_Pieces<ZV_UploadListResponse>(node.host, PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE);
+    const auto vecDownloads = ZV_Pieces<ZV_DownloadListResponse>(node.host, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE);
+    ASSERT_TRUE(vecUploads.size() == 1 && vecDownloads.size() == 1);
     EXPECT_EQ(2, vecUploads[0].arrInfo.GetSize());
     ASSERT_EQ(1, vecDownloads[0].arrInfo.GetSize());
     EXPECT_EQ(5, vecDownloads[0].arrInfo[0].m_usFileID);
     for (const ZV_SentPdu& sent : node.host.m_vecSent)
         EXPECT_EQ(33u, sent.ulConn) << sent.usPdu;
 
-    // A server's view is its store: an upload list sent to it, even on a
-    // server link, is taken as handled and changes nothing.
     ZV_UploadListResponse list;
     list.user = kBob;
     ZV_FileUploadInfo info;
@@ -427,9 +309,8 @@ TEST_F(SessionLists, AServerPushesBothListsToAUserWhoEntersThereOnlyAndTakesNoUp
     EXPECT_TRUE(node.host.m_vecEvents.empty());
 }
 
-// A creator who enters while a file's upload is unfinished uploads it again
-// from its own client: this server is no longer a downloader of the file,
-// and tells the other servers so once, with the flags 1, 0.
+// A creator who enters mid-upload uploads again: this server stops fetching
+// and tells the other servers once, with the flags 1, 0.
 TEST_F(SessionLists, ACreatorWhoEntersWithAnUnfinishedUploadEndsThisServersFetchWithOneNotice)
 {
     ZV_RecordingNode node(true);
@@ -441,7 +322,7 @@ TEST_F(SessionLists, ACreatorWhoEntersWithAnUnfinishedUploadEndsThisServersFetch
     brief.SetFileState(zvFileStateUploading);
     const QB_UserID self(node.host.m_ulServerID, 0);
     ZV_FileShareSession& session = AddFile(node, 5, brief);
-    session.SetDownloadInfo(self, Record(5, "C:\\store\\", "n", zvDownloadStateRunning));
+    session.SetDownloadInfo(self, Record(5, "n", zvDownloadStateRunning, 20, "C:\\store\\"));
 
     EXPECT_EQ(0u, node.mgr.OnEvent(zvConfEventUserEnter, 0, (uintptr_t)&kAnn, 0, 0));
     const auto vecNotice = node.host.SentOf(PDU_CONF_FS_NOTICE_DEL_DOWNLOAD_INFO_REQUEST);
@@ -449,16 +330,12 @@ TEST_F(SessionLists, ACreatorWhoEntersWithAnUnfinishedUploadEndsThisServersFetch
     EXPECT_EQ("servers", vecNotice[0].sRoute);
     // The conference word, the FileID, this server, the flood's number.
     EXPECT_EQ(ZV_FromHex("07 00 05 00 01 00 00 00 00 00 00 00 64 00 00 00"), vecNotice[0].data);
-    EXPECT_EQ(1, vecNotice[0].bFlag1);
-    EXPECT_EQ(0, vecNotice[0].bFlag2);
-    ZV_FileDownloadInfo info;
-    EXPECT_FALSE(ZV_FileShareSessionPeer::Downloads(session).Lookup(self, info));
+    EXPECT_TRUE(vecNotice[0].bFlag1 == 1 && vecNotice[0].bFlag2 == 0);
+    EXPECT_EQ(nullptr, session.FindDownloadEntry(self));
 }
 
-// A batch gathered over several 8056s is told in as few 3013 events as the
-// event buffer holds: files whose entries, as counted, fill it to the byte
-// are one event; one file more makes two, the second holding one file. A
-// file the answer gives no position for is told at 0.
+// A batch over several 8056s fills one 3013 to the byte; one file more makes
+// two; a file without a position is told at 0.
 TEST_F(SessionLists, ABatchThatFillsTheEventBufferIsOneEventAndOneFileMoreIsTwo)
 {
     auto Named = [](int n) {
@@ -469,84 +346,84 @@ TEST_F(SessionLists, ABatchThatFillsTheEventBufferIsOneEventAndOneFileMoreIsTwo)
     // Event number, result, and three counts of at most five bytes each.
     const std::vector<int> vecName =
         ZV_NamesThatFill(2 + 4 + 3 * 5, [&](int n) { return Named(n).GetSaveSize() + 4 + 2 + 8; });
-    auto Told = [&](ZV_RecordingNode& node, uint16_t usFirst, size_t nFiles) {
+    ZV_RecordingNode node(false);
+    ASSERT_EQ(0u, node.mgr.Initialize());
+    // Per event: its files and their rates.
+    auto Told = [&](uint16_t usFirst, size_t nFiles) {
+        node.host.m_vecEvents.clear();
         for (size_t i = 0; i < nFiles; ++i)
         {
-            ZV_AddFilesResponse piece;
-            piece.user = kAnn;
+            ZV_AddFilesResponse piece = Batch({}, {Named(i < vecName.size() ? vecName[i] : 1)});
             piece.arrFileID.Add((uint16_t)(usFirst + i));
-            piece.arrInfo.Add(Named(i < vecName.size() ? vecName[i] : 1));
             piece.bLast = i + 1 == nFiles;
             Deliver(node, PDU_CONF_FS_ADD_FILES_RESPONSE, ZV_SavePayload(piece), kAnn);
         }
-        std::vector<std::pair<int, std::vector<double>>> vecTold;
+        std::vector<std::pair<size_t, std::vector<double>>> vecTold;
         for (const ZV_RaisedEvent& event : node.host.m_vecEvents)
-        {
-            if (event.usEvent != zvFsEventFilesAdded)
-                continue;
-            EXPECT_LE(event.data.size(), (size_t)QB_PDU_BUFFER_SIZE);
-            const ZV_FilesAddedEvent one = ZV_ReadFilesAdded(event.data);
-            vecTold.push_back({(int)one.vecFileID.size(), one.vecRate});
-        }
+            if (event.usEvent == zvFsEventFilesAdded)
+            {
+                EXPECT_LE(event.data.size(), (size_t)QB_PDU_BUFFER_SIZE);
+                const ZV_FilesAddedEvent one = ZV_ReadFilesAdded(event.data);
+                vecTold.push_back({one.vecFileID.size(), one.vecRate});
+            }
         return vecTold;
     };
-    ZV_RecordingNode node(false);
-    ASSERT_EQ(0u, node.mgr.Initialize());
-    auto vecTold = Told(node, 1, vecName.size());
-    ASSERT_EQ(1u, vecTold.size());
-    EXPECT_EQ((int)vecName.size(), vecTold[0].first);
-    EXPECT_EQ(std::vector<double>(vecName.size(), 0.0), vecTold[0].second);
-
-    node.host.m_vecEvents.clear();
-    vecTold = Told(node, 100, vecName.size() + 1);
-    ASSERT_EQ(2u, vecTold.size());
-    EXPECT_EQ((int)vecName.size(), vecTold[0].first);
-    EXPECT_EQ(1, vecTold[1].first);
+    const size_t n = vecName.size();
+    using Events = std::vector<std::pair<size_t, std::vector<double>>>;
+    EXPECT_EQ((Events{{n, std::vector<double>(n, 0.0)}}), Told(1, n));
+    EXPECT_EQ((Events{{n, std::vector<double>(n, 0.0)}, {1, {0.0}}}), Told(100, n + 1));
 }
 
-// A client takes its own downloads in the list as its disk and its stops
-// say: a finished one whose file is whole stays finished, one whose file
-// was moved away is no failure, one that arrived whole while the link was
-// down is finished, and one stopped while the link was down is stopped at
-// the server too.
+// Finished and whole, finished and moved away, whole while the link was down,
+// stopped or run while it was down, right withdrawn or granted by name: each
+// is taken as the disk, the stop and the right say.
 TEST_F(SessionLists, AClientTakesItsListedDownloadsAsItsDiskAndItsStopsSay)
 {
     ZV_RecordingNode node(false);
-    const std::string sFolder = ClientWithFolder(node);
+    ASSERT_EQ(0u, node.mgr.Initialize());
+    std::filesystem::create_directories(node.tmp.Sub("dl"));
+    const std::string sFolder = QB_StringU8(QB_ToWindowsPath(node.tmp.Sub("dl/"))).GetString();
     const QB_UserID me = node.host.m_LocalUser;
-    const struct { uint16_t usFileID; uint16_t usHeld; uint16_t usListed; size_t nOnDisk;
-                   } aFiles[] = {{5, zvDownloadStateFinished, zvDownloadStateFinished, 5000},
-                  {6, zvDownloadStateFinished, zvDownloadStateFinished, 0},
-                  {7, zvDownloadStateStopped, zvDownloadStateRunning, 1200},
-                  {8, zvDownloadStateRunning, zvDownloadStateRunning, 5000},
-                  {9, zvDownloadStateNew, zvDownloadStateRunning, 0},
-                  {10, zvDownloadStateRunning, zvDownloadStateStopped, 1000}};
+    // The right to the last three is the user's no longer, or by name.
+    enum { kPublic, kWithdrawn, kNamed };
+    const struct { uint16_t usFileID; uint16_t usHeld; uint16_t usListed; size_t nOnDisk; int nRight;
+                   } aFiles[] = {{5, zvDownloadStateFinished, zvDownloadStateFinished, 5000, kPublic},
+                  {6, zvDownloadStateFinished, zvDownloadStateFinished, 0, kPublic},
+                  {7, zvDownloadStateStopped, zvDownloadStateRunning, 1200, kPublic},
+                  {8, zvDownloadStateRunning, zvDownloadStateRunning, 5000, kPublic},
+                  {9, zvDownloadStateNew, zvDownloadStateRunning, 0, kPublic},
+                  {10, zvDownloadStateRunning, zvDownloadStateStopped, 1000, kPublic},
+                  {11, zvDownloadStateRunning, zvDownloadStateRunning, 1200, kWithdrawn},
+                  {12, zvDownloadStateFinished, zvDownloadStateFinished, 5000, kWithdrawn},
+                  {13, zvDownloadStateRunning, zvDownloadStateRunning, 1200, kNamed}};
     ZV_DownloadListResponse list;
     list.user = me;
     for (const auto& file : aFiles)
     {
         const std::string sName = std::to_string(file.usFileID) + ".bin";
-        ZV_FileShareSession& session = AddFile(node, file.usFileID, Brief(true));
-        ZV_FileDownloadInfo record = Record(file.usFileID, sFolder, sName, file.usListed);
+        ZV_FileDownloadInfo record = Record(file.usFileID, sName, file.usListed, 20, sFolder);
         record.SetUserID(me);
         record.SetDownloadPos(file.usListed == zvDownloadStateFinished ? 5000 : 0);
         list.arrInfo.Add(record);
+        list.arrModify.Add(false);
         record.SetState(file.usHeld);
-        Peer::LocalDownload(session) = record;
+        Peer::LocalDownload(AddFile(node, file.usFileID,
+                                    Brief(file.nRight == kPublic, file.nRight == kNamed ? &me : nullptr))) = record;
+        ZV_FileShareMgrPeer::BusyFileIDs(node.mgr).Add(file.usFileID);
         if (file.nOnDisk > 0)
             QB_WriteWholeFile(node.tmp.Sub("dl/" + sName), ZV_TestBytes(file.nOnDisk, file.usFileID));
-        list.arrModify.Add(false);
     }
     OpenLog env;
     {
         QB_ScopedEnv install(&env);
-        Deliver(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE, ZV_SavePayload(list), kBob);
+        Deliver(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE, ZV_SavePayload(list));
     }
     EXPECT_EQ(0, env.Opened("\\5.bin")) << "a finished download whole on disk is measured, not opened";
     EXPECT_GT(env.Opened("\\8.bin"), 0) << "one that will be written is opened";
     EXPECT_EQ(1u, QB_OpenHandlesTo(node.tmp.Sub("dl/8.bin"))) << "a running one holds its own";
 
-    std::map<uint16_t, std::pair<uint32_t, double>> mapState;
+    using State = std::pair<uint32_t, double>;
+    std::map<uint16_t, State> mapState;
     for (const ZV_RaisedEvent& event : node.host.m_vecEvents)
     {
         QB_ByteStream stream(event.data.data(), (int32_t)event.data.size());
@@ -558,26 +435,25 @@ TEST_F(SessionLists, AClientTakesItsListedDownloadsAsItsDiskAndItsStopsSay)
         LoadDelimited(stream, record);
         mapState[usFileID] = {ulResult, stream.ReadDouble()};
     }
-    using State = std::pair<uint32_t, double>;
-    EXPECT_EQ((std::map<uint16_t, State>{
-                  {5, {0, 100.0}}, {6, {0, 100.0}}, {7, {0, 24.0}}, {8, {0, 100.0}}, {10, {0, 20.0}}}),
-              mapState);
-    // A download this client never had an answer for is given up; one it
-    // ran while the server had it stopped is resumed there.
-    const auto vecDrops = node.host.SentOf(PDU_CONF_FS_DEL_DOWNLOAD_REQUEST);
-    ASSERT_EQ(1u, vecDrops.size());
-    EXPECT_EQ(ZV_Pdu().U16(9).User(me).U32(0).b, vecDrops[0].data);
-    const auto vecStops = node.host.SentOf(PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST);
-    ASSERT_EQ(2u, vecStops.size());
-    EXPECT_EQ(ZV_Pdu().U16(7).User(me).U32(0).U8(1).b, vecStops[0].data);
-    EXPECT_EQ(ZV_Pdu().U16(10).User(me).U32(0).U8(0).b, vecStops[1].data);
-    ZV_FileDownloadInfo resumed;
-    ASSERT_TRUE(OnlyDataAsk(node, 10, resumed));
-    EXPECT_EQ(1000u, resumed.m_ulDownloadPos);
-    EXPECT_EQ(zvDownloadStateRunning, resumed.m_usState);
-    // The stopped one says where it stands, and that it stays stopped.
-    ZV_FileDownloadInfo asked;
-    ASSERT_TRUE(OnlyDataAsk(node, 7, asked));
-    EXPECT_EQ(1200u, asked.m_ulDownloadPos);
-    EXPECT_EQ(zvDownloadStateStopped, asked.m_usState);
+    EXPECT_EQ((std::map<uint16_t, State>{{5, {0, 100.0}}, {6, {0, 100.0}}, {7, {0, 24.0}}, {8, {0, 100.0}},
+                                         {10, {0, 20.0}}, {13, {0, 24.0}}}), mapState);
+    // A withdrawn download's partial file goes, a finished one stays; neither is busy.
+    EXPECT_FALSE(std::filesystem::exists(node.tmp.Sub("dl/11.bin")));
+    EXPECT_TRUE(std::filesystem::exists(node.tmp.Sub("dl/12.bin")));
+    EXPECT_TRUE(ZV_FileShareMgrPeer::BusyFileIDs(node.mgr).Find(11) < 0 && ZV_FileShareMgrPeer::BusyFileIDs(node.mgr).Find(12) < 0);
+    EXPECT_TRUE(ZV_DataAsks(node.host, 11).empty() && ZV_DataAsks(node.host, 12).empty());
+    // A download this client never had an answer for is given up.
+    EXPECT_EQ(std::vector<Bytes>{ZV_Pdu().U16(9).User(me).U32(0).b}, ZV_SentData(node.host, PDU_CONF_FS_DEL_DOWNLOAD_REQUEST));
+    EXPECT_EQ((std::vector<Bytes>{ZV_Pdu().U16(7).User(me).U32(0).U8(1).b, ZV_Pdu().U16(10).User(me).U32(0).U8(0).b}),
+              ZV_SentData(node.host, PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST));
+    // Each says where it stands, and the stopped one that it stays stopped.
+    for (const auto& [usFileID, ulPos, usState] : {std::tuple{10, 1000u, zvDownloadStateRunning},
+                                                   std::tuple{7, 1200u, zvDownloadStateStopped},
+                                                   std::tuple{13, 1200u, zvDownloadStateRunning}})
+    {
+        const auto vecAsked = ZV_DataAsks(node.host, (uint16_t)usFileID);
+        ASSERT_EQ(1u, vecAsked.size()) << usFileID;
+        EXPECT_EQ(ulPos, vecAsked[0].m_ulDownloadPos) << usFileID;
+        EXPECT_EQ(usState, vecAsked[0].m_usState) << usFileID;
+    }
 }

@@ -11,6 +11,7 @@
 
 namespace {
 
+using Peer = ZV_FileShareSessionPeer;
 const QB_UserID kAlice(10001, 0);  // the creator: commands on 11, data on 12
 const QB_UserID kBob(10002, 0);
 
@@ -29,7 +30,7 @@ Bytes Answer(uint32_t ulResult, uint32_t ulPos, const QB_UserID& user = kAlice)
     return Pdu().U16(5).U32(ulResult).U16(5).User(user).U32(0).U32(ulPos).b;
 }
 
-struct UploadFixture : public ::testing::Test
+struct Upload : public ::testing::Test
 {
     QB_FaultEnv env;
     QB_ScopedEnv scoped{&env};
@@ -39,8 +40,8 @@ struct UploadFixture : public ::testing::Test
     ZV_FileShareSession* lpSession = nullptr;
     Bytes data;
 
-    UploadFixture() { QB_SetEnvironmentVariable("ROOMCRATE_HOME", tmp.Path().c_str()); }
-    ~UploadFixture() override { QB_SetEnvironmentVariable("ROOMCRATE_HOME", nullptr); }
+    Upload() { QB_SetEnvironmentVariable("ROOMCRATE_HOME", tmp.Path().c_str()); }
+    ~Upload() override { QB_SetEnvironmentVariable("ROOMCRATE_HOME", nullptr); }
 
     // Alice's "song.ogg" of nSize bytes as FileID 5: on a client her local
     // file, opened as the add leaves it; on a server the store, not yet made.
@@ -62,11 +63,11 @@ struct UploadFixture : public ::testing::Test
         if (bServer)
             return;
         QB_WriteWholeFile(tmp.Sub("song.ogg"), data);
-        ZV_FileShareSessionPeer::File(*lpSession).Open(tmp.SubW("song.ogg"), QB_FILE_READ | QB_FILE_OPEN_EXISTING);
+        Peer::File(*lpSession).Open(tmp.SubW("song.ogg"), QB_FILE_READ | QB_FILE_OPEN_EXISTING);
         // Her share, as her FsAdd leaves it in the share record.
-        ZV_FileShareSessionPeer::BriefInfo(*lpSession).SetFilePath(tmp.SubW(""));
-        ZV_FileShareSessionPeer::BriefInfo(*lpSession).SetFileOldName(QB_StringU8("song.ogg"));
-        ZV_FileShareMgrPeer::Ledger(mgr).Remember(host.m_ulConfID, ZV_FileShareSessionPeer::BriefInfo(*lpSession), {});
+        Peer::BriefInfo(*lpSession).SetFilePath(tmp.SubW(""));
+        Peer::BriefInfo(*lpSession).SetFileOldName(QB_StringU8("song.ogg"));
+        ZV_FileShareMgrPeer::Ledger(mgr).Remember(host.m_ulConfID, Peer::BriefInfo(*lpSession), {});
     }
     uint32_t Deliver(uint16_t usPdu, const Bytes& payload, const QB_UserID& peer = kAlice, uint32_t ulConn = 100024)
     {
@@ -86,11 +87,9 @@ struct UploadFixture : public ::testing::Test
         return std::string(log.begin(), log.end());
     }
     uint32_t FsUpload(uint16_t usFileID) { return static_cast<IZV_FileShareMgr&>(mgr).FsUpload(usFileID); }
-    const ZV_FileBriefInfo& Row() const { return ZV_FileShareSessionPeer::FileInfo(*lpSession).m_BriefInfo; }
+    const ZV_FileBriefInfo& Row() const { return Peer::FileInfo(*lpSession).m_BriefInfo; }
     Bytes Stored() const { return QB_ReadWholeFile(tmp.Sub("7/song.ogg")); }
 };
-
-using Upload = UploadFixture;
 
 } // namespace
 
@@ -116,7 +115,7 @@ TEST_F(Upload, FsUploadStartsThePumpWhichSendsThreeBlocksPerCallUntilTheSharedLe
         uint32_t ulPos = 0;
         for (size_t nBlocks : c.vecCalls)
         {
-            EXPECT_EQ(zvFileStateUploading, ZV_FileShareSessionPeer::BriefInfo(*lpSession).m_usFileState) << c.nSize;
+            EXPECT_EQ(zvFileStateUploading, Peer::BriefInfo(*lpSession).m_usFileState) << c.nSize;
             const auto vecBlocks = OnSend();
             ASSERT_EQ(nBlocks, vecBlocks.size()) << c.nSize;
             for (const auto& sent : vecBlocks)
@@ -126,7 +125,7 @@ TEST_F(Upload, FsUploadStartsThePumpWhichSendsThreeBlocksPerCallUntilTheSharedLe
                 ulPos += (uint32_t)std::min<size_t>(ZV_BLOCK_SIZE, c.nSize - ulPos);
             }
         }
-        EXPECT_EQ(zvFileStateComplete, ZV_FileShareSessionPeer::BriefInfo(*lpSession).m_usFileState) << c.nSize;
+        EXPECT_EQ(zvFileStateComplete, Peer::BriefInfo(*lpSession).m_usFileState) << c.nSize;
         EXPECT_TRUE(OnSend().empty()) << c.nSize << ": nothing after the last block";
         EXPECT_TRUE(host.m_vecEvents.size() == 1 && ClientLog().empty()) << c.nSize;
     }
@@ -147,7 +146,7 @@ TEST_F(Upload, FsUploadRefusesUnknownAndReservedFilesAndSendsTheStartMarkerEvenW
     EXPECT_TRUE(host.m_vecSent[0].usPdu == PDU_CONF_FS_UPLOAD_REQUEST && host.m_vecSent[0].ulConn == 11);
 
     // A share she took back is not sent again on her word either.
-    ZV_FileShareMgrPeer::Ledger(mgr).Forget(host.m_ulConfID, ZV_FileShareSessionPeer::BriefInfo(*lpSession));
+    ZV_FileShareMgrPeer::Ledger(mgr).Forget(host.m_ulConfID, Peer::BriefInfo(*lpSession));
     EXPECT_EQ(90u, FsUpload(5));
     EXPECT_EQ(1u, host.m_vecSent.size());
 }
@@ -166,7 +165,7 @@ TEST_F(Upload, ClientThatCannotReadItsFileFailsAndSaysSoUnlessTheServerHoldsItAl
         Make(false, 98305);
         data.resize(c.nShrunkTo);
         QB_WriteWholeFile(tmp.Sub("song.ogg"), data);
-        ZV_FileShareSessionPeer::MaxPos(*lpSession) = c.ulMaxPos;
+        Peer::MaxPos(*lpSession) = c.ulMaxPos;
         FsUpload(5);
         host.m_vecEvents.clear();
         if (c.eFault != QB_EnvOp::Count_)
@@ -174,9 +173,7 @@ TEST_F(Upload, ClientThatCannotReadItsFileFailsAndSaysSoUnlessTheServerHoldsItAl
         const bool bReported = c.ulMaxPos == 0;
         EXPECT_EQ(c.nSent, OnSend().size()) << c.szName;
         // With every byte at the server the upload is simply over.
-        EXPECT_EQ(bReported ? zvFileStateFailed : zvFileStateComplete,
-                  ZV_FileShareSessionPeer::BriefInfo(*lpSession).m_usFileState)
-            << c.szName;
+        EXPECT_EQ(bReported ? zvFileStateFailed : zvFileStateComplete, Peer::BriefInfo(*lpSession).m_usFileState) << c.szName;
         EXPECT_EQ(bReported ? Pdu().U16(5).User(kAlice).U32(0).U32(c.ulReadPos).b : Bytes(),
                   ZV_Joined(host.SentOf(PDU_CONF_FS_UPLOAD_ERROR_REQUEST))) << c.szName << ": 8035";
         EXPECT_EQ(bReported ? Pdu().U16(zvFsEventTransferError).U32(61).U16(5).b : Bytes(), ZV_Joined(host.m_vecEvents))
@@ -204,7 +201,7 @@ TEST_F(Upload, ServerTakesTheStartMarkerThenWritesOnlyAtItsWritePositionAsksOnce
     for (const auto& s : aSteps)
     {
         EXPECT_EQ(0u, Deliver(PDU_CONF_FS_UPLOAD_REQUEST, Block(s.ulPos, Slice(data, s.ulPos, ZV_BLOCK_SIZE))));
-        EXPECT_EQ(s.ulWritePos, ZV_FileShareSessionPeer::FileInfo(*lpSession).m_ulFileWritePos) << s.szName;
+        EXPECT_EQ(s.ulWritePos, Peer::FileInfo(*lpSession).m_ulFileWritePos) << s.szName;
         EXPECT_EQ(s.nAnswers, host.SentOf(PDU_CONF_FS_UPLOAD_RESPONSE).size()) << s.szName;
         EXPECT_EQ(Slice(data, 0, s.ulWritePos), Stored()) << s.szName;
     }
@@ -241,13 +238,11 @@ TEST_F(Upload, ServerRefusesABlockItCannotTakeAndTheNextBlockShowsWhatItRemember
 
         Deliver(PDU_CONF_FS_UPLOAD_REQUEST, Block(c.ulNextPos, Slice(data, c.ulNextPos, 100), c.sender), c.sender);
         EXPECT_EQ(1 + c.nNextAnswers, host.SentOf(PDU_CONF_FS_UPLOAD_RESPONSE).size()) << c.szName;
-        EXPECT_EQ(c.ulWritePos, ZV_FileShareSessionPeer::FileInfo(*lpSession).m_ulFileWritePos) << c.szName;
+        EXPECT_EQ(c.ulWritePos, Peer::FileInfo(*lpSession).m_ulFileWritePos) << c.szName;
         EXPECT_EQ(Slice(data, 0, c.ulWritePos), Stored()) << c.szName;
     }
 }
 
-// An answer about a FileID that names another's file by now (its own was
-// deleted and the number reused) is no news to this user.
 // An order to send (8006) needs the creator's copy, open and still known
 // as her share, unless the server already holds the whole file: then the
 // upload is simply over and nothing is read.
@@ -261,15 +256,15 @@ TEST_F(Upload, AnOrderToSendFailsWithoutTheCopyUnlessTheServerHoldsItAll)
     for (const auto& c : aCases)
     {
         Make(false, 1000);
-        ZV_FileShareSessionPeer::File(*lpSession).Close();
+        Peer::File(*lpSession).Close();
         std::filesystem::remove(tmp.Sub("song.ogg"));
         if (!c.bShareKept)
-            ZV_FileShareMgrPeer::Ledger(mgr).Forget(host.m_ulConfID, ZV_FileShareSessionPeer::BriefInfo(*lpSession));
-        ZV_FileShareSessionPeer::MaxPos(*lpSession) = c.ulMaxPos;
+            ZV_FileShareMgrPeer::Ledger(mgr).Forget(host.m_ulConfID, Peer::BriefInfo(*lpSession));
+        Peer::MaxPos(*lpSession) = c.ulMaxPos;
         Deliver(PDU_CONF_FS_UPLOAD_RESPONSE, Answer(0, 0));
         EXPECT_EQ(c.ulResult ? Pdu().U16(zvFsEventTransferError).U32(c.ulResult).U16(5).b : Bytes(),
                   ZV_Joined(host.m_vecEvents)) << c.szName;
-        EXPECT_EQ(c.ulResult ? 0 : zvFileStateComplete, ZV_FileShareSessionPeer::BriefInfo(*lpSession).m_usFileState)
+        EXPECT_EQ(c.ulResult ? 0 : zvFileStateComplete, Peer::BriefInfo(*lpSession).m_usFileState)
             << c.szName;
     }
 }
@@ -279,8 +274,8 @@ TEST_F(Upload, AClientTakesAnUploadAnswerOnlyAboutItsUsersOwnFile)
     for (const QB_UserID& creator : {kAlice, kBob})
     {
         Make(false, 10);
-        ZV_FileShareSessionPeer::BriefInfo(*lpSession).SetCreatorID(creator);
-        ZV_FileShareSessionPeer::BriefInfo(*lpSession).SetPublic(true);
+        Peer::BriefInfo(*lpSession).SetCreatorID(creator);
+        Peer::BriefInfo(*lpSession).SetPublic(true);
         Deliver(PDU_CONF_FS_UPLOAD_RESPONSE, Answer(40, 0));
         EXPECT_EQ(creator == kAlice ? Pdu().U16(zvFsEventTransferError).U32(40).U16(5).b : Bytes(),
                   ZV_Joined(host.m_vecEvents)) << creator.m_ulMain;
@@ -313,12 +308,12 @@ TEST_F(Upload, TheCreatorsClientKeepsItsOwnRunOrStopAgainstTheServersListAndTell
         SCOPED_TRACE(c.pszName);
         Make(false, 100000);
         host.AddUser(kAlice, host.m_ulServerID, "Alice");
-        ZV_FileShareSessionPeer::BriefInfo(*lpSession).SetFileState(c.usLocal);
+        Peer::BriefInfo(*lpSession).SetFileState(c.usLocal);
         ZV_UploadListResponse list;
         ZV_FileUploadInfo entry;
         entry.SetFileID(5);
         entry.SetFileWritePos(40000);
-        ZV_FileBriefInfo brief = ZV_FileShareSessionPeer::BriefInfo(*lpSession);
+        ZV_FileBriefInfo brief = Peer::BriefInfo(*lpSession);
         brief.SetFileState(c.usServer);
         entry.SetBriefInfo(brief);
         list.arrInfo.Add(entry);
@@ -329,12 +324,8 @@ TEST_F(Upload, TheCreatorsClientKeepsItsOwnRunOrStopAgainstTheServersListAndTell
         ZV_FsFileInfo info{};
         ASSERT_EQ(0u, static_cast<IZV_FileShareMgr&>(mgr).FsGetFileInfoByFileID(5, &info));
         EXPECT_EQ(c.usAfter, info.usFileState);
-        const auto vecStop = host.SentOf(PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST);
-        ASSERT_EQ(c.bStopSent ? 1u : 0u, vecStop.size());
-        if (c.bStopSent)
-        {
-            // Flood number 0, for the server to fill in.
-            EXPECT_EQ(Pdu().U16(5).User(kAlice).U32(0).U8(1).U32(40000).b, vecStop[0].data);
-        }
+        // Flood number 0, for the server to fill in.
+        EXPECT_EQ(std::vector<Bytes>(c.bStopSent ? 1 : 0, Pdu().U16(5).User(kAlice).U32(0).U8(1).U32(40000).b),
+                  ZV_SentData(host, PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST));
     }
 }
