@@ -23,38 +23,6 @@ namespace {
 
 std::u16string Wide(const QB_StringW& s) { return std::u16string(s.View()); }
 
-// One operation of the given kind through the file helpers; the nth call of
-// a kind works on its own names, so an earlier result doesn't hide a later.
-bool DoOne(QB_EnvOp op, const QB_TempFolder& tmp, QB_FileEx& file, int n)
-{
-    std::string sName(1, 'n');
-    sName += std::to_string(n);
-    char ch = 'x';
-    switch (op)
-    {
-    case QB_EnvOp::Open: {
-        QB_FileEx other;
-        bool bOpened = other.Open(tmp.SubW(sName), 0x203);
-        other.Close();
-        return bOpened;
-    }
-    case QB_EnvOp::Read: file.Seek(0, QB_SEEK_BEGIN); return file.Read(&ch, 1) == 1;
-    case QB_EnvOp::Write: return file.Write(&ch, 1) == 1;
-    case QB_EnvOp::Seek: return file.Seek(n, QB_SEEK_BEGIN) == n;
-    case QB_EnvOp::SetEnd: return file.SetEnd();
-    case QB_EnvOp::Delete:
-        QB_WriteWholeFile(tmp.Sub(sName), "x");
-        return QB_FileEx::Delete(tmp.SubW(sName));
-    case QB_EnvOp::MakeFolder: return MakeDirs(tmp.PathW() + QB_StringW(QB_StringU8(sName.c_str())));
-    case QB_EnvOp::Sync: return n % 2 ? file.Sync() : QB_GetEnv()->FlushFolder(std::u16string(tmp.PathW().View()));
-    case QB_EnvOp::Rename: {
-        QB_WriteWholeFile(tmp.Sub(sName), "x");
-        return QB_GetEnv()->MoveFile(std::u16string(tmp.SubW(sName).View()), std::u16string(tmp.SubW("f").View()));
-    }
-    default: return false;
-    }
-}
-
 }  // namespace
 
 // What is not text in a path becomes the replacement character, each way.
@@ -271,50 +239,6 @@ TEST(Library, EachFailureSaysWhyAndASuccessClearsIt)
     }
 }
 
-TEST(FaultEnv, FailsTheNthOperationOfEachKindOnceOrFromThenOn)
-{
-    const QB_EnvOp aOps[] = {QB_EnvOp::Open,   QB_EnvOp::Read,   QB_EnvOp::Write,     QB_EnvOp::Seek,
-                             QB_EnvOp::SetEnd, QB_EnvOp::Delete, QB_EnvOp::MakeFolder, QB_EnvOp::Sync,
-                             QB_EnvOp::Rename};
-    // A fault of the inner env stands for a target that fails by itself.
-    for (QB_EnvOp op : aOps)
-        for (int nCase = 0; nCase < 4; ++nCase)
-        {
-            const bool bSticky = (nCase & 1) != 0;
-            const bool bInner = (nCase & 2) != 0;
-            QB_TempFolder tmp;
-            // The inner env counts what reaches the target.
-            QB_FaultEnv inner;
-            QB_FaultEnv outer(&inner);
-            QB_ScopedEnv install(&outer);
-            QB_FileEx file;
-            ASSERT_TRUE(file.Open(tmp.SubW("f"), 0x203));
-            ASSERT_EQ(file.Write("abc", 3), 3);
-            outer.ResetCounts();
-            inner.ResetCounts();
-
-            (bInner ? inner : outer).FailAt(op, 3, bSticky);
-            std::string sResults;
-            for (int n = 1; n <= 5; ++n)
-                sResults += DoOne(op, tmp, file, n) ? 'T' : 'F';
-            file.Close();
-            const std::string sWhat = std::string(bSticky ? "sticky" : "once") + (bInner ? " inner" : "");
-            EXPECT_EQ(sResults, bSticky ? "TTFFF" : "TTFTT") << (int)op << " " << sWhat;
-            EXPECT_EQ(outer.GetCount(op), 5) << (int)op << " " << sWhat;
-            EXPECT_EQ(inner.GetCount(op), bInner ? 5 : bSticky ? 2 : 4) << (int)op << " " << sWhat;
-        }
-    // A kind outside the list is neither failed nor counted.
-    QB_FaultEnv env;
-    env.FailAt(QB_EnvOp::Count_, 1);
-    EXPECT_EQ(0, env.GetCount(QB_EnvOp::Count_));
-    // Without a clock of its own it tells the target's time.
-    QB_SystemTime stOwn{}, stTarget{};
-    env.GetLocalTime(nullptr);
-    env.GetLocalTime(&stOwn), QB_GetDefaultEnv()->GetLocalTime(&stTarget);
-    EXPECT_EQ((std::vector<int>{stOwn.wYear, stOwn.wMonth, stOwn.wDay}),
-              (std::vector<int>{stTarget.wYear, stTarget.wMonth, stTarget.wDay}));
-}
-
 namespace {
 
 // Files of one folder through a tracking double, by name; each helper
@@ -433,40 +357,4 @@ TEST(FaultEnv, CrashKeepsWhatWasSyncedAndUndoesTheRest)
     EXPECT_EQ(sGarbled.substr(0, 3), "old");
     for (size_t i = 3; i < 7; ++i)
         EXPECT_NE(sGarbled[i], "old1234"[i]) << i;
-}
-
-// The step or byte that stops the machine fails; so does everything after
-// it on the old handles, and everything at all until the restart.
-TEST(FaultEnv, StopsAtAStepOrAByteAndRefusesAllUntilRestart)
-{
-    for (bool bByByte : {false, true})
-    {
-        SCOPED_TRACE(bByByte ? "byte" : "step");
-        CrashDisk disk;
-        QB_WriteWholeFile(disk.tmp.Sub("a"), "old");
-        disk.env.TrackDurability();
-        QB_FileEx file;
-        ASSERT_TRUE(file.Open(disk.tmp.SubW("a"), QB_FILE_READWRITE | QB_FILE_OPEN_EXISTING));
-        disk.env.ResetCounts();
-        if (bByByte)
-            disk.env.CrashAtByte(5, QB_CrashLoss::Kept);
-        else
-            disk.env.CrashAtStep(3, QB_CrashLoss::Kept);
-        EXPECT_EQ(file.WriteAt(3, "abc", 3), 3);
-        EXPECT_TRUE(file.Sync());
-        EXPECT_FALSE(disk.env.HasCrashed());
-        EXPECT_EQ(file.WriteAt(6, "def", 3), -1);
-        EXPECT_TRUE(disk.env.HasCrashed());
-        EXPECT_EQ(disk.env.GetSteps(), 3);
-        char ch = 0;
-        EXPECT_EQ(file.ReadAt(0, &ch, 1), -1);
-        QB_FileEx other;
-        EXPECT_FALSE(other.Open(disk.tmp.SubW("a"), QB_FILE_READ));
-        disk.env.Restart();
-        EXPECT_EQ(file.ReadAt(0, &ch, 1), -1);
-        EXPECT_TRUE(other.Open(disk.tmp.SubW("a"), QB_FILE_READ));
-        other.Close();
-        EXPECT_TRUE(file.Close());
-        EXPECT_EQ(disk.Now("a"), bByByte ? "oldabcde" : "oldabc");
-    }
 }
