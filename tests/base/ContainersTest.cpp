@@ -67,12 +67,7 @@ TEST(Map, WarnsOnceForALookupThatWalksFurtherThanThirtyStepsAndFurtherThanAnyBef
     QB_Map<uint32_t, int> map;
     for (int i = 0; i < 40; ++i)
         map.AddNew(17u * i) = i;  // no look-up, so no walk yet
-    struct Row
-    {
-        const char* pszName;
-        uint32_t ulKey;
-        bool bWarns;
-    } rows[] = {
+    struct Row { const char* pszName; uint32_t ulKey; bool bWarns; } rows[] = {
         {"the newest", 17 * 39, false},       {"30 steps", 17 * 10, false},
         {"31 steps", 17 * 9, true},           {"31 steps again", 17 * 9, false},
         {"fewer steps", 17 * 10, false},      {"33 steps", 17 * 7, true},

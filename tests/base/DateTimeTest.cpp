@@ -57,12 +57,7 @@ TEST(DateTime, NumbersEveryDayFromYearZeroToYear9999InCalendarOrder)
 
 TEST(DateTime, StoresARawDayNumberWheneverItIsValidAndTicksOnlyWithIt)
 {
-    struct
-    {
-        int32_t nDate, nTime;
-        bool bOk;
-        int32_t nDateAfter, nTimeAfter;
-    } const aCases[] = {
+    struct { int32_t nDate, nTime; bool bOk; int32_t nDateAfter, nTimeAfter; } const aCases[] = {
         {3652424, 863999999, true, 3652424, 863999999},
         {0, 0, true, 0, 0},
         {100, 864000000, false, 100, 6},
@@ -81,13 +76,7 @@ TEST(DateTime, StartsAt1900AndWritesItsTextInEachMode)
     EXPECT_EQ(QB_DateTimeEx(), Raw(693961, 0));
     const QB_DateTimeEx dtFraction = Raw(734577, 265085000);  // 2011-03-16 07:21:48.5
     const QB_DateTimeEx dtWhole = Raw(734577, 265080000);
-    struct
-    {
-        QB_DateTimeEx dt;
-        int nMode;
-        const char* pszSeparator;
-        const char* pszText;
-    } const aCases[] = {
+    struct { QB_DateTimeEx dt; int nMode; const char* pszSeparator; const char* pszText; } const aCases[] = {
         {QB_DateTimeEx(), 0, "-", "1900-01-01 00:00:00"},
         {dtFraction, 0, "-", "2011-03-16 07:21:48.5000"},
         {dtWhole, 0, "-", "2011-03-16 07:21:48"},
@@ -103,12 +92,7 @@ TEST(DateTime, StartsAt1900AndWritesItsTextInEachMode)
 
 TEST(DateTime, ParsesDatesAndTimesAndKeepsWhatEarlierStepsStored)
 {
-    struct
-    {
-        const char* pszText;
-        bool bOk;
-        const char* pszAfter;
-    } const aCases[] = {
+    struct { const char* pszText; bool bOk; const char* pszAfter; } const aCases[] = {
         {"2011-3-6", true, "2011-03-06 00:00:00"},
         {"2011/03/16 07:21:48.5", true, "2011-03-16 07:21:48.5000"},
         {"2011-03-16 07:21:48.123456789012", true, "2011-03-16 07:21:48.1234"},  // 32 characters

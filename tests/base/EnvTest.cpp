@@ -28,12 +28,7 @@ std::u16string Wide(const QB_StringW& s) { return std::u16string(s.View()); }
 // What is not text in a path becomes the replacement character, each way.
 TEST(Env, TurnsWindowsPathsIntoUtf8WithSlashesAndBack)
 {
-    const struct
-    {
-        std::u16string sWindows;
-        std::string sSystem;
-        bool bBothWays;
-    } aRows[] = {
+    const struct { std::u16string sWindows; std::string sSystem; bool bBothWays; } aRows[] = {
         {u"\\tmp\\a.txt", "/tmp/a.txt", true},
         {u"caf\u00e9", "caf\xc3\xa9", true},
         {u"\xD83D\xDE00", "\xf0\x9f\x98\x80", true},

@@ -61,12 +61,7 @@ TEST(FileEx, ReadsWritesSeeksAndCutsAsWindowsDoes)
     ASSERT_TRUE(file.Open(tmp.SubW("f"), 0x203));
     char ach[16] = {};
     ASSERT_EQ(file.Write("0123456789", 10), 10);
-    const struct
-    {
-        int32_t nOffset;
-        int nOrigin;
-        int32_t nPos;
-    } aSeeks[] = {{4, QB_SEEK_BEGIN, 4}, {-2, QB_SEEK_CURRENT, 2}, {-3, QB_SEEK_END, 7}, {-1, QB_SEEK_BEGIN, -1},
+    const struct { int32_t nOffset; int nOrigin; int32_t nPos; } aSeeks[] = {{4, QB_SEEK_BEGIN, 4}, {-2, QB_SEEK_CURRENT, 2}, {-3, QB_SEEK_END, 7}, {-1, QB_SEEK_BEGIN, -1},
                   {0, 7, -1}};
     for (const auto& row : aSeeks)
         EXPECT_EQ(file.Seek(row.nOffset, row.nOrigin), row.nPos) << row.nOffset << " from " << row.nOrigin;
@@ -92,10 +87,7 @@ TEST(FileEx, NamesTheFileByTheTailOfItsFullPathOfAtMost260Characters)
 {
     const std::u16string sCwd(QB_ToWindowsPath(fs::current_path().string()).View());
     const std::u16string s259(259, u'x');
-    const struct
-    {
-        std::u16string sPath, sFull, sName;
-    } aRows[] = {
+    const struct { std::u16string sPath, sFull, sName; } aRows[] = {
         {u"a\\b\\c.txt", sCwd + u"\\a\\b\\c.txt", u"c.txt"},
         {u"\\x\\y\\..\\z.bin", u"\\x\\z.bin", u"z.bin"},
         {u"\\" + s259, u"\\" + s259, s259},
@@ -113,11 +105,7 @@ TEST(FileEx, NamesTheFileByTheTailOfItsFullPathOfAtMost260Characters)
 
 TEST(FileEx, RefusesASecondOpenThatTheFirstOnesSharingForbids)
 {
-    const struct
-    {
-        uint32_t ulFirst, ulSecond;
-        bool bAllowed;
-    } aRows[] = {
+    const struct { uint32_t ulFirst, ulSecond; bool bAllowed; } aRows[] = {
         {0x101, 0x103, true},   // no sharing bits: others read and write
         {0x121, 0x101, true},   {0x121, 0x103, false},
         {0x103, 0x121, false},  // the second would deny the first's writing

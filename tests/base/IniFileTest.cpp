@@ -62,11 +62,7 @@ std::vector<std::string> SectionNames(const QB_IniFileEx& ini)
 
 TEST(IniFile, WritesEveryLineBackAsItWasRead)
 {
-    struct Row
-    {
-        const char* pszName;
-        Bytes vbIn, vbOut;
-    } rows[] = {
+    struct Row { const char* pszName; Bytes vbIn, vbOut; } rows[] = {
         {"comments, blanks, unknown lines and spaces", Ansi(";top\r\n[s]\r\n a = b \r\n\r\n;c\r\njunk\r\n=\r\n[x\r\n"),
          Ansi(";top\r\n[s]\r\n a = b \r\n\r\n;c\r\njunk\r\n=\r\n[x\r\n")},
         {"last line without its end", Ansi("[s]\r\na=1"), Ansi("[s]\r\na=1\r\n")},
@@ -87,13 +83,7 @@ TEST(IniFile, WritesEveryLineBackAsItWasRead)
 
 TEST(IniFile, ReadsTheFirstKeyOfTheFirstSectionByNameWithoutRegardToCase)
 {
-    struct Row
-    {
-        const char* pszFile;
-        const char* pszSection;
-        const char* pszKey;
-        const char* pszValue;
-    } rows[] = {
+    struct Row { const char* pszFile; const char* pszSection; const char* pszKey; const char* pszValue; } rows[] = {
         {"[s]\r\na=b=c\r\n", "s", "a", "b=c"},
         {"[s]\r\n[a=b]\r\n", "[s]", "[a", "b]"},
         {"[S]\r\nKey=v\r\n", "[s", "kEY", "v"},
@@ -113,11 +103,7 @@ TEST(IniFile, ReadsTheFirstKeyOfTheFirstSectionByNameWithoutRegardToCase)
 
 TEST(IniFile, ReadsNumbersAndGivesTheDefaultForAValueOfError)
 {
-    struct Row
-    {
-        const char* pszValue;
-        int32_t nExpected;
-    } rows[] = {
+    struct Row { const char* pszValue; int32_t nExpected; } rows[] = {
         {"error", 77}, {"42", 42}, {" \t-7 apples", -7}, {"+5", 5}, {"x1", 0}, {"", 0},
         {"-2147483648", INT32_MIN}, {"99999999999", INT32_MAX}, {"-99999999999999999999999", INT32_MIN},
         {"ERROR", 0}, {"\r\n3", 3}, {"\x0e" "4", 0}, {"\x08" "4", 0},
@@ -260,11 +246,7 @@ TEST(IniFile, OpensThousandsOfSectionsQuietlyAndKeepsTheWalkOfItsTable)
 
 TEST(IniFile, StartsANewFileInTheFormAskedFor)
 {
-    struct Row
-    {
-        bool bUnicode;
-        Bytes vbAfterOpen, vbAfterFlush;
-    } rows[] = {
+    struct Row { bool bUnicode; Bytes vbAfterOpen, vbAfterFlush; } rows[] = {
         {true, Utf16(u""), Utf16(u"\r\n[s]\r\nk=\u20AC\r\n")},
         {false, Ansi(""), Ansi("[s]\r\nk=\x80\r\n")},
     };

@@ -140,12 +140,7 @@ TEST(IniJournal, ReplaysNothingFromTheFirstDamagedOrMissingByteOn)
     // replay just the same: the commit after it is not applied either. The
     // first row, well formed, shows the seal is right.
     const Bytes vbOne = {1, 0, 0, 0}, vbKeys = {1, 0, 0, 0, 1, 1, 0, 0, 0, 'A', 0};
-    const struct
-    {
-        const char* szName;
-        Bytes vbBody;
-        size_t nCommits;
-    } aBodies[] = {
+    const struct { const char* szName; Bytes vbBody; size_t nCommits; } aBodies[] = {
         {"an empty commit", {0, 0, 0, 0}, 2},
         {"no count of changes", {}, 1},
         {"no kind", vbOne, 1},

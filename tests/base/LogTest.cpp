@@ -66,13 +66,7 @@ struct LogHome
 
 TEST(Log, NamesItsFileByTheRotationModeAndTheLogName)
 {
-    struct
-    {
-        int nMode;
-        const char* pszName;
-        int32_t nZoneBias;
-        const char* pszFile;
-    } const aCases[] = {
+    struct { int nMode; const char* pszName; int32_t nZoneBias; const char* pszFile; } const aCases[] = {
         {1, "fileshare", 0, "log/log_fileshare_2011_03_16_07.txt"},
         {1, "fileshare", -3600, "log/log_fileshare_2011_03_16_08.txt"},
         {2, "error", 0, "log/log_error_2011_03_16.txt"},
@@ -148,12 +142,7 @@ TEST(Log, WritesTheClientLogWithThePlatformsLocalTimeAndPercentSignsIntact)
     const int64_t llYear999 = (QB_DateTimeEx::DayNumber(999, 12, 31) - 719528) * 86400LL + 3723;
     const std::string sLong = std::string(5000, 'a') + "z";
     const std::string sLongLine = "2011-03-16 07:21:48 : " + sLong + "\r\n";
-    struct
-    {
-        int64_t llTimeT;
-        const char* pszArgument;
-        const char* pszLine;
-    } const aCases[] = {
+    struct { int64_t llTimeT; const char* pszArgument; const char* pszLine; } const aCases[] = {
         {TIME_2011_03_16_072148, "100% done", "2011-03-16 07:21:48 : 100% done\r\n"},
         {TIME_2011_03_16_235959, "%s%n%d", "2011-03-16 23:59:59 : %s%n%d\r\n"},
         {llYear999, "y", " 999-12-31 01:02:03 : y\r\n"},

@@ -7,13 +7,7 @@
 
 namespace {
 
-struct WordsCase
-{
-    uint32_t ulMain;
-    uint32_t ulSub;
-    int nKind;
-    const char* pszText;
-};
+struct WordsCase { uint32_t ulMain; uint32_t ulSub; int nKind; const char* pszText; };
 
 // A row of kind 1 to 3 also reads back from its text; only a compound's text
 // carries the sub-number.
@@ -30,13 +24,7 @@ const WordsCase kWords[] = {
     {4000000000u, 0, 3, "4000000000"},
 };
 
-struct TextCase
-{
-    const char* pszText;
-    int nKind;
-    uint32_t ulMain;
-    uint32_t ulSub;
-};
+struct TextCase { const char* pszText; int nKind; uint32_t ulMain; uint32_t ulSub; };
 
 const TextCase kTexts[] = {
     {" \t 00012345  \r\n", 1, 12345, 0},
