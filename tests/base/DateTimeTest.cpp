@@ -24,10 +24,7 @@ QB_DateTimeEx Raw(int32_t nDate, int32_t nTime)
     return dt;
 }
 
-std::string Text(const QB_DateTimeEx& dt, int nMode = 0, const char* pszSeparator = "-")
-{
-    return dt.ToText(nMode, pszSeparator).GetString();
-}
+std::string Text(const QB_DateTimeEx& dt, int nMode = 0, const char* pszSeparator = "-") { return dt.ToText(nMode, pszSeparator).GetString(); }
 
 // 0033-09-09 11:11:11: a start value that shows which part a call stored.
 const QB_DateTimeEx s_dtMarker = Raw(12305, 402710000);
@@ -58,9 +55,7 @@ TEST(DateTime, NumbersEveryDayFromYearZeroToYear9999InCalendarOrder)
 TEST(DateTime, StoresARawDayNumberWheneverItIsValidAndTicksOnlyWithIt)
 {
     struct { int32_t nDate, nTime; bool bOk; int32_t nDateAfter, nTimeAfter; } const aCases[] = {
-        {3652424, 863999999, true, 3652424, 863999999},
-        {0, 0, true, 0, 0},
-        {100, 864000000, false, 100, 6},
+        {3652424, 863999999, true, 3652424, 863999999}, {0, 0, true, 0, 0}, {100, 864000000, false, 100, 6},
         {-1, 0, false, 5, 6},
     };
     for (const auto& c : aCases)
@@ -77,10 +72,8 @@ TEST(DateTime, StartsAt1900AndWritesItsTextInEachMode)
     const QB_DateTimeEx dtFraction = Raw(734577, 265085000);  // 2011-03-16 07:21:48.5
     const QB_DateTimeEx dtWhole = Raw(734577, 265080000);
     struct { QB_DateTimeEx dt; int nMode; const char* pszSeparator; const char* pszText; } const aCases[] = {
-        {QB_DateTimeEx(), 0, "-", "1900-01-01 00:00:00"},
-        {dtFraction, 0, "-", "2011-03-16 07:21:48.5000"},
-        {dtWhole, 0, "-", "2011-03-16 07:21:48"},
-        {dtFraction, 2, ".", "2011.03.16 07:21"},
+        {QB_DateTimeEx(), 0, "-", "1900-01-01 00:00:00"}, {dtFraction, 0, "-", "2011-03-16 07:21:48.5000"},
+        {dtWhole, 0, "-", "2011-03-16 07:21:48"}, {dtFraction, 2, ".", "2011.03.16 07:21"},
         {Raw(0, 1), 0, nullptr, "00000101 00:00:00.0001"},
         {Raw(3652424, 863999999), 0, "-", "9999-12-31 23:59:59.9999"},
         {Raw(-1, 0), 0, "-", "0000-01-01 00:00:00"},  // days outside the calendar: its ends
@@ -93,20 +86,14 @@ TEST(DateTime, StartsAt1900AndWritesItsTextInEachMode)
 TEST(DateTime, ParsesDatesAndTimesAndKeepsWhatEarlierStepsStored)
 {
     struct { const char* pszText; bool bOk; const char* pszAfter; } const aCases[] = {
-        {"2011-3-6", true, "2011-03-06 00:00:00"},
-        {"2011/03/16 07:21:48.5", true, "2011-03-16 07:21:48.5000"},
+        {"2011-3-6", true, "2011-03-06 00:00:00"}, {"2011/03/16 07:21:48.5", true, "2011-03-16 07:21:48.5000"},
         {"2011-03-16 07:21:48.123456789012", true, "2011-03-16 07:21:48.1234"},  // 32 characters
         {"2011-03-16 07:21:48.1234567890123", false, "0033-09-09 11:11:11"},     // 33
-        {"", false, "0033-09-09 00:00:00"},
-        {"2011x03-16 07:21", false, "0033-09-09 11:11:11"},
-        {"2011-13-01", false, "0033-09-09 00:00:00"},
-        {"2011-03-16 24:00:00", false, "2011-03-16 11:11:11"},
-        {"2011-03-16 07:21:48.5x", false, "2011-03-16 11:11:11"},
-        {"2011.3.6\t07:21", true, "2011-03-06 07:21:00"},
-        {"2011-03-16-1", false, "0033-09-09 00:00:00"},
-        {"2011-03-16 07", false, "2011-03-16 11:11:11"},
-        {"2011-03-16 07:21x", false, "2011-03-16 11:11:11"},
-        {"2011-03-16 07:21:48x", false, "2011-03-16 11:11:11"},
+        {"", false, "0033-09-09 00:00:00"}, {"2011x03-16 07:21", false, "0033-09-09 11:11:11"},
+        {"2011-13-01", false, "0033-09-09 00:00:00"}, {"2011-03-16 24:00:00", false, "2011-03-16 11:11:11"},
+        {"2011-03-16 07:21:48.5x", false, "2011-03-16 11:11:11"}, {"2011.3.6\t07:21", true, "2011-03-06 07:21:00"},
+        {"2011-03-16-1", false, "0033-09-09 00:00:00"}, {"2011-03-16 07", false, "2011-03-16 11:11:11"},
+        {"2011-03-16 07:21x", false, "2011-03-16 11:11:11"}, {"2011-03-16 07:21:48x", false, "2011-03-16 11:11:11"},
     };
     for (const auto& c : aCases)
     {

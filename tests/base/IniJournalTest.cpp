@@ -75,11 +75,8 @@ Bytes Restarted(const QB_TempFolder& tmp)
 
 // Rows added, changed and removed, a batch of two, a comment, text beyond ASCII.
 const std::vector<Commit> kScript = {
-    {{u"A", {{u"k", u"1"}, {u"n", u"alpha"}}}},
-    {{u"B", {{u"k", u"2"}}}, {u"C", {{u"k", u"3"}}}},
-    {{u"A", {{u"k", u"4"}}}},
-    {{u"B", {}, true}},
-    {{u"D", {{u"", u"a comment"}, {u"k", u"\u00e9\u4e2d"}}}},
+    {{u"A", {{u"k", u"1"}, {u"n", u"alpha"}}}}, {{u"B", {{u"k", u"2"}}}, {u"C", {{u"k", u"3"}}}},
+    {{u"A", {{u"k", u"4"}}}}, {{u"B", {}, true}}, {{u"D", {{u"", u"a comment"}, {u"k", u"\u00e9\u4e2d"}}}},
 };
 const Bytes kStart = {0xFF, 0xFE, '[', 0, 'Z', 0, ']', 0, '\r', 0, '\n', 0, 'k', 0, '=', 0, '0', 0, '\r', 0, '\n', 0};
 
@@ -141,12 +138,9 @@ TEST(IniJournal, ReplaysNothingFromTheFirstDamagedOrMissingByteOn)
     // first row, well formed, shows the seal is right.
     const Bytes vbOne = {1, 0, 0, 0}, vbKeys = {1, 0, 0, 0, 1, 1, 0, 0, 0, 'A', 0};
     const struct { const char* szName; Bytes vbBody; size_t nCommits; } aBodies[] = {
-        {"an empty commit", {0, 0, 0, 0}, 2},
-        {"no count of changes", {}, 1},
-        {"no kind", vbOne, 1},
+        {"an empty commit", {0, 0, 0, 0}, 2}, {"no count of changes", {}, 1}, {"no kind", vbOne, 1},
         {"a kind of neither sort", {1, 0, 0, 0, 7, 0, 0, 0, 0, 0, 0, 0, 0}, 1},
-        {"a section name longer than the body", {1, 0, 0, 0, 1, 100, 0, 0, 0}, 1},
-        {"no count of keys", vbKeys, 1},
+        {"a section name longer than the body", {1, 0, 0, 0, 1, 100, 0, 0, 0}, 1}, {"no count of keys", vbKeys, 1},
         {"a key without its value", [&] { Bytes vb = vbKeys; vb.insert(vb.end(), {1, 0, 0, 0, 0, 0, 0, 0}); return vb; }(), 1},
         {"a byte past the last change", {0, 0, 0, 0, 9}, 1},
     };

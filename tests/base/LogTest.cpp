@@ -68,13 +68,9 @@ TEST(Log, NamesItsFileByTheRotationModeAndTheLogName)
 {
     struct { int nMode; const char* pszName; int32_t nZoneBias; const char* pszFile; } const aCases[] = {
         {1, "fileshare", 0, "log/log_fileshare_2011_03_16_07.txt"},
-        {1, "fileshare", -3600, "log/log_fileshare_2011_03_16_08.txt"},
-        {2, "error", 0, "log/log_error_2011_03_16.txt"},
-        {3, "error", 0, "log/log_error_2011_03.txt"},
-        {4, "error", 0, "log/log_error_2011.txt"},
-        {0, "x", 0, "log/log_x.txt"},
-        {-1, "x", 0, "log/log_x.txt"},
-        {2, nullptr, 0, "log/log_2011_03_16.txt"},
+        {1, "fileshare", -3600, "log/log_fileshare_2011_03_16_08.txt"}, {2, "error", 0, "log/log_error_2011_03_16.txt"},
+        {3, "error", 0, "log/log_error_2011_03.txt"}, {4, "error", 0, "log/log_error_2011.txt"},
+        {0, "x", 0, "log/log_x.txt"}, {-1, "x", 0, "log/log_x.txt"}, {2, nullptr, 0, "log/log_2011_03_16.txt"},
         {0, nullptr, 0, "log/log.txt"},
     };
     for (const auto& c : aCases)
@@ -145,8 +141,7 @@ TEST(Log, WritesTheClientLogWithThePlatformsLocalTimeAndPercentSignsIntact)
     struct { int64_t llTimeT; const char* pszArgument; const char* pszLine; } const aCases[] = {
         {TIME_2011_03_16_072148, "100% done", "2011-03-16 07:21:48 : 100% done\r\n"},
         {TIME_2011_03_16_235959, "%s%n%d", "2011-03-16 23:59:59 : %s%n%d\r\n"},
-        {llYear999, "y", " 999-12-31 01:02:03 : y\r\n"},
-        {TIME_2011_03_16_072148, sLong.c_str(), sLongLine.c_str()},
+        {llYear999, "y", " 999-12-31 01:02:03 : y\r\n"}, {TIME_2011_03_16_072148, sLong.c_str(), sLongLine.c_str()},
     };
     for (const auto& c : aCases)
     {
