@@ -317,3 +317,27 @@ TEST(FaultEnv, CrashKeepsWhatWasSyncedAndUndoesTheRest)
         EXPECT_EQ(disk.Now("b"), row.sB);
     }
 }
+
+// The byte that stops the machine fails; so does everything after it on the
+// old handles, even after the restart, and every open until the restart.
+TEST(FaultEnv, StopsAtAByteAndRefusesAllUntilRestart)
+{
+    CrashDisk disk;
+    QB_WriteWholeFile(disk.tmp.Sub("a"), "old");
+    disk.env.TrackDurability();
+    QB_FileEx file, other;
+    ASSERT_TRUE(file.Open(disk.tmp.SubW("a"), QB_FILE_READWRITE | QB_FILE_OPEN_EXISTING));
+    disk.env.CrashAtByte(5, QB_CrashLoss::Kept);
+    EXPECT_EQ(file.WriteAt(3, "abc", 3), 3);
+    EXPECT_FALSE(disk.env.HasCrashed());
+    EXPECT_EQ(file.WriteAt(6, "def", 3), -1);
+    EXPECT_TRUE(disk.env.HasCrashed());
+    char ch = 0;
+    EXPECT_EQ(file.ReadAt(0, &ch, 1), -1);
+    EXPECT_FALSE(other.Open(disk.tmp.SubW("a"), QB_FILE_READ));
+    disk.env.Restart();
+    EXPECT_EQ(file.ReadAt(0, &ch, 1), -1);
+    EXPECT_EQ(file.Read(&ch, 1), -1);
+    EXPECT_TRUE(other.Open(disk.tmp.SubW("a"), QB_FILE_READ));
+    EXPECT_EQ(disk.Now("a"), "oldabcde");
+}

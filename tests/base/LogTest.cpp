@@ -97,9 +97,7 @@ TEST(Log, AppendsWithoutALineEndOfItsOwnAndStartsANewDailyFileAtMidnight)
 
     EXPECT_EQ(home.List(), (Files{"log/log_error_2011_03_16.txt", "log/log_error_2011_03_17.txt"}));
     EXPECT_EQ(home.Read("log/log_error_2011_03_16.txt"),
-              "earlier\r\n"
-              "2011-03-16 23:59:59 : ZV_FileShareMgr::OnSend.OnSend exception.\r\n"
-              "2011-03-16 23:59:59 : no end");
+              "earlier\r\n" "2011-03-16 23:59:59 : ZV_FileShareMgr::OnSend.OnSend exception.\r\n" "2011-03-16 23:59:59 : no end");
     EXPECT_EQ(home.Read("log/log_error_2011_03_17.txt"), "2011-03-17 00:00:00 : first\r\n");
 }
 
@@ -117,13 +115,11 @@ TEST(Log, ABatchWritesItsLinesWhenItEndsEachFileInOrder)
         EXPECT_EQ(home.List(), Files{});
     }
     EXPECT_EQ(home.Read("log/log_fileshare_2011_03_16.txt"),
-              "2011-03-16 07:21:48 : one\r\n"
-              "2011-03-16 07:21:49 : three\r\n");
+              "2011-03-16 07:21:48 : one\r\n" "2011-03-16 07:21:49 : three\r\n");
     EXPECT_EQ(home.Read("log/log_error_2011_03_16.txt"), "2011-03-16 07:21:48 : two\r\n");
     QB_WriteLog(2, "error", "after\r\n");
     EXPECT_EQ(home.Read("log/log_error_2011_03_16.txt"),
-              "2011-03-16 07:21:48 : two\r\n"
-              "2011-03-16 07:21:49 : after\r\n");
+              "2011-03-16 07:21:48 : two\r\n" "2011-03-16 07:21:49 : after\r\n");
     // A batch that has kept 64 KB writes them without waiting for its end.
     QB_LogBatch batch;
     QB_WriteLog(2, "big", "%s", std::string(64 * 1024 - 22, 'b').c_str());
