@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <ctime>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -78,27 +77,6 @@ TEST(Env, ReportsAttributesFromTheModeBitsAndOpensOnlyPlainFiles)
         EXPECT_EQ(lpEnv->GetFileAttributes(Wide(tmp.SubW(pszName))), ulAttr) << pszName;
     for (const std::u16string& sPath : {Wide(tmp.SubW("dir")), std::u16string(u"/dev/null")})
         EXPECT_EQ(lpEnv->OpenFile(sPath, QB_FILE_READ), QB_INVALID_FILE) << QB_PathToSystem(sPath);
-}
-
-TEST(Env, GivesTheLastWriteTimeAsLocalCalendarTime)
-{
-    QB_TempFolder tmp;
-    QB_WriteWholeFile(tmp.Sub("f"), "x");
-    // 2011-03-16 07:21:05.250 UTC, a Wednesday
-    auto tp = std::chrono::system_clock::from_time_t(1300260065) + std::chrono::milliseconds(250);
-    fs::last_write_time(tmp.Sub("f"), fs::file_time_type::clock::from_sys(tp));
-    std::time_t t = 1300260065;
-    std::tm tm = *std::localtime(&t);
-
-    QB_FileEx file;
-    ASSERT_TRUE(file.Open(tmp.SubW("f"), QB_FILE_READ));
-    QB_SystemTime stCreation, stWrite, stAccess;
-    ASSERT_TRUE(file.GetTimes(&stCreation, &stWrite, &stAccess));
-    file.Close();
-    EXPECT_EQ((std::vector<int>{stWrite.wYear, stWrite.wMonth, stWrite.wDayOfWeek, stWrite.wDay, stWrite.wHour,
-                                stWrite.wMinute, stWrite.wSecond, stWrite.wMilliseconds}),
-              (std::vector<int>{tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_wday, tm.tm_mday, tm.tm_hour, tm.tm_min, 5, 250}));
-    EXPECT_GT(stCreation.wYear, 2011);  // made just now, whatever its mtime says
 }
 
 // More handles than the process may hold descriptors (the limit lowered
