@@ -258,34 +258,3 @@ TEST(IniJournal, FoldsTheJournalInPastItsBoundOrAfterAQuietSpell)
     EXPECT_EQ(journal.GetJournalBytes(), 0u);
     EXPECT_EQ(fnOnDisk(), fnExpected());
 }
-
-// Two owners of one path in a process: the second goes without a journal
-// and rewrites the file per commit, so neither writes over the other's
-// records, and a start after both stopped without folding in finds every
-// commit of each.
-TEST(IniJournal, ASecondOwnerOfOnePathRewritesInsteadOfSharingTheJournal)
-{
-    Disk disk;
-    QB_TempFolder tmp;
-    QB_WriteWholeFile(tmp.Sub("t.ini"), kStart);
-    // B's value is longer than A's record, so that a second writer of the
-    // journal would leave the first's next append inside it.
-    const std::u16string sLong = u"a value well longer than the first owner's";
-    {
-        QB_IniJournal first(17, 17), second(17, 17);
-        ASSERT_TRUE(first.Open(tmp.SubW("t.ini"), true));
-        Apply(first, {{u"A", {{u"k", u"1"}}}});
-        ASSERT_TRUE(first.Commit());
-        ASSERT_TRUE(second.Open(tmp.SubW("t.ini"), true));
-        Apply(second, {{u"B", {{u"k", sLong}}}});
-        ASSERT_TRUE(second.Commit());
-        EXPECT_FALSE(second.SetString(W(u""), W(u"k"), W(u"1"))) << "a section needs a name";
-        ASSERT_TRUE(second.Rewrite());
-        Apply(first, {{u"C", {{u"k", u"3"}}}});
-        ASSERT_TRUE(first.Commit());
-    }
-    QB_IniJournal journal(17, 17);
-    ASSERT_TRUE(journal.Open(tmp.SubW("t.ini"), true));
-    for (const auto& [sSection, sValue] : {std::pair<std::u16string, std::u16string>{u"A", u"1"}, {u"B", sLong}, {u"C", u"3"}})
-        EXPECT_EQ(std::u16string(journal.Ini().GetString(W(sSection), W(u"k"), W(u"missing")).View()), sValue);
-}
