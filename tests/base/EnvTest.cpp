@@ -98,20 +98,17 @@ TEST(Env, KeepsMoreFilesOpenThanTheProcessMayHoldDescriptors)
             if (vecFiles.back() == QB_INVALID_FILE || lpEnv->SeekFile(vecFiles.back(), i % 10, QB_SEEK_BEGIN) != i % 10)
                 return 2;
         }
+        char ch = 0, chAt = 0;
         for (int i = 0; i < kFiles; ++i)
-        {
-            char ch = 0, chAt = 0;
             if (lpEnv->ReadFile(vecFiles[i], &ch, 1) != 1 || ch != '0' + i % 10 ||
                 lpEnv->ReadFileAt(vecFiles[i], 9, &chAt, 1) != 1 || chAt != '9')
                 return 3;
-        }
         if (lpEnv->OpenFile(Wide(tmp.SubW("f0")), QB_FILE_READWRITE) != QB_INVALID_FILE)
             return 4;  // others may still not write
         // A parked handle whose name now names another file fails rather
         // than read the other file.
         QB_WriteWholeFile(tmp.Sub("other"), "abc");
         fs::rename(tmp.Sub("other"), tmp.Sub("f1"));
-        char ch = 0;
         for (int i = 2; i < kFiles; ++i)
             lpEnv->ReadFileAt(vecFiles[i], 0, &ch, 1);
         if (lpEnv->ReadFileAt(vecFiles[1], 0, &ch, 1) != -1)
