@@ -13,14 +13,7 @@ using Bytes = std::vector<uint8_t>;
 // The code of the stream failure that fn raises; 0 when it raises none.
 uint32_t FailureOf(const std::function<void()>& fn)
 {
-    try
-    {
-        fn();
-    }
-    catch (const QB_StreamException& e)
-    {
-        return e.m_ulCode;
-    }
+    try { fn(); } catch (const QB_StreamException& e) { return e.m_ulCode; }
     return 0;
 }
 

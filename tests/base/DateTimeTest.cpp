@@ -11,9 +11,8 @@ namespace {
 
 int DaysInMonth(int nYear, int nMonth)
 {
-    static const int s_anDays[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
-    bool bLeap = (nYear % 4 == 0 && nYear % 100 != 0) || nYear % 400 == 0;
-    return nMonth == 2 && bLeap ? 29 : s_anDays[nMonth - 1];
+    const bool bLeap = (nYear % 4 == 0 && nYear % 100 != 0) || nYear % 400 == 0;
+    return nMonth == 2 ? (bLeap ? 29 : 28) : nMonth == 4 || nMonth == 6 || nMonth == 9 || nMonth == 11 ? 30 : 31;
 }
 
 QB_DateTimeEx Raw(int32_t nDate, int32_t nTime)

@@ -57,8 +57,8 @@ struct LogHome
     }
     std::string Read(const std::string& sRelative) const
     {
-        std::vector<uint8_t> vb = QB_ReadWholeFile(tmp.Sub(sRelative));
-        return std::string(vb.begin(), vb.end());
+        const std::vector<uint8_t> vb = QB_ReadWholeFile(tmp.Sub(sRelative));
+        return {vb.begin(), vb.end()};
     }
 };
 
