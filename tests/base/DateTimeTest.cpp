@@ -11,23 +11,18 @@ namespace {
 
 int DaysInMonth(int nYear, int nMonth)
 {
-    static const int s_anDays[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
-    bool bLeap = (nYear % 4 == 0 && nYear % 100 != 0) || nYear % 400 == 0;
-    return nMonth == 2 && bLeap ? 29 : s_anDays[nMonth - 1];
+    const bool bLeap = (nYear % 4 == 0 && nYear % 100 != 0) || nYear % 400 == 0;
+    return nMonth == 2 ? (bLeap ? 29 : 28) : nMonth == 4 || nMonth == 6 || nMonth == 9 || nMonth == 11 ? 30 : 31;
 }
 
 QB_DateTimeEx Raw(int32_t nDate, int32_t nTime)
 {
     QB_DateTimeEx dt;
-    dt.m_Date = nDate;
-    dt.m_Time = nTime;
+    dt.m_Date = nDate, dt.m_Time = nTime;
     return dt;
 }
 
-std::string Text(const QB_DateTimeEx& dt, int nMode = 0, const char* pszSeparator = "-")
-{
-    return dt.ToText(nMode, pszSeparator).GetString();
-}
+std::string Text(const QB_DateTimeEx& dt, int nMode = 0, const char* pszSeparator = "-") { return dt.ToText(nMode, pszSeparator).GetString(); }
 
 // 0033-09-09 11:11:11: a start value that shows which part a call stored.
 const QB_DateTimeEx s_dtMarker = Raw(12305, 402710000);
@@ -57,15 +52,8 @@ TEST(DateTime, NumbersEveryDayFromYearZeroToYear9999InCalendarOrder)
 
 TEST(DateTime, StoresARawDayNumberWheneverItIsValidAndTicksOnlyWithIt)
 {
-    struct
-    {
-        int32_t nDate, nTime;
-        bool bOk;
-        int32_t nDateAfter, nTimeAfter;
-    } const aCases[] = {
-        {3652424, 863999999, true, 3652424, 863999999},
-        {0, 0, true, 0, 0},
-        {100, 864000000, false, 100, 6},
+    struct { int32_t nDate, nTime; bool bOk; int32_t nDateAfter, nTimeAfter; } const aCases[] = {
+        {3652424, 863999999, true, 3652424, 863999999}, {0, 0, true, 0, 0}, {100, 864000000, false, 100, 6},
         {-1, 0, false, 5, 6},
     };
     for (const auto& c : aCases)
@@ -81,17 +69,9 @@ TEST(DateTime, StartsAt1900AndWritesItsTextInEachMode)
     EXPECT_EQ(QB_DateTimeEx(), Raw(693961, 0));
     const QB_DateTimeEx dtFraction = Raw(734577, 265085000);  // 2011-03-16 07:21:48.5
     const QB_DateTimeEx dtWhole = Raw(734577, 265080000);
-    struct
-    {
-        QB_DateTimeEx dt;
-        int nMode;
-        const char* pszSeparator;
-        const char* pszText;
-    } const aCases[] = {
-        {QB_DateTimeEx(), 0, "-", "1900-01-01 00:00:00"},
-        {dtFraction, 0, "-", "2011-03-16 07:21:48.5000"},
-        {dtWhole, 0, "-", "2011-03-16 07:21:48"},
-        {dtFraction, 2, ".", "2011.03.16 07:21"},
+    struct { QB_DateTimeEx dt; int nMode; const char* pszSeparator; const char* pszText; } const aCases[] = {
+        {QB_DateTimeEx(), 0, "-", "1900-01-01 00:00:00"}, {dtFraction, 0, "-", "2011-03-16 07:21:48.5000"},
+        {dtWhole, 0, "-", "2011-03-16 07:21:48"}, {dtFraction, 2, ".", "2011.03.16 07:21"},
         {Raw(0, 1), 0, nullptr, "00000101 00:00:00.0001"},
         {Raw(3652424, 863999999), 0, "-", "9999-12-31 23:59:59.9999"},
         {Raw(-1, 0), 0, "-", "0000-01-01 00:00:00"},  // days outside the calendar: its ends
@@ -103,26 +83,15 @@ TEST(DateTime, StartsAt1900AndWritesItsTextInEachMode)
 
 TEST(DateTime, ParsesDatesAndTimesAndKeepsWhatEarlierStepsStored)
 {
-    struct
-    {
-        const char* pszText;
-        bool bOk;
-        const char* pszAfter;
-    } const aCases[] = {
-        {"2011-3-6", true, "2011-03-06 00:00:00"},
-        {"2011/03/16 07:21:48.5", true, "2011-03-16 07:21:48.5000"},
+    struct { const char* pszText; bool bOk; const char* pszAfter; } const aCases[] = {
+        {"2011-3-6", true, "2011-03-06 00:00:00"}, {"2011/03/16 07:21:48.5", true, "2011-03-16 07:21:48.5000"},
         {"2011-03-16 07:21:48.123456789012", true, "2011-03-16 07:21:48.1234"},  // 32 characters
         {"2011-03-16 07:21:48.1234567890123", false, "0033-09-09 11:11:11"},     // 33
-        {"", false, "0033-09-09 00:00:00"},
-        {"2011x03-16 07:21", false, "0033-09-09 11:11:11"},
-        {"2011-13-01", false, "0033-09-09 00:00:00"},
-        {"2011-03-16 24:00:00", false, "2011-03-16 11:11:11"},
-        {"2011-03-16 07:21:48.5x", false, "2011-03-16 11:11:11"},
-        {"2011.3.6\t07:21", true, "2011-03-06 07:21:00"},
-        {"2011-03-16-1", false, "0033-09-09 00:00:00"},
-        {"2011-03-16 07", false, "2011-03-16 11:11:11"},
-        {"2011-03-16 07:21x", false, "2011-03-16 11:11:11"},
-        {"2011-03-16 07:21:48x", false, "2011-03-16 11:11:11"},
+        {"", false, "0033-09-09 00:00:00"}, {"2011x03-16 07:21", false, "0033-09-09 11:11:11"},
+        {"2011-13-01", false, "0033-09-09 00:00:00"}, {"2011-03-16 24:00:00", false, "2011-03-16 11:11:11"},
+        {"2011-03-16 07:21:48.5x", false, "2011-03-16 11:11:11"}, {"2011.3.6\t07:21", true, "2011-03-06 07:21:00"},
+        {"2011-03-16-1", false, "0033-09-09 00:00:00"}, {"2011-03-16 07", false, "2011-03-16 11:11:11"},
+        {"2011-03-16 07:21x", false, "2011-03-16 11:11:11"}, {"2011-03-16 07:21:48x", false, "2011-03-16 11:11:11"},
     };
     for (const auto& c : aCases)
     {
@@ -141,27 +110,20 @@ TEST(DateTime, ParsesDatesAndTimesAndKeepsWhatEarlierStepsStored)
 
 TEST(DateTime, TakesNowFromTheClockLessTheZoneBiasAndBrokenDownTimeToTheSecond)
 {
+    // A second before 1970, and clocks outside the calendar.
+    const struct { int64_t llTime; int32_t nBias; const char* pszText; } aTimes[] = {
+        {1300260108, -3600, "2011-03-16 08:21:48"}, {-1, 0, "1969-12-31 23:59:59"}, {-400000000000LL, 0, nullptr},
+        {(int64_t)1 << 41, 0, nullptr}};
+    for (const auto& [llTime, nBias, pszText] : aTimes)
     {
         QB_FaultEnv env;
         QB_ScopedEnv install(&env);
-        env.SetTimeT(1300260108);
-        env.SetTimeZoneBias(-3600);
+        env.SetTimeT(llTime);
+        env.SetTimeZoneBias(nBias);
         QB_DateTimeEx::ResetTimeZoneCache();
-        QB_DateTimeEx dtNow;
-        ASSERT_TRUE(dtNow.SetToNow());
-        EXPECT_EQ(Text(dtNow), "2011-03-16 08:21:48");
-        // A second before 1970, and clocks outside the calendar.
-        const std::pair<int64_t, const char*> aTimes[] = {
-            {-1, "1969-12-31 23:59:59"}, {-400000000000LL, nullptr}, {(int64_t)1 << 41, nullptr}};
-        env.SetTimeZoneBias(0);
-        QB_DateTimeEx::ResetTimeZoneCache();
-        for (const auto& [llTime, pszText] : aTimes)
-        {
-            env.SetTimeT(llTime);
-            QB_DateTimeEx dtAt = s_dtMarker;
-            EXPECT_EQ(pszText != nullptr, dtAt.SetToNow()) << llTime;
-            EXPECT_EQ(Text(dtAt), pszText ? pszText : Text(s_dtMarker)) << llTime;
-        }
+        QB_DateTimeEx dtAt = s_dtMarker;
+        EXPECT_EQ(pszText != nullptr, dtAt.SetToNow()) << llTime;
+        EXPECT_EQ(Text(dtAt), pszText ? pszText : Text(s_dtMarker)) << llTime;
     }
     QB_DateTimeEx::ResetTimeZoneCache();
     QB_DateTimeEx dt;

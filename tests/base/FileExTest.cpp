@@ -17,19 +17,11 @@ int LengthOnDisk(const std::string& sPath) { return fs::exists(sPath) ? (int)fs:
 
 TEST(FileEx, OpensByEachCreationModeOnAMissingAndAnExistingFile)
 {
-    const struct
-    {
-        uint32_t ulMode;
-        bool bExists, bOpens;
-        int nLengthAfter;  // -1: no file
-    } aRows[] = {
-        {0x101, false, false, -1}, {0x101, true, true, 5},    // must exist
-        {0x001, false, false, -1},                            // as 0x101
-        {0x100, true, false, 5},                              // no access bits
-        {0x203, false, true, 0},   {0x203, true, true, 5},    // open or create
-        {0x303, true, true, 0},                               // replace
-        {0x403, true, false, 5},                              // must not exist
-        {0x503, true, false, 5},                              // no such creation
+    // nLengthAfter -1: no file.
+    const struct { uint32_t ulMode; bool bExists, bOpens; int nLengthAfter; } aRows[] = {
+        {0x101, false, false, -1}, {0x101, true, true, 5}, {0x001, false, false, -1},  // must exist; 0x001 as 0x101
+        {0x100, true, false, 5}, {0x203, false, true, 0}, {0x203, true, true, 5},     // no access bits; open or create
+        {0x303, true, true, 0}, {0x403, true, false, 5}, {0x503, true, false, 5},     // replace; must not exist; none such
     };
     for (const auto& row : aRows)
     {
@@ -61,12 +53,7 @@ TEST(FileEx, ReadsWritesSeeksAndCutsAsWindowsDoes)
     ASSERT_TRUE(file.Open(tmp.SubW("f"), 0x203));
     char ach[16] = {};
     ASSERT_EQ(file.Write("0123456789", 10), 10);
-    const struct
-    {
-        int32_t nOffset;
-        int nOrigin;
-        int32_t nPos;
-    } aSeeks[] = {{4, QB_SEEK_BEGIN, 4}, {-2, QB_SEEK_CURRENT, 2}, {-3, QB_SEEK_END, 7}, {-1, QB_SEEK_BEGIN, -1},
+    const struct { int32_t nOffset; int nOrigin; int32_t nPos; } aSeeks[] = {{4, QB_SEEK_BEGIN, 4}, {-2, QB_SEEK_CURRENT, 2}, {-3, QB_SEEK_END, 7}, {-1, QB_SEEK_BEGIN, -1},
                   {0, 7, -1}};
     for (const auto& row : aSeeks)
         EXPECT_EQ(file.Seek(row.nOffset, row.nOrigin), row.nPos) << row.nOffset << " from " << row.nOrigin;
@@ -92,15 +79,9 @@ TEST(FileEx, NamesTheFileByTheTailOfItsFullPathOfAtMost260Characters)
 {
     const std::u16string sCwd(QB_ToWindowsPath(fs::current_path().string()).View());
     const std::u16string s259(259, u'x');
-    const struct
-    {
-        std::u16string sPath, sFull, sName;
-    } aRows[] = {
-        {u"a\\b\\c.txt", sCwd + u"\\a\\b\\c.txt", u"c.txt"},
-        {u"\\x\\y\\..\\z.bin", u"\\x\\z.bin", u"z.bin"},
-        {u"\\" + s259, u"\\" + s259, s259},
-        {u"\\" + s259 + u"y", u"", u""},
-        {u"", u"", u""},
+    const struct { std::u16string sPath, sFull, sName; } aRows[] = {
+        {u"a\\b\\c.txt", sCwd + u"\\a\\b\\c.txt", u"c.txt"}, {u"\\x\\y\\..\\z.bin", u"\\x\\z.bin", u"z.bin"},
+        {u"\\" + s259, u"\\" + s259, s259}, {u"\\" + s259 + u"y", u"", u""}, {u"", u"", u""},
     };
     for (const auto& row : aRows)
     {
@@ -113,11 +94,7 @@ TEST(FileEx, NamesTheFileByTheTailOfItsFullPathOfAtMost260Characters)
 
 TEST(FileEx, RefusesASecondOpenThatTheFirstOnesSharingForbids)
 {
-    const struct
-    {
-        uint32_t ulFirst, ulSecond;
-        bool bAllowed;
-    } aRows[] = {
+    const struct { uint32_t ulFirst, ulSecond; bool bAllowed; } aRows[] = {
         {0x101, 0x103, true},   // no sharing bits: others read and write
         {0x121, 0x101, true},   {0x121, 0x103, false},
         {0x103, 0x121, false},  // the second would deny the first's writing
@@ -165,12 +142,8 @@ TEST(FileEx, MakesEveryFolderOfAPathAndReplacesAPlainFileInTheWay)
             s += std::u16string(49, ch) + u'\\';
         return sBase + W(s + std::u16string(nTotal - sBase.GetLength() - s.size(), ch));
     };
-    const struct
-    {
-        QB_StringW sPath;
-        bool bResult;
-        const char* pszFolder;  // a folder afterwards, if set
-    } aRows[] = {
+    // pszFolder: a folder afterwards, if set.
+    const struct { QB_StringW sPath; bool bResult; const char* pszFolder; } aRows[] = {
         {sBase + u"a\\b\\c", true, "a/b/c"},         {sBase + u"e\\f\\", true, "e/f"},
         {sBase + u"g/h", true, "g/h"},               {sBase + u"a\\b", true, "a/b"},
         {sBase + u"plain\\sub", true, "plain/sub"},  {sBase + u"locked\\sub", false, nullptr},

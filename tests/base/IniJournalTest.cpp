@@ -1,15 +1,14 @@
 // The journal beside an ini file. The oracle throughout is a plain
 // QB_IniFileEx that takes the same changes and is flushed after each
 // commit: whatever the journal went through, its rewritten file must hold
-// those very bytes.
+// those very bytes. Crashes at every step are driven through the catalogue
+// and the share record (StoreCrash).
 #include "QB_FaultEnv.h"
 #include "QB_IniJournal.h"
 #include "QB_TestSupport.h"
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -26,10 +25,7 @@ struct Change
 };
 using Commit = std::vector<Change>;
 
-QB_StringW W(const std::u16string& s)
-{
-    return QB_StringW(s.data(), (int)s.size());
-}
+QB_StringW W(const std::u16string& s) { return QB_StringW(s.data(), (int)s.size()); }
 
 template <typename Store>
 void Apply(Store& store, const Commit& commit)
@@ -43,19 +39,23 @@ void Apply(Store& store, const Commit& commit)
     }
 }
 
-// What a flush after every commit leaves, for the first nCommits commits.
 // A tracking double spares the disk's syncs, here and in the tests below.
-Bytes Reference(const Bytes& vbStart, const std::vector<Commit>& vecCommits, size_t nCommits)
+struct Disk
 {
     QB_FaultEnv env;
-    QB_ScopedEnv install(&env);
-    env.TrackDurability();
+    QB_ScopedEnv install{&env};
+    Disk() { env.TrackDurability(); }
+};
+
+// What a flush after every commit leaves, for the first nCommits commits.
+Bytes Reference(const Bytes& vbStart, const std::vector<Commit>& vecCommits, size_t nCommits)
+{
+    Disk disk;
     QB_TempFolder tmp;
     if (!vbStart.empty())
         QB_WriteWholeFile(tmp.Sub("t.ini"), vbStart);
     QB_IniFileEx ini(17, 17);
-    EXPECT_TRUE(ini.Open(tmp.SubW("t.ini"), true));
-    ini.Flush();
+    EXPECT_TRUE(ini.Open(tmp.SubW("t.ini"), true) && ini.Flush());
     for (size_t i = 0; i < nCommits; ++i)
     {
         Apply(ini, vecCommits[i]);
@@ -73,175 +73,74 @@ Bytes Restarted(const QB_TempFolder& tmp)
     return QB_ReadWholeFile(tmp.Sub("t.ini"));
 }
 
-Bytes Utf16File(std::u16string_view s)
-{
-    Bytes vb = {0xFF, 0xFE};
-    for (char16_t ch : s)
-        vb.insert(vb.end(), {(uint8_t)(ch & 0xFF), (uint8_t)(ch >> 8)});
-    return vb;
-}
-
-// Rows added, changed and removed, a batch of two, a comment, text beyond
-// ASCII; the journal is folded in by hand after the third commit.
+// Rows added, changed and removed, a batch of two, a comment, text beyond ASCII.
 const std::vector<Commit> kScript = {
-    {{u"A", {{u"k", u"1"}, {u"n", u"alpha"}}}},
-    {{u"B", {{u"k", u"2"}}}, {u"C", {{u"k", u"3"}}}},
-    {{u"A", {{u"k", u"4"}}}},
-    {{u"B", {}, true}},
-    {{u"D", {{u"", u"a comment"}, {u"k", u"\u00e9\u4e2d"}}}},
+    {{u"A", {{u"k", u"1"}, {u"n", u"alpha"}}}}, {{u"B", {{u"k", u"2"}}}, {u"C", {{u"k", u"3"}}}},
+    {{u"A", {{u"k", u"4"}}}}, {{u"B", {}, true}}, {{u"D", {{u"", u"a comment"}, {u"k", u"\u00e9\u4e2d"}}}},
 };
-constexpr size_t kRewriteAfter = 3;
-const Commit kAfterRecovery = {{u"A", {{u"n", u"after"}}}};
-const Bytes kStart = Utf16File(u"[Z]\r\nk=0\r\n");
-
-// Runs the script until the machine stops; gives the commits acknowledged.
-size_t RunScript(QB_FaultEnv& env, const QB_TempFolder& tmp)
-{
-    QB_IniJournal journal(17, 17);
-    if (!journal.Open(tmp.SubW("t.ini"), true))
-        return 0;
-    size_t nAcked = 0;
-    for (const Commit& commit : kScript)
-    {
-        Apply(journal, commit);
-        if (!journal.Commit())
-            break;
-        ++nAcked;
-        if (nAcked == kRewriteAfter && !journal.Rewrite())
-            break;
-        if (env.HasCrashed())
-            break;
-    }
-    return nAcked;
-}
+const Bytes kStart = {0xFF, 0xFE, '[', 0, 'Z', 0, ']', 0, '\r', 0, '\n', 0, 'k', 0, '=', 0, '0', 0, '\r', 0, '\n', 0};
 
 }  // namespace
-
-// A crash at every step of the script (the first start, appends, the
-// rewrite and the fresh start of the journal) losing, keeping or garbling what was not synced,
-// and at every byte it writes keeping or garbling the bytes before the cut
-// (a crash that loses them is the same wherever the cut lies): the start
-// after it finds every acknowledged commit, perhaps the one in flight,
-// nothing half, and the journal goes on working.
-TEST(IniJournal, LosesNoAcknowledgedChangeWhereverTheMachineStops)
-{
-    // A file there before, and one the first start makes (its steps only).
-    for (const Bytes& vbStart : {kStart, Bytes{}})
-    {
-        std::vector<Bytes> vecStates, vecRecovered;
-        for (size_t n = 0; n <= kScript.size(); ++n)
-        {
-            vecStates.push_back(Reference(vbStart, kScript, n));
-            std::vector<Commit> vecThenMore(kScript.begin(), kScript.begin() + (long)n);
-            vecThenMore.push_back(kAfterRecovery);
-            vecRecovered.push_back(Reference(vbStart, vecThenMore, n + 1));
-        }
-        int nCrashes = 0;
-        for (bool bByByte : {false, true})
-            for (QB_CrashLoss loss : {QB_CrashLoss::Dropped, QB_CrashLoss::Kept, QB_CrashLoss::Garbled})
-                for (int nAt = bByByte ? 0 : 1; !bByByte || (loss != QB_CrashLoss::Dropped && !vbStart.empty()); ++nAt)
-                {
-                    SCOPED_TRACE((bByByte ? "byte " : "step ") + std::to_string(nAt) + " loss " +
-                                 std::to_string((int)loss) + (vbStart.empty() ? " new file" : ""));
-                    QB_TempFolder tmp;
-                    if (!vbStart.empty())
-                        QB_WriteWholeFile(tmp.Sub("t.ini"), vbStart);
-                    QB_FaultEnv env;
-                    QB_ScopedEnv install(&env);
-                    env.TrackDurability();
-                    if (bByByte)
-                        env.CrashAtByte(nAt, loss);
-                    else
-                        env.CrashAtStep(nAt, loss);
-                    const size_t nAcked = RunScript(env, tmp);
-                    if (!env.HasCrashed())
-                    {
-                        EXPECT_EQ(nAcked, kScript.size());
-                        break;
-                    }
-                    ++nCrashes;
-                    env.Restart();
-                    const Bytes vbAfter = Restarted(tmp);
-                    const bool bInFlight = nAcked < kScript.size() && vbAfter == vecStates[nAcked + 1];
-                    ASSERT_TRUE(vbAfter == vecStates[nAcked] || bInFlight)
-                        << nAcked << " acknowledged: " << QB_ToHex(vbAfter);
-                    {
-                        QB_IniJournal journal(17, 17);
-                        ASSERT_TRUE(journal.Open(tmp.SubW("t.ini"), true));
-                        Apply(journal, kAfterRecovery);
-                        ASSERT_TRUE(journal.Commit());
-                    }
-                    env.Crash();
-                    env.Restart();
-                    EXPECT_EQ(QB_ToHex(Restarted(tmp)), QB_ToHex(vecRecovered[nAcked + (bInFlight ? 1 : 0)]));
-                }
-        EXPECT_GT(nCrashes, vbStart.empty() ? 50 : 300);
-    }
-}
 
 // Each byte of a journal damaged in turn, and the journal cut at each
 // length: the records wholly before the damage are replayed, none after.
 TEST(IniJournal, ReplaysNothingFromTheFirstDamagedOrMissingByteOn)
 {
-    QB_FaultEnv env;
-    QB_ScopedEnv install(&env);
-    env.TrackDurability();
+    Disk disk;
     QB_TempFolder tmp;
     QB_WriteWholeFile(tmp.Sub("t.ini"), kStart);
     std::vector<size_t> vecEnds;  // journal length after each commit
     {
         QB_IniJournal journal(17, 17);
         ASSERT_TRUE(journal.Open(tmp.SubW("t.ini"), true));
-        for (size_t i = 0; i < kRewriteAfter; ++i)
+        for (const Commit& commit : kScript)
         {
-            Apply(journal, kScript[i]);
+            Apply(journal, commit);
             ASSERT_TRUE(journal.Commit());
             vecEnds.push_back(journal.GetJournalBytes());
         }
     }
     const Bytes vbJournal = QB_ReadWholeFile(tmp.Sub("t.ini.journal"));
     ASSERT_EQ(vbJournal.size(), vecEnds.back());
+    std::vector<Bytes> vecStates;
+    for (size_t n = 0; n <= kScript.size(); ++n)
+        vecStates.push_back(Reference(kStart, kScript, n));
+    auto fnReplayed = [&](const Bytes& vb) {
+        QB_TempFolder damaged;
+        QB_WriteWholeFile(damaged.Sub("t.ini"), kStart);
+        QB_WriteWholeFile(damaged.Sub("t.ini.journal"), vb);
+        return QB_ToHex(Restarted(damaged));
+    };
     for (bool bCut : {false, true})
         for (size_t nAt = 0; nAt < vbJournal.size(); ++nAt)
         {
             SCOPED_TRACE((bCut ? "cut at " : "damaged at ") + std::to_string(nAt));
-            QB_TempFolder damaged;
-            QB_WriteWholeFile(damaged.Sub("t.ini"), kStart);
             Bytes vb = vbJournal;
-            if (bCut)
-                vb.resize(nAt);
-            else
-                vb[nAt] ^= 0x20;
-            QB_WriteWholeFile(damaged.Sub("t.ini.journal"), vb);
+            bCut ? vb.resize(nAt) : (void)(vb[nAt] ^= 0x20);
             size_t nWhole = 0;
             while (nWhole < vecEnds.size() && vecEnds[nWhole] <= nAt)
                 ++nWhole;
-            if (bCut && nWhole == 0)
-            {
-                // Nothing to fold in: the next record goes behind an 8-byte
-                // head that is whole, and the rest is cut first.
-                QB_IniJournal journal(17, 17);
-                ASSERT_TRUE(journal.Open(damaged.SubW("t.ini"), true));
-                EXPECT_EQ(journal.GetJournalBytes(), nAt >= 8 ? 8u : 0u);
-            }
-            ASSERT_EQ(QB_ToHex(Restarted(damaged)), QB_ToHex(Reference(kStart, kScript, nWhole)));
+            ASSERT_EQ(fnReplayed(vb), QB_ToHex(vecStates[nWhole]));
         }
+    // Nothing to fold in: the next record goes behind an 8-byte head that
+    // is whole, and the rest is cut first.
+    for (size_t nAt : {4u, 8u, 10u})
+    {
+        QB_TempFolder cut;
+        QB_WriteWholeFile(cut.Sub("t.ini"), kStart);
+        QB_WriteWholeFile(cut.Sub("t.ini.journal"), Bytes(vbJournal.begin(), vbJournal.begin() + (long)nAt));
+        QB_IniJournal journal(17, 17);
+        ASSERT_TRUE(journal.Open(cut.SubW("t.ini"), true));
+        EXPECT_EQ(journal.GetJournalBytes(), nAt >= 8 ? 8u : 0u) << nAt;
+    }
     // A record whose checksum holds but whose body does not parse ends the
     // replay just the same: the commit after it is not applied either. The
     // first row, well formed, shows the seal is right.
     const Bytes vbOne = {1, 0, 0, 0}, vbKeys = {1, 0, 0, 0, 1, 1, 0, 0, 0, 'A', 0};
-    const struct
-    {
-        const char* szName;
-        Bytes vbBody;
-        size_t nCommits;
-    } aBodies[] = {
-        {"an empty commit", {0, 0, 0, 0}, 2},
-        {"no count of changes", {}, 1},
-        {"no kind", vbOne, 1},
+    const struct { const char* szName; Bytes vbBody; size_t nCommits; } aBodies[] = {
+        {"an empty commit", {0, 0, 0, 0}, 2}, {"no count of changes", {}, 1}, {"no kind", vbOne, 1},
         {"a kind of neither sort", {1, 0, 0, 0, 7, 0, 0, 0, 0, 0, 0, 0, 0}, 1},
-        {"a section name longer than the body", {1, 0, 0, 0, 1, 100, 0, 0, 0}, 1},
-        {"no count of keys", vbKeys, 1},
+        {"a section name longer than the body", {1, 0, 0, 0, 1, 100, 0, 0, 0}, 1}, {"no count of keys", vbKeys, 1},
         {"a key without its value", [&] { Bytes vb = vbKeys; vb.insert(vb.end(), {1, 0, 0, 0, 0, 0, 0, 0}); return vb; }(), 1},
         {"a byte past the last change", {0, 0, 0, 0, 9}, 1},
     };
@@ -265,86 +164,45 @@ TEST(IniJournal, ReplaysNothingFromTheFirstDamagedOrMissingByteOn)
         Bytes vb(vbJournal.begin(), vbJournal.begin() + (long)vecEnds[0]);
         vb.insert(vb.end(), vbSealed.begin(), vbSealed.end());
         vb.insert(vb.end(), vbJournal.begin() + (long)vecEnds[0], vbJournal.begin() + (long)vecEnds[1]);
-        QB_TempFolder damaged;
-        QB_WriteWholeFile(damaged.Sub("t.ini"), kStart);
-        QB_WriteWholeFile(damaged.Sub("t.ini.journal"), vb);
-        EXPECT_EQ(QB_ToHex(Restarted(damaged)), QB_ToHex(Reference(kStart, kScript, row.nCommits))) << row.szName;
+        EXPECT_EQ(fnReplayed(vb), QB_ToHex(vecStates[row.nCommits])) << row.szName;
     }
 }
 
-// A few hundred random commits on a new file and on an ANSI one, the
-// journal now and then closed and opened again: the file each start
-// rewrites is the file a flush per commit leaves.
-TEST(IniJournal, RewritesTheVeryBytesOfAFlushPerCommit)
+// A file the first start makes, the machine stopped at every step of a
+// script losing, keeping or garbling what was not synced: the start after
+// it finds every acknowledged commit, perhaps the one in flight, nothing half.
+TEST(IniJournal, LosesNoAcknowledgedChangeOfANewFileWhereverTheMachineStops)
 {
-    const Bytes aStarts[] = {{}, Bytes{';', ' ', 'h', '\r', '\n', '[', 'Z', ']', '\r', '\n', 'k', '=', '0'}};
-    for (const Bytes& vbStart : aStarts)
-    {
-        std::mt19937 rng(7);
-        std::vector<Commit> vecCommits;
-        std::vector<std::u16string> vecLive;
-        int nNextSection = 0;
-        const std::u16string aValues[] = {u"", u"1", u"x=y", u"\u00e9t\u00e9", u";c", u"long value with blanks "};
-        for (int nCommit = 0; nCommit < 300; ++nCommit)
+    std::vector<Bytes> vecStates;
+    for (size_t n = 0; n <= kScript.size(); ++n)
+        vecStates.push_back(Reference({}, kScript, n));
+    int nCrashes = 0;
+    for (QB_CrashLoss loss : {QB_CrashLoss::Dropped, QB_CrashLoss::Kept, QB_CrashLoss::Garbled})
+        for (int nAt = 1;; ++nAt)
         {
-            Commit commit;
-            for (int nChange = 1 + (int)(rng() % 3); nChange > 0; --nChange)
+            SCOPED_TRACE("step " + std::to_string(nAt) + " loss " + std::to_string((int)loss));
+            QB_TempFolder tmp;
+            Disk disk;
+            disk.env.CrashAtStep(nAt, loss);
+            size_t nAcked = 0;
             {
-                Change change;
-                if (!vecLive.empty() && rng() % 6 == 0)
+                QB_IniJournal journal(17, 17);
+                for (bool bOn = journal.Open(tmp.SubW("t.ini"), true); bOn && nAcked < kScript.size(); ++nAcked)
                 {
-                    const size_t nVictim = rng() % vecLive.size();
-                    change.sSection = vecLive[nVictim];
-                    change.bRemove = true;
-                    vecLive.erase(vecLive.begin() + (long)nVictim);
+                    Apply(journal, kScript[nAcked]);
+                    bOn = journal.Commit() && !disk.env.HasCrashed();
+                    nAcked -= !bOn;
                 }
-                else
-                {
-                    if (vecLive.empty() || rng() % 4 == 0)
-                    {
-                        // A removed name never comes back.
-                        vecLive.push_back(u"S" + std::u16string(1, (char16_t)(u'a' + nNextSection % 26)) +
-                                          (char16_t)(u'0' + nNextSection / 26));
-                        ++nNextSection;
-                    }
-                    change.sSection = vecLive[rng() % vecLive.size()];
-                    for (int nSet = 1 + (int)(rng() % 4); nSet > 0; --nSet)
-                        change.vecSets.emplace_back(std::u16string(1, (char16_t)(u'a' + rng() % 5)),
-                                                    aValues[rng() % std::size(aValues)]);
-                }
-                commit.push_back(change);
             }
-            vecCommits.push_back(commit);
+            if (!disk.env.HasCrashed())
+                break;
+            ++nCrashes;
+            disk.env.Restart();
+            const Bytes vbAfter = Restarted(tmp);
+            EXPECT_TRUE(vbAfter == vecStates[nAcked] || (nAcked < kScript.size() && vbAfter == vecStates[nAcked + 1]))
+                << nAcked << " acknowledged: " << QB_ToHex(vbAfter);
         }
-        QB_FaultEnv env;
-        QB_ScopedEnv install(&env);
-        env.TrackDurability();
-        QB_TempFolder tmp, ref;
-        for (const QB_TempFolder* lpFolder : {&tmp, &ref})
-            if (!vbStart.empty())
-                QB_WriteWholeFile(lpFolder->Sub("t.ini"), vbStart);
-        QB_IniFileEx reference(17, 17);
-        ASSERT_TRUE(reference.Open(ref.SubW("t.ini"), true));
-        reference.Flush();
-        auto lpJournal = std::make_unique<QB_IniJournal>(17, 17);
-        ASSERT_TRUE(lpJournal->Open(tmp.SubW("t.ini"), true));
-        for (size_t i = 0; i < vecCommits.size(); ++i)
-        {
-            Apply(*lpJournal, vecCommits[i]);
-            ASSERT_TRUE(lpJournal->Commit());
-            Apply(reference, vecCommits[i]);
-            ASSERT_TRUE(reference.Flush());
-            if (i % 37 == 36)
-            {
-                lpJournal.reset();
-                ASSERT_EQ(QB_ToHex(Restarted(tmp)), QB_ToHex(QB_ReadWholeFile(ref.Sub("t.ini")))) << i;
-                lpJournal = std::make_unique<QB_IniJournal>(17, 17);
-                ASSERT_TRUE(lpJournal->Open(tmp.SubW("t.ini"), true));
-            }
-        }
-        ASSERT_TRUE(lpJournal->Rewrite());
-        EXPECT_EQ(QB_ToHex(QB_ReadWholeFile(tmp.Sub("t.ini"))), QB_ToHex(QB_ReadWholeFile(ref.Sub("t.ini"))));
-    }
+    EXPECT_GT(nCrashes, 50);
 }
 
 // Changes stay in the journal alone until it outgrows its bound or the
@@ -354,89 +212,49 @@ TEST(IniJournal, FoldsTheJournalInPastItsBoundOrAfterAQuietSpell)
 {
     QB_TempFolder tmp;
     QB_WriteWholeFile(tmp.Sub("t.ini"), kStart);
-    QB_FaultEnv env;
-    QB_ScopedEnv install(&env);
-    env.TrackDurability();
-    env.SetTick(1000);
+    Disk disk;
+    disk.env.SetTick(1000);
     QB_IniJournal journal(17, 17);
     ASSERT_TRUE(journal.Open(tmp.SubW("t.ini"), true));
     Apply(journal, kScript[0]);
     ASSERT_TRUE(journal.Commit());
-    env.AdvanceTick(QB_IniJournal::kQuietMs - 1);
+    disk.env.AdvanceTick(QB_IniJournal::kQuietMs - 1);
     journal.RewriteIfQuiet();
     EXPECT_EQ(QB_ToHex(QB_ReadWholeFile(tmp.Sub("t.ini"))), QB_ToHex(kStart));
-    env.AdvanceTick(1);
+    disk.env.AdvanceTick(1);
     journal.RewriteIfQuiet();
     EXPECT_EQ(journal.GetJournalBytes(), 0u);
-    EXPECT_EQ(QB_ToHex(QB_ReadWholeFile(tmp.Sub("t.ini"))), QB_ToHex(Reference(kStart, kScript, 1)));
-
     std::vector<Commit> vecCommits = {kScript[0]};
-    const std::u16string sBig(16384, u'v');
+    auto fnOnDisk = [&] { return QB_ToHex(QB_ReadWholeFile(tmp.Sub("t.ini"))); };
+    auto fnExpected = [&] { return QB_ToHex(Reference(kStart, vecCommits, vecCommits.size())); };
+    EXPECT_EQ(fnOnDisk(), fnExpected());
+
     int nFolds = 0;
     for (int i = 0; i < 40; ++i)
     {
         const uint32_t ulBefore = journal.GetJournalBytes();
-        vecCommits.push_back({{u"A", {{u"big", sBig + (char16_t)(u'a' + i % 26)}}}});
+        vecCommits.push_back({{u"A", {{u"big", std::u16string(16384, u'v') + (char16_t)(u'a' + i % 26)}}}});
         Apply(journal, vecCommits.back());
         ASSERT_TRUE(journal.Commit());
         EXPECT_LT(journal.GetJournalBytes(), QB_IniJournal::kMinRewriteBytes);
-        if (journal.GetJournalBytes() < ulBefore)
+        if (journal.GetJournalBytes() < ulBefore && ++nFolds)
         {
-            ++nFolds;
-            EXPECT_EQ(QB_ToHex(QB_ReadWholeFile(tmp.Sub("t.ini"))),
-                      QB_ToHex(Reference(kStart, vecCommits, vecCommits.size())));
+            EXPECT_EQ(fnOnDisk(), fnExpected());
         }
     }
     EXPECT_EQ(nFolds, 1);
 
     // Commits the disk refuses keep nothing queued: the first one it takes
     // again folds every change in, and the journal starts afresh.
-    env.FailAt(QB_EnvOp::Open, 1, true);
-    for (int i = 0; i < 3; ++i)
+    disk.env.FailAt(QB_EnvOp::Open, 1, true);
+    for (int i = 0; i < 4; ++i)
     {
+        if (i == 3)
+            disk.env.ClearFaults();
         vecCommits.push_back({{u"B", {{u"k" + std::u16string(1, (char16_t)(u'0' + i)), u"v"}}}});
         Apply(journal, vecCommits.back());
-        EXPECT_FALSE(journal.Commit());
+        EXPECT_EQ(journal.Commit(), i == 3) << i;
     }
-    env.ClearFaults();
-    vecCommits.push_back({{u"B", {{u"k3", u"v"}}}});
-    Apply(journal, vecCommits.back());
-    ASSERT_TRUE(journal.Commit());
     EXPECT_EQ(journal.GetJournalBytes(), 0u);
-    EXPECT_EQ(QB_ToHex(QB_ReadWholeFile(tmp.Sub("t.ini"))), QB_ToHex(Reference(kStart, vecCommits, vecCommits.size())));
-}
-
-// Two owners of one path in a process: the second goes without a journal
-// and rewrites the file per commit, so neither writes over the other's
-// records, and a start after both stopped without folding in finds every
-// commit of each.
-TEST(IniJournal, ASecondOwnerOfOnePathRewritesInsteadOfSharingTheJournal)
-{
-    QB_FaultEnv env;
-    QB_ScopedEnv install(&env);
-    env.TrackDurability();
-    QB_TempFolder tmp;
-    QB_WriteWholeFile(tmp.Sub("t.ini"), kStart);
-    {
-        QB_IniJournal first(17, 17), second(17, 17);
-        ASSERT_TRUE(first.Open(tmp.SubW("t.ini"), true));
-        Apply(first, {{u"A", {{u"k", u"1"}}}});
-        ASSERT_TRUE(first.Commit());
-        ASSERT_TRUE(second.Open(tmp.SubW("t.ini"), true));
-        // Longer than the first record, so that a second writer of the
-        // journal would leave the first's next append inside it.
-        Apply(second, {{u"B", {{u"k", u"a value well longer than the first owner's"}}}});
-        ASSERT_TRUE(second.Commit());
-        EXPECT_FALSE(second.SetString(W(u""), W(u"k"), W(u"1"))) << "a section needs a name";
-        ASSERT_TRUE(second.Rewrite());
-        Apply(first, {{u"C", {{u"k", u"3"}}}});
-        ASSERT_TRUE(first.Commit());
-    }
-    QB_IniJournal journal(17, 17);
-    ASSERT_TRUE(journal.Open(tmp.SubW("t.ini"), true));
-    for (const auto& [sSection, sValue] : {std::pair<std::u16string, std::u16string>{u"A", u"1"},
-                                           {u"B", u"a value well longer than the first owner's"},
-                                           {u"C", u"3"}})
-        EXPECT_EQ(std::u16string(journal.Ini().GetString(W(sSection), W(u"k"), W(u"missing")).View()), sValue)
-            << (char)sSection[0];
+    EXPECT_EQ(fnOnDisk(), fnExpected());
 }

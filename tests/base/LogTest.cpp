@@ -57,8 +57,8 @@ struct LogHome
     }
     std::string Read(const std::string& sRelative) const
     {
-        std::vector<uint8_t> vb = QB_ReadWholeFile(tmp.Sub(sRelative));
-        return std::string(vb.begin(), vb.end());
+        const std::vector<uint8_t> vb = QB_ReadWholeFile(tmp.Sub(sRelative));
+        return {vb.begin(), vb.end()};
     }
 };
 
@@ -66,21 +66,11 @@ struct LogHome
 
 TEST(Log, NamesItsFileByTheRotationModeAndTheLogName)
 {
-    struct
-    {
-        int nMode;
-        const char* pszName;
-        int32_t nZoneBias;
-        const char* pszFile;
-    } const aCases[] = {
+    struct { int nMode; const char* pszName; int32_t nZoneBias; const char* pszFile; } const aCases[] = {
         {1, "fileshare", 0, "log/log_fileshare_2011_03_16_07.txt"},
-        {1, "fileshare", -3600, "log/log_fileshare_2011_03_16_08.txt"},
-        {2, "error", 0, "log/log_error_2011_03_16.txt"},
-        {3, "error", 0, "log/log_error_2011_03.txt"},
-        {4, "error", 0, "log/log_error_2011.txt"},
-        {0, "x", 0, "log/log_x.txt"},
-        {-1, "x", 0, "log/log_x.txt"},
-        {2, nullptr, 0, "log/log_2011_03_16.txt"},
+        {1, "fileshare", -3600, "log/log_fileshare_2011_03_16_08.txt"}, {2, "error", 0, "log/log_error_2011_03_16.txt"},
+        {3, "error", 0, "log/log_error_2011_03.txt"}, {4, "error", 0, "log/log_error_2011.txt"},
+        {0, "x", 0, "log/log_x.txt"}, {-1, "x", 0, "log/log_x.txt"}, {2, nullptr, 0, "log/log_2011_03_16.txt"},
         {0, nullptr, 0, "log/log.txt"},
     };
     for (const auto& c : aCases)
@@ -107,9 +97,7 @@ TEST(Log, AppendsWithoutALineEndOfItsOwnAndStartsANewDailyFileAtMidnight)
 
     EXPECT_EQ(home.List(), (Files{"log/log_error_2011_03_16.txt", "log/log_error_2011_03_17.txt"}));
     EXPECT_EQ(home.Read("log/log_error_2011_03_16.txt"),
-              "earlier\r\n"
-              "2011-03-16 23:59:59 : ZV_FileShareMgr::OnSend.OnSend exception.\r\n"
-              "2011-03-16 23:59:59 : no end");
+              "earlier\r\n" "2011-03-16 23:59:59 : ZV_FileShareMgr::OnSend.OnSend exception.\r\n" "2011-03-16 23:59:59 : no end");
     EXPECT_EQ(home.Read("log/log_error_2011_03_17.txt"), "2011-03-17 00:00:00 : first\r\n");
 }
 
@@ -127,13 +115,11 @@ TEST(Log, ABatchWritesItsLinesWhenItEndsEachFileInOrder)
         EXPECT_EQ(home.List(), Files{});
     }
     EXPECT_EQ(home.Read("log/log_fileshare_2011_03_16.txt"),
-              "2011-03-16 07:21:48 : one\r\n"
-              "2011-03-16 07:21:49 : three\r\n");
+              "2011-03-16 07:21:48 : one\r\n" "2011-03-16 07:21:49 : three\r\n");
     EXPECT_EQ(home.Read("log/log_error_2011_03_16.txt"), "2011-03-16 07:21:48 : two\r\n");
     QB_WriteLog(2, "error", "after\r\n");
     EXPECT_EQ(home.Read("log/log_error_2011_03_16.txt"),
-              "2011-03-16 07:21:48 : two\r\n"
-              "2011-03-16 07:21:49 : after\r\n");
+              "2011-03-16 07:21:48 : two\r\n" "2011-03-16 07:21:49 : after\r\n");
     // A batch that has kept 64 KB writes them without waiting for its end.
     QB_LogBatch batch;
     QB_WriteLog(2, "big", "%s", std::string(64 * 1024 - 22, 'b').c_str());
@@ -148,16 +134,10 @@ TEST(Log, WritesTheClientLogWithThePlatformsLocalTimeAndPercentSignsIntact)
     const int64_t llYear999 = (QB_DateTimeEx::DayNumber(999, 12, 31) - 719528) * 86400LL + 3723;
     const std::string sLong = std::string(5000, 'a') + "z";
     const std::string sLongLine = "2011-03-16 07:21:48 : " + sLong + "\r\n";
-    struct
-    {
-        int64_t llTimeT;
-        const char* pszArgument;
-        const char* pszLine;
-    } const aCases[] = {
+    struct { int64_t llTimeT; const char* pszArgument; const char* pszLine; } const aCases[] = {
         {TIME_2011_03_16_072148, "100% done", "2011-03-16 07:21:48 : 100% done\r\n"},
         {TIME_2011_03_16_235959, "%s%n%d", "2011-03-16 23:59:59 : %s%n%d\r\n"},
-        {llYear999, "y", " 999-12-31 01:02:03 : y\r\n"},
-        {TIME_2011_03_16_072148, sLong.c_str(), sLongLine.c_str()},
+        {llYear999, "y", " 999-12-31 01:02:03 : y\r\n"}, {TIME_2011_03_16_072148, sLong.c_str(), sLongLine.c_str()},
     };
     for (const auto& c : aCases)
     {

@@ -10,20 +10,9 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-Bytes BytesOf(const QB_StringU8& s)
-{
-    return Bytes(s.GetString(), s.GetString() + s.GetLength());
-}
-
-QB_StringU8 Utf8Of(const Bytes& vb)
-{
-    return QB_StringU8(reinterpret_cast<const char*>(vb.data()), (int)vb.size());
-}
-
-std::u16string UnitsOf(const QB_StringW& s)
-{
-    return std::u16string(s.GetString(), (size_t)s.GetLength());
-}
+Bytes BytesOf(const QB_StringU8& s) { return Bytes(s.GetString(), s.GetString() + s.GetLength()); }
+QB_StringU8 Utf8Of(const Bytes& vb) { return QB_StringU8(reinterpret_cast<const char*>(vb.data()), (int)vb.size()); }
+std::u16string UnitsOf(const QB_StringW& s) { return std::u16string(s.GetString(), (size_t)s.GetLength()); }
 
 }  // namespace
 
@@ -32,8 +21,7 @@ std::u16string UnitsOf(const QB_StringW& s)
 TEST(String, CopiesOnWriteWhicheverOperationChangesTheCopy)
 {
     const std::pair<const char*, std::function<void(QB_StringA&)>> kChanges[] = {
-        {"SetAt", [](QB_StringA& s) { s.SetAt(0, 'n'); }},
-        {"Append", [](QB_StringA& s) { s.Append("!"); }},
+        {"SetAt", [](QB_StringA& s) { s.SetAt(0, 'n'); }}, {"Append", [](QB_StringA& s) { s.Append("!"); }},
         {"GetBuffer", [](QB_StringA& s) { s.GetBuffer(2)[0] = 'n'; s.ReleaseBuffer(2); }},
         {"Format", [](QB_StringA& s) { s.Format("%d", 7); }},
     };
@@ -55,10 +43,7 @@ TEST(String, CopiesOnWriteWhicheverOperationChangesTheCopy)
 TEST(String, ConvertsUtf16UnitsToOneToThreeBytesAndBack)
 {
     const std::pair<std::u16string, Bytes> kCases[] = {
-        {u"A", {0x41}},
-        {u"\u0080", {0xC2, 0x80}},
-        {u"\u07FF", {0xDF, 0xBF}},
-        {u"\u0800", {0xE0, 0xA0, 0x80}},
+        {u"A", {0x41}}, {u"\u0080", {0xC2, 0x80}}, {u"\u07FF", {0xDF, 0xBF}}, {u"\u0800", {0xE0, 0xA0, 0x80}},
         {u"\uFFFF", {0xEF, 0xBF, 0xBF}},
         {{0xD83D, 0xDE00}, {0xED, 0xA0, 0xBD, 0xED, 0xB8, 0x80}},  // each half by itself
     };

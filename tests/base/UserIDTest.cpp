@@ -7,52 +7,29 @@
 
 namespace {
 
-struct WordsCase
-{
-    uint32_t ulMain;
-    uint32_t ulSub;
-    int nKind;
-    const char* pszText;
-};
+struct WordsCase { uint32_t ulMain; uint32_t ulSub; int nKind; const char* pszText; };
 
 // A row of kind 1 to 3 also reads back from its text; only a compound's text
 // carries the sub-number.
 const WordsCase kWords[] = {
-    {12345, 0, 1, "12345"},
-    {12345, 7, 1, "12345"},
-    {90001, 15, 2, "9000115"},
-    {90001, 5, 0, "Invalid ID"},
-    {92000, 10, 2, "9200010"},
-    {92000, 9, 0, "Invalid ID"},
-    {90755, 20000, 2, "9075520000"},
-    {60000000, 8000000, 2, "600000008000000"},
-    {600000000, 0, 0, "Invalid ID"},
-    {4000000000u, 0, 3, "4000000000"},
+    {12345, 0, 1, "12345"}, {12345, 7, 1, "12345"}, {90001, 15, 2, "9000115"}, {90001, 5, 0, "Invalid ID"},
+    {92000, 10, 2, "9200010"}, {92000, 9, 0, "Invalid ID"}, {90755, 20000, 2, "9075520000"},
+    {60000000, 8000000, 2, "600000008000000"}, {600000000, 0, 0, "Invalid ID"}, {4000000000u, 0, 3, "4000000000"},
 };
 
-struct TextCase
-{
-    const char* pszText;
-    int nKind;
-    uint32_t ulMain;
-    uint32_t ulSub;
-};
+struct TextCase { const char* pszText; int nKind; uint32_t ulMain; uint32_t ulSub; };
 
 const TextCase kTexts[] = {
-    {" \t 00012345  \r\n", 1, 12345, 0},
-    {"  000009000115", 2, 90001, 15},
+    {" \t 00012345  \r\n", 1, 12345, 0}, {"  000009000115", 2, 90001, 15},
     {"12345678901234567", 0, 0, 0},   // 17 digits, beyond 32 bits
     {"50000000070000000", 2, 500000000, 70000000},
     {"500000000600000000", 0, 0, 0},  // a valid compound's own text, 18 digits
-    {"4294967295", 3, 4294967295u, 0},
-    {"4294967296", 0, 0, 0},
+    {"4294967295", 3, 4294967295u, 0}, {"4294967296", 0, 0, 0},
     {"900010015", 2, 90001, 15},      // zeros in front of a sub-number count as digits
     {"900011", 0, 0, 0},              // a sub-number of one digit
     {"81234", 1, 81234, 0},           // shorter than its group number
     {"1234", 0, 0, 0},                // four digits name nobody
-    {"12345x", 0, 0, 0},
-    {"", 0, 0, 0},
-    {nullptr, 0, 0, 0},
+    {"12345x", 0, 0, 0}, {"", 0, 0, 0}, {nullptr, 0, 0, 0},
 };
 
 }  // namespace

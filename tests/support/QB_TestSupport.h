@@ -8,9 +8,8 @@
 #include <string>
 #include <vector>
 
-// A fresh, empty folder below the system's temporary folder. Its name holds
-// the running test's name and a random part, so parallel runs of the same
-// suite don't meet. The folder and all it holds go at destruction.
+// A fresh, empty folder below the system's temporary folder, named so that
+// parallel runs of the same suite don't meet; it goes with all it holds.
 class QB_TempFolder
 {
 public:
@@ -19,10 +18,8 @@ public:
     QB_TempFolder(const QB_TempFolder&) = delete;
     QB_TempFolder& operator=(const QB_TempFolder&) = delete;
 
-    // Host form, without a trailing slash.
-    const std::string& Path() const { return m_sPath; }
-    // Windows form (backslashes), with a trailing backslash.
-    QB_StringW PathW() const;
+    const std::string& Path() const { return m_sPath; }  // host form, no trailing slash
+    QB_StringW PathW() const;                             // Windows form, with its trailing backslash
     // A name below the folder, in either form; `sRelative` may use "/".
     std::string Sub(const std::string& sRelative) const;
     QB_StringW SubW(const std::string& sRelative) const;
@@ -33,7 +30,6 @@ private:
 
 // Host path in Windows form, without adding or removing a trailing backslash.
 QB_StringW QB_ToWindowsPath(const std::string& sPath);
-
 // The whole file; empty when it can't be read.
 std::vector<uint8_t> QB_ReadWholeFile(const std::string& sPath);
 // Replaces the file's content; false when it can't be written.
@@ -44,6 +40,5 @@ size_t QB_CountInFiles(const std::string& sPath, const std::string& sWhat);
 // Descriptors of this process open on the file: a file left open is one
 // its user could neither move nor delete on Windows.
 size_t QB_OpenHandlesTo(const std::string& sPath);
-
 // "01 ab ff" for messages of byte comparisons.
 std::string QB_ToHex(const std::vector<uint8_t>& vbData);

@@ -10,11 +10,12 @@
 class ZV_FileShareMgrPeer
 {
 public:
-    static ZV_SessionMap& Sessions(ZV_FileShareMgr& mgr) { return mgr.m_mapSession; }
+    using M = ZV_FileShareMgr;
+    static ZV_SessionMap& Sessions(M& mgr) { return mgr.m_mapSession; }
     // fn(usFileID, session) for each session in the map's order; a
     // reservation has none and is left out.
     template <typename F>
-    static void ForEach(ZV_FileShareMgr& mgr, F&& fn)
+    static void ForEach(M& mgr, F&& fn)
     {
         mgr.ForEachSession([&](uint16_t usFileID, ZV_FileShareSession* lpFsSession) {
             if (lpFsSession != nullptr)
@@ -22,54 +23,44 @@ public:
         });
     }
     // The session under usFileID; null when there is none, or only a reservation.
-    static ZV_FileShareSession* Find(ZV_FileShareMgr& mgr, uint16_t usFileID)
+    static ZV_FileShareSession* Find(M& mgr, uint16_t usFileID)
     {
         ZV_FileShareSession* lpFsSession = nullptr;
         mgr.m_mapSession.Lookup(usFileID, lpFsSession);
         return lpFsSession;
     }
-    static QB_Array<uint16_t>& BusyFileIDs(ZV_FileShareMgr& mgr) { return mgr.m_arrBusyFileID; }
-    static char& DataLink(ZV_FileShareMgr& mgr) { return mgr.m_cDataLink; }
-    static uint16_t& NextFileID(ZV_FileShareMgr& mgr) { return mgr.m_usNextFileID; }
-    static const QB_Array<uint16_t>& DeletedFileIDs(ZV_FileShareMgr& mgr) { return mgr.m_arrDelFileID; }
-    // The manager's own events to the user side and what the tests ask of
-    // it directly.
-    static void NotifyFileAdded(ZV_FileShareMgr& mgr, uint32_t ulResult, uint16_t usFileID,
-                                const ZV_FileBriefInfo& brief, double dPercent)
+    static QB_Array<uint16_t>& BusyFileIDs(M& mgr) { return mgr.m_arrBusyFileID; }
+    static char& DataLink(M& mgr) { return mgr.m_cDataLink; }
+    static uint16_t& NextFileID(M& mgr) { return mgr.m_usNextFileID; }
+    static const QB_Array<uint16_t>& DeletedFileIDs(M& mgr) { return mgr.m_arrDelFileID; }
+    // The manager's own events to the user side and what the tests ask of it directly.
+    static void NotifyFileAdded(M& mgr, uint32_t ulResult, uint16_t usFileID, const ZV_FileBriefInfo& brief, double dPercent)
     {
         mgr.NotifyFileAdded(ulResult, usFileID, brief, dPercent);
     }
-    static void NotifyRightChanged(ZV_FileShareMgr& mgr, uint32_t ulResult, uint16_t usFileID,
-                                   const ZV_FileBriefInfo& brief, double dPercent)
+    static void NotifyRightChanged(M& mgr, uint32_t ulResult, uint16_t usFileID, const ZV_FileBriefInfo& brief, double dPercent)
     {
         mgr.NotifyRightChanged(ulResult, usFileID, brief, dPercent);
     }
-    static void NotifyFileHidden(ZV_FileShareMgr& mgr, uint32_t ulResult, uint16_t usFileID)
-    {
-        mgr.NotifyFileHidden(ulResult, usFileID);
-    }
-    static void NotifyFileGone(ZV_FileShareMgr& mgr, uint32_t ulResult, uint16_t usFileID)
-    {
-        mgr.NotifyFileGone(ulResult, usFileID);
-    }
-    static void NotifyBusy(ZV_FileShareMgr& mgr, uint8_t bBusy) { mgr.NotifyBusy(bBusy); }
-    static void NotifyFilesAdded(ZV_FileShareMgr& mgr, const QB_Array<uint16_t>& arrFileID,
-                                 const QB_Array<ZV_FileBriefInfo>& arrInfo, const QB_Array<double>& arrValue)
+    static void NotifyFileHidden(M& mgr, uint32_t ulResult, uint16_t usFileID) { mgr.NotifyFileHidden(ulResult, usFileID); }
+    static void NotifyFileGone(M& mgr, uint32_t ulResult, uint16_t usFileID) { mgr.NotifyFileGone(ulResult, usFileID); }
+    static void NotifyBusy(M& mgr, uint8_t bBusy) { mgr.NotifyBusy(bBusy); }
+    static void NotifyFilesAdded(M& mgr, const QB_Array<uint16_t>& arrFileID, const QB_Array<ZV_FileBriefInfo>& arrInfo,
+                                 const QB_Array<double>& arrValue)
     {
         mgr.NotifyFilesAdded(arrFileID, arrInfo, arrValue);
     }
-    static ZV_FileCatalog& Catalog(ZV_FileShareMgr& mgr) { return mgr.Catalog(); }
-    static ZV_ShareLedger& Ledger(ZV_FileShareMgr& mgr) { return mgr.m_ShareLedger; }
-    static uint16_t AllocFileID(ZV_FileShareMgr& mgr) { return mgr.AllocFileID(); }
-    static uint32_t SendFileList(ZV_FileShareMgr& mgr, uint32_t ulConn, const QB_UserID& sender,
-                                 const QB_Array<ZV_FileUploadInfo>& arrInfo, const QB_Array<bool>& arrState,
-                                 const QB_Array<uint32_t>& arrMaxPos, const QB_Array<ZV_FileDownloadInfo>& arrDownload)
+    static ZV_FileCatalog& Catalog(M& mgr) { return mgr.Catalog(); }
+    static ZV_ShareLedger& Ledger(M& mgr) { return mgr.m_ShareLedger; }
+    static uint16_t AllocFileID(M& mgr) { return mgr.AllocFileID(); }
+    static uint32_t SendFileList(M& mgr, uint32_t ulConn, const QB_UserID& sender, const QB_Array<ZV_FileUploadInfo>& arrInfo,
+                                 const QB_Array<bool>& arrState, const QB_Array<uint32_t>& arrMaxPos,
+                                 const QB_Array<ZV_FileDownloadInfo>& arrDownload)
     {
         return mgr.SendFileList(ulConn, 0, sender, arrInfo, arrState, arrMaxPos, arrDownload);
     }
-    // A new session under usFileID, the manager's from here on; one that
-    // stood there goes.
-    static ZV_FileShareSession& Adopt(ZV_FileShareMgr& mgr, uint16_t usFileID, const char* szStorePath)
+    // A new session under usFileID, the manager's from here on; one that stood there goes.
+    static ZV_FileShareSession& Adopt(M& mgr, uint16_t usFileID, const char* szStorePath)
     {
         auto lpOwned = std::make_unique<ZV_FileShareSession>(&mgr, szStorePath);
         ZV_FileShareSession& session = *lpOwned;

@@ -25,21 +25,10 @@ public:
     static QB_StringU8& AskedPath(S& s) { return s.m_sAskedPath; }
     static uint32_t& AskedPos(S& s) { return s.m_ulAskedPos; }
     static bool& DownloadAsked(S& s) { return s.m_bDownloadAsked; }
-    static void SetAskedBase(S& s, const QB_StringW& sBase)
-    {
-        s.m_sAskedBase = sBase;
-        s.m_bAskedBase = true;
-    }
-
+    static void SetAskedBase(S& s, const QB_StringW& sBase) { s.m_sAskedBase = sBase, s.m_bAskedBase = true; }
     // Members only the session's own sources call.
-    static void NotifyTransferError(S& s, uint32_t ulResult, uint16_t usFileID)
-    {
-        s.NotifyTransferError(ulResult, usFileID);
-    }
-    static void NotifyDownloadFinished(S& s, uint32_t ulResult, uint16_t usFileID)
-    {
-        s.NotifyDownloadFinished(ulResult, usFileID);
-    }
+    static void NotifyTransferError(S& s, uint32_t ulResult, uint16_t usFileID) { s.NotifyTransferError(ulResult, usFileID); }
+    static void NotifyDownloadFinished(S& s, uint32_t ulResult, uint16_t usFileID) { s.NotifyDownloadFinished(ulResult, usFileID); }
     static void NotifyDownloadProgress(S& s, uint32_t ulResult, uint16_t usFileID, double dPercent, uint32_t ulUsed)
     {
         s.NotifyDownloadProgress(ulResult, usFileID, dPercent, ulUsed);

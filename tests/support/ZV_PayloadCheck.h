@@ -1,7 +1,6 @@
-// One check for a payload codec: the value saves to exactly the expected
-// bytes, those bytes load back to a value that saves the same, and every
-// shorter prefix fails to load with the stream's failure. A canary behind the
-// save buffer must stay untouched.
+// One check for a payload codec: the value saves to exactly the expected bytes
+// (a canary behind the buffer untouched), those load back to a value that
+// saves the same, and every shorter prefix fails with the stream's failure.
 #pragma once
 
 #include "QB_Array.h"
