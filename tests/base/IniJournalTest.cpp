@@ -1,8 +1,7 @@
 // The journal beside an ini file. The oracle throughout is a plain
 // QB_IniFileEx that takes the same changes and is flushed after each
 // commit: whatever the journal went through, its rewritten file must hold
-// those very bytes. Crashes at every step are driven through the catalogue
-// and the share record (StoreCrash).
+// those very bytes.
 #include "QB_FaultEnv.h"
 #include "QB_IniJournal.h"
 #include "QB_TestSupport.h"
@@ -79,6 +78,30 @@ const std::vector<Commit> kScript = {
     {{u"A", {{u"k", u"4"}}}}, {{u"B", {}, true}}, {{u"D", {{u"", u"a comment"}, {u"k", u"\u00e9\u4e2d"}}}},
 };
 const Bytes kStart = {0xFF, 0xFE, '[', 0, 'Z', 0, ']', 0, '\r', 0, '\n', 0, 'k', 0, '=', 0, '0', 0, '\r', 0, '\n', 0};
+constexpr size_t kRewriteAfter = 3;
+const Commit kAfterRecovery = {{u"A", {{u"n", u"after"}}}};
+
+// Runs the script until the machine stops; gives the commits acknowledged.
+size_t RunScript(QB_FaultEnv& env, const QB_TempFolder& tmp)
+{
+    QB_IniJournal journal(17, 17);
+    if (!journal.Open(tmp.SubW("t.ini"), true))
+        return 0;
+    size_t nAcked = 0;
+    for (const Commit& commit : kScript)
+    {
+        Apply(journal, commit);
+        if (!journal.Commit())
+            break;
+        ++nAcked;
+        if (nAcked == kRewriteAfter && !journal.Rewrite())
+            break;
+        if (env.HasCrashed())
+            break;
+    }
+    return nAcked;
+}
+
 
 }  // namespace
 
@@ -168,41 +191,66 @@ TEST(IniJournal, ReplaysNothingFromTheFirstDamagedOrMissingByteOn)
     }
 }
 
-// A file the first start makes, the machine stopped at every step of a
-// script losing, keeping or garbling what was not synced: the start after
-// it finds every acknowledged commit, perhaps the one in flight, nothing half.
-TEST(IniJournal, LosesNoAcknowledgedChangeOfANewFileWhereverTheMachineStops)
+// A crash at every step of the script (the first start, appends, the
+// rewrite and the fresh start of the journal) losing, keeping or garbling what was not synced,
+// and at every byte it writes keeping or garbling the bytes before the cut
+// (a crash that loses them is the same wherever the cut lies): the start
+// after it finds every acknowledged commit, perhaps the one in flight,
+// nothing half, and the journal goes on working.
+TEST(IniJournal, LosesNoAcknowledgedChangeWhereverTheMachineStops)
 {
-    std::vector<Bytes> vecStates;
-    for (size_t n = 0; n <= kScript.size(); ++n)
-        vecStates.push_back(Reference({}, kScript, n));
-    int nCrashes = 0;
-    for (QB_CrashLoss loss : {QB_CrashLoss::Dropped, QB_CrashLoss::Kept, QB_CrashLoss::Garbled})
-        for (int nAt = 1;; ++nAt)
+    // A file there before, and one the first start makes (its steps only).
+    for (const Bytes& vbStart : {kStart, Bytes{}})
+    {
+        std::vector<Bytes> vecStates, vecRecovered;
+        for (size_t n = 0; n <= kScript.size(); ++n)
         {
-            SCOPED_TRACE("step " + std::to_string(nAt) + " loss " + std::to_string((int)loss));
-            QB_TempFolder tmp;
-            Disk disk;
-            disk.env.CrashAtStep(nAt, loss);
-            size_t nAcked = 0;
-            {
-                QB_IniJournal journal(17, 17);
-                for (bool bOn = journal.Open(tmp.SubW("t.ini"), true); bOn && nAcked < kScript.size(); ++nAcked)
-                {
-                    Apply(journal, kScript[nAcked]);
-                    bOn = journal.Commit() && !disk.env.HasCrashed();
-                    nAcked -= !bOn;
-                }
-            }
-            if (!disk.env.HasCrashed())
-                break;
-            ++nCrashes;
-            disk.env.Restart();
-            const Bytes vbAfter = Restarted(tmp);
-            EXPECT_TRUE(vbAfter == vecStates[nAcked] || (nAcked < kScript.size() && vbAfter == vecStates[nAcked + 1]))
-                << nAcked << " acknowledged: " << QB_ToHex(vbAfter);
+            vecStates.push_back(Reference(vbStart, kScript, n));
+            std::vector<Commit> vecThenMore(kScript.begin(), kScript.begin() + (long)n);
+            vecThenMore.push_back(kAfterRecovery);
+            vecRecovered.push_back(Reference(vbStart, vecThenMore, n + 1));
         }
-    EXPECT_GT(nCrashes, 50);
+        int nCrashes = 0;
+        for (bool bByByte : {false, true})
+            for (QB_CrashLoss loss : {QB_CrashLoss::Dropped, QB_CrashLoss::Kept, QB_CrashLoss::Garbled})
+                for (int nAt = bByByte ? 0 : 1; !bByByte || (loss != QB_CrashLoss::Dropped && !vbStart.empty()); ++nAt)
+                {
+                    SCOPED_TRACE((bByByte ? "byte " : "step ") + std::to_string(nAt) + " loss " +
+                                 std::to_string((int)loss) + (vbStart.empty() ? " new file" : ""));
+                    QB_TempFolder tmp;
+                    if (!vbStart.empty())
+                        QB_WriteWholeFile(tmp.Sub("t.ini"), vbStart);
+                    QB_FaultEnv env;
+                    QB_ScopedEnv install(&env);
+                    env.TrackDurability();
+                    if (bByByte)
+                        env.CrashAtByte(nAt, loss);
+                    else
+                        env.CrashAtStep(nAt, loss);
+                    const size_t nAcked = RunScript(env, tmp);
+                    if (!env.HasCrashed())
+                    {
+                        EXPECT_EQ(nAcked, kScript.size());
+                        break;
+                    }
+                    ++nCrashes;
+                    env.Restart();
+                    const Bytes vbAfter = Restarted(tmp);
+                    const bool bInFlight = nAcked < kScript.size() && vbAfter == vecStates[nAcked + 1];
+                    ASSERT_TRUE(vbAfter == vecStates[nAcked] || bInFlight)
+                        << nAcked << " acknowledged: " << QB_ToHex(vbAfter);
+                    {
+                        QB_IniJournal journal(17, 17);
+                        ASSERT_TRUE(journal.Open(tmp.SubW("t.ini"), true));
+                        Apply(journal, kAfterRecovery);
+                        ASSERT_TRUE(journal.Commit());
+                    }
+                    env.Crash();
+                    env.Restart();
+                    EXPECT_EQ(QB_ToHex(Restarted(tmp)), QB_ToHex(vecRecovered[nAcked + (bInFlight ? 1 : 0)]));
+                }
+        EXPECT_GT(nCrashes, vbStart.empty() ? 50 : 300);
+    }
 }
 
 // Changes stay in the journal alone until it outgrows its bound or the

@@ -1,5 +1,6 @@
 // Adding a file on one manager with a recording host: the exact bytes of
 // 8001 and 8002, the stored names, and where hostile names land.
+#include "download/ZV_DownloadPdu.h"
 #include "ZV_RecordingNode.h"
 
 #include "QB_FaultEnv.h"
@@ -349,4 +350,48 @@ TEST(AddFile, ABatchWhoseFolderCannotBeMadeIsRefusedWith60AndGoesNoFurther)
         EXPECT_EQ(c.usFileID, vecAnswer[0].arrFileID[0]);
         EXPECT_EQ(0, ZV_FileShareMgrPeer::Sessions(node.mgr).GetCount());
     }
+}
+
+TEST(AddFile, ALinkedServersBatchIsFetchedFileByFileAndAThrowTakesBackOnlyWhatItMade)
+{
+    Node node(true);
+    ASSERT_EQ(0u, node.mgr.Initialize());
+    auto Batch = [&](std::vector<uint16_t> vecFileID) {
+        ZV_AddFilesRequest ask;
+        ask.user = node.host.m_LocalUser;
+        for (uint16_t usFileID : vecFileID)
+        {
+            ask.arrFileID.Add(usFileID);
+            ask.arrInfo.Add(ZV_Brief(ask.user, (std::to_string(usFileID) + ".txt").c_str(), 0));
+        }
+        node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, zvConfServerTypeCommand, ZV_SavePayload(ask));
+    };
+    Batch({7, 8});
+    const auto vecFetch = node.host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST);
+    ASSERT_EQ(2u, vecFetch.size());
+    for (size_t i = 0; i < vecFetch.size(); ++i)
+    {
+        EXPECT_TRUE(vecFetch[i].sRoute == "link" && vecFetch[i].ulConn == 5u);
+        const auto ask = ZV_Parse<ZV_DownloadAsk>(vecFetch[i].data);
+        EXPECT_EQ(std::make_tuple(7 + i, 0u, 1, 0), std::make_tuple((size_t)ask.usFileID, ask.ulPos, (int)ask.bFromServer, (int)ask.bFlooded));
+    }
+    const auto vecTold = ZV_SentAs<ZV_AddFilesResponse>(node.host, PDU_CONF_FS_ADD_FILES_RESPONSE);
+    ASSERT_EQ(1u, vecTold.size());
+    EXPECT_EQ("group", node.host.SentOf(PDU_CONF_FS_ADD_FILES_RESPONSE)[0].sRoute);
+    ASSERT_EQ(2, vecTold[0].arrPos.GetSize());
+    EXPECT_EQ(2, vecTold[0].arrFileID.GetSize());
+    EXPECT_EQ(0u, vecTold[0].arrPos[0] + vecTold[0].arrPos[1]);
+    EXPECT_EQ(1, vecTold[0].bLast);
+
+    ZV_FileShareSession* lpBefore = nullptr;
+    ZV_FileShareMgrPeer::Sessions(node.mgr).Lookup(8, lpBefore);
+    node.host.m_fnOnSend = [](uint16_t usPdu) {
+        if (usPdu == PDU_CONF_FS_DOWNLOAD_REQUEST)
+            throw std::runtime_error("host gone");
+    };
+    Batch({9, 8});
+    ZV_FileShareSession* lpAfter = nullptr;
+    EXPECT_FALSE(ZV_FileShareMgrPeer::Sessions(node.mgr).Lookup(9, lpAfter));
+    ASSERT_TRUE(ZV_FileShareMgrPeer::Sessions(node.mgr).Lookup(8, lpAfter));
+    EXPECT_EQ(lpBefore, lpAfter);
 }

@@ -343,3 +343,37 @@ TEST_F(Control, ClientStopsResumesAndGivesUpADownloadWithTheRequestsOfTheUserSid
                                                         {PDU_CONF_FS_DEL_DOWNLOAD_REQUEST, drop}}),
               vecSent);
 }
+
+TEST_F(Control, ServerStopsAndResumesADownloadEntryOnceAndLeavesAFinishedOneAlone)
+{
+    Make(true);
+    struct { const char* szName; QB_UserID user; uint8_t bStop; uint16_t usFrom, usTo; size_t nKicks; } aCases[] = {
+        {"stop", kBob, 1, zvDownloadStateRunning, zvDownloadStateStopped, 0},
+        {"resume", kBob, 0, zvDownloadStateStopped, zvDownloadStateRunning, 1},
+        {"finished", kBob, 0, zvDownloadStateFinished, zvDownloadStateFinished, 0},
+        {"no entry", QB_UserID(10003, 0), 1, 0, 0, 0}};
+    for (const auto& c : aCases)
+    {
+        Clear();
+        ZV_FileDownloadInfo entry;
+        entry.SetState(c.usFrom);
+        entry.SetActive(true);
+        ZV_FileShareSessionPeer::Downloads(*lpSession).SetAt(kBob, entry);
+        env.AdvanceTick(1000);
+        const uint32_t ulSeq = host.m_ulNextFloodSeq;
+        Deliver(PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST, Pdu().U16(5).User(c.user).U32(0).U8(c.bStop));
+        Deliver(PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST, Pdu().U16(5).User(c.user).U32(ulSeq).U8(c.bStop),
+                zvConfServerTypeCommand, 20, QB_UserID(2, 0));
+        const auto vecFlood = host.SentOf(PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST);
+        ASSERT_EQ(1u, vecFlood.size()) << c.szName << ": the echo of the flood is dropped";
+        EXPECT_EQ(Pdu().U16(7).U16(5).User(c.user).U32(ulSeq).U8(c.bStop).b, vecFlood[0].data) << c.szName;
+        const ZV_FileDownloadInfo& after = *ZV_FileShareSessionPeer::Downloads(*lpSession).Find(kBob);
+        EXPECT_EQ(c.usTo, after.m_usState) << c.szName;
+        EXPECT_EQ(c.nKicks, host.SentOf(PDU_CONF_FS_KICK).size()) << c.szName;
+        if (c.usFrom == zvDownloadStateStopped)
+        {
+            EXPECT_EQ(env.GetTickCount(), after.m_ulLastTick) << "the pause is not counted";
+        }
+    }
+}
+

@@ -440,3 +440,62 @@ TEST_F(Download, ALinkedServersRecordOfAnotherFileUnderTheFileIDMovesNothing)
             << c.szName;
     }
 }
+
+TEST_F(Download, OrdersTheCreatorToUploadBeforeAnsweringOrSaysWhyItCannot)
+{
+    host.AddUser(kAlice, 1, "alice");
+    for (uint32_t ulResult : {56u, 16u, 0u})
+    {
+        if (ulResult != 56)
+            host.Link(kAlice).bCommand = ulResult == 0;
+        host.m_vecSent.clear();
+        AddStoredFile(0);
+        Deliver(PDU_CONF_FS_DOWNLOAD_REQUEST, Request());
+        ASSERT_EQ(ulResult ? 1u : 2u, host.m_vecSent.size()) << ulResult;
+        EXPECT_EQ(Pdu().U16(5).U32(ulResult).b, Bytes(host.m_vecSent.back().data.begin(),
+                                                     host.m_vecSent.back().data.begin() + 6));
+    }
+    EXPECT_EQ(PDU_CONF_FS_UPLOAD_RESPONSE, host.m_vecSent[0].usPdu);
+    EXPECT_EQ(100010u, host.m_vecSent[0].ulConn);
+    EXPECT_EQ(Pdu().U16(5).U32(0).U16(5).User(kAlice).U32(0).U32(0).b, host.m_vecSent[0].data);
+}
+
+// A store that fails a read is told as an empty block with 61; one that was
+// closed under the pump is opened again by it.
+TEST_F(Download, AStoreThatCannotBeReadIsToldAsAnEmptyBlockWith61WhereNoCommandLinkIs)
+{
+    ZV_FileShareSession& session = AddStoredFile(40000);
+    Deliver(PDU_CONF_FS_DOWNLOAD_REQUEST, Request());
+    Deliver(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST, Pdu().U16(5).User(kBob).Record(ZV_FileDownloadInfo()).b);
+    env.FailAt(QB_EnvOp::Read, 1);
+    OnSend();
+    auto vecBlocks = host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE);
+    ASSERT_EQ(1u, vecBlocks.size());
+    EXPECT_EQ(100024u, vecBlocks[0].ulConn);
+    EXPECT_EQ(Block(0, {}, 40000, zvResultCannotAccess).b, vecBlocks[0].data);
+
+    host.m_vecSent.clear();
+    Peer::ServerFile(session).Close();
+    OnSend();
+    vecBlocks = host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE);
+    ASSERT_EQ(2u, vecBlocks.size());
+    EXPECT_EQ(Part(ZV_TestBytes(40000, 1), 0, 32768, 40000).b, vecBlocks[0].data);
+}
+
+TEST_F(ClientDownload, AfterItsDataLinkCameBackItAsksForItsPositionOnceAlsoAcrossAGap)
+{
+    Deliver(PDU_CONF_FS_DOWNLOAD_RESPONSE, Asked(Target(tmp.SubW("dl"), 98305)), 0, 11);
+    const Bytes data = ZV_TestBytes(98305, 2);
+    EXPECT_EQ(0u, Take(Part(data, 0, 32768)));
+    mgr.OnConnect(&kBob, 11, zvConfClientTypeCommand, 0);
+    mgr.OnConnect(&kBob, 12, zvConfClientTypeData, 0);
+    mgr.OnDisconnect(&kBob, 12, zvConfClientTypeData, 0);
+    host.m_vecSent.clear();
+    mgr.OnConnect(&kBob, 12, zvConfClientTypeData, 0);
+    const auto vecAsked = host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST);
+    ASSERT_EQ(1u, vecAsked.size());
+    EXPECT_TRUE(vecAsked[0].sRoute == "link" && vecAsked[0].ulConn == 11u) << "on the command link";
+    EXPECT_EQ(32768u, ZV_DataAsks(host)[0].m_ulDownloadPos);
+    EXPECT_EQ(0u, Take(Part(data, 65536, 32768)));
+    EXPECT_EQ(1u, host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST).size());
+}

@@ -197,20 +197,25 @@ TEST_F(SessionLists, AServerRestsRenewsOrWithdrawsEachRecordItLists)
 
 // A file the server no longer lists goes from the client; a finished
 // download stays, its path kept so that the user can still delete it.
-TEST_F(SessionLists, AClientDropsAnUnlistedFileButKeepsAFinishedDownloadToDelete)
+TEST_F(SessionLists, AClientDropsEveryUnlistedFileKeepingOnlyAFinishedDownloadToDelete)
 {
     ZV_RecordingNode node(false);
     ASSERT_EQ(0u, node.mgr.Initialize());
     std::filesystem::create_directories(node.tmp.Sub("dl"));
     const std::string sFolder = QB_StringU8(QB_ToWindowsPath(node.tmp.Sub("dl/"))).GetString();
     Peer::LocalDownload(AddFile(node, 5, Brief(true))) = Record(5, "5.bin", zvDownloadStateFinished, 20, sFolder);
+    Peer::LocalDownload(AddFile(node, 6, Brief(true))) = Record(6, "6.bin", zvDownloadStateRunning, 20, sFolder);
     QB_WriteWholeFile(node.tmp.Sub("dl/5.bin"), ZV_TestBytes(100, 1));
+    QB_WriteWholeFile(node.tmp.Sub("dl/6.bin"), ZV_TestBytes(100, 1));
     ZV_UploadListResponse list;
     list.user = node.host.m_LocalUser;
     list.bLast = 1;
     Deliver(node, PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE, ZV_SavePayload(list));
     EXPECT_EQ(0, ZV_FileShareMgrPeer::Sessions(node.mgr).GetCount());
     EXPECT_TRUE(std::filesystem::exists(node.tmp.Sub("dl/5.bin")));
+    EXPECT_FALSE(std::filesystem::exists(node.tmp.Sub("dl/6.bin"))) << "a partial download goes with its file";
+    EXPECT_EQ(2, std::count_if(node.host.m_vecEvents.begin(), node.host.m_vecEvents.end(),
+                               [](const ZV_RaisedEvent& event) { return event.usEvent == zvFsEventFileGone; }));
     EXPECT_EQ(0u, node.mgr.FsDelDownload(5, 1));
     EXPECT_FALSE(std::filesystem::exists(node.tmp.Sub("dl/5.bin")));
 }
