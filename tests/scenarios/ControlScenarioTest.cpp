@@ -99,3 +99,20 @@ TEST_F(ControlScene, AnUploadStartedAgainOrResumedAfterItEndedEndsWithoutAnError
     }
     EXPECT_TRUE(Events(Alice(), zvFsEventTransferError).empty());
 }
+
+// The same with the data link down while it is asked, stopped and resumed.
+TEST_F(ControlScene, AWholeFileUploadedAgainStoppedAndResumedWithTheDataLinkDownLeavesTheCreatorIdle)
+{
+    Build();
+    const uint16_t usFileID = Share("done.bin", ZV_RandomBytes(40000, 7));
+    ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
+    ZV_SimLink* lpLink = sim.GetClientLink(Alice());
+    ASSERT_TRUE(sim.Cut(lpLink, zvConfClientTypeData));
+    ASSERT_EQ(0u, Fs(Alice())->FsUpload(usFileID));
+    ASSERT_EQ(0u, Fs(Alice())->FsStopUpload(usFileID));
+    ASSERT_TRUE(sim.Run() && sim.Restore(lpLink, zvConfClientTypeData) && sim.Run()) << sim.GetError();
+    ASSERT_EQ(0u, Fs(Alice())->FsResumeUpload(usFileID));
+    ASSERT_TRUE(sim.AdvanceTime(60000)) << sim.GetError();
+    EXPECT_FALSE(IsBusy(Alice()));
+    EXPECT_EQ(zvFileStateComplete, Session(Alice(), usFileID)->BriefInfo().m_usFileState);
+}
