@@ -75,8 +75,14 @@ TEST_F(Control, ServerTakesAnUploadsStopOrResumeFromItsCreatorOnlyAndConfirmsItT
     {
         Clear();
         ZV_FileShareSessionPeer::FileInfo(*lpSession).m_BriefInfo.SetFileState(c.usFrom);
+        const uint32_t ulSeq = host.m_ulNextFloodSeq;
         Deliver(PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST, Pdu().U16(5).User(c.user).U32(0).U8(c.bStop).U32(70000),
                 zvConfClientTypeCommand, 100020, c.user);
+        // Taken stops and resumes go on to the other servers, with this server's position.
+        const auto vecFlood = host.SentOf(PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST);
+        ASSERT_EQ(c.szRoute == std::string("group") ? 1u : 0u, vecFlood.size()) << c.szName;
+        if (!vecFlood.empty())
+            EXPECT_EQ(Pdu().U16(7).U16(5).User(kAlice).U32(ulSeq).U8(c.bStop).U32(40000).b, vecFlood[0].data) << c.szName;
         const auto vecAnswer = host.SentOf(PDU_CONF_FS_IS_STOP_UPLOAD_RESPONSE);
         ASSERT_EQ(c.answer.empty() ? 0u : 1u, vecAnswer.size()) << c.szName;
         if (!c.answer.empty())
@@ -326,7 +332,9 @@ TEST_F(Control, ClientStopsResumesAndGivesUpADownloadWithTheRequestsOfTheUserSid
     local.SetState(zvDownloadStateRunning);
     Clear();
     ASSERT_EQ(0u, mgr.FsStopDownload(5));
+    EXPECT_EQ(zvDownloadStateStopped, local.m_usState);
     ASSERT_EQ(0u, mgr.FsResumeDownload(5));
+    EXPECT_EQ(zvDownloadStateRunning, local.m_usState);
     EXPECT_GE(ZV_FileShareMgrPeer::BusyFileIDs(mgr).Find(5), 0) << "resumed";
     ASSERT_EQ(0u, mgr.FsDelDownload(5, 0));
     EXPECT_LT(ZV_FileShareMgrPeer::BusyFileIDs(mgr).Find(5), 0) << "given up";
