@@ -34,6 +34,7 @@
 #include <ctime>
 #include <map>
 #include <mutex>
+#include <new>
 #include <random>
 #include <vector>
 
@@ -842,7 +843,10 @@ std::atomic<QB_Env*> g_lpEnv{nullptr};
 QB_Env* QB_GetDefaultEnv()
 {
     // Never destroyed: logging may still ask for it while statics go away.
-    static QB_Env* s_lpDefault = new QB_EnvPosix;
+    // It lives in the library's own storage, not on the heap, so a host that
+    // unloads the library does not leave it behind.
+    alignas(QB_EnvPosix) static unsigned char s_abStorage[sizeof(QB_EnvPosix)];
+    static QB_Env* s_lpDefault = new (s_abStorage) QB_EnvPosix;
     return s_lpDefault;
 }
 
