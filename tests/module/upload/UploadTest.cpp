@@ -280,6 +280,11 @@ TEST_F(Upload, AClientTakesAnUploadAnswerOnlyAboutItsUsersOwnFile)
         EXPECT_EQ(creator == kAlice ? Pdu().U16(zvFsEventTransferError).U32(40).U16(5).b : Bytes(),
                   ZV_Joined(host.m_vecEvents)) << creator.m_ulMain;
     }
+    // An order to send from the start makes the upload run and the client busy.
+    Make(false, 10);
+    Deliver(PDU_CONF_FS_UPLOAD_RESPONSE, Answer(0, 0));
+    EXPECT_EQ(zvFileStateUploading, Peer::BriefInfo(*lpSession).m_usFileState);
+    EXPECT_GE(ZV_FileShareMgrPeer::BusyFileIDs(mgr).Find(5), 0);
 }
 
 TEST_F(Upload, StateNoticeRaisesOneTransferStateEventPerFileAndIgnoresATruncatedOne)
