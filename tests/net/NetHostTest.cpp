@@ -13,10 +13,7 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 
 template <size_t N>
-Bytes Of(const std::array<uint8_t, N>& ab)
-{
-    return Bytes(ab.begin(), ab.end());
-}
+Bytes Of(const std::array<uint8_t, N>& ab) { return Bytes(ab.begin(), ab.end()); }
 
 // Writes the value, checks its bytes, reads them and writes what was read.
 template <typename T, typename W, typename R>
@@ -26,6 +23,21 @@ void ExpectRoundTrip(const T& value, const Bytes& vbForm, W fnWrite, R fnRead)
     T read{};
     ASSERT_EQ(fnRead(vbForm.data(), read), ZV_NetFault::None);
     EXPECT_EQ(Of(fnWrite(read)), vbForm);
+}
+
+// Each opening read as what its kind says: 'h' a hello, 'w' a welcome, 'l' a
+// login head, 'f' a frame head.
+ZV_NetFault ReadAs(char cKind, Bytes vb)
+{
+    vb.resize(64);
+    ZV_NetHello hello;
+    ZV_NetWelcome welcome;
+    ZV_NetLoginHead login;
+    ZV_NetFrameHead frame;
+    return cKind == 'h'   ? ZV_ReadHello(vb.data(), hello)
+           : cKind == 'w' ? ZV_ReadWelcome(vb.data(), welcome)
+           : cKind == 'l' ? ZV_ReadLoginHead(vb.data(), login)
+                          : ZV_ReadFrameHead(vb.data(), frame);
 }
 
 }  // namespace
@@ -46,49 +58,30 @@ TEST(NetWire, WritesEachOpeningAndFrameHeadAsTheProtocolPageShowsAndReadsThemBac
 
 TEST(NetWire, RefusesWhatNoPeerOfThisVersionSends)
 {
-    const struct { const char* szCase; Bytes vb; ZV_NetFault eFault; } aRows[] = {
-        {"a hello of another magic", {'R', 'C', 'R', 'X', 0x01}, ZV_NetFault::BadMagic},
-        {"a hello of version 1", Of(ZV_WriteHello({1, 0, 100, 1})), ZV_NetFault::UnknownVersion},
-        {"a hello of kind 1", Of(ZV_WriteHello({2, 1, 100, 1})), ZV_NetFault::UnknownKind},
-        {"a hello of kind 0x1004", Of(ZV_WriteHello({2, 0x1004, 0, 1})), ZV_NetFault::None},
+    using F = ZV_NetFault;
+    const struct { const char* szCase; char cKind; Bytes vb; ZV_NetFault eFault; } aRows[] = {
+        {"a hello of another magic", 'h', {'R', 'C', 'R', 'X', 0x01}, F::BadMagic},
+        {"a hello of version 1", 'h', Of(ZV_WriteHello({1, 0, 100, 1})), F::UnknownVersion},
+        {"a hello of kind 1", 'h', Of(ZV_WriteHello({2, 1, 100, 1})), F::UnknownKind},
+        {"a hello of kind 0x1004", 'h', Of(ZV_WriteHello({2, 0x1004, 0, 1})), F::None},
+        {"the longest mechanism name and login data", 'l', Of(ZV_WriteLoginHead({20, 4096})), F::None},
+        {"a mechanism name of 21", 'l', Of(ZV_WriteLoginHead({21, 10})), F::LoginTooLong},
+        {"login data of 4097", 'l', Of(ZV_WriteLoginHead({0, 4097})), F::LoginTooLong},
+        {"a welcome with login data of 4097", 'w', Of(ZV_WriteWelcome({2, 0, 0, 0, 0, 0, 4097})), F::LoginTooLong},
+        {"the longest frame", 'f', Of(ZV_WriteFrameHead({0, 0, 0, 0, kNetMaxPayload})), F::None},
+        {"a frame one byte longer", 'f', Of(ZV_WriteFrameHead({0, 0, 0, 0, kNetMaxPayload + 1})), F::TooLong},
+        {"a frame of 4 GiB", 'f', Of(ZV_WriteFrameHead({0, 0, 0, 0, 0xFFFFFFFFu})), F::TooLong},
     };
     for (const auto& row : aRows)
-    {
-        Bytes vb = row.vb;
-        vb.resize(kNetHelloSize);
-        ZV_NetHello hello;
-        EXPECT_EQ(ZV_ReadHello(vb.data(), hello), row.eFault) << row.szCase;
-    }
-    const struct { const char* szCase; ZV_NetLoginHead head; ZV_NetFault eFault; } aLogins[] = {
-        {"the longest mechanism name and login data", {20, 4096}, ZV_NetFault::None},
-        {"a mechanism name of 21", {21, 10}, ZV_NetFault::LoginTooLong},
-        {"login data of 4097", {0, 4097}, ZV_NetFault::LoginTooLong},
-    };
-    for (const auto& row : aLogins)
-    {
-        ZV_NetLoginHead head;
-        EXPECT_EQ(ZV_ReadLoginHead(ZV_WriteLoginHead(row.head).data(), head), row.eFault) << row.szCase;
-    }
-    ZV_NetWelcome welcome;
-    welcome.usLoginLen = 4097;
-    EXPECT_EQ(ZV_ReadWelcome(ZV_WriteWelcome(welcome).data(), welcome), ZV_NetFault::LoginTooLong);
-    for (uint32_t ulLen : {kNetMaxPayload, kNetMaxPayload + 1, 0xFFFFFFFFu})
-    {
-        ZV_NetFrameHead head;
-        head.ulLen = ulLen;
-        const auto ab = ZV_WriteFrameHead(head);
-        EXPECT_EQ(ZV_ReadFrameHead(ab.data(), head),
-                  ulLen <= kNetMaxPayload ? ZV_NetFault::None : ZV_NetFault::TooLong) << ulLen;
-    }
+        EXPECT_EQ(ReadAs(row.cKind, row.vb), row.eFault) << row.szCase;
 }
 
 // Steps: 'a' both links stand (the answer is the returning flag), 'l' the
 // command link is lost, 'g' a goodbye (the answer is whether event 4 is
 // due), '+' the clock moves on by a second and the expired leave (the
-// answer is whether the user was among them).
+// answer is whether the user was among them). Answers 1 or 0, '-' for none.
 TEST(NetPresence, MakesALeaveOfAGoodbyeOrOfALinkNotBackInTimeAndFlagsOnlyTheReturnOfOneWhoLeft)
 {
-    // szAnswers per step: 1 or 0, '-' for none
     const struct { const char* szCase; const char* szSteps; const char* szAnswers; } aRows[] = {
         {"a goodbye of one already gone", "al++g", "0-010"},
         {"lost twice, the second time not back", "al+al++", "0-00-01"},
@@ -102,16 +95,12 @@ TEST(NetPresence, MakesALeaveOfAGoodbyeOrOfALinkNotBackInTimeAndFlagsOnlyTheRetu
         std::string sAnswers;
         for (const char* p = row.szSteps; *p; ++p)
         {
-            switch (*p)
-            {
-            case 'a': sAnswers += presence.Arrive(alice) ? '1' : '0'; break;
-            case 'l': presence.Lose(alice, tpNow); sAnswers += '-'; break;
-            case 'g': sAnswers += presence.Leave(alice) ? '1' : '0'; break;
-            case '+':
+            if (*p == '+')
                 tpNow += std::chrono::seconds(1);
-                sAnswers += presence.Expire(tpNow).empty() ? '0' : '1';
-                break;
-            }
+            sAnswers += *p == 'a'   ? (presence.Arrive(alice) ? '1' : '0')
+                        : *p == 'l' ? (presence.Lose(alice, tpNow), '-')
+                        : *p == 'g' ? (presence.Leave(alice) ? '1' : '0')
+                                    : (presence.Expire(tpNow).empty() ? '0' : '1');
         }
         EXPECT_EQ(sAnswers, row.szAnswers);
     }

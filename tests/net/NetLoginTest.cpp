@@ -6,16 +6,13 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
+#include <filesystem>
 
 namespace {
 
 using State = ZV_LoginStep::State;
 
-ZV_ChannelBinding Tls(char cFill)
-{
-    return {true, std::string(32, cFill)};
-}
+ZV_ChannelBinding Tls(char cFill) { return {true, std::string(32, cFill)}; }
 
 using Transcript = std::vector<std::string>;  // what a client sent in one login
 
@@ -61,12 +58,10 @@ TEST(NetLogin, ProvesTheSecretOfItsNameOnItsOwnChannelOnce)
     credentials.Put(ZV_LoginKind::User, "alice", ZV_Credentials::Derive("open sesame"));
     credentials.Put(ZV_LoginKind::Server, "1", ZV_Credentials::Derive("link secret"));
     Transcript first;
-    {
-        ZV_LoginClient client("alice", "open sesame", {});
-        ZV_LoginServer server(credentials, ZV_LoginKind::User, {});
-        ASSERT_EQ(Exchange(client, server, "SCRAM-SHA-256", &first), "done");
-        EXPECT_EQ(server.GetName(), "alice");
-    }
+    ZV_LoginClient firstClient("alice", "open sesame", {});
+    ZV_LoginServer firstServer(credentials, ZV_LoginKind::User, {});
+    ASSERT_EQ(Exchange(firstClient, firstServer, "SCRAM-SHA-256", &first), "done");
+    EXPECT_EQ(firstServer.GetName(), "alice");
     const auto User = ZV_LoginKind::User;
     const struct { const char* szCase; std::string sName, sSecret; ZV_LoginKind eKind; ZV_ChannelBinding client, server;
                    const Transcript* lpReplay; bool bTamper; const char* szOutcome; } aRows[] = {
@@ -107,23 +102,19 @@ TEST(NetLogin, KeepsKeysButNoSecretInAPrivateCredentialsFileAndRefusesABrokenLin
 {
     QB_TempFolder tmp;
     const std::string sPath = tmp.Path() + "/server.credentials";
-    ZV_Credentials written;
+    ZV_Credentials written, read;
     written.Put(ZV_LoginKind::User, "alice smith", ZV_Credentials::Derive("open sesame"));
     written.Put(ZV_LoginKind::Server, "2", ZV_Credentials::Derive("link secret"));
     std::string sError;
-    ASSERT_TRUE(written.Save(sPath, sError)) << sError;
-    struct stat st {};
-    ASSERT_EQ(stat(sPath.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0600u);
-    EXPECT_EQ(QB_CountInFiles(sPath, "open sesame") + QB_CountInFiles(sPath, "link secret"), 0u);
-    ZV_Credentials read;
     std::vector<std::string> vecErrors;
-    ASSERT_TRUE(read.Load(sPath, vecErrors));
+    ASSERT_TRUE(written.Save(sPath, sError) && read.Load(sPath, vecErrors)) << sError;
+    EXPECT_EQ(std::filesystem::status(sPath).permissions(), std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+    EXPECT_EQ(QB_CountInFiles(sPath, "open sesame") + QB_CountInFiles(sPath, "link secret"), 0u);
     ZV_LoginClient client("alice smith", "open sesame", {});
     ZV_LoginServer server(read, ZV_LoginKind::User, {});
     EXPECT_EQ(Exchange(client, server, "SCRAM-SHA-256"), "done");
-    ASSERT_NE(read.Find(ZV_LoginKind::Server, "2"), nullptr);
-    EXPECT_EQ(read.Find(ZV_LoginKind::Server, "2")->ulIterations, ZV_Credentials::kIterations);
+    const ZV_ScramKeys* lpKeys = read.Find(ZV_LoginKind::Server, "2");
+    EXPECT_EQ(lpKeys ? lpKeys->ulIterations : 0, ZV_Credentials::kIterations);
 
     const std::string sKey = " AAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA=";
     const struct { const char* szCase; std::string sLine; const char* szError; } aRows[] = {

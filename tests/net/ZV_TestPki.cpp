@@ -59,11 +59,9 @@ Certificate Make(EVP_PKEY* lpKey, const std::string& sCommonName, X509* lpIssuer
 bool WritePem(const std::string& sPath, X509* lpCert, EVP_PKEY* lpKey)
 {
     FILE* lpFile = std::fopen(sPath.c_str(), "w");
-    if (!lpFile)
-        return false;
-    const bool bDone = lpCert ? PEM_write_X509(lpFile, lpCert) == 1
-                              : PEM_write_PrivateKey(lpFile, lpKey, nullptr, nullptr, 0, nullptr, nullptr) == 1;
-    return std::fclose(lpFile) == 0 && bDone;
+    const bool bDone = lpFile && (lpCert ? PEM_write_X509(lpFile, lpCert) == 1
+                                         : PEM_write_PrivateKey(lpFile, lpKey, nullptr, nullptr, 0, nullptr, nullptr) == 1);
+    return lpFile && std::fclose(lpFile) == 0 && bDone;
 }
 
 }  // namespace
@@ -79,9 +77,9 @@ bool ZV_MakeCertificates(const std::string& sDir, const std::string& sName, cons
         !WritePem(sBase + "-ca.key", nullptr, lpAuthorityKey.get()))
         return false;
     Key lpServerKey(EVP_EC_gen("P-256"), &EVP_PKEY_free);
-    if (!lpServerKey)
-        return false;
-    Certificate lpServer = Make(lpServerKey.get(), sHost, lpAuthority.get(), lpAuthorityKey.get(), sHost);
+    Certificate lpServer(nullptr, &X509_free);
+    if (lpServerKey)
+        lpServer = Make(lpServerKey.get(), sHost, lpAuthority.get(), lpAuthorityKey.get(), sHost);
     return lpServer && WritePem(sBase + ".pem", lpServer.get(), nullptr) &&
            WritePem(sBase + ".key", nullptr, lpServerKey.get());
 }

@@ -3,145 +3,110 @@
 // someone on the way would see it.
 #pragma once
 
-#include <asio.hpp>
+#include "ZV_NetProcess.h"
 
-#include <future>
-#include <list>
-#include <memory>
-#include <string>
-#include <thread>
+#include <poll.h>
+
+#include <mutex>
+#include <utility>
 
 class ZV_TestProxy
 {
 public:
-    ZV_TestProxy(uint16_t usPort, uint16_t usTarget) : m_usTarget(usTarget), m_usPort(usPort), m_acceptor(m_io)
-    {
-        Listen(m_usPort);
-        m_thread = std::thread([this] {
-            auto work = asio::make_work_guard(m_io);
-            m_io.run();
-        });
-    }
-    ~ZV_TestProxy()
-    {
-        OnThread([this] {
-            Drop();
-            m_io.stop();
-        });
-        m_thread.join();
-    }
+    ZV_TestProxy(uint16_t usPort, uint16_t usTarget) : m_usPort(usPort), m_usTarget(usTarget) { Restore(); }
+    ~ZV_TestProxy() { Cut(); }
 
     std::string GetAddress() const { return "127.0.0.1:" + std::to_string(m_usPort); }
-    void Cut() { OnThread([this] { Drop(); }); }
-    void Restore() { OnThread([this] { Listen(m_usPort); }); }
+    // Closes the port and every connection, and waits for the relays to end.
+    void Cut()
+    {
+        ShutAll();
+        if (m_accept.joinable())
+            m_accept.join();
+        ShutAll();  // a connection taken just before the port closed
+        for (std::thread& relay : m_vecRelays)
+            relay.join();
+        for (int nSocket : m_vecSockets)
+            close(nSocket);
+        m_vecRelays.clear(), m_vecSockets.clear();
+    }
+    // The port may take a moment to be free again after a cut.
+    void Restore()
+    {
+        const int nListen = socket(AF_INET, SOCK_STREAM, 0), nOn = 1;
+        setsockopt(nListen, SOL_SOCKET, SO_REUSEADDR, &nOn, sizeof nOn);
+        const sockaddr_in addr = ZV_Loopback(m_usPort);
+        for (int nTry = 0; bind(nListen, (const sockaddr*)&addr, sizeof addr) != 0 && nTry < 100; ++nTry)
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        listen(nListen, SOMAXCONN);
+        m_vecSockets.push_back(nListen);
+        m_accept = std::thread([this, nListen] { Accept(nListen); });
+    }
     std::string Recorded()
     {
-        std::string sRecorded;
-        OnThread([&] { sRecorded = m_sRecorded; });
-        return sRecorded;
+        std::lock_guard lock(m_mutex);
+        return m_sRecorded;
     }
 
 private:
-    struct Pair
+    void ShutAll()
     {
-        explicit Pair(asio::io_context& io) : client(io), server(io) {}
-        asio::ip::tcp::socket client;
-        asio::ip::tcp::socket server;
-        bool bRecorded = false;
-        std::array<char, 65536> abUp{}, abDown{};
-    };
-
-    template <typename F>
-    void OnThread(F&& fn)
-    {
-        std::promise<void> done;
-        asio::post(m_io, [&] {
-            fn();
-            done.set_value();
-        });
-        done.get_future().wait();
+        std::lock_guard lock(m_mutex);
+        for (int nSocket : m_vecSockets)
+            shutdown(nSocket, SHUT_RDWR);
     }
-
-    // The port may take a moment to be free again after a cut.
-    void Listen(uint16_t usPort)
+    void Accept(int nListen)
     {
-        const asio::ip::tcp::endpoint endpoint(asio::ip::address_v4::loopback(), usPort);
-        for (int nTry = 0;; ++nTry)
+        for (int nClient; (nClient = accept(nListen, nullptr, nullptr)) >= 0;)
         {
-            asio::error_code ec;
-            m_acceptor.open(endpoint.protocol(), ec);
-            m_acceptor.set_option(asio::ip::tcp::acceptor::reuse_address(true), ec);
-            m_acceptor.bind(endpoint, ec);
-            if (!ec)
-                m_acceptor.listen(asio::socket_base::max_listen_connections, ec);
-            if (!ec || nTry == 100)
-                break;
-            m_acceptor.close(ec);
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        }
-        Accept();
-    }
-
-    void Drop()
-    {
-        asio::error_code ec;
-        m_acceptor.close(ec);
-        for (auto& lpPair : m_pairs)
-        {
-            lpPair->client.close(ec);
-            lpPair->server.close(ec);
-        }
-        m_pairs.clear();
-    }
-
-    void Accept()
-    {
-        auto lpPair = std::make_shared<Pair>(m_io);
-        m_acceptor.async_accept(lpPair->client, [this, lpPair](const asio::error_code& ec) {
-            if (ec)
-                return;
-            Accept();
-            m_pairs.push_back(lpPair);
-            lpPair->bRecorded = !m_bRecording;
-            m_bRecording = true;
-            const asio::ip::tcp::endpoint target(asio::ip::address_v4::loopback(), m_usTarget);
-            lpPair->server.async_connect(target, [this, lpPair](const asio::error_code& ecConnect) {
-                if (ecConnect)
-                    return;
-                Relay(lpPair, lpPair->client, lpPair->server, lpPair->abUp);
-                Relay(lpPair, lpPair->server, lpPair->client, lpPair->abDown);
+            const int nServer = socket(AF_INET, SOCK_STREAM, 0);
+            const sockaddr_in addr = ZV_Loopback(m_usTarget);
+            connect(nServer, (const sockaddr*)&addr, sizeof addr);
+            std::lock_guard lock(m_mutex);
+            m_vecSockets.insert(m_vecSockets.end(), {nClient, nServer});
+            m_vecRelays.emplace_back([=, this, bRecord = !std::exchange(m_bRecording, true)] {
+                Relay(nClient, nServer, bRecord);
             });
-        });
+        }
     }
-
-    void Relay(std::shared_ptr<Pair> lpPair, asio::ip::tcp::socket& from, asio::ip::tcp::socket& to,
-               std::array<char, 65536>& abBuffer)
+    // Both ways until both ends closed; an end that closed is passed on as a
+    // half close.
+    void Relay(int nClient, int nServer, bool bRecord)
     {
-        from.async_read_some(asio::buffer(abBuffer), [=, this, &from, &to, &abBuffer](const asio::error_code& ec,
-                                                                                        size_t nRead) {
-            asio::error_code ecClose;
-            if (ec)
+        pollfd aPoll[2] = {{nClient, POLLIN, 0}, {nServer, POLLIN, 0}};
+        char ab[65536];
+        while (aPoll[0].fd >= 0 || aPoll[1].fd >= 0)
+        {
+            if (poll(aPoll, 2, -1) <= 0)
+                continue;
+            for (int i = 0; i < 2; ++i)
             {
-                to.shutdown(asio::ip::tcp::socket::shutdown_send, ecClose);
-                return;
+                if (aPoll[i].revents == 0)
+                    continue;
+                const int nTo = i == 0 ? nServer : nClient;
+                ssize_t nRead = read(aPoll[i].fd, ab, sizeof ab);
+                if (nRead <= 0)
+                    shutdown(nTo, SHUT_WR), aPoll[i].fd = -1;
+                if (nRead > 0 && bRecord && i == 0)
+                {
+                    std::lock_guard lock(m_mutex);
+                    if (m_sRecorded.size() < kRecordLimit)
+                        m_sRecorded.append(ab, (size_t)nRead);
+                }
+                for (ssize_t nDone = 0, nSent = 0; nRead > 0 && nDone < nRead; nDone += nSent)
+                    if ((nSent = send(nTo, ab + nDone, (size_t)(nRead - nDone), MSG_NOSIGNAL)) <= 0)
+                        aPoll[i].fd = -1, nRead = 0;
             }
-            if (lpPair->bRecorded && &from == &lpPair->client && m_sRecorded.size() < kRecordLimit)
-                m_sRecorded.append(abBuffer.data(), nRead);
-            asio::async_write(to, asio::buffer(abBuffer.data(), nRead),
-                              [=, this, &from, &to, &abBuffer](const asio::error_code& ecWrite, size_t) {
-                                  if (!ecWrite)
-                                      Relay(lpPair, from, to, abBuffer);
-                              });
-        });
+        }
     }
 
     static constexpr size_t kRecordLimit = 1 << 16;
+    uint16_t m_usPort;
     uint16_t m_usTarget;
-    uint16_t m_usPort = 0;
     bool m_bRecording = false;
+    std::mutex m_mutex;
     std::string m_sRecorded;
-    asio::io_context m_io;
-    asio::ip::tcp::acceptor m_acceptor;
-    std::list<std::shared_ptr<Pair>> m_pairs;
-    std::thread m_thread;
+    std::vector<int> m_vecSockets;
+    std::thread m_accept;
+    std::vector<std::thread> m_vecRelays;
 };
