@@ -1,6 +1,5 @@
-// The roomcrate client's parts that need no server: reading events at the
-// host guide's offsets, settings and their order, which file a word means,
-// the name a fetched file lands under, shell lines.
+// The roomcrate client's parts that need no server: events at the host guide's
+// offsets, settings, which file a word means, fetched files' names, shell lines.
 #include "ZV_CliCatalog.h"
 #include "ZV_CliOutput.h"
 #include "ZV_CliSettings.h"
@@ -55,7 +54,7 @@ Bytes Head(uint16_t usEvent, uint32_t ulResult, uint16_t usFileID) { return Byte
 
 }  // namespace
 
-TEST(CliEvents, EachEventLeavesTheCatalogAsItsBytesSay)
+TEST(CliEvents, EachEventLeavesTheCatalogAsItsBytesSayAndNoCutOfABatchIsRead)
 {
     const Bytes kAdded = Head(3000, 0, 7) + Brief("a", {}, true) + Bytes().F64(100);
     const Bytes kDownload = Bytes().Record(1 << 0 | 1 << 1 | 1 << 3, Bytes().U16(7).Text("/home/bob/in\\").Text("a(1).bin"));
@@ -98,28 +97,23 @@ TEST(CliEvents, EachEventLeavesTheCatalogAsItsBytesSay)
             catalog.Apply(ZV_ReadCliEvent(usEvent, bytes.vb), std::exchange(bJoining, false));
         const ZV_CliFileState* lpFile = catalog.Find(row.usFileID);
         ASSERT_EQ(row.bKnown, lpFile != nullptr) << row.szName;
-        if (lpFile)
-            EXPECT_EQ(std::tie(row.dServer, row.bPublic, row.vecAllowed, row.eDownload, row.sTarget),
-                      std::tie(lpFile->dServerPercent, lpFile->bPublic, lpFile->vecAllowed, lpFile->eDownload,
-                               lpFile->sTarget)) << row.szName;
+        if (!lpFile)
+            continue;
+        EXPECT_EQ(std::tie(row.dServer, row.bPublic, row.vecAllowed, row.eDownload, row.sTarget),
+                  std::tie(lpFile->dServerPercent, lpFile->bPublic, lpFile->vecAllowed, lpFile->eDownload, lpFile->sTarget))
+            << row.szName;
     }
-}
 
-TEST(CliEvents, ABatchSaysWhereEachFileCameFromAndNoCutOfItIsRead)
-{
     const Bytes full = Bytes().U16(3013).U32(0).U8(1).U16(7).U8(2) + Brief("a", {1, 2}, false, "\\home\\al\\") +
                        Brief("b", {}, true) + Bytes().U8(1).F64(5);
     for (size_t n = 0; n < full.vb.size(); ++n)
-    {
-        std::vector<uint8_t> vbCut(full.vb.begin(), full.vb.begin() + (long)n);
-        EXPECT_FALSE(ZV_ReadCliEvent(3013, vbCut).bValid) << n;
-    }
+        EXPECT_FALSE(ZV_ReadCliEvent(3013, {full.vb.begin(), full.vb.begin() + (long)n}).bValid) << n;
     // Where each file was shared from, which is how a batch's answer finds its adds.
     const ZV_CliEvent ev = ZV_ReadCliEvent(3013, full.vb);
     EXPECT_EQ(std::tie(ev.bValid, ev.vecPaths), std::make_tuple(true, std::vector<std::string>{"/home/al/a", "b"}));
 }
 
-TEST(CliSettings, EachSettingComesFromTheFirstPlaceThatGivesIt)
+TEST(CliSettings, EachSettingAndTheSecretComeFromTheFirstPlaceThatGivesThem)
 {
     const std::string kToml = "server = \"files.example:7200\"\nconference = 100\nuser = 10001\nname = \"alice\"\n"
                               "secret_file = \"alice.secret\"\n";
@@ -151,26 +145,24 @@ TEST(CliSettings, EachSettingComesFromTheFirstPlaceThatGivesIt)
         const bool bOk = ZV_LoadCliSettings(row.mapOptions, fnEnv, row.sToml, "/etc/rc/client.toml", settings, sError);
         ASSERT_EQ(row.bOk, bOk) << row.szName << ": " << sError;
         EXPECT_TRUE(bOk || !sError.empty()) << row.szName;
-        if (bOk)
-            EXPECT_EQ(std::tie(row.sServer, row.usPort, row.ulUser, row.sSecretFile, row.sHome),
-                      std::tie(settings.sServer, settings.usPort, settings.ulUser, settings.sSecretFile, settings.sHome))
-                << row.szName;
+        if (!bOk)
+            continue;
+        EXPECT_EQ(std::tie(row.sServer, row.usPort, row.ulUser, row.sSecretFile, row.sHome),
+                  std::tie(settings.sServer, settings.usPort, settings.ulUser, settings.sSecretFile, settings.sHome))
+            << row.szName;
     }
-}
 
-TEST(CliSettings, TheSecretComesFromItsFileOrTheEnvironmentAndAnEmptyFileIsRefused)
-{
     QB_TempFolder tmp;
     std::ofstream(tmp.Path() + "/good") << "s3cret\nmore\n";
     std::ofstream(tmp.Path() + "/empty") << "\n";
-    struct Row { const char* szName; std::string sFile; const char* szEnv; std::optional<std::string> osSecret;
-    } aRows[] = {
+    struct SecretRow { const char* szName; std::string sFile; const char* szEnv; std::optional<std::string> osSecret;
+    } aSecrets[] = {
         {"its file's first line", tmp.Path() + "/good", "env", std::string("s3cret")},
         {"the environment without a file", "", "env", std::string("env")},
         {"an empty first line", tmp.Path() + "/empty", nullptr, std::nullopt},
         {"a file that is not there", tmp.Path() + "/none", nullptr, std::nullopt},
     };
-    for (const Row& row : aRows)
+    for (const SecretRow& row : aSecrets)
     {
         ZV_CliSettings settings;
         settings.sSecretFile = row.sFile;
@@ -180,7 +172,7 @@ TEST(CliSettings, TheSecretComesFromItsFileOrTheEnvironmentAndAnEmptyFileIsRefus
     }
 }
 
-TEST(CliFiles, AWordNamesOneFileOrIsRefusedWithTheNumbersOfAllItCouldMean)
+TEST(CliFiles, AWordNamesOneFileOrUserOrIsRefusedWithAllItCouldMean)
 {
     const std::map<uint16_t, std::string> mapNames = {{3, "a.bin"}, {5, "b.txt"}, {8, "b.txt"}, {12, "5"}};
     struct Row { const char* szWord; std::optional<uint16_t> ousFileID; std::vector<uint16_t> vecMatches; } aRows[] = {
@@ -192,19 +184,16 @@ TEST(CliFiles, AWordNamesOneFileOrIsRefusedWithTheNumbersOfAllItCouldMean)
         const ZV_CliMatch match = ZV_ResolveFile(row.szWord, mapNames);
         EXPECT_EQ(std::tie(row.ousFileID, row.vecMatches), std::tie(match.ousFileID, match.vecMatches)) << row.szWord;
     }
-}
 
-TEST(CliFiles, AWordNamesOneUserByNumberOrByANameNoOtherBears)
-{
-    const std::map<uint32_t, std::string> mapNames = {{10001, "alice"}, {10002, "bob"}, {20002, "bob"}, {10003, "carol"}};
-    struct Row { const char* szWord; std::optional<uint32_t> oulUser; std::vector<uint32_t> vecMatches; } aRows[] = {
+    const std::map<uint32_t, std::string> mapUsers = {{10001, "alice"}, {10002, "bob"}, {20002, "bob"}, {10003, "carol"}};
+    struct UserRow { const char* szWord; std::optional<uint32_t> oulUser; std::vector<uint32_t> vecMatches; } aUsers[] = {
         {"carol", 10003, {10003}},       {"bob", std::nullopt, {10002, 20002}}, {"10002", 10002, {}},
         {"30001", 30001, {}},            {"dave", std::nullopt, {}},            {"Carol", std::nullopt, {}},
         {"0", std::nullopt, {}},         {"4294967296", std::nullopt, {}},      {"", std::nullopt, {}},
     };
-    for (const Row& row : aRows)
+    for (const UserRow& row : aUsers)
     {
-        const ZV_CliUserMatch match = ZV_ResolveUser(row.szWord, mapNames);
+        const ZV_CliUserMatch match = ZV_ResolveUser(row.szWord, mapUsers);
         EXPECT_EQ(std::tie(row.oulUser, row.vecMatches), std::tie(match.oulUser, match.vecMatches)) << row.szWord;
     }
 }
@@ -241,10 +230,11 @@ TEST(CliShell, ALineBecomesACommandOrIsRefusedWithAReason)
         ZV_CliCommand command;
         std::string sError;
         ASSERT_EQ(row.bOk, ZV_ShellCommand(ZV_ShellWords(row.szLine), command, sError)) << row.szLine << ": " << sError;
-        if (row.bOk)
-            EXPECT_EQ(std::tie(row.sVerb, row.vecArgs, row.vecUsers, row.bPublic, row.sOutDir),
-                      std::tie(command.sVerb, command.vecArgs, command.vecUsers, command.bPublic, command.sOutDir))
-                << row.szLine;
+        if (!row.bOk)
+            continue;
+        EXPECT_EQ(std::tie(row.sVerb, row.vecArgs, row.vecUsers, row.bPublic, row.sOutDir),
+                  std::tie(command.sVerb, command.vecArgs, command.vecUsers, command.bPublic, command.sOutDir))
+            << row.szLine;
     }
 }
 
@@ -253,7 +243,6 @@ TEST(CliShell, ALineBecomesACommandOrIsRefusedWithAReason)
 // (bar, percent, bytes, rate, time left), on a terminal redrawn in place.
 TEST(CliOutput, TablesAndBarsAreLaidOutInTheirColumns)
 {
-    // What standard output and standard error got, on a terminal or not.
     auto Shown = [](bool bTerminal, const std::function<void(ZV_CliOutput&)>& fnDo) {
         std::ostringstream out, err;
         ZV_CliOutput output(out, err, false, false, bTerminal);

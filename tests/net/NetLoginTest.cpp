@@ -14,26 +14,13 @@ using State = ZV_LoginStep::State;
 
 ZV_ChannelBinding Tls(char cFill) { return {true, std::string(32, cFill)}; }
 
-using Transcript = std::vector<std::string>;  // what a client sent in one login
-
-// Runs one login through; "done", or which side refused. A replay sends the
-// client messages of an earlier login to the server in place of a client's;
-// a tamper flips a byte of the server's last word.
-std::string Exchange(ZV_LoginClient& client, ZV_LoginServer& server, const std::string& sOffer,
-                     Transcript* lpRecord = nullptr, const Transcript* lpReplay = nullptr, bool bTamper = false)
+// Runs one login through; "done", or which side refused. A tamper flips a
+// byte of the server's last word.
+std::string Exchange(ZV_LoginClient& client, ZV_LoginServer& server, const std::string& sOffer, bool bTamper = false)
 {
-    if (lpReplay)
-    {
-        ZV_LoginStep answer = server.Start(client.GetMechanism(), lpReplay->at(0));
-        for (size_t i = 1; i < lpReplay->size() && answer.eState == State::More; ++i)
-            answer = server.Step((*lpReplay)[i]);
-        return answer.eState == State::Refused ? "server refused" : "done";
-    }
     ZV_LoginStep step = client.Start(sOffer);
     for (int nRound = 0; step.eState == State::More; ++nRound)
     {
-        if (lpRecord)
-            lpRecord->push_back(step.sData);
         const ZV_LoginStep answer =
             nRound == 0 ? server.Start(client.GetMechanism(), step.sData) : server.Step(step.sData);
         if (answer.eState == State::Refused)
@@ -52,35 +39,29 @@ std::string Exchange(ZV_LoginClient& client, ZV_LoginServer& server, const std::
 
 }  // namespace
 
-TEST(NetLogin, ProvesTheSecretOfItsNameOnItsOwnChannelOnce)
+TEST(NetLogin, ProvesTheSecretOfItsNameOnItsOwnChannel)
 {
     ZV_Credentials credentials;
     credentials.Put(ZV_LoginKind::User, "alice", ZV_Credentials::Derive("open sesame"));
     credentials.Put(ZV_LoginKind::Server, "1", ZV_Credentials::Derive("link secret"));
-    Transcript first;
-    ZV_LoginClient firstClient("alice", "open sesame", {});
-    ZV_LoginServer firstServer(credentials, ZV_LoginKind::User, {});
-    ASSERT_EQ(Exchange(firstClient, firstServer, "SCRAM-SHA-256", &first), "done");
-    EXPECT_EQ(firstServer.GetName(), "alice");
     const auto User = ZV_LoginKind::User;
+    // Wrong secrets, unknown names and replays: the server's login scene (NetSecurity).
     const struct { const char* szCase; std::string sName, sSecret; ZV_LoginKind eKind; ZV_ChannelBinding client, server;
-                   const Transcript* lpReplay; bool bTamper; const char* szOutcome; } aRows[] = {
-        {"the right secret on TLS", "alice", "open sesame", User, Tls('a'), Tls('a'), nullptr, false, "done"},
-        {"a linked server's secret", "1", "link secret", ZV_LoginKind::Server, {}, {}, nullptr, false, "done"},
-        {"a wrong secret", "alice", "open sesamE", User, {}, {}, nullptr, false, "server refused"},
-        {"a name without credentials", "mallory", "open sesame", User, {}, {}, nullptr, false, "server refused"},
-        {"a server's secret as a user's", "1", "link secret", User, {}, {}, nullptr, false, "server refused"},
-        {"a login made on another TLS channel", "alice", "open sesame", User, Tls('a'), Tls('b'), nullptr, false, "server refused"},
-        {"a replay of an earlier login", "alice", "open sesame", User, {}, {}, &first, false, "server refused"},
-        {"a server whose last word is not the keys'", "alice", "open sesame", User, {}, {}, nullptr, true, "client refused"},
+                   bool bTamper; const char* szOutcome; } aRows[] = {
+        {"the right secret", "alice", "open sesame", User, {}, {}, false, "done"},
+        {"the right secret on TLS", "alice", "open sesame", User, Tls('a'), Tls('a'), false, "done"},
+        {"a linked server's secret", "1", "link secret", ZV_LoginKind::Server, {}, {}, false, "done"},
+        {"a server's secret as a user's", "1", "link secret", User, {}, {}, false, "server refused"},
+        {"a login made on another TLS channel", "alice", "open sesame", User, Tls('a'), Tls('b'), false, "server refused"},
+        {"a server whose last word is not the keys'", "alice", "open sesame", User, {}, {}, true, "client refused"},
     };
     for (const auto& row : aRows)
     {
         SCOPED_TRACE(row.szCase);
         ZV_LoginClient client(row.sName, row.sSecret, row.client);
         ZV_LoginServer server(credentials, row.eKind, row.server);
-        EXPECT_EQ(Exchange(client, server, ZV_LoginMechanism(row.server), nullptr, row.lpReplay, row.bTamper),
-                  row.szOutcome);
+        EXPECT_EQ(Exchange(client, server, ZV_LoginMechanism(row.server), row.bTamper), row.szOutcome);
+        EXPECT_TRUE(row.szOutcome != std::string("done") || server.GetName() == row.sName);
     }
     // A name without credentials is challenged as a name with them is, under
     // the same salt each time, so that nobody learns which names exist.
@@ -145,9 +126,7 @@ TEST(NetLogin, KeepsKeysButNoSecretInAPrivateCredentialsFileAndRefusesABrokenLin
 TEST(NetLogin, SlowsDownAnAddressThatFailsDoublingUpTo32TimesAndForgetsItLater)
 {
     const struct { const char* szCase; const char* szSteps; std::vector<int> vecWaits; } aRows[] = {
-        {"no failure", "?", {0}},
-        {"one failure", "f?", {1}},
-        {"doubling", "f?f?f?", {1, 2, 4}},
+        {"none, then doubling with each failure", "?f?f?f?", {0, 1, 2, 4}},
         {"at most 32 times", "ffffff?f?", {32, 32}},
         {"another address", "fff?o", {4, 0}},
         {"forgotten a while after the last failure", "ff?+?", {2, 0}},

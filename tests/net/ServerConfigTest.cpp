@@ -45,14 +45,12 @@ TEST(ServerConfig, RefusesEachWrongOrMissingSettingWithItsLineAndGivesEachConfer
          ":2: [server]: \"number\" must be a whole number"},
         {"a certificate without its key", kServer + "certificate = \"server.toml\"\n" + kConference,
          ":1: [server]: \"certificate\" and \"private_key\" go together"},
-        {"a certificate that is not there", kServer + "certificate = \"c.pem\"\nprivate_key = \"server.toml\"\n" +
-                                                kConference,
+        {"a certificate that is not there", kServer + "certificate = \"c.pem\"\nprivate_key = \"server.toml\"\n" + kConference,
          ":5: [server]: \"certificate\": "},
         {"a peer dialled with a login without its secret", kServer + kPeer + kConference,
          ":6: [[peer]]: server 2 is dialled with a login, so \"secret_file\" is missing"},
         {"a peer dialled on TLS without a trust file",
-         kServer + "certificate = \"server.toml\"\nprivate_key = \"server.toml\"\nlogins = false\n" + kPeer +
-             kConference,
+         kServer + "certificate = \"server.toml\"\nprivate_key = \"server.toml\"\nlogins = false\n" + kPeer + kConference,
          ":9: [[peer]]: server 2 is dialled on TLS, so [server] needs \"trust\""},
         {"two users of one name", kServer + kConference + kAlice + "\n[[conference.user]]\nnumber = 10002\nname = \"alice\"\n",
          ":14: conference 100, [[conference.user]]: the name \"alice\" is another user's"},

@@ -1,6 +1,5 @@
-// What the process tests of the network host stand on: real programs in a
-// folder of their own with their output in files, every wait bounded, a
-// server set up from a TOML text, the certificates and secrets of a test,
+// What the process tests of the network host stand on: programs with their
+// output in files and every wait bounded, servers, secrets and certificates,
 // and a peer that writes raw bytes.
 #pragma once
 
@@ -23,12 +22,8 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <functional>
-#include <memory>
 #include <random>
-#include <string>
 #include <thread>
-#include <vector>
 
 constexpr uint32_t kAlice = 10001, kBob = 10002, kCarol = 10003;
 constexpr size_t kMiB = 1 << 20;
@@ -36,7 +31,7 @@ inline const char* const kUserNames[] = {"alice", "bob", "carol"};
 
 inline sockaddr_in ZV_Loopback(uint16_t usPort)
 {
-    return sockaddr_in{.sin_family = AF_INET, .sin_port = htons(usPort), .sin_addr = {htonl(INADDR_LOOPBACK)}};
+    return {.sin_family = AF_INET, .sin_port = htons(usPort), .sin_addr = {htonl(INADDR_LOOPBACK)}, .sin_zero = {}};
 }
 
 inline bool ZV_WaitFor(const std::function<bool()>& fnDone, std::chrono::milliseconds msLimit = std::chrono::seconds(20))
@@ -144,8 +139,7 @@ inline bool ZV_SameFiles(const std::string& sA, const std::string& sB)
     return ZV_FileSize(sA) > 0 && ZV_ReadText(sA) == ZV_ReadText(sB);
 }
 
-// How the programs of a test meet: in the clear without logins, or with a
-// login on every connection, in the clear or on TLS.
+// In the clear without logins, or logins on every connection, with or without TLS.
 struct ZV_NetMode
 {
     const char* szName;
@@ -153,12 +147,10 @@ struct ZV_NetMode
     bool bLogins;
 };
 inline const ZV_NetMode kNetClear{"Clear", false, false};
-inline const ZV_NetMode kNetLoginsInTheClear{"LoginsInTheClear", false, true};
 inline const ZV_NetMode kNetSecure{"TlsAndLogins", true, true};
 
-// What the programs of one test share, in folder sDir: an authority every
-// client and dialling server trusts, the server certificate it signed for
-// 127.0.0.1, a secret per user name ("NAME.secret") and "link.secret".
+// What the programs of one test share in sDir: an authority all trust, its
+// certificate for 127.0.0.1, "NAME.secret" per user and "link.secret".
 struct ZV_NetSetup
 {
     ZV_NetSetup(const std::string& sDirIn, const ZV_NetMode& modeIn) : sDir(sDirIn), mode(modeIn)
@@ -178,8 +170,7 @@ struct ZV_NetSetup
     ZV_NetMode mode;
 };
 
-// One roomcrate-server in a folder of its own: its configuration, home,
-// port file and output.
+// One roomcrate-server in a folder of its own.
 class ZV_ServerUnderTest
 {
 public:
@@ -200,15 +191,13 @@ public:
         if (bLowPort && m_usPort == 0)
             m_usPort = ZV_FreeLowPort();
         WriteConfig();
-        if (m_setup.mode.bLogins && !m_bCredentials)
+        if (m_setup.mode.bLogins && !std::exchange(m_bCredentials, true))
         {
             // Keys for each user, and for each peer that dials here.
-            m_bCredentials = true;
             for (const char* szName : kUserNames)
                 m_bCredentials = m_bCredentials && Passwd({szName}, m_setup.SecretFile(szName));
             for (const auto& [ulPeer, usPort] : m_vecPeers)
-                if (usPort == 0)
-                    m_bCredentials = m_bCredentials && Passwd({"--peer", std::to_string(ulPeer)}, m_setup.sDir + "/link.secret");
+                m_bCredentials = m_bCredentials && (usPort != 0 || Passwd({"--peer", std::to_string(ulPeer)}, m_setup.sDir + "/link.secret"));
             if (!m_bCredentials)
                 return false;
         }
@@ -300,7 +289,6 @@ inline std::unique_ptr<ZV_Process> ZV_StartClient(const ZV_NetSetup& setup, cons
     return std::make_unique<ZV_Process>(setup.sDir, vecArgs, sName + ".out", sName + ".err");
 }
 
-// Run to its end within the limit; its exit status.
 inline int ZV_RunClient(const ZV_NetSetup& setup, const std::string& sName, uint32_t ulUser, const std::string& sServer,
                         const std::vector<std::string>& vecSteps, const std::vector<std::string>& vecOptions = {})
 {

@@ -41,16 +41,13 @@ Certificate Make(EVP_PKEY* lpKey, const std::string& sCommonName, X509* lpIssuer
     X509_NAME_add_entry_by_txt(lpName, "CN", MBSTRING_UTF8, (const unsigned char*)sCommonName.c_str(), -1, -1, 0);
     X509* lpSigner = lpIssuer ? lpIssuer : lpCert.get();
     X509_set_issuer_name(lpCert.get(), X509_get_subject_name(lpSigner));
-    const bool bAuthority = lpIssuer == nullptr;
-    const bool bIp = sHost.find_first_not_of("0123456789.") == std::string::npos ||
-                     sHost.find(':') != std::string::npos;
+    const bool bIp = sHost.find_first_not_of("0123456789.") == std::string::npos || sHost.find(':') != std::string::npos;
     const bool bDone =
-        bAuthority ? AddExtension(lpCert.get(), lpSigner, NID_basic_constraints, "critical,CA:TRUE") &&
+        !lpIssuer ? AddExtension(lpCert.get(), lpSigner, NID_basic_constraints, "critical,CA:TRUE") &&
                          AddExtension(lpCert.get(), lpSigner, NID_key_usage, "critical,keyCertSign,cRLSign")
                    : AddExtension(lpCert.get(), lpSigner, NID_basic_constraints, "CA:FALSE") &&
                          AddExtension(lpCert.get(), lpSigner, NID_ext_key_usage, "serverAuth") &&
-                         AddExtension(lpCert.get(), lpSigner, NID_subject_alt_name,
-                                      (bIp ? "IP:" : "DNS:") + sHost);
+                         AddExtension(lpCert.get(), lpSigner, NID_subject_alt_name, (bIp ? "IP:" : "DNS:") + sHost);
     if (!bDone || X509_sign(lpCert.get(), lpIssuerKey ? lpIssuerKey : lpKey, EVP_sha256()) == 0)
         lpCert.reset();
     return lpCert;
