@@ -1,16 +1,11 @@
 // A hostile server: whatever it sends, a client reads only files its user
 // shared and writes only where its user asked.
-#include "ZV_FileShareMgrPeer.h"
 #include "ZV_SceneFixture.h"
 
 #include "add/ZV_AddPdu.h"
 #include "delete/ZV_DeletePdu.h"
-#include "records/ZV_FileDownloadInfo.h"
-#include "core/ZV_FileShareSession.h"
-#include "wire/ZV_PduFrame.h"
-#include "wire/ZV_RecordStream.h"
-
-#include <string>
+#include "download/ZV_DownloadPdu.h"
+#include "upload/ZV_UploadPdu.h"
 
 namespace {
 
@@ -37,26 +32,17 @@ struct TrustScene : public ZV_Scene
     void SendUploadStart(uint16_t usFileID, uint32_t ulPos)
     {
         ZV_PduBuffer pdu;
-        pdu.Stream().WriteU16(usFileID);
-        pdu.Stream().WriteU32(0);
-        pdu.Stream().WriteU16(usFileID);
-        Alice()->GetUserID().Save(pdu.Stream());
-        pdu.Stream().WriteU32(0);
-        pdu.Stream().WriteU32(ulPos);
+        ZV_UploadResponse{{{usFileID, 0, usFileID}, Alice()->GetUserID()}, 0, ulPos}.Save(pdu.Stream());
         SendFromServer(Alice(), PDU_CONF_FS_UPLOAD_RESPONSE, pdu);
     }
+    // The server's 8002 that announces `brief` to Alice and starts its upload.
+    void SendAddAnswer(uint16_t usFileID, const ZV_FileBriefInfo& brief)
+    {
+        ZV_PduBuffer pdu;
+        ZV_AddResponse{{{usFileID, 0, usFileID}, brief.m_CreatorID}, 0, brief, 1}.Save(pdu.Stream());
+        SendFromServer(Alice(), PDU_CONF_FS_ADD_RESPONSE, pdu);
+    }
 };
-
-void WriteAddAnswer(ZV_PduBuffer& pdu, uint16_t usFileID, const ZV_FileBriefInfo& brief)
-{
-    ZV_AddResponse answer;
-    answer.usRouteID = usFileID;
-    answer.usFileID = usFileID;
-    answer.user = brief.m_CreatorID;
-    answer.brief = brief;
-    answer.bStartUpload = 1;
-    answer.Save(pdu.Stream());
-}
 
 void WriteDownloadAnswer(ZV_PduBuffer& pdu, uint16_t usFileID, const QB_UserID& user, const std::string& sPath,
                          uint32_t ulLength, uint32_t ulPos)
@@ -64,18 +50,10 @@ void WriteDownloadAnswer(ZV_PduBuffer& pdu, uint16_t usFileID, const QB_UserID& 
     const QB_StringW sWide = QB_ToWindowsPath(sPath);
     const int nCut = sWide.ReverseFind(u'\\') + 1;
     ZV_FileDownloadInfo record;
-    record.SetFileID(usFileID);
-    record.SetFilePath(QB_StringU8(sWide.Left(nCut)));
-    record.SetFileName(QB_StringU8(sWide.Mid(nCut)));
-    record.SetFileLenth(ulLength);
-    record.SetDownloadPos(ulPos);
-    record.SetUserID(user);
-    QB_ByteStream& stream = pdu.Stream();
-    stream.WriteU16(usFileID);
-    stream.WriteU32(0);
-    stream.WriteU16(usFileID);
-    user.Save(stream);
-    SaveDelimited(stream, record);
+    record.SetFileID(usFileID), record.SetFilePath(QB_StringU8(sWide.Left(nCut)));
+    record.SetFileName(QB_StringU8(sWide.Mid(nCut))), record.SetFileLenth(ulLength);
+    record.SetDownloadPos(ulPos), record.SetUserID(user);
+    ZV_DownloadResponse{{{usFileID, 0, usFileID}, user}, record}.Save(pdu.Stream());
 }
 
 } // namespace
@@ -105,9 +83,7 @@ TEST_F(TrustScene, AClientUploadsOnlyWhatItsUserSharedWhateverTheServerAnnounces
         brief.SetFileLenth(c.ulLength);
         const size_t nMark = sim.Journal().Size();
         const size_t nLogged = LogLines(Alice(), "ZV_FileShareMgr.HandleAddResponse ret = 90");
-        ZV_PduBuffer pdu;
-        WriteAddAnswer(pdu, ++usFileID, brief);
-        SendFromServer(Alice(), PDU_CONF_FS_ADD_RESPONSE, pdu);
+        SendAddAnswer(++usFileID, brief);
         EXPECT_EQ(0u, SentSince(Alice(), nMark, PDU_CONF_FS_UPLOAD_REQUEST)) << c.szName;
         EXPECT_EQ(zvResultUntrusted, LastResult(Alice(), zvFsEventFileAdded)) << c.szName;
         EXPECT_EQ(zvResultUntrusted, sim.Journal().PdusTo(PDU_CONF_FS_ADD_RESPONSE, Alice()->GetName()).back().ulResult)
@@ -119,16 +95,12 @@ TEST_F(TrustScene, AClientUploadsOnlyWhatItsUserSharedWhateverTheServerAnnounces
     // In a batch, the forged file is refused by itself and the rest is taken.
     ZV_AddFilesResponse batch;
     batch.bStartUpload = 1;
+    batch.user = Bob()->GetUserID();
     ZV_FileBriefInfo forged = honest, other = honest;
     forged.SetFileOldName(QB_StringU8("secret.txt"));
     other.SetCreatorID(Bob()->GetUserID());
-    batch.user = Bob()->GetUserID();
-    batch.arrFileID.Add(950);
-    batch.arrFileID.Add(951);
-    batch.arrPos.Add(0);
-    batch.arrPos.Add(0);
-    batch.arrInfo.Add(forged);
-    batch.arrInfo.Add(other);
+    for (const auto& [usFileID, brief] : {std::pair{950, forged}, std::pair{951, other}})
+        batch.arrFileID.Add((uint16_t)usFileID), batch.arrPos.Add(0), batch.arrInfo.Add(brief);
     ZV_PduBuffer pduBatch;
     batch.SaveHead(pduBatch.Stream());
     batch.SaveBody(pduBatch.Stream());
@@ -199,27 +171,19 @@ TEST_F(TrustScene, AWithdrawnGoneOrSwappedShareIsNeverReadAgain)
             ASSERT_TRUE(sim.Run()) << sim.GetError();
             break;
         case Change::Deleted:
-        {
-            ZV_DelUploadResponse answer;
-            answer.head = ZV_AnswerHead{{usFileID, 0, usFileID}, Alice()->GetUserID()};
-            answer.ulFloodSeq = 7777;
-            answer.Save(pduChange.Stream());
+            ZV_DelUploadResponse{{{usFileID, 0, usFileID}, Alice()->GetUserID()}, 7777}.Save(pduChange.Stream());
             SendFromServer(Alice(), PDU_CONF_FS_DEL_UPLOAD_RESPONSE, pduChange);
             break;
-        }
         case Change::Gone:
             std::filesystem::remove(sPath);
-            WriteAddAnswer(pduChange, ++usForged, brief);
-            SendFromServer(Alice(), PDU_CONF_FS_ADD_RESPONSE, pduChange);
+            SendAddAnswer(++usForged, brief);
             EXPECT_EQ(1u, LogLines(Alice(), "ZV_FileShareMgr.HandleAddResponse ret = 60"));
             QB_WriteWholeFile(sPath, data);
             break;
         }
         const size_t nMark = sim.Journal().Size();
         const size_t nLogged = LogLines(Alice(), kRefused);
-        ZV_PduBuffer pdu;
-        WriteAddAnswer(pdu, ++usForged, brief);
-        SendFromServer(Alice(), PDU_CONF_FS_ADD_RESPONSE, pdu);
+        SendAddAnswer(++usForged, brief);
         EXPECT_EQ(c.bRefused, SentSince(Alice(), nMark, PDU_CONF_FS_UPLOAD_REQUEST) == 0) << c.szName;
         EXPECT_EQ(nLogged + (c.bRefused ? 1 : 0), LogLines(Alice(), kRefused)) << c.szName;
         EXPECT_EQ(c.bSession, Session(Alice(), usForged) != nullptr) << c.szName;
@@ -267,10 +231,7 @@ TEST_F(TrustScene, AClientWritesOnlyWhereItsUserAskedWhateverTheServerAnswers)
         ZV_PduBuffer pdu;
         WriteDownloadAnswer(pdu, usFileID, bob, c.sPath, c.ulLength, c.ulPos);
         // Bob's request goes first, so the forged answer overtakes the true one.
-        if (c.bAsked)
-        {
-            EXPECT_EQ(0u, Download(Bob(), usFileID));
-        }
+        EXPECT_TRUE(!c.bAsked || Download(Bob(), usFileID) == 0);
         SendFromServer(Bob(), PDU_CONF_FS_DOWNLOAD_RESPONSE, pdu);
         EXPECT_EQ("keep me", ZV_Text(sVictim)) << c.szName;
         EXPECT_EQ(nLogged + 1, LogLines(Bob(), "ZV_FileShareMgr.HandleDownloadResponse ret = 90")) << c.szName;
