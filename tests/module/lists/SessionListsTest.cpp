@@ -1,6 +1,5 @@
-// The two lists that bring one user in step, on one manager: how a server
-// cuts them at the buffer's size and rests, renews or withdraws each record
-// it lists, and what a client tells and does with the records it is given.
+// The two lists that bring one user in step: how a server cuts and serves
+// them, and what a client tells and does with the records it is given.
 #include "ZV_RecordingNode.h"
 
 #include "lists/ZV_ListPdu.h"
@@ -43,15 +42,26 @@ ZV_FileDownloadInfo Record(uint16_t usFileID, const std::string& sName, uint16_t
                            const std::string& sFolder = "C:\\dl\\")
 {
     ZV_FileDownloadInfo record;
-    record.SetFileID(usFileID);
-    record.SetFilePath(QB_StringU8(sFolder.c_str()));
-    record.SetFileName(QB_StringU8(sName.c_str()));
-    record.SetFileLenth(5000);
-    record.SetShareTime(SharedOn(nShareDay));
-    record.SetState(usState);
-    record.SetActive(true);
-    record.SetUserID(kBob);
+    record.SetFileID(usFileID), record.SetFilePath(QB_StringU8(sFolder.c_str()));
+    record.SetFileName(QB_StringU8(sName.c_str())), record.SetFileLenth(5000), record.SetShareTime(SharedOn(nShareDay));
+    record.SetState(usState), record.SetActive(true), record.SetUserID(kBob);
     return record;
+}
+
+// 8028 to `user`: per file its FileID, length and the server's position.
+ZV_UploadListResponse UploadList(const QB_UserID& user, const std::vector<std::array<uint32_t, 3>>& vecFiles)
+{
+    ZV_UploadListResponse list;
+    list.user = user;
+    for (const auto& [ulFileID, ulLength, ulMaxPos] : vecFiles)
+    {
+        ZV_FileUploadInfo info;
+        info.SetFileID((uint16_t)ulFileID);
+        info.SetBriefInfo(Brief(true, nullptr, ulLength));
+        list.arrInfo.Add(info);
+        list.arrMaxPos.Add(ulMaxPos);
+    }
+    return list;
 }
 
 // 8056 from Ann: FileIDs with their positions, then the descriptions.
@@ -61,10 +71,7 @@ ZV_AddFilesResponse Batch(const std::vector<std::pair<uint16_t, uint32_t>>& vecF
     ZV_AddFilesResponse batch;
     batch.user = kAnn;
     for (const auto& [usFileID, ulPos] : vecFile)
-    {
-        batch.arrFileID.Add(usFileID);
-        batch.arrPos.Add(ulPos);
-    }
+        batch.arrFileID.Add(usFileID), batch.arrPos.Add(ulPos);
     for (const ZV_FileBriefInfo& brief : vecBrief)
         batch.arrInfo.Add(brief);
     return batch;
@@ -74,8 +81,7 @@ uint32_t Deliver(ZV_RecordingNode& node, uint16_t usPdu, const Bytes& data, cons
 {
     return ZV_Deliver(node.mgr, usPdu, zvConfClientTypeCommand, data, 5, from);
 }
-ZV_FileShareSession& AddFile(ZV_RecordingNode& node, uint16_t usFileID, const ZV_FileBriefInfo& brief,
-                             int nNameBytes = 5)
+ZV_FileShareSession& AddFile(ZV_RecordingNode& node, uint16_t usFileID, const ZV_FileBriefInfo& brief, int nNameBytes = 5)
 {
     return ZV_AdoptFile(node.mgr, usFileID, node.tmp.Path().c_str(), brief, std::string((size_t)nNameBytes, 'n').c_str());
 }
@@ -106,8 +112,7 @@ struct SessionLists : ::testing::Test
 
 } // namespace
 
-// Entries that, as counted, fill the buffer to the byte go in one last
-// piece; one more makes two, the second holding one entry.
+// Entries that fill the buffer to the byte go in one last piece; one more makes two.
 TEST_F(SessionLists, AListThatFillsTheBufferIsOnePieceAndOneEntryMoreIsTwo)
 {
     for (bool bUploads : {true, false})
@@ -153,8 +158,7 @@ TEST_F(SessionLists, AListThatFillsTheBufferIsOnePieceAndOneEntryMoreIsTwo)
     }
 }
 
-// Listing rests a record; one of a file shared anew is marked once; one whose
-// user lost the right goes everywhere and is listed, unless its flood was seen.
+// Listing rests a record, marks one of a file shared anew once, withdraws one whose user lost the right.
 TEST_F(SessionLists, AServerRestsRenewsOrWithdrawsEachRecordItLists)
 {
     ZV_RecordingNode node(true);
@@ -195,8 +199,7 @@ TEST_F(SessionLists, AServerRestsRenewsOrWithdrawsEachRecordItLists)
     EXPECT_TRUE(node.host.SentOf(PDU_CONF_FS_DEL_DOWNLOAD_REQUEST).empty());
 }
 
-// A file the server no longer lists goes from the client; a finished
-// download stays, its path kept so that the user can still delete it.
+// An unlisted file goes from the client; a finished download's path stays for the user to delete.
 TEST_F(SessionLists, AClientDropsEveryUnlistedFileKeepingOnlyAFinishedDownloadToDelete)
 {
     ZV_RecordingNode node(false);
@@ -207,10 +210,7 @@ TEST_F(SessionLists, AClientDropsEveryUnlistedFileKeepingOnlyAFinishedDownloadTo
     Peer::LocalDownload(AddFile(node, 6, Brief(true))) = Record(6, "6.bin", zvDownloadStateRunning, 20, sFolder);
     QB_WriteWholeFile(node.tmp.Sub("dl/5.bin"), ZV_TestBytes(100, 1));
     QB_WriteWholeFile(node.tmp.Sub("dl/6.bin"), ZV_TestBytes(100, 1));
-    ZV_UploadListResponse list;
-    list.user = node.host.m_LocalUser;
-    list.bLast = 1;
-    Deliver(node, PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE, ZV_SavePayload(list));
+    Deliver(node, PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE, ZV_SavePayload(UploadList(node.host.m_LocalUser, {})));
     EXPECT_EQ(0, ZV_FileShareMgrPeer::Sessions(node.mgr).GetCount());
     EXPECT_TRUE(std::filesystem::exists(node.tmp.Sub("dl/5.bin")));
     EXPECT_FALSE(std::filesystem::exists(node.tmp.Sub("dl/6.bin"))) << "a partial download goes with its file";
@@ -220,8 +220,7 @@ TEST_F(SessionLists, AClientDropsEveryUnlistedFileKeepingOnlyAFinishedDownloadTo
     EXPECT_FALSE(std::filesystem::exists(node.tmp.Sub("dl/5.bin")));
 }
 
-// 3013 tells each list in ten-thousandths held (an empty file is whole) and
-// each batch in percent, with nothing of an earlier one.
+// 3013 tells a list in ten-thousandths held (an empty file whole), a batch in percent, nothing earlier.
 TEST_F(SessionLists, AClientTellsEachUploadListWithItsOwnFilesAndHowMuchOfEachTheServerHolds)
 {
     ZV_RecordingNode node(false);
@@ -242,17 +241,7 @@ TEST_F(SessionLists, AClientTellsEachUploadListWithItsOwnFilesAndHowMuchOfEachTh
         return told;
     };
     auto Take = [&](const std::vector<std::array<uint32_t, 3>>& vecFiles) {
-        ZV_UploadListResponse list;
-        list.user = node.host.m_LocalUser;
-        for (const auto& [ulFileID, ulLength, ulMaxPos] : vecFiles)
-        {
-            ZV_FileUploadInfo info;
-            info.SetFileID((uint16_t)ulFileID);
-            info.SetBriefInfo(Brief(true, nullptr, ulLength));
-            list.arrInfo.Add(info);
-            list.arrMaxPos.Add(ulMaxPos);
-        }
-        return Deliver3013(PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE, ZV_SavePayload(list));
+        return Deliver3013(PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE, ZV_SavePayload(UploadList(node.host.m_LocalUser, vecFiles)));
     };
     EXPECT_EQ((Told{{5, 2500.0}, {6, 10000.0}}), Take({{5, 4000, 1000}, {6, 0, 0}}));
     EXPECT_EQ((Told{{7, 5000.0}}), Take({{7, 4000, 2000}}));
@@ -274,9 +263,7 @@ TEST_F(SessionLists, AClientTellsEachUploadListWithItsOwnFilesAndHowMuchOfEachTh
     EXPECT_EQ(ZV_FromHex("b9 0b 3c 00 00 00 09 00"), node.host.m_vecEvents.back().data);
 }
 
-// A user who enters at this server is sent both lists on the command
-// connection unasked; one homed on another server is its server's to serve.
-// A server's view is its store: an upload list sent to it changes nothing.
+// Both lists go unasked to a user entering at this server only; an upload list sent to a server changes nothing.
 TEST_F(SessionLists, AServerPushesBothListsToAUserWhoEntersThereOnlyAndTakesNoUploadList)
 {
     ZV_RecordingNode node(true);
@@ -300,22 +287,13 @@ TEST_F(SessionLists, AServerPushesBothListsToAUserWhoEntersThereOnlyAndTakesNoUp
     for (const ZV_SentPdu& sent : node.host.m_vecSent)
         EXPECT_EQ(33u, sent.ulConn) << sent.usPdu;
 
-    ZV_UploadListResponse list;
-    list.user = kBob;
-    ZV_FileUploadInfo info;
-    info.SetFileID(7);
-    info.SetBriefInfo(Brief(true));
-    list.arrInfo.Add(info);
-    list.arrMaxPos.Add(0);
-    list.bLast = 1;
     EXPECT_EQ(0u, ZV_Deliver(node.mgr, PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE, zvConfServerTypeCommand,
-                             ZV_SavePayload(list), 5, QB_UserID(2, 0)));
+                             ZV_SavePayload(UploadList(kBob, {{7, 5000, 0}})), 5, QB_UserID(2, 0)));
     EXPECT_EQ(2, ZV_FileShareMgrPeer::Sessions(node.mgr).GetCount());
     EXPECT_TRUE(node.host.m_vecEvents.empty());
 }
 
-// A creator who enters mid-upload uploads again: this server stops fetching
-// and tells the other servers once, with the flags 1, 0.
+// A creator entering mid-upload uploads again: this server stops fetching and tells the others once (flags 1, 0).
 TEST_F(SessionLists, ACreatorWhoEntersWithAnUnfinishedUploadEndsThisServersFetchWithOneNotice)
 {
     ZV_RecordingNode node(true);
@@ -339,8 +317,7 @@ TEST_F(SessionLists, ACreatorWhoEntersWithAnUnfinishedUploadEndsThisServersFetch
     EXPECT_EQ(nullptr, session.FindDownloadEntry(self));
 }
 
-// A batch over several 8056s fills one 3013 to the byte; one file more makes
-// two; a file without a position is told at 0.
+// A batch over several 8056s fills one 3013 to the byte, one file more makes two; no position is told at 0.
 TEST_F(SessionLists, ABatchThatFillsTheEventBufferIsOneEventAndOneFileMoreIsTwo)
 {
     auto Named = [](int n) {
@@ -379,9 +356,7 @@ TEST_F(SessionLists, ABatchThatFillsTheEventBufferIsOneEventAndOneFileMoreIsTwo)
     EXPECT_EQ((Events{{n, std::vector<double>(n, 0.0)}, {1, {0.0}}}), Told(100, n + 1));
 }
 
-// Finished and whole, finished and moved away, whole while the link was down,
-// stopped or run while it was down, right withdrawn or granted by name: each
-// is taken as the disk, the stop and the right say.
+// Each listed download is taken as the disk, the stop and the right say.
 TEST_F(SessionLists, AClientTakesItsListedDownloadsAsItsDiskAndItsStopsSay)
 {
     ZV_RecordingNode node(false);
