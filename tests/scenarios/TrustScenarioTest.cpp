@@ -1,5 +1,4 @@
-// A hostile server: whatever it sends, a client reads only files its user
-// shared and writes only where its user asked.
+// A hostile server: whatever it sends, a client reads only files its user shared and writes only where he asked.
 #include "ZV_SceneFixture.h"
 
 #include "add/ZV_AddPdu.h"
@@ -28,19 +27,26 @@ struct TrustScene : public ZV_Scene
                      .sNode = lpNode->GetName(), .nFrom = nFrom})
             .size();
     }
-    // The server's 8006 that starts Alice's upload of usFileID at ulPos.
-    void SendUploadStart(uint16_t usFileID, uint32_t ulPos)
+    // The server sends Alice the PDU; how many blocks she uploads upon it.
+    size_t UploadsUpon(uint16_t usPdu, ZV_PduBuffer& pdu)
+    {
+        const size_t nMark = sim.Journal().Size();
+        SendFromServer(Alice(), usPdu, pdu);
+        return SentSince(Alice(), nMark, PDU_CONF_FS_UPLOAD_REQUEST);
+    }
+    // An 8006 that starts Alice's upload of usFileID at ulPos.
+    size_t SendUploadStart(uint16_t usFileID, uint32_t ulPos)
     {
         ZV_PduBuffer pdu;
         ZV_UploadResponse{{{usFileID, 0, usFileID}, Alice()->GetUserID()}, 0, ulPos}.Save(pdu.Stream());
-        SendFromServer(Alice(), PDU_CONF_FS_UPLOAD_RESPONSE, pdu);
+        return UploadsUpon(PDU_CONF_FS_UPLOAD_RESPONSE, pdu);
     }
-    // The server's 8002 that announces `brief` to Alice and starts its upload.
-    void SendAddAnswer(uint16_t usFileID, const ZV_FileBriefInfo& brief)
+    // An 8002 that announces `brief` to Alice and starts its upload.
+    size_t SendAddAnswer(uint16_t usFileID, const ZV_FileBriefInfo& brief)
     {
         ZV_PduBuffer pdu;
         ZV_AddResponse{{{usFileID, 0, usFileID}, brief.m_CreatorID}, 0, brief, 1}.Save(pdu.Stream());
-        SendFromServer(Alice(), PDU_CONF_FS_ADD_RESPONSE, pdu);
+        return UploadsUpon(PDU_CONF_FS_ADD_RESPONSE, pdu);
     }
 };
 
@@ -58,9 +64,7 @@ void WriteDownloadAnswer(ZV_PduBuffer& pdu, uint16_t usFileID, const QB_UserID& 
 
 } // namespace
 
-// An 8002 naming Alice makes her client upload only the file she shared, as
-// shared; any other is refused before any open, told (3000 with 90) and
-// logged. The same for an 8006 past the end of her file.
+// An 8002 or 8006 makes Alice's client upload only her file as shared; any other is refused, told (90) and logged.
 TEST_F(TrustScene, AClientUploadsOnlyWhatItsUserSharedWhateverTheServerAnnounces)
 {
     Build();
@@ -79,12 +83,9 @@ TEST_F(TrustScene, AClientUploadsOnlyWhatItsUserSharedWhateverTheServerAnnounces
     {
         ZV_FileBriefInfo brief = honest;
         brief.SetFilePath(QB_StringU8(QB_ToWindowsPath(tmp.Sub(c.szFolder)) + u"\\"));
-        brief.SetFileOldName(QB_StringU8(c.szFile));
-        brief.SetFileLenth(c.ulLength);
-        const size_t nMark = sim.Journal().Size();
+        brief.SetFileOldName(QB_StringU8(c.szFile)), brief.SetFileLenth(c.ulLength);
         const size_t nLogged = LogLines(Alice(), "ZV_FileShareMgr.HandleAddResponse ret = 90");
-        SendAddAnswer(++usFileID, brief);
-        EXPECT_EQ(0u, SentSince(Alice(), nMark, PDU_CONF_FS_UPLOAD_REQUEST)) << c.szName;
+        EXPECT_EQ(0u, SendAddAnswer(++usFileID, brief)) << c.szName;
         EXPECT_EQ(zvResultUntrusted, LastResult(Alice(), zvFsEventFileAdded)) << c.szName;
         EXPECT_EQ(zvResultUntrusted, sim.Journal().PdusTo(PDU_CONF_FS_ADD_RESPONSE, Alice()->GetName()).back().ulResult)
             << c.szName << ": and handed back to the host";
@@ -104,29 +105,21 @@ TEST_F(TrustScene, AClientUploadsOnlyWhatItsUserSharedWhateverTheServerAnnounces
     ZV_PduBuffer pduBatch;
     batch.SaveHead(pduBatch.Stream());
     batch.SaveBody(pduBatch.Stream());
-    size_t nMark = sim.Journal().Size();
     const size_t nAdded = Events(Alice(), zvFsEventFileAdded).size();
-    SendFromServer(Alice(), PDU_CONF_FS_ADD_FILES_RESPONSE, pduBatch);
-    EXPECT_EQ(0u, SentSince(Alice(), nMark, PDU_CONF_FS_UPLOAD_REQUEST));
+    EXPECT_EQ(0u, UploadsUpon(PDU_CONF_FS_ADD_FILES_RESPONSE, pduBatch));
     const auto vecAdded = Events(Alice(), zvFsEventFileAdded);
     ASSERT_EQ(nAdded + 1, vecAdded.size()) << "the forged file is told by itself";
     const ZV_Bytes& vbTold = vecAdded.back().vbData;
     EXPECT_EQ(ZV_Bytes({0xB8, 0x0B, 90, 0, 0, 0, 0xB6, 0x03}), ZV_Bytes(vbTold.begin(), vbTold.begin() + 8))
         << "3000, result 90, FileID 950";
     EXPECT_EQ(1u, LogLines(Alice(), "ZV_FileShareMgr.HandleAddFilesResponse ret = 90"));
-    EXPECT_EQ(nullptr, Session(Alice(), 950));
-    EXPECT_NE(nullptr, Session(Alice(), 951));
-
-    nMark = sim.Journal().Size();
-    SendUploadStart(usShared, 40001);
-    EXPECT_EQ(0u, SentSince(Alice(), nMark, PDU_CONF_FS_UPLOAD_REQUEST)) << "a position past the end";
+    EXPECT_TRUE(Session(Alice(), 950) == nullptr && Session(Alice(), 951) != nullptr);
+    EXPECT_EQ(0u, SendUploadStart(usShared, 40001)) << "a position past the end";
     EXPECT_EQ(zvResultUntrusted, LastResult(Alice(), zvFsEventTransferError));
     EXPECT_EQ(1u, LogLines(Alice(), "ZV_FileShareMgr.HandleUploadResponse ret = 90"));
 }
 
-// A share withdrawn, deleted, gone from the disk or swapped for another file
-// is read on no road again: a fresh 8002 for it is refused with 90, and so is
-// an 8006 for a session whose file was refused.
+// A share withdrawn, deleted, gone or swapped is read on no road again: a fresh 8002 or 8006 is refused with 90.
 TEST_F(TrustScene, AWithdrawnGoneOrSwappedShareIsNeverReadAgain)
 {
     Build();
@@ -181,25 +174,19 @@ TEST_F(TrustScene, AWithdrawnGoneOrSwappedShareIsNeverReadAgain)
             QB_WriteWholeFile(sPath, data);
             break;
         }
-        const size_t nMark = sim.Journal().Size();
         const size_t nLogged = LogLines(Alice(), kRefused);
-        SendAddAnswer(++usForged, brief);
-        EXPECT_EQ(c.bRefused, SentSince(Alice(), nMark, PDU_CONF_FS_UPLOAD_REQUEST) == 0) << c.szName;
+        EXPECT_EQ(c.bRefused, SendAddAnswer(++usForged, brief) == 0) << c.szName;
         EXPECT_EQ(nLogged + (c.bRefused ? 1 : 0), LogLines(Alice(), kRefused)) << c.szName;
         EXPECT_EQ(c.bSession, Session(Alice(), usForged) != nullptr) << c.szName;
         if (!c.bRefused || !c.bSession)
             continue;
-        const size_t nAsked = sim.Journal().Size();
-        SendUploadStart(usForged, 0);
-        EXPECT_EQ(0u, SentSince(Alice(), nAsked, PDU_CONF_FS_UPLOAD_REQUEST)) << c.szName << ": 8006";
+        EXPECT_EQ(0u, SendUploadStart(usForged, 0)) << c.szName << ": 8006";
         EXPECT_EQ(zvResultUntrusted, LastResult(Alice(), zvFsEventTransferError)) << c.szName << ": 8006";
     }
 }
 
-// An 8015 makes Bob's client write only the download he asked for, at his
-// path, position and length. Unasked, it is refused and logged and nothing
-// else happens; asked but different, he hears 3002 with 90, and the true
-// answer that follows still brings the file where he asked.
+// An 8015 makes Bob's client write only the download he asked for, at his path, position and length: unasked
+// it is refused and logged; asked but different, he hears 3002 with 90 and the true answer still lands.
 TEST_F(TrustScene, AClientWritesOnlyWhereItsUserAskedWhateverTheServerAnswers)
 {
     Build();
@@ -257,8 +244,7 @@ TEST_F(TrustScene, AClientWritesOnlyWhereItsUserAskedWhateverTheServerAnswers)
     EXPECT_EQ("keep me", ZV_Text(sVictim));
 }
 
-// A download that failed at any step, asked again to a new path, brings the
-// whole file there or fails again: never a finish of the first path's bytes.
+// A download failed at any step and asked again to a new path ends whole there or fails: never the first's bytes.
 TEST_F(TrustScene, ADownloadAskedAgainToANewPathAfterAFailureEndsThereOrNowhere)
 {
     Build();
@@ -288,9 +274,7 @@ TEST_F(TrustScene, ADownloadAskedAgainToANewPathAfterAFailureEndsThereOrNowhere)
     EXPECT_GT(nFailedFirst, 6) << "the faults hit the download road";
 }
 
-// The folders that stood when Bob asked are followed, links too; a folder or
-// the file itself made a link between his ask and the answer is not: the
-// answer is refused with 90 and nothing lands where the link points.
+// Folders (links too) standing when Bob asked are followed; a link made after the ask is refused with 90.
 TEST_F(TrustScene, ADownloadFollowsNoLinkPutBelowTheFoldersThatStoodWhenAsked)
 {
     Build();
@@ -300,8 +284,7 @@ TEST_F(TrustScene, ADownloadFollowsNoLinkPutBelowTheFoldersThatStoodWhenAsked)
     std::filesystem::create_directories(tmp.Sub("elsewhere"));
     std::filesystem::create_symlink(tmp.Sub("elsewhere"), tmp.Sub("downloads/bob/his"));
     QB_WriteWholeFile(tmp.Sub("elsewhere/victim.bin"), std::string("keep me"));
-    // Below downloads/bob: the target, and what is made a link to "elsewhere"
-    // after the ask; below elsewhere: where the bytes would land.
+    // Below downloads/bob: the target and what becomes a link after the ask; below elsewhere: where bytes would land.
     struct { const char* szName; const char* szTarget; const char* szLinkAfterAsk; const char* szLanding;
           uint32_t ulResult; } aCases[] = {
         {"a folder it makes", "made/x.bin", "made", "x.bin", zvResultUntrusted},

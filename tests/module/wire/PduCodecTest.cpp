@@ -23,11 +23,7 @@ using Bytes = std::vector<uint8_t>;
 
 namespace {
 
-struct Row
-{
-    const char* pszName;
-    std::function<void()> fnCheck;
-};
+struct Row { const char* pszName; std::function<void()> fnCheck; };
 
 template <typename T>
 Row Case(const char* pszName, const T& value, const Bytes& expected)
