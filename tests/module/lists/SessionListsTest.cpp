@@ -108,6 +108,26 @@ struct SessionLists : ::testing::Test
 {
     QB_FaultEnv env;
     QB_ScopedEnv scoped{&env};
+    std::unique_ptr<ZV_RecordingNode> m_lpNode;
+
+    ZV_RecordingNode& Started(bool bServer)
+    {
+        m_lpNode = std::make_unique<ZV_RecordingNode>(bServer);
+        EXPECT_EQ(0u, m_lpNode->mgr.Initialize());
+        return *m_lpNode;
+    }
+    // A user homed at this server (or the next) on command connection ulConn.
+    static void Home(ZV_RecordingNode& node, const QB_UserID& user, uint32_t ulConn, uint32_t ulAway = 0)
+    {
+        node.host.AddUser(user, node.host.m_ulServerID + ulAway, "user");
+        node.host.m_mapUserConn[{user.m_ulMain, user.m_ulSub}] = ulConn;
+    }
+    // The client's download folder, as a Windows path.
+    static std::string Folder(ZV_RecordingNode& node)
+    {
+        std::filesystem::create_directories(node.tmp.Sub("dl"));
+        return QB_StringU8(QB_ToWindowsPath(node.tmp.Sub("dl/"))).GetString();
+    }
 };
 
 } // namespace
@@ -187,8 +207,7 @@ TEST_F(SessionLists, AServerRestsRenewsOrWithdrawsEachRecordItLists)
     EXPECT_EQ(nullptr, hidden.FindDownloadEntry(kBob));
     const auto vecDrop = node.host.SentOf(PDU_CONF_FS_DEL_DOWNLOAD_REQUEST);
     ASSERT_EQ(1u, vecDrop.size());
-    EXPECT_EQ("servers", vecDrop[0].sRoute);
-    EXPECT_EQ(ZV_Pdu().U16(7).U16(7).User(kBob).U32(100).b, vecDrop[0].data);
+    EXPECT_TRUE(vecDrop[0].sRoute == "servers" && vecDrop[0].data == ZV_Pdu().U16(7).U16(7).User(kBob).U32(100).b);
     EXPECT_EQ((std::map<uint16_t, bool>{{4, false}, {5, false}, {6, false}}), Listed()) << "renewed once";
 
     ZV_FileShareSession& seen = AddFile(node, 9, Brief(false));
@@ -202,10 +221,8 @@ TEST_F(SessionLists, AServerRestsRenewsOrWithdrawsEachRecordItLists)
 // An unlisted file goes from the client; a finished download's path stays for the user to delete.
 TEST_F(SessionLists, AClientDropsEveryUnlistedFileKeepingOnlyAFinishedDownloadToDelete)
 {
-    ZV_RecordingNode node(false);
-    ASSERT_EQ(0u, node.mgr.Initialize());
-    std::filesystem::create_directories(node.tmp.Sub("dl"));
-    const std::string sFolder = QB_StringU8(QB_ToWindowsPath(node.tmp.Sub("dl/"))).GetString();
+    ZV_RecordingNode& node = Started(false);
+    const std::string sFolder = Folder(node);
     Peer::LocalDownload(AddFile(node, 5, Brief(true))) = Record(5, "5.bin", zvDownloadStateFinished, 20, sFolder);
     Peer::LocalDownload(AddFile(node, 6, Brief(true))) = Record(6, "6.bin", zvDownloadStateRunning, 20, sFolder);
     QB_WriteWholeFile(node.tmp.Sub("dl/5.bin"), ZV_TestBytes(100, 1));
@@ -223,21 +240,19 @@ TEST_F(SessionLists, AClientDropsEveryUnlistedFileKeepingOnlyAFinishedDownloadTo
 // 3013 tells a list in ten-thousandths held (an empty file whole), a batch in percent, nothing earlier.
 TEST_F(SessionLists, AClientTellsEachUploadListWithItsOwnFilesAndHowMuchOfEachTheServerHolds)
 {
-    ZV_RecordingNode node(false);
-    ASSERT_EQ(0u, node.mgr.Initialize());
+    ZV_RecordingNode& node = Started(false);
     using Told = std::vector<std::pair<uint16_t, double>>;
     auto Deliver3013 = [&](uint16_t usPdu, const Bytes& data) {
         node.host.m_vecEvents.clear();
         Deliver(node, usPdu, data);
         Told told;
         for (const ZV_RaisedEvent& event : node.host.m_vecEvents)
-        {
-            if (event.usEvent != zvFsEventFilesAdded)
-                continue;
-            const ZV_FilesAddedEvent one = ZV_ReadFilesAdded(event.data);
-            for (size_t i = 0; i < one.vecFileID.size(); ++i)
-                told.push_back({one.vecFileID[i], one.vecRate[i]});
-        }
+            if (event.usEvent == zvFsEventFilesAdded)
+            {
+                const ZV_FilesAddedEvent one = ZV_ReadFilesAdded(event.data);
+                for (size_t i = 0; i < one.vecFileID.size(); ++i)
+                    told.push_back({one.vecFileID[i], one.vecRate[i]});
+            }
         return told;
     };
     auto Take = [&](const std::vector<std::array<uint32_t, 3>>& vecFiles) {
@@ -249,11 +264,9 @@ TEST_F(SessionLists, AClientTellsEachUploadListWithItsOwnFilesAndHowMuchOfEachTh
     const ZV_FileBriefInfo brief = Brief(true, nullptr, 4000);
     EXPECT_EQ((Told{{8, 25.0}}),
               Deliver3013(PDU_CONF_FS_ADD_FILES_RESPONSE, ZV_SavePayload(Batch({{8, 1000}}, {brief, brief}))));
-    // A file of the user's own whose copy went from the disk hides none of
-    // the files behind it; the upload asked for it fails, told after the batch.
+    // The user's own file gone from the disk hides none behind it; its upload fails, told after the batch.
     ZV_FileBriefInfo own = brief;
-    own.SetCreatorID(node.host.m_LocalUser);
-    own.SetFilePath(QB_StringU8("C:\\gone\\"));
+    own.SetCreatorID(node.host.m_LocalUser), own.SetFilePath(QB_StringU8("C:\\gone\\"));
     ASSERT_TRUE(ZV_FileShareMgrPeer::Ledger(node.mgr).Remember(node.host.m_ulConfID, own, {5, 9}));
     ZV_AddFilesResponse mixed = Batch({{9, 1000}, {10, 4000}}, {own, brief});
     mixed.bStartUpload = 1;
@@ -266,12 +279,9 @@ TEST_F(SessionLists, AClientTellsEachUploadListWithItsOwnFilesAndHowMuchOfEachTh
 // Both lists go unasked to a user entering at this server only; an upload list sent to a server changes nothing.
 TEST_F(SessionLists, AServerPushesBothListsToAUserWhoEntersThereOnlyAndTakesNoUploadList)
 {
-    ZV_RecordingNode node(true);
-    ASSERT_EQ(0u, node.mgr.Initialize());
-    node.host.AddUser(kBob, node.host.m_ulServerID, "Bob");
-    node.host.AddUser(kCarol, node.host.m_ulServerID + 1, "Carol");
-    node.host.m_mapUserConn[{kBob.m_ulMain, kBob.m_ulSub}] = 33;
-    node.host.m_mapUserConn[{kCarol.m_ulMain, kCarol.m_ulSub}] = 34;
+    ZV_RecordingNode& node = Started(true);
+    Home(node, kBob, 33);
+    Home(node, kCarol, 34, 1);
     AddFile(node, 5, Brief(true)).SetDownloadInfo(kBob, Record(5, "5.bin", zvDownloadStateRunning));
     AddFile(node, 6, Brief(true)).SetDownloadInfo(kCarol, Record(6, "6.bin", zvDownloadStateRunning));
     EXPECT_EQ(0u, node.mgr.OnEvent(zvConfEventUserEnter, 0, (uintptr_t)&kCarol, 0, 0));
@@ -280,10 +290,8 @@ TEST_F(SessionLists, AServerPushesBothListsToAUserWhoEntersThereOnlyAndTakesNoUp
     EXPECT_EQ(0u, node.mgr.OnEvent(zvConfEventUserEnter, 0, (uintptr_t)&kBob, 0, 0));
     const auto vecUploads = ZV_Pieces<ZV_UploadListResponse>(node.host, PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE);
     const auto vecDownloads = ZV_Pieces<ZV_DownloadListResponse>(node.host, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE);
-    ASSERT_TRUE(vecUploads.size() == 1 && vecDownloads.size() == 1);
-    EXPECT_EQ(2, vecUploads[0].arrInfo.GetSize());
-    ASSERT_EQ(1, vecDownloads[0].arrInfo.GetSize());
-    EXPECT_EQ(5, vecDownloads[0].arrInfo[0].m_usFileID);
+    ASSERT_TRUE(vecUploads.size() == 1 && vecDownloads.size() == 1 && vecDownloads[0].arrInfo.GetSize() == 1);
+    EXPECT_TRUE(vecUploads[0].arrInfo.GetSize() == 2 && vecDownloads[0].arrInfo[0].m_usFileID == 5);
     for (const ZV_SentPdu& sent : node.host.m_vecSent)
         EXPECT_EQ(33u, sent.ulConn) << sent.usPdu;
 
@@ -296,11 +304,9 @@ TEST_F(SessionLists, AServerPushesBothListsToAUserWhoEntersThereOnlyAndTakesNoUp
 // A creator entering mid-upload uploads again: this server stops fetching and tells the others once (flags 1, 0).
 TEST_F(SessionLists, ACreatorWhoEntersWithAnUnfinishedUploadEndsThisServersFetchWithOneNotice)
 {
-    ZV_RecordingNode node(true);
-    ASSERT_EQ(0u, node.mgr.Initialize());
+    ZV_RecordingNode& node = Started(true);
     node.host.m_bHasServerLinks = true;
-    node.host.AddUser(kAnn, node.host.m_ulServerID, "Ann");
-    node.host.m_mapUserConn[{kAnn.m_ulMain, kAnn.m_ulSub}] = 33;
+    Home(node, kAnn, 33);
     ZV_FileBriefInfo brief = Brief(true);
     brief.SetFileState(zvFileStateUploading);
     const QB_UserID self(node.host.m_ulServerID, 0);
@@ -310,10 +316,9 @@ TEST_F(SessionLists, ACreatorWhoEntersWithAnUnfinishedUploadEndsThisServersFetch
     EXPECT_EQ(0u, node.mgr.OnEvent(zvConfEventUserEnter, 0, (uintptr_t)&kAnn, 0, 0));
     const auto vecNotice = node.host.SentOf(PDU_CONF_FS_NOTICE_DEL_DOWNLOAD_INFO_REQUEST);
     ASSERT_EQ(1u, vecNotice.size());
-    EXPECT_EQ("servers", vecNotice[0].sRoute);
+    EXPECT_TRUE(vecNotice[0].sRoute == "servers" && vecNotice[0].bFlag1 == 1 && vecNotice[0].bFlag2 == 0);
     // The conference word, the FileID, this server, the flood's number.
     EXPECT_EQ(ZV_FromHex("07 00 05 00 01 00 00 00 00 00 00 00 64 00 00 00"), vecNotice[0].data);
-    EXPECT_TRUE(vecNotice[0].bFlag1 == 1 && vecNotice[0].bFlag2 == 0);
     EXPECT_EQ(nullptr, session.FindDownloadEntry(self));
 }
 
@@ -328,8 +333,7 @@ TEST_F(SessionLists, ABatchThatFillsTheEventBufferIsOneEventAndOneFileMoreIsTwo)
     // Event number, result, and three counts of at most five bytes each.
     const std::vector<int> vecName =
         ZV_NamesThatFill(2 + 4 + 3 * 5, [&](int n) { return Named(n).GetSaveSize() + 4 + 2 + 8; });
-    ZV_RecordingNode node(false);
-    ASSERT_EQ(0u, node.mgr.Initialize());
+    ZV_RecordingNode& node = Started(false);
     // Per event: its files and their rates.
     auto Told = [&](uint16_t usFirst, size_t nFiles) {
         node.host.m_vecEvents.clear();
@@ -359,10 +363,8 @@ TEST_F(SessionLists, ABatchThatFillsTheEventBufferIsOneEventAndOneFileMoreIsTwo)
 // Each listed download is taken as the disk, the stop and the right say.
 TEST_F(SessionLists, AClientTakesItsListedDownloadsAsItsDiskAndItsStopsSay)
 {
-    ZV_RecordingNode node(false);
-    ASSERT_EQ(0u, node.mgr.Initialize());
-    std::filesystem::create_directories(node.tmp.Sub("dl"));
-    const std::string sFolder = QB_StringU8(QB_ToWindowsPath(node.tmp.Sub("dl/"))).GetString();
+    ZV_RecordingNode& node = Started(false);
+    const std::string sFolder = Folder(node);
     const QB_UserID me = node.host.m_LocalUser;
     // The right to the last three is the user's no longer, or by name.
     enum { kPublic, kWithdrawn, kNamed };
