@@ -193,8 +193,8 @@ TEST_F(TrustScene, AClientWritesOnlyWhereItsUserAskedWhateverTheServerAnswers)
     const ZV_Bytes data = ZV_RandomBytes(70000, 2);
     const uint16_t usFileID = Share("shared.bin", data);
     const std::string sVictim = tmp.Sub("bob/.profile");
-    std::filesystem::create_directories(tmp.Sub("bob"));
-    std::filesystem::create_directories(tmp.Sub("downloads/bob"));
+    for (const char* szFolder : {"bob", "downloads/bob"})
+        std::filesystem::create_directories(tmp.Sub(szFolder));
     QB_WriteWholeFile(sVictim, std::string("keep me"));
     std::filesystem::create_symlink(sVictim, tmp.Sub("downloads/bob/link.bin"));
     const std::string sAsked = Target(Bob(), usFileID);
@@ -211,6 +211,7 @@ TEST_F(TrustScene, AClientWritesOnlyWhereItsUserAskedWhateverTheServerAnswers)
     const QB_UserID bob = Bob()->GetUserID();
     for (const auto& c : aCases)
     {
+        SCOPED_TRACE(c.szName);
         std::filesystem::remove(sAsked);
         const size_t nMark = sim.Journal().Size();
         const size_t nLogged = LogLines(Bob(), "ZV_FileShareMgr.HandleDownloadResponse ret = 90");
@@ -220,26 +221,23 @@ TEST_F(TrustScene, AClientWritesOnlyWhereItsUserAskedWhateverTheServerAnswers)
         // Bob's request goes first, so the forged answer overtakes the true one.
         EXPECT_TRUE(!c.bAsked || Download(Bob(), usFileID) == 0);
         SendFromServer(Bob(), PDU_CONF_FS_DOWNLOAD_RESPONSE, pdu);
-        EXPECT_EQ("keep me", ZV_Text(sVictim)) << c.szName;
-        EXPECT_EQ(nLogged + 1, LogLines(Bob(), "ZV_FileShareMgr.HandleDownloadResponse ret = 90")) << c.szName;
-        EXPECT_EQ(0u, SentSince(Bob(), nMark, PDU_CONF_FS_DEL_DOWNLOAD_REQUEST)) << c.szName;
+        EXPECT_EQ("keep me", ZV_Text(sVictim));
+        EXPECT_EQ(nLogged + 1, LogLines(Bob(), "ZV_FileShareMgr.HandleDownloadResponse ret = 90"));
+        EXPECT_EQ(0u, SentSince(Bob(), nMark, PDU_CONF_FS_DEL_DOWNLOAD_REQUEST));
         if (!c.bAsked)
         {
-            EXPECT_EQ(0u, SentSince(Bob(), nMark, 0)) << c.szName;
-            EXPECT_FALSE(std::filesystem::exists(sAsked)) << c.szName;
+            EXPECT_TRUE(SentSince(Bob(), nMark, 0) == 0 && !std::filesystem::exists(sAsked));
             continue;
         }
         const auto vecStates = Events(Bob(), zvFsEventDownloadState);
-        ASSERT_GE(vecStates.size(), 2u) << c.szName;
-        EXPECT_EQ(zvResultUntrusted, ZV_ResultOf(vecStates[vecStates.size() - 2])) << c.szName;
-        EXPECT_EQ(0u, ZV_ResultOf(vecStates.back())) << c.szName;
-        EXPECT_EQ(nFinished + 1, Events(Bob(), zvFsEventDownloadFinished).size()) << c.szName;
-        EXPECT_EQ(data, QB_ReadWholeFile(sAsked)) << c.szName;
+        ASSERT_GE(vecStates.size(), 2u);
+        EXPECT_TRUE(ZV_ResultOf(vecStates[vecStates.size() - 2]) == zvResultUntrusted && ZV_ResultOf(vecStates.back()) == 0);
+        EXPECT_EQ(nFinished + 1, Events(Bob(), zvFsEventDownloadFinished).size());
+        EXPECT_EQ(data, QB_ReadWholeFile(sAsked));
     }
 
     // A link where he asked the file to go is not followed.
-    EXPECT_EQ(0u, Fs(Bob())->FsDownload(usFileID, ZV_Wide(tmp.Sub("downloads/bob/link.bin")).c_str()));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    ASSERT_TRUE(Fs(Bob())->FsDownload(usFileID, ZV_Wide(tmp.Sub("downloads/bob/link.bin")).c_str()) == 0 && sim.Run());
     EXPECT_EQ(zvResultUntrusted, LastResult(Bob(), zvFsEventDownloadState));
     EXPECT_EQ("keep me", ZV_Text(sVictim));
 }
@@ -260,13 +258,11 @@ TEST_F(TrustScene, ADownloadAskedAgainToANewPathAfterAFailureEndsThereOrNowhere)
             const std::string sFirst = tmp.Sub("first/" + std::to_string(nRound) + ".bin");
             const std::string sSecond = tmp.Sub("second/" + std::to_string(nRound) + ".bin");
             sim.GetEnv().FailAt(op, nNth);
-            ASSERT_EQ(0u, Fs(Bob())->FsDownload(usFileID, ZV_Wide(sFirst).c_str()));
-            ASSERT_TRUE(sim.AdvanceTime(100)) << sim.GetError();
+            ASSERT_TRUE(Fs(Bob())->FsDownload(usFileID, ZV_Wide(sFirst).c_str()) == 0 && sim.AdvanceTime(100));
             sim.GetEnv().ClearFaults();
             nFailedFirst += QB_ReadWholeFile(sFirst) != data;
             const size_t nFinished = Events(Bob(), zvFsEventDownloadFinished).size();
-            ASSERT_EQ(0u, Fs(Bob())->FsDownload(usFileID, ZV_Wide(sSecond).c_str()));
-            ASSERT_TRUE(sim.AdvanceTime(100)) << sim.GetError();
+            ASSERT_TRUE(Fs(Bob())->FsDownload(usFileID, ZV_Wide(sSecond).c_str()) == 0 && sim.AdvanceTime(100));
             const bool bToldFinished = Events(Bob(), zvFsEventDownloadFinished).size() > nFinished;
             EXPECT_EQ(bToldFinished, QB_ReadWholeFile(sSecond) == data) << (int)op << " #" << nNth;
             EXPECT_TRUE(bToldFinished || LastResult(Bob(), zvFsEventDownloadState) != 0) << (int)op << " #" << nNth;
@@ -280,8 +276,8 @@ TEST_F(TrustScene, ADownloadFollowsNoLinkPutBelowTheFoldersThatStoodWhenAsked)
     Build();
     const ZV_Bytes data = ZV_RandomBytes(5000, 4);
     const uint16_t usFileID = Share("shared.bin", data);
-    std::filesystem::create_directories(tmp.Sub("downloads/bob"));
-    std::filesystem::create_directories(tmp.Sub("elsewhere"));
+    for (const char* szFolder : {"downloads/bob", "elsewhere"})
+        std::filesystem::create_directories(tmp.Sub(szFolder));
     std::filesystem::create_symlink(tmp.Sub("elsewhere"), tmp.Sub("downloads/bob/his"));
     QB_WriteWholeFile(tmp.Sub("elsewhere/victim.bin"), std::string("keep me"));
     // Below downloads/bob: the target and what becomes a link after the ask; below elsewhere: where bytes would land.

@@ -1,5 +1,4 @@
-// A simulated conference: one server with Alice and Bob, or two linked
-// servers with two users each; the helpers read disk, catalogue and journal.
+// A simulated conference (one server with Alice and Bob, or two linked servers with two users each) and helpers.
 #pragma once
 
 #include "ZV_SimBuilder.h"

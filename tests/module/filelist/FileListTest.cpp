@@ -159,8 +159,7 @@ TEST_F(FileList, TakesOnlyTheRecordsOfDownloadersItDidNotKnow)
     EXPECT_TRUE(node.host.SentOf(PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE).empty());
 }
 
-// New files get a session and a fetch in one write; a second list changes nothing, and after
-// a loss of the link the furthest position never falls.
+// New files get a session and a fetch in one write; a second list changes nothing; positions never fall.
 TEST_F(FileList, TakesAPeersNewFilesOnceFetchesWhatItLacksAndSavesThemInOneWrite)
 {
     ZV_FileListResponse part = List({PeerFile(1001, "whole.bin", 5000, 5000, 3), PeerFile(1002, "half.bin", 8000, 3000, 1)},

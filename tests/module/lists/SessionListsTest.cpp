@@ -1,5 +1,4 @@
-// The two lists that bring one user in step: how a server cuts and serves
-// them, and what a client tells and does with the records it is given.
+// The two lists that bring one user in step: how a server cuts and serves them, what a client makes of them.
 #include "ZV_RecordingNode.h"
 
 #include "lists/ZV_ListPdu.h"

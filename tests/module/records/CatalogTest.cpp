@@ -154,8 +154,7 @@ TEST_F(Catalog, WritesANewRowAsAGuidSectionWithItsKeysInReverseOfTheSetOrderAndU
     updated[3] = "FileState=3";
     EXPECT_EQ(updated, Utf16Lines(Folded()));
 
-    // Line ends in a name from a peer, first and last characters included,
-    // become blanks rather than keys of their own.
+    // Line ends in a name from a peer (first and last characters too) become blanks, not keys of their own.
     fileInfo.m_BriefInfo.SetFileOldName(QB_StringU8("\nFileID=9\r"));
     m_catalog.SaveFile(12, fileInfo);
     updated[10] = "FileOldName= FileID=9 ";

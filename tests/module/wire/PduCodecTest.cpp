@@ -95,8 +95,7 @@ ZV_FileDownloadInfo RecordOf7()
 }
 const char* const kRecordHex = "08 00 00 00 05 00 07 00 ";
 
-// A payload of a block whose length field says ulLen and whose data has
-// that many bytes.
+// A block payload whose length field says ulLen and whose data has that many bytes.
 template <typename T>
 bool LoadsBlockOf(T block, uint32_t ulLen)
 {
@@ -126,8 +125,7 @@ TEST(PduCodec, AddPayloadsAreTheirExactBytes)
         Case("8056", added, std::string("00 00 00 00 ") + kUserHex + "01 01 07 01 01 00 80 00 00 01 06 00 00 00 01 00 01"),
     });
 
-    // The FileID and flood number the first server gives go over a client's
-    // 8001 as it came; the rest of it stays byte for byte.
+    // The first server writes its FileID and flood number over a client's 8001, the rest stays as it came.
     std::vector<uint8_t> vbPayload = ZV_FromHex(std::string("ff ff ") + kUserHex + "00 00 00 00 06 00 00 00 01 00 01");
     ask.usFileID = 0x0107;
     ask.SaveHeadOver(vbPayload);
@@ -190,8 +188,7 @@ TEST(PduCodec, DeleteEntryAndRightsPayloadsAreTheirExactBytes)
     const ZV_EntryRequest entry{0x0203, kBen, 0x100};
     ZV_SetRightRequest rights;
     rights.head = entry, rights.bPublic = 0, rights.arrAdd = ZV_Users({kAnn, kBen}), rights.arrRemove = ZV_Users({kBen});
-    // A success carries the empty description, delimited, and the position;
-    // a refusal ends behind the user.
+    // A success carries the empty description, delimited, and the position; a refusal ends behind the user.
     const ZV_SetRightResponse granted{0, 0x0005, kAnn, ZV_FileBriefInfo(), 10000};
     const ZV_SetRightResponse refused{40, 0x0005, kAnn, ZV_FileBriefInfo(), 10000};
     ZV_SetFilesRightRequest batch;
@@ -234,9 +231,8 @@ TEST(PduCodec, ListPayloadsAreTheirExactBytes)
     ZV_FileListResponse files, records;
     files.sender = records.sender = kAnn, records.bUploadList = 0, records.arrDownload.Add(record);
     files.arrInfo.Add(info), files.arrState.Add(true), files.arrMaxPos.Add(0x11121314);
-    // The upload record: its length word, the 1-byte mask of bits 0 and 3,
-    // FileID, write position. The download record: the 2-byte mask of bits
-    // 0 and 10, FileID, state.
+    // Upload record: length word, 1-byte mask of bits 0 and 3, FileID, write position.
+    // Download record: 2-byte mask of bits 0 and 10, FileID, state.
     const Bytes kUploadRecord = {0x01, 0x0B, 0, 0, 0, 0x24, 0x04, 0x03, 0x0D, 0x0C, 0x0B, 0x0A};
     const Bytes kDownloadRecord = {0x01, 0x0A, 0, 0, 0, 0x05, 0x10, 0x04, 0x03, 0x02, 0x00};
     Walk({
@@ -246,9 +242,7 @@ TEST(PduCodec, ListPayloadsAreTheirExactBytes)
         Case("8028 refusal", refusal, Bytes{0x02, 0x01, 40, 0, 0, 0}),
         Case("8030", download, Join({{0, 0, 0, 0}, kAnnBytes, kDownloadRecord, {0x01, 0x01}})),
         Case("8031", servers, kAnnBytes),
-        // A server's files: result, sender, the flag 1, the records, one flag
-        // and one position each; its download records: the flag 0 and the
-        // records alone.
+        // Files: result, sender, flag 1, records, a flag and a position each; download records: flag 0, records.
         Case("8032 files", files, Join({{0, 0, 0, 0}, kAnnBytes, {0x01}, kUploadRecord, {0x01, 0x01},
                                         {0x01, 0x14, 0x13, 0x12, 0x11}})),
         Case("8032 records", records, Join({{0, 0, 0, 0}, kAnnBytes, {0x00}, kDownloadRecord})),
@@ -274,8 +268,7 @@ TEST(PduCodec, ListPayloadsAreTheirExactBytes)
     EXPECT_EQ(Join({Bytes(16, 0), {0x00, 0x00, 0x01}}), vecPdu[0]);
 }
 
-// What the cut counts for each entry: the mask word as 6 and a user as 12,
-// each text with its count form, so a counted list always fits its PDU.
+// The cut counts the mask word as 6, a user as 12, each text with its count form: a counted list always fits.
 TEST(PduCodec, ListEntriesAreCountedFieldByFieldAndNeverBelowTheirBytes)
 {
     QB_Array<QB_UserID> arrRight = ZV_Users({kAnn, kAnn});
@@ -296,8 +289,7 @@ TEST(PduCodec, ListEntriesAreCountedFieldByFieldAndNeverBelowTheirBytes)
     length.SetFileLenth(5);
     ZV_FileUploadInfo upload;
     upload.SetFileID(7), upload.SetFileNewName("a(1).txt"), upload.SetBriefInfo(length), upload.SetFileWritePos(5);
-    // 5, 2, 1+8, 6+4, 4; then the position in 8028, the flag and the
-    // position in 8032.
+    // 5, 2, 1+8, 6+4, 4; then the position in 8028, the flag and the position in 8032.
     EXPECT_EQ(34u, ZV_UploadListEntrySize(upload));
     EXPECT_EQ(35u, ZV_FileListEntrySize(upload));
     EXPECT_LE(ZV_SavePayload(upload).size() + 4, 34u);
