@@ -40,15 +40,11 @@ struct SweepScene : public ZV_Scene
     void Act(uint32_t ulResult) { Call(ulResult), Settle(); }
 
     ZV_SimHost* Carol() const { return shape.Client(2); }
-    bool Fetched(ZV_SimHost* lpClient, uint16_t usFileID)
-    {
-        return std::filesystem::exists(Target(lpClient, usFileID)) && QB_ReadWholeFile(Target(lpClient, usFileID)) == kData;
-    }
+    bool Fetched(ZV_SimHost* lpClient, uint16_t usFileID) { return QB_ReadWholeFile(Target(lpClient, usFileID)) == kData; }
     bool Uploaded(uint16_t usFileID)
     {
         ZV_FileUploadInfo row;
-        return usFileID != 0xFFFF && Row(shape.Server(), usFileID, row) && row.m_BriefInfo.m_usFileState == 3 &&
-               StoredBytes(shape.Server(), usFileID) == kData;
+        return Row(shape.Server(), usFileID, row) && row.m_BriefInfo.m_usFileState == 3 && StoredBytes(shape.Server(), usFileID) == kData;
     }
     bool Settle() { return sim.AdvanceTime(ulSettleMs); }
 
@@ -93,10 +89,10 @@ struct SweepScene : public ZV_Scene
     std::set<std::string> Orphans()
     {
         std::set<std::string> setOrphans;
-        const std::string sFolder = shape.Server()->GetHome() + "store/" + std::to_string(ZV_SimBuilder::kConfID);
-        if (std::filesystem::exists(sFolder))
-            for (const auto& entry : std::filesystem::directory_iterator(sFolder))
-                setOrphans.insert(entry.path().filename().string());
+        std::error_code ec;
+        for (const auto& entry : std::filesystem::directory_iterator(
+                 shape.Server()->GetHome() + "store/" + std::to_string(ZV_SimBuilder::kConfID), ec))
+            setOrphans.insert(entry.path().filename().string());
         for (const ZV_FileUploadInfo& row : ServerRows())
             setOrphans.erase(row.m_sFileNewName.GetString());
         return setOrphans;

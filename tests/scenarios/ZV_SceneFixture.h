@@ -46,7 +46,7 @@ inline std::u16string ZV_Wide(const std::string& s)
 inline std::string ZV_Text(const std::string& sPath)
 {
     const ZV_Bytes vb = QB_ReadWholeFile(sPath);
-    return std::string(vb.begin(), vb.end());
+    return {vb.begin(), vb.end()};
 }
 
 // The u32 result that stands behind the number of most events.
@@ -78,12 +78,7 @@ struct ZV_Scene : public ::testing::Test
     ZV_SimConference sim{ZV_SimModuleApi::Linked(), Options()};
     ZV_SimShape shape;
 
-    ZV_SimOptions Options() const
-    {
-        ZV_SimOptions options;
-        options.sRoot = tmp.Sub("nodes");
-        return options;
-    }
+    ZV_SimOptions Options() const { return ZV_SimOptions{.sRoot = tmp.Sub("nodes")}; }
     void Build(bool bLinked = false)
     {
         shape = bLinked ? ZV_SimBuilder::TwoLinkedServers(sim) : ZV_SimBuilder::OneServerTwoClients(sim);
@@ -191,9 +186,7 @@ struct ZV_Scene : public ::testing::Test
     static ZV_Bytes StoredBytes(ZV_SimHost* lpServer, uint16_t usFileID)
     {
         ZV_FileUploadInfo row;
-        if (!Row(lpServer, usFileID, row) || !std::filesystem::exists(Stored(lpServer, row)))
-            return {};
-        return QB_ReadWholeFile(Stored(lpServer, row));
+        return Row(lpServer, usFileID, row) ? QB_ReadWholeFile(Stored(lpServer, row)) : ZV_Bytes();
     }
     static size_t StoreCount(ZV_SimHost* lpServer)
     {
