@@ -1,9 +1,7 @@
-// "RestoreCatalog" has a server take its catalogue back at start, as the
-// stored files stand, with who may have them; nothing without the setting.
+// "RestoreCatalog" has a server take its catalogue back at start, as the stored files stand; and where it stores.
 #include "ZV_SceneFixture.h"
 
 #include <functional>
-#include <algorithm>
 
 struct RestoreScene : ZV_Scene
 {
@@ -14,7 +12,11 @@ struct RestoreScene : ZV_Scene
     void Restart(bool bRestore)
     {
         WriteServerConfig(shape.Server(), bRestore);
-        ASSERT_TRUE(sim.RestartServer(shape.Server())) << sim.GetError();
+        ASSERT_TRUE(sim.RestartServer(shape.Server()) && sim.Run()) << sim.GetError();
+    }
+    void Fetch(ZV_SimHost* lpClient, uint16_t usFileID)
+    {
+        Download(lpClient, usFileID);
         ASSERT_TRUE(sim.Run()) << sim.GetError();
     }
 };
@@ -25,8 +27,8 @@ TEST_F(RestoreScene, TakesEachCatalogueRowBackAsItsStoredFileStandsWhenAsked)
     const ZV_Bytes data = ZV_RandomBytes(kLength, 7);
     Build();
     Restart(true);
-    struct Case { const char* szCase; std::function<void(const std::string& sStored)> fnDisk; bool bKept;
-          uint32_t ulPos; uint16_t usState; };
+    struct Case { const char* szCase; std::function<void(const std::string& sStored)> fnDisk; bool bKept; uint32_t ulPos;
+                  uint16_t usState; };
     const Case aRows[] = {
         {"a whole file", [](const std::string&) {}, true, kLength, zvFileStateComplete},
         {"a file cut short", [](const std::string& s) { std::filesystem::resize_file(s, 40000); }, true, 40000,
@@ -54,24 +56,20 @@ TEST_F(RestoreScene, TakesEachCatalogueRowBackAsItsStoredFileStandsWhenAsked)
         ASSERT_EQ(lpFsSession != nullptr, row.bKept);
         EXPECT_EQ(Row(shape.Server(), vecFileID[i], stored), row.bKept) << "a row without its file is dropped";
         ZV_FsFileInfo info{};
-        EXPECT_EQ(Fs(Bob())->FsGetFileInfoByFileID(vecFileID[i], &info), row.bKept ? 0u : zvResultUnknownFile)
-            << "the upload list Bob got on his return";
+        EXPECT_EQ(Fs(Bob())->FsGetFileInfoByFileID(vecFileID[i], &info), row.bKept ? 0u : zvResultUnknownFile) << "as listed";
         if (!row.bKept)
             continue;
-        EXPECT_EQ(lpFsSession->FileInfo().m_ulFileWritePos, row.ulPos);
-        EXPECT_EQ(stored.m_ulFileWritePos, row.ulPos);
+        EXPECT_TRUE(lpFsSession->FileInfo().m_ulFileWritePos == row.ulPos && stored.m_ulFileWritePos == row.ulPos);
         EXPECT_EQ(lpFsSession->FileInfo().m_BriefInfo.m_usFileState, row.usState);
         EXPECT_EQ(lpFsSession->IsUploadDone(), row.usState == zvFileStateComplete);
     }
 
     // Bob may still have the whole file, and gets its bytes.
-    ASSERT_EQ(0u, Download(Bob(), vecFileID[0]));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    Fetch(Bob(), vecFileID[0]);
     EXPECT_EQ(QB_ReadWholeFile(Target(Bob(), vecFileID[0])), data);
 }
 
-// Rights live in the rows only with the setting, and a change is saved at
-// once, so a restart never gives a user a file he lost.
+// Rights live in the rows only with the setting, and a change is saved at once: a restart gives back no lost right.
 TEST_F(RestoreScene, KeepsWhoMayHaveAFileAcrossARestartAndTakesNothingBackWithoutTheSetting)
 {
     Build();
@@ -89,23 +87,17 @@ TEST_F(RestoreScene, KeepsWhoMayHaveAFileAcrossARestartAndTakesNothingBackWithou
         const ZV_Bytes data = ZV_RandomBytes(5000, nRow);
         const uint16_t usFileID = ShareWithBob("r" + std::to_string(nRow) + ".bin", data);
         if (row.bRevoke)
-        {
-            ASSERT_EQ(0u, Fs(Alice())->FsSetRight(usFileID, 0, nullptr, 0, &Bob()->GetUserID(), 1));
-            ASSERT_TRUE(sim.Run());
-        }
+            ASSERT_TRUE(Fs(Alice())->FsSetRight(usFileID, 0, nullptr, 0, &Bob()->GetUserID(), 1) == 0 && sim.Run());
         Restart(row.bRestore);
         EXPECT_EQ(Session(shape.Server(), usFileID) != nullptr, row.bRestore);
-        Download(Bob(), usFileID);
-        ASSERT_TRUE(sim.Run()) << sim.GetError();
+        Fetch(Bob(), usFileID);
         EXPECT_EQ(QB_ReadWholeFile(Target(Bob(), usFileID)) == data, row.bBobGetsIt);
         const std::string sKey("R\0i\0g\0h\0t\0s\0=", 13);  // the file is UTF-16
         EXPECT_EQ(QB_CountInFiles(shape.Server()->GetHome() + "fsinfo.ini", sKey) > 0, row.bRestore);
     }
 }
 
-// Where a server keeps the files shared to it: the folder that "Path" of
-// section "FileShare" in its "confsrv.ini" names, read line by line as the
-// ini file is, or a folder beside the configuration when it names none.
+// A server stores under "Path" of section "FileShare" in "confsrv.ini", or beside it when that names none.
 using StorageScene = ZV_Scene;
 
 TEST_F(StorageScene, StoresUnderThePathOfConfsrvIniOrBesideItWhenTheFileNamesNone)
@@ -114,18 +106,12 @@ TEST_F(StorageScene, StoresUnderThePathOfConfsrvIniOrBesideItWhenTheFileNamesNon
     ZV_SimHost* lpServer = shape.Server();
     const std::string sIni = lpServer->GetHome() + "confsrv.ini";
     const std::string sBeside = lpServer->GetHome() + "FileShare/";
-    // sIni empty: no file at all
-    struct Row { const char* szCase; std::string sIni; std::string sFolder; };
-    auto Windows = [](const std::string& s) {
-        std::string sWin(s);
-        std::replace(sWin.begin(), sWin.end(), '/', '\\');
-        return sWin;
-    };
+    struct Row { const char* szCase; std::string sIni; std::string sFolder; };  // sIni empty: no file at all
     const Row aRows[] = {
         {"slashes, blanks around, no closing separator",
          "[FileShare]\r\nPath=  " + tmp.Sub("a/b") + " \t\r\n", tmp.Sub("a/b") + "/"},
         {"a key in other case, backslashes, behind a comment and another section",
-         "; store\r\n[Other]\r\nPath=" + tmp.Sub("no") + "\r\n[fileshare]\r\npath=" + Windows(tmp.Sub("c")) + "\\\r\n",
+         "; store\r\n[Other]\r\nPath=" + tmp.Sub("no") + "\r\n[fileshare]\r\npath=" + QB_StringU8(QB_ToWindowsPath(tmp.Sub("c"))).GetString() + "\\\r\n",
          tmp.Sub("c") + "/"},
         {"blanks around the \"=\" make another key", "[FileShare]\r\nPath = " + tmp.Sub("d") + "\r\n", sBeside},
         {"an empty value", "[FileShare]\r\nPath=   \r\n", sBeside},
@@ -150,9 +136,7 @@ TEST_F(StorageScene, StoresUnderThePathOfConfsrvIniOrBesideItWhenTheFileNamesNon
     EXPECT_TRUE(std::filesystem::exists(sIni)) << "a missing file is made, empty";
 }
 
-// Such a server still learns files from its peer's list; their stored names
-// then stand for nothing. An upload to it and a delete there neither make
-// nor remove anything in the folder the process runs in.
+// A server without a storage folder learns its peer's files but makes or removes nothing where it runs.
 TEST_F(StorageScene, AServerWithoutAStorageFolderTouchesNothingWhereItRuns)
 {
     Build(true);
@@ -170,11 +154,9 @@ TEST_F(StorageScene, AServerWithoutAStorageFolderTouchesNothingWhereItRuns)
     EXPECT_EQ(zvResultNoConfig, lpHome->GetInitializeResult());
     ASSERT_NE(nullptr, Session(lpHome, usFileID)) << "learned from the peer's list";
 
-    EXPECT_EQ(0u, Fs(Alice())->FsUpload(usFileID));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    ASSERT_TRUE(Fs(Alice())->FsUpload(usFileID) == 0 && sim.Run()) << sim.GetError();
     EXPECT_EQ(zvResultCannotOpen, LastResult(Alice(), zvFsEventTransferError));
-    EXPECT_EQ(0u, Fs(Alice())->FsDelUpload(usFileID));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
+    ASSERT_TRUE(Fs(Alice())->FsDelUpload(usFileID) == 0 && sim.Run()) << sim.GetError();
     std::vector<std::string> vecHere;
     for (const auto& entry : std::filesystem::directory_iterator("."))
         vecHere.push_back(entry.path().filename().string());

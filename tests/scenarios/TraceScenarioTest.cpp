@@ -1,12 +1,8 @@
-// The trace line each handler prints as it starts, whatever the payload
-// turns out to hold: a PDU of every number a handler takes is sent to Bob.
+// The trace line each handler prints as it starts, whatever the payload: each number a handler takes is sent to Bob.
 #include "ZV_SceneFixture.h"
 #include "add/ZV_AddPdu.h"
-#include "wire/ZV_PduFrame.h"
 #include "wire/ZV_PduTable.h"
 #include "QB_Env.h"
-
-#include <cstdio>
 
 using TraceScene = ZV_Scene;
 
@@ -23,8 +19,7 @@ TEST_F(TraceScene, EveryHandlerPrintsItsLineAsItStartsAndANumberNoneTakesGives5)
         std::fseek(lpTrace, 0, SEEK_END);
         return sAll;
     };
-    // Those of the sessions first: some of the manager's, such as the
-    // server's list, take Bob's sessions away.
+    // The sessions' first: some of the manager's, such as the server's list, take Bob's sessions away.
     std::vector<const ZV_PduRow*> vecRows;
     for (ZV_PduHandler eHandler : {ZV_PduHandler::Session, ZV_PduHandler::Manager})
         for (const ZV_PduRow& row : kPduTable)
@@ -32,15 +27,11 @@ TEST_F(TraceScene, EveryHandlerPrintsItsLineAsItStartsAndANumberNoneTakesGives5)
                 vecRows.push_back(&row);
     const uint32_t ulConn = shape.Server()->GetUserConn(&Bob()->GetUserID(), zvConfClientTypeCommand);
     std::vector<uint8_t> vbPayload(300, 0);
-    vbPayload[0] = (uint8_t)usFileID;
-    vbPayload[1] = (uint8_t)(usFileID >> 8);
-    // A well-formed announcement of someone else's file, which a client's
-    // manager passes on to the new session.
+    vbPayload[0] = (uint8_t)usFileID, vbPayload[1] = (uint8_t)(usFileID >> 8);
+    // A well-formed announcement of someone else's file, which a client's manager passes on to the new session.
     ZV_AddResponse answer;
-    answer.usRouteID = answer.usFileID = 900;
-    answer.user = QB_UserID(555, 0);
-    answer.brief.SetCreatorID(answer.user);
-    answer.brief.SetPublic(true);
+    answer.usRouteID = answer.usFileID = 900, answer.user = QB_UserID(555, 0);
+    answer.brief.SetCreatorID(answer.user), answer.brief.SetPublic(true);
     ZV_PduBuffer add;
     answer.Save(add.Stream());
     for (const ZV_PduRow* lpRow : vecRows)
@@ -48,25 +39,20 @@ TEST_F(TraceScene, EveryHandlerPrintsItsLineAsItStartsAndANumberNoneTakesGives5)
         const uint16_t usPdu = lpRow->usPdu;
         const char* szName = lpRow->pszName;
         const long nBefore = std::ftell(lpTrace);
-        if (usPdu == PDU_CONF_FS_ADD_RESPONSE)
-            shape.Server()->SendPdu(ulConn, usPdu, add.Payload(), add.PayloadLength(), 1, 1);
-        else
-            shape.Server()->SendPdu(ulConn, usPdu, vbPayload.data(), (uint32_t)vbPayload.size(), 1, 1);
+        const bool bAdd = usPdu == PDU_CONF_FS_ADD_RESPONSE;
+        shape.Server()->SendPdu(ulConn, usPdu, bAdd ? add.Payload() : vbPayload.data(),
+                                bAdd ? add.PayloadLength() : (uint32_t)vbPayload.size(), 1, 1);
         ASSERT_TRUE(sim.Run()) << sim.GetError();
-        std::string sLine = std::string("recv a ") + szName + "\r\n";
-        if (usPdu == PDU_CONF_FS_ADD_RESPONSE)
-            sLine += sLine;
-        EXPECT_EQ((size_t)nBefore, Traced().find(sLine, nBefore)) << szName;
-        // Handlers give 0, 5 only where the zeros ran short of a field; a
-        // server's file list gives the result it carries in its first word.
+        const std::string sLine = std::string("recv a ") + szName + "\r\n";
+        EXPECT_EQ((size_t)nBefore, Traced().find(bAdd ? sLine + sLine : sLine, nBefore)) << szName;
+        // Handlers give 0 or 5 (the zeros short of a field); a server's file list gives its first word.
         const uint32_t ulResult = sim.Journal().PdusTo(usPdu, Bob()->GetName()).back().ulResult;
         if (usPdu == PDU_CONF_GET_FILE_LIST_RESPONSE)
             EXPECT_EQ(usFileID, ulResult);
         else
             EXPECT_TRUE(ulResult == 0 || ulResult == zvResultNoHandler) << szName << " gave " << ulResult;
     }
-    // Numbers that no handler takes, and the answer to a rights change of
-    // several files that nothing reads, print nothing and give 5.
+    // Numbers no handler takes, and the unread answer to a batch rights change, print nothing and give 5.
     const long nBefore = std::ftell(lpTrace);
     const size_t nFrom = sim.Journal().Size();
     std::vector<uint16_t> vecUntaken = {8019, 8020, 9000};
@@ -86,16 +72,14 @@ TEST_F(TraceScene, EveryHandlerPrintsItsLineAsItStartsAndANumberNoneTakesGives5)
     std::fclose(lpTrace);
 }
 
-// A host that cannot name a stream names a file in the environment: each
-// trace line goes to the file the variable names when the line is written.
+// Each trace line goes to the file ROOMCRATE_TRACE names when the line is written.
 using TraceFileScene = ZV_Scene;
 
 TEST_F(TraceFileScene, EachLineGoesToTheFileTheVariableNamesAtThatMoment)
 {
     Build();
     struct Unset { ~Unset() { QB_SetEnvironmentVariable("ROOMCRATE_TRACE", nullptr); } } unset;
-    // The add is traced by the server's manager and again by its session;
-    // the answer likewise on each of the two clients.
+    // The add is traced by the server's manager and session, the answer likewise on each client.
     const std::string sAdd = "recv a PDU_CONF_FS_ADD_REQUEST\r\n", sAnswer = "recv a PDU_CONF_FS_ADD_RESPONSE\r\n";
     const std::string sExpected = sAdd + sAdd + sAnswer + sAnswer + sAnswer + sAnswer;
     const std::string sFirst = tmp.Sub("first.txt"), sSecond = tmp.Sub("second.txt");

@@ -1,5 +1,4 @@
-// A simulated conference: one server with Alice and Bob, or two linked
-// servers with two users each; the helpers read disk, catalogue and journal.
+// A simulated conference (one server with Alice and Bob, or two linked servers with two users each) and helpers.
 #pragma once
 
 #include "ZV_SimBuilder.h"
@@ -47,7 +46,7 @@ inline std::u16string ZV_Wide(const std::string& s)
 inline std::string ZV_Text(const std::string& sPath)
 {
     const ZV_Bytes vb = QB_ReadWholeFile(sPath);
-    return std::string(vb.begin(), vb.end());
+    return {vb.begin(), vb.end()};
 }
 
 // The u32 result that stands behind the number of most events.
@@ -69,13 +68,8 @@ struct ZV_QuietTrace
 {
     std::FILE* lpSink = std::fopen("/dev/null", "w");
     ZV_QuietTrace() { ZV_SetTraceStream(lpSink); }
-    ~ZV_QuietTrace()
-    {
-        ZV_SetTraceStream(nullptr);
-        std::fclose(lpSink);
-    }
+    ~ZV_QuietTrace() { ZV_SetTraceStream(nullptr), std::fclose(lpSink); }
     ZV_QuietTrace(const ZV_QuietTrace&) = delete;
-    ZV_QuietTrace& operator=(const ZV_QuietTrace&) = delete;
 };
 
 struct ZV_Scene : public ::testing::Test
@@ -84,12 +78,7 @@ struct ZV_Scene : public ::testing::Test
     ZV_SimConference sim{ZV_SimModuleApi::Linked(), Options()};
     ZV_SimShape shape;
 
-    ZV_SimOptions Options() const
-    {
-        ZV_SimOptions options;
-        options.sRoot = tmp.Sub("nodes");
-        return options;
-    }
+    ZV_SimOptions Options() const { return ZV_SimOptions{.sRoot = tmp.Sub("nodes")}; }
     void Build(bool bLinked = false)
     {
         shape = bLinked ? ZV_SimBuilder::TwoLinkedServers(sim) : ZV_SimBuilder::OneServerTwoClients(sim);
@@ -127,23 +116,13 @@ struct ZV_Scene : public ::testing::Test
         EXPECT_TRUE(sim.Run()) << sim.GetError();
         return AddedFileID(lpClient, nBefore);
     }
-    void StartShare(const std::string& sName, const ZV_Bytes& data, bool bStart = true)
-    {
-        StartShareBy(Alice(), sName, data, bStart);
-    }
-    uint16_t Share(const std::string& sName, const ZV_Bytes& data, bool bStart = true)
-    {
-        return ShareBy(Alice(), sName, data, bStart);
-    }
+    void StartShare(const std::string& sName, const ZV_Bytes& data, bool bStart = true) { StartShareBy(Alice(), sName, data, bStart); }
+    uint16_t Share(const std::string& sName, const ZV_Bytes& data, bool bStart = true) { return ShareBy(Alice(), sName, data, bStart); }
     // The FileID of the newest 3000 past the first nBefore, or 0xFFFF.
     uint16_t AddedFileID(ZV_SimHost* lpClient, size_t nBefore)
     {
         const auto vecAdded = Events(lpClient, zvFsEventFileAdded);
-        if (vecAdded.size() <= nBefore)
-            return 0xFFFF;
-        QB_ByteStream stream(vecAdded.back().vbData.data(), (int32_t)vecAdded.back().vbData.size());
-        stream.Skip(6);
-        return stream.ReadU16();
+        return vecAdded.size() <= nBefore ? 0xFFFF : ZV_FileIDOf(vecAdded.back());
     }
     std::string Target(ZV_SimHost* lpClient, uint16_t usFileID) const
     {
@@ -164,10 +143,7 @@ struct ZV_Scene : public ::testing::Test
         shape.Server()->SendPdu(ulConn, usPdu, pData, ulLen, 1, 1);
         ASSERT_TRUE(sim.Run()) << sim.GetError();
     }
-    void SendFromServer(ZV_SimHost* lpTo, uint16_t usPdu, ZV_PduBuffer& pdu)
-    {
-        SendFromServer(lpTo, usPdu, pdu.Payload(), pdu.PayloadLength());
-    }
+    void SendFromServer(ZV_SimHost* lpTo, uint16_t usPdu, ZV_PduBuffer& pdu) { SendFromServer(lpTo, usPdu, pdu.Payload(), pdu.PayloadLength()); }
     std::vector<ZV_SimEntry> Find(const ZV_SimFilter& filter) { return sim.Journal().Find(filter); }
     // Result of the node's latest event of that number, 0xFFFFFFFF with none.
     uint32_t LastResult(ZV_SimHost* lpNode, uint16_t usEvent)
@@ -188,11 +164,7 @@ struct ZV_Scene : public ::testing::Test
     // Steps until `usPdu` has reached `lpTo` nTimes.
     bool StepUntilDelivered(uint16_t usPdu, ZV_SimHost* lpTo, size_t nTimes)
     {
-        ZV_SimFilter filter;
-        filter.usNumber = usPdu;
-        filter.sPeer = lpTo->GetName();
-        filter.eFate = ZV_SimFate::Delivered;
-        while (sim.Journal().Find(filter).size() < nTimes)
+        while (Find({.usNumber = usPdu, .sPeer = lpTo->GetName(), .eFate = ZV_SimFate::Delivered}).size() < nTimes)
             if (!sim.Step())
                 return false;
         return true;
@@ -214,13 +186,11 @@ struct ZV_Scene : public ::testing::Test
     static ZV_Bytes StoredBytes(ZV_SimHost* lpServer, uint16_t usFileID)
     {
         ZV_FileUploadInfo row;
-        if (!Row(lpServer, usFileID, row) || !std::filesystem::exists(Stored(lpServer, row)))
-            return {};
-        return QB_ReadWholeFile(Stored(lpServer, row));
+        return Row(lpServer, usFileID, row) ? QB_ReadWholeFile(Stored(lpServer, row)) : ZV_Bytes();
     }
     static size_t StoreCount(ZV_SimHost* lpServer)
     {
-        const std::string sStore = lpServer->GetHome() + "store/" + std::to_string(ZV_SimBuilder::kConfID);
-        return (size_t)std::distance(std::filesystem::directory_iterator(sStore), {});
+        return (size_t)std::distance(std::filesystem::directory_iterator(lpServer->GetHome() + "store/" +
+                                                                         std::to_string(ZV_SimBuilder::kConfID)), {});
     }
 };

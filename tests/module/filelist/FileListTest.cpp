@@ -1,5 +1,4 @@
-// The file list between linked servers on one manager: what a server
-// answers and how the answer is cut.
+// The file list between linked servers: what a server answers, how it is cut, what it takes.
 #include "ZV_RecordingNode.h"
 
 #include "lists/ZV_ListPdu.h"
@@ -7,7 +6,6 @@
 #include "QB_FaultEnv.h"
 
 #include <filesystem>
-#include <tuple>
 
 namespace {
 
@@ -21,9 +19,7 @@ ZV_FileUploadInfo PeerFile(uint16_t usFileID, const char* pszName, uint32_t ulLe
     ZV_FileBriefInfo brief = ZV_Brief(QB_UserID(20001, 0), pszName, ulLength);
     brief.SetFileState(usState);
     ZV_FileUploadInfo info;
-    info.SetFileID(usFileID);
-    info.SetFileNewName(QB_StringU8(pszName));
-    info.SetBriefInfo(brief);
+    info.SetFileID(usFileID), info.SetFileNewName(QB_StringU8(pszName)), info.SetBriefInfo(brief);
     info.SetFileWritePos(ulWritePos);
     return info;
 }
@@ -39,16 +35,17 @@ struct FileList : ::testing::Test
     {
         return ZV_Pieces<ZV_FileListResponse>(node.host, PDU_CONF_GET_FILE_LIST_RESPONSE);
     }
-    // The peer lists one file, whole there.
-    void Take(const ZV_FileUploadInfo& info)
+    // The peer's list of these files, whole there (or each with its state), at their write positions.
+    static ZV_FileListResponse List(const std::vector<ZV_FileUploadInfo>& vecInfo, std::vector<bool> vecState = {})
     {
         ZV_FileListResponse part;
         part.sender = kPeer;
-        part.arrInfo.Add(info);
-        part.arrState.Add(true);
-        part.arrMaxPos.Add(info.m_ulFileWritePos);
-        Take(part);
+        vecState.resize(vecInfo.size(), true);
+        for (size_t i = 0; i < vecInfo.size(); ++i)
+            part.arrInfo.Add(vecInfo[i]), part.arrState.Add(vecState[i]), part.arrMaxPos.Add(vecInfo[i].m_ulFileWritePos);
+        return part;
     }
+    void Take(const ZV_FileUploadInfo& info) { Take(List({info})); }
     void Take(const ZV_FileListResponse& part)
     {
         node.host.m_vecSent.clear();
@@ -59,8 +56,7 @@ struct FileList : ::testing::Test
 
 } // namespace
 
-// Nothing held is still two PDUs: the files, then the records. A request
-// from this server itself, or from a client, gets nothing.
+// Nothing held is still two PDUs, files then records; this server itself or a client gets nothing.
 TEST_F(FileList, AnswersALinkedServerWithItsFilesThenItsRecordsAndNobodyElse)
 {
     const Bytes vbAsk = ZV_Pdu().User(kPeer).b;
@@ -77,8 +73,7 @@ TEST_F(FileList, AnswersALinkedServerWithItsFilesThenItsRecordsAndNobodyElse)
     EXPECT_TRUE(node.host.m_vecSent.empty());
 }
 
-// Files whose counted sizes fill the buffer to the byte go in one PDU; one
-// byte more opens a second. Names stay within what a record may hold.
+// Files that fill the buffer to the byte go in one PDU; one byte more opens a second.
 TEST_F(FileList, CutsFilesThatFillTheBufferToTheByteIntoOnePduAndOneByteMoreIntoTwo)
 {
     // Files whose stored names are nNameBytes long.
@@ -89,34 +84,26 @@ TEST_F(FileList, CutsFilesThatFillTheBufferToTheByteIntoOnePduAndOneByteMoreInto
     };
     const std::vector<int> vecName = ZV_NamesThatFill(ZV_FileListResponse::kHeadSize,
                                                       [&](int n) { return ZV_FileListEntrySize(fnFile(1, n)); });
-    QB_Array<ZV_FileUploadInfo> arrInfo;
-    QB_Array<bool> arrState;
-    QB_Array<uint32_t> arrMaxPos;
+    std::vector<ZV_FileUploadInfo> vecInfo;
     for (int nName : vecName)
-    {
-        arrInfo.Add(fnFile((uint16_t)(arrInfo.GetSize() + 1), nName));
-        arrState.Add(true);
-        arrMaxPos.Add(100);
-    }
+        vecInfo.push_back(fnFile((uint16_t)(vecInfo.size() + 1), nName));
+    ZV_FileListResponse list = List(vecInfo);
     const QB_Array<ZV_FileDownloadInfo> arrNone;
-    ZV_FileShareMgrPeer::SendFileList(node.mgr, 5, kSelf, arrInfo, arrState, arrMaxPos, arrNone);
+    ZV_FileShareMgrPeer::SendFileList(node.mgr, 5, kSelf, list.arrInfo, list.arrState, list.arrMaxPos, arrNone);
     std::vector<ZV_FileListResponse> vecParts = Answers();
     ASSERT_EQ(2u, vecParts.size());
-    EXPECT_EQ(arrInfo.GetSize(), vecParts[0].arrInfo.GetSize());
+    EXPECT_EQ(list.arrInfo.GetSize(), vecParts[0].arrInfo.GetSize());
 
     node.host.m_vecSent.clear();
-    arrInfo[arrInfo.GetSize() - 1] = fnFile(77, vecName.back() + 1);
-    ZV_FileShareMgrPeer::SendFileList(node.mgr, 5, kSelf, arrInfo, arrState, arrMaxPos, arrNone);
+    list.arrInfo[list.arrInfo.GetSize() - 1] = fnFile(77, vecName.back() + 1);
+    ZV_FileShareMgrPeer::SendFileList(node.mgr, 5, kSelf, list.arrInfo, list.arrState, list.arrMaxPos, arrNone);
     vecParts = Answers();
     ASSERT_EQ(3u, vecParts.size());
     ASSERT_EQ(1, vecParts[1].arrInfo.GetSize());
-    EXPECT_EQ(77, vecParts[1].arrInfo[0].m_usFileID);
-    EXPECT_EQ(1, vecParts[1].bUploadList);
-    EXPECT_EQ(0, vecParts[2].bUploadList);
+    EXPECT_TRUE(vecParts[1].arrInfo[0].m_usFileID == 77 && vecParts[1].bUploadList == 1 && vecParts[2].bUploadList == 0);
 }
 
-// A FileID of another server's range names two files at two servers that
-// missed each other's news: both keep the one shared later, so none swap.
+// A FileID of another server's range naming two files: both sides keep the one shared later.
 TEST_F(FileList, ANumberOfAnotherRangeNamesTheFileSharedLaterOnBothSides)
 {
     struct { const char* szName; uint16_t usFileID; int64_t llHeld; int64_t llListed; const char* pszKept; } aCases[] = {
@@ -138,9 +125,7 @@ TEST_F(FileList, ANumberOfAnotherRangeNamesTheFileSharedLaterOnBothSides)
     }
 }
 
-// A record of a downloader this server already lists changes nothing, nor
-// does one of another file under the FileID; a new one is entered resting
-// and told to its user, homed here, in a download list of that one record.
+// Only a record of a downloader unknown here, of the same file, is taken: resting, and told to its user.
 TEST_F(FileList, TakesOnlyTheRecordsOfDownloadersItDidNotKnow)
 {
     Take(PeerFile(1001, "whole.bin", 5000, 5000, 3));
@@ -148,14 +133,10 @@ TEST_F(FileList, TakesOnlyTheRecordsOfDownloadersItDidNotKnow)
     records.sender = kPeer;
     records.bUploadList = 0;
     ZV_FileDownloadInfo record;
-    record.SetFileID(1001);
-    record.SetUserID(kBob);
-    record.SetDownloadPos(1000);
-    record.SetActive(true);
+    record.SetFileID(1001), record.SetUserID(kBob), record.SetDownloadPos(1000), record.SetActive(true);
     records.arrDownload.Add(record);
     ZV_FileDownloadInfo other = record;  // Carol's, of another file the peer holds under the FileID
-    other.SetUserID(QB_UserID(20003, 0));
-    other.SetFileFullName(QB_StringU8("other.bin"));
+    other.SetUserID(QB_UserID(20003, 0)), other.SetFileFullName(QB_StringU8("other.bin"));
     records.arrDownload.Add(other);
     node.host.AddUser(kBob, kSelf.m_ulMain, "Bob");
     node.host.m_mapUserConn[{kBob.m_ulMain, kBob.m_ulSub}] = 77;
@@ -163,14 +144,12 @@ TEST_F(FileList, TakesOnlyTheRecordsOfDownloadersItDidNotKnow)
     ZV_FileShareSession* lpFsSession = Session(1001);
     const ZV_FileDownloadInfo* pEntry = lpFsSession->FindDownloadEntry(kBob);
     ASSERT_NE(nullptr, pEntry);
-    EXPECT_EQ(1000u, pEntry->m_ulDownloadPos);
-    EXPECT_FALSE(pEntry->m_bActive);
+    EXPECT_TRUE(pEntry->m_ulDownloadPos == 1000 && !pEntry->m_bActive);
     EXPECT_EQ(nullptr, lpFsSession->FindDownloadEntry(QB_UserID(20003, 0)));
     const auto vecTold = ZV_SentAs<ZV_DownloadListResponse>(node.host, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE);
-    ASSERT_EQ(1u, vecTold.size());
+    ASSERT_TRUE(vecTold.size() == 1 && vecTold[0].arrInfo.GetSize() == 1);
     EXPECT_EQ(77u, node.host.SentOf(PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE)[0].ulConn);
     EXPECT_EQ(kBob, vecTold[0].user);
-    ASSERT_EQ(1, vecTold[0].arrInfo.GetSize());
     EXPECT_EQ(1000u, vecTold[0].arrInfo[0].m_ulDownloadPos);
     EXPECT_FALSE(vecTold[0].arrModify[0]) << "the file is the one the record began with";
 
@@ -180,27 +159,18 @@ TEST_F(FileList, TakesOnlyTheRecordsOfDownloadersItDidNotKnow)
     EXPECT_TRUE(node.host.SentOf(PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE).empty());
 }
 
-// Two new files each get a session and a fetch, in one catalogue write and
-// one series to the clients. A second list while the
-// link stood changes nothing; after a loss of the link the furthest
-// position still never falls.
+// New files get a session and a fetch in one write; a second list changes nothing; positions never fall.
 TEST_F(FileList, TakesAPeersNewFilesOnceFetchesWhatItLacksAndSavesThemInOneWrite)
 {
-    ZV_FileListResponse part;
-    part.sender = kPeer;
-    part.arrInfo.Add(PeerFile(1001, "whole.bin", 5000, 5000, 3));
-    part.arrInfo.Add(PeerFile(1002, "half.bin", 8000, 3000, 1));
-    part.arrState.Add(true);
-    part.arrState.Add(false);
-    part.arrMaxPos.Add(5000);
-    part.arrMaxPos.Add(3000);
+    ZV_FileListResponse part = List({PeerFile(1001, "whole.bin", 5000, 5000, 3), PeerFile(1002, "half.bin", 8000, 3000, 1)},
+                                    {true, false});
     const int nWrites = env.GetCount(QB_EnvOp::Write);
     Take(part);
     EXPECT_EQ(nWrites + 1, env.GetCount(QB_EnvOp::Write)) << "one catalogue write";
     ASSERT_TRUE(Session(1001) != nullptr && Session(1002) != nullptr);
     EXPECT_TRUE(Session(1001)->IsUploadDone() && !Session(1002)->IsUploadDone());
     EXPECT_EQ(2u, node.host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size());
-    EXPECT_EQ(1u, node.host.SentOf(PDU_CONF_FS_ADD_FILES_RESPONSE).size());
+    EXPECT_EQ(1u, node.host.SentOf(PDU_CONF_FS_ADD_FILES_RESPONSE).size()) << "one series to the clients";
 
     part.arrMaxPos[0] = 100;
     Take(part);
@@ -217,20 +187,11 @@ TEST_F(FileList, TakesAPeersNewFilesOnceFetchesWhatItLacksAndSavesThemInOneWrite
     EXPECT_TRUE(node.host.m_vecSent.empty());
 }
 
-// New files go to the clients in one 8056 that starts no upload; those whose
-// folder could not be made follow in a series of their own, kept all the same.
+// New files go to the clients in one 8056 starting no upload; those not storable follow in their own.
 TEST_F(FileList, AnnouncesNewFilesToItsClientsAndThoseItCannotStoreInASeriesOfTheirOwn)
 {
     env.FailAt(QB_EnvOp::MakeFolder, 1);
-    ZV_FileListResponse part;
-    part.sender = kPeer;
-    for (uint16_t usFileID : {1001, 1002})
-    {
-        part.arrInfo.Add(PeerFile(usFileID, "f.bin", 5000, 5000, 3));
-        part.arrState.Add(true);
-        part.arrMaxPos.Add(5000);
-    }
-    Take(part);
+    Take(List({PeerFile(1001, "f.bin", 5000, 5000, 3), PeerFile(1002, "f.bin", 5000, 5000, 3)}));
     std::vector<std::vector<uint16_t>> vecSeries;
     for (const auto& answer : ZV_SentAs<ZV_AddFilesResponse>(node.host, PDU_CONF_FS_ADD_FILES_RESPONSE))
     {
@@ -244,25 +205,15 @@ TEST_F(FileList, AnnouncesNewFilesToItsClientsAndThoseItCannotStoreInASeriesOfTh
     EXPECT_EQ(1u, node.host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size()) << "no fetch for the file not stored";
 }
 
-// A new file takes no name already in the store or given in the same list,
-// and a FileID the catalogue holds for another file loses the old bytes.
+// A new file takes no name stored or given in the same list; a FileID held for another file loses the old bytes.
 TEST_F(FileList, KeepsEachStoredFileApartFromTheFilesAPeerLists)
 {
     std::filesystem::create_directories(node.tmp.Sub("store/7"));
     QB_WriteWholeFile(node.tmp.Sub("store/7/new.bin"), "not the peer's");
     ASSERT_TRUE(ZV_FileShareMgrPeer::Catalog(node.mgr).SaveFile(7, PeerFile(1004, "old.bin", 8000, 8000, 3)));
     QB_WriteWholeFile(node.tmp.Sub("store/7/old.bin"), ZV_TestBytes(8000, 4));
-    ZV_FileListResponse part;
-    part.sender = kPeer;
-    for (const auto& [usFileID, pszName, ulLength] : {std::tuple{1003, "new.bin", 5000u},
-                                                      std::tuple{1004, "old.bin", 5000u},
-                                                      std::tuple{1006, "new.bin", 7000u}})
-    {
-        part.arrInfo.Add(PeerFile((uint16_t)usFileID, pszName, ulLength, ulLength, 3));
-        part.arrState.Add(true);
-        part.arrMaxPos.Add(ulLength);
-    }
-    Take(part);
+    Take(List({PeerFile(1003, "new.bin", 5000, 5000, 3), PeerFile(1004, "old.bin", 5000, 5000, 3),
+               PeerFile(1006, "new.bin", 7000, 7000, 3)}));
     const Bytes vbMine = QB_ReadWholeFile(node.tmp.Sub("store/7/new.bin"));
     EXPECT_EQ("not the peer's", std::string(vbMine.begin(), vbMine.end()));
     EXPECT_EQ(QB_StringU8("new(1).bin"), Session(1003)->FileInfo().m_sFileNewName);
@@ -270,8 +221,7 @@ TEST_F(FileList, KeepsEachStoredFileApartFromTheFilesAPeerLists)
     EXPECT_TRUE(std::filesystem::exists(node.tmp.Sub("store/7/new(2).bin"))) << "taken before its bytes come";
     EXPECT_FALSE(std::filesystem::exists(node.tmp.Sub("store/7/old.bin")));
     EXPECT_EQ(3u, node.host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size());
-    // The same file under another stored name at the peer keeps this server's
-    // name; its bytes here exist at the source, however little the peer knew.
+    // The same file under another stored name at the peer keeps this server's name and bytes.
     ZV_FileUploadInfo kept = PeerFile(1005, "song.bin", 5000, 5000, 3);
     kept.SetFileNewName(QB_StringU8("song(2).bin"));
     ASSERT_TRUE(ZV_FileShareMgrPeer::Catalog(node.mgr).SaveFile(7, kept));

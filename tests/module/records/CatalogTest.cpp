@@ -7,8 +7,6 @@
 
 #include <cstring>
 #include <filesystem>
-#include <string>
-#include <vector>
 
 namespace fs = std::filesystem;
 using Lines = std::vector<std::string>;
@@ -48,10 +46,7 @@ ZV_FileUploadInfo Record(uint16_t usFileID, const char* pszNewName = "notes(1).t
     return fileInfo;
 }
 
-std::string Utf8(const QB_StringW& s)
-{
-    return QB_StringU8(s).GetString();
-}
+std::string Utf8(const QB_StringW& s) { return QB_StringU8(s).GetString(); }
 
 // The lines of a UTF-16 file with its mark, as UTF-8; nothing without the mark.
 Lines Utf16Lines(const std::string& sPath)
@@ -95,13 +90,14 @@ protected:
         EXPECT_TRUE(catalog.LoadFile(usConfID, usFileID, fileInfo, m_sSection)) << usConfID << "/" << usFileID;
         return fileInfo;
     }
-    static int RowsOf(ZV_FileCatalog& catalog, uint16_t usConfID)
+    static QB_Array<ZV_FileUploadInfo> RowsOf(ZV_FileCatalog& catalog, uint16_t usConfID)
     {
         QB_Array<ZV_FileUploadInfo> arrRows;
         QB_Array<QB_StringW> arrSections;
         catalog.LoadConf(usConfID, arrRows, arrSections);
-        return arrRows.GetSize();
+        return arrRows;
     }
+    size_t Logged() { return QB_CountInFiles(m_home.Sub("log"), "ZV_FileCatalog::Flush failed."); }
     std::string Ini() const { return m_home.Sub("fsinfo.ini"); }
     // The file once the quiet tick has folded m_catalog's journal in.
     std::string Folded()
@@ -118,10 +114,10 @@ protected:
         for (uint16_t usFileID = 1; usFileID <= 3; ++usFileID)
             ASSERT_TRUE(m_catalog.SaveFile(12, Record(usFileID)));
     }
-    void ExpectFirstThree(ZV_FileCatalog& catalog, const char* szCase)
+    void ExpectFirstThree(ZV_FileCatalog& catalog)
     {
         for (uint16_t usOld = 1; usOld <= 3; ++usOld)
-            EXPECT_TRUE(Finds(catalog, 12, usOld)) << szCase << " " << usOld;
+            EXPECT_TRUE(Finds(catalog, 12, usOld)) << usOld;
     }
     std::string Stored(const std::string& sName)
     {
@@ -158,16 +154,14 @@ TEST_F(Catalog, WritesANewRowAsAGuidSectionWithItsKeysInReverseOfTheSetOrderAndU
     updated[3] = "FileState=3";
     EXPECT_EQ(updated, Utf16Lines(Folded()));
 
-    // Line ends in a name from a peer, first and last characters included,
-    // become blanks rather than keys of their own.
+    // Line ends in a name from a peer (first and last characters too) become blanks, not keys of their own.
     fileInfo.m_BriefInfo.SetFileOldName(QB_StringU8("\nFileID=9\r"));
     m_catalog.SaveFile(12, fileInfo);
     updated[10] = "FileOldName= FileID=9 ";
     EXPECT_EQ(updated, Utf16Lines(Folded()));
 }
 
-// DeleteConf (by the low 16 bits of the number) drops the conference's rows
-// and its plain stored files, and never a file outside its folder.
+// DeleteConf (by the number's low 16 bits) drops the rows and plain stored files, never a file outside.
 TEST_F(Catalog, DeleteConfNeverDeletesOutsideTheConferenceFolder)
 {
     const char* apszHostile[] = {"..\\victim.txt", "../victim.txt",   "..",          ".", " . ",
@@ -186,7 +180,7 @@ TEST_F(Catalog, DeleteConfNeverDeletesOutsideTheConferenceFolder)
         EXPECT_TRUE(fs::exists(sKept)) << sKept;
     Folded();
     ZV_FileCatalog fresh;
-    EXPECT_EQ(0, RowsOf(Opened(fresh), 5)) << "every row of the conference is gone all the same";
+    EXPECT_EQ(0, RowsOf(Opened(fresh), 5).GetSize()) << "every row of the conference is gone all the same";
     EXPECT_TRUE(Finds(fresh, 6, 1));
 }
 
@@ -210,25 +204,19 @@ TEST_F(Catalog, ReadsHandEditedRowsWithoutTrustingThem)
     QB_WriteWholeFile(Ini(), "[s]\r\nConfID=1\r\nFileID=2\r\nRights=9000115 junk 9000216\r\n");
     ZV_FileCatalog bare;
     EXPECT_EQ(0u, Loaded(Opened(bare), 1, 2).m_BriefInfo.m_ulFileLenth) << "a row without a length is empty";
-    QB_Array<ZV_FileUploadInfo> arrFileInfo;
-    QB_Array<QB_StringW> arrSection;
-    bare.LoadConf(1, arrFileInfo, arrSection);
+    const QB_Array<ZV_FileUploadInfo> arrFileInfo = RowsOf(bare, 1);
     ASSERT_EQ(1, arrFileInfo.GetSize());
     const QB_Array<QB_UserID>& arrRight = arrFileInfo[0].m_BriefInfo.m_arrRight;
-    ASSERT_EQ(2, arrRight.GetSize()) << "a user whose text does not parse is left out";
-    EXPECT_EQ(QB_UserID(90001, 15), arrRight[0]);
-    EXPECT_EQ(QB_UserID(90002, 16), arrRight[1]);
+    EXPECT_TRUE(arrRight.GetSize() == 2 && arrRight[0] == QB_UserID(90001, 15) && arrRight[1] == QB_UserID(90002, 16))
+        << "a user whose text does not parse is left out";
 }
 
-// A save appends to the journal and syncs it; when that fails the whole
-// file is written instead, beside it, synced and renamed over it. Whatever
-// fails, the file under the name stays a whole catalogue, a save that says
-// false is logged, and the row goes out with the next save that works.
+// Whatever fails in a save (journal, or the whole file beside it and its rename), the file stays whole,
+// a false save is logged, and the row goes out with the next save that works.
 TEST_F(Catalog, AFailedSaveKeepsTheFileWholeSaysSoAndTheNextSaveCarriesTheRow)
 {
     struct Fault { QB_EnvOp op; int nNth; bool bSticky; };
-    // With every write failing, the log line cannot be written either. A
-    // journal whose sync failed may still hold the row it wrote.
+    // A journal whose sync failed may still hold its row; with no write, no log line either.
     struct { const char* szName; std::vector<Fault> vecFaults; bool bSaved; bool bFound; bool bLogged; } aCases[] = {
         {"journal sync fails, the whole file goes instead", {{QB_EnvOp::Sync, 1, false}}, true, true, false},
         {"every write fails", {{QB_EnvOp::Write, 1, true}}, false, false, false},
@@ -240,17 +228,18 @@ TEST_F(Catalog, AFailedSaveKeepsTheFileWholeSaysSoAndTheNextSaveCarriesTheRow)
     uint16_t usFileID = 100;
     for (const auto& c : aCases)
     {
+        SCOPED_TRACE(c.szName);
         ASSERT_TRUE(m_catalog.SaveFile(12, Record(99))) << "a save that works first";
-        const size_t nLogged = QB_CountInFiles(m_home.Sub("log"), "ZV_FileCatalog::Flush failed.");
+        const size_t nLogged = Logged();
         for (const Fault& fault : c.vecFaults)
             m_env.FailAt(fault.op, fault.nNth, fault.bSticky);
-        EXPECT_EQ(c.bSaved, m_catalog.SaveFile(12, Record(++usFileID))) << c.szName;
+        EXPECT_EQ(c.bSaved, m_catalog.SaveFile(12, Record(++usFileID)));
         m_env.ClearFaults();
-        EXPECT_FALSE(fs::exists(Ini() + ".new")) << c.szName;
+        EXPECT_FALSE(fs::exists(Ini() + ".new"));
         ZV_FileCatalog reread;
-        ExpectFirstThree(Opened(reread), c.szName);
-        EXPECT_EQ(c.bFound, Finds(reread, 12, usFileID)) << c.szName;
-        EXPECT_EQ(nLogged + c.bLogged, QB_CountInFiles(m_home.Sub("log"), "ZV_FileCatalog::Flush failed.")) << c.szName;
+        ExpectFirstThree(Opened(reread));
+        EXPECT_EQ(c.bFound, Finds(reread, 12, usFileID));
+        EXPECT_EQ(nLogged + c.bLogged, Logged());
     }
     ASSERT_TRUE(m_catalog.DeleteFile(12, 2));
     ZV_FileCatalog reread;
@@ -260,30 +249,28 @@ TEST_F(Catalog, AFailedSaveKeepsTheFileWholeSaysSoAndTheNextSaveCarriesTheRow)
     EXPECT_FALSE(Finds(reread, 12, 2));
 }
 
-// A catalogue whose file could not be opened or read at start holds no rows
-// in memory; its saves fail and leave every row on disk where it was.
+// A catalogue that could not be opened or read at start fails its saves and leaves every row on disk.
 TEST_F(Catalog, ACatalogueThatCouldNotBeReadIsNeverWrittenOver)
 {
     struct { const char* szName; QB_EnvOp op; } aCases[] = {{"open fails", QB_EnvOp::Open}, {"read fails", QB_EnvOp::Read}};
     SaveFirstThree();
     for (const auto& c : aCases)
     {
-        const size_t nLogged = QB_CountInFiles(m_home.Sub("log"), "ZV_FileCatalog::Flush failed.");
+        SCOPED_TRACE(c.szName);
+        const size_t nLogged = Logged();
         ZV_FileCatalog unread;
         m_env.FailAt(c.op, 1);
-        EXPECT_EQ(zvCatalogNotOpened, unread.Open()) << c.szName;
+        EXPECT_EQ(zvCatalogNotOpened, unread.Open());
         m_env.ClearFaults();
-        EXPECT_FALSE(unread.SaveFile(12, Record(50))) << c.szName;
-        EXPECT_FALSE(unread.DeleteFile(12, 1)) << c.szName;
-        EXPECT_EQ(nLogged + 2, QB_CountInFiles(m_home.Sub("log"), "ZV_FileCatalog::Flush failed.")) << c.szName;
+        EXPECT_FALSE(unread.SaveFile(12, Record(50)) || unread.DeleteFile(12, 1));
+        EXPECT_EQ(nLogged + 2, Logged());
         ZV_FileCatalog reread;
-        ExpectFirstThree(Opened(reread), c.szName);
-        EXPECT_FALSE(Finds(reread, 12, 50)) << c.szName;
+        ExpectFirstThree(Opened(reread));
+        EXPECT_FALSE(Finds(reread, 12, 50));
     }
 }
 
-// A batch adds rows without a look-up, so a pair may stand in two rows: the
-// row found is the first in the walk, as a fresh catalogue finds it.
+// A batch adds rows without a look-up: of a repeated pair the first in the walk is found, as after a reread.
 TEST_F(Catalog, FindsTheFirstRowOfARepeatedPairInTheWalkAlsoRightAfterABatchAddedIt)
 {
     Opened(m_catalog).SaveFile(5, Record(1, "row0"));
@@ -300,5 +287,5 @@ TEST_F(Catalog, FindsTheFirstRowOfARepeatedPairInTheWalkAlsoRightAfterABatchAdde
                   Utf8(QB_StringW(Loaded(m_catalog, 5, 1).m_sFileNewName))) << "after row" << i;
     }
     ZV_FileCatalog fresh;
-    EXPECT_EQ(7, RowsOf(Opened(fresh), 5)) << "each batch reached the disk";
+    EXPECT_EQ(7, RowsOf(Opened(fresh), 5).GetSize()) << "each batch reached the disk";
 }

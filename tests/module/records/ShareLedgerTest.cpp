@@ -1,5 +1,4 @@
-// The client's record of what its user shared: it must outlive the run, hold
-// the file only as it was shared, and shrug off a damaged file.
+// The client's record of what its user shared: it outlives the run, holds a file only as shared, shrugs off damage.
 #include "QB_FaultEnv.h"
 #include "QB_TestSupport.h"
 #include "records/ZV_ShareLedger.h"
@@ -10,22 +9,24 @@
 
 #include <chrono>
 #include <filesystem>
-#include <string>
 
 namespace {
 
 const ZV_LocalFileMark kMark{5, 9};
 
-ZV_FileBriefInfo Shared(const char* pszName = "report.pdf")
+ZV_FileBriefInfo Shared(const char* pszName = "report.pdf", int nSecond = 5)
 {
     ZV_FileBriefInfo brief;
-    brief.SetFilePath(QB_StringU8("C:\\Users\\ann\\"));
-    brief.SetFileOldName(QB_StringU8(pszName));
-    brief.SetFileLenth(40000);
+    brief.SetFilePath(QB_StringU8("C:\\Users\\ann\\")), brief.SetFileOldName(QB_StringU8(pszName));
     QB_DateTimeEx dt;
-    dt.SetDateTime(2026, 11, 23, 21, 0, 5, 0);
-    brief.SetModifyTime(dt);
+    dt.SetDateTime(2026, 11, 23, 21, 0, nSecond, 0);
+    brief.SetFileLenth(40000), brief.SetModifyTime(dt);
     return brief;
+}
+
+void Backdate(const std::string& sPath, int nHours)
+{
+    std::filesystem::last_write_time(sPath, std::filesystem::last_write_time(sPath) - std::chrono::hours(nHours));
 }
 
 class ShareLedger : public ::testing::Test
@@ -54,11 +55,8 @@ TEST_F(ShareLedger, HoldsAFileSharedInAnEarlierRunOnlyAsItWasSharedInItsConferen
         m_env.Crash();
     }
     m_env.Restart();
-    ZV_FileBriefInfo grown = Shared(), touched = Shared(), moved = Shared();
+    ZV_FileBriefInfo grown = Shared(), touched = Shared("report.pdf", 6), moved = Shared();
     grown.SetFileLenth(0xFFFFFFFFu);
-    QB_DateTimeEx dt;
-    dt.SetDateTime(2026, 11, 23, 21, 0, 6, 0);
-    touched.SetModifyTime(dt);
     moved.SetFilePath(QB_StringU8("C:\\Users\\ann\\x\\..\\"));
     struct { const char* szName; uint32_t ulConfID; ZV_FileBriefInfo brief; bool bHeld; } aCases[] = {
         {"as shared", 7, Shared(), true},
@@ -115,9 +113,7 @@ TEST_F(ShareLedger, ADamagedRecordCountsAsEmptyAndAFailedSaveHoldsForThisRunOnly
     EXPECT_EQ(1u, QB_CountInFiles(m_home.Sub("log"), "ZV_ShareLedger::Load failed.\r\n"));
 }
 
-// A row of the old form kept only 16 bits of its conference: it is dropped
-// once, and the file is written again without it. A withdrawn share goes
-// and stays gone; the others stay.
+// A row of the old form (16 bits of its conference) is dropped once for good; a withdrawn share stays gone.
 TEST_F(ShareLedger, DropsRowsOfHalfAConferenceNumberAndForgetsAWithdrawnShare)
 {
     const std::string sLedger = m_home.Sub("fsshared.ini");
@@ -147,17 +143,10 @@ TEST_F(ShareLedger, DropsRowsOfHalfAConferenceNumberAndForgetsAWithdrawnShare)
     EXPECT_TRUE(later.Holds(7, Shared("keep.pdf")));
 }
 
-// The open file must be the one shared: the same device and file number,
-// length and last-write second. A file put in its place with the same
-// length and time is another file.
+// The open file must be the one shared: same device and file number, length and last-write second.
 TEST_F(ShareLedger, HoldsAnOpenFileOnlyWhileItIsTheVeryFileShared)
 {
-    struct Case
-    {
-        const char* szName;
-        void (*fnChange)(const std::string& sPath);
-        bool bHeld;
-    };
+    struct Case { const char* szName; void (*fnChange)(const std::string& sPath); bool bHeld; };
     const Case aCases[] = {
         {"as shared", [](const std::string&) {}, true},
         {"another file in its place",
@@ -169,32 +158,26 @@ TEST_F(ShareLedger, HoldsAnOpenFileOnlyWhileItIsTheVeryFileShared)
          },
          false},
         {"grown", [](const std::string& sPath) { QB_WriteWholeFile(sPath, "abcdef"); }, false},
-        {"touched",
-         [](const std::string& sPath) {
-             std::filesystem::last_write_time(sPath, std::filesystem::last_write_time(sPath) - std::chrono::hours(2));
-         },
-         false},
+        {"touched", [](const std::string& sPath) { Backdate(sPath, 2); }, false},
     };
     for (const Case& c : aCases)
     {
         SCOPED_TRACE(c.szName);
         const std::string sPath = m_home.Sub("shared.txt");
         QB_WriteWholeFile(sPath, "abcde");
-        std::filesystem::last_write_time(sPath, std::filesystem::last_write_time(sPath) - std::chrono::hours(1));
+        Backdate(sPath, 1);
         const QB_StringW sWide(QB_StringA(sPath.c_str()));
-        ZV_FileBriefInfo brief;
         QB_FileEx file;
         ASSERT_TRUE(file.Open(QB_WithBackslashes(sWide.GetString()), QB_FILE_READ | QB_FILE_OPEN_EXISTING));
         const QB_StringW sFull = file.GetPath();
+        ZV_FileBriefInfo brief;
         brief.SetFilePath(QB_StringU8(sFull.Left(sFull.ReverseFind(u'\\') + 1)));
-        brief.SetFileOldName(QB_StringU8(file.GetFileName()));
-        brief.SetFileLenth((uint32_t)file.GetLength());
+        brief.SetFileOldName(QB_StringU8(file.GetFileName())), brief.SetFileLenth((uint32_t)file.GetLength());
         QB_SystemTime stWrite;
         QB_DateTimeEx dtWrite;
-        ASSERT_TRUE(file.GetTimes(nullptr, &stWrite, nullptr) && dtWrite.SetFromSystemTime(stWrite));
-        brief.SetModifyTime(dtWrite);
         ZV_LocalFileMark mark;
-        ASSERT_TRUE(ZV_ShareLedger::MarkOf(file, mark));
+        ASSERT_TRUE(file.GetTimes(nullptr, &stWrite, nullptr) && dtWrite.SetFromSystemTime(stWrite) &&
+                    brief.SetModifyTime(dtWrite) && ZV_ShareLedger::MarkOf(file, mark));
         file.Close();
         ZV_ShareLedger ledger;
         ASSERT_TRUE(ledger.Remember(7, brief, mark));

@@ -42,10 +42,7 @@ uint32_t FailureOf(const std::function<void()>& fn)
 }
 
 template <typename TRecord>
-std::string Saved(const TRecord& record)
-{
-    return Written([&](QB_ByteStream& s) { record.Save(s); });
-}
+std::string Saved(const TRecord& record) { return Written([&](QB_ByteStream& s) { record.Save(s); }); }
 
 // Loads into a fresh record, which must take every byte, and saves it again.
 template <typename TRecord>
@@ -68,9 +65,7 @@ QB_DateTimeEx Raw(int32_t nDate, int32_t nTime)
 ZV_FileBriefInfo FullBrief()
 {
     ZV_FileBriefInfo b;
-    QB_Array<QB_UserID> arrRight;
-    arrRight.Add(QB_UserID(12345, 0));
-    arrRight.Add(QB_UserID(90001, 15));
+    const QB_Array<QB_UserID> arrRight = ZV_Users({QB_UserID(12345, 0), QB_UserID(90001, 15)});
     EXPECT_TRUE(b.SetCreatorID(QB_UserID(90001, 15)) && b.SetCreatorName("Ann") && b.SetFilePath("C:\\d\\") &&
                 b.SetFileOldName("a.txt") && b.SetFileType("txt") && b.SetFileLenth(0x01020304) &&
                 b.SetShareTime(Raw(734577, 265080000)) &&  // 2011-03-16 07:21:48
@@ -85,17 +80,11 @@ const std::string kFullBrief = "fd 1f 91 5f 01 00 0f 00 00 00 03 41 6e 6e 05 43 
                                "03 74 78 74 04 03 02 01 71 35 0b 00 c0 cc cc 0f c9 96 0a 00 10 27 00 00 03 00 "
                                "02 39 30 00 00 00 00 00 00 91 5f 01 00 0f 00 00 00 01";
 
-ZV_FileBriefInfo LengthOnlyBrief()
-{
-    ZV_FileBriefInfo b;
-    b.SetFileLenth(5);
-    return b;
-}
-
 ZV_FileUploadInfo FullUpload()
 {
+    ZV_FileBriefInfo b;
     ZV_FileUploadInfo u;
-    EXPECT_TRUE(u.SetFileID(7) && u.SetFileNewName("a(1).txt") && u.SetBriefInfo(LengthOnlyBrief()) &&
+    EXPECT_TRUE(b.SetFileLenth(5) && u.SetFileID(7) && u.SetFileNewName("a(1).txt") && u.SetBriefInfo(b) &&
                 u.SetFileWritePos(5));
     return u;
 }
@@ -193,23 +182,21 @@ TEST(DelimitedRecord, RefusesALengthOutsideItsViewBeforeReadingAnyField)
 {
     for (const char* pszLength : {"00 00 00 00", "03 00 00 00", "07 00 00 00", "ff ff ff 7f", "00 00 00 80", "ff ff ff ff"})
     {
+        SCOPED_TRACE(pszLength);
         ZV_FileBriefInfo brief = FullBrief();
         Bytes bytes = ZV_FromHex(std::string(pszLength) + " 01 00");
         QB_ByteStream stream(bytes.data(), (int32_t)bytes.size());
-        EXPECT_EQ(FailureOf([&] { LoadDelimited(stream, brief); }), QB_STREAM_LOAD_FAILURE) << pszLength;
+        EXPECT_EQ(FailureOf([&] { LoadDelimited(stream, brief); }), QB_STREAM_LOAD_FAILURE);
         EXPECT_EQ(stream.GetPos(), 0) << "back at the element's start";
         EXPECT_EQ(Saved(brief), kFullBrief) << "nothing was loaded";
     }
 }
 
-// Two descriptions name the same file when name, folder, type, length,
-// creator and both times agree; the times as the catalogue writes them,
-// fraction of a second included.
+// Descriptions name the same file when name, folder, type, length, creator and both times (to the fraction) agree.
 TEST(ShareRecords, DescriptionsNameTheSameFileOnlyWhenEveryIdentifyingFieldAgrees)
 {
     ZV_FileBriefInfo fraction = FullBrief();
-    fraction.SetShareTime(Raw(734577, 265080005));
-    fraction.SetModifyTime(Raw(734577, 265080007));
+    fraction.SetShareTime(Raw(734577, 265080005)), fraction.SetModifyTime(Raw(734577, 265080007));
     const struct { const char* pszName; std::function<void(ZV_FileBriefInfo&)> fnChange; bool bSame; } aCases[] = {
         {"a copy", [](ZV_FileBriefInfo&) {}, true},
         {"another state and public flag", [](ZV_FileBriefInfo& b) { b.SetFileState(0), b.SetPublic(false); }, true},
@@ -223,7 +210,6 @@ TEST(ShareRecords, DescriptionsNameTheSameFileOnlyWhenEveryIdentifyingFieldAgree
     {
         ZV_FileBriefInfo other = fraction;
         c.fnChange(other);
-        EXPECT_EQ(c.bSame, fraction.IsSameFile(other)) << c.pszName;
-        EXPECT_EQ(c.bSame, other.IsSameFile(fraction)) << c.pszName;
+        EXPECT_TRUE(c.bSame == fraction.IsSameFile(other) && c.bSame == other.IsSameFile(fraction)) << c.pszName;
     }
 }

@@ -1,6 +1,5 @@
-// Every payload the module writes or reads, as exact bytes: one table per
-// header of payloads. Each row saves a known value to its bytes, loads them
-// back, and fails on every cut of them.
+// Every payload the module writes or reads, as exact bytes, one table per
+// header: each row saves, loads back and fails on every cut.
 #include "add/ZV_AddPdu.h"
 #include "control/ZV_ControlPdu.h"
 #include "delete/ZV_DeletePdu.h"
@@ -24,11 +23,7 @@ using Bytes = std::vector<uint8_t>;
 
 namespace {
 
-struct Row
-{
-    const char* pszName;
-    std::function<void()> fnCheck;
-};
+struct Row { const char* pszName; std::function<void()> fnCheck; };
 
 template <typename T>
 Row Case(const char* pszName, const T& value, const Bytes& expected)
@@ -71,10 +66,7 @@ template <typename T>
 T Answer(uint32_t ulResult = zvResultNotEntitled)
 {
     T value;
-    value.usRouteID = 0x0107;
-    value.ulResult = ulResult;
-    value.usFileID = 0x0107;
-    value.user = kUser;
+    value.usRouteID = value.usFileID = 0x0107, value.ulResult = ulResult, value.user = kUser;
     return value;
 }
 std::string AnswerHex(const char* pszResult = "28 00 00 00 ")
@@ -87,9 +79,7 @@ template <typename T>
 T Request()
 {
     T value;
-    value.usFileID = 0x0107;
-    value.user = kUser;
-    value.ulFloodSeq = 0x0a0b0c0d;
+    value.usFileID = 0x0107, value.user = kUser, value.ulFloodSeq = 0x0a0b0c0d;
     return value;
 }
 const std::string kRequestHex = std::string("07 01 ") + kUserHex + "0d 0c 0b 0a ";
@@ -105,15 +95,12 @@ ZV_FileDownloadInfo RecordOf7()
 }
 const char* const kRecordHex = "08 00 00 00 05 00 07 00 ";
 
-// A payload of a block whose length field says ulLen and whose data has
-// that many bytes.
+// A block payload whose length field says ulLen and whose data has that many bytes.
 template <typename T>
 bool LoadsBlockOf(T block, uint32_t ulLen)
 {
-    block.pData = nullptr;
     Bytes data(ulLen, 0x5a);
-    block.ulLen = ulLen;
-    block.pData = data.data();
+    block.ulLen = ulLen, block.pData = data.data();
     const Bytes payload = ZV_SavePayload(block);
     QB_ByteStream stream(payload.data(), (int32_t)payload.size());
     T loaded;
@@ -126,17 +113,11 @@ TEST(PduCodec, AddPayloadsAreTheirExactBytes)
 {
     ZV_AddRequest ask{{0xFFFF, kUser, 0x0a0b0c0d}, ZV_FileBriefInfo(), 1};
     ZV_AddFilesRequest files;
-    files.user = kUser;
-    files.ulFloodSeq = 0x0a0b0c0d;
-    files.arrFileID.Add(0x0107);
-    files.arrInfo.Add(ZV_FileBriefInfo());
-    files.bLast = 0;
+    files.user = kUser, files.ulFloodSeq = 0x0a0b0c0d, files.bLast = 0;
+    files.arrFileID.Add(0x0107), files.arrInfo.Add(ZV_FileBriefInfo());
     ZV_AddFilesResponse added;
-    added.user = kUser;
-    added.bStartUpload = 1;
-    added.arrFileID.Add(0x0107);
-    added.arrPos.Add(0x8000);
-    added.arrInfo.Add(ZV_FileBriefInfo());
+    added.user = kUser, added.bStartUpload = 1;
+    added.arrFileID.Add(0x0107), added.arrPos.Add(0x8000), added.arrInfo.Add(ZV_FileBriefInfo());
     Walk({
         Case("8001 with no FileID yet", ask, std::string("ff ff ") + kUserHex + "0d 0c 0b 0a 06 00 00 00 01 00 01"),
         Case("8002", ZV_AddResponse{Answer<ZV_AnswerHead>(zvResultOk), 0x8000}, AnswerHex("00 00 00 00 ") + "00 80 00 00 06 00 00 00 01 00 00"),
@@ -144,8 +125,7 @@ TEST(PduCodec, AddPayloadsAreTheirExactBytes)
         Case("8056", added, std::string("00 00 00 00 ") + kUserHex + "01 01 07 01 01 00 80 00 00 01 06 00 00 00 01 00 01"),
     });
 
-    // The FileID and flood number the first server gives go over a client's
-    // 8001 as it came; the rest of it stays byte for byte.
+    // The first server writes its FileID and flood number over a client's 8001, the rest stays as it came.
     std::vector<uint8_t> vbPayload = ZV_FromHex(std::string("ff ff ") + kUserHex + "00 00 00 00 06 00 00 00 01 00 01");
     ask.usFileID = 0x0107;
     ask.SaveHeadOver(vbPayload);
@@ -190,10 +170,7 @@ TEST(PduCodec, ControlPayloadsAreTheirExactBytes)
 {
     const ZV_ProgressRequest progress{{0x0107, kUser, 0x8000}, 1};
     ZV_FileStateNotice notice;
-    notice.arrFileID.Add(0x0107);
-    notice.arrFileID.Add(0x0108);
-    notice.usState = zvFileStateComplete;
-    notice.bUpload = 1;
+    notice.arrFileID.Add(0x0107), notice.arrFileID.Add(0x0108), notice.usState = zvFileStateComplete, notice.bUpload = 1;
     Walk({
         Case("8016", ZV_StopDownloadAsk{kAsk, 1}, kRequestHex + "01"),
         Case("8017", ZV_StopUploadAsk{{kAsk, 1}, 0x8000}, kRequestHex + "01 00 80 00 00"),
@@ -210,26 +187,15 @@ TEST(PduCodec, DeleteEntryAndRightsPayloadsAreTheirExactBytes)
 {
     const ZV_EntryRequest entry{0x0203, kBen, 0x100};
     ZV_SetRightRequest rights;
-    rights.head = entry;
-    rights.bPublic = 0;
-    rights.arrAdd = ZV_Users({kAnn, kBen});
-    rights.arrRemove = ZV_Users({kBen});
-    // A success carries the empty description, delimited, and the position;
-    // a refusal ends behind the user.
+    rights.head = entry, rights.bPublic = 0, rights.arrAdd = ZV_Users({kAnn, kBen}), rights.arrRemove = ZV_Users({kBen});
+    // A success carries the empty description, delimited, and the position; a refusal ends behind the user.
     const ZV_SetRightResponse granted{0, 0x0005, kAnn, ZV_FileBriefInfo(), 10000};
     const ZV_SetRightResponse refused{40, 0x0005, kAnn, ZV_FileBriefInfo(), 10000};
     ZV_SetFilesRightRequest batch;
-    batch.arrFileID.Add(5);
-    batch.arrFileID.Add(0x0102);
-    batch.user = kAnn;
-    batch.ulFloodSeq = 9;
-    batch.bPublic = 1;
-    batch.arrAdd = ZV_Users({kBen});
+    batch.arrFileID.Add(5), batch.arrFileID.Add(0x0102);
+    batch.user = kAnn, batch.ulFloodSeq = 9, batch.bPublic = 1, batch.arrAdd = ZV_Users({kBen});
     ZV_SetFilesRightRefusal batchRefused;
-    batchRefused.arrFileID.Add(5);
-    batchRefused.ulResult = 82;
-    batchRefused.user = kAnn;
-    batchRefused.ulFloodSeq = 9;
+    batchRefused.arrFileID.Add(5), batchRefused.ulResult = 82, batchRefused.user = kAnn, batchRefused.ulFloodSeq = 9;
     const Bytes kEntryHead = Join({{0x03, 0x02}, kBenBytes, {0x00, 0x01, 0x00, 0x00}});
     Walk({
         Case("8008", ZV_DelUploadRequest{0x0102, kAnn, 0x0A0B0C0D}, Join({{0x02, 0x01}, kAnnBytes, {0x0D, 0x0C, 0x0B, 0x0A}})),
@@ -249,42 +215,24 @@ TEST(PduCodec, DeleteEntryAndRightsPayloadsAreTheirExactBytes)
 TEST(PduCodec, ListPayloadsAreTheirExactBytes)
 {
     ZV_ListRequest ask;
-    ask.usFileID = 0x0102;
-    ask.user = kAnn;
+    ask.usFileID = 0x0102, ask.user = kAnn;
     ZV_FileUploadInfo info;
-    info.SetFileID(0x0304);
-    info.SetFileWritePos(0x0A0B0C0D);
-    ZV_UploadListResponse upload;
-    upload.usRouteID = 0x0102;
-    upload.usFileID = 0x0102;
-    upload.user = kAnn;
-    upload.arrInfo.Add(info);
-    upload.arrMaxPos.Add(0x11121314);
-    upload.bLast = 1;
-    ZV_UploadListResponse refusal;
-    refusal.usRouteID = 0x0102;
-    refusal.ulResult = 40;
+    info.SetFileID(0x0304), info.SetFileWritePos(0x0A0B0C0D);
+    ZV_UploadListResponse upload, refusal;
+    upload.usRouteID = upload.usFileID = 0x0102, upload.user = kAnn, upload.bLast = 1;
+    upload.arrInfo.Add(info), upload.arrMaxPos.Add(0x11121314);
+    refusal.usRouteID = 0x0102, refusal.ulResult = 40;
     ZV_FileDownloadInfo record;
-    record.SetFileID(0x0304);
-    record.SetState(2);
+    record.SetFileID(0x0304), record.SetState(2);
     ZV_DownloadListResponse download;
-    download.user = kAnn;
-    download.arrInfo.Add(record);
-    download.arrModify.Add(true);
+    download.user = kAnn, download.arrInfo.Add(record), download.arrModify.Add(true);
     ZV_FileListRequest servers;
     servers.requester = kAnn;
-    ZV_FileListResponse files;
-    files.sender = kAnn;
-    files.arrInfo.Add(info);
-    files.arrState.Add(true);
-    files.arrMaxPos.Add(0x11121314);
-    ZV_FileListResponse records;
-    records.sender = kAnn;
-    records.bUploadList = 0;
-    records.arrDownload.Add(record);
-    // The upload record: its length word, the 1-byte mask of bits 0 and 3,
-    // FileID, write position. The download record: the 2-byte mask of bits
-    // 0 and 10, FileID, state.
+    ZV_FileListResponse files, records;
+    files.sender = records.sender = kAnn, records.bUploadList = 0, records.arrDownload.Add(record);
+    files.arrInfo.Add(info), files.arrState.Add(true), files.arrMaxPos.Add(0x11121314);
+    // Upload record: length word, 1-byte mask of bits 0 and 3, FileID, write position.
+    // Download record: 2-byte mask of bits 0 and 10, FileID, state.
     const Bytes kUploadRecord = {0x01, 0x0B, 0, 0, 0, 0x24, 0x04, 0x03, 0x0D, 0x0C, 0x0B, 0x0A};
     const Bytes kDownloadRecord = {0x01, 0x0A, 0, 0, 0, 0x05, 0x10, 0x04, 0x03, 0x02, 0x00};
     Walk({
@@ -294,9 +242,7 @@ TEST(PduCodec, ListPayloadsAreTheirExactBytes)
         Case("8028 refusal", refusal, Bytes{0x02, 0x01, 40, 0, 0, 0}),
         Case("8030", download, Join({{0, 0, 0, 0}, kAnnBytes, kDownloadRecord, {0x01, 0x01}})),
         Case("8031", servers, kAnnBytes),
-        // A server's files: result, sender, the flag 1, the records, one flag
-        // and one position each; its download records: the flag 0 and the
-        // records alone.
+        // Files: result, sender, flag 1, records, a flag and a position each; download records: flag 0, records.
         Case("8032 files", files, Join({{0, 0, 0, 0}, kAnnBytes, {0x01}, kUploadRecord, {0x01, 0x01},
                                         {0x01, 0x14, 0x13, 0x12, 0x11}})),
         Case("8032 records", records, Join({{0, 0, 0, 0}, kAnnBytes, {0x00}, kDownloadRecord})),
@@ -315,21 +261,17 @@ TEST(PduCodec, ListPayloadsAreTheirExactBytes)
     std::vector<Bytes> vecPdu;
     ZV_CutList(ZV_UploadListResponse::kHeadSize, 0, [](int) { return 0u; }, [&](int, int, bool bLast) {
         ZV_UploadListResponse part;
-        part.usRouteID = part.usFileID = 0;
-        part.bLast = bLast ? 1 : 0;
+        part.usRouteID = part.usFileID = 0, part.bLast = bLast ? 1 : 0;
         vecPdu.push_back(ZV_SavePayload(part));
     });
     ASSERT_EQ(1u, vecPdu.size());
     EXPECT_EQ(Join({Bytes(16, 0), {0x00, 0x00, 0x01}}), vecPdu[0]);
 }
 
-// What the cut counts for each entry: the mask word as 6 and a user as 12,
-// each text with its count form, so a counted list always fits its PDU.
+// The cut counts the mask word as 6, a user as 12, each text with its count form: a counted list always fits.
 TEST(PduCodec, ListEntriesAreCountedFieldByFieldAndNeverBelowTheirBytes)
 {
-    QB_Array<QB_UserID> arrRight;
-    arrRight.Add(kAnn);
-    arrRight.Add(kAnn);
+    QB_Array<QB_UserID> arrRight = ZV_Users({kAnn, kAnn});
     ZV_FileBriefInfo full, longName, noRight, length;
     full.SetCreatorID(kAnn), full.SetCreatorName("Ann"), full.SetFilePath("C:\\d\\"), full.SetFileOldName("a.txt");
     full.SetFileType("txt"), full.SetFileLenth(9), full.SetShareTime(QB_DateTimeEx());
@@ -347,8 +289,7 @@ TEST(PduCodec, ListEntriesAreCountedFieldByFieldAndNeverBelowTheirBytes)
     length.SetFileLenth(5);
     ZV_FileUploadInfo upload;
     upload.SetFileID(7), upload.SetFileNewName("a(1).txt"), upload.SetBriefInfo(length), upload.SetFileWritePos(5);
-    // 5, 2, 1+8, 6+4, 4; then the position in 8028, the flag and the
-    // position in 8032.
+    // 5, 2, 1+8, 6+4, 4; then the position in 8028, the flag and the position in 8032.
     EXPECT_EQ(34u, ZV_UploadListEntrySize(upload));
     EXPECT_EQ(35u, ZV_FileListEntrySize(upload));
     EXPECT_LE(ZV_SavePayload(upload).size() + 4, 34u);
