@@ -43,9 +43,7 @@ TEST(AddFile, ClientSendsItsRequestWithTheFileInWindowsFormAndRefusesTheAnswerOn
 
     ASSERT_EQ(1u, node.host.m_vecSent.size());
     const ZV_SentPdu& sent = node.host.m_vecSent[0];
-    EXPECT_EQ("link", sent.sRoute);
-    EXPECT_EQ(11u, sent.ulConn);
-    EXPECT_EQ(PDU_CONF_FS_ADD_REQUEST, sent.usPdu);
+    EXPECT_TRUE(sent.sRoute == "link" && sent.ulConn == 11u && sent.usPdu == PDU_CONF_FS_ADD_REQUEST);
     EXPECT_EQ((Bytes{0xff, 0xff, 0x11, 0x27, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}), Head(sent.data, 14));
     EXPECT_EQ(1, sent.data.back());
     const auto ask = ZV_Parse<ZV_AddRequest>(sent.data);
@@ -62,10 +60,7 @@ TEST(AddFile, ClientSendsItsRequestWithTheFileInWindowsFormAndRefusesTheAnswerOn
     // uploaded: the answer is refused with 60, logged, and nothing goes out.
     fs::remove(sPath);
     node.host.m_vecSent.clear();
-    ZV_AddResponse answer;
-    answer.usRouteID = answer.usFileID = 3;
-    answer.user = ask.user;
-    answer.brief = ask.brief;
+    ZV_AddResponse answer{{{3, 0, 3}, ask.user}, 0, ask.brief};
     answer.bStartUpload = 1;
     EXPECT_EQ(60u, node.Deliver(PDU_CONF_FS_ADD_RESPONSE, zvConfClientTypeCommand, ZV_SavePayload(answer)));
     EXPECT_EQ(1u, QB_CountInFiles(node.tmp.Sub("log"), "ZV_FileShareMgr.HandleAddResponse ret = 60"));
@@ -79,15 +74,13 @@ TEST(AddFile, ServerAnswersAllClientsAndFloodsTheFinalFileIDAndFloodNumber)
     ASSERT_EQ(0u, node.mgr.Initialize());
     ASSERT_EQ(0u, node.Deliver(PDU_CONF_FS_ADD_REQUEST, zvConfClientTypeCommand, AddRequest(0xFFFF, "a.txt")));
 
-    const auto vecFlood = node.host.SentOf(PDU_CONF_FS_ADD_REQUEST);
-    ASSERT_EQ(1u, vecFlood.size());
-    EXPECT_EQ("servers", vecFlood[0].sRoute);
-    EXPECT_EQ((Bytes{0x07, 0, 0x01, 0, 0x11, 0x27, 0, 0, 0, 0, 0, 0, 0x64, 0, 0, 0}), Head(vecFlood[0].data, 16));
-    const auto vecAnswer = node.host.SentOf(PDU_CONF_FS_ADD_RESPONSE);
-    ASSERT_EQ(1u, vecAnswer.size());
-    EXPECT_EQ("group", vecAnswer[0].sRoute);
-    EXPECT_EQ((Bytes{0x01, 0, 0, 0, 0, 0, 0x01, 0, 0x11, 0x27, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}),
-              Head(vecAnswer[0].data, 20));
+    ASSERT_EQ(2u, node.host.m_vecSent.size());
+    const ZV_SentPdu& flood = node.host.m_vecSent[0];
+    const ZV_SentPdu& answer = node.host.m_vecSent[1];
+    EXPECT_TRUE(flood.usPdu == PDU_CONF_FS_ADD_REQUEST && flood.sRoute == "servers");
+    EXPECT_EQ((Bytes{0x07, 0, 0x01, 0, 0x11, 0x27, 0, 0, 0, 0, 0, 0, 0x64, 0, 0, 0}), Head(flood.data, 16));
+    EXPECT_TRUE(answer.usPdu == PDU_CONF_FS_ADD_RESPONSE && answer.sRoute == "group");
+    EXPECT_EQ((Bytes{0x01, 0, 0, 0, 0, 0, 0x01, 0, 0x11, 0x27, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}), Head(answer.data, 20));
     EXPECT_TRUE(fs::exists(node.tmp.Sub("store/7/a.txt")));
 }
 

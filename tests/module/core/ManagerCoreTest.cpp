@@ -4,7 +4,7 @@
 #include "core/ZV_ManagerRegistry.h"
 #include "ZV_FileShareMgrPeer.h"
 #include "core/ZV_FileShareSession.h"
-#include "ZV_RecordingHost.h"
+#include "ZV_RecordingNode.h"
 #include "ZV_ResultText.h"
 
 #include <gtest/gtest.h>
@@ -145,6 +145,49 @@ TEST(UserCalls, WithoutAHostUserAndHostCallsGive32AndOnAReservedFileIDGive83)
     for (const auto& [szName, fnCall] : aCalls)
         EXPECT_EQ(zvResultReservedFile, fnCall()) << szName;
     EXPECT_TRUE(host.m_vecSent.empty());
+}
+
+// A FileID known nowhere gives 82 (dropping a download never known is no
+// failure); with the command link down each call that needs the server gives
+// 16, except FsUpload, whose start marker waits for the link, and a look-up.
+TEST(UserCalls, AnUnknownFileGives82AndWithoutACommandLinkEachCallThatNeedsTheServerGives16)
+{
+    ZV_RecordingNode node(false);
+    ZV_FileShareMgr& mgr = node.mgr;
+    QB_WriteWholeFile(node.tmp.Sub("mine.bin"), "abc");
+    ZV_FileBriefInfo brief = ZV_Brief(node.host.m_LocalUser, "mine.bin", 3, false);
+    brief.SetFilePath(node.tmp.SubW(""));
+    ZV_AdoptFile(mgr, 6, "", brief, "mine.bin");
+    ZV_FileShareMgrPeer::Ledger(mgr).Remember(node.host.m_ulConfID, brief, {});
+    const QB_StringW sPath = node.tmp.SubW("mine.bin"), sTarget = node.tmp.SubW("got.bin");
+    const QB_StringW sFolder = node.tmp.PathW().Left(node.tmp.PathW().GetLength() - 1);
+    const char16_t* apNames[] = {u"mine.bin"};
+    ZV_FsFileInfo info{};
+    const uint32_t kAdd = 0xFFFFFFFF;  // an add names no FileID
+    const struct { const char* szName; std::function<uint32_t(uint16_t)> fn; uint32_t ulUnknown, ulUnlinked; } aCalls[] = {
+        {"FsAdd", [&](uint16_t) { return mgr.FsAdd(sPath.GetString(), nullptr, 0, 1, 0); }, kAdd, 16},
+        {"FsFilesAdd", [&](uint16_t) { return mgr.FsFilesAdd(sFolder.GetString(), apNames, 1, nullptr, 0, 1, 0); }, kAdd, 16},
+        {"FsDownload", [&](uint16_t usID) { return mgr.FsDownload(usID, sTarget.GetString()); }, 82, 16},
+        {"FsStopDownload", [&](uint16_t usID) { return mgr.FsStopDownload(usID); }, 82, 16},
+        {"FsResumeDownload", [&](uint16_t usID) { return mgr.FsResumeDownload(usID); }, 82, 16},
+        {"FsStopUpload", [&](uint16_t usID) { return mgr.FsStopUpload(usID); }, 82, 16},
+        {"FsResumeUpload", [&](uint16_t usID) { return mgr.FsResumeUpload(usID); }, 82, 16},
+        {"FsUpload", [&](uint16_t usID) { return mgr.FsUpload(usID); }, 82, 0},
+        {"FsSetRight", [&](uint16_t usID) { return mgr.FsSetRight(usID, 1, nullptr, 0, nullptr, 0); }, 82, 16},
+        {"FsSetFilesRight", [&](uint16_t usID) { return mgr.FsSetFilesRight(&usID, 1, 1, nullptr, 0, nullptr, 0); }, 82, 16},
+        {"FsDelDownload", [&](uint16_t usID) { return mgr.FsDelDownload(usID, 0); }, 0, 16},
+        {"FsDelUpload", [&](uint16_t usID) { return mgr.FsDelUpload(usID); }, 82, 16},
+        {"FsGetFileInfoByFileID", [&](uint16_t usID) { return mgr.FsGetFileInfoByFileID(usID, &info); }, 82, 0},
+    };
+    for (const auto& call : aCalls)
+        if (call.ulUnknown != kAdd)
+            EXPECT_EQ(call.ulUnknown, call.fn(0x4321)) << call.szName;
+    EXPECT_TRUE(node.host.m_vecSent.empty());
+    node.host.m_ulCmdConn = zvConnNone;
+    for (const auto& call : aCalls)
+        EXPECT_EQ(call.ulUnlinked, call.fn(6)) << call.szName;
+    for (const ZV_SentPdu& sent : node.host.m_vecSent)
+        EXPECT_TRUE(sent.usPdu == PDU_CONF_FS_UPLOAD_REQUEST || sent.usPdu == PDU_CONF_FS_KICK) << sent.usPdu;
 }
 
 TEST(Exports, MakeAManagerOnlyForTheExactInterfaceNameAndHandItsUserSideForTypeFour)
