@@ -335,12 +335,11 @@ TEST(AddFile, ABatchWhoseFolderCannotBeMadeIsRefusedWith60AndGoesNoFurther)
         ask.arrInfo.Add(ZV_Brief(ask.user, "a.txt", 0, false));
         node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, c.usConnType, ZV_SavePayload(ask));
         ASSERT_EQ(1u, node.host.m_vecSent.size()) << c.szRoute;
-        EXPECT_EQ(c.szRoute, node.host.m_vecSent[0].sRoute);
-        const auto vecAnswer = ZV_SentAs<ZV_AddFilesResponse>(node.host, PDU_CONF_FS_ADD_FILES_RESPONSE);
-        ASSERT_EQ(1u, vecAnswer.size()) << c.szRoute;
-        EXPECT_EQ(zvResultCannotOpen, vecAnswer[0].ulResult);
-        ASSERT_EQ(1, vecAnswer[0].arrFileID.GetSize());
-        EXPECT_EQ(c.usFileID, vecAnswer[0].arrFileID[0]);
+        EXPECT_TRUE(node.host.m_vecSent[0].sRoute == c.szRoute &&
+                    node.host.m_vecSent[0].usPdu == PDU_CONF_FS_ADD_FILES_RESPONSE) << c.szRoute;
+        const auto answer = ZV_Parse<ZV_AddFilesResponse>(node.host.m_vecSent[0].data);
+        EXPECT_EQ(zvResultCannotOpen, answer.ulResult);
+        EXPECT_TRUE(answer.arrFileID.GetSize() == 1 && answer.arrFileID[0] == c.usFileID);
         EXPECT_EQ(0, ZV_FileShareMgrPeer::Sessions(node.mgr).GetCount());
     }
 }

@@ -107,8 +107,8 @@ TEST_F(Upload, FsUploadStartsThePumpWhichSendsThreeBlocksPerCallUntilTheSharedLe
         ASSERT_EQ(0u, FsUpload(5));
         ASSERT_EQ(2u, host.m_vecSent.size());
         EXPECT_TRUE(host.m_vecSent[0].usPdu == PDU_CONF_FS_KICK && host.m_vecSent[0].ulConn == 12);
-        EXPECT_EQ(11u, host.m_vecSent[1].ulConn);
-        EXPECT_EQ(Pdu().U16(5).User(kAlice).U32(0).U8(1).b, host.m_vecSent[1].data) << "the start marker";
+        EXPECT_EQ(std::make_pair(11u, Pdu().U16(5).User(kAlice).U32(0).U8(1).b), ZV_OnlySent(host, PDU_CONF_FS_UPLOAD_REQUEST))
+            << "the start marker";
         // 3008 with 0.0 percent, whose eight bytes are all zero.
         EXPECT_EQ(Pdu().U16(zvFsEventUploadProgress).U32(0).U16(5).U32(0).U32(0).b, ZV_Joined(host.m_vecEvents));
 
@@ -191,8 +191,7 @@ TEST_F(Upload, ServerTakesTheStartMarkerThenWritesOnlyAtItsWritePositionAsksOnce
     EXPECT_EQ(0u, Deliver(PDU_CONF_FS_UPLOAD_REQUEST, Pdu().U16(5).User(kAlice).U32(100).U8(1).b, QB_UserID(2, 0)));
     EXPECT_EQ(zvFileStateUploading, Row().m_usFileState);
     ASSERT_EQ(1u, host.m_vecSent.size()) << "the start marker goes on to the servers once";
-    EXPECT_EQ(Pdu().U16(7).U16(5).User(kAlice).U32(100).U8(1).b, host.m_vecSent[0].data);
-    EXPECT_EQ("servers", host.m_vecSent[0].sRoute);
+    EXPECT_TRUE(Pdu().U16(7).U16(5).User(kAlice).U32(100).U8(1).b == host.m_vecSent[0].data && host.m_vecSent[0].sRoute == "servers");
 
     struct { const char* szName; uint32_t ulPos; uint32_t ulWritePos; size_t nAnswers; } aSteps[] = {
         {"first", 0, 32768, 0}, {"duplicate", 0, 32768, 0}, {"gap", 65536, 32768, 1},
@@ -286,8 +285,7 @@ TEST_F(Upload, StateNoticeRaisesOneTransferStateEventPerFileAndIgnoresATruncated
     EXPECT_EQ(0u, Deliver(PDU_CONF_FS_FILE_STATE_NOTICE, Pdu().U8(2).U16(5).U16(300).U16(4).U8(1).b));
     EXPECT_EQ(5u, Deliver(PDU_CONF_FS_FILE_STATE_NOTICE, Pdu().U8(2).U16(5).U16(300).U16(4).b));
     // FileID 300 names no file this client holds: no word of it.
-    ASSERT_EQ(1u, host.m_vecEvents.size());
-    EXPECT_EQ(Pdu().U16(zvFsEventTransferState).U32(0).U8(1).U16(5).U16(4).b, host.m_vecEvents[0].data);
+    EXPECT_EQ(Pdu().U16(zvFsEventTransferState).U32(0).U8(1).U16(5).U16(4).b, ZV_Joined(host.m_vecEvents));
 }
 
 // The server's list wins, except where the creator's own client is ahead of
