@@ -19,7 +19,6 @@ struct AddScene : public ZV_Scene
             setNames.insert(entry.path().filename().string());
         return setNames;
     }
-    size_t StoredCount() const { return StoredNames().size(); }
     // Alice's local files of one byte each, shared as one batch.
     void ShareBatch(const std::vector<std::string>& vecNames)
     {
@@ -58,7 +57,7 @@ TEST_F(AddScene, RefusesWithTheRightCodeAndCreatesNothing)
     Share("a.txt", {1}, false);
     EXPECT_EQ(zvResultNoFileID, LastAddResult(Alice()));
     EXPECT_EQ(1u, Events(Bob(), zvFsEventFileAdded).size()) << "a refusal goes to the requester alone";
-    EXPECT_EQ(1u, StoredCount());
+    EXPECT_EQ(1u, StoredNames().size());
 
     ZV_SimUser alice = Alice()->GetUserRecord();
     alice.bCanShare = false;
