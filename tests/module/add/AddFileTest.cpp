@@ -6,6 +6,7 @@
 #include "QB_FaultEnv.h"
 
 #include <filesystem>
+#include <set>
 
 namespace fs = std::filesystem;
 
@@ -110,7 +111,7 @@ TEST(AddFile, KeepsEveryHostileNameInsideTheConferenceFolder)
     ASSERT_EQ(0u, node.mgr.Initialize());
     const QB_StringU8 aNames[] = {"..\\..\\evil.txt", "../../evil.txt", "C:\\evil.txt", "", "..", ".", " ",
                                   "a/b\\c:d", QB_StringU8(std::string(1024, 'x').c_str()),
-                                  QB_StringU8((std::string(1000, 'y') + "/../z.doc").c_str())};
+                                  QB_StringU8((std::string(1000, 'y') + "/../z.doc").c_str()), "report.doc", "report.doc"};
     uint16_t usFileID = 1;
     for (const QB_StringU8& sName : aNames)
         ASSERT_EQ(0u, node.Deliver(PDU_CONF_FS_ADD_REQUEST, zvConfServerTypeCommand, AddRequest(usFileID++, sName)));
@@ -126,6 +127,7 @@ TEST(AddFile, KeepsEveryHostileNameInsideTheConferenceFolder)
         ++nStored;
     }
     EXPECT_EQ(std::size(aNames), nStored);
+    EXPECT_TRUE(fs::exists(node.tmp.Sub("store/7/report(1).doc"))) << "a name already stored is counted";
     // The shared name travels on as the user gave it.
     const auto vecAnswer = node.host.SentOf(PDU_CONF_FS_ADD_RESPONSE);
     ASSERT_EQ(std::size(aNames), vecAnswer.size());
@@ -313,6 +315,35 @@ TEST(AddFile, ABatchAnswerIsCutBeforeTheDescriptionThatWouldFillTheBuffer)
     }
 }
 
+
+// With a range that runs out the server walks the batch from its last file:
+// f4, f3 and f2 take the range; the first files are refused with 40 to the
+// asker alone, naming no FileIDs.
+TEST(AddFile, ARangeThatRunsOutInABatchRefusesTheFirstFilesWith40AndKeepsTheLast)
+{
+    Node node(true);
+    node.host.m_usFileIDMax = 3;
+    ASSERT_EQ(0u, node.mgr.Initialize());
+    ZV_AddFilesRequest ask;
+    ask.user = node.host.m_LocalUser;
+    ask.bLast = 1;
+    for (int i = 0; i < 5; ++i)
+    {
+        ask.arrFileID.Add(ZV_NO_FILEID);
+        ask.arrInfo.Add(ZV_Brief(ask.user, ("f" + std::to_string(i) + ".txt").c_str(), 1));
+    }
+    node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, zvConfClientTypeCommand, ZV_SavePayload(ask));
+    const auto vecSent = node.host.SentOf(PDU_CONF_FS_ADD_FILES_RESPONSE);
+    ASSERT_EQ(2u, vecSent.size());
+    const auto refused = ZV_Parse<ZV_AddFilesResponse>(vecSent[0].data);
+    const auto taken = ZV_Parse<ZV_AddFilesResponse>(vecSent[1].data);
+    EXPECT_TRUE(vecSent[0].sRoute == "link" && refused.ulResult == zvResultNotEntitled && refused.arrFileID.IsEmpty());
+    EXPECT_TRUE(taken.ulResult == zvResultOk && taken.arrFileID.GetSize() == 3);
+    std::set<std::string> setStored;
+    for (const auto& entry : fs::directory_iterator(node.tmp.Sub("store/7")))
+        setStored.insert(entry.path().filename().string());
+    EXPECT_EQ((std::set<std::string>{"f2.txt", "f3.txt", "f4.txt"}), setStored);
+}
 
 // A client's batch is refused to the asker, a linked server's to every client
 // with the FileIDs it gave; neither goes further.
