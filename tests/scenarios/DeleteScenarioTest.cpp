@@ -1,5 +1,5 @@
-// Deletes: who may delete, the codes the others hear;
-// a user drops a download of his own.
+// Deletes: who may delete, the codes the others hear; a user drops a
+// download of his own.
 #include "ZV_SceneFixture.h"
 
 #include <filesystem>
@@ -82,19 +82,4 @@ TEST_F(DeleteScene, DroppingADownloadEndsItOnTheServerAndDeletesTheLocalFileOnly
     EXPECT_EQ(data, QB_ReadWholeFile(sTarget));
     EXPECT_EQ(0u, Fs(Bob())->FsDelDownload(usFileID, 0));
     EXPECT_EQ(data, QB_ReadWholeFile(sTarget));
-}
-
-// The creator's "download" of her own file is the file she uploads: dropping
-// it leaves the upload alone.
-TEST_F(DeleteScene, DroppingTheDownloadOfOnesOwnFileLeavesItsUploadAlone)
-{
-    Build(false);
-    const ZV_Bytes data = ZV_RandomBytes(600000, 10);
-    StartShare("mine.bin", data);
-    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_UPLOAD_REQUEST, shape.Server(), 3));
-    const uint16_t usFileID = AddedFileID(Alice(), 0);
-    ASSERT_EQ(0u, Fs(Alice())->FsDelDownload(usFileID, 0));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    EXPECT_EQ(data, StoredBytes(shape.Server(), usFileID));
-    EXPECT_TRUE(Events(Alice(), zvFsEventTransferError).empty());
 }

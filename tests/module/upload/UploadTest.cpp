@@ -151,6 +151,18 @@ TEST_F(Upload, FsUploadRefusesUnknownAndReservedFilesAndSendsTheStartMarkerEvenW
     EXPECT_EQ(1u, host.m_vecSent.size());
 }
 
+// Her "download" of her own file is the file she uploads: dropping it leaves
+// the upload running.
+TEST_F(Upload, DroppingTheDownloadOfHerOwnFileLeavesItsUploadAlone)
+{
+    Make(false, 98305);
+    ASSERT_EQ(0u, FsUpload(5));
+    ASSERT_EQ(0u, static_cast<IZV_FileShareMgr&>(mgr).FsDelDownload(5, 0));
+    EXPECT_EQ(3u, OnSend().size());
+    EXPECT_EQ(1u, OnSend().size());
+    EXPECT_TRUE(host.m_vecEvents.size() == 1 && ClientLog().empty()) << "no error, only the start's progress";
+}
+
 TEST_F(Upload, ClientThatCannotReadItsFileFailsAndSaysSoUnlessTheServerHoldsItAll)
 {
     struct { const char* szName; QB_EnvOp eFault; int nNth; size_t nShrunkTo; uint32_t ulMaxPos; uint32_t ulReadPos;
