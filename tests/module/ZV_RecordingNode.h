@@ -75,6 +75,15 @@ inline std::vector<std::vector<uint8_t>> ZV_SentData(const ZV_RecordingHost& hos
     return vec;
 }
 
+// The one PDU of a kind the host sent: its connection and payload, or
+// {zvConnNone, {}} unless exactly one went.
+inline std::pair<uint32_t, std::vector<uint8_t>> ZV_OnlySent(const ZV_RecordingHost& host, uint16_t usPdu)
+{
+    const auto vec = host.SentOf(usPdu);
+    return vec.size() == 1 ? std::make_pair(vec[0].ulConn, vec[0].data)
+                           : std::make_pair((uint32_t)zvConnNone, std::vector<uint8_t>());
+}
+
 // Every PDU of a kind the host sent, read back as a T past nSkip bytes.
 template <class T>
 std::vector<T> ZV_SentAs(const ZV_RecordingHost& host, uint16_t usPdu, int nSkip = 0)

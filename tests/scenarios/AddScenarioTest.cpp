@@ -1,42 +1,11 @@
-// Sharing files: stored names, refusals, which FileID is given.
+// Sharing files: refusals, which FileID is given.
 #include "ZV_FileShareMgrPeer.h"
 #include "ZV_SceneFixture.h"
-#include "add/ZV_AddPdu.h"
-#include "wire/ZV_RecordStream.h"
-
-#include <algorithm>
-#include <set>
 
 namespace {
 
 struct AddScene : public ZV_Scene
 {
-    std::string Store() const { return shape.Server()->GetHome() + "store/100/"; }
-    std::set<std::string> StoredNames() const
-    {
-        std::set<std::string> setNames;
-        for (const auto& entry : std::filesystem::directory_iterator(Store()))
-            setNames.insert(entry.path().filename().string());
-        return setNames;
-    }
-    size_t StoredCount() const { return StoredNames().size(); }
-    // Alice's local files of one byte each, shared as one batch.
-    void ShareBatch(const std::vector<std::string>& vecNames)
-    {
-        std::vector<std::u16string> vecWide;
-        std::vector<const char16_t*> vecPtr;
-        std::filesystem::create_directories(tmp.Sub("alice"));
-        for (const auto& sName : vecNames)
-        {
-            QB_WriteWholeFile(tmp.Sub("alice/" + sName), ZV_Bytes{1});
-            vecWide.push_back(ZV_Wide(sName));
-        }
-        for (const auto& sWide : vecWide)
-            vecPtr.push_back(sWide.c_str());
-        ASSERT_EQ(0u, Fs(Alice())->FsFilesAdd(ZV_Wide(tmp.Sub("alice")).c_str(), vecPtr.data(),
-                                              (uint32_t)vecPtr.size(), nullptr, 0, 1, 0));
-        ASSERT_TRUE(sim.Run()) << sim.GetError();
-    }
     uint32_t LastAddResult(ZV_SimHost* lpClient) { return ZV_ResultOf(Events(lpClient, zvFsEventFileAdded).back()); }
 };
 
@@ -58,7 +27,7 @@ TEST_F(AddScene, RefusesWithTheRightCodeAndCreatesNothing)
     Share("a.txt", {1}, false);
     EXPECT_EQ(zvResultNoFileID, LastAddResult(Alice()));
     EXPECT_EQ(1u, Events(Bob(), zvFsEventFileAdded).size()) << "a refusal goes to the requester alone";
-    EXPECT_EQ(1u, StoredCount());
+    EXPECT_EQ(1u, StoreCount(shape.Server()));
 
     ZV_SimUser alice = Alice()->GetUserRecord();
     alice.bCanShare = false;
@@ -68,49 +37,6 @@ TEST_F(AddScene, RefusesWithTheRightCodeAndCreatesNothing)
 
     sim.GetUsers(ZV_SimBuilder::kConfID).Remove(alice.id);
     EXPECT_EQ(zvResultNotInConf, Fs(Alice())->FsAdd(ZV_Wide(tmp.Sub("alice/a.txt")).c_str(), nullptr, 0, 1, 0));
-}
-
-TEST_F(AddScene, StoresTwoFilesOfTheSameNameApartWhileEveryoneSeesTheSharedName)
-{
-    Build();
-    Share("report.doc", {1, 2}, false);
-    Share("report.doc", {1, 2}, false);
-    EXPECT_EQ((std::set<std::string>{"report.doc", "report(1).doc"}), StoredNames());
-    for (ZV_SimHost* lpClient : shape.vecClients)
-    {
-        const auto vecAdded = Events(lpClient, zvFsEventFileAdded);
-        ASSERT_EQ(2u, vecAdded.size()) << lpClient->GetName();
-        EXPECT_EQ(2u, ZV_FileIDOf(vecAdded[1]));
-        QB_ByteStream stream(vecAdded[1].vbData.data() + 8, (int32_t)vecAdded[1].vbData.size() - 8);
-        ZV_FileBriefInfo brief;
-        LoadDelimited(stream, brief);
-        EXPECT_EQ(QB_StringU8("report.doc"), brief.m_sFileOldName);
-        // Shared by its Linux path, the record still names the same local file.
-        EXPECT_TRUE(brief.IsSameLocalFile()) << lpClient->GetName();
-    }
-    ZV_FileUploadInfo row;
-    ASSERT_TRUE(Row(shape.Server(), 2, row));
-    EXPECT_EQ(QB_StringU8("report(1).doc"), row.m_sFileNewName);
-}
-
-TEST_F(AddScene, ARangeThatRunsOutInABatchRefusesTheFirstFilesWith40AndKeepsTheLast)
-{
-    sim.SetFileIDRange(1, 1, 3);
-    Build();
-    ShareBatch({"f0.txt", "f1.txt", "f2.txt", "f3.txt", "f4.txt"});
-    // The server walks from the last file: f4, f3, f2 take the range.
-    const auto vecToAlice = sim.Journal().PdusTo(PDU_CONF_FS_ADD_FILES_RESPONSE, Alice()->GetName());
-    ASSERT_EQ(2u, vecToAlice.size());
-    for (size_t i = 0; i < 2; ++i)
-    {
-        QB_ByteStream stream(vecToAlice[i].vbData.data(), (int32_t)vecToAlice[i].vbData.size());
-        EXPECT_EQ(i == 0 ? zvResultNotEntitled : zvResultOk, stream.ReadU32()) << i;
-        stream.Skip(9);
-        QB_Array<uint16_t> arrFileID;
-        LoadU16Array(stream, arrFileID);
-        EXPECT_EQ(i == 0 ? 0 : 3, arrFileID.GetSize()) << "a refusal names no FileIDs";
-    }
-    EXPECT_EQ((std::set<std::string>{"f2.txt", "f3.txt", "f4.txt"}), StoredNames());
 }
 
 // A FileID still catalogued, or deleted (the delete may have to reach a

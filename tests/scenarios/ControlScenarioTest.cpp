@@ -1,31 +1,10 @@
-// What a user side is told of transfers: the states of each server's copy
-// (3011) in order, and whether its client is busy (3012).
+// What a user side is told of transfers: whether its client is busy (3012),
+// and uploads asked again after they ended.
 #include "ZV_SceneFixture.h"
 
 #include <algorithm>
 
-struct ControlScene : public ZV_Scene
-{
-    // The states of uploads a user was told of with event 3011, in order.
-    std::vector<int> ToldUploadStates(ZV_SimHost* lpClient)
-    {
-        std::vector<int> vecState;
-        for (const auto& event : Events(lpClient, zvFsEventTransferState))
-            if (event.vbData.at(6) == 1)
-                vecState.push_back(event.vbData.at(9) | event.vbData.at(10) << 8);
-        return vecState;
-    }
-};
-
-TEST_F(ControlScene, EveryServerTellsItsClientsWhenItsCopyOfAFileBeginsAndIsWhole)
-{
-    Build(true);
-    Share("relayed.bin", ZV_RandomBytes(100000, 7));
-    ASSERT_TRUE(sim.AdvanceTime(30000)) << sim.GetError();
-    for (ZV_SimHost* lpClient : {Bob(), shape.Client(2)})
-        EXPECT_EQ(std::vector<int>({zvFileStateUploading, zvFileStateComplete}), ToldUploadStates(lpClient))
-            << lpClient->GetName();
-}
+using ControlScene = ZV_Scene;
 
 // A client is busy (3012 with 1) while a transfer runs or a download stands
 // stopped, idle (0) once none does.

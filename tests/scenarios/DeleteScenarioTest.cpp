@@ -1,41 +1,27 @@
-// Deletes: who may delete, the codes the others hear, a delete taken once;
-// a user drops a download of his own.
+// Deletes: who may delete, the codes the others hear; a user drops a
+// download of his own.
 #include "ZV_SceneFixture.h"
 
 #include <filesystem>
 
-namespace {
-
-struct DeleteScene : public ZV_Scene
-{
-    // The stored file of usFileID on a server, "" when its row has gone.
-    std::string StoredPath(ZV_SimHost* lpServer, uint16_t usFileID)
-    {
-        ZV_FileUploadInfo row;
-        return Row(lpServer, usFileID, row) ? Stored(lpServer, row) : std::string();
-    }
-};
-
-bool Exists(const std::string& sPath)
-{
-    return std::filesystem::exists(sPath);
-}
-
-} // namespace
+using DeleteScene = ZV_Scene;
+using std::filesystem::exists;
 
 // A refused delete reaches only the requester, as 3005 with its code.
 TEST_F(DeleteScene, RefusedAndRepeatedDeletesAnswerOnlyTheRequesterWithTheirCode)
 {
     Build(false);
     const uint16_t usFileID = Share("kept.bin", ZV_RandomBytes(70000, 13));
-    const std::string sStored = StoredPath(shape.Server(), usFileID);
+    ZV_FileUploadInfo row;
+    ASSERT_TRUE(Row(shape.Server(), usFileID, row));
+    const std::string sStored = Stored(shape.Server(), row);
 
     // Bob is neither creator nor privileged.
     EXPECT_EQ(0u, Fs(Bob())->FsDelUpload(usFileID));
     ASSERT_TRUE(sim.Run()) << sim.GetError();
     EXPECT_EQ(40u, LastResult(Bob(), zvFsEventFileGone));
     EXPECT_TRUE(Events(Alice(), zvFsEventFileGone).empty());
-    EXPECT_TRUE(Exists(sStored) && Knows(Bob(), usFileID));
+    EXPECT_TRUE(exists(sStored) && Knows(Bob(), usFileID));
 
     const ZV_SimUser alice = *sim.GetUsers(ZV_SimBuilder::kConfID).Find(Alice()->GetUserID());
     ASSERT_TRUE(sim.GetUsers(ZV_SimBuilder::kConfID).Remove(alice.id));
@@ -43,7 +29,7 @@ TEST_F(DeleteScene, RefusedAndRepeatedDeletesAnswerOnlyTheRequesterWithTheirCode
     ASSERT_TRUE(sim.Run()) << sim.GetError();
     EXPECT_EQ(33u, LastResult(Alice(), zvFsEventFileGone));
     EXPECT_EQ(1u, Events(Bob(), zvFsEventFileGone).size());
-    EXPECT_TRUE(Exists(sStored));
+    EXPECT_TRUE(exists(sStored));
     sim.GetUsers(ZV_SimBuilder::kConfID).Put(alice);
 
     // Bob, now privileged, and Alice ask at once: Bob's goes first.
@@ -51,7 +37,7 @@ TEST_F(DeleteScene, RefusedAndRepeatedDeletesAnswerOnlyTheRequesterWithTheirCode
     EXPECT_EQ(0u, Fs(Bob())->FsDelUpload(usFileID));
     EXPECT_EQ(0u, Fs(Alice())->FsDelUpload(usFileID));
     ASSERT_TRUE(sim.Run()) << sim.GetError();
-    EXPECT_FALSE(Exists(sStored));
+    EXPECT_FALSE(exists(sStored));
     EXPECT_EQ(0u, LastResult(Bob(), zvFsEventFileGone));
     const auto vecAlice = Events(Alice(), zvFsEventFileGone);
     ASSERT_EQ(3u, vecAlice.size());
@@ -75,11 +61,11 @@ TEST_F(DeleteScene, DroppingADownloadEndsItOnTheServerAndDeletesTheLocalFileOnly
     sim.GetEnv().FailAt(QB_EnvOp::Delete, 1);
     EXPECT_EQ(62u, Fs(Bob())->FsDelDownload(usFileID, 1));
     sim.GetEnv().ClearFaults();
-    EXPECT_TRUE(Exists(sTarget));
+    EXPECT_TRUE(exists(sTarget));
     const size_t nMark = sim.Journal().Size();
     EXPECT_EQ(0u, Fs(Bob())->FsDelDownload(usFileID, 1));
     ASSERT_TRUE(sim.AdvanceTime(1000)) << sim.GetError();
-    EXPECT_FALSE(Exists(sTarget));
+    EXPECT_FALSE(exists(sTarget));
     ZV_SimFilter filter{.usNumber = PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, .sPeer = Bob()->GetName(),
                         .eFate = ZV_SimFate::Delivered, .nFrom = nMark};
     EXPECT_LE(sim.Journal().Find(filter).size(), 3u) << "at most the blocks already under way";
@@ -96,52 +82,4 @@ TEST_F(DeleteScene, DroppingADownloadEndsItOnTheServerAndDeletesTheLocalFileOnly
     EXPECT_EQ(data, QB_ReadWholeFile(sTarget));
     EXPECT_EQ(0u, Fs(Bob())->FsDelDownload(usFileID, 0));
     EXPECT_EQ(data, QB_ReadWholeFile(sTarget));
-}
-
-// The delete floods between the servers and back; each acts on it once, and
-// the same delete again, from a server or as an answer, changes nothing.
-TEST_F(DeleteScene, TheSameDeleteArrivingAgainIsTakenOnce)
-{
-    Build(true);
-    const uint16_t usFileID = Share("twice.bin", ZV_RandomBytes(40000, 14));
-    const size_t nFrom = sim.Journal().Size();
-    ASSERT_EQ(0u, Fs(Alice())->FsDelUpload(usFileID));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    const auto vecBack = Find({.usNumber = PDU_CONF_FS_DEL_UPLOAD_REQUEST, .sNode = shape.Server(1)->GetName(), .nFrom = nFrom});
-    ASSERT_EQ(1u, vecBack.size()) << "the second server passes it on, back to the first too";
-    const ZV_SimFilter answers{.usNumber = PDU_CONF_FS_DEL_UPLOAD_RESPONSE, .sPeer = Bob()->GetName(), .nFrom = nFrom};
-    const std::vector<ZV_SimEntry> vecAnswers = sim.Journal().Find(answers);
-    ASSERT_EQ(1u, vecAnswers.size());
-    for (int n = 0; n < 2; ++n)
-    {
-        const QB_Array<uint16_t>& arrDeleted = ZV_FileShareMgrPeer::DeletedFileIDs(*Manager(shape.Server((size_t)n)));
-        EXPECT_EQ(1, arrDeleted.GetSize()) << n;
-        EXPECT_EQ(0, arrDeleted.Find(usFileID)) << n;
-    }
-
-    const std::vector<uint8_t>& vbFlood = vecBack[0].vbData;
-    shape.Server(1)->SendPduToServers(zvConnNone, zvConfServerTypeCommand, PDU_CONF_FS_DEL_UPLOAD_REQUEST,
-                                      vbFlood.data(), (uint32_t)vbFlood.size(), 1, 1);
-    const std::vector<uint8_t>& vbAnswer = vecAnswers[0].vbData;
-    SendFromServer(Bob(), PDU_CONF_FS_DEL_UPLOAD_RESPONSE, vbAnswer.data(), (uint32_t)vbAnswer.size());
-    EXPECT_EQ(1u, Events(Bob(), zvFsEventFileGone).size());
-    const std::vector<ZV_SimEntry> vecReplayed = sim.Journal().Find(answers);
-    ASSERT_EQ(2u, vecReplayed.size()) << "the replayed answer reached Bob";
-    EXPECT_EQ(0u, vecReplayed[1].ulResult) << "and was taken as handled";
-    EXPECT_EQ(1, ZV_FileShareMgrPeer::DeletedFileIDs(*Manager(shape.Server())).GetSize());
-}
-
-// The creator's "download" of her own file is the file she uploads: dropping
-// it leaves the upload alone.
-TEST_F(DeleteScene, DroppingTheDownloadOfOnesOwnFileLeavesItsUploadAlone)
-{
-    Build(false);
-    const ZV_Bytes data = ZV_RandomBytes(600000, 10);
-    StartShare("mine.bin", data);
-    ASSERT_TRUE(StepUntilDelivered(PDU_CONF_FS_UPLOAD_REQUEST, shape.Server(), 3));
-    const uint16_t usFileID = AddedFileID(Alice(), 0);
-    ASSERT_EQ(0u, Fs(Alice())->FsDelDownload(usFileID, 0));
-    ASSERT_TRUE(sim.Run()) << sim.GetError();
-    EXPECT_EQ(data, StoredBytes(shape.Server(), usFileID));
-    EXPECT_TRUE(Events(Alice(), zvFsEventTransferError).empty());
 }

@@ -6,6 +6,7 @@
 #include "QB_FaultEnv.h"
 
 #include <filesystem>
+#include <set>
 
 namespace fs = std::filesystem;
 
@@ -43,9 +44,7 @@ TEST(AddFile, ClientSendsItsRequestWithTheFileInWindowsFormAndRefusesTheAnswerOn
 
     ASSERT_EQ(1u, node.host.m_vecSent.size());
     const ZV_SentPdu& sent = node.host.m_vecSent[0];
-    EXPECT_EQ("link", sent.sRoute);
-    EXPECT_EQ(11u, sent.ulConn);
-    EXPECT_EQ(PDU_CONF_FS_ADD_REQUEST, sent.usPdu);
+    EXPECT_TRUE(sent.sRoute == "link" && sent.ulConn == 11u && sent.usPdu == PDU_CONF_FS_ADD_REQUEST);
     EXPECT_EQ((Bytes{0xff, 0xff, 0x11, 0x27, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}), Head(sent.data, 14));
     EXPECT_EQ(1, sent.data.back());
     const auto ask = ZV_Parse<ZV_AddRequest>(sent.data);
@@ -62,10 +61,7 @@ TEST(AddFile, ClientSendsItsRequestWithTheFileInWindowsFormAndRefusesTheAnswerOn
     // uploaded: the answer is refused with 60, logged, and nothing goes out.
     fs::remove(sPath);
     node.host.m_vecSent.clear();
-    ZV_AddResponse answer;
-    answer.usRouteID = answer.usFileID = 3;
-    answer.user = ask.user;
-    answer.brief = ask.brief;
+    ZV_AddResponse answer{{{3, 0, 3}, ask.user}, 0, ask.brief};
     answer.bStartUpload = 1;
     EXPECT_EQ(60u, node.Deliver(PDU_CONF_FS_ADD_RESPONSE, zvConfClientTypeCommand, ZV_SavePayload(answer)));
     EXPECT_EQ(1u, QB_CountInFiles(node.tmp.Sub("log"), "ZV_FileShareMgr.HandleAddResponse ret = 60"));
@@ -79,15 +75,13 @@ TEST(AddFile, ServerAnswersAllClientsAndFloodsTheFinalFileIDAndFloodNumber)
     ASSERT_EQ(0u, node.mgr.Initialize());
     ASSERT_EQ(0u, node.Deliver(PDU_CONF_FS_ADD_REQUEST, zvConfClientTypeCommand, AddRequest(0xFFFF, "a.txt")));
 
-    const auto vecFlood = node.host.SentOf(PDU_CONF_FS_ADD_REQUEST);
-    ASSERT_EQ(1u, vecFlood.size());
-    EXPECT_EQ("servers", vecFlood[0].sRoute);
-    EXPECT_EQ((Bytes{0x07, 0, 0x01, 0, 0x11, 0x27, 0, 0, 0, 0, 0, 0, 0x64, 0, 0, 0}), Head(vecFlood[0].data, 16));
-    const auto vecAnswer = node.host.SentOf(PDU_CONF_FS_ADD_RESPONSE);
-    ASSERT_EQ(1u, vecAnswer.size());
-    EXPECT_EQ("group", vecAnswer[0].sRoute);
-    EXPECT_EQ((Bytes{0x01, 0, 0, 0, 0, 0, 0x01, 0, 0x11, 0x27, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}),
-              Head(vecAnswer[0].data, 20));
+    ASSERT_EQ(2u, node.host.m_vecSent.size());
+    const ZV_SentPdu& flood = node.host.m_vecSent[0];
+    const ZV_SentPdu& answer = node.host.m_vecSent[1];
+    EXPECT_TRUE(flood.usPdu == PDU_CONF_FS_ADD_REQUEST && flood.sRoute == "servers");
+    EXPECT_EQ((Bytes{0x07, 0, 0x01, 0, 0x11, 0x27, 0, 0, 0, 0, 0, 0, 0x64, 0, 0, 0}), Head(flood.data, 16));
+    EXPECT_TRUE(answer.usPdu == PDU_CONF_FS_ADD_RESPONSE && answer.sRoute == "group");
+    EXPECT_EQ((Bytes{0x01, 0, 0, 0, 0, 0, 0x01, 0, 0x11, 0x27, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}), Head(answer.data, 20));
     EXPECT_TRUE(fs::exists(node.tmp.Sub("store/7/a.txt")));
 }
 
@@ -117,7 +111,7 @@ TEST(AddFile, KeepsEveryHostileNameInsideTheConferenceFolder)
     ASSERT_EQ(0u, node.mgr.Initialize());
     const QB_StringU8 aNames[] = {"..\\..\\evil.txt", "../../evil.txt", "C:\\evil.txt", "", "..", ".", " ",
                                   "a/b\\c:d", QB_StringU8(std::string(1024, 'x').c_str()),
-                                  QB_StringU8((std::string(1000, 'y') + "/../z.doc").c_str())};
+                                  QB_StringU8((std::string(1000, 'y') + "/../z.doc").c_str()), "report.doc", "report.doc"};
     uint16_t usFileID = 1;
     for (const QB_StringU8& sName : aNames)
         ASSERT_EQ(0u, node.Deliver(PDU_CONF_FS_ADD_REQUEST, zvConfServerTypeCommand, AddRequest(usFileID++, sName)));
@@ -133,6 +127,7 @@ TEST(AddFile, KeepsEveryHostileNameInsideTheConferenceFolder)
         ++nStored;
     }
     EXPECT_EQ(std::size(aNames), nStored);
+    EXPECT_TRUE(fs::exists(node.tmp.Sub("store/7/report(1).doc"))) << "a name already stored is counted";
     // The shared name travels on as the user gave it.
     const auto vecAnswer = node.host.SentOf(PDU_CONF_FS_ADD_RESPONSE);
     ASSERT_EQ(std::size(aNames), vecAnswer.size());
@@ -321,6 +316,35 @@ TEST(AddFile, ABatchAnswerIsCutBeforeTheDescriptionThatWouldFillTheBuffer)
 }
 
 
+// With a range that runs out the server walks the batch from its last file:
+// f4, f3 and f2 take the range; the first files are refused with 40 to the
+// asker alone, naming no FileIDs.
+TEST(AddFile, ARangeThatRunsOutInABatchRefusesTheFirstFilesWith40AndKeepsTheLast)
+{
+    Node node(true);
+    node.host.m_usFileIDMax = 3;
+    ASSERT_EQ(0u, node.mgr.Initialize());
+    ZV_AddFilesRequest ask;
+    ask.user = node.host.m_LocalUser;
+    ask.bLast = 1;
+    for (int i = 0; i < 5; ++i)
+    {
+        ask.arrFileID.Add(ZV_NO_FILEID);
+        ask.arrInfo.Add(ZV_Brief(ask.user, ("f" + std::to_string(i) + ".txt").c_str(), 1));
+    }
+    node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, zvConfClientTypeCommand, ZV_SavePayload(ask));
+    const auto vecSent = node.host.SentOf(PDU_CONF_FS_ADD_FILES_RESPONSE);
+    ASSERT_EQ(2u, vecSent.size());
+    const auto refused = ZV_Parse<ZV_AddFilesResponse>(vecSent[0].data);
+    const auto taken = ZV_Parse<ZV_AddFilesResponse>(vecSent[1].data);
+    EXPECT_TRUE(vecSent[0].sRoute == "link" && refused.ulResult == zvResultNotEntitled && refused.arrFileID.IsEmpty());
+    EXPECT_TRUE(taken.ulResult == zvResultOk && taken.arrFileID.GetSize() == 3);
+    std::set<std::string> setStored;
+    for (const auto& entry : fs::directory_iterator(node.tmp.Sub("store/7")))
+        setStored.insert(entry.path().filename().string());
+    EXPECT_EQ((std::set<std::string>{"f2.txt", "f3.txt", "f4.txt"}), setStored);
+}
+
 // A client's batch is refused to the asker, a linked server's to every client
 // with the FileIDs it gave; neither goes further.
 TEST(AddFile, ABatchWhoseFolderCannotBeMadeIsRefusedWith60AndGoesNoFurther)
@@ -342,12 +366,11 @@ TEST(AddFile, ABatchWhoseFolderCannotBeMadeIsRefusedWith60AndGoesNoFurther)
         ask.arrInfo.Add(ZV_Brief(ask.user, "a.txt", 0, false));
         node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, c.usConnType, ZV_SavePayload(ask));
         ASSERT_EQ(1u, node.host.m_vecSent.size()) << c.szRoute;
-        EXPECT_EQ(c.szRoute, node.host.m_vecSent[0].sRoute);
-        const auto vecAnswer = ZV_SentAs<ZV_AddFilesResponse>(node.host, PDU_CONF_FS_ADD_FILES_RESPONSE);
-        ASSERT_EQ(1u, vecAnswer.size()) << c.szRoute;
-        EXPECT_EQ(zvResultCannotOpen, vecAnswer[0].ulResult);
-        ASSERT_EQ(1, vecAnswer[0].arrFileID.GetSize());
-        EXPECT_EQ(c.usFileID, vecAnswer[0].arrFileID[0]);
+        EXPECT_TRUE(node.host.m_vecSent[0].sRoute == c.szRoute &&
+                    node.host.m_vecSent[0].usPdu == PDU_CONF_FS_ADD_FILES_RESPONSE) << c.szRoute;
+        const auto answer = ZV_Parse<ZV_AddFilesResponse>(node.host.m_vecSent[0].data);
+        EXPECT_EQ(zvResultCannotOpen, answer.ulResult);
+        EXPECT_TRUE(answer.arrFileID.GetSize() == 1 && answer.arrFileID[0] == c.usFileID);
         EXPECT_EQ(0, ZV_FileShareMgrPeer::Sessions(node.mgr).GetCount());
     }
 }

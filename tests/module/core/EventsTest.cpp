@@ -4,6 +4,7 @@
 #include "lists/ZV_ListPdu.h"
 #include "rights/ZV_RightsPdu.h"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <tuple>
@@ -39,8 +40,7 @@ struct EventCase
 TEST(Events, AreWrittenByteForByteAsTheUserSideReadsThem)
 {
     const ZV_FileBriefInfo brief;
-    ZV_FileDownloadInfo download;
-    // Only the set fields travel; the state is bit 10 of the download record.
+    ZV_FileDownloadInfo download;  // only the state travels, as bit 10 of the record
     download.SetState(3);
     const Bytes kDownload = {8, 0, 0, 0, 0x01, 0x10, 3, 0};
 
@@ -215,19 +215,16 @@ TEST(Events, EachShareOfAFileFollowsItsRoadsFormulaForAThirdAndForAnEmptyFile)
             ZV_FileShareSessionPeer::MaxPos(*node.lpSession) = ulPos;
             ZV_FileShareSessionPeer::LocalDownload(*node.lpSession) = Download(node, ulLength, ulPos);
             row.raise(node, ulLength, ulPos);
-            const ZV_RaisedEvent* lpEvent = nullptr;
-            for (const ZV_RaisedEvent& event : node.host.m_vecEvents)
-                if (lpEvent == nullptr && event.usEvent == row.usEvent)
-                    lpEvent = &event;
-            ASSERT_NE(nullptr, lpEvent);
+            const auto it = std::find_if(node.host.m_vecEvents.begin(), node.host.m_vecEvents.end(),
+                                         [&](const ZV_RaisedEvent& event) { return event.usEvent == row.usEvent; });
+            ASSERT_NE(node.host.m_vecEvents.end(), it);
+            const ZV_RaisedEvent* lpEvent = &*it;
             ASSERT_GE(lpEvent->data.size(), row.nFromEnd + 8);
             const Bytes share(lpEvent->data.end() - (ptrdiff_t)(row.nFromEnd + 8),
                               lpEvent->data.end() - (ptrdiff_t)row.nFromEnd);
             double dShare = 0;
             std::memcpy(&dShare, share.data(), 8);
-            if (std::isnan(dExpected))
-                EXPECT_TRUE(std::isnan(dShare)) << dShare;
-            else
-                EXPECT_EQ(F64(dExpected), share) << dShare << " where " << dExpected << " was due";
+            EXPECT_TRUE(std::isnan(dExpected) ? std::isnan(dShare) : F64(dExpected) == share)
+                << dShare << " where " << dExpected << " was due";
         }
 }

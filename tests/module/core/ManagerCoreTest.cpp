@@ -4,10 +4,13 @@
 #include "core/ZV_ManagerRegistry.h"
 #include "ZV_FileShareMgrPeer.h"
 #include "core/ZV_FileShareSession.h"
-#include "ZV_RecordingHost.h"
+#include "ZV_RecordingNode.h"
 #include "ZV_ResultText.h"
 
 #include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
 
 namespace {
 
@@ -145,6 +148,90 @@ TEST(UserCalls, WithoutAHostUserAndHostCallsGive32AndOnAReservedFileIDGive83)
     for (const auto& [szName, fnCall] : aCalls)
         EXPECT_EQ(zvResultReservedFile, fnCall()) << szName;
     EXPECT_TRUE(host.m_vecSent.empty());
+}
+
+// A FileID known nowhere gives 82 (dropping a download never known is no
+// failure); with the command link down each call that needs the server gives
+// 16, except FsUpload, whose start marker waits for the link, and a look-up.
+TEST(UserCalls, AnUnknownFileGives82AndWithoutACommandLinkEachCallThatNeedsTheServerGives16)
+{
+    ZV_RecordingNode node(false);
+    ZV_FileShareMgr& mgr = node.mgr;
+    QB_WriteWholeFile(node.tmp.Sub("mine.bin"), "abc");
+    ZV_FileBriefInfo brief = ZV_Brief(node.host.m_LocalUser, "mine.bin", 3, false);
+    brief.SetFilePath(node.tmp.SubW(""));
+    ZV_AdoptFile(mgr, 6, "", brief, "mine.bin");
+    ZV_FileShareMgrPeer::Ledger(mgr).Remember(node.host.m_ulConfID, brief, {});
+    const QB_StringW sPath = node.tmp.SubW("mine.bin"), sTarget = node.tmp.SubW("got.bin");
+    const QB_StringW sFolder = node.tmp.PathW().Left(node.tmp.PathW().GetLength() - 1);
+    const char16_t* apNames[] = {u"mine.bin"};
+    ZV_FsFileInfo info{};
+    const uint32_t kAdd = 0xFFFFFFFF;  // an add names no FileID
+    const struct { const char* szName; std::function<uint32_t(uint16_t)> fn; uint32_t ulUnknown, ulUnlinked; } aCalls[] = {
+        {"FsAdd", [&](uint16_t) { return mgr.FsAdd(sPath.GetString(), nullptr, 0, 1, 0); }, kAdd, 16},
+        {"FsFilesAdd", [&](uint16_t) { return mgr.FsFilesAdd(sFolder.GetString(), apNames, 1, nullptr, 0, 1, 0); }, kAdd, 16},
+        {"FsDownload", [&](uint16_t usID) { return mgr.FsDownload(usID, sTarget.GetString()); }, 82, 16},
+        {"FsStopDownload", [&](uint16_t usID) { return mgr.FsStopDownload(usID); }, 82, 16},
+        {"FsResumeDownload", [&](uint16_t usID) { return mgr.FsResumeDownload(usID); }, 82, 16},
+        {"FsStopUpload", [&](uint16_t usID) { return mgr.FsStopUpload(usID); }, 82, 16},
+        {"FsResumeUpload", [&](uint16_t usID) { return mgr.FsResumeUpload(usID); }, 82, 16},
+        {"FsUpload", [&](uint16_t usID) { return mgr.FsUpload(usID); }, 82, 0},
+        {"FsSetRight", [&](uint16_t usID) { return mgr.FsSetRight(usID, 1, nullptr, 0, nullptr, 0); }, 82, 16},
+        {"FsSetFilesRight", [&](uint16_t usID) { return mgr.FsSetFilesRight(&usID, 1, 1, nullptr, 0, nullptr, 0); }, 82, 16},
+        {"FsDelDownload", [&](uint16_t usID) { return mgr.FsDelDownload(usID, 0); }, 0, 16},
+        {"FsDelUpload", [&](uint16_t usID) { return mgr.FsDelUpload(usID); }, 82, 16},
+        {"FsGetFileInfoByFileID", [&](uint16_t usID) { return mgr.FsGetFileInfoByFileID(usID, &info); }, 82, 0},
+    };
+    for (const auto& call : aCalls)
+        EXPECT_EQ(call.ulUnknown, call.ulUnknown == kAdd ? kAdd : call.fn(0x4321)) << call.szName;
+    EXPECT_TRUE(node.host.m_vecSent.empty());
+    node.host.m_ulCmdConn = zvConnNone;
+    for (const auto& call : aCalls)
+        EXPECT_EQ(call.ulUnlinked, call.fn(6)) << call.szName;
+    for (const ZV_SentPdu& sent : node.host.m_vecSent)
+        EXPECT_TRUE(sent.usPdu == PDU_CONF_FS_UPLOAD_REQUEST || sent.usPdu == PDU_CONF_FS_KICK) << sent.usPdu;
+}
+
+// A file is described as announced; an unknown one leaves the record alone.
+// A server may announce texts of up to 1024 bytes, while the fields hold 256
+// and 260 units with their NUL: a longer text is cut at a whole character.
+TEST(UserCalls, DescribeAKnownFileAndCutATextLongerThanItsFieldAtAWholeCharacterInsideIt)
+{
+    ZV_RecordingNode node(false);
+    auto Field = [](const char16_t* szField, size_t nSize) {
+        const char16_t* pEnd = std::char_traits<char16_t>::find(szField, nSize, u'\0');
+        return pEnd == nullptr ? std::u16string(szField, nSize) + u"<no NUL>" : std::u16string(szField, pEnd);
+    };
+    const QB_UserID bob(10002, 0);
+    const std::u16string sPair = u"\U0001F600";
+    const struct { const char* szName; std::u16string sCreator; std::u16string sExpected; } aCases[] = {
+        {"a short name", u"Bob", u"Bob"},
+        {"fills the field", std::u16string(255, u'n'), std::u16string(255, u'n')},
+        {"one unit over", std::u16string(256, u'n'), std::u16string(255, u'n')},
+        {"a pair across the end", std::u16string(254, u'n') + sPair, std::u16string(254, u'n')},
+        {"a pair that just fits", std::u16string(253, u'n') + sPair, std::u16string(253, u'n') + sPair},
+        {"far over", std::u16string(500, u'n'), std::u16string(255, u'n')},
+    };
+    uint16_t usFileID = 800;
+    for (const auto& c : aCases)
+    {
+        ++usFileID;
+        ZV_AddResponse answer{{{usFileID, 0, usFileID}, bob}, 0, ZV_Brief(bob, "report.pdf", 4321)};
+        answer.brief.SetFileType(QB_StringU8("pdf"));
+        answer.brief.SetCreatorName(QB_StringU8(QB_StringW(c.sCreator.c_str())));
+        answer.brief.SetFilePath(QB_StringU8("C:\\after\\"));
+        node.Deliver(PDU_CONF_FS_ADD_RESPONSE, zvConfClientTypeCommand, ZV_SavePayload(answer));
+        ZV_FsFileInfo info;
+        std::memset(&info, 0xEE, sizeof info);
+        ASSERT_EQ(0u, node.mgr.FsGetFileInfoByFileID(usFileID, &info)) << c.szName;
+        EXPECT_TRUE(Field(info.szCreatorName, 256) == c.sExpected) << c.szName;
+        EXPECT_TRUE(Field(info.szFilePath, 260) == u"C:\\after\\" && Field(info.szFileOldName, 260) == u"report.pdf" &&
+                    Field(info.szFileType, 260) == u"pdf") << c.szName;
+        EXPECT_TRUE(QB_UserID(info.ulCreatorMain, info.ulCreatorSub) == bob && info.ulFileLenth == 4321u);
+        ZV_FsFileInfo other = info;
+        EXPECT_EQ(82u, node.mgr.FsGetFileInfoByFileID(999, &other));
+        EXPECT_EQ(0, std::memcmp(&info, &other, sizeof other));
+    }
 }
 
 TEST(Exports, MakeAManagerOnlyForTheExactInterfaceNameAndHandItsUserSideForTypeFour)
