@@ -1,5 +1,4 @@
-// Flood bookkeeping, and the host events that come with users joining and
-// leaving.
+// Flood bookkeeping, and the host events that come with users joining and leaving.
 #include "ZV_SimFakeModule.h"
 
 #include <gtest/gtest.h>
@@ -12,12 +11,9 @@ TEST(SimFlood, AnswersFalseOnlyTheFirstTimeAServerIsAskedAboutAnOriginAndSequenc
     ZV_SimShape shape = sim.TwoLinkedServers(0);
     const QB_UserID idAlice(10001, 0), idBob(10002, 0);
     const struct { const char* szName; int nServer; const QB_UserID* lpOrigin; uint32_t ulSeq; bool bSeen; } aRows[] = {
-        {"first request", 0, &idAlice, 5, false},
-        {"the same request again", 0, &idAlice, 5, true},
-        {"the other server has not seen it", 1, &idAlice, 5, false},
-        {"another sequence", 0, &idAlice, 6, false},
-        {"another origin", 0, &idBob, 5, false},
-        {"no origin", 0, nullptr, 5, false},
+        {"first request", 0, &idAlice, 5, false}, {"the same request again", 0, &idAlice, 5, true},
+        {"the other server has not seen it", 1, &idAlice, 5, false}, {"another sequence", 0, &idAlice, 6, false},
+        {"another origin", 0, &idBob, 5, false}, {"no origin", 0, nullptr, 5, false},
     };
     for (const auto& row : aRows)
         EXPECT_EQ(shape.Server(row.nServer)->IsFloodSeen(row.lpOrigin, row.ulSeq), row.bSeen) << row.szName;
@@ -49,12 +45,11 @@ TEST(SimHostEvents, TellsTheHomeServerFirstAndThenTheOthersWhenAUserJoinsAndLeav
     for (const ZV_SimEntry& entry : sim.Journal().Calls(ZV_SimCall::OnEvent))
         if (entry.sPeer == "usr10001")
             vecSeen.push_back({entry.usNumber, entry.sNode});
-    EXPECT_EQ(vecSeen, (std::vector<std::pair<uint16_t, std::string>>{
-                           {21, "srv1@100"}, {21, "srv2@100"}, {4, "srv1@100"}, {4, "srv2@100"}, {21, "srv1@100"}, {21, "srv2@100"}}));
+    EXPECT_EQ(vecSeen, (std::vector<std::pair<uint16_t, std::string>>{{21, "srv1@100"}, {21, "srv2@100"}, {4, "srv1@100"},
+                                                                      {4, "srv2@100"}, {21, "srv1@100"}, {21, "srv2@100"}}));
     EXPECT_TRUE(bKnownAtLeave) << "the home server still finds the record of a user who is leaving";
     const ZV_ConfUserInfo* lpInfo = lpHome->GetUser(&lpAlice->GetUserID());
-    ASSERT_NE(lpInfo, nullptr);
-    EXPECT_EQ(lpInfo->ulFlags & zvUserFlagReturning, zvUserFlagReturning);
+    EXPECT_TRUE(lpInfo && (lpInfo->ulFlags & zvUserFlagReturning));
 }
 
 TEST(SimHostEvents, TakesALeavingUsersLinkDownBeforeTheServersHearOfIt)
