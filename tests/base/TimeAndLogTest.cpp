@@ -79,24 +79,34 @@ struct LogHome
 
 }  // namespace
 
-TEST(Log, NamesItsFileByTheRotationModeAndTheLogName)
+// The client log (mode -2 here) takes the platform's local time as it
+// stands, wider than four digits or not, never reads its message as a
+// format, and has no fixed buffer to cut a long message.
+TEST(Log, NamesItsFileByTheRotationModeAndTheLogNameAndWritesTheClientLogWithPercentSignsIntact)
 {
-    struct { int nMode; const char* pszName; int32_t nZoneBias; const char* pszFile; } const aCases[] = {
-        {1, "fileshare", 0, "log/log_fileshare_2011_03_16_07.txt"},
-        {1, "fileshare", -3600, "log/log_fileshare_2011_03_16_08.txt"}, {2, "error", 0, "log/log_error_2011_03_16.txt"},
-        {3, "error", 0, "log/log_error_2011_03.txt"}, {4, "error", 0, "log/log_error_2011.txt"},
-        {0, "x", 0, "log/log_x.txt"}, {-1, "x", 0, "log/log_x.txt"}, {2, nullptr, 0, "log/log_2011_03_16.txt"},
-        {0, nullptr, 0, "log/log.txt"},
+    const int64_t llYear999 = (QB_DateTimeEx::DayNumber(999, 12, 31) - 719528) * 86400LL + 3723;
+    const std::string sLong = std::string(5000, 'a') + "z", s0721 = "2011-03-16 07:21:48 : ";
+    const struct { int nMode; const char* pszName; int64_t llTimeT; int32_t nBias; std::string sFile, sArgument, sLine; } aCases[] = {
+        {1, "fileshare", TIME_2011_03_16_072148, 0, "log_fileshare_2011_03_16_07", "1", s0721},
+        {1, "fileshare", TIME_2011_03_16_072148, -3600, "log_fileshare_2011_03_16_08", "1", "2011-03-16 08:21:48 : "},
+        {2, "error", TIME_2011_03_16_072148, 0, "log_error_2011_03_16", "2", s0721},
+        {3, "error", TIME_2011_03_16_072148, 0, "log_error_2011_03", "3", s0721},
+        {4, "error", TIME_2011_03_16_072148, 0, "log_error_2011", "4", s0721},
+        {0, "x", TIME_2011_03_16_072148, 0, "log_x", "0", s0721}, {-1, "x", TIME_2011_03_16_072148, 0, "log_x", "-1", s0721},
+        {2, nullptr, TIME_2011_03_16_072148, 0, "log_2011_03_16", "2", s0721}, {0, nullptr, TIME_2011_03_16_072148, 0, "log", "0", s0721},
+        {-2, nullptr, TIME_2011_03_16_072148, 0, "log_error_client", "100% done", s0721},
+        {-2, nullptr, TIME_2011_03_16_235959, 0, "log_error_client", "%s%n%d", "2011-03-16 23:59:59 : "},
+        {-2, nullptr, llYear999, 0, "log_error_client", "y", " 999-12-31 01:02:03 : "},
+        {-2, nullptr, TIME_2011_03_16_072148, 0, "log_error_client", sLong, s0721},
     };
     for (const auto& c : aCases)
     {
-        SCOPED_TRACE(c.pszFile);
+        SCOPED_TRACE(c.sFile + " " + c.sArgument.substr(0, 10));
         LogHome home;
-        home.SetClock(TIME_2011_03_16_072148, c.nZoneBias);
-        QB_WriteLog(c.nMode, c.pszName, "line %d\r\n", c.nMode);
-        EXPECT_EQ(home.List(), Files{c.pszFile});
-        std::string sTime = c.nZoneBias == 0 ? "2011-03-16 07:21:48" : "2011-03-16 08:21:48";
-        EXPECT_EQ(home.Read(c.pszFile), sTime + " : line " + std::to_string(c.nMode) + "\r\n");
+        home.SetClock(c.llTimeT, c.nBias);
+        c.nMode == -2 ? QB_WriteClientLog("%s\r\n", c.sArgument.c_str()) : QB_WriteLog(c.nMode, c.pszName, "line %s\r\n", c.sArgument.c_str());
+        EXPECT_EQ(home.List(), Files{"log/" + c.sFile + ".txt"});
+        EXPECT_EQ(home.Read("log/" + c.sFile + ".txt"), c.sLine + (c.nMode == -2 ? "" : "line ") + c.sArgument + "\r\n");
     }
 }
 
@@ -139,29 +149,6 @@ TEST(Log, ABatchWritesItsLinesWhenItEndsEachFileInOrder)
     QB_LogBatch batch;
     QB_WriteLog(2, "big", "%s", std::string(64 * 1024 - 22, 'b').c_str());
     EXPECT_EQ(home.Read("log/log_big_2011_03_16.txt").size(), 64u * 1024);
-}
-
-// The client log takes the platform's local time as it stands, wider than
-// four digits or not, never reads its message as a format, and has no fixed
-// buffer to cut a long message.
-TEST(Log, WritesTheClientLogWithThePlatformsLocalTimeAndPercentSignsIntact)
-{
-    const int64_t llYear999 = (QB_DateTimeEx::DayNumber(999, 12, 31) - 719528) * 86400LL + 3723;
-    const std::string sLong = std::string(5000, 'a') + "z";
-    const std::string sLongLine = "2011-03-16 07:21:48 : " + sLong + "\r\n";
-    struct { int64_t llTimeT; const char* pszArgument; const char* pszLine; } const aCases[] = {
-        {TIME_2011_03_16_072148, "100% done", "2011-03-16 07:21:48 : 100% done\r\n"},
-        {TIME_2011_03_16_235959, "%s%n%d", "2011-03-16 23:59:59 : %s%n%d\r\n"},
-        {llYear999, "y", " 999-12-31 01:02:03 : y\r\n"}, {TIME_2011_03_16_072148, sLong.c_str(), sLongLine.c_str()},
-    };
-    for (const auto& c : aCases)
-    {
-        LogHome home;
-        home.SetClock(c.llTimeT, 0);
-        QB_WriteClientLog("%s\r\n", c.pszArgument);
-        EXPECT_EQ(home.List(), Files{"log/log_error_client.txt"}) << c.pszArgument;
-        EXPECT_EQ(home.Read("log/log_error_client.txt"), c.pszLine);
-    }
 }
 
 TEST(DateTime, NumbersEveryDayFromYearZeroToYear9999InCalendarOrder)
