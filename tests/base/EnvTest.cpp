@@ -54,9 +54,8 @@ TEST(Env, ReadsTheHomeFolderVariableAtEachCall)
     EXPECT_EQ(lpEnv->GetModuleFolder(), u"\\srv\\node1\\");
     QB_SetEnvironmentVariable("ROOMCRATE_HOME", "/srv/node2/");
     EXPECT_EQ(lpEnv->GetModuleFolder(), u"\\srv\\node2\\");
-    std::u16string sExeFolder = Wide(QB_ToWindowsPath(fs::read_symlink("/proc/self/exe").parent_path())) + u"\\";
     QB_SetEnvironmentVariable("ROOMCRATE_HOME", "");
-    EXPECT_EQ(lpEnv->GetModuleFolder(), sExeFolder);
+    EXPECT_EQ(lpEnv->GetModuleFolder(), Wide(QB_ToWindowsPath(fs::read_symlink("/proc/self/exe").parent_path())) + u"\\");
     QB_SetEnvironmentVariable("ROOMCRATE_HOME", nullptr);
 }
 
@@ -328,12 +327,14 @@ TEST(Library, EachFailureSaysWhyAndASuccessClearsIt)
 
 namespace {
 
-// Files of one folder through a tracking double, by name.
+// Files of one folder through a tracking double, by name; "a" holds "old"
+// on disk when tracking begins.
 struct CrashDisk
 {
     QB_TempFolder tmp;
     QB_FaultEnv env;
     QB_ScopedEnv install{&env};
+    CrashDisk() { QB_WriteWholeFile(tmp.Sub("a"), "old"), env.TrackDurability(); }
 
     std::u16string W(const char* pszName) const { return Wide(tmp.SubW(pszName)); }
     // Opens, acts and closes, as a store does between its syncs.
@@ -366,8 +367,8 @@ struct CrashDisk
 
 }  // namespace
 
-// "a" holds "old" on disk when tracking begins. Names go back to their last
-// folder sync whatever the loss; bytes to their last file sync, or not.
+// Names go back to their last folder sync whatever the loss; bytes to their
+// last file sync, or not.
 TEST(FaultEnv, CrashKeepsWhatWasSyncedAndUndoesTheRest)
 {
     using L = QB_CrashLoss;
@@ -410,8 +411,6 @@ TEST(FaultEnv, CrashKeepsWhatWasSyncedAndUndoesTheRest)
     {
         SCOPED_TRACE(row.pszName);
         CrashDisk disk;
-        QB_WriteWholeFile(disk.tmp.Sub("a"), "old");
-        disk.env.TrackDurability();
         row.fnAct(disk);
         disk.env.Crash(row.loss);
         disk.env.Restart();
@@ -432,21 +431,14 @@ TEST(FaultEnv, CrashKeepsWhatWasSyncedAndUndoesTheRest)
 TEST(FaultEnv, StopsAtAByteAndRefusesAllUntilRestart)
 {
     CrashDisk disk;
-    QB_WriteWholeFile(disk.tmp.Sub("a"), "old");
-    disk.env.TrackDurability();
     QB_FileEx file, other;
     ASSERT_TRUE(file.Open(disk.tmp.SubW("a"), QB_FILE_READWRITE | QB_FILE_OPEN_EXISTING));
     disk.env.CrashAtByte(5, QB_CrashLoss::Kept);
-    EXPECT_EQ(file.WriteAt(3, "abc", 3), 3);
-    EXPECT_FALSE(disk.env.HasCrashed());
-    EXPECT_EQ(file.WriteAt(6, "def", 3), -1);
-    EXPECT_TRUE(disk.env.HasCrashed());
+    EXPECT_TRUE(file.WriteAt(3, "abc", 3) == 3 && !disk.env.HasCrashed());
+    EXPECT_TRUE(file.WriteAt(6, "def", 3) == -1 && disk.env.HasCrashed());
     char ch = 0;
-    EXPECT_EQ(file.ReadAt(0, &ch, 1), -1);
-    EXPECT_FALSE(other.Open(disk.tmp.SubW("a"), QB_FILE_READ));
+    EXPECT_FALSE(file.ReadAt(0, &ch, 1) != -1 || other.Open(disk.tmp.SubW("a"), QB_FILE_READ));
     disk.env.Restart();
-    EXPECT_EQ(file.ReadAt(0, &ch, 1), -1);
-    EXPECT_EQ(file.Read(&ch, 1), -1);
-    EXPECT_TRUE(other.Open(disk.tmp.SubW("a"), QB_FILE_READ));
+    EXPECT_TRUE(file.ReadAt(0, &ch, 1) == -1 && file.Read(&ch, 1) == -1 && other.Open(disk.tmp.SubW("a"), QB_FILE_READ));
     EXPECT_EQ(disk.Now("a"), "oldabcde");
 }
