@@ -51,18 +51,3 @@ TEST(SimHostEvents, TellsTheHomeServerFirstAndThenTheOthersWhenAUserJoinsAndLeav
     const ZV_ConfUserInfo* lpInfo = lpHome->GetUser(&lpAlice->GetUserID());
     EXPECT_TRUE(lpInfo && (lpInfo->ulFlags & zvUserFlagReturning));
 }
-
-TEST(SimHostEvents, TakesALeavingUsersLinkDownBeforeTheServersHearOfIt)
-{
-    ZV_SimFakeConference sim;
-    ZV_SimShape shape = sim.OneServerTwoClients();
-    const size_t nMark = sim.Journal().Size();
-    ASSERT_TRUE(sim.Leave(shape.Client(0)));
-    EXPECT_EQ(sim.Journal().Dump(nMark),
-              JournalLines(nMark, "call ",
-                           {"OnDisconnect usr10001@100 peer srv1 conn 2002/4", "OnDisconnect srv1@100 peer usr10001 conn 1002/4",
-                            "OnDisconnect usr10001@100 peer srv1 conn 2001/0", "OnDisconnect srv1@100 peer usr10001 conn 1001/0",
-                            "OnEvent 4 srv1@100 a1 0 a2 usr10001"}));
-    EXPECT_EQ(shape.Server()->GetUser(&shape.Client(0)->GetUserID()), nullptr);
-    EXPECT_EQ(shape.Server()->GetClientCount(), 1u);
-}
