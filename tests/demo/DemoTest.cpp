@@ -36,13 +36,10 @@ TEST(Demo, SaysWhatBecameOfEveryFileNamedFromTheFolderItRunsIn)
 {
     QB_TempFolder tmp;
     const fs::path cwd = tmp.Sub("cwd");
-    fs::create_directories(cwd / "a");
-    fs::create_directories(cwd / "b");
-    QB_WriteWholeFile((cwd / "a/report.txt").string(), "first");
-    QB_WriteWholeFile((cwd / "b/report.txt").string(), "the second");
-    QB_WriteWholeFile((cwd / "empty.bin").string(), "");
-    QB_WriteWholeFile((cwd / "back\\slash.txt").string(), "x");
-    QB_WriteWholeFile((cwd / "smile\xF0\x9F\x98\x80.txt").string(), "x");
+    fs::create_directories(cwd / "a"), fs::create_directories(cwd / "b");
+    for (const auto& [pszName, pszText] : {std::pair{"a/report.txt", "first"}, {"b/report.txt", "the second"}, {"empty.bin", ""},
+                                           {"back\\slash.txt", "x"}, {"smile\xF0\x9F\x98\x80.txt", "x"}})
+        QB_WriteWholeFile((cwd / pszName).string(), pszText);
     const std::string sCwd = cwd.string();
     const struct { const char* szRow; std::string sArgs; int nExit; std::vector<std::string> vecSaid, vecNotSaid;
                    size_t nLeftBehind; } aRows[] = {
