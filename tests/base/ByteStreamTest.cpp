@@ -87,6 +87,8 @@ TEST(ByteStream, WritesNumbersLittleEndianAndReadsThemBack)
     EXPECT_EQ((Read{load.ReadU8(), load.ReadU16(), load.ReadU32(), load.ReadU64(), load.ReadI32(), load.ReadDouble(),
                     load.ReadBool(), load.ReadBool()}), (Read{0xAB, 0x1234, 0x89ABCDEF, 0x0102030405060708ull, -2, -1.5, true, false}));
     EXPECT_EQ(load.GetPos(), load.GetLength());
+    const uint8_t bTwo = 2;
+    EXPECT_TRUE(QB_ByteStream(&bTwo, 1).ReadBool()) << "any byte but 0 reads as true";
 }
 
 // A length beyond the view is refused before any memory is taken for it.
