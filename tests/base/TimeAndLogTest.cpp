@@ -136,15 +136,15 @@ TEST(Log, ABatchWritesItsLinesWhenItEndsEachFileInOrder)
         QB_WriteLog(2, "fileshare", "one\r\n");
         QB_WriteLog(2, "error", "two\r\n");
         home.SetClock(TIME_2011_03_16_072148 + 1, 0);
-        QB_WriteLog(2, "fileshare", "three\r\n");
+        QB_WriteLog(2, "error", "three\r\n");  // the same log a second later
+        QB_WriteLog(2, "fileshare", "four\r\n");
         EXPECT_EQ(home.List(), Files{});
     }
     EXPECT_EQ(home.Read("log/log_fileshare_2011_03_16.txt"),
-              "2011-03-16 07:21:48 : one\r\n" "2011-03-16 07:21:49 : three\r\n");
-    EXPECT_EQ(home.Read("log/log_error_2011_03_16.txt"), "2011-03-16 07:21:48 : two\r\n");
+              "2011-03-16 07:21:48 : one\r\n" "2011-03-16 07:21:49 : four\r\n");
     QB_WriteLog(2, "error", "after\r\n");
     EXPECT_EQ(home.Read("log/log_error_2011_03_16.txt"),
-              "2011-03-16 07:21:48 : two\r\n" "2011-03-16 07:21:49 : after\r\n");
+              "2011-03-16 07:21:48 : two\r\n" "2011-03-16 07:21:49 : three\r\n" "2011-03-16 07:21:49 : after\r\n");
     // A batch that has kept 64 KB writes them without waiting for its end.
     QB_LogBatch batch;
     QB_WriteLog(2, "big", "%s", std::string(64 * 1024 - 22, 'b').c_str());
