@@ -115,9 +115,7 @@ TEST(Array, InsertsRemovesAndFindsByIndexAndRefusesNegativeNumbers)
         step.fn();
         EXPECT_EQ(Elements(arr), step.vAfter) << step.pszName;
     }
-    EXPECT_EQ(arr.Find(0), 3);
-    EXPECT_EQ(arr.Find(0, 4), 4);
-    EXPECT_EQ(arr.Find(6), -1);
+    EXPECT_EQ((std::vector<int>{arr.Find(0), arr.Find(0, 4), arr.Find(6)}), (std::vector<int>{3, 4, -1}));
 }
 
 // Every changing operation, applied to a copy, must leave the source's text
