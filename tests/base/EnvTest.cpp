@@ -62,10 +62,7 @@ TEST(Env, ReportsAttributesFromTheModeBitsAndOpensOnlyPlainFiles)
     QB_TempFolder tmp;
     const std::pair<const char*, int> aFiles[] = {{"plain", 0644}, {"locked", 0444}, {"writeonly", 0200}};
     for (const auto& [pszName, nPerms] : aFiles)
-    {
-        QB_WriteWholeFile(tmp.Sub(pszName), "x");
-        fs::permissions(tmp.Sub(pszName), fs::perms(nPerms));
-    }
+        QB_WriteWholeFile(tmp.Sub(pszName), "x"), fs::permissions(tmp.Sub(pszName), fs::perms(nPerms));
     fs::create_directory(tmp.Sub("dir"));
     QB_Env* lpEnv = QB_GetDefaultEnv();
     const uint32_t ulMakeLocked = QB_FILE_WRITE | QB_FILE_CREATE_NEW | QB_FILE_ATTR_READONLY;
