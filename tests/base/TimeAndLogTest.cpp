@@ -110,22 +110,6 @@ TEST(Log, NamesItsFileByTheRotationModeAndTheLogNameAndWritesTheClientLogWithPer
     }
 }
 
-TEST(Log, AppendsWithoutALineEndOfItsOwnAndStartsANewDailyFileAtMidnight)
-{
-    LogHome home;
-    home.SetClock(TIME_2011_03_16_235959, 0);
-    ASSERT_TRUE(QB_WriteWholeFile(home.tmp.Sub("log/log_error_2011_03_16.txt"), "earlier\r\n"));
-    QB_WriteLog(2, "error", "%s.%s exception.\r\n", "ZV_FileShareMgr::OnSend", "OnSend");
-    QB_WriteLog(2, "error", "no end");
-    home.SetClock(TIME_2011_03_16_235959 + 1, 0);
-    QB_WriteLog(2, "error", "first\r\n");
-
-    EXPECT_EQ(home.List(), (Files{"log/log_error_2011_03_16.txt", "log/log_error_2011_03_17.txt"}));
-    EXPECT_EQ(home.Read("log/log_error_2011_03_16.txt"),
-              "earlier\r\n" "2011-03-16 23:59:59 : ZV_FileShareMgr::OnSend.OnSend exception.\r\n" "2011-03-16 23:59:59 : no end");
-    EXPECT_EQ(home.Read("log/log_error_2011_03_17.txt"), "2011-03-17 00:00:00 : first\r\n");
-}
-
 // Lines written in a batch reach their files only when it ends, each file's
 // in order and stamped as they were written; outside it each line goes at once.
 TEST(Log, ABatchWritesItsLinesWhenItEndsEachFileInOrder)
