@@ -1,9 +1,11 @@
 #include "QB_ByteStream.h"
 #include "QB_TestSupport.h"
+#include "QB_UserID.h"
 
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -16,6 +18,10 @@ uint32_t FailureOf(const std::function<void()>& fn)
     try { fn(); } catch (const QB_StreamException& e) { return e.m_ulCode; }
     return 0;
 }
+
+// The failure a call on the stream raises, and where the stream then stands.
+using Outcome = std::pair<uint32_t, int32_t>;
+Outcome OutcomeOf(const QB_ByteStream& stream, const std::function<void()>& fn) { return {FailureOf(fn), stream.GetPos()}; }
 
 }  // namespace
 
@@ -43,8 +49,7 @@ TEST(ByteStream, WritesEachCountInItsShortestFormAndReadsLongerFormsToo)
             EXPECT_EQ(save.GetPos(), nSize);
         }
         QB_ByteStream load(c.vbForm.data(), nSize);
-        EXPECT_EQ(load.ReadCount(), c.ulValue);
-        EXPECT_EQ(load.GetPos(), nSize);
+        EXPECT_EQ(OutcomeOf(load, [&] { EXPECT_EQ(load.ReadCount(), c.ulValue); }), Outcome(0, nSize));
         // Every cut of the form fails from the count's start, here behind a byte already read.
         for (int32_t nCut = 0; nCut < nSize; ++nCut)
         {
@@ -52,16 +57,14 @@ TEST(ByteStream, WritesEachCountInItsShortestFormAndReadsLongerFormsToo)
             vbCut.insert(vbCut.begin(), 0x55);
             QB_ByteStream cut(vbCut.data(), (int32_t)vbCut.size());
             cut.ReadU8();
-            EXPECT_EQ(FailureOf([&] { cut.ReadCount(); }), QB_STREAM_LOAD_FAILURE) << "cut at " << nCut;
-            EXPECT_EQ(cut.GetPos(), 1);
+            EXPECT_EQ(OutcomeOf(cut, [&] { cut.ReadCount(); }), Outcome(QB_STREAM_LOAD_FAILURE, 1)) << "cut at " << nCut;
         }
     }
     for (int nLead = 0xF1; nLead <= 0xFF; ++nLead)
     {
         const uint8_t abForm[] = {(uint8_t)nLead, 0, 0, 0, 1, 0, 0, 0, 0};
         QB_ByteStream load(abForm, sizeof abForm);
-        EXPECT_EQ(FailureOf([&] { load.ReadCount(); }), QB_STREAM_LOAD_FAILURE) << nLead;
-        EXPECT_EQ(load.GetPos(), 0);
+        EXPECT_EQ(OutcomeOf(load, [&] { load.ReadCount(); }), Outcome(QB_STREAM_LOAD_FAILURE, 0)) << nLead;
     }
 }
 
@@ -80,15 +83,12 @@ TEST(ByteStream, WritesNumbersLittleEndianAndReadsThemBack)
     save.WriteI32(-2), save.WriteDouble(-1.5), save.WriteBool(true), save.WriteBool(false);
     EXPECT_EQ(vbBuf, vbExpected);
     QB_ByteStream load(vbExpected.data(), (int32_t)vbExpected.size());
-    EXPECT_EQ(load.ReadU8(), 0xAB);
-    EXPECT_EQ(load.ReadU16(), 0x1234);
-    EXPECT_EQ(load.ReadU32(), 0x89ABCDEFu);
-    EXPECT_EQ(load.ReadU64(), 0x0102030405060708ull);
-    EXPECT_EQ(load.ReadI32(), -2);
-    EXPECT_EQ(load.ReadDouble(), -1.5);
-    EXPECT_TRUE(load.ReadBool());
-    EXPECT_FALSE(load.ReadBool());
+    using Read = std::tuple<uint8_t, uint16_t, uint32_t, uint64_t, int32_t, double, bool, bool>;  // braces read in order
+    EXPECT_EQ((Read{load.ReadU8(), load.ReadU16(), load.ReadU32(), load.ReadU64(), load.ReadI32(), load.ReadDouble(),
+                    load.ReadBool(), load.ReadBool()}), (Read{0xAB, 0x1234, 0x89ABCDEF, 0x0102030405060708ull, -2, -1.5, true, false}));
     EXPECT_EQ(load.GetPos(), load.GetLength());
+    const uint8_t bTwo = 2;
+    EXPECT_TRUE(QB_ByteStream(&bTwo, 1).ReadBool()) << "any byte but 0 reads as true";
 }
 
 // A length beyond the view is refused before any memory is taken for it.
@@ -119,10 +119,8 @@ TEST(ByteStream, WritesStringsAsCountAndBytesAndRefusesALengthBeyondTheView)
         QB_StringU8 s("keep");
         const char* pchBefore = s.GetString();
         QB_ByteStream load(vbForm.data(), (int32_t)vbForm.size());
-        EXPECT_EQ(FailureOf([&] { load.ReadString(s); }), QB_STREAM_LOAD_FAILURE);
-        EXPECT_EQ(load.GetPos(), 0);
-        EXPECT_EQ(s.GetString(), pchBefore);
-        EXPECT_EQ(s, "keep");
+        EXPECT_EQ(OutcomeOf(load, [&] { load.ReadString(s); }), Outcome(QB_STREAM_LOAD_FAILURE, 0));
+        EXPECT_TRUE(s.GetString() == pchBefore && s == "keep");
     }
 }
 
@@ -138,9 +136,8 @@ TEST(ByteStream, LeavesBlockAndPositionAloneWhenAWriteDoesNotFit)
         Bytes vbBuf(nNeeds + 1, 0xEE);
         QB_ByteStream save(vbBuf.data(), nNeeds, false);
         save.WriteU8(0);
-        EXPECT_EQ(FailureOf([&] { fnWrite(save); }), QB_STREAM_SAVE_FAILURE) << nNeeds;
+        EXPECT_EQ(OutcomeOf(save, [&] { fnWrite(save); }), Outcome(QB_STREAM_SAVE_FAILURE, 1)) << nNeeds;
         EXPECT_EQ(Bytes(vbBuf.begin() + 1, vbBuf.end()), Bytes(nNeeds, 0xEE));
-        EXPECT_EQ(save.GetPos(), 1);
     }
 }
 
@@ -193,3 +190,76 @@ TEST(ByteStream, AViewWithoutBytesBehindItIsEmpty)
     }
     EXPECT_EQ(Bytes(abBuf, abBuf + 4), (Bytes{1, 2, 3, 4}));
 }
+
+namespace {
+
+struct WordsCase { uint32_t ulMain; uint32_t ulSub; int nKind; const char* pszText; };
+
+// A row of kind 1 to 3 also reads back from its text; only a compound's text
+// carries the sub-number.
+const WordsCase kWords[] = {
+    {12345, 0, 1, "12345"}, {12345, 7, 1, "12345"}, {90001, 15, 2, "9000115"}, {90001, 5, 0, "Invalid ID"},
+    {92000, 10, 2, "9200010"}, {92000, 9, 0, "Invalid ID"}, {90755, 20000, 2, "9075520000"},
+    {60000000, 8000000, 2, "600000008000000"}, {600000000, 0, 0, "Invalid ID"}, {4000000000u, 0, 3, "4000000000"},
+};
+
+struct TextCase { const char* pszText; int nKind; uint32_t ulMain; uint32_t ulSub; };
+
+const TextCase kTexts[] = {
+    {" \t 00012345  \r\n", 1, 12345, 0}, {"  000009000115", 2, 90001, 15},
+    {"12345678901234567", 0, 0, 0},   // 17 digits, beyond 32 bits
+    {"50000000070000000", 2, 500000000, 70000000},
+    {"500000000600000000", 0, 0, 0},  // a valid compound's own text, 18 digits
+    {"4294967295", 3, 4294967295u, 0}, {"4294967296", 0, 0, 0},
+    {"900010015", 2, 90001, 15},      // zeros in front of a sub-number count as digits
+    {"900011", 0, 0, 0},              // a sub-number of one digit
+    {"81234", 1, 81234, 0},           // shorter than its group number
+    {"1234", 0, 0, 0},                // four digits name nobody
+    {"12345x", 0, 0, 0}, {"", 0, 0, 0}, {nullptr, 0, 0, 0},
+};
+
+}  // namespace
+
+// Any refusal to read a text leaves both words zero.
+TEST(UserID, WritesEachKindAsTextAndReadsTextFormsBack)
+{
+    for (const WordsCase& c : kWords)
+    {
+        SCOPED_TRACE(c.pszText);
+        QB_UserID id(c.ulMain, c.ulSub), back(1, 1);
+        EXPECT_EQ(id.GetKind(), c.nKind) << c.ulMain << "/" << c.ulSub;
+        EXPECT_EQ(id.ToText(), c.pszText);
+        EXPECT_TRUE(c.nKind == 0 || (back.FromText(c.pszText), back) == QB_UserID(c.ulMain, c.nKind == 2 ? c.ulSub : 0));
+    }
+    for (const TextCase& c : kTexts)
+    {
+        SCOPED_TRACE(c.pszText ? c.pszText : "(null)");
+        QB_UserID id(1, 1);
+        EXPECT_EQ(id.FromText(c.pszText), c.nKind);
+        EXPECT_TRUE(id.m_ulMain == c.ulMain && id.m_ulSub == c.ulSub) << id.m_ulMain << "/" << id.m_ulSub;
+    }
+}
+
+TEST(UserID, TravelsAsMainThenSubLittleEndian)
+{
+    const std::vector<uint8_t> vbForm = {0x04, 0x03, 0x02, 0x01, 0x0D, 0x0C, 0x0B, 0x0A};
+    std::vector<uint8_t> vbBuf(8);
+    QB_ByteStream save(vbBuf.data(), 8, false);
+    QB_UserID(0x01020304, 0x0A0B0C0D).Save(save);
+    EXPECT_EQ(vbBuf, vbForm);
+
+    QB_UserID id;
+    QB_ByteStream load(vbForm.data(), 8);
+    EXPECT_EQ((id.Load(load), id), QB_UserID(0x01020304, 0x0A0B0C0D));
+
+    QB_UserID cut(7, 7);
+    QB_ByteStream short7(vbForm.data(), 7);
+    short7.Skip(3);
+    EXPECT_EQ(OutcomeOf(short7, [&] { cut.Load(short7); }), Outcome(QB_STREAM_LOAD_FAILURE, 3));
+    EXPECT_EQ(cut, QB_UserID(7, 7)) << "a failed load changed the words";
+
+    // Ordered by the main word, then by the sub-number.
+    EXPECT_TRUE(QB_UserID(6, 9) < QB_UserID(7, 1) && QB_UserID(7, 1) < QB_UserID(7, 2));
+    EXPECT_FALSE(QB_UserID(7, 2) < QB_UserID(7, 1) || QB_UserID(7, 1) < QB_UserID(7, 1));
+}
+

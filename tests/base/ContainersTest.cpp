@@ -1,6 +1,7 @@
 #include "QB_Array.h"
 #include "QB_Map.h"
 #include "QB_String.h"
+#include "QB_TestSupport.h"
 
 #include <gtest/gtest.h>
 
@@ -16,16 +17,17 @@ template <class K, class V, class H>
 std::vector<K> WalkKeys(const QB_Map<K, V, H>& map)
 {
     std::vector<K> vKeys;
-    for (QB_POSITION pos = map.GetStartPosition(); pos;)
-    {
-        K key{};
-        V value{};
+    K key{};
+    V value{};
+    for (QB_POSITION pos = map.GetStartPosition(); pos; vKeys.push_back(key))
         map.GetNextAssoc(pos, key, value);
-        vKeys.push_back(key);
-    }
     return vKeys;
 }
 
+using Bytes = std::vector<uint8_t>;
+Bytes BytesOf(const QB_StringU8& s) { return Bytes(s.GetString(), s.GetString() + s.GetLength()); }
+QB_StringU8 Utf8Of(const Bytes& vb) { return QB_StringU8(reinterpret_cast<const char*>(vb.data()), (int)vb.size()); }
+std::u16string UnitsOf(const QB_StringW& s) { return std::u16string(s.GetString(), (size_t)s.GetLength()); }
 std::vector<int> Elements(const QB_Array<int>& arr) { return std::vector<int>(arr.GetData(), arr.GetData() + arr.GetSize()); }
 
 }  // namespace
@@ -113,8 +115,133 @@ TEST(Array, InsertsRemovesAndFindsByIndexAndRefusesNegativeNumbers)
         step.fn();
         EXPECT_EQ(Elements(arr), step.vAfter) << step.pszName;
     }
-    EXPECT_EQ(arr.Find(0), 3);
-    EXPECT_EQ(arr.Find(0, 4), 4);
-    EXPECT_EQ(arr.Find(6), -1);
+    EXPECT_EQ((std::vector<int>{arr.Find(0), arr.Find(0, 4), arr.Find(6)}), (std::vector<int>{3, 4, -1}));
 }
 
+// Every changing operation, applied to a copy, must leave the source's text
+// and buffer alone and give the copy a private buffer of its own.
+TEST(String, CopiesOnWriteWhicheverOperationChangesTheCopy)
+{
+    const std::pair<const char*, std::function<void(QB_StringA&)>> kChanges[] = {
+        {"SetAt", [](QB_StringA& s) { s.SetAt(0, 'n'); }}, {"Append", [](QB_StringA& s) { s.Append("!"); }},
+        {"GetBuffer", [](QB_StringA& s) { s.GetBuffer(2)[0] = 'n'; s.ReleaseBuffer(2); }},
+        {"Format", [](QB_StringA& s) { s.Format("%d", 7); }},
+    };
+    for (const auto& [pszName, fnChange] : kChanges)
+    {
+        SCOPED_TRACE(pszName);
+        QB_StringA sFirst(" text "), sCopy(sFirst);
+        EXPECT_EQ(sCopy.GetString(), sFirst.GetString());
+        EXPECT_EQ(sFirst.GetRefCount(), 2);
+        fnChange(sCopy);
+        EXPECT_EQ(sFirst, " text ");
+        EXPECT_NE(sCopy, " text ");
+        EXPECT_EQ(std::make_pair(sFirst.GetRefCount(), sCopy.GetRefCount()), std::make_pair(1, 1));
+    }
+}
+
+// Rows with bBack also write their units as those very bytes.
+TEST(String, ConvertsUtf16UnitsToOneToThreeBytesAndDecodesByTheLeadBitsOnly)
+{
+    const struct { Bytes vbUtf8; std::u16string sUnits; bool bBack; } kCases[] = {
+        {{0x41}, u"A", true}, {{0xC2, 0x80}, u"\u0080", true}, {{0xDF, 0xBF}, u"\u07FF", true},
+        {{0xE0, 0xA0, 0x80}, u"\u0800", true}, {{0xEF, 0xBF, 0xBF}, u"\uFFFF", true},
+        {{0xED, 0xA0, 0xBD, 0xED, 0xB8, 0x80}, {0xD83D, 0xDE00}, true},  // each half by itself
+        {{0xF0, 0x9F, 0x98, 0x80}, u"\u07D8", false},                     // lead dropped, no U+1F600
+        {{0xFF, 'a'}, u"a", false}, {{0xC3, 0x41}, u"\u00C1", false},      // the next byte is not tested
+        {{'x', 0xC0, 0x80, 'y'}, u"x", false},                            // a decoded zero unit
+        {{'a', 0x00, 'b'}, u"a", false}, {{'a', 0xE4, 0xB8}, u"a", false}, // a sequence cut by the end
+    };
+    for (const auto& c : kCases)
+    {
+        EXPECT_EQ(UnitsOf(QB_StringW(Utf8Of(c.vbUtf8))), c.sUnits) << QB_ToHex(c.vbUtf8);
+        EXPECT_TRUE(!c.bBack || BytesOf(QB_StringU8(QB_StringW(c.sUnits.data(), (int)c.sUnits.size()))) == c.vbUtf8)
+            << QB_ToHex(c.vbUtf8);
+    }
+    const char16_t achZero[] = {u'a', 0, u'b'};
+    EXPECT_EQ(BytesOf(QB_StringU8(QB_StringW(achZero, 3))), Bytes{'a'});
+    EXPECT_EQ(QB_StringA(QB_StringW(achZero, 3)), "a");
+    EXPECT_EQ(UnitsOf(QB_StringW(QB_StringA("a\0b", 3))), u"a");
+}
+
+TEST(String, MapsWindows1252BothWaysAndReplacesWhatItLacks)
+{
+    const std::pair<uint8_t, char16_t> kCases[] = {
+        {0x80, 0x20AC}, {0x81, 0x0081}, {0x8A, 0x0160}, {0x99, 0x2122},
+        {0x9F, 0x0178}, {0xA0, 0x00A0}, {0xE9, 0x00E9}, {0x41, 0x0041},
+    };
+    for (const auto& [bAnsi, chUnit] : kCases)
+    {
+        const char achAnsi[] = {(char)bAnsi, 0};
+        EXPECT_EQ(UnitsOf(QB_StringW(QB_StringA(achAnsi))), std::u16string(1, chUnit));
+        EXPECT_EQ(QB_StringA(QB_StringW(&chUnit, 1)), achAnsi);
+    }
+    std::string sAll;
+    for (int b = 1; b < 256; ++b)
+        sAll += (char)b;
+    EXPECT_EQ(QB_StringA(QB_StringW(QB_StringA(sAll.c_str()))), sAll.c_str());
+
+    const char16_t achLacking[] = {0x4E2D, 0x0100, 0x0080, 0xD83D, 0x2603};
+    EXPECT_EQ(QB_StringA(QB_StringW(achLacking, 5)), "?????");
+    EXPECT_EQ(QB_StringA(QB_StringU8("caf\xC3\xA9")), "caf\xE9");
+
+    // Case-blind names: Latin-1, Latin Extended-A, Greek and Cyrillic capitals.
+    const std::pair<char16_t, char16_t> kLower[] = {
+        {u'Q', u'q'},     {0xC9, 0xE9},     {0xD7, 0xD7},     {0xDF, 0xDF},     {0x100, 0x101},   {0x101, 0x101},
+        {0x139, 0x13A},   {0x13A, 0x13A},   {0x14A, 0x14B},   {0x178, 0xFF},    {0x179, 0x17A},   {0x17A, 0x17A},
+        {0x391, 0x3B1},   {0x3A2, 0x3A2},   {0x410, 0x430},   {0x400, 0x450},   {0x17F, 0x17F},   {0x3A9, 0x3C9},
+    };
+    for (const auto& [ch, chLower] : kLower)
+        EXPECT_EQ(QB_CharLowerW(ch), chLower) << std::hex << (int)ch;
+}
+
+TEST(String, CutsAndSearchesWithinBoundsForAnyIndex)
+{
+    const QB_StringA s("hello");
+    const std::pair<QB_StringA, const char*> kCuts[] = {
+        {s.Left(-1), ""},      {s.Left(9), "hello"}, {s.Mid(-2), "hello"}, {s.Mid(-2, 3), "hel"},
+        {s.Mid(5), ""},        {s.Mid(3, 10), "lo"}, {s.Mid(1, 0), ""}, {s.Right(-1), ""},    {s.Right(9), "hello"},
+    };
+    for (const auto& [sCut, pszExpected] : kCuts)
+        EXPECT_EQ(sCut, pszExpected);
+
+    const std::pair<int, int> kFinds[] = {
+        {s.Find("l", 3), 3}, {s.Find("l", 4), -1}, {s.Find("lo", -3), 3}, {s.Find("", 5), 5},
+        {s.Find("", 6), -1}, {s.Find('o', 9), -1}, {s.ReverseFind('l'), 3},
+    };
+    for (const auto& [nFound, nExpected] : kFinds)
+        EXPECT_EQ(nFound, nExpected);
+}
+
+TEST(String, AppendsItsOwnTextFormatsWithoutALimitAndComparesAsUnsigned)
+{
+    QB_StringA s("abxy");
+    s.Append(nullptr, 3), s.Append(s.GetString() + 2, 2);
+    EXPECT_EQ(s, "abxyxy");
+    // A shortened string keeps its room: an append fits in place, and a
+    // released buffer is measured to its first zero but never past its room.
+    QB_StringA sRoom("ab \t");
+    sRoom.TrimRight().Append("cd");
+    EXPECT_TRUE(sRoom == "abcd" && sRoom.GetCapacity() == 4) << sRoom.GetString() << " in " << sRoom.GetCapacity();
+    sRoom.Truncate(-1);
+    sRoom.GetBuffer(-1)[1] = 0;
+    sRoom.ReleaseBuffer();
+    EXPECT_EQ(sRoom, "a");
+    sRoom.ReleaseBuffer(9);
+    EXPECT_EQ(sRoom.GetLength(), 4);
+    QB_StringA sNone;
+    sNone.ReleaseBuffer(3);
+    EXPECT_TRUE(sNone.IsEmpty());
+
+    QB_StringA sFormat;
+    sFormat.Format("%s", std::string(5000, 'w').c_str());
+    EXPECT_EQ(sFormat.GetLength(), 5000);
+    sFormat.Format("<%s>", sFormat.Left(2).GetString());
+    EXPECT_EQ(sFormat, "<ww>");
+    QB_StringW sUnits;
+    sUnits.Format("%d\xC3\xA9", 42);
+    EXPECT_EQ(UnitsOf(sUnits), u"42\u00E9");
+
+    EXPECT_TRUE(QB_StringA("\xE9").Compare("z") > 0 && QB_StringA("ab").Compare("abc") < 0 &&
+                QB_StringW(u"\u00E9").Compare(QB_StringW(u"\uFFFF")) < 0);
+}

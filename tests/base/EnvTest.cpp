@@ -1,4 +1,4 @@
-// The platform layer, and the double that stands for a disk that crashes.
+// The platform layer, files on it, and the double that stands for a disk that crashes.
 #include "QB_Env.h"
 #include "QB_FaultEnv.h"
 #include "QB_FileEx.h"
@@ -19,6 +19,9 @@ namespace fs = std::filesystem;
 namespace {
 
 std::u16string Wide(const QB_StringW& s) { return std::u16string(s.View()); }
+QB_StringW W(const std::u16string& s) { return QB_StringW(std::u16string_view(s)); }
+
+int LengthOnDisk(const std::string& sPath) { return fs::exists(sPath) ? (int)fs::file_size(sPath) : -1; }
 
 }  // namespace
 
@@ -31,10 +34,8 @@ TEST(Env, TurnsWindowsPathsIntoUtf8WithSlashesAndBack)
         {std::u16string(u"ab\0cd", 5), "ab", false},
     };
     for (const auto& row : aRows)
-    {
-        EXPECT_EQ(QB_PathToSystem(row.sWindows), row.sSystem);
-        if (row.bBothWays) { EXPECT_EQ(QB_PathFromSystem(row.sSystem), row.sWindows); }
-    }
+        EXPECT_TRUE(QB_PathToSystem(row.sWindows) == row.sSystem && (!row.bBothWays || QB_PathFromSystem(row.sSystem) == row.sWindows))
+            << row.sSystem;
     const std::pair<std::string, std::u16string> aFromSystem[] = {
         {"a\x80" "b", u"a\xFFFD" u"b"}, {"\xc0\xaf", u"\xFFFD\xFFFD"},  // overlong "/"
         {"\xed\xa0\x80", u"\xFFFD\xFFFD\xFFFD"},  // a surrogate
@@ -51,9 +52,8 @@ TEST(Env, ReadsTheHomeFolderVariableAtEachCall)
     EXPECT_EQ(lpEnv->GetModuleFolder(), u"\\srv\\node1\\");
     QB_SetEnvironmentVariable("ROOMCRATE_HOME", "/srv/node2/");
     EXPECT_EQ(lpEnv->GetModuleFolder(), u"\\srv\\node2\\");
-    std::u16string sExeFolder = Wide(QB_ToWindowsPath(fs::read_symlink("/proc/self/exe").parent_path())) + u"\\";
     QB_SetEnvironmentVariable("ROOMCRATE_HOME", "");
-    EXPECT_EQ(lpEnv->GetModuleFolder(), sExeFolder);
+    EXPECT_EQ(lpEnv->GetModuleFolder(), Wide(QB_ToWindowsPath(fs::read_symlink("/proc/self/exe").parent_path())) + u"\\");
     QB_SetEnvironmentVariable("ROOMCRATE_HOME", nullptr);
 }
 
@@ -62,10 +62,7 @@ TEST(Env, ReportsAttributesFromTheModeBitsAndOpensOnlyPlainFiles)
     QB_TempFolder tmp;
     const std::pair<const char*, int> aFiles[] = {{"plain", 0644}, {"locked", 0444}, {"writeonly", 0200}};
     for (const auto& [pszName, nPerms] : aFiles)
-    {
-        QB_WriteWholeFile(tmp.Sub(pszName), "x");
-        fs::permissions(tmp.Sub(pszName), fs::perms(nPerms));
-    }
+        QB_WriteWholeFile(tmp.Sub(pszName), "x"), fs::permissions(tmp.Sub(pszName), fs::perms(nPerms));
     fs::create_directory(tmp.Sub("dir"));
     QB_Env* lpEnv = QB_GetDefaultEnv();
     const uint32_t ulMakeLocked = QB_FILE_WRITE | QB_FILE_CREATE_NEW | QB_FILE_ATTR_READONLY;
@@ -127,7 +124,7 @@ TEST(Env, KeepsMoreFilesOpenThanTheProcessMayHoldDescriptors)
     EXPECT_EQ(0, nFailed);
 }
 
-// Calls the platform cannot act on are refused, never guessed at.
+// Calls the platform cannot act on are refused, never guessed at; a plain file alone is deleted.
 TEST(Env, RefusesWhatItCannotActOn)
 {
     QB_TempFolder tmp;
@@ -164,11 +161,142 @@ TEST(Env, RefusesWhatItCannotActOn)
         {"sync a missing folder", [&] { return lpEnv->FlushFolder(Wide(tmp.SubW("missing"))); }},
         {"a variable without a name", [] { return QB_SetEnvironmentVariable("", "x"); }},
         {"local time into nothing", [&] { return lpEnv->GetLocalTime(nullptr), false; }},
+        {"delete a folder", [&] { return QB_FileEx::Delete(tmp.SubW("dir")); }},
+        {"delete a missing file", [&] { return QB_FileEx::Delete(tmp.SubW("missing")); }},
     };
     for (const auto& [pszName, fnCall] : aRows)
         EXPECT_FALSE(fnCall()) << pszName;
     EXPECT_TRUE(lpEnv->CloseFile(hRead) && lpEnv->CloseFile(hWrite));
     EXPECT_EQ(QB_ReadWholeFile(tmp.Sub("f")), std::vector<uint8_t>{'x'});
+    EXPECT_TRUE(QB_FileEx::Delete(tmp.SubW("f")) && !fs::exists(tmp.Sub("f")) && fs::is_directory(tmp.Sub("dir")));
+}
+
+TEST(FileEx, OpensByEachCreationModeOnAMissingAndAnExistingFile)
+{
+    // nLengthAfter -1: no file.
+    const struct { uint32_t ulMode; bool bExists, bOpens; int nLengthAfter; } aRows[] = {
+        {0x101, false, false, -1}, {0x101, true, true, 5}, {0x001, false, false, -1},  // must exist; 0x001 as 0x101
+        {0x100, true, false, 5}, {0x203, false, true, 0}, {0x203, true, true, 5},     // no access bits; open or create
+        {0x303, true, true, 0}, {0x403, true, false, 5}, {0x503, true, false, 5},     // replace; must not exist; none such
+    };
+    for (const auto& row : aRows)
+    {
+        QB_TempFolder tmp;
+        if (row.bExists)
+            QB_WriteWholeFile(tmp.Sub("f"), "hello");
+        QB_FileEx file;
+        EXPECT_EQ(file.Open(tmp.SubW("f"), row.ulMode), row.bOpens) << std::hex << row.ulMode << " " << row.bExists;
+        EXPECT_EQ(file.Close(), row.bOpens);
+        EXPECT_EQ(LengthOnDisk(tmp.Sub("f")), row.nLengthAfter) << std::hex << row.ulMode << " " << row.bExists;
+    }
+    QB_FileEx file;
+    EXPECT_FALSE(file.Open(QB_StringW(), 0x203));
+    // Below a folder named with or without its last backslash; no creation
+    // bits means the file must exist.
+    QB_TempFolder tmp;
+    QB_WriteWholeFile(tmp.Sub("f"), "hello");
+    const QB_StringW sBase = tmp.PathW();
+    EXPECT_FALSE(file.OpenBelow(sBase, u"g", QB_FILE_READ));
+    EXPECT_FALSE(fs::exists(tmp.Sub("g")));
+    ASSERT_TRUE(file.OpenBelow(sBase.Left(sBase.GetLength() - 1), u"f", QB_FILE_READ));
+    EXPECT_EQ(file.GetLength(), 5);
+}
+
+TEST(FileEx, ReadsWritesSeeksAndCutsAsWindowsDoes)
+{
+    QB_TempFolder tmp;
+    QB_FileEx file;
+    ASSERT_TRUE(file.Open(tmp.SubW("f"), 0x203));
+    char ach[16] = {};
+    ASSERT_EQ(file.Write("0123456789", 10), 10);
+    const struct { int32_t nOffset; int nOrigin; int32_t nPos; } aSeeks[] = {
+        {4, QB_SEEK_BEGIN, 4}, {-2, QB_SEEK_CURRENT, 2}, {-3, QB_SEEK_END, 7}, {-1, QB_SEEK_BEGIN, -1}, {0, 7, -1}};
+    for (const auto& row : aSeeks)
+        EXPECT_EQ(file.Seek(row.nOffset, row.nOrigin), row.nPos) << row.nOffset << " from " << row.nOrigin;
+    EXPECT_EQ(file.Read(ach, 16), 3);
+    EXPECT_EQ(file.Read(ach, 16), 0);
+    // Cut at 7, then grown to 9 with zeros.
+    EXPECT_TRUE(file.Seek(7, QB_SEEK_BEGIN) == 7 && file.SetEnd() && file.GetLength() == 7);
+    EXPECT_TRUE(file.Seek(9, QB_SEEK_BEGIN) == 9 && file.SetEnd() && file.Close());
+    EXPECT_EQ(QB_ReadWholeFile(tmp.Sub("f")), (std::vector<uint8_t>{'0', '1', '2', '3', '4', '5', '6', 0, 0}));
+    // Closed, all fails but writing nothing.
+    EXPECT_EQ((std::vector<int64_t>{file.Read(ach, 4), file.GetLength(), file.Seek(0, QB_SEEK_BEGIN), file.Write(ach, 1),
+                                    file.Write(ach, 0), file.Write(ach, -1)}), (std::vector<int64_t>{-1, -1, -1, -1, 0, -1}));
+}
+
+TEST(FileEx, NamesTheFileByTheTailOfItsFullPathOfAtMost260Characters)
+{
+    const std::u16string sCwd(QB_ToWindowsPath(fs::current_path().string()).View());
+    const std::u16string s259(259, u'x');
+    const struct { std::u16string sPath, sFull, sName; } aRows[] = {
+        {u"a\\b\\c.txt", sCwd + u"\\a\\b\\c.txt", u"c.txt"}, {u"\\x\\y\\..\\z.bin", u"\\x\\z.bin", u"z.bin"},
+        {u"\\" + s259, u"\\" + s259, s259}, {u"\\" + s259 + u"y", u"", u""}, {u"", u"", u""},
+    };
+    for (const auto& row : aRows)
+    {
+        QB_FileEx file;
+        file.Open(W(row.sPath), 0x101);
+        EXPECT_EQ(file.GetFullPath(), W(row.sFull)) << row.sPath.size();
+        EXPECT_EQ(file.GetFileName(), W(row.sName)) << row.sPath.size();
+    }
+}
+
+TEST(FileEx, RefusesASecondOpenThatTheFirstOnesSharingForbids)
+{
+    const struct { uint32_t ulFirst, ulSecond; bool bAllowed; } aRows[] = {
+        {0x101, 0x103, true},   // no sharing bits: others read and write
+        {0x121, 0x101, true},   {0x121, 0x103, false},
+        {0x103, 0x121, false},  // the second would deny the first's writing
+        {0x121, 0x303, false},  // refused, so nothing is cut
+    };
+    for (const auto& row : aRows)
+    {
+        QB_TempFolder tmp;
+        QB_WriteWholeFile(tmp.Sub("f"), "hello");
+        fs::create_directory(tmp.Sub("d"));
+        QB_FileEx first, second;
+        ASSERT_TRUE(first.Open(tmp.SubW("f"), row.ulFirst));
+        // The same file under another spelling of its name.
+        EXPECT_EQ(second.Open(tmp.SubW("d/../f"), row.ulSecond), row.bAllowed) << std::hex << row.ulFirst << " " << row.ulSecond;
+        second.Close();
+        EXPECT_EQ(LengthOnDisk(tmp.Sub("f")), row.bAllowed && row.ulSecond == 0x303 ? 0 : 5);
+        first.Close();
+        EXPECT_TRUE(second.Open(tmp.SubW("f"), row.ulSecond)) << "after the first closed";
+        second.Close();
+    }
+}
+
+TEST(FileEx, MakesEveryFolderOfAPathAndReplacesAPlainFileInTheWay)
+{
+    QB_TempFolder tmp;
+    QB_WriteWholeFile(tmp.Sub("plain"), "x");
+    QB_WriteWholeFile(tmp.Sub("locked"), "x");
+    fs::permissions(tmp.Sub("locked"), fs::perms(0444));
+    const QB_StringW sBase = tmp.PathW();
+    // Folders of 50 characters below the base, up to a total length.
+    auto DeepPath = [&](char16_t ch, int nTotal) {
+        std::u16string s;
+        while (sBase.GetLength() + (int)s.size() + 50 <= nTotal)
+            s += std::u16string(49, ch) + u'\\';
+        return sBase + W(s + std::u16string(nTotal - sBase.GetLength() - s.size(), ch));
+    };
+    // pszFolder: a folder afterwards, if set.
+    const struct { QB_StringW sPath; bool bResult; const char* pszFolder; } aRows[] = {
+        {sBase + u"a\\b\\c", true, "a/b/c"},         {sBase + u"e\\f\\", true, "e/f"},
+        {sBase + u"g/h", true, "g/h"},               {sBase + u"a\\b", true, "a/b"},
+        {sBase + u"plain\\sub", true, "plain/sub"},  {sBase + u"locked\\sub", false, nullptr},
+        {DeepPath(u'm', 260), true, nullptr},        {DeepPath(u'n', 261), false, nullptr},
+        {QB_StringW(), false, nullptr},
+    };
+    for (const auto& row : aRows)
+    {
+        EXPECT_EQ(MakeDirs(row.sPath), row.bResult) << QB_PathToSystem(std::u16string(row.sPath.View()));
+        EXPECT_TRUE(!row.pszFolder || fs::is_directory(tmp.Sub(row.pszFolder))) << (row.pszFolder ? row.pszFolder : "");
+    }
+    // The deepest folder made, nothing of the refused one, the locked file kept.
+    EXPECT_TRUE(fs::is_directory(QB_PathToSystem(std::u16string(DeepPath(u'm', 260).View()))) &&
+                !fs::exists(tmp.Sub(std::string(49, 'n'))) && fs::is_regular_file(tmp.Sub("locked")));
+    EXPECT_FALSE(MakeDirs(static_cast<const char16_t*>(nullptr)));
 }
 
 // Each refusal of the library calls says why; a success clears the reason.
@@ -194,12 +322,14 @@ TEST(Library, EachFailureSaysWhyAndASuccessClearsIt)
 
 namespace {
 
-// Files of one folder through a tracking double, by name.
+// Files of one folder through a tracking double, by name; "a" holds "old"
+// on disk when tracking begins.
 struct CrashDisk
 {
     QB_TempFolder tmp;
     QB_FaultEnv env;
     QB_ScopedEnv install{&env};
+    CrashDisk() { QB_WriteWholeFile(tmp.Sub("a"), "old"), env.TrackDurability(); }
 
     std::u16string W(const char* pszName) const { return Wide(tmp.SubW(pszName)); }
     // Opens, acts and closes, as a store does between its syncs.
@@ -232,8 +362,8 @@ struct CrashDisk
 
 }  // namespace
 
-// "a" holds "old" on disk when tracking begins. Names go back to their last
-// folder sync whatever the loss; bytes to their last file sync, or not.
+// Names go back to their last folder sync whatever the loss; bytes to their
+// last file sync, or not.
 TEST(FaultEnv, CrashKeepsWhatWasSyncedAndUndoesTheRest)
 {
     using L = QB_CrashLoss;
@@ -276,8 +406,6 @@ TEST(FaultEnv, CrashKeepsWhatWasSyncedAndUndoesTheRest)
     {
         SCOPED_TRACE(row.pszName);
         CrashDisk disk;
-        QB_WriteWholeFile(disk.tmp.Sub("a"), "old");
-        disk.env.TrackDurability();
         row.fnAct(disk);
         disk.env.Crash(row.loss);
         disk.env.Restart();
@@ -298,21 +426,14 @@ TEST(FaultEnv, CrashKeepsWhatWasSyncedAndUndoesTheRest)
 TEST(FaultEnv, StopsAtAByteAndRefusesAllUntilRestart)
 {
     CrashDisk disk;
-    QB_WriteWholeFile(disk.tmp.Sub("a"), "old");
-    disk.env.TrackDurability();
     QB_FileEx file, other;
     ASSERT_TRUE(file.Open(disk.tmp.SubW("a"), QB_FILE_READWRITE | QB_FILE_OPEN_EXISTING));
     disk.env.CrashAtByte(5, QB_CrashLoss::Kept);
-    EXPECT_EQ(file.WriteAt(3, "abc", 3), 3);
-    EXPECT_FALSE(disk.env.HasCrashed());
-    EXPECT_EQ(file.WriteAt(6, "def", 3), -1);
-    EXPECT_TRUE(disk.env.HasCrashed());
+    EXPECT_TRUE(file.WriteAt(3, "abc", 3) == 3 && !disk.env.HasCrashed());
+    EXPECT_TRUE(file.WriteAt(6, "def", 3) == -1 && disk.env.HasCrashed());
     char ch = 0;
-    EXPECT_EQ(file.ReadAt(0, &ch, 1), -1);
-    EXPECT_FALSE(other.Open(disk.tmp.SubW("a"), QB_FILE_READ));
+    EXPECT_FALSE(file.ReadAt(0, &ch, 1) != -1 || other.Open(disk.tmp.SubW("a"), QB_FILE_READ));
     disk.env.Restart();
-    EXPECT_EQ(file.ReadAt(0, &ch, 1), -1);
-    EXPECT_EQ(file.Read(&ch, 1), -1);
-    EXPECT_TRUE(other.Open(disk.tmp.SubW("a"), QB_FILE_READ));
+    EXPECT_TRUE(file.ReadAt(0, &ch, 1) == -1 && file.Read(&ch, 1) == -1 && other.Open(disk.tmp.SubW("a"), QB_FILE_READ));
     EXPECT_EQ(disk.Now("a"), "oldabcde");
 }

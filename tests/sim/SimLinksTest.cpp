@@ -1,6 +1,5 @@
-// Links: the kick (PDU 257 on a data connection asks for OnSend calls, which
-// go on while the module sends and pause while the link is full) and
-// connections that drop and come back.
+// Links: the kick (PDU 257 on a data connection asks for OnSend calls while
+// the module sends and the link has room) and connections that drop and come back.
 #include "ZV_SimFakeModule.h"
 
 #include <gtest/gtest.h>
@@ -15,8 +14,7 @@ constexpr int kKickOnly = -1;
 void SendByPlan(ZV_SimFakeModule& fake, std::vector<int> vecPlan)
 {
     fake.fnOnSend = [vecPlan, nCall = size_t(0)](ZV_SimFakeModule& self, const ConfPduData& cpd) mutable {
-        const int nBlocks = nCall < vecPlan.size() ? vecPlan[nCall] : 0;
-        ++nCall;
+        const int nBlocks = nCall < vecPlan.size() ? vecPlan[nCall++] : 0;
         if (nBlocks == kKickOnly)
             self.m_lpConf->SendPdu(cpd.ulConn, PDU_CONF_FS_KICK, nullptr, 0, 0, 0);
         for (int i = 0; i < nBlocks; ++i)
@@ -57,8 +55,7 @@ TEST(SimKick, KeepsCallingOnSendWhileTheModuleSendsOnThatConnectionAndRestsWhenI
     };
     Kick(lpAlice);
     ASSERT_TRUE(sim.Run());
-    Kick(lpAlice);
-    Kick(lpAlice);
+    Kick(lpAlice), Kick(lpAlice);
     ASSERT_TRUE(sim.Run());
     EXPECT_EQ(FakeOf(lpAlice).CallsOf("OnSend").size(), 2u);
 }
@@ -82,10 +79,8 @@ TEST(SimKick, HoldsOnSendBackUntilDeliveriesTakeTheLinkBelowTheBoundAndForgetsTh
     EXPECT_EQ(FakeOf(lpAlice).CallsOf("OnSend").size(), 3u);
     EXPECT_EQ(FakeOf(shape.Server()).CallsOf("HandlePdu").size(), 11u);
 
-    Kick(lpAlice);
-    sim.Step();
-    sim.Cut(sim.GetClientLink(lpAlice), zvConfClientTypeData);
-    sim.Restore(sim.GetClientLink(lpAlice), zvConfClientTypeData);
+    Kick(lpAlice), sim.Step();
+    sim.Cut(sim.GetClientLink(lpAlice), zvConfClientTypeData), sim.Restore(sim.GetClientLink(lpAlice), zvConfClientTypeData);
     Kick(lpAlice);
     ASSERT_TRUE(sim.Run());
     EXPECT_EQ(FakeOf(lpAlice).CallsOf("OnSend").size(), 6u) << "the lost ten don't hold the new link back";

@@ -42,12 +42,11 @@ TEST(SimJournal, TracesEachPduEventAndCallOnOneLineTheSameInEveryRun)
         ZV_SimFakeConference sim;
         ZV_SimShape shape = sim.OneServerTwoClients();
         ZV_SimHost* lpAlice = shape.Client(0);
+        static const uint8_t kAnswer[] = {7}, kEvent[] = {0xb8, 0x0b};
         FakeOf(shape.Server()).fnOnPdu = [](ZV_SimFakeModule& self, const ConfPduData& cpd) {
-            const uint8_t kAnswer[] = {7};
             self.m_lpConf->SendPduToGroup(cpd.ulConn, 0, 8002, kAnswer, 1, 1, 1);
         };
         FakeOf(shape.Client(1)).fnOnPdu = [](ZV_SimFakeModule& self, const ConfPduData&) {
-            const uint8_t kEvent[] = {0xb8, 0x0b};
             self.m_lpConfSink->OnConfEvent(self.m_lpConf, 3000, 2, kEvent);
         };
         std::vector<std::string> vecSeen;

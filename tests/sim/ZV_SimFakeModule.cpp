@@ -10,11 +10,7 @@ IZV_ConfModule* CreateFake(const char* pszName)
 {
     return std::string(pszName) == ZV_FILESHARE_INTERFACE_NAME ? new ZV_SimFakeModule : nullptr;
 }
-
-void DestroyFake(IZV_ConfModule* lpModule)
-{
-    delete static_cast<ZV_SimFakeModule*>(lpModule);
-}
+void DestroyFake(IZV_ConfModule* lpModule) { delete static_cast<ZV_SimFakeModule*>(lpModule); }
 
 ZV_SimShape Checked(const ZV_SimShape& shape, const ZV_SimConference& sim)
 {
@@ -24,15 +20,9 @@ ZV_SimShape Checked(const ZV_SimShape& shape, const ZV_SimConference& sim)
 
 }  // namespace
 
-ZV_SimModuleApi ZV_SimFakeApi()
-{
-    return ZV_SimModuleApi::FromFactory(&CreateFake, &DestroyFake);
-}
+ZV_SimModuleApi ZV_SimFakeApi() { return ZV_SimModuleApi::FromFactory(&CreateFake, &DestroyFake); }
 
-ZV_SimFakeModule& FakeOf(const ZV_SimHost* lpNode)
-{
-    return *static_cast<ZV_SimFakeModule*>(lpNode->GetModule());
-}
+ZV_SimFakeModule& FakeOf(const ZV_SimHost* lpNode) { return *static_cast<ZV_SimFakeModule*>(lpNode->GetModule()); }
 
 std::string JournalLines(size_t nFirst, const std::string& sPrefix, const std::vector<std::string>& vecTexts)
 {
@@ -53,10 +43,7 @@ ZV_SimFakeConference::ZV_SimFakeConference(const std::function<void(ZV_SimOption
 {
 }
 
-ZV_SimShape ZV_SimFakeConference::OneServerTwoClients()
-{
-    return Checked(ZV_SimBuilder::OneServerTwoClients(*this), *this);
-}
+ZV_SimShape ZV_SimFakeConference::OneServerTwoClients() { return Checked(ZV_SimBuilder::OneServerTwoClients(*this), *this); }
 
 ZV_SimShape ZV_SimFakeConference::TwoLinkedServers(int nClientsEach, uint32_t ulConfID)
 {

@@ -43,13 +43,9 @@ public:
     uint32_t HandlePdu(ConfPduData* lpCpd) override;
     uint32_t OnSend(ConfPduData* lpCpd) override;
     uint32_t OnConnect(const QB_UserID* lpPeer, uint32_t ulConn, uint16_t usConnType, uint32_t) override
-    {
-        return Record("OnConnect", *lpPeer, ulConn, usConnType), 0;
-    }
+    { return Record("OnConnect", *lpPeer, ulConn, usConnType), 0; }
     uint32_t OnDisconnect(const QB_UserID* lpPeer, uint32_t ulConn, uint16_t usConnType, uint32_t) override
-    {
-        return Record("OnDisconnect", *lpPeer, ulConn, usConnType), 0;
-    }
+    { return Record("OnDisconnect", *lpPeer, ulConn, usConnType), 0; }
     void OnTimer(uint32_t ulTick) override { Record("OnTimer", {}, ulTick); }
     uint32_t OnEvent(uint16_t usEvent, uintptr_t a1, uintptr_t a2, uintptr_t, uintptr_t) override;
     bool GetInterface(uint16_t, void** lppOut) override { return *lppOut = nullptr, false; }

@@ -2,19 +2,18 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cctype>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <random>
+#include <stdexcept>
+
+#include <stdlib.h>
 
 namespace fs = std::filesystem;
 
 // The folder's name holds the running test's name, its unsafe characters
-// (parameterised tests carry "/") as "_", and a random part; a name taken
-// by another run just draws a new one.
+// (parameterised tests carry "/") as "_", and a part mkdtemp makes unique.
 QB_TempFolder::QB_TempFolder()
 {
     const auto* lpInfo = ::testing::UnitTest::GetInstance()->current_test_info();
@@ -24,19 +23,10 @@ QB_TempFolder::QB_TempFolder()
             ch = '_';
     const fs::path pathBase = fs::temp_directory_path() / "roomcrate-tests";
     fs::create_directories(pathBase);
-    static std::atomic<unsigned> s_nSerial{0};
-    std::random_device rd;
-    for (;;)
-    {
-        char szSuffix[32];
-        std::snprintf(szSuffix, sizeof szSuffix, "-%08x-%u", rd(), s_nSerial.fetch_add(1));
-        const fs::path path = pathBase / (sName + szSuffix);
-        if (fs::create_directory(path))
-        {
-            m_sPath = path.string();
-            return;
-        }
-    }
+    std::string sTemplate = (pathBase / (sName + "-XXXXXX")).string();
+    if (::mkdtemp(sTemplate.data()) == nullptr)
+        throw std::runtime_error("no temporary folder: " + sTemplate);
+    m_sPath = sTemplate;
 }
 
 // Read-only files left behind go too: removal needs only the folder's write bit.

@@ -30,20 +30,10 @@ public:
     static void NotifyTransferError(S& s, uint32_t ulResult, uint16_t usFileID) { s.NotifyTransferError(ulResult, usFileID); }
     static void NotifyDownloadFinished(S& s, uint32_t ulResult, uint16_t usFileID) { s.NotifyDownloadFinished(ulResult, usFileID); }
     static void NotifyDownloadProgress(S& s, uint32_t ulResult, uint16_t usFileID, double dPercent, uint32_t ulUsed)
-    {
-        s.NotifyDownloadProgress(ulResult, usFileID, dPercent, ulUsed);
-    }
-    static void NotifyStopResult(S& s, uint32_t ulResult, uint16_t usFileID, uint8_t bStop)
-    {
-        s.NotifyStopResult(ulResult, usFileID, bStop);
-    }
+    { s.NotifyDownloadProgress(ulResult, usFileID, dPercent, ulUsed); }
+    static void NotifyStopResult(S& s, uint32_t ulResult, uint16_t usFileID, uint8_t bStop) { s.NotifyStopResult(ulResult, usFileID, bStop); }
     static void NotifyTransferState(S& s, uint8_t bUpload, uint16_t usFileID, uint16_t usState)
-    {
-        s.NotifyTransferState(bUpload, usFileID, usState);
-    }
+    { s.NotifyTransferState(bUpload, usFileID, usState); }
     static void WakeDownloaders(S& s, uint32_t ulPos) { s.WakeDownloaders(ulPos); }
-    static QB_StringW MakeStoredFileName(const QB_StringW& sFolder, const QB_StringW& sName)
-    {
-        return S::MakeStoredFileName(sFolder, sName);
-    }
+    static QB_StringW MakeStoredFileName(const QB_StringW& sFolder, const QB_StringW& sName) { return S::MakeStoredFileName(sFolder, sName); }
 };
