@@ -73,14 +73,14 @@ private:
     void Settle();
     void Note(const std::string& sStep);
     void Problem(const std::string& sProblem);
+    void Expect(bool bDone, const std::string& sProblem);
 
     // --- the steps
     void StepShare();
     void StepShareBatch();
     void StepUpload();
     void StepDownload();
-    void StepStopOrResumeDownload();
-    void StepStopOrResumeUpload();
+    void StepStopOrResume(bool bUpload);
     void StepRights();
     void StepDelete();
     void StepDropDownload();
@@ -90,6 +90,8 @@ private:
     void StepRestartClient();
     void StepRole();
     void StepTime();
+    void StepHostilePdu();
+    void StepFileFault();
 
     // --- the checks
     void CheckDownloads();
@@ -100,24 +102,15 @@ private:
     bool IsWaitingForAnUpload(const Client& client, uint16_t usFileID);
     void CheckFlags();
     void CheckViews();
-    void StepHostilePdu();
-    void StepFileFault();
-    std::string Describe(const Client& client, uint16_t usFileID);
-    std::string DescribeServers(uint16_t usFileID);
-    bool IsNodeFile(const std::vector<std::string>& vecPart) const;
 
     // --- helpers
     Client& AnyClient();
-    bool IsPresent(const Client& client);
-    std::vector<uint16_t> KnownFiles(const Client& client, bool bOwnOnly);
+    Client* AnyClientWithFile(bool bOwnOnly, uint16_t& usFileID);
     bool PickFile(const Client& client, bool bOwnOnly, uint16_t& usFileID);
     std::string MakeSource(const Client& client);
-    IZV_FileShareMgr* Fs(const Client& client);
     std::vector<QB_UserID> SomeUsers();
-    bool AllServerLinksUp() const;
     std::vector<ZV_SimLink*> ServerLinks() const;
     const Share* FindShare(const std::string& sName) const;
-    void CollectDeletes();
     uint16_t FileIDsPerServer() const;
     uint32_t Random(uint32_t ulBelow);
     bool Chance(uint32_t ulPercent);
