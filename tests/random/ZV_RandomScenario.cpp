@@ -42,11 +42,6 @@ std::u16string Wide(const std::string& sPath)
     return std::u16string(sWide.GetString(), (size_t)sWide.GetLength());
 }
 
-std::string Narrow(const QB_StringU8& s)
-{
-    return std::string(s.GetString(), (size_t)s.GetLength());
-}
-
 ZV_FileShareMgr* Manager(ZV_SimHost* lpNode)
 {
     return static_cast<ZV_FileShareMgr*>(lpNode->GetModule());
@@ -142,14 +137,6 @@ struct ZV_RandomScenario::Client
     const QB_UserID& Self() const { return lpNode->GetUserID(); }
 };
 
-// A file a user shared: its name is unique in the run, so any record that
-// names it names its source.
-struct ZV_RandomScenario::Share
-{
-    std::string sName;
-    std::string sPath;
-};
-
 // A delete a user asked for, and where the journal stood then.
 struct ZV_RandomScenario::Deleted
 {
@@ -215,10 +202,7 @@ void ZV_RandomScenario::Expect(bool bDone, const std::string& sProblem)
 
 ZV_RandomReport ZV_RandomScenario::Run()
 {
-    ZV_RandomReport report;
-    report.ulSeed = m_options.ulSeed;
-    report.nSteps = m_options.nSteps;
-    report.bSmallFileIDs = m_options.bSmallFileIDs;
+    ZV_RandomReport report{m_options.ulSeed, m_options.nSteps, m_options.bSmallFileIDs, {}, {}, {}};
     if (Build())
     {
         for (int i = 0; i < m_options.nSteps && m_vecProblems.empty(); ++i)
@@ -294,9 +278,8 @@ void ZV_RandomScenario::Deliver()
 {
     if (Chance(50))
         return Expect(m_lpSim->Run(), "the conference never settled");
-    for (uint32_t i = 0, nSteps = Random(400); i < nSteps && m_lpSim->Step(); ++i)
-    {
-    }
+    for (uint32_t nSteps = Random(400); nSteps > 0 && m_lpSim->Step(); --nSteps)
+        continue;
 }
 
 void ZV_RandomScenario::TakeStep()
@@ -307,13 +290,13 @@ void ZV_RandomScenario::TakeStep()
     std::vector<std::pair<uint32_t, std::function<void()>>> aSteps = {
         {bFew ? 22u : 14u, [this] { StepShare(); }},
         {4, [this] { StepShareBatch(); }},
-        {4, [this] { StepUpload(); }},
-        {18, [this] { StepDownload(); }},
-        {8, [this] { StepStopOrResume(false); }},
-        {5, [this] { StepStopOrResume(true); }},
-        {6, [this] { StepRights(); }},
+        {4, [this] { WithFile(true, std::bind_front(&ZV_RandomScenario::StepUpload, this)); }},
+        {18, [this] { WithFile(false, std::bind_front(&ZV_RandomScenario::StepDownload, this)); }},
+        {8, [this] { WithFile(false, std::bind_front(&ZV_RandomScenario::StepStopOrResume, this, false)); }},
+        {5, [this] { WithFile(true, std::bind_front(&ZV_RandomScenario::StepStopOrResume, this, true)); }},
+        {6, [this] { WithFile(true, std::bind_front(&ZV_RandomScenario::StepRights, this)); }},
         {bFew ? 16u : 5u, [this] { StepDelete(); }},
-        {3, [this] { StepDropDownload(); }},
+        {3, [this] { WithFile(false, std::bind_front(&ZV_RandomScenario::StepDropDownload, this)); }},
         {10, [this] { StepCutOrRestore(); }},
         {6, [this] { StepLeaveOrRejoin(); }},
         {3, [this] { StepRestartServer(); }},
@@ -342,7 +325,6 @@ void ZV_RandomScenario::TakeStep()
     Deliver();
 }
 
-// ---------------------------------------------------------------------------
 // Helpers
 
 ZV_RandomScenario::Client& ZV_RandomScenario::AnyClient()
@@ -350,12 +332,14 @@ ZV_RandomScenario::Client& ZV_RandomScenario::AnyClient()
     return *m_vecClients[Random((uint32_t)m_vecClients.size())];
 }
 
-// Any client, and a file it holds (its user's own only, if so asked); null
-// when it holds none.
-ZV_RandomScenario::Client* ZV_RandomScenario::AnyClientWithFile(bool bOwnOnly, uint16_t& usFileID)
+// A step on any client and a file it holds (its user's own only, if so
+// asked); none when it holds none.
+void ZV_RandomScenario::WithFile(bool bOwnOnly, const std::function<void(Client&, uint16_t)>& fnStep)
 {
     Client& client = AnyClient();
-    return PickFile(client, bOwnOnly, usFileID) ? &client : nullptr;
+    uint16_t usFileID = 0;
+    if (PickFile(client, bOwnOnly, usFileID))
+        fnStep(client, usFileID);
 }
 
 bool ZV_RandomScenario::PickFile(const Client& client, bool bOwnOnly, uint16_t& usFileID)
@@ -382,7 +366,7 @@ std::string ZV_RandomScenario::MakeSource(const Client& client)
         b = (uint8_t)rngBytes();
     const std::string sPath = client.sSources + "/" + sName;
     QB_WriteWholeFile(sPath, vbData);
-    m_vecShares.push_back({sName, sPath});
+    m_mapShares[sName] = sPath;
     return sName;
 }
 
@@ -403,15 +387,12 @@ std::vector<ZV_SimLink*> ZV_RandomScenario::ServerLinks() const
     return vecLinks;
 }
 
-const ZV_RandomScenario::Share* ZV_RandomScenario::FindShare(const std::string& sName) const
+const std::string* ZV_RandomScenario::FindShare(const std::string& sName) const
 {
-    for (const Share& share : m_vecShares)
-        if (share.sName == sName)
-            return &share;
-    return nullptr;
+    const auto it = m_mapShares.find(sName);
+    return it == m_mapShares.end() ? nullptr : &it->second;
 }
 
-// ---------------------------------------------------------------------------
 // The steps
 
 void ZV_RandomScenario::StepShare()
@@ -442,53 +423,39 @@ void ZV_RandomScenario::StepShareBatch()
     Note(client.sName + " shares " + Num(vecNames.size()) + " files from " + vecNames.front() + ": " + Num(ulResult));
 }
 
-void ZV_RandomScenario::StepUpload()
+void ZV_RandomScenario::StepUpload(Client& client, uint16_t usFileID)
 {
-    uint16_t usFileID = 0;
-    if (Client* lpClient = AnyClientWithFile(true, usFileID))
-        Note(lpClient->sName + " uploads " + Num(usFileID) + ": " + Num(lpClient->Fs()->FsUpload(usFileID)));
+    Note(client.sName + " uploads " + Num(usFileID) + ": " + Num(client.Fs()->FsUpload(usFileID)));
 }
 
-void ZV_RandomScenario::StepDownload()
+void ZV_RandomScenario::StepDownload(Client& client, uint16_t usFileID)
 {
-    uint16_t usFileID = 0;
-    Client* lpClient = AnyClientWithFile(false, usFileID);
-    if (lpClient == nullptr)
-        return;
-    const std::string sTarget = lpClient->sDownloads + "/d" + Num(++m_nNextTarget) + ".bin";
-    lpClient->setTargets.insert(sTarget);
-    const uint32_t ulResult = lpClient->Fs()->FsDownload(usFileID, Wide(sTarget).c_str());
-    Note(lpClient->sName + " downloads " + Num(usFileID) + " to " + fs::path(sTarget).filename().string() + ": " +
+    const std::string sTarget = client.sDownloads + "/d" + Num(++m_nNextTarget) + ".bin";
+    client.setTargets.insert(sTarget);
+    const uint32_t ulResult = client.Fs()->FsDownload(usFileID, Wide(sTarget).c_str());
+    Note(client.sName + " downloads " + Num(usFileID) + " to " + fs::path(sTarget).filename().string() + ": " +
          Num(ulResult));
 }
 
 // A download of any file, or an upload of the user's own.
-void ZV_RandomScenario::StepStopOrResume(bool bUpload)
+void ZV_RandomScenario::StepStopOrResume(bool bUpload, Client& client, uint16_t usFileID)
 {
-    uint16_t usFileID = 0;
-    Client* lpClient = AnyClientWithFile(bUpload, usFileID);
-    if (lpClient == nullptr)
-        return;
     const bool bStop = Chance(50);
-    IZV_FileShareMgr* lpFs = lpClient->Fs();
+    IZV_FileShareMgr* lpFs = client.Fs();
     const uint32_t ulResult = bUpload ? (bStop ? lpFs->FsStopUpload(usFileID) : lpFs->FsResumeUpload(usFileID))
                                       : (bStop ? lpFs->FsStopDownload(usFileID) : lpFs->FsResumeDownload(usFileID));
-    Note(lpClient->sName + (bStop ? " stops" : " resumes") + (bUpload ? " upload " : " download ") + Num(usFileID) +
+    Note(client.sName + (bStop ? " stops" : " resumes") + (bUpload ? " upload " : " download ") + Num(usFileID) +
          ": " + Num(ulResult));
 }
 
-void ZV_RandomScenario::StepRights()
+void ZV_RandomScenario::StepRights(Client& client, uint16_t usFileID)
 {
-    uint16_t usFileID = 0;
-    Client* lpClient = AnyClientWithFile(true, usFileID);
-    if (lpClient == nullptr)
-        return;
     const std::vector<QB_UserID> vecAdd = SomeUsers();
     const std::vector<QB_UserID> vecRemove = SomeUsers();
     const uint8_t bPublic = Chance(40) ? 1 : 0;
-    const uint32_t ulResult = lpClient->Fs()->FsSetRight(usFileID, bPublic, vecAdd.data(), (uint32_t)vecAdd.size(),
+    const uint32_t ulResult = client.Fs()->FsSetRight(usFileID, bPublic, vecAdd.data(), (uint32_t)vecAdd.size(),
                                                          vecRemove.data(), (uint32_t)vecRemove.size());
-    Note(lpClient->sName + " sets the rights of " + Num(usFileID) + (bPublic ? " public" : " to a list") + ": " +
+    Note(client.sName + " sets the rights of " + Num(usFileID) + (bPublic ? " public" : " to a list") + ": " +
          Num(ulResult));
 }
 
@@ -510,15 +477,11 @@ void ZV_RandomScenario::StepDelete()
     Note(client.sName + " deletes " + Num(usFileID) + " (" + sName + "): " + Num(ulResult));
 }
 
-void ZV_RandomScenario::StepDropDownload()
+void ZV_RandomScenario::StepDropDownload(Client& client, uint16_t usFileID)
 {
-    uint16_t usFileID = 0;
-    Client* lpClient = AnyClientWithFile(false, usFileID);
-    if (lpClient == nullptr)
-        return;
     const uint8_t bDelete = Chance(50) ? 1 : 0;
-    Note(lpClient->sName + " drops download " + Num(usFileID) + (bDelete ? " and its file" : "") + ": " +
-         Num(lpClient->Fs()->FsDelDownload(usFileID, bDelete)));
+    Note(client.sName + " drops download " + Num(usFileID) + (bDelete ? " and its file" : "") + ": " +
+         Num(client.Fs()->FsDelDownload(usFileID, bDelete)));
 }
 
 // A server link, whole or only its data connection, or a client's data
@@ -659,7 +622,6 @@ void ZV_RandomScenario::StepFileFault()
     Note("file operation " + Num((int)op) + " fails at the " + Num(nNth) + "th");
 }
 
-// ---------------------------------------------------------------------------
 // The end: everything comes back, what stands still goes on, and the
 // conference settles.
 
@@ -702,7 +664,6 @@ void ZV_RandomScenario::Settle()
         Expect(m_lpSim->AdvanceTime(25000), "the conference never settled");
 }
 
-// ---------------------------------------------------------------------------
 // The checks
 
 // A finished download is compared with the file its record names.
@@ -713,14 +674,15 @@ void ZV_RandomScenario::CheckDownloads()
             const ZV_FileDownloadInfo& download = session.LocalDownload();
             if (download.m_usState != zvDownloadStateFinished)
                 return;
-            const Share* lpShare = FindShare(Narrow(download.m_sFileFullName));
+            const std::string sShare = Narrow(download.m_sFileFullName);
+            const std::string* lpSource = FindShare(sShare);
             std::string sLocal = Narrow(download.m_sFilePath + download.m_sFileName);
             std::replace(sLocal.begin(), sLocal.end(), '\\', '/');
-            if (lpShare == nullptr)
+            if (lpSource == nullptr)
                 Problem(lpClient->sName + " finished a download of " + Num(usFileID) + " from a file nobody shared: " +
                         Narrow(download.m_sFileFullName));
-            else if (fs::exists(sLocal) && QB_ReadWholeFile(sLocal) != QB_ReadWholeFile(lpShare->sPath))
-                Problem(lpClient->sName + "'s download of " + Num(usFileID) + " (" + lpShare->sName +
+            else if (fs::exists(sLocal) && QB_ReadWholeFile(sLocal) != QB_ReadWholeFile(*lpSource))
+                Problem(lpClient->sName + "'s download of " + Num(usFileID) + " (" + sShare +
                         ") differs from its source");
         });
 }
@@ -756,7 +718,7 @@ void ZV_RandomScenario::CheckCatalogues()
             else if (!ec && brief.m_usFileState == zvFileStateComplete && nSize != brief.m_ulFileLenth)
                 Problem(sWhere + ": complete, but " + Num(nSize) + " of " + Num(brief.m_ulFileLenth) + " bytes stored");
             else if (!ec && brief.m_usFileState == zvFileStateComplete &&
-                     (FindShare(sName) == nullptr || QB_ReadWholeFile(sStored) != QB_ReadWholeFile(FindShare(sName)->sPath)))
+                     (!FindShare(sName) || QB_ReadWholeFile(sStored) != QB_ReadWholeFile(*FindShare(sName))))
                 Problem(sWhere + ": the stored bytes differ from the source");
         }
     }

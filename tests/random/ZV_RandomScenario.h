@@ -15,6 +15,7 @@
 #include <random>
 #include <set>
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -63,7 +64,6 @@ public:
 
 private:
     struct Client;
-    struct Share;
     struct Deleted;
 
     // --- the run
@@ -78,12 +78,12 @@ private:
     // --- the steps
     void StepShare();
     void StepShareBatch();
-    void StepUpload();
-    void StepDownload();
-    void StepStopOrResume(bool bUpload);
-    void StepRights();
+    void StepUpload(Client& client, uint16_t usFileID);
+    void StepDownload(Client& client, uint16_t usFileID);
+    void StepStopOrResume(bool bUpload, Client& client, uint16_t usFileID);
+    void StepRights(Client& client, uint16_t usFileID);
     void StepDelete();
-    void StepDropDownload();
+    void StepDropDownload(Client& client, uint16_t usFileID);
     void StepCutOrRestore();
     void StepLeaveOrRejoin();
     void StepRestartServer();
@@ -105,12 +105,12 @@ private:
 
     // --- helpers
     Client& AnyClient();
-    Client* AnyClientWithFile(bool bOwnOnly, uint16_t& usFileID);
+    void WithFile(bool bOwnOnly, const std::function<void(Client&, uint16_t)>& fnStep);
     bool PickFile(const Client& client, bool bOwnOnly, uint16_t& usFileID);
     std::string MakeSource(const Client& client);
     std::vector<QB_UserID> SomeUsers();
     std::vector<ZV_SimLink*> ServerLinks() const;
-    const Share* FindShare(const std::string& sName) const;
+    const std::string* FindShare(const std::string& sName) const;
     uint16_t FileIDsPerServer() const;
     uint32_t Random(uint32_t ulBelow);
     bool Chance(uint32_t ulPercent);
@@ -121,7 +121,8 @@ private:
     int m_nServers = 0;
     std::vector<ZV_SimHost*> m_vecServers;
     std::vector<std::unique_ptr<Client>> m_vecClients;
-    std::vector<Share> m_vecShares;
+    // The source of each file shared, by its name, unique in the run.
+    std::map<std::string, std::string> m_mapShares;
     std::vector<Deleted> m_vecDeleted;
     int m_nNextShare = 0;
     int m_nNextTarget = 0;

@@ -9,11 +9,6 @@
 
 namespace {
 
-std::string Narrow(const QB_StringU8& s)
-{
-    return std::string(s.GetString(), (size_t)s.GetLength());
-}
-
 // Public, or named by the rights: the user may have the file's bytes.
 bool HasRight(const ZV_FileBriefInfo& brief, const QB_UserID& user)
 {
@@ -53,6 +48,12 @@ bool ZV_UserView::MayHave(uint16_t usFileID, bool bRight, const std::string& sWh
     return bMay;
 }
 
+void ZV_UserView::Show(uint16_t usFileID, const ZV_FileBriefInfo& brief, const std::string& sWhat)
+{
+    if (MayHave(usFileID, false, sWhat, &brief))
+        Learn(usFileID, Narrow(brief.m_sFileOldName), brief.m_ulFileLenth, brief.m_usFileState);
+}
+
 void ZV_UserView::Learn(uint16_t usFileID, const std::string& sName, uint32_t ulLength, uint16_t usState)
 {
     ZV_ToldFile& told = m_mapFiles[usFileID];
@@ -82,9 +83,7 @@ void ZV_UserView::OnEvent(uint16_t usEvent, const std::vector<uint8_t>& vbData)
             LoadU16Array(stream, arrFileID);
             LoadSequence(stream, arrInfo);
             for (int i = 0; i < arrFileID.GetSize() && i < arrInfo.GetSize(); ++i)
-                if (MayHave(arrFileID[i], false, sWhat, &arrInfo[i]))
-                    Learn(arrFileID[i], Narrow(arrInfo[i].m_sFileOldName), arrInfo[i].m_ulFileLenth,
-                          arrInfo[i].m_usFileState);
+                Show(arrFileID[i], arrInfo[i], sWhat);
             return;
         }
         const uint32_t ulResult = stream.ReadU32();
@@ -100,8 +99,7 @@ void ZV_UserView::OnEvent(uint16_t usEvent, const std::vector<uint8_t>& vbData)
         {
             ZV_FileBriefInfo brief;
             LoadDelimited(stream, brief);
-            if (MayHave(usFileID, false, sWhat, &brief))
-                Learn(usFileID, Narrow(brief.m_sFileOldName), brief.m_ulFileLenth, brief.m_usFileState);
+            Show(usFileID, brief, sWhat);
             break;
         }
         case zvFsEventFileHidden:
@@ -115,17 +113,12 @@ void ZV_UserView::OnEvent(uint16_t usEvent, const std::vector<uint8_t>& vbData)
             MayHave(usFileID, true, sWhat);
             break;
         case zvFsEventTransferState:
-            if (MayHave(usFileID, false, sWhat) && bUpload && m_mapFiles.count(usFileID))
-            {
-                const ZV_ToldFile& told = m_mapFiles[usFileID];
-                Learn(usFileID, told.sName, told.ulLength, stream.ReadU16());
-            }
-            break;
         case zvFsEventTransferError:
-            if (MayHave(usFileID, false, sWhat) && m_mapFiles.count(usFileID))
+            if (MayHave(usFileID, false, sWhat) && (bUpload || usEvent == zvFsEventTransferError) &&
+                m_mapFiles.count(usFileID))
             {
                 const ZV_ToldFile& told = m_mapFiles[usFileID];
-                Learn(usFileID, told.sName, told.ulLength, zvFileStateFailed);
+                Learn(usFileID, told.sName, told.ulLength, bUpload ? stream.ReadU16() : (uint16_t)zvFileStateFailed);
             }
             break;
         default:  // an upload's progress, a stop's answer

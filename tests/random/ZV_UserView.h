@@ -26,6 +26,11 @@
 #include <string>
 #include <vector>
 
+inline std::string Narrow(const QB_StringU8& s)
+{
+    return std::string(s.GetString(), (size_t)s.GetLength());
+}
+
 struct ZV_ToldFile
 {
     std::string sName;
@@ -57,6 +62,8 @@ private:
     // record, lets the user see the file (bRight false) or have it (bRight
     // true); else a problem is noted.
     bool MayHave(uint16_t usFileID, bool bRight, const std::string& sWhat, const ZV_FileBriefInfo* lpBrief = nullptr);
+    // The news of a file the user may see: the view takes its description.
+    void Show(uint16_t usFileID, const ZV_FileBriefInfo& brief, const std::string& sWhat);
     void Learn(uint16_t usFileID, const std::string& sName, uint32_t ulLength, uint16_t usState);
 
     ZV_SimHost* m_lpClient;
