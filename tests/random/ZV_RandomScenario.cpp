@@ -24,9 +24,6 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr uint32_t kConfID = ZV_SimBuilder::kConfID;
-// FileIDs of server n run from FileIDsPerServer() * (n - 1) + 1.
-constexpr uint16_t kFileIDsPerServer = 1000;
-constexpr uint16_t kFewFileIDsPerServer = 3;
 // Sizes around the block, so that ends of blocks and of PDUs are met.
 constexpr uint32_t kSizes[] = {0, 1, 1000, 32767, 32768, 32769, 65543, 98304, 98305, 150000, 250007};
 
@@ -103,9 +100,8 @@ std::string DescribeFile(ZV_SimHost* lpClient, const std::vector<ZV_SimHost*>& v
     return sText;
 }
 
-// nodes/NODE/ holds the host's "confsrv.ini", the catalogue, the share
-// ledger and the logs; a server's store holds its conference's files, one
-// level deep.
+// nodes/NODE/: "confsrv.ini", catalogue, share ledger, logs, and a server's
+// store of its conference's files.
 bool IsNodeFile(const std::vector<std::string>& vecPart)
 {
     if (vecPart.size() == 3)
@@ -165,26 +161,11 @@ ZV_RandomScenario::ZV_RandomScenario(ZV_RandomOptions options) : m_options(std::
 
 ZV_RandomScenario::~ZV_RandomScenario() = default;
 
-uint16_t ZV_RandomScenario::FileIDsPerServer() const
-{
-    return m_options.bSmallFileIDs ? kFewFileIDsPerServer : kFileIDsPerServer;
-}
-
 uint32_t ZV_RandomScenario::Random(uint32_t ulBelow)
 {
     if (ulBelow == 0)
         return 0;
     return m_options.fnDraw ? m_options.fnDraw(ulBelow) % ulBelow : (uint32_t)(m_rng() % ulBelow);
-}
-
-bool ZV_RandomScenario::Chance(uint32_t ulPercent)
-{
-    return Random(100) < ulPercent;
-}
-
-void ZV_RandomScenario::Note(const std::string& sStep)
-{
-    m_vecSteps.push_back(sStep);
 }
 
 void ZV_RandomScenario::Problem(const std::string& sProblem)
@@ -211,16 +192,11 @@ ZV_RandomReport ZV_RandomScenario::Run()
         m_lpSim->GetEnv().ClearFaults();
         if (m_vecProblems.empty())
             Settle();
+        using S = ZV_RandomScenario;
         if (m_vecProblems.empty())
-        {
-            CheckDownloads();
-            CheckCatalogues();
-            CheckDeletes();
-            CheckWrites();
-            CheckIdle();
-            CheckFlags();
-            CheckViews();
-        }
+            for (auto fnCheck : {&S::CheckDownloads, &S::CheckCatalogues, &S::CheckDeletes, &S::CheckWrites,
+                                 &S::CheckIdle, &S::CheckFlags, &S::CheckViews})
+                (this->*fnCheck)();
     }
     report.vecProblems = m_vecProblems;
     const size_t nKept = m_options.bWholeJournal ? SIZE_MAX : 40;
@@ -312,28 +288,19 @@ void ZV_RandomScenario::TakeStep()
     uint32_t ulTotal = 0;
     for (const auto& step : aSteps)
         ulTotal += step.first;
-    uint32_t ulPick = Random(ulTotal);
-    for (const auto& step : aSteps)
-    {
-        if (ulPick < step.first)
-        {
-            step.second();
-            break;
-        }
-        ulPick -= step.first;
-    }
+    auto it = aSteps.begin();
+    for (uint32_t ulPick = Random(ulTotal); ulPick >= it->first; ++it)
+        ulPick -= it->first;
+    it->second();
     Deliver();
 }
-
-// Helpers
 
 ZV_RandomScenario::Client& ZV_RandomScenario::AnyClient()
 {
     return *m_vecClients[Random((uint32_t)m_vecClients.size())];
 }
 
-// A step on any client and a file it holds (its user's own only, if so
-// asked); none when it holds none.
+// A step on any client and a file it holds (its user's own, if so asked).
 void ZV_RandomScenario::WithFile(bool bOwnOnly, const std::function<void(Client&, uint16_t)>& fnStep)
 {
     Client& client = AnyClient();
@@ -355,8 +322,7 @@ bool ZV_RandomScenario::PickFile(const Client& client, bool bOwnOnly, uint16_t& 
     return true;
 }
 
-// A new file of the client's with a name no other file of the run has and
-// bytes of its own.
+// A new file of the client's, of a name and bytes unique in the run.
 std::string ZV_RandomScenario::MakeSource(const Client& client)
 {
     const std::string sName = "f" + Num(++m_nNextShare) + "_" + client.sName + ".bin";
@@ -392,8 +358,6 @@ const std::string* ZV_RandomScenario::FindShare(const std::string& sName) const
     const auto it = m_mapShares.find(sName);
     return it == m_mapShares.end() ? nullptr : &it->second;
 }
-
-// The steps
 
 void ZV_RandomScenario::StepShare()
 {
@@ -459,8 +423,7 @@ void ZV_RandomScenario::StepRights(Client& client, uint16_t usFileID)
          Num(ulResult));
 }
 
-// Deletes of the user's own files, and now and then of another's by a user
-// who may.
+// Mostly of the user's own files, now and then of another's.
 void ZV_RandomScenario::StepDelete()
 {
     Client& client = AnyClient();
@@ -484,8 +447,7 @@ void ZV_RandomScenario::StepDropDownload(Client& client, uint16_t usFileID)
          Num(client.Fs()->FsDelDownload(usFileID, bDelete)));
 }
 
-// A server link, whole or only its data connection, or a client's data
-// connection.
+// A server link, whole or its data only, or a client's data connection.
 void ZV_RandomScenario::StepCutOrRestore()
 {
     ZV_SimLink* lpLink = nullptr;
@@ -504,8 +466,7 @@ void ZV_RandomScenario::StepCutOrRestore()
         lpLink = m_lpSim->GetClientLink(client.lpNode);
         sWhat = client.sName + "'s link";
     }
-    // A client whose command connection goes has left the conference; that
-    // is the step of leaving and coming back.
+    // A client's command connection going is the step of leaving.
     const bool bDataOnly = !lpLink->IsServerLink() || Chance(30);
     const uint16_t usData = lpLink->IsServerLink() ? zvConfServerTypeData : zvConfClientTypeData;
     const bool bUp = lpLink->IsUp(zvSimCommand) && lpLink->IsUp(zvSimData);
@@ -531,9 +492,8 @@ void ZV_RandomScenario::StepLeaveOrRejoin()
     Note(client.sName + (bReturning ? " returns" : " rejoins"));
 }
 
-// A server that restarts forgets the deletes it knew of. Those may come
-// back from a server that has not heard of them yet: one cut off, or one
-// whose lists are still on their way.
+// A restarted server forgets its deletes; they may come back from a server
+// cut off or whose lists are still on their way.
 void ZV_RandomScenario::StepRestartServer()
 {
     const uint32_t n = 1 + Random((uint32_t)m_nServers);
@@ -546,9 +506,8 @@ void ZV_RandomScenario::StepRestartServer()
     ZV_SimHost* lpServer = m_vecServers[n - 1];
     Expect(m_lpSim->RestartServer(lpServer), "server " + Num(n) + " could not restart");
     Note("server " + Num(n) + " restarts");
-    // A host runs no conference whose manager could not read its
-    // configuration (the network server stops there): it is started again
-    // once the disk is sound.
+    // A manager that could not read its configuration runs no conference (a
+    // network server stops there): it starts again once the disk is sound.
     if (lpServer->GetInitializeResult() == zvResultOk)
         return;
     m_lpSim->GetEnv().ClearFaults();
@@ -584,10 +543,8 @@ void ZV_RandomScenario::StepTime()
     Note("the clock moves " + Num(ulMs) + " ms");
 }
 
-// A client sends its server a PDU of any number the table knows, or none,
-// with any payload, on either of its links: its server takes it only in
-// the name of the link's user, so that whatever it does the others see as
-// that user's doing, and every check still holds.
+// A PDU of any number and payload from a client on either link: its server
+// takes it only in the link user's name, so every check still holds.
 void ZV_RandomScenario::StepHostilePdu()
 {
     Client& client = AnyClient();
@@ -608,8 +565,7 @@ void ZV_RandomScenario::StepHostilePdu()
     Deliver();
 }
 
-// The next file operation of a kind fails, once or for good until the
-// next such step.
+// The next file operation of a kind fails, once or until the next such step.
 void ZV_RandomScenario::StepFileFault()
 {
     QB_FaultEnv& env = m_lpSim->GetEnv();
@@ -622,8 +578,7 @@ void ZV_RandomScenario::StepFileFault()
     Note("file operation " + Num((int)op) + " fails at the " + Num(nNth) + "th");
 }
 
-// The end: everything comes back, what stands still goes on, and the
-// conference settles.
+// Everything comes back, what stands still goes on, the conference settles.
 
 void ZV_RandomScenario::Settle()
 {
@@ -631,12 +586,10 @@ void ZV_RandomScenario::Settle()
     for (ZV_SimLink* lpLink : ServerLinks())
         m_lpSim->RestoreLink(lpLink);
     for (const auto& lpClient : m_vecClients)
-    {
         if (!lpClient->bPresent)
             lpClient->bPresent = m_lpSim->Rejoin(lpClient->lpNode, false);
         else
             m_lpSim->RestoreLink(m_lpSim->GetClientLink(lpClient->lpNode));
-    }
     Expect(m_lpSim->Run(), "the conference never settled after everything came back");
     if (!m_vecProblems.empty())
         return;
@@ -644,9 +597,8 @@ void ZV_RandomScenario::Settle()
     {
         const std::map<uint16_t, ZV_ToldFile>& mapTold = lpClient->lpView->Files();
         std::vector<std::pair<uint16_t, bool>> vecResume;
-        // A stopped upload goes on, and so does one its user was told had
-        // failed (a store the server could not write, say): the user tries
-        // again.
+        // A stopped upload goes on, and one its user was told had failed (a
+        // store the server could not write, say) is tried again.
         ForEachSession(lpClient->lpNode, [&](uint16_t usFileID, ZV_FileShareSession& session) {
             const auto it = mapTold.find(usFileID);
             const bool bToldFailed = it != mapTold.end() && it->second.usState == zvFileStateFailed;
@@ -663,8 +615,6 @@ void ZV_RandomScenario::Settle()
     for (int i = 0; i < 6 && m_vecProblems.empty(); ++i)
         Expect(m_lpSim->AdvanceTime(25000), "the conference never settled");
 }
-
-// The checks
 
 // A finished download is compared with the file its record names.
 void ZV_RandomScenario::CheckDownloads()
@@ -687,8 +637,8 @@ void ZV_RandomScenario::CheckDownloads()
         });
 }
 
-// Each row of each catalogue names a stored file inside the conference's
-// folder; a complete row's file has every byte of its source.
+// Each catalogue row names a stored file in the conference's folder; a
+// complete row's file has every byte of its source.
 void ZV_RandomScenario::CheckCatalogues()
 {
     for (int n = 1; n <= m_nServers; ++n)
@@ -707,10 +657,8 @@ void ZV_RandomScenario::CheckCatalogues()
             const std::string sStored = lpServer->GetHome() + "store/" + Num(kConfID) + "/" + Narrow(row.m_sFileNewName);
             std::error_code ec;
             const uintmax_t nSize = fs::file_size(sStored, ec);
-            // A row of a file this server no longer holds is a removal that
-            // could not be saved before the process ended, the disk refusing
-            // every write: no road reads it as a file, and a start that takes
-            // the catalogue back drops it with its missing file.
+            // A row of a file no longer held is a removal the disk refused
+            // to save: nothing reads it, and a restart drops it.
             if (ec && FindSession(lpServer, (uint16_t)ulFileID) != nullptr)
                 Problem(sWhere + ": no stored file " + Narrow(row.m_sFileNewName));
             else if (!ec && nSize > brief.m_ulFileLenth)
@@ -724,10 +672,9 @@ void ZV_RandomScenario::CheckCatalogues()
     }
 }
 
-// A delete counts once the user was told it went through: an 8009 with
-// result 0 for its FileID reached the user who asked. Unless a server
-// forgot it while a linked server was still cut off, no node holds the file
-// again, under its FileID or in a catalogue.
+// Once an 8009 with result 0 for its FileID reached the user who asked, no
+// node holds the file again, unless a server forgot the delete while a
+// linked server was still cut off.
 void ZV_RandomScenario::CheckDeletes()
 {
     for (size_t i = m_nDeletesMayReturn; i < m_vecDeleted.size(); ++i)
@@ -785,9 +732,8 @@ void ZV_RandomScenario::CheckWrites()
 }
 
 // No client is busy once settled, but a downloader of a file whose upload
-// never began and never can: its creator withdrew it (and a server that
-// missed the delete brought it back) or left before uploading it (and a
-// server that missed that keeps it). No time-out ends a transfer.
+// never began and never can (its creator withdrew it or left first, and a
+// server that missed that kept it): no time-out ends a transfer.
 void ZV_RandomScenario::CheckIdle()
 {
     for (const auto& lpClient : m_vecClients)
@@ -820,10 +766,8 @@ bool ZV_RandomScenario::IsWaitingForAnUpload(const Client& client, uint16_t usFi
            held.m_BriefInfo.IsSameFile(lpOwn->BriefInfo());
 }
 
-// Every PDU ends in the two flags of its kind. The group's progress report
-// uses 0, 0 while the transfer runs and 1, 1 at its end, and a server's 8037
-// is 1, 0 only as the upload list sends it; the scene of the wire flags
-// tells those cases apart.
+// Every PDU ends in the two flags of its kind; a group progress report may
+// be 0, 0 while the transfer runs, an 8037 1, 0 from the upload list.
 void ZV_RandomScenario::CheckFlags()
 {
     using Flags = std::pair<uint8_t, uint8_t>;
@@ -844,12 +788,11 @@ void ZV_RandomScenario::CheckFlags()
     }
 }
 
-// Once settled, each user side holds what its server holds for the user:
-// the files the user may see, by name, length and state. A creator's client
-// keeps its own state of its own file over a list's unless its own says
-// complete, and may have been told "stopped" or "uploading" by a list of a
-// file the server holds whole (an upload asked again and stopped while away
-// runs to an end the server, holding every byte, never answers).
+// Once settled, each user side holds the files its server holds that the
+// user may see, by name, length and state. A creator keeps its own state of
+// its file unless complete, and a list may have told it "stopped" or
+// "uploading" of a file the server holds whole (an upload asked again while
+// away that the server, holding every byte, never answers).
 void ZV_RandomScenario::CheckViews()
 {
     for (const auto& lpClient : m_vecClients)
@@ -859,10 +802,8 @@ void ZV_RandomScenario::CheckViews()
         std::map<uint16_t, ZV_ToldFile> mapHeld;
         ForEachSession(lpClient->lpHome, [&](uint16_t usFileID, ZV_FileShareSession& session) {
             const ZV_FileBriefInfo& brief = session.FileInfo().m_BriefInfo;
-            // A server that never heard of the delete may bring a withdrawn
-            // file back when its link returns; its creator's client never
-            // reads it again, and may or may not show it (a list shows it,
-            // an add of it is refused), so neither way is a fault.
+            // A server that missed the delete may bring a withdrawn file back;
+            // its creator may show it or not.
             if (brief.m_CreatorID == user && lpClient->setWithdrawn.count(Narrow(brief.m_sFileOldName)))
                 return;
             if (brief.m_bPublic || brief.m_arrRight.Find(user) >= 0 || brief.m_CreatorID == user || bPrivileged)

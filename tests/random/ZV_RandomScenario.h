@@ -1,11 +1,9 @@
-// ZV_RandomScenario: a seeded random run of a whole conference through the
-// simulator (servers in a line, clients on each, random steps each followed
-// by some delivery), then everything comes back and settles, and the run is
-// checked against what holds for any correct run: downloads, catalogues,
-// deletes, writes, idle clients, wire flags and what each user side was told
-// (each check says what it allows in ZV_RandomScenario.cpp). The same seed
-// and step count give the same run; small FileID ranges make numbers run
-// out, free up and come back in every run.
+// ZV_RandomScenario: a seeded random conference through the simulator
+// (servers in a line, clients on each, random steps each followed by some
+// delivery); then everything comes back and settles, and downloads,
+// catalogues, deletes, writes, idle clients, wire flags and what each user
+// side was told are checked (each check says what it allows). A seed and a
+// step count give one run; few FileIDs make numbers run out and come back.
 #pragma once
 
 #include "ZV_SimConference.h"
@@ -29,10 +27,8 @@ struct ZV_RandomOptions
     bool bWholeJournal = false;
     // A handful of FileIDs per server instead of a thousand.
     bool bSmallFileIDs = false;
-    // Draws a number below its bound in place of the seeded generator, so
-    // that a fuzzer's input steers the run. Such a run also has a client
-    // send its server PDUs of any number and payload, and file operations
-    // fail.
+    // Draws a number below its bound in place of the seeded generator (a
+    // fuzzer's input); such a run also sends hostile PDUs and fails the disk.
     std::function<uint32_t(uint32_t)> fnDraw;
 };
 
@@ -47,8 +43,7 @@ struct ZV_RandomReport
     std::string sJournalTail;
 
     bool Passed() const { return vecProblems.empty(); }
-    // The seed, the problems, the replay command, the last steps and the
-    // journal's tail.
+    // The seed, the problems, the replay command, last steps, journal tail.
     std::string Describe() const;
 };
 
@@ -66,16 +61,14 @@ private:
     struct Client;
     struct Deleted;
 
-    // --- the run
     bool Build();
     void TakeStep();
     void Deliver();
     void Settle();
-    void Note(const std::string& sStep);
+    void Note(const std::string& sStep) { m_vecSteps.push_back(sStep); }
     void Problem(const std::string& sProblem);
     void Expect(bool bDone, const std::string& sProblem);
 
-    // --- the steps
     void StepShare();
     void StepShareBatch();
     void StepUpload(Client& client, uint16_t usFileID);
@@ -93,7 +86,6 @@ private:
     void StepHostilePdu();
     void StepFileFault();
 
-    // --- the checks
     void CheckDownloads();
     void CheckCatalogues();
     void CheckDeletes();
@@ -103,7 +95,6 @@ private:
     void CheckFlags();
     void CheckViews();
 
-    // --- helpers
     Client& AnyClient();
     void WithFile(bool bOwnOnly, const std::function<void(Client&, uint16_t)>& fnStep);
     bool PickFile(const Client& client, bool bOwnOnly, uint16_t& usFileID);
@@ -111,9 +102,10 @@ private:
     std::vector<QB_UserID> SomeUsers();
     std::vector<ZV_SimLink*> ServerLinks() const;
     const std::string* FindShare(const std::string& sName) const;
-    uint16_t FileIDsPerServer() const;
+    // FileIDs of server n run from FileIDsPerServer() * (n - 1) + 1.
+    uint16_t FileIDsPerServer() const { return m_options.bSmallFileIDs ? 3 : 1000; }
     uint32_t Random(uint32_t ulBelow);
-    bool Chance(uint32_t ulPercent);
+    bool Chance(uint32_t ulPercent) { return Random(100) < ulPercent; }
 
     ZV_RandomOptions m_options;
     std::mt19937 m_rng;
