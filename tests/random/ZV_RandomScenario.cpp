@@ -74,12 +74,9 @@ std::string DescribeFile(ZV_SimHost* lpClient, const std::vector<ZV_SimHost*>& v
     for (size_t n = 1; n <= vecServers.size(); ++n)
     {
         ZV_FileShareSession* lpHeld = FindSession(vecServers[n - 1], usFileID);
-        sText += "; server " + Num(n) + ": ";
+        sText += "; server " + Num(n) + ": " + (lpHeld ? "" : "none");
         if (lpHeld == nullptr)
-        {
-            sText += "none";
             continue;
-        }
         const ZV_FileUploadInfo& info = lpHeld->FileInfo();
         const ZV_FileBriefInfo& b = info.m_BriefInfo;
         sText += Narrow(b.m_sFileOldName) + ", state " + Num(b.m_usFileState) + ", written " +
@@ -226,20 +223,18 @@ bool ZV_RandomScenario::Build()
     for (int n = 1; n <= m_nServers && m_vecProblems.empty(); ++n)
         for (int i = 0, nCount = 1 + (int)Random(2); i < nCount && m_vecProblems.empty(); ++i)
         {
-            auto lpClient = std::make_unique<Client>();
             const ZV_SimUser user = ZV_SimBuilder::MakeUser((uint32_t)n, i);
-            lpClient->lpNode = m_lpSim->AddClient(kConfID, user);
-            lpClient->lpHome = m_vecServers[n - 1];
-            lpClient->sName = "u" + Num(user.id.m_ulMain);
-            lpClient->sSources = m_options.sRoot + "/src/" + lpClient->sName;
-            lpClient->sDownloads = m_options.sRoot + "/dl/" + lpClient->sName;
-            Expect(lpClient->lpNode != nullptr, "a client could not join");
-            if (lpClient->lpNode == nullptr)
+            const std::string sName = "u" + Num(user.id.m_ulMain);
+            ZV_SimHost* lpNode = m_lpSim->AddClient(kConfID, user);
+            Expect(lpNode != nullptr, "a client could not join");
+            if (lpNode == nullptr)
                 break;
-            lpClient->lpView = std::make_unique<ZV_UserView>(lpClient->lpNode, m_lpSim->Journal(), lpClient->sName,
-                                                             [this](const std::string& s) { Problem(s); });
-            fs::create_directories(lpClient->sSources);
-            m_vecClients.push_back(std::move(lpClient));
+            auto lpView = std::make_unique<ZV_UserView>(lpNode, m_lpSim->Journal(), sName,
+                                                        [this](const std::string& s) { Problem(s); });
+            m_vecClients.push_back(std::make_unique<Client>(Client{lpNode, m_vecServers[n - 1], std::move(lpView), sName,
+                                                                   m_options.sRoot + "/src/" + sName,
+                                                                   m_options.sRoot + "/dl/" + sName, {}, {}, true}));
+            fs::create_directories(m_vecClients.back()->sSources);
         }
     if (!m_vecProblems.empty())
         return false;

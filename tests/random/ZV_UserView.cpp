@@ -51,18 +51,16 @@ bool ZV_UserView::MayHave(uint16_t usFileID, bool bRight, const std::string& sWh
 void ZV_UserView::Show(uint16_t usFileID, const ZV_FileBriefInfo& brief, const std::string& sWhat)
 {
     if (MayHave(usFileID, false, sWhat, &brief))
-        Learn(usFileID, Narrow(brief.m_sFileOldName), brief.m_ulFileLenth, brief.m_usFileState);
+        Learn(usFileID, brief.m_usFileState, &brief);
 }
 
-void ZV_UserView::Learn(uint16_t usFileID, const std::string& sName, uint32_t ulLength, uint16_t usState)
+void ZV_UserView::Learn(uint16_t usFileID, uint16_t usState, const ZV_FileBriefInfo* lpBrief)
 {
     ZV_ToldFile& told = m_mapFiles[usFileID];
-    told.sHistory += " " + std::to_string(m_usEvent) + ":" + std::to_string(usState) + "@" +
-                     std::to_string(m_journal.Size() - 1);
-    told.sName = sName;
-    told.ulLength = ulLength;
-    told.usState = usState;
-    told.usByEvent = m_usEvent;
+    told = {lpBrief ? Narrow(lpBrief->m_sFileOldName) : told.sName, lpBrief ? lpBrief->m_ulFileLenth : told.ulLength,
+            usState, m_usEvent,
+            told.sHistory + " " + std::to_string(m_usEvent) + ":" + std::to_string(usState) + "@" +
+                std::to_string(m_journal.Size() - 1)};
 }
 
 void ZV_UserView::OnEvent(uint16_t usEvent, const std::vector<uint8_t>& vbData)
@@ -116,10 +114,7 @@ void ZV_UserView::OnEvent(uint16_t usEvent, const std::vector<uint8_t>& vbData)
         case zvFsEventTransferError:
             if (MayHave(usFileID, false, sWhat) && (bUpload || usEvent == zvFsEventTransferError) &&
                 m_mapFiles.count(usFileID))
-            {
-                const ZV_ToldFile& told = m_mapFiles[usFileID];
-                Learn(usFileID, told.sName, told.ulLength, bUpload ? stream.ReadU16() : (uint16_t)zvFileStateFailed);
-            }
+                Learn(usFileID, bUpload ? stream.ReadU16() : (uint16_t)zvFileStateFailed);
             break;
         default:  // an upload's progress, a stop's answer
             MayHave(usFileID, false, sWhat);

@@ -56,7 +56,8 @@ private:
     bool MayHave(uint16_t usFileID, bool bRight, const std::string& sWhat, const ZV_FileBriefInfo* lpBrief = nullptr);
     // The news of a file the user may see: the view takes its description.
     void Show(uint16_t usFileID, const ZV_FileBriefInfo& brief, const std::string& sWhat);
-    void Learn(uint16_t usFileID, const std::string& sName, uint32_t ulLength, uint16_t usState);
+    // The state told by the event being taken, and the description if it brings one.
+    void Learn(uint16_t usFileID, uint16_t usState, const ZV_FileBriefInfo* lpBrief = nullptr);
 
     ZV_SimHost* m_lpClient;
     const ZV_SimJournal& m_journal;
