@@ -119,7 +119,6 @@ struct ZV_RandomScenario::Client
     std::unique_ptr<ZV_UserView> lpView;
     std::string sName;
     std::string sSources;
-    std::string sDownloads;
     // Every path the user asked to download to, in host form.
     std::set<std::string> setTargets;
     // The user's own files whose delete went: the user took them back.
@@ -165,19 +164,6 @@ uint32_t ZV_RandomScenario::Random(uint32_t ulBelow)
     return m_options.fnDraw ? m_options.fnDraw(ulBelow) % ulBelow : (uint32_t)(m_rng() % ulBelow);
 }
 
-void ZV_RandomScenario::Problem(const std::string& sProblem)
-{
-    if (m_vecProblems.size() < 20)
-        m_vecProblems.push_back(sProblem);
-}
-
-// A simulator call that failed is a problem, with the simulator's reason.
-void ZV_RandomScenario::Expect(bool bDone, const std::string& sProblem)
-{
-    if (!bDone)
-        Problem(sProblem + ": " + m_lpSim->GetError());
-}
-
 ZV_RandomReport ZV_RandomScenario::Run()
 {
     ZV_RandomReport report{m_options.ulSeed, m_options.nSteps, m_options.bSmallFileIDs, {}, {}, {}};
@@ -205,7 +191,6 @@ ZV_RandomReport ZV_RandomScenario::Run()
     return report;
 }
 
-// Two or three servers in a line, one or two users on each.
 bool ZV_RandomScenario::Build()
 {
     ZV_SimOptions options;
@@ -232,8 +217,7 @@ bool ZV_RandomScenario::Build()
             auto lpView = std::make_unique<ZV_UserView>(lpNode, m_lpSim->Journal(), sName,
                                                         [this](const std::string& s) { Problem(s); });
             m_vecClients.push_back(std::make_unique<Client>(Client{lpNode, m_vecServers[n - 1], std::move(lpView), sName,
-                                                                   m_options.sRoot + "/src/" + sName,
-                                                                   m_options.sRoot + "/dl/" + sName, {}, {}, true}));
+                                                                   m_options.sRoot + "/src/" + sName, {}, {}, true}));
             fs::create_directories(m_vecClients.back()->sSources);
         }
     if (!m_vecProblems.empty())
@@ -243,8 +227,7 @@ bool ZV_RandomScenario::Build()
     return m_vecProblems.empty();
 }
 
-// Some delivery after each step: all of it, or a few steps of it, so that
-// the next step may meet PDUs on their way.
+// All of the delivery, or a few steps of it: the next step may meet PDUs.
 void ZV_RandomScenario::Deliver()
 {
     if (Chance(50))
@@ -261,13 +244,13 @@ void ZV_RandomScenario::TakeStep()
     std::vector<std::pair<uint32_t, std::function<void()>>> aSteps = {
         {bFew ? 22u : 14u, [this] { StepShare(); }},
         {4, [this] { StepShareBatch(); }},
-        {4, [this] { WithFile(true, std::bind_front(&ZV_RandomScenario::StepUpload, this)); }},
-        {18, [this] { WithFile(false, std::bind_front(&ZV_RandomScenario::StepDownload, this)); }},
-        {8, [this] { WithFile(false, std::bind_front(&ZV_RandomScenario::StepStopOrResume, this, false)); }},
-        {5, [this] { WithFile(true, std::bind_front(&ZV_RandomScenario::StepStopOrResume, this, true)); }},
-        {6, [this] { WithFile(true, std::bind_front(&ZV_RandomScenario::StepRights, this)); }},
-        {bFew ? 16u : 5u, [this] { StepDelete(); }},
-        {3, [this] { WithFile(false, std::bind_front(&ZV_RandomScenario::StepDropDownload, this)); }},
+        {4, [this] { WithFile(Whose::Own, std::bind_front(&ZV_RandomScenario::StepUpload, this)); }},
+        {18, [this] { WithFile(Whose::Any, std::bind_front(&ZV_RandomScenario::StepDownload, this)); }},
+        {8, [this] { WithFile(Whose::Any, std::bind_front(&ZV_RandomScenario::StepStopOrResume, this, false)); }},
+        {5, [this] { WithFile(Whose::Own, std::bind_front(&ZV_RandomScenario::StepStopOrResume, this, true)); }},
+        {6, [this] { WithFile(Whose::Own, std::bind_front(&ZV_RandomScenario::StepRights, this)); }},
+        {bFew ? 16u : 5u, [this] { WithFile(Whose::MostlyOwn, std::bind_front(&ZV_RandomScenario::StepDelete, this)); }},
+        {3, [this] { WithFile(Whose::Any, std::bind_front(&ZV_RandomScenario::StepDropDownload, this)); }},
         {10, [this] { StepCutOrRestore(); }},
         {6, [this] { StepLeaveOrRejoin(); }},
         {3, [this] { StepRestartServer(); }},
@@ -295,26 +278,19 @@ ZV_RandomScenario::Client& ZV_RandomScenario::AnyClient()
     return *m_vecClients[Random((uint32_t)m_vecClients.size())];
 }
 
-// A step on any client and a file it holds (its user's own, if so asked).
-void ZV_RandomScenario::WithFile(bool bOwnOnly, const std::function<void(Client&, uint16_t)>& fnStep)
+// A step on any client and a file it holds, if it holds one of those asked:
+// any, its user's own, or its user's own but now and then another's.
+void ZV_RandomScenario::WithFile(Whose eWhose, const std::function<void(Client&, uint16_t)>& fnStep)
 {
     Client& client = AnyClient();
-    uint16_t usFileID = 0;
-    if (PickFile(client, bOwnOnly, usFileID))
-        fnStep(client, usFileID);
-}
-
-bool ZV_RandomScenario::PickFile(const Client& client, bool bOwnOnly, uint16_t& usFileID)
-{
+    const bool bOwnOnly = eWhose == Whose::MostlyOwn ? !Chance(20) : eWhose == Whose::Own;
     std::vector<uint16_t> vecFileID;
-    ForEachSession(client.lpNode, [&](uint16_t usKnown, ZV_FileShareSession& session) {
+    ForEachSession(client.lpNode, [&](uint16_t usFileID, ZV_FileShareSession& session) {
         if (!bOwnOnly || session.BriefInfo().m_CreatorID == client.Self())
-            vecFileID.push_back(usKnown);
+            vecFileID.push_back(usFileID);
     });
-    if (vecFileID.empty())
-        return false;
-    usFileID = vecFileID[Random((uint32_t)vecFileID.size())];
-    return true;
+    if (!vecFileID.empty())
+        fnStep(client, vecFileID[Random((uint32_t)vecFileID.size())]);
 }
 
 // A new file of the client's, of a name and bytes unique in the run.
@@ -389,7 +365,7 @@ void ZV_RandomScenario::StepUpload(Client& client, uint16_t usFileID)
 
 void ZV_RandomScenario::StepDownload(Client& client, uint16_t usFileID)
 {
-    const std::string sTarget = client.sDownloads + "/d" + Num(++m_nNextTarget) + ".bin";
+    const std::string sTarget = m_options.sRoot + "/dl/" + client.sName + "/d" + Num(++m_nNextTarget) + ".bin";
     client.setTargets.insert(sTarget);
     const uint32_t ulResult = client.Fs()->FsDownload(usFileID, Wide(sTarget).c_str());
     Note(client.sName + " downloads " + Num(usFileID) + " to " + fs::path(sTarget).filename().string() + ": " +
@@ -418,13 +394,8 @@ void ZV_RandomScenario::StepRights(Client& client, uint16_t usFileID)
          Num(ulResult));
 }
 
-// Mostly of the user's own files, now and then of another's.
-void ZV_RandomScenario::StepDelete()
+void ZV_RandomScenario::StepDelete(Client& client, uint16_t usFileID)
 {
-    Client& client = AnyClient();
-    uint16_t usFileID = 0;
-    if (!PickFile(client, !Chance(20), usFileID))
-        return;
     const ZV_FileShareSession* lpFsSession = FindSession(client.lpNode, usFileID);
     const std::string sName = lpFsSession ? Narrow(lpFsSession->BriefInfo().m_sFileOldName) : std::string();
     m_vecDeleted.push_back({&client, usFileID, sName, m_lpSim->Journal().Size()});

@@ -52,8 +52,6 @@ class ZV_RandomScenario
 public:
     explicit ZV_RandomScenario(ZV_RandomOptions options);
     ~ZV_RandomScenario();
-    ZV_RandomScenario(const ZV_RandomScenario&) = delete;
-    ZV_RandomScenario& operator=(const ZV_RandomScenario&) = delete;
 
     ZV_RandomReport Run();
 
@@ -66,8 +64,9 @@ private:
     void Deliver();
     void Settle();
     void Note(const std::string& sStep) { m_vecSteps.push_back(sStep); }
-    void Problem(const std::string& sProblem);
-    void Expect(bool bDone, const std::string& sProblem);
+    void Problem(const std::string& s) { if (m_vecProblems.size() < 20) m_vecProblems.push_back(s); }
+    // A simulator call that failed is a problem, with the simulator's reason.
+    void Expect(bool bDone, const std::string& s) { if (!bDone) Problem(s + ": " + m_lpSim->GetError()); }
 
     void StepShare();
     void StepShareBatch();
@@ -75,7 +74,7 @@ private:
     void StepDownload(Client& client, uint16_t usFileID);
     void StepStopOrResume(bool bUpload, Client& client, uint16_t usFileID);
     void StepRights(Client& client, uint16_t usFileID);
-    void StepDelete();
+    void StepDelete(Client& client, uint16_t usFileID);
     void StepDropDownload(Client& client, uint16_t usFileID);
     void StepCutOrRestore();
     void StepLeaveOrRejoin();
@@ -96,8 +95,8 @@ private:
     void CheckViews();
 
     Client& AnyClient();
-    void WithFile(bool bOwnOnly, const std::function<void(Client&, uint16_t)>& fnStep);
-    bool PickFile(const Client& client, bool bOwnOnly, uint16_t& usFileID);
+    enum class Whose { Any, Own, MostlyOwn };
+    void WithFile(Whose eWhose, const std::function<void(Client&, uint16_t)>& fnStep);
     std::string MakeSource(const Client& client);
     std::vector<QB_UserID> SomeUsers();
     std::vector<ZV_SimLink*> ServerLinks() const;
