@@ -12,9 +12,7 @@ namespace {
 constexpr int kSeedsPerGroup = 25;
 constexpr int kSteps = 60;
 
-class RandomConference : public ::testing::TestWithParam<int>
-{
-};
+using RandomConference = ::testing::TestWithParam<int>;
 
 TEST_P(RandomConference, EndsInStepWithEveryFileWhereItBelongs)
 {
@@ -22,7 +20,8 @@ TEST_P(RandomConference, EndsInStepWithEveryFileWhereItBelongs)
     {
         QB_TempFolder tmp;
         const uint32_t ulSeed = (uint32_t)(GetParam() * kSeedsPerGroup + i + 1);
-        const ZV_RandomReport report = ZV_RandomScenario({ulSeed, kSteps, tmp.Path(), false, GetParam() >= 2, {}}).Run();
+        const ZV_RandomReport report =
+            ZV_RandomScenario({ulSeed, kSteps, tmp.Path(), false, GetParam() >= 2, {}}).Run();
         EXPECT_TRUE(report.Passed()) << report.Describe();
     }
 }

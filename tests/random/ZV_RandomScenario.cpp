@@ -27,11 +27,7 @@ constexpr uint32_t kConfID = ZV_SimBuilder::kConfID;
 // Sizes around the block, so that ends of blocks and of PDUs are met.
 constexpr uint32_t kSizes[] = {0, 1, 1000, 32767, 32768, 32769, 65543, 98304, 98305, 150000, 250007};
 
-template <typename T>
-std::string Num(T n)
-{
-    return std::to_string(n);
-}
+template <typename T> std::string Num(T n) { return std::to_string(n); }
 
 std::u16string Wide(const std::string& sPath)
 {
@@ -101,13 +97,11 @@ std::string DescribeFile(ZV_SimHost* lpClient, const std::vector<ZV_SimHost*>& v
 // store of its conference's files.
 bool IsNodeFile(const std::vector<std::string>& vecPart)
 {
-    if (vecPart.size() == 3)
-        return vecPart[2] == "confsrv.ini" || vecPart[2].rfind("fsinfo.ini", 0) == 0 ||
-               vecPart[2].rfind("fsshared.ini", 0) == 0;
-    if (vecPart.size() >= 4 && vecPart[2] == "log")
-        return true;
-    return vecPart[1].rfind("srv", 0) == 0 && vecPart.size() == 5 && vecPart[2] == "store" &&
-           vecPart[3] == Num(kConfID);
+    return (vecPart.size() == 3 && (vecPart[2] == "confsrv.ini" || vecPart[2].rfind("fsinfo.ini", 0) == 0 ||
+                                    vecPart[2].rfind("fsshared.ini", 0) == 0)) ||
+           (vecPart.size() >= 4 && vecPart[2] == "log") ||
+           (vecPart[1].rfind("srv", 0) == 0 && vecPart.size() == 5 && vecPart[2] == "store" &&
+            vecPart[3] == Num(kConfID));
 }
 
 } // namespace
@@ -151,9 +145,8 @@ std::string ZV_RandomReport::Describe() const
     return out.str();
 }
 
-ZV_RandomScenario::ZV_RandomScenario(ZV_RandomOptions options) : m_options(std::move(options)), m_rng(m_options.ulSeed)
-{
-}
+ZV_RandomScenario::ZV_RandomScenario(ZV_RandomOptions options)
+    : m_options(std::move(options)), m_rng(m_options.ulSeed) {}
 
 ZV_RandomScenario::~ZV_RandomScenario() = default;
 
@@ -186,8 +179,7 @@ ZV_RandomReport ZV_RandomScenario::Run()
     for (size_t i = m_vecSteps.size() > nKept ? m_vecSteps.size() - nKept : 0; i < m_vecSteps.size(); ++i)
         report.sSteps += "  " + Num(i) + ": " + m_vecSteps[i] + "\n";
     const size_t nSize = m_lpSim->Journal().Size();
-    const size_t nTail = m_options.bWholeJournal ? nSize : 60;
-    report.sJournalTail = m_lpSim->Journal().Dump(nSize > nTail ? nSize - nTail : 0);
+    report.sJournalTail = m_lpSim->Journal().Dump(m_options.bWholeJournal || nSize <= 60 ? 0 : nSize - 60);
     return report;
 }
 
@@ -216,9 +208,10 @@ bool ZV_RandomScenario::Build()
                 break;
             auto lpView = std::make_unique<ZV_UserView>(lpNode, m_lpSim->Journal(), sName,
                                                         [this](const std::string& s) { Problem(s); });
-            m_vecClients.push_back(std::make_unique<Client>(Client{lpNode, m_vecServers[n - 1], std::move(lpView), sName,
-                                                                   m_options.sRoot + "/src/" + sName, {}, {}, true}));
-            fs::create_directories(m_vecClients.back()->sSources);
+            const std::string sSources = m_options.sRoot + "/src/" + sName;
+            fs::create_directories(sSources);
+            m_vecClients.push_back(std::make_unique<Client>(
+                Client{lpNode, m_vecServers[n - 1], std::move(lpView), sName, sSources, {}, {}, true}));
         }
     if (!m_vecProblems.empty())
         return false;
@@ -241,16 +234,17 @@ void ZV_RandomScenario::TakeStep()
     // With few FileIDs, shares and deletes come more often, so that numbers
     // run out, free up and are given out again in every run.
     const bool bFew = m_options.bSmallFileIDs;
+    using S = ZV_RandomScenario;
     std::vector<std::pair<uint32_t, std::function<void()>>> aSteps = {
         {bFew ? 22u : 14u, [this] { StepShare(); }},
         {4, [this] { StepShareBatch(); }},
-        {4, [this] { WithFile(Whose::Own, std::bind_front(&ZV_RandomScenario::StepUpload, this)); }},
-        {18, [this] { WithFile(Whose::Any, std::bind_front(&ZV_RandomScenario::StepDownload, this)); }},
-        {8, [this] { WithFile(Whose::Any, std::bind_front(&ZV_RandomScenario::StepStopOrResume, this, false)); }},
-        {5, [this] { WithFile(Whose::Own, std::bind_front(&ZV_RandomScenario::StepStopOrResume, this, true)); }},
-        {6, [this] { WithFile(Whose::Own, std::bind_front(&ZV_RandomScenario::StepRights, this)); }},
-        {bFew ? 16u : 5u, [this] { WithFile(Whose::MostlyOwn, std::bind_front(&ZV_RandomScenario::StepDelete, this)); }},
-        {3, [this] { WithFile(Whose::Any, std::bind_front(&ZV_RandomScenario::StepDropDownload, this)); }},
+        {4, [this] { WithFile(Whose::Own, std::bind_front(&S::StepUpload, this)); }},
+        {18, [this] { WithFile(Whose::Any, std::bind_front(&S::StepDownload, this)); }},
+        {8, [this] { WithFile(Whose::Any, std::bind_front(&S::StepStopOrResume, this, false)); }},
+        {5, [this] { WithFile(Whose::Own, std::bind_front(&S::StepStopOrResume, this, true)); }},
+        {6, [this] { WithFile(Whose::Own, std::bind_front(&S::StepRights, this)); }},
+        {bFew ? 16u : 5u, [this] { WithFile(Whose::MostlyOwn, std::bind_front(&S::StepDelete, this)); }},
+        {3, [this] { WithFile(Whose::Any, std::bind_front(&S::StepDropDownload, this)); }},
         {10, [this] { StepCutOrRestore(); }},
         {6, [this] { StepLeaveOrRejoin(); }},
         {3, [this] { StepRestartServer(); }},
@@ -416,22 +410,13 @@ void ZV_RandomScenario::StepDropDownload(Client& client, uint16_t usFileID)
 // A server link, whole or its data only, or a client's data connection.
 void ZV_RandomScenario::StepCutOrRestore()
 {
-    ZV_SimLink* lpLink = nullptr;
-    std::string sWhat;
-    if (Chance(50) && m_nServers > 1)
-    {
-        const uint32_t n = 1 + Random((uint32_t)m_nServers - 1);
-        lpLink = m_lpSim->GetServerLink(n, n + 1);
-        sWhat = "server link " + Num(n) + "-" + Num(n + 1);
-    }
-    else
-    {
-        Client& client = AnyClient();
-        if (!client.bPresent)
-            return;
-        lpLink = m_lpSim->GetClientLink(client.lpNode);
-        sWhat = client.sName + "'s link";
-    }
+    const bool bServerLink = Chance(50) && m_nServers > 1;
+    const uint32_t n = bServerLink ? 1 + Random((uint32_t)m_nServers - 1) : 0;
+    const Client* lpClient = bServerLink ? nullptr : &AnyClient();
+    if (lpClient != nullptr && !lpClient->bPresent)
+        return;
+    ZV_SimLink* lpLink = lpClient ? m_lpSim->GetClientLink(lpClient->lpNode) : m_lpSim->GetServerLink(n, n + 1);
+    const std::string sWhat = lpClient ? lpClient->sName + "'s link" : "server link " + Num(n) + "-" + Num(n + 1);
     // A client's command connection going is the step of leaving.
     const bool bDataOnly = !lpLink->IsServerLink() || Chance(30);
     const uint16_t usData = lpLink->IsServerLink() ? zvConfServerTypeData : zvConfClientTypeData;
@@ -463,8 +448,7 @@ void ZV_RandomScenario::StepLeaveOrRejoin()
 void ZV_RandomScenario::StepRestartServer()
 {
     const uint32_t n = 1 + Random((uint32_t)m_nServers);
-    const std::vector<ZV_SimLink*> vecLinks = ServerLinks();
-    const bool bAllUp = std::all_of(vecLinks.begin(), vecLinks.end(), [](ZV_SimLink* lpLink) {
+    const bool bAllUp = std::ranges::all_of(ServerLinks(), [](ZV_SimLink* lpLink) {
         return lpLink->IsUp(zvSimCommand) && lpLink->IsUp(zvSimData);
     });
     if (!bAllUp || m_lpSim->GetPending() != 0)
@@ -620,7 +604,8 @@ void ZV_RandomScenario::CheckCatalogues()
             const ZV_FileBriefInfo& brief = row.m_BriefInfo;
             const std::string sName = Narrow(brief.m_sFileOldName);
             const std::string sWhere = "server " + Num(n) + ", row " + Num(ulFileID) + " (" + sName + ")";
-            const std::string sStored = lpServer->GetHome() + "store/" + Num(kConfID) + "/" + Narrow(row.m_sFileNewName);
+            const std::string sStored =
+                lpServer->GetHome() + "store/" + Num(kConfID) + "/" + Narrow(row.m_sFileNewName);
             std::error_code ec;
             const uintmax_t nSize = fs::file_size(sStored, ec);
             // A row of a file no longer held is a removal the disk refused
@@ -651,8 +636,7 @@ void ZV_RandomScenario::CheckDeletes()
         filter.sPeer = deleted.lpClient->lpNode->GetName();
         filter.eFate = ZV_SimFate::Delivered;
         filter.nFrom = deleted.nJournalAt;
-        const std::vector<ZV_SimEntry> vecAnswers = m_lpSim->Journal().Find(filter);
-        const bool bConfirmed = std::any_of(vecAnswers.begin(), vecAnswers.end(), [&](const ZV_SimEntry& entry) {
+        const bool bConfirmed = std::ranges::any_of(m_lpSim->Journal().Find(filter), [&](const ZV_SimEntry& entry) {
             QB_ByteStream stream(entry.vbData.data(), (int32_t)entry.vbData.size());
             ZV_DelUploadResponse answer;
             try
@@ -670,7 +654,7 @@ void ZV_RandomScenario::CheckDeletes()
             continue;
         for (ZV_SimHost* lpNode : m_lpSim->GetNodes())
             ForEachSession(lpNode, [&](uint16_t usFileID, ZV_FileShareSession& session) {
-                const ZV_FileBriefInfo& brief = lpNode->IsServer() ? session.FileInfo().m_BriefInfo : session.BriefInfo();
+                const auto& brief = lpNode->IsServer() ? session.FileInfo().m_BriefInfo : session.BriefInfo();
                 if (usFileID == deleted.usFileID && Narrow(brief.m_sFileOldName) == deleted.sName)
                     Problem(lpNode->GetName() + " holds " + Num(usFileID) + " (" + deleted.sName + "), which " +
                             deleted.lpClient->sName + " deleted");
@@ -720,9 +704,8 @@ bool ZV_RandomScenario::IsWaitingForAnUpload(const Client& client, uint16_t usFi
         return false;
     const ZV_FileUploadInfo& held = lpHeld->FileInfo();
     const std::string sName = Narrow(held.m_BriefInfo.m_sFileOldName);
-    const bool bWithdrawn = std::any_of(m_vecDeleted.begin(), m_vecDeleted.end(),
-                                        [&](const Deleted& deleted) { return deleted.sName == sName; });
-    const bool bDropped = std::any_of(m_vecClients.begin(), m_vecClients.end(), [&](const auto& lpCreator) {
+    const bool bWithdrawn = std::ranges::any_of(m_vecDeleted, [&](const Deleted& d) { return d.sName == sName; });
+    const bool bDropped = std::ranges::any_of(m_vecClients, [&](const auto& lpCreator) {
         const ZV_FileShareSession* lpThere = FindSession(lpCreator->lpHome, usFileID);
         return lpCreator->Self() == held.m_BriefInfo.m_CreatorID &&
                (lpThere == nullptr || !lpThere->FileInfo().m_BriefInfo.IsSameFile(held.m_BriefInfo));
@@ -779,10 +762,10 @@ void ZV_RandomScenario::CheckViews()
         for (auto& [usFileID, held] : mapHeld)
         {
             auto it = mapTold.find(usFileID);
-            const std::string sAbout = DescribeFile(lpClient->lpNode, m_vecServers, usFileID);
+            auto fnAbout = [&] { return DescribeFile(lpClient->lpNode, m_vecServers, usFileID); };
             if (it == mapTold.end())
             {
-                Problem(lpClient->sName + " was never told of " + Num(usFileID) + " (" + held.sName + ")" + sAbout);
+                Problem(lpClient->sName + " was never told of " + Num(usFileID) + " (" + held.sName + ")" + fnAbout());
                 continue;
             }
             const ZV_ToldFile& told = it->second;
@@ -795,9 +778,10 @@ void ZV_RandomScenario::CheckViews()
                 (told.usState == zvFileStateUploading || told.usState == zvFileStateStopped))
                 held.usState = told.usState;
             if (told.sName != held.sName || told.ulLength != held.ulLength || told.usState != held.usState)
-                Problem(lpClient->sName + " was told " + Num(usFileID) + " is " + told.sName + ", " + Num(told.ulLength) + " bytes, state " +
-                        Num(told.usState) + "; its server holds " + held.sName + ", " + Num(held.ulLength) +
-                        " bytes, state " + Num(held.usState) + "; told by" + told.sHistory + sAbout);
+                Problem(lpClient->sName + " was told " + Num(usFileID) + " is " + told.sName + ", " +
+                        Num(told.ulLength) + " bytes, state " + Num(told.usState) + "; its server holds " + held.sName +
+                        ", " + Num(held.ulLength) + " bytes, state " + Num(held.usState) + "; told by" +
+                        told.sHistory + fnAbout());
         }
         for (const auto& [usFileID, told] : mapTold)
             if (!mapHeld.count(usFileID) && !lpClient->setWithdrawn.count(told.sName))

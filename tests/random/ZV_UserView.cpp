@@ -7,16 +7,6 @@
 
 #include "QB_ByteStream.h"
 
-namespace {
-
-// Public, or named by the rights: the user may have the file's bytes.
-bool HasRight(const ZV_FileBriefInfo& brief, const QB_UserID& user)
-{
-    return brief.m_bPublic || brief.m_arrRight.Find(user) >= 0;
-}
-
-} // namespace
-
 ZV_UserView::ZV_UserView(ZV_SimHost* lpClient, const ZV_SimJournal& journal, std::string sUser,
                          ProblemFn fnProblem)
     : m_lpClient(lpClient), m_journal(journal), m_sUser(std::move(sUser)), m_fnProblem(std::move(fnProblem))
@@ -39,9 +29,10 @@ bool ZV_UserView::MayHave(uint16_t usFileID, bool bRight, const std::string& sWh
     }
     const ZV_FileBriefInfo& brief = lpBrief ? *lpBrief : lpFsSession->BriefInfo();
     const QB_UserID& user = m_lpClient->GetUserID();
-    const bool bMay = bRight ? HasRight(brief, user)
-                             : HasRight(brief, user) || brief.m_CreatorID == user ||
-                                   m_lpClient->GetUserRecord().usRole == zvUserRolePrivileged;
+    // Public, or named by the rights: the user may have the file's bytes.
+    const bool bHasRight = brief.m_bPublic || brief.m_arrRight.Find(user) >= 0;
+    const bool bMay = bHasRight || (!bRight && (brief.m_CreatorID == user ||
+                                                m_lpClient->GetUserRecord().usRole == zvUserRolePrivileged));
     if (!bMay)
         m_fnProblem(m_sUser + " got " + sWhat + " for " + std::to_string(usFileID) + ", which it may not " +
                     (bRight ? "have" : "see"));

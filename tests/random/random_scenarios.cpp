@@ -16,11 +16,8 @@ int main(int argc, char** argv)
 {
     CLI::App app{"Seeded random conferences through the simulator"};
     uint32_t ulSeed = 1;
-    int nCount = 1;
-    int nSteps = 60;
-    bool bVerbose = false;
-    bool bJournal = false;
-    bool bSmall = false;
+    int nCount = 1, nSteps = 60;
+    bool bVerbose = false, bJournal = false, bSmall = false;
     app.add_option("--seed", ulSeed, "first seed");
     app.add_option("--count", nCount, "how many seeds, from the first on")->check(CLI::PositiveNumber);
     app.add_option("--steps", nSteps, "random steps of each run")->check(CLI::PositiveNumber);
