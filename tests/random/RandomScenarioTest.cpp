@@ -12,21 +12,16 @@ namespace {
 constexpr int kSeedsPerGroup = 25;
 constexpr int kSteps = 60;
 
-class RandomConference : public ::testing::TestWithParam<int>
-{
-};
+using RandomConference = ::testing::TestWithParam<int>;
 
 TEST_P(RandomConference, EndsInStepWithEveryFileWhereItBelongs)
 {
     for (int i = 0; i < kSeedsPerGroup; ++i)
     {
         QB_TempFolder tmp;
-        ZV_RandomOptions options;
-        options.ulSeed = (uint32_t)(GetParam() * kSeedsPerGroup + i + 1);
-        options.nSteps = kSteps;
-        options.sRoot = tmp.Path();
-        options.bSmallFileIDs = GetParam() >= 2;
-        const ZV_RandomReport report = ZV_RandomScenario(options).Run();
+        const uint32_t ulSeed = (uint32_t)(GetParam() * kSeedsPerGroup + i + 1);
+        const ZV_RandomReport report =
+            ZV_RandomScenario({ulSeed, kSteps, tmp.Path(), false, GetParam() >= 2, {}}).Run();
         EXPECT_TRUE(report.Passed()) << report.Describe();
     }
 }

@@ -1,11 +1,9 @@
-// ZV_RandomScenario: a seeded random run of a whole conference through the
-// simulator (servers in a line, clients on each, random steps each followed
-// by some delivery), then everything comes back and settles, and the run is
-// checked against what holds for any correct run: downloads, catalogues,
-// deletes, writes, idle clients, wire flags and what each user side was told
-// (each check says what it allows in ZV_RandomScenario.cpp). The same seed
-// and step count give the same run; small FileID ranges make numbers run
-// out, free up and come back in every run.
+// ZV_RandomScenario: a seeded random conference through the simulator
+// (servers in a line, clients on each, random steps each followed by some
+// delivery); then everything comes back and settles, and downloads,
+// catalogues, deletes, writes, idle clients, wire flags and what each user
+// side was told are checked (each check says what it allows). A seed and a
+// step count give one run; few FileIDs make numbers run out and come back.
 #pragma once
 
 #include "ZV_SimConference.h"
@@ -15,6 +13,7 @@
 #include <random>
 #include <set>
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -28,10 +27,8 @@ struct ZV_RandomOptions
     bool bWholeJournal = false;
     // A handful of FileIDs per server instead of a thousand.
     bool bSmallFileIDs = false;
-    // Draws a number below its bound in place of the seeded generator, so
-    // that a fuzzer's input steers the run. Such a run also has a client
-    // send its server PDUs of any number and payload, and file operations
-    // fail.
+    // Draws a number below its bound in place of the seeded generator (a
+    // fuzzer's input); such a run also sends hostile PDUs and fails the disk.
     std::function<uint32_t(uint32_t)> fnDraw;
 };
 
@@ -46,8 +43,7 @@ struct ZV_RandomReport
     std::string sJournalTail;
 
     bool Passed() const { return vecProblems.empty(); }
-    // The seed, the problems, the replay command, the last steps and the
-    // journal's tail.
+    // The seed, the problems, the replay command, last steps, journal tail.
     std::string Describe() const;
 };
 
@@ -56,42 +52,39 @@ class ZV_RandomScenario
 public:
     explicit ZV_RandomScenario(ZV_RandomOptions options);
     ~ZV_RandomScenario();
-    ZV_RandomScenario(const ZV_RandomScenario&) = delete;
-    ZV_RandomScenario& operator=(const ZV_RandomScenario&) = delete;
 
     ZV_RandomReport Run();
 
 private:
     struct Client;
-    struct Share;
     struct Deleted;
 
-    // --- the run
     bool Build();
     void TakeStep();
     void Deliver();
     void Settle();
-    void Note(const std::string& sStep);
-    void Problem(const std::string& sProblem);
+    void Note(const std::string& sStep) { m_vecSteps.push_back(sStep); }
+    void Problem(const std::string& s) { if (m_vecProblems.size() < 20) m_vecProblems.push_back(s); }
+    // A simulator call that failed is a problem, with the simulator's reason.
+    void Expect(bool bDone, const std::string& s) { if (!bDone) Problem(s + ": " + m_lpSim->GetError()); }
 
-    // --- the steps
     void StepShare();
     void StepShareBatch();
-    void StepUpload();
-    void StepDownload();
-    void StepStopOrResumeDownload();
-    void StepStopOrResumeUpload();
-    void StepRights();
-    void StepDelete();
-    void StepDropDownload();
+    void StepUpload(Client& client, uint16_t usFileID);
+    void StepDownload(Client& client, uint16_t usFileID);
+    void StepStopOrResume(bool bUpload, Client& client, uint16_t usFileID);
+    void StepRights(Client& client, uint16_t usFileID);
+    void StepDelete(Client& client, uint16_t usFileID);
+    void StepDropDownload(Client& client, uint16_t usFileID);
     void StepCutOrRestore();
     void StepLeaveOrRejoin();
     void StepRestartServer();
     void StepRestartClient();
     void StepRole();
     void StepTime();
+    void StepHostilePdu();
+    void StepFileFault();
 
-    // --- the checks
     void CheckDownloads();
     void CheckCatalogues();
     void CheckDeletes();
@@ -100,27 +93,18 @@ private:
     bool IsWaitingForAnUpload(const Client& client, uint16_t usFileID);
     void CheckFlags();
     void CheckViews();
-    void StepHostilePdu();
-    void StepFileFault();
-    std::string Describe(const Client& client, uint16_t usFileID);
-    std::string DescribeServers(uint16_t usFileID);
-    bool IsNodeFile(const std::vector<std::string>& vecPart) const;
 
-    // --- helpers
     Client& AnyClient();
-    bool IsPresent(const Client& client);
-    std::vector<uint16_t> KnownFiles(const Client& client, bool bOwnOnly);
-    bool PickFile(const Client& client, bool bOwnOnly, uint16_t& usFileID);
+    enum class Whose { Any, Own, MostlyOwn };
+    void WithFile(Whose eWhose, const std::function<void(Client&, uint16_t)>& fnStep);
     std::string MakeSource(const Client& client);
-    IZV_FileShareMgr* Fs(const Client& client);
     std::vector<QB_UserID> SomeUsers();
-    bool AllServerLinksUp() const;
     std::vector<ZV_SimLink*> ServerLinks() const;
-    const Share* FindShare(const std::string& sName) const;
-    void CollectDeletes();
-    uint16_t FileIDsPerServer() const;
+    const std::string* FindShare(const std::string& sName) const;
+    // FileIDs of server n run from FileIDsPerServer() * (n - 1) + 1.
+    uint16_t FileIDsPerServer() const { return m_options.bSmallFileIDs ? 3 : 1000; }
     uint32_t Random(uint32_t ulBelow);
-    bool Chance(uint32_t ulPercent);
+    bool Chance(uint32_t ulPercent) { return Random(100) < ulPercent; }
 
     ZV_RandomOptions m_options;
     std::mt19937 m_rng;
@@ -128,7 +112,8 @@ private:
     int m_nServers = 0;
     std::vector<ZV_SimHost*> m_vecServers;
     std::vector<std::unique_ptr<Client>> m_vecClients;
-    std::vector<Share> m_vecShares;
+    // The source of each file shared, by its name, unique in the run.
+    std::map<std::string, std::string> m_mapShares;
     std::vector<Deleted> m_vecDeleted;
     int m_nNextShare = 0;
     int m_nNextTarget = 0;

@@ -7,21 +7,6 @@
 
 #include "QB_ByteStream.h"
 
-namespace {
-
-std::string Narrow(const QB_StringU8& s)
-{
-    return std::string(s.GetString(), (size_t)s.GetLength());
-}
-
-// Public, or named by the rights: the user may have the file's bytes.
-bool HasRight(const ZV_FileBriefInfo& brief, const QB_UserID& user)
-{
-    return brief.m_bPublic || brief.m_arrRight.Find(user) >= 0;
-}
-
-} // namespace
-
 ZV_UserView::ZV_UserView(ZV_SimHost* lpClient, const ZV_SimJournal& journal, std::string sUser,
                          ProblemFn fnProblem)
     : m_lpClient(lpClient), m_journal(journal), m_sUser(std::move(sUser)), m_fnProblem(std::move(fnProblem))
@@ -44,24 +29,29 @@ bool ZV_UserView::MayHave(uint16_t usFileID, bool bRight, const std::string& sWh
     }
     const ZV_FileBriefInfo& brief = lpBrief ? *lpBrief : lpFsSession->BriefInfo();
     const QB_UserID& user = m_lpClient->GetUserID();
-    const bool bMay = bRight ? HasRight(brief, user)
-                             : HasRight(brief, user) || brief.m_CreatorID == user ||
-                                   m_lpClient->GetUserRecord().usRole == zvUserRolePrivileged;
+    // Public, or named by the rights: the user may have the file's bytes.
+    const bool bHasRight = brief.m_bPublic || brief.m_arrRight.Find(user) >= 0;
+    const bool bMay = bHasRight || (!bRight && (brief.m_CreatorID == user ||
+                                                m_lpClient->GetUserRecord().usRole == zvUserRolePrivileged));
     if (!bMay)
         m_fnProblem(m_sUser + " got " + sWhat + " for " + std::to_string(usFileID) + ", which it may not " +
                     (bRight ? "have" : "see"));
     return bMay;
 }
 
-void ZV_UserView::Learn(uint16_t usFileID, const std::string& sName, uint32_t ulLength, uint16_t usState)
+void ZV_UserView::Show(uint16_t usFileID, const ZV_FileBriefInfo& brief, const std::string& sWhat)
+{
+    if (MayHave(usFileID, false, sWhat, &brief))
+        Learn(usFileID, brief.m_usFileState, &brief);
+}
+
+void ZV_UserView::Learn(uint16_t usFileID, uint16_t usState, const ZV_FileBriefInfo* lpBrief)
 {
     ZV_ToldFile& told = m_mapFiles[usFileID];
-    told.sHistory += " " + std::to_string(m_usEvent) + ":" + std::to_string(usState) + "@" +
-                     std::to_string(m_journal.Size() - 1);
-    told.sName = sName;
-    told.ulLength = ulLength;
-    told.usState = usState;
-    told.usByEvent = m_usEvent;
+    told = {lpBrief ? Narrow(lpBrief->m_sFileOldName) : told.sName, lpBrief ? lpBrief->m_ulFileLenth : told.ulLength,
+            usState, m_usEvent,
+            told.sHistory + " " + std::to_string(m_usEvent) + ":" + std::to_string(usState) + "@" +
+                std::to_string(m_journal.Size() - 1)};
 }
 
 void ZV_UserView::OnEvent(uint16_t usEvent, const std::vector<uint8_t>& vbData)
@@ -82,9 +72,7 @@ void ZV_UserView::OnEvent(uint16_t usEvent, const std::vector<uint8_t>& vbData)
             LoadU16Array(stream, arrFileID);
             LoadSequence(stream, arrInfo);
             for (int i = 0; i < arrFileID.GetSize() && i < arrInfo.GetSize(); ++i)
-                if (MayHave(arrFileID[i], false, sWhat, &arrInfo[i]))
-                    Learn(arrFileID[i], Narrow(arrInfo[i].m_sFileOldName), arrInfo[i].m_ulFileLenth,
-                          arrInfo[i].m_usFileState);
+                Show(arrFileID[i], arrInfo[i], sWhat);
             return;
         }
         const uint32_t ulResult = stream.ReadU32();
@@ -100,8 +88,7 @@ void ZV_UserView::OnEvent(uint16_t usEvent, const std::vector<uint8_t>& vbData)
         {
             ZV_FileBriefInfo brief;
             LoadDelimited(stream, brief);
-            if (MayHave(usFileID, false, sWhat, &brief))
-                Learn(usFileID, Narrow(brief.m_sFileOldName), brief.m_ulFileLenth, brief.m_usFileState);
+            Show(usFileID, brief, sWhat);
             break;
         }
         case zvFsEventFileHidden:
@@ -115,18 +102,10 @@ void ZV_UserView::OnEvent(uint16_t usEvent, const std::vector<uint8_t>& vbData)
             MayHave(usFileID, true, sWhat);
             break;
         case zvFsEventTransferState:
-            if (MayHave(usFileID, false, sWhat) && bUpload && m_mapFiles.count(usFileID))
-            {
-                const ZV_ToldFile& told = m_mapFiles[usFileID];
-                Learn(usFileID, told.sName, told.ulLength, stream.ReadU16());
-            }
-            break;
         case zvFsEventTransferError:
-            if (MayHave(usFileID, false, sWhat) && m_mapFiles.count(usFileID))
-            {
-                const ZV_ToldFile& told = m_mapFiles[usFileID];
-                Learn(usFileID, told.sName, told.ulLength, zvFileStateFailed);
-            }
+            if (MayHave(usFileID, false, sWhat) && (bUpload || usEvent == zvFsEventTransferError) &&
+                m_mapFiles.count(usFileID))
+                Learn(usFileID, bUpload ? stream.ReadU16() : (uint16_t)zvFileStateFailed);
             break;
         default:  // an upload's progress, a stop's answer
             MayHave(usFileID, false, sWhat);

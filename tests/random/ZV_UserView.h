@@ -1,18 +1,13 @@
 // ZV_UserView: what one user side of a random conference was told, built
-// from the events raised to it as a user side would build it, and the
-// promises checked as each event and each block comes:
-//
-// - an event about a file goes only to a user who may have the file at that
-//   moment, by the client's own record: one who may see it for the news of
-//   a file (3000, 3003, 3013, an upload's progress, state and errors, a
-//   stop's answer), one the rights name for the news of a download (3002,
-//   3007, 3009); a file leaves (3004, 3005) only a view that held it;
-//   answers that refuse the user's own request are not news of a file;
-// - a block of a download (8013) reaches a client only for a file its
-//   user's rights name.
-//
-// Announcements and lists are PDUs to every client and are not counted;
-// what a client makes of them for its user is.
+// from its events, and checked as each event and block comes:
+// - an event about a file goes only to a user who may have it then, by the
+//   client's record: who may see it for the news of a file (3000, 3003,
+//   3013, an upload's progress, state and errors, a stop's answer), whom
+//   the rights name for a download's (3002, 3007, 3009); a file leaves
+//   (3004, 3005) only a view that held it; refusals are not news of a file;
+// - a block (8013) reaches a client only for a file its user's rights name.
+// Announcements and lists go to every client; what a client makes of them
+// for its user counts.
 #pragma once
 
 #include "ZV_SimHost.h"
@@ -26,15 +21,18 @@
 #include <string>
 #include <vector>
 
+inline std::string Narrow(const QB_StringU8& s)
+{
+    return std::string(s.GetString(), (size_t)s.GetLength());
+}
+
 struct ZV_ToldFile
 {
     std::string sName;
     uint32_t ulLength = 0;
     uint16_t usState = 0;
-    // The event that told the state last.
-    uint16_t usByEvent = 0;
-    // The events that made this, for a problem's line.
-    std::string sHistory;
+    uint16_t usByEvent = 0;  // the event that told the state last
+    std::string sHistory;    // the events that made this, for a problem's line
 };
 
 class ZV_UserView
@@ -53,11 +51,13 @@ public:
 private:
     void OnEvent(uint16_t usEvent, const std::vector<uint8_t>& vbData);
     void OnPdu(uint16_t usPdu);
-    // True when the description, the event's own or else the client's
-    // record, lets the user see the file (bRight false) or have it (bRight
-    // true); else a problem is noted.
+    // Whether the event's description, or else the client's record, lets the
+    // user see the file (or have it, bRight); if not, a problem is noted.
     bool MayHave(uint16_t usFileID, bool bRight, const std::string& sWhat, const ZV_FileBriefInfo* lpBrief = nullptr);
-    void Learn(uint16_t usFileID, const std::string& sName, uint32_t ulLength, uint16_t usState);
+    // The news of a file the user may see: the view takes its description.
+    void Show(uint16_t usFileID, const ZV_FileBriefInfo& brief, const std::string& sWhat);
+    // The state told by the event being taken, and the description if it brings one.
+    void Learn(uint16_t usFileID, uint16_t usState, const ZV_FileBriefInfo* lpBrief = nullptr);
 
     ZV_SimHost* m_lpClient;
     const ZV_SimJournal& m_journal;

@@ -1,9 +1,6 @@
-// Runs seeded random conferences beyond the suite's hundred:
-//
-//     random_scenarios --seed 101 --count 1000 --steps 120
-//
-// prints a line for each seed that fails, with the replay command, the last
-// steps and the journal's tail, and a summary; exits 1 if any seed failed.
+// Seeded random conferences beyond the suite's hundred, e.g. `random_scenarios
+// --seed 101 --count 1000 --steps 120`: each failing seed's report (replay
+// command, last steps, journal tail) and a summary; exits 1 if any failed.
 #include "ZV_RandomScenario.h"
 
 #include <CLI/CLI.hpp>
@@ -19,11 +16,8 @@ int main(int argc, char** argv)
 {
     CLI::App app{"Seeded random conferences through the simulator"};
     uint32_t ulSeed = 1;
-    int nCount = 1;
-    int nSteps = 60;
-    bool bVerbose = false;
-    bool bJournal = false;
-    bool bSmall = false;
+    int nCount = 1, nSteps = 60;
+    bool bVerbose = false, bJournal = false, bSmall = false;
     app.add_option("--seed", ulSeed, "first seed");
     app.add_option("--count", nCount, "how many seeds, from the first on")->check(CLI::PositiveNumber);
     app.add_option("--steps", nSteps, "random steps of each run")->check(CLI::PositiveNumber);
@@ -39,13 +33,8 @@ int main(int argc, char** argv)
     {
         const fs::path folder = root / std::to_string(ulSeed + (uint32_t)i);
         fs::create_directories(folder);
-        ZV_RandomOptions options;
-        options.ulSeed = ulSeed + (uint32_t)i;
-        options.nSteps = nSteps;
-        options.sRoot = folder.string();
-        options.bWholeJournal = bJournal;
-        options.bSmallFileIDs = bSmall;
-        const ZV_RandomReport report = ZV_RandomScenario(options).Run();
+        const ZV_RandomReport report =
+            ZV_RandomScenario({ulSeed + (uint32_t)i, nSteps, folder.string(), bJournal, bSmall, {}}).Run();
         if (!report.Passed() || bVerbose)
             std::cout << report.Describe() << std::flush;
         nFailed += report.Passed() ? 0 : 1;
