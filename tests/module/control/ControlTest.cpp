@@ -81,7 +81,9 @@ TEST_F(Control, ServerTakesAnUploadsStopOrResumeFromItsCreatorOnlyAndConfirmsItT
         const auto vecFlood = host.SentOf(PDU_CONF_FS_IS_STOP_UPLOAD_REQUEST);
         ASSERT_EQ(c.szRoute == std::string("group") ? 1u : 0u, vecFlood.size()) << c.szName;
         if (!vecFlood.empty())
+        {
             EXPECT_EQ(Pdu().U16(7).U16(5).User(kAlice).U32(ulSeq).U8(c.bStop).U32(40000).b, vecFlood[0].data) << c.szName;
+        }
         const auto vecAnswer = host.SentOf(PDU_CONF_FS_IS_STOP_UPLOAD_RESPONSE);
         ASSERT_EQ(c.answer.empty() ? 0u : 1u, vecAnswer.size()) << c.szName;
         EXPECT_TRUE(c.answer.empty() || (c.answer == vecAnswer[0].data && c.szRoute == vecAnswer[0].sRoute)) << c.szName;

@@ -68,7 +68,7 @@ Pdu Answer(uint16_t usFileID, uint32_t ulResult, const QB_UserID& user)
 
 Bytes StoppedAt0(const QB_UserID& user)
 {
-    ZV_DownloadDataRequest ask{kFile, user};
+    ZV_DownloadDataRequest ask{kFile, user, {}};
     ask.record.SetDownloadPos(0);
     ask.record.SetStopped(true);
     return ZV_SavePayload(ask);
