@@ -762,7 +762,7 @@ void ZV_RandomScenario::CheckViews()
         for (auto& [usFileID, held] : mapHeld)
         {
             auto it = mapTold.find(usFileID);
-            auto fnAbout = [&] { return DescribeFile(lpClient->lpNode, m_vecServers, usFileID); };
+            auto fnAbout = [&, usFileID = usFileID] { return DescribeFile(lpClient->lpNode, m_vecServers, usFileID); };
             if (it == mapTold.end())
             {
                 Problem(lpClient->sName + " was never told of " + Num(usFileID) + " (" + held.sName + ")" + fnAbout());
