@@ -457,6 +457,34 @@ TEST_F(Download, OrdersTheCreatorToUploadBeforeAnsweringOrSaysWhyItCannot)
     EXPECT_EQ(Pdu().U16(5).U32(0).U16(5).User(kAlice).U32(0).U32(0).b, host.m_vecSent[0].data);
 }
 
+// A start a linked server floods for a downloader reaches the creator's
+// client where she is homed, goes on to the other servers elsewhere, and is
+// taken once.
+TEST_F(Download, PassesAStartFromAnotherServerToTheCreatorOrOnToTheOtherServersOnce)
+{
+    AddStoredFile(0);
+    host.m_bHasServerLinks = true;
+    const Bytes start = Pdu().U16(5).U32(0).U16(5).User(kBob).U32(77).U32(0).b;
+    for (uint32_t ulHome : {2u, 1u})
+    {
+        host.Link(kAlice);
+        host.AddUser(kAlice, ulHome, "alice");
+        host.m_setFloodSeen.clear();
+        for (size_t nSent : {1u, 0u})
+        {
+            host.m_vecSent.clear();
+            Deliver(PDU_CONF_FS_UPLOAD_RESPONSE, start, zvConfServerTypeCommand, 902, QB_UserID(2, 0));
+            ASSERT_EQ(nSent, host.m_vecSent.size()) << ulHome;
+            if (nSent == 1)
+            {
+                EXPECT_EQ(ulHome == 1 ? "link" : "servers", host.m_vecSent[0].sRoute);
+                const Bytes toAlice = Pdu().U16(5).U32(0).U16(5).User(kAlice).U32(77).U32(0).b;
+                EXPECT_EQ(ulHome == 1 ? toAlice : Pdu().U16(7).Data(start).b, host.m_vecSent[0].data);
+            }
+        }
+    }
+}
+
 // A store that fails a read is told as an empty block with 61; one that was
 // closed under the pump is opened again by it.
 TEST_F(Download, AStoreThatCannotBeReadIsToldAsAnEmptyBlockWith61WhereNoCommandLinkIs)
