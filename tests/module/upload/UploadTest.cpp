@@ -144,6 +144,7 @@ TEST_F(Upload, FsUploadRefusesUnknownAndReservedFilesAndSendsTheStartMarkerEvenW
     EXPECT_EQ(0u, FsUpload(5));
     ASSERT_EQ(1u, host.m_vecSent.size());
     EXPECT_TRUE(host.m_vecSent[0].usPdu == PDU_CONF_FS_UPLOAD_REQUEST && host.m_vecSent[0].ulConn == 11);
+    EXPECT_EQ(Pdu().U16(5).User(kAlice).U32(0).U8(1).b, host.m_vecSent[0].data) << "the start marker";
 
     // A share she took back is not sent again on her word either.
     ZV_FileShareMgrPeer::Ledger(mgr).Forget(host.m_ulConfID, Peer::BriefInfo(*lpSession));
