@@ -37,9 +37,9 @@ struct Node : ZV_BasicNode<ZV_ThrowingHost>
             EXPECT_EQ(0u, mgr.Initialize());
         }
     }
-    void Deliver(uint16_t usPdu, uint16_t usConnType, const Bytes& data)
+    uint32_t Deliver(uint16_t usPdu, uint16_t usConnType, const Bytes& data)
     {
-        ZV_Deliver(mgr, usPdu, usConnType, data, 5, QB_UserID(kBob.m_ulMain, 0));
+        return ZV_Deliver(mgr, usPdu, usConnType, data, 5, QB_UserID(kBob.m_ulMain, 0));
     }
     ZV_FileShareSession* Session(uint16_t usFileID = kFileID) { return ZV_FileShareMgrPeer::Find(mgr, usFileID); }
     size_t StoredFiles() const
@@ -234,11 +234,13 @@ TEST(Ownership, ARequestMeetingAFileIDABatchStillHoldsReservedIsAnswered83)
         if (usPdu != PDU_CONF_FS_ADD_FILES_RESPONSE || bAsked)
             return;
         bAsked = true;
-        node.Deliver(PDU_CONF_FS_DEL_UPLOAD_REQUEST, zvConfClientTypeCommand, ZV_SavePayload(ZV_DelUploadRequest{1, kBob}));
+        // Refused, yet handled: the host hears 0.
+        EXPECT_EQ(0u, node.Deliver(PDU_CONF_FS_DEL_UPLOAD_REQUEST, zvConfClientTypeCommand,
+                                   ZV_SavePayload(ZV_DelUploadRequest{1, kBob})));
         ZV_SetFilesRightRequest right;
         right.arrFileID.Add(2);
         right.user = kBob;
-        node.Deliver(PDU_CONF_FS_SET_FILES_RIGHT_REQUEST, zvConfClientTypeCommand, ZV_SavePayload(right));
+        EXPECT_EQ(0u, node.Deliver(PDU_CONF_FS_SET_FILES_RIGHT_REQUEST, zvConfClientTypeCommand, ZV_SavePayload(right)));
     };
     node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, zvConfClientTypeCommand, AddFilesRequest({"a.txt", "b.txt", "c.txt"}));
     ASSERT_TRUE(bAsked);
