@@ -50,6 +50,7 @@ TEST(AddFile, ClientSendsItsRequestWithTheFileInWindowsFormAndRefusesTheAnswerOn
     const auto ask = ZV_Parse<ZV_AddRequest>(sent.data);
     EXPECT_EQ(QB_StringU8(node.tmp.PathW()), ask.brief.m_sFilePath);
     EXPECT_EQ(QB_StringU8("report.doc"), ask.brief.m_sFileOldName);
+    EXPECT_EQ(QB_StringU8("Alice"), ask.brief.m_sCreatorName);
     EXPECT_EQ(QB_StringU8("doc"), ask.brief.m_sFileType);
     EXPECT_EQ(5u, ask.brief.m_ulFileLenth);
     EXPECT_EQ(0u, ask.brief.m_ullMask & ZV_BRIEF_RIGHT) << "a public file carries no rights";

@@ -196,8 +196,11 @@ TEST_F(SessionLists, AServerRestsRenewsOrWithdrawsEachRecordItLists)
         Deliver(node, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_REQUEST, ZV_Pdu().U16(0).User(kBob).b);
         std::map<uint16_t, bool> mapModify;
         for (const auto& part : ZV_Pieces<ZV_DownloadListResponse>(node.host, PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE))
+        {
+            EXPECT_TRUE(part.ulResult == 0 && part.user == kBob);
             for (int i = 0; i < part.arrInfo.GetSize(); ++i)
                 mapModify[part.arrInfo[i].m_usFileID] = part.arrModify[i];
+        }
         return mapModify;
     };
     EXPECT_EQ((std::map<uint16_t, bool>{{4, false}, {5, false}, {6, true}, {7, false}}), Listed());
