@@ -28,13 +28,6 @@ struct NetProcess : ::testing::TestWithParam<ZV_NetMode>
     bool PartWay(const std::string& sTarget) { return ZV_WaitFor([&] { return ZV_FileSize(At(sTarget)) >= kMiB / 2; }); }
 };
 
-// How far a client's download stood at its first "progress" line.
-double FirstProgress(const std::string& sOut)
-{
-    const size_t nAt = sOut.find("progress ");
-    return nAt == std::string::npos ? -1 : std::atof(sOut.c_str() + sOut.find(' ', nAt + 9) + 1);
-}
-
 Bytes operator+(Bytes a, const Bytes& b) { return a.insert(a.end(), b.begin(), b.end()), a; }
 template <size_t N>
 Bytes Of(const std::array<uint8_t, N>& ab) { return Bytes(ab.begin(), ab.end()); }
@@ -79,10 +72,8 @@ TEST_P(NetProcess, ClientsFetchByteForByteThroughARestartAKillACutLinkAndASecond
     lpBob = ZV_StartClient(setup, "bob", kBob, server.GetAddress(), {"get", "k.bin", "kb.bin"}, kSlow);
     ASSERT_TRUE(PartWay("kb.bin"));
     lpBob->Signal(SIGKILL), lpBob->Wait();
-    std::filesystem::rename(At("bob.out"), At("bob-first.out"));
     EXPECT_EQ(0, ZV_RunClient(setup, "bob", kBob, server.GetAddress(), {"await", "k.bin"}));
     EXPECT_TRUE(ZV_SameFiles(At("k.bin"), At("kb.bin")));
-    EXPECT_GE(FirstProgress(ZV_ReadText(At("bob.out"))), 20.0) << "it started again from its file's end";
 
     const Since logBack{[&] { return server.Log(); }};
     ZV_TestProxy proxy(ZV_FreeLowPort(), server.GetPort());
@@ -151,44 +142,21 @@ TEST_P(NetProcess, AFileSharedAtOneServerIsFetchedAtItsLinkedOneAndALeaveComesOn
               std::string::npos);
 }
 
-// On TLS with logins the peer logs in first: its frames meet the same checks.
-TEST_P(NetProcess, ABadPeerGetsItsConnectionClosedWithALogLineAndReachesNoManager)
-{
-    ZV_ServerUnderTest server(setup, At("srv1"), 1);
-    ASSERT_TRUE(server.Start());
-    const struct { const char* szCase; Bytes vbSent; bool bEndStream; const char* szLogged; } aRows[] = {
-        {"a stream of garbage", Bytes(40, 0x47), false, "it does not begin with \"RCRT\""},
-        {"an unknown version", Hello(zvConfClientTypeCommand, 100, 9), false, "unknown protocol version"},
-        {"a hello for a conference not hosted here", Hello(zvConfClientTypeCommand, 999), false, "conference not hosted here"},
-        {"a data connection without its command connection", Hello(zvConfClientTypeData), false,
-         "a data link before the command link"},
-        {"a frame with a huge length", Frame(100, 8001, 0xFFFFFFFF, 0), false, "(4294967295)"},
-        {"a frame one byte longer than a module sends", Frame(100, 8001, 65472, 0), false, "longer than 65471 bytes (65472)"},
-        {"a frame of a conference the link is not in", Frame(200, 8001, 4, 4), false,
-         "a frame for conference word 200 on a link of conference 100"},
-        {"a frame cut short", Frame(100, 8001, 100, 10), true, "the stream ended inside a frame"},
-        {"a frame head cut short", Hello(0) + Bytes(5, 0), true, "the stream ended inside a frame head"},
-        {"a host frame nobody knows", Frame(100, 7, 0, 0), false, "host's own numbers it does not know (7)"},
-    };
-    for (const auto& row : aRows)
-    {
-        SCOPED_TRACE(row.szCase);
-        EXPECT_TRUE(ZV_SendAndSeeClosed(setup, server.GetPort(), row.vbSent, row.bEndStream));
-        EXPECT_TRUE(ZV_WaitFor([&] { return server.Log().find(row.szLogged) != std::string::npos; }, 3s));
-    }
-    EXPECT_EQ(server.Trace().find("recv a"), std::string::npos) << server.Trace();
-    EXPECT_EQ(0, ZV_RunClient(setup, "bob", kBob, server.GetAddress(), {"list"})) << "the server goes on";
-}
-
 INSTANTIATE_TEST_SUITE_P(Modes, NetProcess, ::testing::Values(kNetClear, kNetSecure),
                          [](const auto& info) { return std::string(info.param.szName); });
 
-// In the clear, so that a login can be recorded and replayed; each refusal slows the address.
+// In the clear, so that a login can be recorded and replayed; each refusal
+// slows the address. Server 1 dials server 2 with the wrong link secret.
 TEST(NetSecurity, ALoginThatProvesNothingIsClosedLoggedSlowedDownAndReachesNoManager)
 {
     QB_TempFolder tmp;
     ZV_NetSetup setup(tmp.Path(), {"LoginsInTheClear", false, true});
+    ZV_ServerUnderTest server2(setup, tmp.Path() + "/srv2", 2);
+    server2.AddPeer(1, 0);
+    ASSERT_TRUE(server2.Start());
+    QB_WriteWholeFile(tmp.Path() + "/link.secret", "not the secret of the link\n");
     ZV_ServerUnderTest server(setup, tmp.Path() + "/srv1", 1);
+    server.AddPeer(2, server2.GetPort());
     ASSERT_TRUE(server.Start());
     ZV_TestProxy proxy(ZV_FreeLowPort(), server.GetPort());
     ASSERT_EQ(0, ZV_RunClient(setup, "recorded", kBob, proxy.GetAddress(), {"list"}));
@@ -211,7 +179,7 @@ TEST(NetSecurity, ALoginThatProvesNothingIsClosedLoggedSlowedDownAndReachesNoMan
         SCOPED_TRACE(row.szCase);
         const Since rowLog{[&] { return server.Log(); }};
         if (row.vecOptions.empty())
-            EXPECT_TRUE(ZV_SendAndSeeClosed(setup, server.GetPort(), {sRecorded.begin(), sRecorded.end()}, false, false));
+            EXPECT_TRUE(ZV_SendAndSeeClosed(server.GetPort(), {sRecorded.begin(), sRecorded.end()}, false));
         else
             EXPECT_EQ(kExitRefused,
                       ZV_StartClient(setup, "refused", kBob, server.GetAddress(), {"list"}, row.vecOptions, false)->Wait());
@@ -225,28 +193,21 @@ TEST(NetSecurity, ALoginThatProvesNothingIsClosedLoggedSlowedDownAndReachesNoMan
     EXPECT_GE(std::chrono::steady_clock::now() - tpStart, 800ms);
     EXPECT_NE(log.Text().find("failed logins from 127.0.0.1 lately: 4; its login waits 800 ms"), std::string::npos)
         << log.Text();
-}
-
-// Server 1 dials server 2 with the wrong link secret; a client refuses a
-// certificate of another authority or name, and a server that asks no login.
-TEST(NetSecurity, APeerThatDoesNotProveWhoItIsIsRefusedByAServerOrAClient)
-{
-    QB_TempFolder tmp;
-    ZV_NetSetup setup(tmp.Path(), kNetSecure);
-    ZV_ServerUnderTest server2(setup, tmp.Path() + "/srv2", 2, {}, 600, 1001);
-    server2.AddPeer(1, 0);
-    ASSERT_TRUE(server2.Start());
-    QB_WriteWholeFile(tmp.Path() + "/link.secret", "not the secret of the link\n");
-    ZV_ServerUnderTest server1(setup, tmp.Path() + "/srv1", 1);
-    server1.AddPeer(2, server2.GetPort());
-    ASSERT_TRUE(server1.Start());
-    const Since log2{[&] { return server2.Log(); }, 0}, log1{[&] { return server1.Log(); }, 0};
+    const Since log2{[&] { return server2.Log(); }, 0}, log1{[&] { return server.Log(); }, 0};
     EXPECT_TRUE(log2.Shows("its login was refused: its proof does not hold for server \"1\""));
     EXPECT_TRUE(log1.Shows("the server refused it: login refused"));
     EXPECT_EQ(server2.Log().find("server link to server"), std::string::npos);
-    EXPECT_EQ(server1.Log().find("server link to server"), std::string::npos);
+    EXPECT_EQ(server.Log().find("server link to server"), std::string::npos);
     EXPECT_EQ(server2.Trace().find("recv a"), std::string::npos);
+}
 
+// A server in the clear closes a peer that breaks the wire (on TLS the frames
+// come to the same checks once a login is done); a client refuses a
+// certificate of another authority or name, and a server that asks no login.
+TEST(NetSecurity, APeerThatBreaksTheWireOrDoesNotProveWhoItIsIsRefusedAndReachesNoManager)
+{
+    QB_TempFolder tmp;
+    ZV_NetSetup setup(tmp.Path(), kNetSecure);
     ASSERT_TRUE(ZV_MakeCertificates(tmp.Path(), "net", "127.0.0.2"));
     ASSERT_TRUE(ZV_MakeCertificates(tmp.Path(), "other", "127.0.0.1"));
     ZV_ServerUnderTest server(setup, tmp.Path() + "/srv3", 1);
@@ -254,6 +215,29 @@ TEST(NetSecurity, APeerThatDoesNotProveWhoItIsIsRefusedByAServerOrAClient)
     ZV_NetSetup setupOpen(tmp.Path() + "/open", kNetClear);
     ZV_ServerUnderTest serverOpen(setupOpen, tmp.Path() + "/srv-open", 1);
     ASSERT_TRUE(serverOpen.Start());
+    const struct { const char* szCase; Bytes vbSent; bool bEndStream; const char* szLogged; } aBroken[] = {
+        {"a stream of garbage", Bytes(40, 0x47), false, "it does not begin with \"RCRT\""},
+        {"an unknown version", Hello(zvConfClientTypeCommand, 100, 9), false, "unknown protocol version"},
+        {"a hello for a conference not hosted here", Hello(zvConfClientTypeCommand, 999), false, "conference not hosted here"},
+        {"a data connection without its command connection", Hello(zvConfClientTypeData), false,
+         "a data link before the command link"},
+        {"a frame with a huge length", Frame(100, 8001, 0xFFFFFFFF, 0), false, "(4294967295)"},
+        {"a frame one byte longer than a module sends", Frame(100, 8001, 65472, 0), false, "longer than 65471 bytes (65472)"},
+        {"a frame of a conference the link is not in", Frame(200, 8001, 4, 4), false,
+         "a frame for conference word 200 on a link of conference 100"},
+        {"a frame cut short", Frame(100, 8001, 100, 10), true, "the stream ended inside a frame"},
+        {"a frame head cut short", Hello(0) + Bytes(5, 0), true, "the stream ended inside a frame head"},
+        {"a host frame nobody knows", Frame(100, 7, 0, 0), false, "host's own numbers it does not know (7)"},
+    };
+    for (const auto& row : aBroken)
+    {
+        SCOPED_TRACE(row.szCase);
+        EXPECT_TRUE(ZV_SendAndSeeClosed(serverOpen.GetPort(), row.vbSent, row.bEndStream));
+        EXPECT_TRUE(ZV_WaitFor([&] { return serverOpen.Log().find(row.szLogged) != std::string::npos; }, 3s));
+    }
+    EXPECT_EQ(serverOpen.Trace().find("recv a"), std::string::npos) << serverOpen.Trace();
+    EXPECT_EQ(0, ZV_RunClient(setupOpen, "bob", kBob, serverOpen.GetAddress(), {"list"})) << "the server goes on";
+
     const std::string sPort = std::to_string(server.GetPort());
     // sTrust empty: in the clear
     const struct { const char* szCase; ZV_ServerUnderTest& server; std::string sAddress, sTrust, sWhy; } aRows[] = {

@@ -295,8 +295,8 @@ inline int ZV_RunClient(const ZV_NetSetup& setup, const std::string& sName, uint
     return ZV_StartClient(setup, sName, ulUser, sServer, vecSteps, vecOptions)->Wait(std::chrono::seconds(40));
 }
 
-// A blocking connection, on TLS when given a trust file, whose reads give up
-// after a few seconds.
+// A blocking connection whose reads give up after a few seconds; on TLS, when
+// given a trust file, only to learn what the session binds a login to.
 class ZV_RawChannel
 {
 public:
@@ -310,7 +310,6 @@ public:
             return;
         SSL_CTX_load_verify_locations(m_lpContext.get(), sTrust.c_str(), nullptr);
         SSL_CTX_set_verify(m_lpContext.get(), SSL_VERIFY_PEER, nullptr);
-        SSL_CTX_set_options(m_lpContext.get(), SSL_OP_IGNORE_UNEXPECTED_EOF);
         m_lpSsl.reset(SSL_new(m_lpContext.get()));
         SSL_set_fd(m_lpSsl.get(), m_nSocket);
         m_bUp = SSL_connect(m_lpSsl.get()) == 1;
@@ -318,60 +317,7 @@ public:
     ~ZV_RawChannel() { m_lpSsl.reset(), close(m_nSocket); }
     bool IsUp() const { return m_bUp; }
     ZV_ChannelBinding Binding() const { return m_lpSsl ? ZV_BindingOf(m_lpSsl.get()) : ZV_ChannelBinding{}; }
-
-    bool Write(const void* pData, size_t nLen)
-    {
-        return nLen == 0 || (m_lpSsl ? SSL_write(m_lpSsl.get(), pData, (int)nLen) == (int)nLen
-                                     : send(m_nSocket, pData, nLen, MSG_NOSIGNAL) == (ssize_t)nLen);
-    }
-    // 0 when the peer closed, -1 on an error or when the time ran out.
-    ssize_t ReadSome(void* pData, size_t nLen)
-    {
-        if (!m_lpSsl)
-            return recv(m_nSocket, pData, nLen, 0);
-        const int nRead = SSL_read(m_lpSsl.get(), pData, (int)nLen);
-        const int nError = nRead > 0 ? 0 : SSL_get_error(m_lpSsl.get(), nRead);
-        const bool bTimeOut = nError == SSL_ERROR_WANT_READ ||
-                              (nError == SSL_ERROR_SYSCALL && (errno == EAGAIN || errno == EWOULDBLOCK));
-        return nRead > 0 ? nRead : bTimeOut ? -1 : 0;
-    }
-    bool Read(void* pData, size_t nLen)
-    {
-        for (ssize_t nRead = 0; nLen > 0; nLen -= (size_t)nRead, pData = (char*)pData + nRead)
-            if ((nRead = ReadSome(pData, nLen)) <= 0)
-                return false;
-        return true;
-    }
-    void EndStream()
-    {
-        if (m_lpSsl)
-            SSL_shutdown(m_lpSsl.get());
-        shutdown(m_nSocket, SHUT_WR);
-    }
-    // The hello's user logs in; false when the server refused the hello or
-    // the login, and so closes.
-    bool LogIn(const ZV_NetSetup& setup, const ZV_NetHello& hello)
-    {
-        const std::string sName = ZV_UserName(hello.ulWho);
-        ZV_LoginClient client(sName, setup.Secret(sName), Binding());
-        ZV_NetWelcome welcome;
-        std::array<uint8_t, kNetWelcomeSize> abWelcome{};
-        std::string sData;
-        for (bool bFirst = true;; bFirst = false)
-        {
-            if (!Read(abWelcome.data(), abWelcome.size()) || ZV_ReadWelcome(abWelcome.data(), welcome) != ZV_NetFault::None)
-                return false;
-            sData.resize(welcome.usLoginLen);
-            if (!Read(sData.data(), sData.size()) || welcome.usResult != zvNetLogIn)
-                return welcome.usResult == zvNetAccepted;
-            const ZV_LoginStep step = bFirst ? client.Start(sData) : client.Step(sData);
-            const std::string sMechanism = bFirst ? client.GetMechanism() : "";
-            const auto abHead = ZV_WriteLoginHead({(uint8_t)sMechanism.size(), (uint16_t)step.sData.size()});
-            if (!Write(abHead.data(), abHead.size()) || !Write(sMechanism.data(), sMechanism.size()) ||
-                !Write(step.sData.data(), step.sData.size()))
-                return false;
-        }
-    }
+    int GetSocket() const { return m_nSocket; }
 
 private:
     int m_nSocket = socket(AF_INET, SOCK_STREAM, 0);
@@ -380,31 +326,20 @@ private:
     std::unique_ptr<SSL, decltype(&SSL_free)> m_lpSsl{nullptr, &SSL_free};
 };
 
-// Writes bytes to a server as they are, on TLS and logged in as the setup has
-// it when they begin with a hello (unless bLogIn is false), then waits for the
+// Writes bytes to a server in the clear as they are, then waits for the
 // server to close; false when it kept the connection open past a few seconds.
-inline bool ZV_SendAndSeeClosed(const ZV_NetSetup& setup, uint16_t usPort, const std::vector<uint8_t>& vbSent,
-                                bool bEndStream, bool bLogIn = true)
+inline bool ZV_SendAndSeeClosed(uint16_t usPort, const std::vector<uint8_t>& vbSent, bool bEndStream)
 {
-    ZV_RawChannel channel(usPort, setup.mode.bTls ? setup.TrustFile() : std::string());
-    size_t nSent = 0;
-    ZV_NetHello hello;
-    if (bLogIn && setup.mode.bLogins && vbSent.size() >= kNetHelloSize &&
-        ZV_ReadHello(vbSent.data(), hello) == ZV_NetFault::None)
-    {
-        nSent = kNetHelloSize;
-        if (!channel.Write(vbSent.data(), nSent) || !channel.LogIn(setup, hello))
-            nSent = vbSent.size();
-    }
-    if (!channel.IsUp() || !channel.Write(vbSent.data() + nSent, vbSent.size() - nSent))
+    ZV_RawChannel channel(usPort, {});
+    if (!channel.IsUp() || send(channel.GetSocket(), vbSent.data(), vbSent.size(), MSG_NOSIGNAL) != (ssize_t)vbSent.size())
         return false;
     if (bEndStream)
-        channel.EndStream();
+        shutdown(channel.GetSocket(), SHUT_WR);
     char ab[256];
     ssize_t nRead = 1;
-    while ((nRead = channel.ReadSome(ab, sizeof ab)) > 0)
+    while ((nRead = recv(channel.GetSocket(), ab, sizeof ab, 0)) > 0)
         ;
-    return nRead == 0 || errno == ECONNRESET;
+    return nRead == 0 || errno == ECONNRESET;  // -1 with EAGAIN: still open when the time ran out
 }
 
 // What a TLS session with the server binds its login to.
