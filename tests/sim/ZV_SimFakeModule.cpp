@@ -61,7 +61,7 @@ std::vector<ZV_SimFakeCall> ZV_SimFakeModule::CallsOf(const std::string& sWhat) 
 ZV_SimFakeCall& ZV_SimFakeModule::Record(const std::string& sWhat, const QB_UserID& peer, uint32_t ulConn,
                                          uint16_t usConnType)
 {
-    m_vecCalls.push_back({sWhat, peer, ulConn, usConnType, 0, 0, {}});
+    m_vecCalls.push_back({sWhat, peer, ulConn, usConnType, 0, {}});
     return m_vecCalls.back();
 }
 
@@ -92,7 +92,6 @@ uint32_t ZV_SimFakeModule::OnEvent(uint16_t usEvent, uintptr_t a1, uintptr_t a2,
     ZV_SimFakeCall& call = bTakesUser ? Record("OnEvent", *reinterpret_cast<const QB_UserID*>(a2))
                                       : Record("OnEvent", {}, (uint32_t)a2);
     call.usNumber = usEvent;
-    call.a1 = a1;
     if (fnOnEvent)
         fnOnEvent(*this, usEvent, a1, a2);
     return 0;

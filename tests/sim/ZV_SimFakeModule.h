@@ -17,7 +17,6 @@ struct ZV_SimFakeCall
     uint32_t ulConn = 0;  // also the tick of OnTimer and the a2 of a host event without a user
     uint16_t usConnType = 0;
     uint16_t usNumber = 0;  // PDU or host event
-    uintptr_t a1 = 0;
     std::vector<uint8_t> vbData;
 };
 
