@@ -115,8 +115,12 @@ struct CliProcess : ::testing::TestWithParam<ZV_NetMode>
 }  // namespace
 
 // The refusals, a share and two fetches, rights and removal, two files of one
-// name, and batches: two files of one folder go as one.
-TEST_P(CliProcess, SharesFetchesChangesRightsAndSaysWhatCannotBeDone)
+// name, and batches: two files of one folder go as one. Then the shell at a
+// terminal: the secret asked for and never shown, completion, a bar, stop and
+// resume, another user's share, history kept and called back. Then a killed
+// get finishes from its file; a lost link is said once and dialled again;
+// Ctrl-C while a share is not whole on the server warns.
+TEST_P(CliProcess, ServesItsUserFromTheCommandLineOrItsShellThroughAKillOrALostLinkAndSaysWhatCannotBeDone)
 {
     ASSERT_TRUE(server.Start());
     std::ofstream(At("wrong.secret")) << "not the secret\n";
@@ -196,21 +200,10 @@ TEST_P(CliProcess, SharesFetchesChangesRightsAndSaysWhatCannotBeDone)
         for (const char* szName : {"y.bin", "z.bin"})
             EXPECT_NE(Err(kNobody).find(std::string("refused to take ") + szName), std::string::npos) << Err(kNobody);
     }
-    server.Stop();
-    EXPECT_EQ(QB_CountInFiles(server.GetDir() + "/server.out", "recv a PDU_CONF_FS_ADD_FILES_REQUEST"),
-              GetParam().bLogins ? 1u : 2u) << server.Trace();
-}
 
-// The shell at a terminal: the secret asked for and never shown, completion,
-// a bar, stop and resume, another user's share, history kept and called back.
-// Then a killed get finishes from its file; a lost link is said once and
-// dialled again; Ctrl-C while a share is not whole on the server warns.
-TEST_P(CliProcess, TheShellServesItsUserAndAGetGoesOnAfterAKillOrALostLinkAndCtrlCDuringAShareWarns)
-{
-    ASSERT_TRUE(server.Start());
-    ZV_WriteRandomFile(At("a.bin"), 2 * kMiB, 9);
+    ZV_WriteRandomFile(At("b.bin"), 2 * kMiB, 9);
     ZV_WriteRandomFile(At("late.bin"), 100, 10);
-    ASSERT_EQ(0, Run(kAlice, {"share", "a.bin"})) << Err(kAlice);
+    ASSERT_EQ(0, Run(kAlice, {"share", "b.bin"})) << Err(kAlice);
     Terminal shell(sDir, {"--config", Config(kBob, server.GetAddress(), true), "--rate", "500000", "shell"});
     ASSERT_TRUE(shell.lpProcess);
     if (GetParam().bLogins)
@@ -219,11 +212,11 @@ TEST_P(CliProcess, TheShellServesItsUserAndAGetGoesOnAfterAKillOrALostLinkAndCtr
         ASSERT_TRUE(shell.Type(setup.Secret("bob") + "\n"));
     }
     EXPECT_TRUE(shell.Until("roomcrate> ")) << shell.sScreen;
-    ASSERT_TRUE(shell.Type("ge\t-o in a.\t\n"));
-    EXPECT_TRUE(shell.Until("a.bin [#")) << shell.sScreen;
-    ASSERT_TRUE(shell.Type("stop a.bin\n"));
+    ASSERT_TRUE(shell.Type("ge\t-o in b.\t\n"));
+    EXPECT_TRUE(shell.Until("b.bin [#")) << shell.sScreen;
+    ASSERT_TRUE(shell.Type("stop b.bin\n"));
     EXPECT_TRUE(shell.Until("still arrive and are kept")) << shell.sScreen;
-    ASSERT_TRUE(shell.Type("resume a.bin\n"));
+    ASSERT_TRUE(shell.Type("resume b.bin\n"));
     EXPECT_TRUE(shell.Until("resumed ")) << shell.sScreen;
     ASSERT_EQ(0, Run(kAlice, {"share", "late.bin"})) << Err(kAlice);
     EXPECT_TRUE(shell.Until("* new file: ")) << shell.sScreen;
@@ -234,28 +227,28 @@ TEST_P(CliProcess, TheShellServesItsUserAndAGetGoesOnAfterAKillOrALostLinkAndCtr
     EXPECT_TRUE(shell.Until("who may have it:", shell.sScreen.find("who may have it:") + 1)) << shell.sScreen;
     ASSERT_TRUE(shell.Type("quit\n"));
     EXPECT_EQ(0, shell.Wait());
-    EXPECT_TRUE(ZV_SameFiles(At("a.bin"), At("in/a.bin")));
+    EXPECT_TRUE(ZV_SameFiles(At("b.bin"), At("in/b.bin")));
     EXPECT_EQ(shell.sScreen.find(setup.Secret("bob")), std::string::npos) << shell.sScreen;
     const std::string sHistory = ZV_ReadText(At(".roomcrate_history"));  // libedit may write a blank as \\040
-    EXPECT_TRUE(sHistory.find("\nget\\040-o\\040in\\040a.bin") != std::string::npos ||
-                sHistory.find("\nget -o in a.bin") != std::string::npos) << sHistory;
+    EXPECT_TRUE(sHistory.find("\nget\\040-o\\040in\\040b.bin") != std::string::npos ||
+                sHistory.find("\nget -o in b.bin") != std::string::npos) << sHistory;
 
-    auto lpBob = Start(kBob, {"--rate", "600000", "get", "a.bin", "-o", "got"});
-    ASSERT_TRUE(ZV_WaitFor([&] { return ZV_FileSize(At("got/a.bin")) >= kMiB / 2; }));
+    auto lpBob = Start(kBob, {"--rate", "600000", "get", "b.bin", "-o", "got"});
+    ASSERT_TRUE(ZV_WaitFor([&] { return ZV_FileSize(At("got/b.bin")) >= kMiB / 2; }));
     lpBob->Signal(SIGKILL), lpBob->Wait();
-    ASSERT_LT(ZV_FileSize(At("got/a.bin")), 2 * kMiB);
-    ASSERT_EQ(0, Run(kBob, {"get", "a.bin", "-o", "got"})) << Err(kBob);
-    EXPECT_TRUE(ZV_SameFiles(At("a.bin"), At("got/a.bin")));
-    EXPECT_FALSE(std::filesystem::exists(At("got/a(1).bin"))) << "it went on, rather than start anew";
+    ASSERT_LT(ZV_FileSize(At("got/b.bin")), 2 * kMiB);
+    ASSERT_EQ(0, Run(kBob, {"get", "b.bin", "-o", "got"})) << Err(kBob);
+    EXPECT_TRUE(ZV_SameFiles(At("b.bin"), At("got/b.bin")));
+    EXPECT_FALSE(std::filesystem::exists(At("got/b(1).bin"))) << "it went on, rather than start anew";
 
     ZV_TestProxy proxy(ZV_FreeLowPort(), server.GetPort());
-    lpBob = Start(kBob, {"--rate", "600000", "get", "a.bin", "-o", "out"}, proxy.GetAddress());
-    ASSERT_TRUE(ZV_WaitFor([&] { return ZV_FileSize(At("out/a.bin")) >= kMiB / 2; }));
+    lpBob = Start(kBob, {"--rate", "600000", "get", "b.bin", "-o", "out"}, proxy.GetAddress());
+    ASSERT_TRUE(ZV_WaitFor([&] { return ZV_FileSize(At("out/b.bin")) >= kMiB / 2; }));
     proxy.Cut();
     ASSERT_TRUE(ZV_WaitFor([&] { return Err(kBob).find("was lost") != std::string::npos; }));
     proxy.Restore();
     EXPECT_EQ(0, lpBob->Wait(std::chrono::seconds(60))) << Err(kBob);
-    EXPECT_TRUE(ZV_SameFiles(At("a.bin"), At("out/a.bin")));
+    EXPECT_TRUE(ZV_SameFiles(At("b.bin"), At("out/b.bin")));
     const std::string sBobErr = Err(kBob);
     EXPECT_EQ(sBobErr.find("was lost"), sBobErr.rfind("was lost")) << "said once\n" << sBobErr;
     EXPECT_NE(sBobErr.find("connected again"), std::string::npos) << sBobErr;
@@ -267,6 +260,9 @@ TEST_P(CliProcess, TheShellServesItsUserAndAGetGoesOnAfterAKillOrALostLinkAndCtr
     lpAlice->Signal(SIGINT);
     EXPECT_EQ(130, lpAlice->Wait()) << Err(kAlice);
     EXPECT_NE(Err(kAlice).find("left before the server held the whole file"), std::string::npos) << Err(kAlice);
+    server.Stop();
+    EXPECT_EQ(QB_CountInFiles(server.GetDir() + "/server.out", "recv a PDU_CONF_FS_ADD_FILES_REQUEST"),
+              GetParam().bLogins ? 1u : 2u) << server.Trace();
 }
 
 INSTANTIATE_TEST_SUITE_P(Modes, CliProcess, ::testing::Values(kNetClear, kNetSecure),
