@@ -97,9 +97,10 @@ struct ZV_Scene : public ::testing::Test
     IZV_FileShareMgr* Fs(ZV_SimHost* lpClient) const { return lpClient->GetFileShareMgr(); }
 
     // A client shares `data` from its own folder: the FileID given, or 0xFFFF.
-    void StartShareBy(ZV_SimHost* lpClient, const std::string& sName, const ZV_Bytes& data, bool bStart = true,
-                      bool bPublic = true, const std::vector<QB_UserID>& vecRight = {})
+    uint16_t ShareBy(ZV_SimHost* lpClient, const std::string& sName, const ZV_Bytes& data, bool bStart = true,
+                     bool bPublic = true, const std::vector<QB_UserID>& vecRight = {})
     {
+        const size_t nBefore = Events(lpClient, zvFsEventFileAdded).size();
         std::string sFolder = lpClient->GetUserRecord().sName;
         std::transform(sFolder.begin(), sFolder.end(), sFolder.begin(), [](char c) { return (char)std::tolower(c); });
         sFolder = tmp.Sub(sFolder);
@@ -107,23 +108,11 @@ struct ZV_Scene : public ::testing::Test
         QB_WriteWholeFile(sFolder + "/" + sName, data);
         EXPECT_EQ(0u, Fs(lpClient)->FsAdd(ZV_Wide(sFolder + "/" + sName).c_str(), vecRight.data(),
                                           (uint32_t)vecRight.size(), bPublic ? 1 : 0, bStart ? 1 : 0));
-    }
-    uint16_t ShareBy(ZV_SimHost* lpClient, const std::string& sName, const ZV_Bytes& data, bool bStart = true,
-                     bool bPublic = true, const std::vector<QB_UserID>& vecRight = {})
-    {
-        const size_t nBefore = Events(lpClient, zvFsEventFileAdded).size();
-        StartShareBy(lpClient, sName, data, bStart, bPublic, vecRight);
         EXPECT_TRUE(sim.Run()) << sim.GetError();
-        return AddedFileID(lpClient, nBefore);
-    }
-    void StartShare(const std::string& sName, const ZV_Bytes& data, bool bStart = true) { StartShareBy(Alice(), sName, data, bStart); }
-    uint16_t Share(const std::string& sName, const ZV_Bytes& data, bool bStart = true) { return ShareBy(Alice(), sName, data, bStart); }
-    // The FileID of the newest 3000 past the first nBefore, or 0xFFFF.
-    uint16_t AddedFileID(ZV_SimHost* lpClient, size_t nBefore)
-    {
         const auto vecAdded = Events(lpClient, zvFsEventFileAdded);
         return vecAdded.size() <= nBefore ? 0xFFFF : ZV_FileIDOf(vecAdded.back());
     }
+    uint16_t Share(const std::string& sName, const ZV_Bytes& data, bool bStart = true) { return ShareBy(Alice(), sName, data, bStart); }
     std::string Target(ZV_SimHost* lpClient, uint16_t usFileID) const
     {
         return tmp.Sub("downloads/" + lpClient->GetUserRecord().sName + "/" + std::to_string(usFileID) + ".bin");
