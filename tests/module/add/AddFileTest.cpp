@@ -69,23 +69,6 @@ TEST(AddFile, ClientSendsItsRequestWithTheFileInWindowsFormAndRefusesTheAnswerOn
     EXPECT_TRUE(node.host.m_vecSent.empty());
 }
 
-TEST(AddFile, ServerAnswersAllClientsAndFloodsTheFinalFileIDAndFloodNumber)
-{
-    Node node(true);
-    node.host.m_bHasServerLinks = true;
-    ASSERT_EQ(0u, node.mgr.Initialize());
-    ASSERT_EQ(0u, node.Deliver(PDU_CONF_FS_ADD_REQUEST, zvConfClientTypeCommand, AddRequest(0xFFFF, "a.txt")));
-
-    ASSERT_EQ(2u, node.host.m_vecSent.size());
-    const ZV_SentPdu& flood = node.host.m_vecSent[0];
-    const ZV_SentPdu& answer = node.host.m_vecSent[1];
-    EXPECT_TRUE(flood.usPdu == PDU_CONF_FS_ADD_REQUEST && flood.sRoute == "servers");
-    EXPECT_EQ((Bytes{0x07, 0, 0x01, 0, 0x11, 0x27, 0, 0, 0, 0, 0, 0, 0x64, 0, 0, 0}), Head(flood.data, 16));
-    EXPECT_TRUE(answer.usPdu == PDU_CONF_FS_ADD_RESPONSE && answer.sRoute == "group");
-    EXPECT_EQ((Bytes{0x01, 0, 0, 0, 0, 0, 0x01, 0, 0x11, 0x27, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}), Head(answer.data, 20));
-    EXPECT_TRUE(fs::exists(node.tmp.Sub("store/7/a.txt")));
-}
-
 // A linked server's add is never refused: a stored file that could not be
 // made is made by the timer, so that the name stays taken.
 TEST(AddFile, AStoredFileThatCouldNotBeMadeIsMadeByTheTimer)
