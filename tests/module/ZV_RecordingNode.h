@@ -45,6 +45,20 @@ inline std::vector<uint8_t> ZV_AddAsk(uint16_t usFileID, const QB_UserID& user, 
     return ZV_SavePayload(ask);
 }
 
+// 8055 in user's name: each description beside its FileID (ZV_NO_FILEID: one to be given).
+inline std::vector<uint8_t> ZV_AddFilesAsk(const QB_UserID& user,
+                                           const std::vector<std::pair<uint16_t, ZV_FileBriefInfo>>& vecFiles)
+{
+    ZV_AddFilesRequest ask;
+    ask.user = user;
+    for (const auto& file : vecFiles)
+    {
+        ask.arrFileID.Add(file.first);
+        ask.arrInfo.Add(file.second);
+    }
+    return ZV_SavePayload(ask);
+}
+
 // A payload read back as a T, past nSkip leading bytes (a flood's conference word).
 template <class T>
 T ZV_Parse(const std::vector<uint8_t>& data, int nSkip = 0)

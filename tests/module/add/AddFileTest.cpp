@@ -69,23 +69,6 @@ TEST(AddFile, ClientSendsItsRequestWithTheFileInWindowsFormAndRefusesTheAnswerOn
     EXPECT_TRUE(node.host.m_vecSent.empty());
 }
 
-TEST(AddFile, ServerAnswersAllClientsAndFloodsTheFinalFileIDAndFloodNumber)
-{
-    Node node(true);
-    node.host.m_bHasServerLinks = true;
-    ASSERT_EQ(0u, node.mgr.Initialize());
-    ASSERT_EQ(0u, node.Deliver(PDU_CONF_FS_ADD_REQUEST, zvConfClientTypeCommand, AddRequest(0xFFFF, "a.txt")));
-
-    ASSERT_EQ(2u, node.host.m_vecSent.size());
-    const ZV_SentPdu& flood = node.host.m_vecSent[0];
-    const ZV_SentPdu& answer = node.host.m_vecSent[1];
-    EXPECT_TRUE(flood.usPdu == PDU_CONF_FS_ADD_REQUEST && flood.sRoute == "servers");
-    EXPECT_EQ((Bytes{0x07, 0, 0x01, 0, 0x11, 0x27, 0, 0, 0, 0, 0, 0, 0x64, 0, 0, 0}), Head(flood.data, 16));
-    EXPECT_TRUE(answer.usPdu == PDU_CONF_FS_ADD_RESPONSE && answer.sRoute == "group");
-    EXPECT_EQ((Bytes{0x01, 0, 0, 0, 0, 0, 0x01, 0, 0x11, 0x27, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}), Head(answer.data, 20));
-    EXPECT_TRUE(fs::exists(node.tmp.Sub("store/7/a.txt")));
-}
-
 // A linked server's add is never refused: a stored file that could not be
 // made is made by the timer, so that the name stays taken.
 TEST(AddFile, AStoredFileThatCouldNotBeMadeIsMadeByTheTimer)
@@ -180,14 +163,10 @@ TEST(AddFile, TheCreatorIsNamedAsTheHostNamesTheLinksUser)
             brief.SetFileOldName(QB_StringU8("a.txt"));
             if (szClaimed != nullptr)
                 brief.SetCreatorName(QB_StringU8(szClaimed));
-            ZV_AddFilesRequest batch;
-            batch.user = node.host.m_LocalUser;
-            batch.bLast = 1;
-            batch.arrFileID.Add(ZV_NO_FILEID);
-            batch.arrInfo.Add(brief);
             const uint16_t usAsk = bBatch ? PDU_CONF_FS_ADD_FILES_REQUEST : PDU_CONF_FS_ADD_REQUEST;
             node.Deliver(usAsk, zvConfClientTypeCommand,
-                         bBatch ? ZV_SavePayload(batch) : ZV_AddAsk(ZV_NO_FILEID, node.host.m_LocalUser, brief));
+                         bBatch ? ZV_AddFilesAsk(node.host.m_LocalUser, {{ZV_NO_FILEID, brief}})
+                                : ZV_AddAsk(ZV_NO_FILEID, node.host.m_LocalUser, brief));
             ASSERT_EQ(1u, node.host.SentOf(usAsk).size());
             ASSERT_EQ(1u, node.host.SentOf(bBatch ? PDU_CONF_FS_ADD_FILES_RESPONSE : PDU_CONF_FS_ADD_RESPONSE).size());
             std::vector<QB_StringU8> vecNamed;  // in the answer, then in the flood
@@ -290,21 +269,18 @@ TEST(AddFile, ABatchAnswerIsCutBeforeTheDescriptionThatWouldFillTheBuffer)
         // A host that names nobody leaves the descriptions as they came.
         node.host.AddUser(node.host.m_LocalUser, 1, nullptr);
         ASSERT_EQ(0u, node.mgr.Initialize());
-        ZV_AddFilesRequest ask;
-        ask.user = node.host.m_LocalUser;
         std::vector<size_t> vecFolder(64, 980);
         vecFolder.push_back(nFolder);
         vecFolder.push_back(1);
+        std::vector<std::pair<uint16_t, ZV_FileBriefInfo>> vecFiles(vecFolder.size(), {ZV_NO_FILEID, {}});
         for (size_t i = 0; i < vecFolder.size(); ++i)
         {
-            ZV_FileBriefInfo brief;
-            brief.SetCreatorID(ask.user);
+            ZV_FileBriefInfo& brief = vecFiles[i].second;
+            brief.SetCreatorID(node.host.m_LocalUser);
             brief.SetFilePath(QB_StringU8(std::string(vecFolder[i], 'p').c_str()));
             brief.SetFileOldName(QB_StringU8((std::to_string(100 + i) + ".txt").c_str()));
-            ask.arrFileID.Add(ZV_NO_FILEID);
-            ask.arrInfo.Add(brief);
         }
-        node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, zvConfClientTypeCommand, ZV_SavePayload(ask));
+        node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, zvConfClientTypeCommand, ZV_AddFilesAsk(node.host.m_LocalUser, vecFiles));
 
         Pieces vecPiece;
         for (const auto& part : ZV_SentAs<ZV_AddFilesResponse>(node.host, PDU_CONF_FS_ADD_FILES_RESPONSE))
@@ -325,15 +301,10 @@ TEST(AddFile, ARangeThatRunsOutInABatchRefusesTheFirstFilesWith40AndKeepsTheLast
     Node node(true);
     node.host.m_usFileIDMax = 3;
     ASSERT_EQ(0u, node.mgr.Initialize());
-    ZV_AddFilesRequest ask;
-    ask.user = node.host.m_LocalUser;
-    ask.bLast = 1;
+    std::vector<std::pair<uint16_t, ZV_FileBriefInfo>> vecFiles;
     for (int i = 0; i < 5; ++i)
-    {
-        ask.arrFileID.Add(ZV_NO_FILEID);
-        ask.arrInfo.Add(ZV_Brief(ask.user, ("f" + std::to_string(i) + ".txt").c_str(), 1));
-    }
-    node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, zvConfClientTypeCommand, ZV_SavePayload(ask));
+        vecFiles.push_back({ZV_NO_FILEID, ZV_Brief(node.host.m_LocalUser, ("f" + std::to_string(i) + ".txt").c_str(), 1)});
+    node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, zvConfClientTypeCommand, ZV_AddFilesAsk(node.host.m_LocalUser, vecFiles));
     const auto vecSent = node.host.SentOf(PDU_CONF_FS_ADD_FILES_RESPONSE);
     ASSERT_EQ(2u, vecSent.size());
     const auto refused = ZV_Parse<ZV_AddFilesResponse>(vecSent[0].data);
@@ -361,11 +332,8 @@ TEST(AddFile, ABatchWhoseFolderCannotBeMadeIsRefusedWith60AndGoesNoFurther)
     for (const auto& c : aCases)
     {
         node.host.m_vecSent.clear();
-        ZV_AddFilesRequest ask;
-        ask.user = node.host.m_LocalUser;
-        ask.arrFileID.Add(c.usFileID);
-        ask.arrInfo.Add(ZV_Brief(ask.user, "a.txt", 0, false));
-        node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, c.usConnType, ZV_SavePayload(ask));
+        node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, c.usConnType,
+                     ZV_AddFilesAsk(node.host.m_LocalUser, {{c.usFileID, ZV_Brief(node.host.m_LocalUser, "a.txt", 0, false)}}));
         ASSERT_EQ(1u, node.host.m_vecSent.size()) << c.szRoute;
         EXPECT_TRUE(node.host.m_vecSent[0].sRoute == c.szRoute &&
                     node.host.m_vecSent[0].usPdu == PDU_CONF_FS_ADD_FILES_RESPONSE) << c.szRoute;
@@ -381,14 +349,10 @@ TEST(AddFile, ALinkedServersBatchIsFetchedFileByFileAndAThrowTakesBackOnlyWhatIt
     Node node(true);
     ASSERT_EQ(0u, node.mgr.Initialize());
     auto Batch = [&](std::vector<uint16_t> vecFileID) {
-        ZV_AddFilesRequest ask;
-        ask.user = node.host.m_LocalUser;
+        std::vector<std::pair<uint16_t, ZV_FileBriefInfo>> vecFiles;
         for (uint16_t usFileID : vecFileID)
-        {
-            ask.arrFileID.Add(usFileID);
-            ask.arrInfo.Add(ZV_Brief(ask.user, (std::to_string(usFileID) + ".txt").c_str(), 0));
-        }
-        node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, zvConfServerTypeCommand, ZV_SavePayload(ask));
+            vecFiles.push_back({usFileID, ZV_Brief(node.host.m_LocalUser, (std::to_string(usFileID) + ".txt").c_str(), 0)});
+        node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, zvConfServerTypeCommand, ZV_AddFilesAsk(node.host.m_LocalUser, vecFiles));
     };
     Batch({7, 8});
     const auto vecFetch = node.host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST);

@@ -87,15 +87,10 @@ TEST(UserLimits, AnAddOverALimitIsRefusedWith91AndStoresNothing)
         if (row.bBatch)
         {
             usAnswer = PDU_CONF_FS_ADD_FILES_RESPONSE;
-            ZV_AddFilesRequest ask;
-            ask.user = kAlice;
-            ask.bLast = 1;
+            std::vector<std::pair<uint16_t, ZV_FileBriefInfo>> vecFiles;
             for (size_t i = 0; i < row.vecLength.size(); ++i)
-            {
-                ask.arrFileID.Add(ZV_NO_FILEID);
-                ask.arrInfo.Add(ZV_Brief(kAlice, ("n" + std::to_string(i)).c_str(), row.vecLength[i]));
-            }
-            node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, zvConfClientTypeCommand, ZV_SavePayload(ask));
+                vecFiles.push_back({ZV_NO_FILEID, ZV_Brief(kAlice, ("n" + std::to_string(i)).c_str(), row.vecLength[i])});
+            node.Deliver(PDU_CONF_FS_ADD_FILES_REQUEST, zvConfClientTypeCommand, ZV_AddFilesAsk(kAlice, vecFiles));
         }
         else
             node.Deliver(PDU_CONF_FS_ADD_REQUEST, zvConfClientTypeCommand,

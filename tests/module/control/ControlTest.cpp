@@ -94,7 +94,11 @@ TEST_F(Control, ServerTakesAnUploadsStopOrResumeFromItsCreatorOnlyAndConfirmsItT
     EXPECT_EQ(40000u, ZV_FileShareSessionPeer::MaxPos(*lpSession));
 }
 
-TEST_F(Control, RelayFetchesOnceFromAnUpstreamWithMoreAndAnswersAPeerThatIsShort)
+// A relay fetches once from an upstream that has more, or from a peer that
+// says it is now the file's source: then it forgets that peer's entries and
+// asks it, as a server, from its own write position and without a flood,
+// once for each flood. A peer that is short gets an answer.
+TEST_F(Control, RelayFetchesOnceFromAnUpstreamWithMoreOrANewSourceAndAnswersAPeerThatIsShort)
 {
     Make(true);
     ZV_FileShareSessionPeer::FileInfo(*lpSession).SetFileWritePos(40000);
@@ -116,6 +120,11 @@ TEST_F(Control, RelayFetchesOnceFromAnUpstreamWithMoreAndAnswersAPeerThatIsShort
     Deliver(PDU_CONF_FS_PROGRESSING_REQUEST, Pdu().U16(5).User(QB_UserID(2, 0)).U32(0).U8(1),
             zvConfServerTypeCommand, 20, QB_UserID(2, 0));
     EXPECT_EQ(0, ZV_FileShareSessionPeer::Downloads(*lpSession).GetCount());
+    Clear();
+    for (int i = 0; i < 2; ++i)
+        Deliver(PDU_CONF_FS_NOTICE_DEL_DOWNLOAD_INFO_REQUEST, Pdu().U16(5).User(QB_UserID(2, 0)).U32(77),
+                zvConfServerTypeCommand, 900, QB_UserID(2, 0));
+    EXPECT_EQ(std::make_pair(900u, AskAsRelay()), ZV_OnlySent(host, PDU_CONF_FS_DOWNLOAD_REQUEST));
 }
 
 TEST_F(Control, AFailedUploadIsMarkedOnEveryServerAndToldToEveryClientAsAReadFailure)
@@ -235,23 +244,6 @@ TEST_F(Control, ClientIsNoLongerBusyWithAFileAStallAfterItsLastTransfer)
     EXPECT_LT(ZV_FileShareMgrPeer::BusyFileIDs(mgr).Find(5), 0);
 }
 
-// A server told by a peer that the peer is now the file's source forgets
-// that peer's entries and asks it, as a server, for what it lacks, from its
-// own write position and without a flood, once for each flood.
-TEST_F(Control, ServerToldThatAPeerIsTheSourceAsksItForWhatItLacks)
-{
-    Make(true);
-    ZV_FileShareSessionPeer::FileInfo(*lpSession).SetFileWritePos(40000);
-    const QB_UserID peer(2, 0);
-    Clear();
-    Deliver(PDU_CONF_FS_NOTICE_DEL_DOWNLOAD_INFO_REQUEST, Pdu().U16(5).User(peer).U32(77), zvConfServerTypeCommand,
-            900, peer);
-    EXPECT_EQ(std::make_pair(900u, AskAsRelay()), ZV_OnlySent(host, PDU_CONF_FS_DOWNLOAD_REQUEST));
-    Deliver(PDU_CONF_FS_NOTICE_DEL_DOWNLOAD_INFO_REQUEST, Pdu().U16(5).User(peer).U32(77), zvConfServerTypeCommand,
-            900, peer);
-    EXPECT_EQ(1u, host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size()) << "the same flood again asks nothing";
-}
-
 // The creator's right change goes on to the other servers, and the entries
 // of users no longer allowed go at once; a linked server's entry stays, as
 // that server judges its own users by the same new list.
@@ -295,10 +287,11 @@ TEST_F(Control, ServerTakesARightChangeFromTheCreatorAndDropsTheEntriesOfUsersWh
     EXPECT_FALSE(ZV_FileShareSessionPeer::FileInfo(*lpSession).m_BriefInfo.m_bPublic);
 }
 
-// The user side's stop of a download, and its giving one up: the stop goes
-// with flood number 0 for the server to fill in, and the give-up stops the
-// transfer before it drops the download record.
-TEST_F(Control, ClientStopsResumesAndGivesUpADownloadWithTheRequestsOfTheUserSide)
+// The user side's stop of a download, its giving one up and its asking
+// again, all on the command link: the stop goes with flood number 0 for the
+// server to fill in, and the give-up stops the transfer before it drops the
+// download record.
+TEST_F(Control, ClientStopsResumesGivesUpAndAsksAgainForADownloadWithTheRequestsOfTheUserSide)
 {
     Make(false);
     host.m_LocalUser = kBob;
@@ -314,17 +307,21 @@ TEST_F(Control, ClientStopsResumesAndGivesUpADownloadWithTheRequestsOfTheUserSid
     EXPECT_GE(ZV_FileShareMgrPeer::BusyFileIDs(mgr).Find(5), 0) << "resumed";
     ASSERT_EQ(0u, mgr.FsDelDownload(5, 0));
     EXPECT_LT(ZV_FileShareMgrPeer::BusyFileIDs(mgr).Find(5), 0) << "given up";
+    ASSERT_EQ(0u, mgr.FsDownload(5, u"C:\\Téléchargements\\a")) << "asked again, the path in UTF-8";
 
     const Bytes stop = Pdu().U16(5).User(kBob).U32(0).U8(1).b;
     const Bytes resume = Pdu().U16(5).User(kBob).U32(0).U8(0).b;
     const Bytes drop = Pdu().U16(5).User(kBob).U32(0).b;
+    const Bytes ask = Pdu().U16(5).User(kBob).U32(0).U8(22).Data({'C', ':', '\\', 'T', 0xC3, 0xA9, 'l', 0xC3, 0xA9, 'c',
+        'h', 'a', 'r', 'g', 'e', 'm', 'e', 'n', 't', 's', '\\', 'a'}).U32(0).U8(0).U8(0).b;
     std::vector<std::pair<uint16_t, Bytes>> vecSent;
     for (const ZV_SentPdu& sent : host.m_vecSent)
-        vecSent.push_back({sent.usPdu, sent.data});
+        vecSent.push_back({sent.ulConn == 11 ? sent.usPdu : (uint16_t)0, sent.data});
     EXPECT_EQ((std::vector<std::pair<uint16_t, Bytes>>{{PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST, stop},
                                                         {PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST, resume},
                                                         {PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST, stop},
-                                                        {PDU_CONF_FS_DEL_DOWNLOAD_REQUEST, drop}}),
+                                                        {PDU_CONF_FS_DEL_DOWNLOAD_REQUEST, drop},
+                                                        {PDU_CONF_FS_DOWNLOAD_REQUEST, ask}}),
               vecSent);
 }
 

@@ -43,11 +43,7 @@ Bytes Add(uint16_t usFileID, const QB_UserID& user, const QB_UserID& creator, co
 
 Bytes AddFiles(uint16_t usFileID, const QB_UserID& user, const QB_UserID& creator)
 {
-    ZV_AddFilesRequest ask;
-    ask.user = user;
-    ask.arrFileID.Add(usFileID);
-    ask.arrInfo.Add(Brief(creator, "evil.txt"));
-    return ZV_SavePayload(ask);
+    return ZV_AddFilesAsk(user, {{usFileID, Brief(creator, "evil.txt")}});
 }
 
 Bytes Block(const QB_UserID& user, uint32_t ulPos, uint32_t ulLen)

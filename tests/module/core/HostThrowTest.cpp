@@ -1,6 +1,7 @@
 #include "add/ZV_AddPdu.h"
 #include "core/ZV_FileShareMgr.h"
 #include "ZV_PayloadCheck.h"
+#include "ZV_RecordingNode.h"
 #include "ZV_ThrowingHost.h"
 
 #include "QB_Env.h"
@@ -63,34 +64,26 @@ TEST(HostThrow, EachEntryThatCatchesAThrowItselfLogsItsOwnLineAndEachUserCallGiv
         bool bLogged = false;
         for (int nNth = 1; nNth <= 40 && !bLogged; ++nNth)
         {
-            QB_TempFolder home;
-            std::filesystem::create_directories(home.Path() + "/log");
-            QB_WriteWholeFile(home.Sub("confsrv.ini"), "[FileShare]\r\nPath=" + home.Sub("store") + "\r\n");
-            QB_SetEnvironmentVariable("ROOMCRATE_HOME", home.Path().c_str());
-            ZV_ThrowingHost host;
-            host.m_bServer = entry.bServer;
-            host.AddUser(host.m_LocalUser, 1, "Alice");
-            host.AddUser(bob, 1, "Bob");
-            ZV_FileShareMgr mgr;
-            host.Attach(&mgr);
-            ASSERT_EQ(0u, mgr.Initialize());
-            host.ThrowAt(nNth);
+            ZV_BasicNode<ZV_ThrowingHost> node(entry.bServer);
+            std::filesystem::create_directories(node.tmp.Sub("log"));
+            node.host.AddUser(bob, 1, "Bob");
+            ASSERT_EQ(0u, node.mgr.Initialize());
+            node.host.ThrowAt(nNth);
             ulCalled = zvResultOk;
-            EXPECT_NO_THROW(entry.fnRun(mgr)) << entry.szLine << " at call " << nNth;
-            bLogged = QB_CountInFiles(home.Path() + "/log", sLine) == 1;
+            EXPECT_NO_THROW(entry.fnRun(node.mgr)) << entry.szLine << " at call " << nNth;
+            bLogged = QB_CountInFiles(node.tmp.Sub("log"), sLine) == 1;
             if (bLogged && entry.szLine[0] == 'F')
             {
                 EXPECT_EQ(zvResultException, ulCalled) << entry.szLine;
             }
             // A log of the day, "error" by name.
-            for (const auto& file : std::filesystem::directory_iterator(home.Path() + "/log"))
+            for (const auto& file : std::filesystem::directory_iterator(node.tmp.Sub("log")))
                 EXPECT_TRUE(std::regex_match(file.path().filename().string(),
                                              std::regex("log_error_[0-9]{4}_[0-9]{2}_[0-9]{2}\\.txt")))
                     << file.path();
-            if (!host.Threw())
+            if (!node.host.Threw())
                 break;
         }
         EXPECT_TRUE(bLogged) << sLine;
     }
-    QB_SetEnvironmentVariable("ROOMCRATE_HOME", nullptr);
 }

@@ -97,63 +97,13 @@ TEST(FileIDAllocation, GivesFreeIDsOfTheRangeFromTheNextOneOnWrappingOnceThenNon
     }
 }
 
-// Calls before the host gave the manager its conference, the host's own
-// among them, give 32; user-side calls on a FileID an add holds reserved
-// give 83: never an assertion or a null host.
-TEST(UserCalls, WithoutAHostUserAndHostCallsGive32AndOnAReservedFileIDGive83)
-{
-    ZV_RecordingHost host;
-    ZV_FileShareMgr mgr;
-    const uint16_t usFileID = 6;
-    const char16_t szPath[] = u"/nowhere/x.bin";
-    const char16_t* apszNames[] = {u"x.bin"};
-    ZV_FsFileInfo info{};
-    using Calls = std::vector<std::pair<const char*, std::function<uint32_t()>>>;
-    const Calls aCalls = {
-        {"FsSetRight", [&] { return mgr.FsSetRight(usFileID, 1, nullptr, 0, nullptr, 0); }},
-        {"FsSetFilesRight", [&] { return mgr.FsSetFilesRight(&usFileID, 1, 1, nullptr, 0, nullptr, 0); }},
-        {"FsUpload", [&] { return mgr.FsUpload(usFileID); }},
-        {"FsDelUpload", [&] { return mgr.FsDelUpload(usFileID); }},
-        {"FsDelDownload", [&] { return mgr.FsDelDownload(usFileID, 1); }},
-        {"FsDownload", [&] { return mgr.FsDownload(usFileID, szPath); }},
-        {"FsStopDownload", [&] { return mgr.FsStopDownload(usFileID); }},
-        {"FsResumeDownload", [&] { return mgr.FsResumeDownload(usFileID); }},
-        {"FsStopUpload", [&] { return mgr.FsStopUpload(usFileID); }},
-        {"FsResumeUpload", [&] { return mgr.FsResumeUpload(usFileID); }},
-        {"FsGetFileInfoByFileID", [&] { return mgr.FsGetFileInfoByFileID(usFileID, &info); }},
-    };
-    const uint8_t abPayload[] = {6, 0, 0, 0};
-    ConfPduData cpd{};
-    cpd.usPdu = PDU_CONF_FS_UPLOAD_REQUEST;
-    cpd.ulLen = sizeof(abPayload);
-    cpd.pData = abPayload;
-    const QB_UserID peer(1, 2);
-    const Calls aOthers = {
-        {"FsAdd", [&] { return mgr.FsAdd(szPath, nullptr, 0, 1, 0); }},
-        {"FsFilesAdd", [&] { return mgr.FsFilesAdd(u"/nowhere/", apszNames, 1, nullptr, 0, 1, 0); }},
-        {"Initialize", [&] { return mgr.Initialize(); }},
-        {"CleanData", [&] { return mgr.CleanData(); }},
-        {"HandlePdu", [&] { return mgr.HandlePdu(&cpd); }},
-        {"OnConnect", [&] { return mgr.OnConnect(&peer, 1, zvConfClientTypeCommand, 0); }},
-        {"OnDisconnect", [&] { return mgr.OnDisconnect(&peer, 1, zvConfClientTypeCommand, 0); }},
-        {"OnEvent", [&] { return mgr.OnEvent(4, 0, (uintptr_t)&peer, 0, 0); }},
-        {"OnTimer", [&] { return mgr.OnTimer(5), zvResultNoHost; }},
-    };
-    for (const Calls& calls : {aCalls, aOthers})
-        for (const auto& [szName, fnCall] : calls)
-            EXPECT_EQ(zvResultNoHost, fnCall()) << szName;
-
-    host.Attach(&mgr);
-    ZV_FileShareMgrPeer::Sessions(mgr).SetAt(usFileID, nullptr);
-    for (const auto& [szName, fnCall] : aCalls)
-        EXPECT_EQ(zvResultReservedFile, fnCall()) << szName;
-    EXPECT_TRUE(host.m_vecSent.empty());
-}
-
-// A FileID known nowhere gives 82 (dropping a download never known is no
-// failure); with the command link down each call that needs the server gives
-// 16, except FsUpload, whose start marker waits for the link, and a look-up.
-TEST(UserCalls, AnUnknownFileGives82AndWithoutACommandLinkEachCallThatNeedsTheServerGives16)
+// Every user-side call, and the host's own: before the host gave the manager
+// its conference 32, never an assertion or a null host. Then on a FileID
+// known nowhere 82 (dropping a download never known is no failure), on one
+// an add holds reserved 83, and with the command link down 16 for each call
+// that needs the server, except FsUpload, whose start marker waits for the
+// link, and a look-up.
+TEST(UserCalls, GiveTheirCodeWithoutAHostOnAnUnknownOrReservedFileAndWithoutACommandLink)
 {
     ZV_RecordingNode node(false);
     ZV_FileShareMgr& mgr = node.mgr;
@@ -182,8 +132,34 @@ TEST(UserCalls, AnUnknownFileGives82AndWithoutACommandLinkEachCallThatNeedsTheSe
         {"FsDelUpload", [&](uint16_t usID) { return mgr.FsDelUpload(usID); }, 82, 16},
         {"FsGetFileInfoByFileID", [&](uint16_t usID) { return mgr.FsGetFileInfoByFileID(usID, &info); }, 82, 0},
     };
+    const uint8_t abPayload[] = {6, 0, 0, 0};
+    ConfPduData cpd{};
+    cpd.usPdu = PDU_CONF_FS_UPLOAD_REQUEST;
+    cpd.ulLen = sizeof(abPayload);
+    cpd.pData = abPayload;
+    const QB_UserID peer(1, 2);
+    const std::vector<std::pair<const char*, std::function<uint32_t()>>> aHostCalls = {
+        {"Initialize", [&] { return mgr.Initialize(); }},
+        {"CleanData", [&] { return mgr.CleanData(); }},
+        {"HandlePdu", [&] { return mgr.HandlePdu(&cpd); }},
+        {"OnConnect", [&] { return mgr.OnConnect(&peer, 1, zvConfClientTypeCommand, 0); }},
+        {"OnDisconnect", [&] { return mgr.OnDisconnect(&peer, 1, zvConfClientTypeCommand, 0); }},
+        {"OnEvent", [&] { return mgr.OnEvent(4, 0, (uintptr_t)&peer, 0, 0); }},
+        {"OnTimer", [&] { return mgr.OnTimer(5), zvResultNoHost; }},
+    };
+    mgr.m_lpConf = nullptr;
     for (const auto& call : aCalls)
+        EXPECT_EQ(zvResultNoHost, call.fn(6)) << call.szName;
+    for (const auto& [szName, fnCall] : aHostCalls)
+        EXPECT_EQ(zvResultNoHost, fnCall()) << szName;
+    node.host.Attach(&mgr);
+    ZV_FileShareMgrPeer::Sessions(mgr).SetAt(7, nullptr);
+    for (const auto& call : aCalls)
+    {
         EXPECT_EQ(call.ulUnknown, call.ulUnknown == kAdd ? kAdd : call.fn(0x4321)) << call.szName;
+        EXPECT_EQ(call.ulUnknown == kAdd ? kAdd : zvResultReservedFile, call.ulUnknown == kAdd ? kAdd : call.fn(7))
+            << call.szName;
+    }
     EXPECT_TRUE(node.host.m_vecSent.empty());
     node.host.m_ulCmdConn = zvConnNone;
     for (const auto& call : aCalls)

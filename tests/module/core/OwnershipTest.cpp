@@ -73,14 +73,10 @@ Bytes AddAnswer()
 
 Bytes AddFilesRequest(std::initializer_list<const char*> names = {"a.txt", "b.txt"})
 {
-    ZV_AddFilesRequest ask;
-    ask.user = kBob;
+    std::vector<std::pair<uint16_t, ZV_FileBriefInfo>> vecFiles;
     for (const char* pszName : names)
-    {
-        ask.arrFileID.Add(ZV_NO_FILEID);
-        ask.arrInfo.Add(Brief(pszName));
-    }
-    return ZV_SavePayload(ask);
+        vecFiles.push_back({ZV_NO_FILEID, Brief(pszName)});
+    return ZV_AddFilesAsk(kBob, vecFiles);
 }
 
 Bytes DownloadAnswer(const QB_StringW& sPath, const QB_StringW& sName)

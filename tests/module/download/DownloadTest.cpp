@@ -383,18 +383,6 @@ TEST_F(Download, RelayWritesIntoItsOwnStoreWhateverPathTheRecordNamesAndNeverOut
     EXPECT_TRUE(host.m_vecEvents.empty()) << "a server has no user side";
 }
 
-TEST_F(Download, FsDownloadAsksTheServerOnTheCommandLink)
-{
-    host.m_bServer = false;
-    AddSession();
-    EXPECT_EQ(0u, static_cast<IZV_FileShareMgr&>(mgr).FsDownload(5, u"C:\\Téléchargements\\a"));
-    EXPECT_EQ(std::make_pair(11u, Pdu().U16(5).User(QB_UserID(10001, 0)).U32(0).U8(22)
-                  .Data({'C', ':', '\\', 'T', 0xC3, 0xA9, 'l', 0xC3, 0xA9, 'c', 'h', 'a', 'r', 'g', 'e', 'm', 'e', 'n',
-                         't', 's', '\\', 'a'})
-                  .U32(0).U8(0).U8(0).b), ZV_OnlySent(host, PDU_CONF_FS_DOWNLOAD_REQUEST));
-    EXPECT_EQ(1u, host.m_vecSent.size());
-}
-
 // A FileID given out again while two servers were apart names another file at
 // each: the other file's record in 8012 or 8015 starts no pump and no fetch.
 TEST_F(Download, ALinkedServersRecordOfAnotherFileUnderTheFileIDMovesNothing)

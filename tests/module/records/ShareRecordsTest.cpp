@@ -140,19 +140,13 @@ std::vector<RecordCase> RecordCases()
 
 }  // namespace
 
-TEST(ShareRecords, WriteEachSetFieldInBitOrderAndReadTheSameBytesBack)
+// Each record written, read back, and cut at every byte in either direction.
+TEST(ShareRecords, WriteEachSetFieldInBitOrderReadTheSameBytesBackAndFailOnEveryCut)
 {
     for (const RecordCase& c : RecordCases())
     {
-        SCOPED_TRACE(c.pszName);
-        EXPECT_EQ(Written(c.fnSave), c.sHex);
-        EXPECT_EQ(c.fnResave(c.sHex), c.sHex);
-    }
-}
-
-TEST(ShareRecords, RaiseTheirDirectionsFailureOnEveryCutOfTheirBytes)
-{
-    for (const RecordCase& c : RecordCases())
+        EXPECT_EQ(Written(c.fnSave), c.sHex) << c.pszName;
+        EXPECT_EQ(c.fnResave(c.sHex), c.sHex) << c.pszName;
         for (size_t n = 0; n < ZV_FromHex(c.sHex).size(); ++n)
         {
             SCOPED_TRACE(std::string(c.pszName) + ", cut at " + std::to_string(n));
@@ -162,6 +156,7 @@ TEST(ShareRecords, RaiseTheirDirectionsFailureOnEveryCutOfTheirBytes)
             EXPECT_EQ(FailureOf([&] { c.fnSave(save); }), QB_STREAM_SAVE_FAILURE);
             EXPECT_EQ(buffer[n], 0xEE) << "the byte behind the view is untouched";
         }
+    }
 }
 
 TEST(DelimitedRecord, ReaderLandsAtItsEndPastBytesItDoesNotKnowAndANestedOneMustEndInsideItsParent)

@@ -95,9 +95,11 @@ struct Upload : public ::testing::Test
 
 TEST_F(Upload, FsUploadStartsThePumpWhichSendsThreeBlocksPerCallUntilTheSharedLength)
 {
-    // The last: a file that grew by 10000 bytes after it was shared.
-    struct { size_t nSize; std::vector<size_t> vecCalls; size_t nGrown; } aCases[] = {
-        {98305, {3, 1}, 0}, {32768, {1}, 0}, {0, {1}, 0}, {40000, {2}, 10000}};
+    // A file that grew by 10000 bytes after it was shared; and one whose
+    // "download" she dropped: her own file is the one she uploads, and goes on.
+    struct { size_t nSize; std::vector<size_t> vecCalls; size_t nGrown; bool bDropped; } aCases[] = {
+        {98305, {3, 1}, 0, false}, {32768, {1}, 0, false}, {0, {1}, 0, false}, {40000, {2}, 10000, false},
+        {98305, {3, 1}, 0, true}};
     for (const auto& c : aCases)
     {
         Make(false, c.nSize);
@@ -111,6 +113,7 @@ TEST_F(Upload, FsUploadStartsThePumpWhichSendsThreeBlocksPerCallUntilTheSharedLe
             << "the start marker";
         // 3008 with 0.0 percent, whose eight bytes are all zero.
         EXPECT_EQ(Pdu().U16(zvFsEventUploadProgress).U32(0).U16(5).U32(0).U32(0).b, ZV_Joined(host.m_vecEvents));
+        ASSERT_EQ(0u, c.bDropped ? static_cast<IZV_FileShareMgr&>(mgr).FsDelDownload(5, 0) : 0u);
 
         uint32_t ulPos = 0;
         for (size_t nBlocks : c.vecCalls)
@@ -150,18 +153,6 @@ TEST_F(Upload, FsUploadRefusesUnknownAndReservedFilesAndSendsTheStartMarkerEvenW
     ZV_FileShareMgrPeer::Ledger(mgr).Forget(host.m_ulConfID, Peer::BriefInfo(*lpSession));
     EXPECT_EQ(90u, FsUpload(5));
     EXPECT_EQ(1u, host.m_vecSent.size());
-}
-
-// Her "download" of her own file is the file she uploads: dropping it leaves
-// the upload running.
-TEST_F(Upload, DroppingTheDownloadOfHerOwnFileLeavesItsUploadAlone)
-{
-    Make(false, 98305);
-    ASSERT_EQ(0u, FsUpload(5));
-    ASSERT_EQ(0u, static_cast<IZV_FileShareMgr&>(mgr).FsDelDownload(5, 0));
-    EXPECT_EQ(3u, OnSend().size());
-    EXPECT_EQ(1u, OnSend().size());
-    EXPECT_TRUE(host.m_vecEvents.size() == 1 && ClientLog().empty()) << "no error, only the start's progress";
 }
 
 TEST_F(Upload, ClientThatCannotReadItsFileFailsAndSaysSoUnlessTheServerHoldsItAll)
