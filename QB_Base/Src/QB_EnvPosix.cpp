@@ -234,7 +234,7 @@ struct OpenRecord
     int nFlags = 0;     // its open flags, without those that create or cut
     int nFd = -1;       // -1 while parked
     off_t llPos = 0;    // the position kept while parked
-    uint64_t ullLastUse = 0;
+    uint64_t ullLastUse = 0;  // its key in the live handles' order of use
 };
 
 // Whether an open record of the same file forbids the request, or the
@@ -329,7 +329,12 @@ private:
     // passed by mistake is not taken for a handle.
     QB_FileHandle m_hNext = 0x100000;
     uint64_t m_ullUseClock = 0;
+    // The handles that hold a descriptor, the least recently used first, so
+    // that parking one costs the same with ten files open or ten thousand.
+    std::map<uint64_t, QB_FileHandle> m_mapLive;
     size_t m_nLive = 0;  // handles that hold a descriptor
+
+    void MarkUsed(QB_FileHandle hFile, OpenRecord& rec);
 
     int LiveFd(QB_FileHandle hFile);
     int OpenWithRoom(const std::string& sPath, int nFlags, mode_t mode, QB_FileHandle hKeep);
@@ -348,9 +353,11 @@ int QB_EnvPosix::LiveFd(QB_FileHandle hFile)
     if (it == m_mapOpen.end())
         return -1;
     OpenRecord& rec = it->second;
-    rec.ullLastUse = ++m_ullUseClock;
     if (rec.nFd >= 0)
+    {
+        MarkUsed(hFile, rec);
         return rec.nFd;
+    }
     int nFd = OpenWithRoom(rec.sPath, rec.nFlags, 0, hFile);
     struct stat st;
     if (nFd >= 0 && (fstat(nFd, &st) != 0 || st.st_dev != rec.dev || st.st_ino != rec.ino ||
@@ -361,7 +368,16 @@ int QB_EnvPosix::LiveFd(QB_FileHandle hFile)
         return -1;
     }
     rec.nFd = nFd;
+    MarkUsed(hFile, rec);
     return nFd;
+}
+
+// Moves a live handle to the newest end of the order of use.
+void QB_EnvPosix::MarkUsed(QB_FileHandle hFile, OpenRecord& rec)
+{
+    m_mapLive.erase(rec.ullLastUse);
+    rec.ullLastUse = ++m_ullUseClock;
+    m_mapLive.emplace(rec.ullLastUse, hFile);
 }
 
 size_t LiveBudget()
@@ -392,15 +408,16 @@ int QB_EnvPosix::OpenWithRoom(const std::string& sPath, int nFlags, mode_t mode,
 
 bool QB_EnvPosix::ParkOldest(QB_FileHandle hKeep)
 {
-    OpenRecord* lpOldest = nullptr;
-    for (auto& [hFile, rec] : m_mapOpen)
-        if (hFile != hKeep && rec.nFd >= 0 && (!lpOldest || rec.ullLastUse < lpOldest->ullLastUse))
-            lpOldest = &rec;
-    if (!lpOldest)
+    auto itOldest = m_mapLive.begin();
+    if (itOldest != m_mapLive.end() && itOldest->second == hKeep)
+        ++itOldest;
+    if (itOldest == m_mapLive.end())
         return false;
-    lpOldest->llPos = lseek(lpOldest->nFd, 0, SEEK_CUR);
-    close(lpOldest->nFd);
-    lpOldest->nFd = -1;
+    OpenRecord& rec = m_mapOpen.at(itOldest->second);
+    m_mapLive.erase(itOldest);
+    rec.llPos = lseek(rec.nFd, 0, SEEK_CUR);
+    close(rec.nFd);
+    rec.nFd = -1;
     --m_nLive;
     return true;
 }
@@ -545,6 +562,7 @@ QB_FileHandle QB_EnvPosix::Admit(int nFd, const OpenRequest& req, const std::str
     const QB_FileHandle hFile = m_hNext++;
     m_mapOpen[hFile] =
         OpenRecord{st.st_dev, st.st_ino, req.ulAccess, req.ulDeny, sSystem, nReopenFlags, nFd, 0, ++m_ullUseClock};
+    m_mapLive.emplace(m_ullUseClock, hFile);
     m_mapByFile.emplace(FileKey{st.st_dev, st.st_ino}, hFile);
     return hFile;
 }
@@ -556,6 +574,7 @@ bool QB_EnvPosix::CloseFile(QB_FileHandle hFile)
     if (it == m_mapOpen.end())
         return false;
     const int nFd = it->second.nFd;
+    const uint64_t ullLastUse = it->second.ullLastUse;
     auto range = m_mapByFile.equal_range(FileKey{it->second.dev, it->second.ino});
     for (auto itFile = range.first; itFile != range.second; ++itFile)
         if (itFile->second == hFile)
@@ -566,6 +585,7 @@ bool QB_EnvPosix::CloseFile(QB_FileHandle hFile)
     m_mapOpen.erase(it);
     if (nFd < 0)
         return true;
+    m_mapLive.erase(ullLastUse);
     --m_nLive;
     return close(nFd) == 0;
 }
