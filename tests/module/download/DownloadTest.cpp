@@ -378,6 +378,7 @@ TEST_F(Download, RelayWritesIntoItsOwnStoreWhateverPathTheRecordNamesAndNeverOut
     }
     EXPECT_EQ(data, QB_ReadWholeFile(tmp.Sub("7/song.ogg")));
     EXPECT_EQ(zvFileStateComplete, Peer::FileInfo(session).m_BriefInfo.m_usFileState);
+    EXPECT_FALSE(Peer::File(session).IsOpen()) << "the fetched copy is no longer held open for writing";
     EXPECT_EQ((Bytes{1, 5, 0, 1, 0, 1, 1, 5, 0, 3, 0, 1}), ZV_Joined(host.SentOf(PDU_CONF_FS_FILE_STATE_NOTICE)))
         << "its clients hear that its copy begins and is whole";
     EXPECT_TRUE(host.m_vecEvents.empty()) << "a server has no user side";
