@@ -230,18 +230,34 @@ TEST_F(Control, ClientTakesHowMuchOfAnUploadItsServerHolds)
     }
 }
 
-TEST_F(Control, ClientIsNoLongerBusyWithAFileAStallAfterItsLastTransfer)
+// A stall's time after its last transfer, and not a tick before, a client lets
+// go of an idle file, or asks again for a running download of which the server
+// holds more.
+TEST_F(Control, AStallAfterItsLastTransferAClientLetsGoOfAnIdleFileOrAsksAgainForARunningDownload)
 {
     Make(false);
     host.m_LocalUser = kBob;
-    mgr.SetSessionBusy(1, 5);
-    ZV_FileShareSessionPeer::LastIoTick(*lpSession) = 50000;
-    env.SetTick(50000 + ZV_CLIENT_STALL_MS - 1);
-    mgr.OnTimer(2);
-    EXPECT_GE(ZV_FileShareMgrPeer::BusyFileIDs(mgr).Find(5), 0);
-    env.SetTick(50000 + ZV_CLIENT_STALL_MS);
-    mgr.OnTimer(7);
-    EXPECT_LT(ZV_FileShareMgrPeer::BusyFileIDs(mgr).Find(5), 0);
+    ZV_FileDownloadInfo& local = ZV_FileShareSessionPeer::LocalDownload(*lpSession);
+    for (const bool bDownloading : {false, true})
+    {
+        mgr.SetSessionBusy(1, 5);
+        if (bDownloading)
+        {
+            local.SetFilePath("C:\\dl\\"), local.SetFileName("song.ogg"), local.SetState(zvDownloadStateRunning);
+            local.SetDownloadPos(1000), local.SetLastTick(50000);
+            ZV_FileShareSessionPeer::MaxPos(*lpSession) = 2000;
+        }
+        ZV_FileShareSessionPeer::LastIoTick(*lpSession) = 50000;
+        Clear();
+        env.SetTick(50000 + ZV_CLIENT_STALL_MS - 1);
+        mgr.OnTimer(2);
+        EXPECT_GE(ZV_FileShareMgrPeer::BusyFileIDs(mgr).Find(5), 0) << bDownloading;
+        EXPECT_TRUE(host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).empty()) << bDownloading;
+        env.SetTick(50000 + ZV_CLIENT_STALL_MS);
+        mgr.OnTimer(7);
+        EXPECT_EQ(bDownloading, ZV_FileShareMgrPeer::BusyFileIDs(mgr).Find(5) >= 0);
+        EXPECT_EQ(bDownloading ? 1u : 0u, host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size());
+    }
 }
 
 // The creator's right change goes on to the other servers, and the entries
