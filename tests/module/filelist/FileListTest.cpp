@@ -160,19 +160,22 @@ TEST_F(FileList, TakesOnlyTheRecordsOfDownloadersItDidNotKnow)
 }
 
 // New files get a session and a fetch in one write; a second list changes nothing; positions never fall.
+// An entry without a name, or under a FileID an add here holds, is passed over, not taken for the end of the list.
 TEST_F(FileList, TakesAPeersNewFilesOnceFetchesWhatItLacksAndSavesThemInOneWrite)
 {
-    ZV_FileListResponse part = List({PeerFile(1001, "whole.bin", 5000, 5000, 3), PeerFile(1002, "half.bin", 8000, 3000, 1)},
-                                    {true, false});
+    ZV_FileShareMgrPeer::Sessions(node.mgr).SetAt(999, nullptr);
+    ZV_FileListResponse part = List({PeerFile(999, "held.bin", 10, 10, 3), PeerFile(1000, "", 10, 10, 3),
+                                     PeerFile(1001, "whole.bin", 5000, 5000, 3), PeerFile(1002, "half.bin", 8000, 3000, 1)},
+                                    {true, true, true, false});
     const int nWrites = env.GetCount(QB_EnvOp::Write);
     Take(part);
     EXPECT_EQ(nWrites + 1, env.GetCount(QB_EnvOp::Write)) << "one catalogue write";
-    ASSERT_TRUE(Session(1001) != nullptr && Session(1002) != nullptr);
+    ASSERT_TRUE(Session(1000) == nullptr && Session(1001) != nullptr && Session(1002) != nullptr);
     EXPECT_TRUE(Session(1001)->IsUploadDone() && !Session(1002)->IsUploadDone());
     EXPECT_EQ(2u, node.host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size());
     EXPECT_EQ(1u, node.host.SentOf(PDU_CONF_FS_ADD_FILES_RESPONSE).size()) << "one series to the clients";
 
-    part.arrMaxPos[0] = 100;
+    part.arrMaxPos[2] = 100;
     Take(part);
     EXPECT_TRUE(node.host.m_vecSent.empty());
     EXPECT_EQ(nWrites + 1, env.GetCount(QB_EnvOp::Write));
