@@ -30,6 +30,9 @@ counts for nothing.
 With --matrix FILE the run also records which test cases fail for each
 mutant (the kill matrix): no program stops at its first failure, every
 program that was relinked runs whole, and its GoogleTest XML output is read.
+Each program is split into --jobs GoogleTest shards and the shards of all
+programs run that many at a time, the longest programs first, so that both
+cores stay busy while the slowest program runs.
 One JSON line per mutant is appended to FILE as soon as it is done, and a
 rerun with the same FILE skips the mutants already in it, so a sample of
 hundreds can be spread over several sittings. --matrix-report FILE reads a
@@ -62,6 +65,7 @@ import subprocess
 import sys
 import time
 import xml.etree.ElementTree as ET
+from concurrent.futures import ThreadPoolExecutor
 from dataclasses import dataclass
 from pathlib import Path
 
@@ -342,11 +346,12 @@ def mutants_of(root, rel):
 # ---------------------------------------------------------------------------
 # The copy of the tree and its build.
 
-def run(cmd, cwd=None, timeout=None, log=None):
+def run(cmd, cwd=None, timeout=None, log=None, env=None):
     """Runs cmd in a process group of its own; returns (code, seconds); code None on time-out."""
     began = time.monotonic()
     with open(log or os.devnull, "ab") as out:
-        proc = subprocess.Popen(cmd, cwd=cwd, stdout=out, stderr=subprocess.STDOUT, start_new_session=True)
+        proc = subprocess.Popen(cmd, cwd=cwd, stdout=out, stderr=subprocess.STDOUT, start_new_session=True,
+                                env=env)
         try:
             code = proc.wait(timeout=timeout)
         except subprocess.TimeoutExpired:
@@ -429,24 +434,34 @@ def failed_cases(xml_path):
                   if case.find("failure") is not None)
 
 
-def run_matrix(exes, timeouts, log, xml_dir):
-    """Runs every program whole; the outcome and the failed cases, by program.
+def run_matrix(exes, timeouts, log, xml_dir, jobs):
+    """Runs every program whole, as `jobs` shards side by side; the outcome and the failed cases.
 
-    A program that crashes or runs out of time leaves no usable report: it is
-    recorded by its name alone, since any of its cases may be the one."""
-    outcome, killed = "passed", []
-    for name, exe in sorted(exes.items(), key=lambda kv: timeouts[kv[0]]):
-        xml_path = xml_dir / f"{name}.xml"
+    A shard that crashes or runs out of time leaves no usable report: its
+    program is recorded by its name alone, since any of its cases may be the
+    one."""
+    def one(shard):
+        name, exe, index = shard
+        xml_path = xml_dir / f"{name}.{index}.xml"
         if xml_path.exists():
             xml_path.unlink()
+        env = dict(os.environ, GTEST_TOTAL_SHARDS=str(jobs), GTEST_SHARD_INDEX=str(index))
         code, _ = run([str(exe), f"--gtest_output=xml:{xml_path}", "--gtest_brief=1"], cwd=exe.parent,
-                      timeout=timeouts[name], log=log)
+                      timeout=timeouts[name], log=log, env=env)
+        return name, code, xml_path
+
+    shards = [(name, exe, index) for name, exe in sorted(exes.items(), key=lambda kv: -timeouts[kv[0]])
+              for index in range(jobs)]
+    with ThreadPoolExecutor(max_workers=jobs) as pool:
+        finished = list(pool.map(one, shards))
+    outcome, killed = "passed", []
+    for name, code, xml_path in finished:
         if code == 0:
             continue
-        outcome = "timeout" if code is None else "failed"
+        outcome = "timeout" if code is None or outcome == "timeout" else "failed"
         cases = failed_cases(xml_path) if code is not None else None
         killed += cases if cases else [f"{name}.*"]
-    return outcome, killed
+    return outcome, sorted(set(killed))
 
 
 def read_matrix(path):
@@ -501,7 +516,8 @@ def parse_args():
                    help="record the failed test cases of each mutant, one JSON line each, appended to FILE; "
                         "mutants already in FILE are skipped")
     p.add_argument("--matrix-report", metavar="FILE", help="only read a matrix and list what each test kills")
-    p.add_argument("--jobs", type=int, default=2, help="build jobs (default 2)")
+    p.add_argument("--jobs", type=int, default=2,
+                   help="build jobs, and with --matrix the test shards run side by side (default 2)")
     p.add_argument("--timeout-factor", type=float, default=3.0,
                    help="a test program runs out of time at this many times its clean run, +10 s (default 3)")
     return p.parse_args()
@@ -636,7 +652,7 @@ def main():
             else:
                 relinked = {k: e for k, e in exes.items() if stamp(e) != before[k]}
                 if matrix and relinked:
-                    outcome, killed = run_matrix(relinked, timeouts, log, work)
+                    outcome, killed = run_matrix(relinked, timeouts, log, work, max(1, args.jobs))
                 else:
                     outcome = run_tests(relinked, timeouts, log) if relinked else "passed"
         finally:
