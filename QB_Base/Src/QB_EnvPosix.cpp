@@ -372,12 +372,22 @@ int QB_EnvPosix::LiveFd(QB_FileHandle hFile)
     return nFd;
 }
 
-// Moves a live handle to the newest end of the order of use.
+// Moves a live handle to the newest end of the order of use, or puts a
+// handle taken again from parking there. Block after block of one file
+// finds it there already, and an entry moves without an allocation.
 void QB_EnvPosix::MarkUsed(QB_FileHandle hFile, OpenRecord& rec)
 {
-    m_mapLive.erase(rec.ullLastUse);
+    if (rec.ullLastUse == m_ullUseClock)
+        return;
+    auto node = m_mapLive.extract(rec.ullLastUse);
     rec.ullLastUse = ++m_ullUseClock;
-    m_mapLive.emplace(rec.ullLastUse, hFile);
+    if (node.empty())
+        m_mapLive.emplace(rec.ullLastUse, hFile);
+    else
+    {
+        node.key() = rec.ullLastUse;
+        m_mapLive.insert(std::move(node));
+    }
 }
 
 size_t LiveBudget()
@@ -418,6 +428,7 @@ bool QB_EnvPosix::ParkOldest(QB_FileHandle hKeep)
     rec.llPos = lseek(rec.nFd, 0, SEEK_CUR);
     close(rec.nFd);
     rec.nFd = -1;
+    rec.ullLastUse = 0;  // out of the order of use until it is taken again
     --m_nLive;
     return true;
 }
