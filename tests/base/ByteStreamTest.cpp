@@ -76,16 +76,20 @@ TEST(ByteStream, WritesNumbersLittleEndianAndReadsThemBack)
         0xFE, 0xFF, 0xFF, 0xFF,                          // i32 -2
         0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0xF8, 0xBF,  // f64 -1.5
         0x01, 0x00,                                      // true, false
+        0x04, 0x03, 0x02, 0x01, 0x0D, 0x0C, 0x0B, 0x0A,  // a user ID: main, then sub
     };
     Bytes vbBuf(vbExpected.size());
     QB_ByteStream save(vbBuf.data(), (int32_t)vbBuf.size(), false);
     save.WriteU8(0xAB), save.WriteU16(0x1234), save.WriteU32(0x89ABCDEF), save.WriteU64(0x0102030405060708ull);
     save.WriteI32(-2), save.WriteDouble(-1.5), save.WriteBool(true), save.WriteBool(false);
+    QB_UserID(0x01020304, 0x0A0B0C0D).Save(save);
     EXPECT_EQ(vbBuf, vbExpected);
     QB_ByteStream load(vbExpected.data(), (int32_t)vbExpected.size());
     using Read = std::tuple<uint8_t, uint16_t, uint32_t, uint64_t, int32_t, double, bool, bool>;  // braces read in order
     EXPECT_EQ((Read{load.ReadU8(), load.ReadU16(), load.ReadU32(), load.ReadU64(), load.ReadI32(), load.ReadDouble(),
                     load.ReadBool(), load.ReadBool()}), (Read{0xAB, 0x1234, 0x89ABCDEF, 0x0102030405060708ull, -2, -1.5, true, false}));
+    QB_UserID id;
+    EXPECT_EQ((id.Load(load), id), QB_UserID(0x01020304, 0x0A0B0C0D));
     EXPECT_EQ(load.GetPos(), load.GetLength());
     const uint8_t bTwo = 2;
     EXPECT_TRUE(QB_ByteStream(&bTwo, 1).ReadBool()) << "any byte but 0 reads as true";
@@ -238,28 +242,14 @@ TEST(UserID, WritesEachKindAsTextAndReadsTextFormsBack)
         EXPECT_EQ(id.FromText(c.pszText), c.nKind);
         EXPECT_TRUE(id.m_ulMain == c.ulMain && id.m_ulSub == c.ulSub) << id.m_ulMain << "/" << id.m_ulSub;
     }
-}
-
-TEST(UserID, TravelsAsMainThenSubLittleEndian)
-{
-    const std::vector<uint8_t> vbForm = {0x04, 0x03, 0x02, 0x01, 0x0D, 0x0C, 0x0B, 0x0A};
-    std::vector<uint8_t> vbBuf(8);
-    QB_ByteStream save(vbBuf.data(), 8, false);
-    QB_UserID(0x01020304, 0x0A0B0C0D).Save(save);
-    EXPECT_EQ(vbBuf, vbForm);
-
-    QB_UserID id;
-    QB_ByteStream load(vbForm.data(), 8);
-    EXPECT_EQ((id.Load(load), id), QB_UserID(0x01020304, 0x0A0B0C0D));
-
+    // A load cut short changes neither word nor the stream's position; order
+    // is by the main word, then by the sub-number.
+    const uint8_t abForm[] = {0x04, 0x03, 0x02, 0x01, 0x0D, 0x0C, 0x0B};
     QB_UserID cut(7, 7);
-    QB_ByteStream short7(vbForm.data(), 7);
+    QB_ByteStream short7(abForm, 7);
     short7.Skip(3);
     EXPECT_EQ(OutcomeOf(short7, [&] { cut.Load(short7); }), Outcome(QB_STREAM_LOAD_FAILURE, 3));
     EXPECT_EQ(cut, QB_UserID(7, 7)) << "a failed load changed the words";
-
-    // Ordered by the main word, then by the sub-number.
     EXPECT_TRUE(QB_UserID(6, 9) < QB_UserID(7, 1) && QB_UserID(7, 1) < QB_UserID(7, 2));
     EXPECT_FALSE(QB_UserID(7, 2) < QB_UserID(7, 1) || QB_UserID(7, 1) < QB_UserID(7, 1));
 }
-
