@@ -149,7 +149,6 @@ TEST(Env, RefusesWhatItCannotActOn)
         {"open below a missing name", [&] { return fnBelow(u"missing"); }},
         {"read a file opened for writing", [&] { return lpEnv->ReadFile(hWrite, &ch, 1) != -1; }},
         {"write a file opened for reading", [&] { return lpEnv->WriteFile(hRead, "y", 1) != -1; }},
-        {"seek from no origin", [&] { return lpEnv->SeekFile(hRead, 0, 7) != -1; }},
         {"close no handle", [&] { return lpEnv->CloseFile(hNone); }},
         {"full path of nothing", [&] { return !lpEnv->GetFullPathName(u"").empty(); }},
         {"size of no handle", [&] { return lpEnv->GetFileSize(hNone) != -1; }},
