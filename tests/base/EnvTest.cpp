@@ -142,7 +142,6 @@ TEST(Env, RefusesWhatItCannotActOn)
     auto fnBelow = [&](const char16_t* pszName) { return lpEnv->OpenFileBelow(sBase, pszName, 0x101, nullptr) != QB_INVALID_FILE; };
     const std::pair<const char*, std::function<bool()>> aRows[] = {
         {"open for no access", [&] { return lpEnv->OpenFile(sFile, 0x100) != QB_INVALID_FILE; }},
-        {"open by an unknown creation", [&] { return lpEnv->OpenFile(sFile, 0x501) != QB_INVALID_FILE; }},
         {"write a read-only file", [&] { return lpEnv->OpenFile(Wide(tmp.SubW("ro")), 0x103) != QB_INVALID_FILE; }},
         {"open below through ..", [&] { return fnBelow(u"dir\\..\\f"); }},
         {"open below nothing", [&] { return fnBelow(u""); }},
