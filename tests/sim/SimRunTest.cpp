@@ -10,9 +10,8 @@ TEST(SimClock, CallsOnTimerOnEveryNodeAtEachPeriodWithARunningCountOfItsCalls)
 {
     const struct { const char* szName; uint32_t ulStartTick; std::vector<uint32_t> vecAdvance, vecTicks;
                    uint32_t ulEndTick; } aRows[] = {
-        {"two and a half periods", 1000, {250}, {1, 2}, 1250},
+        {"two and a half periods, then one more past the wrap of the clock", 0xFFFFFF9Cu, {250, 100}, {1, 2, 3}, 250},
         {"small steps add up", 1000, {60, 60, 60}, {1}, 1180},
-        {"past the wrap of the clock", 0xFFFFFF9Cu, {250, 100}, {1, 2, 3}, 250},
     };
     for (const auto& row : aRows)
     {
