@@ -201,7 +201,7 @@ TEST_F(Download, AnswersARequestWithTheNewEntryAndFloodsItToTheOtherServers)
     EXPECT_EQ(Part(ZV_TestBytes(40000, 1), 0, 32768, 40000).b, vecBlocks[0]);
 
     // The creator and a user without the right are refused, a flooded copy
-    // unanswered, and none of them gets an entry.
+    // unanswered; none makes an entry, Bob's first stays the only one.
     Peer::FileInfo(session).m_BriefInfo.m_bPublic = false;
     Peer::FileInfo(session).m_BriefInfo.m_arrRight.Add(QB_UserID(10003, 0));
     struct { const char* szName; QB_UserID user; uint8_t bFlooded; size_t nAnswers; } aCases[] = {
