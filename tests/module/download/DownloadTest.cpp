@@ -441,7 +441,11 @@ TEST_F(Download, ALinkedServersRecordOfAnotherFileUnderTheFileIDMovesNothing)
     }
 }
 
-TEST_F(Download, OrdersTheCreatorToUploadBeforeAnsweringOrSaysWhyItCannot)
+// A download of a file with no bytes yet orders its creator to upload, or
+// says why it cannot. A start a linked server floods for a downloader reaches
+// the creator's client where she is homed, goes on to the other servers
+// elsewhere, and is taken once.
+TEST_F(Download, OrdersTheCreatorToUploadOrSaysWhyAndPassesAStartFromAnotherServerToHerOrOnOnce)
 {
     host.AddUser(kAlice, 1, "alice");
     for (uint32_t ulResult : {56u, 16u, 0u})
@@ -458,14 +462,7 @@ TEST_F(Download, OrdersTheCreatorToUploadBeforeAnsweringOrSaysWhyItCannot)
     EXPECT_EQ(PDU_CONF_FS_UPLOAD_RESPONSE, host.m_vecSent[0].usPdu);
     EXPECT_EQ(100010u, host.m_vecSent[0].ulConn);
     EXPECT_EQ(Pdu().U16(5).U32(0).U16(5).User(kAlice).U32(0).U32(0).b, host.m_vecSent[0].data);
-}
 
-// A start a linked server floods for a downloader reaches the creator's
-// client where she is homed, goes on to the other servers elsewhere, and is
-// taken once.
-TEST_F(Download, PassesAStartFromAnotherServerToTheCreatorOrOnToTheOtherServersOnce)
-{
-    AddStoredFile(0);
     host.m_bHasServerLinks = true;
     const Bytes start = Pdu().U16(5).U32(0).U16(5).User(kBob).U32(77).U32(0).b;
     for (uint32_t ulHome : {2u, 1u})
