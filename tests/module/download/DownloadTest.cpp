@@ -164,7 +164,7 @@ const Bytes kEmptyRecord = {0x06, 0, 0, 0, 0x01, 0x00};
 
 TEST_F(Download, AnswersARequestWithTheNewEntryAndFloodsItToTheOtherServers)
 {
-    AddStoredFile(40000);
+    ZV_FileShareSession& session = AddStoredFile(40000);
     host.m_bHasServerLinks = true;
     ASSERT_EQ(0u, Deliver(PDU_CONF_FS_DOWNLOAD_REQUEST, Request()));
     const Bytes expected = {
@@ -183,12 +183,26 @@ TEST_F(Download, AnswersARequestWithTheNewEntryAndFloodsItToTheOtherServers)
     request[10] = 100;
     flooded.insert(flooded.end(), request.begin(), request.end());
     EXPECT_EQ(std::vector<Bytes>{flooded}, ZV_SentData(host, PDU_CONF_FS_DOWNLOAD_REQUEST));
-    EXPECT_FALSE(Bobs(*ZV_FileShareMgrPeer::Sessions(mgr)[5]).m_bActive);
-}
+    EXPECT_FALSE(Bobs(session).m_bActive);
 
-TEST_F(Download, RefusesTheCreatorAndUsersWithoutTheRightButAnswersNoFloodedCopy)
-{
-    ZV_FileShareSession& session = AddStoredFile(40000, false);
+    // A store that fails a read is told as an empty block with 61 where Bob
+    // has no command link; one closed under the pump is opened again by it.
+    Deliver(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST, Pdu().U16(5).User(kBob).Record(ZV_FileDownloadInfo()).b);
+    host.m_vecSent.clear();
+    env.FailAt(QB_EnvOp::Read, 1);
+    OnSend();
+    EXPECT_EQ(std::make_pair(100024u, Block(0, {}, 40000, zvResultCannotAccess).b),
+              ZV_OnlySent(host, PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE));
+    host.m_vecSent.clear();
+    Peer::ServerFile(session).Close();
+    OnSend();
+    const auto vecBlocks = ZV_SentData(host, PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE);
+    ASSERT_EQ(2u, vecBlocks.size());
+    EXPECT_EQ(Part(ZV_TestBytes(40000, 1), 0, 32768, 40000).b, vecBlocks[0]);
+
+    // The creator and a user without the right are refused, a flooded copy
+    // unanswered; none makes an entry, Bob's first stays the only one.
+    Peer::FileInfo(session).m_BriefInfo.m_bPublic = false;
     Peer::FileInfo(session).m_BriefInfo.m_arrRight.Add(QB_UserID(10003, 0));
     struct { const char* szName; QB_UserID user; uint8_t bFlooded; size_t nAnswers; } aCases[] = {
         {"the creator", kAlice, 0, 1}, {"no right", kBob, 0, 1}, {"flooded", kBob, 1, 0}};
@@ -201,7 +215,7 @@ TEST_F(Download, RefusesTheCreatorAndUsersWithoutTheRightButAnswersNoFloodedCopy
         EXPECT_EQ(std::vector<Bytes>(c.nAnswers, Pdu().U16(5).U32(40).U16(5).User(c.user).Data(kEmptyRecord).b),
                   ZV_SentData(host, PDU_CONF_FS_DOWNLOAD_RESPONSE)) << c.szName;
     }
-    EXPECT_EQ(0, Peer::Downloads(session).GetCount());
+    EXPECT_EQ(1, Peer::Downloads(session).GetCount());
 }
 
 TEST_F(Download, PushesThreeBlocksPerCallRestsAtTheWritePositionAndGoesOnWhenWoken)
@@ -427,7 +441,11 @@ TEST_F(Download, ALinkedServersRecordOfAnotherFileUnderTheFileIDMovesNothing)
     }
 }
 
-TEST_F(Download, OrdersTheCreatorToUploadBeforeAnsweringOrSaysWhyItCannot)
+// A download of a file with no bytes yet orders its creator to upload, or
+// says why it cannot. A start a linked server floods for a downloader reaches
+// the creator's client where she is homed, goes on to the other servers
+// elsewhere, and is taken once.
+TEST_F(Download, OrdersTheCreatorToUploadOrSaysWhyAndPassesAStartFromAnotherServerToHerOrOnOnce)
 {
     host.AddUser(kAlice, 1, "alice");
     for (uint32_t ulResult : {56u, 16u, 0u})
@@ -444,14 +462,7 @@ TEST_F(Download, OrdersTheCreatorToUploadBeforeAnsweringOrSaysWhyItCannot)
     EXPECT_EQ(PDU_CONF_FS_UPLOAD_RESPONSE, host.m_vecSent[0].usPdu);
     EXPECT_EQ(100010u, host.m_vecSent[0].ulConn);
     EXPECT_EQ(Pdu().U16(5).U32(0).U16(5).User(kAlice).U32(0).U32(0).b, host.m_vecSent[0].data);
-}
 
-// A start a linked server floods for a downloader reaches the creator's
-// client where she is homed, goes on to the other servers elsewhere, and is
-// taken once.
-TEST_F(Download, PassesAStartFromAnotherServerToTheCreatorOrOnToTheOtherServersOnce)
-{
-    AddStoredFile(0);
     host.m_bHasServerLinks = true;
     const Bytes start = Pdu().U16(5).U32(0).U16(5).User(kBob).U32(77).U32(0).b;
     for (uint32_t ulHome : {2u, 1u})
@@ -472,26 +483,6 @@ TEST_F(Download, PassesAStartFromAnotherServerToTheCreatorOrOnToTheOtherServersO
             }
         }
     }
-}
-
-// A store that fails a read is told as an empty block with 61; one that was
-// closed under the pump is opened again by it.
-TEST_F(Download, AStoreThatCannotBeReadIsToldAsAnEmptyBlockWith61WhereNoCommandLinkIs)
-{
-    ZV_FileShareSession& session = AddStoredFile(40000);
-    Deliver(PDU_CONF_FS_DOWNLOAD_REQUEST, Request());
-    Deliver(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST, Pdu().U16(5).User(kBob).Record(ZV_FileDownloadInfo()).b);
-    env.FailAt(QB_EnvOp::Read, 1);
-    OnSend();
-    EXPECT_EQ(std::make_pair(100024u, Block(0, {}, 40000, zvResultCannotAccess).b),
-              ZV_OnlySent(host, PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE));
-
-    host.m_vecSent.clear();
-    Peer::ServerFile(session).Close();
-    OnSend();
-    const auto vecBlocks = ZV_SentData(host, PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE);
-    ASSERT_EQ(2u, vecBlocks.size());
-    EXPECT_EQ(Part(ZV_TestBytes(40000, 1), 0, 32768, 40000).b, vecBlocks[0]);
 }
 
 TEST_F(ClientDownload, AfterItsDataLinkCameBackItAsksForItsPositionOnceAlsoAcrossAGap)

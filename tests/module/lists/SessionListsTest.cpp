@@ -278,8 +278,9 @@ TEST_F(SessionLists, AClientTellsEachUploadListWithItsOwnFilesAndHowMuchOfEachTh
     EXPECT_EQ(ZV_FromHex("b9 0b 3c 00 00 00 09 00"), node.host.m_vecEvents.back().data);
 }
 
-// Both lists go unasked to a user entering at this server only; an upload list sent to a server changes nothing.
-TEST_F(SessionLists, AServerPushesBothListsToAUserWhoEntersThereOnlyAndTakesNoUploadList)
+// Both lists go unasked to a user entering at this server only; an upload list sent to a server changes nothing;
+// a creator who enters with an unfinished upload ends this server's fetch.
+TEST_F(SessionLists, AServerPushesBothListsToAUserWhoEntersThereOnlyTakesNoUploadListAndEndsAFetchForTheCreator)
 {
     ZV_RecordingNode& node = Started(true);
     Home(node, kBob, 33);
@@ -301,26 +302,21 @@ TEST_F(SessionLists, AServerPushesBothListsToAUserWhoEntersThereOnlyAndTakesNoUp
                              ZV_SavePayload(UploadList(kBob, {{7, 5000, 0}})), 5, QB_UserID(2, 0)));
     EXPECT_EQ(2, ZV_FileShareMgrPeer::Sessions(node.mgr).GetCount());
     EXPECT_TRUE(node.host.m_vecEvents.empty());
-}
 
-// A creator entering mid-upload uploads again: this server stops fetching and tells the others once (flags 1, 0).
-TEST_F(SessionLists, ACreatorWhoEntersWithAnUnfinishedUploadEndsThisServersFetchWithOneNotice)
-{
-    ZV_RecordingNode& node = Started(true);
+    // A creator entering mid-upload uploads again: this server stops fetching
+    // and tells the others once (flags 1, 0).
     node.host.m_bHasServerLinks = true;
-    Home(node, kAnn, 33);
-    ZV_FileBriefInfo brief = Brief(true);
-    brief.SetFileState(zvFileStateUploading);
+    Home(node, kAnn, 35);
     const QB_UserID self(node.host.m_ulServerID, 0);
-    ZV_FileShareSession& session = AddFile(node, 5, brief);
-    session.SetDownloadInfo(self, Record(5, "n", zvDownloadStateRunning, 20, "C:\\store\\"));
-
+    ZV_FileShareSession& session = *ZV_FileShareMgrPeer::Find(node.mgr, 6);
+    Peer::FileInfo(session).m_BriefInfo.SetFileState(zvFileStateUploading);
+    session.SetDownloadInfo(self, Record(6, "n", zvDownloadStateRunning, 20, "C:\\store\\"));
     EXPECT_EQ(0u, node.mgr.OnEvent(zvConfEventUserEnter, 0, (uintptr_t)&kAnn, 0, 0));
     const auto vecNotice = node.host.SentOf(PDU_CONF_FS_NOTICE_DEL_DOWNLOAD_INFO_REQUEST);
     ASSERT_EQ(1u, vecNotice.size());
     EXPECT_TRUE(vecNotice[0].sRoute == "servers" && vecNotice[0].bFlag1 == 1 && vecNotice[0].bFlag2 == 0);
     // The conference word, the FileID, this server, the flood's number.
-    EXPECT_EQ(ZV_FromHex("07 00 05 00 01 00 00 00 00 00 00 00 64 00 00 00"), vecNotice[0].data);
+    EXPECT_EQ(ZV_FromHex("07 00 06 00 01 00 00 00 00 00 00 00 64 00 00 00"), vecNotice[0].data);
     EXPECT_EQ(nullptr, session.FindDownloadEntry(self));
 }
 
