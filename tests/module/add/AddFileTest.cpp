@@ -1,6 +1,7 @@
 // Adding a file on one manager with a recording host: the exact bytes of
 // 8001 and 8002, the stored names, and where hostile names land.
 #include "download/ZV_DownloadPdu.h"
+#include "records/ZV_FileCatalog.h"
 #include "ZV_RecordingNode.h"
 
 #include "QB_FaultEnv.h"
@@ -66,7 +67,7 @@ TEST(AddFile, ClientSendsItsRequestWithTheFileInWindowsFormAndRefusesTheAnswerOn
 }
 
 // A linked server's add is never refused, not even when the disk refuses
-// its stored file and its row (here the last's): the timer makes the file.
+// its stored file and its row (here the last's): the timer makes both.
 TEST(AddFile, KeepsEveryHostileNameInsideTheConferenceFolder)
 {
     Node node(true);
@@ -85,6 +86,10 @@ TEST(AddFile, KeepsEveryHostileNameInsideTheConferenceFolder)
     }
     env.ClearFaults();
     node.mgr.OnTimer(2);
+    ZV_FileCatalog disk;
+    ZV_FileUploadInfo row;
+    QB_StringW sSection;
+    EXPECT_TRUE(disk.Open() == zvCatalogOpened && disk.LoadFile(7, 12, row, sSection)) << "the timer writes the row";
 
     size_t nStored = 0;
     for (const auto& entry : fs::recursive_directory_iterator(node.tmp.Path()))
