@@ -2,8 +2,9 @@
 // Alice's or Bob's name, every request a client may send, and numbers only
 // servers send or none do; then, in her own name, adds that choose a FileID,
 // a relay's ask, a block past the end or into Alice's file, and word that
-// Alice's upload failed. Each leaves the server as it was, sends nothing on,
-// and is answered to Mallory alone where it has an answer.
+// Alice's upload failed; and Dave, who left as his add came, adds. Each
+// leaves the server as it was, sends nothing on, and is answered to the
+// sender alone where it has an answer.
 #include "ZV_RecordingNode.h"
 
 #include "download/ZV_DownloadPdu.h"
@@ -17,6 +18,7 @@ namespace {
 const QB_UserID kAlice(10001, 0);    // shares secret.txt, 10 bytes, for Bob only; 4 have arrived
 const QB_UserID kBob(10002, 0);      // has asked for it
 const QB_UserID kMallory(10003, 0);  // the hostile client
+const QB_UserID kDave(10004, 0);     // unknown to the host
 const QB_UserID kServer2(2, 0);      // a linked server
 const QB_UserID kNobody;
 constexpr uint16_t kFile = 1;
@@ -167,6 +169,8 @@ TEST(ClientLink, NoRequestActsInAnotherUsersNameChoosesAFileIDOrWritesPastTheEnd
          Answer(kFile, 40, kMallory).U32(0).U32(4).b, kNobody, zvConfClientTypeData},
         {"Alice's upload failed, in her own name", kMallory, 8035, Pdu().U16(kFile).User(kMallory).U32(0).U32(0).b,
          nullptr, 8036, Pdu().U16(kFile).U32(40).U16(kFile).b, kNobody},
+        {"an add by a user who has left", kDave, 8001, Add(kNone, kDave, kDave), nullptr, 8002,
+         Answer(kNone, zvResultNotInConf, kDave).U32(0).b, kNobody},
     };
     for (const Case& c : aCases)
     {

@@ -209,9 +209,7 @@ TEST(Events, EachShareOfAFileFollowsItsRoadsFormulaForAThirdAndForAnEmptyFile)
         {
             SCOPED_TRACE(std::string(row.szName) + ", length " + std::to_string(ulLength));
             Node node;  // FileID 5: Bob's file at ulPos of ulLength, Alice's download of it running
-            node.lpSession = &ZV_FileShareMgrPeer::Adopt(node.mgr, 5, "");
-            ZV_FileShareSessionPeer::FileID(*node.lpSession) = 5;
-            ZV_FileShareSessionPeer::BriefInfo(*node.lpSession) = Brief(ulLength, row.bSeen);
+            node.lpSession = &ZV_AdoptFile(node.mgr, 5, "", Brief(ulLength, row.bSeen), "");
             ZV_FileShareSessionPeer::MaxPos(*node.lpSession) = ulPos;
             ZV_FileShareSessionPeer::LocalDownload(*node.lpSession) = Download(node, ulLength, ulPos);
             row.raise(node, ulLength, ulPos);

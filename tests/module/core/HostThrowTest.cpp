@@ -24,11 +24,7 @@ TEST(HostThrow, EachEntryThatCatchesAThrowItselfLogsItsOwnLineAndEachUserCallGiv
     auto Pdu = [](uint16_t usPdu, uint16_t usConnType, const std::vector<uint8_t>& data = {}) -> Run {
         return [=](ZV_FileShareMgr& mgr) { ZV_Deliver(mgr, usPdu, usConnType, data, 5, QB_UserID()); };
     };
-    ZV_AddResponse answer{{{5, 0, 5}, bob}};
-    answer.brief.SetCreatorID(bob);
-    answer.brief.SetFileOldName(QB_StringU8("a.bin"));
-    answer.brief.SetPublic(true);
-    const std::vector<uint8_t> vbAdded = ZV_SavePayload(answer);
+    const std::vector<uint8_t> vbAdded = ZV_SavePayload(ZV_AddResponse{{{5, 0, 5}, bob}, 0, ZV_Brief(bob, "a.bin", 0)});
     // A user-side call after the server's announcement; what it gave.
     uint32_t ulCalled = 0;
     auto User = [&](std::function<uint32_t(ZV_FileShareMgr&)> fnCall) -> Run {

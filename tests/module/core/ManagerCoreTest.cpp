@@ -14,18 +14,6 @@
 
 namespace {
 
-struct ManagerFixture : public ::testing::Test
-{
-    ZV_RecordingHost host;
-    ZV_FileShareMgr mgr;
-    void SetUp() override { host.Attach(&mgr); }
-
-    uint32_t Deliver(uint16_t usPdu, const std::vector<uint8_t>& data)
-    {
-        return ZV_Deliver(mgr, usPdu, zvConfClientTypeCommand, data);
-    }
-};
-
 // A session that records which PDUs reached it.
 class ZV_ProbeSession : public ZV_FileShareSession
 {
@@ -41,10 +29,11 @@ public:
 
 } // namespace
 
-using ManagerRouting = ManagerFixture;
-
-TEST_F(ManagerRouting, HandsAPduToTheSessionItsFirstWordNamesAndAnswersFiveForNumbersWithoutASlot)
+TEST(ManagerRouting, HandsAPduToTheSessionItsFirstWordNamesAndAnswersFiveForNumbersWithoutASlot)
 {
+    ZV_RecordingHost host;
+    ZV_FileShareMgr mgr;
+    host.Attach(&mgr);
     auto* lpProbe = new ZV_ProbeSession(&mgr, "");
     ZV_FileShareMgrPeer::Sessions(mgr).SetAt(0x0102, lpProbe);
     const struct { const char* szName; uint16_t usPdu; std::vector<uint8_t> data; uint32_t ulResult; } aCases[] = {
@@ -60,7 +49,7 @@ TEST_F(ManagerRouting, HandsAPduToTheSessionItsFirstWordNamesAndAnswersFiveForNu
         {"above the range", 9000, {0x02, 0x01}, 5},
     };
     for (const auto& c : aCases)
-        EXPECT_EQ(c.ulResult, Deliver(c.usPdu, c.data)) << c.szName << " " << c.usPdu;
+        EXPECT_EQ(c.ulResult, ZV_Deliver(mgr, c.usPdu, zvConfClientTypeCommand, c.data)) << c.szName << " " << c.usPdu;
     EXPECT_EQ(std::vector<uint16_t>{PDU_CONF_FS_DOWNLOAD_REQUEST}, lpProbe->m_vecSeen);
     EXPECT_TRUE(host.m_vecSent.empty());
     EXPECT_TRUE(host.m_vecEvents.empty());

@@ -155,15 +155,6 @@ TEST(RareRoads, RareCasesGiveTheirOwnCodes)
     env.m_nThrows = 1;
     EXPECT_EQ(0u, server.mgr.Initialize());
     EXPECT_EQ(1u, QB_CountInFiles(server.tmp.Sub("log"), "ZV_FileShareMgr::Initialize() exception.\r\n"));
-
-    // An add whose user the host no longer knows (she left as it came).
-    const QB_UserID carol(20002, 0);
-    server.host.m_mapUsers.clear();
-    ZV_Deliver(server.mgr, PDU_CONF_FS_ADD_REQUEST, zvConfClientTypeCommand,
-               ZV_AddAsk(ZV_NO_FILEID, carol, ZV_Brief(carol, "a.bin", 5)), 11, carol);
-    ASSERT_FALSE(server.host.m_vecSent.empty());
-    EXPECT_EQ(PDU_CONF_FS_ADD_RESPONSE, server.host.m_vecSent.back().usPdu);
-    EXPECT_EQ(zvResultNotInConf, ZV_Parse<ZV_AddResponse>(server.host.m_vecSent.back().data).ulResult);
 }
 
 // A client's listed download whose file on disk cannot be emptied for the

@@ -157,13 +157,6 @@ TEST(PduCodec, DownloadPayloadsAreTheirExactBytesAndABlockIsAtMostOneBlockLong)
     });
     EXPECT_TRUE(LoadsBlockOf(block, ZV_BLOCK_SIZE));
     EXPECT_FALSE(LoadsBlockOf(block, ZV_BLOCK_SIZE + 1));
-
-    // A refusal is read up to its head; the empty record behind it is not.
-    const Bytes refusal = ZV_FromHex(AnswerHex());
-    QB_ByteStream stream(refusal.data(), (int32_t)refusal.size());
-    ZV_DownloadResponse refused;
-    EXPECT_NO_THROW(refused.Load(stream));
-    EXPECT_EQ(refused.ulResult, zvResultNotEntitled);
 }
 
 TEST(PduCodec, ControlPayloadsAreTheirExactBytes)
