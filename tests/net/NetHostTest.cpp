@@ -51,7 +51,6 @@ TEST(NetWire, WritesEachOpeningAsTheProtocolPageShowsReadsItBackAndRefusesWhatNo
         {"a hello of another magic", Read(ZV_ReadHello, {'R', 'C', 'R', 'X', 0x01}), F::BadMagic},
         {"a hello of version 1", Read(ZV_ReadHello, Of(ZV_WriteHello({1, 0, 100, 1}))), F::UnknownVersion},
         {"a hello of kind 1", Read(ZV_ReadHello, Of(ZV_WriteHello({2, 1, 100, 1}))), F::UnknownKind},
-        {"a hello of kind 0x1004", Read(ZV_ReadHello, Of(ZV_WriteHello({2, 0x1004, 0, 1}))), F::None},
         {"the longest mechanism name and login data", Read(ZV_ReadLoginHead, Of(ZV_WriteLoginHead({20, 4096}))), F::None},
         {"a mechanism name of 21", Read(ZV_ReadLoginHead, Of(ZV_WriteLoginHead({21, 10}))), F::LoginTooLong},
         {"login data of 4097", Read(ZV_ReadLoginHead, Of(ZV_WriteLoginHead({0, 4097}))), F::LoginTooLong},

@@ -97,7 +97,7 @@ TEST(NetLogin, KeepsKeysButNoSecretInAPrivateCredentialsFileAndRefusesABrokenLin
         {"another kind", "admin 4096 c2FsdA==" + sKey + sKey + " x", "begins with \"user\" or \"server\""},
         {"no name", "user 4096 c2FsdA==" + sKey + sKey, "names nobody"},
         {"too few iterations", "user 4095 c2FsdA==" + sKey + sKey + " x", "from 4096 to 10000000"},
-        {"a count that is no number", "user 4k c2FsdA==" + sKey + sKey + " x", "from 4096 to 10000000"},
+        {"a count that is no number", "user 4096k c2FsdA==" + sKey + sKey + " x", "from 4096 to 10000000"},
         {"a short key", "user 4096 c2FsdA== c2FsdA==" + sKey + " x", "the keys of 32 bytes"},
         {"a salt that is no base64", "user 4096 ***" + sKey + sKey + " x", "must be base64"},
         {"a name twice", "user 4096 c2FsdA==" + sKey + sKey + " x\nuser 4096 c2FsdA==" + sKey + sKey + " x",

@@ -295,56 +295,49 @@ inline int ZV_RunClient(const ZV_NetSetup& setup, const std::string& sName, uint
     return ZV_StartClient(setup, sName, ulUser, sServer, vecSteps, vecOptions)->Wait(std::chrono::seconds(40));
 }
 
-// A blocking connection whose reads give up after a few seconds; on TLS, when
-// given a trust file, only to learn what the session binds a login to.
-class ZV_RawChannel
+// A blocking connection to a server on loopback whose reads give up after a
+// few seconds; -1 when it could not be made.
+inline int ZV_Dial(uint16_t usPort)
 {
-public:
-    ZV_RawChannel(uint16_t usPort, const std::string& sTrust)
-    {
-        const sockaddr_in addr = ZV_Loopback(usPort);
-        const timeval tv{3, 0};
-        setsockopt(m_nSocket, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-        m_bUp = connect(m_nSocket, (sockaddr*)&addr, sizeof addr) == 0;
-        if (!m_bUp || sTrust.empty())
-            return;
-        SSL_CTX_load_verify_locations(m_lpContext.get(), sTrust.c_str(), nullptr);
-        SSL_CTX_set_verify(m_lpContext.get(), SSL_VERIFY_PEER, nullptr);
-        m_lpSsl.reset(SSL_new(m_lpContext.get()));
-        SSL_set_fd(m_lpSsl.get(), m_nSocket);
-        m_bUp = SSL_connect(m_lpSsl.get()) == 1;
-    }
-    ~ZV_RawChannel() { m_lpSsl.reset(), close(m_nSocket); }
-    bool IsUp() const { return m_bUp; }
-    ZV_ChannelBinding Binding() const { return m_lpSsl ? ZV_BindingOf(m_lpSsl.get()) : ZV_ChannelBinding{}; }
-    int GetSocket() const { return m_nSocket; }
-
-private:
-    int m_nSocket = socket(AF_INET, SOCK_STREAM, 0);
-    bool m_bUp = false;
-    std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> m_lpContext{SSL_CTX_new(TLS_client_method()), &SSL_CTX_free};
-    std::unique_ptr<SSL, decltype(&SSL_free)> m_lpSsl{nullptr, &SSL_free};
-};
+    const int nSocket = socket(AF_INET, SOCK_STREAM, 0);
+    const sockaddr_in addr = ZV_Loopback(usPort);
+    const timeval tv{3, 0};
+    setsockopt(nSocket, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    if (connect(nSocket, (sockaddr*)&addr, sizeof addr) == 0)
+        return nSocket;
+    close(nSocket);
+    return -1;
+}
 
 // Writes bytes to a server in the clear as they are, then waits for the
 // server to close; false when it kept the connection open past a few seconds.
 inline bool ZV_SendAndSeeClosed(uint16_t usPort, const std::vector<uint8_t>& vbSent, bool bEndStream)
 {
-    ZV_RawChannel channel(usPort, {});
-    if (!channel.IsUp() || send(channel.GetSocket(), vbSent.data(), vbSent.size(), MSG_NOSIGNAL) != (ssize_t)vbSent.size())
-        return false;
-    if (bEndStream)
-        shutdown(channel.GetSocket(), SHUT_WR);
+    const int nSocket = ZV_Dial(usPort);
+    const bool bSent = nSocket >= 0 && send(nSocket, vbSent.data(), vbSent.size(), MSG_NOSIGNAL) == (ssize_t)vbSent.size();
+    if (bSent && bEndStream)
+        shutdown(nSocket, SHUT_WR);
     char ab[256];
     ssize_t nRead = 1;
-    while ((nRead = recv(channel.GetSocket(), ab, sizeof ab, 0)) > 0)
+    while (bSent && (nRead = recv(nSocket, ab, sizeof ab, 0)) > 0)
         ;
-    return nRead == 0 || errno == ECONNRESET;  // -1 with EAGAIN: still open when the time ran out
+    const bool bClosed = bSent && (nRead == 0 || errno == ECONNRESET);  // -1 with EAGAIN: still open when the time ran out
+    close(nSocket);
+    return bClosed;
 }
 
 // What a TLS session with the server binds its login to.
 inline std::string ZV_BindingOf(const ZV_NetSetup& setup, uint16_t usPort)
 {
-    ZV_RawChannel channel(usPort, setup.TrustFile());
-    return channel.IsUp() ? channel.Binding().sExporter : std::string();
+    const int nSocket = ZV_Dial(usPort);
+    std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> lpContext{SSL_CTX_new(TLS_client_method()), &SSL_CTX_free};
+    SSL_CTX_load_verify_locations(lpContext.get(), setup.TrustFile().c_str(), nullptr);
+    SSL_CTX_set_verify(lpContext.get(), SSL_VERIFY_PEER, nullptr);
+    std::unique_ptr<SSL, decltype(&SSL_free)> lpSsl{SSL_new(lpContext.get()), &SSL_free};
+    SSL_set_fd(lpSsl.get(), nSocket);
+    const bool bUp = nSocket >= 0 && SSL_connect(lpSsl.get()) == 1;
+    const std::string sExporter = bUp ? ZV_BindingOf(lpSsl.get()).sExporter : std::string();
+    lpSsl.reset();
+    close(nSocket);
+    return sExporter;
 }
