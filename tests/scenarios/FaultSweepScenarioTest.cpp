@@ -256,12 +256,10 @@ std::unique_ptr<SweepScene> Begin(const Road& road, bool bCrash = false)
 {
     auto lpScene = std::make_unique<SweepScene>();
     SweepScene& s = *lpScene;
-    s.Build(road.bLinked);
+    s.Build(road.bLinked, true);
     // The server takes its catalogue back at a start, else a restart hides every file and right.
     ZV_Scene::WriteServerConfig(s.shape.Server(), true);
     EXPECT_TRUE(s.sim.RestartServer(s.shape.Server()) && s.sim.Run()) << s.sim.GetError();
-    for (ZV_SimHost* lpNode : s.sim.GetNodes())
-        std::filesystem::create_directories(lpNode->GetHome() + "log");
     s.ulSettleMs = bCrash ? 12000 : 3000;
     s.usKept = s.Share("kept.bin", kData);
     EXPECT_TRUE(s.Settle());
