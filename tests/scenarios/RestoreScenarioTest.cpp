@@ -73,7 +73,6 @@ TEST_F(RestoreScene, TakesEachCatalogueRowBackAsItsStoredFileStandsWhenAsked)
 TEST_F(RestoreScene, KeepsWhoMayHaveAFileAcrossARestartAndTakesNothingBackWithoutTheSetting)
 {
     Build();
-    // Bob, whose right stays, gets the file after a restart with the setting: see the test above.
     const struct { const char* szCase; bool bRestore; bool bRevoke; } aRows[] = {
         {"no setting", false, false},
         {"Bob's right taken away before the restart", true, true},
