@@ -176,10 +176,6 @@ void StopAndResume(SweepScene& s)
 }
 
 void Rejoin(SweepScene& s) { ASSERT_TRUE(s.sim.Leave(s.Bob()) && s.sim.Rejoin(s.Bob(), true) && s.Settle()); }
-void CutLink(SweepScene& s) { ASSERT_TRUE(s.sim.CutLink(s.sim.GetServerLink(1, 2))); }
-void RestoreLink(SweepScene& s) { ASSERT_TRUE(s.sim.RestoreLink(s.sim.GetServerLink(1, 2)) && s.Settle()); }
-// A linked server restarts: it serves only what its peer's list brings back.
-void Restart(SweepScene& s) { ASSERT_TRUE(s.sim.RestartServer(s.shape.Server(1)) && s.Settle()); }
 
 void ResumeOrFetch(SweepScene& s, ZV_SimHost* lpClient)
 {
@@ -241,11 +237,6 @@ const Road kRoads[] = {
     {"stop and resume", Nothing, StopAndResume, BobResumes, BobHasIt},
     {"both lists", BobFetches, Rejoin, Rejoin,
      [](SweepScene& s) { return s.Knows(s.Bob(), s.usKept) && s.Fetched(s.Bob(), s.usKept); }},
-    {"reconciliation", [](SweepScene& s) { CutLink(s), ShareTarget(s, true); }, RestoreLink,
-     [](SweepScene& s) { CutLink(s), RestoreLink(s); },
-     [](SweepScene& s) { return s.Knows(s.Carol(), s.usTarget); }, false, false, true},
-    {"restart", Nothing, Restart, Restart,
-     [](SweepScene& s) { return s.Session(s.shape.Server(1), s.usKept) && s.Knows(s.Carol(), s.usKept); }, false, false, true},
 };
 
 constexpr QB_EnvOp kOps[] = {QB_EnvOp::Open,   QB_EnvOp::Read,       QB_EnvOp::Write, QB_EnvOp::Seek,  QB_EnvOp::SetEnd,
