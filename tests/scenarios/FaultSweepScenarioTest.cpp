@@ -166,15 +166,6 @@ bool BatchDone(SweepScene& s)
     return setDone.size() >= 3;
 }
 
-void StopAndResume(SweepScene& s)
-{
-    s.Call(s.Download(s.Bob(), s.usKept));
-    s.StepUntilDelivered(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, s.Bob(), 1);
-    s.Call(s.Fs(s.Bob())->FsStopDownload(s.usKept));
-    ASSERT_TRUE(s.sim.Run()) << s.sim.GetError();
-    s.Act(s.Fs(s.Bob())->FsResumeDownload(s.usKept));
-}
-
 void Rejoin(SweepScene& s) { ASSERT_TRUE(s.sim.Leave(s.Bob()) && s.sim.Rejoin(s.Bob(), true) && s.Settle()); }
 
 void ResumeOrFetch(SweepScene& s, ZV_SimHost* lpClient)
@@ -234,7 +225,6 @@ const Road kRoads[] = {
     {"relay", Nothing, [](SweepScene& s) { s.Act(s.Download(s.Carol(), s.usKept)); },
      [](SweepScene& s) { ResumeOrFetch(s, s.Carol()); },
      [](SweepScene& s) { return s.Fetched(s.Carol(), s.usKept); }, false, false, true},
-    {"stop and resume", Nothing, StopAndResume, BobResumes, BobHasIt},
     {"both lists", BobFetches, Rejoin, Rejoin,
      [](SweepScene& s) { return s.Knows(s.Bob(), s.usKept) && s.Fetched(s.Bob(), s.usKept); }},
 };
