@@ -166,20 +166,7 @@ bool BatchDone(SweepScene& s)
     return setDone.size() >= 3;
 }
 
-void StopAndResume(SweepScene& s)
-{
-    s.Call(s.Download(s.Bob(), s.usKept));
-    s.StepUntilDelivered(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, s.Bob(), 1);
-    s.Call(s.Fs(s.Bob())->FsStopDownload(s.usKept));
-    ASSERT_TRUE(s.sim.Run()) << s.sim.GetError();
-    s.Act(s.Fs(s.Bob())->FsResumeDownload(s.usKept));
-}
-
 void Rejoin(SweepScene& s) { ASSERT_TRUE(s.sim.Leave(s.Bob()) && s.sim.Rejoin(s.Bob(), true) && s.Settle()); }
-void CutLink(SweepScene& s) { ASSERT_TRUE(s.sim.CutLink(s.sim.GetServerLink(1, 2))); }
-void RestoreLink(SweepScene& s) { ASSERT_TRUE(s.sim.RestoreLink(s.sim.GetServerLink(1, 2)) && s.Settle()); }
-// A linked server restarts: it serves only what its peer's list brings back.
-void Restart(SweepScene& s) { ASSERT_TRUE(s.sim.RestartServer(s.shape.Server(1)) && s.Settle()); }
 
 void ResumeOrFetch(SweepScene& s, ZV_SimHost* lpClient)
 {
@@ -238,14 +225,8 @@ const Road kRoads[] = {
     {"relay", Nothing, [](SweepScene& s) { s.Act(s.Download(s.Carol(), s.usKept)); },
      [](SweepScene& s) { ResumeOrFetch(s, s.Carol()); },
      [](SweepScene& s) { return s.Fetched(s.Carol(), s.usKept); }, false, false, true},
-    {"stop and resume", Nothing, StopAndResume, BobResumes, BobHasIt},
     {"both lists", BobFetches, Rejoin, Rejoin,
      [](SweepScene& s) { return s.Knows(s.Bob(), s.usKept) && s.Fetched(s.Bob(), s.usKept); }},
-    {"reconciliation", [](SweepScene& s) { CutLink(s), ShareTarget(s, true); }, RestoreLink,
-     [](SweepScene& s) { CutLink(s), RestoreLink(s); },
-     [](SweepScene& s) { return s.Knows(s.Carol(), s.usTarget); }, false, false, true},
-    {"restart", Nothing, Restart, Restart,
-     [](SweepScene& s) { return s.Session(s.shape.Server(1), s.usKept) && s.Knows(s.Carol(), s.usKept); }, false, false, true},
 };
 
 constexpr QB_EnvOp kOps[] = {QB_EnvOp::Open,   QB_EnvOp::Read,       QB_EnvOp::Write, QB_EnvOp::Seek,  QB_EnvOp::SetEnd,
@@ -256,12 +237,10 @@ std::unique_ptr<SweepScene> Begin(const Road& road, bool bCrash = false)
 {
     auto lpScene = std::make_unique<SweepScene>();
     SweepScene& s = *lpScene;
-    s.Build(road.bLinked);
+    s.Build(road.bLinked, true);
     // The server takes its catalogue back at a start, else a restart hides every file and right.
     ZV_Scene::WriteServerConfig(s.shape.Server(), true);
     EXPECT_TRUE(s.sim.RestartServer(s.shape.Server()) && s.sim.Run()) << s.sim.GetError();
-    for (ZV_SimHost* lpNode : s.sim.GetNodes())
-        std::filesystem::create_directories(lpNode->GetHome() + "log");
     s.ulSettleMs = bCrash ? 12000 : 3000;
     s.usKept = s.Share("kept.bin", kData);
     EXPECT_TRUE(s.Settle());

@@ -10,12 +10,6 @@ namespace {
 
 struct TrustScene : public ZV_Scene
 {
-    void Build()
-    {
-        ZV_Scene::Build(false);
-        for (ZV_SimHost* lpClient : shape.vecClients)
-            std::filesystem::create_directories(lpClient->GetHome() + "log");
-    }
     size_t LogLines(ZV_SimHost* lpClient, const std::string& sLine) const
     {
         return QB_CountInFiles(lpClient->GetHome() + "log/log_error_client.txt", sLine);
@@ -67,7 +61,7 @@ void WriteDownloadAnswer(ZV_PduBuffer& pdu, uint16_t usFileID, const QB_UserID& 
 // An 8002 or 8006 makes Alice's client upload only her file as shared; any other is refused, told (90) and logged.
 TEST_F(TrustScene, AClientUploadsOnlyWhatItsUserSharedWhateverTheServerAnnounces)
 {
-    Build();
+    Build(false, true);
     const ZV_Bytes data = ZV_RandomBytes(40000, 1);
     const uint16_t usShared = Share("shared.bin", data);
     ASSERT_NE(0xFFFF, usShared);
@@ -122,7 +116,7 @@ TEST_F(TrustScene, AClientUploadsOnlyWhatItsUserSharedWhateverTheServerAnnounces
 // A share withdrawn, deleted, gone or swapped is read on no road again: a fresh 8002 or 8006 is refused with 90.
 TEST_F(TrustScene, AWithdrawnGoneOrSwappedShareIsNeverReadAgain)
 {
-    Build();
+    Build(false, true);
     const ZV_Bytes data = ZV_RandomBytes(3000, 3);
     enum class Change { None, Link, Withdrawn, WithdrawnUnanswered, Deleted, Gone };
     struct { const char* szName; Change eChange; bool bRefused; bool bSession; } aCases[] = {
@@ -189,7 +183,7 @@ TEST_F(TrustScene, AWithdrawnGoneOrSwappedShareIsNeverReadAgain)
 // it is refused and logged; asked but different, he hears 3002 with 90 and the true answer still lands.
 TEST_F(TrustScene, AClientWritesOnlyWhereItsUserAskedWhateverTheServerAnswers)
 {
-    Build();
+    Build(false, true);
     const ZV_Bytes data = ZV_RandomBytes(70000, 2);
     const uint16_t usFileID = Share("shared.bin", data);
     const std::string sVictim = tmp.Sub("bob/.profile");
@@ -245,7 +239,7 @@ TEST_F(TrustScene, AClientWritesOnlyWhereItsUserAskedWhateverTheServerAnswers)
 // A download failed at any step and asked again to a new path ends whole there or fails: never the first's bytes.
 TEST_F(TrustScene, ADownloadAskedAgainToANewPathAfterAFailureEndsThereOrNowhere)
 {
-    Build();
+    Build(false, true);
     const ZV_Bytes data = ZV_RandomBytes(100000, 3);
     const QB_EnvOp aOps[] = {QB_EnvOp::Open, QB_EnvOp::Read, QB_EnvOp::Write, QB_EnvOp::Seek, QB_EnvOp::SetEnd,
                              QB_EnvOp::MakeFolder};
@@ -273,7 +267,7 @@ TEST_F(TrustScene, ADownloadAskedAgainToANewPathAfterAFailureEndsThereOrNowhere)
 // Folders (links too) standing when Bob asked are followed; a link made after the ask is refused with 90.
 TEST_F(TrustScene, ADownloadFollowsNoLinkPutBelowTheFoldersThatStoodWhenAsked)
 {
-    Build();
+    Build(false, true);
     const ZV_Bytes data = ZV_RandomBytes(5000, 4);
     const uint16_t usFileID = Share("shared.bin", data);
     for (const char* szFolder : {"downloads/bob", "elsewhere"})

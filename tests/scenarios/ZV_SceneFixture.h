@@ -79,10 +79,14 @@ struct ZV_Scene : public ::testing::Test
     ZV_SimShape shape;
 
     ZV_SimOptions Options() const { return ZV_SimOptions{.sRoot = tmp.Sub("nodes")}; }
-    void Build(bool bLinked = false)
+    // bLogs: every node writes its logs, which go only where their folder stands.
+    void Build(bool bLinked = false, bool bLogs = false)
     {
         shape = bLinked ? ZV_SimBuilder::TwoLinkedServers(sim) : ZV_SimBuilder::OneServerTwoClients(sim);
         ASSERT_TRUE(shape.IsComplete() && sim.Run()) << sim.GetError();
+        for (ZV_SimHost* lpNode : sim.GetNodes())
+            if (bLogs)
+                std::filesystem::create_directories(lpNode->GetHome() + "log");
     }
     // The server's "confsrv.ini", read at its next start.
     static void WriteServerConfig(ZV_SimHost* lpServer, bool bRestore)
