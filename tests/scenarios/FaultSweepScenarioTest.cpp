@@ -166,7 +166,20 @@ bool BatchDone(SweepScene& s)
     return setDone.size() >= 3;
 }
 
+void StopAndResume(SweepScene& s)
+{
+    s.Call(s.Download(s.Bob(), s.usKept));
+    s.StepUntilDelivered(PDU_CONF_FS_DOWNLOAD_DATA_RESPONSE, s.Bob(), 1);
+    s.Call(s.Fs(s.Bob())->FsStopDownload(s.usKept));
+    ASSERT_TRUE(s.sim.Run()) << s.sim.GetError();
+    s.Act(s.Fs(s.Bob())->FsResumeDownload(s.usKept));
+}
+
 void Rejoin(SweepScene& s) { ASSERT_TRUE(s.sim.Leave(s.Bob()) && s.sim.Rejoin(s.Bob(), true) && s.Settle()); }
+void CutLink(SweepScene& s) { ASSERT_TRUE(s.sim.CutLink(s.sim.GetServerLink(1, 2))); }
+void RestoreLink(SweepScene& s) { ASSERT_TRUE(s.sim.RestoreLink(s.sim.GetServerLink(1, 2)) && s.Settle()); }
+// A linked server restarts: it serves only what its peer's list brings back.
+void Restart(SweepScene& s) { ASSERT_TRUE(s.sim.RestartServer(s.shape.Server(1)) && s.Settle()); }
 
 void ResumeOrFetch(SweepScene& s, ZV_SimHost* lpClient)
 {
@@ -225,8 +238,14 @@ const Road kRoads[] = {
     {"relay", Nothing, [](SweepScene& s) { s.Act(s.Download(s.Carol(), s.usKept)); },
      [](SweepScene& s) { ResumeOrFetch(s, s.Carol()); },
      [](SweepScene& s) { return s.Fetched(s.Carol(), s.usKept); }, false, false, true},
+    {"stop and resume", Nothing, StopAndResume, BobResumes, BobHasIt},
     {"both lists", BobFetches, Rejoin, Rejoin,
      [](SweepScene& s) { return s.Knows(s.Bob(), s.usKept) && s.Fetched(s.Bob(), s.usKept); }},
+    {"reconciliation", [](SweepScene& s) { CutLink(s), ShareTarget(s, true); }, RestoreLink,
+     [](SweepScene& s) { CutLink(s), RestoreLink(s); },
+     [](SweepScene& s) { return s.Knows(s.Carol(), s.usTarget); }, false, false, true},
+    {"restart", Nothing, Restart, Restart,
+     [](SweepScene& s) { return s.Session(s.shape.Server(1), s.usKept) && s.Knows(s.Carol(), s.usKept); }, false, false, true},
 };
 
 constexpr QB_EnvOp kOps[] = {QB_EnvOp::Open,   QB_EnvOp::Read,       QB_EnvOp::Write, QB_EnvOp::Seek,  QB_EnvOp::SetEnd,
