@@ -86,7 +86,9 @@ TEST_F(RestoreScene, KeepsWhoMayHaveAFileAcrossARestartAndTakesNothingBackWithou
         const ZV_Bytes data = ZV_RandomBytes(5000, nRow);
         const uint16_t usFileID = ShareWithBob("r" + std::to_string(nRow) + ".bin", data);
         if (row.bRevoke)
+        {
             ASSERT_TRUE(Fs(Alice())->FsSetRight(usFileID, 0, nullptr, 0, &Bob()->GetUserID(), 1) == 0 && sim.Run());
+        }
         Restart(row.bRestore);
         EXPECT_EQ(Session(shape.Server(), usFileID) != nullptr, row.bRestore);
         Fetch(Bob(), usFileID);
