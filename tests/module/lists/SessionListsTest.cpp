@@ -375,7 +375,8 @@ TEST_F(SessionLists, AClientTakesItsListedDownloadsAsItsDiskAndItsStopsSay)
                   {10, zvDownloadStateRunning, zvDownloadStateStopped, 1000, kPublic},
                   {11, zvDownloadStateRunning, zvDownloadStateRunning, 1200, kWithdrawn},
                   {12, zvDownloadStateFinished, zvDownloadStateFinished, 5000, kWithdrawn},
-                  {13, zvDownloadStateRunning, zvDownloadStateRunning, 1200, kNamed}};
+                  {13, zvDownloadStateRunning, zvDownloadStateRunning, 1200, kNamed},
+                  {14, zvDownloadStateFinished, zvDownloadStateFinished, 3000, kPublic}};
     ZV_DownloadListResponse list;
     list.user = me;
     for (const auto& file : aFiles)
@@ -414,7 +415,7 @@ TEST_F(SessionLists, AClientTakesItsListedDownloadsAsItsDiskAndItsStopsSay)
         mapState[usFileID] = {ulResult, stream.ReadDouble()};
     }
     EXPECT_EQ((std::map<uint16_t, State>{{5, {0, 100.0}}, {6, {0, 100.0}}, {7, {0, 24.0}}, {8, {0, 100.0}},
-                                         {10, {0, 20.0}}, {13, {0, 24.0}}}), mapState);
+                                         {10, {0, 20.0}}, {13, {0, 24.0}}, {14, {0, 60.0}}}), mapState);
     // A withdrawn download's partial file goes, a finished one stays; neither is busy.
     EXPECT_TRUE(!std::filesystem::exists(node.tmp.Sub("dl/11.bin")) && std::filesystem::exists(node.tmp.Sub("dl/12.bin")));
     EXPECT_TRUE(ZV_FileShareMgrPeer::BusyFileIDs(node.mgr).Find(11) < 0 && ZV_FileShareMgrPeer::BusyFileIDs(node.mgr).Find(12) < 0);
@@ -423,10 +424,12 @@ TEST_F(SessionLists, AClientTakesItsListedDownloadsAsItsDiskAndItsStopsSay)
     EXPECT_EQ(std::vector<Bytes>{ZV_Pdu().U16(9).User(me).U32(0).b}, ZV_SentData(node.host, PDU_CONF_FS_DEL_DOWNLOAD_REQUEST));
     EXPECT_EQ((std::vector<Bytes>{ZV_Pdu().U16(7).User(me).U32(0).U8(1).b, ZV_Pdu().U16(10).User(me).U32(0).U8(0).b}),
               ZV_SentData(node.host, PDU_CONF_FS_IS_STOP_DOWNLOAD_REQUEST));
-    // Each says where it stands, and the stopped one that it stays stopped.
+    // Each says where it stands, the stopped one that it stays stopped, and a
+    // finished one cut short on disk takes up again where its file ends.
     for (const auto& [usFileID, ulPos, usState] : {std::tuple{10, 1000u, zvDownloadStateRunning},
                                                    std::tuple{7, 1200u, zvDownloadStateStopped},
-                                                   std::tuple{13, 1200u, zvDownloadStateRunning}})
+                                                   std::tuple{13, 1200u, zvDownloadStateRunning},
+                                                   std::tuple{14, 3000u, zvDownloadStateRunning}})
     {
         const auto vecAsked = ZV_DataAsks(node.host, (uint16_t)usFileID);
         ASSERT_EQ(1u, vecAsked.size()) << usFileID;
