@@ -4,7 +4,9 @@
 // and destroying them one by one. Every element type the system stores is
 // trivially relocatable: string handles (one pointer to a shared buffer),
 // QB_UserID (a table pointer and two words), plain numbers and records made
-// of these. A type that points into itself must not be stored here.
+// of these. A type that points into itself must not be stored here. The
+// casts and the qualified destructor calls tell the compiler so: an element
+// is always exactly a T, never of a type derived from it.
 //
 // Indexes are not checked by GetAt and operator[]; callers stay in bounds.
 // The operations that change the size refuse negative numbers and leave the
@@ -101,8 +103,9 @@ public:
         T copy(value);
         SetSize(m_nSize + 1);
         T* pSlot = m_pData + nIndex;
-        pSlot[m_nSize - 1 - nIndex].~T();
-        std::memmove(static_cast<void*>(pSlot + 1), pSlot, sizeof(T) * (size_t)(m_nSize - 1 - nIndex));
+        pSlot[m_nSize - 1 - nIndex].T::~T();
+        std::memmove(static_cast<void*>(pSlot + 1), static_cast<const void*>(pSlot),
+                     sizeof(T) * (size_t)(m_nSize - 1 - nIndex));
         ConstructFresh(pSlot, 1);
         *pSlot = std::move(copy);
     }
@@ -112,7 +115,8 @@ public:
             return;
         Destroy(m_pData + nIndex, nCount);
         int nMoved = m_nSize - nIndex - nCount;
-        std::memmove(static_cast<void*>(m_pData + nIndex), m_pData + nIndex + nCount, sizeof(T) * (size_t)nMoved);
+        std::memmove(static_cast<void*>(m_pData + nIndex), static_cast<const void*>(m_pData + nIndex + nCount),
+                     sizeof(T) * (size_t)nMoved);
         m_nSize -= nCount;
     }
     void RemoveAll() { SetSize(0); }
@@ -149,9 +153,10 @@ private:
 
     static T* Allocate(int nCount) { return static_cast<T*>(::operator new(sizeof(T) * (size_t)nCount)); }
 
-    // Callers always ask for at least one element.
     static void ConstructFresh(T* p, int nCount)
     {
+        if (nCount <= 0)
+            return;
         std::memset(static_cast<void*>(p), 0, sizeof(T) * (size_t)nCount);
         for (int i = 0; i < nCount; ++i)
             ::new (static_cast<void*>(p + i)) T;
@@ -159,7 +164,7 @@ private:
     static void Destroy(T* p, int nCount)
     {
         for (int i = 0; i < nCount; ++i)
-            p[i].~T();
+            p[i].T::~T();
     }
 
     bool Holds(const T* p) const
@@ -201,7 +206,7 @@ private:
         int nNewMax = llByStep > nNewSize ? (int)(llByStep > INT32_MAX ? INT32_MAX : llByStep) : nNewSize;
         T* pNew = Allocate(nNewMax);
         if (m_nSize > 0)
-            std::memcpy(static_cast<void*>(pNew), m_pData, sizeof(T) * (size_t)m_nSize);
+            std::memcpy(static_cast<void*>(pNew), static_cast<const void*>(m_pData), sizeof(T) * (size_t)m_nSize);
         ConstructFresh(pNew + m_nSize, nNewSize - m_nSize);
         ::operator delete(m_pData);
         m_pData = pNew;

@@ -253,8 +253,8 @@ private:
 
     void FreeNode(Node* pNode)
     {
-        pNode->key.~K();
-        pNode->value.~V();
+        pNode->key.K::~K();
+        pNode->value.V::~V();
         pNode->pNext = m_pFreeList;
         m_pFreeList = pNode;
         if (--m_nCount == 0)
@@ -276,8 +276,8 @@ private:
         {
             for (Node* pNode = m_pHashTable[nBucket]; pNode; pNode = pNode->pNext)
             {
-                pNode->key.~K();
-                pNode->value.~V();
+                pNode->key.K::~K();
+                pNode->value.V::~V();
             }
         }
     }

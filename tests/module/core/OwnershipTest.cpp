@@ -81,7 +81,7 @@ Bytes AddFilesRequest(std::initializer_list<const char*> names = {"a.txt", "b.tx
 
 Bytes DownloadAnswer(const QB_StringW& sPath, const QB_StringW& sName)
 {
-    ZV_DownloadResponse answer{{{kFileID, 0, kFileID}, kAlice}};
+    ZV_DownloadResponse answer{{{kFileID, 0, kFileID}, kAlice}, {}};
     answer.record.SetFileID(kFileID);
     answer.record.SetFilePath(QB_StringU8(sPath));
     answer.record.SetFileName(QB_StringU8(sName));

@@ -120,7 +120,7 @@ TEST(PduCodec, AddPayloadsAreTheirExactBytes)
     added.arrFileID.Add(0x0107), added.arrPos.Add(0x8000), added.arrInfo.Add(ZV_FileBriefInfo());
     Walk({
         Case("8001 with no FileID yet", ask, std::string("ff ff ") + kUserHex + "0d 0c 0b 0a 06 00 00 00 01 00 01"),
-        Case("8002", ZV_AddResponse{Answer<ZV_AnswerHead>(zvResultOk), 0x8000}, AnswerHex("00 00 00 00 ") + "00 80 00 00 06 00 00 00 01 00 00"),
+        Case("8002", ZV_AddResponse{Answer<ZV_AnswerHead>(zvResultOk), 0x8000, {}}, AnswerHex("00 00 00 00 ") + "00 80 00 00 06 00 00 00 01 00 00"),
         Case("8055", files, std::string(kUserHex) + "0d 0c 0b 0a 00 01 07 01 01 06 00 00 00 01 00 00"),
         Case("8056", added, std::string("00 00 00 00 ") + kUserHex + "01 01 07 01 01 00 80 00 00 01 06 00 00 00 01 00 01"),
     });
