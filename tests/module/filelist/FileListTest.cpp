@@ -167,8 +167,14 @@ TEST_F(FileList, TakesAPeersNewFilesOnceFetchesWhatItLacksAndSavesThemInOneWrite
                                      PeerFile(1001, "whole.bin", 5000, 5000, 3), PeerFile(1002, "half.bin", 8000, 3000, 1)},
                                     {true, true, true, false});
     const int nWrites = env.GetCount(QB_EnvOp::Write);
+    node.host.m_bHasServerLinks = true;
     Take(part);
     EXPECT_EQ(nWrites + 1, env.GetCount(QB_EnvOp::Write)) << "one catalogue write";
+    // The new files go on to the other servers, not back to the one that listed them.
+    const std::vector<ZV_SentPdu> vecOn = node.host.SentOf(PDU_CONF_GET_FILE_LIST_RESPONSE);
+    ASSERT_EQ(1u, vecOn.size());
+    EXPECT_TRUE(vecOn[0].sRoute == "servers" && vecOn[0].ulConn == 5);
+    EXPECT_EQ(2, ZV_SentAs<ZV_FileListResponse>(node.host, PDU_CONF_GET_FILE_LIST_RESPONSE, 2).at(0).arrInfo.GetSize());
     ASSERT_TRUE(Session(1000) == nullptr && Session(1001) != nullptr && Session(1002) != nullptr);
     EXPECT_TRUE(Session(1001)->IsUploadDone() && !Session(1002)->IsUploadDone());
     EXPECT_EQ(2u, node.host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size());
@@ -180,7 +186,6 @@ TEST_F(FileList, TakesAPeersNewFilesOnceFetchesWhatItLacksAndSavesThemInOneWrite
     EXPECT_EQ(nWrites + 1, env.GetCount(QB_EnvOp::Write));
     // After a lost server link the creator's server tells, once, where each upload stands.
     node.host.AddUser(QB_UserID(20001, 0), kSelf.m_ulMain, "Ann");
-    node.host.m_bHasServerLinks = true;
     node.mgr.OnDisconnect(&kPeer, 5, zvConfServerTypeCommand, 0);
     Take(part);
     EXPECT_EQ(5000u, Session(1001)->MaxPos());
