@@ -149,10 +149,11 @@ TEST_F(Upload, FsUploadRefusesUnknownAndReservedFilesAndSendsTheStartMarkerEvenW
     EXPECT_TRUE(host.m_vecSent[0].usPdu == PDU_CONF_FS_UPLOAD_REQUEST && host.m_vecSent[0].ulConn == 11);
     EXPECT_EQ(Pdu().U16(5).User(kAlice).U32(0).U8(1).b, host.m_vecSent[0].data) << "the start marker";
 
-    // A share she took back is not sent again on her word either.
-    ZV_FileShareMgrPeer::Ledger(mgr).Forget(host.m_ulConfID, Peer::BriefInfo(*lpSession));
+    // A share she took back lets go of her file and is not sent again on her word either.
+    EXPECT_EQ(0u, mgr.FsDelUpload(5));
+    EXPECT_EQ(0u, QB_OpenHandlesTo(tmp.Sub("song.ogg")));
     EXPECT_EQ(90u, FsUpload(5));
-    EXPECT_EQ(1u, host.m_vecSent.size());
+    EXPECT_EQ(2u, host.m_vecSent.size()) << "the delete, nothing more";
 }
 
 TEST_F(Upload, ClientThatCannotReadItsFileFailsAndSaysSoUnlessTheServerHoldsItAll)
