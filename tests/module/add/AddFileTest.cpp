@@ -174,7 +174,8 @@ TEST(AddFile, TheCreatorIsNamedAsTheHostNamesTheLinksUser)
 
 namespace {
 
-// The name of the one file a request carries, or "" without a request.
+// The name of the one file a request carries (a batch of one is its last
+// piece), or "" without a request.
 QB_StringW SharedName(const ZV_RecordingHost& host)
 {
     for (const ZV_SentPdu& sent : host.m_vecSent)
@@ -184,7 +185,7 @@ QB_StringW SharedName(const ZV_RecordingHost& host)
         if (sent.usPdu == PDU_CONF_FS_ADD_FILES_REQUEST)
         {
             const auto ask = ZV_Parse<ZV_AddFilesRequest>(sent.data);
-            return ask.arrInfo.GetSize() == 1 ? QB_StringW(ask.arrInfo[0].m_sFileOldName) : QB_StringW(u"?");
+            return ask.arrInfo.GetSize() == 1 && ask.bLast == 1 ? QB_StringW(ask.arrInfo[0].m_sFileOldName) : QB_StringW(u"?");
         }
     }
     return QB_StringW();
