@@ -124,6 +124,7 @@ TEST(AddFile, StoresANameCutAtAWholeCharacterAndNoneThatWindowsWouldTakeOtherwis
         {std::u16string(300, u'a') + sExt, std::u16string(228, u'a') + sExt},
         {std::u16string(300, u'a') + u".ffffffffffffffff", std::u16string(244, u'a')},
         {sPairs, sPairs.substr(0, 80)},
+        {std::u16string(100, u'\u0800'), std::u16string(81, u'\u0800')},  // the first unit of three bytes
         {u"CON", u"_CON"},           {u"nul.txt", u"_nul.txt"},     {u"Com1.tar.gz", u"_Com1.tar.gz"},
         {u"lpt9", u"_lpt9"},         {u"AUX .doc", u"_AUX .doc"},   {u"prn", u"_prn"},
         {u"COM\u00b9", u"_COM\u00b9"},
