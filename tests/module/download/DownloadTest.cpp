@@ -422,8 +422,8 @@ TEST_F(Download, ALinkedServersRecordOfAnotherFileUnderTheFileIDMovesNothing)
         Peer::Downloads(session)[peer] = resting;
         host.m_vecSent.clear();
         record.SetUserID(peer);
-        Deliver(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST, Pdu().U16(5).User(peer).Record(record).b, zvConfServerTypeCommand,
-                20, peer);
+        EXPECT_EQ(0u, Deliver(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST, Pdu().U16(5).User(peer).Record(record).b,
+                              zvConfServerTypeCommand, 20, peer)) << "taken, moved or not";
         const ZV_FileDownloadInfo* pEntry = session.FindDownloadEntry(peer);
         ASSERT_NE(nullptr, pEntry) << c.szName;
         EXPECT_EQ(c.bMoves, pEntry->m_bActive) << c.szName;
