@@ -202,7 +202,7 @@ TEST_F(FileList, AnnouncesNewFilesToItsClientsAndThoseItCannotStoreInASeriesOfTh
     std::vector<std::vector<uint16_t>> vecSeries;
     for (const auto& answer : ZV_SentAs<ZV_AddFilesResponse>(node.host, PDU_CONF_FS_ADD_FILES_RESPONSE))
     {
-        EXPECT_EQ(0, answer.bStartUpload);
+        EXPECT_TRUE(answer.bStartUpload == 0 && answer.user == node.host.m_LocalUser);
         vecSeries.emplace_back(answer.arrFileID.GetData(), answer.arrFileID.GetData() + answer.arrFileID.GetSize());
     }
     EXPECT_EQ((std::vector<std::vector<uint16_t>>{{1002}, {1001}}), vecSeries);
