@@ -34,7 +34,9 @@ TEST_F(RightsScene, OnlyTheCreatorChangesRightsAndABatchIsTakenOrRefusedWhole)
     EXPECT_EQ(1u, sim.Journal().PdusTo(PDU_CONF_FS_SET_FILES_RIGHT_RESPONSE, Bob()->GetName()).size());
     EXPECT_TRUE(Events(lpCarol, zvFsEventFileHidden).empty());
 
-    // Alice's batch narrows both files to Bob: Carol, on the other server, loses both; Bob is told of both.
+    // Alice's batch narrows both files to Bob: Carol, on the other server, loses both, but keeps the one she
+    // downloaded whole; Bob is told of both.
+    ASSERT_TRUE(Download(lpCarol, usOne) == 0 && sim.Run()) << sim.GetError();
     nMark = sim.Journal().Size();
     EXPECT_EQ(0u, Fs(Alice())->FsSetFilesRight(aBoth, 2, 0, &bob, 1, nullptr, 0));
     for (uint16_t usFileID : aBoth)
@@ -47,6 +49,7 @@ TEST_F(RightsScene, OnlyTheCreatorChangesRightsAndABatchIsTakenOrRefusedWhole)
     ASSERT_TRUE(sim.Run()) << sim.GetError();
     EXPECT_EQ(1u, sim.Journal().PdusTo(PDU_CONF_FS_SET_FILES_RIGHT_REQUEST, shape.Server(1)->GetName()).size());
     EXPECT_EQ(2u, Events(lpCarol, zvFsEventFileHidden).size());
+    EXPECT_EQ(ZV_RandomBytes(1000, 23), QB_ReadWholeFile(Target(lpCarol, usOne)));
     EXPECT_EQ(2u, Events(Bob(), zvFsEventRightChanged).size());
 }
 
