@@ -84,7 +84,7 @@ public:
     void RemoveAll()
     {
         for (Node* pNode = m_pHead; pNode; pNode = pNode->pNext)
-            pNode->value.~T();
+            pNode->value.T::~T();
         m_pHead = m_pTail = nullptr;
         m_nCount = 0;
         m_pFreeList = nullptr;

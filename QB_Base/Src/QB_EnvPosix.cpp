@@ -45,7 +45,7 @@
 
 namespace {
 
-constexpr uint32_t kAccessRead = 0x1;
+[[maybe_unused]] constexpr uint32_t kAccessRead = 0x1;  // sharing checks compare the access bits whole
 constexpr uint32_t kAccessWrite = 0x2;
 constexpr uint32_t kAccessMask = 0x3;
 constexpr uint32_t kCreationMask = 0xF00;
