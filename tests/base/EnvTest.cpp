@@ -169,23 +169,33 @@ TEST(Env, RefusesWhatItCannotActOn)
     EXPECT_TRUE(QB_FileEx::Delete(tmp.SubW("f")) && !fs::exists(tmp.Sub("f")) && fs::is_directory(tmp.Sub("dir")));
 }
 
-TEST(FileEx, OpensByEachCreationModeOnAMissingAndAnExistingFile)
+// ulFirst: a handle held open on the file before, 0 for none; nLengthAfter
+// -1: no file. The file is opened under another spelling of its name.
+TEST(FileEx, OpensByEachCreationModeAndRefusesWhatAnOpenHandlesSharingForbids)
 {
-    // nLengthAfter -1: no file.
-    const struct { uint32_t ulMode; bool bExists, bOpens; int nLengthAfter; } aRows[] = {
-        {0x101, false, false, -1}, {0x101, true, true, 5}, {0x001, false, false, -1},  // must exist; 0x001 as 0x101
-        {0x100, true, false, 5}, {0x203, false, true, 0}, {0x203, true, true, 5},     // no access bits; open or create
-        {0x303, true, true, 0}, {0x403, true, false, 5}, {0x503, true, false, 5},     // replace; must not exist; none such
+    const struct { uint32_t ulFirst, ulMode; bool bExists, bOpens; int nLengthAfter; } aRows[] = {
+        {0, 0x101, false, false, -1}, {0, 0x101, true, true, 5}, {0, 0x001, false, false, -1},  // must exist; 0x001 as 0x101
+        {0, 0x100, true, false, 5}, {0, 0x203, false, true, 0}, {0, 0x203, true, true, 5},     // no access bits; open or create
+        {0, 0x303, true, true, 0}, {0, 0x403, true, false, 5}, {0, 0x503, true, false, 5},     // replace; must not exist; none such
+        {0x101, 0x103, true, true, 5},                                                         // no sharing bits: others read and write
+        {0x121, 0x101, true, true, 5}, {0x121, 0x103, true, false, 5},
+        {0x103, 0x121, true, false, 5},  // the second would deny the first's writing
+        {0x121, 0x303, true, false, 5},  // refused, so nothing is cut
     };
     for (const auto& row : aRows)
     {
+        SCOPED_TRACE(testing::Message() << std::hex << row.ulFirst << " " << row.ulMode << " " << row.bExists);
         QB_TempFolder tmp;
         if (row.bExists)
             QB_WriteWholeFile(tmp.Sub("f"), "hello");
-        QB_FileEx file;
-        EXPECT_EQ(file.Open(tmp.SubW("f"), row.ulMode), row.bOpens) << std::hex << row.ulMode << " " << row.bExists;
+        fs::create_directory(tmp.Sub("d"));
+        QB_FileEx first, file;
+        ASSERT_TRUE(row.ulFirst == 0 || first.Open(tmp.SubW("f"), row.ulFirst));
+        EXPECT_EQ(file.Open(tmp.SubW("d/../f"), row.ulMode), row.bOpens);
         EXPECT_EQ(file.Close(), row.bOpens);
-        EXPECT_EQ(LengthOnDisk(tmp.Sub("f")), row.nLengthAfter) << std::hex << row.ulMode << " " << row.bExists;
+        EXPECT_EQ(LengthOnDisk(tmp.Sub("f")), row.nLengthAfter);
+        first.Close();
+        EXPECT_TRUE(row.ulFirst == 0 || file.Open(tmp.SubW("f"), row.ulMode)) << "after the first closed";
     }
     QB_FileEx file;
     EXPECT_FALSE(file.Open(QB_StringW(), 0x203));
@@ -236,31 +246,6 @@ TEST(FileEx, NamesTheFileByTheTailOfItsFullPathOfAtMost260Characters)
         file.Open(W(row.sPath), 0x101);
         EXPECT_EQ(file.GetFullPath(), W(row.sFull)) << row.sPath.size();
         EXPECT_EQ(file.GetFileName(), W(row.sName)) << row.sPath.size();
-    }
-}
-
-TEST(FileEx, RefusesASecondOpenThatTheFirstOnesSharingForbids)
-{
-    const struct { uint32_t ulFirst, ulSecond; bool bAllowed; } aRows[] = {
-        {0x101, 0x103, true},   // no sharing bits: others read and write
-        {0x121, 0x101, true},   {0x121, 0x103, false},
-        {0x103, 0x121, false},  // the second would deny the first's writing
-        {0x121, 0x303, false},  // refused, so nothing is cut
-    };
-    for (const auto& row : aRows)
-    {
-        QB_TempFolder tmp;
-        QB_WriteWholeFile(tmp.Sub("f"), "hello");
-        fs::create_directory(tmp.Sub("d"));
-        QB_FileEx first, second;
-        ASSERT_TRUE(first.Open(tmp.SubW("f"), row.ulFirst));
-        // The same file under another spelling of its name.
-        EXPECT_EQ(second.Open(tmp.SubW("d/../f"), row.ulSecond), row.bAllowed) << std::hex << row.ulFirst << " " << row.ulSecond;
-        second.Close();
-        EXPECT_EQ(LengthOnDisk(tmp.Sub("f")), row.bAllowed && row.ulSecond == 0x303 ? 0 : 5);
-        first.Close();
-        EXPECT_TRUE(second.Open(tmp.SubW("f"), row.ulSecond)) << "after the first closed";
-        second.Close();
     }
 }
 
