@@ -449,9 +449,8 @@ TEST(IniJournal, LosesNoAcknowledgedChangeWhereverTheMachineStops)
                     QB_TempFolder tmp;
                     if (!vbStart.empty())
                         QB_WriteWholeFile(tmp.Sub("t.ini"), vbStart);
-                    QB_FaultEnv env;
-                    QB_ScopedEnv install(&env);
-                    env.TrackDurability();
+                    Disk disk;
+                    QB_FaultEnv& env = disk.env;
                     if (bByByte)
                         env.CrashAtByte(nAt, loss);
                     else
