@@ -191,11 +191,7 @@ void ResumeOrFetch(SweepScene& s, ZV_SimHost* lpClient)
 
 void Delete(SweepScene& s) { s.Act(s.Fs(s.Alice())->FsDelUpload(s.usTarget)); }
 
-void HideFromBob(SweepScene& s)
-{
-    const QB_UserID bob = s.Bob()->GetUserID();
-    s.Act(s.Fs(s.Alice())->FsSetRight(s.usKept, 0, nullptr, 0, &bob, 1));
-}
+void HideFromBob(SweepScene& s) { s.Act(s.Fs(s.Alice())->FsSetRight(s.usKept, 0, nullptr, 0, &s.Bob()->GetUserID(), 1)); }
 
 auto Nothing = [](SweepScene&) {};
 auto BobResumes = [](SweepScene& s) { ResumeOrFetch(s, s.Bob()); };

@@ -44,18 +44,6 @@ struct TrustScene : public ZV_Scene
     }
 };
 
-void WriteDownloadAnswer(ZV_PduBuffer& pdu, uint16_t usFileID, const QB_UserID& user, const std::string& sPath,
-                         uint32_t ulLength, uint32_t ulPos)
-{
-    const QB_StringW sWide = QB_ToWindowsPath(sPath);
-    const int nCut = sWide.ReverseFind(u'\\') + 1;
-    ZV_FileDownloadInfo record;
-    record.SetFileID(usFileID), record.SetFilePath(QB_StringU8(sWide.Left(nCut)));
-    record.SetFileName(QB_StringU8(sWide.Mid(nCut))), record.SetFileLenth(ulLength);
-    record.SetDownloadPos(ulPos), record.SetUserID(user);
-    ZV_DownloadResponse{{{usFileID, 0, usFileID}, user}, record}.Save(pdu.Stream());
-}
-
 } // namespace
 
 // In a batch of 8056, a forged file is refused by itself, told (90) and logged, and the rest is taken; an 8006 past
@@ -206,8 +194,14 @@ TEST_F(TrustScene, AClientWritesOnlyWhereItsUserAskedWhateverTheServerAnswers)
         const size_t nMark = sim.Journal().Size();
         const size_t nLogged = LogLines(Bob(), "ZV_FileShareMgr.HandleDownloadResponse ret = 90");
         const size_t nFinished = Events(Bob(), zvFsEventDownloadFinished).size();
+        const QB_StringW sWide = QB_ToWindowsPath(c.sPath);
+        const int nCut = sWide.ReverseFind(u'\\') + 1;
+        ZV_FileDownloadInfo record;
+        record.SetFileID(usFileID), record.SetFilePath(QB_StringU8(sWide.Left(nCut)));
+        record.SetFileName(QB_StringU8(sWide.Mid(nCut))), record.SetFileLenth(c.ulLength);
+        record.SetDownloadPos(c.ulPos), record.SetUserID(bob);
         ZV_PduBuffer pdu;
-        WriteDownloadAnswer(pdu, usFileID, bob, c.sPath, c.ulLength, c.ulPos);
+        ZV_DownloadResponse{{{usFileID, 0, usFileID}, bob}, record}.Save(pdu.Stream());
         // Bob's request goes first, so the forged answer overtakes the true one.
         EXPECT_TRUE(!c.bAsked || Download(Bob(), usFileID) == 0);
         SendFromServer(Bob(), PDU_CONF_FS_DOWNLOAD_RESPONSE, pdu);
