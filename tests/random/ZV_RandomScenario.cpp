@@ -29,12 +29,6 @@ constexpr uint32_t kSizes[] = {0, 1, 1000, 32767, 32768, 32769, 65543, 98304, 98
 
 template <typename T> std::string Num(T n) { return std::to_string(n); }
 
-std::u16string Wide(const std::string& sPath)
-{
-    QB_StringW sWide = QB_ToWindowsPath(sPath);
-    return std::u16string(sWide.GetString(), (size_t)sWide.GetLength());
-}
-
 ZV_FileShareMgr* Manager(ZV_SimHost* lpNode)
 {
     return static_cast<ZV_FileShareMgr*>(lpNode->GetModule());
@@ -331,7 +325,7 @@ void ZV_RandomScenario::StepShare()
     const std::vector<QB_UserID> vecRight = SomeUsers();
     const uint8_t bPublic = Chance(70) ? 1 : 0;
     const uint8_t bStart = Chance(70) ? 1 : 0;
-    const uint32_t ulResult = client.Fs()->FsAdd(Wide(client.sSources + "/" + sName).c_str(), vecRight.data(),
+    const uint32_t ulResult = client.Fs()->FsAdd(QB_ToWindowsPath(client.sSources + "/" + sName).GetString(), vecRight.data(),
                                                  (uint32_t)vecRight.size(), bPublic, bStart);
     Note(client.sName + " shares " + sName + (bPublic ? " public" : " to some") + (bStart ? ", starting" : "") +
          ": " + Num(ulResult));
@@ -341,13 +335,13 @@ void ZV_RandomScenario::StepShareBatch()
 {
     Client& client = AnyClient();
     std::vector<std::string> vecNames;
-    std::vector<std::u16string> vecWide;
+    std::vector<QB_StringW> vecWide;
     for (uint32_t i = 0, nCount = 2 + Random(3); i < nCount; ++i)
-        vecWide.push_back(Wide(vecNames.emplace_back(MakeSource(client))));
+        vecWide.push_back(QB_ToWindowsPath(vecNames.emplace_back(MakeSource(client))));
     std::vector<const char16_t*> vecPtr;
-    for (const std::u16string& s : vecWide)
-        vecPtr.push_back(s.c_str());
-    const uint32_t ulResult = client.Fs()->FsFilesAdd(Wide(client.sSources + "/").c_str(), vecPtr.data(),
+    for (const QB_StringW& s : vecWide)
+        vecPtr.push_back(s.GetString());
+    const uint32_t ulResult = client.Fs()->FsFilesAdd(QB_ToWindowsPath(client.sSources + "/").GetString(), vecPtr.data(),
                                                       (uint32_t)vecPtr.size(), nullptr, 0, 1, Chance(70) ? 1 : 0);
     Note(client.sName + " shares " + Num(vecNames.size()) + " files from " + vecNames.front() + ": " + Num(ulResult));
 }
@@ -361,7 +355,7 @@ void ZV_RandomScenario::StepDownload(Client& client, uint16_t usFileID)
 {
     const std::string sTarget = m_options.sRoot + "/dl/" + client.sName + "/d" + Num(++m_nNextTarget) + ".bin";
     client.setTargets.insert(sTarget);
-    const uint32_t ulResult = client.Fs()->FsDownload(usFileID, Wide(sTarget).c_str());
+    const uint32_t ulResult = client.Fs()->FsDownload(usFileID, QB_ToWindowsPath(sTarget).GetString());
     Note(client.sName + " downloads " + Num(usFileID) + " to " + fs::path(sTarget).filename().string() + ": " +
          Num(ulResult));
 }

@@ -2,14 +2,7 @@
 #include "ZV_FileShareMgrPeer.h"
 #include "ZV_SceneFixture.h"
 
-namespace {
-
-struct AddScene : public ZV_Scene
-{
-    uint32_t LastAddResult(ZV_SimHost* lpClient) { return ZV_ResultOf(Events(lpClient, zvFsEventFileAdded).back()); }
-};
-
-} // namespace
+using AddScene = ZV_Scene;
 
 TEST_F(AddScene, RefusesWithTheRightCodeAndCreatesNothing)
 {
@@ -20,12 +13,12 @@ TEST_F(AddScene, RefusesWithTheRightCodeAndCreatesNothing)
     sim.GetEnv().FailAt(QB_EnvOp::MakeFolder, 1, true);
     Share("a.txt", {1}, false);
     sim.GetEnv().ClearFaults();
-    EXPECT_EQ(zvResultCannotOpen, LastAddResult(Alice()));
+    EXPECT_EQ(zvResultCannotOpen, LastResult(Alice(), zvFsEventFileAdded));
     EXPECT_EQ(0, ZV_FileShareMgrPeer::Sessions(*Manager(shape.Server())).GetCount());
 
     EXPECT_EQ(1u, Share("a.txt", {1}, false)) << "the only FileID, freed by the refusal";
     Share("a.txt", {1}, false);
-    EXPECT_EQ(zvResultNoFileID, LastAddResult(Alice()));
+    EXPECT_EQ(zvResultNoFileID, LastResult(Alice(), zvFsEventFileAdded));
     EXPECT_EQ(1u, Events(Bob(), zvFsEventFileAdded).size()) << "a refusal goes to the requester alone";
     EXPECT_EQ(1u, StoreCount(shape.Server()));
 
@@ -33,7 +26,7 @@ TEST_F(AddScene, RefusesWithTheRightCodeAndCreatesNothing)
     alice.bCanShare = false;
     sim.GetUsers(ZV_SimBuilder::kConfID).Put(alice);
     Share("a.txt", {1}, false);
-    EXPECT_EQ(zvResultNotEntitled, LastAddResult(Alice()));
+    EXPECT_EQ(zvResultNotEntitled, LastResult(Alice(), zvFsEventFileAdded));
 
     sim.GetUsers(ZV_SimBuilder::kConfID).Remove(alice.id);
     EXPECT_EQ(zvResultNotInConf, Fs(Alice())->FsAdd(ZV_Wide(tmp.Sub("alice/a.txt")).c_str(), nullptr, 0, 1, 0));
@@ -74,7 +67,7 @@ TEST_F(UploadScene, AFailedCatalogueSaveRefusesTheAddOrIsMadeGoodOnTheTimer)
     sim.GetEnv().FailAt(QB_EnvOp::Sync, 1, true);
     Share("second.bin", data);
     sim.GetEnv().ClearFaults();
-    EXPECT_EQ(zvResultCannotAccess, ZV_ResultOf(Events(Alice(), zvFsEventFileAdded).back()));
+    EXPECT_EQ(zvResultCannotAccess, LastResult(Alice(), zvFsEventFileAdded));
     EXPECT_EQ(1, ZV_FileShareMgrPeer::Sessions(*Manager(shape.Server())).GetCount());
     EXPECT_EQ(1u, StoreCount(shape.Server()));
 

@@ -7,19 +7,6 @@ namespace {
 
 struct JoinScene : public ZV_Scene
 {
-    // The 8028 pieces a node received, as read from the wire.
-    std::vector<ZV_UploadListResponse> UploadLists(ZV_SimHost* lpTo, size_t nFrom = 0)
-    {
-        std::vector<ZV_UploadListResponse> vecParts;
-        for (const ZV_SimEntry& entry : Find({.usNumber = PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE,
-                                              .sPeer = lpTo->GetName(), .eFate = ZV_SimFate::Delivered, .nFrom = nFrom}))
-        {
-            QB_ByteStream stream(entry.vbData.data(), (int32_t)entry.vbData.size());
-            vecParts.emplace_back();
-            vecParts.back().Load(stream);
-        }
-        return vecParts;
-    }
     // Download positions that a client's 8012s stated for a file.
     std::vector<uint32_t> StatedPositions(ZV_SimHost* lpFrom, uint16_t usFileID, size_t nFrom)
     {
@@ -99,7 +86,14 @@ TEST_F(JoinScene, AnAskedForListGoesToTheAskerAboutItselfOnly)
         Bob()->SendPdu(Bob()->GetServerLink()->GetConn(zvConfClientTypeCommand), row.usAsk, pdu.Payload(),
                        pdu.PayloadLength(), 1, 1);
         ASSERT_TRUE(sim.Run()) << sim.GetError();
-        const auto vecParts = UploadLists(Bob(), nMark);
+        // The 8028 pieces Bob received, as read from the wire.
+        std::vector<ZV_UploadListResponse> vecParts;
+        for (const ZV_SimEntry& entry : Find({.usNumber = PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE,
+                                              .sPeer = Bob()->GetName(), .eFate = ZV_SimFate::Delivered, .nFrom = nMark}))
+        {
+            QB_ByteStream stream(entry.vbData.data(), (int32_t)entry.vbData.size());
+            vecParts.emplace_back().Load(stream);
+        }
         ASSERT_EQ(row.nUploadLists, vecParts.size()) << row.pszName;
         EXPECT_TRUE(sim.Journal().PdusTo(PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE, Bob()->GetName()).empty());
         if (vecParts.empty())
