@@ -13,11 +13,6 @@ namespace {
 const QB_UserID kAlice(10001, 0);  // the user of the client link (conn 5)
 const QB_UserID kBob(10002, 0);
 
-std::vector<uint8_t> AddRequest(uint16_t usFileID, const QB_UserID& creator, const std::string& sName, uint32_t ulLength)
-{
-    return ZV_AddAsk(usFileID, creator, ZV_Brief(creator, sName.c_str(), ulLength));
-}
-
 size_t StoredFiles(const std::string& sFolder)
 {
     if (!fs::exists(sFolder))
@@ -76,8 +71,8 @@ TEST(UserLimits, AnAddOverALimitIsRefusedWith91AndStoresNothing)
         ASSERT_EQ(0u, node.mgr.Initialize());
         for (int i = 0; i < row.nPrior; ++i)
             ASSERT_EQ(0u, node.Deliver(PDU_CONF_FS_ADD_REQUEST, zvConfServerTypeCommand,
-                                       AddRequest((uint16_t)(500 + i), row.priorCreator, "p" + std::to_string(i),
-                                                  row.ulPriorLength)));
+                                       ZV_AddAsk((uint16_t)(500 + i), row.priorCreator,
+                                                 ZV_Brief(row.priorCreator, ("p" + std::to_string(i)).c_str(), row.ulPriorLength))));
         const size_t nSessions = (size_t)ZV_FileShareMgrPeer::Sessions(node.mgr).GetCount();
         const size_t nStored = StoredFiles(node.tmp.Sub("store/7"));
         const size_t nRows = CatalogueRows(node.mgr);
@@ -94,7 +89,7 @@ TEST(UserLimits, AnAddOverALimitIsRefusedWith91AndStoresNothing)
         }
         else
             node.Deliver(PDU_CONF_FS_ADD_REQUEST, zvConfClientTypeCommand,
-                         AddRequest(ZV_NO_FILEID, kAlice, "new", row.vecLength[0]));
+                         ZV_AddAsk(ZV_NO_FILEID, kAlice, ZV_Brief(kAlice, "new", row.vecLength[0])));
 
         const auto vecAnswer = node.host.SentOf(usAnswer);
         ASSERT_EQ(1u, vecAnswer.size());

@@ -11,19 +11,6 @@
 
 namespace {
 
-Bytes Cat(std::initializer_list<Bytes> parts)
-{
-    Bytes out;
-    for (const Bytes& part : parts)
-        out.insert(out.end(), part.begin(), part.end());
-    return out;
-}
-
-Bytes F64(double d)
-{
-    return ZV_Pdu().F64(d).b;
-}
-
 // An empty brief as a delimited record: length 6, then the 2-byte mask word.
 const Bytes kEmptyBrief = {6, 0, 0, 0, 0x01, 0x00};
 
@@ -53,29 +40,29 @@ TEST(Events, AreWrittenByteForByteAsTheUserSideReadsThem)
 
     const EventCase aCases[] = {
         {"file added", [&](auto& m, auto&) { ZV_FileShareMgrPeer::NotifyFileAdded(m, 0, 9, brief, 50.0); }, 3000,
-         Cat({{0xB8, 0x0B, 0, 0, 0, 0, 9, 0}, kEmptyBrief, F64(50.0)})},
+         Pdu().Data({0xB8, 0x0B, 0, 0, 0, 0, 9, 0}).Data(kEmptyBrief).F64(50.0).b},
         {"transfer error", [&](auto&, auto& s) { ZV_FileShareSessionPeer::NotifyTransferError(s, 61, 9); }, 3001,
          {0xB9, 0x0B, 61, 0, 0, 0, 9, 0}},
         {"download state", [&](auto&, auto& s) { s.NotifyDownloadState(0, 9, download, 100.0); }, 3002,
-         Cat({{0xBA, 0x0B, 0, 0, 0, 0, 9, 0}, kDownload, F64(100.0)})},
+         Pdu().Data({0xBA, 0x0B, 0, 0, 0, 0, 9, 0}).Data(kDownload).F64(100.0).b},
         {"right changed", [&](auto& m, auto&) { ZV_FileShareMgrPeer::NotifyRightChanged(m, 40, 9, brief, 0.0); }, 3003,
-         Cat({{0xBB, 0x0B, 40, 0, 0, 0, 9, 0}, kEmptyBrief, F64(0.0)})},
+         Pdu().Data({0xBB, 0x0B, 40, 0, 0, 0, 9, 0}).Data(kEmptyBrief).F64(0.0).b},
         {"file hidden", [&](auto& m, auto&) { ZV_FileShareMgrPeer::NotifyFileHidden(m, 0, 0x1234); }, 3004,
          {0xBC, 0x0B, 0, 0, 0, 0, 0x34, 0x12}},
         {"file gone", [&](auto& m, auto&) { ZV_FileShareMgrPeer::NotifyFileGone(m, 0, 9); }, 3005, {0xBD, 0x0B, 0, 0, 0, 0, 9, 0, 1}},
         {"download finished", [&](auto&, auto& s) { ZV_FileShareSessionPeer::NotifyDownloadFinished(s, 0, 9); }, 3007,
          {0xBF, 0x0B, 0, 0, 0, 0, 9, 0, 1}},
         {"upload progress", [&](auto&, auto& s) { s.NotifyUploadProgress(9, 12.5); }, 3008,
-         Cat({{0xC0, 0x0B, 0, 0, 0, 0, 9, 0}, F64(12.5)})},
+         Pdu().Data({0xC0, 0x0B, 0, 0, 0, 0, 9, 0}).F64(12.5).b},
         {"download progress", [&](auto&, auto& s) { ZV_FileShareSessionPeer::NotifyDownloadProgress(s, 0, 9, 25.0, 0x01020304); }, 3009,
-         Cat({{0xC1, 0x0B, 0, 0, 0, 0, 9, 0}, F64(25.0), {4, 3, 2, 1}})},
+         Pdu().Data({0xC1, 0x0B, 0, 0, 0, 0, 9, 0}).F64(25.0).Data({4, 3, 2, 1}).b},
         {"stop result", [&](auto&, auto& s) { ZV_FileShareSessionPeer::NotifyStopResult(s, 16, 9, 1); }, 3010,
          {0xC2, 0x0B, 16, 0, 0, 0, 9, 0, 1}},
         {"transfer state", [&](auto&, auto& s) { ZV_FileShareSessionPeer::NotifyTransferState(s, 1, 9, 2); }, 3011,
          {0xC3, 0x0B, 0, 0, 0, 0, 1, 9, 0, 2, 0}},
         {"busy", [&](auto& m, auto&) { ZV_FileShareMgrPeer::NotifyBusy(m, 1); }, 3012, {0xC4, 0x0B, 0, 0, 0, 0, 1}},
         {"files added", [&](auto& m, auto&) { ZV_FileShareMgrPeer::NotifyFilesAdded(m, arrID, arrInfo, arrValue); }, 3013,
-         Cat({{0xC5, 0x0B, 0, 0, 0, 0}, {2, 5, 0, 6, 0}, {1}, kEmptyBrief, {0}})},
+         Pdu().Data({0xC5, 0x0B, 0, 0, 0, 0}).Data({2, 5, 0, 6, 0}).U8(1).Data(kEmptyBrief).U8(0).b},
     };
     for (const EventCase& c : aCases)
     {
@@ -222,7 +209,7 @@ TEST(Events, EachShareOfAFileFollowsItsRoadsFormulaForAThirdAndForAnEmptyFile)
                               lpEvent->data.end() - (ptrdiff_t)row.nFromEnd);
             double dShare = 0;
             std::memcpy(&dShare, share.data(), 8);
-            EXPECT_TRUE(std::isnan(dExpected) ? std::isnan(dShare) : F64(dExpected) == share)
+            EXPECT_TRUE(std::isnan(dExpected) ? std::isnan(dShare) : Pdu().F64(dExpected).b == share)
                 << dShare << " where " << dExpected << " was due";
         }
 }

@@ -1,5 +1,5 @@
 // The manager on its own, against a host that records what it sends:
-// routing, FileIDs, calls without a host, and the exports that make it.
+// FileIDs, calls without a host, and the exports that make it.
 #include "core/ZV_FileShareMgr.h"
 #include "core/ZV_ManagerRegistry.h"
 #include "ZV_FileShareMgrPeer.h"
@@ -11,49 +11,6 @@
 
 #include <cstring>
 #include <string>
-
-namespace {
-
-// A session that records which PDUs reached it.
-class ZV_ProbeSession : public ZV_FileShareSession
-{
-public:
-    using ZV_FileShareSession::ZV_FileShareSession;
-    std::vector<uint16_t> m_vecSeen;
-    uint32_t HandleDownloadRequest(ConfPduData* lpCpd) override
-    {
-        m_vecSeen.push_back(lpCpd->usPdu);
-        return 0;
-    }
-};
-
-} // namespace
-
-TEST(ManagerRouting, HandsAPduToTheSessionItsFirstWordNamesAndAnswersFiveForNumbersWithoutASlot)
-{
-    ZV_RecordingHost host;
-    ZV_FileShareMgr mgr;
-    host.Attach(&mgr);
-    auto* lpProbe = new ZV_ProbeSession(&mgr, "");
-    ZV_FileShareMgrPeer::Sessions(mgr).SetAt(0x0102, lpProbe);
-    const struct { const char* szName; uint16_t usPdu; std::vector<uint8_t> data; uint32_t ulResult; } aCases[] = {
-        {"to the session", PDU_CONF_FS_DOWNLOAD_REQUEST, {0x02, 0x01, 0xAA}, 0},
-        {"unknown FileID", PDU_CONF_FS_DOWNLOAD_REQUEST, {8, 0, 1, 2}, 0},
-        {"no FileID", PDU_CONF_FS_DOWNLOAD_REQUEST, {}, 5},
-        {"half a FileID", PDU_CONF_FS_DOWNLOAD_REQUEST, {7}, 5},
-        {"rights of several files", PDU_CONF_FS_SET_FILES_RIGHT_RESPONSE, {0x02, 0x01, 1, 2, 3}, 5},
-        {"reserved", 8053, {0x02, 0x01}, 0},
-        {"reserved", 8054, {0x02, 0x01}, 0},
-        {"no slot in the range", 8019, {0x02, 0x01}, 5},
-        {"below the range", 100, {0x02, 0x01}, 5},
-        {"above the range", 9000, {0x02, 0x01}, 5},
-    };
-    for (const auto& c : aCases)
-        EXPECT_EQ(c.ulResult, ZV_Deliver(mgr, c.usPdu, zvConfClientTypeCommand, c.data)) << c.szName << " " << c.usPdu;
-    EXPECT_EQ(std::vector<uint16_t>{PDU_CONF_FS_DOWNLOAD_REQUEST}, lpProbe->m_vecSeen);
-    EXPECT_TRUE(host.m_vecSent.empty());
-    EXPECT_TRUE(host.m_vecEvents.empty());
-}
 
 TEST(FileIDAllocation, GivesFreeIDsOfTheRangeFromTheNextOneOnWrappingOnceThenNoneOnceTheMapHoldsAsManyAsTheRange)
 {
@@ -80,9 +37,6 @@ TEST(FileIDAllocation, GivesFreeIDsOfTheRangeFromTheNextOneOnWrappingOnceThenNon
         for (size_t i = 0; i < c.vecExpected.size(); ++i)
             vecGiven.push_back(ZV_FileShareMgrPeer::AllocFileID(mgr));
         EXPECT_EQ(c.vecExpected, vecGiven) << c.szName;
-        ZV_FileShareSession* lpReserved = reinterpret_cast<ZV_FileShareSession*>(1);
-        ASSERT_TRUE(ZV_FileShareMgrPeer::Sessions(mgr).Lookup(c.vecExpected[0], lpReserved));
-        EXPECT_EQ(nullptr, lpReserved) << "a fresh FileID is reserved without a session";
     }
 }
 

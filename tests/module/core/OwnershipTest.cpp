@@ -196,7 +196,9 @@ TEST(Ownership, AThrowAtAnyHostCallOfAnAddOrADownloadAnswerLeavesNothingOfItBehi
 
 // A host may hand the manager a PDU while it still sends: a delete or a
 // change of rights meeting a FileID a batch still holds reserved answers 83
-// and takes nothing, and the batch then makes both files.
+// and takes nothing, and the batch then makes both files. The range of two
+// runs out from the batch's first file: a.txt alone is refused, with 40 to
+// the asker, naming no FileID.
 TEST(Ownership, ARequestMeetingAFileIDABatchStillHoldsReservedIsAnswered83)
 {
     Node node(true);
@@ -226,4 +228,10 @@ TEST(Ownership, ARequestMeetingAFileIDABatchStillHoldsReservedIsAnswered83)
     EXPECT_TRUE(node.Session(1) != nullptr && node.Session(2) != nullptr);
     EXPECT_TRUE(node.HasRow(1) && node.HasRow(2));
     EXPECT_EQ(2u, node.StoredFiles());
+    const auto vecAdded = node.host.SentOf(PDU_CONF_FS_ADD_FILES_RESPONSE);
+    ASSERT_EQ(2u, vecAdded.size());
+    const auto refused = ZV_Parse<ZV_AddFilesResponse>(vecAdded[0].data);
+    EXPECT_TRUE(vecAdded[0].sRoute == "link" && refused.ulResult == zvResultNotEntitled && refused.arrFileID.IsEmpty());
+    EXPECT_EQ(zvResultOk, ZV_Parse<ZV_AddFilesResponse>(vecAdded[1].data).ulResult);
+    EXPECT_TRUE(fs::exists(node.tmp.Sub("store/7/b.txt")) && fs::exists(node.tmp.Sub("store/7/c.txt")));
 }

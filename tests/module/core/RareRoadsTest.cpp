@@ -96,6 +96,8 @@ TEST(RareRoads, ThrowsUnderHostCallsAreLoggedAndTheWalkGoesOn)
 
 // Calls whose every answer is a code of their own, each in the rare case
 // that gives it; the row's number is what the call answers or left behind.
+// A PDU goes by its number to the manager, else to the session its first
+// word names: a number without a handler answers 5.
 TEST(RareRoads, RareCasesGiveTheirOwnCodes)
 {
     Node node(false);
@@ -106,6 +108,9 @@ TEST(RareRoads, RareCasesGiveTheirOwnCodes)
     ZV_NoFolderEnv env;
     QB_ScopedEnv scoped(&env);
     const char16_t* apszNames[] = {u"own.bin"};
+    auto Route = [&](uint16_t usPdu, const std::vector<uint8_t>& data) {
+        return ZV_Deliver(node.mgr, usPdu, zvConfClientTypeCommand, data);
+    };
     const struct { const char* szName; uint32_t ulExpected; std::function<uint32_t()> fnRun; } aRows[] = {
         {"file information into no record", zvResultException,
          [&] { return node.mgr.FsGetFileInfoByFileID(3, nullptr); }},
@@ -116,6 +121,15 @@ TEST(RareRoads, RareCasesGiveTheirOwnCodes)
                              data.data()};
              return session.HandlePdu(&cpd);
          }},
+        {"a PDU to a FileID known nowhere", 0, [&] { return Route(PDU_CONF_FS_DOWNLOAD_REQUEST, {8, 0, 1, 2}); }},
+        {"a PDU without its FileID", zvResultNoHandler, [&] { return Route(PDU_CONF_FS_DOWNLOAD_REQUEST, {}); }},
+        {"a PDU with half a FileID", zvResultNoHandler, [&] { return Route(PDU_CONF_FS_DOWNLOAD_REQUEST, {3}); }},
+        {"the rights of several files", zvResultNoHandler,
+         [&] { return Route(PDU_CONF_FS_SET_FILES_RIGHT_RESPONSE, {3, 0, 1, 2, 3}); }},
+        {"a reserved number", 0, [&] { return Route(8053, {3, 0}) + Route(8054, {3, 0}); }},
+        {"a number of the range without a slot", zvResultNoHandler, [&] { return Route(8019, {3, 0}); }},
+        {"a number below the range", zvResultNoHandler, [&] { return Route(100, {3, 0}); }},
+        {"a number above the range", zvResultNoHandler, [&] { return Route(9000, {3, 0}); }},
         {"the reserved slots do nothing",
          0,
          [&] {

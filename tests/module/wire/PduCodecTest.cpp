@@ -1,5 +1,5 @@
 // Every payload the module writes or reads, as exact bytes, one table per
-// header: each row saves, loads back and fails on every cut.
+// road: each row saves, loads back and fails on every cut.
 #include "add/ZV_AddPdu.h"
 #include "control/ZV_ControlPdu.h"
 #include "delete/ZV_DeletePdu.h"
@@ -132,39 +132,23 @@ TEST(PduCodec, AddPayloadsAreTheirExactBytes)
     EXPECT_EQ(ZV_FromHex(std::string("07 01 ") + kUserHex + "0d 0c 0b 0a 06 00 00 00 01 00 01"), vbPayload);
 }
 
-TEST(PduCodec, UploadPayloadsAreTheirExactBytesAndABlockIsAtMostOneBlockLong)
-{
-    const ZV_UploadRequest block{kAsk, 0, sizeof kData, 0x8000, kData};
-    Walk({
-        Case("8005 start marker", ZV_UploadRequest{kAsk, 1}, kRequestHex + "01"),
-        Case("8005 block", block, kRequestHex + "00 03 00 00 00 00 80 00 00 aa bb cc"),
-        Case("8006", ZV_UploadResponse{kAnswer, 0x0a0b0c0d, 0x8000}, AnswerHex() + "0d 0c 0b 0a 00 80 00 00"),
-        Case("8007", ZV_UploadFinish{kAsk}, kRequestHex),
-    });
-    EXPECT_TRUE(LoadsBlockOf(block, ZV_BLOCK_SIZE));
-    EXPECT_FALSE(LoadsBlockOf(block, ZV_BLOCK_SIZE + 1));
-}
-
-TEST(PduCodec, DownloadPayloadsAreTheirExactBytesAndABlockIsAtMostOneBlockLong)
+TEST(PduCodec, TransferAndControlPayloadsAreTheirExactBytesAndABlockIsAtMostOneBlockLong)
 {
     const ZV_AnswerHead ok = Answer<ZV_AnswerHead>(zvResultOk);
-    const ZV_DownloadBlock block{ok, 0x8000, sizeof kData, kData, 0x10000};
-    Walk({
-        Case("8014", ZV_DownloadAsk{kAsk, "D:\\x", 0x8000, 1}, kRequestHex + "04 44 3a 5c 78 00 80 00 00 01 00"),
-        Case("8015", ZV_DownloadResponse{ok, RecordOf7()}, AnswerHex("00 00 00 00 ") + kRecordHex),
-        Case("8012", ZV_DownloadDataRequest{0x0107, kUser, RecordOf7()}, std::string("07 01 ") + kUserHex + kRecordHex),
-        Case("8013", block, AnswerHex("00 00 00 00 ") + "00 80 00 00 03 00 00 00 aa bb cc 00 00 01 00"),
-    });
-    EXPECT_TRUE(LoadsBlockOf(block, ZV_BLOCK_SIZE));
-    EXPECT_FALSE(LoadsBlockOf(block, ZV_BLOCK_SIZE + 1));
-}
-
-TEST(PduCodec, ControlPayloadsAreTheirExactBytes)
-{
+    const ZV_UploadRequest upload{kAsk, 0, sizeof kData, 0x8000, kData};
+    const ZV_DownloadBlock download{ok, 0x8000, sizeof kData, kData, 0x10000};
     const ZV_ProgressRequest progress{{0x0107, kUser, 0x8000}, 1};
     ZV_FileStateNotice notice;
     notice.arrFileID.Add(0x0107), notice.arrFileID.Add(0x0108), notice.usState = zvFileStateComplete, notice.bUpload = 1;
     Walk({
+        Case("8005 start marker", ZV_UploadRequest{kAsk, 1}, kRequestHex + "01"),
+        Case("8005 block", upload, kRequestHex + "00 03 00 00 00 00 80 00 00 aa bb cc"),
+        Case("8006", ZV_UploadResponse{kAnswer, 0x0a0b0c0d, 0x8000}, AnswerHex() + "0d 0c 0b 0a 00 80 00 00"),
+        Case("8007", ZV_UploadFinish{kAsk}, kRequestHex),
+        Case("8014", ZV_DownloadAsk{kAsk, "D:\\x", 0x8000, 1}, kRequestHex + "04 44 3a 5c 78 00 80 00 00 01 00"),
+        Case("8015", ZV_DownloadResponse{ok, RecordOf7()}, AnswerHex("00 00 00 00 ") + kRecordHex),
+        Case("8012", ZV_DownloadDataRequest{0x0107, kUser, RecordOf7()}, std::string("07 01 ") + kUserHex + kRecordHex),
+        Case("8013", download, AnswerHex("00 00 00 00 ") + "00 80 00 00 03 00 00 00 aa bb cc 00 00 01 00"),
         Case("8016", ZV_StopDownloadAsk{kAsk, 1}, kRequestHex + "01"),
         Case("8017", ZV_StopUploadAsk{{kAsk, 1}, 0x8000}, kRequestHex + "01 00 80 00 00"),
         Case("8018", ZV_StopUploadResponse{kAnswer, 1, 0x8000}, AnswerHex() + "01 00 80 00 00"),
@@ -174,6 +158,10 @@ TEST(PduCodec, ControlPayloadsAreTheirExactBytes)
         Case("8036", ZV_UploadErrorResponse{{0x0107, 0, 0x0107}}, "07 01 00 00 00 00 07 01"),
         Case("8052", notice, "02 07 01 08 01 03 00 01"),
     });
+    EXPECT_TRUE(LoadsBlockOf(upload, ZV_BLOCK_SIZE));
+    EXPECT_FALSE(LoadsBlockOf(upload, ZV_BLOCK_SIZE + 1));
+    EXPECT_TRUE(LoadsBlockOf(download, ZV_BLOCK_SIZE));
+    EXPECT_FALSE(LoadsBlockOf(download, ZV_BLOCK_SIZE + 1));
 }
 
 TEST(PduCodec, DeleteEntryAndRightsPayloadsAreTheirExactBytes)
