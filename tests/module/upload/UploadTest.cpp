@@ -284,15 +284,6 @@ TEST_F(Upload, AClientTakesAnUploadAnswerAboutItsOwnFileAndSendsOnlyFromItsShare
     }
 }
 
-TEST_F(Upload, StateNoticeRaisesOneTransferStateEventPerFileAndIgnoresATruncatedOne)
-{
-    Make(false, 10);
-    EXPECT_EQ(0u, Deliver(PDU_CONF_FS_FILE_STATE_NOTICE, Pdu().U8(2).U16(5).U16(300).U16(4).U8(1).b));
-    EXPECT_EQ(5u, Deliver(PDU_CONF_FS_FILE_STATE_NOTICE, Pdu().U8(2).U16(5).U16(300).U16(4).b));
-    // FileID 300 names no file this client holds: no word of it.
-    EXPECT_EQ(Pdu().U16(zvFsEventTransferState).U32(0).U8(1).U16(5).U16(4).b, ZV_Joined(host.m_vecEvents));
-}
-
 // The server's list wins, except where the creator's own client is ahead of
 // it on whether its upload runs.
 TEST_F(Upload, TheCreatorsClientKeepsItsOwnRunOrStopAgainstTheServersListAndTellsTheServerOfAStop)
