@@ -131,6 +131,10 @@ TEST_F(Upload, FsUploadStartsThePumpWhichSendsThreeBlocksPerCallUntilTheSharedLe
         EXPECT_EQ(zvFileStateComplete, Peer::BriefInfo(*lpSession).m_usFileState) << c.nSize;
         EXPECT_TRUE(OnSend().empty()) << c.nSize << ": nothing after the last block";
         EXPECT_TRUE(host.m_vecEvents.size() == 1 && ClientLog().empty()) << c.nSize;
+        // Her upload ends when the server says in 8022 that it holds it all.
+        mgr.SetSessionBusy(1, 5);
+        Deliver(PDU_CONF_FS_PROGRESSING_RESPONSE, Pdu().U16(5).User(kAlice).U32((uint32_t)c.nSize).b);
+        EXPECT_LT(ZV_FileShareMgrPeer::BusyFileIDs(mgr).Find(5), 0) << c.nSize;
     }
 }
 
