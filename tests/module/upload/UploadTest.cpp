@@ -228,8 +228,6 @@ TEST_F(Upload, ServerRefusesABlockItCannotTakeAndTheNextBlockShowsWhatItRemember
 {
     struct { const char* szName; QB_UserID sender; size_t nLen; QB_EnvOp eFault; uint32_t ulResult; uint32_t ulNextPos;
              size_t nNextAnswers; uint32_t ulWritePos; uint16_t usState; } aCases[] = {
-        // Another's block is no failure of the file: it changes nothing.
-        {"not the creator", kBob, 100, QB_EnvOp::Count_, 40, 0, 1, 0, zvFileStateAdded},
         {"longer than a block", kAlice, 32769, QB_EnvOp::Count_, 61, 32768, 0, 0, zvFileStateFailed},
         {"store not opened", kAlice, 100, QB_EnvOp::Open, 60, 0, 0, 100, zvFileStateFailed},
         {"write fails", kAlice, 100, QB_EnvOp::Write, 61, 32768, 0, 0, zvFileStateFailed}};
