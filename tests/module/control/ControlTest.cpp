@@ -205,26 +205,6 @@ TEST_F(Control, ManagerTimerWorksOnItsConferencesSlotAndReportsIdleAfterFifteenS
     EXPECT_EQ(Pdu().U16(3012).U32(0).U8(0).b, host.m_vecEvents.back().data);
 }
 
-// A client hears in 8022 how much of an upload its server holds: the file
-// is complete once the server holds it all, and its creator then is no
-// longer busy with it. The 3008 it raises is checked with the other events.
-TEST_F(Control, ClientTakesHowMuchOfAnUploadItsServerHolds)
-{
-    Make(false);
-    for (const QB_UserID& local : {kBob, kAlice})
-    {
-        host.m_LocalUser = local;
-        const bool bCreator = local == kAlice;
-        mgr.SetSessionBusy(1, 5);
-        Clear();
-        Deliver(PDU_CONF_FS_PROGRESSING_RESPONSE, Pdu().U16(5).User(kAlice).U32(250000));
-        EXPECT_TRUE(bCreator || lpSession->BriefInfo().m_usFileState == zvFileStateUploading);
-        Deliver(PDU_CONF_FS_PROGRESSING_RESPONSE, Pdu().U16(5).User(kAlice).U32(1000000));
-        EXPECT_EQ(bCreator, ZV_FileShareMgrPeer::BusyFileIDs(mgr).Find(5) < 0);
-        EXPECT_TRUE(bCreator || lpSession->BriefInfo().m_usFileState == zvFileStateComplete);
-    }
-}
-
 // A stall's time after its last transfer, and not a tick before, a client lets
 // go of an idle file, or asks again for a running download of which the server
 // holds more.
@@ -253,6 +233,13 @@ TEST_F(Control, AStallAfterItsLastTransferAClientLetsGoOfAnIdleFileOrAsksAgainFo
         EXPECT_EQ(bDownloading, ZV_FileShareMgrPeer::BusyFileIDs(mgr).Find(5) >= 0);
         EXPECT_EQ(bDownloading ? 1u : 0u, host.SentOf(PDU_CONF_FS_DOWNLOAD_REQUEST).size());
     }
+    // 8022 says how much of the upload the server holds: whole, the file is complete, the download still busy.
+    for (uint32_t ulPos : {250000u, 1000000u})
+    {
+        Deliver(PDU_CONF_FS_PROGRESSING_RESPONSE, Pdu().U16(5).User(kAlice).U32(ulPos));
+        EXPECT_EQ(ulPos < 1000000 ? zvFileStateUploading : zvFileStateComplete, lpSession->BriefInfo().m_usFileState);
+    }
+    EXPECT_GE(ZV_FileShareMgrPeer::BusyFileIDs(mgr).Find(5), 0);
 }
 
 // The creator's right change goes on to the other servers, and the entries
@@ -289,10 +276,7 @@ TEST_F(Control, ServerTakesARightChangeFromTheCreatorAndDropsTheEntriesOfUsersWh
     // The answer's description is for clients: a server takes it as handled
     // and changes nothing.
     Clear();
-    ZV_SetRightResponse answer;
-    answer.usFileID = 5;
-    answer.user = kAlice;
-    answer.brief.SetPublic(true);
+    const ZV_SetRightResponse answer{0, 5, kAlice, ZV_Brief(kAlice, nullptr, 1000000, true), 0};
     Deliver(PDU_CONF_FS_SET_RIGHT_RESPONSE, Pdu().Data(ZV_SavePayload(answer)), zvConfServerTypeCommand, 900, kRelay);
     EXPECT_TRUE(host.m_vecSent.empty() && host.m_vecEvents.empty());
     EXPECT_FALSE(ZV_FileShareSessionPeer::FileInfo(*lpSession).m_BriefInfo.m_bPublic);

@@ -56,22 +56,6 @@ struct FileList : ::testing::Test
 
 } // namespace
 
-// Nothing held is still two PDUs, files then records; this server itself gets nothing.
-TEST_F(FileList, AnswersALinkedServerWithItsFilesThenItsRecordsAndNobodyElse)
-{
-    const Bytes vbAsk = ZV_Pdu().User(kPeer).b;
-    node.Deliver(PDU_CONF_GET_FILE_LIST_REQUEST, zvConfServerTypeCommand, vbAsk);
-    const std::vector<ZV_SentPdu> vecSent = node.host.SentOf(PDU_CONF_GET_FILE_LIST_RESPONSE);
-    ASSERT_EQ(2u, vecSent.size());
-    EXPECT_EQ(ZV_Pdu().U32(0).User(kSelf).U8(1).U8(0).U8(0).U8(0).b, vecSent[0].data);
-    EXPECT_EQ(ZV_Pdu().U32(0).User(kSelf).U8(0).U8(0).b, vecSent[1].data);
-    EXPECT_EQ(5u, vecSent[0].ulConn);
-
-    node.host.m_vecSent.clear();
-    node.Deliver(PDU_CONF_GET_FILE_LIST_REQUEST, zvConfServerTypeCommand, ZV_Pdu().User(kSelf).b);
-    EXPECT_TRUE(node.host.m_vecSent.empty());
-}
-
 // Files that fill the buffer to the byte go in one PDU; one byte more opens a second.
 TEST_F(FileList, CutsFilesThatFillTheBufferToTheByteIntoOnePduAndOneByteMoreIntoTwo)
 {
@@ -156,6 +140,16 @@ TEST_F(FileList, TakesOnlyTheRecordsOfDownloadersItDidNotKnow)
     Take(records);
     EXPECT_EQ(1000u, lpFsSession->FindDownloadEntry(kBob)->m_ulDownloadPos);
     EXPECT_TRUE(node.host.SentOf(PDU_CONF_GET_DOWNLOAD_SESSION_LIST_RESPONSE).empty());
+    // Asked by the peer, it answers with its files, then its records; asked in its own name, with nothing.
+    node.host.m_vecSent.clear();
+    node.Deliver(PDU_CONF_GET_FILE_LIST_REQUEST, zvConfServerTypeCommand, ZV_Pdu().User(kPeer).b);
+    const std::vector<ZV_FileListResponse> vecParts = Answers();
+    ASSERT_EQ(2u, vecParts.size());
+    EXPECT_TRUE(vecParts[0].arrInfo.GetSize() == 1 && vecParts[1].arrDownload.GetSize() == 1);
+    EXPECT_EQ(5u, node.host.SentOf(PDU_CONF_GET_FILE_LIST_RESPONSE)[1].ulConn);
+    node.host.m_vecSent.clear();
+    node.Deliver(PDU_CONF_GET_FILE_LIST_REQUEST, zvConfServerTypeCommand, ZV_Pdu().User(kSelf).b);
+    EXPECT_TRUE(node.host.m_vecSent.empty());
 }
 
 // New files get a session and a fetch in one write; a second list changes nothing; positions never fall.

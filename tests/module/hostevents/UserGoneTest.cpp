@@ -89,8 +89,6 @@ TEST(UserGone, EachLeaverEndsAsItsRoleAndHomeDecide)
             {
                 EXPECT_EQ("servers", vecDelete[0].sRoute);
                 EXPECT_EQ(ZV_Pdu().U16(7).U16(5).User(kAnn).U32(100).b, vecDelete[0].data) << row.pszName;
-                EXPECT_EQ(1, vecDelete[0].bFlag1);
-                EXPECT_EQ(1, vecDelete[0].bFlag2);
             }
             // The clients, if any, hear that the file is gone.
             const auto vecGone = node.host.SentOf(PDU_CONF_FS_DEL_UPLOAD_RESPONSE);

@@ -220,25 +220,6 @@ TEST_F(SessionLists, AServerRestsRenewsOrWithdrawsEachRecordItLists)
     EXPECT_TRUE(node.host.SentOf(PDU_CONF_FS_DEL_DOWNLOAD_REQUEST).empty());
 }
 
-// An unlisted file goes from the client; a finished download's path stays for the user to delete.
-TEST_F(SessionLists, AClientDropsEveryUnlistedFileKeepingOnlyAFinishedDownloadToDelete)
-{
-    ZV_RecordingNode& node = Started(false);
-    const std::string sFolder = Folder(node);
-    Peer::LocalDownload(AddFile(node, 5, Brief(true))) = Record(5, "5.bin", zvDownloadStateFinished, 20, sFolder);
-    Peer::LocalDownload(AddFile(node, 6, Brief(true))) = Record(6, "6.bin", zvDownloadStateRunning, 20, sFolder);
-    QB_WriteWholeFile(node.tmp.Sub("dl/5.bin"), ZV_TestBytes(100, 1));
-    QB_WriteWholeFile(node.tmp.Sub("dl/6.bin"), ZV_TestBytes(100, 1));
-    Deliver(node, PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE, ZV_SavePayload(UploadList(node.host.m_LocalUser, {})));
-    EXPECT_EQ(0, ZV_FileShareMgrPeer::Sessions(node.mgr).GetCount());
-    EXPECT_TRUE(std::filesystem::exists(node.tmp.Sub("dl/5.bin")));
-    EXPECT_FALSE(std::filesystem::exists(node.tmp.Sub("dl/6.bin"))) << "a partial download goes with its file";
-    EXPECT_EQ(2, std::count_if(node.host.m_vecEvents.begin(), node.host.m_vecEvents.end(),
-                               [](const ZV_RaisedEvent& event) { return event.usEvent == zvFsEventFileGone; }));
-    EXPECT_EQ(0u, node.mgr.FsDelDownload(5, 1));
-    EXPECT_FALSE(std::filesystem::exists(node.tmp.Sub("dl/5.bin")));
-}
-
 // 3013 tells a list in ten-thousandths held (an empty file whole), a batch in percent, nothing earlier.
 TEST_F(SessionLists, AClientTellsEachUploadListWithItsOwnFilesAndHowMuchOfEachTheServerHolds)
 {
@@ -261,7 +242,19 @@ TEST_F(SessionLists, AClientTellsEachUploadListWithItsOwnFilesAndHowMuchOfEachTh
         return Deliver3013(PDU_CONF_GET_UPLOAD_SESSION_LIST_RESPONSE, ZV_SavePayload(UploadList(node.host.m_LocalUser, vecFiles)));
     };
     EXPECT_EQ((Told{{5, 2500.0}, {6, 10000.0}}), Take({{5, 4000, 1000}, {6, 0, 0}}));
+    // The files it no longer lists go: a partial download with its file, a finished one's path stays for the user.
+    const std::string sFolder = Folder(node);
+    Peer::LocalDownload(*ZV_FileShareMgrPeer::Find(node.mgr, 5)) = Record(5, "5.bin", zvDownloadStateFinished, 20, sFolder);
+    Peer::LocalDownload(*ZV_FileShareMgrPeer::Find(node.mgr, 6)) = Record(6, "6.bin", zvDownloadStateRunning, 20, sFolder);
+    QB_WriteWholeFile(node.tmp.Sub("dl/5.bin"), ZV_TestBytes(100, 1));
+    QB_WriteWholeFile(node.tmp.Sub("dl/6.bin"), ZV_TestBytes(100, 1));
     EXPECT_EQ((Told{{7, 5000.0}}), Take({{7, 4000, 2000}}));
+    EXPECT_EQ(1, ZV_FileShareMgrPeer::Sessions(node.mgr).GetCount());
+    EXPECT_TRUE(std::filesystem::exists(node.tmp.Sub("dl/5.bin")) && !std::filesystem::exists(node.tmp.Sub("dl/6.bin")));
+    EXPECT_EQ(2, std::count_if(node.host.m_vecEvents.begin(), node.host.m_vecEvents.end(),
+                               [](const ZV_RaisedEvent& event) { return event.usEvent == zvFsEventFileGone; }));
+    EXPECT_EQ(0u, node.mgr.FsDelDownload(5, 1));
+    EXPECT_FALSE(std::filesystem::exists(node.tmp.Sub("dl/5.bin")));
     // A description without a FileID beside it is told of no file.
     const ZV_FileBriefInfo brief = Brief(true, nullptr, 4000);
     EXPECT_EQ((Told{{8, 25.0}}),
