@@ -276,10 +276,11 @@ TEST_F(Control, ServerTakesARightChangeFromTheCreatorAndDropsTheEntriesOfUsersWh
     // The answer's description is for clients: a server takes it as handled
     // and changes nothing.
     Clear();
-    const ZV_SetRightResponse answer{0, 5, kAlice, ZV_Brief(kAlice, nullptr, 1000000, true), 0};
+    const ZV_SetRightResponse answer{0, 5, kAlice, ZV_Brief(kAlice, nullptr, 777, true), 0};
     Deliver(PDU_CONF_FS_SET_RIGHT_RESPONSE, Pdu().Data(ZV_SavePayload(answer)), zvConfServerTypeCommand, 900, kRelay);
     EXPECT_TRUE(host.m_vecSent.empty() && host.m_vecEvents.empty());
     EXPECT_FALSE(ZV_FileShareSessionPeer::FileInfo(*lpSession).m_BriefInfo.m_bPublic);
+    EXPECT_NE(777u, lpSession->BriefInfo().m_ulFileLenth);
 }
 
 // The user side's stop of a download, its giving one up and its asking
