@@ -41,49 +41,21 @@ Bytes Frame(uint16_t usWord, uint16_t usPdu, uint32_t ulLen, size_t nPayload)
     return Hello(0) + Of(ZV_WriteFrameHead({usWord, usPdu, 0, 0, ulLen})) + Bytes(nPayload, 0x41);
 }
 
-// What a log or a trace gained since a mark.
-struct Since
-{
-    std::function<std::string()> fnText;
-    size_t nMark = fnText().size();
-    std::string Text() const { return fnText().substr(nMark); }
-    bool Shows(const std::string& sWhat) const { return ZV_WaitFor([&] { return Text().find(sWhat) != std::string::npos; }); }
-};
-
 }  // namespace
 
-// Downloads go on through a server restart and a cut link (a client's kill:
+// Downloads go on through a server restart (a cut link and a client's kill:
 // CliProcess); a second login of a user takes the place of the first.
-TEST_P(NetProcess, ClientsFetchByteForByteThroughARestartACutLinkAndASecondLogin)
+TEST_P(NetProcess, ClientsFetchByteForByteThroughARestartAndASecondLoginTakesThePlaceOfTheFirst)
 {
     ZV_ServerUnderTest server(setup, At("srv1"), 1);
     ASSERT_TRUE(server.Start(true));
     AliceShares(server.GetAddress(), "a.bin", 2 * kMiB + 123);
-    AliceShares(server.GetAddress(), "k.bin", 2 * kMiB);
     auto lpBob = ZV_StartClient(setup, "bob", kBob, server.GetAddress(), {"get", "a.bin", "b.bin"}, kSlow);
     ASSERT_TRUE(PartWay("b.bin"));
     ASSERT_EQ(0, server.Stop()) << "SIGTERM is a clean exit";
     ASSERT_TRUE(server.Start());
     EXPECT_EQ(0, lpBob->Wait());
     EXPECT_TRUE(ZV_SameFiles(At("a.bin"), At("b.bin")));
-    EXPECT_EQ(0, ZV_RunClient(setup, "carol", kCarol, server.GetAddress(), {"get", "a.bin", "c.bin"}));
-    EXPECT_TRUE(ZV_SameFiles(At("a.bin"), At("c.bin")));
-
-    const Since logBack{[&] { return server.Log(); }};
-    ZV_TestProxy proxy(ZV_FreeLowPort(), server.GetPort());
-    auto lpCarol = ZV_StartClient(setup, "carol", kCarol, proxy.GetAddress(), {"get", "k.bin", "kc.bin"}, kSlow);
-    ASSERT_TRUE(PartWay("kc.bin"));
-    EXPECT_TRUE(logBack.Shows("carol (10003) is in conference 100, returning")) << "she said goodbye before";
-    const Since log{[&] { return server.Log(); }};
-    proxy.Cut();
-    ASSERT_TRUE(log.Shows("carol (10003) lost its link"));
-    proxy.Restore();
-    EXPECT_EQ(0, lpCarol->Wait()) << ZV_ReadText(At("carol.err")) << server.Log();
-    EXPECT_TRUE(ZV_SameFiles(At("k.bin"), At("kc.bin")));
-    EXPECT_EQ(log.Text().find("carol (10003) left"), log.Text().find("carol (10003) left conference 100: said goodbye"))
-        << "carol only lost her link, and left at her goodbye";
-    EXPECT_EQ(log.Text().find(", returning"), std::string::npos);
-    EXPECT_EQ(proxy.Recorded().find("RCRT") == std::string::npos, GetParam().bTls) << "on TLS no byte shows";
 
     auto Count = [&](const std::string& sWhat) { return QB_CountInFiles(server.GetDir() + "/server.err", sWhat); };
     const size_t nIn = Count("bob (10002) is in conference 100"), nAgain = Count("bob (10002) logs in again");
@@ -156,8 +128,8 @@ TEST(NetSecurity, ALoginThatProvesNothingIsClosedLoggedSlowedDownAndReachesNoMan
     ASSERT_EQ(0, ZV_RunClient(setup, "recorded", kBob, proxy.GetAddress(), {"list"}));
     const std::string sRecorded = proxy.Recorded();
 
-    const Since trace{[&] { return server.Trace(); }};
-    const Since log{[&] { return server.Log(); }};
+    const ZV_Since trace{[&] { return server.Trace(); }};
+    const ZV_Since log{[&] { return server.Log(); }};
     // vecOptions none: the recorded login replayed
     const struct { const char* szCase; std::vector<std::string> vecOptions; const char* szLogged; } aRows[] = {
         {"a wrong secret", {"--name", "bob", "--secret-file", setup.SecretFile("alice")},
@@ -171,7 +143,7 @@ TEST(NetSecurity, ALoginThatProvesNothingIsClosedLoggedSlowedDownAndReachesNoMan
     for (const auto& row : aRows)
     {
         SCOPED_TRACE(row.szCase);
-        const Since rowLog{[&] { return server.Log(); }};
+        const ZV_Since rowLog{[&] { return server.Log(); }};
         if (row.vecOptions.empty())
             EXPECT_TRUE(ZV_SendAndSeeClosed(server.GetPort(), {sRecorded.begin(), sRecorded.end()}, false));
         else
@@ -187,7 +159,7 @@ TEST(NetSecurity, ALoginThatProvesNothingIsClosedLoggedSlowedDownAndReachesNoMan
     EXPECT_GE(std::chrono::steady_clock::now() - tpStart, 800ms);
     EXPECT_NE(log.Text().find("failed logins from 127.0.0.1 lately: 4; its login waits 800 ms"), std::string::npos)
         << log.Text();
-    const Since log2{[&] { return server2.Log(); }, 0}, log1{[&] { return server.Log(); }, 0};
+    const ZV_Since log2{[&] { return server2.Log(); }, 0}, log1{[&] { return server.Log(); }, 0};
     EXPECT_TRUE(log2.Shows("its login was refused: its proof does not hold for server \"1\""));
     EXPECT_TRUE(log1.Shows("the server refused it: login refused"));
     EXPECT_EQ(server2.Log().find("server link to server"), std::string::npos);
@@ -246,7 +218,7 @@ TEST(NetSecurity, APeerThatBreaksTheWireOrDoesNotProveWhoItIsIsRefusedAndReaches
     for (const auto& row : aRows)
     {
         SCOPED_TRACE(row.szCase);
-        const Since log{[&] { return row.server.Log(); }};
+        const ZV_Since log{[&] { return row.server.Log(); }};
         std::vector<std::string> vecOptions = {"--name", "bob", "--secret-file", setup.SecretFile("bob")};
         if (!row.sTrust.empty())
             vecOptions.insert(vecOptions.end(), {"--trust", row.sTrust});

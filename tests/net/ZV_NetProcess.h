@@ -43,6 +43,15 @@ inline bool ZV_WaitFor(const std::function<bool()>& fnDone, std::chrono::millise
     return true;
 }
 
+// What a log or a trace gained since a mark.
+struct ZV_Since
+{
+    std::function<std::string()> fnText;
+    size_t nMark = fnText().size();
+    std::string Text() const { return fnText().substr(nMark); }
+    bool Shows(const std::string& sWhat) const { return ZV_WaitFor([&] { return Text().find(sWhat) != std::string::npos; }); }
+};
+
 // A program in folder sDir, its output appended to sOut and sErr, its input
 // from sIn when given; killed if still running at the end.
 class ZV_Process

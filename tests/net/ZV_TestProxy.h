@@ -1,6 +1,6 @@
 // A TCP relay on loopback that a test can cut (no connection held or taken)
-// and restore on the same port. It keeps what the first connection sent, as
-// someone on the way would see it.
+// and restore on the same port. It keeps what the first connection to send
+// anything sent, as someone on the way would see it.
 #pragma once
 
 #include "ZV_NetProcess.h"
@@ -64,15 +64,14 @@ private:
             connect(nServer, (const sockaddr*)&addr, sizeof addr);
             std::lock_guard lock(m_mutex);
             m_vecSockets.insert(m_vecSockets.end(), {nClient, nServer});
-            m_vecRelays.emplace_back([=, this, bRecord = !std::exchange(m_bRecording, true)] {
-                Relay(nClient, nServer, bRecord);
-            });
+            m_vecRelays.emplace_back([=, this] { Relay(nClient, nServer); });
         }
     }
     // Both ways until both ends closed; an end that closed is passed on as a
     // half close.
-    void Relay(int nClient, int nServer, bool bRecord)
+    void Relay(int nClient, int nServer)
     {
+        bool bRecord = false, bSent = false;
         pollfd aPoll[2] = {{nClient, POLLIN, 0}, {nServer, POLLIN, 0}};
         char ab[65536];
         while (aPoll[0].fd >= 0 || aPoll[1].fd >= 0)
@@ -87,10 +86,12 @@ private:
                 ssize_t nRead = read(aPoll[i].fd, ab, sizeof ab);
                 if (nRead <= 0)
                     shutdown(nTo, SHUT_WR), aPoll[i].fd = -1;
-                if (nRead > 0 && bRecord && i == 0)
+                if (nRead > 0 && i == 0)
                 {
                     std::lock_guard lock(m_mutex);
-                    if (m_sRecorded.size() < kRecordLimit)
+                    if (!std::exchange(bSent, true))
+                        bRecord = !std::exchange(m_bRecording, true);
+                    if (bRecord && m_sRecorded.size() < kRecordLimit)
                         m_sRecorded.append(ab, (size_t)nRead);
                 }
                 for (ssize_t nDone = 0, nSent = 0; nRead > 0 && nDone < nRead; nDone += nSent)
