@@ -6,6 +6,7 @@
 #include "IZV_FileShare.h"
 #include "wire/ZV_RecordStream.h"
 
+#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <functional>
@@ -24,12 +25,8 @@ struct ZV_Pdu
     ZV_Pdu& U32(uint32_t v) { return U16(v & 0xFFFF).U16(v >> 16); }
     ZV_Pdu& User(const QB_UserID& id) { return U32(id.m_ulMain).U32(id.m_ulSub); }
     ZV_Pdu& Data(const std::vector<uint8_t>& data) { b.insert(b.end(), data.begin(), data.end()); return *this; }
-    ZV_Pdu& F64(double d)
-    {
-        uint8_t a[8];
-        std::memcpy(a, &d, 8);  // little-endian on this host
-        return Data(std::vector<uint8_t>(a, a + 8));
-    }
+    ZV_Pdu& U64(uint64_t v) { return U32(v & 0xFFFFFFFF).U32(v >> 32); }
+    ZV_Pdu& F64(double d) { return U64(std::bit_cast<uint64_t>(d)); }
     template <class TRecord> ZV_Pdu& Record(const TRecord& record)
     {
         uint8_t abBuf[4096];

@@ -9,6 +9,7 @@
 #include "add/ZV_AddPdu.h"
 #include "core/ZV_FileShareMgr.h"
 #include "core/ZV_FileShareSession.h"
+#include "download/ZV_DownloadPdu.h"
 #include "ZV_FileShareMgrPeer.h"
 #include "ZV_FileShareSessionPeer.h"
 #include "ZV_PayloadCheck.h"
@@ -37,12 +38,7 @@ inline ZV_FileBriefInfo ZV_Brief(const QB_UserID& creator, const char* szName, u
 inline std::vector<uint8_t> ZV_AddAsk(uint16_t usFileID, const QB_UserID& user, const ZV_FileBriefInfo& brief,
                                       uint32_t ulFloodSeq = 0)
 {
-    ZV_AddRequest ask;
-    ask.usFileID = usFileID;
-    ask.user = user;
-    ask.ulFloodSeq = ulFloodSeq;
-    ask.brief = brief;
-    return ZV_SavePayload(ask);
+    return ZV_SavePayload(ZV_AddRequest{{usFileID, user, ulFloodSeq}, brief, 0});
 }
 
 // 8055 in user's name: each description beside its FileID (ZV_NO_FILEID: one to be given).
@@ -113,12 +109,12 @@ std::vector<T> ZV_SentAs(const ZV_RecordingHost& host, uint16_t usPdu, int nSkip
 template <class TList>
 std::vector<TList> ZV_Pieces(const ZV_RecordingHost& host, uint16_t usPdu)
 {
-    std::vector<TList> vecParts = ZV_SentAs<TList>(host, usPdu);
-    const auto vecSent = ZV_SentData(host, usPdu);
-    for (size_t i = 0; i < vecSent.size(); ++i)
+    std::vector<TList> vecParts;
+    for (const std::vector<uint8_t>& data : ZV_SentData(host, usPdu))
     {
-        EXPECT_LE(vecSent[i].size(), (size_t)QB_PDU_BUFFER_SIZE);
-        EXPECT_EQ(vecSent[i], ZV_SavePayload(vecParts[i]));
+        vecParts.push_back(ZV_Parse<TList>(data));
+        EXPECT_LE(data.size(), (size_t)QB_PDU_BUFFER_SIZE);
+        EXPECT_EQ(data, ZV_SavePayload(vecParts.back()));
     }
     return vecParts;
 }
@@ -127,16 +123,9 @@ std::vector<TList> ZV_Pieces(const ZV_RecordingHost& host, uint16_t usPdu)
 inline std::vector<ZV_FileDownloadInfo> ZV_DataAsks(const ZV_RecordingHost& host, uint16_t usFileID = ZV_NO_FILEID)
 {
     std::vector<ZV_FileDownloadInfo> vec;
-    for (const ZV_SentPdu& sent : host.SentOf(PDU_CONF_FS_DOWNLOAD_DATA_REQUEST))
-    {
-        QB_ByteStream stream(sent.data.data(), (int32_t)sent.data.size());
-        const uint16_t usAsked = stream.ReadU16();
-        stream.Skip(8);
-        ZV_FileDownloadInfo record;
-        LoadDelimited(stream, record);
-        if (usFileID == ZV_NO_FILEID || usAsked == usFileID)
-            vec.push_back(record);
-    }
+    for (const ZV_DownloadDataRequest& ask : ZV_SentAs<ZV_DownloadDataRequest>(host, PDU_CONF_FS_DOWNLOAD_DATA_REQUEST))
+        if (usFileID == ZV_NO_FILEID || ask.usFileID == usFileID)
+            vec.push_back(ask.record);
     return vec;
 }
 

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cctype>
 #include <filesystem>
 #include <fstream>
@@ -18,9 +19,7 @@ QB_TempFolder::QB_TempFolder()
 {
     const auto* lpInfo = ::testing::UnitTest::GetInstance()->current_test_info();
     std::string sName = lpInfo ? std::string(lpInfo->test_suite_name()) + "." + lpInfo->name() : "notest";
-    for (char& ch : sName)
-        if (!std::isalnum((unsigned char)ch) && ch != '.' && ch != '-')
-            ch = '_';
+    std::replace_if(sName.begin(), sName.end(), [](unsigned char ch) { return !std::isalnum(ch) && ch != '.' && ch != '-'; }, '_');
     const fs::path pathBase = fs::temp_directory_path() / "roomcrate-tests";
     fs::create_directories(pathBase);
     std::string sTemplate = (pathBase / (sName + "-XXXXXX")).string();
@@ -48,9 +47,7 @@ QB_StringW QB_TempFolder::SubW(const std::string& sRelative) const { return QB_T
 QB_StringW QB_ToWindowsPath(const std::string& sPath)
 {
     std::u16string s = fs::path(sPath).u16string();
-    for (char16_t& ch : s)
-        if (ch == u'/')
-            ch = u'\\';
+    std::replace(s.begin(), s.end(), u'/', u'\\');
     return QB_StringW(std::u16string_view(s));
 }
 

@@ -54,9 +54,8 @@ public:
     static ZV_FileShareSession& Adopt(M& mgr, uint16_t usFileID, const char* szStorePath)
     {
         auto lpOwned = std::make_unique<ZV_FileShareSession>(&mgr, szStorePath);
-        ZV_FileShareSession& session = *lpOwned;
         mgr.DetachSession(usFileID);
-        mgr.m_mapSession.SetAt(usFileID, lpOwned.release());
-        return session;
+        mgr.m_mapSession.SetAt(usFileID, lpOwned.get());
+        return *lpOwned.release();
     }
 };
