@@ -66,7 +66,7 @@ TEST_F(RightsScene, ARightChangeTellsTheLocalUserOfTheFilesItCouldNotSee)
           uint16_t usRaised; } aRows[] = {
         {"more visible", Bob(), zvConfEventRightChange, 1, Bob()->GetUserID(), zvFsEventFileAdded},
         {"fewer visible", Bob(), zvConfEventRightChange, 0, Bob()->GetUserID(), zvFsEventFileHidden},
-        {"another user's change", Bob(), zvConfEventRightChange, 1, Alice()->GetUserID(), 0},
+        {"another user's change", Bob(), zvConfEventRightChange, 1, QB_UserID(99999, 0), 0},
         {"a number not served", shape.Server(), 5, 0, Bob()->GetUserID(), 0},
     };
     for (const auto& row : aRows)
