@@ -44,7 +44,8 @@ struct SweepScene : public ZV_Scene
     bool Uploaded(uint16_t usFileID)
     {
         ZV_FileUploadInfo row;
-        return Row(shape.Server(), usFileID, row) && row.m_BriefInfo.m_usFileState == 3 && StoredBytes(shape.Server(), usFileID) == kData;
+        return Row(shape.Server(), usFileID, row) && row.m_BriefInfo.m_usFileState == 3 &&
+               QB_ReadWholeFile(Stored(shape.Server(), row)) == kData;
     }
     bool Settle() { return sim.AdvanceTime(ulSettleMs); }
 

@@ -175,12 +175,6 @@ struct ZV_Scene : public ::testing::Test
         return lpServer->GetHome() + "store/" + std::to_string(ZV_SimBuilder::kConfID) + "/" +
                row.m_sFileNewName.GetString();
     }
-    // The bytes a server stores of a file; empty with no row or no file.
-    static ZV_Bytes StoredBytes(ZV_SimHost* lpServer, uint16_t usFileID)
-    {
-        ZV_FileUploadInfo row;
-        return Row(lpServer, usFileID, row) ? QB_ReadWholeFile(Stored(lpServer, row)) : ZV_Bytes();
-    }
     static size_t StoreCount(ZV_SimHost* lpServer)
     {
         return (size_t)std::distance(std::filesystem::directory_iterator(lpServer->GetHome() + "store/" +
